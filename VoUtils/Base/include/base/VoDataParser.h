@@ -1,0 +1,131 @@
+// The library's parameter text, and the bodies that carry parameters with a binary payload.
+//
+// Parameter text is name=value pairs joined by "&"; inside a value "$" is written "$$" and "&" is written "$&", names are
+// written as they are. A message is parameter text as bytes, "&&", then the payload.
+//
+// Parsers are not thread-safe; use one per request. Operations answer HRESULTs, report each failure, and leave outputs
+// untouched when they fail.
+#pragma once
+
+#include <base/Vo2DIDArray.h>
+#include <base/VoCArray.h>
+#include <base/VoPlatform.h>
+
+#include <span>
+#include <string>
+#include <string_view>
+
+// One parameter.
+class CParamRec
+{
+public:
+    CParamRec() = default;
+    CParamRec(std::wstring_view name, std::wstring_view value) : m_name(name), m_value(value) {}
+
+    // Fills the record from one pair of parameter text. E_FAIL for a pair without "=".
+    [[nodiscard]] HRESULT PutParamString(const wchar_t* text, size_t length);
+
+    [[nodiscard]] const std::wstring& Name() const noexcept { return m_name; }
+    [[nodiscard]] const std::wstring& Value() const noexcept { return m_value; }
+    void SetValue(std::wstring value) noexcept { m_value = std::move(value); }
+
+private:
+    std::wstring m_name;
+    std::wstring m_value;
+};
+
+// An ordered list of named parameters, all kept as text. Names are found without regard to case, the first match wins, and a
+// name may stand twice. Numbers, booleans and dates cross in the form of VoChangeVariantTypeNoLocale.
+class CVoDataParser
+{
+public:
+    CVoDataParser() = default;
+    CVoDataParser(const CVoDataParser& other);
+    CVoDataParser(CVoDataParser&& other) noexcept;
+    CVoDataParser& operator=(const CVoDataParser& other);
+    CVoDataParser& operator=(CVoDataParser&& other) noexcept;
+    virtual ~CVoDataParser();
+
+    // Append a parameter. A VARIANT that holds a CVo2DIDArray's flattening is not known here: use the array overload, which
+    // writes the keys name_dim1, name_dim2, name_empty_r_c, name_ID_r_c, name_type_r_c and name_val_r_c.
+    [[nodiscard]] HRESULT AddParam(std::wstring_view name, std::wstring_view value) noexcept;
+    [[nodiscard]] HRESULT AddParam(std::wstring_view name, const wchar_t* value) noexcept;
+    [[nodiscard]] HRESULT AddParam(std::wstring_view name, UINT32 value) noexcept;
+    [[nodiscard]] HRESULT AddParam(std::wstring_view name, double value) noexcept;
+    [[nodiscard]] HRESULT AddParam(std::wstring_view name, bool value) noexcept;
+    [[nodiscard]] HRESULT AddParam(std::wstring_view name, const VARIANT& value) noexcept;
+    [[nodiscard]] HRESULT AddParam(std::wstring_view name, const CVo2DIDArray& value) noexcept;
+
+    // Read the first parameter of that name, converted. HRESULT_FROM_WIN32(ERROR_NOT_FOUND) when there is none. The variant
+    // asks for the type that `value.vt` holds on entry (VT_EMPTY: text).
+    [[nodiscard]] HRESULT GetParam(std::wstring_view name, std::wstring& value) const noexcept;
+    [[nodiscard]] HRESULT GetParam(std::wstring_view name, UINT32& value) const noexcept;
+    [[nodiscard]] HRESULT GetParam(std::wstring_view name, double& value) const noexcept;
+    [[nodiscard]] HRESULT GetParam(std::wstring_view name, bool& value) const noexcept;
+    [[nodiscard]] HRESULT GetParam(std::wstring_view name, VARIANT& value) const noexcept;
+    [[nodiscard]] HRESULT GetParam(std::wstring_view name, CVo2DIDArray& value) const noexcept;
+
+    // The first record of that name, or null. It belongs to the parser and lives until the list changes.
+    [[nodiscard]] const CParamRec* FindParam(std::wstring_view name) const noexcept;
+    [[nodiscard]] bool ParamExists(std::wstring_view name) const noexcept { return FindParam(name) != nullptr; }
+
+    // The list in its order, for walking it.
+    [[nodiscard]] size_t GetCount() const noexcept { return m_params.GetSize(); }
+    [[nodiscard]] const CParamRec& GetAt(size_t index) const noexcept { return *m_params[index]; }
+    void RemoveAll() noexcept;
+
+    // Appends the pairs found in parameter text. A pair without "=" ends it with E_FAIL; pairs read before stay in the list.
+    [[nodiscard]] HRESULT ReadParamsFromString(std::wstring_view text) noexcept;
+    // The whole list as parameter text.
+    [[nodiscard]] HRESULT GetParamsAsString(std::wstring& text) const noexcept;
+
+    // One value to its URL-encoded form and back, in place. With `useUtf8` over UTF-8 bytes, else one byte per character
+    // (E_FAIL for a character above 255). Decoding answers E_FAIL for a malformed escape.
+    [[nodiscard]] static HRESULT ToUTF8AndUrlEncode(bool useUtf8, std::wstring& value) noexcept;
+    [[nodiscard]] static HRESULT FromUTF8AndUrlEncode(bool useUtf8, std::wstring& value) noexcept;
+    // The same for every value of the list; the first failure stops.
+    [[nodiscard]] HRESULT ConvertParamValuesToUTF8URLEncodedString(bool useUtf8) noexcept;
+    [[nodiscard]] HRESULT ConvertParamValuesFromUTF8URLEncodedString(bool useUtf8) noexcept;
+
+protected:
+    CArray<CParamRec*, CParamRec*> m_params; // owned
+};
+
+// Parameters with a binary payload.
+class CVoBinaryDataParser : public CVoDataParser
+{
+public:
+    // Takes a message apart: replaces the payload and appends the parameters found. `binaryOnly` makes the whole input the
+    // payload. With `useUtf8` the text is UTF-8 (a byte-order mark is skipped), else in the thread's ANSI code page. Without
+    // "&&" the whole input is parameter text.
+    [[nodiscard]] HRESULT Parse(UINT32 length, const BYTE* bytes, bool binaryOnly, bool useUtf8) noexcept;
+    // The same, taking the bytes over, so that a large payload is moved within its buffer and never stands twice in memory.
+    [[nodiscard]] HRESULT Parse(std::vector<BYTE>&& bytes, bool binaryOnly, bool useUtf8) noexcept;
+
+    // Builds a message. Without `useUtf8` the text goes out in the system's ANSI code page; `skipParams` leaves text and "&&"
+    // out. The buffer is allocated with new BYTE[] and belongs to the caller; a null buffer pointer asks for the length alone.
+    [[nodiscard]] HRESULT GetMessageData(UINT32* length, BYTE** buffer, bool skipParams, bool useUtf8) const noexcept;
+    // The same behind its length as an unsigned 32-bit little-endian number.
+    [[nodiscard]] HRESULT GetMessageDataWithSizePrefix(UINT32* length, BYTE** buffer, bool skipParams,
+                                                       bool useUtf8) const noexcept;
+    // A multipart/form-data body: every parameter but "FileName" and "ContentType" as a field, then the payload as a file when
+    // "FileName" names one. `boundary` (of 41 characters) is made afresh for each body. Texts are UTF-8 with `useUtf8`, else in
+    // the system's ANSI code page.
+    [[nodiscard]] HRESULT GetFormMessageData(UINT32* length, BYTE** buffer, std::wstring& boundary,
+                                             bool useUtf8) const noexcept;
+    // The parameters as parameter text in bytes, without "&&" and payload (the body of a form).
+    [[nodiscard]] HRESULT GetParamData(bool useUtf8, UINT32* length, BYTE** buffer) const noexcept;
+
+    // The payload is copied in; what Payload() gives stays valid until the payload changes.
+    [[nodiscard]] HRESULT SetPayload(const BYTE* bytes, UINT32 length) noexcept;
+    void SetPayload(std::vector<BYTE>&& bytes) noexcept { m_payload = std::move(bytes); }
+    [[nodiscard]] std::span<const BYTE> Payload() const noexcept { return m_payload; }
+    // Moves the payload out of the parser.
+    [[nodiscard]] std::vector<BYTE> TakePayload() noexcept { return std::exchange(m_payload, {}); }
+
+private:
+    [[nodiscard]] HRESULT internalGetParamData(bool useUtf8, UINT32* length, BYTE** buffer) const;
+    [[nodiscard]] static HRESULT StringToMessageData(std::wstring_view text, bool useUtf8, UINT32* length, BYTE** buffer);
+
+    std::vector<BYTE> m_payload;
+};

@@ -1,0 +1,193 @@
+// Error reporting: the process-wide trace log, the module's settings, error texts.
+//
+// A function that fails reports where it happened and returns the code; each caller that passes the failure on reports again
+// under its own name, so that the log shows the chain:
+//
+//     HRESULT CProxyConfigHandler::Init(const CHTTPProxyConfigData& config) noexcept
+//     {
+//         constexpr CVoReporter report{ kSource, L"CProxyConfigHandler::Init" };
+//         if (const HRESULT hr = m_session.SetTimeouts(2000, 2000, 2000, 2000); FAILED(hr))
+//             return report(634, hr);
+//
+// The number is a trace point: part of the log's format, assigned by hand, stable when code moves, because support looks a
+// report up by source and number. A pair (source, number) stands once in the code.
+#pragma once
+
+#include <base/VoHResult.h>
+#include <base/VoPlatform.h>
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+// What ModuleSettings.ini switches, with the defaults that hold where a key is missing or does not parse.
+struct CVoModuleSettings
+{
+    bool applicationLog = false;             // DEBUG/APPLOG
+    bool otherLog = false;                   // DEBUG/OTHERLOG; read and stored for the application
+    bool cutOff = true;                      // DEBUG/APPLOGCUTOFF
+    INT32 cutOffSizeKiB = 8192;              // DEBUG/APPLOGCUTOFFSIZEINKBYTE, 8192..1048576
+    bool useTempDirectory = true;            // DEBUG/UseTempDirectory
+    std::wstring directory;                  // DEBUG/Directory
+    std::wstring versionString;              // DEBUG/VersionString
+    bool appendVersionToDirectory = false;   // DEBUG/AppendSoftwareVersionToLogDir
+    bool localizerGenerate = false;          // OrvLocalizer/Generate; read and stored for the application
+    bool needWatchdog = true;                // WatchDogSettings/NeedWatchDog; read and stored for the application
+    UINT32 httpEngine = 0;                   // SETTINGS/HTTPEngine, 0..3
+    bool checkServerCertificate = true;      // SETTINGS/HTTPCheckServerCert
+    bool checkCertificateRevocation = false; // SETTINGS/HTTPCheckServerCertRevocation
+};
+
+// Reads ModuleSettings.ini in the given folder. A missing file or key leaves the default; values out of range are clamped as
+// noted above. Never fails.
+[[nodiscard]] CVoModuleSettings VoReadModuleSettings(const std::wstring& directory);
+
+// Names the folder in which ModuleSettings.ini is looked up, in place of the folder of the module's file. Call it before the
+// first report or settings query of the process; afterwards it answers HRESULT_FROM_WIN32(ERROR_ALREADY_INITIALIZED) and
+// changes nothing.
+[[nodiscard]] HRESULT VoSetModuleSettingsDirectory(std::wstring_view directory) noexcept;
+
+// The application's log file. One object serves the process (VoErrorLog()); others exist only in tests. Any thread may report.
+// Every line opens, writes and closes the file, so that several processes can share it and a reader may delete it; writers in
+// all processes are serialised by the named mutex "Mutex_ErrorLogFile_" + log name. The log never reports its own failures: a
+// line that cannot be written is dropped.
+class CVoErrorLogFile
+{
+public:
+    CVoErrorLogFile() = default;
+    ~CVoErrorLogFile();
+    CVoErrorLogFile(const CVoErrorLogFile&) = delete;
+    CVoErrorLogFile& operator=(const CVoErrorLogFile&) = delete;
+
+    // Takes over the settings, resolves the log's path and mutex, builds the run header, and writes the start line. Runs once.
+    void Init(const CVoModuleSettings& settings) noexcept;
+
+    // Switches the application log on or off for this run, whatever the settings say. Any thread.
+    void SetApplicationLog(bool on) noexcept { m_applicationLog.store(on, std::memory_order_relaxed); }
+    [[nodiscard]] bool IsApplicationLogOn() const noexcept { return m_applicationLog.load(std::memory_order_relaxed); }
+
+    // Routes error texts of facility 260 to the error translator module. Off until the application switches it on.
+    void SetUseErrorTranslator(bool on) noexcept { m_useErrorTranslator.store(on, std::memory_order_relaxed); }
+    [[nodiscard]] bool UsesErrorTranslator() const noexcept { return m_useErrorTranslator.load(std::memory_order_relaxed); }
+
+    // Full path of the log file; empty means that lines go nowhere. Fixed by Init.
+    [[nodiscard]] const std::wstring& LogFilePath() const noexcept { return m_logFilePath; }
+    [[nodiscard]] const std::wstring& ModuleName() const noexcept { return m_moduleName; }
+    [[nodiscard]] const CVoModuleSettings& Settings() const noexcept { return m_settings; }
+
+    // Writes one line. A null source leaves out module and file, a negative line number the line, a null function the function.
+    // Keeps the calling thread's last error.
+    void WriteLine(const wchar_t* source, int line, const wchar_t* function, std::wstring_view message) noexcept;
+    // WriteLine with the message "Code=0x%X".
+    void WriteCode(const wchar_t* source, int line, const wchar_t* function, HRESULT code) noexcept;
+
+private:
+    CVoModuleSettings m_settings;
+    std::atomic<bool> m_applicationLog{ false };
+    std::atomic<bool> m_useErrorTranslator{ false };
+    bool m_headerWritten = false; // guarded by m_writeLock and, across processes, by the mutex
+    std::wstring m_moduleName;
+    std::wstring m_logFilePath;
+    std::wstring m_runHeader;
+    HANDLE m_mutex = nullptr;
+    std::mutex m_writeLock;
+};
+
+// The process's log, made and initialised by the first call (which reads ModuleSettings.ini). It lives until the process ends.
+[[nodiscard]] CVoErrorLogFile& VoErrorLog() noexcept;
+
+namespace VoReportDetail
+{
+// Whether reports go anywhere, so that a report with the log off costs one load.
+enum class ELogState : int
+{
+    Uninitialised,
+    Off,
+    On
+};
+inline constinit std::atomic<ELogState> g_logState{ ELogState::Uninitialised };
+
+VO_NOINLINE void ReportCode(const wchar_t* source, int line, const wchar_t* function, HRESULT code) noexcept;
+VO_NOINLINE void ReportMessage(const wchar_t* source, int line, const wchar_t* format, ...) noexcept;
+VO_NOINLINE void ReportMessage(const char* source, int line, const wchar_t* format, ...) noexcept;
+
+[[nodiscard]] inline bool IsOff() noexcept
+{
+    return g_logState.load(std::memory_order_relaxed) == ELogState::Off;
+}
+} // namespace VoReportDetail
+
+// Reports a code: one log line with the message "Code=0x%X". `source` is the source file as support knows it, without its
+// extension ("..\source\VoHTTPMessageCURL"), `function` the qualified name with its namespace. With the log off this is one
+// load: nothing is formatted or allocated. Never changes the last error.
+inline void VoReportCode(const wchar_t* source, int line, const wchar_t* function, HRESULT code) noexcept
+{
+    if (!VoReportDetail::IsOff())
+        VoReportDetail::ReportCode(source, line, function, code);
+}
+
+// Reports a message: a log line with no function part, its text built as printf does from a wide format. Write %ls for wide and
+// %hs for narrow text: these mean the same in every C library.
+template <class... Args>
+void VoReportMessage(const wchar_t* source, int line, const wchar_t* format, Args... args) noexcept
+{
+    if (!VoReportDetail::IsOff())
+        VoReportDetail::ReportMessage(source, line, format, args...);
+}
+template <class... Args>
+void VoReportMessage(const char* source, int line, const wchar_t* format, Args... args) noexcept
+{
+    if (!VoReportDetail::IsOff())
+        VoReportDetail::ReportMessage(source, line, format, args...);
+}
+
+// Reports for one function: bind it once at the function's top, then return what it returns.
+class CVoReporter
+{
+public:
+    // Both texts must outlive the reporter; they are literals everywhere.
+    constexpr CVoReporter(const wchar_t* source, const wchar_t* function) noexcept : m_source(source), m_function(function) {}
+
+    // Reports a code at a trace point and gives it back.
+    HRESULT operator()(int line, HRESULT code) const noexcept
+    {
+        VoReportCode(m_source, line, m_function, code);
+        return code;
+    }
+
+    // Reports an error number of the platform: as its HRESULT at `line`, or as E_FAIL at `lineWhenZero` when the platform
+    // failed without saying why. Gives the HRESULT back.
+    HRESULT Win32(int line, int lineWhenZero, DWORD error) const noexcept
+    {
+        return (*this)(error != ERROR_SUCCESS ? line : lineWhenZero, HResultFromWin32(error));
+    }
+    // Win32 with the calling thread's last error.
+    HRESULT LastError(int line, int lineWhenZero) const noexcept { return Win32(line, lineWhenZero, ::GetLastError()); }
+
+    // Reports the exception being handled (HResultFromCurrentException); call it only inside a catch block.
+    HRESULT CurrentException(int line) const noexcept { return (*this)(line, HResultFromCurrentException()); }
+
+    // Reports a message at a trace point; see VoReportMessage for the format.
+    template <class... Args>
+    void Message(int line, const wchar_t* format, Args... args) const noexcept
+    {
+        VoReportMessage(m_source, line, format, args...);
+    }
+
+private:
+    const wchar_t* m_source;
+    const wchar_t* m_function;
+};
+
+// The text for the user of a result code.
+//   facility 7 (Win32): the system's text; for the Internet errors 12000..12192 from wininet.dll
+//   facility 259: the library's own table
+//   facility 260: the error translator module, when the log's translator switch is on
+//   any other: the system's text for the whole code
+// Where there is no text, `useFallback` gives "Unknown system error occured!"; without it the call fails with E_FAIL. Answers
+// S_FALSE (1) and writes nothing when `text` is null. `text` is untouched on failure.
+[[nodiscard]] HRESULT VoGetErrorText(HRESULT code, bool useFallback, std::wstring* text) noexcept;
+
+// Shows the text of a code in a message box with the caption "Error"; blocks until the user closes it.
+[[nodiscard]] HRESULT VoShowError(HRESULT code, bool useFallback) noexcept;

@@ -1,0 +1,60 @@
+// Result codes: how the errors of the platform and the exceptions of the library become an HRESULT.
+#pragma once
+
+#include <base/VoPlatform.h>
+
+#include <exception>
+
+// Codes of the library that have no name of their own in the platform's headers.
+inline constexpr HRESULT kResultCancelled = static_cast<HRESULT>(0x800704C7);         // the user declined a credentials prompt
+inline constexpr HRESULT kResultTimeout = static_cast<HRESULT>(0x800705B4);           // a transfer ran out of time
+inline constexpr HRESULT kResultCallbackException = static_cast<HRESULT>(0x80070428); // an exception was caught in a callback
+inline constexpr HRESULT kResultNotEnoughMemory = static_cast<HRESULT>(0x80070008);   // a growable array could not grow
+inline constexpr HRESULT kResultUnexpectedStatus =
+    static_cast<HRESULT>(0x80072F78); // an HTTP status other than 200 (Windows transports)
+
+// The HRESULT of an error number for which a failure was detected. A positive number e becomes 0x80070000 | (e & 0xFFFF), a
+// value that is an HRESULT already is kept, and 0 (the callee failed without saying why) becomes E_FAIL.
+[[nodiscard]] constexpr HRESULT HResultFromWin32(DWORD error) noexcept
+{
+    const auto value = static_cast<HRESULT>(error);
+    if (value == 0)
+        return E_FAIL;
+    return value < 0 ? value : static_cast<HRESULT>(0x80070000U | (error & 0xFFFFU));
+}
+
+// HResultFromWin32 of the calling thread's last error.
+[[nodiscard]] inline HRESULT HResultFromLastError() noexcept
+{
+    return HResultFromWin32(::GetLastError());
+}
+
+// The exception that carries an HRESULT through the inside of the library. It never crosses a public edge.
+class CVoHResultException : public std::exception
+{
+public:
+    explicit CVoHResultException(HRESULT result) noexcept : m_result(result) {}
+
+    [[nodiscard]] HRESULT Result() const noexcept { return m_result; }
+    [[nodiscard]] const char* what() const noexcept override { return "HRESULT failure"; }
+
+private:
+    HRESULT m_result;
+};
+
+// The HRESULT of the exception being handled; call it only inside a catch block. CVoHResultException gives its own code,
+// memory exhaustion E_OUTOFMEMORY, a length or an argument out of bounds E_INVALIDARG, anything else E_FAIL.
+[[nodiscard]] HRESULT HResultFromCurrentException() noexcept;
+
+// Keeps the calling thread's last error over a scope, for clean-up code that must not disturb it.
+class CVoLastErrorKeeper
+{
+public:
+    CVoLastErrorKeeper() noexcept : m_error(::GetLastError()) {}
+    ~CVoLastErrorKeeper() { ::SetLastError(m_error); }
+    CVoLastErrorKeeper(const CVoLastErrorKeeper&) = delete;
+    CVoLastErrorKeeper& operator=(const CVoLastErrorKeeper&) = delete;
+
+private:
+    DWORD m_error;
+};

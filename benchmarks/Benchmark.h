@@ -1,0 +1,44 @@
+// Measures pieces of work side by side in one run and prints their times and ratios.
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace Benchmark
+{
+// Keeps the optimiser from dropping a result.
+template <class T>
+inline void Keep(const T& value)
+{
+    static volatile const void* sink;
+    sink = &value;
+}
+
+// One way to do the work; `run` does it once.
+struct CContender
+{
+    std::string name;
+    std::function<void()> run;
+};
+
+struct COptions
+{
+    double minimumSeconds = 0.02; // of one sample: fast work is repeated until it lasts that long
+    int samples = 15;             // taken in turn from all contenders, so that a slow spell of the machine hits them alike
+    double bytes = 0;             // bytes that one run handles, for a throughput column; 0 for none
+};
+
+// Runs the contenders in turn and prints a line each: the median time of a run, the throughput, and the ratio of its time to
+// the first contender's (the median of the ratios of samples taken side by side). Returns the medians in seconds.
+std::vector<double> Compare(const std::string& title, const std::vector<CContender>& contenders, const COptions& options = {});
+
+// A group of comparisons, registered by each benchmark file and run by main when its name matches the command line.
+struct CGroup
+{
+    CGroup(const char* name, void (*run)());
+};
+} // namespace Benchmark
