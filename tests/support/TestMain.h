@@ -1,0 +1,26 @@
+// What the main of the test programs (TestMain.cpp) offers to the tests.
+//
+// Every test program has that main: it is linked from VoTestSupport, a test program adds nothing. It makes crashes and hangs
+// failures that cannot be mistaken for a pass, and prints as its last line, only when the whole run came to its end,
+//     VOUTILS-TESTS-COMPLETE passed=N failed=N skipped=N
+// Exit codes: 0 all passed, 1 a test failed or none was selected, 96 the set-up failed, 97 abort or std::terminate,
+// 98 a test hung, 99 an unhandled exception of the platform.
+#pragma once
+
+#include <filesystem>
+#include <string_view>
+
+namespace TestSupport
+{
+constexpr int kExitSetUpFailed = 96;
+constexpr int kExitAborted = 97;
+constexpr int kExitHung = 98;
+constexpr int kExitCrashed = 99;
+
+// The private folder of this test process. ModuleSettings.ini lies there, and the application's log goes there. It is removed
+// at the end of the run.
+[[nodiscard]] const std::filesystem::path& TestFolder();
+
+// Makes a fresh folder of a unique name inside TestFolder() and gives its path. Any thread.
+[[nodiscard]] std::filesystem::path MakeTestFolder(std::wstring_view name);
+} // namespace TestSupport
