@@ -20,13 +20,19 @@ public:
     CServerAddressData& operator=(CServerAddressData&&) = default;
     virtual ~CServerAddressData() = default;
 
-    // Parses [scheme "://"] host [":" port] ["/" path] ["?" query]; an IPv6 literal stands in brackets when a port or another
-    // colon is there. `defaultSecure` is the scheme of a text that names none. Without `keepPath` neither path nor query is
-    // kept, without `keepQuery` no query. A port that is the scheme's default is dropped (0). E_INVALIDARG for a malformed
-    // text; the record is unchanged then.
+    // Parses [scheme "://"] host [":" port] ["/" path] ["?" query] ["#" fragment] without regard to white space around the
+    // text, the host and the port. The scheme is http or https in any case; `defaultSecure` stands in for it in a text that
+    // names none. An IPv6 literal is in brackets. A port that is the scheme's default is dropped (0). Without `keepPath`
+    // neither path nor query is kept (old ones are cleared), without `keepQuery` no query; the fragment is never kept, because
+    // it is never sent (RFC 9110, section 4.2.5). Blanks and characters beyond ASCII in path and query stay as they are: the
+    // transports percent-encode them.
+    //
+    // E_INVALIDARG, and an unchanged record, for: another scheme; no host; a host with blanks, user information ("@") or other
+    // characters that no host name has (RFC 3986, section 3.2.2); a literal without brackets or that is no IPv6 address; a port
+    // that is no number of at most 65535; a control character anywhere inside.
     [[nodiscard]] HRESULT SetAddress(std::wstring_view url, bool defaultSecure, bool keepPath, bool keepQuery) noexcept;
-    // Replaces path and query: `objectPath` is a path beginning with "/" and, behind a "?", a query; empty clears both.
-    // E_INVALIDARG for any other text.
+    // Replaces path and query: `objectPath` is a path beginning with "/" and, behind a "?", a query; a fragment is cut off;
+    // empty clears both. E_INVALIDARG, and an unchanged record, for any other text and for control characters.
     [[nodiscard]] HRESULT SetObjectPath(std::wstring_view objectPath) noexcept;
 
     [[nodiscard]] const std::wstring& Host() const noexcept { return m_host; }   // without brackets
