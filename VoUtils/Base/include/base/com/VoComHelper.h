@@ -1,20 +1,28 @@
-// Owners for the values that cross COM edges.
+// Owners for the values that cross COM edges, and byte arrays in variants.
 #pragma once
 
 #include <base/VoPlatform.h>
 
+#include <limits>
 #include <new>
+#include <span>
+#include <stdexcept>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 // Owns one BSTR. A null BSTR is an empty text, as COM has it.
 class CVoBstr
 {
 public:
     CVoBstr() noexcept = default;
-    // Throws std::bad_alloc. Embedded zeros are kept.
-    explicit CVoBstr(std::wstring_view text) : m_text(::SysAllocStringLen(text.data(), static_cast<UINT>(text.size())))
+    // Throws std::bad_alloc, or std::length_error for a text that no BSTR can hold. Embedded zeros are kept.
+    explicit CVoBstr(std::wstring_view text)
     {
+        // The platform keeps the length in bytes in 32 bits.
+        if (text.size() > std::numeric_limits<INT32>::max() / sizeof(wchar_t))
+            throw std::length_error("BSTR");
+        m_text = ::SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
         if (!m_text)
             throw std::bad_alloc();
     }
@@ -83,3 +91,46 @@ public:
 private:
     VARIANT m_value;
 };
+
+// Owns one SAFEARRAY.
+class CVoSafeArray
+{
+public:
+    CVoSafeArray() noexcept = default;
+    // Takes over an array that the caller owns; null is allowed.
+    explicit CVoSafeArray(SAFEARRAY* array) noexcept : m_array(array) {}
+    CVoSafeArray(CVoSafeArray&& other) noexcept : m_array(std::exchange(other.m_array, nullptr)) {}
+    CVoSafeArray& operator=(CVoSafeArray&& other) noexcept
+    {
+        std::swap(m_array, other.m_array);
+        return *this;
+    }
+    CVoSafeArray(const CVoSafeArray&) = delete;
+    CVoSafeArray& operator=(const CVoSafeArray&) = delete;
+    ~CVoSafeArray() { Reset(); }
+
+    void Reset() noexcept
+    {
+        if (SAFEARRAY* const array = std::exchange(m_array, nullptr))
+            ::SafeArrayDestroy(array);
+    }
+    [[nodiscard]] SAFEARRAY* Get() const noexcept { return m_array; }
+    // For out arguments; an array held is destroyed first.
+    [[nodiscard]] SAFEARRAY** Put() noexcept
+    {
+        Reset();
+        return &m_array;
+    }
+    // Gives the array to the caller.
+    [[nodiscard]] SAFEARRAY* Detach() noexcept { return std::exchange(m_array, nullptr); }
+
+private:
+    SAFEARRAY* m_array = nullptr;
+};
+
+// Bytes as a variant of type VT_ARRAY|VT_UI1: one dimension, counted from 0. What `value` held is cleared first.
+// E_OUTOFMEMORY when there is no room; `value` is untouched then.
+[[nodiscard]] HRESULT VoBytesToVariant(std::span<const BYTE> bytes, VARIANT& value) noexcept;
+// The bytes of a variant that holds such an array, or a reference to one, whatever its lower bound. DISP_E_TYPEMISMATCH for
+// any other variant.
+[[nodiscard]] HRESULT VoVariantToBytes(const VARIANT& value, std::vector<BYTE>& bytes) noexcept;

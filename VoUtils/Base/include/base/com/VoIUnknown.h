@@ -79,11 +79,18 @@ public:
     Interface* operator->() const noexcept { return m_object; }
     explicit operator bool() const noexcept { return m_object != nullptr; }
 
-    // QueryInterface for another interface of the same object.
+    // QueryInterface for another interface of the same object. E_POINTER when this pointer is null; `other` changes on success
+    // only.
     template <class Other>
     [[nodiscard]] HRESULT As(CVoComPtr<Other>& other) const noexcept
     {
-        return m_object ? m_object->QueryInterface(kVoInterfaceId<Other>, other.PutVoid()) : E_POINTER;
+        if (!m_object)
+            return E_POINTER;
+        CVoComPtr<Other> found;
+        const HRESULT hr = m_object->QueryInterface(kVoInterfaceId<Other>, found.PutVoid());
+        if (SUCCEEDED(hr))
+            other.Swap(found);
+        return hr;
     }
 
 private:
@@ -142,6 +149,7 @@ class CVoIUnknownImplWithFreeThreadedMarshaller : public CVoIUnknownImpl<Interfa
 protected:
     ~CVoIUnknownImplWithFreeThreadedMarshaller() override
     {
+        // This is the marshaller's own count, apart from the object's that its interfaces share.
         if (IUnknown* const marshaller = m_marshaller.load(std::memory_order_acquire))
             marshaller->Release();
     }
@@ -158,11 +166,13 @@ protected:
     // Makes the marshaller now instead of on the first request, for objects that must fail early. Any thread.
     HRESULT MakeMarshaller() noexcept
     {
+        constexpr CVoReporter report{ L"VoIUnknown.h", L"CVoIUnknownImplWithFreeThreadedMarshaller::MakeMarshaller" };
         if (m_marshaller.load(std::memory_order_acquire))
             return S_OK;
         IUnknown* made = nullptr;
         if (const HRESULT hr = ::CoCreateFreeThreadedMarshaler(this, &made); FAILED(hr))
-            return VoReportCode(L"VoIUnknown.h", 128, L"CVoIUnknownImplWithFreeThreadedMarshaller::MakeMarshaller", hr), hr;
+            return report(128, hr);
+        // Of two threads that get here together, one keeps its marshaller and the other drops it.
         IUnknown* expected = nullptr;
         if (!m_marshaller.compare_exchange_strong(expected, made, std::memory_order_acq_rel))
             made->Release();
@@ -175,7 +185,8 @@ private:
     std::atomic<IUnknown*> m_marshaller{ nullptr };
 };
 
-// A new COM object, or null when memory is exhausted. The pointer owns the object's first reference.
+// A new COM object, or null when memory is exhausted. The pointer owns the object's first reference. Throws what the object's
+// constructor throws.
 template <class Object, class... Args>
 [[nodiscard]] CVoComPtr<Object> VoMakeComObject(Args&&... args)
 {

@@ -1,0 +1,234 @@
+#include <base/com/VoComHelper.h>
+#include <base/com/VoComImplHelper.h>
+#include <base/com/VoIUnknown.h>
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <numeric>
+#include <thread>
+
+namespace
+{
+class IThing : public IUnknown
+{
+public:
+    virtual HRESULT STDMETHODCALLTYPE GetPropertyTags(SAFEARRAY** tags) noexcept = 0;
+    virtual HRESULT STDMETHODCALLTYPE get_Properties(BSTR name, VARIANT* value) noexcept = 0;
+    virtual HRESULT STDMETHODCALLTYPE put_Properties(BSTR name, VARIANT value) noexcept = 0;
+};
+} // namespace
+
+template <>
+struct VoInterfaceId<IThing>
+{
+    static constexpr IID value{ 0x9B3C1F52, 0x6E0D, 0x4C57, { 0x9A, 0x11, 0x52, 0x1D, 0xE3, 0x6F, 0x0A, 0x77 } };
+};
+template <>
+struct VoInterfaceId<IMarshal>
+{
+    static constexpr IID value{ 0x00000003, 0x0000, 0x0000, { 0xC0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x46 } };
+};
+
+namespace
+{
+class CThing : public CVoPropertyBagImpl<CThing, IThing>
+{
+public:
+    explicit CThing(int* alive) : m_alive(alive) { ++*m_alive; }
+
+    static std::span<const CVoProperty<CThing>> PropertyTable() noexcept
+    {
+        static constexpr CVoProperty<CThing> kTable[] = {
+            { L"Number", L"A number.", &CThing::GetNumber, &CThing::PutNumber },
+            { L"Broken", L"Fails always.", &CThing::GetBroken, &CThing::PutNumber },
+        };
+        return kTable;
+    }
+
+protected:
+    ~CThing() override { --*m_alive; }
+
+private:
+    HRESULT GetNumber(VARIANT& value) noexcept
+    {
+        value.vt = VT_I4;
+        value.lVal = m_number;
+        return S_OK;
+    }
+    HRESULT GetBroken(VARIANT&) noexcept { return E_ABORT; }
+    HRESULT PutNumber(const VARIANT& value) noexcept
+    {
+        if (value.vt != VT_I4)
+            return DISP_E_TYPEMISMATCH;
+        m_number = value.lVal;
+        return S_OK;
+    }
+
+    int* m_alive;
+    LONG m_number = 7;
+};
+
+class ComBase : public ::testing::Test
+{
+protected:
+    ComBase() { EXPECT_TRUE(SUCCEEDED(::CoInitializeEx(nullptr, COINIT_MULTITHREADED))); }
+    ~ComBase() override { ::CoUninitialize(); }
+
+    int m_alive = 0;
+};
+
+TEST_F(ComBase, CountsReferencesAndDiesWithTheLast)
+{
+    CVoComPtr<CThing> thing = VoMakeComObject<CThing>(&m_alive);
+    EXPECT_EQ(m_alive, 1);
+    {
+        const CVoComPtr<CThing> copy = thing;
+        EXPECT_EQ(thing->AddRef(), 3U);
+        EXPECT_EQ(thing->Release(), 2U);
+        thing = copy; // the object held already
+    }
+    EXPECT_EQ(thing->AddRef(), 2U);
+    EXPECT_EQ(thing->Release(), 1U);
+    thing.Reset();
+    EXPECT_EQ(m_alive, 0);
+}
+
+TEST_F(ComBase, InterfaceQueryKeepsTheIdentityOfTheObject)
+{
+    const CVoComPtr<CThing> thing = VoMakeComObject<CThing>(&m_alive);
+    CVoComPtr<IUnknown> unknown;
+    CVoComPtr<IThing> same;
+    CVoComPtr<IMarshal> marshal;
+    CVoComPtr<IUnknown> unknownOfMarshal;
+    CVoComPtr<IThing> thingOfMarshal;
+    ASSERT_EQ(thing.As(unknown), S_OK);
+    ASSERT_EQ(unknown.As(same), S_OK);
+    ASSERT_EQ(unknown.As(marshal), S_OK);
+    ASSERT_EQ(marshal.As(unknownOfMarshal), S_OK);
+    ASSERT_EQ(marshal.As(thingOfMarshal), S_OK);
+    EXPECT_EQ(unknownOfMarshal.Get(), unknown.Get());
+    EXPECT_EQ(same.Get(), thing.Get());
+    EXPECT_EQ(thingOfMarshal.Get(), thing.Get());
+
+    CVoComPtr<IUnknown> kept = unknown;
+    IUnknown* other = unknown.Get();
+    EXPECT_EQ(thing->QueryInterface(IID_IDispatch, reinterpret_cast<void**>(&other)), E_NOINTERFACE);
+    EXPECT_EQ(other, nullptr);
+    EXPECT_EQ(thing->QueryInterface(IID_IUnknown, nullptr), E_POINTER);
+    EXPECT_EQ(CVoComPtr<IThing>().As(kept), E_POINTER);
+    EXPECT_EQ(kept.Get(), unknown.Get());
+}
+
+TEST_F(ComBase, MarshalsToAnotherApartmentWithoutAProxy)
+{
+    const CVoComPtr<CThing> thing = VoMakeComObject<CThing>(&m_alive);
+    CVoComPtr<IStream> stream;
+    ASSERT_EQ(::CoMarshalInterThreadInterfaceInStream(kVoInterfaceId<IThing>, static_cast<IThing*>(thing.Get()), stream.Put()),
+              S_OK);
+    std::thread(
+        [&]
+        {
+            ASSERT_TRUE(SUCCEEDED(::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)));
+            {
+                CVoComPtr<IThing> arrived;
+                EXPECT_EQ(::CoGetInterfaceAndReleaseStream(stream.Detach(), kVoInterfaceId<IThing>, arrived.PutVoid()), S_OK);
+                EXPECT_EQ(arrived.Get(), thing.Get());
+            }
+            ::CoUninitialize();
+        })
+        .join();
+}
+
+TEST_F(ComBase, ThreadsShareOneObjectAndOneMarshaller)
+{
+    CVoComPtr<CThing> thing = VoMakeComObject<CThing>(&m_alive);
+    std::array<std::thread, 8> threads;
+    for (std::thread& thread : threads)
+        thread = std::thread(
+            [thing]
+            {
+                for (int round = 0; round < 1000; ++round)
+                {
+                    CVoComPtr<IMarshal> marshal;
+                    CVoComPtr<IThing> back;
+                    EXPECT_EQ(thing.As(marshal), S_OK);
+                    EXPECT_EQ(marshal.As(back), S_OK);
+                }
+            });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(thing->AddRef(), 2U);
+    EXPECT_EQ(thing->Release(), 1U);
+    thing.Reset();
+    EXPECT_EQ(m_alive, 0);
+}
+
+TEST_F(ComBase, PropertyBagListsReadsAndWritesItsTable)
+{
+    const CVoComPtr<CThing> thing = VoMakeComObject<CThing>(&m_alive);
+    CVoSafeArray tags;
+    ASSERT_EQ(thing->GetPropertyTags(tags.Put()), S_OK);
+    const wchar_t* const expected[2][2] = { { L"Number", L"A number." }, { L"Broken", L"Fails always." } };
+    for (LONG row = 0; row < 2; ++row)
+        for (LONG column = 0; column < 2; ++column)
+        {
+            CVoBstr text;
+            LONG indices[] = { row, column };
+            ASSERT_EQ(::SafeArrayGetElement(tags.Get(), indices, text.Put()), S_OK);
+            EXPECT_EQ(text.View(), expected[row][column]);
+        }
+
+    const CVoBstr number(L"number"), broken(L"Broken"), unknown(L"Numbe");
+    LONG referred = 41;
+    VARIANT value{};
+    value.vt = VT_I4 | VT_BYREF;
+    value.plVal = &referred;
+    EXPECT_EQ(thing->put_Properties(number.Get(), value), S_OK);
+    CVoVariant read;
+    ASSERT_EQ(thing->get_Properties(number.Get(), read.Put()), S_OK);
+    EXPECT_EQ(read.Get().vt, VT_I4);
+    EXPECT_EQ(read.Get().lVal, 41);
+
+    EXPECT_EQ(thing->get_Properties(unknown.Get(), &read.Get()), E_INVALIDARG);
+    EXPECT_EQ(thing->get_Properties(nullptr, &read.Get()), E_INVALIDARG);
+    EXPECT_EQ(thing->get_Properties(broken.Get(), &read.Get()), E_ABORT);
+    EXPECT_EQ(read.Get().lVal, 41);
+    EXPECT_EQ(thing->put_Properties(unknown.Get(), value), E_INVALIDARG);
+    value.vt = VT_R8;
+    EXPECT_EQ(thing->put_Properties(number.Get(), value), DISP_E_TYPEMISMATCH);
+    EXPECT_EQ(thing->get_Properties(number.Get(), nullptr), E_POINTER);
+    EXPECT_EQ(thing->GetPropertyTags(nullptr), E_POINTER);
+}
+
+TEST(ComValues, BytesTravelInVariants)
+{
+    for (const size_t size : { size_t{ 0 }, size_t{ 1 }, size_t{ 100000 } })
+    {
+        std::vector<BYTE> bytes(size);
+        std::iota(bytes.begin(), bytes.end(), BYTE{ 250 });
+        CVoVariant value;
+        ASSERT_EQ(VoBytesToVariant(bytes, value.Get()), S_OK);
+        std::vector<BYTE> back{ 1, 2, 3 };
+        EXPECT_EQ(VoVariantToBytes(value.Get(), back), S_OK);
+        EXPECT_EQ(back, bytes);
+    }
+    // An array may count from anywhere; another element type or dimension is refused.
+    SAFEARRAYBOUND bounds[] = { { 4, 5 }, { 1, 0 } };
+    struct
+    {
+        VARTYPE type;
+        UINT dimensions;
+        HRESULT expected;
+    } const table[] = { { VT_UI1, 1, S_OK }, { VT_UI1, 2, DISP_E_TYPEMISMATCH }, { VT_I2, 1, DISP_E_TYPEMISMATCH } };
+    for (const auto& row : table)
+    {
+        CVoVariant value;
+        value.Get().vt = static_cast<VARTYPE>(VT_ARRAY | row.type);
+        value.Get().parray = ::SafeArrayCreate(row.type, row.dimensions, bounds);
+        std::vector<BYTE> bytes{ 9 };
+        EXPECT_EQ(VoVariantToBytes(value.Get(), bytes), row.expected);
+        EXPECT_EQ(bytes.size(), row.expected == S_OK ? 4U : 1U);
+    }
+}
+} // namespace
