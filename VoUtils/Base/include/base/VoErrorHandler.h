@@ -39,13 +39,14 @@ struct CVoModuleSettings
     bool checkCertificateRevocation = false; // SETTINGS/HTTPCheckServerCertRevocation
 };
 
-// Reads ModuleSettings.ini in the given folder. A missing file or key leaves the default; values out of range are clamped as
-// noted above. Never fails.
+// Reads ModuleSettings.ini in the given folder. A missing file or key, or a value that does not parse, leaves the default;
+// values out of range are clamped as noted above. Throws std::bad_alloc.
 [[nodiscard]] CVoModuleSettings VoReadModuleSettings(const std::wstring& directory);
 
 // Names the folder in which ModuleSettings.ini is looked up, in place of the folder of the module's file. Call it before the
 // first report or settings query of the process; afterwards it answers HRESULT_FROM_WIN32(ERROR_ALREADY_INITIALIZED) and
-// changes nothing.
+// changes nothing. An empty or over-long path is E_INVALIDARG, a folder that does not exist ERROR_PATH_NOT_FOUND; these two are
+// not reported, because a report would settle the folder.
 [[nodiscard]] HRESULT VoSetModuleSettingsDirectory(std::wstring_view directory) noexcept;
 
 // The application's log file. One object serves the process (VoErrorLog()); others exist only in tests. Any thread may report.
@@ -60,11 +61,12 @@ public:
     CVoErrorLogFile(const CVoErrorLogFile&) = delete;
     CVoErrorLogFile& operator=(const CVoErrorLogFile&) = delete;
 
-    // Takes over the settings, resolves the log's path and mutex, builds the run header, and writes the start line. Runs once.
+    // Takes over the settings, resolves the log's path and mutex, builds the run header, and writes the start line. A second
+    // call does nothing. Call it before other threads know the object.
     void Init(const CVoModuleSettings& settings) noexcept;
 
     // Switches the application log on or off for this run, whatever the settings say. Any thread.
-    void SetApplicationLog(bool on) noexcept { m_applicationLog.store(on, std::memory_order_relaxed); }
+    void SetApplicationLog(bool on) noexcept;
     [[nodiscard]] bool IsApplicationLogOn() const noexcept { return m_applicationLog.load(std::memory_order_relaxed); }
 
     // Routes error texts of facility 260 to the error translator module. Off until the application switches it on.
@@ -83,15 +85,24 @@ public:
     void WriteCode(const wchar_t* source, int line, const wchar_t* function, HRESULT code) noexcept;
 
 private:
+    friend CVoErrorLogFile& VoErrorLog() noexcept;
+
+    void ResolveNames();
+    void Write(std::wstring_view line) noexcept;
+
     CVoModuleSettings m_settings;
     std::atomic<bool> m_applicationLog{ false };
     std::atomic<bool> m_useErrorTranslator{ false };
+    bool m_initialised = false;
+    bool m_isProcessLog = false;
     bool m_headerWritten = false; // guarded by m_writeLock and, across processes, by the mutex
     std::wstring m_moduleName;
+    std::wstring m_modulePart; // " Module=NAME File=", as it stands in every line
     std::wstring m_logFilePath;
     std::wstring m_runHeader;
     HANDLE m_mutex = nullptr;
     std::mutex m_writeLock;
+    std::mutex m_switchLock;
 };
 
 // The process's log, made and initialised by the first call (which reads ModuleSettings.ini). It lives until the process ends.
@@ -99,7 +110,7 @@ private:
 
 namespace VoReportDetail
 {
-// Whether reports go anywhere, so that a report with the log off costs one load.
+// Whether reports go anywhere, so that a report with the log off costs one load. Follows the switch of the process's log.
 enum class ELogState : int
 {
     Uninitialised,

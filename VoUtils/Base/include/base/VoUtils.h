@@ -7,7 +7,7 @@
 #include <base/VoHResult.h>
 #include <base/VoPlatform.h>
 
-#include <optional>
+#include <cstdarg>
 #include <string>
 #include <string_view>
 
@@ -25,7 +25,8 @@
 [[nodiscard]] HRESULT VoCodePageToString(UINT codePage, std::string_view bytes, std::wstring& text) noexcept;
 
 // A text of printf's wide format; the building block of log lines and protocol texts. Write %ls for wide and %hs for narrow
-// text: these mean the same in every C library. Throws std::bad_alloc.
+// text: these mean the same in every C library. Throws std::bad_alloc, or CVoHResultException (E_INVALIDARG) for a narrow text
+// that has no wide form.
 [[nodiscard]] std::wstring VoFormat(const wchar_t* format, ...);
 [[nodiscard]] std::wstring VoFormatV(const wchar_t* format, va_list arguments);
 
@@ -47,10 +48,12 @@
 // Changes a variant's type under a locale; text to and from bool, currency, date and decimal goes through the platform's Var...
 // functions for that locale. `destination` and `source` may be the same.
 [[nodiscard]] HRESULT VoChangeVariantType(VARIANT& destination, const VARIANT& source, VARTYPE type, LCID locale) noexcept;
-// The same independent of the user's regional settings (LOCALE_INVARIANT): numbers with ".", booleans as "-1" and "0".
+// The same independent of the user's regional settings (LOCALE_INVARIANT): numbers with ".", booleans as the platform's
+// VarBstrFromBool writes them, "True" and "False".
 [[nodiscard]] HRESULT VoChangeVariantTypeNoLocale(VARIANT& destination, const VARIANT& source, VARTYPE type) noexcept;
 
-// Typed values to a variant (which the caller clears) and back, through VoChangeVariantTypeNoLocale.
+// Typed values to a variant and back, by the rules of VoChangeVariantTypeNoLocale. What `variant` held before is not freed; the
+// caller clears it. An unsigned number is read from -2147483648 (bit for bit) to 4294967295.
 [[nodiscard]] HRESULT VoTypeToVariant(std::wstring_view value, VARIANT& variant) noexcept;
 [[nodiscard]] HRESULT VoTypeToVariant(UINT32 value, VARIANT& variant) noexcept; // VT_I4, bit for bit
 [[nodiscard]] HRESULT VoTypeToVariant(double value, VARIANT& variant) noexcept;
@@ -60,9 +63,12 @@
 [[nodiscard]] HRESULT VoVariantToTypeNoLocale(const VARIANT& variant, double& value) noexcept;
 [[nodiscard]] HRESULT VoVariantToTypeNoLocale(const VARIANT& variant, bool& value) noexcept;
 
-// Folder (without a trailing backslash) and file name of a module's file; null is the program itself. The long-path prefixes
-// "\\?\" and "\\?\UNC\" are taken off. Either out pointer may be null.
+// Folder (without a trailing backslash) and file name of a module's file; null is the program itself. A long-path prefix is
+// taken off (VoWithoutLongPathPrefix). Either out pointer may be null.
 [[nodiscard]] HRESULT GetModuleDirAndFileName(HMODULE module, std::wstring* directory, std::wstring* fileName) noexcept;
+// A path without the prefix that lifts its length limit: "\\?\C:\x" becomes "C:\x", "\\?\UNC\server\share" "\\server\share". A
+// path that needs its prefix (MAX_PATH characters or more, or a volume's name) keeps it. Throws std::bad_alloc.
+[[nodiscard]] std::wstring VoWithoutLongPathPrefix(std::wstring_view path);
 // The user's temporary folder, without a trailing backslash.
 [[nodiscard]] HRESULT VoGetTempPath(std::wstring& path) noexcept;
 

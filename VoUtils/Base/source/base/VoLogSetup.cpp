@@ -1,0 +1,129 @@
+#include "VoLogSetup.h"
+
+#include <base/VoUtils.h>
+
+#include <algorithm>
+#include <cwctype>
+#include <iterator>
+
+namespace VoLogSetup
+{
+namespace
+{
+constexpr INT32 kMinCutOffKiB = 8192;
+constexpr INT32 kMaxCutOffKiB = 1048576;
+constexpr INT32 kMaxHTTPEngine = 3;
+constexpr size_t kRuleWidth = 144;
+} // namespace
+
+INT32 ClampCutOffSize(INT32 sizeKiB) noexcept
+{
+    return std::clamp(sizeKiB, kMinCutOffKiB, kMaxCutOffKiB);
+}
+
+UINT32 ClampHTTPEngine(INT32 engine) noexcept
+{
+    return engine >= 0 && engine <= kMaxHTTPEngine ? static_cast<UINT32>(engine) : 0;
+}
+
+bool IsHostingProcess(std::wstring_view fileName) noexcept
+{
+    constexpr std::wstring_view kHosts[] = { L"DLLHOST.EXE", L"REGSVR32.EXE", L"MSIEXEC.EXE",    L"INETINFO.EXE",
+                                             L"W3WP.EXE",    L"DOTNET.EXE",   L"IISEXPRESS.EXE", L"PHP-CGI.EXE" };
+    return std::any_of(std::begin(kHosts), std::end(kHosts),
+                       [&](std::wstring_view host) { return VoEqualsNoCase(fileName, host); });
+}
+
+std::wstring_view FindApplicationName(std::wstring_view commandLine) noexcept
+{
+    for (size_t at = commandLine.find_first_of(L"-/"); at != std::wstring_view::npos;
+         at = commandLine.find_first_of(L"-/", at + 1))
+    {
+        std::wstring_view rest = commandLine.substr(at + 1);
+        if (!rest.starts_with(L"ap") || rest.size() < 3 || !std::iswspace(rest[2]))
+            continue;
+        rest.remove_prefix(3);
+        while (!rest.empty() && std::iswspace(rest.front()))
+            rest.remove_prefix(1);
+        if (rest.starts_with(L'"'))
+        {
+            const size_t end = rest.find(L'"', 1);
+            if (end != std::wstring_view::npos && end > 1)
+                return rest.substr(1, end - 1);
+            continue;
+        }
+        const auto end = std::find_if(rest.begin(), rest.end(), [](wchar_t c) { return c == L'"' || std::iswspace(c); });
+        if (end != rest.begin())
+            return rest.substr(0, static_cast<size_t>(end - rest.begin()));
+    }
+    return {};
+}
+
+std::wstring_view BaseName(std::wstring_view fileName) noexcept
+{
+    return fileName.substr(0, fileName.rfind(L'.'));
+}
+
+std::wstring_view LogName(std::wstring_view applicationName, std::wstring_view processFile,
+                          std::wstring_view moduleFile) noexcept
+{
+    if (!applicationName.empty())
+        return applicationName;
+    const std::wstring_view name = BaseName(IsHostingProcess(processFile) ? moduleFile : processFile);
+    return name.empty() ? L"Application" : name;
+}
+
+std::wstring ChooseDirectory(const CVoModuleSettings& settings, const std::wstring& temporary, const std::wstring& module,
+                             const std::wstring& current)
+{
+    std::wstring directory = settings.directory;
+    while (directory.ends_with(L'\\'))
+        directory.pop_back();
+    if (directory.empty() && settings.useTempDirectory)
+        directory = temporary;
+    if (directory.empty())
+        directory = module;
+    if (directory.empty())
+        directory = current;
+    return directory;
+}
+
+std::wstring RunHeader(const CRunFacts& facts)
+{
+    const auto orUnknown = [](std::wstring_view text) { return text.empty() ? std::wstring_view(L"UNKNOWN") : text; };
+    std::wstring header(kRuleWidth, L'*');
+    header.append(L"\r\nNEW RUN\r\nModule: (").append(facts.moduleName).append(L") \r\nProcess: (").append(facts.processName);
+    header.append(L")\r\n");
+    if (facts.processCreated)
+    {
+        const SYSTEMTIME& t = *facts.processCreated;
+        header += VoFormat(L"Process created at:%4d.%02d.%02d  %02d:%02d:%02d.%03d\r\n", t.wYear, t.wMonth, t.wDay, t.wHour,
+                           t.wMinute, t.wSecond, t.wMilliseconds);
+    }
+    else
+        header += L"Process created at unknown time\r\n";
+    header.append(L"Module compiled at:").append(orUnknown(facts.buildDate)).append(L"  ").append(orUnknown(facts.buildTime));
+    header.append(L"   Version:").append(orUnknown(facts.version)).append(L" Branch:").append(orUnknown(facts.branch));
+    header.append(L"\r\n").append(kRuleWidth, L'*').append(L"\r\n");
+    return header;
+}
+
+std::wstring Line(const SYSTEMTIME& t, const std::wstring& modulePart, const wchar_t* source, int line, const wchar_t* function,
+                  DWORD threadId, std::wstring_view message)
+{
+    const std::wstring_view file = source ? source : L"";
+    const std::wstring_view name = function ? function : L"";
+    std::wstring text;
+    text.reserve(modulePart.size() + file.size() + name.size() + message.size() + 80);
+    text += VoFormat(L"%4d.%02d.%02d %02d:%02d:%02d.%03d", t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond,
+                     t.wMilliseconds);
+    if (source)
+        text.append(modulePart).append(file);
+    if (line >= 0)
+        text.append(L" Line=").append(std::to_wstring(line));
+    if (function)
+        text.append(L" Function=").append(name);
+    text.append(L" ThreadID=").append(std::to_wstring(static_cast<int>(threadId))).append(L" ");
+    return text.append(message).append(L"\r\n");
+}
+} // namespace VoLogSetup

@@ -1,0 +1,53 @@
+// The decisions behind the log's set-up, apart from the platform's calls that feed them: limits, names, folder, texts.
+#pragma once
+
+#include <base/VoErrorHandler.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace VoLogSetup
+{
+// The cut-off size in KiB within its limits, 8192..1048576.
+[[nodiscard]] INT32 ClampCutOffSize(INT32 sizeKiB) noexcept;
+// The transport selector; anything outside 0..3 is 0.
+[[nodiscard]] UINT32 ClampHTTPEngine(INT32 engine) noexcept;
+
+// Whether a program (its file name) hosts other people's modules, so that its own name says nothing about the application.
+[[nodiscard]] bool IsHostingProcess(std::wstring_view fileName) noexcept;
+
+// The application name given on a command line after -ap or /ap, quoted or not; empty without one. This is a search for
+// [-/]ap\s+("[^"]+"|[^\s"]+), without its quotes; it also finds the option at the end of a longer word, as intended.
+[[nodiscard]] std::wstring_view FindApplicationName(std::wstring_view commandLine) noexcept;
+
+// A file name without its last extension.
+[[nodiscard]] std::wstring_view BaseName(std::wstring_view fileName) noexcept;
+
+// The log's name: the application name, else the base name of the module (inside a hosting process) or of the process, else
+// "Application".
+[[nodiscard]] std::wstring_view LogName(std::wstring_view applicationName, std::wstring_view processFile,
+                                        std::wstring_view moduleFile) noexcept;
+
+// The folder that the settings choose, before environment variables are expanded: `Directory` without trailing backslashes,
+// else the temporary folder when its use is on, else the module's folder, else the current one.
+[[nodiscard]] std::wstring ChooseDirectory(const CVoModuleSettings& settings, const std::wstring& temporary,
+                                           const std::wstring& module, const std::wstring& current);
+
+struct CRunFacts
+{
+    std::wstring_view moduleName;
+    std::wstring_view processName;
+    std::optional<SYSTEMTIME> processCreated; // local time
+    std::wstring_view buildDate;
+    std::wstring_view buildTime;
+    std::wstring_view version;
+    std::wstring_view branch;
+};
+// The block in front of the first line of a run. Empty build facts become "UNKNOWN".
+[[nodiscard]] std::wstring RunHeader(const CRunFacts& facts);
+
+// One line of the log, "\r\n" included. `modulePart` is " Module=NAME File=", which goes in front of the source file.
+[[nodiscard]] std::wstring Line(const SYSTEMTIME& localTime, const std::wstring& modulePart, const wchar_t* source, int line,
+                                const wchar_t* function, DWORD threadId, std::wstring_view message);
+} // namespace VoLogSetup
