@@ -61,8 +61,8 @@ public:
     // The owner of dialogs; null for none.
     virtual HRESULT STDMETHODCALLTYPE SetParentWindow(HWND parent) noexcept = 0;
     // Answers S_OK also when the user declines: then `cancelled` becomes VARIANT_TRUE, and `user` and `password` are untouched.
-    // `title` may be empty; `serverAddress` tells who asks; `reserved` carries the URL or proxy of the request for
-    // implementations that want it.
+    // `title` may be empty. For a proxy `serverAddress` is the base URL of the server behind it and `reserved` the proxy
+    // ("host:port"); for a server they are its host and the URL that it guards.
     virtual HRESULT STDMETHODCALLTYPE OnProxyAuthNeeded(BSTR title, BSTR serverAddress, BSTR reserved, BSTR* user,
                                                         BSTR* password, VARIANT_BOOL* cancelled) noexcept = 0;
     virtual HRESULT STDMETHODCALLTYPE OnServerAuthNeeded(BSTR title, BSTR serverAddress, BSTR reserved, BSTR* user,

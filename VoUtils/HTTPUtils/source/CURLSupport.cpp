@@ -1,0 +1,368 @@
+#include "CURLSupport.h"
+
+#include "VoDataLog.h"
+
+#include <base/VoUtils.h>
+#include <base/com/VoComHelper.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace VoHTTPMessageCURL
+{
+namespace
+{
+// An answer's announced length is only a promise: no more than this is reserved on its word.
+constexpr curl_off_t kMaximumReserve = curl_off_t{ 256 } * 1024 * 1024;
+
+HRESULT ReportCURLError(CURLcode code, const std::wstring& context)
+{
+    constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CheckCURLError" };
+    report.Message(205, L" CURL error is %d (%hs)%ls", static_cast<int>(code), curl_easy_strerror(code), context.c_str());
+    return E_FAIL;
+}
+
+// The value of a header line whose name was `nameLength` characters long with its colon.
+std::wstring_view HeaderValue(std::wstring_view line, size_t nameLength) noexcept
+{
+    return VoTrim(line.substr(nameLength));
+}
+
+// The URL that a relative or absolute reference means, seen from `base`.
+std::wstring ResolveUrl(const char* base, std::wstring_view reference)
+{
+    std::string bytes;
+    if (FAILED(UrlToBytes(reference, bytes)))
+        return {};
+    const std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> url(curl_url(), &curl_url_cleanup);
+    char* text = nullptr;
+    if (!url || curl_url_set(url.get(), CURLUPART_URL, base, 0) != CURLUE_OK ||
+        curl_url_set(url.get(), CURLUPART_URL, bytes.c_str(), 0) != CURLUE_OK ||
+        curl_url_get(url.get(), CURLUPART_URL, &text, 0) != CURLUE_OK)
+        return {};
+    const std::unique_ptr<char, decltype(&curl_free)> owned(text, &curl_free);
+    std::wstring result;
+    return SUCCEEDED(VoUTF8ToString(text, result)) ? result : std::wstring();
+}
+
+// libcurl would send the Cookie header of the first URL to wherever it is redirected. The header is replaced by the one for
+// the target, so that no cookie leaves its site and one set by the redirecting answer is sent at once.
+void FollowRedirect(CHeaderContext& context)
+{
+    const char* current = nullptr;
+    if (curl_easy_getinfo(context.handle, CURLINFO_EFFECTIVE_URL, &current) != CURLE_OK || !current)
+        return;
+    const std::wstring target = ResolveUrl(current, context.location);
+    context.location.clear();
+
+    CVoBstr cookie;
+    std::string cookieBytes;
+    CServerAddressData address;
+    if (context.cookieStore && SUCCEEDED(address.SetAddress(target, false, true, true)) &&
+        SUCCEEDED(context.cookieStore->GetCookieStringForHTTPRequest(
+            CVoBstr(address.FullURL()).Get(), address.IsSecure() ? VARIANT_TRUE : VARIANT_FALSE, cookie.Put())))
+        (void)VoStringToUTF8(cookie.View(), cookieBytes);
+    (void)CURLSetOpt(context.handle, CURLOPT_COOKIE, cookieBytes.empty() ? nullptr : cookieBytes.c_str());
+    context.cookieReplaced = true;
+    context.requestUrl = target;
+}
+
+const wchar_t* EndpointFormat(curl_infotype type) noexcept
+{
+    switch (type)
+    {
+    case CURLINFO_HEADER_OUT:
+        return L"Send header: [%hs]:%u => [%hs]:%u";
+    case CURLINFO_DATA_OUT:
+        return L"Send data: [%hs]:%u => [%hs]:%u";
+    case CURLINFO_SSL_DATA_OUT:
+        return L"Send SSL data: [%hs]:%u => [%hs]:%u";
+    case CURLINFO_HEADER_IN:
+        return L"Recv header: [%hs]:%u <= [%hs]:%u";
+    case CURLINFO_DATA_IN:
+        return L"Recv data: [%hs]:%u <= [%hs]:%u";
+    case CURLINFO_SSL_DATA_IN:
+        return L"Recv SSL data: [%hs]:%u <= [%hs]:%u";
+    default:
+        return L"Info - client:[%hs]:%u  server:[%hs]:%u";
+    }
+}
+} // namespace
+
+HRESULT CheckCURLError(CURLcode code, const wchar_t* format, int argument) noexcept
+try
+{
+    return code == CURLE_OK ? S_OK : ReportCURLError(code, VoFormat(format, argument));
+}
+catch (...)
+{
+    return E_FAIL;
+}
+
+HRESULT CheckCURLError(CURLcode code, const std::wstring& context) noexcept
+try
+{
+    return code == CURLE_OK ? S_OK : ReportCURLError(code, context);
+}
+catch (...)
+{
+    return E_FAIL;
+}
+
+CCURLHandle MakeCURLHandle() noexcept
+{
+    // Never undone: the process may be using libcurl beside this library.
+    static const CURLcode ready = curl_global_init(CURL_GLOBAL_ALL);
+    return CCURLHandle(ready == CURLE_OK ? curl_easy_init() : nullptr);
+}
+
+HRESULT CURLSListWrapper::Append(std::wstring_view text) noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CURLSListWrapper::Append" };
+    std::string bytes;
+    if (const HRESULT hr = VoStringToUTF8(text, bytes); FAILED(hr))
+        return report(310, hr);
+    curl_slist* const list = curl_slist_append(m_list, bytes.c_str());
+    if (!list)
+        return report(315, E_OUTOFMEMORY);
+    m_list = list;
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"VoHTTPMessageCURL::CURLSListWrapper::Append" }.CurrentException(320);
+}
+
+CCURLConnections::CCURLConnections() : m_share(curl_share_init())
+{
+    if (!m_share)
+        throw std::bad_alloc();
+    curl_share_setopt(m_share, CURLSHOPT_LOCKFUNC, &CCURLConnections::Lock);
+    curl_share_setopt(m_share, CURLSHOPT_UNLOCKFUNC, &CCURLConnections::Unlock);
+    curl_share_setopt(m_share, CURLSHOPT_USERDATA, this);
+    curl_share_setopt(m_share, CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT);
+    curl_share_setopt(m_share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+}
+
+CCURLConnections::~CCURLConnections()
+{
+    curl_share_cleanup(m_share);
+}
+
+void CCURLConnections::Lock(CURL* /*handle*/, curl_lock_data data, curl_lock_access /*access*/, void* context) noexcept
+{
+    static_cast<CCURLConnections*>(context)->m_locks[data].lock();
+}
+
+void CCURLConnections::Unlock(CURL* /*handle*/, curl_lock_data data, void* context) noexcept
+{
+    static_cast<CCURLConnections*>(context)->m_locks[data].unlock();
+}
+
+size_t read_callback(char* buffer, size_t size, size_t count, void* source) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::read_callback" };
+    if (!source)
+    {
+        report(366, E_FAIL);
+        return 0;
+    }
+    auto& body = *static_cast<CBodySource*>(source);
+    const size_t copied = std::min(size * count, body.length - body.position);
+    if (copied > 0)
+        std::memcpy(buffer, body.data + body.position, copied);
+    body.position += copied;
+    if (body.sent)
+        body.sent->store(body.position, std::memory_order_relaxed);
+    return copied;
+}
+
+curlioerr ioctl_callback(CURL* /*handle*/, int command, void* source) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::ioctl_callback" };
+    if (!source)
+    {
+        report(396, E_FAIL);
+        return CURLIOE_FAILRESTART;
+    }
+    switch (command)
+    {
+    case CURLIOCMD_NOP:
+        return CURLIOE_OK;
+    case CURLIOCMD_RESTARTREAD:
+        static_cast<CBodySource*>(source)->position = 0;
+        return CURLIOE_OK;
+    default:
+        return CURLIOE_UNKNOWNCMD;
+    }
+}
+
+size_t header_callback(char* line, size_t size, size_t count, void* context) noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::header_callback" };
+    const size_t length = size * count;
+    if (!context)
+    {
+        report(417, E_FAIL);
+        return length;
+    }
+    auto& headers = *static_cast<CHeaderContext*>(context);
+
+    // Header fields are bytes; those beyond ASCII are kept one to one when they are not UTF-8 (RFC 9110, section 5.5).
+    std::wstring text;
+    const std::string_view bytes(line, length);
+    if (const HRESULT hr = VoUTF8ToString(bytes, text); FAILED(hr))
+    {
+        report(427, hr);
+        text.assign(length, L'\0');
+        std::transform(bytes.begin(), bytes.end(), text.begin(), [](char c) { return wchar_t{ static_cast<BYTE>(c) }; });
+    }
+
+    constexpr std::wstring_view kSetCookie = L"Set-Cookie:";
+    constexpr std::wstring_view kContentType = L"Content-Type:";
+    constexpr std::wstring_view kLocation = L"Location:";
+    constexpr std::wstring_view kStatusLine = L"HTTP/";
+    constexpr size_t kVersionLength = 3;
+    if (VoStartsWithNoCase(text, kSetCookie))
+    {
+        // A proxy's demand for credentials is no answer of the server, so its cookies are not either.
+        if (headers.cookieStore && headers.statusCode != L"407")
+        {
+            const HRESULT hr = headers.cookieStore->AddCookieFromString(CVoBstr(HeaderValue(text, kSetCookie.size())).Get(),
+                                                                        CVoBstr(headers.requestUrl).Get());
+            if (FAILED(hr)) // the cookie is dropped, the answer stands
+                report(433, hr);
+        }
+    }
+    else if (VoStartsWithNoCase(text, kContentType))
+        headers.contentType = HeaderValue(text, kContentType.size());
+    else if (VoStartsWithNoCase(text, kStatusLine) && text.size() >= kStatusLine.size() + kVersionLength)
+    {
+        headers.protocolVersion = VoTrim(std::wstring_view(text).substr(kStatusLine.size(), kVersionLength));
+        const std::wstring_view rest = HeaderValue(text, kStatusLine.size() + kVersionLength);
+        headers.statusCode = rest.substr(0, rest.find(L' '));
+        headers.contentType.clear();
+        headers.location.clear();
+    }
+    else if (VoStartsWithNoCase(text, kLocation))
+        headers.location = HeaderValue(text, kLocation.size());
+    else if (VoTrim(text).empty() && headers.statusCode.starts_with(L'3') && !headers.location.empty())
+        FollowRedirect(headers);
+    return length;
+}
+catch (...)
+{
+    CVoReporter{ kSource, L"VoHTTPMessageCURL::header_callback" }(463, kResultCallbackException);
+    return size * count;
+}
+
+size_t write_callback(char* data, size_t size, size_t count, void* context) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::write_callback" };
+    if (!context)
+    {
+        report(472, E_FAIL);
+        return 0;
+    }
+    auto& answer = *static_cast<CCURLWriteCallbackData*>(context);
+    const size_t length = size * count;
+    try
+    {
+        if (answer.received.empty())
+        {
+            curl_off_t announced = -1;
+            if (curl_easy_getinfo(answer.handle, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced) == CURLE_OK && announced > 0)
+            {
+                if (answer.expected)
+                    answer.expected->store(static_cast<UINT64>(announced), std::memory_order_relaxed);
+                answer.received.reserve(static_cast<size_t>(std::min(announced, kMaximumReserve)));
+            }
+        }
+        const auto* const bytes = reinterpret_cast<const BYTE*>(data);
+        answer.received.insert(answer.received.end(), bytes, bytes + length);
+    }
+    catch (...)
+    {
+        // The transfer runs on, so that the connection stays in step; the loss fails the request when it ends.
+        answer.result = HResultFromCurrentException();
+        report(486, kResultCallbackException);
+    }
+    if (answer.count)
+        answer.count->store(answer.received.size(), std::memory_order_relaxed);
+    return length;
+}
+
+int debug_callback(CURL* handle, curl_infotype type, char* data, size_t size, void* request) noexcept
+try
+{
+    static CVoDataLog log;
+    const char* localAddress = nullptr;
+    const char* serverAddress = nullptr;
+    long localPort = 0;
+    long serverPort = 0;
+    curl_easy_getinfo(handle, CURLINFO_LOCAL_IP, &localAddress);
+    curl_easy_getinfo(handle, CURLINFO_LOCAL_PORT, &localPort);
+    curl_easy_getinfo(handle, CURLINFO_PRIMARY_IP, &serverAddress);
+    curl_easy_getinfo(handle, CURLINFO_PRIMARY_PORT, &serverPort);
+    const std::wstring ioType =
+        VoFormat(EndpointFormat(type), localAddress ? localAddress : "", static_cast<unsigned>(localPort),
+                 serverAddress ? serverAddress : "", static_cast<unsigned>(serverPort));
+
+    SYSTEMTIME time;
+    ::GetLocalTime(&time);
+    const std::wstring header =
+        VoFormat(L" I/O type: %ls, DateTime:%4d.%02d.%02d %02d:%02d:%02d.%03d    ThreadID:%X,CURL handle:%llX, "
+                 L"This ptr :%llX, DataSize:%u",
+                 ioType.c_str(), time.wYear, time.wMonth, time.wDay, time.wHour, time.wMinute, time.wSecond, time.wMilliseconds,
+                 ::GetCurrentThreadId(), reinterpret_cast<unsigned long long>(handle),
+                 reinterpret_cast<unsigned long long>(request), static_cast<unsigned>(size));
+    (void)log.Append(time, header, { reinterpret_cast<const BYTE*>(data), size });
+    return 0;
+}
+catch (...)
+{
+    CVoReporter{ kSource, L"VoHTTPMessageCURL::debug_callback" }.CurrentException(530);
+    return 0;
+}
+
+int progress_callback(void* context, curl_off_t /*dltotal*/, curl_off_t /*dlnow*/, curl_off_t ultotal,
+                      curl_off_t ulnow) noexcept
+{
+    auto& progress = *static_cast<CProgressContext*>(context);
+    // Once for every report after the body has left, not once a request: receivers count on being told while they wait.
+    if (progress.callBack && ultotal >= 1 && ulnow >= ultotal)
+    {
+        progress.notified = true;
+        progress.callBack->OnRequestSent();
+    }
+    return 0;
+}
+
+HRESULT UrlToBytes(std::wstring_view url, std::string& bytes) noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::UrlToBytes" };
+    constexpr char kDigits[] = "0123456789ABCDEF";
+    std::string utf8;
+    if (const HRESULT hr = VoStringToUTF8(url, utf8); FAILED(hr))
+        return report(560, hr);
+    std::string encoded;
+    encoded.reserve(utf8.size());
+    for (const char c : utf8)
+    {
+        const auto byte = static_cast<BYTE>(c);
+        if (byte > 0x20 && byte < 0x7F)
+            encoded += c;
+        else
+            encoded.append({ '%', kDigits[byte >> 4], kDigits[byte & 15] });
+    }
+    bytes = std::move(encoded);
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"VoHTTPMessageCURL::UrlToBytes" }.CurrentException(565);
+}
+} // namespace VoHTTPMessageCURL

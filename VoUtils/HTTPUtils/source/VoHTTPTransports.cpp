@@ -1,0 +1,32 @@
+#include "VoHTTPTransports.h"
+
+#include <VoHTTPMessageCURL.h>
+
+namespace
+{
+using Maker = std::shared_ptr<CVoHTTPMessage> (*)();
+
+template <class Transport>
+std::shared_ptr<CVoHTTPMessage> Make()
+{
+    return std::make_shared<Transport>();
+}
+
+struct CTransport
+{
+    UINT32 kind; // the values of the setting HTTPEngine
+    Maker make;
+};
+
+constexpr CTransport kTransports[] = {
+    { 2, &Make<VoHTTPMessageCURL::CVoHTTPMessageCURL> },
+};
+} // namespace
+
+std::shared_ptr<CVoHTTPMessage> VoMakeHTTPTransport(UINT32 kind)
+{
+    for (const CTransport& transport : kTransports)
+        if (transport.kind == kind)
+            return transport.make();
+    return nullptr;
+}
