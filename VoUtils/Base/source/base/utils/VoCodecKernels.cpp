@@ -1,0 +1,266 @@
+#include "VoCodecKernels.h"
+
+#include <array>
+#include <cstring>
+#include <emmintrin.h>
+
+static_assert(sizeof(wchar_t) == 2, "the kernels take text as 16-bit units");
+
+namespace VoCodecKernels
+{
+namespace
+{
+// Two characters in one 32-bit store; the first one is in the low half, as the machine is little-endian.
+constexpr UINT32 Pair(wchar_t first, wchar_t second) noexcept
+{
+    return static_cast<UINT32>(first) | static_cast<UINT32>(second) << 16;
+}
+
+// Every pair of digits of an alphabet, indexed by `first * alphabet.size() + second`; with the lower digit first when bits run
+// from the lowest.
+template <size_t kDigits>
+constexpr std::array<UINT32, kDigits * kDigits> MakePairs(std::wstring_view alphabet, bool lowestFirst) noexcept
+{
+    std::array<UINT32, kDigits * kDigits> pairs{};
+    for (size_t high = 0; high < kDigits; ++high)
+        for (size_t low = 0; low < kDigits; ++low)
+            pairs[high * kDigits + low] =
+                lowestFirst ? Pair(alphabet[low], alphabet[high]) : Pair(alphabet[high], alphabet[low]);
+    return pairs;
+}
+
+constexpr auto kHexPairs = MakePairs<16>(kHexDigits, false);
+constexpr auto kBase64StandardPairs = MakePairs<64>(kBase64Standard, false);
+constexpr auto kBase64UrlSafePairs = MakePairs<64>(kBase64UrlSafe, false);
+constexpr auto kBase32Pairs = MakePairs<32>(kBase32ModifiedCrockford, true);
+
+using CDigitValues = std::array<BYTE, 256>;
+
+constexpr CDigitValues MakeHexValues() noexcept
+{
+    CDigitValues values{};
+    values.fill(kNoDigit);
+    for (size_t i = 0; i < 16; ++i)
+    {
+        values[static_cast<size_t>(kHexDigits[i])] = static_cast<BYTE>(i);
+        if (i >= 10)
+            values[static_cast<size_t>(kHexDigits[i]) + 0x20] = static_cast<BYTE>(i);
+    }
+    return values;
+}
+
+constexpr CDigitValues MakeBase64Values() noexcept
+{
+    CDigitValues values{};
+    values.fill(kNoDigit);
+    for (size_t i = 0; i < 64; ++i)
+    {
+        values[static_cast<size_t>(kBase64Standard[i])] = static_cast<BYTE>(i);
+        values[static_cast<size_t>(kBase64UrlSafe[i])] = static_cast<BYTE>(i);
+    }
+    return values;
+}
+
+constexpr CDigitValues MakeBase32Values() noexcept
+{
+    CDigitValues values{};
+    values.fill(kNoDigit);
+    for (size_t i = 0; i < 32; ++i)
+        values[static_cast<size_t>(kBase32ModifiedCrockford[i])] = static_cast<BYTE>(i);
+    // Letters that are easily taken for a digit stand for it.
+    values['O'] = 0;
+    values['I'] = 1;
+    values['L'] = 1;
+    values['B'] = 8;
+    for (size_t letter = 'A'; letter <= 'Z'; ++letter)
+        values[letter + 0x20] = values[letter];
+    return values;
+}
+
+constexpr CDigitValues kHexValues = MakeHexValues();
+constexpr CDigitValues kBase64Values = MakeBase64Values();
+constexpr CDigitValues kBase32Values = MakeBase32Values();
+
+// The value of a Base64 character shifted to its place in a group of 24 bits, with the group's first byte lowest so that one
+// little-endian store writes it. kBadGroup marks a character that is no digit.
+constexpr UINT32 kBadGroup = 0x80000000U;
+constexpr std::array<UINT32, 256> MakeBase64Places(unsigned place) noexcept
+{
+    std::array<UINT32, 256> places{};
+    for (size_t i = 0; i < places.size(); ++i)
+    {
+        const BYTE value = kBase64Values[i];
+        const UINT32 bits = static_cast<UINT32>(value & 63U) << (18 - 6 * place);
+        places[i] = value == kNoDigit ? kBadGroup : (bits >> 16 | (bits & 0xFF00U) | (bits & 0xFFU) << 16);
+    }
+    return places;
+}
+
+constexpr std::array<UINT32, 256> kBase64Places0 = MakeBase64Places(0);
+constexpr std::array<UINT32, 256> kBase64Places1 = MakeBase64Places(1);
+constexpr std::array<UINT32, 256> kBase64Places2 = MakeBase64Places(2);
+constexpr std::array<UINT32, 256> kBase64Places3 = MakeBase64Places(3);
+
+BYTE ValueIn(const CDigitValues& values, wchar_t character) noexcept
+{
+    return character < values.size() ? values[character] : kNoDigit;
+}
+
+// The 24 bits of one group, or kBadGroup set.
+UINT32 Base64Group(const wchar_t* text) noexcept
+{
+    UINT64 characters;
+    std::memcpy(&characters, text, sizeof characters);
+    if (characters & 0xFF00FF00FF00FF00U)
+        return kBadGroup;
+    return kBase64Places0[characters & 0xFF] | kBase64Places1[characters >> 16 & 0xFF] |
+           kBase64Places2[characters >> 32 & 0xFF] | kBase64Places3[characters >> 48];
+}
+
+// The 40 bits of a base-32 group in their place, to be masked.
+UINT64 Load5(const BYTE* bytes) noexcept
+{
+    UINT32 low;
+    std::memcpy(&low, bytes, sizeof low);
+    return low | static_cast<UINT64>(bytes[4]) << 32;
+}
+
+// 16 hexadecimal characters to their values; `good` becomes all ones in the places of digits. Characters above 255 saturate to
+// 0 or 255, which are no digits either.
+__m128i HexValues16(const wchar_t* text, __m128i& good) noexcept
+{
+    const __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text));
+    const __m128i second = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text + 8));
+    const __m128i characters = _mm_packus_epi16(first, second);
+    const __m128i decimal = _mm_sub_epi8(characters, _mm_set1_epi8('0'));
+    const __m128i letter = _mm_sub_epi8(_mm_or_si128(characters, _mm_set1_epi8(0x20)), _mm_set1_epi8('a'));
+    const __m128i isDecimal = _mm_cmpeq_epi8(_mm_min_epu8(decimal, _mm_set1_epi8(9)), decimal);
+    const __m128i isLetter = _mm_cmpeq_epi8(_mm_min_epu8(letter, _mm_set1_epi8(5)), letter);
+    good = _mm_or_si128(isDecimal, isLetter);
+    return _mm_or_si128(_mm_and_si128(decimal, isDecimal), _mm_and_si128(_mm_add_epi8(letter, _mm_set1_epi8(10)), isLetter));
+}
+
+// Pairs of values, the high nibble first, to one byte in each 16-bit place.
+__m128i JoinNibbles(__m128i values) noexcept
+{
+    return _mm_and_si128(_mm_or_si128(_mm_slli_epi16(values, 4), _mm_srli_epi16(values, 8)), _mm_set1_epi16(0xFF));
+}
+} // namespace
+
+void EncodeHex(const BYTE* bytes, size_t groups, wchar_t* text) noexcept
+{
+    for (size_t i = 0; i < groups; ++i)
+        std::memcpy(text + 2 * i, &kHexPairs[bytes[i]], sizeof(UINT32));
+}
+
+void EncodeBase64(const BYTE* bytes, size_t groups, bool urlSafe, wchar_t* text) noexcept
+{
+    const UINT32* const pairs = urlSafe ? kBase64UrlSafePairs.data() : kBase64StandardPairs.data();
+    for (size_t i = 0; i < groups; ++i, bytes += 3, text += 4)
+    {
+        const size_t bits = static_cast<size_t>(bytes[0]) << 16 | static_cast<size_t>(bytes[1]) << 8 | bytes[2];
+        const UINT64 characters = pairs[bits >> 12] | static_cast<UINT64>(pairs[bits & 0xFFF]) << 32;
+        std::memcpy(text, &characters, sizeof characters);
+    }
+}
+
+void EncodeBase32(const BYTE* bytes, size_t groups, wchar_t* text) noexcept
+{
+    for (size_t i = 0; i < groups; ++i, bytes += 5, text += 8)
+    {
+        const UINT64 bits = Load5(bytes);
+        const UINT32 characters[] = { kBase32Pairs[bits & 0x3FF], kBase32Pairs[bits >> 10 & 0x3FF],
+                                      kBase32Pairs[bits >> 20 & 0x3FF], kBase32Pairs[bits >> 30] };
+        std::memcpy(text, characters, sizeof characters);
+    }
+}
+
+size_t DecodeHex(const wchar_t* text, size_t groups, BYTE* bytes) noexcept
+{
+    size_t i = 0;
+    for (; groups - i >= 16; i += 16)
+    {
+        __m128i firstGood;
+        __m128i secondGood;
+        const __m128i first = HexValues16(text + 2 * i, firstGood);
+        const __m128i second = HexValues16(text + 2 * i + 16, secondGood);
+        if (_mm_movemask_epi8(_mm_and_si128(firstGood, secondGood)) != 0xFFFF)
+            break;
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(bytes + i), _mm_packus_epi16(JoinNibbles(first), JoinNibbles(second)));
+    }
+    for (; i < groups; ++i)
+    {
+        const BYTE high = HexDigitValue(text[2 * i]);
+        const BYTE low = HexDigitValue(text[2 * i + 1]);
+        if (high == kNoDigit || low == kNoDigit)
+            break;
+        bytes[i] = static_cast<BYTE>(high << 4 | low);
+    }
+    return i;
+}
+
+size_t DecodeBase64(const wchar_t* text, size_t groups, BYTE* bytes) noexcept
+{
+    size_t i = 0;
+    // Four bytes are stored for a group's three; the fourth is overwritten by the next group, so the last group is not for this
+    // loop.
+    for (; groups - i > 2; i += 2, text += 8, bytes += 6)
+    {
+        const UINT32 first = Base64Group(text);
+        const UINT32 second = Base64Group(text + 4);
+        if ((first | second) & kBadGroup)
+            break;
+        std::memcpy(bytes, &first, sizeof first);
+        std::memcpy(bytes + 3, &second, sizeof second);
+    }
+    for (; i < groups; ++i, text += 4, bytes += 3)
+    {
+        const UINT32 bits = Base64Group(text);
+        if (bits & kBadGroup)
+            break;
+        std::memcpy(bytes, &bits, 3);
+    }
+    return i;
+}
+
+size_t DecodeBase32(const wchar_t* text, size_t groups, BYTE* bytes) noexcept
+{
+    for (size_t i = 0; i < groups; ++i, text += 8, bytes += 5)
+    {
+        UINT64 low;
+        UINT64 high;
+        std::memcpy(&low, text, sizeof low);
+        std::memcpy(&high, text + 4, sizeof high);
+        if ((low | high) & 0xFF00FF00FF00FF00U)
+            return i;
+        const UINT64 q0 = kBase32Values[low & 0xFF];
+        const UINT64 q1 = kBase32Values[low >> 16 & 0xFF];
+        const UINT64 q2 = kBase32Values[low >> 32 & 0xFF];
+        const UINT64 q3 = kBase32Values[low >> 48];
+        const UINT64 q4 = kBase32Values[high & 0xFF];
+        const UINT64 q5 = kBase32Values[high >> 16 & 0xFF];
+        const UINT64 q6 = kBase32Values[high >> 32 & 0xFF];
+        const UINT64 q7 = kBase32Values[high >> 48];
+        if ((q0 | q1 | q2 | q3 | q4 | q5 | q6 | q7) > 31)
+            return i;
+        const UINT64 bits = q0 | q1 << 5 | q2 << 10 | q3 << 15 | q4 << 20 | q5 << 25 | q6 << 30 | q7 << 35;
+        std::memcpy(bytes, &bits, 5);
+    }
+    return groups;
+}
+
+BYTE HexDigitValue(wchar_t character) noexcept
+{
+    return ValueIn(kHexValues, character);
+}
+
+BYTE Base64DigitValue(wchar_t character) noexcept
+{
+    return ValueIn(kBase64Values, character);
+}
+
+BYTE Base32DigitValue(wchar_t character) noexcept
+{
+    return ValueIn(kBase32Values, character);
+}
+} // namespace VoCodecKernels

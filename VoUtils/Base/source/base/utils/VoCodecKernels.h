@@ -1,0 +1,35 @@
+// The inner loops of the encodings: whole groups only, no allocation, no reports, nothing tolerated.
+//
+// A group is the smallest piece that stands for itself: 2 characters and 1 byte in hexadecimal, 4 and 3 in Base64, 8 and 5 in
+// base-32. Every kernel touches exactly the characters and bytes of its groups. All are re-entrant.
+#pragma once
+
+#include <base/VoPlatform.h>
+
+#include <cstddef>
+#include <string_view>
+
+namespace VoCodecKernels
+{
+inline constexpr std::wstring_view kHexDigits = L"0123456789ABCDEF";
+inline constexpr std::wstring_view kBase64Standard = L"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+inline constexpr std::wstring_view kBase64UrlSafe = L"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+// Crockford's alphabet without B (it is read as 8) and with U.
+inline constexpr std::wstring_view kBase32ModifiedCrockford = L"0123456789ACDEFGHJKMNPQRSTUVWXYZ";
+
+void EncodeHex(const BYTE* bytes, size_t groups, wchar_t* text) noexcept;
+void EncodeBase64(const BYTE* bytes, size_t groups, bool urlSafe, wchar_t* text) noexcept;
+void EncodeBase32(const BYTE* bytes, size_t groups, wchar_t* text) noexcept;
+
+// The decoders give the number of groups in front of the first one with a character that is no digit; bytes behind those groups
+// may have been overwritten, but never beyond the space of all groups.
+[[nodiscard]] size_t DecodeHex(const wchar_t* text, size_t groups, BYTE* bytes) noexcept;
+[[nodiscard]] size_t DecodeBase64(const wchar_t* text, size_t groups, BYTE* bytes) noexcept;
+[[nodiscard]] size_t DecodeBase32(const wchar_t* text, size_t groups, BYTE* bytes) noexcept;
+
+// The value of one character, or kNoDigit.
+inline constexpr BYTE kNoDigit = 0xFF;
+[[nodiscard]] BYTE HexDigitValue(wchar_t character) noexcept;
+[[nodiscard]] BYTE Base64DigitValue(wchar_t character) noexcept;
+[[nodiscard]] BYTE Base32DigitValue(wchar_t character) noexcept;
+} // namespace VoCodecKernels
