@@ -1,8 +1,9 @@
 // The parts of the loopback server that only handle text: finding headers, taking a target apart, building an answer's head.
-#include "LoopbackServer.h"
+#include "LoopbackDetail.h"
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <utility>
 
 namespace Loopback
@@ -43,6 +44,64 @@ std::string_view CRequest::Query() const noexcept
 {
     const size_t mark = target.find('?');
     return mark == std::string::npos ? std::string_view() : std::string_view(target).substr(mark + 1);
+}
+
+std::string_view Trim(std::string_view text) noexcept
+{
+    const size_t begin = text.find_first_not_of(" \t");
+    if (begin == std::string_view::npos)
+        return {};
+    return text.substr(begin, text.find_last_not_of(" \t") - begin + 1);
+}
+
+bool HasToken(std::string_view value, std::string_view token) noexcept
+{
+    while (!value.empty())
+    {
+        const size_t comma = value.find(',');
+        if (EqualsIgnoringCase(Trim(value.substr(0, comma)), token))
+            return true;
+        value = comma == std::string_view::npos ? std::string_view() : value.substr(comma + 1);
+    }
+    return false;
+}
+
+std::optional<uint64_t> ParseNumber(std::string_view text, int base) noexcept
+{
+    uint64_t value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
+    if (error != std::errc() || end != text.data() + text.size())
+        return std::nullopt;
+    return value;
+}
+
+bool ParseHead(std::string_view head, CRequest& request)
+{
+    size_t end = head.find("\r\n");
+    const std::string_view line = head.substr(0, end);
+    const size_t first = line.find(' ');
+    const size_t last = line.rfind(' ');
+    if (first == 0 || first == std::string_view::npos || last == first || line.substr(last + 1, 5) != "HTTP/")
+        return false;
+    request.method = line.substr(0, first);
+    request.target = Trim(line.substr(first + 1, last - first - 1));
+    request.version = line.substr(last + 1);
+    for (size_t begin = end + 2; begin + 2 < head.size(); begin = end + 2)
+    {
+        end = head.find("\r\n", begin);
+        const std::string_view header = head.substr(begin, end - begin);
+        const size_t colon = header.find(':');
+        if (colon == 0 || colon == std::string_view::npos)
+            return false;
+        request.headers.push_back({ std::string(header.substr(0, colon)), std::string(Trim(header.substr(colon + 1))) });
+    }
+    return true;
+}
+
+bool WantsClose(const CRequest& request) noexcept
+{
+    const std::string_view connection = request.Header("Connection");
+    return request.version == "HTTP/1.0" ? !HasToken(connection, "keep-alive") : HasToken(connection, "close");
 }
 
 std::string_view ReasonPhrase(int status) noexcept
