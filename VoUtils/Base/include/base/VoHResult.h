@@ -13,6 +13,19 @@ inline constexpr HRESULT kResultNotEnoughMemory = static_cast<HRESULT>(0x8007000
 inline constexpr HRESULT kResultUnexpectedStatus =
     static_cast<HRESULT>(0x80072F78); // an HTTP status other than 200 (Windows transports)
 
+// Failures of an application built on the library that have no code of the platform with a text fit for a user: facility 259,
+// from 0x81030001 upward. VoGetErrorText knows their texts. A number is never used for another failure.
+inline constexpr HRESULT kErrorServerNotReached = static_cast<HRESULT>(0x81030001);
+inline constexpr HRESULT kErrorServerAnswer = static_cast<HRESULT>(0x81030002);
+inline constexpr HRESULT kErrorServerRefused = static_cast<HRESULT>(0x81030003);
+inline constexpr HRESULT kErrorServerCertificate = static_cast<HRESULT>(0x81030004);
+inline constexpr HRESULT kErrorServerCredentials = static_cast<HRESULT>(0x81030005);
+inline constexpr HRESULT kErrorProxyNotReached = static_cast<HRESULT>(0x81030010);
+inline constexpr HRESULT kErrorProxyCredentials = static_cast<HRESULT>(0x81030011);
+inline constexpr HRESULT kErrorSignature = static_cast<HRESULT>(0x81030020);
+inline constexpr HRESULT kErrorSettings = static_cast<HRESULT>(0x81030030);
+inline constexpr HRESULT kErrorSystemTooOld = static_cast<HRESULT>(0x81030031);
+
 // The HRESULT of an error number for which a failure was detected. A positive number e becomes 0x80070000 | (e & 0xFFFF), a
 // value that is an HRESULT already is kept, and 0 (the callee failed without saying why) becomes E_FAIL.
 [[nodiscard]] constexpr HRESULT HResultFromWin32(DWORD error) noexcept

@@ -1,0 +1,141 @@
+#include "VoErrorTranslator.h"
+
+#include <base/VoErrorHandler.h>
+#include <base/VoUtils.h>
+
+#include <algorithm>
+#include <iterator>
+#include <memory>
+#include <optional>
+
+namespace
+{
+constexpr const wchar_t* kSource = L"..\\..\\source\\base\\VoErrorText";
+
+constexpr unsigned kFacilityWin32 = 7;
+constexpr unsigned kFacilityLibrary = 259;
+constexpr unsigned kFacilityTranslator = 260;
+constexpr DWORD kFirstInternetError = 12000;
+constexpr DWORD kLastInternetError = 12192;
+
+// The library's own codes, in ascending order. A number is never given to another failure; gaps are numbers out of use.
+struct CTextRow
+{
+    HRESULT code;
+    const wchar_t* text;
+};
+constexpr CTextRow kLibraryTexts[] = {
+    { kErrorServerNotReached, L"The server could not be reached." },
+    { kErrorServerAnswer, L"The server's answer could not be understood." },
+    { kErrorServerRefused, L"The server refused the request." },
+    { kErrorServerCertificate, L"The server's certificate is not trusted." },
+    { kErrorServerCredentials, L"The server refused the user name or the password." },
+    { kErrorProxyNotReached, L"The proxy server could not be reached." },
+    { kErrorProxyCredentials, L"The proxy server refused the user name or the password." },
+    { kErrorSignature, L"The signature does not match the data." },
+    { kErrorSettings, L"The settings cannot be read." },
+    { kErrorSystemTooOld, L"This version of the system is not supported." },
+};
+
+// A message from the system's tables, or from those of a module; nothing where there is none.
+std::optional<std::wstring> FormatSystemMessage(HMODULE module, DWORD id)
+{
+    const DWORD flags = FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS |
+                        (module ? FORMAT_MESSAGE_FROM_HMODULE : FORMAT_MESSAGE_FROM_SYSTEM);
+    wchar_t* buffer = nullptr;
+    // With this flag the function takes the address of a pointer where it otherwise takes a buffer.
+    const DWORD length = ::FormatMessageW(flags, module, id, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT),
+                                          reinterpret_cast<wchar_t*>(&buffer), 0, nullptr);
+    const std::unique_ptr<void, decltype(&::LocalFree)> owner(buffer, ::LocalFree);
+    if (length == 0 || !buffer)
+        return std::nullopt;
+    // The tables end their texts for a console; a user's text has no line end behind it.
+    const std::wstring_view text = VoTrim(std::wstring_view(buffer, length));
+    return text.empty() ? std::nullopt : std::optional<std::wstring>(text);
+}
+
+std::optional<std::wstring> InternetText(DWORD error)
+{
+    // As data, because only its message table is wanted.
+    const HMODULE module = ::LoadLibraryExW(L"wininet.dll", nullptr, LOAD_LIBRARY_AS_DATAFILE | LOAD_LIBRARY_AS_IMAGE_RESOURCE);
+    if (!module)
+        return std::nullopt;
+    const std::unique_ptr<std::remove_pointer_t<HMODULE>, decltype(&::FreeLibrary)> owner(module, ::FreeLibrary);
+    return FormatSystemMessage(module, error);
+}
+
+std::optional<std::wstring> LibraryText(HRESULT code)
+{
+    const auto* const end = std::end(kLibraryTexts);
+    const auto* const row = std::find_if(std::begin(kLibraryTexts), end, [code](const CTextRow& r) { return r.code == code; });
+    return row != end ? std::optional<std::wstring>(row->text) : std::nullopt;
+}
+
+std::optional<std::wstring> TranslatorText(HRESULT code)
+{
+    std::wstring text;
+    if (!VoErrorLog().UsesErrorTranslator() || FAILED(CVoErrorTranslator::ForProcess().GetErrorString(code, text)) ||
+        text.empty())
+        return std::nullopt;
+    return text;
+}
+
+unsigned FacilityOf(HRESULT code) noexcept
+{
+    return (static_cast<unsigned>(code) >> 16) & 0x1FFF;
+}
+
+std::optional<std::wstring> FindText(HRESULT code)
+{
+    switch (FacilityOf(code))
+    {
+    case kFacilityWin32:
+    {
+        const DWORD error = static_cast<DWORD>(code) & 0xFFFF;
+        const bool internet = error >= kFirstInternetError && error <= kLastInternetError;
+        return internet ? InternetText(error) : FormatSystemMessage(nullptr, error);
+    }
+    case kFacilityLibrary:
+        return LibraryText(code);
+    case kFacilityTranslator:
+        return TranslatorText(code);
+    default:
+        return FormatSystemMessage(nullptr, static_cast<DWORD>(code));
+    }
+}
+} // namespace
+
+HRESULT VoGetErrorText(HRESULT code, bool useFallback, std::wstring* text) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"VoGetErrorText" };
+    if (!text)
+        return S_FALSE;
+    try
+    {
+        std::optional<std::wstring> found = FindText(code);
+        if (!found)
+        {
+            if (!useFallback)
+                return report(118, E_FAIL);
+            found = L"Unknown system error occured!";
+        }
+        *text = std::move(*found);
+        return S_OK;
+    }
+    catch (...)
+    {
+        return report.CurrentException(126);
+    }
+}
+
+HRESULT VoShowError(HRESULT code, bool useFallback) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"VoShowError" };
+    std::wstring text;
+    if (const HRESULT hr = VoGetErrorText(code, useFallback, &text); FAILED(hr))
+        return report(135, hr);
+    const bool translated = FacilityOf(code) == kFacilityTranslator && VoErrorLog().UsesErrorTranslator() &&
+                            CVoErrorTranslator::ForProcess().IsLoaded();
+    const HRESULT hr = translated ? CVoErrorTranslator::ForProcess().ShowErrorMessageWindow(code, text) : VoShowErrorBox(text);
+    return FAILED(hr) ? report(139, hr) : S_OK;
+}
