@@ -1,13 +1,16 @@
 // Containers of the library: the growable array, and an owner for the byte buffers that operations hand out.
 #pragma once
 
+#include <base/VoErrorHandler.h>
 #include <base/VoHResult.h>
 #include <base/VoPlatform.h>
 
-#include <limits>
+#include <algorithm>
+#include <cassert>
+#include <cstddef>
 #include <memory>
-#include <new>
 #include <span>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -64,4 +67,98 @@ public:
 private:
     BYTE* m_bytes = nullptr;
     UINT32 m_length = 0;
+};
+
+// The name under which an array reports that it could not grow. Support knows these texts, so they stand as they are whatever
+// the compiler calls the types; an array of another type may be given its own the same way.
+template <class Type, class ArgType>
+inline constexpr const wchar_t* kCArraySetSizeName = L"CArray::SetSize";
+template <>
+inline constexpr const wchar_t* kCArraySetSizeName<unsigned char, unsigned char> =
+    L"CArray<unsigned char,unsigned char>::SetSize";
+template <>
+inline constexpr const wchar_t* kCArraySetSizeName<wchar_t, wchar_t> = L"CArray<wchar_t,wchar_t>::SetSize";
+
+// A growable array that answers an HRESULT, instead of throwing, when there is no room. `ArgType` is the type in which items
+// are passed in. New items are value-initialised; growing one by one is amortised. Not thread-safe.
+//
+// Functions that grow answer kResultNotEnoughMemory (0x80070008), reported under SetSize's name, and then leave the array
+// untouched.
+template <class Type, class ArgType = const Type&>
+class CArray
+{
+    static_assert(std::is_nothrow_default_constructible_v<Type> && std::is_nothrow_move_assignable_v<Type>,
+                  "moving items must not fail, so that a failure leaves the array untouched");
+
+public:
+    [[nodiscard]] size_t GetSize() const noexcept { return m_items.size(); }
+    [[nodiscard]] bool IsEmpty() const noexcept { return m_items.empty(); }
+
+    // Items are kept, cut off or added at the end.
+    [[nodiscard]] HRESULT SetSize(size_t size) noexcept
+    {
+        try
+        {
+            m_items.resize(size);
+            return S_OK;
+        }
+        catch (...)
+        {
+            return CVoReporter{ L"VoCArray.h", kCArraySetSizeName<Type, ArgType> }(110, kResultNotEnoughMemory);
+        }
+    }
+
+    // Appends an item. It may be one of the array's own.
+    [[nodiscard]] HRESULT Add(ArgType item) noexcept(std::is_nothrow_copy_constructible_v<Type>)
+    {
+        return InsertAt(GetSize(), item);
+    }
+
+    // Puts an item in front of the one at `index`; an index behind the end grows the array up to it. The item may be one of the
+    // array's own.
+    [[nodiscard]] HRESULT InsertAt(size_t index, ArgType item) noexcept(std::is_nothrow_copy_constructible_v<Type>)
+    {
+        Type copy(item);
+        const size_t size = GetSize();
+        const size_t newSize = std::max(index, size) + 1;
+        if (const HRESULT hr = SetSize(newSize); FAILED(hr))
+            return hr;
+        if (index < size)
+            std::move_backward(Position(index), Position(size), m_items.end());
+        m_items[index] = std::move(copy);
+        return S_OK;
+    }
+
+    // Takes items out; those outside the array are passed over.
+    void RemoveAt(size_t index, size_t count = 1) noexcept
+    {
+        const size_t first = std::min(index, GetSize());
+        const size_t last = first + std::min(count, GetSize() - first);
+        m_items.erase(Position(first), Position(last));
+    }
+    void RemoveAll() noexcept { m_items.clear(); }
+
+    // `index` must lie within the array.
+    [[nodiscard]] Type& operator[](size_t index) noexcept
+    {
+        assert(index < GetSize());
+        return m_items[index];
+    }
+    [[nodiscard]] const Type& operator[](size_t index) const noexcept
+    {
+        assert(index < GetSize());
+        return m_items[index];
+    }
+
+    [[nodiscard]] Type* GetData() noexcept { return m_items.data(); }
+    [[nodiscard]] const Type* GetData() const noexcept { return m_items.data(); }
+    [[nodiscard]] auto begin() noexcept { return m_items.begin(); }
+    [[nodiscard]] auto end() noexcept { return m_items.end(); }
+    [[nodiscard]] auto begin() const noexcept { return m_items.begin(); }
+    [[nodiscard]] auto end() const noexcept { return m_items.end(); }
+
+private:
+    [[nodiscard]] auto Position(size_t index) noexcept { return m_items.begin() + static_cast<std::ptrdiff_t>(index); }
+
+    std::vector<Type> m_items;
 };

@@ -14,6 +14,8 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 // One parameter.
 class CParamRec
@@ -22,7 +24,8 @@ public:
     CParamRec() = default;
     CParamRec(std::wstring_view name, std::wstring_view value) : m_name(name), m_value(value) {}
 
-    // Fills the record from one pair of parameter text. E_FAIL for a pair without "=".
+    // Fills the record from one pair of parameter text: the first "=" splits it, the name loses white space at both ends, the
+    // value its escapes ("$&" and "$$"; any other "$" stands for itself). E_FAIL for a pair without "=".
     [[nodiscard]] HRESULT PutParamString(const wchar_t* text, size_t length);
 
     [[nodiscard]] const std::wstring& Name() const noexcept { return m_name; }
@@ -33,6 +36,10 @@ private:
     std::wstring m_name;
     std::wstring m_value;
 };
+
+template <>
+inline constexpr const wchar_t* kCArraySetSizeName<CParamRec*, CParamRec*> =
+    L"CArray<class CParamRec *,class CParamRec *>::SetSize";
 
 // An ordered list of named parameters, all kept as text. Names are found without regard to case, the first match wins, and a
 // name may stand twice. Numbers, booleans and dates cross in the form of VoChangeVariantTypeNoLocale.
@@ -46,23 +53,32 @@ public:
     CVoDataParser& operator=(CVoDataParser&& other) noexcept;
     virtual ~CVoDataParser();
 
-    // Append a parameter. A VARIANT that holds a CVo2DIDArray's flattening is not known here: use the array overload, which
-    // writes the keys name_dim1, name_dim2, name_empty_r_c, name_ID_r_c, name_type_r_c and name_val_r_c.
+    // Append a parameter. A null text is an empty one. A variant is converted by its type; a byte array (VT_ARRAY|VT_UI1)
+    // becomes upper-case hexadecimal. An array of identified values becomes the parameters name_dim1, name_dim2 and for each
+    // cell name_empty_r_c, and unless that is true name_ID_r_c, name_type_r_c and name_val_r_c. All or nothing is appended.
     [[nodiscard]] HRESULT AddParam(std::wstring_view name, std::wstring_view value) noexcept;
     [[nodiscard]] HRESULT AddParam(std::wstring_view name, const wchar_t* value) noexcept;
     [[nodiscard]] HRESULT AddParam(std::wstring_view name, UINT32 value) noexcept;
+    // A negative number reads back through GetParam as the same bits.
+    [[nodiscard]] HRESULT AddParam(std::wstring_view name, INT32 value) noexcept
+    {
+        return AddParam(name, static_cast<UINT32>(value));
+    }
     [[nodiscard]] HRESULT AddParam(std::wstring_view name, double value) noexcept;
     [[nodiscard]] HRESULT AddParam(std::wstring_view name, bool value) noexcept;
     [[nodiscard]] HRESULT AddParam(std::wstring_view name, const VARIANT& value) noexcept;
     [[nodiscard]] HRESULT AddParam(std::wstring_view name, const CVo2DIDArray& value) noexcept;
 
-    // Read the first parameter of that name, converted. HRESULT_FROM_WIN32(ERROR_NOT_FOUND) when there is none. The variant
-    // asks for the type that `value.vt` holds on entry (VT_EMPTY: text).
+    // Read the first parameter of that name, converted. HRESULT_FROM_WIN32(ERROR_NOT_FOUND) when there is none, else the code
+    // of the conversion. A variant becomes of the type asked for, or of the type that it holds on entry (text for VT_EMPTY); it
+    // must be a valid one, and what it held is cleared.
     [[nodiscard]] HRESULT GetParam(std::wstring_view name, std::wstring& value) const noexcept;
     [[nodiscard]] HRESULT GetParam(std::wstring_view name, UINT32& value) const noexcept;
     [[nodiscard]] HRESULT GetParam(std::wstring_view name, double& value) const noexcept;
     [[nodiscard]] HRESULT GetParam(std::wstring_view name, bool& value) const noexcept;
     [[nodiscard]] HRESULT GetParam(std::wstring_view name, VARIANT& value) const noexcept;
+    [[nodiscard]] HRESULT GetParam(std::wstring_view name, VARIANT& value, VARTYPE type) const noexcept;
+    // E_INVALIDARG for sizes that are negative or ask for more cells than the list can describe.
     [[nodiscard]] HRESULT GetParam(std::wstring_view name, CVo2DIDArray& value) const noexcept;
 
     // The first record of that name, or null. It belongs to the parser and lives until the list changes.
@@ -74,20 +90,30 @@ public:
     [[nodiscard]] const CParamRec& GetAt(size_t index) const noexcept { return *m_params[index]; }
     void RemoveAll() noexcept;
 
-    // Appends the pairs found in parameter text. A pair without "=" ends it with E_FAIL; pairs read before stay in the list.
+    // Appends the pairs found in parameter text. Empty pairs are passed over. A pair without "=" ends it with E_FAIL; pairs
+    // read before stay in the list.
     [[nodiscard]] HRESULT ReadParamsFromString(std::wstring_view text) noexcept;
     // The whole list as parameter text.
     [[nodiscard]] HRESULT GetParamsAsString(std::wstring& text) const noexcept;
 
-    // One value to its URL-encoded form and back, in place. With `useUtf8` over UTF-8 bytes, else one byte per character
-    // (E_FAIL for a character above 255). Decoding answers E_FAIL for a malformed escape.
+    // One value to its URL-encoded form and back, in place. Every byte that is no ASCII letter or digit is encoded, also the
+    // "-._~" that RFC 3986 section 2.3 leaves alone, and no "+" is made or read. With `useUtf8` over UTF-8 bytes, else one byte
+    // per character (E_FAIL for a character above 255). Text without "%" is decoded already; E_FAIL for a malformed escape.
     [[nodiscard]] static HRESULT ToUTF8AndUrlEncode(bool useUtf8, std::wstring& value) noexcept;
     [[nodiscard]] static HRESULT FromUTF8AndUrlEncode(bool useUtf8, std::wstring& value) noexcept;
-    // The same for every value of the list; the first failure stops.
+    // The same for every value of the list; the first failure stops and leaves all values as they were.
     [[nodiscard]] HRESULT ConvertParamValuesToUTF8URLEncodedString(bool useUtf8) noexcept;
     [[nodiscard]] HRESULT ConvertParamValuesFromUTF8URLEncodedString(bool useUtf8) noexcept;
 
-protected:
+private:
+    template <class CValue>
+    [[nodiscard]] HRESULT AddTyped(std::wstring_view name, const CValue& value) noexcept;
+    template <class CValue>
+    [[nodiscard]] HRESULT GetTyped(std::wstring_view name, CValue& value) const noexcept;
+    [[nodiscard]] HRESULT AppendCells(std::wstring_view name, const CVo2DIDArray& value);
+    [[nodiscard]] HRESULT ReadCells(std::wstring_view name, CVo2DIDArray& value) const;
+    [[nodiscard]] HRESULT ConvertValues(HRESULT (*convert)(bool, std::wstring&) noexcept, bool useUtf8);
+
     CArray<CParamRec*, CParamRec*> m_params; // owned
 };
 
@@ -97,23 +123,28 @@ class CVoBinaryDataParser : public CVoDataParser
 public:
     // Takes a message apart: replaces the payload and appends the parameters found. `binaryOnly` makes the whole input the
     // payload. With `useUtf8` the text is UTF-8 (a byte-order mark is skipped), else in the thread's ANSI code page. Without
-    // "&&" the whole input is parameter text.
+    // "&&" the whole input is parameter text. E_INVALIDARG for null bytes with a length changes nothing; any later failure
+    // leaves no payload, and after a pair without "=" (E_FAIL) the pairs in front of it stay in the list.
     [[nodiscard]] HRESULT Parse(UINT32 length, const BYTE* bytes, bool binaryOnly, bool useUtf8) noexcept;
     // The same, taking the bytes over, so that a large payload is moved within its buffer and never stands twice in memory.
+    // `bytes` is untouched on failure. E_INVALIDARG above UINT32_MAX bytes.
     [[nodiscard]] HRESULT Parse(std::vector<BYTE>&& bytes, bool binaryOnly, bool useUtf8) noexcept;
 
     // Builds a message. Without `useUtf8` the text goes out in the system's ANSI code page; `skipParams` leaves text and "&&"
     // out. The buffer is allocated with new BYTE[] and belongs to the caller; a null buffer pointer asks for the length alone.
+    // HRESULT_FROM_WIN32(ERROR_ARITHMETIC_OVERFLOW) for a message of more than UINT32_MAX bytes.
     [[nodiscard]] HRESULT GetMessageData(UINT32* length, BYTE** buffer, bool skipParams, bool useUtf8) const noexcept;
     // The same behind its length as an unsigned 32-bit little-endian number.
     [[nodiscard]] HRESULT GetMessageDataWithSizePrefix(UINT32* length, BYTE** buffer, bool skipParams,
                                                        bool useUtf8) const noexcept;
-    // A multipart/form-data body: every parameter but "FileName" and "ContentType" as a field, then the payload as a file when
-    // "FileName" names one. `boundary` (of 41 characters) is made afresh for each body. Texts are UTF-8 with `useUtf8`, else in
-    // the system's ANSI code page.
+    // A multipart/form-data body (RFC 7578): every parameter but "FileName" and "ContentType" as a field, then the payload as a
+    // file when "FileName" names one (of the type "image/pjpeg" without "ContentType"); else the payload is not sent.
+    // `boundary` (41 characters) is made afresh for each body. Texts are UTF-8 with `useUtf8`, else in the system's ANSI code
+    // page. CR, LF and quotation marks in names go out as "%0D", "%0A" and "%22", as HTML forms do, so that no text can break
+    // the body's structure.
     [[nodiscard]] HRESULT GetFormMessageData(UINT32* length, BYTE** buffer, std::wstring& boundary,
                                              bool useUtf8) const noexcept;
-    // The parameters as parameter text in bytes, without "&&" and payload (the body of a form).
+    // The parameters as parameter text in bytes, without "&&" and payload (the body of a form); the buffer as above.
     [[nodiscard]] HRESULT GetParamData(bool useUtf8, UINT32* length, BYTE** buffer) const noexcept;
 
     // The payload is copied in; what Payload() gives stays valid until the payload changes.
@@ -124,8 +155,11 @@ public:
     [[nodiscard]] std::vector<BYTE> TakePayload() noexcept { return std::exchange(m_payload, {}); }
 
 private:
-    [[nodiscard]] HRESULT internalGetParamData(bool useUtf8, UINT32* length, BYTE** buffer) const;
-    [[nodiscard]] static HRESULT StringToMessageData(std::wstring_view text, bool useUtf8, UINT32* length, BYTE** buffer);
+    [[nodiscard]] HRESULT internalGetParamData(bool useUtf8, std::string_view terminator, std::string& bytes) const;
+    [[nodiscard]] static HRESULT StringToMessageData(std::wstring_view text, bool useUtf8, std::string& bytes);
+    [[nodiscard]] HRESULT internalGetMessageData(bool withSizePrefix, UINT32* length, BYTE** buffer, bool skipParams,
+                                                 bool useUtf8) const noexcept;
+    [[nodiscard]] HRESULT ReadParams(std::span<const BYTE> text, bool useUtf8);
 
     std::vector<BYTE> m_payload;
 };

@@ -1,0 +1,50 @@
+// A two-dimensional array of identified values, which the data parser flattens into parameters.
+#pragma once
+
+#include <base/VoPlatform.h>
+#include <base/com/VoComHelper.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// Rows by columns of cells; a cell holds an ID text and a value, or nothing. Rows and columns count from 0. The array owns its
+// texts and values. Not thread-safe. Functions that answer an HRESULT report their failures and then leave the array untouched.
+class CVo2DIDArray
+{
+public:
+    struct CCell
+    {
+        std::wstring id;
+        CVoVariant value;
+    };
+
+    // Makes every cell hold nothing. Either size may be 0. E_INVALIDARG for a size above INT32_MAX, E_OUTOFMEMORY.
+    [[nodiscard]] HRESULT SetSize(UINT32 rows, UINT32 columns) noexcept;
+    // Back to 0 rows and columns.
+    void Clear() noexcept;
+
+    [[nodiscard]] UINT32 Rows() const noexcept { return m_rows; }
+    [[nodiscard]] UINT32 Columns() const noexcept { return m_columns; }
+
+    // Copies an ID and a value into a cell; a value held by reference is copied as what it refers to. E_INVALIDARG outside the
+    // array, or the platform's code for a value that cannot be copied.
+    [[nodiscard]] HRESULT SetCell(UINT32 row, UINT32 column, std::wstring_view id, const VARIANT& value) noexcept;
+    // Moves the value in; `value` is empty afterwards, on success.
+    [[nodiscard]] HRESULT SetCell(UINT32 row, UINT32 column, std::wstring_view id, CVoVariant&& value) noexcept;
+    // Makes a cell hold nothing. E_INVALIDARG outside the array.
+    [[nodiscard]] HRESULT ClearCell(UINT32 row, UINT32 column) noexcept;
+
+    // Null for a cell that holds nothing and for one outside the array. It belongs to the array and lives until the cell
+    // changes.
+    [[nodiscard]] const CCell* GetCell(UINT32 row, UINT32 column) const noexcept;
+
+private:
+    [[nodiscard]] bool IsInside(UINT32 row, UINT32 column) const noexcept { return row < m_rows && column < m_columns; }
+    [[nodiscard]] size_t Index(UINT32 row, UINT32 column) const noexcept { return size_t{ row } * m_columns + column; }
+
+    UINT32 m_rows = 0;
+    UINT32 m_columns = 0;
+    std::vector<std::unique_ptr<CCell>> m_cells; // row by row; null for nothing
+};

@@ -1,0 +1,290 @@
+#include <base/VoDataParser.h>
+
+#include <base/VoErrorHandler.h>
+#include <base/VoUtils.h>
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <memory>
+
+namespace
+{
+// Both parsers report under one name, so that the numbers here go on behind those of VoDataParser.cpp.
+constexpr const wchar_t* kSource = L"..\\..\\source\\base\\VoDataParser";
+
+constexpr std::string_view kTerminator = "&&";
+constexpr BYTE kByteOrderMark[] = { 0xEF, 0xBB, 0xBF };
+constexpr size_t kSizePrefixLength = sizeof(UINT32);
+constexpr UINT32 kMaximumLength = std::numeric_limits<UINT32>::max();
+
+// Where the parts of a message lie.
+struct CMessageParts
+{
+    std::span<const BYTE> text;
+    std::span<const BYTE> payload;
+};
+
+CMessageParts Split(std::span<const BYTE> message, bool binaryOnly, bool useUtf8) noexcept
+{
+    if (binaryOnly)
+        return { {}, message };
+    if (useUtf8 && message.size() >= std::size(kByteOrderMark) &&
+        std::equal(std::begin(kByteOrderMark), std::end(kByteOrderMark), message.begin()))
+        message = message.subspan(std::size(kByteOrderMark));
+    for (size_t i = 0; i + 1 < message.size(); ++i)
+    {
+        if (message[i] == '$')
+            ++i; // the next byte is an ordinary one
+        else if (message[i] == '&' && message[i + 1] == '&')
+            return { message.first(i), message.subspan(i + kTerminator.size()) };
+    }
+    return { message, {} };
+}
+
+// Copies bytes behind `to` and gives the place behind them.
+BYTE* Put(BYTE* to, const void* bytes, size_t length) noexcept
+{
+    if (length > 0)
+        std::memcpy(to, bytes, length);
+    return to + length;
+}
+
+// Hands out the pieces in one buffer of their exact size, or the size alone.
+HRESULT HandOut(std::span<const std::span<const BYTE>> pieces, UINT32* length, BYTE** buffer)
+{
+    if (!length)
+        return E_INVALIDARG;
+    UINT64 size = 0;
+    for (const std::span<const BYTE> piece : pieces)
+        size += piece.size();
+    if (size > kMaximumLength)
+        return HResultFromWin32(ERROR_ARITHMETIC_OVERFLOW);
+    if (buffer)
+    {
+        auto bytes = std::make_unique_for_overwrite<BYTE[]>(static_cast<size_t>(size));
+        BYTE* to = bytes.get();
+        for (const std::span<const BYTE> piece : pieces)
+            to = Put(to, piece.data(), piece.size());
+        *buffer = bytes.release();
+    }
+    *length = static_cast<UINT32>(size);
+    return S_OK;
+}
+
+std::span<const BYTE> BytesOf(std::string_view text) noexcept
+{
+    return { reinterpret_cast<const BYTE*>(text.data()), text.size() };
+}
+
+// A text inside a header line, without the characters that would end the line, or the quoted text where it stands in one. HTML
+// forms write them the same way (the "multipart/form-data encoding algorithm" of the HTML standard).
+std::wstring HeaderText(std::wstring_view text, bool isQuoted)
+{
+    std::wstring safe;
+    safe.reserve(text.size());
+    for (const wchar_t character : text)
+        if (character == L'\r')
+            safe += L"%0D";
+        else if (character == L'\n')
+            safe += L"%0A";
+        else if (character == L'"' && isQuoted)
+            safe += L"%22";
+        else
+            safe += character;
+    return safe;
+}
+
+constexpr std::wstring_view kFileNameParam = L"FileName";
+constexpr std::wstring_view kContentTypeParam = L"ContentType";
+} // namespace
+
+HRESULT CVoBinaryDataParser::ReadParams(std::span<const BYTE> text, bool useUtf8)
+{
+    const std::string_view bytes(reinterpret_cast<const char*>(text.data()), text.size());
+    std::wstring decoded;
+    // Text is read in the thread's code page although it is written in the system's: a peer may rely on either, so both stay.
+    const HRESULT hr = useUtf8 ? VoUTF8ToString(bytes, decoded) : VoCodePageToString(CP_THREAD_ACP, bytes, decoded);
+    return FAILED(hr) ? hr : ReadParamsFromString(decoded);
+}
+
+HRESULT CVoBinaryDataParser::Parse(UINT32 length, const BYTE* bytes, bool binaryOnly, bool useUtf8) noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::Parse" };
+    if (!bytes && length > 0)
+        return report(700, E_INVALIDARG);
+    // The old payload is released only at the end: the bytes may be its own.
+    const std::vector<BYTE> oldPayload = TakePayload();
+    const CMessageParts parts = Split({ bytes, length }, binaryOnly, useUtf8);
+    std::vector<BYTE> payload(parts.payload.begin(), parts.payload.end());
+    if (const HRESULT hr = ReadParams(parts.text, useUtf8); FAILED(hr))
+        return report(707, hr);
+    m_payload = std::move(payload);
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoBinaryDataParser::Parse" }.CurrentException(713);
+}
+
+HRESULT CVoBinaryDataParser::Parse(std::vector<BYTE>&& bytes, bool binaryOnly, bool useUtf8) noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::Parse" };
+    if (bytes.size() > kMaximumLength)
+        return report(721, E_INVALIDARG);
+    m_payload = {};
+    const CMessageParts parts = Split(bytes, binaryOnly, useUtf8);
+    if (const HRESULT hr = ReadParams(parts.text, useUtf8); FAILED(hr))
+        return report(725, hr);
+    bytes.erase(bytes.begin(), bytes.end() - static_cast<std::ptrdiff_t>(parts.payload.size()));
+    m_payload = std::move(bytes);
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoBinaryDataParser::Parse" }.CurrentException(732);
+}
+
+HRESULT CVoBinaryDataParser::StringToMessageData(std::wstring_view text, bool useUtf8, std::string& bytes)
+{
+    constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::StringToMessageData" };
+    const HRESULT hr = useUtf8 ? VoStringToUTF8(text, bytes) : VoStringToCodePage(CP_ACP, text, bytes);
+    return FAILED(hr) ? report(739, hr) : S_OK;
+}
+
+HRESULT CVoBinaryDataParser::internalGetParamData(bool useUtf8, std::string_view terminator, std::string& bytes) const
+{
+    constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::internalGetParamData" };
+    std::wstring text;
+    if (const HRESULT hr = GetParamsAsString(text); FAILED(hr))
+        return report(747, hr);
+    if (const HRESULT hr = StringToMessageData(text, useUtf8, bytes); FAILED(hr))
+        return report(749, hr);
+    bytes += terminator;
+    return S_OK;
+}
+
+HRESULT CVoBinaryDataParser::GetParamData(bool useUtf8, UINT32* length, BYTE** buffer) const noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::GetParamData" };
+    std::string text;
+    if (const HRESULT hr = internalGetParamData(useUtf8, {}, text); FAILED(hr))
+        return report(759, hr);
+    const std::span<const BYTE> pieces[] = { BytesOf(text) };
+    if (const HRESULT hr = HandOut(pieces, length, buffer); FAILED(hr))
+        return report(762, hr);
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoBinaryDataParser::GetParamData" }.CurrentException(767);
+}
+
+HRESULT CVoBinaryDataParser::internalGetMessageData(bool withSizePrefix, UINT32* length, BYTE** buffer, bool skipParams,
+                                                    bool useUtf8) const noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::GetMessageData" };
+    std::string text;
+    if (!skipParams)
+        if (const HRESULT hr = internalGetParamData(useUtf8, kTerminator, text); FAILED(hr))
+            return report(778, hr);
+    const size_t messageLength = text.size() + m_payload.size();
+    // Little-endian whatever the machine. It does not count itself; a length that does not fit is refused below.
+    BYTE prefix[kSizePrefixLength];
+    for (size_t i = 0; i < kSizePrefixLength; ++i)
+        prefix[i] = static_cast<BYTE>(messageLength >> (8 * i) & 0xFF);
+    const std::span<const BYTE> pieces[] = { { prefix, withSizePrefix ? kSizePrefixLength : 0 }, BytesOf(text), m_payload };
+    if (const HRESULT hr = HandOut(pieces, length, buffer); FAILED(hr))
+        return report(786, hr);
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoBinaryDataParser::GetMessageData" }.CurrentException(791);
+}
+
+HRESULT CVoBinaryDataParser::GetMessageData(UINT32* length, BYTE** buffer, bool skipParams, bool useUtf8) const noexcept
+{
+    return internalGetMessageData(false, length, buffer, skipParams, useUtf8);
+}
+
+HRESULT CVoBinaryDataParser::GetMessageDataWithSizePrefix(UINT32* length, BYTE** buffer, bool skipParams,
+                                                          bool useUtf8) const noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::GetMessageDataWithSizePrefix" };
+    if (const HRESULT hr = internalGetMessageData(true, length, buffer, skipParams, useUtf8); FAILED(hr))
+        return report(804, hr);
+    return S_OK;
+}
+
+HRESULT CVoBinaryDataParser::GetFormMessageData(UINT32* length, BYTE** buffer, std::wstring& boundary,
+                                                bool useUtf8) const noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::GetFormMessageData" };
+    GUID guid;
+    if (const HRESULT hr = ::CoCreateGuid(&guid); FAILED(hr))
+        return report(815, hr);
+    // The GUID's last seven bytes: all of them random.
+    const unsigned char* const random = guid.Data4 + 1;
+    std::wstring line = VoFormat(L"---------------------------%.2X%.2X%.2X%.2X%.2X%.2X%.2X", random[0], random[1], random[2],
+                                 random[3], random[4], random[5], random[6]);
+
+    std::wstring head;
+    for (size_t i = 0; i < GetCount(); ++i)
+    {
+        const CParamRec& param = GetAt(i);
+        if (VoEqualsNoCase(param.Name(), kFileNameParam) || VoEqualsNoCase(param.Name(), kContentTypeParam))
+            continue;
+        head.append(L"--").append(line).append(L"\r\nContent-Disposition: form-data; name=\"");
+        head.append(HeaderText(param.Name(), true)).append(L"\"\r\n\r\n").append(param.Value()).append(L"\r\n");
+    }
+
+    const CParamRec* const fileName = FindParam(kFileNameParam);
+    const bool hasFile = fileName && !fileName->Value().empty();
+    std::wstring foot;
+    if (hasFile)
+    {
+        const CParamRec* const contentType = FindParam(kContentTypeParam);
+        head.append(L"--").append(line).append(L"\r\nContent-Disposition: form-data; name=\"file\"; filename=\"");
+        head.append(HeaderText(fileName->Value(), true)).append(L"\"\r\nContent-Type: ");
+        head.append(contentType ? HeaderText(contentType->Value(), false) : L"image/pjpeg").append(L"\r\n\r\n");
+        foot = L"\r\n";
+    }
+    foot.append(L"--").append(line).append(L"--");
+
+    std::string headBytes;
+    if (const HRESULT hr = StringToMessageData(head, useUtf8, headBytes); FAILED(hr))
+        return report(846, hr);
+    std::string footBytes;
+    if (const HRESULT hr = StringToMessageData(foot, useUtf8, footBytes); FAILED(hr))
+        return report(849, hr);
+    const std::span<const BYTE> payload = hasFile ? Payload() : std::span<const BYTE>();
+    const std::span<const BYTE> pieces[] = { BytesOf(headBytes), payload, BytesOf(footBytes) };
+    if (const HRESULT hr = HandOut(pieces, length, buffer); FAILED(hr))
+        return report(853, hr);
+    boundary = std::move(line);
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoBinaryDataParser::GetFormMessageData" }.CurrentException(859);
+}
+
+HRESULT CVoBinaryDataParser::SetPayload(const BYTE* bytes, UINT32 length) noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::SetPayload" };
+    if (!bytes && length > 0)
+        return report(867, E_INVALIDARG);
+    m_payload = std::vector<BYTE>(bytes, bytes + length);
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoBinaryDataParser::SetPayload" }.CurrentException(873);
+}

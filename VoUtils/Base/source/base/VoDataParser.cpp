@@ -1,0 +1,687 @@
+#include <base/VoDataParser.h>
+
+#include <base/VoErrorHandler.h>
+#include <base/VoUtils.h>
+#include <base/utils/VoDataConversion.h>
+
+#include <algorithm>
+#include <limits>
+#include <memory>
+
+namespace
+{
+constexpr const wchar_t* kSource = L"..\\..\\source\\base\\VoDataParser";
+
+constexpr VARTYPE kByteArray = VT_ARRAY | VT_UI1;
+
+bool IsReserved(wchar_t character) noexcept
+{
+    return character == L'$' || character == L'&';
+}
+
+// A value with its escapes taken out. One pass does what replacing every "$&" and then every "$$" would: an escape cannot
+// begin inside another one.
+std::wstring Unescape(std::wstring_view value)
+{
+    size_t dollar = value.find(L'$');
+    std::wstring plain;
+    plain.reserve(value.size());
+    while (dollar != std::wstring_view::npos)
+    {
+        const bool isEscape = dollar + 1 < value.size() && IsReserved(value[dollar + 1]);
+        plain.append(value.substr(0, dollar));
+        plain.push_back(isEscape ? value[dollar + 1] : L'$');
+        value.remove_prefix(dollar + (isEscape ? 2 : 1));
+        dollar = value.find(L'$');
+    }
+    return plain.append(value);
+}
+
+// The end of the pair that begins at `begin`: the next "&" that no "$" stands in front of, or the end of the text.
+size_t FindPairEnd(std::wstring_view text, size_t begin) noexcept
+{
+    size_t i = begin;
+    while (i < text.size() && text[i] != L'&')
+        i += text[i] == L'$' ? size_t{ 2 } : size_t{ 1 };
+    return std::min(i, text.size());
+}
+
+// Any value as the text of a parameter.
+HRESULT VariantToText(const VARIANT& value, std::wstring& text)
+{
+    if ((V_VT(&value) & ~VT_BYREF) != kByteArray)
+        return VoVariantToTypeNoLocale(value, text);
+    std::vector<BYTE> bytes;
+    if (const HRESULT hr = VoVariantToBytes(value, bytes); FAILED(hr))
+        return hr;
+    if (bytes.size() > static_cast<size_t>(std::numeric_limits<INT32>::max()))
+        return E_INVALIDARG;
+    return VoDataConversion::BinToHex(bytes.data(), static_cast<INT32>(bytes.size()), text, 0);
+}
+
+// The text of a parameter as a variant of a type; `value` must be empty.
+HRESULT TextToVariant(const std::wstring& text, VARTYPE type, CVoVariant& value)
+{
+    if (type == kByteArray)
+    {
+        CVoByteBuffer bytes;
+        if (const HRESULT hr = VoDataConversion::HexToBin(text, bytes.PutBytes(), bytes.PutLength()); FAILED(hr))
+            return hr;
+        return VoBytesToVariant(bytes.Bytes(), value.Get());
+    }
+    if (const HRESULT hr = VoTypeToVariant(text, value.Get()); FAILED(hr))
+        return hr;
+    return VoChangeVariantTypeNoLocale(value.Get(), value.Get(), type);
+}
+
+// Values that have no text: a cell keeps them by their type alone.
+bool IsWithoutText(VARTYPE type) noexcept
+{
+    return type == VT_EMPTY || type == VT_NULL;
+}
+
+bool IsAsciiLetterOrDigit(char character) noexcept
+{
+    return (character >= '0' && character <= '9') || (character >= 'A' && character <= 'Z') ||
+           (character >= 'a' && character <= 'z');
+}
+
+// The value of the two hexadecimal digits at the front of `digits`, or -1.
+template <class CText>
+int EscapedByte(CText digits) noexcept
+{
+    if (digits.size() < 2)
+        return -1;
+    int value = 0;
+    for (size_t i = 0; i < 2; ++i)
+    {
+        const auto c = digits[i];
+        const int digit = c >= '0' && c <= '9'   ? c - '0'
+                          : c >= 'A' && c <= 'F' ? c - 'A' + 10
+                          : c >= 'a' && c <= 'f' ? c - 'a' + 10
+                                                 : -1;
+        if (digit < 0)
+            return -1;
+        value = value * 16 + digit;
+    }
+    return value;
+}
+
+// The text with each "%XY" replaced by that unit; false when one is malformed.
+template <class CString>
+bool DecodePercent(CString& text) noexcept
+{
+    using CCharacter = typename CString::value_type;
+    const std::basic_string_view<CCharacter> from = text;
+    size_t to = 0;
+    for (size_t i = 0; i < from.size(); ++i)
+    {
+        CCharacter character = from[i];
+        if (character == '%')
+        {
+            const int value = EscapedByte(from.substr(i + 1));
+            if (value < 0)
+                return false;
+            character = static_cast<CCharacter>(value);
+            i += 2;
+        }
+        text[to++] = character;
+    }
+    text.resize(to);
+    return true;
+}
+} // namespace
+
+HRESULT CParamRec::PutParamString(const wchar_t* text, size_t length)
+{
+    constexpr CVoReporter report{ kSource, L"CParamRec::PutParamString" };
+    const std::wstring_view pair(text, length);
+    const size_t equals = pair.find(L'=');
+    if (equals == std::wstring_view::npos)
+        return report(52, E_FAIL);
+    std::wstring name(VoTrim(pair.substr(0, equals)));
+    m_value = Unescape(pair.substr(equals + 1));
+    m_name = std::move(name);
+    return S_OK;
+}
+
+CVoDataParser::CVoDataParser(const CVoDataParser& other)
+{
+    for (size_t i = 0; i < other.GetCount(); ++i)
+    {
+        const CParamRec& record = other.GetAt(i);
+        if (const HRESULT hr = AddParam(record.Name(), std::wstring_view(record.Value())); FAILED(hr))
+        {
+            RemoveAll(); // no destructor runs for an object that was not made
+            throw CVoHResultException(hr);
+        }
+    }
+}
+
+CVoDataParser::CVoDataParser(CVoDataParser&& other) noexcept
+{
+    std::swap(m_params, other.m_params);
+}
+
+CVoDataParser& CVoDataParser::operator=(const CVoDataParser& other)
+{
+    CVoDataParser copy(other);
+    std::swap(m_params, copy.m_params);
+    return *this;
+}
+
+CVoDataParser& CVoDataParser::operator=(CVoDataParser&& other) noexcept
+{
+    CVoDataParser moved(std::move(other));
+    std::swap(m_params, moved.m_params);
+    return *this;
+}
+
+CVoDataParser::~CVoDataParser()
+{
+    RemoveAll();
+}
+
+void CVoDataParser::RemoveAll() noexcept
+{
+    for (const CParamRec* record : m_params)
+        delete record;
+    m_params.RemoveAll();
+}
+
+HRESULT CVoDataParser::AddParam(std::wstring_view name, std::wstring_view value) noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoDataParser::AddParam" };
+    auto record = std::make_unique<CParamRec>(name, value);
+    if (const HRESULT hr = m_params.Add(record.get()); FAILED(hr))
+        return report(118, hr);
+    record.release();
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoDataParser::AddParam" }.CurrentException(124);
+}
+
+HRESULT CVoDataParser::AddParam(std::wstring_view name, const wchar_t* value) noexcept
+{
+    return AddParam(name, value ? std::wstring_view(value) : std::wstring_view());
+}
+
+template <class CValue>
+HRESULT CVoDataParser::AddTyped(std::wstring_view name, const CValue& value) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoDataParser::AddParam" };
+    CVoVariant variant;
+    if (const HRESULT hr = VoTypeToVariant(value, variant.Get()); FAILED(hr))
+        return report(138, hr);
+    return AddParam(name, variant.Get());
+}
+
+HRESULT CVoDataParser::AddParam(std::wstring_view name, UINT32 value) noexcept
+{
+    return AddTyped(name, value);
+}
+
+HRESULT CVoDataParser::AddParam(std::wstring_view name, double value) noexcept
+{
+    return AddTyped(name, value);
+}
+
+HRESULT CVoDataParser::AddParam(std::wstring_view name, bool value) noexcept
+{
+    return AddTyped(name, value);
+}
+
+HRESULT CVoDataParser::AddParam(std::wstring_view name, const VARIANT& value) noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoDataParser::AddParam" };
+    std::wstring text;
+    if (const HRESULT hr = VariantToText(value, text); FAILED(hr))
+        return report(163, hr);
+    return AddParam(name, std::wstring_view(text));
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoDataParser::AddParam" }.CurrentException(168);
+}
+
+HRESULT CVoDataParser::AddParam(std::wstring_view name, const CVo2DIDArray& value) noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoDataParser::AddParam" };
+    CVoDataParser cells;
+    if (const HRESULT hr = cells.AppendCells(name, value); FAILED(hr))
+        return report(178, hr);
+    const size_t count = GetCount();
+    if (const HRESULT hr = m_params.SetSize(count + cells.GetCount()); FAILED(hr))
+        return report(181, hr);
+    for (size_t i = 0; i < cells.GetCount(); ++i)
+        m_params[count + i] = std::exchange(cells.m_params[i], nullptr);
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoDataParser::AddParam" }.CurrentException(188);
+}
+
+HRESULT CVoDataParser::AppendCells(std::wstring_view name, const CVo2DIDArray& value)
+{
+    const auto key = [name](const wchar_t* suffix) { return std::wstring(name) + suffix; };
+    if (const HRESULT hr = AddParam(key(L"_dim1"), value.Rows()); FAILED(hr))
+        return hr;
+    if (const HRESULT hr = AddParam(key(L"_dim2"), value.Columns()); FAILED(hr))
+        return hr;
+    for (UINT32 row = 0; row < value.Rows(); ++row)
+        for (UINT32 column = 0; column < value.Columns(); ++column)
+        {
+            const CVo2DIDArray::CCell* const cell = value.GetCell(row, column);
+            const std::wstring place = std::to_wstring(row) + L'_' + std::to_wstring(column);
+            if (const HRESULT hr = AddParam(key(L"_empty_") + place, cell == nullptr); FAILED(hr))
+                return hr;
+            if (!cell)
+                continue;
+            const VARTYPE type = V_VT(&cell->value.Get());
+            if (const HRESULT hr = AddParam(key(L"_ID_") + place, std::wstring_view(cell->id)); FAILED(hr))
+                return hr;
+            if (const HRESULT hr = AddParam(key(L"_type_") + place, UINT32{ type }); FAILED(hr))
+                return hr;
+            const std::wstring valueKey = key(L"_val_") + place;
+            const HRESULT hr = IsWithoutText(type) ? AddParam(valueKey, L"") : AddParam(valueKey, cell->value.Get());
+            if (FAILED(hr))
+                return hr;
+        }
+    return S_OK;
+}
+
+const CParamRec* CVoDataParser::FindParam(std::wstring_view name) const noexcept
+{
+    const auto found = std::find_if(m_params.begin(), m_params.end(),
+                                    [name](const CParamRec* record) { return VoEqualsNoCase(record->Name(), name); });
+    return found == m_params.end() ? nullptr : *found;
+}
+
+HRESULT CVoDataParser::GetParam(std::wstring_view name, std::wstring& value) const noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoDataParser::GetParam" };
+    const CParamRec* const record = FindParam(name);
+    if (!record)
+        return report(234, HResultFromWin32(ERROR_NOT_FOUND));
+    std::wstring text = record->Value();
+    value = std::move(text);
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoDataParser::GetParam" }.CurrentException(241);
+}
+
+template <class CValue>
+HRESULT CVoDataParser::GetTyped(std::wstring_view name, CValue& value) const noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoDataParser::GetParam" };
+    const CParamRec* const record = FindParam(name);
+    if (!record)
+        return report(250, HResultFromWin32(ERROR_NOT_FOUND));
+    CVoVariant text;
+    if (const HRESULT hr = VoTypeToVariant(record->Value(), text.Get()); FAILED(hr))
+        return report(253, hr);
+    if (const HRESULT hr = VoVariantToTypeNoLocale(text.Get(), value); FAILED(hr))
+        return report(255, hr);
+    return S_OK;
+}
+
+HRESULT CVoDataParser::GetParam(std::wstring_view name, UINT32& value) const noexcept
+{
+    return GetTyped(name, value);
+}
+
+HRESULT CVoDataParser::GetParam(std::wstring_view name, double& value) const noexcept
+{
+    return GetTyped(name, value);
+}
+
+HRESULT CVoDataParser::GetParam(std::wstring_view name, bool& value) const noexcept
+{
+    return GetTyped(name, value);
+}
+
+HRESULT CVoDataParser::GetParam(std::wstring_view name, VARIANT& value) const noexcept
+{
+    const VARTYPE type = V_VT(&value);
+    return GetParam(name, value, type == VT_EMPTY ? VARTYPE{ VT_BSTR } : type);
+}
+
+HRESULT CVoDataParser::GetParam(std::wstring_view name, VARIANT& value, VARTYPE type) const noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoDataParser::GetParam" };
+    const CParamRec* const record = FindParam(name);
+    if (!record)
+        return report(288, HResultFromWin32(ERROR_NOT_FOUND));
+    CVoVariant converted;
+    if (const HRESULT hr = TextToVariant(record->Value(), type, converted); FAILED(hr))
+        return report(291, hr);
+    if (const HRESULT hr = ::VariantClear(&value); FAILED(hr))
+        return report(293, hr);
+    value = converted.Detach();
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoDataParser::GetParam" }.CurrentException(299);
+}
+
+HRESULT CVoDataParser::GetParam(std::wstring_view name, CVo2DIDArray& value) const noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoDataParser::GetParam" };
+    CVo2DIDArray read;
+    if (const HRESULT hr = ReadCells(name, read); FAILED(hr))
+        return report(308, hr);
+    value = std::move(read);
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoDataParser::GetParam" }.CurrentException(314);
+}
+
+namespace
+{
+// The parameters that describe one cell of a flattened array.
+struct CCellRecords
+{
+    const CParamRec* empty = nullptr;
+    const CParamRec* id = nullptr;
+    const CParamRec* type = nullptr;
+    const CParamRec* value = nullptr;
+
+    [[nodiscard]] const CParamRec** Find(std::wstring_view kind) noexcept
+    {
+        if (VoEqualsNoCase(kind, L"empty"))
+            return &empty;
+        if (VoEqualsNoCase(kind, L"ID"))
+            return &id;
+        if (VoEqualsNoCase(kind, L"type"))
+            return &type;
+        return VoEqualsNoCase(kind, L"val") ? &value : nullptr;
+    }
+};
+
+// A cell's number as the keys write it: decimal digits without leading zeros, below `limit`.
+bool ParseIndex(std::wstring_view text, UINT32 limit, UINT32& index) noexcept
+{
+    if (text.empty() || text.size() > 10 || (text.size() > 1 && text.front() == L'0'))
+        return false;
+    UINT64 number = 0;
+    for (const wchar_t c : text)
+    {
+        if (c < L'0' || c > L'9')
+            return false;
+        number = number * 10 + static_cast<UINT64>(c - L'0');
+    }
+    index = static_cast<UINT32>(number);
+    return number < limit;
+}
+
+// Takes "_text" off the end of `key`; false when there is no "_".
+bool TakeLastPart(std::wstring_view& key, std::wstring_view& part) noexcept
+{
+    const size_t separator = key.rfind(L'_');
+    if (separator == std::wstring_view::npos)
+        return false;
+    part = key.substr(separator + 1);
+    key = key.substr(0, separator);
+    return true;
+}
+
+// A parameter's text as a typed value.
+template <class CValue>
+HRESULT TextToType(const CParamRec& record, CValue& value) noexcept
+{
+    CVoVariant text;
+    if (const HRESULT hr = VoTypeToVariant(record.Value(), text.Get()); FAILED(hr))
+        return hr;
+    return VoVariantToTypeNoLocale(text.Get(), value);
+}
+} // namespace
+
+HRESULT CVoDataParser::ReadCells(std::wstring_view name, CVo2DIDArray& value) const
+{
+    constexpr CVoReporter report{ kSource, L"CVoDataParser::GetParam" };
+    constexpr UINT32 kMaximumSize = std::numeric_limits<INT32>::max();
+    UINT32 rows = 0;
+    UINT32 columns = 0;
+    if (const HRESULT hr = GetParam(std::wstring(name) + L"_dim1", rows); FAILED(hr))
+        return hr;
+    if (const HRESULT hr = GetParam(std::wstring(name) + L"_dim2", columns); FAILED(hr))
+        return hr;
+    // Every cell has a parameter of its own, so that sizes which lie are found out before anything is allocated for them.
+    const UINT64 cellCount = UINT64{ rows } * columns;
+    if (rows > kMaximumSize || columns > kMaximumSize || cellCount > GetCount())
+        return report(383, E_INVALIDARG);
+
+    // One walk over the list finds the parameters of all cells, so that a large array takes linear time.
+    std::vector<CCellRecords> cells(static_cast<size_t>(cellCount));
+    for (const CParamRec* record : m_params)
+    {
+        std::wstring_view key = record->Name();
+        std::wstring_view kind;
+        std::wstring_view rowText;
+        std::wstring_view columnText;
+        UINT32 row = 0;
+        UINT32 column = 0;
+        if (!TakeLastPart(key, columnText) || !ParseIndex(columnText, columns, column) || !TakeLastPart(key, rowText) ||
+            !ParseIndex(rowText, rows, row) || !TakeLastPart(key, kind) || !VoEqualsNoCase(key, name))
+            continue;
+        const CParamRec** const place = cells[size_t{ row } * columns + column].Find(kind);
+        if (place && !*place)
+            *place = record;
+    }
+
+    CVo2DIDArray read;
+    if (const HRESULT hr = read.SetSize(rows, columns); FAILED(hr))
+        return hr;
+    for (UINT32 row = 0; row < rows; ++row)
+        for (UINT32 column = 0; column < columns; ++column)
+        {
+            const CCellRecords& cell = cells[size_t{ row } * columns + column];
+            if (!cell.empty)
+                return report(410, HResultFromWin32(ERROR_NOT_FOUND));
+            bool isEmpty = false;
+            if (const HRESULT hr = TextToType(*cell.empty, isEmpty); FAILED(hr))
+                return hr;
+            if (isEmpty)
+                continue;
+            if (!cell.id || !cell.type || !cell.value)
+                return report(417, HResultFromWin32(ERROR_NOT_FOUND));
+            UINT32 type = VT_EMPTY;
+            if (const HRESULT hr = TextToType(*cell.type, type); FAILED(hr))
+                return hr;
+            if (type > std::numeric_limits<VARTYPE>::max())
+                return report(422, E_INVALIDARG);
+            CVoVariant content;
+            if (IsWithoutText(static_cast<VARTYPE>(type)))
+                V_VT(&content.Get()) = static_cast<VARTYPE>(type);
+            else if (const HRESULT hr = TextToVariant(cell.value->Value(), static_cast<VARTYPE>(type), content); FAILED(hr))
+                return hr;
+            if (const HRESULT hr = read.SetCell(row, column, cell.id->Value(), std::move(content)); FAILED(hr))
+                return hr;
+        }
+    value = std::move(read);
+    return S_OK;
+}
+
+HRESULT CVoDataParser::ReadParamsFromString(std::wstring_view text) noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoDataParser::ReadParamsFromString" };
+    for (size_t begin = 0; begin < text.size();)
+    {
+        const size_t end = FindPairEnd(text, begin);
+        if (end > begin)
+        {
+            auto record = std::make_unique<CParamRec>();
+            if (const HRESULT hr = record->PutParamString(text.data() + begin, end - begin); FAILED(hr))
+                return report(446, hr);
+            if (const HRESULT hr = m_params.Add(record.get()); FAILED(hr))
+                return report(448, hr);
+            record.release();
+        }
+        begin = end + 1;
+    }
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoDataParser::ReadParamsFromString" }.CurrentException(457);
+}
+
+HRESULT CVoDataParser::GetParamsAsString(std::wstring& text) const noexcept
+try
+{
+    size_t size = GetCount() > 0 ? GetCount() - 1 : 0;
+    for (const CParamRec* record : m_params)
+    {
+        const std::wstring& value = record->Value();
+        size += record->Name().size() + 1 + value.size() +
+                static_cast<size_t>(std::count_if(value.begin(), value.end(), IsReserved));
+    }
+    std::wstring written(size, L'\0');
+    wchar_t* to = written.data();
+    for (const CParamRec* record : m_params)
+    {
+        if (to != written.data())
+            *to++ = L'&';
+        to = std::copy(record->Name().begin(), record->Name().end(), to);
+        *to++ = L'=';
+        for (const wchar_t character : record->Value())
+        {
+            if (IsReserved(character))
+                *to++ = L'$';
+            *to++ = character;
+        }
+    }
+    text = std::move(written);
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoDataParser::GetParamsAsString" }.CurrentException(489);
+}
+
+HRESULT CVoDataParser::ToUTF8AndUrlEncode(bool useUtf8, std::wstring& value) noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoDataParser::ToUTF8AndUrlEncode" };
+    std::string bytes;
+    if (useUtf8)
+    {
+        if (const HRESULT hr = VoStringToUTF8(value, bytes); FAILED(hr))
+            return report(500, hr);
+    }
+    else
+    {
+        if (std::any_of(value.begin(), value.end(), [](wchar_t c) { return c > 0xFF; }))
+            return report(505, E_FAIL);
+        bytes.resize(value.size());
+        std::transform(value.begin(), value.end(), bytes.begin(), [](wchar_t c) { return static_cast<char>(c); });
+    }
+
+    constexpr const wchar_t* kDigits = L"0123456789ABCDEF";
+    const auto kept = static_cast<size_t>(std::count_if(bytes.begin(), bytes.end(), IsAsciiLetterOrDigit));
+    std::wstring encoded(kept + 3 * (bytes.size() - kept), L'%');
+    wchar_t* to = encoded.data();
+    for (const char character : bytes)
+    {
+        if (IsAsciiLetterOrDigit(character))
+        {
+            *to++ = static_cast<wchar_t>(character);
+            continue;
+        }
+        const auto code = static_cast<BYTE>(character);
+        to[1] = kDigits[code >> 4];
+        to[2] = kDigits[code & 15];
+        to += 3;
+    }
+    value = std::move(encoded);
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoDataParser::ToUTF8AndUrlEncode" }.CurrentException(535);
+}
+
+HRESULT CVoDataParser::FromUTF8AndUrlEncode(bool useUtf8, std::wstring& value) noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoDataParser::FromUTF8AndUrlEncode" };
+    if (value.find(L'%') == std::wstring::npos)
+        return S_OK;
+    std::wstring decoded;
+    if (useUtf8)
+    {
+        // Characters that were never encoded join the escaped bytes as UTF-8, so that they come out as they were.
+        std::string bytes;
+        if (const HRESULT hr = VoStringToUTF8(value, bytes); FAILED(hr))
+            return report(549, hr);
+        if (!DecodePercent(bytes))
+            return report(551, E_FAIL);
+        if (const HRESULT hr = VoUTF8ToString(bytes, decoded); FAILED(hr))
+            return report(553, hr);
+    }
+    else
+    {
+        decoded = value;
+        if (!DecodePercent(decoded))
+            return report(559, E_FAIL);
+    }
+    value = std::move(decoded);
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoDataParser::FromUTF8AndUrlEncode" }.CurrentException(566);
+}
+
+HRESULT CVoDataParser::ConvertValues(HRESULT (*convert)(bool, std::wstring&) noexcept, bool useUtf8)
+{
+    std::vector<std::wstring> values;
+    values.reserve(GetCount());
+    for (const CParamRec* record : m_params)
+        if (const HRESULT hr = convert(useUtf8, values.emplace_back(record->Value())); FAILED(hr))
+            return hr;
+    for (size_t i = 0; i < values.size(); ++i)
+        m_params[i]->SetValue(std::move(values[i]));
+    return S_OK;
+}
+
+HRESULT CVoDataParser::ConvertParamValuesToUTF8URLEncodedString(bool useUtf8) noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoDataParser::ConvertParamValuesToUTF8URLEncodedString" };
+    if (const HRESULT hr = ConvertValues(&ToUTF8AndUrlEncode, useUtf8); FAILED(hr))
+        return report(585, hr);
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoDataParser::ConvertParamValuesToUTF8URLEncodedString" }.CurrentException(590);
+}
+
+HRESULT CVoDataParser::ConvertParamValuesFromUTF8URLEncodedString(bool useUtf8) noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoDataParser::ConvertParamValuesFromUTF8URLEncodedString" };
+    if (const HRESULT hr = ConvertValues(&FromUTF8AndUrlEncode, useUtf8); FAILED(hr))
+        return report(598, hr);
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoDataParser::ConvertParamValuesFromUTF8URLEncodedString" }.CurrentException(603);
+}
