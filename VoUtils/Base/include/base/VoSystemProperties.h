@@ -1,0 +1,100 @@
+// What an application needs to decide whether a machine meets its requirements.
+#pragma once
+
+#include <base/VoPlatform.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+// The classes of the system's version, in ascending order.
+enum class ESystemClass : INT32
+{
+    Unknown = 0,
+    BeforeWindows7 = 1,
+    Windows7 = 2,            // 6.1 without a service pack
+    Windows7ServicePack = 3, // 6.1 with one
+    Windows8 = 4,            // 6.2
+    Windows81 = 5,           // 6.3
+    Windows10 = 6            // 10 or later
+};
+
+// The processor, by its CPUID instruction.
+struct CProcessorProperties
+{
+    UINT32 family = 0;
+    UINT32 model = 0;
+    UINT32 stepping = 0;
+    bool mmx = false;
+    bool sse = false;
+    bool sse2 = false;
+    bool sse3 = false;
+    bool ssse3 = false;
+    bool sse41 = false;
+    bool sse42 = false;
+    bool avx = false;
+    bool isIntel = false; // "GenuineIntel"; false for all other vendors
+};
+
+// Collected by the constructor, from the system's documented functions; read-only afterwards. What cannot be found out is
+// reported and left at its default.
+class CSystemCheckResult
+{
+public:
+    // Always completes, short of memory: then it throws CVoHResultException (E_OUTOFMEMORY).
+    CSystemCheckResult();
+
+    UINT32 numberOfProcessors = 0;
+    bool isNT = false; // the platform is VER_PLATFORM_WIN32_NT
+    ESystemClass systemClass = ESystemClass::Unknown;
+    INT64 performanceFrequency = 0; // ticks of QueryPerformanceCounter in a second
+    double ticksPerMicrosecond = 0; // the same in a microsecond
+    std::wstring moduleDirectory;   // of the file that holds this library, without a trailing backslash
+    std::wstring moduleFileName;    // of that file
+    CProcessorProperties processor; // features are known for the two vendors "GenuineIntel" and "AuthenticAMD"
+};
+
+// The process's own result, made by the first call. Any thread. Throws as the constructor does.
+[[nodiscard]] const CSystemCheckResult& VoSystemInformation();
+
+// The decisions, apart from the calls that feed them.
+namespace VoSystemProperties
+{
+struct CVersionFacts
+{
+    DWORD platform = 0; // VER_PLATFORM_...
+    DWORD major = 0;
+    DWORD minor = 0;
+    std::wstring_view servicePack;
+};
+struct CVersionNumbers
+{
+    DWORD major = 0;
+    DWORD minor = 0;
+};
+
+// Whether the version call's answer needs the registry: it says 6.2 on all later systems to programs that do not name them.
+[[nodiscard]] bool NeedsRegistry(const CVersionFacts& facts) noexcept;
+// The class of a system; `registry` is looked at for 6.2 only and is nothing where it could not be read.
+[[nodiscard]] ESystemClass ClassOf(const CVersionFacts& facts, const std::optional<CVersionNumbers>& registry) noexcept;
+
+// The family from what GetSystemInfo says: the processor level on NT (x86 and x64 only), else the processor type.
+[[nodiscard]] UINT32 FamilyOf(bool isNT, const SYSTEM_INFO& system) noexcept;
+
+struct CCpuidRegisters
+{
+    UINT32 eax = 0;
+    UINT32 ebx = 0;
+    UINT32 ecx = 0;
+    UINT32 edx = 0;
+};
+enum class EVendor
+{
+    Other,
+    Intel,
+    AMD
+};
+[[nodiscard]] EVendor VendorOf(const CCpuidRegisters& leaf0) noexcept;
+// What leaf 1 says of a processor of a known vendor. The extended family and model bits are not used.
+[[nodiscard]] CProcessorProperties ProcessorOf(EVendor vendor, const CCpuidRegisters& leaf1) noexcept;
+} // namespace VoSystemProperties
