@@ -80,6 +80,7 @@ public:
     // Ends the connection after what was sent so far: the peer reads all of it, then the end of the stream.
     void CloseNow();
     // Ends the connection with a reset: the peer's calls fail, and it may lose what was sent before.
+    // (Wine cannot: there the peer sees the stream's end.)
     void Reset();
 
     // Connects to that port on 127.0.0.1; false when nobody listens there (nothing was sent). Otherwise sends `established` to

@@ -181,12 +181,20 @@ bool MakePrivateFolder()
     return owner;
 }
 
-bool ListsOnly(int argc, char** argv)
+// The first argument that begins so; null when there is none.
+const char* FindArgument(int argc, char** argv, const char* begin)
 {
-    return std::any_of(argv, argv + argc,
-                       [](const char* argument) { return std::strcmp(argument, "--gtest_list_tests") == 0; });
+    const auto found = std::find_if(argv, argv + argc, [begin](const char* argument)
+                                    { return std::strncmp(argument, begin, std::strlen(begin)) == 0; });
+    return found == argv + argc ? nullptr : *found;
 }
 } // namespace
+
+bool IsWine() noexcept
+{
+    const HMODULE ntdll = ::GetModuleHandleW(L"ntdll.dll");
+    return ntdll && ::GetProcAddress(ntdll, "wine_get_version");
+}
 
 const std::filesystem::path& TestFolder()
 {
@@ -215,7 +223,10 @@ int Run(int argc, char** argv)
     if (::WSAStartup(MAKEWORD(2, 2), &sockets) != 0)
         FailSetUp("no sockets");
 
-    const bool listsOnly = ListsOnly(argc, argv);
+    const bool listsOnly = FindArgument(argc, argv, "--gtest_list_tests");
+    // The child of a death test tells no listener what it runs; its argument holds the test's file and line.
+    if (const char* deathTest = FindArgument(argc, argv, "--gtest_internal_run_death_test="))
+        Running(deathTest);
     testing::InitGoogleMock(&argc, argv);
     testing::UnitTest& tests = *testing::UnitTest::GetInstance();
     tests.listeners().Append(std::make_unique<CProgress>().release()); // the framework deletes it

@@ -17,6 +17,9 @@ constexpr int kExitAborted = 97;
 constexpr int kExitHung = 98;
 constexpr int kExitCrashed = 99;
 
+// Whether the program runs under Wine. A test that meets a difference from Windows states it with this.
+[[nodiscard]] bool IsWine() noexcept;
+
 // The private folder of this test process. ModuleSettings.ini lies there, and the application's log goes there. It is removed
 // at the end of the run.
 [[nodiscard]] const std::filesystem::path& TestFolder();
