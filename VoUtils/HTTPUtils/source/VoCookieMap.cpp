@@ -1,0 +1,140 @@
+#include <VoCookieMap.h>
+
+#include <algorithm>
+
+void CVoCookieMap::Add(CVoCookieData&& cookie, double now)
+{
+    RemoveExpired(now);
+    const bool isExpired = cookie.IsExpired(now);
+    auto domain = m_domains.find(cookie.domain);
+    if (domain == m_domains.end())
+    {
+        if (isExpired)
+            return;
+        CEntries first;
+        first.reserve(1); // the rest cannot fail, so that no domain is left without cookies
+        domain = m_domains.try_emplace(cookie.domain, std::move(first)).first;
+    }
+
+    CEntries& entries = domain->second;
+    const auto stored = std::find_if(entries.begin(), entries.end(), [&](const CEntry& entry)
+                                     { return entry.cookie.name == cookie.name && entry.cookie.path == cookie.path; });
+    if (isExpired)
+    {
+        if (stored != entries.end())
+            Remove(domain, stored);
+        return;
+    }
+
+    if (cookie.hasExpiry)
+        m_earliestExpiry = std::min(m_earliestExpiry, cookie.expiry);
+    ++m_sequence;
+    if (stored != entries.end())
+    {
+        stored->cookie = std::move(cookie);
+        stored->lastUse = m_sequence;
+        return;
+    }
+    entries.push_back({ std::move(cookie), m_sequence, m_sequence });
+    ++m_count;
+    RemoveBeyondLimits(domain);
+}
+
+void CVoCookieMap::RemoveExpired(double now)
+{
+    if (now < m_earliestExpiry)
+        return;
+    m_earliestExpiry = std::numeric_limits<double>::infinity();
+    for (auto domain = m_domains.begin(); domain != m_domains.end();)
+    {
+        CEntries& entries = domain->second;
+        m_count -= std::erase_if(entries, [&](const CEntry& entry) { return entry.cookie.IsExpired(now); });
+        for (const CEntry& entry : entries)
+            if (entry.cookie.hasExpiry)
+                m_earliestExpiry = std::min(m_earliestExpiry, entry.cookie.expiry);
+        domain = entries.empty() ? m_domains.erase(domain) : std::next(domain);
+    }
+}
+
+std::vector<const CVoCookieData*> CVoCookieMap::Match(const CVoCookieRequest& request, bool secure, double now)
+{
+    RemoveExpired(now);
+    std::vector<CEntry*> matches;
+    // The host itself, then each parent: its labels without the first, without the first two, and so on.
+    std::wstring_view domain = request.host;
+    for (bool isHost = true; !domain.empty(); isHost = false)
+    {
+        if (const auto found = m_domains.find(domain); found != m_domains.end())
+            for (CEntry& entry : found->second)
+                if ((isHost || !entry.cookie.hostOnly) && (secure || !entry.cookie.secure) &&
+                    entry.cookie.PathMatches(request.path))
+                    matches.push_back(&entry);
+        const size_t dot = domain.find(L'.');
+        domain = dot == std::wstring_view::npos ? std::wstring_view() : domain.substr(dot + 1);
+    }
+    std::sort(matches.begin(), matches.end(),
+              [](const CEntry* a, const CEntry* b)
+              {
+                  const size_t lengthOfA = a->cookie.path.size();
+                  const size_t lengthOfB = b->cookie.path.size();
+                  return lengthOfA != lengthOfB ? lengthOfA > lengthOfB : a->creation < b->creation;
+              });
+
+    std::vector<const CVoCookieData*> result;
+    result.reserve(matches.size());
+    ++m_sequence;
+    for (CEntry* const entry : matches)
+    {
+        entry->lastUse = m_sequence;
+        result.push_back(&entry->cookie);
+    }
+    return result;
+}
+
+std::vector<const CVoCookieData*> CVoCookieMap::InOrderOfCreation() const
+{
+    std::vector<const CEntry*> entries;
+    entries.reserve(m_count);
+    for (const auto& [domain, cookies] : m_domains)
+        for (const CEntry& entry : cookies)
+            entries.push_back(&entry);
+    std::sort(entries.begin(), entries.end(), [](const CEntry* a, const CEntry* b) { return a->creation < b->creation; });
+
+    std::vector<const CVoCookieData*> result;
+    result.reserve(entries.size());
+    for (const CEntry* const entry : entries)
+        result.push_back(&entry->cookie);
+    return result;
+}
+
+CVoCookieMap::CEntries::iterator CVoCookieMap::LeastUsed(CEntries& entries) noexcept
+{
+    return std::min_element(entries.begin(), entries.end(),
+                            [](const CEntry& a, const CEntry& b) { return a.lastUse < b.lastUse; });
+}
+
+void CVoCookieMap::Remove(CDomains::iterator domain, CEntries::iterator entry) noexcept
+{
+    domain->second.erase(entry);
+    --m_count;
+    // Domains without cookies go too: a server with ever new host names must not fill the map with them.
+    if (domain->second.empty())
+        m_domains.erase(domain);
+}
+
+void CVoCookieMap::RemoveBeyondLimits(CDomains::iterator domain) noexcept
+{
+    if (domain->second.size() > kVoMaximumCookiesPerDomain)
+        Remove(domain, LeastUsed(domain->second));
+    if (m_count <= kVoMaximumCookies)
+        return;
+    auto victim = m_domains.begin();
+    auto victimEntry = LeastUsed(victim->second);
+    for (auto candidate = std::next(victim); candidate != m_domains.end(); ++candidate)
+        if (const auto entry = LeastUsed(candidate->second); entry->lastUse < victimEntry->lastUse)
+        {
+            victim = candidate;
+            victimEntry = entry;
+        }
+    Remove(victim, victimEntry);
+}

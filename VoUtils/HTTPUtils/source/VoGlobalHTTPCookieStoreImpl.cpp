@@ -1,0 +1,284 @@
+#include <VoGlobalHTTPCookieStoreImpl.h>
+
+#include <base/VoDataParser.h>
+#include <base/VoErrorHandler.h>
+
+#include <algorithm>
+
+namespace
+{
+constexpr const wchar_t* kSource = L"..\\source\\VoGlobalHTTPCookieStoreImpl";
+
+// The name of each cookie in the serialised store.
+constexpr const wchar_t* kCookieKey = L"Cookie";
+
+constexpr std::wstring_view kCookieSeparator = L"; ";
+
+// The value of the Cookie header, written straight into the text that is handed out. Null when there is no memory.
+BSTR MakeCookieString(const std::vector<const CVoCookieData*>& cookies) noexcept
+{
+    size_t length = 0;
+    for (const CVoCookieData* const cookie : cookies)
+        length += cookie->name.size() + 1 + cookie->value.size() + kCookieSeparator.size();
+    // The limits of the store keep the length far below what a BSTR can hold.
+    const BSTR text = ::SysAllocStringLen(nullptr, static_cast<UINT>(length - (length ? kCookieSeparator.size() : 0)));
+    if (!text)
+        return nullptr;
+    wchar_t* end = text;
+    const auto append = [&](std::wstring_view part) { end = std::copy(part.begin(), part.end(), end); };
+    for (const CVoCookieData* const cookie : cookies)
+    {
+        if (end != text)
+            append(kCookieSeparator);
+        append(cookie->name);
+        *end++ = L'=';
+        append(cookie->value);
+    }
+    return text;
+}
+} // namespace
+
+CVoGlobalHTTPCookieStoreImpl::CVoGlobalHTTPCookieStoreImpl(CClock clock) : m_clock(std::move(clock)) {}
+
+double CVoGlobalHTTPCookieStoreImpl::GetCurrentSystemDate() noexcept
+{
+    // File times count 100 ns from 1601-01-01.
+    constexpr double kFileTimeUnitsPerDay = 864e9;
+    constexpr double kDaysFrom1601To1899 = 109205;
+    FILETIME time;
+    ::GetSystemTimeAsFileTime(&time);
+    const UINT64 units = (UINT64{ time.dwHighDateTime } << 32) | time.dwLowDateTime;
+    return static_cast<double>(units) / kFileTimeUnitsPerDay - kDaysFrom1601To1899;
+}
+
+HRESULT CVoGlobalHTTPCookieStoreImpl::Clear() noexcept
+{
+    CAutoLock lock(&m_lock);
+    m_cookies = CVoCookieMap();
+    return S_OK;
+}
+
+HRESULT CVoGlobalHTTPCookieStoreImpl::GetCookieStringForHTTPRequest(BSTR url, VARIANT_BOOL secure, BSTR* cookie) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::GetCookieStringForHTTPRequest" };
+    if (!cookie)
+        return report(70, E_POINTER);
+    try
+    {
+        CVoCookieRequest request;
+        if (const HRESULT hr = CVoCookieRequest::FromUrl(CVoBstr::ViewOf(url), request); FAILED(hr))
+            return report(75, hr);
+        const double now = m_clock();
+        CAutoLock lock(&m_lock);
+        const BSTR text = MakeCookieString(m_cookies.Match(request, secure != VARIANT_FALSE, now));
+        if (!text)
+            return report(80, E_OUTOFMEMORY);
+        *cookie = text;
+        return S_OK;
+    }
+    catch (...)
+    {
+        return report.CurrentException(86);
+    }
+}
+
+HRESULT CVoGlobalHTTPCookieStoreImpl::AddCookieFromString(BSTR setCookieValue, BSTR requestUrl) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::AddCookieFromString" };
+    try
+    {
+        CVoCookieRequest request;
+        if (const HRESULT hr = CVoCookieRequest::FromUrl(CVoBstr::ViewOf(requestUrl), request); FAILED(hr))
+            return report(97, hr);
+        const double now = m_clock();
+        CVoCookieData cookie;
+        if (const HRESULT hr = CVoCookieData::CreateCookieFromString(CVoBstr::ViewOf(setCookieValue), request, now, cookie);
+            FAILED(hr))
+            return report(103, hr);
+        if (const HRESULT hr = AddCookie(std::move(cookie), now); FAILED(hr))
+            return report(105, hr);
+        return S_OK;
+    }
+    catch (...)
+    {
+        return report.CurrentException(110);
+    }
+}
+
+HRESULT CVoGlobalHTTPCookieStoreImpl::AddCookie(CVoCookieData&& cookie, double now) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::AddCookie" };
+    try
+    {
+        CAutoLock lock(&m_lock);
+        m_cookies.Add(std::move(cookie), now);
+        return S_OK;
+    }
+    catch (...)
+    {
+        return report.CurrentException(125);
+    }
+}
+
+HRESULT CVoGlobalHTTPCookieStoreImpl::SerializeCookies(CVoBinaryDataParser& parser) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::SerializeCookies" };
+    try
+    {
+        const double now = m_clock();
+        CAutoLock lock(&m_lock);
+        m_cookies.RemoveExpired(now);
+        std::wstring text;
+        for (const CVoCookieData* const cookie : m_cookies.InOrderOfCreation())
+        {
+            if (const HRESULT hr = cookie->SerializeCookie(text); FAILED(hr))
+                return report(142, hr);
+            if (const HRESULT hr = parser.AddParam(kCookieKey, text); FAILED(hr))
+                return report(144, hr);
+        }
+        return S_OK;
+    }
+    catch (...)
+    {
+        return report.CurrentException(150);
+    }
+}
+
+HRESULT CVoGlobalHTTPCookieStoreImpl::DeserializeCookies(const CVoBinaryDataParser& parser) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::DeserializeCookies" };
+    try
+    {
+        const double now = m_clock();
+        CVoCookieMap cookies;
+        for (size_t i = 0; i < parser.GetCount(); ++i)
+        {
+            const CParamRec& param = parser.GetAt(i);
+            if (param.Name() != kCookieKey)
+                return report(166, E_INVALIDARG);
+            CVoCookieData cookie;
+            if (const HRESULT hr = CVoCookieData::CreateCookieFromSerializedData(param.Value(), cookie); FAILED(hr))
+                return report(169, hr);
+            cookies.Add(std::move(cookie), now);
+        }
+        CAutoLock lock(&m_lock);
+        m_cookies = std::move(cookies);
+        return S_OK;
+    }
+    catch (...)
+    {
+        return report.CurrentException(178);
+    }
+}
+
+HRESULT CVoGlobalHTTPCookieStoreImpl::Serialize(BSTR* data) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::Serialize" };
+    if (!data)
+        return report(186, E_POINTER);
+    try
+    {
+        CVoBinaryDataParser parser;
+        if (const HRESULT hr = SerializeCookies(parser); FAILED(hr))
+            return report(191, hr);
+        std::wstring text;
+        if (const HRESULT hr = parser.GetParamsAsString(text); FAILED(hr))
+            return report(194, hr);
+        *data = CVoBstr(text).Detach();
+        return S_OK;
+    }
+    catch (...)
+    {
+        return report.CurrentException(200);
+    }
+}
+
+HRESULT CVoGlobalHTTPCookieStoreImpl::Deserialize(BSTR data) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::Deserialize" };
+    CVoBinaryDataParser parser;
+    if (const HRESULT hr = parser.ReadParamsFromString(CVoBstr::ViewOf(data)); FAILED(hr))
+        return report(209, hr);
+    if (const HRESULT hr = DeserializeCookies(parser); FAILED(hr))
+        return report(211, hr);
+    return S_OK;
+}
+
+std::span<const CVoProperty<CVoGlobalHTTPCookieStoreImpl>> CVoGlobalHTTPCookieStoreImpl::PropertyTable() noexcept
+{
+    using Store = CVoGlobalHTTPCookieStoreImpl;
+    static constexpr CVoProperty<Store> kTable[] = {
+        { L"CookieData", L"Content of global Cookie Store.", &Store::GetCookieData, &Store::PutCookieData },
+        { L"CookieDataString", L"Content of global Cookie Store serialized as string.", &Store::GetCookieDataString,
+          &Store::PutCookieDataString },
+    };
+    return kTable;
+}
+
+HRESULT CVoGlobalHTTPCookieStoreImpl::GetCookieData(VARIANT& value) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::GetCookieData" };
+    CVoBinaryDataParser parser;
+    if (const HRESULT hr = SerializeCookies(parser); FAILED(hr))
+        return report(231, hr);
+    CVoByteBuffer bytes;
+    if (const HRESULT hr = parser.GetMessageData(bytes.PutLength(), bytes.PutBytes(), false, true); FAILED(hr))
+        return report(234, hr);
+    if (const HRESULT hr = VoBytesToVariant(bytes.Bytes(), value); FAILED(hr))
+        return report(236, hr);
+    return S_OK;
+}
+
+HRESULT CVoGlobalHTTPCookieStoreImpl::PutCookieData(const VARIANT& value) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::PutCookieData" };
+    std::vector<BYTE> bytes;
+    if (const HRESULT hr = VoVariantToBytes(value, bytes); FAILED(hr))
+        return report(245, hr);
+    CVoBinaryDataParser parser;
+    if (const HRESULT hr = parser.Parse(std::move(bytes), false, true); FAILED(hr))
+        return report(248, hr);
+    if (const HRESULT hr = DeserializeCookies(parser); FAILED(hr))
+        return report(250, hr);
+    return S_OK;
+}
+
+HRESULT CVoGlobalHTTPCookieStoreImpl::GetCookieDataString(VARIANT& value) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::GetCookieDataString" };
+    BSTR text = nullptr;
+    if (const HRESULT hr = Serialize(&text); FAILED(hr))
+        return report(259, hr);
+    value.vt = VT_BSTR;
+    value.bstrVal = text;
+    return S_OK;
+}
+
+HRESULT CVoGlobalHTTPCookieStoreImpl::PutCookieDataString(const VARIANT& value) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::PutCookieDataString" };
+    if (value.vt != VT_BSTR)
+        return report(269, DISP_E_TYPEMISMATCH);
+    if (const HRESULT hr = Deserialize(value.bstrVal); FAILED(hr))
+        return report(271, hr);
+    return S_OK;
+}
+
+HRESULT CreateGlobalHTTPCookieStoreForModule(IVoHTTPCookieStore** store) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CreateGlobalHTTPCookieStoreForModule" };
+    if (!store)
+        return report(279, E_POINTER);
+    try
+    {
+        CVoComPtr<CVoGlobalHTTPCookieStoreImpl> made = VoMakeComObject<CVoGlobalHTTPCookieStoreImpl>();
+        if (!made)
+            return report(284, E_OUTOFMEMORY);
+        *store = made.Detach();
+        return S_OK;
+    }
+    catch (...)
+    {
+        return report.CurrentException(290);
+    }
+}
