@@ -14,8 +14,8 @@ namespace Benchmark
 template <class T>
 inline void Keep(const T& value)
 {
-    static volatile const void* sink;
-    sink = &value;
+    [[maybe_unused]] static volatile unsigned char sink;
+    sink = reinterpret_cast<const volatile unsigned char&>(value);
 }
 
 // One way to do the work; `run` does it once.

@@ -1,0 +1,123 @@
+// The Cookie header of one request, with few and with many cookies in the store, against the straightforward way: one ordered
+// map of all cookies, walked for each request.
+#include "Benchmark.h"
+
+#include <VoGlobalHTTPCookieStoreImpl.h>
+
+#include <cstdlib>
+
+namespace
+{
+constexpr size_t kCookiesPerDomain = 10;
+
+std::wstring SetCookieValue(size_t number)
+{
+    return L"name" + std::to_wstring(number) + L"=value" + std::to_wstring(number) + L"; Path=/; Max-Age=3600";
+}
+std::wstring HostOf(size_t domain)
+{
+    return L"www.site" + std::to_wstring(domain) + L".example";
+}
+
+// The walk: each cookie's labels and segments are compared with the request's.
+class CWalkedCookies
+{
+public:
+    void Add(const std::wstring& value, const std::wstring& url)
+    {
+        CVoCookieRequest request;
+        CVoCookieData cookie;
+        if (FAILED(CVoCookieRequest::FromUrl(url, request)) ||
+            FAILED(CVoCookieData::CreateCookieFromString(value, request, Now(), cookie)))
+            std::abort();
+        m_cookies[{ cookie.domain, cookie.path, cookie.name }] = cookie;
+    }
+    std::wstring Header(const std::wstring& url, bool secure)
+    {
+        CVoCookieRequest request;
+        if (FAILED(CVoCookieRequest::FromUrl(url, request)))
+            std::abort();
+        const double now = Now();
+        const std::vector<std::wstring> labels = Split(request.host, L'.', true);
+        const std::vector<std::wstring> segments = Split(request.path, L'/', false);
+        std::wstring header;
+        for (auto entry = m_cookies.begin(); entry != m_cookies.end();)
+        {
+            const CVoCookieData& cookie = entry->second;
+            if (cookie.IsExpired(now))
+            {
+                entry = m_cookies.erase(entry);
+                continue;
+            }
+            const std::vector<std::wstring> cookieLabels = Split(cookie.domain, L'.', true);
+            if ((!cookie.secure || secure) && IsPrefix(cookieLabels, labels) &&
+                (!cookie.hostOnly || cookieLabels.size() == labels.size()) &&
+                IsPrefix(Split(cookie.path, L'/', false), segments))
+                header += (header.empty() ? L"" : L"; ") + cookie.name + L'=' + cookie.value;
+            ++entry;
+        }
+        return header;
+    }
+
+private:
+    static double Now() { return CVoGlobalHTTPCookieStoreImpl::GetCurrentSystemDate(); }
+    static std::vector<std::wstring> Split(const std::wstring& text, wchar_t separator, bool reversed)
+    {
+        std::vector<std::wstring> parts;
+        for (size_t begin = 0; begin < text.size();)
+        {
+            const size_t end = std::min(text.find(separator, begin), text.size());
+            parts.push_back(text.substr(begin, end - begin));
+            begin = end + 1;
+        }
+        if (reversed)
+            std::reverse(parts.begin(), parts.end());
+        return parts;
+    }
+    static bool IsPrefix(const std::vector<std::wstring>& a, const std::vector<std::wstring>& b)
+    {
+        return a.size() <= b.size() && std::equal(a.begin(), a.end(), b.begin());
+    }
+
+    std::map<std::tuple<std::wstring, std::wstring, std::wstring>, CVoCookieData> m_cookies;
+};
+
+void CompareHeaders(size_t count)
+{
+    CVoComPtr<IVoHTTPCookieStore> store;
+    if (FAILED(CreateGlobalHTTPCookieStoreForModule(store.Put())))
+        std::abort();
+    CWalkedCookies walked;
+    for (size_t i = 0; i < count; ++i)
+    {
+        const std::wstring url = L"https://" + HostOf(i / kCookiesPerDomain) + L"/";
+        walked.Add(SetCookieValue(i), url);
+        if (FAILED(store->AddCookieFromString(CVoBstr(SetCookieValue(i)).Get(), CVoBstr(url).Get())))
+            std::abort();
+    }
+
+    const std::wstring url = L"https://" + HostOf(count / kCookiesPerDomain / 2) + L"/folder/request?x=1";
+    const CVoBstr urlText(url);
+    const auto header = [&]
+    {
+        CVoBstr cookie;
+        if (FAILED(store->GetCookieStringForHTTPRequest(urlText.Get(), VARIANT_TRUE, cookie.Put())))
+            std::abort();
+        return cookie;
+    };
+    // Both must do the same work.
+    if (header().View() != walked.Header(url, true) || header().IsEmpty())
+        std::abort();
+    Benchmark::Compare("Cookie header, " + std::to_string(count) + " cookies of " + std::to_string(count / kCookiesPerDomain) +
+                           " domains",
+                       { { "walk over one map of all cookies", [&] { Benchmark::Keep(walked.Header(url, true)); } },
+                         { "GetCookieStringForHTTPRequest", [&] { Benchmark::Keep(header()); } } });
+}
+
+const Benchmark::CGroup kCookies("cookies",
+                                 []
+                                 {
+                                     for (const size_t count : { size_t{ 10 }, size_t{ 300 }, size_t{ 3000 } })
+                                         CompareHeaders(count);
+                                 });
+} // namespace
