@@ -55,6 +55,11 @@
 // Typed values to a variant and back, by the rules of VoChangeVariantTypeNoLocale. What `variant` held before is not freed; the
 // caller clears it. An unsigned number is read from -2147483648 (bit for bit) to 4294967295.
 [[nodiscard]] HRESULT VoTypeToVariant(std::wstring_view value, VARIANT& variant) noexcept;
+// Without it a pointer would be taken for a boolean. A null pointer is an empty text.
+[[nodiscard]] inline HRESULT VoTypeToVariant(const wchar_t* value, VARIANT& variant) noexcept
+{
+    return VoTypeToVariant(value ? std::wstring_view(value) : std::wstring_view(), variant);
+}
 [[nodiscard]] HRESULT VoTypeToVariant(UINT32 value, VARIANT& variant) noexcept; // VT_I4, bit for bit
 [[nodiscard]] HRESULT VoTypeToVariant(double value, VARIANT& variant) noexcept;
 [[nodiscard]] HRESULT VoTypeToVariant(bool value, VARIANT& variant) noexcept;

@@ -102,9 +102,14 @@ bool ReadDateTime(std::wstring_view text, SYSTEMTIME& time, int& offsetMinutes)
         if (!ReadTime(text, time) || !ReadZone(text, offsetMinutes) || !text.empty())
             return false;
     }
-    // There and back through the platform's calendar: refuses what does not exist and finds the day of the week.
+    // There and back through the platform's calendar: refuses what does not exist and finds the day of the week. A day that the
+    // month does not have may also come back as one of the next month.
     FILETIME fileTime;
-    return ::SystemTimeToFileTime(&time, &fileTime) && ::FileTimeToSystemTime(&fileTime, &time);
+    SYSTEMTIME normal;
+    if (!::SystemTimeToFileTime(&time, &fileTime) || !::FileTimeToSystemTime(&fileTime, &normal) || normal.wDay != time.wDay)
+        return false;
+    time = normal;
+    return true;
 }
 
 // Text to a type that the platform reads by a function of its own; false where VariantChangeTypeEx has to do it.
