@@ -2,8 +2,11 @@
 #pragma once
 
 #include <base/VoHResult.h>
+#include <base/VoHandle.h>
 #include <base/VoPlatform.h>
 
+#include <atomic>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -86,3 +89,143 @@ private:
     CLockObject* m_lock;
     bool m_locked = false;
 };
+
+// An event of the platform. Any thread may call it.
+class CEvent
+{
+public:
+    // A failed creation is reported and thrown as CVoHResultException. `name` may be null; a name that exists already opens
+    // that event as it is. `security` may be null, which gives the default descriptor and a handle that is not inherited.
+    CEvent(bool initiallySignalled, bool manualReset, const wchar_t* name = nullptr, SECURITY_ATTRIBUTES* security = nullptr);
+    virtual ~CEvent() = default;
+    CEvent(const CEvent&) = delete;
+    CEvent& operator=(const CEvent&) = delete;
+
+    // The event's handle, for wait functions; it lives as long as the object.
+    [[nodiscard]] HANDLE Handle() const noexcept { return m_handle.Get(); }
+    // Both give the platform's error, unreported.
+    [[nodiscard]] HRESULT Set() noexcept { return ::SetEvent(Handle()) ? S_OK : HResultFromLastError(); }
+    [[nodiscard]] HRESULT Reset() noexcept { return ::ResetEvent(Handle()) ? S_OK : HResultFromLastError(); }
+    // Tests without waiting; an auto-reset event is reset by a test that finds it signalled.
+    [[nodiscard]] bool IsSignalled() const noexcept { return ::WaitForSingleObject(Handle(), 0) == WAIT_OBJECT_0; }
+
+private:
+    CVoHandle m_handle;
+};
+
+// A worker thread; derive from it and do the work in Run:
+//
+//     class CWorker : public CVoThread
+//     {
+//     public:
+//         ~CWorker() override { Stop(true); }   // before the members that Run uses go
+//     protected:
+//         HRESULT Run() override { SignalStarted(); while (!StopRequested()) ...; return S_OK; }
+//     };
+//     CWorker worker;
+//     hr = worker.CreateThread(false, true, true, L"Worker", false);
+//
+// An object is idle, running or ended. An ended one can be started again. Stopping is cooperative: Run is expected to end when
+// the stop event or the stop flag is set; nothing ends a thread by force.
+//
+// The object belongs to its maker, or to its own thread after SetDeleteWhenDone(true) and a CreateThread that made a thread: it
+// is then made with new and must not be touched once it may have ended. One thread at a time calls CreateThread or destroys the
+// object; Stop, IsFinished and the readers may be called by any thread in between, the worker included.
+class CVoThread
+{
+public:
+    // Throws CVoHResultException when an event cannot be created.
+    CVoThread();
+    CVoThread(const CVoThread&) = delete;
+    CVoThread& operator=(const CVoThread&) = delete;
+
+    // Starts the thread.
+    //   startSuspended: it waits for Resume before it does anything. Together with waitUntilStarted, another thread must resume
+    //   it. waitUntilStarted: return only when Run has called SignalStarted or the thread has ended, without time-out
+    //   waitOnDestroy: the destructor stops and joins the thread; otherwise it only asks it to stop, and Run must use nothing
+    //   of
+    //     the object from then on (a handle that StopEvent gave before stays open until Run has ended)
+    //   name: for debuggers; empty keeps the name given before. The thread is named only when waitUntilStarted is set, and
+    //   after
+    //     it has started
+    //   useFinishedEvent: "ended" means that ExitInstance has returned, otherwise that the thread is gone
+    // E_FAIL while the previous thread runs (only the name and the two flags are taken over); the platform's error when no
+    // thread could be made (E_FAIL when it gives none, or throws). When the thread ended without having signalled that it
+    // started: its exit code, as it is, or S_FALSE in place of 0.
+    [[nodiscard]] HRESULT CreateThread(bool startSuspended, bool waitUntilStarted, bool waitOnDestroy, std::wstring_view name,
+                                       bool useFinishedEvent) noexcept;
+    // Lets a thread that was created suspended go.
+    [[nodiscard]] HRESULT Resume() noexcept;
+    // Asks the thread to stop and, when `wait` is set, waits without time-out until it has ended; a thread that is still
+    // suspended is let go first, and the worker itself does not wait. `exitCode` (may be null) receives the thread's exit code
+    // after a wait. The first of the platform's errors met on the way. S_OK when there is no thread.
+    HRESULT Stop(bool wait, DWORD* exitCode = nullptr) noexcept;
+    // True when there is no thread or it has ended; never waits.
+    [[nodiscard]] bool IsFinished() const noexcept;
+
+    // Null and 0 while no thread exists. The handle belongs to the object.
+    [[nodiscard]] HANDLE ThreadHandle() const noexcept { return m_shared->thread.Get(); }
+    [[nodiscard]] DWORD ThreadId() const noexcept { return m_threadId.load(); }
+    // Whether the thread deletes the object when it is done. Decide before CreateThread.
+    void SetDeleteWhenDone(bool deleteWhenDone) noexcept { m_shared->deleteWhenDone.store(deleteWhenDone); }
+
+protected:
+    // All three run on the thread. What they throw is reported and goes no further.
+
+    // False ends the thread, with exit code 0, without a call of Run.
+    virtual bool InitInstance() { return true; }
+    // Runs after Run, and after an InitInstance that answered false.
+    virtual HRESULT ExitInstance() { return S_OK; }
+    // The result is the thread's exit code; 0x80070428 stands for an exception.
+    virtual HRESULT Run() { return S_OK; }
+
+public:
+    // A derived class whose Run uses its members calls Stop(true) in its own destructor: when this one runs, they are gone.
+    virtual ~CVoThread();
+
+protected:
+    // To be called by Run, at the point from which CreateThread may return.
+    void SignalStarted() noexcept;
+    [[nodiscard]] bool StopRequested() const noexcept { return m_stopRequested.load(); }
+    // Manual-reset events, for wait functions.
+    [[nodiscard]] HANDLE StopEvent() const noexcept { return m_shared->stop.Handle(); }
+    [[nodiscard]] HANDLE StartedEvent() const noexcept { return m_shared->started.Handle(); }
+
+private:
+    // What the thread, and a caller that waits for it, need beyond the life of an object that its thread deletes, or that is
+    // destroyed without waiting.
+    struct SShared
+    {
+        CVoHandle thread;
+        CEvent started{ true, true };
+        CEvent finished{ true, true };
+        CEvent stop{ false, true };
+        // Held while a thread is created, so that it does not run before its handle is stored.
+        CCriticalSection creation;
+        // The exit code of a thread that has set the finished event and is about to be gone.
+        std::atomic<DWORD> exitCode{ 0 };
+        std::atomic<bool> deleteWhenDone{ false };
+        std::atomic<bool> isObjectGone{ false };
+        // The object, and the thread's own share of this, which it takes as it begins.
+        CVoThread* object = nullptr;
+        std::shared_ptr<SShared> forThread;
+
+        [[nodiscard]] bool ReadExitCode(DWORD& code) const noexcept;
+    };
+
+    [[nodiscard]] HRESULT PrepareEvents(bool waitUntilStarted) noexcept;
+    [[nodiscard]] static HRESULT WaitUntilStarted(const SShared& shared, bool useFinishedEvent) noexcept;
+    static DWORD WINAPI VoThreadProc(void* argument) noexcept;
+
+    std::shared_ptr<SShared> m_shared;
+    std::atomic<DWORD> m_threadId{ 0 };
+    bool m_waitOnDestroy = true;
+    bool m_useFinishedEvent = false;
+    std::atomic<bool> m_stopRequested{ false };
+    std::atomic<bool> m_isSuspended{ false };
+    std::wstring m_name;
+};
+
+// Names a thread for debuggers by the exception that they listen for. Without a debugger nothing happens. `name` is in the
+// thread's ANSI code page. Always 0, except that E_FAIL says that the exception could not be raised safely.
+[[nodiscard]] HRESULT SetThreadNameWP(DWORD threadId, const char* name) noexcept;

@@ -1,0 +1,294 @@
+#include <base/VoMultiThreading.h>
+
+#include <base/VoErrorHandler.h>
+#include <base/VoUtils.h>
+
+#include <array>
+#include <cstring>
+
+namespace
+{
+constexpr const wchar_t* kSource = L"..\\..\\source\\base\\VoMultiThreading";
+
+// The exception by which debuggers learn a thread's name, and its record, as the debuggers' documentation gives them.
+constexpr DWORD kThreadNameException = 0x406D1388;
+struct SThreadNameRecord
+{
+    DWORD type = 0x1000;
+    const char* name = nullptr;
+    DWORD threadId = 0;
+    DWORD flags = 0;
+};
+
+LONG CALLBACK ContinueAfterThreadName(EXCEPTION_POINTERS* exception) noexcept
+{
+    return exception->ExceptionRecord->ExceptionCode == kThreadNameException ? EXCEPTION_CONTINUE_EXECUTION
+                                                                             : EXCEPTION_CONTINUE_SEARCH;
+}
+
+void KeepFirst(HRESULT& first, HRESULT result) noexcept
+{
+    if (SUCCEEDED(first))
+        first = result;
+}
+} // namespace
+
+CEvent::CEvent(bool initiallySignalled, bool manualReset, const wchar_t* name, SECURITY_ATTRIBUTES* security)
+    : m_handle(::CreateEventW(security, manualReset, initiallySignalled, name))
+{
+    constexpr CVoReporter report{ kSource, L"CEvent::CEvent" };
+    if (!m_handle)
+        throw CVoHResultException(report.LastError(410, 411));
+}
+
+CVoThread::CVoThread() : m_shared(std::make_shared<SShared>()) {}
+
+CVoThread::~CVoThread()
+{
+    Stop(m_waitOnDestroy);
+    m_shared->isObjectGone.store(true);
+    // Nobody else could let a thread go that is still suspended; it ends at once.
+    static_cast<void>(Resume());
+}
+
+bool CVoThread::SShared::ReadExitCode(DWORD& code) const noexcept
+{
+    if (!::GetExitCodeThread(thread.Get(), &code))
+        return false;
+    // A thread that has set the finished event may not be gone yet.
+    if (code == STILL_ACTIVE && finished.IsSignalled())
+        code = exitCode.load();
+    return true;
+}
+
+DWORD WINAPI CVoThread::VoThreadProc(void* argument) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"VoThreadProc" };
+    // CreateThread holds the lock until it has stored the handle and the identifier.
+    const std::shared_ptr<SShared> shared = std::move(static_cast<SShared*>(argument)->forThread);
+    CAutoLock(&shared->creation).Unlock();
+    CVoThread* const object = shared->object;
+
+    HRESULT exitCode = S_OK;
+    try
+    {
+        if (!shared->isObjectGone.load() && object->InitInstance())
+        {
+            try
+            {
+                exitCode = object->Run();
+                if (FAILED(exitCode))
+                    report(699, exitCode);
+            }
+            catch (...)
+            {
+                exitCode = report(704, kResultCallbackException);
+            }
+        }
+        if (!shared->isObjectGone.load())
+            object->ExitInstance();
+    }
+    catch (...)
+    {
+        report(711, E_FAIL);
+    }
+
+    shared->exitCode.store(static_cast<DWORD>(exitCode));
+    // From the finished event on the object may go at any time, unless it is this thread that deletes it.
+    const bool deleteObject = shared->deleteWhenDone.load() && !shared->isObjectGone.load();
+    if (const HRESULT hr = shared->finished.Set(); FAILED(hr))
+        report(715, hr);
+    if (deleteObject)
+    {
+        try
+        {
+            delete object;
+        }
+        catch (...)
+        {
+            report(721, E_FAIL);
+        }
+    }
+    return static_cast<DWORD>(exitCode);
+}
+
+HRESULT CVoThread::CreateThread(bool startSuspended, bool waitUntilStarted, bool waitOnDestroy, std::wstring_view name,
+                                bool useFinishedEvent) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoThread::CreateThread" };
+    // A thread that deletes the object may do so while this function still waits: what is used then is held here.
+    const std::shared_ptr<SShared> shared = m_shared;
+    std::wstring threadName;
+    try
+    {
+        if (!name.empty())
+            m_name = name;
+        threadName = m_name;
+    }
+    catch (...)
+    {
+        return report.CurrentException(776);
+    }
+    m_waitOnDestroy = waitOnDestroy;
+    m_useFinishedEvent = useFinishedEvent;
+    if (!IsFinished())
+        return report(786, E_FAIL);
+
+    if (const HRESULT hr = PrepareEvents(waitUntilStarted); FAILED(hr))
+        return hr;
+
+    DWORD threadId = 0;
+    {
+        CAutoLock lock(&shared->creation);
+        shared->object = this;
+        shared->forThread = shared;
+        DWORD error = ERROR_SUCCESS;
+        HRESULT thrown = S_OK;
+        try
+        {
+            const DWORD flags = startSuspended ? CREATE_SUSPENDED : 0;
+            shared->thread.Reset(::CreateThread(nullptr, 0, &VoThreadProc, shared.get(), flags, &threadId));
+            error = ::GetLastError();
+        }
+        catch (...)
+        {
+            thrown = report(802, E_FAIL);
+        }
+        if (!shared->thread)
+        {
+            shared->forThread.reset();
+            static_cast<void>(shared->finished.Set());
+            return FAILED(thrown) ? thrown : report.Win32(810, 811, error);
+        }
+        m_threadId.store(threadId);
+        m_isSuspended.store(startSuspended);
+    }
+    if (!waitUntilStarted)
+        return S_OK;
+
+    if (const HRESULT hr = WaitUntilStarted(*shared, useFinishedEvent); hr != S_OK)
+        return hr;
+    if (threadName.empty())
+        return S_OK;
+    std::string nameBytes;
+    HRESULT hr = VoStringToCodePage(CP_THREAD_ACP, threadName, nameBytes);
+    if (SUCCEEDED(hr))
+        hr = SetThreadNameWP(threadId, nameBytes.c_str());
+    return hr == S_OK ? S_OK : report(840, hr);
+}
+
+// Makes the object idle and its events ready for a new thread.
+HRESULT CVoThread::PrepareEvents(bool waitUntilStarted) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoThread::CreateThread" };
+    m_shared->thread.Reset();
+    m_stopRequested.store(false);
+    m_threadId.store(0);
+    if (const HRESULT hr = m_shared->stop.Reset(); FAILED(hr))
+        return report(792, hr);
+    if (waitUntilStarted)
+    {
+        if (const HRESULT hr = m_shared->started.Reset(); FAILED(hr))
+            return report(794, hr);
+    }
+    if (const HRESULT hr = m_shared->finished.Reset(); FAILED(hr))
+        return report(796, hr);
+    return S_OK;
+}
+
+HRESULT CVoThread::WaitUntilStarted(const SShared& shared, bool useFinishedEvent) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoThread::CreateThread" };
+    // When both are signalled the wait answers the first in the list, and it was the start that came first.
+    const std::array<HANDLE, 2> events{ shared.started.Handle(),
+                                        useFinishedEvent ? shared.finished.Handle() : shared.thread.Get() };
+    const DWORD event = ::WaitForMultipleObjects(static_cast<DWORD>(events.size()), events.data(), FALSE, INFINITE);
+    if (event == WAIT_OBJECT_0)
+        return S_OK;
+    if (event != WAIT_OBJECT_0 + 1)
+        return report.LastError(832, 833);
+    DWORD exitCode = 0;
+    if (!shared.ReadExitCode(exitCode))
+        return report(825, E_FAIL);
+    if (exitCode != 0)
+        return report(827, static_cast<HRESULT>(exitCode));
+    return report(828, S_FALSE);
+}
+
+HRESULT CVoThread::Resume() noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoThread::Resume" };
+    if (!m_isSuspended.exchange(false))
+        return S_OK;
+    if (::ResumeThread(ThreadHandle()) == static_cast<DWORD>(-1))
+    {
+        const HRESULT hr = report.LastError(860, 861);
+        m_isSuspended.store(true);
+        return hr;
+    }
+    return S_OK;
+}
+
+HRESULT CVoThread::Stop(bool wait, DWORD* exitCode) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoThread::Stop" };
+    const std::shared_ptr<SShared> shared = m_shared;
+    const bool useFinishedEvent = m_useFinishedEvent;
+    const bool isWaiting = wait && shared->thread && ::GetCurrentThreadId() != m_threadId.load();
+    HRESULT result = S_OK;
+    if (isWaiting)
+        result = Resume();
+    m_stopRequested.store(true);
+    if (const HRESULT hr = shared->stop.Set(); FAILED(hr))
+        KeepFirst(result, report(880, hr));
+    // A thread that deletes its object may have done so from here on.
+    if (!isWaiting)
+        return result;
+
+    const std::array<HANDLE, 2> events{ shared->thread.Get(), shared->finished.Handle() };
+    if (::WaitForMultipleObjects(useFinishedEvent ? 2 : 1, events.data(), FALSE, INFINITE) == WAIT_FAILED)
+    {
+        KeepFirst(result, report.LastError(890, 891));
+        return result;
+    }
+    DWORD code = 0;
+    if (!shared->ReadExitCode(code))
+        KeepFirst(result, report.LastError(896, 897));
+    else if (exitCode)
+        *exitCode = code;
+    return result;
+}
+
+bool CVoThread::IsFinished() const noexcept
+{
+    if (!m_shared->thread)
+        return true;
+    const HANDLE end = m_useFinishedEvent ? m_shared->finished.Handle() : m_shared->thread.Get();
+    return ::WaitForSingleObject(end, 0) == WAIT_OBJECT_0;
+}
+
+void CVoThread::SignalStarted() noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoThread::SignalStarted" };
+    if (const HRESULT hr = m_shared->started.Set(); FAILED(hr))
+        report(920, hr);
+}
+
+HRESULT SetThreadNameWP(DWORD threadId, const char* name) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"SetThreadNameWP" };
+    // Debuggers get the record as the exception's argument words. Six are passed, which is more than the record fills on this
+    // platform: the rest is zero.
+    std::array<ULONG_PTR, 6> arguments{};
+    const SThreadNameRecord record{ .name = name, .threadId = threadId };
+    static_assert(sizeof(record) <= sizeof(arguments));
+    std::memcpy(arguments.data(), &record, sizeof(record));
+
+    // A vectored handler is the one filter that every compiler can express. Without it the exception would end the process.
+    void* const filter = ::AddVectoredExceptionHandler(FALSE, &ContinueAfterThreadName);
+    if (!filter)
+        return report(1149, E_FAIL);
+    ::RaiseException(kThreadNameException, 0, static_cast<DWORD>(arguments.size()), arguments.data());
+    ::RemoveVectoredExceptionHandler(filter);
+    return S_OK;
+}
