@@ -8,6 +8,9 @@
 #include <numeric>
 #include <thread>
 
+#include <support/ImportHook.h>
+#include <support/LogCapture.h>
+
 namespace
 {
 class IThing : public IUnknown
@@ -162,6 +165,23 @@ TEST_F(ComBase, ThreadsShareOneObjectAndOneMarshaller)
     EXPECT_EQ(thing->Release(), 1U);
     thing.Reset();
     EXPECT_EQ(m_alive, 0);
+}
+
+TEST_F(ComBase, AFailingMarshallerIsReportedAndTriedAgain)
+{
+    const CVoComPtr<CThing> thing = VoMakeComObject<CThing>(&m_alive);
+    CVoComPtr<IMarshal> marshal;
+    {
+        const CFailOnCall<decltype(&::CoCreateFreeThreadedMarshaler)> fail("ole32.dll", "CoCreateFreeThreadedMarshaler", 1,
+                                                                           E_OUTOFMEMORY, ERROR_SUCCESS);
+        TestSupport::CLogCapture log;
+        EXPECT_EQ(thing.As(marshal), E_OUTOFMEMORY);
+        EXPECT_THAT(log.Lines(),
+                    testing::ElementsAre(TestSupport::IsReport(
+                        L"VoIUnknown.h", 128, L"CVoIUnknownImplWithFreeThreadedMarshaller::MakeMarshaller", E_OUTOFMEMORY)));
+    }
+    EXPECT_FALSE(marshal);
+    EXPECT_EQ(thing.As(marshal), S_OK);
 }
 
 TEST_F(ComBase, PropertyBagListsReadsAndWritesItsTable)

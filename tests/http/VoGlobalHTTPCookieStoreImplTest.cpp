@@ -6,6 +6,7 @@
 #include <random>
 #include <thread>
 
+#include <support/ImportHook.h>
 #include <support/LogCapture.h>
 
 namespace
@@ -212,6 +213,11 @@ TEST(CookieStore, RefusesWhatIsNoCookieForTheHost)
     BSTR out = untouched.Get();
     EXPECT_EQ(store->GetCookieStringForHTTPRequest(nullptr, VARIANT_TRUE, &out), E_INVALIDARG);
     EXPECT_EQ(out, untouched.Get());
+    {
+        const CFailOnCall<decltype(&::SysAllocStringLen)> fail("oleaut32.dll", "SysAllocStringLen", 2, nullptr, ERROR_SUCCESS);
+        EXPECT_EQ(store->GetCookieStringForHTTPRequest(CVoBstr(site).Get(), VARIANT_TRUE, &out), E_OUTOFMEMORY);
+        EXPECT_EQ(out, untouched.Get());
+    }
 }
 
 TEST(CookieStore, ReportsMalformedDatesAndAgesWithTheirText)

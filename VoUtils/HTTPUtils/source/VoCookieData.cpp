@@ -433,29 +433,31 @@ std::wstring_view CVoCookieData::ReadNextDateTimeField(std::wstring_view& text, 
 
 std::optional<double> CVoCookieData::ParseDateTime(std::wstring_view text) noexcept
 {
-    std::optional<int> time, day, year;
+    std::optional<int> time;
+    std::optional<int> day;
     std::optional<unsigned> month;
-    double zone = 0; // minutes ahead of UTC
+    std::optional<int> year;
+    int zone = 0; // minutes ahead of UTC
     wchar_t sign = 0;
     for (std::wstring_view field = ReadNextDateTimeField(text, sign); !field.empty(); field = ReadNextDateTimeField(text, sign))
     {
-        if (!time && (time = ReadTime(field)))
-            continue;
         // "+hhmm" or "-hhmm"; a year behind a "-" is larger.
         std::wstring_view number = field;
         if (const std::optional<int> offset = sign != 0 ? ReadNumber(number, 4, 4) : std::nullopt;
             offset && *offset <= kLargestZone)
         {
-            zone = (*offset / 100 * 60 + *offset % 100) * (sign == L'-' ? -1.0 : 1.0);
+            zone = (*offset / 100 * 60 + *offset % 100) * (sign == L'-' ? -1 : 1);
             continue;
         }
-        // A field is taken by the first shape that fits and is still open.
+        // A field is the first thing that it fits and that is still open; what fits nothing is passed over.
         number = field;
-        if (!day && (day = ReadNumber(number, 1, 2)))
-            continue;
-        if (!month && (month = ReadMonth(field)))
-            continue;
-        if (!year)
+        if (const auto fittingTime = time ? std::nullopt : ReadTime(field))
+            time = fittingTime;
+        else if (const auto fittingDay = day ? std::nullopt : ReadNumber(number, 1, 2))
+            day = fittingDay;
+        else if (const auto fittingMonth = month ? std::nullopt : ReadMonth(field))
+            month = fittingMonth;
+        else if (!year)
             year = ReadNumber(number, 2, 4);
     }
     if (!time || *time < 0 || !day || !month || !year)
