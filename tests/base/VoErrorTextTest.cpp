@@ -1,0 +1,258 @@
+#include <base/VoErrorHandler.h>
+#include <base/VoErrorTranslator.h>
+#include <base/VoUtils.h>
+
+#include <support/ImportHook.h>
+#include <support/LogCapture.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+
+using namespace TestSupport;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+// The test program is a translator module too: it exports what one must.
+extern "C"
+{
+    __declspec(dllexport) HRESULT WINAPI GetErrorString(HRESULT code, BSTR* text)
+    {
+        if (code != static_cast<HRESULT>(0x81040001))
+            return E_INVALIDARG;
+        *text = ::SysAllocString(L"translated");
+        return S_OK;
+    }
+
+    __declspec(dllexport) HRESULT WINAPI ShowErrorMessageWindow(HRESULT code, const wchar_t* text)
+    {
+        ::SetEnvironmentVariableW(L"VO_TEST_SHOWN", VoFormat(L"%X %ls", static_cast<unsigned>(code), text).c_str());
+        return S_OK;
+    }
+}
+
+namespace
+{
+constexpr const wchar_t* kFallback = L"Unknown system error occured!";
+constexpr HRESULT kTranslated = static_cast<HRESULT>(0x81040001);
+
+// FormatMessageW, with its last argument in a form that a template takes on every compiler.
+using FormatMessageFunction = DWORD(WINAPI*)(DWORD, LPCVOID, DWORD, DWORD, LPWSTR, DWORD, void*);
+
+std::wstring ProgramName()
+{
+    std::wstring name;
+    EXPECT_EQ(GetModuleDirAndFileName(nullptr, nullptr, &name), S_OK);
+    return name;
+}
+
+std::wstring Variable(const wchar_t* name)
+{
+    wchar_t value[500];
+    return std::wstring(value, ::GetEnvironmentVariableW(name, value, static_cast<DWORD>(std::size(value))));
+}
+
+// Switches the process's translator on for a scope.
+struct CTranslatorSwitch
+{
+    CTranslatorSwitch() { VoErrorLog().SetUseErrorTranslator(true); }
+    ~CTranslatorSwitch() { VoErrorLog().SetUseErrorTranslator(false); }
+};
+} // namespace
+
+TEST(ErrorText, TheFacilityDecidesWhereTheTextIsLookedUp)
+{
+    // What FormatMessageW is asked for; the wording is the platform's own.
+    const struct
+    {
+        HRESULT code;
+        DWORD id;
+        bool fromModule;
+    } kCases[] = {
+        { static_cast<HRESULT>(0x80070002), 2, false },
+        { static_cast<HRESULT>(0x80072EDF), 11999, false },
+        { static_cast<HRESULT>(0x80072EE0), 12000, true },
+        { static_cast<HRESULT>(0x80072FA0), 12192, true },
+        { static_cast<HRESULT>(0x80072FA1), 12193, false },
+        { static_cast<HRESULT>(0x80040154), 0x80040154, false },
+        { static_cast<HRESULT>(0x81020007), 0x81020007, false }, // facility 258
+        { S_OK, 0, false },
+    };
+    for (const auto& c : kCases)
+    {
+        DWORD id = 0;
+        DWORD flags = 0;
+        const CCallHook<FormatMessageFunction> hook(
+            "kernel32.dll", "FormatMessageW",
+            [&](auto, DWORD askedFlags, LPCVOID, DWORD askedId, DWORD, LPWSTR buffer, DWORD, void*) -> DWORD
+            {
+                flags = askedFlags;
+                id = askedId;
+                // As the platform does: from the local heap.
+                auto* text = static_cast<wchar_t*>(::LocalAlloc(LMEM_FIXED, 100));
+                const size_t length = std::wstring_view(L"The text.\r\n").copy(text, 50);
+                std::memcpy(buffer, &text, sizeof text);
+                return static_cast<DWORD>(length);
+            });
+        const CAcquireBalance memory =
+            CAcquireBalance::Of<decltype(&::LocalAlloc), decltype(&::LocalFree)>("kernel32.dll", "LocalAlloc", "LocalFree");
+        const CAcquireBalance modules = CAcquireBalance::Of<decltype(&::LoadLibraryExW), decltype(&::FreeLibrary)>(
+            "kernel32.dll", "LoadLibraryExW", "FreeLibrary");
+        std::wstring text;
+        EXPECT_EQ(VoGetErrorText(c.code, false, &text), S_OK);
+        EXPECT_EQ(text, L"The text.");
+        EXPECT_EQ(id, c.id);
+        const DWORD source = c.fromModule ? FORMAT_MESSAGE_FROM_HMODULE : FORMAT_MESSAGE_FROM_SYSTEM;
+        EXPECT_EQ(flags, FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS | source);
+        EXPECT_EQ(memory.Open(), 0);
+        EXPECT_EQ(modules.Open(), 0);
+    }
+}
+
+TEST(ErrorText, ThePlatformsTablesAreFound)
+{
+    // A file that is missing, and a server that cannot be resolved (wininet.dll).
+    for (const DWORD error : { 2u, 12007u })
+    {
+        std::wstring text;
+        EXPECT_EQ(VoGetErrorText(HResultFromWin32(error), true, &text), S_OK);
+        EXPECT_NE(text, kFallback) << error;
+        EXPECT_FALSE(text.empty() || text.ends_with(L'\n')) << error;
+    }
+}
+
+TEST(ErrorText, TheLibraryKnowsItsOwnCodesAndTheirGaps)
+{
+    std::wstring text;
+    EXPECT_EQ(VoGetErrorText(kErrorServerNotReached, false, &text), S_OK);
+    EXPECT_EQ(text, L"The server could not be reached.");
+    EXPECT_EQ(VoGetErrorText(kErrorSystemTooOld, false, &text), S_OK);
+    EXPECT_EQ(text, L"This version of the system is not supported.");
+    for (const unsigned code : { 0x81030000u, 0x81030006u, 0x8103FFFFu, 0x01030001u })
+        EXPECT_EQ(VoGetErrorText(static_cast<HRESULT>(code), false, &text), E_FAIL) << code;
+}
+
+TEST(ErrorText, WithoutATextTheFlagDecides)
+{
+    const CLogCapture log;
+    for (const unsigned code : { 0x81030000u, 0x81040001u, 0x8FFF1234u })
+    {
+        std::wstring text = L"before";
+        EXPECT_EQ(VoGetErrorText(static_cast<HRESULT>(code), false, &text), E_FAIL);
+        EXPECT_EQ(text, L"before");
+        EXPECT_EQ(VoGetErrorText(static_cast<HRESULT>(code), true, &text), S_OK);
+        EXPECT_EQ(text, kFallback);
+    }
+    EXPECT_EQ(VoGetErrorText(E_FAIL, false, nullptr), S_FALSE);
+    EXPECT_THAT(log.Lines(), testing::SizeIs(3));
+    EXPECT_THAT(log.Lines(), testing::Each(IsReportBy(L"VoGetErrorText", E_FAIL)));
+}
+
+TEST(ErrorText, IsShownInABoxWithTheCaptionError)
+{
+    std::wstring shown;
+    std::wstring caption;
+    int result = IDOK;
+    const CCallHook<decltype(&::MessageBoxW)> hook("user32.dll", "MessageBoxW",
+                                                   [&](auto, HWND, LPCWSTR text, LPCWSTR title, UINT) -> int
+                                                   {
+                                                       shown = text;
+                                                       caption = title;
+                                                       ::SetLastError(ERROR_INVALID_WINDOW_HANDLE);
+                                                       return result;
+                                                   });
+    EXPECT_EQ(VoShowError(kErrorSignature, false), S_OK);
+    EXPECT_EQ(shown, L"The signature does not match the data.");
+    EXPECT_EQ(caption, L"Error");
+    EXPECT_EQ(VoShowError(static_cast<HRESULT>(0x81030000), true), S_OK);
+    EXPECT_EQ(shown, kFallback);
+
+    const CLogCapture log;
+    shown.clear();
+    EXPECT_EQ(VoShowError(static_cast<HRESULT>(0x81030000), false), E_FAIL);
+    EXPECT_EQ(shown, L"") << "nothing to show";
+    EXPECT_THAT(log.Lines(), ElementsAre(IsReportBy(L"VoGetErrorText", E_FAIL), IsReportBy(L"VoShowError", E_FAIL)));
+    result = 0;
+    EXPECT_EQ(VoShowError(kErrorSignature, false), HResultFromWin32(ERROR_INVALID_WINDOW_HANDLE));
+}
+
+TEST(ErrorTranslator, NeedsBothExportsAndReleasesAModuleWithoutThem)
+{
+    const CLogCapture log;
+    const CAcquireBalance modules = CAcquireBalance::Of<decltype(&::GetModuleHandleExW), decltype(&::FreeLibrary)>(
+        "kernel32.dll", "GetModuleHandleExW", "FreeLibrary");
+    {
+        CVoErrorTranslator translator;
+        EXPECT_EQ(translator.TakeLoaded(L"kernel32.dll"), HResultFromWin32(ERROR_PROC_NOT_FOUND));
+        EXPECT_EQ(::GetLastError(), DWORD{ ERROR_PROC_NOT_FOUND });
+        EXPECT_FALSE(translator.IsLoaded());
+        std::wstring text = L"before";
+        EXPECT_EQ(translator.GetErrorString(kTranslated, text), HResultFromWin32(ERROR_MOD_NOT_FOUND));
+        EXPECT_EQ(text, L"before");
+        EXPECT_EQ(translator.TakeLoaded(L"no such module"), HResultFromWin32(ERROR_MOD_NOT_FOUND));
+        EXPECT_EQ(modules.Open(), 0);
+        {
+            // The second of the two exports is missing.
+            const CFailOnCall<decltype(&::GetProcAddress)> fail("kernel32.dll", "GetProcAddress", 2, nullptr,
+                                                                ERROR_PROC_NOT_FOUND);
+            EXPECT_EQ(translator.TakeLoaded(ProgramName().c_str()), HResultFromWin32(ERROR_PROC_NOT_FOUND));
+        }
+        EXPECT_EQ(modules.Open(), 0);
+        EXPECT_EQ(translator.TakeLoaded(ProgramName().c_str()), S_OK);
+        EXPECT_EQ(translator.GetErrorString(kTranslated, text), S_OK);
+        EXPECT_EQ(text, L"translated");
+        EXPECT_EQ(modules.Open(), 1);
+    }
+    EXPECT_EQ(modules.Open(), 0);
+    EXPECT_THAT(log.Lines(),
+                testing::Contains(IsReportBy(L"CVoErrorTranslator::TakeLoaded", HResultFromWin32(ERROR_PROC_NOT_FOUND))));
+}
+
+// The process loads its translator once, so that each outcome needs a process of its own.
+TEST(ErrorTranslatorDeathTest, TextsAndWindowComeFromTheModuleWhenSwitchedOn)
+{
+    EXPECT_EXIT(
+        {
+            const CTranslatorSwitch on;
+            std::wstring text;
+            std::wstring fallback;
+            const HRESULT loaded = VoLoadErrorTranslator(ProgramName().c_str());
+            const HRESULT found = VoGetErrorText(kTranslated, false, &text);
+            const HRESULT shown = VoShowError(kTranslated, false);
+            const HRESULT unknown = VoGetErrorText(static_cast<HRESULT>(0x81040002), true, &fallback);
+            std::fprintf(stderr, "%lx %lx %lx %lx [%ls] [%ls] [%ls]", static_cast<unsigned long>(loaded),
+                         static_cast<unsigned long>(found), static_cast<unsigned long>(shown),
+                         static_cast<unsigned long>(unknown), text.c_str(), Variable(L"VO_TEST_SHOWN").c_str(),
+                         fallback.c_str());
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0), HasSubstr("0 0 0 0 [translated] [81040001 translated] [Unknown system error occured!]"));
+}
+
+TEST(ErrorTranslatorDeathTest, AFailedLoadIsShownOnceAndNotTriedAgain)
+{
+    const auto load = [](const wchar_t* loadedModule)
+    {
+        const CTranslatorSwitch on;
+        const CCallHook<decltype(&::MessageBoxW)> hook("user32.dll", "MessageBoxW",
+                                                       [](auto, HWND, LPCWSTR text, LPCWSTR caption, UINT) -> int
+                                                       {
+                                                           std::fprintf(stderr, "<%ls: %ls>", caption, text);
+                                                           return IDOK;
+                                                       });
+        std::wstring text;
+        const HRESULT first = loadedModule ? VoLoadErrorTranslator(loadedModule) : S_OK;
+        const HRESULT found = VoGetErrorText(kTranslated, false, &text);
+        const HRESULT again = VoLoadErrorTranslator(nullptr);
+        std::fprintf(stderr, "%lx %lx %lx", static_cast<unsigned long>(first), static_cast<unsigned long>(found),
+                     static_cast<unsigned long>(again));
+        std::exit(0);
+    };
+    EXPECT_EXIT(load(nullptr), testing::ExitedWithCode(0),
+                testing::AllOf(HasSubstr("<Error: Error loading lib ["),
+                               HasSubstr("\\Kestrelan\\ErrorTranslator.dll] (126)>0 80004005 8007007e")));
+    EXPECT_EXIT(load(L"no such module"), testing::ExitedWithCode(0),
+                HasSubstr("<Error: Error getting 'modulehandle' lib (126)>8007007e 80004005 8007007e"));
+}
