@@ -91,6 +91,11 @@ class CArray
                   "moving items must not fail, so that a failure leaves the array untouched");
 
 public:
+    // The standard library's names, so that its algorithms take the array.
+    using value_type = Type;
+    using iterator = typename std::vector<Type>::iterator;
+    using const_iterator = typename std::vector<Type>::const_iterator;
+
     [[nodiscard]] size_t GetSize() const noexcept { return m_items.size(); }
     [[nodiscard]] bool IsEmpty() const noexcept { return m_items.empty(); }
 
@@ -152,13 +157,13 @@ public:
 
     [[nodiscard]] Type* GetData() noexcept { return m_items.data(); }
     [[nodiscard]] const Type* GetData() const noexcept { return m_items.data(); }
-    [[nodiscard]] auto begin() noexcept { return m_items.begin(); }
-    [[nodiscard]] auto end() noexcept { return m_items.end(); }
-    [[nodiscard]] auto begin() const noexcept { return m_items.begin(); }
-    [[nodiscard]] auto end() const noexcept { return m_items.end(); }
+    [[nodiscard]] iterator begin() noexcept { return m_items.begin(); }
+    [[nodiscard]] iterator end() noexcept { return m_items.end(); }
+    [[nodiscard]] const_iterator begin() const noexcept { return m_items.begin(); }
+    [[nodiscard]] const_iterator end() const noexcept { return m_items.end(); }
 
 private:
-    [[nodiscard]] auto Position(size_t index) noexcept { return m_items.begin() + static_cast<std::ptrdiff_t>(index); }
+    [[nodiscard]] iterator Position(size_t index) noexcept { return m_items.begin() + static_cast<std::ptrdiff_t>(index); }
 
     std::vector<Type> m_items;
 };
