@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cwctype>
 #include <iterator>
+#include <utility>
 
 namespace VoLogSetup
 {
@@ -108,6 +109,25 @@ std::wstring RunHeader(const CRunFacts& facts)
     return header;
 }
 
+namespace
+{
+// A number padded with `fill` to a width, as printf's %4d and %02d do; the fields of a time are never negative.
+void AppendNumber(std::wstring& text, unsigned value, size_t width, wchar_t fill)
+{
+    wchar_t digits[10];
+    size_t at = std::size(digits);
+    do
+    {
+        digits[--at] = static_cast<wchar_t>(L'0' + value % 10);
+        value /= 10;
+    } while (value > 0);
+    const size_t length = std::size(digits) - at;
+    if (length < width)
+        text.append(width - length, fill);
+    text.append(digits + at, length);
+}
+} // namespace
+
 std::wstring Line(const SYSTEMTIME& t, const std::wstring& modulePart, const wchar_t* source, int line, const wchar_t* function,
                   DWORD threadId, std::wstring_view message)
 {
@@ -115,12 +135,16 @@ std::wstring Line(const SYSTEMTIME& t, const std::wstring& modulePart, const wch
     const std::wstring_view name = function ? function : L"";
     std::wstring text;
     text.reserve(modulePart.size() + file.size() + name.size() + message.size() + 80);
-    text += VoFormat(L"%4d.%02d.%02d %02d:%02d:%02d.%03d", t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond,
-                     t.wMilliseconds);
+    // By hand, because the C library's wide formatting would take as long as the rest of the line.
+    AppendNumber(text, t.wYear, 4, L' ');
+    for (const auto& [mark, value] : { std::pair(L'.', t.wMonth), std::pair(L'.', t.wDay), std::pair(L' ', t.wHour),
+                                       std::pair(L':', t.wMinute), std::pair(L':', t.wSecond) })
+        AppendNumber(text += mark, value, 2, L'0');
+    AppendNumber(text += L'.', t.wMilliseconds, 3, L'0');
     if (source)
         text.append(modulePart).append(file);
     if (line >= 0)
-        text.append(L" Line=").append(std::to_wstring(line));
+        AppendNumber(text += L" Line=", static_cast<unsigned>(line), 0, L' ');
     if (function)
         text.append(L" Function=").append(name);
     text.append(L" ThreadID=").append(std::to_wstring(static_cast<int>(threadId))).append(L" ");
