@@ -1,0 +1,157 @@
+// RSA signatures and hashes over the platform's CryptoAPI.
+//
+// Keys are hexadecimal text of CryptoAPI key blobs (PRIVATEKEYBLOB, PUBLICKEYBLOB with signature keys). Signatures are raw
+// bytes in CryptoAPI's order, least significant byte first. Every operation works in a provider context of its own that nothing
+// is stored in. Objects are not shared between threads; different objects may be used at the same time. Lengths are in bytes.
+//
+// Functions that give an HRESULT report their failures. The platform's error comes as an HRESULT (NTE_... as it is). Out
+// arguments are written on success only. A buffer handed out is made with new BYTE[] and belongs to the caller (CVoByteBuffer
+// takes it in); a null buffer pointer asks for the length alone.
+#pragma once
+
+#include <base/VoPlatform.h>
+
+#include <wincrypt.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace OrvDigSign
+{
+// A hash under construction: CreateHash, AddBinData as often as needed, then GetHashValue or a signature.
+class COrvHashBase
+{
+public:
+    // A handle that cannot be destroyed is reported.
+    virtual ~COrvHashBase();
+    [[nodiscard]] virtual ALG_ID AlgorithmId() const noexcept = 0;
+
+    COrvHashBase(const COrvHashBase&) = delete;
+    COrvHashBase& operator=(const COrvHashBase&) = delete;
+
+    // Begins a hash in a provider's context, which must outlive it; a hash begun before is destroyed.
+    [[nodiscard]] HRESULT CreateHash(HCRYPTPROV provider) noexcept;
+    // `bytes` may be null when `length` is 0.
+    [[nodiscard]] HRESULT AddBinData(const BYTE* bytes, UINT32 length) noexcept;
+    // Ends the hash: nothing can be added afterwards.
+    [[nodiscard]] HRESULT GetHashValue(BYTE** buffer, UINT32* length) noexcept;
+    // Destroys the hash; S_OK when there is none. A handle that cannot be destroyed is given up.
+    HRESULT Clear() noexcept;
+
+    // 0 while no hash is begun.
+    [[nodiscard]] HCRYPTHASH Handle() const noexcept { return m_hash; }
+
+protected:
+    COrvHashBase() noexcept = default;
+
+private:
+    HCRYPTHASH m_hash = 0;
+};
+
+template <ALG_ID kAlgorithm>
+class COrvHash final : public COrvHashBase
+{
+public:
+    [[nodiscard]] ALG_ID AlgorithmId() const noexcept override { return kAlgorithm; }
+};
+// For checksums of old data only; signatures never use it.
+using COrvMD5Hash = COrvHash<CALG_MD5>;
+using COrvSHA1Hash = COrvHash<CALG_SHA1>;
+using COrvSHA256Hash = COrvHash<CALG_SHA_256>;
+using COrvSHA512Hash = COrvHash<CALG_SHA_512>;
+
+// "sha1", "sha256" or "sha512", compared exactly; null for any other name. Throws std::bad_alloc.
+[[nodiscard]] std::unique_ptr<COrvHashBase> CreateHashByName(std::wstring_view name);
+// The name of the hash that the library uses where none is asked for: "sha256".
+[[nodiscard]] const wchar_t* DefaultHashName() noexcept;
+
+// Destroys a hash object's handle at the end of a scope, before the provider that it lives in is released.
+class CVoHashGuard
+{
+public:
+    explicit CVoHashGuard(COrvHashBase& hash) noexcept : m_hash(hash) {}
+    // A handle that cannot be destroyed is reported.
+    ~CVoHashGuard();
+    CVoHashGuard(const CVoHashGuard&) = delete;
+    CVoHashGuard& operator=(const CVoHashGuard&) = delete;
+
+private:
+    COrvHashBase& m_hash;
+};
+
+// Owns a provider context and at most one key in it.
+class COrvCryptKeyBase
+{
+public:
+    COrvCryptKeyBase() noexcept = default;
+    // Calls Done and reports its failure.
+    virtual ~COrvCryptKeyBase();
+    COrvCryptKeyBase(const COrvCryptKeyBase&) = delete;
+    COrvCryptKeyBase& operator=(const COrvCryptKeyBase&) = delete;
+
+    // Acquires a context without key container of the enhanced RSA and AES provider; one held before is released first.
+    [[nodiscard]] HRESULT InitProvider() noexcept;
+    // Destroys the key, then releases the context; both are tried, and the first error is returned. S_OK when there is neither.
+    HRESULT Done() noexcept;
+
+    // 0 while there is none. They belong to the object.
+    [[nodiscard]] HCRYPTPROV Provider() const noexcept { return m_provider; }
+    [[nodiscard]] HCRYPTKEY Key() const noexcept { return m_key; }
+    // Empty and 0 until a provider has been acquired.
+    [[nodiscard]] const std::wstring& ProviderName() const noexcept { return m_providerName; }
+    [[nodiscard]] DWORD ProviderType() const noexcept { return m_providerType; }
+
+protected:
+    HCRYPTPROV m_provider = 0;
+    HCRYPTKEY m_key = 0;
+
+private:
+    std::wstring m_providerName;
+    DWORD m_providerType = 0;
+};
+
+// The RSA key that signs or verifies.
+class COrvRSAKey : public COrvCryptKeyBase
+{
+public:
+    // The lengths that the provider makes keys of, in bits; multiples of 8.
+    static constexpr UINT32 kMinimumBits = 384;
+    static constexpr UINT32 kMaximumBits = 16384;
+
+    // InitProvider.
+    [[nodiscard]] HRESULT Init() noexcept;
+    // Imports a key after Init; keys of the context are destroyed first. E_INVALIDARG for malformed hexadecimal text, the
+    // provider's error for a blob that it does not take. What was decoded is wiped.
+    [[nodiscard]] HRESULT ImportKey(std::wstring_view hexText) noexcept;
+    [[nodiscard]] HRESULT ImportKeyForSigning(std::wstring_view hexText) noexcept;
+    [[nodiscard]] HRESULT ImportKeyForVerifying(std::wstring_view hexText) noexcept;
+
+    // Makes a fresh pair of signature keys. E_INVALIDARG for a length that is out of range or no multiple of 8. The private
+    // key's text is the caller's to guard and to wipe.
+    [[nodiscard]] static HRESULT Generate(UINT32 bits, std::wstring& privateKey, std::wstring& publicKey) noexcept;
+    // The public key of a private one. E_INVALIDARG for text that is no private key's.
+    [[nodiscard]] static HRESULT GetPublicKeyFromPrivate(std::wstring_view privateKey, std::wstring& publicKey) noexcept;
+
+private:
+    [[nodiscard]] HRESULT DestroyUserKey(DWORD keySpec) noexcept;
+    [[nodiscard]] HRESULT ExportKey(DWORD blobType, std::wstring& hexText) const noexcept;
+
+    bool m_isPrivate = false;
+};
+
+// Hashes a block of bytes at once; the hash object tells the algorithm and is empty afterwards.
+[[nodiscard]] HRESULT HashBytes(COrvHashBase& hash, const BYTE* bytes, UINT32 length, BYTE** value,
+                                UINT32* valueLength) noexcept;
+
+// Signs and verifies blocks of bytes. The hash object tells the algorithm and is empty afterwards.
+class COrvDigitalSignature
+{
+public:
+    [[nodiscard]] static HRESULT SignString(const BYTE* data, UINT32 length, COrvHashBase& hash, std::wstring_view privateKey,
+                                            BYTE** signature, UINT32* signatureLength) noexcept;
+    // S_OK with `result` false for a signature that is simply not valid, which is not reported. `result` is false on failure.
+    [[nodiscard]] static HRESULT VerifyString(const BYTE* data, UINT32 length, COrvHashBase& hash, const BYTE* signature,
+                                              UINT32 signatureLength, std::wstring_view publicKey, bool& result) noexcept;
+};
+} // namespace OrvDigSign
