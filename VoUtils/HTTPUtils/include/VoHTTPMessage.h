@@ -82,8 +82,6 @@ public:
         [[nodiscard]] const std::wstring& CookieHeader() const noexcept { return m_cookieHeader; }
 
     protected:
-        friend class CVoHTTPMessage;
-
         std::atomic<UINT64> m_sent{ 0 };
         std::atomic<UINT64> m_toSend{ 0 };
         std::atomic<UINT64> m_received{ 0 };
@@ -237,13 +235,38 @@ protected:
         const bool final = status >= 400 && status <= 405;
         return allowRetry && !final && elapsed < budget;
     }
+    // The attempts of one send, which begin with this object: counts them and decides about the next.
+    class CAttempts
+    {
+    public:
+        CAttempts(bool allowRetry, UINT32 budgetSeconds) noexcept;
+        void Begin() noexcept { ++m_count; }
+        [[nodiscard]] bool MayRetry(UINT32 status) const noexcept;
+        [[nodiscard]] bool Retried() const noexcept { return m_count > 1; }
+
+    private:
+        bool m_allowRetry;
+        INT64 m_budget;
+        INT64 m_start;
+        UINT32 m_count = 0;
+    };
+
+    // An answer that a transport has received, until the caller reads it.
+    struct CAnswer
+    {
+        bool isThere = false;
+        std::vector<BYTE> bytes;
+        bool utf8 = false; // its Content-Type named UTF-8
+    };
+    // What ReadResponse and ReadMultipleResponses do once the answer is there: take it out of the request.
+    [[nodiscard]] static HRESULT ReadAnswer(CAnswer& answer, EResponseKind kind, CVoBinaryDataParser& response, bool* isUtf8,
+                                            bool* isEmpty) noexcept;
+    [[nodiscard]] static HRESULT ReadAnswers(CAnswer& answer, std::vector<CVoBinaryDataParser>& responses, UINT32 expectedCount,
+                                             UINT32* count) noexcept;
 
     // Whether a Content-Type value names UTF-8 as its charset (RFC 9110, section 8.3.2).
     [[nodiscard]] static bool NamesUtf8(std::wstring_view contentType) noexcept;
 
-    // Parses one answer. Takes the bytes over.
-    [[nodiscard]] static HRESULT ParseResponse(std::vector<BYTE>&& bytes, EResponseKind kind, bool utf8,
-                                               CVoBinaryDataParser& response) noexcept;
     // Splits the answer to several messages.
     [[nodiscard]] static HRESULT internalParseMultipleResponses(std::span<const BYTE> bytes, bool utf8, UINT32 expectedCount,
                                                                 std::vector<CVoBinaryDataParser>& responses) noexcept;
@@ -263,6 +286,10 @@ protected:
     };
     // The proxy store's answer for a URL; direct without a store. A null `url` asks for the configured manual proxy.
     [[nodiscard]] HRESULT GetProxy(const std::wstring* url, CProxy& proxy) const noexcept;
+
+    // Keeps credentials that a proxy has accepted in a proxy store.
+    [[nodiscard]] static HRESULT SaveProxyCredentials(IVoHTTPProxyStore& store, const std::wstring& proxy,
+                                                      const std::wstring& user, const std::wstring& password) noexcept;
 
     // Appends a record of bytes sent or received to the data log, when the module is debugged. Its failures fail nothing.
     void WriteDataToLogFile(EDataDirection direction, const BYTE* data, UINT32 length) const noexcept;

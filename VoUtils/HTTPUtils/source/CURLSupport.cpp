@@ -245,11 +245,16 @@ try
         headers.statusCode = rest.substr(0, rest.find(L' '));
         headers.contentType.clear();
         headers.location.clear();
+        headers.complete = false;
     }
     else if (VoStartsWithNoCase(text, kLocation))
         headers.location = HeaderValue(text, kLocation.size());
-    else if (VoTrim(text).empty() && headers.statusCode.starts_with(L'3') && !headers.location.empty())
-        FollowRedirect(headers);
+    else if (VoTrim(text).empty())
+    {
+        headers.complete = true;
+        if (headers.statusCode.starts_with(L'3') && !headers.location.empty())
+            FollowRedirect(headers);
+    }
     return length;
 }
 catch (...)

@@ -134,6 +134,7 @@ struct CHeaderContext
     std::wstring contentType;
     std::wstring protocolVersion;
     std::wstring statusCode;
+    bool complete = false;       // the empty line behind the headers has come
     bool cookieReplaced = false; // a redirect made the handle's Cookie header that of another URL
 };
 

@@ -5,6 +5,7 @@
 
 #include <base/VoModuleInformation.h>
 #include <base/VoUtils.h>
+#include <base/VoWipe.h>
 #include <base/com/VoComHelper.h>
 #include <base/utils/VoDataConversion.h>
 #include <win/OrvDigSign.h>
@@ -359,14 +360,46 @@ bool CVoHTTPMessage::NamesUtf8(std::wstring_view contentType) noexcept
     return VoEqualsNoCase(HeaderParameter(contentType, L"charset"), L"UTF-8");
 }
 
-HRESULT CVoHTTPMessage::ParseResponse(std::vector<BYTE>&& bytes, EResponseKind kind, bool utf8,
-                                      CVoBinaryDataParser& response) noexcept
+CVoHTTPMessage::CAttempts::CAttempts(bool allowRetry, UINT32 budgetSeconds) noexcept
+    : m_allowRetry(allowRetry), m_budget(INT64{ budgetSeconds } * 1'000'000), m_start(VoGetMicroseconds())
 {
-    constexpr CVoReporter report{ kSource, L"CVoHTTPMessage::ParseResponse" };
+}
+
+bool CVoHTTPMessage::CAttempts::MayRetry(UINT32 status) const noexcept
+{
+    return ShouldRetry(m_allowRetry, status, VoGetMicroseconds() - m_start, m_budget);
+}
+
+HRESULT CVoHTTPMessage::ReadAnswer(CAnswer& answer, EResponseKind kind, CVoBinaryDataParser& response, bool* isUtf8,
+                                   bool* isEmpty) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessage::ReadAnswer" };
     if (kind != EResponseKind::Parameters && kind != EResponseKind::Binary)
-        return report(380, E_NOTIMPL);
-    if (const HRESULT hr = response.Parse(std::move(bytes), kind == EResponseKind::Binary, utf8); FAILED(hr))
+        return report(375, E_NOTIMPL);
+    if (!answer.isThere)
+        return report(380, E_FAIL);
+    const bool empty = answer.bytes.empty();
+    answer.isThere = false;
+    if (const HRESULT hr = response.Parse(std::move(answer.bytes), kind == EResponseKind::Binary, answer.utf8); FAILED(hr))
         return report(385, hr);
+    if (isUtf8)
+        *isUtf8 = answer.utf8;
+    if (isEmpty)
+        *isEmpty = empty;
+    return S_OK;
+}
+
+HRESULT CVoHTTPMessage::ReadAnswers(CAnswer& answer, std::vector<CVoBinaryDataParser>& responses, UINT32 expectedCount,
+                                    UINT32* count) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessage::ReadAnswers" };
+    if (!answer.isThere)
+        return report(390, E_FAIL);
+    if (const HRESULT hr = internalParseMultipleResponses(answer.bytes, answer.utf8, expectedCount, responses); FAILED(hr))
+        return report(395, hr);
+    answer = {};
+    if (count)
+        *count = static_cast<UINT32>(responses.size());
     return S_OK;
 }
 
@@ -457,7 +490,7 @@ try
             found.user = user.View();
             found.password = password.View();
         }
-        VoWipe(password);
+        VoWipe(password.Get());
     }
     std::swap(proxy.proxy, found.proxy);
     std::swap(proxy.user, found.user);
@@ -467,4 +500,20 @@ try
 catch (...)
 {
     return CVoReporter{ kSource, L"CVoHTTPMessage::GetProxy" }.CurrentException(490);
+}
+
+HRESULT CVoHTTPMessage::SaveProxyCredentials(IVoHTTPProxyStore& store, const std::wstring& proxy, const std::wstring& user,
+                                             const std::wstring& password) noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessage::SaveProxyCredentials" };
+    const CVoBstr passwordText(password);
+    const HRESULT hr =
+        store.SetAuthDataForProxy(CVoBstr(proxy).Get(), CVoBstr(user).Get(), passwordText.Get(), VARIANT_TRUE, VARIANT_TRUE);
+    VoWipe(passwordText.Get());
+    return SUCCEEDED(hr) ? S_OK : report(510, hr);
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoHTTPMessage::SaveProxyCredentials" }.CurrentException(515);
 }

@@ -20,11 +20,10 @@ constexpr UINT32 kStatusOk = 200;
 constexpr UINT32 kStatusUnauthorized = 401;
 constexpr UINT32 kStatusProxyAuthenticationRequired = 407;
 
-// Schannel offers ALPN from Windows 8.1 on (class 5 of CSystemCheckResult's numbering).
-constexpr INT32 kFirstOSClassWithALPN = 5;
+// Schannel offers ALPN from Windows 8.1 on.
+constexpr ESystemClass kFirstSystemWithALPN = ESystemClass::Windows81;
 // What later releases of libcurl allow by themselves; this one would follow redirects until the time-out.
 constexpr long kMaximumRedirects = 30;
-constexpr INT64 kMicrosecondsPerSecond = 1'000'000;
 constexpr UINT32 kMillisecondsPerSecond = 1000;
 
 // A time-out in seconds as the milliseconds that libcurl takes; it reads 0 as "none", so that the longest stands for too long.
@@ -53,8 +52,7 @@ class CVoHTTPMessageCURL::CHTTPRequestDataCURL final : public CHTTPRequestData
 public:
     explicit CHTTPRequestDataCURL(std::shared_ptr<CVoHTTPMessageCURL> message) : m_message(std::move(message)) {}
 
-    [[nodiscard]] HRESULT InitCURLHandle(UINT32 connectTimeout, UINT32 requestTimeout, bool verify,
-                                         bool checkRevocation) noexcept;
+    [[nodiscard]] HRESULT InitCURLHandle(UINT32 connectTimeout, UINT32 requestTimeout, bool verify, bool checkRevocation);
     // Sets the process's user agent.
     [[nodiscard]] HRESULT SetUserAgentForRequest() noexcept;
     // Hands the transfer's contexts to the callbacks.
@@ -65,6 +63,12 @@ public:
     // Uses the connections that the message keeps now.
     [[nodiscard]] HRESULT UseConnections(std::shared_ptr<CCURLConnections> connections) noexcept;
     [[nodiscard]] std::wstring ErrorText() const;
+
+    using CHTTPRequestData::m_cookieHeader;
+    using CHTTPRequestData::m_received;
+    using CHTTPRequestData::m_sent;
+    using CHTTPRequestData::m_toReceive;
+    using CHTTPRequestData::m_toSend;
 
     // The order matters: the handle must go before the connections that it uses.
     std::shared_ptr<CVoHTTPMessageCURL> m_message;
@@ -82,9 +86,7 @@ public:
     std::wstring m_localIPAddress;
     UINT32 m_statusCode = 0;
 
-    bool m_answered = false; // an answer waits to be read
-    std::vector<BYTE> m_answer;
-    std::wstring m_contentType;
+    CAnswer m_answer;
 };
 
 HRESULT CVoHTTPMessageCURL::CHTTPRequestDataCURL::SetBodySource(CBodySource& source) noexcept
@@ -164,14 +166,14 @@ std::wstring CVoHTTPMessageCURL::CHTTPRequestDataCURL::ErrorText() const
 }
 
 HRESULT CVoHTTPMessageCURL::CHTTPRequestDataCURL::InitCURLHandle(UINT32 connectTimeout, UINT32 requestTimeout, bool verify,
-                                                                 bool checkRevocation) noexcept
+                                                                 bool checkRevocation)
 {
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::InitCURLHandle" };
     if (!m_handle)
         return report(711, E_INVALIDARG);
 
     const bool debug = CVoModuleInformation::Get().IsDebug();
-    const bool offersALPN = VoSystemInformation().OSClass() >= kFirstOSClassWithALPN;
+    const bool offersALPN = VoSystemInformation().systemClass >= kFirstSystemWithALPN;
     if (const HRESULT hr = SetUserAgentForRequest(); FAILED(hr))
         return report(714, hr);
 
@@ -325,12 +327,7 @@ try
     if (SUCCEEDED(hr))
         hr = VoUTF8ToString(request.m_proxyCredentials.password.Get(), password.Get());
     if (SUCCEEDED(hr))
-    {
-        const CVoBstr passwordText(password.Get());
-        hr = m_proxyStore->SetAuthDataForProxy(CVoBstr(proxy).Get(), CVoBstr(user).Get(), passwordText.Get(), VARIANT_TRUE,
-                                               VARIANT_TRUE);
-        VoWipe(passwordText.Get());
-    }
+        hr = SaveProxyCredentials(*m_proxyStore.Get(), proxy, user, password.Get());
     if (FAILED(hr))
         report(885, hr);
 }
@@ -346,7 +343,7 @@ HRESULT CVoHTTPMessageCURL::internalSendRAW(CHTTPRequestDataCURL& request, std::
     const std::wstring& serverAddress = request.m_address.PathURL();
 
     request.m_statusCode = 0;
-    request.m_answered = false;
+    request.m_answer = {};
     request.m_toSend = body.size();
     if (!m_connections)
         m_connections = std::make_shared<CCURLConnections>();
@@ -365,7 +362,10 @@ HRESULT CVoHTTPMessageCURL::internalSendRAW(CHTTPRequestDataCURL& request, std::
     {
         source.position = 0;
         answer = { handle, {}, S_OK, &request.m_received, &request.m_toReceive };
-        headers = { handle, m_cookieStore.Get(), request.m_address.FullURL(), {}, {}, {}, {}, false };
+        headers = CHeaderContext();
+        headers.handle = handle;
+        headers.cookieStore = m_cookieStore.Get();
+        headers.requestUrl = request.m_address.FullURL();
         request.m_sent = 0;
         request.m_received = 0;
         request.m_toReceive = 0;
@@ -421,14 +421,15 @@ HRESULT CVoHTTPMessageCURL::internalSendRAW(CHTTPRequestDataCURL& request, std::
     }
     if (FAILED(answer.result))
         return report(1030, answer.result);
+    if (!headers.complete)
+        return report(1034, E_FAIL); // libcurl takes a connection that ends among the headers for an empty answer
 
-    request.m_answer = std::move(answer.received);
     const char* contentType = nullptr;
     curl_easy_getinfo(handle, CURLINFO_CONTENT_TYPE, &contentType);
-    request.m_contentType.clear();
+    std::wstring contentTypeText;
     if (contentType)
-        (void)VoUTF8ToString(contentType, request.m_contentType);
-    request.m_answered = true;
+        (void)VoUTF8ToString(contentType, contentTypeText);
+    request.m_answer = { true, std::move(answer.received), NamesUtf8(contentTypeText) };
     return S_OK;
 }
 
@@ -456,13 +457,11 @@ HRESULT CVoHTTPMessageCURL::internalSend(CHTTPRequestDataCURL& request, std::spa
     if (FAILED(options.Result()))
         return options.Result();
 
-    const INT64 start = VoGetMicroseconds();
-    const INT64 budget = INT64{ m_connectTimeout } * kMicrosecondsPerSecond;
-    UINT32 attempts = 0;
+    CAttempts attempts(allowRetry, m_connectTimeout);
     HRESULT hr = S_OK;
     for (;;)
     {
-        ++attempts;
+        attempts.Begin();
         try
         {
             if (hr = internalSendRAW(request, body); FAILED(hr))
@@ -480,7 +479,7 @@ HRESULT CVoHTTPMessageCURL::internalSend(CHTTPRequestDataCURL& request, std::spa
             break;
         }
         m_connections.reset(); // the next attempt must not meet the connection again
-        if (!ShouldRetry(allowRetry, request.m_statusCode, VoGetMicroseconds() - start, budget))
+        if (!attempts.MayRetry(request.m_statusCode))
             break;
     }
     // The header list and the progress record end with this call.
@@ -490,7 +489,7 @@ HRESULT CVoHTTPMessageCURL::internalSend(CHTTPRequestDataCURL& request, std::spa
     curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 1L);
     if (result)
     {
-        result->retried = attempts > 1;
+        result->retried = attempts.Retried();
         result->statusCode = request.m_statusCode;
         result->localAddress = request.m_localIPAddress;
     }
@@ -681,17 +680,8 @@ try
     auto* const data = dynamic_cast<CHTTPRequestDataCURL*>(request.get());
     if (!data)
         return report(1480, E_INVALIDARG);
-    if (!data->m_answered)
-        return report(1485, E_FAIL);
-    const bool utf8 = NamesUtf8(data->m_contentType);
-    const bool empty = data->m_answer.empty();
-    data->m_answered = false;
-    if (const HRESULT hr = ParseResponse(std::move(data->m_answer), kind, utf8, response); FAILED(hr))
+    if (const HRESULT hr = ReadAnswer(data->m_answer, kind, response, isUtf8, isEmpty); FAILED(hr))
         return report(1490, hr);
-    if (isUtf8)
-        *isUtf8 = utf8;
-    if (isEmpty)
-        *isEmpty = empty;
     return S_OK;
 }
 catch (...)
@@ -709,16 +699,8 @@ try
     auto* const data = dynamic_cast<CHTTPRequestDataCURL*>(request.get());
     if (!data)
         return report(1510, E_INVALIDARG);
-    if (!data->m_answered)
-        return report(1515, E_FAIL);
-    if (const HRESULT hr =
-            internalParseMultipleResponses(data->m_answer, NamesUtf8(data->m_contentType), expectedCount, responses);
-        FAILED(hr))
+    if (const HRESULT hr = ReadAnswers(data->m_answer, responses, expectedCount, count); FAILED(hr))
         return report(1520, hr);
-    data->m_answered = false;
-    data->m_answer = {};
-    if (count)
-        *count = static_cast<UINT32>(responses.size());
     return S_OK;
 }
 catch (...)
