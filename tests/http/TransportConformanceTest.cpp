@@ -1,0 +1,782 @@
+// One behaviour for all transports: every test here runs against each kind, over real sockets.
+#include "support/HTTPSupport.h"
+#include "support/LogCapture.h"
+
+#include <LoopbackServer.h>
+#include <VoGlobalHTTPCookieStoreImpl.h>
+
+#include <base/VoUtils.h>
+#include <base/utils/VoDataConversion.h>
+#include <win/OrvDigSign.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <thread>
+
+using namespace TestSupport;
+using Kind = CVoHTTPMessage::EContentKind;
+using Response = CVoHTTPMessage::EResponseKind;
+using Request = std::shared_ptr<CVoHTTPMessage::CHTTPRequestData>;
+
+namespace
+{
+constexpr UINT32 kCURL = 2;
+
+struct CTransport
+{
+    UINT32 kind;
+    const char* name;
+    HRESULT unexpectedStatus; // the code of an answer other than 200: libcurl's transport has one of its own
+    HRESULT cutShort;         // the code of an answer that ends before its length
+};
+
+constexpr CTransport kTransports[] = {
+    { kCURL, "CURL", E_FAIL, E_FAIL },
+};
+
+std::string Basic(std::string_view credentials)
+{
+    std::wstring text;
+    VoDataConversion::BinToBase64(reinterpret_cast<const BYTE*>(credentials.data()), static_cast<INT32>(credentials.size()),
+                                  false, text, 0);
+    // The encoder breaks a line behind short texts, as its readers expect.
+    std::string value = "Basic ";
+    for (const wchar_t c : text)
+        if (c != L'\r' && c != L'\n')
+            value += static_cast<char>(c);
+    return value;
+}
+
+class TransportTest : public testing::TestWithParam<CTransport>
+{
+protected:
+    void SetUp() override { m_stores.cookies = VoMakeComObject<CVoGlobalHTTPCookieStoreImpl>(); }
+
+    struct CStores
+    {
+        CVoComPtr<CScriptedAuthCallback> auth;
+        CVoComPtr<CFixedProxyStore> proxy;
+        CVoComPtr<CVoGlobalHTTPCookieStoreImpl> cookies;
+    };
+
+    [[nodiscard]] static CServerAddressData Address(const std::string& url)
+    {
+        CServerAddressData address;
+        EXPECT_EQ(address.SetAddress(std::wstring(url.begin(), url.end()), false, true, true), S_OK);
+        return address;
+    }
+    [[nodiscard]] std::shared_ptr<CVoHTTPMessage> Connect(const std::string& url, UINT32 connectTimeout = 10,
+                                                          UINT32 requestTimeout = 20)
+    {
+        const CTransportScope scope(GetParam().kind);
+        std::shared_ptr<CVoHTTPMessage> message;
+        EXPECT_EQ(CVoHTTPMessage::Connect(Address(url), m_stores.auth.Get(), m_stores.proxy.Get(), m_stores.cookies.Get(),
+                                          connectTimeout, requestTimeout, false, false, message),
+                  S_OK);
+        return message;
+    }
+
+    struct CAnswer
+    {
+        HRESULT result = E_UNEXPECTED;
+        CVoHTTPMessage::CSendResult send;
+        CVoBinaryDataParser message;
+        bool isUtf8 = false;
+        bool isEmpty = false;
+    };
+    // One request on a connected message, its answer read.
+    [[nodiscard]] static CAnswer Send(CVoHTTPMessage& message, const CVoBinaryDataParser& parameters, Kind kind = Kind::Raw,
+                                      bool allowRetry = false, Response read = Response::Parameters, bool utf8 = true,
+                                      std::wstring_view key = {}, std::wstring_view signatureName = {})
+    {
+        CAnswer answer;
+        Request request;
+        if (answer.result = message.OpenRequest(request); FAILED(answer.result))
+            return answer;
+        answer.result = message.SendMessage(request, parameters, kind, utf8, key, signatureName, allowRetry, &answer.send);
+        if (SUCCEEDED(answer.result))
+            answer.result = message.ReadResponse(request, answer.message, read, &answer.isUtf8, &answer.isEmpty);
+        return answer;
+    }
+    [[nodiscard]] CAnswer SendTo(const std::string& url, const CVoBinaryDataParser& parameters = {}, Kind kind = Kind::Raw,
+                                 bool allowRetry = false, Response read = Response::Parameters)
+    {
+        const auto message = Connect(url);
+        return message ? Send(*message, parameters, kind, allowRetry, read) : CAnswer();
+    }
+
+    CStores m_stores;
+};
+
+INSTANTIATE_TEST_SUITE_P(Kinds, TransportTest, testing::ValuesIn(kTransports),
+                         [](const auto& tested) { return tested.param.name; });
+
+// What a server of these tests notes of a request.
+struct CSeen
+{
+    std::mutex lock;
+    std::vector<Loopback::CRequest> requests;
+
+    void Add(const Loopback::CRequest& request)
+    {
+        const std::scoped_lock guard(lock);
+        requests.push_back(request);
+    }
+};
+
+TEST_P(TransportTest, SendsEachContentKindByteForByte)
+{
+    CSeen seen;
+    Loopback::CLoopbackServer server(
+        [&](const Loopback::CRequest& request, Loopback::CConnection& connection)
+        {
+            seen.Add(request);
+            connection.SendResponse(200, { { "Content-Type", "text/plain; charset=UTF-8" } }, "ok=1&&");
+        });
+    struct CCase
+    {
+        Kind kind;
+        Params params;
+        const char* payload;
+        bool utf8;
+        const char* contentType;
+        const char* body;
+    };
+    const CCase cases[] = {
+        { Kind::Raw,
+          { { L"a", L"1&2$" }, { L"ü", L"é" } },
+          "PAY\0LOAD",
+          true,
+          "application/octet-stream; charset=UTF-8",
+          "a=1$&2$$&\xC3\xBC=\xC3\xA9&&PAY" },
+        { Kind::Raw, { { L"a", L"é" } }, "", false, "application/octet-stream", "a=\xE9&&" },
+        { Kind::Form,
+          { { L"a", L"1 2&" }, { L"b", L"-é" } },
+          "",
+          true,
+          "application/x-www-form-urlencoded; charset=UTF-8",
+          "a=1%202%26&b=%2D%C3%A9" },
+        { Kind::Form, { { L"a", L"é" } }, "", false, "application/x-www-form-urlencoded", "a=%E9" },
+        { Kind::Form, {}, "", true, "application/x-www-form-urlencoded; charset=UTF-8", "" },
+        { Kind::Empty, { { L"a", L"1" } }, "", true, "", "" },
+    };
+    const auto message = Connect(server.URL("/service?x=1"));
+    for (const CCase& item : cases)
+    {
+        const CAnswer answer =
+            Send(*message, MakeMessage(item.params, item.payload), item.kind, false, Response::Parameters, item.utf8);
+        EXPECT_EQ(answer.result, S_OK);
+        EXPECT_TRUE(answer.isUtf8);
+        EXPECT_EQ(ParamsOf(answer.message), (Params{ { L"ok", L"1" } }));
+        const Loopback::CRequest& request = seen.requests.back();
+        EXPECT_EQ(request.method, "POST");
+        EXPECT_EQ(request.target, "/service?x=1");
+        EXPECT_EQ(request.Header("Content-Type"), item.contentType);
+        EXPECT_EQ(request.body, item.body);
+        EXPECT_EQ(request.Header("Accept"), "*/*");
+        EXPECT_TRUE(request.Header("Expect").empty());
+        EXPECT_FALSE(request.Header("User-Agent").empty());
+    }
+
+    const CAnswer answer = Send(*message, MakeMessage({ { L"a", L"1" }, { L"FileName", L"b.jpg" } }, "JPEG"), Kind::Multipart);
+    EXPECT_EQ(answer.result, S_OK);
+    const std::string contentType(seen.requests.back().Header("Content-Type"));
+    constexpr std::string_view kPrefix = "multipart/form-data; charset=UTF-8; boundary=";
+    ASSERT_TRUE(contentType.starts_with(kPrefix)) << contentType;
+    const std::string boundary = contentType.substr(kPrefix.size());
+    EXPECT_EQ(seen.requests.back().body, "--" + boundary + "\r\nContent-Disposition: form-data; name=\"a\"\r\n\r\n1\r\n--" +
+                                             boundary +
+                                             "\r\nContent-Disposition: form-data; name=\"file\"; filename=\"b.jpg\"\r\n"
+                                             "Content-Type: image/pjpeg\r\n\r\nJPEG\r\n--" +
+                                             boundary + "--");
+}
+
+TEST_P(TransportTest, SignsAForm)
+{
+    CSeen seen;
+    Loopback::CLoopbackServer server(
+        [&](const Loopback::CRequest& request, Loopback::CConnection& connection)
+        {
+            seen.Add(request);
+            connection.SendResponse(200);
+        });
+    std::wstring privateKey;
+    std::wstring publicKey;
+    ASSERT_EQ(OrvDigSign::COrvRSAKey::Generate(2048, privateKey, publicKey), S_OK);
+    const auto message = Connect(server.URL());
+    const CAnswer answer = Send(*message, MakeMessage({ { L"a", L"b c" } }), Kind::SignedForm, false, Response::Parameters,
+                                true, privateKey, L"sig");
+    ASSERT_EQ(answer.result, S_OK);
+    EXPECT_TRUE(answer.isEmpty);
+
+    const std::string& body = seen.requests.back().body;
+    const size_t end = body.find("&sig=");
+    ASSERT_EQ(body.substr(0, end), "a=b%20c");
+    const std::string encoded = body.substr(end + 5);
+    CVoByteBuffer signature;
+    ASSERT_EQ(VoDataConversion::Base64ToBin(std::wstring(encoded.begin(), encoded.end()), signature.PutBytes(),
+                                            signature.PutLength()),
+              S_OK);
+    EXPECT_EQ(encoded.find_first_of("+/="), std::string::npos) << "the signature must survive as a form value";
+    OrvDigSign::COrvSHA1Hash hash;
+    bool valid = false;
+    EXPECT_EQ(OrvDigSign::COrvDigitalSignature::VerifyString(reinterpret_cast<const BYTE*>(body.data()),
+                                                             static_cast<UINT32>(end), hash, signature.Data(),
+                                                             signature.Length(), publicKey, valid),
+              S_OK);
+    EXPECT_TRUE(valid);
+}
+
+TEST_P(TransportTest, RefusesContentThatCannotBeSent)
+{
+    Loopback::CLoopbackServer server([](const auto&, Loopback::CConnection& connection) { connection.SendResponse(200); });
+    const auto message = Connect(server.URL());
+    struct CCase
+    {
+        Kind kind;
+        const char* payload;
+        const wchar_t* key;
+        const wchar_t* name;
+        HRESULT expected;
+    };
+    const CCase cases[] = {
+        { Kind::Form, "x", L"", L"", E_NOTIMPL },
+        { Kind::SignedForm, "", L"", L"sig", E_INVALIDARG },
+        { Kind::SignedForm, "", L"00", L"", E_INVALIDARG },
+        { Kind::SignedForm, "x", L"00", L"sig", E_NOTIMPL },
+        { Kind::SignedForm, "", L"0", L"sig", E_INVALIDARG },
+        { Kind::Empty, "x", L"", L"", E_NOTIMPL },
+        { static_cast<Kind>(5), "", L"", L"", E_NOTIMPL },
+    };
+    for (const CCase& item : cases)
+        EXPECT_EQ(Send(*message, MakeMessage({ { L"a", L"1" } }, item.payload), item.kind, false, Response::Parameters, true,
+                       item.key, item.name)
+                      .result,
+                  item.expected)
+            << static_cast<UINT32>(item.kind) << item.payload;
+    EXPECT_EQ(message->SendMessage(nullptr, {}, Kind::Raw, true, {}, {}, false, nullptr), E_INVALIDARG);
+    CVoBinaryDataParser out;
+    EXPECT_EQ(message->ReadResponse(nullptr, out, Response::Parameters, nullptr, nullptr), E_INVALIDARG);
+    Request request;
+    ASSERT_EQ(message->OpenRequest(request), S_OK);
+    EXPECT_EQ(message->ReadResponse(request, out, Response::Parameters, nullptr, nullptr), E_FAIL) << "nothing was sent";
+    EXPECT_EQ(server.RequestCount(), 0U);
+}
+
+TEST_P(TransportTest, ReadsAnswersOfEveryShape)
+{
+    struct CCase
+    {
+        const char* name;
+        std::string raw; // the answer as it stands on the wire
+        Response read;
+        Params params;
+        std::string payload;
+    };
+    const std::string kHead = "HTTP/1.1 200 OK\r\n";
+    const CCase cases[] = {
+        { "utf8",
+          kHead + "Content-Type: text/plain; charset=\"utf-8\"\r\nContent-Length: 8\r\n\r\na=\xC3\xA9&&\x01\x02",
+          Response::Parameters,
+          { { L"a", L"é" } },
+          "\x01\x02" },
+        { "ansi", kHead + "Content-Length: 5\r\n\r\na=\xE9&&", Response::Parameters, { { L"a", L"é" } }, "" },
+        { "empty", kHead + "Content-Length: 0\r\n\r\n", Response::Parameters, {}, "" },
+        { "bytes", kHead + "Content-Length: 7\r\n\r\na=1&&xy", Response::Binary, {}, "a=1&&xy" },
+        { "chunked",
+          kHead + "Transfer-Encoding: chunked\r\n\r\n3\r\na=1\r\n4;x=y\r\n&&xy\r\n0\r\nTrailer: 1\r\n\r\n",
+          Response::Parameters,
+          { { L"a", L"1" } },
+          "xy" },
+        { "until the end", kHead + "Connection: close\r\n\r\na=1&&xyz", Response::Parameters, { { L"a", L"1" } }, "xyz" },
+        { "64 KB of headers",
+          kHead + "X: " + std::string(32768, 'x') + "\r\nY: " + std::string(32000, 'y') + "\r\nContent-Length: 3\r\n\r\na=1",
+          Response::Parameters,
+          { { L"a", L"1" } },
+          "" },
+    };
+    for (const CCase& item : cases)
+    {
+        Loopback::CLoopbackServer server(
+            [&](const auto&, Loopback::CConnection& connection)
+            {
+                connection.Send(item.raw);
+                connection.CloseNow();
+            });
+        const CAnswer answer = SendTo(server.URL(), {}, Kind::Raw, false, item.read);
+        EXPECT_EQ(answer.result, S_OK) << item.name;
+        EXPECT_EQ(ParamsOf(answer.message), item.params) << item.name;
+        EXPECT_EQ(PayloadOf(answer.message), item.payload) << item.name;
+        EXPECT_EQ(answer.isEmpty, std::string_view(item.name) == "empty") << item.name;
+    }
+}
+
+TEST_P(TransportTest, AnAnswerThatLiesOrBreaksOffIsAFailure)
+{
+    struct CCase
+    {
+        const char* name;
+        std::string raw;
+    };
+    const std::string kHead = "HTTP/1.1 200 OK\r\n";
+    const CCase cases[] = {
+        { "nothing", "" },
+        { "half a status line", "HTTP/1.1 2" },
+        { "ends in the headers", kHead + "Content-Le" },
+        { "shorter than announced", kHead + "Content-Length: 100\r\n\r\na=1" },
+        { "ends in a chunk", kHead + "Transfer-Encoding: chunked\r\n\r\n10\r\na=1" },
+        { "no last chunk", kHead + "Transfer-Encoding: chunked\r\n\r\n3\r\na=1\r\n" },
+        { "not HTTP", "SSH-2.0-Server\r\n\r\n" },
+    };
+    for (const CCase& item : cases)
+    {
+        Loopback::CLoopbackServer server(
+            [&](const auto&, Loopback::CConnection& connection)
+            {
+                connection.Send(item.raw);
+                connection.CloseNow();
+            });
+        const CLogCapture log;
+        const CAnswer answer = SendTo(server.URL());
+        EXPECT_TRUE(FAILED(answer.result)) << item.name;
+        EXPECT_EQ(answer.message.GetCount(), 0U) << item.name;
+        EXPECT_FALSE(log.Lines().empty()) << item.name;
+    }
+}
+
+TEST_P(TransportTest, OnlyStatus200IsSuccessAndClientErrorsAreNeverRetried)
+{
+    for (const int status : { 201, 204, 206, 300, 304, 400, 401, 402, 403, 404, 405, 406, 410, 500, 503 })
+    {
+        std::atomic<int> requests{ 0 };
+        Loopback::CLoopbackServer server(
+            [&](const auto&, Loopback::CConnection& connection)
+            {
+                // The first retry succeeds, so that a test of retries needs no time-out to end.
+                connection.SendResponse(++requests == 1 ? status : 200, {}, "a=1");
+            });
+        CAnswer once = SendTo(server.URL());
+        EXPECT_EQ(once.result, GetParam().unexpectedStatus) << status;
+        EXPECT_EQ(once.send.statusCode, static_cast<UINT32>(status));
+        EXPECT_FALSE(once.send.retried);
+        EXPECT_EQ(requests, 1) << status;
+
+        requests = 0;
+        const bool final = status >= 400 && status <= 405;
+        const CAnswer retried = SendTo(server.URL(), {}, Kind::Raw, true);
+        EXPECT_EQ(retried.result, final ? GetParam().unexpectedStatus : S_OK) << status;
+        EXPECT_EQ(retried.send.retried, !final) << status;
+        EXPECT_EQ(requests, final ? 1 : 2) << status;
+    }
+}
+
+TEST_P(TransportTest, RetriesEndWithTheBudget)
+{
+    Loopback::CLoopbackServer server([](const auto&, Loopback::CConnection& connection) { connection.SendResponse(500); });
+    const auto message = Connect(server.URL(), 1, 10);
+    const INT64 start = VoGetMicroseconds();
+    const CAnswer answer = Send(*message, {}, Kind::Raw, true);
+    const INT64 elapsed = VoGetMicroseconds() - start;
+    EXPECT_EQ(answer.result, GetParam().unexpectedStatus);
+    EXPECT_TRUE(answer.send.retried);
+    EXPECT_GT(server.RequestCount(), 1U);
+    EXPECT_GE(elapsed, 1'000'000) << "the budget is the connect time-out";
+}
+
+TEST_P(TransportTest, ASilentServerEndsInATimeOut)
+{
+    struct CCase
+    {
+        const char* name;
+        const char* sent;
+    };
+    for (const CCase& item : { CCase{ "before the headers", "" }, CCase{ "in the headers", "HTTP/1.1 200 OK\r\nCont" },
+                               CCase{ "in the body", "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\na=1" } })
+    {
+        Loopback::CLoopbackServer server(
+            [&](const auto&, Loopback::CConnection& connection)
+            {
+                connection.Send(item.sent);
+                connection.WaitForPeerClose(std::chrono::seconds(60));
+            });
+        const auto message = Connect(server.URL(), 1, 1);
+        const CAnswer answer = Send(*message, {});
+        EXPECT_EQ(answer.result, kResultTimeout) << item.name;
+    }
+}
+
+TEST_P(TransportTest, ARefusedConnectionLeavesItsChain)
+{
+    UINT16 port = 0;
+    {
+        const Loopback::CLoopbackServer gone([](const auto&, Loopback::CConnection&) {});
+        port = gone.Port();
+    }
+    const CLogCapture log;
+    const CAnswer answer = SendTo("http://127.0.0.1:" + std::to_string(port) + "/secret?password=hunter2");
+    EXPECT_TRUE(FAILED(answer.result));
+    EXPECT_EQ(answer.send.statusCode, 0U);
+    EXPECT_GE(log.Lines().size(), 3U);
+    for (const CLogLine& line : log.Lines())
+        EXPECT_EQ(line.text.find(L"hunter2"), std::wstring::npos) << "a query may hold secrets";
+}
+
+TEST_P(TransportTest, AChallengeIsAnsweredAndTheBodySentAgain)
+{
+    const std::string body(100'000, 'b');
+    std::atomic<int> accepted{ 0 };
+    Loopback::CLoopbackServer server(
+        [&](const Loopback::CRequest& request, Loopback::CConnection& connection)
+        {
+            if (request.Header("Authorization") != Basic("user:p\xC3\xA4ss"))
+            {
+                connection.SendResponse(401, { { "WWW-Authenticate", "Basic realm=\"r\"" } }, "login=please");
+                return;
+            }
+            accepted += request.body == "&&" + body;
+            connection.SendResponse(200, {}, "a=1");
+        });
+    m_stores.auth = VoMakeComObject<CScriptedAuthCallback>();
+    m_stores.auth->AnswerServer({ { L"user", L"wrong" }, { L"user", L"päss" } });
+    CAnswer answer = SendTo(server.URL("/x"), MakeMessage({}, body));
+    EXPECT_EQ(answer.result, S_OK);
+    EXPECT_EQ(accepted, 1);
+    EXPECT_EQ(ParamsOf(answer.message), (Params{ { L"a", L"1" } }))
+        << "the challenge's body must not be in front of the answer";
+    const std::string url = server.URL("/x");
+    EXPECT_EQ(m_stores.auth->Questions(),
+              std::vector<std::wstring>(2, L"server 127.0.0.1 " + std::wstring(url.begin(), url.end())));
+
+    // Declined: no further request.
+    const size_t before = server.RequestCount();
+    answer = SendTo(server.URL("/x"), MakeMessage({}, body), Kind::Raw, true);
+    EXPECT_EQ(answer.result, kResultCancelled);
+    EXPECT_EQ(server.RequestCount(), before + 1);
+
+    // Nobody to ask: the status as it stands.
+    m_stores.auth.Reset();
+    answer = SendTo(server.URL("/x"), MakeMessage({}, body));
+    EXPECT_EQ(answer.send.statusCode, 401U);
+}
+
+TEST_P(TransportTest, CredentialsAreNotInTheLog)
+{
+    Loopback::CLoopbackServer server([](const auto&, Loopback::CConnection& connection)
+                                     { connection.SendResponse(401, { { "WWW-Authenticate", "Basic realm=\"r\"" } }); });
+    m_stores.auth = VoMakeComObject<CScriptedAuthCallback>();
+    m_stores.auth->AnswerServer({ { L"alice", L"hunter2" } });
+    const CLogCapture log;
+    EXPECT_EQ(SendTo(server.URL()).result, kResultCancelled);
+    ASSERT_FALSE(log.Lines().empty());
+    for (const CLogLine& line : log.Lines())
+        EXPECT_EQ(line.text.find(L"hunter2"), std::wstring::npos);
+}
+
+TEST_P(TransportTest, CookiesTravelOverSeveralRequests)
+{
+    CSeen seen;
+    Loopback::CLoopbackServer server(
+        [&](const Loopback::CRequest& request, Loopback::CConnection& connection)
+        {
+            seen.Add(request);
+            if (request.Path() == "/login")
+                connection.SendResponse(200, { { "Set-Cookie", "a=1; Path=/" },
+                                               { "Set-Cookie", "b=2; Path=/app" },
+                                               { "set-cookie", "c=3; Path=/; Secure" },
+                                               { "Set-Cookie", "d=4; Path=/; Domain=elsewhere.example" },
+                                               { "Set-Cookie", "e=5; Path=/; Max-Age=0" } });
+            else
+                connection.SendResponse(200);
+        });
+    EXPECT_EQ(SendTo(server.URL("/login")).result, S_OK);
+    EXPECT_EQ(SendTo(server.URL("/app/page")).result, S_OK);
+    EXPECT_EQ(SendTo(server.URL("/other")).result, S_OK);
+    EXPECT_EQ(seen.requests[0].Header("Cookie"), "");
+    EXPECT_EQ(seen.requests[1].Header("Cookie"), "b=2; a=1");
+    EXPECT_EQ(seen.requests[2].Header("Cookie"), "a=1");
+}
+
+TEST_P(TransportTest, FollowsRedirectsWithTheCookiesOfEachHop)
+{
+    CSeen seen;
+    Loopback::CLoopbackServer server(
+        [&](const Loopback::CRequest& request, Loopback::CConnection& connection)
+        {
+            seen.Add(request);
+            if (request.Path() == "/start")
+                connection.SendResponse(302, { { "Location", "next?x=1" }, { "Set-Cookie", "session=new; Path=/" } });
+            else if (request.Path() == "/keep")
+                connection.SendResponse(307, { { "Location", "/end" } });
+            else
+                connection.SendResponse(200, {}, "a=1");
+        });
+    const CAnswer answer = SendTo(server.URL("/start"), MakeMessage({ { L"p", L"q" } }));
+    EXPECT_EQ(answer.result, S_OK);
+    EXPECT_EQ(ParamsOf(answer.message), (Params{ { L"a", L"1" } }));
+    ASSERT_EQ(seen.requests.size(), 2U);
+    EXPECT_EQ(seen.requests[1].method, "GET");
+    EXPECT_EQ(seen.requests[1].target, "/next?x=1");
+    EXPECT_EQ(seen.requests[1].Header("Cookie"), "session=new") << "set by the answer that redirects";
+
+    EXPECT_EQ(SendTo(server.URL("/keep"), MakeMessage({ { L"p", L"q" } })).result, S_OK);
+    EXPECT_EQ(seen.requests.back().method, "POST");
+    EXPECT_EQ(seen.requests.back().body, "p=q&&");
+    EXPECT_EQ(seen.requests.back().Header("Cookie"), "session=new");
+}
+
+TEST_P(TransportTest, ARedirectLoopEnds)
+{
+    Loopback::CLoopbackServer server([](const auto&, Loopback::CConnection& connection)
+                                     { connection.SendResponse(302, { { "Location", "/again" } }); });
+    EXPECT_TRUE(FAILED(SendTo(server.URL()).result));
+    EXPECT_LT(server.RequestCount(), 100U);
+}
+
+TEST_P(TransportTest, SendsSeveralMessagesInOneExchange)
+{
+    Loopback::CLoopbackServer server(
+        [](const Loopback::CRequest& request, Loopback::CConnection& connection)
+        { connection.SendResponse(200, { { "Content-Type", "application/octet-stream; charset=UTF-8" } }, request.body); });
+    const auto message = Connect(server.URL());
+    std::vector<CVoBinaryDataParser> messages;
+    messages.push_back(MakeMessage({ { L"n", L"ä" } }, "first"));
+    messages.push_back(MakeMessage({}, {}));
+    messages.push_back(MakeMessage({ { L"x", L"2" }, { L"y", L"&" } }, std::string(70'000, 'z')));
+    Request request;
+    ASSERT_EQ(message->OpenRequest(request), S_OK);
+    ASSERT_EQ(message->SendMultipleMessages(request, messages, true, false, nullptr), S_OK);
+    std::vector<CVoBinaryDataParser> responses;
+    UINT32 count = 0;
+    EXPECT_EQ(message->ReadMultipleResponses(request, responses, 2, &count), E_FAIL) << "three answers came";
+    EXPECT_TRUE(responses.empty());
+    ASSERT_EQ(message->ReadMultipleResponses(request, responses, 3, &count), S_OK);
+    ASSERT_EQ(count, 3U);
+    for (size_t i = 0; i < messages.size(); ++i)
+    {
+        EXPECT_EQ(ParamsOf(responses[i]), ParamsOf(messages[i]));
+        EXPECT_EQ(PayloadOf(responses[i]), PayloadOf(messages[i]));
+    }
+    EXPECT_EQ(message->ReadMultipleResponses(request, responses, 0, &count), E_FAIL) << "the answer was taken";
+}
+
+TEST_P(TransportTest, ALengthThatRunsPastTheEndHandsNothingOut)
+{
+    const std::string good("\x05\0\0\0x=1&&", 9);
+    for (const std::string& bad : { good + std::string("\x06\0\0\0y=1&&", 9), good + std::string("\x05\0\0", 3),
+                                    good + std::string("\xFF\xFF\xFF\xFFy=1", 7) })
+    {
+        Loopback::CLoopbackServer server([&](const auto&, Loopback::CConnection& connection)
+                                         { connection.SendResponse(200, {}, bad); });
+        const auto message = Connect(server.URL());
+        Request request;
+        ASSERT_EQ(message->OpenRequest(request), S_OK);
+        ASSERT_EQ(message->SendMultipleMessages(request, {}, true, false, nullptr), S_OK);
+        std::vector<CVoBinaryDataParser> responses(7);
+        UINT32 count = 7;
+        EXPECT_EQ(message->ReadMultipleResponses(request, responses, 0, &count), E_FAIL);
+        EXPECT_EQ(responses.size(), 7U);
+        EXPECT_EQ(count, 7U);
+    }
+}
+
+TEST_P(TransportTest, GetsAnyPathOfTheServer)
+{
+    CSeen seen;
+    Loopback::CLoopbackServer server(
+        [&](const Loopback::CRequest& request, Loopback::CConnection& connection)
+        {
+            seen.Add(request);
+            connection.SendResponse(200, {}, "bytes");
+        });
+    const auto message = Connect(server.URL("/own?q=1"));
+    for (const wchar_t* const path : { L"", L"/other", L"/p\u00E4th?x=\u20AC" })
+    {
+        Request request;
+        CVoHTTPMessage::CSendResult result;
+        ASSERT_EQ(message->SendGetRequest(request, path, false, &result), S_OK);
+        CVoBinaryDataParser answer;
+        ASSERT_EQ(message->ReadResponse(request, answer, Response::Binary, nullptr, nullptr), S_OK);
+        EXPECT_EQ(PayloadOf(answer), "bytes");
+        EXPECT_EQ(result.localAddress, L"127.0.0.1");
+    }
+    ASSERT_EQ(seen.requests.size(), 3U);
+    EXPECT_EQ(seen.requests[0].method, "GET");
+    EXPECT_EQ(seen.requests[0].target, "/own?q=1");
+    EXPECT_TRUE(seen.requests[0].Header("Content-Type").empty());
+    EXPECT_EQ(seen.requests[1].target, "/other");
+    EXPECT_EQ(seen.requests[2].target, "/p%C3%A4th?x=%E2%82%AC");
+    Request request;
+    EXPECT_EQ(message->SendGetRequest(request, L"no/slash", false, nullptr), E_INVALIDARG);
+    EXPECT_EQ(request, nullptr);
+}
+
+TEST_P(TransportTest, ManyRequestsUseOneConnection)
+{
+    Loopback::CLoopbackServer server([](const Loopback::CRequest& request, Loopback::CConnection& connection)
+                                     { connection.SendResponse(200, {}, request.body); });
+    const auto message = Connect(server.URL());
+    for (int i = 0; i < 100; ++i)
+    {
+        const std::wstring number = std::to_wstring(i);
+        const CAnswer answer = Send(*message, MakeMessage({ { L"i", number } }));
+        ASSERT_EQ(ParamsOf(answer.message), (Params{ { L"i", number } }));
+    }
+    EXPECT_EQ(server.ConnectionCount(), 1U);
+
+    // A connection that failed is not met again, and connecting anew begins with a new one.
+    ASSERT_EQ(message->Connect(Address(server.URL()), nullptr, nullptr, nullptr, 5, 5, false, false), S_OK);
+    ASSERT_EQ(Send(*message, {}).result, S_OK);
+    EXPECT_EQ(server.ConnectionCount(), 2U);
+}
+
+TEST_P(TransportTest, AnswersOfAnEarlierConnectionAreNotMixedUp)
+{
+    // The server answers the first request and closes its side afterwards: the next one needs a new connection.
+    Loopback::CLoopbackServer server(
+        [](const Loopback::CRequest& request, Loopback::CConnection& connection)
+        {
+            connection.SendResponse(200, {}, request.body);
+            if (request.number == 2)
+                connection.CloseNow();
+        });
+    const auto message = Connect(server.URL());
+    for (int i = 0; i < 10; ++i)
+    {
+        const CAnswer answer = Send(*message, MakeMessage({ { L"i", std::to_wstring(i) } }), Kind::Raw, true);
+        ASSERT_EQ(answer.result, S_OK);
+        ASSERT_EQ(ParamsOf(answer.message), (Params{ { L"i", std::to_wstring(i) } }));
+    }
+}
+
+TEST_P(TransportTest, Carries100MBBothWays)
+{
+    Loopback::CLoopbackServer server([](const Loopback::CRequest& request, Loopback::CConnection& connection)
+                                     { connection.SendResponse(200, {}, request.body); });
+    std::vector<BYTE> payload(100 << 20);
+    UINT32 state = 1;
+    for (BYTE& byte : payload)
+        byte = static_cast<BYTE>((state = state * 1664525 + 1013904223) >> 24);
+    CVoBinaryDataParser parameters;
+    ASSERT_EQ(parameters.AddParam(L"a", L"1"), S_OK);
+    ASSERT_EQ(parameters.SetPayload(payload.data(), static_cast<UINT32>(payload.size())), S_OK);
+    const auto message = Connect(server.URL(), 30, 120);
+    const CAnswer answer = Send(*message, parameters);
+    ASSERT_EQ(answer.result, S_OK);
+    EXPECT_EQ(ParamsOf(answer.message), (Params{ { L"a", L"1" } }));
+    EXPECT_TRUE(std::equal(payload.begin(), payload.end(), answer.message.Payload().begin(), answer.message.Payload().end()));
+}
+
+TEST_P(TransportTest, ARequestOutlivesItsMessageAndTheOtherWayRound)
+{
+    Loopback::CLoopbackServer server([](const auto&, Loopback::CConnection& connection)
+                                     { connection.SendResponse(200, {}, "a=1"); });
+    auto message = Connect(server.URL());
+    Request sent;
+    Request unsent;
+    ASSERT_EQ(message->OpenRequest(sent), S_OK);
+    ASSERT_EQ(message->OpenRequest(unsent), S_OK);
+    ASSERT_EQ(message->SendMessage(sent, {}, Kind::Raw, true, {}, {}, false, nullptr), S_OK);
+    message.reset();
+    sent.reset();
+    unsent.reset();
+
+    message = Connect(server.URL());
+    ASSERT_EQ(message->OpenRequest(sent), S_OK);
+    ASSERT_EQ(message->SendMessage(sent, {}, Kind::Raw, true, {}, {}, false, nullptr), S_OK);
+    ASSERT_EQ(message->Connect(Address(server.URL()), nullptr, nullptr, nullptr, 5, 5, false, false), S_OK);
+    CVoBinaryDataParser answer;
+    EXPECT_EQ(message->ReadResponse(sent, answer, Response::Parameters, nullptr, nullptr), S_OK) << "it was received before";
+    ASSERT_EQ(message->OpenRequest(unsent), S_OK);
+    message.reset();
+}
+
+TEST_P(TransportTest, TellsWhenTheBodyHasLeft)
+{
+    class CCount final : public CVoHTTPMessage::CallBack
+    {
+    public:
+        HRESULT OnRequestSent() noexcept override
+        {
+            ++calls;
+            return S_OK;
+        }
+        std::atomic<int> calls{ 0 };
+    };
+    Loopback::CLoopbackServer server([](const auto&, Loopback::CConnection& connection) { connection.SendResponse(200); });
+    const auto message = Connect(server.URL());
+    CCount count;
+    EXPECT_EQ(message->SetCallBack(&count), S_OK);
+    EXPECT_EQ(Send(*message, MakeMessage({ { L"a", L"1" } })).result, S_OK);
+    EXPECT_GE(count.calls, 1);
+    EXPECT_EQ(message->SetUserContext(0), S_OK);
+    const int before = count.calls;
+    EXPECT_EQ(Send(*message, MakeMessage({ { L"a", L"1" } })).result, S_OK);
+    EXPECT_EQ(count.calls, before);
+}
+
+TEST_P(TransportTest, ManyThreadsWithAMessageEachShareTheStores)
+{
+    Loopback::CLoopbackServer server(
+        [](const Loopback::CRequest& request, Loopback::CConnection& connection)
+        { connection.SendResponse(200, { { "Set-Cookie", std::string(request.Query()) + "=1" } }, request.body); });
+    constexpr int kThreads = 8;
+    constexpr int kRequests = 40;
+    std::vector<std::future<int>> threads;
+    for (int thread = 0; thread < kThreads; ++thread)
+        threads.push_back(std::async(
+            std::launch::async,
+            [&, thread]
+            {
+                const CTransportScope scope(GetParam().kind);
+                int right = 0;
+                std::shared_ptr<CVoHTTPMessage> message;
+                EXPECT_EQ(CVoHTTPMessage::Connect(Address(server.URL("/?t" + std::to_string(thread))), nullptr, nullptr,
+                                                  m_stores.cookies.Get(), 10, 30, false, false, message),
+                          S_OK);
+                for (int i = 0; i < kRequests; ++i)
+                {
+                    const std::wstring text = std::to_wstring(thread * kRequests + i);
+                    right += ParamsOf(Send(*message, MakeMessage({ { L"n", text } })).message) == Params{ { L"n", text } };
+                }
+                return right;
+            }));
+    for (auto& thread : threads)
+        EXPECT_EQ(thread.get(), kRequests);
+    CVoBstr cookies;
+    const std::string url = server.URL();
+    ASSERT_EQ(m_stores.cookies->GetCookieStringForHTTPRequest(CVoBstr(std::wstring(url.begin(), url.end())).Get(),
+                                                              VARIANT_FALSE, cookies.Put()),
+              S_OK);
+    EXPECT_EQ(std::count(cookies.View().begin(), cookies.View().end(), L';'), kThreads - 1);
+}
+
+TEST_P(TransportTest, ProgressIsVisibleToOtherThreads)
+{
+    std::promise<void> seen;
+    Loopback::CLoopbackServer server(
+        [&](const Loopback::CRequest&, Loopback::CConnection& connection)
+        {
+            connection.Send("HTTP/1.1 200 OK\r\nContent-Length: 8\r\n\r\na=1&");
+            seen.get_future().wait_for(std::chrono::seconds(10));
+            connection.Send("b=22");
+        });
+    const auto message = Connect(server.URL());
+    Request request;
+    ASSERT_EQ(message->OpenRequest(request), S_OK);
+    auto sending = std::async(std::launch::async,
+                              [&] { return message->SendMessage(request, {}, Kind::Raw, true, {}, {}, false, nullptr); });
+    CVoHTTPMessage::CProgress progress;
+    while (progress = request->GetProgress(),
+           progress.received < 4 && sending.wait_for(std::chrono::milliseconds(1)) != std::future_status::ready)
+    {
+    }
+    EXPECT_EQ(progress.sent, 2U);
+    EXPECT_EQ(progress.toSend, 2U);
+    EXPECT_EQ(progress.received, 4U);
+    EXPECT_EQ(progress.toReceive, 8U);
+    seen.set_value();
+    EXPECT_EQ(sending.get(), S_OK);
+}
+} // namespace
