@@ -6,6 +6,9 @@
 #include <atomic>
 #include <string>
 
+template <class T>
+class CVoNeverDestroyed;
+
 // One record for the process, made by the first query, which reads ModuleSettings.ini (see VoErrorHandler.h) and the module's
 // VERSIONINFO resource. Names are fixed from then on; the switches may be changed at any time by any thread and hold for the
 // connections made afterwards.
@@ -35,6 +38,8 @@ public:
     CVoModuleInformation& operator=(const CVoModuleInformation&) = delete;
 
 private:
+    friend class CVoNeverDestroyed<CVoModuleInformation>;
+
     CVoModuleInformation() noexcept;
 
     std::wstring m_targetName;

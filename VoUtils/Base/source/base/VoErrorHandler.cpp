@@ -2,6 +2,7 @@
 
 #include "VoLogSetup.h"
 #include "VoModuleVersion.h"
+#include "VoNeverDestroyed.h"
 #include "VoTextConversion.h"
 
 #include <base/VoUtils.h>
@@ -172,9 +173,8 @@ struct CProcessLogState
 
 CProcessLogState& ProcessLogState() noexcept
 {
-    // Never destroyed, like the log: the destructors of other static objects may still report.
-    static CProcessLogState& state = *new CProcessLogState;
-    return state;
+    static CVoNeverDestroyed<CProcessLogState> state;
+    return state.Get();
 }
 
 void ReportFormatted(const wchar_t* source, int line, const wchar_t* format, va_list arguments) noexcept
@@ -421,7 +421,8 @@ CVoErrorLogFile& VoErrorLog() noexcept
     if (CVoErrorLogFile* const log = state.ready.load(std::memory_order_acquire))
         return *log;
 
-    static CVoErrorLogFile& log = *new CVoErrorLogFile;
+    static CVoNeverDestroyed<CVoErrorLogFile> instance;
+    CVoErrorLogFile& log = instance.Get();
     // What initialisation itself reports finds the log switched off.
     if (state.initialisingThread.load(std::memory_order_relaxed) == ::GetCurrentThreadId())
         return log;

@@ -1,5 +1,7 @@
 #include "VoErrorTranslator.h"
 
+#include "VoNeverDestroyed.h"
+
 #include <base/VoUtils.h>
 #include <base/com/VoComHelper.h>
 
@@ -28,9 +30,8 @@ struct CProcessTranslator
 
 CProcessTranslator& ProcessTranslator() noexcept
 {
-    // Never destroyed: the module stays loaded as long as anybody may ask for a text.
-    static CProcessTranslator& instance = *new CProcessTranslator;
-    return instance;
+    static CVoNeverDestroyed<CProcessTranslator> instance;
+    return instance.Get();
 }
 
 // Loads the process's translator unless that was tried before, and tells the user of a failure. `loadedModule` may be null.

@@ -1,4 +1,5 @@
 #include "VoModuleVersion.h"
+#include "VoNeverDestroyed.h"
 
 #include <base/VoErrorHandler.h>
 #include <base/VoModuleInformation.h>
@@ -53,9 +54,8 @@ CVoModuleVersion VoReadModuleVersion(HMODULE module)
 
 CVoModuleInformation& CVoModuleInformation::Get() noexcept
 {
-    // Never destroyed: the destructors of other static objects may still ask for it.
-    static CVoModuleInformation& record = *new CVoModuleInformation;
-    return record;
+    static CVoNeverDestroyed<CVoModuleInformation> record;
+    return record.Get();
 }
 
 CVoModuleInformation::CVoModuleInformation() noexcept : m_version(L"UNKNOWN")

@@ -1,11 +1,16 @@
 #include <base/VoSystemProperties.h>
 
 #include "VoModuleVersion.h"
+#include "VoNeverDestroyed.h"
 
 #include <base/VoErrorHandler.h>
 #include <base/VoUtils.h>
 
+#if defined(_MSC_VER)
 #include <intrin.h>
+#else
+#include <cpuid.h>
+#endif
 
 namespace
 {
@@ -81,21 +86,33 @@ std::optional<CVersionNumbers> ReadRegistryVersion() noexcept
 }
 
 // One leaf of the CPUID instruction; nothing where the processor does not have it.
-std::optional<CCpuidRegisters> ReadCpuid(int leaf) noexcept
+std::optional<CCpuidRegisters> ReadCpuid(UINT32 leaf) noexcept
 {
+#if defined(_MSC_VER)
     int registers[4] = {};
     __cpuid(registers, 0);
-    if (registers[0] < leaf)
+    if (static_cast<UINT32>(registers[0]) < leaf)
         return std::nullopt;
-    __cpuid(registers, leaf);
+    __cpuid(registers, static_cast<int>(leaf));
     return CCpuidRegisters{ static_cast<UINT32>(registers[0]), static_cast<UINT32>(registers[1]),
                             static_cast<UINT32>(registers[2]), static_cast<UINT32>(registers[3]) };
+#else
+    CCpuidRegisters result;
+    if (!__get_cpuid(leaf, &result.eax, &result.ebx, &result.ecx, &result.edx))
+        return std::nullopt;
+    return result;
+#endif
 }
 
 void ReadProcessor(CProcessorProperties& processor) noexcept
 {
     const std::optional<CCpuidRegisters> vendorLeaf = ReadCpuid(0);
-    const EVendor vendor = vendorLeaf ? VendorOf(*vendorLeaf) : EVendor::Other;
+    if (!vendorLeaf)
+    {
+        (void)kReport.Win32(91, 91, ERROR_NOT_SUPPORTED);
+        return;
+    }
+    const EVendor vendor = VendorOf(*vendorLeaf);
     if (vendor == EVendor::Other)
         return;
     const std::optional<CCpuidRegisters> features = ReadCpuid(1);
@@ -229,7 +246,6 @@ CSystemCheckResult::CSystemCheckResult()
 
 const CSystemCheckResult& VoSystemInformation()
 {
-    // Never destroyed, so that it may be asked for until the process ends.
-    static const CSystemCheckResult& result = *new CSystemCheckResult;
-    return result;
+    static CVoNeverDestroyed<CSystemCheckResult> result;
+    return result.Get();
 }

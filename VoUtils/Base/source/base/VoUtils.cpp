@@ -642,7 +642,7 @@ std::wstring VoGetIniString(const std::wstring& file, const wchar_t* section, co
     std::optional<std::wstring> text = ReadIniValue(file, section, key);
     if (present)
         *present = text.has_value();
-    return text ? std::move(*text) : defaultValue;
+    return text ? *std::move(text) : std::wstring(defaultValue);
 }
 
 INT64 VoGetMicroseconds() noexcept
