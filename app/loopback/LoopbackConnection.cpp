@@ -14,6 +14,8 @@ constexpr std::chrono::milliseconds kLinger{ 2000 };
 constexpr size_t kMaxLine = 4096;
 // A body of unknown truth is not given more memory than this ahead of its bytes.
 constexpr uint64_t kMaxReserve = 256 << 20;
+// By how much a body grows at a time.
+constexpr uint64_t kGrowth = 1 << 20;
 
 // Statuses whose answers end with their headers.
 bool IsBodiless(int status) noexcept
@@ -124,22 +126,20 @@ CConnection::CState::ERead CConnection::CState::ReadCounted(CRequest& into, uint
     Consume(buffered.size());
 
     std::string scratch(keep || left == 0 ? 0 : kBufferSize, '\0');
+    size_t filledBody = into.body.size();
     while (left > 0)
     {
-        int received = 0;
-        if (keep)
-        {
-            const size_t have = into.body.size();
-            into.body.resize(have + static_cast<size_t>(std::min<uint64_t>(left, 1 << 20)));
-            received = Receive(socket, into.body.data() + have, into.body.size() - have);
-            into.body.resize(have + static_cast<size_t>(std::max(received, 0)));
-        }
-        else
-            received = Receive(socket, scratch.data(), static_cast<size_t>(std::min<uint64_t>(left, scratch.size())));
+        // The body grows by large steps, because a string fills what it grows by.
+        if (keep && filledBody == into.body.size())
+            into.body.resize(filledBody + static_cast<size_t>(std::min<uint64_t>(left, kGrowth)));
+        const int received =
+            keep ? Receive(socket, into.body.data() + filledBody, into.body.size() - filledBody)
+                 : Receive(socket, scratch.data(), static_cast<size_t>(std::min<uint64_t>(left, scratch.size())));
         if (received <= 0)
             return ERead::Gone;
         left -= static_cast<uint64_t>(received);
         into.bodySize += static_cast<uint64_t>(received);
+        filledBody += keep ? static_cast<size_t>(received) : 0;
     }
     return ERead::Done;
 }
