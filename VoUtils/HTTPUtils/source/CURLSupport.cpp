@@ -143,11 +143,44 @@ CCURLConnections::CCURLConnections() : m_share(curl_share_init())
     curl_share_setopt(m_share, CURLSHOPT_USERDATA, this);
     curl_share_setopt(m_share, CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT);
     curl_share_setopt(m_share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+    m_idle.reserve(kMaximumIdleHandles);
 }
 
 CCURLConnections::~CCURLConnections()
 {
+    m_idle.clear(); // a share in use cannot go
     curl_share_cleanup(m_share);
+}
+
+CCURLHandle CCURLConnections::TakeHandle() noexcept
+{
+    {
+        const std::scoped_lock lock(m_idleLock);
+        if (!m_idle.empty())
+        {
+            CCURLHandle handle = std::move(m_idle.back());
+            m_idle.pop_back();
+            return handle;
+        }
+    }
+    CCURLHandle handle = MakeCURLHandle();
+    if (handle && FAILED(Attach(handle.get())))
+        handle.reset();
+    return handle;
+}
+
+void CCURLConnections::GiveBack(CCURLHandle handle) noexcept
+{
+    // Clears every option, credentials included; the connections and their share stay.
+    curl_easy_reset(handle.get());
+    const std::scoped_lock lock(m_idleLock);
+    if (m_idle.size() < kMaximumIdleHandles)
+        m_idle.push_back(std::move(handle));
+}
+
+HRESULT CCURLConnections::Attach(CURL* handle) const noexcept
+{
+    return CURLSetOpt(handle, CURLOPT_SHARE, m_share);
 }
 
 void CCURLConnections::Lock(CURL* /*handle*/, curl_lock_data data, curl_lock_access /*access*/, void* context) noexcept

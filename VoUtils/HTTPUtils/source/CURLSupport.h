@@ -85,8 +85,9 @@ private:
     curl_slist* m_list = nullptr;
 };
 
-// The open connections of one message. The requests of the message transfer one at a time, under its lock, but a request may
-// be let go on any thread at any time, so the share locks what it guards.
+// The open connections of one message, and the easy handles that its past requests have left, which save making and filling
+// new ones. The requests of the message transfer one at a time, under its lock, but a request may be let go on any thread at
+// any time, so both lock what they guard.
 class CCURLConnections
 {
 public:
@@ -95,14 +96,23 @@ public:
     CCURLConnections(const CCURLConnections&) = delete;
     CCURLConnections& operator=(const CCURLConnections&) = delete;
 
-    [[nodiscard]] CURLSH* Get() const noexcept { return m_share; }
+    // A handle that uses these connections, with no other option set; null when there can be none.
+    [[nodiscard]] CCURLHandle TakeHandle() noexcept;
+    // Keeps a handle made by TakeHandle for the next request, without anything that its options held.
+    void GiveBack(CCURLHandle handle) noexcept;
+    // Makes a handle from elsewhere use these connections.
+    [[nodiscard]] HRESULT Attach(CURL* handle) const noexcept;
 
 private:
+    static constexpr size_t kMaximumIdleHandles = 4;
+
     static void Lock(CURL* handle, curl_lock_data data, curl_lock_access access, void* context) noexcept;
     static void Unlock(CURL* handle, curl_lock_data data, void* context) noexcept;
 
-    CURLSH* m_share;
     std::recursive_mutex m_locks[CURL_LOCK_DATA_LAST];
+    CURLSH* m_share;
+    std::mutex m_idleLock;
+    std::vector<CCURLHandle> m_idle; // at most kMaximumIdleHandles
 };
 
 // The body of a request while it is sent.

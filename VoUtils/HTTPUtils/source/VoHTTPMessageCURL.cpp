@@ -50,7 +50,15 @@ struct CCURLCredentials
 class CVoHTTPMessageCURL::CHTTPRequestDataCURL final : public CHTTPRequestData
 {
 public:
-    explicit CHTTPRequestDataCURL(std::shared_ptr<CVoHTTPMessageCURL> message) : m_message(std::move(message)) {}
+    CHTTPRequestDataCURL(std::shared_ptr<CVoHTTPMessageCURL> message, std::shared_ptr<CCURLConnections> connections) noexcept
+        : m_message(std::move(message)), m_connections(std::move(connections)), m_handle(m_connections->TakeHandle())
+    {
+    }
+    ~CHTTPRequestDataCURL() override
+    {
+        if (m_handle && m_connections)
+            m_connections->GiveBack(std::move(m_handle));
+    }
 
     [[nodiscard]] HRESULT InitCURLHandle(UINT32 connectTimeout, UINT32 requestTimeout, bool verify, bool checkRevocation);
     // Sets the process's user agent.
@@ -152,7 +160,7 @@ HRESULT CVoHTTPMessageCURL::CHTTPRequestDataCURL::UseConnections(std::shared_ptr
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::CHTTPRequestDataCURL::UseConnections" };
     if (m_connections == connections)
         return S_OK;
-    if (const HRESULT hr = CURLSetOpt(m_handle.get(), CURLOPT_SHARE, connections->Get()); FAILED(hr))
+    if (const HRESULT hr = connections->Attach(m_handle.get()); FAILED(hr))
         return report(690, hr);
     m_connections = std::move(connections);
     return S_OK;
@@ -535,8 +543,10 @@ HRESULT CVoHTTPMessageCURL::internalOpenRequest(const CServerAddressData& addres
     const CAutoLock lock(&m_lock);
     if (!m_connected)
         return report(1230, HRESULT_FROM_WIN32(ERROR_NOT_CONNECTED));
-    auto made = std::make_shared<CHTTPRequestDataCURL>(std::static_pointer_cast<CVoHTTPMessageCURL>(shared_from_this()));
-    made->m_handle = MakeCURLHandle();
+    if (!m_connections)
+        m_connections = std::make_shared<CCURLConnections>();
+    auto made =
+        std::make_shared<CHTTPRequestDataCURL>(std::static_pointer_cast<CVoHTTPMessageCURL>(shared_from_this()), m_connections);
     made->m_address = address;
     if (const HRESULT hr =
             made->InitCURLHandle(m_connectTimeout, m_requestTimeout, m_verifyServerCertificate, m_checkCertificateRevocation);
