@@ -2,6 +2,7 @@
 
 #include <base/VoCArray.h>
 #include <base/VoErrorHandler.h>
+#include <base/VoWipe.h>
 #include <base/utils/VoDataConversion.h>
 
 #include <utility>
@@ -298,7 +299,7 @@ HRESULT COrvRSAKey::Generate(UINT32 bits, std::wstring& privateKey, std::wstring
         hr = key.Done();
     if (FAILED(hr))
     {
-        ::SecureZeroMemory(privateText.data(), privateText.size() * sizeof(wchar_t));
+        VoWipe(privateText);
         return report(326, hr);
     }
     privateKey = std::move(privateText);
