@@ -27,18 +27,20 @@ start_wine() {
     ) 9>"$build/.wine.lock"
 }
 
-# build_targets TARGET...: configures the cross build when that was never done, and builds the targets. One at a time, because
-# a build folder takes no two builds at once.
+# build_targets PRESET TARGET...: configures the preset's build when that was never done, and builds the targets. One at a
+# time, because a build folder takes no two builds at once.
 build_targets() {
+    local preset="$1"
+    shift
     (
         flock 9
         cd "$root" || exit
         # A folder that was copied or moved from elsewhere still names its old place: it cannot be built in.
-        if [ -f "$build/mingw/CMakeCache.txt" ] &&
-            ! grep -qxF "CMAKE_HOME_DIRECTORY:INTERNAL=$root" "$build/mingw/CMakeCache.txt"; then
-            rm -rf "$build/mingw"
+        if [ -f "$build/$preset/CMakeCache.txt" ] &&
+            ! grep -qxF "CMAKE_HOME_DIRECTORY:INTERNAL=$root" "$build/$preset/CMakeCache.txt"; then
+            rm -rf "${build:?}/$preset"
         fi
-        [ -f "$build/mingw/build.ninja" ] || cmake --preset mingw 9>&- || exit
-        cmake --build "$build/mingw" --target "$@" 9>&-
+        [ -f "$build/$preset/build.ninja" ] || cmake --preset "$preset" 9>&- || exit
+        cmake --build "$build/$preset" --target "$@" 9>&-
     ) 9>"$build/.build.lock"
 }
