@@ -125,6 +125,19 @@ UINT64 Load5(const BYTE* bytes) noexcept
     return low | static_cast<UINT64>(bytes[4]) << 32;
 }
 
+// Whether each byte lies within `count` values from `first` on: all ones where it does.
+__m128i IsInRange(__m128i bytes, char first, char count) noexcept
+{
+    const __m128i offset = _mm_sub_epi8(bytes, _mm_set1_epi8(first));
+    return _mm_cmpeq_epi8(_mm_min_epu8(offset, _mm_set1_epi8(static_cast<char>(count - 1))), offset);
+}
+
+// `bytes` plus `addend` in the places that `mask` selects, 0 elsewhere.
+__m128i AddWhere(__m128i mask, __m128i bytes, char addend) noexcept
+{
+    return _mm_and_si128(mask, _mm_add_epi8(bytes, _mm_set1_epi8(addend)));
+}
+
 // 16 hexadecimal characters to their values; `good` becomes all ones in the places of digits. Characters above 255 saturate to
 // 0 or 255, which are no digits either.
 __m128i HexValues16(const wchar_t* text, __m128i& good) noexcept
@@ -132,12 +145,49 @@ __m128i HexValues16(const wchar_t* text, __m128i& good) noexcept
     const __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text));
     const __m128i second = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text + 8));
     const __m128i characters = _mm_packus_epi16(first, second);
-    const __m128i decimal = _mm_sub_epi8(characters, _mm_set1_epi8('0'));
-    const __m128i letter = _mm_sub_epi8(_mm_or_si128(characters, _mm_set1_epi8(0x20)), _mm_set1_epi8('a'));
-    const __m128i isDecimal = _mm_cmpeq_epi8(_mm_min_epu8(decimal, _mm_set1_epi8(9)), decimal);
-    const __m128i isLetter = _mm_cmpeq_epi8(_mm_min_epu8(letter, _mm_set1_epi8(5)), letter);
+    const __m128i folded = _mm_or_si128(characters, _mm_set1_epi8(0x20)); // letters to lower case
+    const __m128i isDecimal = IsInRange(characters, '0', 10);
+    const __m128i isLetter = IsInRange(folded, 'a', 6);
     good = _mm_or_si128(isDecimal, isLetter);
-    return _mm_or_si128(_mm_and_si128(decimal, isDecimal), _mm_and_si128(_mm_add_epi8(letter, _mm_set1_epi8(10)), isLetter));
+    return _mm_or_si128(AddWhere(isDecimal, characters, -'0'), AddWhere(isLetter, folded, 10 - 'a'));
+}
+
+// 16 characters of Base64 to their values; false when one is no digit.
+bool Base64Values16(const wchar_t* text, __m128i& values) noexcept
+{
+    const __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text));
+    const __m128i second = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text + 8));
+    const __m128i characters = _mm_packus_epi16(first, second);
+    const __m128i isUpper = IsInRange(characters, 'A', 26);
+    const __m128i isLower = IsInRange(characters, 'a', 26);
+    const __m128i isDecimal = IsInRange(characters, '0', 10);
+    const __m128i is62 =
+        _mm_or_si128(_mm_cmpeq_epi8(characters, _mm_set1_epi8('+')), _mm_cmpeq_epi8(characters, _mm_set1_epi8('-')));
+    const __m128i is63 =
+        _mm_or_si128(_mm_cmpeq_epi8(characters, _mm_set1_epi8('/')), _mm_cmpeq_epi8(characters, _mm_set1_epi8('_')));
+    const __m128i isLetter = _mm_or_si128(isUpper, isLower);
+    const __m128i isSign = _mm_or_si128(is62, is63);
+    if (_mm_movemask_epi8(_mm_or_si128(_mm_or_si128(isLetter, isDecimal), isSign)) != 0xFFFF)
+        return false;
+    const __m128i letters = _mm_or_si128(AddWhere(isUpper, characters, -'A'), AddWhere(isLower, characters, 26 - 'a'));
+    const __m128i decimals = AddWhere(isDecimal, characters, 52 - '0');
+    const __m128i signs = _mm_or_si128(_mm_and_si128(is62, _mm_set1_epi8(62)), _mm_and_si128(is63, _mm_set1_epi8(63)));
+    values = _mm_or_si128(_mm_or_si128(letters, decimals), signs);
+    return true;
+}
+
+// Four groups of four values to six bytes in each half, lowest byte first.
+__m128i JoinSextets(__m128i values) noexcept
+{
+    const __m128i even = _mm_and_si128(values, _mm_set1_epi16(0xFF));
+    const __m128i pairs = _mm_or_si128(_mm_slli_epi16(even, 6), _mm_srli_epi16(values, 8));
+    // Each 32-bit place: the first pair times 2^12, plus the second.
+    const __m128i bits = _mm_madd_epi16(pairs, _mm_set1_epi32(0x00011000));
+    const __m128i reversed = _mm_or_si128(_mm_or_si128(_mm_srli_epi32(bits, 16), _mm_and_si128(bits, _mm_set1_epi32(0xFF00))),
+                                          _mm_slli_epi32(_mm_and_si128(bits, _mm_set1_epi32(0xFF)), 16));
+    const __m128i low = _mm_and_si128(reversed, _mm_set1_epi64x(0xFFFFFF));
+    const __m128i high = _mm_and_si128(_mm_srli_epi64(reversed, 8), _mm_set1_epi64x(0xFFFFFF000000));
+    return _mm_or_si128(low, high);
 }
 
 // Pairs of values, the high nibble first, to one byte in each 16-bit place.
@@ -202,16 +252,15 @@ size_t DecodeHex(const wchar_t* text, size_t groups, BYTE* bytes) noexcept
 size_t DecodeBase64(const wchar_t* text, size_t groups, BYTE* bytes) noexcept
 {
     size_t i = 0;
-    // Four bytes are stored for a group's three; the fourth is overwritten by the next group, so the last group is not for this
-    // loop.
-    for (; groups - i > 2; i += 2, text += 8, bytes += 6)
+    // Each half is stored with two bytes too many, which the next groups overwrite; so this loop leaves one group over.
+    for (; groups - i > 4; i += 4, text += 16, bytes += 12)
     {
-        const UINT32 first = Base64Group(text);
-        const UINT32 second = Base64Group(text + 4);
-        if ((first | second) & kBadGroup)
+        __m128i values;
+        if (!Base64Values16(text, values))
             break;
-        std::memcpy(bytes, &first, sizeof first);
-        std::memcpy(bytes + 3, &second, sizeof second);
+        const __m128i joined = JoinSextets(values);
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(bytes), joined);
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(bytes + 6), _mm_srli_si128(joined, 8));
     }
     for (; i < groups; ++i, text += 4, bytes += 3)
     {

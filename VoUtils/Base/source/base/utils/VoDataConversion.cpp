@@ -9,14 +9,13 @@
 #include <iterator>
 #include <limits>
 #include <memory>
+#include <span>
 
 namespace VoDataConversion
 {
 namespace
 {
 constexpr const wchar_t* kSource = L"..\\..\\source\\base\\utils\\VoDataConversion";
-
-constexpr size_t kBadRemainder = std::numeric_limits<size_t>::max();
 
 // Character to value. The offending character's code stands in the log in place of the result code, where it says more.
 HRESULT ReportBadCharacter(const CVoReporter& report, int line, int lineWhenNul, wchar_t character) noexcept
@@ -75,9 +74,9 @@ HRESULT internal4To3(const BYTE (&values)[4], BYTE (&bytes)[3]) noexcept
     return S_OK;
 }
 
-// What the shared decoding needs to know of an encoding. A group of kCharacters stands for kBytes; ExtraBytes gives the bytes
-// of a shorter one at the end, or kBadRemainder. DecodeGroup decodes one group, whole or short, with reports; DecodeGroups is
-// the fast kernel.
+// What the shared code needs to know of an encoding. A group of kCharacters stands for kBytes; IsPossible tells whether so many
+// characters of a shorter one may end the text. DecodeGroup decodes one group, whole or short (the rest counts as zeros), with
+// reports; DecodeGroups is the fast kernel.
 struct CHex
 {
     static constexpr size_t kCharacters = 2;
@@ -86,15 +85,16 @@ struct CHex
     static constexpr bool kReportsRemainder = false;
     static constexpr int kRemainderLine = 200;
 
-    static size_t ExtraBytes(size_t remainder) noexcept { return remainder == 0 ? 0 : kBadRemainder; }
+    static bool IsPossible(size_t remainder) noexcept { return remainder == 0; }
     static bool IsDigit(wchar_t character) noexcept
     {
         return VoCodecKernels::HexDigitValue(character) != VoCodecKernels::kNoDigit;
     }
     static bool IsSkipped(wchar_t character) noexcept { return !IsDigit(character); }
-    static HRESULT DecodeGroup(const wchar_t* text, size_t, BYTE (&bytes)[kBytes]) noexcept
+    static HRESULT DecodeGroup(const wchar_t* text, size_t count, BYTE (&bytes)[kBytes]) noexcept
     {
-        return DecodeGroups(text, 1, bytes) == 1 ? S_OK : E_INVALIDARG;
+        const size_t groups = count / kCharacters;
+        return DecodeGroups(text, groups, bytes) == groups ? S_OK : E_INVALIDARG;
     }
 };
 
@@ -106,11 +106,7 @@ struct CBase64
     static constexpr bool kReportsRemainder = true;
     static constexpr int kRemainderLine = 210;
 
-    static size_t ExtraBytes(size_t remainder) noexcept
-    {
-        constexpr size_t kExtra[kCharacters] = { 0, kBadRemainder, 1, 2 };
-        return kExtra[remainder];
-    }
+    static bool IsPossible(size_t remainder) noexcept { return remainder != 1; }
     static bool IsDigit(wchar_t character) noexcept
     {
         return VoCodecKernels::Base64DigitValue(character) != VoCodecKernels::kNoDigit;
@@ -134,11 +130,7 @@ struct CBase32
     static constexpr bool kReportsRemainder = true;
     static constexpr int kRemainderLine = 220;
 
-    static size_t ExtraBytes(size_t remainder) noexcept
-    {
-        constexpr size_t kExtra[kCharacters] = { 0, kBadRemainder, 1, kBadRemainder, 2, 3, kBadRemainder, 4 };
-        return kExtra[remainder];
-    }
+    static bool IsPossible(size_t remainder) noexcept { return remainder != 1 && remainder != 3 && remainder != 6; }
     static bool IsDigit(wchar_t character) noexcept
     {
         return VoCodecKernels::Base32DigitValue(character) != VoCodecKernels::kNoDigit;
@@ -170,68 +162,66 @@ struct CDecoded
     }
 };
 
-// The size of the bytes for that many characters, or kBadRemainder.
+// Whole bytes for that many characters. What is left of the bits of a short group is dropped.
 template <class TCodec>
 size_t DecodedSize(size_t characters) noexcept
 {
-    const size_t extra = TCodec::ExtraBytes(characters % TCodec::kCharacters);
-    return extra == kBadRemainder ? kBadRemainder : characters / TCodec::kCharacters * TCodec::kBytes + extra;
-}
-
-// Decodes text that holds nothing but digits. The group that stops the kernel is decoded again with reports.
-template <class TCodec>
-HRESULT DecodeDigits(const wchar_t* text, size_t count, BYTE* bytes) noexcept
-{
-    const size_t groups = count / TCodec::kCharacters;
-    const size_t decoded = TCodec::DecodeGroups(text, groups, bytes);
-    const size_t rest = std::min(count - decoded * TCodec::kCharacters, TCodec::kCharacters);
-    if (rest == 0)
-        return S_OK;
-    BYTE group[TCodec::kBytes] = {};
-    if (const HRESULT hr = TCodec::DecodeGroup(text + decoded * TCodec::kCharacters, rest, group); FAILED(hr))
-        return hr;
-    if (decoded < groups)
-        return E_FAIL; // the kernel refused what the digits allow; a guard
-    std::copy_n(group, TCodec::ExtraBytes(rest), bytes + decoded * TCodec::kBytes);
-    return S_OK;
+    return characters / TCodec::kCharacters * TCodec::kBytes +
+           characters % TCodec::kCharacters * TCodec::kBytes / TCodec::kCharacters;
 }
 
 // Decodes clean text, which is the usual case, in one pass. False, without a report, when there is anything else in the text.
 template <class TCodec>
 bool TryDecodeClean(std::wstring_view text, CDecoded& decoded)
 {
-    const size_t size = DecodedSize<TCodec>(text.size());
-    if (size == kBadRemainder)
-        return false;
     const size_t groups = text.size() / TCodec::kCharacters;
     const std::wstring_view tail = text.substr(groups * TCodec::kCharacters);
-    if (!std::all_of(tail.begin(), tail.end(), TCodec::IsDigit))
+    if (!TCodec::IsPossible(tail.size()) || !std::all_of(tail.begin(), tail.end(), TCodec::IsDigit))
         return false;
-    decoded.Allocate(size);
+    decoded.Allocate(DecodedSize<TCodec>(text.size()));
     if (TCodec::DecodeGroups(text.data(), groups, decoded.bytes.get()) != groups)
         return false;
-    return SUCCEEDED(DecodeDigits<TCodec>(tail.data(), tail.size(), decoded.bytes.get() + groups * TCodec::kBytes));
+    BYTE group[TCodec::kBytes];
+    if (FAILED(TCodec::DecodeGroup(tail.data(), tail.size(), group)))
+        return false;
+    std::copy_n(group, DecodedSize<TCodec>(tail.size()), decoded.bytes.get() + groups * TCodec::kBytes);
+    return true;
 }
 
-// Decodes text with skipped characters in it, block by block.
+// Takes the next `count` kept characters off the front of `text`, which must hold them.
 template <class TCodec>
-HRESULT DecodeFiltered(std::wstring_view text, BYTE* bytes) noexcept
+void TakeKept(std::wstring_view& text, wchar_t* kept, size_t count) noexcept
 {
-    wchar_t block[2048]; // whole groups of every encoding
-    static_assert(std::size(block) % TCodec::kCharacters == 0);
-    size_t used = 0;
-    for (const wchar_t character : text)
+    size_t i = 0;
+    for (size_t taken = 0; taken < count; ++i)
+        if (!TCodec::IsSkipped(text[i]))
+            kept[taken++] = text[i];
+    text.remove_prefix(i);
+}
+
+// Decodes text with skipped characters in it; `count` others. The kernel runs straight over the text from one interruption to
+// the next; only the group that it stops at is put together by hand, and reported when it is bad.
+template <class TCodec>
+HRESULT DecodeFiltered(std::wstring_view text, size_t count, BYTE* bytes) noexcept
+{
+    for (size_t groups = count / TCodec::kCharacters;;)
     {
-        block[used] = character;
-        used += static_cast<size_t>(!TCodec::IsSkipped(character));
-        if (used < std::size(block))
-            continue;
-        if (const HRESULT hr = DecodeDigits<TCodec>(block, used, bytes); FAILED(hr))
+        const size_t decoded = TCodec::DecodeGroups(text.data(), std::min(groups, text.size() / TCodec::kCharacters), bytes);
+        text.remove_prefix(decoded * TCodec::kCharacters);
+        bytes += decoded * TCodec::kBytes;
+        groups -= decoded;
+
+        const size_t inGroup = groups > 0 ? TCodec::kCharacters : count % TCodec::kCharacters;
+        wchar_t kept[TCodec::kCharacters];
+        BYTE group[TCodec::kBytes];
+        TakeKept<TCodec>(text, kept, inGroup);
+        if (const HRESULT hr = TCodec::DecodeGroup(kept, inGroup, group); FAILED(hr))
             return hr;
-        bytes += used / TCodec::kCharacters * TCodec::kBytes;
-        used = 0;
+        bytes = std::copy_n(group, DecodedSize<TCodec>(inGroup), bytes);
+        if (groups == 0)
+            return S_OK;
+        --groups;
     }
-    return DecodeDigits<TCodec>(block, used, bytes);
 }
 
 // Decodes text as it arrives, with characters to skip or malformed, and reports what is wrong with it.
@@ -240,15 +230,14 @@ HRESULT DecodeTolerant(const CVoReporter& report, std::wstring_view text, CDecod
 {
     const auto skipped = static_cast<size_t>(std::count_if(text.begin(), text.end(), TCodec::IsSkipped));
     const size_t count = text.size() - skipped;
-    const size_t size = DecodedSize<TCodec>(count);
-    if (size == kBadRemainder)
+    if (!TCodec::IsPossible(count % TCodec::kCharacters))
     {
         if constexpr (TCodec::kReportsRemainder)
             report(TCodec::kRemainderLine, static_cast<HRESULT>(count % TCodec::kCharacters));
         return report(TCodec::kRemainderLine + 1, E_INVALIDARG);
     }
-    decoded.Allocate(size);
-    if (const HRESULT hr = DecodeFiltered<TCodec>(text, decoded.bytes.get()); FAILED(hr))
+    decoded.Allocate(DecodedSize<TCodec>(count));
+    if (const HRESULT hr = DecodeFiltered<TCodec>(text, count, decoded.bytes.get()); FAILED(hr))
         return report(TCodec::kRemainderLine + 2, hr);
     return S_OK;
 }
@@ -279,38 +268,71 @@ std::wstring Without(std::wstring_view text, std::wstring_view part)
     }
 }
 
-// Makes room for a text of that size. The old text stays until the new room is there.
-void Resize(std::wstring& text, size_t size)
+// Collects the text of an encoder, with a line break behind every `line` characters (0 for none), so that a break may end the
+// text. Room for the whole text is made once.
+class CLineWriter
 {
-    if (text.capacity() >= size)
-        text.resize(size);
-    else
-        text = std::wstring(size, L'\0');
-}
-
-// The text of an encoder: `characters` of them, written by `encode`, with a line break behind every `line` of them (0 for
-// none), so that a break may end the text. Room is made once; the characters are written at its end and the lines moved to
-// their places from there, front to back.
-template <class TEncode>
-void EncodeLines(std::wstring& text, size_t characters, size_t line, TEncode encode)
-{
-    const size_t breaks = line > 0 ? characters / line : 0;
-    Resize(text, characters + 2 * breaks);
-    wchar_t* to = text.data();
-    const wchar_t* from = to + 2 * breaks;
-    encode(to + 2 * breaks);
-    for (size_t i = 0; i < breaks; ++i, to += 2, from += line)
+public:
+    CLineWriter(std::wstring& text, size_t characters, size_t line) : m_text(text), m_line(line), m_left(line)
     {
-        to = std::copy_n(from, line, to);
-        to[0] = L'\r';
-        to[1] = L'\n';
+        const size_t size = characters + (line > 0 ? characters / line * 2 : 0);
+        if (m_text.capacity() < size)
+        {
+            // The old text stays until the new room is there, and does not make it larger than needed.
+            std::wstring room;
+            room.reserve(size);
+            m_text.swap(room);
+        }
+        m_text.clear();
     }
-    // The characters behind the last break stand where they belong already.
+
+    void Write(std::wstring_view characters)
+    {
+        while (m_line > 0 && characters.size() >= m_left)
+        {
+            m_text.append(characters.substr(0, m_left)).append(L"\r\n", 2);
+            characters.remove_prefix(m_left);
+            m_left = m_line;
+        }
+        m_text.append(characters);
+        m_left -= characters.size();
+    }
+
+private:
+    std::wstring& m_text;
+    size_t m_line;
+    size_t m_left; // characters until the next break; without meaning when there are no lines
+};
+
+// Encodes bytes by way of a small block, so that the text itself is written once and in order. A last group that is not whole
+// is filled up with zeros; of its characters the first `tailDigits` count, and "=" fills the text up to `tailCharacters`.
+template <class TCodec, class TEncodeGroups>
+void Encode(std::span<const BYTE> bytes, std::wstring& text, size_t line, size_t tailDigits, size_t tailCharacters,
+            TEncodeGroups encodeGroups)
+{
+    constexpr size_t kBlockGroups = 4096 / TCodec::kCharacters;
+    wchar_t block[kBlockGroups * TCodec::kCharacters];
+    const size_t tailBytes = bytes.size() % TCodec::kBytes;
+    CLineWriter writer(text, bytes.size() / TCodec::kBytes * TCodec::kCharacters + tailCharacters, line);
+    while (bytes.size() >= TCodec::kBytes)
+    {
+        const size_t groups = std::min(bytes.size() / TCodec::kBytes, kBlockGroups);
+        encodeGroups(bytes.data(), groups, block);
+        writer.Write({ block, groups * TCodec::kCharacters });
+        bytes = bytes.subspan(groups * TCodec::kBytes);
+    }
+    if (tailBytes == 0)
+        return;
+    BYTE tail[TCodec::kBytes] = {};
+    std::copy(bytes.begin(), bytes.end(), tail);
+    encodeGroups(tail, 1, block);
+    std::fill(block + tailDigits, block + TCodec::kCharacters, L'=');
+    writer.Write({ block, tailCharacters });
 }
 
-size_t ByteCount(const BYTE* bytes, INT32 count) noexcept
+std::span<const BYTE> BytesOf(const BYTE* bytes, INT32 count) noexcept
 {
-    return bytes && count > 0 ? static_cast<size_t>(count) : 0;
+    return { bytes, bytes && count > 0 ? static_cast<size_t>(count) : 0 };
 }
 } // namespace
 
@@ -328,8 +350,7 @@ HRESULT BinToHex(const BYTE* bytes, INT32 count, std::wstring& text, INT32 line)
 {
     // A line is looked at behind each pair of characters, so an odd length gives lines one character longer.
     const size_t lineLength = line > 0 ? (static_cast<size_t>(line) + 1) / 2 * 2 : 0;
-    const size_t size = ByteCount(bytes, count);
-    EncodeLines(text, 2 * size, lineLength, [&](wchar_t* to) { VoCodecKernels::EncodeHex(bytes, size, to); });
+    Encode<CHex>(BytesOf(bytes, count), text, lineLength, 0, 0, &VoCodecKernels::EncodeHex);
     return S_OK;
 }
 
@@ -352,31 +373,20 @@ HRESULT Base64ToBin(std::wstring_view text, BYTE** buffer, UINT32* length)
 
 HRESULT BinToBase64(const BYTE* bytes, INT32 count, bool urlSafe, std::wstring& text, INT32 line)
 {
-    const size_t size = ByteCount(bytes, count);
-    const size_t groups = size / 3;
-    const size_t tailBytes = size % 3;
+    const std::span<const BYTE> source = BytesOf(bytes, count);
+    const size_t tailBytes = source.size() % CBase64::kBytes;
     const size_t tailDigits = tailBytes > 0 ? tailBytes + 1 : 0;
-    const size_t tailCharacters = urlSafe || tailBytes == 0 ? tailDigits : 4;
+    const size_t tailCharacters = urlSafe || tailBytes == 0 ? tailDigits : CBase64::kCharacters;
 
     // The limit counts a line as full when it has been passed, so lines hold one character more than asked for. Without a line
     // length the limit is twice the count, which only the padded text of a single byte passes. Both are intended: readers of
     // stored text depend on them.
-    const size_t limit = line > 0 ? static_cast<size_t>(line) : 2 * size;
+    const size_t limit = line > 0 ? static_cast<size_t>(line) : 2 * source.size();
     const size_t lineLength = urlSafe ? 0 : limit + 1;
 
-    EncodeLines(text, 4 * groups + tailCharacters, lineLength,
-                [&](wchar_t* to)
-                {
-                    VoCodecKernels::EncodeBase64(bytes, groups, urlSafe, to);
-                    if (tailBytes == 0)
-                        return;
-                    BYTE tail[3] = {};
-                    std::copy_n(bytes + 3 * groups, tailBytes, tail);
-                    wchar_t digits[4];
-                    VoCodecKernels::EncodeBase64(tail, 1, urlSafe, digits);
-                    std::fill(digits + tailDigits, std::end(digits), L'=');
-                    std::copy_n(digits, tailCharacters, to + 4 * groups);
-                });
+    Encode<CBase64>(source, text, lineLength, tailDigits, tailCharacters,
+                    [urlSafe](const BYTE* from, size_t groups, wchar_t* to) noexcept
+                    { VoCodecKernels::EncodeBase64(from, groups, urlSafe, to); });
     return S_OK;
 }
 
@@ -403,29 +413,16 @@ HRESULT Base32ModifiedCrockfordToBin(std::wstring_view text, BYTE** buffer, UINT
 
 HRESULT BinToBase32ModifiedCrockford(const BYTE* bytes, INT32 count, bool pad, std::wstring& text, INT32 line)
 {
-    constexpr size_t kTailDigits[] = { 0, 2, 4, 5, 7 };
-    const size_t size = ByteCount(bytes, count);
-    const size_t groups = size / 5;
-    const size_t tailBytes = size % 5;
+    constexpr size_t kTailDigits[CBase32::kBytes] = { 0, 2, 4, 5, 7 };
+    const std::span<const BYTE> source = BytesOf(bytes, count);
+    const size_t tailBytes = source.size() % CBase32::kBytes;
     const size_t tailDigits = kTailDigits[tailBytes];
     // Padding fills a tail up to four characters, not to a whole group, so that only a tail of one byte has any. This is
     // intended: readers of stored text depend on it.
     const size_t tailCharacters = pad && tailBytes > 0 ? std::max<size_t>(tailDigits, 4) : tailDigits;
     const size_t lineLength = line > 0 ? static_cast<size_t>(line) : 0;
 
-    EncodeLines(text, 8 * groups + tailCharacters, lineLength,
-                [&](wchar_t* to)
-                {
-                    VoCodecKernels::EncodeBase32(bytes, groups, to);
-                    if (tailBytes == 0)
-                        return;
-                    BYTE tail[5] = {};
-                    std::copy_n(bytes + 5 * groups, tailBytes, tail);
-                    wchar_t digits[8];
-                    VoCodecKernels::EncodeBase32(tail, 1, digits);
-                    std::fill(digits + tailDigits, std::end(digits), L'=');
-                    std::copy_n(digits, tailCharacters, to + 8 * groups);
-                });
+    Encode<CBase32>(source, text, lineLength, tailDigits, tailCharacters, &VoCodecKernels::EncodeBase32);
     return S_OK;
 }
 
