@@ -510,8 +510,9 @@ TEST(BinaryDataParser, MessagesAreTakenApart)
 
 TEST(BinaryDataParser, ALargePayloadMovesWithinItsBuffer)
 {
-    CBytes bytes = Bytes("x=1&&");
-    bytes.resize(5 + 10'000'000, BYTE{ 7 });
+    constexpr std::string_view kText = "x=1&&";
+    CBytes bytes(kText.size() + 10'000'000, BYTE{ 7 });
+    std::copy(kText.begin(), kText.end(), bytes.begin());
     const BYTE* const place = bytes.data();
     CVoBinaryDataParser parser;
     ASSERT_EQ(parser.Parse(std::move(bytes), false, true), S_OK);
