@@ -10,6 +10,7 @@
 #include <base/Vo2DIDArray.h>
 #include <base/VoCArray.h>
 #include <base/VoPlatform.h>
+#include <base/VoWipe.h>
 
 #include <span>
 #include <string>
@@ -31,6 +32,8 @@ public:
     [[nodiscard]] const std::wstring& Name() const noexcept { return m_name; }
     [[nodiscard]] const std::wstring& Value() const noexcept { return m_value; }
     void SetValue(std::wstring value) noexcept { m_value = std::move(value); }
+    // Overwrites the value and empties it.
+    void WipeValue() noexcept { VoWipe(m_value); }
 
 private:
     std::wstring m_name;
@@ -89,6 +92,8 @@ public:
     [[nodiscard]] size_t GetCount() const noexcept { return m_params.GetSize(); }
     [[nodiscard]] const CParamRec& GetAt(size_t index) const noexcept { return *m_params[index]; }
     void RemoveAll() noexcept;
+    // The same for a list that holds secrets: values are overwritten before their memory goes back.
+    void WipeAll() noexcept;
 
     // Appends the pairs found in parameter text. Empty pairs are passed over. A pair without "=" ends it with E_FAIL; pairs
     // read before stay in the list.

@@ -189,6 +189,13 @@ void CVoDataParser::RemoveAll() noexcept
     m_params.RemoveAll();
 }
 
+void CVoDataParser::WipeAll() noexcept
+{
+    for (CParamRec* const record : m_params)
+        record->WipeValue();
+    RemoveAll();
+}
+
 HRESULT CVoDataParser::AddParam(std::wstring_view name, std::wstring_view value) noexcept
 try
 {

@@ -1,0 +1,540 @@
+#include "SecretParser.h"
+
+#include <VoGlobalHTTPProxyStoreImpl.h>
+#include <VoGlobalHTTPUtils.h>
+#include <VoProxyList.h>
+
+#include <base/VoUtils.h>
+
+#include <algorithm>
+
+namespace
+{
+constexpr const wchar_t* kSource = L"..\\source\\VoGlobalHTTPProxyStoreImpl";
+
+// What the serialised store calls its parts.
+constexpr const wchar_t* kConfigKey = L"Config";
+constexpr const wchar_t* kCacheKey = L"Cache";
+constexpr const wchar_t* kEntryKey = L"Entry";
+constexpr const wchar_t* kServerKeyKey = L"ServerKey";
+constexpr const wchar_t* kProxyKey = L"Proxy";
+constexpr const wchar_t* kCredentialsKey = L"Credentials";
+
+// The server's part of a URL, when it can be told apart without parsing and is a server key if the URL is written like one. A
+// control character, which parsing refuses or trims, gives nothing.
+std::wstring_view ServerPartOf(std::wstring_view url) noexcept
+{
+    const auto isControl = [](wchar_t character) { return character < L' ' || (character >= 0x7F && character < 0xA0); };
+    size_t end = url.starts_with(L"https://") ? 8 : url.starts_with(L"http://") ? 7 : 0;
+    if (end == 0 || std::any_of(url.begin(), url.end(), isControl))
+        return {};
+    while (end < url.size() && url[end] != L'/' && url[end] != L'?' && url[end] != L'#')
+        ++end;
+    return url.substr(0, end);
+}
+} // namespace
+
+std::wstring CProxyCache::ServerKeyOf(const CServerAddressData& address)
+{
+    std::wstring key = address.BaseURL();
+    // Names beyond ASCII keep their case: two ways to write one are two servers, which costs no more than a look-up.
+    for (wchar_t& character : key)
+        if (character >= L'A' && character <= L'Z')
+            character = static_cast<wchar_t>(character - L'A' + L'a');
+    return key;
+}
+
+bool CProxyCache::GetProxyAndAuthData(std::wstring_view serverKey, CProxyPtr& proxy) noexcept
+{
+    CAutoLock lock(&m_lock);
+    const auto server = m_servers.find(serverKey);
+    if (server == m_servers.end())
+        return false;
+    proxy = At(server->second);
+    return true;
+}
+
+size_t CProxyCache::IndexOf(std::wstring_view name)
+{
+    const auto found = std::find_if(m_proxies.begin(), m_proxies.end(),
+                                    [&](const CProxyPtr& proxy) { return VoEqualsNoCase(proxy->name, name); });
+    if (found != m_proxies.end())
+        return static_cast<size_t>(found - m_proxies.begin());
+    m_proxies.push_back(std::make_shared<CProxy>(CProxy{ std::wstring(name), {}, false }));
+    return m_proxies.size() - 1;
+}
+
+HRESULT CProxyCache::SetAuthDataForProxy(std::wstring_view name, const CHTTPProxyAuthenticationData& authentication,
+                                         bool asDefault) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CProxyCache::SetAuthDataForProxy" };
+    try
+    {
+        CAutoLock lock(&m_lock);
+        CProxyPtr& proxy = m_proxies[IndexOf(name)];
+        if (!asDefault || !proxy->isAuthenticationKnown)
+            proxy = std::make_shared<CProxy>(CProxy{ proxy->name, authentication, true });
+        return S_OK;
+    }
+    catch (...)
+    {
+        return report.CurrentException(771);
+    }
+}
+
+CProxyCache::CProxyPtr CProxyCache::FindProxy(std::wstring_view name) noexcept
+{
+    CAutoLock lock(&m_lock);
+    for (const CProxyPtr& proxy : m_proxies)
+        if (VoEqualsNoCase(proxy->name, name))
+            return proxy;
+    return nullptr;
+}
+
+HRESULT CProxyCache::Clear() noexcept
+{
+    CAutoLock lock(&m_lock);
+    m_servers.clear();
+    m_proxies.clear();
+    return S_OK;
+}
+
+void CProxyCache::Swap(CProxyCache& other) noexcept
+{
+    // The other cache is the caller's own.
+    CAutoLock lock(&m_lock);
+    m_servers.swap(other.m_servers);
+    m_proxies.swap(other.m_proxies);
+}
+
+HRESULT CProxyCache::_Serialize(CVoBinaryDataParser& parser) const
+{
+    constexpr CVoReporter report{ kSource, L"CProxyCache::_Serialize" };
+    // In the order of their names, so that equal stores have equal texts.
+    std::vector<std::pair<std::wstring_view, std::wstring_view>> servers;
+    for (const auto& [serverKey, index] : m_servers)
+        servers.emplace_back(serverKey, index == kDirect ? std::wstring_view() : m_proxies[index]->name);
+    std::sort(servers.begin(), servers.end());
+    for (const auto& [serverKey, proxy] : servers)
+    {
+        CVoBinaryDataParser entry;
+        std::wstring text;
+        HRESULT hr = entry.AddParam(kServerKeyKey, serverKey);
+        if (SUCCEEDED(hr))
+            hr = entry.AddParam(kProxyKey, proxy);
+        if (SUCCEEDED(hr))
+            hr = entry.GetParamsAsString(text);
+        if (SUCCEEDED(hr))
+            hr = parser.AddParam(kEntryKey, text);
+        if (FAILED(hr))
+            return report(818, hr);
+    }
+    for (const CProxyPtr& proxy : m_proxies)
+    {
+        if (!proxy->isAuthenticationKnown)
+            continue;
+        CSecretParser credentials;
+        CVoSecret<wchar_t> text;
+        HRESULT hr = credentials.AddParam(kProxyKey, proxy->name);
+        if (SUCCEEDED(hr))
+            hr = proxy->authentication.Serialize(credentials);
+        if (SUCCEEDED(hr))
+            hr = credentials.GetParamsAsString(text.Get());
+        if (SUCCEEDED(hr))
+            hr = parser.AddParam(kCredentialsKey, text.Get());
+        if (FAILED(hr))
+            return report(834, hr);
+    }
+    return S_OK;
+}
+
+HRESULT CProxyCache::Serialize(CVoSecret<wchar_t>& text) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CProxyCache::Serialize" };
+    try
+    {
+        CSecretParser parser;
+        CAutoLock lock(&m_lock);
+        if (const HRESULT hr = _Serialize(parser); FAILED(hr))
+            return report(848, hr);
+        if (const HRESULT hr = parser.GetParamsAsString(text.Get()); FAILED(hr))
+            return report(850, hr);
+        return S_OK;
+    }
+    catch (...)
+    {
+        return report.CurrentException(855);
+    }
+}
+
+HRESULT CProxyCache::_Deserialize(const CVoBinaryDataParser& parser)
+{
+    constexpr CVoReporter report{ kSource, L"CProxyCache::_Deserialize" };
+    for (size_t i = 0; i < parser.GetCount(); ++i)
+    {
+        const CParamRec& param = parser.GetAt(i);
+        CSecretParser part;
+        std::wstring proxy;
+        if (HRESULT hr = part.ReadParamsFromString(param.Value()); FAILED(hr))
+            return report(868, hr);
+        else if (hr = part.GetParam(kProxyKey, proxy); FAILED(hr))
+            return report(870, hr);
+        // Names are kept as the store writes them, because they are compared in that form.
+        if (!proxy.empty() && VoProxyList::OnlyProxy(proxy) != proxy)
+            return report(873, E_INVALIDARG);
+
+        if (param.Name() == kEntryKey)
+        {
+            std::wstring serverKey;
+            CServerAddressData address;
+            HRESULT hr = part.GetParam(kServerKeyKey, serverKey);
+            if (SUCCEEDED(hr))
+                hr = address.SetAddress(serverKey, false, false, false);
+            if (SUCCEEDED(hr))
+                hr = ServerKeyOf(address) == serverKey ? SetProxy(serverKey, proxy, nullptr) : E_INVALIDARG;
+            if (FAILED(hr))
+                return report(885, hr);
+        }
+        else if (param.Name() == kCredentialsKey && !proxy.empty())
+        {
+            CHTTPProxyAuthenticationData authentication;
+            HRESULT hr = authentication.Deserialize(part);
+            if (SUCCEEDED(hr))
+                hr = SetAuthDataForProxy(proxy, authentication, false);
+            if (FAILED(hr))
+                return report(894, hr);
+        }
+        else
+            return report(897, E_INVALIDARG);
+    }
+    return S_OK;
+}
+
+HRESULT CProxyCache::Deserialize(std::wstring_view text) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CProxyCache::Deserialize" };
+    try
+    {
+        CSecretParser parser;
+        if (const HRESULT hr = parser.ReadParamsFromString(text); FAILED(hr))
+            return report(909, hr);
+        if (const HRESULT hr = _Deserialize(parser); FAILED(hr))
+            return report(911, hr);
+        return S_OK;
+    }
+    catch (...)
+    {
+        return report.CurrentException(916);
+    }
+}
+
+CVoGlobalHTTPProxyStoreImpl::~CVoGlobalHTTPProxyStoreImpl()
+{
+    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::~CVoGlobalHTTPProxyStoreImpl" };
+    if (const HRESULT hr = m_configuration.Clear(); FAILED(hr))
+        report(932, hr);
+}
+
+HRESULT CVoGlobalHTTPProxyStoreImpl::Clear() noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::Clear" };
+    CAutoLock lock(&m_lock);
+    // Both are cleared, whatever becomes of the first.
+    const HRESULT cache = m_cache.Clear();
+    const HRESULT configuration = m_configuration.Clear();
+    if (FAILED(cache))
+        return report(948, cache);
+    if (FAILED(configuration))
+        return report(951, configuration);
+    return S_OK;
+}
+
+HRESULT CVoGlobalHTTPProxyStoreImpl::Init(const CHTTPProxyConfigData& config) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::Init" };
+    CAutoLock lock(&m_lock);
+    bool changed = false;
+    if (const HRESULT hr = m_configuration.Init(config, changed); FAILED(hr))
+        return report(978, hr);
+    if (changed)
+        if (const HRESULT hr = m_cache.Clear(); FAILED(hr))
+            return report(983, hr);
+    return S_OK;
+}
+
+HRESULT CVoGlobalHTTPProxyStoreImpl::GetProxyForURL(std::wstring_view url, CProxyCache::CProxyPtr& proxy) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::GetProxyForURL" };
+    try
+    {
+        // A server that is known waits for no discovery of another.
+        if (const std::wstring_view part = ServerPartOf(url); !part.empty() && m_cache.GetProxyAndAuthData(part, proxy))
+            return S_OK;
+        CServerAddressData address;
+        if (const HRESULT hr = address.SetAddress(url, false, false, false); FAILED(hr))
+            return report(998, hr);
+        const std::wstring serverKey = CProxyCache::ServerKeyOf(address);
+        if (m_cache.GetProxyAndAuthData(serverKey, proxy))
+            return S_OK;
+
+        CAutoLock lock(&m_lock);
+        // Found while this thread waited?
+        if (m_cache.GetProxyAndAuthData(serverKey, proxy))
+            return S_OK;
+        return FindProxyForServer(address, serverKey, proxy);
+    }
+    catch (...)
+    {
+        return report.CurrentException(1005);
+    }
+}
+
+HRESULT CVoGlobalHTTPProxyStoreImpl::FindProxyForServer(const CServerAddressData& address, const std::wstring& serverKey,
+                                                        CProxyCache::CProxyPtr& proxy)
+{
+    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::GetProxyForURL" };
+    std::wstring proxyList;
+    std::wstring bypassList;
+    CHTTPProxyAuthenticationData authentication;
+    // Of the server alone: the answer is kept for all its URLs, and a script has no business with their paths.
+    if (const HRESULT hr = m_configuration.GetProxyForURL(address.BaseURL() + L'/', proxyList, bypassList, authentication);
+        FAILED(hr))
+        return report(1011, hr);
+
+    std::wstring name;
+    try
+    {
+        name = VoProxyList::ProxyForScheme(proxyList, address.IsSecure());
+    }
+    catch (...)
+    {
+        return report.CurrentException(1023);
+    }
+    if (!name.empty() && authentication.AreUsable())
+        // The application's own are the proxy's first; what was saved for it since is newer.
+        if (const HRESULT hr = m_cache.SetAuthDataForProxy(name, authentication, true); FAILED(hr))
+            return report(1019, hr);
+    if (VoProxyList::IsBypassed(bypassList, address.Host()))
+        name.clear();
+    if (const HRESULT hr = m_cache.SetProxy(serverKey, name, &proxy); FAILED(hr))
+        return report(1078, hr);
+    return S_OK;
+}
+
+HRESULT CVoGlobalHTTPProxyStoreImpl::GetManualProxy(CProxyCache::CProxyPtr& proxy) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::GetManualProxy" };
+    try
+    {
+        CAutoLock lock(&m_lock);
+        std::wstring proxyList;
+        CHTTPProxyAuthenticationData authentication;
+        if (const HRESULT hr = m_configuration.GetManualProxy(proxyList, authentication); FAILED(hr))
+            return report(1096, hr);
+
+        const std::wstring plain = VoProxyList::ProxyForScheme(proxyList, false);
+        const std::wstring secure = VoProxyList::ProxyForScheme(proxyList, true);
+        const std::wstring only = VoProxyList::OnlyProxy(proxyList);
+        CProxyCache::CProxy answer{ VoEqualsNoCase(plain, secure) ? plain : proxyList, {}, false };
+        if (!only.empty())
+        {
+            const CProxyCache::CProxyPtr known = m_cache.FindProxy(only);
+            answer.authentication = known && known->isAuthenticationKnown ? known->authentication : authentication;
+        }
+        proxy = std::make_shared<CProxyCache::CProxy>(std::move(answer));
+        return S_OK;
+    }
+    catch (...)
+    {
+        return report.CurrentException(1113);
+    }
+}
+
+HRESULT CVoGlobalHTTPProxyStoreImpl::GetProxyForUrl(BSTR url, BSTR* proxy, BSTR* user, BSTR* password) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::GetProxyForUrl" };
+    if (!proxy)
+        return report(1121, E_POINTER);
+    try
+    {
+        const std::wstring_view urlText = CVoBstr::ViewOf(url);
+        CProxyCache::CProxyPtr found;
+        if (const HRESULT hr = urlText.empty() ? GetManualProxy(found) : GetProxyForURL(urlText, found); FAILED(hr))
+            return report(1128, hr);
+
+        CVoBstr name(found ? std::wstring_view(found->name) : std::wstring_view());
+        CVoBstr foundUser;
+        CVoBstr foundPassword;
+        if (user && password && found && found->authentication.AreUsable())
+        {
+            foundUser = CVoBstr(found->authentication.userName);
+            foundPassword = CVoBstr(found->authentication.password.Get());
+        }
+        *proxy = name.Detach();
+        if (user)
+            *user = foundUser.Detach();
+        if (password)
+            *password = foundPassword.Detach();
+        return S_OK;
+    }
+    catch (...)
+    {
+        return report.CurrentException(1147);
+    }
+}
+
+HRESULT CVoGlobalHTTPProxyStoreImpl::SetAuthDataForProxy(BSTR proxy, BSTR user, BSTR password, VARIANT_BOOL valid,
+                                                         VARIANT_BOOL required) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::SetAuthDataForProxy" };
+    try
+    {
+        const std::wstring name = VoProxyList::OnlyProxy(CVoBstr::ViewOf(proxy));
+        if (name.empty())
+            return report(1159, E_INVALIDARG);
+        CHTTPProxyAuthenticationData authentication;
+        authentication.valid = valid != VARIANT_FALSE;
+        authentication.required = required != VARIANT_FALSE;
+        authentication.userName = CVoBstr::ViewOf(user);
+        authentication.password.Get() = CVoBstr::ViewOf(password);
+        CAutoLock lock(&m_lock);
+        if (const HRESULT hr = m_cache.SetAuthDataForProxy(name, authentication, false); FAILED(hr))
+            return report(1167, hr);
+        return S_OK;
+    }
+    catch (...)
+    {
+        return report.CurrentException(1172);
+    }
+}
+
+HRESULT CVoGlobalHTTPProxyStoreImpl::Serialize(BSTR* data) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::Serialize" };
+    if (!data)
+        return report(1180, E_POINTER);
+    try
+    {
+        CSecretParser parser;
+        CVoSecret<wchar_t> config;
+        CVoSecret<wchar_t> cache;
+        CVoSecret<wchar_t> text;
+        {
+            CAutoLock lock(&m_lock);
+            if (const HRESULT hr = m_configuration.Serialize(config); FAILED(hr))
+                return report(1190, hr);
+            if (const HRESULT hr = m_cache.Serialize(cache); FAILED(hr))
+                return report(1192, hr);
+        }
+        HRESULT hr = parser.AddParam(kConfigKey, config.Get());
+        if (SUCCEEDED(hr))
+            hr = parser.AddParam(kCacheKey, cache.Get());
+        if (SUCCEEDED(hr))
+            hr = parser.GetParamsAsString(text.Get());
+        if (FAILED(hr))
+            return report(1200, hr);
+        *data = CVoBstr(text.Get()).Detach();
+        return S_OK;
+    }
+    catch (...)
+    {
+        return report.CurrentException(1206);
+    }
+}
+
+HRESULT CVoGlobalHTTPProxyStoreImpl::Deserialize(BSTR data) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::Deserialize" };
+    if (CVoBstr::ViewOf(data).empty())
+    {
+        const HRESULT hr = Clear();
+        return FAILED(hr) ? report(1216, hr) : hr;
+    }
+    try
+    {
+        CHTTPProxyConfigData config;
+        CProxyCache cache;
+        CSecretParser parser;
+        CVoSecret<wchar_t> configText;
+        CVoSecret<wchar_t> cacheText;
+        HRESULT hr = parser.ReadParamsFromString(CVoBstr::ViewOf(data));
+        if (SUCCEEDED(hr))
+            hr = parser.GetParam(kConfigKey, configText.Get());
+        if (SUCCEEDED(hr))
+            hr = parser.GetParam(kCacheKey, cacheText.Get());
+        if (SUCCEEDED(hr))
+            hr = config.Deserialize(configText.Get());
+        if (SUCCEEDED(hr))
+            hr = cache.Deserialize(cacheText.Get());
+        if (FAILED(hr))
+            return report(1232, hr);
+
+        CAutoLock lock(&m_lock);
+        bool changed = false;
+        if (hr = m_configuration.Init(config, changed); FAILED(hr))
+            return report(1237, hr);
+        m_cache.Swap(cache);
+        return S_OK;
+    }
+    catch (...)
+    {
+        return report.CurrentException(1243);
+    }
+}
+
+std::span<const CVoProperty<CVoGlobalHTTPProxyStoreImpl>> CVoGlobalHTTPProxyStoreImpl::PropertyTable() noexcept
+{
+    using Store = CVoGlobalHTTPProxyStoreImpl;
+    static constexpr CVoProperty<Store> kTable[] = {
+        { L"ProxyDataString", L"Content of global Proxy Store serialized as string.", &Store::GetProxyDataString,
+          &Store::PutProxyDataString },
+    };
+    return kTable;
+}
+
+HRESULT CVoGlobalHTTPProxyStoreImpl::GetProxyDataString(VARIANT& value) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::GetProxyDataString" };
+    BSTR text = nullptr;
+    if (const HRESULT hr = Serialize(&text); FAILED(hr))
+        return report(1258, hr);
+    value.vt = VT_BSTR;
+    value.bstrVal = text;
+    return S_OK;
+}
+
+HRESULT CVoGlobalHTTPProxyStoreImpl::PutProxyDataString(const VARIANT& value) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::PutProxyDataString" };
+    if (value.vt != VT_BSTR)
+        return report(1268, DISP_E_TYPEMISMATCH);
+    if (const HRESULT hr = Deserialize(value.bstrVal); FAILED(hr))
+        return report(1270, hr);
+    return S_OK;
+}
+
+HRESULT CreateGlobalHTTPProxyStoreForModule(IVoHTTPProxyStore** store) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CreateGlobalHTTPProxyStoreForModule" };
+    if (!store)
+        return report(1278, E_POINTER);
+    try
+    {
+        CVoComPtr<CVoGlobalHTTPProxyStoreImpl> made = VoMakeComObject<CVoGlobalHTTPProxyStoreImpl>();
+        if (!made)
+            return report(1283, E_OUTOFMEMORY);
+        // A user whose settings cannot be had is not cut off: the store connects directly then.
+        CHTTPProxyConfigData config;
+        HRESULT hr = config.InitFromIE();
+        if (SUCCEEDED(hr))
+            hr = made->Init(config);
+        if (FAILED(hr))
+            report(1290, hr);
+        *store = made.Detach();
+        return S_OK;
+    }
+    catch (...)
+    {
+        return report.CurrentException(1296);
+    }
+}
