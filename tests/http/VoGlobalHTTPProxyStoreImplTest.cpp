@@ -181,6 +181,15 @@ private:
     };
 };
 
+CDiscovery::CAnswer Finds(std::wstring_view proxy, std::wstring_view bypass = {})
+{
+    return { ERROR_SUCCESS, std::wstring(proxy), std::wstring(bypass), WINHTTP_ACCESS_TYPE_NAMED_PROXY };
+}
+CDiscovery::CAnswer Fails(DWORD error)
+{
+    return { error, {}, {}, 0 };
+}
+
 // --- the user's Internet settings
 
 struct CSettingsCase
@@ -237,8 +246,9 @@ TEST(ProxyConfiguration, ReportsSettingsThatCannotBeHad)
         EXPECT_EQ(config.InitFromIE(), error ? HResultFromWin32(error) : E_FAIL);
         EXPECT_TRUE(config == Manual(L"p:1"));
     }
-    EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kSource, 314, L"CHTTPProxyConfigData::InitFromIE", 0x80070002),
-                                         IsReport(kSource, 315, L"CHTTPProxyConfigData::InitFromIE", E_FAIL)));
+    EXPECT_THAT(log.Lines(),
+                ElementsAre(IsReport(kSource, 314, L"CHTTPProxyConfigData::InitFromIE", HResultFromWin32(ERROR_FILE_NOT_FOUND)),
+                            IsReport(kSource, 315, L"CHTTPProxyConfigData::InitFromIE", E_FAIL)));
 }
 
 TEST(ProxyStore, OfTheModuleHasTheUsersSettings)
@@ -263,7 +273,7 @@ TEST(ProxyStore, OfTheModuleHasTheUsersSettings)
     CVoComPtr<IVoHTTPProxyStore> store;
     ASSERT_EQ(CreateGlobalHTTPProxyStoreForModule(store.Put()), S_OK);
     EXPECT_EQ(Look(*store.Get(), L"http://www.example/"), L" - -");
-    EXPECT_THAT(log.Lines(), Contains(IsReportBy(L"CreateGlobalHTTPProxyStoreForModule", 0x8007000E)));
+    EXPECT_THAT(log.Lines(), Contains(IsReportBy(L"CreateGlobalHTTPProxyStoreForModule", HResultFromWin32(ERROR_OUTOFMEMORY))));
     EXPECT_EQ(CreateGlobalHTTPProxyStoreForModule(nullptr), E_POINTER);
 }
 
@@ -317,21 +327,21 @@ struct CDiscoveryCase
 TEST(ProxyStore, DegradesToDirectWhenDiscoveryFails)
 {
     const CDiscoveryCase table[] = {
-        { "a list", { { 0, L"http=a:1;https=b:2", L"" } }, L"a:1", {} },
-        { "a list that bypasses the host", { { 0, L"a:1", L"www.example" } }, L"", {} },
-        { "no proxy", { { 0, L"a:1", L"b", WINHTTP_ACCESS_TYPE_NO_PROXY } }, L"", {} },
-        { "an empty answer", { {} }, L"", {} },
-        { "a login, then a list", { { 12015 }, { 0, L"a:1", L"" } }, L"a:1", {} },
-        { "a login, then no script", { { 12015 }, { 12167 } }, L"", {} },
-        { "a login twice", { { 12015 } }, L"", { { 202, 0x80072EEF }, { 249, 0x80072EEF } } },
-        { "a login, then a failure without a code", { { 12015 }, { 0xFFFFFFFF } }, L"", { { 202, -1 }, { 249, -1 } } },
-        { "bad script", { { 12166 } }, L"", {} },
-        { "script not downloaded", { { 12167 } }, L"", {} },
-        { "unhandled script type", { { 12176 } }, L"", {} },
-        { "script throws", { { 12177 } }, L"", {} },
-        { "service fails", { { 12178 } }, L"", {} },
-        { "nothing detected", { { 12180 } }, L"", {} },
-        { "anything else", { { 12002 } }, L"", { { 264, 0x80072EE2 } } },
+        { "a list", { Finds(L"http=a:1;https=b:2") }, L"a:1", {} },
+        { "a list that bypasses the host", { Finds(L"a:1", L"www.example") }, L"", {} },
+        { "no proxy", { { ERROR_SUCCESS, L"a:1", L"b", WINHTTP_ACCESS_TYPE_NO_PROXY } }, L"", {} },
+        { "an empty answer", { Finds(L"") }, L"", {} },
+        { "a login, then a list", { Fails(12015), Finds(L"a:1") }, L"a:1", {} },
+        { "a login, then no script", { Fails(12015), Fails(12167) }, L"", {} },
+        { "a login twice", { Fails(12015) }, L"", { { 202, HResultFromWin32(12015) }, { 249, HResultFromWin32(12015) } } },
+        { "a login, then a failure without a code", { Fails(12015), Fails(0xFFFFFFFF) }, L"", { { 202, -1 }, { 249, -1 } } },
+        { "bad script", { Fails(12166) }, L"", {} },
+        { "script not downloaded", { Fails(12167) }, L"", {} },
+        { "unhandled script type", { Fails(12176) }, L"", {} },
+        { "script throws", { Fails(12177) }, L"", {} },
+        { "service fails", { Fails(12178) }, L"", {} },
+        { "nothing detected", { Fails(12180) }, L"", {} },
+        { "anything else", { Fails(12002) }, L"", { { 264, HResultFromWin32(12002) } } },
     };
     for (const CDiscoveryCase& row : table)
     {
@@ -369,7 +379,7 @@ TEST(ProxyStore, AsksThePlatformAsConfigured)
 {
     constexpr DWORD kDetect = WINHTTP_AUTOPROXY_AUTO_DETECT | WINHTTP_AUTOPROXY_SORT_RESULTS;
     constexpr DWORD kTypes = WINHTTP_AUTO_DETECT_TYPE_DHCP | WINHTTP_AUTO_DETECT_TYPE_DNS_A;
-    const CDiscovery discovery({ { 12015 }, { 0, L"p:1", L"" } });
+    const CDiscovery discovery({ Fails(12015), Finds(L"p:1") });
     std::vector<std::wstring> agents;
     const CCallHook<decltype(&::WinHttpOpen)> open(
         "winhttp.dll", "WinHttpOpen",
@@ -415,7 +425,7 @@ TEST(ProxyStore, DiscoversOnceForEachServerFromManyThreads)
 {
     constexpr int kThreads = 8;
     constexpr int kServers = 5;
-    const CDiscovery discovery({ { 0, L"p:1", L"" } });
+    const CDiscovery discovery({ Finds(L"p:1") });
     const CTestStore store(Detection());
     std::atomic<int> wrong{ 0 };
     std::vector<std::thread> threads;
@@ -438,13 +448,10 @@ TEST(ProxyStore, DiscoversOnceForEachServerFromManyThreads)
 
 TEST(ProxyStore, AnswersForKnownServersWhileAScriptRuns)
 {
-    const CEvent running(false, true);
     CEvent answered(false, true);
     const CTestStore store(Manual(L"p:1"));
     EXPECT_EQ(store.Look(L"http://known/"), L"p:1 - -");
-    const std::wstring known = store.Serialize();
-    CHTTPProxyConfigData config = Detection();
-    ASSERT_EQ(store->Init(config), S_OK);
+    ASSERT_EQ(store->Init(Detection()), S_OK);
 
     CEvent began(false, true);
     const CCallHook<decltype(&::WinHttpGetProxyForUrl)> hook(
@@ -538,7 +545,7 @@ TEST(ProxyStore, ComesBackFromItsText)
     CTestStore store(config);
     const std::wstring withConfigured = L"a:1 us&er$ p=a&&s$s \x00E4\xD83D\xDE00";
     EXPECT_EQ(store.Look(L"http://First.test/"), withConfigured);
-    EXPECT_EQ(store.Look(L"http://x:81/"), L"a:1 us&er$ p=a&&s$s \x00E4\xD83D\xDE00");
+    EXPECT_EQ(store.Look(L"http://x:81/"), L" - -");
     EXPECT_EQ(store.Look(L"https://local/"), L" - -");
     EXPECT_EQ(store.Save(L"later:3", L"", L"\"&"), S_OK);
     EXPECT_EQ(store.Save(L"b:2", L"only", L"kept", true, false), S_OK);
@@ -570,7 +577,7 @@ TEST(ProxyStore, ComesBackFromItsText)
 
 TEST(ProxyStore, DiscoversAfterComingBack)
 {
-    const CDiscovery discovery({ { 0, L"p:1", L"" } });
+    const CDiscovery discovery({ Finds(L"p:1") });
     CTestStore first(Script(L"http://script/"));
     EXPECT_EQ(first.Look(L"http://known/"), L"p:1 - -");
     CTestStore second;
@@ -636,8 +643,10 @@ TEST(ProxyStore, ReportsASessionThatFailsAndKeepsItsConfiguration)
     {
         const CFailOnCall<decltype(&::WinHttpOpen)> fail("winhttp.dll", "WinHttpOpen", 1, nullptr, ERROR_OUTOFMEMORY);
         EXPECT_EQ(run(), HResultFromWin32(ERROR_OUTOFMEMORY));
-        EXPECT_THAT(log.Lines(), AllOf(Contains(IsReport(kSource, 630, L"CProxyConfigHandler::Init", 0x8007000E)),
-                                       Contains(IsReport(kSource, 978, L"CVoGlobalHTTPProxyStoreImpl::Init", 0x8007000E))));
+        EXPECT_THAT(
+            log.Lines(),
+            AllOf(Contains(IsReport(kSource, 630, L"CProxyConfigHandler::Init", HResultFromWin32(ERROR_OUTOFMEMORY))),
+                  Contains(IsReport(kSource, 978, L"CVoGlobalHTTPProxyStoreImpl::Init", HResultFromWin32(ERROR_OUTOFMEMORY)))));
     }
     log.Clear();
     {
@@ -654,8 +663,9 @@ TEST(ProxyStore, ReportsASessionThatFailsAndKeepsItsConfiguration)
                                                             EInjectedFailure::AfterCall);
     EXPECT_EQ(store->Clear(), HResultFromWin32(ERROR_INVALID_HANDLE));
     EXPECT_EQ(store.Look(L"http://host/"), L" - -");
-    EXPECT_THAT(log.Lines(), AllOf(Contains(IsReportBy(L"CProxyConfigHandler::Clear", 0x80070006)),
-                                   Contains(IsReportBy(L"CVoGlobalHTTPProxyStoreImpl::Clear", 0x80070006))));
+    EXPECT_THAT(log.Lines(),
+                AllOf(Contains(IsReportBy(L"CProxyConfigHandler::Clear", HResultFromWin32(ERROR_INVALID_HANDLE))),
+                      Contains(IsReportBy(L"CVoGlobalHTTPProxyStoreImpl::Clear", HResultFromWin32(ERROR_INVALID_HANDLE)))));
 }
 
 TEST(ProxyStore, ClosesItsSessionAtItsEnd)
