@@ -7,6 +7,7 @@
 #include <base/VoUtils.h>
 
 #include <algorithm>
+#include <array>
 
 namespace
 {
@@ -20,27 +21,48 @@ constexpr const wchar_t* kServerKeyKey = L"ServerKey";
 constexpr const wchar_t* kProxyKey = L"Proxy";
 constexpr const wchar_t* kCredentialsKey = L"Credentials";
 
-// The server's part of a URL, when it can be told apart without parsing and is a server key if the URL is written like one. A
-// control character, which parsing refuses or trims, gives nothing.
-std::wstring_view ServerPartOf(std::wstring_view url) noexcept
+// Names beyond ASCII keep their case: two ways to write one are two servers, which costs no more than a look-up.
+constexpr wchar_t ToSmallLetter(wchar_t character) noexcept
 {
-    const auto isControl = [](wchar_t character) { return character < L' ' || (character >= 0x7F && character < 0xA0); };
-    size_t end = url.starts_with(L"https://") ? 8 : url.starts_with(L"http://") ? 7 : 0;
-    if (end == 0 || std::any_of(url.begin(), url.end(), isControl))
-        return {};
-    while (end < url.size() && url[end] != L'/' && url[end] != L'?' && url[end] != L'#')
-        ++end;
-    return url.substr(0, end);
+    return character >= L'A' && character <= L'Z' ? static_cast<wchar_t>(character - L'A' + L'a') : character;
 }
+
+// The server key of a URL that is written in the usual way, found without parsing it, which would take most of the time of a
+// look-up. It is no more than a guess: nothing else writes a server's key like this, so that it finds the server or none.
+class CQuickServerKey
+{
+public:
+    // No key for a URL with a control character, which parsing refuses or trims, or without a scheme.
+    explicit CQuickServerKey(std::wstring_view url) noexcept
+    {
+        constexpr auto kIsControl = [](wchar_t character)
+        { return character < L' ' || (character >= 0x7F && character < 0xA0); };
+        const size_t scheme = url.find(L':');
+        if (scheme == std::wstring_view::npos || !url.substr(scheme).starts_with(L"://") ||
+            std::any_of(url.begin(), url.end(), kIsControl))
+            return;
+        const std::wstring_view server = url.substr(0, url.find_first_of(L"/?#", scheme + 3));
+        if (server.size() > m_text.size())
+            return;
+        std::transform(server.begin(), server.end(), m_text.begin(), ToSmallLetter);
+        std::wstring_view key(m_text.data(), server.size());
+        if (const std::wstring_view port = key.starts_with(L"https:") ? L":443" : L":80"; key.ends_with(port))
+            key.remove_suffix(port.size());
+        m_length = key.size();
+    }
+    // Empty when there is none.
+    [[nodiscard]] std::wstring_view Get() const noexcept { return { m_text.data(), m_length }; }
+
+private:
+    std::array<wchar_t, 280> m_text; // a host name has at most 253 characters
+    size_t m_length = 0;
+};
 } // namespace
 
 std::wstring CProxyCache::ServerKeyOf(const CServerAddressData& address)
 {
     std::wstring key = address.BaseURL();
-    // Names beyond ASCII keep their case: two ways to write one are two servers, which costs no more than a look-up.
-    for (wchar_t& character : key)
-        if (character >= L'A' && character <= L'Z')
-            character = static_cast<wchar_t>(character - L'A' + L'a');
+    std::transform(key.begin(), key.end(), key.begin(), ToSmallLetter);
     return key;
 }
 
@@ -268,7 +290,7 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::GetProxyForURL(std::wstring_view url, CProx
     try
     {
         // A server that is known waits for no discovery of another.
-        if (const std::wstring_view part = ServerPartOf(url); !part.empty() && m_cache.GetProxyAndAuthData(part, proxy))
+        if (m_cache.GetProxyAndAuthData(CQuickServerKey(url).Get(), proxy))
             return S_OK;
         CServerAddressData address;
         if (const HRESULT hr = address.SetAddress(url, false, false, false); FAILED(hr))
