@@ -1,0 +1,69 @@
+#include "AuthAnswers.h"
+
+#include <VoGlobalHTTPUtils.h>
+#include <base/com/VoComHelper.h>
+
+namespace
+{
+// Scheme, host and port of a URL; the text itself when it is none.
+std::wstring ServerTarget(BSTR serverAddress, BSTR url)
+{
+    CServerAddressData address;
+    if (SUCCEEDED(address.SetAddress(CVoBstr::ViewOf(url), false, false, false)))
+        return address.BaseURL();
+    return std::wstring(CVoBstr::ViewOf(serverAddress));
+}
+} // namespace
+
+void CAuthAnswers::OnRequestAccepted()
+{
+    const std::lock_guard lock(m_lock);
+    m_answered.clear();
+}
+
+STDMETHODIMP CAuthAnswers::SetParentWindow(HWND) noexcept
+{
+    return S_OK;
+}
+
+STDMETHODIMP CAuthAnswers::OnProxyAuthNeeded(BSTR, BSTR serverAddress, BSTR reserved, BSTR* user, BSTR* password,
+                                             VARIANT_BOOL* cancelled) noexcept
+try
+{
+    const BSTR proxy = ::SysStringLen(reserved) != 0 ? reserved : serverAddress;
+    return Answer(m_proxy, L"proxy " + std::wstring(CVoBstr::ViewOf(proxy)), user, password, cancelled);
+}
+catch (...)
+{
+    return HResultFromCurrentException();
+}
+
+STDMETHODIMP CAuthAnswers::OnServerAuthNeeded(BSTR, BSTR serverAddress, BSTR reserved, BSTR* user, BSTR* password,
+                                              VARIANT_BOOL* cancelled) noexcept
+try
+{
+    return Answer(m_server, L"server " + ServerTarget(serverAddress, reserved), user, password, cancelled);
+}
+catch (...)
+{
+    return HResultFromCurrentException();
+}
+
+HRESULT CAuthAnswers::Answer(const std::optional<CCredentials>& credentials, std::wstring target, BSTR* user, BSTR* password,
+                             VARIANT_BOOL* cancelled)
+{
+    if (!user || !password || !cancelled)
+        return E_POINTER;
+    const std::lock_guard lock(m_lock);
+    if (!credentials || !m_answered.insert(std::move(target)).second)
+    {
+        *cancelled = VARIANT_TRUE;
+        return S_OK;
+    }
+    CVoBstr newUser(credentials->user);
+    CVoBstr newPassword(credentials->password.Get());
+    ::SysFreeString(std::exchange(*user, newUser.Detach()));
+    ::SysFreeString(std::exchange(*password, newPassword.Detach()));
+    *cancelled = VARIANT_FALSE;
+    return S_OK;
+}

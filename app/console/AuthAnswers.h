@@ -1,0 +1,47 @@
+// Answers to authentication challenges that the command line gave.
+#pragma once
+
+#include <VoHTTPStores.h>
+#include <base/VoWipe.h>
+#include <base/com/VoIUnknown.h>
+
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+
+struct CCredentials
+{
+    std::wstring user;
+    CVoSecret<wchar_t> password;
+};
+
+// Gives the credentials once to each target that asks: who asks a second time did not take them, and asking on would lock an
+// account. Challenges without credentials are declined. Any thread.
+class CAuthAnswers : public CVoIUnknownImplWithFreeThreadedMarshaller<IVoAuthenticationCallback>
+{
+public:
+    CAuthAnswers(std::optional<CCredentials> server, std::optional<CCredentials> proxy)
+        : m_server(std::move(server)), m_proxy(std::move(proxy))
+    {
+    }
+
+    // A request went through: what was answered was right, and may be answered to the next request's challenge.
+    void OnRequestAccepted();
+
+    STDMETHODIMP SetParentWindow(HWND parent) noexcept override;
+    STDMETHODIMP OnProxyAuthNeeded(BSTR title, BSTR serverAddress, BSTR reserved, BSTR* user, BSTR* password,
+                                   VARIANT_BOOL* cancelled) noexcept override;
+    STDMETHODIMP OnServerAuthNeeded(BSTR title, BSTR serverAddress, BSTR reserved, BSTR* user, BSTR* password,
+                                    VARIANT_BOOL* cancelled) noexcept override;
+
+private:
+    HRESULT Answer(const std::optional<CCredentials>& credentials, std::wstring target, BSTR* user, BSTR* password,
+                   VARIANT_BOOL* cancelled);
+
+    const std::optional<CCredentials> m_server;
+    const std::optional<CCredentials> m_proxy;
+    std::mutex m_lock;
+    std::set<std::wstring> m_answered;
+};

@@ -1,0 +1,139 @@
+#include "Command.h"
+
+#include "Files.h"
+
+#include <VoGlobalHTTPCookieStoreImpl.h>
+
+IVoHTTPCookieStore& CProcessState::CookieStore()
+{
+    if (!m_cookieStore)
+        Check(CreateGlobalHTTPCookieStoreForModule(m_cookieStore.Put()));
+    return *m_cookieStore.Get();
+}
+
+std::vector<BYTE> CContext::ReadInput()
+{
+    if (m_inputTaken)
+        throw CUsageError("standard input can be read only once");
+    m_inputTaken = true;
+    return ReadAll(m_streams.in);
+}
+
+std::vector<BYTE> CContext::ReadFile(const std::string& file)
+{
+    if (file == "-")
+        return ReadInput();
+    try
+    {
+        return ReadWholeFile(FromUtf8(file));
+    }
+    catch (const CVoHResultException& failure)
+    {
+        throw CDetailedFailure(failure.Result(), file);
+    }
+}
+
+std::wstring CContext::ReadTextFile(const std::string& file)
+{
+    const std::vector<BYTE> bytes = ReadFile(file);
+    std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    if (text.starts_with("\xEF\xBB\xBF"))
+        text.remove_prefix(3);
+    try
+    {
+        return FromUtf8(text);
+    }
+    catch (const CVoHResultException& failure)
+    {
+        throw CDetailedFailure(failure.Result(), file);
+    }
+}
+
+void CContext::WriteFile(const std::string& file, std::span<const BYTE> bytes)
+{
+    if (file == "-")
+    {
+        m_streams.out.Write(bytes);
+        return;
+    }
+    try
+    {
+        WriteWholeFile(FromUtf8(file), bytes);
+    }
+    catch (const CVoHResultException& failure)
+    {
+        throw CDetailedFailure(failure.Result(), file);
+    }
+}
+
+std::wstring CContext::ReadValue(std::string_view value)
+{
+    if (value == "-")
+        return ReadTextFile("-");
+    if (value.starts_with('@'))
+        return ReadTextFile(std::string(value.substr(1)));
+    return FromUtf8(value);
+}
+
+void CContext::PutLine(const char* key, std::wstring_view text)
+{
+    if (m_options.json)
+        m_answer[key] = ToUtf8(text);
+    else
+        m_streams.out.Write(ToUtf8(text) + '\n');
+}
+
+void CContext::PutText(const char* key, std::wstring_view text)
+{
+    if (m_options.json)
+        m_answer[key] = ToUtf8(text);
+    else
+        m_streams.out.Write(ToUtf8(text));
+}
+
+void CContext::PutBytes(const char* key, std::span<const BYTE> bytes)
+{
+    if (m_options.json)
+        m_answer[key] = ToBase64(bytes);
+    else
+        m_streams.out.Write(bytes);
+}
+
+void CContext::PutObject(CJson object)
+{
+    if (m_options.json)
+        m_answer.update(object);
+    else
+        m_streams.out.Write(object.dump(2, ' ', false, CJson::error_handler_t::replace) + '\n');
+}
+
+void CContext::Remark(std::string_view text)
+{
+    if (!m_options.quiet)
+        m_streams.err.Write("voutils: " + std::string(text) + '\n');
+}
+
+int CContext::Finish(HRESULT result, std::string_view detail)
+{
+    std::string error;
+    if (FAILED(result))
+    {
+        m_exitCode = kExitFailure;
+        error = ErrorLine(result);
+        if (!detail.empty())
+            error += (error.empty() ? "" : " ") + ("(" + std::string(detail) + ")");
+    }
+    if (m_options.json && !m_answersByLine)
+    {
+        CJson answer = CJson::object();
+        answer["result"] = ResultCode(result);
+        if (FAILED(result))
+            answer["error"] = error;
+        for (auto& [key, value] : m_answer.items())
+            answer[key] = std::move(value);
+        m_streams.out.Write(JsonLine(answer));
+    }
+    if (FAILED(result))
+        m_streams.err.Write("voutils: " + ResultCode(result) + ' ' + error + '\n');
+    return m_exitCode;
+}

@@ -1,0 +1,241 @@
+// demo: every kind of request through every transport, to a server of our own.
+#include "Console.h"
+#include "DemoServer.h"
+#include "Parameters.h"
+#include "RequestOptions.h"
+
+#include <base/VoUtils.h>
+#include <base/VoWipe.h>
+#include <win/OrvDigSign.h>
+
+#include <algorithm>
+#include <array>
+
+namespace
+{
+using EContentKind = CVoHTTPMessage::EContentKind;
+
+struct CTransport
+{
+    const char* name;
+    UINT32 engine;
+};
+constexpr std::array kTransports{ CTransport{ "libcurl", 2 } };
+
+struct CKind
+{
+    const char* name;
+    std::optional<EContentKind> content; // none: a GET request
+    bool hasParameters;
+    bool hasPayload;
+};
+constexpr std::array kKinds{
+    CKind{ "raw", EContentKind::Raw, true, true },       CKind{ "multipart", EContentKind::Multipart, true, true },
+    CKind{ "form", EContentKind::Form, true, false },    CKind{ "signed", EContentKind::SignedForm, true, false },
+    CKind{ "empty", EContentKind::Empty, false, false }, CKind{ "get", std::nullopt, true, false },
+};
+
+constexpr UINT32 kConnectTimeout = 10; // seconds
+constexpr UINT32 kRequestTimeout = 20;
+constexpr UINT32 kKeyBits = 2048;
+constexpr size_t kPayloadSize = 64 * 1024;
+
+// Texts with everything that an encoding can get wrong.
+constexpr std::array<std::pair<const wchar_t*, const wchar_t*>, 3> kParameters{ {
+    { L"customer", L"M\u00FCller & S\u00F6hne" },
+    { L"price", L"12 $ = 11 \u20AC" },
+    { L"note", L"100% \u2603 \U0001F4F7" },
+} };
+
+std::vector<BYTE> MakePayload()
+{
+    std::vector<BYTE> payload(kPayloadSize);
+    for (size_t i = 0; i < payload.size(); ++i)
+        payload[i] = static_cast<BYTE>(i * 31 + i / 256);
+    return payload;
+}
+
+// What one row tells.
+struct CRow
+{
+    const char* kind;
+    const char* transport;
+    std::string sent;
+    std::string received;
+    double milliseconds = 0;
+    bool right = false;
+};
+
+std::string Describe(size_t parameters, size_t payload)
+{
+    std::string text = parameters == 0 ? "no parameters" : std::to_string(parameters) + " parameters";
+    if (payload != 0)
+        text += ", " + std::to_string(payload) + " bytes";
+    return text;
+}
+
+class CDemo
+{
+public:
+    CDemo() : m_server(MakeKeys()) {}
+
+    CRow Run(const CKind& kind, const CTransport& transport)
+    {
+        CRow row{ kind.name, transport.name, {}, {} };
+        CVoBinaryDataParser request;
+        if (kind.hasParameters)
+            for (const auto& [name, value] : kParameters)
+                Check(request.AddParam(name, value));
+        if (kind.hasPayload)
+            request.SetPayload(MakePayload());
+        if (kind.content == EContentKind::Multipart)
+            Check(request.AddParam(L"FileName", L"photo.jpg"));
+        row.sent = Describe(request.GetCount(), request.Payload().size());
+        if (kind.content == EContentKind::SignedForm)
+            row.sent += ", signature";
+
+        CVoBinaryDataParser answer;
+        const INT64 begin = VoGetMicroseconds();
+        const HRESULT hr = Exchange(kind, transport, request, answer);
+        row.milliseconds = static_cast<double>(VoGetMicroseconds() - begin) / 1000;
+        if (FAILED(hr))
+        {
+            row.received = ResultCode(hr) + ' ' + ErrorLine(hr);
+            return row;
+        }
+        const size_t extra = kind.content == EContentKind::SignedForm ? 2 : 0;
+        row.received = Describe(answer.GetCount() - std::min(extra, answer.GetCount()), answer.Payload().size());
+        if (answer.ParamExists(kDemoSignatureValid))
+            row.received += ", signature valid";
+        row.right = IsRight(request, answer, extra);
+        return row;
+    }
+
+private:
+    // Keeps the private key and gives the public one.
+    std::wstring MakeKeys()
+    {
+        std::wstring publicKey;
+        Check(OrvDigSign::COrvRSAKey::Generate(kKeyBits, m_privateKey.Get(), publicKey));
+        return publicKey;
+    }
+
+    HRESULT Exchange(const CKind& kind, const CTransport& transport, const CVoBinaryDataParser& request,
+                     CVoBinaryDataParser& answer)
+    {
+        const CEngineChoice engine(transport.engine);
+        CServerAddressData address;
+        Check(address.SetAddress(m_server.URL(kind.content ? L"/demo" : Query(request)), false, true, true));
+        std::shared_ptr<CVoHTTPMessage> message;
+        if (const HRESULT hr = CVoHTTPMessage::Connect(address, nullptr, nullptr, nullptr, kConnectTimeout, kRequestTimeout,
+                                                       true, false, message);
+            FAILED(hr))
+            return hr;
+        std::shared_ptr<CVoHTTPMessage::CHTTPRequestData> data;
+        HRESULT hr = message->OpenRequest(data);
+        if (SUCCEEDED(hr))
+        {
+            const bool isSigned = kind.content == EContentKind::SignedForm;
+            hr = kind.content ? message->SendMessage(data, request, *kind.content, true,
+                                                     isSigned ? std::wstring_view(m_privateKey.Get()) : std::wstring_view(),
+                                                     isSigned ? kDemoSignatureName : L"", false, nullptr)
+                              : message->SendGetRequest(data, {}, false, nullptr);
+        }
+        if (SUCCEEDED(hr))
+            hr = message->ReadResponse(data, answer, CVoHTTPMessage::EResponseKind::Parameters, nullptr, nullptr);
+        return hr;
+    }
+
+    static std::wstring Query(const CVoBinaryDataParser& request)
+    {
+        CVoBinaryDataParser encoded(request);
+        Check(encoded.ConvertParamValuesToUTF8URLEncodedString(true));
+        std::wstring text;
+        Check(encoded.GetParamsAsString(text));
+        return L"/demo?" + text;
+    }
+
+    // Whether the answer holds what was sent, in its order, and `extra` parameters about the signature.
+    static bool IsRight(const CVoBinaryDataParser& request, const CVoBinaryDataParser& answer, size_t extra)
+    {
+        if (answer.GetCount() != request.GetCount() + extra || (extra != 0 && !answer.ParamExists(kDemoSignatureValid)))
+            return false;
+        for (size_t i = 0; i < request.GetCount(); ++i)
+            if (request.GetAt(i).Name() != answer.GetAt(i).Name() || request.GetAt(i).Value() != answer.GetAt(i).Value())
+                return false;
+        return std::ranges::equal(request.Payload(), answer.Payload());
+    }
+
+    CVoSecret<wchar_t> m_privateKey;
+    const CDemoServer m_server;
+};
+
+class CDemoCommand : public ICommand
+{
+public:
+    void Declare(CLI::App& app) override
+    {
+        app.footer(
+            "Starts a small server on this machine, sends it one request of every content kind through every transport, and "
+            "prints what was sent, what came back and how long it took. Exit code 0 only if every row is right.\n" +
+            app.get_footer());
+    }
+    void Run(CContext& context) override
+    {
+        CDemo demo;
+        CJson rows = CJson::array();
+        bool right = true;
+        PutRow(context, "kind", "transport", "sent", "came back", "ms", "");
+        for (const CTransport& transport : kTransports)
+        {
+            for (const CKind& kind : kKinds)
+            {
+                const CRow row = demo.Run(kind, transport);
+                right = right && row.right;
+                PutRow(context, row.kind, row.transport, row.sent, row.received, ToUtf8(VoFormat(L"%.1f", row.milliseconds)),
+                       row.right ? "right" : "WRONG");
+                rows.push_back({ { "kind", row.kind },
+                                 { "transport", row.transport },
+                                 { "sent", row.sent },
+                                 { "received", row.received },
+                                 { "seconds", row.milliseconds / 1000 },
+                                 { "right", row.right } });
+            }
+        }
+        context.PutKey("rows", std::move(rows));
+        if (!right)
+            context.SetExitCode(kExitFailure);
+    }
+
+private:
+    static void PutRow(CContext& context, const std::string& kind, const std::string& transport, const std::string& sent,
+                       const std::string& received, const std::string& time, const std::string& verdict)
+    {
+        if (context.Options().json)
+            return;
+        std::string line;
+        const auto column = [&line](const std::string& text, size_t width, bool toTheRight)
+        {
+            const std::string blanks(text.size() < width ? width - text.size() : 0, ' ');
+            line += toTheRight ? blanks + text : text + blanks;
+            line += "  ";
+        };
+        column(kind, 9, false);
+        column(transport, 9, false);
+        column(sent, 26, false);
+        column(received, 32, false);
+        column(time, 7, true);
+        line += verdict;
+        line.erase(line.find_last_not_of(' ') + 1);
+        context.Streams().out.Write(line + '\n');
+    }
+};
+} // namespace
+
+std::span<const CCommandEntry> DemoCommands()
+{
+    static constexpr std::array kCommands{
+        CCommandEntry{ nullptr, "demo", "Try every kind of request on a server of our own", MakeCommand<CDemoCommand> },
+    };
+    return kCommands;
+}

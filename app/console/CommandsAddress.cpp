@@ -1,0 +1,161 @@
+// address, resolve, cookies: what the library makes of URLs, names and cookies, without sending anything.
+#include "Console.h"
+#include "CookieFile.h"
+
+#include <VoGlobalHTTPUtils.h>
+#include <VoNetworkUtils.h>
+#include <base/VoUtils.h>
+#include <base/com/VoComHelper.h>
+
+#include <array>
+
+namespace
+{
+class CAddressCommand : public ICommand
+{
+public:
+    void Declare(CLI::App& app) override
+    {
+        app.add_option("URL", m_url, "[http[s]://]HOST[:PORT][/PATH][?QUERY]; an IPv6 address in brackets")->required();
+        app.add_flag("--default-secure", m_defaultSecure, "A text without a scheme means https");
+        app.add_flag("--no-path", m_noPath, "Keep neither path nor query");
+        app.add_flag("--no-query", m_noQuery, "Keep no query");
+        app.footer(
+            "Prints JSON: host, path, query, secure, port (0: the scheme's default) and the texts made of them: authority, "
+            "baseURL, pathURL, fullURL, objectName.\n" +
+            app.get_footer());
+    }
+    void Run(CContext& context) override
+    {
+        CServerAddressData address;
+        Check(address.SetAddress(context.ReadValue(m_url), m_defaultSecure, !m_noPath, !m_noQuery));
+        context.PutObject({ { "host", ToUtf8(address.Host()) },
+                            { "path", ToUtf8(address.Path()) },
+                            { "query", ToUtf8(address.Query()) },
+                            { "secure", address.IsSecure() },
+                            { "port", address.Port() },
+                            { "authority", ToUtf8(address.Authority()) },
+                            { "baseURL", ToUtf8(address.BaseURL()) },
+                            { "pathURL", ToUtf8(address.PathURL()) },
+                            { "fullURL", ToUtf8(address.FullURL()) },
+                            { "objectName", ToUtf8(address.ObjectName()) } });
+    }
+
+private:
+    std::string m_url;
+    bool m_defaultSecure = false;
+    bool m_noPath = false;
+    bool m_noQuery = false;
+};
+
+class CResolveCommand : public ICommand
+{
+public:
+    void Declare(CLI::App& app) override
+    {
+        app.add_option("HOST", m_host, "A host name, or an IPv4 or IPv6 address")->required();
+        app.footer("Prints JSON: address, ipv6, private (whether the address belongs to a private or link-local network).\n" +
+                   app.get_footer());
+    }
+    void Run(CContext& context) override
+    {
+        VoNetworkUtils::CVoIPAddress resolved;
+        bool found = false;
+        Check(resolved.InitFromDNSAddress(FromUtf8(m_host), false, found));
+        // A resolved record keeps bytes of the resolver's answer that are not the address; its text says what the address is.
+        VoNetworkUtils::CVoIPAddress address;
+        Check(address.InitFromIPAddress(resolved.Text()));
+        context.PutObject(
+            { { "address", ToUtf8(address.Text()) }, { "ipv6", address.IsIPv6() }, { "private", address.IsPrivateAddress() } });
+    }
+
+private:
+    std::string m_host;
+};
+
+class CCookiesCommand : public ICommand
+{
+public:
+    void Declare(CLI::App& app) override
+    {
+        app.add_option("--jar", m_jar, "Load the cookies from FILE if it exists, and save them there afterwards")
+            ->type_name("FILE");
+        app.footer(
+            "Each line of standard input is one JSON object: {\"set\": SET_COOKIE_VALUE, \"url\": URL}, {\"get\": URL} or "
+            "{\"clear\": true}. Each is answered with one: {\"result\": \"0x00000000\"}, with \"error\" on failure and for a "
+            "get "
+            "with \"cookie\", the Cookie header's value.\n" +
+            app.get_footer());
+    }
+    void Run(CContext& context) override
+    {
+        LoadCookies(context, m_jar);
+        context.SetAnswersByLine();
+        CLineReader lines(context.Streams().in);
+        for (std::string line; lines.Next(line);)
+            context.Streams().out.Write(JsonLine(AnswerLine(context, line)));
+        SaveCookies(context, m_jar);
+    }
+
+private:
+    static CJson AnswerLine(CContext& context, const std::string& line)
+    {
+        CJson answer = CJson::object();
+        HRESULT result = S_OK;
+        try
+        {
+            result = Do(context, CJson::parse(line, nullptr, false), answer);
+        }
+        catch (const CVoHResultException& failure)
+        {
+            result = failure.Result();
+        }
+        answer["result"] = ResultCode(result);
+        if (FAILED(result))
+            answer["error"] = ErrorLine(result);
+        return answer;
+    }
+
+    static HRESULT Do(CContext& context, const CJson& request, CJson& answer)
+    {
+        IVoHTTPCookieStore& store = context.Process().CookieStore();
+        if (const std::optional<std::wstring> url = Text(request, "get"))
+        {
+            const bool secure = VoStartsWithNoCase(*url, L"https://");
+            CVoBstr cookie;
+            const HRESULT hr =
+                store.GetCookieStringForHTTPRequest(CVoBstr(*url).Get(), secure ? VARIANT_TRUE : VARIANT_FALSE, cookie.Put());
+            if (SUCCEEDED(hr))
+                answer["cookie"] = ToUtf8(cookie.View());
+            return hr;
+        }
+        const std::optional<std::wstring> value = Text(request, "set");
+        const std::optional<std::wstring> url = Text(request, "url");
+        if (value && url)
+            return store.AddCookieFromString(CVoBstr(*value).Get(), CVoBstr(*url).Get());
+        if (request.is_object() && request.value("clear", CJson()) == true)
+            return store.Clear();
+        return E_INVALIDARG;
+    }
+
+    static std::optional<std::wstring> Text(const CJson& object, const char* key)
+    {
+        if (!object.is_object() || !object.contains(key) || !object[key].is_string())
+            return std::nullopt;
+        return FromUtf8(object[key].get_ref<const std::string&>());
+    }
+
+    std::string m_jar;
+};
+} // namespace
+
+std::span<const CCommandEntry> AddressCommands()
+{
+    static constexpr std::array kCommands{
+        CCommandEntry{ nullptr, "address", "Take a server's URL apart", MakeCommand<CAddressCommand> },
+        CCommandEntry{ nullptr, "resolve", "Find the address of a host", MakeCommand<CResolveCommand> },
+        CCommandEntry{ nullptr, "cookies", "Feed Set-Cookie values to the cookie store and ask it",
+                       MakeCommand<CCookiesCommand> },
+    };
+    return kCommands;
+}

@@ -1,0 +1,324 @@
+// send, get: requests through the library.
+#include "Console.h"
+#include "CookieFile.h"
+#include "Parameters.h"
+#include "ProgressBar.h"
+#include "RequestOptions.h"
+
+#include <base/VoUtils.h>
+
+#include <array>
+
+namespace
+{
+using EContentKind = CVoHTTPMessage::EContentKind;
+using EResponseKind = CVoHTTPMessage::EResponseKind;
+
+constexpr const char* kOutput = R"(Output: the parameters as NAME=VALUE lines, then the payload's bytes unless -o took them.
+--json: engine, params ([[name, value], ...]), payloadBase64, responses (with --messages), localAddress, status (of the last
+answer), retried, seconds (a list, one a request), cookie (the Cookie header that was sent).
+)";
+
+// What the requests of one run have in common.
+class CRequestCommand : public ICommand
+{
+public:
+    explicit CRequestCommand(EResponseKind response) noexcept : m_response(response) {}
+
+    void Run(CContext& context) final
+    {
+        m_connection.CheckAvailable();
+        Prepare(context);
+        const CVoComPtr<CAuthAnswers> answers = m_connection.MakeAuthAnswers(context);
+        CServerAddressData address;
+        Check(address.SetAddress(FromUtf8(m_url), false, true, true));
+        AdaptAddress(context, address);
+        LoadCookies(context, m_connection.CookieFile());
+        const CEngineChoice engine(m_connection.Engine());
+        context.PutKey("engine", engine.Name());
+        HRESULT result = S_OK;
+        CResponse response;
+        try
+        {
+            const std::shared_ptr<CVoHTTPMessage> message = m_connection.Connect(context, address, *answers.Get());
+            result = Exchange(context, *message, *answers.Get(), response);
+        }
+        catch (const CVoHResultException& failure)
+        {
+            SaveCookies(context, m_connection.CookieFile());
+            throw;
+        }
+        // A failed request may have set cookies as well.
+        SaveCookies(context, m_connection.CookieFile());
+        Check(result);
+        PutResponse(context, response);
+    }
+
+protected:
+    struct CResponse
+    {
+        std::vector<CVoBinaryDataParser> messages; // one, but for several messages
+    };
+    struct CRequest
+    {
+        CVoHTTPMessage& message;
+        std::shared_ptr<CVoHTTPMessage::CHTTPRequestData> data;
+    };
+
+    void DeclareCommon(CLI::App& app, const char* defaultResponse)
+    {
+        app.add_option("URL", m_url, "[http[s]://]HOST[:PORT][/PATH][?QUERY]")->required();
+        m_connection.Declare(app);
+        AddChoice<EResponseKind>(
+            app, "--response", m_response, { { "params", EResponseKind::Parameters }, { "raw", EResponseKind::Binary } },
+            std::string("Read the answer as parameter text and payload, or as bytes; default ") + defaultResponse);
+        app.add_option("-o,--output", m_output, "Put the answer's payload (or its bytes) in FILE; - is standard output")
+            ->type_name("FILE");
+        app.add_option("--repeat", m_repeat, "Make the request N times on one connection and show the last answer")
+            ->type_name("N")
+            ->check(CLI::Range(1U, 1000000000U).description(""));
+    }
+
+    // Reads what the command line names, before anything is sent.
+    virtual void Prepare(CContext& context) = 0;
+    virtual void AdaptAddress(CContext&, CServerAddressData&) {}
+    [[nodiscard]] virtual HRESULT Send(CRequest& request, bool allowRetry, CVoHTTPMessage::CSendResult& sent) = 0;
+    [[nodiscard]] virtual HRESULT Read(const CRequest& request, EResponseKind kind, CResponse& response)
+    {
+        response.messages.clear();
+        return request.message.ReadResponse(request.data, response.messages.emplace_back(), kind, nullptr, nullptr);
+    }
+    [[nodiscard]] virtual bool HasSeveralMessages() const noexcept { return false; }
+
+private:
+    HRESULT Exchange(CContext& context, CVoHTTPMessage& message, CAuthAnswers& answers, CResponse& response)
+    {
+        CJson seconds = CJson::array();
+        CVoHTTPMessage::CSendResult sent;
+        std::wstring cookie;
+        HRESULT hr = S_OK;
+        for (UINT32 i = 0; i < m_repeat && SUCCEEDED(hr); ++i)
+        {
+            const INT64 begin = VoGetMicroseconds();
+            CRequest request{ message, nullptr };
+            hr = message.OpenRequest(request.data);
+            if (SUCCEEDED(hr))
+            {
+                const CProgressBar progress(context.Streams().err, request.data, context.Options().quiet);
+                hr = Send(request, m_connection.AllowsRetry(), sent);
+            }
+            if (SUCCEEDED(hr))
+                hr = Read(request, m_response, response);
+            seconds.push_back(static_cast<double>(VoGetMicroseconds() - begin) / 1e6);
+            if (request.data)
+                cookie = request.data->CookieHeader();
+            if (SUCCEEDED(hr))
+                answers.OnRequestAccepted();
+        }
+        context.PutKey("localAddress", ToUtf8(sent.localAddress));
+        context.PutKey("status", sent.statusCode);
+        context.PutKey("retried", sent.retried);
+        context.PutKey("seconds", std::move(seconds));
+        context.PutKey("cookie", ToUtf8(cookie));
+        return hr;
+    }
+
+    void PutResponse(CContext& context, const CResponse& response)
+    {
+        std::vector<BYTE> payloads;
+        if (!m_output.empty())
+        {
+            for (const CVoBinaryDataParser& message : response.messages)
+                payloads.insert(payloads.end(), message.Payload().begin(), message.Payload().end());
+            context.WriteFile(m_output, payloads);
+        }
+        if (context.Options().json)
+        {
+            PutJson(context, response);
+            return;
+        }
+        for (const CVoBinaryDataParser& message : response.messages)
+        {
+            std::string lines;
+            for (size_t i = 0; i < message.GetCount(); ++i)
+                lines += ToUtf8(message.GetAt(i).Name()) + '=' + ToUtf8(message.GetAt(i).Value()) + '\n';
+            context.Streams().out.Write(lines);
+            if (m_output.empty())
+                context.Streams().out.Write(message.Payload());
+        }
+    }
+
+    void PutJson(CContext& context, const CResponse& response)
+    {
+        CJson messages = CJson::array();
+        for (const CVoBinaryDataParser& message : response.messages)
+            messages.push_back({ { "params", ParametersAsJson(message) }, { "payloadBase64", ToBase64(message.Payload()) } });
+        if (HasSeveralMessages())
+            context.PutKey("responses", std::move(messages));
+        else
+            for (auto& [key, value] : messages.at(0).items())
+                context.PutKey(key.c_str(), std::move(value));
+    }
+
+    std::string m_url;
+    CConnectionOptions m_connection;
+    EResponseKind m_response;
+    std::string m_output;
+    UINT32 m_repeat = 1;
+};
+
+// The messages of --messages.
+std::vector<CVoBinaryDataParser> ParseMessages(const std::vector<BYTE>& text)
+try
+{
+    std::vector<CVoBinaryDataParser> messages;
+    const CJson json = CJson::parse(text.begin(), text.end());
+    for (const CJson& item : json.get_ref<const CJson::array_t&>())
+    {
+        CVoBinaryDataParser& message = messages.emplace_back();
+        for (const CJson& parameter : item.value("params", CJson::array()))
+        {
+            const std::wstring name = FromUtf8(parameter.at(0).get<std::string>());
+            const std::wstring value = FromUtf8(parameter.at(1).get<std::string>());
+            Check(message.AddParam(name, std::wstring_view(value)));
+        }
+        message.SetPayload(FromBase64(item.value("payloadBase64", std::string())));
+    }
+    if (messages.empty())
+        throw CUsageError("--messages: the file holds no message");
+    return messages;
+}
+catch (const CJson::exception&)
+{
+    throw CUsageError(R"(--messages: the file is no array of {"params":[[NAME,VALUE],...],"payloadBase64":"..."})");
+}
+
+class CSendCommand final : public CRequestCommand
+{
+public:
+    CSendCommand() : CRequestCommand(EResponseKind::Parameters) {}
+
+    void Declare(CLI::App& app) override
+    {
+        DeclareCommon(app, "params");
+        m_parameters.Declare(app);
+        AddChoice<EContentKind>(
+            app, "--kind", m_kind,
+            { { "raw", EContentKind::Raw },
+              { "multipart", EContentKind::Multipart },
+              { "form", EContentKind::Form },
+              { "signed", EContentKind::SignedForm },
+              { "empty", EContentKind::Empty } },
+            "What the body carries: raw (default) the library's message; multipart a form with a file, named "
+            "by the parameters FileName and ContentType; form and signed a form without payload");
+        app.add_flag("--no-utf8", m_noUtf8, "Write texts in the system's ANSI code page");
+        app.add_option("--key", m_key, "signed: the private key, hexadecimal text of a key blob (see 'key new')")
+            ->type_name("FILE");
+        app.add_option("--signature-name", m_signatureName, "signed: the parameter that carries the signature")
+            ->type_name("NAME");
+        app.add_option("--messages", m_messagesFile,
+                       "Send several messages in one exchange: a JSON array of {\"params\":[[NAME,VALUE],...],"
+                       "\"payloadBase64\":\"...\"}")
+            ->type_name("FILE");
+        app.footer(
+            "Sends one POST request.\n" + std::string(kOutput) +
+            "Examples:\n  voutils send http://localhost:8080/service --engine curl -p user=ann --payload photo.jpg --kind "
+            "multipart -p FileName=photo.jpg\n  voutils send https://server.example/order --engine curl --kind signed --key "
+            "private.key --signature-name sig -p order=17\n" +
+            app.get_footer());
+        m_app = &app;
+    }
+
+protected:
+    void Prepare(CContext& context) override
+    {
+        if (!m_messagesFile.empty())
+        {
+            for (const char* const other : { "--param", "--payload", "--kind", "--key", "--signature-name" })
+                if (m_app->count(other) != 0)
+                    throw CUsageError(std::string(other) + " does not go with --messages");
+            m_messages = ParseMessages(context.ReadFile(m_messagesFile));
+            return;
+        }
+        m_parameters.Fill(context, m_message);
+        if (!m_key.empty())
+            m_keyText = CVoSecret<wchar_t>(context.ReadTextFile(m_key));
+    }
+    HRESULT Send(CRequest& request, bool allowRetry, CVoHTTPMessage::CSendResult& sent) override
+    {
+        if (HasSeveralMessages())
+            return request.message.SendMultipleMessages(request.data, m_messages, !m_noUtf8, allowRetry, &sent);
+        return request.message.SendMessage(request.data, m_message, m_kind, !m_noUtf8, m_keyText.Get(),
+                                           FromUtf8(m_signatureName), allowRetry, &sent);
+    }
+    HRESULT Read(const CRequest& request, EResponseKind kind, CResponse& response) override
+    {
+        if (!HasSeveralMessages() || kind == EResponseKind::Binary)
+            return CRequestCommand::Read(request, kind, response);
+        response.messages.clear();
+        return request.message.ReadMultipleResponses(request.data, response.messages, static_cast<UINT32>(m_messages.size()),
+                                                     nullptr);
+    }
+    [[nodiscard]] bool HasSeveralMessages() const noexcept override { return !m_messages.empty(); }
+
+private:
+    const CLI::App* m_app = nullptr;
+    CParameterOptions m_parameters;
+    EContentKind m_kind = EContentKind::Raw;
+    bool m_noUtf8 = false;
+    std::string m_key;
+    std::string m_signatureName;
+    std::string m_messagesFile;
+    CVoBinaryDataParser m_message;
+    CVoSecret<wchar_t> m_keyText;
+    std::vector<CVoBinaryDataParser> m_messages;
+};
+
+class CGetCommand final : public CRequestCommand
+{
+public:
+    CGetCommand() : CRequestCommand(EResponseKind::Binary) {}
+
+    void Declare(CLI::App& app) override
+    {
+        DeclareCommon(app, "raw");
+        m_parameters.Declare(app, false);
+        app.add_flag("--no-utf8", m_noUtf8, "URL-encode the parameters as one byte a character");
+        app.footer("Sends one GET request; parameters become part of the URL's query.\n" + std::string(kOutput) +
+                   "Example: voutils get https://server.example/list --engine curl -p page=2 -o list.bin\n" + app.get_footer());
+    }
+
+protected:
+    void Prepare(CContext&) override {}
+    void AdaptAddress(CContext& context, CServerAddressData& address) override
+    {
+        std::wstring query = address.Query();
+        for (auto [name, value] : m_parameters.Read(context))
+        {
+            Check(CVoDataParser::ToUTF8AndUrlEncode(!m_noUtf8, name));
+            Check(CVoDataParser::ToUTF8AndUrlEncode(!m_noUtf8, value));
+            query += (query.empty() ? L"?" : L"&") + name + L'=' + value;
+        }
+        if (query != address.Query())
+            Check(address.SetObjectPath((address.Path().empty() ? L"/" : address.Path()) + query));
+    }
+    HRESULT Send(CRequest& request, bool allowRetry, CVoHTTPMessage::CSendResult& sent) override
+    {
+        return request.message.SendGetRequest(request.data, {}, allowRetry, &sent);
+    }
+
+private:
+    CParameterOptions m_parameters;
+    bool m_noUtf8 = false;
+};
+} // namespace
+
+std::span<const CCommandEntry> RequestCommands()
+{
+    static constexpr std::array kCommands{
+        CCommandEntry{ nullptr, "send", "Send parameters and a payload to a server, and read the answer",
+                       MakeCommand<CSendCommand> },
+        CCommandEntry{ nullptr, "get", "Get what is at a URL", MakeCommand<CGetCommand> },
+    };
+    return kCommands;
+}

@@ -1,0 +1,188 @@
+// hash, key, sign, verify: digests and RSA signatures.
+#include "Console.h"
+#include "Files.h"
+
+#include <base/VoCArray.h>
+#include <base/VoWipe.h>
+#include <base/utils/VoDataConversion.h>
+#include <win/OrvDigSign.h>
+
+#include <array>
+#include <limits>
+
+namespace
+{
+using CHash = std::unique_ptr<OrvDigSign::COrvHashBase>;
+
+// The library's factory knows the hashes that signatures use; MD5 stands beside them.
+CHash MakeHash(const std::string& name)
+{
+    if (name == "md5")
+        return std::make_unique<OrvDigSign::COrvMD5Hash>();
+    return OrvDigSign::CreateHashByName(FromUtf8(name));
+}
+
+void AddHashName(CLI::App& app, const std::string& option, std::string& name, bool withMd5)
+{
+    std::vector<std::pair<const char*, std::string>> names{ { "sha1", "sha1" },
+                                                            { "sha256", "sha256" },
+                                                            { "sha512", "sha512" } };
+    if (withMd5)
+        names.insert(names.begin(), { "md5", "md5" });
+    AddChoice(app, option, name, std::move(names), "The hash")->required();
+}
+
+UINT32 LengthOf(const std::vector<BYTE>& bytes)
+{
+    if (bytes.size() > std::numeric_limits<UINT32>::max())
+        throw CDetailedFailure(E_INVALIDARG, "more than 4 GiB");
+    return static_cast<UINT32>(bytes.size());
+}
+
+class CHashCommand : public ICommand
+{
+public:
+    void Declare(CLI::App& app) override
+    {
+        AddHashName(app, "NAME", m_name, true);
+        app.footer("Reads bytes from standard input and prints their hash in hexadecimal.\nExample: voutils hash sha256 < "
+                   "photo.jpg\n" +
+                   app.get_footer());
+    }
+    void Run(CContext& context) override
+    {
+        const std::vector<BYTE> bytes = context.ReadInput();
+        CVoByteBuffer value;
+        Check(OrvDigSign::HashBytes(*MakeHash(m_name), bytes.data(), LengthOf(bytes), value.PutBytes(), value.PutLength()));
+        std::wstring text;
+        Check(VoDataConversion::BinToHex(value.Data(), static_cast<INT32>(value.Length()), text, 0));
+        context.PutLine("hash", text);
+    }
+
+private:
+    std::string m_name;
+};
+
+class CKeyNewCommand : public ICommand
+{
+public:
+    void Declare(CLI::App& app) override
+    {
+        app.add_option("--private", m_privateFile, "Where the private key goes")->required()->type_name("FILE");
+        app.add_option("--public", m_publicFile, "Where the public key goes")->required()->type_name("FILE");
+        app.add_option("--bits", m_bits, "The key's length, 384 to 16384 in steps of 8; default 2048")->type_name("N");
+        app.footer("Both files hold hexadecimal text of key blobs. Guard the private one.\n" + app.get_footer());
+    }
+    void Run(CContext&) override
+    {
+        CVoSecret<wchar_t> privateKey;
+        std::wstring publicKey;
+        Check(OrvDigSign::COrvRSAKey::Generate(m_bits, privateKey.Get(), publicKey));
+        const CVoSecret<char> privateText(ToUtf8(privateKey.Get()) + '\n');
+        const std::string publicText = ToUtf8(publicKey) + '\n';
+        // Both are written before either takes its place.
+        COutputFile privateFile(FromUtf8(m_privateFile), AsBytes(privateText.Get()));
+        COutputFile publicFile(FromUtf8(m_publicFile), AsBytes(publicText));
+        privateFile.Commit();
+        publicFile.Commit();
+    }
+
+private:
+    static std::span<const BYTE> AsBytes(const std::string& text)
+    {
+        return { reinterpret_cast<const BYTE*>(text.data()), text.size() };
+    }
+
+    std::string m_privateFile;
+    std::string m_publicFile;
+    UINT32 m_bits = 2048;
+};
+
+class CKeyPublicCommand : public ICommand
+{
+public:
+    void Declare(CLI::App& app) override
+    {
+        app.add_option("--private", m_privateFile, "The private key")->required()->type_name("FILE");
+    }
+    void Run(CContext& context) override
+    {
+        const CVoSecret<wchar_t> key(context.ReadTextFile(m_privateFile));
+        std::wstring publicKey;
+        Check(OrvDigSign::COrvRSAKey::GetPublicKeyFromPrivate(key.Get(), publicKey));
+        context.PutLine("publicKey", publicKey);
+    }
+
+private:
+    std::string m_privateFile;
+};
+
+class CSignCommand : public ICommand
+{
+public:
+    void Declare(CLI::App& app) override
+    {
+        AddHashName(app, "--hash", m_hash, false);
+        app.add_option("--key", m_key, "The private key")->required()->type_name("FILE");
+        app.footer("Reads bytes from standard input and writes the signature's bytes, least significant first.\n" +
+                   app.get_footer());
+    }
+    void Run(CContext& context) override
+    {
+        const CVoSecret<wchar_t> key(context.ReadTextFile(m_key));
+        const std::vector<BYTE> bytes = context.ReadInput();
+        CVoByteBuffer signature;
+        Check(OrvDigSign::COrvDigitalSignature::SignString(bytes.data(), LengthOf(bytes), *MakeHash(m_hash), key.Get(),
+                                                           signature.PutBytes(), signature.PutLength()));
+        context.PutBytes("signatureBase64", signature.Bytes());
+    }
+
+private:
+    std::string m_hash;
+    std::string m_key;
+};
+
+class CVerifyCommand : public ICommand
+{
+public:
+    void Declare(CLI::App& app) override
+    {
+        AddHashName(app, "--hash", m_hash, false);
+        app.add_option("--key", m_key, "The public key")->required()->type_name("FILE");
+        app.add_option("--signature", m_signature, "The signature's bytes")->required()->type_name("FILE");
+        app.footer("Reads bytes from standard input and prints \"valid\" (exit code 0) or \"not valid\" (exit code 1).\n" +
+                   app.get_footer());
+    }
+    void Run(CContext& context) override
+    {
+        const std::wstring key = context.ReadTextFile(m_key);
+        const std::vector<BYTE> signature = context.ReadFile(m_signature);
+        const std::vector<BYTE> bytes = context.ReadInput();
+        bool valid = false;
+        Check(OrvDigSign::COrvDigitalSignature::VerifyString(bytes.data(), LengthOf(bytes), *MakeHash(m_hash), signature.data(),
+                                                             LengthOf(signature), key, valid));
+        context.PutKey("valid", valid);
+        if (!context.Options().json)
+            context.PutLine("valid", valid ? L"valid" : L"not valid");
+        if (!valid)
+            context.SetExitCode(kExitFailure);
+    }
+
+private:
+    std::string m_hash;
+    std::string m_key;
+    std::string m_signature;
+};
+} // namespace
+
+std::span<const CCommandEntry> SignatureCommands()
+{
+    static constexpr std::array kCommands{
+        CCommandEntry{ nullptr, "hash", "The hash of bytes", MakeCommand<CHashCommand> },
+        CCommandEntry{ "key", "new", "Make an RSA key pair", MakeCommand<CKeyNewCommand> },
+        CCommandEntry{ "key", "public", "Print the public half of a private key", MakeCommand<CKeyPublicCommand> },
+        CCommandEntry{ nullptr, "sign", "Sign bytes with a private key", MakeCommand<CSignCommand> },
+        CCommandEntry{ nullptr, "verify", "Check a signature with a public key", MakeCommand<CVerifyCommand> },
+    };
+    return kCommands;
+}

@@ -1,0 +1,24 @@
+#include "CookieFile.h"
+
+#include "Files.h"
+
+#include <base/com/VoComHelper.h>
+
+void LoadCookies(CContext& context, const std::string& file)
+{
+    if (file.empty() || !FileExists(FromUtf8(file)))
+        return;
+    const CVoBstr data(context.ReadTextFile(file));
+    if (const HRESULT hr = context.Process().CookieStore().Deserialize(data.Get()); FAILED(hr))
+        throw CDetailedFailure(hr, file);
+}
+
+void SaveCookies(CContext& context, const std::string& file)
+{
+    if (file.empty())
+        return;
+    CVoBstr data;
+    Check(context.Process().CookieStore().Serialize(data.Put()));
+    const std::string text = ToUtf8(data.View());
+    context.WriteFile(file, { reinterpret_cast<const BYTE*>(text.data()), text.size() });
+}

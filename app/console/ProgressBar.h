@@ -1,0 +1,22 @@
+// The progress bar of a long transfer.
+#pragma once
+
+#include "Streams.h"
+
+#include <VoHTTPMessage.h>
+
+#include <memory>
+#include <thread>
+
+// Shows the progress of one request on a terminal from one second on, until it goes. On anything but a terminal, or without a
+// request, it does nothing.
+class CProgressBar
+{
+public:
+    CProgressBar(IByteSink& err, std::shared_ptr<CVoHTTPMessage::CHTTPRequestData> request, bool quiet);
+
+private:
+    static void Show(const std::stop_token& stop, IByteSink& err, const CVoHTTPMessage::CHTTPRequestData& request);
+
+    std::jthread m_thread; // ends and is waited for with the object
+};

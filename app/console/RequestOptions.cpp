@@ -1,0 +1,102 @@
+#include "RequestOptions.h"
+
+#include <base/VoErrorHandler.h>
+#include <base/VoModuleInformation.h>
+
+#include <array>
+
+namespace
+{
+// By their number in the setting HTTPEngine.
+constexpr std::array<const char*, 4> kEngineNames{ "wininet", "winhttp", "curl", "winhttp-loopback" };
+} // namespace
+
+CEngineChoice::CEngineChoice(std::optional<UINT32> kind) noexcept : m_previous(CVoModuleInformation::Get().HTTPEngine())
+{
+    const UINT32 chosen = kind.value_or(m_previous);
+    CVoModuleInformation::Get().SetHTTPEngine(chosen);
+    m_name = chosen < kEngineNames.size() ? kEngineNames[chosen] : "";
+}
+
+CEngineChoice::~CEngineChoice()
+{
+    CVoModuleInformation::Get().SetHTTPEngine(m_previous);
+}
+
+void CConnectionOptions::Declare(CLI::App& app)
+{
+    std::vector<std::pair<const char*, std::optional<UINT32>>> engines;
+    for (UINT32 i = 0; i < kEngineNames.size(); ++i)
+        engines.emplace_back(kEngineNames[i], i);
+    AddChoice(app, "--engine", m_engine, std::move(engines), "The transport; default: HTTPEngine of ModuleSettings.ini");
+    app.add_flag("--retry", m_retry, "Repeat a failed attempt until the time-out to connect is spent");
+    app.add_option("--connect-timeout", m_connectTimeout, "Seconds to connect; default 30")->type_name("S");
+    app.add_option("--request-timeout", m_requestTimeout, "Seconds for the whole request; default 60")->type_name("S");
+    CLI::Option* const verify =
+        app.add_flag("--verify", m_verify, "Check the server's certificate; default: the settings' value");
+    app.add_flag("--no-verify", m_noVerify, "Take any certificate")->excludes(verify);
+    CLI::Option* const revocation = app.add_flag("--check-revocation", m_checkRevocation,
+                                                 "Check that the certificate was not revoked; default: the settings' value");
+    app.add_flag("--no-check-revocation", m_noCheckRevocation, "Do not check it")->excludes(revocation);
+    app.add_option("--auth", m_auth,
+                   "Answer a server that asks for credentials, once; @FILE reads them from a file, so that they stand on no "
+                   "command line")
+        ->type_name("USER:PASSWORD");
+    app.add_option("--proxy-auth", m_proxyAuth, "Answer a proxy that asks for credentials, once; @FILE as above")
+        ->type_name("USER:PASSWORD");
+    app.add_flag("--ask", m_ask,
+                 "Show the dialog when credentials are needed. Without any of these three a request is declined");
+    app.add_option("--proxy", m_proxy, "The proxies to use, as the Internet settings list them")->type_name("LIST");
+    app.add_option("--bypass", m_bypass, "The hosts that are reached without a proxy")->type_name("LIST");
+    app.add_option("--pac", m_pac, "The address of a proxy script")->type_name("URL");
+    app.add_flag("--auto-detect", m_autoDetect, "Find the proxy script in the network");
+    app.add_flag("--no-proxy", m_noProxy, "Connect directly");
+    app.add_option("--cookies", m_cookies, "Load the cookies from FILE if it exists, and save them there afterwards")
+        ->type_name("FILE");
+}
+
+void CConnectionOptions::CheckAvailable() const
+{
+    if (!m_proxy.empty() || !m_bypass.empty() || !m_pac.empty() || m_autoDetect)
+        throw CDetailedFailure(E_NOTIMPL, "this build connects directly: it has no proxy store yet");
+    if (m_ask)
+        throw CDetailedFailure(E_NOTIMPL, "this build has no credentials dialog yet; use --auth or --proxy-auth");
+}
+
+std::optional<CCredentials> CConnectionOptions::ReadCredentials(CContext& context, const char* option, const std::string& value)
+{
+    if (value.empty())
+        return std::nullopt;
+    CVoSecret<wchar_t> text(context.ReadValue(value));
+    // A file's last line has an end that is no part of the password.
+    while (text.Get().ends_with(L'\n') || text.Get().ends_with(L'\r'))
+        text.Get().pop_back();
+    const size_t separator = text.Get().find(L':');
+    if (separator == std::wstring::npos || separator == 0)
+        throw CUsageError(std::string(option) + ": the value is not USER:PASSWORD");
+    return CCredentials{ text.Get().substr(0, separator), CVoSecret<wchar_t>(text.Get().substr(separator + 1)) };
+}
+
+CVoComPtr<CAuthAnswers> CConnectionOptions::MakeAuthAnswers(CContext& context) const
+{
+    auto answers = VoMakeComObject<CAuthAnswers>(ReadCredentials(context, "--auth", m_auth),
+                                                 ReadCredentials(context, "--proxy-auth", m_proxyAuth));
+    if (!answers)
+        throw std::bad_alloc();
+    return answers;
+}
+
+std::shared_ptr<CVoHTTPMessage> CConnectionOptions::Connect(CContext& context, const CServerAddressData& address,
+                                                            IVoAuthenticationCallback& answers) const
+{
+    const CVoModuleInformation& settings = CVoModuleInformation::Get();
+    const bool verify = !m_noVerify && (m_verify || settings.CheckServerCertificate());
+    const bool revocation = !m_noCheckRevocation && (m_checkRevocation || settings.CheckCertificateRevocation());
+    std::shared_ptr<CVoHTTPMessage> message;
+    const HRESULT hr = CVoHTTPMessage::Connect(address, &answers, nullptr, &context.Process().CookieStore(), m_connectTimeout,
+                                               m_requestTimeout, verify, revocation, message);
+    if (hr == E_NOTIMPL)
+        throw CDetailedFailure(hr, "this build does not have this transport yet; use --engine curl");
+    Check(hr);
+    return message;
+}

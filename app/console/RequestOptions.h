@@ -1,0 +1,68 @@
+// The options of a request, and the connection that they describe.
+#pragma once
+
+#include "AuthAnswers.h"
+#include "Command.h"
+
+#include <VoHTTPMessage.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+// The transport of this run: chosen by --engine, else by the settings. The process's choice comes back afterwards.
+class CEngineChoice
+{
+public:
+    explicit CEngineChoice(std::optional<UINT32> kind) noexcept;
+    ~CEngineChoice();
+    CEngineChoice(const CEngineChoice&) = delete;
+    CEngineChoice& operator=(const CEngineChoice&) = delete;
+
+    // The name that --engine has for it.
+    [[nodiscard]] const char* Name() const noexcept { return m_name; }
+
+private:
+    UINT32 m_previous;
+    const char* m_name;
+};
+
+// What is said about the connection.
+class CConnectionOptions
+{
+public:
+    void Declare(CLI::App& app);
+
+    [[nodiscard]] std::optional<UINT32> Engine() const noexcept { return m_engine; }
+    [[nodiscard]] const std::string& CookieFile() const noexcept { return m_cookies; }
+    [[nodiscard]] bool AllowsRetry() const noexcept { return m_retry; }
+
+    // The callback with the answers of --auth and --proxy-auth.
+    [[nodiscard]] CVoComPtr<CAuthAnswers> MakeAuthAnswers(CContext& context) const;
+    // Throws for what this build cannot do.
+    void CheckAvailable() const;
+    [[nodiscard]] std::shared_ptr<CVoHTTPMessage> Connect(CContext& context, const CServerAddressData& address,
+                                                          IVoAuthenticationCallback& answers) const;
+
+private:
+    [[nodiscard]] static std::optional<CCredentials> ReadCredentials(CContext& context, const char* option,
+                                                                     const std::string& value);
+
+    std::optional<UINT32> m_engine;
+    bool m_retry = false;
+    UINT32 m_connectTimeout = 30;
+    UINT32 m_requestTimeout = 60;
+    bool m_verify = false;
+    bool m_noVerify = false;
+    bool m_checkRevocation = false;
+    bool m_noCheckRevocation = false;
+    std::string m_auth;
+    std::string m_proxyAuth;
+    bool m_ask = false;
+    std::string m_proxy;
+    std::string m_bypass;
+    std::string m_pac;
+    bool m_autoDetect = false;
+    bool m_noProxy = false;
+    std::string m_cookies;
+};

@@ -1,0 +1,34 @@
+// Texts on the console's edge: UTF-8 outside, UTF-16 inside, Base64 for bytes in JSON, result codes for readers.
+#pragma once
+
+#include <base/VoPlatform.h>
+
+#include <nlohmann/json.hpp>
+
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// Keys keep the order in which they were put.
+using CJson = nlohmann::ordered_json;
+
+// UTF-8 of any text: what is no well-formed UTF-16 becomes U+FFFD, so that it can be shown.
+[[nodiscard]] std::string ToUtf8(std::wstring_view text);
+// UTF-16 of well-formed UTF-8; throws CVoHResultException for anything else.
+[[nodiscard]] std::wstring FromUtf8(std::string_view text);
+
+// Standard Base64 on one line, and back; the way back throws CVoHResultException for malformed text.
+[[nodiscard]] std::string ToBase64(std::span<const BYTE> bytes);
+[[nodiscard]] std::vector<BYTE> FromBase64(std::string_view text);
+
+// One line of JSON text. Never fails for the content of a text.
+[[nodiscard]] std::string JsonLine(const CJson& value);
+
+// "0x80070057".
+[[nodiscard]] std::string ResultCode(HRESULT result);
+// The library's text for a code on one line.
+[[nodiscard]] std::string ErrorLine(HRESULT result);
+
+// Stores what a call answered about its success: throws CVoHResultException for a failure.
+void Check(HRESULT result);

@@ -1,0 +1,59 @@
+// The program: the platform's arguments and streams for RunConsole.
+#include "Console.h"
+
+#include <base/VoPlatform.h>
+
+namespace
+{
+// COM for the stores' provider; without it the stores are this module's own.
+class CComLibrary
+{
+public:
+    CComLibrary() noexcept : m_initialised(SUCCEEDED(::CoInitializeEx(nullptr, COINIT_MULTITHREADED))) {}
+    ~CComLibrary()
+    {
+        if (m_initialised)
+            ::CoUninitialize();
+    }
+    CComLibrary(const CComLibrary&) = delete;
+    CComLibrary& operator=(const CComLibrary&) = delete;
+
+private:
+    bool m_initialised;
+};
+
+// A console shows our UTF-8 only while its code page says so.
+class CConsoleCodePage
+{
+public:
+    CConsoleCodePage() noexcept : m_previous(::GetConsoleOutputCP())
+    {
+        if (m_previous != 0)
+            ::SetConsoleOutputCP(CP_UTF8);
+    }
+    ~CConsoleCodePage()
+    {
+        if (m_previous != 0)
+            ::SetConsoleOutputCP(m_previous);
+    }
+    CConsoleCodePage(const CConsoleCodePage&) = delete;
+    CConsoleCodePage& operator=(const CConsoleCodePage&) = delete;
+
+private:
+    UINT m_previous;
+};
+} // namespace
+
+int wmain(int count, wchar_t** arguments)
+{
+    const CComLibrary com;
+    const CConsoleCodePage codePage;
+    CHandleSource in(::GetStdHandle(STD_INPUT_HANDLE));
+    CHandleSink out(::GetStdHandle(STD_OUTPUT_HANDLE));
+    CHandleSink err(::GetStdHandle(STD_ERROR_HANDLE));
+    CProcessState process;
+    std::vector<std::string> utf8;
+    for (int i = 1; i < count; ++i)
+        utf8.push_back(ToUtf8(arguments[i]));
+    return RunConsole(utf8, { in, out, err }, process);
+}
