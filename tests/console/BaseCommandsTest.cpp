@@ -1,0 +1,324 @@
+// The base commands, most of them through one batch.
+#include "ConsoleProcess.h"
+
+#include <base/VoUtils.h>
+#include <support/TestMain.h>
+
+#include <gmock/gmock.h>
+
+#include <filesystem>
+#include <fstream>
+
+namespace
+{
+using nlohmann::json;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+std::string Utf8(const std::filesystem::path& path)
+{
+    std::string bytes;
+    EXPECT_EQ(VoStringToUTF8(path.wstring(), bytes), S_OK);
+    return bytes;
+}
+
+void WriteTestFile(const std::filesystem::path& path, std::string_view bytes)
+{
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
+std::string ReadTestFile(const std::filesystem::path& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return { std::istreambuf_iterator<char>(file), {} };
+}
+
+class ConsoleCommands : public testing::Test
+{
+protected:
+    static void SetUpTestSuite() { s_batch = std::make_unique<CConsoleBatch>(); }
+    static void TearDownTestSuite()
+    {
+        EXPECT_EQ(s_batch->Finish(), 0);
+        s_batch.reset();
+    }
+
+    static CConsoleResult Run(const std::vector<std::string>& arguments, std::string_view input = {})
+    {
+        return s_batch->Run(arguments, input);
+    }
+
+    const std::filesystem::path m_folder = TestSupport::MakeTestFolder(L"console");
+    static inline std::unique_ptr<CConsoleBatch> s_batch;
+};
+
+struct CCase
+{
+    std::vector<std::string> arguments;
+    std::string input;
+    int exitCode;
+    std::string out;
+};
+
+TEST_F(ConsoleCommands, ResultsGoToStandardOutputAsTheyAre)
+{
+    const std::vector<CCase> cases{
+        { { "encode", "hex" }, std::string("\x00\xFF\n", 3), 0, "00FF0A" },
+        { { "encode", "base64url" }, "\xFB\xFF\xFE", 0, "-__-" },
+        // The JSON's Base64 is plain, also where the library's own text of a single byte has a line break.
+        { { "encode", "base64" }, "x", 0, "eA=\r\n=" },
+        { { "decode", "hex", "--json" }, "78", 0, "{\"result\":\"0x00000000\",\"bytesBase64\":\"eA==\"}\n" },
+        { { "encode", "base64", "--json" }, "hello", 0, "{\"result\":\"0x00000000\",\"text\":\"aGVsbG8=\"}\n" },
+        { { "decode", "base64" }, "aGVs\r\nbG8=", 0, "hello" },
+        { { "decode", "hex" }, "00 0a 0D", 0, std::string("\x00\n\r", 3) },
+        { { "decode", "hex", "--json" }, "00FF", 0, "{\"result\":\"0x00000000\",\"bytesBase64\":\"AP8=\"}\n" },
+        { { "encode", "hex" }, "", 0, "" },
+        { { "params", "build", "-p", "a=1", "-p", "b=x&y$" }, "", 0, "a=1&b=x$&y$$&&" },
+        { { "params", "build", "-p", "x=1", "--size-prefix" }, "", 0, std::string("\x05\0\0\0x=1&&", 9) },
+        { { "params", "build", "-p", "x=1", "--skip-params", "--payload", "-" }, "bytes", 0, "bytes" },
+        { { "params", "build", "-p", "t=a b-\xC3\xBC", "--urlencode", "--text" }, "", 0, "t=a%20b%2D%C3%BC\n" },
+        { { "params", "build", "-p", "t=-", "--text" }, "from input", 0, "t=from input\n" },
+        { { "params", "build", "--text", "-p", "t=-1", "-p", "=2", "-p", "eq=a=b" }, "", 0, "t=-1&=2&eq=a=b\n" },
+        { { "time", "iso", "--offset", "-60", "--ms", "2024-02-29 12:00:00.250" }, "", 0, "2024-02-29T12:00:00.250-01:00\n" },
+        { { "time", "iso", "--no-time", "2024-02-29 12:00:00.250" }, "", 0, "2024-02-29\n" },
+        { { "hash", "sha1" }, "abc", 0, "A9993E364706816ABA3E25717850C26C9CD0D89D\n" },
+        { { "hash", "md5" }, "", 0, "D41D8CD98F00B204E9800998ECF8427E\n" },
+        { { "decode", "hex" }, "ABC", 1, "" },
+        { { "decode", "base32" }, "\xFF", 1, "" },
+        { { "params", "build", "-p", "a=1", "--payload", "no such file" }, "", 1, "" },
+        { { "time", "parse", "2024-02-30T00:00:00Z" }, "", 1, "" },
+    };
+    for (const CCase& test : cases)
+    {
+        const CConsoleResult result = Run(test.arguments, test.input);
+        SCOPED_TRACE(testing::PrintToString(test.arguments) + result.err);
+        EXPECT_EQ(result.exitCode, test.exitCode);
+        EXPECT_EQ(result.out, test.out);
+        EXPECT_EQ(result.err.empty(), test.exitCode == 0);
+    }
+}
+
+TEST_F(ConsoleCommands, AFailureNamesItsCodeAndText)
+{
+    const CConsoleResult plain = Run({ "decode", "hex" }, "ABC");
+    EXPECT_THAT(plain.err, StartsWith("voutils: 0x80070057 "));
+    const CConsoleResult withJson = Run({ "decode", "hex", "--json" }, "ABC");
+    EXPECT_EQ(withJson.exitCode, 1);
+    EXPECT_EQ(withJson.Json()["result"], "0x80070057");
+    EXPECT_EQ("voutils: 0x80070057 " + withJson.Json()["error"].get<std::string>() + '\n', withJson.err);
+}
+
+TEST_F(ConsoleCommands, WrongUsageWritesNothingToStandardOutput)
+{
+    const std::vector<std::vector<std::string>> cases{
+        {},
+        { "nonsense" },
+        { "encode" },
+        { "encode", "base65" },
+        { "encode", "hex", "more" },
+        { "encode", "hex", "--line", "x" },
+        { "params" },
+        { "params", "build", "-p", "no value" },
+        { "params", "build", "--text", "--size-prefix" },
+        { "params", "build", "-p", "a=-", "--payload", "-" },
+        { "time", "iso", "yesterday" },
+        { "error", "12x" },
+        { "error", "0x100000000" },
+        { "log", "write" },
+        { "log", "write", "--code", "1", "--message", "x" },
+        { "key", "new", "--private", "x" },
+        { "sign", "--hash", "md5", "--key", "x" },
+        { "send" },
+        { "send", "http://h/", "--engine", "carrier-pigeon" },
+        { "send", "http://h/", "--repeat", "0" },
+        { "send", "http://h/", "--verify", "--no-verify" },
+        { "send", "http://h/", "--auth", "hunter2" },
+        { "get", "http://h/", "--payload", "x" },
+        { "send", "http://h/", "--engine", "curl", "--autt", "ann:hunter2" },
+    };
+    for (std::vector<std::string> arguments : cases)
+    {
+        arguments.insert(arguments.begin(), "--json");
+        const CConsoleResult result = Run(arguments);
+        SCOPED_TRACE(testing::PrintToString(arguments) + result.err);
+        EXPECT_EQ(result.exitCode, 2);
+        EXPECT_EQ(result.out, "");
+        EXPECT_THAT(result.err, testing::ContainsRegex("^voutils: .+\nTry 'voutils.* --help'\\.\n"));
+        EXPECT_THAT(result.err, testing::Not(HasSubstr("hunter2")));
+    }
+}
+
+TEST_F(ConsoleCommands, HelpOfEveryCommandNamesItsOptions)
+{
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases{
+        { { "--help" }, "batch" },           { { "send", "--help" }, "--signature-name" },
+        { { "params", "--help" }, "parse" }, { { "params", "build", "-h" }, "--size-prefix" },
+        { { "demo", "--help" }, "--json" },
+    };
+    for (const auto& [arguments, word] : cases)
+    {
+        const CConsoleResult result = Run(arguments);
+        EXPECT_EQ(result.exitCode, 0);
+        EXPECT_THAT(result.out, HasSubstr(word));
+        EXPECT_EQ(result.err, "");
+    }
+    EXPECT_THAT(Run({ "--version" }).out, testing::ContainsRegex("^voutils \\d+\\.\\d+"));
+}
+
+TEST_F(ConsoleCommands, AMessageComesBackFromParse)
+{
+    const std::string payload("\x00&&\xFFpayload", 11);
+    const std::filesystem::path payloadFile = m_folder / L"\u00FCber.bin";
+    const std::filesystem::path textFile = m_folder / L"text.txt";
+    WriteTestFile(payloadFile, payload);
+    WriteTestFile(textFile, "\xEF\xBB\xBF"
+                            "line 1\nline 2\n");
+    const CConsoleResult built = Run(
+        { "params", "build", "-p", "n=@" + Utf8(textFile), "-p", "smile=\xF0\x9F\x98\x80", "--payload", Utf8(payloadFile) });
+    ASSERT_EQ(built.exitCode, 0) << built.err;
+    const json parsed = Run({ "params", "parse", "--json" }, built.out).Json();
+    EXPECT_EQ(parsed["params"], json::parse(R"([["n","line 1\nline 2\n"],["smile","\ud83d\ude00"]])"));
+    EXPECT_EQ(parsed["payloadBase64"], Base64Of(payload));
+    EXPECT_EQ(json::parse(Run({ "params", "parse" }, "a=1").out)["params"], json::parse(R"([["a","1"]])"));
+
+    const json form = Run({ "params", "form", "-p", "a=1", "--json" }).Json();
+    const std::string boundary = form["boundary"];
+    EXPECT_EQ(BytesOf(form["bodyBase64"]),
+              "--" + boundary + "\r\nContent-Disposition: form-data; name=\"a\"\r\n\r\n1\r\n--" + boundary + "--");
+}
+
+TEST_F(ConsoleCommands, AFreshKeyPairSignsAndVerifies)
+{
+    const std::string privateKey = Utf8(m_folder / L"private.key");
+    const std::string publicKey = Utf8(m_folder / L"public.key");
+    const std::string signatureFile = Utf8(m_folder / L"signature");
+    const CConsoleResult made = Run({ "key", "new", "--private", privateKey, "--public", publicKey, "--bits", "1024" });
+    ASSERT_EQ(made.exitCode, 0) << made.err;
+    EXPECT_EQ(made.out, "");
+    EXPECT_EQ(Run({ "key", "public", "--private", privateKey }).out, ReadTestFile(m_folder / L"public.key"));
+
+    const CConsoleResult signature = Run({ "sign", "--hash", "sha256", "--key", privateKey }, "letter");
+    ASSERT_EQ(signature.exitCode, 0) << signature.err;
+    EXPECT_EQ(signature.out.size(), 128U);
+    WriteTestFile(m_folder / L"signature", signature.out);
+    const std::vector<std::string> verify{ "verify", "--hash", "sha256", "--key", publicKey, "--signature", signatureFile };
+    EXPECT_EQ(Run(verify, "letter").out, "valid\n");
+    const CConsoleResult forged = Run(verify, "Letter");
+    EXPECT_EQ(forged.exitCode, 1);
+    EXPECT_EQ(forged.out, "not valid\n");
+    std::vector<std::string> verifyJson = verify;
+    verifyJson.emplace_back("--json");
+    EXPECT_EQ(Run(verifyJson, "Letter").Json()["result"], "0x00000000");
+}
+
+TEST_F(ConsoleCommands, AFailedRequestLeavesFilesAsTheyWere)
+{
+    const std::filesystem::path kept = m_folder / L"kept.key";
+    WriteTestFile(kept, "old");
+    const CConsoleResult result = Run(
+        { "key", "new", "--private", Utf8(kept), "--public", Utf8(m_folder / L"missing" / L"public.key"), "--bits", "512" });
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(ReadTestFile(kept), "old");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(m_folder), {}), 1);
+}
+
+TEST_F(ConsoleCommands, AddressesAreTakenApart)
+{
+    const json address = Run({ "address", "https://[::1]:8443/a/b?c=d", "--no-query", "--json" }).Json();
+    EXPECT_EQ(address["host"], "::1");
+    EXPECT_EQ(address["port"], 8443);
+    EXPECT_EQ(address["secure"], true);
+    EXPECT_EQ(address["authority"], "[::1]:8443");
+    EXPECT_EQ(address["fullURL"], "https://[::1]:8443/a/b");
+    EXPECT_EQ(Run({ "address", "ftp://h", "--json" }).Json()["result"], "0x80070057");
+
+    const json resolved = Run({ "resolve", "192.168.1.2", "--json" }).Json();
+    EXPECT_EQ(resolved["address"], "192.168.1.2");
+    EXPECT_EQ(resolved["ipv6"], false);
+    EXPECT_EQ(resolved["private"], true);
+    EXPECT_EQ(Run({ "resolve", "192.0.2.1", "--json" }).Json()["private"], false);
+}
+
+TEST_F(ConsoleCommands, CookiesAreKeptForTheProcessAndInTheJar)
+{
+    const std::string jar = Utf8(m_folder / L"jar.txt");
+    const CConsoleResult first =
+        Run({ "cookies", "--jar", jar }, "{\"set\":\"a=1; Path=/\",\"url\":\"http://h.test/\"}\n"
+                                         "{\"set\":\"s=2; Path=/; Secure\",\"url\":\"https://h.test/\"}\n"
+                                         "{\"get\":\"http://h.test/x\"}\n"
+                                         "{\"get\":\"HTTPS://h.test/x\"}\n"
+                                         "not JSON\n{\"set\":\"=\",\"url\":\"http://h.test/\"}");
+    EXPECT_EQ(first.exitCode, 0);
+    std::istringstream lines(first.out);
+    std::vector<json> answers;
+    for (std::string line; std::getline(lines, line);)
+        answers.push_back(json::parse(line));
+    ASSERT_EQ(answers.size(), 6U);
+    EXPECT_EQ(answers[2]["cookie"], "a=1");
+    EXPECT_EQ(answers[3]["cookie"], "a=1; s=2");
+    EXPECT_EQ(answers[4]["result"], "0x80070057");
+    EXPECT_EQ(answers[5]["result"], "0x80070057");
+
+    const std::string get = "{\"get\":\"http://h.test/\"}";
+    EXPECT_EQ(json::parse(Run({ "cookies" }, get).out)["cookie"], "a=1");
+    EXPECT_EQ(Run({ "cookies" }, "{\"clear\":true}").Json()["result"], "0x00000000");
+    EXPECT_EQ(json::parse(Run({ "cookies" }, get).out)["cookie"], "");
+    EXPECT_EQ(json::parse(Run({ "cookies", "--jar", jar }, get).out)["cookie"], "a=1");
+}
+
+TEST_F(ConsoleCommands, ABatchGoesOnAfterALineThatIsNoCommand)
+{
+    for (const char* const line :
+         { "", "nonsense", "[]", "{}", R"({"args":"encode"})", R"({"args":[1]})",
+           R"({"args":["encode","hex"],"stdinBase64":"*"})", R"({"args":["encode","hex"],"stdinBase64":1})" })
+    {
+        const CConsoleResult result = s_batch->RunLine(line);
+        EXPECT_EQ(result.exitCode, 2) << line;
+        EXPECT_EQ(result.out, "");
+        EXPECT_NE(result.err, "");
+    }
+    EXPECT_EQ(s_batch->RunLine("{\"args\":[\"encode\",\"hex\"]}\r").exitCode, 0);
+    EXPECT_EQ(Run({ "batch" }, R"({"args":["encode","hex"],"stdinBase64":"AA=="})").out,
+              "{\"exit\":0,\"stdoutBase64\":\"MDA=\",\"stderr\":\"\"}\n");
+}
+
+TEST(ConsoleProcess, PassesBytesArgumentsAndExitCodesThrough)
+{
+    std::string bytes;
+    for (int i = 0; i < 3'000'000; ++i)
+        bytes += static_cast<char>(i * 7 + i / 251);
+    const CConsoleResult large = RunConsoleProcess({ L"encode", L"base64" }, bytes);
+    EXPECT_EQ(large.exitCode, 0);
+    EXPECT_TRUE(large.out == Base64Of(bytes));
+
+    const CConsoleResult text =
+        RunConsoleProcess({ L"params", L"build", L"--text", L"-p", L"\u00FC \u20AC=\U0001F600 \"q\" \\" });
+    EXPECT_EQ(text.out, "\xC3\xBC \xE2\x82\xAC=\xF0\x9F\x98\x80 \"q\" \\\n");
+    EXPECT_EQ(RunConsoleProcess({ L"decode", L"hex" }, "ABC").exitCode, 1);
+    EXPECT_EQ(RunConsoleProcess({ L"decode" }).exitCode, 2);
+}
+
+TEST(ConsoleProcess, LogIsWrittenWhereTheSettingsSay)
+{
+    const std::filesystem::path folder = TestSupport::MakeTestFolder(L"log");
+    WriteTestFile(folder / L"ModuleSettings.ini",
+                  "[DEBUG]\r\nDirectory=" + Utf8(folder) + "\r\n[SETTINGS]\r\nHTTPEngine=1\r\n");
+    const std::wstring settings = folder.wstring();
+
+    const CConsoleResult path = RunConsoleProcess({ L"log", L"path", L"--settings-dir", settings });
+    EXPECT_EQ(path.out, Utf8(folder / L"voutils.log") + '\n');
+
+    const std::vector<std::wstring> write{ L"log",        L"write", L"--source", L"S",          L"--line",         L"7",
+                                           L"--function", L"F",     L"--code",   L"0x80004005", L"--settings-dir", settings };
+    EXPECT_EQ(RunConsoleProcess(write).exitCode, 0);
+    EXPECT_FALSE(std::filesystem::exists(folder / L"voutils.log"));
+
+    std::vector<std::wstring> writeWithLog = write;
+    writeWithLog.emplace_back(L"--log");
+    const CConsoleResult written = RunConsoleProcess(writeWithLog);
+    EXPECT_EQ(written.exitCode, 0);
+    EXPECT_EQ(written.err, path.out);
+    EXPECT_THAT(ReadTestFile(folder / L"voutils.log"), HasSubstr(" File=S Line=7 Function=F ThreadID="));
+    EXPECT_THAT(ReadTestFile(folder / L"voutils.log"), HasSubstr(" Code=0x80004005\r\n"));
+}
+} // namespace

@@ -1,0 +1,68 @@
+// The console program as a user starts it: a process of its own with pipes for its standard streams.
+#pragma once
+
+#include <base/VoPlatform.h>
+
+#include <nlohmann/json.hpp>
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// A process whose standard streams are pipes to us.
+class CConsoleProcess
+{
+public:
+    explicit CConsoleProcess(const std::vector<std::wstring>& arguments); // throws std::runtime_error
+    ~CConsoleProcess();
+    CConsoleProcess(const CConsoleProcess&) = delete;
+    CConsoleProcess& operator=(const CConsoleProcess&) = delete;
+
+    // False when the process no longer reads.
+    bool Write(std::string_view bytes);
+    void CloseInput();
+    // The next line of standard output without its end; empty at the end.
+    [[nodiscard]] std::string ReadLine();
+    // Everything up to the stream's end.
+    [[nodiscard]] std::string ReadOutput();
+    [[nodiscard]] std::string ReadErrors();
+    // Waits for its end.
+    [[nodiscard]] int ExitCode();
+
+private:
+    struct CState;
+    std::unique_ptr<CState> m_state;
+};
+
+struct CConsoleResult
+{
+    int exitCode = -1;
+    std::string out;
+    std::string err;
+
+    // What --json printed; it must be one object and a line end.
+    [[nodiscard]] nlohmann::json Json() const;
+};
+
+// One run, from the first byte of its input to its end.
+[[nodiscard]] CConsoleResult RunConsoleProcess(const std::vector<std::wstring>& arguments, std::string_view input = {});
+
+// A running `batch`, for many commands at the price of one start.
+class CConsoleBatch
+{
+public:
+    explicit CConsoleBatch(const std::vector<std::wstring>& arguments = {});
+
+    [[nodiscard]] CConsoleResult Run(const std::vector<std::string>& arguments, std::string_view input = {});
+    // Sends a line as it is.
+    [[nodiscard]] CConsoleResult RunLine(const std::string& line);
+    // Ends the input and waits for the end.
+    [[nodiscard]] int Finish();
+
+private:
+    CConsoleProcess m_process;
+};
+
+[[nodiscard]] std::string Base64Of(std::string_view bytes);
+[[nodiscard]] std::string BytesOf(const std::string& base64);

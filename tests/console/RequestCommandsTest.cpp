@@ -1,0 +1,208 @@
+// send and get against a server of this test program, and the demo.
+#include "ConsoleProcess.h"
+
+#include <LoopbackServer.h>
+#include <base/VoUtils.h>
+#include <support/TestMain.h>
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+
+namespace
+{
+using nlohmann::json;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+constexpr const char* kMessageType = "application/octet-stream; charset=UTF-8";
+
+// Answers by path: /echo the body, /reply the message "b=2&&bytes", /secret only with the right credentials, /cookie with a
+// Set-Cookie, /missing with 404, anything else with the target. Keeps what it was asked.
+class CServer
+{
+public:
+    CServer() : m_server([this](const auto& request, auto& connection) { Answer(request, connection); }) {}
+
+    [[nodiscard]] std::string URL(const std::string& target) const { return m_server.URL(target); }
+    std::vector<Loopback::CRequest> TakeRequests()
+    {
+        const std::lock_guard lock(m_lock);
+        return std::exchange(m_requests, {});
+    }
+
+private:
+    void Answer(const Loopback::CRequest& request, Loopback::CConnection& connection)
+    {
+        {
+            const std::lock_guard lock(m_lock);
+            m_requests.push_back(request);
+        }
+        const std::string_view path = request.Path();
+        if (path == "/echo")
+            connection.SendResponse(200, { { "Content-Type", kMessageType } }, request.body);
+        else if (path == "/reply")
+            connection.SendResponse(200, { { "Content-Type", kMessageType } }, "b=2&\xC3\xBC=3&&bytes\n");
+        else if (path == "/cookie")
+            connection.SendResponse(200, { { "Set-Cookie", "id=7; Path=/" } }, "");
+        else if (path == "/missing")
+            connection.SendResponse(404, {}, "not here");
+        else if (path == "/secret" && request.Header("Authorization") != "Basic YW5uOnMzY3JldA==")
+            connection.SendResponse(401, { { "WWW-Authenticate", "Basic realm=\"test\"" } }, "");
+        else
+            connection.SendResponse(200, {}, request.target);
+    }
+
+    std::mutex m_lock;
+    std::vector<Loopback::CRequest> m_requests;
+    Loopback::CLoopbackServer m_server;
+};
+
+class ConsoleRequests : public testing::Test
+{
+protected:
+    static CConsoleResult Run(std::vector<std::string> arguments, std::string_view input = {})
+    {
+        static CConsoleBatch s_batch;
+        for (const char* const argument : { "--engine", "curl", "--no-proxy" })
+            arguments.emplace_back(argument);
+        return s_batch.Run(arguments, input);
+    }
+    [[nodiscard]] std::string File(const wchar_t* name) const
+    {
+        std::string bytes;
+        EXPECT_EQ(VoStringToUTF8((m_folder / name).wstring(), bytes), S_OK);
+        return bytes;
+    }
+    [[nodiscard]] std::string Read(const wchar_t* name) const
+    {
+        std::ifstream file(m_folder / name, std::ios::binary);
+        return { std::istreambuf_iterator<char>(file), {} };
+    }
+
+    const std::filesystem::path m_folder = TestSupport::MakeTestFolder(L"requests");
+    CServer m_server;
+};
+
+TEST_F(ConsoleRequests, EachKindSendsItsBody)
+{
+    struct CKindCase
+    {
+        const char* kind;
+        const char* contentType;
+        const char* body;
+    };
+    for (const CKindCase& test : { CKindCase{ "raw", kMessageType, "a=1&b=x$&y&&" },
+                                   CKindCase{ "form", "application/x-www-form-urlencoded; charset=UTF-8", "a=1&b=x%26y" },
+                                   CKindCase{ "empty", "", "" } })
+    {
+        const CConsoleResult result = Run({ "send", m_server.URL("/reply"), "-p", "a=1", "-p", "b=x&y", "--kind", test.kind });
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+        EXPECT_EQ(result.out, "b=2\n\xC3\xBC=3\nbytes\n");
+        const auto requests = m_server.TakeRequests();
+        ASSERT_EQ(requests.size(), 1U);
+        EXPECT_EQ(requests[0].method, "POST");
+        EXPECT_EQ(requests[0].Header("Content-Type"), test.contentType);
+        EXPECT_EQ(requests[0].body, test.body);
+    }
+    EXPECT_EQ(Run({ "send", m_server.URL("/reply"), "--kind", "multipart", "-p", "a=1" }).exitCode, 0);
+    EXPECT_THAT(std::string(m_server.TakeRequests().at(0).Header("Content-Type")), StartsWith("multipart/form-data"));
+    // A form has no place for a payload, and a signed one needs a key.
+    EXPECT_EQ(Run({ "send", m_server.URL("/reply"), "--kind", "form", "--payload", "-", "--json" }, "x").Json()["result"],
+              "0x80004001");
+    EXPECT_EQ(Run({ "send", m_server.URL("/reply"), "--kind", "signed", "-p", "a=1", "--json" }).Json()["result"],
+              "0x80070057");
+}
+
+TEST_F(ConsoleRequests, JsonTellsAllOfAnExchange)
+{
+    const json answer =
+        Run({ "send", m_server.URL("/echo"), "-p", "a=1", "--payload", "-", "--repeat", "3", "--json" }, "xyz").Json();
+    EXPECT_EQ(answer["result"], "0x00000000");
+    EXPECT_EQ(answer["engine"], "curl");
+    EXPECT_EQ(answer["params"], json::parse(R"([["a","1"]])"));
+    EXPECT_EQ(answer["payloadBase64"], Base64Of("xyz"));
+    EXPECT_EQ(answer["localAddress"], "127.0.0.1");
+    EXPECT_EQ(answer["status"], 200);
+    EXPECT_EQ(answer["retried"], false);
+    EXPECT_EQ(answer["seconds"].size(), 3U);
+    EXPECT_EQ(answer["cookie"], "");
+    const auto requests = m_server.TakeRequests();
+    ASSERT_EQ(requests.size(), 3U);
+    // One connected message keeps its connection.
+    EXPECT_EQ(requests[2].number, 3U);
+}
+
+TEST_F(ConsoleRequests, SeveralMessagesTravelInOneExchange)
+{
+    const std::string messages = R"([{"params":[["a","1"]],"payloadBase64":"eHl6"},{"params":[]},{"payloadBase64":""}])";
+    const json answer = Run({ "send", m_server.URL("/echo"), "--messages", "-", "--json" }, messages).Json();
+    EXPECT_EQ(answer["responses"], json::parse(R"([{"params":[["a","1"]],"payloadBase64":"eHl6"},
+                                                   {"params":[],"payloadBase64":""},{"params":[],"payloadBase64":""}])"));
+    EXPECT_EQ(m_server.TakeRequests().size(), 1U);
+    for (const char* const malformed : { "", "{}", "[]", "[1]", R"([{"params":[["a"]]}])", R"([{"payloadBase64":5}])" })
+        EXPECT_EQ(Run({ "send", m_server.URL("/echo"), "--messages", "-" }, malformed).exitCode, 2) << malformed;
+    EXPECT_TRUE(m_server.TakeRequests().empty());
+}
+
+TEST_F(ConsoleRequests, GetPutsParametersInTheQuery)
+{
+    EXPECT_EQ(Run({ "get", m_server.URL("/list?x=1"), "-p", "a b=\xC3\xBC&" }).out, "/list?x=1&a%20b=%C3%BC%26");
+    EXPECT_EQ(Run({ "get", m_server.URL("/reply"), "--response", "params" }).out, "b=2\n\xC3\xBC=3\nbytes\n");
+}
+
+TEST_F(ConsoleRequests, OutputGoesToItsFileOnlyAfterSuccess)
+{
+    EXPECT_EQ(Run({ "get", m_server.URL("/missing"), "-o", File(L"out") }).exitCode, 1);
+    EXPECT_FALSE(std::filesystem::exists(m_folder / L"out"));
+    const CConsoleResult sent = Run({ "send", m_server.URL("/reply"), "-o", File(L"out") });
+    EXPECT_EQ(sent.out, "b=2\n\xC3\xBC=3\n");
+    EXPECT_EQ(Read(L"out"), "bytes\n");
+    const json failed = Run({ "get", m_server.URL("/missing"), "-o", File(L"out"), "--json" }).Json();
+    EXPECT_EQ(failed["result"], "0x80004005");
+    EXPECT_EQ(failed["status"], 404);
+    EXPECT_EQ(Read(L"out"), "bytes\n");
+}
+
+TEST_F(ConsoleRequests, CredentialsAreGivenOnceAndThenDeclined)
+{
+    const std::string url = m_server.URL("/secret");
+    EXPECT_EQ(Run({ "get", url, "--auth", "ann:s3cret", "--repeat", "2" }).exitCode, 0);
+    m_server.TakeRequests();
+    const CConsoleResult wrong = Run({ "get", url, "--auth", "ann:wr0ng", "--json" });
+    EXPECT_EQ(wrong.Json()["result"], "0x800704C7");
+    EXPECT_THAT(wrong.out + wrong.err, testing::Not(HasSubstr("wr0ng")));
+    const auto requests = m_server.TakeRequests();
+    EXPECT_EQ(std::ranges::count_if(requests, [](const auto& request) { return !request.Header("Authorization").empty(); }), 1);
+    EXPECT_EQ(Run({ "get", url, "--json" }).Json()["result"], "0x800704C7");
+    EXPECT_EQ(m_server.TakeRequests().size(), 1U);
+    std::ofstream(m_folder / L"login", std::ios::binary) << "ann:s3cret\r\n";
+    EXPECT_EQ(Run({ "get", url, "--auth", std::string("@").append(File(L"login")) }).exitCode, 0);
+}
+
+TEST_F(ConsoleRequests, CookiesComeFromTheFileAndGoBackToIt)
+{
+    EXPECT_EQ(Run({ "get", m_server.URL("/cookie"), "--cookies", File(L"jar") }).exitCode, 0);
+    const json second = Run({ "get", m_server.URL("/x"), "--cookies", File(L"jar"), "--json" }).Json();
+    EXPECT_EQ(second["cookie"], "id=7");
+    EXPECT_EQ(m_server.TakeRequests().at(1).Header("Cookie"), "id=7");
+    std::ofstream(m_folder / L"jar", std::ios::binary) << "no cookie store";
+    EXPECT_EQ(Run({ "get", m_server.URL("/x"), "--cookies", File(L"jar") }).exitCode, 1);
+    EXPECT_EQ(Read(L"jar"), "no cookie store");
+    EXPECT_TRUE(m_server.TakeRequests().empty());
+}
+
+TEST(ConsoleDemo, EveryRowIsRight)
+{
+    const CConsoleResult demo = RunConsoleProcess({ L"demo", L"--json" });
+    EXPECT_EQ(demo.exitCode, 0) << demo.out << demo.err;
+    const json answer = demo.Json();
+    EXPECT_GE(answer["rows"].size(), 6U);
+    for (const json& row : answer["rows"])
+        EXPECT_EQ(row["right"], true) << row;
+}
+} // namespace
