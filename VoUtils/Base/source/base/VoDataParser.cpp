@@ -1,5 +1,7 @@
 #include <base/VoDataParser.h>
 
+#include "utils/VoCodecKernels.h"
+
 #include <base/VoErrorHandler.h>
 #include <base/VoUtils.h>
 #include <base/utils/VoDataConversion.h>
@@ -7,6 +9,7 @@
 #include <algorithm>
 #include <limits>
 #include <memory>
+#include <type_traits>
 
 namespace
 {
@@ -87,24 +90,15 @@ bool IsAsciiLetterOrDigit(char character) noexcept
 }
 
 // The value of the two hexadecimal digits at the front of `digits`, or -1.
-template <class CText>
-int EscapedByte(CText digits) noexcept
+template <class TCharacter>
+int EscapedByte(std::basic_string_view<TCharacter> digits) noexcept
 {
     if (digits.size() < 2)
         return -1;
-    int value = 0;
-    for (size_t i = 0; i < 2; ++i)
-    {
-        const auto c = digits[i];
-        const int digit = c >= '0' && c <= '9'   ? c - '0'
-                          : c >= 'A' && c <= 'F' ? c - 'A' + 10
-                          : c >= 'a' && c <= 'f' ? c - 'a' + 10
-                                                 : -1;
-        if (digit < 0)
-            return -1;
-        value = value * 16 + digit;
-    }
-    return value;
+    using CUnsigned = std::make_unsigned_t<TCharacter>;
+    const BYTE high = VoCodecKernels::HexDigitValue(static_cast<CUnsigned>(digits[0]));
+    const BYTE low = VoCodecKernels::HexDigitValue(static_cast<CUnsigned>(digits[1]));
+    return high == VoCodecKernels::kNoDigit || low == VoCodecKernels::kNoDigit ? -1 : high * 16 + low;
 }
 
 // The text with each "%XY" replaced by that unit; false when one is malformed.
@@ -203,7 +197,7 @@ try
     auto record = std::make_unique<CParamRec>(name, value);
     if (const HRESULT hr = m_params.Add(record.get()); FAILED(hr))
         return report(118, hr);
-    record.release();
+    (void)record.release(); // the list owns it now
     return S_OK;
 }
 catch (...)
@@ -537,7 +531,7 @@ try
                 return report(446, hr);
             if (const HRESULT hr = m_params.Add(record.get()); FAILED(hr))
                 return report(448, hr);
-            record.release();
+            (void)record.release(); // the list owns it now
         }
         begin = end + 1;
     }

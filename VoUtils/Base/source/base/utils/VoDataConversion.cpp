@@ -260,7 +260,7 @@ HRESULT DecodeTolerant(const CVoReporter& report, std::wstring_view text, CDecod
 }
 
 // The last step of every decoder, and the only one that writes to the caller.
-HRESULT HandOver(const CVoReporter& report, int line, CDecoded&& decoded, BYTE** buffer, UINT32* length) noexcept
+HRESULT HandOver(const CVoReporter& report, int line, CDecoded& decoded, BYTE** buffer, UINT32* length) noexcept
 {
     if (!length || decoded.length > std::numeric_limits<UINT32>::max())
         return report(line, E_INVALIDARG);
@@ -360,7 +360,7 @@ HRESULT HexToBin(std::wstring_view text, BYTE** buffer, UINT32* length)
     if (!TryDecodeClean<CHex>(text, decoded))
         if (const HRESULT hr = DecodeTolerant<CHex>(report, text, decoded); FAILED(hr))
             return hr;
-    return HandOver(report, 384, std::move(decoded), buffer, length);
+    return HandOver(report, 384, decoded, buffer, length);
 }
 
 HRESULT BinToHex(const BYTE* bytes, INT32 count, std::wstring& text, INT32 line)
@@ -385,7 +385,7 @@ HRESULT Base64ToBin(std::wstring_view text, BYTE** buffer, UINT32* length)
     if (!TryDecodeClean<CBase64>(text, decoded))
         if (const HRESULT hr = DecodeTolerant<CBase64>(report, text, decoded); FAILED(hr))
             return hr;
-    return HandOver(report, 410, std::move(decoded), buffer, length);
+    return HandOver(report, 410, decoded, buffer, length);
 }
 
 HRESULT BinToBase64(const BYTE* bytes, INT32 count, bool urlSafe, std::wstring& text, INT32 line)
@@ -425,7 +425,7 @@ HRESULT Base32ModifiedCrockfordToBin(std::wstring_view text, BYTE** buffer, UINT
         if (const HRESULT hr = DecodeTolerant<CBase32>(report, text, decoded); FAILED(hr))
             return hr;
     }
-    return HandOver(report, 462, std::move(decoded), buffer, length);
+    return HandOver(report, 462, decoded, buffer, length);
 }
 
 HRESULT BinToBase32ModifiedCrockford(const BYTE* bytes, INT32 count, bool pad, std::wstring& text, INT32 line)
