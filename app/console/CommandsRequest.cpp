@@ -82,6 +82,7 @@ protected:
     // Reads what the command line names, before anything is sent.
     virtual void Prepare(CContext& context) = 0;
     virtual void AdaptAddress(CContext&, CServerAddressData&) {}
+    [[nodiscard]] virtual HRESULT Open(CRequest& request) = 0;
     [[nodiscard]] virtual HRESULT Send(CRequest& request, bool allowRetry, CVoHTTPMessage::CSendResult& sent) = 0;
     [[nodiscard]] virtual HRESULT Read(const CRequest& request, EResponseKind kind, CResponse& response)
     {
@@ -101,7 +102,7 @@ private:
         {
             const INT64 begin = VoGetMicroseconds();
             CRequest request{ message, nullptr };
-            hr = message.OpenRequest(request.data);
+            hr = Open(request);
             if (SUCCEEDED(hr))
             {
                 const CProgressBar progress(context.Streams().err, request.data, context.Options().quiet);
@@ -244,6 +245,7 @@ protected:
         if (!m_key.empty())
             m_keyText = CVoSecret<wchar_t>(context.ReadTextFile(m_key));
     }
+    HRESULT Open(CRequest& request) override { return request.message.OpenRequest(request.data); }
     HRESULT Send(CRequest& request, bool allowRetry, CVoHTTPMessage::CSendResult& sent) override
     {
         if (HasSeveralMessages())
@@ -302,6 +304,8 @@ protected:
         if (query != address.Query())
             Check(address.SetObjectPath((address.Path().empty() ? L"/" : address.Path()) + query));
     }
+    // SendGetRequest opens its request itself, so that there is no progress to show.
+    HRESULT Open(CRequest&) override { return S_OK; }
     HRESULT Send(CRequest& request, bool allowRetry, CVoHTTPMessage::CSendResult& sent) override
     {
         return request.message.SendGetRequest(request.data, {}, allowRetry, &sent);
