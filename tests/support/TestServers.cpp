@@ -43,6 +43,10 @@ std::optional<CTestServers> ReadEnvironment()
     std::istringstream fronts(Variable("VOUTILS_TLS_FRONTS"));
     for (std::string pair; fronts >> pair;)
         servers.tlsFronts.emplace_back(Port(pair), Port(pair.substr(pair.find(':') + 1)));
+    servers.squidPort = Port(Variable("VOUTILS_SQUID_PORT"));
+    servers.squidAuthPort = Port(Variable("VOUTILS_SQUID_AUTH_PORT"));
+    servers.squidUser = Variable("VOUTILS_SQUID_USER");
+    servers.squidPassword = Variable("VOUTILS_SQUID_PASSWORD");
     return servers;
 }
 } // namespace

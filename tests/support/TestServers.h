@@ -1,4 +1,5 @@
-// The real servers beside the tests' own: nginx with TLS, started by tools/test-servers, whose head lists what it answers.
+// The real servers beside the tests' own: nginx with TLS and squid, started by tools/test-servers, whose head lists what it
+// answers.
 #pragma once
 
 #include <cstdint>
@@ -23,6 +24,10 @@ struct CTestServers
     // When the script closes, the front sends the closing alert and waits three seconds for the client's before it closes;
     // under Wine libcurl does not see the alert, so that an answer cut off takes these three seconds (CURLE_RECV_ERROR).
     std::vector<std::pair<uint16_t, uint16_t>> tlsFronts;
+    uint16_t squidPort = 0;     // a proxy for everybody
+    uint16_t squidAuthPort = 0; // a proxy for who knows these
+    std::string squidUser;
+    std::string squidPassword;
 
     [[nodiscard]] std::string URL(std::string_view target) const
     {

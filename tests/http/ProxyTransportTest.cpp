@@ -1,0 +1,380 @@
+// Requests through proxies, real and scripted, with the process's proxy store behind the transports.
+#include "support/HTTPSupport.h"
+#include "support/TestServers.h"
+
+#include <LoopbackServer.h>
+#include <VoGlobalHTTPProxyStoreImpl.h>
+
+#include <gmock/gmock.h>
+
+using namespace TestSupport;
+using testing::AnyOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+namespace
+{
+struct CTransport
+{
+    UINT32 kind;
+    const char* name;
+};
+constexpr CTransport kTransports[] = { { 2, "CURL" } };
+
+void PrintTo(const CTransport& transport, std::ostream* stream)
+{
+    *stream << transport.name;
+}
+
+constexpr const char* kBasicUser = "Basic dXNlcjpzZWNyZXQ=";      // user:secret
+constexpr const char* kBasicProxy = "Basic cHJveHk6cGFzc3dvcmQ="; // proxy:password
+
+std::wstring Wide(std::string_view text)
+{
+    return { text.begin(), text.end() };
+}
+
+class ProxyTransportTest : public testing::TestWithParam<CTransport>
+{
+protected:
+    void UseProxy(uint16_t port)
+    {
+        CHTTPProxyConfigData config;
+        config.manualProxy = NameOf(port);
+        ASSERT_EQ(m_store->Init(config), S_OK);
+    }
+    [[nodiscard]] static std::wstring NameOf(uint16_t port) { return L"127.0.0.1:" + std::to_wstring(port); }
+    // The credentials that the store has for the proxy of a URL: "user password", empty for none.
+    [[nodiscard]] std::wstring Saved(const std::string& url) const
+    {
+        CVoBstr proxy;
+        CVoBstr user;
+        CVoBstr password;
+        EXPECT_EQ(m_store->GetProxyForUrl(CVoBstr(Wide(url)).Get(), proxy.Put(), user.Put(), password.Put()), S_OK);
+        return user.Get() ? std::wstring(user.View()) + L' ' + std::wstring(password.View()) : std::wstring();
+    }
+
+    struct CAnswer
+    {
+        HRESULT result = E_UNEXPECTED;
+        std::string text;
+    };
+    // A payload sent to a URL on a connection of its own, and the payload that came back.
+    [[nodiscard]] CAnswer Send(const std::string& url, std::string_view body = "x", UINT32 timeout = 20)
+    {
+        CAnswer answer;
+        CServerAddressData address;
+        EXPECT_EQ(address.SetAddress(Wide(url), false, true, true), S_OK);
+        std::shared_ptr<CVoHTTPMessage> message;
+        {
+            const CTransportScope scope(GetParam().kind);
+            answer.result = CVoHTTPMessage::Connect(address, m_callback.Get(), m_store.Get(), nullptr, timeout, timeout, false,
+                                                    false, message);
+        }
+        std::shared_ptr<CVoHTTPMessage::CHTTPRequestData> request;
+        if (SUCCEEDED(answer.result))
+            answer.result = message->OpenRequest(request);
+        if (SUCCEEDED(answer.result))
+            answer.result = message->SendMessage(request, MakeMessage({}, body), CVoHTTPMessage::EContentKind::Raw, true, {},
+                                                 {}, false, nullptr);
+        CVoBinaryDataParser read;
+        bool isUtf8 = false;
+        bool isEmpty = false;
+        if (SUCCEEDED(answer.result))
+            answer.result = message->ReadResponse(request, read, CVoHTTPMessage::EResponseKind::Parameters, &isUtf8, &isEmpty);
+        answer.text = PayloadOf(read);
+        return answer;
+    }
+
+    CVoComPtr<CScriptedAuthCallback> m_callback = VoMakeComObject<CScriptedAuthCallback>();
+    CVoComPtr<CVoGlobalHTTPProxyStoreImpl> m_store = VoMakeComObject<CVoGlobalHTTPProxyStoreImpl>();
+};
+
+INSTANTIATE_TEST_SUITE_P(Kinds, ProxyTransportTest, testing::ValuesIn(kTransports),
+                         [](const auto& tested) { return tested.param.name; });
+
+// The head of a request as a scripted server saw it.
+struct CSeen
+{
+    std::string target;
+    std::string authorization;
+    std::string proxyAuthorization;
+    std::string via;
+};
+
+// A server, or a proxy, that notes what it is asked.
+class CNotingServer
+{
+public:
+    explicit CNotingServer(Loopback::CHandler handler)
+        : m_server(
+              [this, answer = std::move(handler)](const Loopback::CRequest& request, Loopback::CConnection& connection)
+              {
+                  {
+                      const std::scoped_lock lock(m_lock);
+                      m_seen.push_back({ request.target, std::string(request.Header("Authorization")),
+                                         std::string(request.Header("Proxy-Authorization")),
+                                         std::string(request.Header("Via")) });
+                  }
+                  answer(request, connection);
+              })
+    {
+    }
+    [[nodiscard]] uint16_t Port() const { return m_server.Port(); }
+    [[nodiscard]] std::string URL(std::string_view target) const { return m_server.URL(target); }
+    [[nodiscard]] std::vector<CSeen> Seen() const
+    {
+        const std::scoped_lock lock(m_lock);
+        return m_seen;
+    }
+
+private:
+    mutable std::mutex m_lock;
+    std::vector<CSeen> m_seen;
+    Loopback::CLoopbackServer m_server; // last: its threads use the others
+};
+
+// Whether a request has the credentials; otherwise it was answered with the challenge.
+bool Authenticate(const Loopback::CRequest& request, Loopback::CConnection& connection, bool proxy)
+{
+    if (request.Header(proxy ? "Proxy-Authorization" : "Authorization") == (proxy ? kBasicProxy : kBasicUser))
+        return true;
+    connection.SendResponse(proxy ? 407 : 401, { { proxy ? "Proxy-Authenticate" : "WWW-Authenticate", "Basic realm=\"r\"" } });
+    return false;
+}
+
+// --- squid
+
+TEST_P(ProxyTransportTest, GoesThroughAnOpenProxy)
+{
+    VO_NEEDS_TEST_SERVERS();
+    UseProxy(TestServers()->squidPort);
+    const CNotingServer origin([](const Loopback::CRequest& request, Loopback::CConnection& connection)
+                               { connection.SendResponse(200, {}, request.body); });
+    const CAnswer plain = Send(origin.URL("/"), "a body");
+    EXPECT_EQ(plain.result, S_OK);
+    EXPECT_EQ(plain.text, "a body");
+    ASSERT_THAT(origin.Seen(), SizeIs(1));
+    EXPECT_THAT(origin.Seen()[0].via, HasSubstr("squid"));
+
+    const CAnswer secure = Send(TestServers()->SecureURL("/echo"), "a body");
+    EXPECT_EQ(secure.result, S_OK);
+    EXPECT_EQ(secure.text, "a body");
+    EXPECT_THAT(m_callback->Questions(), IsEmpty());
+}
+
+TEST_P(ProxyTransportTest, KeepsTheCredentialsThatAProxyAccepted)
+{
+    VO_NEEDS_TEST_SERVERS();
+    const std::wstring user = Wide(TestServers()->squidUser);
+    const std::wstring password = Wide(TestServers()->squidPassword);
+    const std::wstring saved = user + L' ' + password;
+    const std::string body(5000, 'x'); // sent again after the challenge
+    const std::string urls[] = { TestServers()->URL("/echo"), TestServers()->SecureURL("/echo") };
+    for (const std::string& url : urls)
+    {
+        SCOPED_TRACE(url);
+        EXPECT_EQ(m_store->Clear(), S_OK);
+        UseProxy(TestServers()->squidAuthPort);
+        m_callback = VoMakeComObject<CScriptedAuthCallback>();
+
+        // Declined: nothing is sent on, nothing kept.
+        EXPECT_EQ(Send(url, body).result, kResultCancelled);
+        EXPECT_EQ(Saved(url), L"");
+        // The question names the server and the proxy.
+        CServerAddressData address;
+        ASSERT_EQ(address.SetAddress(Wide(url), false, false, false), S_OK);
+        EXPECT_THAT(m_callback->Questions(),
+                    ElementsAre(L"proxy " + address.BaseURL() + L' ' + NameOf(TestServers()->squidAuthPort)));
+        // Refused ones are asked for again, and not kept.
+        m_callback->AnswerProxy({ { user, L"wrong" } });
+        EXPECT_EQ(Send(url, body).result, kResultCancelled);
+        EXPECT_THAT(m_callback->Questions(), SizeIs(3));
+        EXPECT_EQ(Saved(url), L"");
+        m_callback->AnswerProxy({ { L"wrong", password }, { user, password } });
+        const CAnswer answer = Send(url, body);
+        EXPECT_EQ(answer.result, S_OK);
+        EXPECT_TRUE(answer.text == body);
+        EXPECT_THAT(m_callback->Questions(), SizeIs(5));
+        // Accepted ones serve every later request, to any server.
+        for (const std::string& later : urls)
+        {
+            EXPECT_EQ(Saved(later), saved);
+            EXPECT_TRUE(Send(later, body).text == body);
+        }
+        EXPECT_THAT(m_callback->Questions(), SizeIs(5));
+    }
+}
+
+TEST_P(ProxyTransportTest, FailsWhereNobodyCanBeAsked)
+{
+    VO_NEEDS_TEST_SERVERS();
+    UseProxy(TestServers()->squidAuthPort);
+    m_callback.Reset();
+    for (const std::string& url : { TestServers()->URL("/echo"), TestServers()->SecureURL("/echo") })
+    {
+        EXPECT_TRUE(FAILED(Send(url).result));
+        EXPECT_EQ(Saved(url), L"");
+    }
+    // Saved ones that the proxy does not take either.
+    EXPECT_EQ(m_store->SetAuthDataForProxy(CVoBstr(NameOf(TestServers()->squidAuthPort)).Get(), CVoBstr(L"x").Get(),
+                                           CVoBstr(L"y").Get(), VARIANT_TRUE, VARIANT_TRUE),
+              S_OK);
+    EXPECT_TRUE(FAILED(Send(TestServers()->URL("/echo")).result));
+}
+
+TEST_P(ProxyTransportTest, AnswersProxyAndServerEachWithItsOwn)
+{
+    VO_NEEDS_TEST_SERVERS();
+    UseProxy(TestServers()->squidAuthPort);
+    for (const std::string& url : { TestServers()->URL("/private"), TestServers()->SecureURL("/private") })
+    {
+        SCOPED_TRACE(url);
+        m_callback->AnswerProxy({ { Wide(TestServers()->squidUser), Wide(TestServers()->squidPassword) } });
+        m_callback->AnswerServer({ { L"user", L"secret" } });
+        const CAnswer answer = Send(url, "private body");
+        EXPECT_EQ(answer.result, S_OK);
+        EXPECT_EQ(answer.text, "private body");
+        // The server's are not taken for the proxy's.
+        EXPECT_EQ(Saved(url), Wide(TestServers()->squidUser + ' ' + TestServers()->squidPassword));
+    }
+}
+
+// --- scripted proxies, which see what reaches them
+
+TEST_P(ProxyTransportTest, ShowsTheServersCredentialsToTheServerOnly)
+{
+    VO_NEEDS_TEST_SERVERS();
+    const CNotingServer proxy(
+        [](const Loopback::CRequest& request, Loopback::CConnection& connection)
+        {
+            if (!Authenticate(request, connection, true))
+                return;
+            if (request.method == "CONNECT")
+                connection.Tunnel(TestServers()->tlsPort, "HTTP/1.1 200 Connection established\r\n\r\n");
+            else if (request.target != "http://first.test/private")
+                connection.SendResponse(200, {}, "&&other");
+            else if (Authenticate(request, connection, false))
+                connection.SendResponse(302, { { "Location", "http://second.test/" } });
+        });
+    UseProxy(proxy.Port());
+    m_callback->AnswerProxy({ { L"proxy", L"password" } });
+    m_callback->AnswerServer({ { L"user", L"secret" }, { L"user", L"secret" } });
+
+    // After a redirect the other server gets none.
+    EXPECT_EQ(Send("http://first.test/private").text, "other");
+    std::vector<CSeen> seen = proxy.Seen();
+    ASSERT_FALSE(seen.empty());
+    for (size_t i = 0; i < seen.size(); ++i)
+    {
+        SCOPED_TRACE(seen[i].target);
+        // A transport may ask without first, to hear of the schemes.
+        EXPECT_THAT(seen[i].proxyAuthorization, AnyOf("", kBasicProxy));
+        if (seen[i].target != "http://first.test/private")
+        {
+            EXPECT_EQ(seen[i].authorization, "");
+        }
+    }
+    EXPECT_EQ(seen.back().target, "http://second.test/");
+    EXPECT_EQ(seen.back().proxyAuthorization, kBasicProxy);
+
+    // Outside a tunnel stand the proxy's only, without a question since they are saved, and inside the server's only.
+    EXPECT_EQ(Send(TestServers()->SecureURL("/private"), "private body").text, "private body");
+    const size_t before = seen.size();
+    seen = proxy.Seen();
+    ASSERT_GT(seen.size(), before);
+    for (size_t i = before; i < seen.size(); ++i)
+    {
+        EXPECT_EQ(seen[i].target, "localhost:" + std::to_string(TestServers()->tlsPort));
+        EXPECT_EQ(seen[i].authorization, "");
+        EXPECT_THAT(seen[i].proxyAuthorization, AnyOf("", kBasicProxy));
+    }
+    EXPECT_EQ(seen.back().proxyAuthorization, kBasicProxy);
+    EXPECT_THAT(m_callback->Questions(), SizeIs(3)); // once for the proxy, once for each server
+}
+
+TEST_P(ProxyTransportTest, ShowsAProxysCredentialsToThatProxyOnly)
+{
+    const auto answer = [](const Loopback::CRequest& /*request*/, Loopback::CConnection& connection)
+    { connection.SendResponse(200, {}, "&&ok"); };
+    const CNotingServer used(answer);
+    const CNotingServer other(answer);
+    UseProxy(used.Port());
+    EXPECT_EQ(m_store->SetAuthDataForProxy(CVoBstr(NameOf(other.Port())).Get(), CVoBstr(L"proxy").Get(),
+                                           CVoBstr(L"password").Get(), VARIANT_TRUE, VARIANT_TRUE),
+              S_OK);
+    EXPECT_EQ(Send("http://server.test/").text, "ok");
+    ASSERT_THAT(used.Seen(), SizeIs(1));
+    EXPECT_EQ(used.Seen()[0].proxyAuthorization, "");
+    // Nor to a server that is reached directly and pretends to be a proxy.
+    CHTTPProxyConfigData config;
+    ASSERT_EQ(m_store->Init(config), S_OK);
+    const CNotingServer server([](const Loopback::CRequest& request, Loopback::CConnection& connection)
+                               { Authenticate(request, connection, true); });
+    m_callback->AnswerProxy({ { L"proxy", L"password" } });
+    EXPECT_TRUE(FAILED(Send(server.URL("/")).result));
+    for (const CSeen& seen : server.Seen())
+        EXPECT_EQ(seen.proxyAuthorization, "");
+    EXPECT_EQ(Saved(server.URL("/")), L"");
+}
+
+TEST_P(ProxyTransportTest, TakesItsProxyFromAScript)
+{
+    const CNotingServer proxy([](const Loopback::CRequest& /*request*/, Loopback::CConnection& connection)
+                              { connection.SendResponse(200, {}, "&&by proxy"); });
+    const CNotingServer script(
+        [&](const Loopback::CRequest& /*request*/, Loopback::CConnection& connection)
+        {
+            connection.SendResponse(200, { { "Content-Type", "application/x-ns-proxy-autoconfig" } },
+                                    "function FindProxyForURL(url, host) { return host == '127.0.0.1' ? 'DIRECT' : "
+                                    "'PROXY 127.0.0.1:" +
+                                        std::to_string(proxy.Port()) + "'; }");
+        });
+    const CNotingServer server([](const Loopback::CRequest& /*request*/, Loopback::CConnection& connection)
+                               { connection.SendResponse(200, {}, "&&directly"); });
+    CHTTPProxyConfigData config;
+    config.pacFileUrl = Wide(script.URL("/proxy.pac"));
+    ASSERT_EQ(m_store->Init(config), S_OK);
+    EXPECT_EQ(Send("http://server.test/").text, "by proxy");
+    EXPECT_EQ(Send("http://server.test/").text, "by proxy");
+    EXPECT_EQ(Send(server.URL("/")).text, "directly");
+}
+
+TEST_P(ProxyTransportTest, EndsWithinItsTimeOutsBehindABadProxy)
+{
+    // Dead: nobody listens on the port of a server that is gone.
+    uint16_t closed = 0;
+    {
+        const Loopback::CLoopbackServer gone([](const Loopback::CRequest&, Loopback::CConnection&) {});
+        closed = gone.Port();
+    }
+    UseProxy(closed);
+    EXPECT_TRUE(FAILED(Send("http://server.test/").result));
+    EXPECT_TRUE(FAILED(Send("https://server.test/").result));
+
+    // Slow: the answer would come when the server stops.
+    const Loopback::CLoopbackServer slow([](const Loopback::CRequest&, Loopback::CConnection& connection)
+                                         { connection.WaitUntilStopped(std::chrono::minutes(1)); });
+    UseProxy(slow.Port());
+    EXPECT_EQ(Send("http://server.test/", "x", 1).result, kResultTimeout);
+    EXPECT_EQ(Send("https://server.test/", "x", 1).result, kResultTimeout);
+
+    // Lying: no HTTP, a tunnel to nothing, a challenge without a scheme.
+    for (const char* const lie : { "220 mail.test\r\n\r\n", "HTTP/1.1 200 OK\r\n\r\nnot TLS", "HTTP/1.1 407 No\r\n\r\n",
+                                   "HTTP/1.1 502 Bad\r\nContent-Length: 0\r\n\r\n" })
+    {
+        SCOPED_TRACE(lie);
+        const Loopback::CLoopbackServer lying(
+            [&](const Loopback::CRequest&, Loopback::CConnection& connection)
+            {
+                connection.Send(lie);
+                connection.CloseNow();
+            });
+        UseProxy(lying.Port());
+        EXPECT_TRUE(FAILED(Send("https://server.test/", "x", 5).result));
+        EXPECT_EQ(Saved("https://server.test/"), L"");
+    }
+}
+} // namespace
