@@ -11,6 +11,15 @@ IVoHTTPCookieStore& CProcessState::CookieStore()
     return *m_cookieStore.Get();
 }
 
+CVoGlobalHTTPProxyStoreImpl& CProcessState::ProxyStore()
+{
+    if (!m_proxyStore)
+        m_proxyStore = VoMakeComObject<CVoGlobalHTTPProxyStoreImpl>();
+    if (!m_proxyStore)
+        throw std::bad_alloc();
+    return *m_proxyStore.Get();
+}
+
 std::vector<BYTE> CContext::ReadInput()
 {
     if (m_inputTaken)

@@ -4,6 +4,7 @@
 #include "Streams.h"
 #include "Text.h"
 
+#include <VoGlobalHTTPProxyStoreImpl.h>
 #include <VoHTTPStores.h>
 #include <base/VoHResult.h>
 #include <base/com/VoIUnknown.h>
@@ -51,14 +52,17 @@ struct CGlobalOptions
 };
 
 // What all commands of the process share: the stores, made on first use and kept until the program ends, so that the commands
-// of a batch see each other's cookies.
+// of a batch see each other's cookies and the proxies' credentials.
 class CProcessState
 {
 public:
     [[nodiscard]] IVoHTTPCookieStore& CookieStore();
+    // Connects directly until it is told otherwise.
+    [[nodiscard]] CVoGlobalHTTPProxyStoreImpl& ProxyStore();
 
 private:
     CVoComPtr<IVoHTTPCookieStore> m_cookieStore;
+    CVoComPtr<CVoGlobalHTTPProxyStoreImpl> m_proxyStore;
 };
 
 // One run of one command: where it reads from, and where its results go. With --json the results become the keys of one object

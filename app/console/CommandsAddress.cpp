@@ -1,6 +1,7 @@
-// address, resolve, cookies: what the library makes of URLs, names and cookies, without sending anything.
+// address, resolve, proxy, cookies: what the library makes of URLs, names and cookies, without sending a request.
 #include "Console.h"
 #include "CookieFile.h"
+#include "ProxyOptions.h"
 
 #include <VoGlobalHTTPUtils.h>
 #include <VoNetworkUtils.h>
@@ -71,6 +72,35 @@ public:
 
 private:
     std::string m_host;
+};
+
+class CProxyCommand : public ICommand
+{
+public:
+    void Declare(CLI::App& app) override
+    {
+        app.add_option("URL", m_url, "The URL that a request would go to")->required();
+        m_options.Declare(app);
+        app.footer("Prints JSON: proxy (\"\" is a direct connection), user (of the credentials known for it, or \"\").\n" +
+                   app.get_footer());
+    }
+    void Run(CContext& context) override
+    {
+        // Without a URL the store would answer another question.
+        const std::wstring url = context.ReadValue(m_url);
+        if (url.empty())
+            Check(E_INVALIDARG);
+        CVoBstr proxy;
+        CVoBstr user;
+        CVoBstr password;
+        Check(m_options.Apply(context).GetProxyForUrl(CVoBstr(url).Get(), proxy.Put(), user.Put(), password.Put()));
+        VoWipe(password.Get());
+        context.PutObject({ { "proxy", ToUtf8(proxy.View()) }, { "user", ToUtf8(user.View()) } });
+    }
+
+private:
+    std::string m_url;
+    CProxyOptions m_options;
 };
 
 class CCookiesCommand : public ICommand
@@ -154,6 +184,7 @@ std::span<const CCommandEntry> AddressCommands()
     static constexpr std::array kCommands{
         CCommandEntry{ nullptr, "address", "Take a server's URL apart", MakeCommand<CAddressCommand> },
         CCommandEntry{ nullptr, "resolve", "Find the address of a host", MakeCommand<CResolveCommand> },
+        CCommandEntry{ nullptr, "proxy", "Find the proxy that a request to a URL would use", MakeCommand<CProxyCommand> },
         CCommandEntry{ nullptr, "cookies", "Feed Set-Cookie values to the cookie store and ask it",
                        MakeCommand<CCookiesCommand> },
     };

@@ -46,19 +46,13 @@ void CConnectionOptions::Declare(CLI::App& app)
         ->type_name("USER:PASSWORD");
     app.add_flag("--ask", m_ask,
                  "Show the dialog when credentials are needed. Without any of these three a request is declined");
-    app.add_option("--proxy", m_proxy, "The proxies to use, as the Internet settings list them")->type_name("LIST");
-    app.add_option("--bypass", m_bypass, "The hosts that are reached without a proxy")->type_name("LIST");
-    app.add_option("--pac", m_pac, "The address of a proxy script")->type_name("URL");
-    app.add_flag("--auto-detect", m_autoDetect, "Find the proxy script in the network");
-    app.add_flag("--no-proxy", m_noProxy, "Connect directly");
+    m_proxy.Declare(app);
     app.add_option("--cookies", m_cookies, "Load the cookies from FILE if it exists, and save them there afterwards")
         ->type_name("FILE");
 }
 
 void CConnectionOptions::CheckAvailable() const
 {
-    if (!m_proxy.empty() || !m_bypass.empty() || !m_pac.empty() || m_autoDetect)
-        throw CDetailedFailure(E_NOTIMPL, "this build connects directly: it has no proxy store yet");
     if (m_ask)
         throw CDetailedFailure(E_NOTIMPL, "this build has no credentials dialog yet; use --auth or --proxy-auth");
 }
@@ -93,8 +87,8 @@ std::shared_ptr<CVoHTTPMessage> CConnectionOptions::Connect(CContext& context, c
     const bool verify = !m_noVerify && (m_verify || settings.CheckServerCertificate());
     const bool revocation = !m_noCheckRevocation && (m_checkRevocation || settings.CheckCertificateRevocation());
     std::shared_ptr<CVoHTTPMessage> message;
-    const HRESULT hr = CVoHTTPMessage::Connect(address, &answers, nullptr, &context.Process().CookieStore(), m_connectTimeout,
-                                               m_requestTimeout, verify, revocation, message);
+    const HRESULT hr = CVoHTTPMessage::Connect(address, &answers, &m_proxy.Apply(context), &context.Process().CookieStore(),
+                                               m_connectTimeout, m_requestTimeout, verify, revocation, message);
     if (hr == E_NOTIMPL)
         throw CDetailedFailure(hr, "this build does not have this transport yet; use --engine curl");
     Check(hr);

@@ -3,6 +3,7 @@
 
 #include "AuthAnswers.h"
 #include "Command.h"
+#include "ProxyOptions.h"
 
 #include <VoHTTPMessage.h>
 
@@ -59,10 +60,6 @@ private:
     std::string m_auth;
     std::string m_proxyAuth;
     bool m_ask = false;
-    std::string m_proxy;
-    std::string m_bypass;
-    std::string m_pac;
-    bool m_autoDetect = false;
-    bool m_noProxy = false;
+    CProxyOptions m_proxy;
     std::string m_cookies;
 };

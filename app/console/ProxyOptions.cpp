@@ -1,0 +1,51 @@
+#include "ProxyOptions.h"
+
+#include <VoGlobalHTTPUtils.h>
+#include <VoProxyList.h>
+
+void CProxyOptions::Declare(CLI::App& app)
+{
+    CLI::Option* const list =
+        app.add_option("--proxy", m_proxy,
+                       "The proxies to use, as the Internet settings list them: HOST:PORT, or http=HOST:PORT;https=HOST:PORT");
+    list->type_name("LIST");
+    app.add_option("--bypass", m_bypass,
+                   "The hosts that are reached without that proxy; * is any part, <local> every name without a dot")
+        ->type_name("LIST")
+        ->needs(list);
+    CLI::Option* const script = app.add_option("--pac", m_pac, "The address of a proxy script");
+    script->type_name("URL")->excludes(list);
+    CLI::Option* const detection = app.add_flag("--auto-detect", m_autoDetect, "Find the proxy script in the network");
+    detection->excludes(list)->excludes(script);
+    app.add_flag("--no-proxy", m_noProxy, "Connect directly; default: the user's Internet settings")
+        ->excludes(list)
+        ->excludes(script)
+        ->excludes(detection);
+}
+
+IVoHTTPProxyStore& CProxyOptions::Apply(CContext& context) const
+{
+    CHTTPProxyConfigData config;
+    if (m_autoDetect)
+        config.autoDetect = true;
+    else if (!m_pac.empty())
+    {
+        config.pacFileUrl = FromUtf8(m_pac);
+        CServerAddressData address;
+        if (FAILED(address.SetAddress(config.pacFileUrl, false, true, true)))
+            throw CUsageError("--pac: the value is no http or https URL");
+    }
+    else if (!m_proxy.empty())
+    {
+        config.manualProxy = FromUtf8(m_proxy);
+        config.manualProxyBypassList = FromUtf8(m_bypass);
+        if (VoProxyList::ProxyForScheme(config.manualProxy, false).empty() &&
+            VoProxyList::ProxyForScheme(config.manualProxy, true).empty())
+            throw CUsageError("--proxy: the value names no proxy for http or https");
+    }
+    else if (!m_noProxy)
+        Check(config.InitFromIE());
+    CVoGlobalHTTPProxyStoreImpl& store = context.Process().ProxyStore();
+    Check(store.Init(config));
+    return store;
+}

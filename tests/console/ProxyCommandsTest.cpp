@@ -1,0 +1,100 @@
+// The proxy options, and the command that shows what they make.
+#include "ConsoleProcess.h"
+
+#include <LoopbackServer.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+
+namespace
+{
+CConsoleResult Batch(std::vector<std::string> arguments)
+{
+    static CConsoleBatch s_batch;
+    arguments.emplace_back("--json");
+    return s_batch.Run(arguments);
+}
+
+struct CCase
+{
+    std::vector<std::string> arguments;
+    int exitCode;
+    std::string proxy;
+};
+
+TEST(ConsoleProxy, TellsTheProxyOfAUrl)
+{
+    const CCase table[] = {
+        { { "http://www.test/", "--proxy", "http=a:1;https=b:2" }, 0, "a:1" },
+        { { "https://www.test/", "--proxy", "http=a:1;https=b:2" }, 0, "b:2" },
+        { { "http://intranet/", "--proxy", "a:1", "--bypass", "<local>;*.test" }, 0, "" },
+        { { "http://www.test/", "--proxy", "a:1", "--bypass", "<local>;*.test" }, 0, "" },
+        { { "http://www.test/", "--no-proxy" }, 0, "" },
+        { { "http://www.test/", "--auto-detect" }, 0, "" }, // nothing to be found on loopback
+        { { "ftp://www.test/", "--no-proxy" }, 1, "" },
+        { { "", "--proxy", "a:1" }, 1, "" },
+        { { "http://www.test/", "--proxy", "socks=s:1" }, 2, "" },
+        { { "http://www.test/", "--pac", "file:///x.pac" }, 2, "" },
+        { { "http://www.test/", "--bypass", "x" }, 2, "" },
+        { { "http://www.test/", "--proxy", "a:1", "--no-proxy" }, 2, "" },
+        { { "http://www.test/", "--proxy", "a:1", "--pac", "http://x/" }, 2, "" },
+        { { "http://www.test/", "--auto-detect", "--pac", "http://x/" }, 2, "" },
+        { {}, 2, "" },
+    };
+    for (const CCase& row : table)
+    {
+        SCOPED_TRACE(testing::PrintToString(row.arguments));
+        std::vector<std::string> arguments{ "proxy" };
+        arguments.insert(arguments.end(), row.arguments.begin(), row.arguments.end());
+        const CConsoleResult result = Batch(arguments);
+        EXPECT_EQ(result.exitCode, row.exitCode);
+        if (result.exitCode == 0)
+        {
+            EXPECT_EQ(result.Json()["proxy"], row.proxy);
+            EXPECT_EQ(result.Json()["user"], "");
+        }
+    }
+}
+
+TEST(ConsoleProxy, RunsAScript)
+{
+    const Loopback::CLoopbackServer server(
+        [](const Loopback::CRequest&, Loopback::CConnection& connection)
+        {
+            connection.SendResponse(200, { { "Content-Type", "application/x-ns-proxy-autoconfig" } },
+                                    "function FindProxyForURL(url, host) { return 'PROXY p:8080'; }");
+        });
+    const CConsoleResult result = Batch({ "proxy", "http://www.test/", "--pac", server.URL("/proxy.pac") });
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(result.Json()["proxy"], "p:8080");
+}
+
+TEST(ConsoleProxy, SendsThroughItAndRemembersItsCredentials)
+{
+    std::atomic<int> challenges{ 0 };
+    const Loopback::CLoopbackServer proxy(
+        [&](const Loopback::CRequest& request, Loopback::CConnection& connection)
+        {
+            if (request.Header("Proxy-Authorization") == "Basic dXNlcjpzZWNyZXQ=") // user:secret
+                connection.SendResponse(200, {}, request.target);
+            else
+            {
+                ++challenges;
+                connection.SendResponse(407, { { "Proxy-Authenticate", "Basic realm=\"r\"" } });
+            }
+        });
+    const std::string name = "127.0.0.1:" + std::to_string(proxy.Port());
+    const std::vector<std::string> get{ "get", "http://www.test/x", "--engine", "curl", "--proxy", name };
+    EXPECT_EQ(Batch(get).Json()["result"], "0x800704C7");
+    EXPECT_EQ(Batch({ "proxy", "http://www.test/", "--proxy", name }).Json()["user"], "");
+
+    std::vector<std::string> withCredentials = get;
+    withCredentials.insert(withCredentials.end(), { "--proxy-auth", "user:secret" });
+    EXPECT_EQ(Batch(withCredentials).Json()["result"], "0x00000000");
+    // The same store serves the whole batch.
+    EXPECT_EQ(Batch({ "proxy", "http://other.test/", "--proxy", name }).Json()["user"], "user");
+    EXPECT_EQ(Batch(get).Json()["result"], "0x00000000");
+    EXPECT_GE(challenges, 2);
+}
+} // namespace
