@@ -1,0 +1,222 @@
+#include <VoAuthDlg.h>
+#include <VoDialogTemplate.h>
+
+#include <base/VoErrorHandler.h>
+
+#include <utility>
+
+namespace
+{
+constexpr const wchar_t* kSource = L"..\\source\\VoAuthDlg";
+
+constexpr CDialogRect kDialogRect{ 0, 0, 308, 125 };
+
+// How a control follows the dialog's size.
+enum EAnchor : unsigned
+{
+    kMoveX = 1,
+    kMoveY = 2,
+    kGrowX = 4,
+    kGrowY = 8
+};
+
+struct CControl
+{
+    EDialogControl kind;
+    WORD id;
+    DWORD style;
+    DWORD extendedStyle;
+    CDialogRect rect;
+    const wchar_t* text;
+    unsigned anchors;
+};
+
+// In keyboard order, each label before the field that it names (screen readers go by that). The address may hold ampersands,
+// and breaks anywhere, having no blanks. The size grip comes last and clips its siblings, so that it lies under the button near
+// it.
+constexpr CControl kControls[] = {
+    { EDialogControl::Static,
+      CAuthDlg::kServerAddress,
+      SS_LEFT | SS_NOPREFIX | SS_EDITCONTROL,
+      0,
+      { 7, 7, 294, 36 },
+      L"<SERVERADDRESS>",
+      kGrowX | kGrowY },
+    { EDialogControl::Static, CAuthDlg::kUserNameLabel, SS_LEFT, 0, { 7, 54, 52, 10 }, L"Username:", kMoveY },
+    { EDialogControl::Edit,
+      CAuthDlg::kUserName,
+      WS_TABSTOP | ES_AUTOHSCROLL,
+      WS_EX_CLIENTEDGE,
+      { 62, 52, 239, 14 },
+      L"",
+      kMoveY | kGrowX },
+    { EDialogControl::Static, CAuthDlg::kPasswordLabel, SS_LEFT, 0, { 7, 76, 52, 10 }, L"Password:", kMoveY },
+    { EDialogControl::Edit,
+      CAuthDlg::kPassword,
+      WS_TABSTOP | ES_AUTOHSCROLL | ES_PASSWORD,
+      WS_EX_CLIENTEDGE,
+      { 62, 74, 239, 14 },
+      L"",
+      kMoveY | kGrowX },
+    { EDialogControl::Button, IDOK, WS_TABSTOP | BS_DEFPUSHBUTTON, 0, { 198, 104, 50, 14 }, L"OK", kMoveX | kMoveY },
+    { EDialogControl::Button, IDCANCEL, WS_TABSTOP | BS_PUSHBUTTON, 0, { 251, 104, 50, 14 }, L"Cancel", kMoveX | kMoveY },
+    { EDialogControl::ScrollBar,
+      CAuthDlg::kSizeGrip,
+      WS_CLIPSIBLINGS | SBS_SIZEGRIP | SBS_SIZEBOXBOTTOMRIGHTALIGN,
+      0,
+      { 298, 115, 10, 10 },
+      L"",
+      kMoveX | kMoveY },
+};
+
+// Not visible before it has its texts. The prompt comes to the front even when the user works elsewhere, because what waits for
+// it may be a thread of its own.
+constexpr DWORD kDialogStyle =
+    DS_SETFONT | DS_CENTER | DS_SETFOREGROUND | WS_POPUP | WS_CAPTION | WS_SYSMENU | WS_THICKFRAME | WS_CLIPCHILDREN;
+
+CDialogTemplate MakeTemplate()
+{
+    CDialogTemplate result(kDialogStyle, kDialogRect, L"<TITLE>", 8, L"Microsoft Sans Serif");
+    for (const CControl& control : kControls)
+        result.Add(control.kind, control.id, control.style, control.extendedStyle, control.rect, control.text);
+    return result;
+}
+
+// Dialog units of this dialog in pixels. Sizes are converted by themselves, as the platform does: the same size in units is the
+// same size in pixels, wherever it stands.
+RECT ToPixels(HWND dialog, const CDialogRect& rect) noexcept
+{
+    RECT pixels{ rect.x, rect.y, rect.cx, rect.cy };
+    ::MapDialogRect(dialog, &pixels);
+    pixels.right += pixels.left;
+    pixels.bottom += pixels.top;
+    return pixels;
+}
+
+// Places the controls for the dialog's present size.
+void LayOut(HWND dialog) noexcept
+{
+    RECT client{};
+    ::GetClientRect(dialog, &client);
+    const RECT designed = ToPixels(dialog, kDialogRect);
+    const LONG extraX = client.right - designed.right;
+    const LONG extraY = client.bottom - designed.bottom;
+    for (const CControl& control : kControls)
+    {
+        RECT rect = ToPixels(dialog, control.rect);
+        if (control.id == CAuthDlg::kSizeGrip)
+        {
+            // In the corner itself, in the size of the user's settings, whatever the font.
+            rect = { designed.right - ::GetSystemMetrics(SM_CXVSCROLL), designed.bottom - ::GetSystemMetrics(SM_CYHSCROLL),
+                     designed.right, designed.bottom };
+        }
+        ::OffsetRect(&rect, control.anchors & kMoveX ? extraX : 0, control.anchors & kMoveY ? extraY : 0);
+        rect.right += control.anchors & kGrowX ? extraX : 0;
+        rect.bottom += control.anchors & kGrowY ? extraY : 0;
+        ::SetWindowPos(::GetDlgItem(dialog, control.id), nullptr, rect.left, rect.top, rect.right - rect.left,
+                       rect.bottom - rect.top, SWP_NOZORDER | SWP_NOACTIVATE | SWP_NOCOPYBITS);
+    }
+}
+
+// The size as designed is the least.
+void LimitSize(HWND dialog, MINMAXINFO& limits) noexcept
+{
+    RECT rect = ToPixels(dialog, kDialogRect);
+    if (::AdjustWindowRectEx(&rect, static_cast<DWORD>(::GetWindowLongPtrW(dialog, GWL_STYLE)), FALSE,
+                             static_cast<DWORD>(::GetWindowLongPtrW(dialog, GWL_EXSTYLE))))
+        limits.ptMinTrackSize = { rect.right - rect.left, rect.bottom - rect.top };
+}
+
+void ReadField(HWND dialog, WORD id, std::wstring& text)
+{
+    const HWND field = ::GetDlgItem(dialog, id);
+    // With room for the zero that the platform writes behind the text.
+    text.assign(static_cast<size_t>(::GetWindowTextLengthW(field)) + 1, L'\0');
+    text.resize(static_cast<size_t>(::GetWindowTextW(field, text.data(), static_cast<int>(text.size()))));
+}
+
+// Overwrites what the field's own memory holds, which the platform only frees.
+void WipeField(HWND dialog, WORD id) noexcept
+{
+    const HWND field = ::GetDlgItem(dialog, id);
+    try
+    {
+        ::SetWindowTextW(field, std::wstring(static_cast<size_t>(::GetWindowTextLengthW(field)), L' ').c_str());
+    }
+    catch (...)
+    {
+        // Without memory for as many blanks the text is at least dropped.
+    }
+    ::SetWindowTextW(field, L"");
+    ::SendMessageW(field, EM_EMPTYUNDOBUFFER, 0, 0);
+}
+} // namespace
+
+bool CAuthDlg::DoModal(HWND parent)
+{
+    constexpr CVoReporter report{ kSource, L"CAuthDlg::DoModal" };
+    const CDialogTemplate dialogTemplate = MakeTemplate();
+    m_userName.clear();
+    VoWipe(m_password.Get());
+    m_result = 0;
+    ::SetLastError(ERROR_SUCCESS);
+    (void)::DialogBoxIndirectParamW(::GetModuleHandleW(nullptr), dialogTemplate.Get(), parent, &DialogProc,
+                                    reinterpret_cast<LPARAM>(this));
+    const DWORD error = ::GetLastError();
+    if (m_failure)
+        std::rethrow_exception(std::exchange(m_failure, nullptr));
+    // The user did not end it. The platform says why only where the dialog could not be shown.
+    if (m_result == 0)
+        report.Win32(171, 172, error);
+    return m_result == IDOK;
+}
+
+INT_PTR CALLBACK CAuthDlg::DialogProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam) noexcept
+{
+    switch (message)
+    {
+    case WM_INITDIALOG:
+        ::SetWindowLongPtrW(dialog, DWLP_USER, lParam);
+        reinterpret_cast<const CAuthDlg*>(lParam)->OnInitDialog(dialog);
+        return TRUE; // the platform sets the focus to the first field
+    case WM_COMMAND:
+        if (LOWORD(wParam) != IDOK && LOWORD(wParam) != IDCANCEL)
+            return FALSE;
+        reinterpret_cast<CAuthDlg*>(::GetWindowLongPtrW(dialog, DWLP_USER))->OnEnd(dialog, LOWORD(wParam));
+        return TRUE;
+    case WM_SIZE:
+        LayOut(dialog);
+        return TRUE;
+    case WM_GETMINMAXINFO:
+        LimitSize(dialog, *reinterpret_cast<MINMAXINFO*>(lParam));
+        return TRUE;
+    case WM_DESTROY:
+        // Here the fields still exist, whatever ended the dialog.
+        WipeField(dialog, kPassword);
+        return TRUE;
+    default:
+        return FALSE;
+    }
+}
+
+void CAuthDlg::OnInitDialog(HWND dialog) const noexcept
+{
+    ::SetWindowTextW(dialog, m_title.c_str());
+    ::SetDlgItemTextW(dialog, kServerAddress, m_serverAddress.c_str());
+    LayOut(dialog);
+}
+
+void CAuthDlg::OnEnd(HWND dialog, WORD result) noexcept
+{
+    m_result = result;
+    try
+    {
+        ReadField(dialog, kUserName, m_userName);
+        ReadField(dialog, kPassword, m_password.Get());
+    }
+    catch (...)
+    {
+        m_failure = std::current_exception();
+    }
+    ::EndDialog(dialog, result);
+}
