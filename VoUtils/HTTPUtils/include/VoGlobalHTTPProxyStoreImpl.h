@@ -87,8 +87,9 @@ private:
     // Both under the lock. IndexOf appends the proxy when it is new.
     [[nodiscard]] size_t IndexOf(std::wstring_view name);
     [[nodiscard]] CProxyPtr At(size_t index) const noexcept { return index == kDirect ? nullptr : m_proxies[index]; }
-    [[nodiscard]] HRESULT _Serialize(CVoBinaryDataParser& parser) const;
-    [[nodiscard]] HRESULT _Deserialize(const CVoBinaryDataParser& parser);
+    // "_Serialize" and "_Deserialize" in reports, names that C++ keeps for itself.
+    [[nodiscard]] HRESULT SerializeEntries(CVoBinaryDataParser& parser) const;
+    [[nodiscard]] HRESULT DeserializeEntries(const CVoBinaryDataParser& parser);
 
     CCriticalSection m_lock;
     std::unordered_map<std::wstring, size_t, CHash, std::equal_to<>> m_servers; // to an index of m_proxies, or kDirect

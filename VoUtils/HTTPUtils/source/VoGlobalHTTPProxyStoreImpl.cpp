@@ -129,11 +129,12 @@ void CProxyCache::Swap(CProxyCache& other) noexcept
     m_proxies.swap(other.m_proxies);
 }
 
-HRESULT CProxyCache::_Serialize(CVoBinaryDataParser& parser) const
+HRESULT CProxyCache::SerializeEntries(CVoBinaryDataParser& parser) const
 {
     constexpr CVoReporter report{ kSource, L"CProxyCache::_Serialize" };
     // In the order of their names, so that equal stores have equal texts.
     std::vector<std::pair<std::wstring_view, std::wstring_view>> servers;
+    servers.reserve(m_servers.size());
     for (const auto& [serverKey, index] : m_servers)
         servers.emplace_back(serverKey, index == kDirect ? std::wstring_view() : m_proxies[index]->name);
     std::sort(servers.begin(), servers.end());
@@ -177,7 +178,7 @@ HRESULT CProxyCache::Serialize(CVoSecret<wchar_t>& text) noexcept
     {
         CSecretParser parser;
         CAutoLock lock(&m_lock);
-        if (const HRESULT hr = _Serialize(parser); FAILED(hr))
+        if (const HRESULT hr = SerializeEntries(parser); FAILED(hr))
             return report(848, hr);
         if (const HRESULT hr = parser.GetParamsAsString(text.Get()); FAILED(hr))
             return report(850, hr);
@@ -189,7 +190,7 @@ HRESULT CProxyCache::Serialize(CVoSecret<wchar_t>& text) noexcept
     }
 }
 
-HRESULT CProxyCache::_Deserialize(const CVoBinaryDataParser& parser)
+HRESULT CProxyCache::DeserializeEntries(const CVoBinaryDataParser& parser)
 {
     constexpr CVoReporter report{ kSource, L"CProxyCache::_Deserialize" };
     for (size_t i = 0; i < parser.GetCount(); ++i)
@@ -240,7 +241,7 @@ HRESULT CProxyCache::Deserialize(std::wstring_view text) noexcept
         CSecretParser parser;
         if (const HRESULT hr = parser.ReadParamsFromString(text); FAILED(hr))
             return report(909, hr);
-        if (const HRESULT hr = _Deserialize(parser); FAILED(hr))
+        if (const HRESULT hr = DeserializeEntries(parser); FAILED(hr))
             return report(911, hr);
         return S_OK;
     }
