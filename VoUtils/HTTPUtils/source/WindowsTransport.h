@@ -1,0 +1,32 @@
+// What the two transports on the platform's own HTTP services have in common. It includes neither service's header, which do
+// not go together in one source file.
+#pragma once
+
+#include <base/VoHResult.h>
+#include <base/VoPlatform.h>
+
+namespace WindowsTransport
+{
+// Error numbers of both services (the platform's "Error messages" pages of WinHTTP and WinINet agree on them).
+inline constexpr DWORD kErrorInvalidOption = 12009;       // no such option
+inline constexpr DWORD kErrorInvalidOperation = 12016;    // not with this handle
+inline constexpr DWORD kErrorIncorrectHandleType = 12018; // not with this kind of handle
+
+// Whether a failed SetOption merely refused a tuning: a limit, or a switch that asks for nothing when it is off. A request
+// works without it, so a transport passes over it (the failure has been traced); any other failure counts, and so does every
+// failure of an option that the request's meaning or safety depends on, for which this is not to be asked.
+// `value` is what the option was to become: a switch that is off needs no service that could refuse it, so that an "invalid
+// parameter" for the value 0 is passed over too.
+[[nodiscard]] constexpr bool IsRefusedTuning(DWORD error, DWORD value) noexcept
+{
+    return error == kErrorInvalidOption || error == kErrorInvalidOperation || error == kErrorIncorrectHandleType ||
+           (error == ERROR_INVALID_PARAMETER && value == 0);
+}
+
+// The same for the code that an option's wrapper gave.
+[[nodiscard]] constexpr bool IsRefusedTuning(HRESULT result, DWORD value) noexcept
+{
+    return FAILED(result) && HRESULT_FACILITY(result) == FACILITY_WIN32 &&
+           IsRefusedTuning(static_cast<DWORD>(HRESULT_CODE(result)), value);
+}
+} // namespace WindowsTransport
