@@ -49,8 +49,12 @@ CLoopbackServer::CImpl::CImpl(CHandler theHandler, COptions theOptions)
 
 void CLoopbackServer::CImpl::Accept() noexcept
 {
+    // A connection that arrives while another is accepted may leave the event unset (seen under load, one in some thousands;
+    // the peer would wait for ever): the queue is looked at again from time to time.
+    constexpr DWORD kLookAgain = 200; // ms
     const std::array<HANDLE, 2> events = { stop.Get(), acceptable.Get() };
-    while (::WaitForMultipleObjects(2, events.data(), FALSE, INFINITE) == WAIT_OBJECT_0 + 1)
+    for (DWORD woken = 0;
+         (woken = ::WaitForMultipleObjects(2, events.data(), FALSE, kLookAgain)) == WAIT_OBJECT_0 + 1 || woken == WAIT_TIMEOUT;)
     {
         for (SOCKET socket; (socket = ::accept(listener, nullptr, nullptr)) != INVALID_SOCKET;)
             Start(socket);
