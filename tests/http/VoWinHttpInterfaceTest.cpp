@@ -59,6 +59,7 @@ TEST(WinHttpInterface, EveryFailingCallIsMappedAndReportedUnderItsOperation)
     DWORD number2 = 7;
     DWORD number3 = 7;
     std::wstring text = L"untouched";
+// NOLINTNEXTLINE(cppcoreguidelines-macro-usage): it names the function
 #define FAULTS(function, returns)                                                                                              \
     VO_FAULT("winhttp.dll", function, returns, 12004), VO_FAULT_GIVES("winhttp.dll", function, returns, 0, E_FAIL)
     const COperation operations[] = {

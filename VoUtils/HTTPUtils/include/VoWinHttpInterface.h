@@ -410,9 +410,10 @@ public:
             DWORD length = 0; // in bytes; with the ending zero when asked for, without it when answered
             if (query(nullptr, length))
                 return report(450, E_FAIL);
-            if (const DWORD error = ::GetLastError(); error == ERROR_WINHTTP_HEADER_NOT_FOUND)
+            const DWORD error = ::GetLastError();
+            if (error == ERROR_WINHTTP_HEADER_NOT_FOUND)
                 return HResultFromWin32(error);
-            else if (error != ERROR_INSUFFICIENT_BUFFER)
+            if (error != ERROR_INSUFFICIENT_BUFFER)
                 return report(454, HResultFromWin32(error));
 
             std::wstring value(length / sizeof(wchar_t) + 1, L'\0');

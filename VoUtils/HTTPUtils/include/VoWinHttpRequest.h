@@ -102,11 +102,11 @@ public:
     virtual HRESULT SetSendCompleteHandler(SendCompleteHandler handler) noexcept = 0;
 
     virtual ~IVoWinHttpRequest() = default;
+    IVoWinHttpRequest(const IVoWinHttpRequest&) = delete;
+    IVoWinHttpRequest& operator=(const IVoWinHttpRequest&) = delete;
 
 protected:
     IVoWinHttpRequest() = default;
-    IVoWinHttpRequest(const IVoWinHttpRequest&) = delete;
-    IVoWinHttpRequest& operator=(const IVoWinHttpRequest&) = delete;
 };
 
 // What an exchange is called in reports; a GET and a POST behave alike.
@@ -244,7 +244,7 @@ private:
     {
     public:
         explicit CNotification(CExchange& exchange) noexcept
-            : m_exchange(exchange.shared_from_this()), m_frame{ &exchange, t_innermostCallback }
+            : m_exchange(exchange.weak_from_this().lock()), m_frame{ &exchange, t_innermostCallback }
         {
             t_innermostCallback = &m_frame;
             const std::lock_guard lock(exchange.m_lock);
@@ -305,7 +305,7 @@ private:
     // Lets go of everything that belongs to others, for a state that WinHTTP still knows and nobody waits for.
     void Abandon() noexcept;
 
-    [[nodiscard]] HRESULT _Send() noexcept;
+    [[nodiscard]] HRESULT SendRequest() noexcept; // "_Send" in reports, a name that C++ keeps for itself
     [[nodiscard]] HRESULT OnCallback(DWORD status, const void* information, DWORD length);
     [[nodiscard]] HRESULT OnSendrequestComplete(DWORD status, const void* information, DWORD length);
     [[nodiscard]] HRESULT OnHeadersAvailable();
@@ -556,9 +556,9 @@ HRESULT CExchange<T>::Start() noexcept
         m_handle = m_request.Get();
         wasKnown = m_self != nullptr;
         if (!wasKnown)
-            m_self = this->shared_from_this();
+            m_self = this->weak_from_this().lock();
     }
-    const HRESULT hr = _Send();
+    const HRESULT hr = SendRequest();
     if (SUCCEEDED(hr))
         return hr;
 
@@ -569,7 +569,7 @@ HRESULT CExchange<T>::Start() noexcept
     constexpr DWORD_PTR kNoContext = 0;
     const bool forgotten = (hr == E_HANDLE && !wasKnown) ||
                            SUCCEEDED(m_request.SetOption(WINHTTP_OPTION_CONTEXT_VALUE, &kNoContext, sizeof(kNoContext)));
-    const std::shared_ptr<CExchange> keep = this->shared_from_this();
+    const std::shared_ptr<CExchange> keep = this->weak_from_this().lock();
     {
         const std::lock_guard lock(m_lock);
         if (forgotten)
@@ -583,7 +583,7 @@ HRESULT CExchange<T>::Start() noexcept
 }
 
 template <class T>
-HRESULT CExchange<T>::_Send() noexcept
+HRESULT CExchange<T>::SendRequest() noexcept
 {
     const HRESULT hr = m_request.Send(m_body, m_bodyLength, reinterpret_cast<DWORD_PTR>(this));
     return SUCCEEDED(hr) ? hr : kReporter<T, L"_Send">(200, hr);
@@ -592,31 +592,28 @@ HRESULT CExchange<T>::_Send() noexcept
 template <class T>
 HRESULT CExchange<T>::Close() noexcept
 {
-    std::unique_lock lock(m_lock);
     const bool inCallback = IsInCallback();
-    HRESULT hr = S_OK;
-    if (m_busy && !m_abandoned)
-    {
-        lock.unlock();
-        if (inCallback)
-            Abandon();
-        hr = m_request.Close(); // may serve HANDLE_CLOSING right here
-        lock.lock();
-        if (FAILED(hr) && m_busy && !inCallback)
-        {
-            lock.unlock();
-            Abandon();
-            lock.lock();
-        }
-    }
-    else if (inCallback)
+    std::unique_lock lock(m_lock);
+    const bool isKnown = m_busy && !m_abandoned;
+    lock.unlock();
+    if (inCallback)
+        Abandon();
+    const HRESULT hr = isKnown ? m_request.Close() : S_OK; // may serve HANDLE_CLOSING right here
+    if (inCallback)
+        return hr;
+
+    lock.lock();
+    if (FAILED(hr) && m_busy)
     {
         lock.unlock();
         Abandon();
         lock.lock();
     }
-    if (!inCallback)
-        m_changed.wait(lock, [this] { return (!m_busy || m_abandoned) && m_notifications == 0; });
+    m_changed.wait(lock, [this] { return (!m_busy || m_abandoned) && m_notifications == 0; });
+    // What the functions hold goes here and now: the state may live on for a moment in the notification that was the last.
+    const std::shared_ptr<const AuthenticationFunction> authenticate = std::move(m_authenticate);
+    const std::shared_ptr<const SendCompleteHandler> sendComplete = std::move(m_sendComplete);
+    lock.unlock();
     return hr;
 }
 
@@ -792,7 +789,7 @@ HRESULT CExchange<T>::OnAuthenticationRequested()
     if (const HRESULT set = Reason(m_request.SetCredentials(target, chosen, user.Get().c_str(), password.Get().c_str()));
         FAILED(set))
         return report(324, set);
-    const HRESULT sent = Reason(_Send());
+    const HRESULT sent = Reason(SendRequest());
     return SUCCEEDED(sent) ? sent : report(326, sent);
 }
 
