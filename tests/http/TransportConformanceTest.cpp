@@ -13,6 +13,7 @@
 
 #include <atomic>
 #include <future>
+#include <set>
 #include <thread>
 
 using namespace TestSupport;
@@ -22,18 +23,78 @@ using Request = std::shared_ptr<CVoHTTPMessage::CHTTPRequestData>;
 
 namespace
 {
-constexpr UINT32 kCURL = 2;
-
+// A transport, and where it may differ from the others.
 struct CTransport
 {
     UINT32 kind;
     const char* name;
-    HRESULT unexpectedStatus; // the code of an answer other than 200: libcurl's transport has one of its own
-    HRESULT cutShort;         // the code of an answer that ends before its length
+    // The code of an answer other than 200, and of a time-out: the Windows services have numbers of their own, and Wine's are
+    // others than Windows', so that only failure is asked for (S_OK).
+    HRESULT unexpectedStatus;
+    HRESULT timeOut;
+    // Credentials are asked for through the callback. WinINet shows the system's dialog instead, and only while connecting.
+    bool asksCallback;
+    // Cookies of the answers that redirect are kept, and each hop is sent its own: the Windows services follow redirects
+    // inside.
+    bool seesRedirects;
+    // Set-Cookie headers of answers other than 200 are kept.
+    bool keepsCookiesOfFailures;
+    // The answer waits with the connection until it is read, so that connecting anew loses it.
+    bool answerWaitsAtConnection;
+    // The client's own address is known. It is for the trace, and Wine's WinINet has no socket to show.
+    bool knowsLocalAddress;
+    // Progress of the answer is seen while the request is sent, not only while the answer is read.
+    bool receivesWhileSending;
 };
 
 constexpr CTransport kTransports[] = {
-    { kCURL, "CURL", E_FAIL, E_FAIL },
+    { 0, "WinINet", kResultUnexpectedStatus, S_OK, false, false, false, true, false, false },
+    { 2, "CURL", E_FAIL, kResultTimeout, true, true, true, false, true, true },
+};
+
+// A server that leaves the WinINet transport's probe for credentials out of what a test sees: it is told by its version.
+class CServer
+{
+public:
+    explicit CServer(Loopback::CHandler handler)
+        : m_server(
+              [this, handler = std::move(handler)](const Loopback::CRequest& request, Loopback::CConnection& connection)
+              {
+                  if (request.version == "HTTP/1.0")
+                  {
+                      connection.SendResponse(200);
+                      connection.CloseNow();
+                      return;
+                  }
+                  {
+                      const std::scoped_lock lock(m_lock);
+                      m_requests.push_back(request);
+                      m_connections.insert(request.connection);
+                  }
+                  handler(request, connection);
+              })
+    {
+    }
+
+    [[nodiscard]] std::string URL(std::string_view target = "/") const { return m_server.URL(target); }
+    [[nodiscard]] uint16_t Port() const noexcept { return m_server.Port(); }
+    [[nodiscard]] std::vector<Loopback::CRequest> Requests() const
+    {
+        const std::scoped_lock lock(m_lock);
+        return m_requests;
+    }
+    [[nodiscard]] size_t RequestCount() const { return Requests().size(); }
+    [[nodiscard]] size_t ConnectionCount() const
+    {
+        const std::scoped_lock lock(m_lock);
+        return m_connections.size();
+    }
+
+private:
+    mutable std::mutex m_lock;
+    std::vector<Loopback::CRequest> m_requests;
+    std::set<size_t> m_connections;
+    Loopback::CLoopbackServer m_server; // ends first
 };
 
 std::string Basic(std::string_view credentials)
@@ -113,28 +174,10 @@ protected:
 INSTANTIATE_TEST_SUITE_P(Kinds, TransportTest, testing::ValuesIn(kTransports),
                          [](const auto& tested) { return tested.param.name; });
 
-// What a server of these tests notes of a request.
-struct CSeen
-{
-    std::mutex lock;
-    std::vector<Loopback::CRequest> requests;
-
-    void Add(const Loopback::CRequest& request)
-    {
-        const std::scoped_lock guard(lock);
-        requests.push_back(request);
-    }
-};
-
 TEST_P(TransportTest, SendsEachContentKindByteForByte)
 {
-    CSeen seen;
-    Loopback::CLoopbackServer server(
-        [&](const Loopback::CRequest& request, Loopback::CConnection& connection)
-        {
-            seen.Add(request);
-            connection.SendResponse(200, { { "Content-Type", "text/plain; charset=UTF-8" } }, "ok=1&&");
-        });
+    CServer server([&](const Loopback::CRequest& request, Loopback::CConnection& connection)
+                   { connection.SendResponse(200, { { "Content-Type", "text/plain; charset=UTF-8" } }, "ok=1&&"); });
     struct CCase
     {
         Kind kind;
@@ -170,7 +213,7 @@ TEST_P(TransportTest, SendsEachContentKindByteForByte)
         EXPECT_EQ(answer.result, S_OK);
         EXPECT_TRUE(answer.isUtf8);
         EXPECT_EQ(ParamsOf(answer.message), (Params{ { L"ok", L"1" } }));
-        const Loopback::CRequest& request = seen.requests.back();
+        const Loopback::CRequest request = server.Requests().back();
         EXPECT_EQ(request.method, "POST");
         EXPECT_EQ(request.target, "/service?x=1");
         EXPECT_EQ(request.Header("Content-Type"), item.contentType);
@@ -182,26 +225,20 @@ TEST_P(TransportTest, SendsEachContentKindByteForByte)
 
     const CAnswer answer = Send(*message, MakeMessage({ { L"a", L"1" }, { L"FileName", L"b.jpg" } }, "JPEG"), Kind::Multipart);
     EXPECT_EQ(answer.result, S_OK);
-    const std::string contentType(seen.requests.back().Header("Content-Type"));
+    const std::string contentType(server.Requests().back().Header("Content-Type"));
     constexpr std::string_view kPrefix = "multipart/form-data; charset=UTF-8; boundary=";
     ASSERT_TRUE(contentType.starts_with(kPrefix)) << contentType;
     const std::string boundary = contentType.substr(kPrefix.size());
-    EXPECT_EQ(seen.requests.back().body, "--" + boundary + "\r\nContent-Disposition: form-data; name=\"a\"\r\n\r\n1\r\n--" +
-                                             boundary +
-                                             "\r\nContent-Disposition: form-data; name=\"file\"; filename=\"b.jpg\"\r\n"
-                                             "Content-Type: image/pjpeg\r\n\r\nJPEG\r\n--" +
-                                             boundary + "--");
+    EXPECT_EQ(server.Requests().back().body, "--" + boundary + "\r\nContent-Disposition: form-data; name=\"a\"\r\n\r\n1\r\n--" +
+                                                 boundary +
+                                                 "\r\nContent-Disposition: form-data; name=\"file\"; filename=\"b.jpg\"\r\n"
+                                                 "Content-Type: image/pjpeg\r\n\r\nJPEG\r\n--" +
+                                                 boundary + "--");
 }
 
 TEST_P(TransportTest, SignsAForm)
 {
-    CSeen seen;
-    Loopback::CLoopbackServer server(
-        [&](const Loopback::CRequest& request, Loopback::CConnection& connection)
-        {
-            seen.Add(request);
-            connection.SendResponse(200);
-        });
+    CServer server([&](const auto&, Loopback::CConnection& connection) { connection.SendResponse(200); });
     std::wstring privateKey;
     std::wstring publicKey;
     ASSERT_EQ(OrvDigSign::COrvRSAKey::Generate(2048, privateKey, publicKey), S_OK);
@@ -211,7 +248,7 @@ TEST_P(TransportTest, SignsAForm)
     ASSERT_EQ(answer.result, S_OK);
     EXPECT_TRUE(answer.isEmpty);
 
-    const std::string& body = seen.requests.back().body;
+    const std::string body = server.Requests().back().body;
     const size_t end = body.find("&sig=");
     ASSERT_EQ(body.substr(0, end), "a=b%20c");
     const std::string encoded = body.substr(end + 5);
@@ -231,7 +268,7 @@ TEST_P(TransportTest, SignsAForm)
 
 TEST_P(TransportTest, RefusesContentThatCannotBeSent)
 {
-    Loopback::CLoopbackServer server([](const auto&, Loopback::CConnection& connection) { connection.SendResponse(200); });
+    CServer server([](const auto&, Loopback::CConnection& connection) { connection.SendResponse(200); });
     const auto message = Connect(server.URL());
     struct CCase
     {
@@ -299,7 +336,7 @@ TEST_P(TransportTest, ReadsAnswersOfEveryShape)
     };
     for (const CCase& item : cases)
     {
-        Loopback::CLoopbackServer server(
+        CServer server(
             [&](const auto&, Loopback::CConnection& connection)
             {
                 connection.Send(item.raw);
@@ -332,7 +369,7 @@ TEST_P(TransportTest, AnAnswerThatLiesOrBreaksOffIsAFailure)
     };
     for (const CCase& item : cases)
     {
-        Loopback::CLoopbackServer server(
+        CServer server(
             [&](const auto&, Loopback::CConnection& connection)
             {
                 connection.Send(item.raw);
@@ -351,7 +388,7 @@ TEST_P(TransportTest, OnlyStatus200IsSuccessAndClientErrorsAreNeverRetried)
     for (const int status : { 201, 204, 206, 300, 304, 400, 401, 402, 403, 404, 405, 406, 410, 500, 503 })
     {
         std::atomic<int> requests{ 0 };
-        Loopback::CLoopbackServer server(
+        CServer server(
             [&](const auto&, Loopback::CConnection& connection)
             {
                 // The first retry succeeds, so that a test of retries needs no time-out to end.
@@ -374,7 +411,7 @@ TEST_P(TransportTest, OnlyStatus200IsSuccessAndClientErrorsAreNeverRetried)
 
 TEST_P(TransportTest, RetriesEndWithTheBudget)
 {
-    Loopback::CLoopbackServer server([](const auto&, Loopback::CConnection& connection) { connection.SendResponse(500); });
+    CServer server([](const auto&, Loopback::CConnection& connection) { connection.SendResponse(500); });
     const auto message = Connect(server.URL(), 1, 10);
     const INT64 start = VoGetMicroseconds();
     const CAnswer answer = Send(*message, {}, Kind::Raw, true);
@@ -395,7 +432,7 @@ TEST_P(TransportTest, ASilentServerEndsInATimeOut)
     for (const CCase& item : { CCase{ "before the headers", "" }, CCase{ "in the headers", "HTTP/1.1 200 OK\r\nCont" },
                                CCase{ "in the body", "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\na=1" } })
     {
-        Loopback::CLoopbackServer server(
+        CServer server(
             [&](const auto&, Loopback::CConnection& connection)
             {
                 connection.Send(item.sent);
@@ -403,7 +440,11 @@ TEST_P(TransportTest, ASilentServerEndsInATimeOut)
             });
         const auto message = Connect(server.URL(), 1, 1);
         const CAnswer answer = Send(*message, {});
-        EXPECT_EQ(answer.result, kResultTimeout) << item.name;
+        EXPECT_TRUE(FAILED(answer.result)) << item.name;
+        if (GetParam().timeOut != S_OK)
+        {
+            EXPECT_EQ(answer.result, GetParam().timeOut) << item.name;
+        }
     }
 }
 
@@ -425,9 +466,11 @@ TEST_P(TransportTest, ARefusedConnectionLeavesItsChain)
 
 TEST_P(TransportTest, AChallengeIsAnsweredAndTheBodySentAgain)
 {
+    if (!GetParam().asksCallback)
+        GTEST_SKIP() << "the system's dialog asks, while connecting";
     const std::string body(100'000, 'b');
     std::atomic<int> accepted{ 0 };
-    Loopback::CLoopbackServer server(
+    CServer server(
         [&](const Loopback::CRequest& request, Loopback::CConnection& connection)
         {
             if (request.Header("Authorization") != Basic("user:p\xC3\xA4ss"))
@@ -463,8 +506,10 @@ TEST_P(TransportTest, AChallengeIsAnsweredAndTheBodySentAgain)
 
 TEST_P(TransportTest, CredentialsAreNotInTheLog)
 {
-    Loopback::CLoopbackServer server([](const auto&, Loopback::CConnection& connection)
-                                     { connection.SendResponse(401, { { "WWW-Authenticate", "Basic realm=\"r\"" } }); });
+    if (!GetParam().asksCallback)
+        GTEST_SKIP() << "the system's dialog asks, while connecting";
+    CServer server([](const auto&, Loopback::CConnection& connection)
+                   { connection.SendResponse(401, { { "WWW-Authenticate", "Basic realm=\"r\"" } }); });
     m_stores.auth = VoMakeComObject<CScriptedAuthCallback>();
     m_stores.auth->AnswerServer({ { L"alice", L"hunter2" } });
     const CLogCapture log;
@@ -476,11 +521,9 @@ TEST_P(TransportTest, CredentialsAreNotInTheLog)
 
 TEST_P(TransportTest, CookiesTravelOverSeveralRequests)
 {
-    CSeen seen;
-    Loopback::CLoopbackServer server(
+    CServer server(
         [&](const Loopback::CRequest& request, Loopback::CConnection& connection)
         {
-            seen.Add(request);
             if (request.Path() == "/login")
                 connection.SendResponse(200, { { "Set-Cookie", "a=1; Path=/" },
                                                { "Set-Cookie", "b=2; Path=/app" },
@@ -493,18 +536,16 @@ TEST_P(TransportTest, CookiesTravelOverSeveralRequests)
     EXPECT_EQ(SendTo(server.URL("/login")).result, S_OK);
     EXPECT_EQ(SendTo(server.URL("/app/page")).result, S_OK);
     EXPECT_EQ(SendTo(server.URL("/other")).result, S_OK);
-    EXPECT_EQ(seen.requests[0].Header("Cookie"), "");
-    EXPECT_EQ(seen.requests[1].Header("Cookie"), "b=2; a=1");
-    EXPECT_EQ(seen.requests[2].Header("Cookie"), "a=1");
+    EXPECT_EQ(server.Requests()[0].Header("Cookie"), "");
+    EXPECT_EQ(server.Requests()[1].Header("Cookie"), "b=2; a=1");
+    EXPECT_EQ(server.Requests()[2].Header("Cookie"), "a=1");
 }
 
 TEST_P(TransportTest, FollowsRedirectsWithTheCookiesOfEachHop)
 {
-    CSeen seen;
-    Loopback::CLoopbackServer server(
+    CServer server(
         [&](const Loopback::CRequest& request, Loopback::CConnection& connection)
         {
-            seen.Add(request);
             if (request.Path() == "/start")
                 connection.SendResponse(302, { { "Location", "next?x=1" }, { "Set-Cookie", "session=new; Path=/" } });
             else if (request.Path() == "/keep")
@@ -515,28 +556,34 @@ TEST_P(TransportTest, FollowsRedirectsWithTheCookiesOfEachHop)
     const CAnswer answer = SendTo(server.URL("/start"), MakeMessage({ { L"p", L"q" } }));
     EXPECT_EQ(answer.result, S_OK);
     EXPECT_EQ(ParamsOf(answer.message), (Params{ { L"a", L"1" } }));
-    ASSERT_EQ(seen.requests.size(), 2U);
-    EXPECT_EQ(seen.requests[1].method, "GET");
-    EXPECT_EQ(seen.requests[1].target, "/next?x=1");
-    EXPECT_EQ(seen.requests[1].Header("Cookie"), "session=new") << "set by the answer that redirects";
+    ASSERT_EQ(server.Requests().size(), 2U);
+    EXPECT_EQ(server.Requests()[1].method, "GET");
+    EXPECT_EQ(server.Requests()[1].target, "/next?x=1");
+    if (GetParam().seesRedirects)
+    {
+        EXPECT_EQ(server.Requests()[1].Header("Cookie"), "session=new") << "set by the answer that redirects";
+    }
 
     EXPECT_EQ(SendTo(server.URL("/keep"), MakeMessage({ { L"p", L"q" } })).result, S_OK);
-    EXPECT_EQ(seen.requests.back().method, "POST");
-    EXPECT_EQ(seen.requests.back().body, "p=q&&");
-    EXPECT_EQ(seen.requests.back().Header("Cookie"), "session=new");
+    EXPECT_EQ(server.Requests().back().method, "POST");
+    EXPECT_EQ(server.Requests().back().body, "p=q&&");
+    if (GetParam().seesRedirects)
+    {
+        EXPECT_EQ(server.Requests().back().Header("Cookie"), "session=new");
+    }
 }
 
 TEST_P(TransportTest, ARedirectLoopEnds)
 {
-    Loopback::CLoopbackServer server([](const auto&, Loopback::CConnection& connection)
-                                     { connection.SendResponse(302, { { "Location", "/again" } }); });
+    CServer server([](const auto&, Loopback::CConnection& connection)
+                   { connection.SendResponse(302, { { "Location", "/again" } }); });
     EXPECT_TRUE(FAILED(SendTo(server.URL()).result));
     EXPECT_LT(server.RequestCount(), 100U);
 }
 
 TEST_P(TransportTest, SendsSeveralMessagesInOneExchange)
 {
-    Loopback::CLoopbackServer server(
+    CServer server(
         [](const Loopback::CRequest& request, Loopback::CConnection& connection)
         { connection.SendResponse(200, { { "Content-Type", "application/octet-stream; charset=UTF-8" } }, request.body); });
     const auto message = Connect(server.URL());
@@ -567,8 +614,7 @@ TEST_P(TransportTest, ALengthThatRunsPastTheEndHandsNothingOut)
     for (const std::string& bad : { good + std::string("\x06\0\0\0y=1&&", 9), good + std::string("\x05\0\0", 3),
                                     good + std::string("\xFF\xFF\xFF\xFFy=1", 7) })
     {
-        Loopback::CLoopbackServer server([&](const auto&, Loopback::CConnection& connection)
-                                         { connection.SendResponse(200, {}, bad); });
+        CServer server([&](const auto&, Loopback::CConnection& connection) { connection.SendResponse(200, {}, bad); });
         const auto message = Connect(server.URL());
         Request request;
         ASSERT_EQ(message->OpenRequest(request), S_OK);
@@ -583,13 +629,8 @@ TEST_P(TransportTest, ALengthThatRunsPastTheEndHandsNothingOut)
 
 TEST_P(TransportTest, GetsAnyPathOfTheServer)
 {
-    CSeen seen;
-    Loopback::CLoopbackServer server(
-        [&](const Loopback::CRequest& request, Loopback::CConnection& connection)
-        {
-            seen.Add(request);
-            connection.SendResponse(200, {}, "bytes");
-        });
+    CServer server([&](const Loopback::CRequest& request, Loopback::CConnection& connection)
+                   { connection.SendResponse(200, {}, "bytes"); });
     const auto message = Connect(server.URL("/own?q=1"));
     for (const wchar_t* const path : { L"", L"/other", L"/p\u00E4th?x=\u20AC" })
     {
@@ -599,14 +640,17 @@ TEST_P(TransportTest, GetsAnyPathOfTheServer)
         CVoBinaryDataParser answer;
         ASSERT_EQ(message->ReadResponse(request, answer, Response::Binary, nullptr, nullptr), S_OK);
         EXPECT_EQ(PayloadOf(answer), "bytes");
-        EXPECT_EQ(result.localAddress, L"127.0.0.1");
+        if (GetParam().knowsLocalAddress)
+        {
+            EXPECT_EQ(result.localAddress, L"127.0.0.1");
+        }
     }
-    ASSERT_EQ(seen.requests.size(), 3U);
-    EXPECT_EQ(seen.requests[0].method, "GET");
-    EXPECT_EQ(seen.requests[0].target, "/own?q=1");
-    EXPECT_TRUE(seen.requests[0].Header("Content-Type").empty());
-    EXPECT_EQ(seen.requests[1].target, "/other");
-    EXPECT_EQ(seen.requests[2].target, "/p%C3%A4th?x=%E2%82%AC");
+    ASSERT_EQ(server.Requests().size(), 3U);
+    EXPECT_EQ(server.Requests()[0].method, "GET");
+    EXPECT_EQ(server.Requests()[0].target, "/own?q=1");
+    EXPECT_TRUE(server.Requests()[0].Header("Content-Type").empty());
+    EXPECT_EQ(server.Requests()[1].target, "/other");
+    EXPECT_EQ(server.Requests()[2].target, "/p%C3%A4th?x=%E2%82%AC");
     Request request;
     EXPECT_EQ(message->SendGetRequest(request, L"no/slash", false, nullptr), E_INVALIDARG);
     EXPECT_EQ(request, nullptr);
@@ -614,8 +658,8 @@ TEST_P(TransportTest, GetsAnyPathOfTheServer)
 
 TEST_P(TransportTest, ManyRequestsUseOneConnection)
 {
-    Loopback::CLoopbackServer server([](const Loopback::CRequest& request, Loopback::CConnection& connection)
-                                     { connection.SendResponse(200, {}, request.body); });
+    CServer server([](const Loopback::CRequest& request, Loopback::CConnection& connection)
+                   { connection.SendResponse(200, {}, request.body); });
     const auto message = Connect(server.URL());
     for (int i = 0; i < 100; ++i)
     {
@@ -634,7 +678,7 @@ TEST_P(TransportTest, ManyRequestsUseOneConnection)
 TEST_P(TransportTest, AnswersOfAnEarlierConnectionAreNotMixedUp)
 {
     // The server answers the first request and closes its side afterwards: the next one needs a new connection.
-    Loopback::CLoopbackServer server(
+    CServer server(
         [](const Loopback::CRequest& request, Loopback::CConnection& connection)
         {
             connection.SendResponse(200, {}, request.body);
@@ -652,8 +696,8 @@ TEST_P(TransportTest, AnswersOfAnEarlierConnectionAreNotMixedUp)
 
 TEST_P(TransportTest, Carries100MBBothWays)
 {
-    Loopback::CLoopbackServer server([](const Loopback::CRequest& request, Loopback::CConnection& connection)
-                                     { connection.SendResponse(200, {}, request.body); });
+    CServer server([](const Loopback::CRequest& request, Loopback::CConnection& connection)
+                   { connection.SendResponse(200, {}, request.body); });
     std::vector<BYTE> payload(100 << 20);
     UINT32 state = 1;
     for (BYTE& byte : payload)
@@ -670,8 +714,7 @@ TEST_P(TransportTest, Carries100MBBothWays)
 
 TEST_P(TransportTest, ARequestOutlivesItsMessageAndTheOtherWayRound)
 {
-    Loopback::CLoopbackServer server([](const auto&, Loopback::CConnection& connection)
-                                     { connection.SendResponse(200, {}, "a=1"); });
+    CServer server([](const auto&, Loopback::CConnection& connection) { connection.SendResponse(200, {}, "a=1"); });
     auto message = Connect(server.URL());
     Request sent;
     Request unsent;
@@ -687,7 +730,8 @@ TEST_P(TransportTest, ARequestOutlivesItsMessageAndTheOtherWayRound)
     ASSERT_EQ(message->SendMessage(sent, {}, Kind::Raw, true, {}, {}, false, nullptr), S_OK);
     ASSERT_EQ(message->Connect(Address(server.URL()), nullptr, nullptr, nullptr, 5, 5, false, false), S_OK);
     CVoBinaryDataParser answer;
-    EXPECT_EQ(message->ReadResponse(sent, answer, Response::Parameters, nullptr, nullptr), S_OK) << "it was received before";
+    EXPECT_EQ(FAILED(message->ReadResponse(sent, answer, Response::Parameters, nullptr, nullptr)),
+              GetParam().answerWaitsAtConnection);
     ASSERT_EQ(message->OpenRequest(unsent), S_OK);
     message.reset();
 }
@@ -704,7 +748,7 @@ TEST_P(TransportTest, TellsWhenTheBodyHasLeft)
         }
         std::atomic<int> calls{ 0 };
     };
-    Loopback::CLoopbackServer server([](const auto&, Loopback::CConnection& connection) { connection.SendResponse(200); });
+    CServer server([](const auto&, Loopback::CConnection& connection) { connection.SendResponse(200); });
     const auto message = Connect(server.URL());
     CCount count;
     EXPECT_EQ(message->SetCallBack(&count), S_OK);
@@ -718,9 +762,8 @@ TEST_P(TransportTest, TellsWhenTheBodyHasLeft)
 
 TEST_P(TransportTest, ManyThreadsWithAMessageEachShareTheStores)
 {
-    Loopback::CLoopbackServer server(
-        [](const Loopback::CRequest& request, Loopback::CConnection& connection)
-        { connection.SendResponse(200, { { "Set-Cookie", std::string(request.Query()) + "=1" } }, request.body); });
+    CServer server([](const Loopback::CRequest& request, Loopback::CConnection& connection)
+                   { connection.SendResponse(200, { { "Set-Cookie", std::string(request.Query()) + "=1" } }, request.body); });
     constexpr int kThreads = 8;
     constexpr int kRequests = 40;
     std::vector<std::future<int>> threads;
@@ -754,8 +797,10 @@ TEST_P(TransportTest, ManyThreadsWithAMessageEachShareTheStores)
 
 TEST_P(TransportTest, ProgressIsVisibleToOtherThreads)
 {
+    if (!GetParam().receivesWhileSending)
+        GTEST_SKIP() << "the answer is received while it is read";
     std::promise<void> seen;
-    Loopback::CLoopbackServer server(
+    CServer server(
         [&](const Loopback::CRequest&, Loopback::CConnection& connection)
         {
             connection.Send("HTTP/1.1 200 OK\r\nContent-Length: 8\r\n\r\na=1&");

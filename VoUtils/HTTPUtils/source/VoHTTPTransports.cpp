@@ -1,6 +1,7 @@
 #include "VoHTTPTransports.h"
 
 #include <VoHTTPMessageCURL.h>
+#include <VoHTTPMessageWinINet.h>
 
 namespace
 {
@@ -19,6 +20,7 @@ struct CTransport
 };
 
 constexpr CTransport kTransports[] = {
+    { 0, &Make<VoHTTPMessageWinINet::CVoHTTPMessageWinINet> },
     { 2, &Make<VoHTTPMessageCURL::CVoHTTPMessageCURL> },
 };
 } // namespace

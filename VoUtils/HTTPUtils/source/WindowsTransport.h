@@ -8,9 +8,8 @@
 namespace WindowsTransport
 {
 // Error numbers of both services (the platform's "Error messages" pages of WinHTTP and WinINet agree on them).
-inline constexpr DWORD kErrorInvalidOption = 12009;       // no such option
-inline constexpr DWORD kErrorInvalidOperation = 12016;    // not with this handle
-inline constexpr DWORD kErrorIncorrectHandleType = 12018; // not with this kind of handle
+inline constexpr DWORD kErrorInvalidOption = 12009;    // no such option
+inline constexpr DWORD kErrorInvalidOperation = 12016; // not with this handle
 
 // Whether a failed SetOption merely refused a tuning: a limit, or a switch that asks for nothing when it is off. A request
 // works without it, so a transport passes over it (the failure has been traced); any other failure counts, and so does every
@@ -19,8 +18,7 @@ inline constexpr DWORD kErrorIncorrectHandleType = 12018; // not with this kind 
 // parameter" for the value 0 is passed over too.
 [[nodiscard]] constexpr bool IsRefusedTuning(DWORD error, DWORD value) noexcept
 {
-    return error == kErrorInvalidOption || error == kErrorInvalidOperation || error == kErrorIncorrectHandleType ||
-           (error == ERROR_INVALID_PARAMETER && value == 0);
+    return error == kErrorInvalidOption || error == kErrorInvalidOperation || (error == ERROR_INVALID_PARAMETER && value == 0);
 }
 
 // The same for the code that an option's wrapper gave.

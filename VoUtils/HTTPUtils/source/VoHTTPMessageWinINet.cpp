@@ -1,0 +1,810 @@
+#include <VoHTTPMessageWinINet.h>
+
+#include "WindowsTransport.h"
+
+#include <VoNetworkUtils.h>
+
+#include <base/VoUtils.h>
+#include <base/com/VoComHelper.h>
+
+#include <wininet.h>
+
+#include <algorithm>
+#include <array>
+#include <cwchar>
+#include <optional>
+
+namespace VoHTTPMessageWinINet
+{
+namespace
+{
+constexpr const wchar_t* kSource = L"..\\source\\VoHTTPMessageWinINet";
+
+constexpr UINT32 kStatusOk = 200;
+constexpr UINT32 kStatusUnauthorized = 401;
+constexpr UINT32 kStatusProxyAuthenticationRequired = 407;
+constexpr UINT32 kStatusServerError = 500;
+
+constexpr DWORD kMaximumConnections = 128;
+constexpr DWORD kOptionMaximumConnectionsPerProxy = 103;
+constexpr DWORD kRequestFlags =
+    INTERNET_FLAG_RELOAD | INTERNET_FLAG_NO_CACHE_WRITE | INTERNET_FLAG_KEEP_CONNECTION | INTERNET_FLAG_NO_COOKIES;
+constexpr DWORD kMaximumPiece = 32'000; // of a body, per write
+constexpr size_t kReadStep = 16 * 1024; // the answer's buffer grows in these steps
+constexpr size_t kMaximumReserve = size_t{ 256 } * 1024 * 1024;
+constexpr DWORD kDialogFlags =
+    FLAGS_ERROR_UI_FILTER_FOR_ERRORS | FLAGS_ERROR_UI_FLAGS_CHANGE_OPTIONS | FLAGS_ERROR_UI_FLAGS_GENERATE_DATA;
+constexpr DWORD kIgnoreRevocation = 0x80; // SECURITY_FLAG_IGNORE_REVOCATION
+constexpr DWORD kIgnoreCertificate = SECURITY_FLAG_IGNORE_UNKNOWN_CA | SECURITY_FLAG_IGNORE_WRONG_USAGE |
+                                     SECURITY_FLAG_IGNORE_CERT_CN_INVALID | SECURITY_FLAG_IGNORE_CERT_DATE_INVALID |
+                                     kIgnoreRevocation;
+
+// Runs a query that answers a text: once for the size, in bytes with its end, and once for the text.
+template <class Query>
+std::optional<std::wstring> QueryText(Query query)
+{
+    DWORD bytes = 0;
+    if (query(nullptr, &bytes))
+        return std::wstring();
+    if (::GetLastError() != ERROR_INSUFFICIENT_BUFFER)
+        return std::nullopt;
+    std::wstring text(bytes / sizeof(wchar_t) + 1, L'\0');
+    bytes = static_cast<DWORD>(text.size() * sizeof(wchar_t));
+    if (!query(text.data(), &bytes))
+        return std::nullopt;
+    text.resize(std::wcslen(text.c_str()));
+    return text;
+}
+
+std::optional<std::wstring> QueryOptionText(HINTERNET handle, DWORD option)
+{
+    return QueryText([&](wchar_t* buffer, DWORD* bytes) { return ::InternetQueryOptionW(handle, option, buffer, bytes); });
+}
+
+// A response header by its query code; nothing where the answer has none.
+std::optional<std::wstring> CheckHeader(HINTERNET request, DWORD query)
+{
+    return QueryText(
+        [&](wchar_t* buffer, DWORD* bytes)
+        {
+            DWORD index = 0;
+            return ::HttpQueryInfoW(request, query, buffer, bytes, &index);
+        });
+}
+
+// A response header as a number; nothing where the answer has none, or where it is no number.
+std::optional<UINT64> GetHeaderLongValue(HINTERNET request, DWORD query)
+{
+    const std::optional<std::wstring> text = CheckHeader(request, query);
+    if (!text || text->empty() || text->find_first_not_of(L"0123456789") != std::wstring::npos)
+        return std::nullopt;
+    errno = 0;
+    const unsigned long long value = std::wcstoull(text->c_str(), nullptr, 10);
+    return errno == 0 ? std::optional<UINT64>(value) : std::nullopt;
+}
+
+// The status of the answer that the request has.
+HRESULT QueryStatus(HINTERNET request, UINT32& status, const CVoReporter& report, int line) noexcept
+{
+    DWORD value = 0;
+    DWORD length = sizeof value;
+    if (!::HttpQueryInfoW(request, HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &value, &length, nullptr))
+        return report.LastError(line, line + 1);
+    status = value;
+    return S_OK;
+}
+
+// The two ends of a request's connection and its send buffer, for the trace. The platform need not tell them.
+struct CSocketFacts
+{
+    std::wstring local;
+    std::wstring peer;
+    UINT16 localPort = 0;
+    UINT16 peerPort = 0;
+    int sendBufferSize = 0;
+};
+
+bool GetEndpoint(SOCKET socket, int(WSAAPI* query)(SOCKET, sockaddr*, int*), std::wstring& text, UINT16& port) noexcept
+{
+    sockaddr_storage storage{};
+    int length = sizeof storage;
+    auto* const name = reinterpret_cast<sockaddr*>(&storage);
+    if (query(socket, name, &length) != 0)
+        return false;
+    VoNetworkUtils::CVoIPAddress address;
+    bool taken = false;
+    if (FAILED(address.InitFromIPAddress(*name, true, taken)) || !taken)
+        return false;
+    text = address.Text();
+    // Both families have the port at the same place.
+    port = ::ntohs(reinterpret_cast<const sockaddr_in*>(&storage)->sin_port);
+    return true;
+}
+
+bool internalGetIPAddressesFromSocket(SOCKET socket, CSocketFacts& facts) noexcept
+{
+    return GetEndpoint(socket, &::getsockname, facts.local, facts.localPort) &&
+           GetEndpoint(socket, &::getpeername, facts.peer, facts.peerPort);
+}
+
+void internalGetSendBufferSizeFromSocket(SOCKET socket, CSocketFacts& facts) noexcept
+{
+    int length = sizeof facts.sendBufferSize;
+    (void)::getsockopt(socket, SOL_SOCKET, SO_SNDBUF, reinterpret_cast<char*>(&facts.sendBufferSize), &length);
+}
+
+// Traces the two ends and gives the client's address; empty where the platform has no socket to show.
+std::wstring internalGetClientIPAddressAndSendBufferSize(HINTERNET request) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalGetClientIPAddressAndSendBufferSize" };
+    INTERNET_DIAGNOSTIC_SOCKET_INFO info{};
+    DWORD length = sizeof info;
+    if (!::InternetQueryOptionW(request, INTERNET_OPTION_DIAGNOSTIC_SOCKET_INFO, &info, &length) || info.Socket == 0)
+        return {};
+    CSocketFacts facts;
+    if (!internalGetIPAddressesFromSocket(info.Socket, facts))
+        return {};
+    internalGetSendBufferSizeFromSocket(info.Socket, facts);
+    report.Message(190, L"[%ls]:%u -> [%ls]:%u, send buffer %d bytes", facts.local.c_str(), unsigned{ facts.localPort },
+                   facts.peer.c_str(), unsigned{ facts.peerPort }, facts.sendBufferSize);
+    return facts.local;
+}
+
+DWORD Milliseconds(UINT32 seconds) noexcept
+{
+    constexpr UINT32 kPerSecond = 1000;
+    return seconds <= MAXDWORD / kPerSecond ? seconds * kPerSecond : MAXDWORD;
+}
+
+// A dialog without an owner is not shown at all.
+HWND DialogOwner() noexcept
+{
+    const HWND active = ::GetActiveWindow();
+    return active ? active : ::GetDesktopWindow();
+}
+} // namespace
+
+CInternetHandle::CInternetHandle(CInternetHandle&& other) noexcept : m_handle(std::exchange(other.m_handle, nullptr)) {}
+
+CInternetHandle& CInternetHandle::operator=(CInternetHandle&& other) noexcept
+{
+    std::swap(m_handle, other.m_handle);
+    return *this;
+}
+
+CInternetHandle::~CInternetHandle()
+{
+    const CVoLastErrorKeeper keeper;
+    (void)Close();
+}
+
+HRESULT CInternetHandle::Close() noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::CInternetHandle::Close" };
+    if (void* const handle = std::exchange(m_handle, nullptr))
+        if (!::InternetCloseHandle(handle))
+            return report.LastError(240, 241);
+    return S_OK;
+}
+
+class CVoHTTPMessageWinINet::CHTTPRequestDataWinINet final : public CHTTPRequestData
+{
+public:
+    explicit CHTTPRequestDataWinINet(std::shared_ptr<CVoHTTPMessageWinINet> message) : m_message(std::move(message)) {}
+    ~CHTTPRequestDataWinINet() override
+    {
+        constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::CHTTPRequestDataWinINet::~CHTTPRequestDataWinINet" };
+        if (const HRESULT hr = m_handle.Close(); FAILED(hr))
+            report(260, hr);
+    }
+    [[nodiscard]] HRESULT Close() noexcept
+    {
+        constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::CHTTPRequestDataWinINet::Close" };
+        if (const HRESULT hr = m_handle.Close(); FAILED(hr))
+            return report(270, hr);
+        return S_OK;
+    }
+
+    using CHTTPRequestData::m_cookieHeader;
+    using CHTTPRequestData::m_received;
+    using CHTTPRequestData::m_sent;
+    using CHTTPRequestData::m_toReceive;
+    using CHTTPRequestData::m_toSend;
+
+    // The request's handle lives under the message's connection, so the message is kept; the handle goes first.
+    std::shared_ptr<CVoHTTPMessageWinINet> m_message;
+    CInternetHandle m_handle;
+    const wchar_t* m_verb = L"POST";
+    CServerAddressData m_address;
+    std::wstring m_localIPAddress;
+    UINT32 m_statusCode = 0;
+    bool m_answered = false; // an answer waits at the handle
+    CAnswer m_answer;        // one that was read from there
+};
+
+CVoHTTPMessageWinINet::~CVoHTTPMessageWinINet()
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::~CVoHTTPMessageWinINet" };
+    if (const HRESULT hr = internalClose(); FAILED(hr))
+        report(300, hr);
+}
+
+HRESULT CVoHTTPMessageWinINet::internalClose() noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalClose" };
+    HRESULT result = S_OK;
+    if (const HRESULT hr = m_connection.Close(); FAILED(hr))
+        result = report(310, hr);
+    if (const HRESULT hr = m_session.Close(); FAILED(hr))
+        result = SUCCEEDED(result) ? report(312, hr) : result;
+    m_proxyCredentialsKnown = m_proxyCredentialsToBeUsed = false;
+    m_proxy.clear();
+    m_proxyUser.clear();
+    m_proxyPassword = CVoSecret<wchar_t>();
+    ForgetConnection();
+    return result;
+}
+
+HRESULT CVoHTTPMessageWinINet::Connect(const CServerAddressData& serverAddress, IVoAuthenticationCallback* authCallback,
+                                       IVoHTTPProxyStore* proxyStore, IVoHTTPCookieStore* cookieStore, UINT32 connectTimeout,
+                                       UINT32 requestTimeout, bool verifyServerCertificate, bool checkRevocation) noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::Connect" };
+    const CAutoLock lock(&m_lock);
+    if (const HRESULT hr = internalClose(); FAILED(hr))
+        return report(330, hr);
+    StoreConnection(serverAddress, authCallback, proxyStore, cookieStore, connectTimeout, requestTimeout,
+                    verifyServerCertificate, checkRevocation);
+    if (const HRESULT hr = internalConnect(); FAILED(hr))
+    {
+        (void)internalClose();
+        return report(335, hr);
+    }
+    m_connected = true;
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoHTTPMessageWinINet::Connect" }.CurrentException(340);
+}
+
+HRESULT CVoHTTPMessageWinINet::internalConnect()
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalConnect" };
+    static const std::wstring userAgent = L"CVoHTTPMessageWinINet";
+    m_session = CInternetHandle(::InternetOpenW(userAgent.c_str(), INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0));
+    if (!m_session)
+        return report.LastError(360, 361);
+    m_connection = CInternetHandle(::InternetConnectW(m_session.Get(), m_serverAddress.Host().c_str(),
+                                                      m_serverAddress.EffectivePort(), L"", L"", INTERNET_SERVICE_HTTP, 0, 1));
+    if (!m_connection)
+        return report.LastError(365, 366);
+    if (const HRESULT hr = SetTimeoutsAndLimits(); FAILED(hr))
+        return report(370, hr);
+
+    CProxy proxy;
+    if (const HRESULT hr = GetProxy(nullptr, proxy); FAILED(hr))
+        return report(375, hr);
+    m_proxy = std::move(proxy.proxy);
+    m_proxyCredentialsKnown = m_proxyCredentialsToBeUsed = !proxy.user.empty();
+    m_proxyUser = std::move(proxy.user);
+    m_proxyPassword.Get().swap(proxy.password);
+
+    if (m_proxyCredentialsKnown && m_proxyCredentialsToBeUsed && !m_proxyUser.empty() && !m_proxyPassword.Get().empty())
+    {
+        if (const HRESULT hr = SetProxyCredentials(); FAILED(hr))
+            return report(380, hr);
+        return S_OK;
+    }
+    if (const HRESULT hr = ProbeForCredentials(); FAILED(hr))
+        return report(385, hr);
+    return S_OK;
+}
+
+HRESULT CVoHTTPMessageWinINet::SetTimeoutsAndLimits() noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalConnect" };
+    struct CSetting
+    {
+        DWORD option;
+        bool onConnection; // else for the process
+        DWORD value;
+    };
+    const CSetting settings[] = {
+        { INTERNET_OPTION_CONNECT_TIMEOUT, true, Milliseconds(m_connectTimeout) },
+        { INTERNET_OPTION_SEND_TIMEOUT, true, Milliseconds(m_connectTimeout) },
+        { INTERNET_OPTION_RECEIVE_TIMEOUT, true, Milliseconds(m_requestTimeout) },
+        { INTERNET_OPTION_MAX_CONNS_PER_SERVER, true, kMaximumConnections },
+        { kOptionMaximumConnectionsPerProxy, false, kMaximumConnections },
+    };
+    for (const CSetting& setting : settings)
+    {
+        DWORD value = setting.value;
+        const auto set = [&](HINTERNET handle)
+        { return ::InternetSetOptionW(handle, setting.option, &value, sizeof value) ? ERROR_SUCCESS : ::GetLastError(); };
+        DWORD error = set(setting.onConnection ? m_connection.Get() : nullptr);
+        if (error == WindowsTransport::kErrorInvalidOperation && setting.onConnection)
+        {
+            report.Message(400, L"Option %u is set for the process", setting.option);
+            error = set(nullptr);
+        }
+        if (error == ERROR_SUCCESS)
+            continue;
+        if (!WindowsTransport::IsRefusedTuning(error, value))
+            return report.Win32(405, 406, error);
+        report.Message(410, L"Option %u was refused: %u", setting.option, error);
+    }
+    return S_OK;
+}
+
+HRESULT CVoHTTPMessageWinINet::SetProxyCredentials() noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::SetProxyCredentials" };
+    if (!::InternetSetOptionW(m_connection.Get(), INTERNET_OPTION_PROXY_USERNAME, m_proxyUser.data(),
+                              static_cast<DWORD>(m_proxyUser.size())))
+        return report.LastError(430, 431);
+    if (!::InternetSetOptionW(m_connection.Get(), INTERNET_OPTION_PROXY_PASSWORD, m_proxyPassword.Get().data(),
+                              static_cast<DWORD>(m_proxyPassword.Get().size())))
+        return report.LastError(435, 436);
+    return S_OK;
+}
+
+// Sends the probe and reads its answer away.
+HRESULT CVoHTTPMessageWinINet::SendProbe(void* probe, UINT32& status) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::SendProbe" };
+    if (!::HttpSendRequestW(probe, nullptr, 0, nullptr, 0))
+    {
+        const DWORD error = ::GetLastError();
+        if (const HRESULT hr = WidenSecurity(probe, error); FAILED(hr))
+            return report(450, hr);
+        if (!::HttpSendRequestW(probe, nullptr, 0, nullptr, 0))
+            return report.LastError(452, 453);
+    }
+    for (;;)
+    {
+        BYTE byte = 0;
+        DWORD read = 0;
+        if (!::InternetReadFile(probe, &byte, 1, &read))
+            return report.LastError(460, 461);
+        if (read == 0)
+            break;
+    }
+    return QueryStatus(probe, status, report, 465);
+}
+
+HRESULT CVoHTTPMessageWinINet::ProbeForCredentials()
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::ProbeForCredentials" };
+    const DWORD flags = kRequestFlags | (m_serverAddress.IsSecure() ? INTERNET_FLAG_SECURE : 0);
+    CInternetHandle probe(::HttpOpenRequestW(m_connection.Get(), L"POST", m_serverAddress.Path().c_str(), L"HTTP/1.0", nullptr,
+                                             nullptr, flags, 0));
+    if (!probe)
+        return report.LastError(480, 481);
+    UINT32 status = 0;
+    if (const HRESULT hr = SendProbe(probe.Get(), status); FAILED(hr))
+    {
+        // Nobody was there to ask for credentials. The request will meet the same and fail with its own code.
+        report(485, hr);
+        return S_OK;
+    }
+    if (status != kStatusUnauthorized && status != kStatusProxyAuthenticationRequired)
+        return S_OK;
+    if (const HRESULT hr = AskForCredentials(probe.Get()); FAILED(hr))
+        return report(490, hr);
+    return S_OK;
+}
+
+// Shows the system's dialog for a probe that was answered 401 or 407, and keeps what was entered for the proxy.
+HRESULT CVoHTTPMessageWinINet::AskForCredentials(void* probe)
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::AskForCredentials" };
+    const DWORD answer = ::InternetErrorDlg(DialogOwner(), probe, ERROR_INTERNET_INCORRECT_PASSWORD, kDialogFlags, nullptr);
+    if (answer == ERROR_CANCELLED)
+        return S_OK; // the request will meet the same challenge
+    if (answer != ERROR_SUCCESS && answer != ERROR_INTERNET_FORCE_RETRY)
+        return report.Win32(510, 511, answer);
+
+    m_proxyUser = QueryOptionText(probe, INTERNET_OPTION_PROXY_USERNAME).value_or(std::wstring());
+    m_proxyPassword = CVoSecret<wchar_t>(QueryOptionText(probe, INTERNET_OPTION_PROXY_PASSWORD).value_or(std::wstring()));
+    UINT32 status = 0;
+    if (const HRESULT hr = SendProbe(probe, status); FAILED(hr))
+        return report(520, hr);
+    if (status != kStatusOk && status < kStatusServerError)
+        return report(525, kResultUnexpectedStatus);
+    if (!m_proxyStore || m_proxyUser.empty())
+        return S_OK;
+    m_proxyCredentialsKnown = m_proxyCredentialsToBeUsed = true;
+    if (const HRESULT hr = SaveProxyCredentials(*m_proxyStore.Get(), m_proxy, m_proxyUser, m_proxyPassword.Get()); FAILED(hr))
+        return report(530, hr);
+    return S_OK;
+}
+
+// Passes over a certificate error as far as the switches allow: S_OK when the request may be tried again, else the error.
+HRESULT CVoHTTPMessageWinINet::WidenSecurity(void* request, DWORD error) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::WidenSecurity" };
+    DWORD flags = 0;
+    DWORD length = sizeof flags;
+    const bool haveFlags = ::InternetQueryOptionW(request, INTERNET_OPTION_SECURITY_FLAGS, &flags, &length) != FALSE;
+    switch (error)
+    {
+    case ERROR_INTERNET_SEC_CERT_DATE_INVALID:
+    case ERROR_INTERNET_SEC_CERT_CN_INVALID:
+    case ERROR_INTERNET_INVALID_CA:
+    case ERROR_INTERNET_SEC_CERT_ERRORS:
+        if (m_verifyServerCertificate)
+            return report.Win32(550, 551, error);
+        flags |= kIgnoreCertificate;
+        break;
+    case ERROR_INTERNET_SEC_CERT_NO_REV:
+    case ERROR_INTERNET_SEC_CERT_REV_FAILED:
+        if (m_checkCertificateRevocation)
+            return report.Win32(555, 556, error);
+        flags |= kIgnoreRevocation;
+        break;
+    default:
+        return report.Win32(560, 561, error);
+    }
+    if (!haveFlags || !::InternetSetOptionW(request, INTERNET_OPTION_SECURITY_FLAGS, &flags, sizeof flags))
+        return report.LastError(565, 566);
+    return S_OK;
+}
+
+HRESULT CVoHTTPMessageWinINet::OpenRequest(std::shared_ptr<CHTTPRequestData>& request) noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::OpenRequest" };
+    const CAutoLock lock(&m_lock);
+    if (const HRESULT hr = internalOpenRequest(m_serverAddress, L"POST", request); FAILED(hr))
+        return report(580, hr);
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoHTTPMessageWinINet::OpenRequest" }.CurrentException(585);
+}
+
+HRESULT CVoHTTPMessageWinINet::internalOpenRequest(const CServerAddressData& address, const wchar_t* verb,
+                                                   std::shared_ptr<CHTTPRequestData>& request)
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalOpenRequest" };
+    if (!m_connected)
+        return report(600, HRESULT_FROM_WIN32(ERROR_NOT_CONNECTED));
+    auto made = std::make_shared<CHTTPRequestDataWinINet>(std::static_pointer_cast<CVoHTTPMessageWinINet>(shared_from_this()));
+    made->m_address = address;
+    made->m_verb = verb;
+    const wchar_t* acceptTypes[] = { L"*/*", nullptr };
+    const DWORD flags = kRequestFlags | (address.IsSecure() ? INTERNET_FLAG_SECURE : 0);
+    made->m_handle = CInternetHandle(::HttpOpenRequestW(m_connection.Get(), verb, address.ObjectName().c_str(), L"HTTP/1.1",
+                                                        nullptr, acceptTypes, flags, 0));
+    if (!made->m_handle)
+        return report.LastError(605, 606);
+    request = std::move(made);
+    return S_OK;
+}
+
+HRESULT CVoHTTPMessageWinINet::internalSend(CHTTPRequestDataWinINet& request, std::span<const BYTE> body,
+                                            const std::wstring& contentTypeHeader, bool allowRetry, CSendResult* result)
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalSend" };
+    CAttempts attempts(allowRetry, m_connectTimeout);
+    HRESULT hr = S_OK;
+    for (;;)
+    {
+        attempts.Begin();
+        if (hr = internalSendRAW(request, body, contentTypeHeader, S_OK); SUCCEEDED(hr))
+            break;
+        report(630, hr);
+        if (!attempts.MayRetry(request.m_statusCode))
+            break;
+        // The next attempt begins with a request of its own, which owes nothing to what the failed one left unread.
+        std::shared_ptr<CHTTPRequestData> fresh;
+        if (const HRESULT open = internalOpenRequest(request.m_address, request.m_verb, fresh); FAILED(open))
+        {
+            report(635, open);
+            break;
+        }
+        request.m_handle = std::move(static_cast<CHTTPRequestDataWinINet&>(*fresh).m_handle);
+    }
+    if (result)
+    {
+        result->retried = attempts.Retried();
+        result->statusCode = request.m_statusCode;
+        result->localAddress = request.m_localIPAddress;
+    }
+    return hr;
+}
+
+// The header line with the cookies that the store has for the request; empty for none.
+HRESULT CVoHTTPMessageWinINet::GetCookiesForRequest(CHTTPRequestDataWinINet& request, std::wstring& header) const
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::GetCookiesForRequest" };
+    if (const HRESULT hr = GetCookieHeader(request.m_address, request.m_cookieHeader); FAILED(hr))
+        return report(650, hr);
+    header = request.m_cookieHeader.empty() ? std::wstring() : VoFormat(L"Cookie: %ls\r\n", request.m_cookieHeader.c_str());
+    return S_OK;
+}
+
+HRESULT CVoHTTPMessageWinINet::internalSendRAW(CHTTPRequestDataWinINet& request, std::span<const BYTE> body,
+                                               const std::wstring& contentTypeHeader, HRESULT expectedResult)
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalSendRAW" };
+    request.m_statusCode = 0;
+    request.m_answered = false;
+    request.m_answer = {};
+    request.m_sent = 0;
+    request.m_toSend = body.size();
+    request.m_received = 0;
+    request.m_toReceive = 0;
+
+    std::wstring headers;
+    if (const HRESULT hr = GetCookiesForRequest(request, headers); FAILED(hr))
+        report(670, hr);                  // the request goes without cookies
+    if (contentTypeHeader.back() != L':') // a header without a value is left out
+        headers += contentTypeHeader + L"\r\n";
+
+    HRESULT hr = SendBody(request, body, headers);
+    if (SUCCEEDED(hr) && request.m_statusCode != kStatusOk)
+        hr = kResultUnexpectedStatus;
+    if (SUCCEEDED(hr))
+    {
+        ReadCookiesFromWinINetResponse(request);
+        request.m_answered = true;
+        return S_OK;
+    }
+    report.Message(680, L"Addr:%ls", request.m_address.PathURL().c_str());
+    return hr == expectedResult ? hr : report(685, hr);
+}
+
+// Sends headers and body and waits for the status.
+HRESULT CVoHTTPMessageWinINet::SendBody(CHTTPRequestDataWinINet& request, std::span<const BYTE> body,
+                                        const std::wstring& headers) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::SendBody" };
+    constexpr DWORD_PTR kContext = 1;
+    const HINTERNET handle = request.m_handle.Get();
+    INTERNET_BUFFERSW buffers{};
+    buffers.dwStructSize = sizeof buffers;
+    buffers.lpcszHeader = headers.c_str();
+    buffers.dwHeadersLength = static_cast<DWORD>(headers.size());
+    buffers.dwBufferTotal = static_cast<DWORD>(body.size());
+    if (!::HttpSendRequestExW(handle, &buffers, nullptr, HSR_SYNC, kContext))
+    {
+        if (const HRESULT hr = WidenSecurity(handle, ::GetLastError()); FAILED(hr))
+            return report(700, hr);
+        if (!::HttpSendRequestExW(handle, &buffers, nullptr, HSR_SYNC, 0))
+            return report.LastError(705, 706);
+    }
+    if (std::wstring address = internalGetClientIPAddressAndSendBufferSize(handle); !address.empty())
+        request.m_localIPAddress = std::move(address);
+
+    for (size_t position = 0; position < body.size();)
+    {
+        const DWORD piece = static_cast<DWORD>(std::min<size_t>(kMaximumPiece, body.size() - position));
+        DWORD written = 0;
+        if (!::InternetWriteFile(handle, body.data() + position, piece, &written))
+            return report.LastError(710, 711);
+        WriteDataToLogFile(EDataDirection::Written, body.data() + position, written);
+        if (written != piece)
+            return report(715, E_FAIL);
+        position += piece;
+        request.m_sent = position;
+    }
+    if (CallBack* const callBack = GetCallBack(); callBack && !body.empty())
+        callBack->OnRequestSent();
+    if (!::HttpEndRequestW(handle, nullptr, HSR_SYNC, 0))
+        return report.LastError(720, 721);
+    return QueryStatus(handle, request.m_statusCode, report, 725);
+}
+
+void CVoHTTPMessageWinINet::ReadCookiesFromWinINetResponse(const CHTTPRequestDataWinINet& request) const noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::ReadCookiesFromWinINetResponse" };
+    for (DWORD index = 0;;)
+    {
+        DWORD position = 0; // each query moves its index on, so that both calls start from the same one
+        const std::optional<std::wstring> value = QueryText(
+            [&](wchar_t* buffer, DWORD* bytes)
+            {
+                position = index;
+                return ::HttpQueryInfoW(request.m_handle.Get(), HTTP_QUERY_SET_COOKIE, buffer, bytes, &position);
+            });
+        if (!value)
+            break;
+        if (const HRESULT hr = StoreCookie(m_cookieStore.Get(), *value, request.m_address.FullURL()); FAILED(hr))
+            report(740, hr); // the cookie is dropped, the answer stands
+        index = position > index ? position : index + 1;
+    }
+}
+catch (...)
+{
+    CVoReporter{ kSource, L"CVoHTTPMessageWinINet::ReadCookiesFromWinINetResponse" }.CurrentException(745);
+}
+
+HRESULT CVoHTTPMessageWinINet::SendMessage(const std::shared_ptr<CHTTPRequestData>& request,
+                                           const CVoBinaryDataParser& parameters, EContentKind contentKind, bool utf8,
+                                           std::wstring_view signingKey, std::wstring_view signatureParameterName,
+                                           bool allowRetry, CSendResult* result) noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::SendMessage" };
+    constexpr CContentTracePoints kPoints{ .raw = 765,
+                                           .multipart = 766,
+                                           .formPayload = 767,
+                                           .form = 768,
+                                           .signedKey = 769,
+                                           .signedName = 770,
+                                           .signedPayload = 771,
+                                           .signedForm = 772,
+                                           .sign = 773,
+                                           .emptyPayload = 774,
+                                           .unknownKind = 775,
+                                           .exception = 776 };
+    const CAutoLock lock(&m_lock);
+    auto* const data = dynamic_cast<CHTTPRequestDataWinINet*>(request.get());
+    if (!data || !data->m_handle)
+        return report(760, E_INVALIDARG);
+    CContent content;
+    if (const HRESULT hr =
+            CreateContent(parameters, contentKind, utf8, signingKey, signatureParameterName, report, kPoints, content);
+        FAILED(hr))
+        return hr;
+    if (const HRESULT hr = internalSend(*data, content.body.Bytes(), content.contentTypeHeader, allowRetry, result); FAILED(hr))
+        return report(780, hr);
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoHTTPMessageWinINet::SendMessage" }.CurrentException(785);
+}
+
+HRESULT CVoHTTPMessageWinINet::SendMultipleMessages(const std::shared_ptr<CHTTPRequestData>& request,
+                                                    std::span<const CVoBinaryDataParser> messages, bool utf8, bool allowRetry,
+                                                    CSendResult* result) noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::SendMultipleMessages" };
+    const CAutoLock lock(&m_lock);
+    auto* const data = dynamic_cast<CHTTPRequestDataWinINet*>(request.get());
+    if (!data || !data->m_handle)
+        return report(800, E_INVALIDARG);
+    CContent content;
+    if (const HRESULT hr = CreateMultipleContent(messages, utf8, content); FAILED(hr))
+        return report(805, hr);
+    if (const HRESULT hr = internalSend(*data, content.body.Bytes(), content.contentTypeHeader, allowRetry, result); FAILED(hr))
+        return report(810, hr);
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoHTTPMessageWinINet::SendMultipleMessages" }.CurrentException(815);
+}
+
+HRESULT CVoHTTPMessageWinINet::SendGetRequest(std::shared_ptr<CHTTPRequestData>& request, std::wstring_view objectPath,
+                                              bool allowRetry, CSendResult* result) noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::SendGetRequest" };
+    const CAutoLock lock(&m_lock);
+    CServerAddressData address = m_serverAddress;
+    if (!objectPath.empty())
+        if (const HRESULT hr = address.SetObjectPath(objectPath); FAILED(hr))
+            return report(830, hr);
+    std::shared_ptr<CHTTPRequestData> made;
+    if (const HRESULT hr = internalOpenRequest(address, L"GET", made); FAILED(hr))
+        return report(835, hr);
+    request = made;
+    if (const HRESULT hr = internalSend(static_cast<CHTTPRequestDataWinINet&>(*made), {}, L"Content-Type:", allowRetry, result);
+        FAILED(hr))
+        return report(840, hr);
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoHTTPMessageWinINet::SendGetRequest" }.CurrentException(845);
+}
+
+HRESULT CVoHTTPMessageWinINet::internalReadRAW(CHTTPRequestDataWinINet& request, std::vector<BYTE>& bytes)
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalReadRAW" };
+    const HINTERNET handle = request.m_handle.Get();
+    const std::optional<UINT64> announced = GetHeaderLongValue(handle, HTTP_QUERY_CONTENT_LENGTH);
+    std::vector<BYTE> received;
+    if (announced)
+    {
+        request.m_toReceive = *announced;
+        received.reserve(static_cast<size_t>(std::min<UINT64>(*announced, kMaximumReserve)) + kReadStep);
+    }
+    size_t used = 0;
+    for (;;)
+    {
+        DWORD available = 0;
+        if (!::InternetQueryDataAvailable(handle, &available, 0, 0))
+            return report.LastError(860, 861);
+        if (available == 0)
+            break;
+        // In whole steps; the vector's own growth keeps the cost linear.
+        received.resize((used + available + kReadStep - 1) / kReadStep * kReadStep);
+        DWORD read = 0;
+        if (!::InternetReadFile(handle, received.data() + used, available, &read))
+            return report.LastError(865, 866);
+        if (read == 0)
+            break;
+        WriteDataToLogFile(EDataDirection::Read, received.data() + used, read);
+        used += read;
+        request.m_received = used;
+    }
+    if (announced && used != *announced)
+        return report(870, E_FAIL); // the connection ended before the answer did
+    received.resize(used);
+    bytes = std::move(received);
+    return S_OK;
+}
+
+// Reads the answer that waits at the request's handle into the request.
+HRESULT CVoHTTPMessageWinINet::internalReadResponse(CHTTPRequestDataWinINet& request)
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalReadResponse" };
+    if (!request.m_answered)
+        return S_OK;
+    request.m_answered = false;
+    CAnswer answer;
+    if (const HRESULT hr = internalReadRAW(request, answer.bytes); FAILED(hr))
+        return report(885, hr);
+    answer.utf8 = NamesUtf8(CheckHeader(request.m_handle.Get(), HTTP_QUERY_CONTENT_TYPE).value_or(std::wstring()));
+    answer.isThere = true;
+    request.m_answer = std::move(answer);
+    return S_OK;
+}
+
+HRESULT CVoHTTPMessageWinINet::ReadResponse(const std::shared_ptr<CHTTPRequestData>& request, CVoBinaryDataParser& response,
+                                            EResponseKind kind, bool* isUtf8, bool* isEmpty) noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::ReadResponse" };
+    const CAutoLock lock(&m_lock);
+    auto* const data = dynamic_cast<CHTTPRequestDataWinINet*>(request.get());
+    if (!data)
+        return report(900, E_INVALIDARG);
+    if (const HRESULT hr = internalReadResponse(*data); FAILED(hr))
+        return report(905, hr);
+    if (const HRESULT hr = ReadAnswer(data->m_answer, kind, response, isUtf8, isEmpty); FAILED(hr))
+        return report(910, hr);
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoHTTPMessageWinINet::ReadResponse" }.CurrentException(915);
+}
+
+HRESULT CVoHTTPMessageWinINet::ReadMultipleResponses(const std::shared_ptr<CHTTPRequestData>& request,
+                                                     std::vector<CVoBinaryDataParser>& responses, UINT32 expectedCount,
+                                                     UINT32* count) noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::ReadMultipleResponses" };
+    const CAutoLock lock(&m_lock);
+    auto* const data = dynamic_cast<CHTTPRequestDataWinINet*>(request.get());
+    if (!data)
+        return report(930, E_INVALIDARG);
+    if (const HRESULT hr = internalReadResponse(*data); FAILED(hr))
+        return report(935, hr);
+    if (const HRESULT hr = ReadAnswers(data->m_answer, responses, expectedCount, count); FAILED(hr))
+        return report(940, hr);
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoHTTPMessageWinINet::ReadMultipleResponses" }.CurrentException(945);
+}
+
+HRESULT CVoHTTPMessageWinINet::SetUserContext(UINT64 userContext) noexcept
+{
+    const CAutoLock lock(&m_lock);
+    m_userContext = userContext;
+    return S_OK;
+}
+} // namespace VoHTTPMessageWinINet
