@@ -176,7 +176,7 @@ INSTANTIATE_TEST_SUITE_P(Kinds, TransportTest, testing::ValuesIn(kTransports),
 
 TEST_P(TransportTest, SendsEachContentKindByteForByte)
 {
-    CServer server([&](const Loopback::CRequest& request, Loopback::CConnection& connection)
+    CServer server([&](const auto&, Loopback::CConnection& connection)
                    { connection.SendResponse(200, { { "Content-Type", "text/plain; charset=UTF-8" } }, "ok=1&&"); });
     struct CCase
     {
@@ -629,8 +629,7 @@ TEST_P(TransportTest, ALengthThatRunsPastTheEndHandsNothingOut)
 
 TEST_P(TransportTest, GetsAnyPathOfTheServer)
 {
-    CServer server([&](const Loopback::CRequest& request, Loopback::CConnection& connection)
-                   { connection.SendResponse(200, {}, "bytes"); });
+    CServer server([&](const auto&, Loopback::CConnection& connection) { connection.SendResponse(200, {}, "bytes"); });
     const auto message = Connect(server.URL("/own?q=1"));
     for (const wchar_t* const path : { L"", L"/other", L"/p\u00E4th?x=\u20AC" })
     {
