@@ -518,6 +518,15 @@ TEST_P(TransportTest, GetsAnyPathOfTheServer)
     Request request;
     EXPECT_EQ(message->SendGetRequest(request, L"no/slash", false, nullptr), E_INVALIDARG);
     EXPECT_EQ(request, nullptr);
+
+    // An opened request is used when it fits, and replaced when it does not.
+    ASSERT_EQ(message->OpenRequest(request), S_OK);
+    const Request opened = request;
+    ASSERT_EQ(message->SendGetRequest(request, {}, false, nullptr), S_OK);
+    EXPECT_EQ(request, opened);
+    EXPECT_EQ(server.Requests().back().method, "GET");
+    ASSERT_EQ(message->SendGetRequest(request, L"/new", false, nullptr), S_OK);
+    EXPECT_NE(request, opened);
 }
 
 TEST_P(TransportTest, ManyRequestsUseOneConnection)

@@ -94,7 +94,7 @@ public:
               {
                   if (request.version == "HTTP/1.0")
                   {
-                      connection.SendResponse(200);
+                      connection.SendResponse(200, { { "Connection", "close" } });
                       connection.CloseNow();
                       return;
                   }

@@ -140,8 +140,8 @@ public:
                                                        bool allowRetry, CSendResult* result) noexcept = 0;
 
     // Sends a GET for `objectPath` (a path and, behind "?", a query; empty: the server address's own) on the connected server.
-    // The request is made here and replaces the one given, which may be null; on failure it is handed out nevertheless once it
-    // was made, so that its progress and cookies can be looked at.
+    // With an empty path a request of OpenRequest's is used as it is, so that another thread may watch its progress. In every
+    // other case `request` may be null and is replaced by a request made here, as soon as that is open.
     [[nodiscard]] virtual HRESULT SendGetRequest(std::shared_ptr<CHTTPRequestData>& request, std::wstring_view objectPath,
                                                  bool allowRetry, CSendResult* result) noexcept = 0;
 

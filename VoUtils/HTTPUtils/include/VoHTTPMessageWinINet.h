@@ -76,6 +76,7 @@ private:
 
     [[nodiscard]] HRESULT internalOpenRequest(const CServerAddressData& address, const wchar_t* verb,
                                               std::shared_ptr<CHTTPRequestData>& request);
+    [[nodiscard]] HRESULT OpenHandle(CHTTPRequestDataWinINet& request, const wchar_t* verb);
     [[nodiscard]] HRESULT internalSend(CHTTPRequestDataWinINet& request, std::span<const BYTE> body,
                                        const std::wstring& contentTypeHeader, bool allowRetry, CSendResult* result);
     [[nodiscard]] HRESULT internalSendRAW(CHTTPRequestDataWinINet& request, std::span<const BYTE> body,

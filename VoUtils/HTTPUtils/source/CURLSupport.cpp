@@ -1,6 +1,7 @@
 #include "CURLSupport.h"
 
 #include "VoDataLog.h"
+#include "VoUrl.h"
 
 #include <base/VoUtils.h>
 #include <base/com/VoComHelper.h>
@@ -32,7 +33,7 @@ std::wstring_view HeaderValue(std::wstring_view line, size_t nameLength) noexcep
 std::wstring ResolveUrl(const char* base, std::wstring_view reference)
 {
     std::string bytes;
-    if (FAILED(UrlToBytes(reference, bytes)))
+    if (FAILED(VoUrlToBytes(reference, bytes)))
         return {};
     const std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> url(curl_url(), &curl_url_cleanup);
     char* text = nullptr;
@@ -376,31 +377,5 @@ int progress_callback(void* context, curl_off_t /*dltotal*/, curl_off_t /*dlnow*
         progress.callBack->OnRequestSent();
     }
     return 0;
-}
-
-HRESULT UrlToBytes(std::wstring_view url, std::string& bytes) noexcept
-try
-{
-    constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::UrlToBytes" };
-    constexpr char kDigits[] = "0123456789ABCDEF";
-    std::string utf8;
-    if (const HRESULT hr = VoStringToUTF8(url, utf8); FAILED(hr))
-        return report(560, hr);
-    std::string encoded;
-    encoded.reserve(utf8.size());
-    for (const char c : utf8)
-    {
-        const auto byte = static_cast<BYTE>(c);
-        if (byte > 0x20 && byte < 0x7F)
-            encoded += c;
-        else
-            encoded.append({ '%', kDigits[byte >> 4], kDigits[byte & 15] });
-    }
-    bytes = std::move(encoded);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"VoHTTPMessageCURL::UrlToBytes" }.CurrentException(565);
 }
 } // namespace VoHTTPMessageCURL

@@ -161,7 +161,4 @@ size_t header_callback(char* line, size_t size, size_t count, void* context) noe
 size_t write_callback(char* data, size_t size, size_t count, void* context) noexcept;
 int debug_callback(CURL* handle, curl_infotype type, char* data, size_t size, void* request) noexcept;
 int progress_callback(void* context, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal, curl_off_t ulnow) noexcept;
-
-// The characters of a URL as bytes that may travel: UTF-8, with everything that is not printable ASCII percent-encoded.
-[[nodiscard]] HRESULT UrlToBytes(std::wstring_view url, std::string& bytes) noexcept;
 } // namespace VoHTTPMessageCURL

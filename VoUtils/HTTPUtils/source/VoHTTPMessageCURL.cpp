@@ -1,6 +1,7 @@
 #include <VoHTTPMessageCURL.h>
 
 #include "CURLSupport.h"
+#include "VoUrl.h"
 
 #include <base/VoModuleInformation.h>
 #include <base/VoSystemProperties.h>
@@ -552,7 +553,7 @@ HRESULT CVoHTTPMessageCURL::internalOpenRequest(const CServerAddressData& addres
             made->InitCURLHandle(m_connectTimeout, m_requestTimeout, m_verifyServerCertificate, m_checkCertificateRevocation);
         FAILED(hr))
         return report(1240, hr);
-    if (const HRESULT hr = UrlToBytes(address.FullURL(), made->m_url); FAILED(hr))
+    if (const HRESULT hr = VoUrlToBytes(address.FullURL(), made->m_url); FAILED(hr))
         return report(1245, hr);
     CURL* const handle = made->m_handle.get();
     if (const HRESULT hr = CURLSetOpt(handle, CURLOPT_URL, made->m_url.c_str()); FAILED(hr))
@@ -662,17 +663,20 @@ try
 {
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::SendGetRequest" };
     const CAutoLock lock(&m_lock);
-    CServerAddressData address = m_serverAddress;
-    if (!objectPath.empty())
-        if (const HRESULT hr = address.SetObjectPath(objectPath); FAILED(hr))
-            return report(1450, hr);
-    std::shared_ptr<CHTTPRequestData> made;
-    if (const HRESULT hr = internalOpenRequest(address, made); FAILED(hr))
-        return report(1455, hr);
-    request = made;
-    if (const HRESULT hr =
-            internalSend(static_cast<CHTTPRequestDataCURL&>(*made), {}, L"Content-Type:", false, allowRetry, result);
-        FAILED(hr))
+    auto* data = objectPath.empty() ? dynamic_cast<CHTTPRequestDataCURL*>(request.get()) : nullptr;
+    if (!data)
+    {
+        CServerAddressData address = m_serverAddress;
+        if (!objectPath.empty())
+            if (const HRESULT hr = address.SetObjectPath(objectPath); FAILED(hr))
+                return report(1450, hr);
+        std::shared_ptr<CHTTPRequestData> made;
+        if (const HRESULT hr = internalOpenRequest(address, made); FAILED(hr))
+            return report(1455, hr);
+        request = std::move(made);
+        data = static_cast<CHTTPRequestDataCURL*>(request.get());
+    }
+    if (const HRESULT hr = internalSend(*data, {}, L"Content-Type:", false, allowRetry, result); FAILED(hr))
         return report(1460, hr);
     return S_OK;
 }

@@ -1,5 +1,6 @@
 #include <VoHTTPMessageWinINet.h>
 
+#include "VoUrl.h"
 #include "WindowsTransport.h"
 
 #include <VoNetworkUtils.h>
@@ -377,9 +378,12 @@ HRESULT CVoHTTPMessageWinINet::SendProbe(void* probe, UINT32& status) noexcept
 HRESULT CVoHTTPMessageWinINet::ProbeForCredentials()
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::ProbeForCredentials" };
+    std::wstring path;
+    if (const HRESULT hr = VoEncodeUrl(m_serverAddress.Path(), path); FAILED(hr))
+        return report(475, hr);
     const DWORD flags = kRequestFlags | (m_serverAddress.IsSecure() ? INTERNET_FLAG_SECURE : 0);
-    CInternetHandle probe(::HttpOpenRequestW(m_connection.Get(), L"POST", m_serverAddress.Path().c_str(), L"HTTP/1.0", nullptr,
-                                             nullptr, flags, 0));
+    CInternetHandle probe(
+        ::HttpOpenRequestW(m_connection.Get(), L"POST", path.c_str(), L"HTTP/1.0", nullptr, nullptr, flags, 0));
     if (!probe)
         return report.LastError(480, 481);
     UINT32 status = 0;
@@ -474,14 +478,27 @@ HRESULT CVoHTTPMessageWinINet::internalOpenRequest(const CServerAddressData& add
         return report(600, HRESULT_FROM_WIN32(ERROR_NOT_CONNECTED));
     auto made = std::make_shared<CHTTPRequestDataWinINet>(std::static_pointer_cast<CVoHTTPMessageWinINet>(shared_from_this()));
     made->m_address = address;
-    made->m_verb = verb;
-    const wchar_t* acceptTypes[] = { L"*/*", nullptr };
-    const DWORD flags = kRequestFlags | (address.IsSecure() ? INTERNET_FLAG_SECURE : 0);
-    made->m_handle = CInternetHandle(::HttpOpenRequestW(m_connection.Get(), verb, address.ObjectName().c_str(), L"HTTP/1.1",
-                                                        nullptr, acceptTypes, flags, 0));
-    if (!made->m_handle)
-        return report.LastError(605, 606);
+    if (const HRESULT hr = OpenHandle(*made, verb); FAILED(hr))
+        return report(602, hr);
     request = std::move(made);
+    return S_OK;
+}
+
+// Gives a request a fresh handle, which owes nothing to what an earlier one left unread.
+HRESULT CVoHTTPMessageWinINet::OpenHandle(CHTTPRequestDataWinINet& request, const wchar_t* verb)
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::OpenHandle" };
+    std::wstring objectName;
+    if (const HRESULT hr = VoEncodeUrl(request.m_address.ObjectName(), objectName); FAILED(hr))
+        return report(604, hr);
+    const wchar_t* acceptTypes[] = { L"*/*", nullptr };
+    const DWORD flags = kRequestFlags | (request.m_address.IsSecure() ? INTERNET_FLAG_SECURE : 0);
+    CInternetHandle handle(
+        ::HttpOpenRequestW(m_connection.Get(), verb, objectName.c_str(), L"HTTP/1.1", nullptr, acceptTypes, flags, 0));
+    if (!handle)
+        return report.LastError(605, 606);
+    request.m_handle = std::move(handle);
+    request.m_verb = verb;
     return S_OK;
 }
 
@@ -499,14 +516,11 @@ HRESULT CVoHTTPMessageWinINet::internalSend(CHTTPRequestDataWinINet& request, st
         report(630, hr);
         if (!attempts.MayRetry(request.m_statusCode))
             break;
-        // The next attempt begins with a request of its own, which owes nothing to what the failed one left unread.
-        std::shared_ptr<CHTTPRequestData> fresh;
-        if (const HRESULT open = internalOpenRequest(request.m_address, request.m_verb, fresh); FAILED(open))
+        if (const HRESULT open = OpenHandle(request, request.m_verb); FAILED(open))
         {
             report(635, open);
             break;
         }
-        request.m_handle = std::move(static_cast<CHTTPRequestDataWinINet&>(*fresh).m_handle);
     }
     if (result)
     {
@@ -689,16 +703,25 @@ try
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::SendGetRequest" };
     const CAutoLock lock(&m_lock);
-    CServerAddressData address = m_serverAddress;
-    if (!objectPath.empty())
-        if (const HRESULT hr = address.SetObjectPath(objectPath); FAILED(hr))
-            return report(830, hr);
-    std::shared_ptr<CHTTPRequestData> made;
-    if (const HRESULT hr = internalOpenRequest(address, L"GET", made); FAILED(hr))
-        return report(835, hr);
-    request = made;
-    if (const HRESULT hr = internalSend(static_cast<CHTTPRequestDataWinINet&>(*made), {}, L"Content-Type:", allowRetry, result);
-        FAILED(hr))
+    auto* data = objectPath.empty() ? dynamic_cast<CHTTPRequestDataWinINet*>(request.get()) : nullptr;
+    if (data)
+    {
+        if (const HRESULT hr = OpenHandle(*data, L"GET"); FAILED(hr))
+            return report(828, hr);
+    }
+    else
+    {
+        CServerAddressData address = m_serverAddress;
+        if (!objectPath.empty())
+            if (const HRESULT hr = address.SetObjectPath(objectPath); FAILED(hr))
+                return report(830, hr);
+        std::shared_ptr<CHTTPRequestData> made;
+        if (const HRESULT hr = internalOpenRequest(address, L"GET", made); FAILED(hr))
+            return report(835, hr);
+        request = std::move(made);
+        data = static_cast<CHTTPRequestDataWinINet*>(request.get());
+    }
+    if (const HRESULT hr = internalSend(*data, {}, L"Content-Type:", allowRetry, result); FAILED(hr))
         return report(840, hr);
     return S_OK;
 }
