@@ -370,7 +370,7 @@ TEST(WindowsTransport, OnlyRefusedTuningIsPassedOver)
     } const table[] = {
         { 12009, 128, true },
         { 12016, 128, true },
-        { 12018, 1, true },
+        { 12018, 1, false },
         { ERROR_INVALID_PARAMETER, 0, true },
         { ERROR_INVALID_PARAMETER, 1, false },
         { ERROR_INVALID_HANDLE, 0, false },
