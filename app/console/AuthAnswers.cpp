@@ -31,6 +31,9 @@ STDMETHODIMP CAuthAnswers::OnProxyAuthNeeded(BSTR, BSTR serverAddress, BSTR rese
 try
 {
     const BSTR proxy = ::SysStringLen(reserved) != 0 ? reserved : serverAddress;
+    if (m_dialog)
+        return m_dialog->OnProxyAuthNeeded(CVoBstr(L"Credentials for the proxy").Get(), proxy, reserved, user, password,
+                                           cancelled);
     return Answer(m_proxy, L"proxy " + std::wstring(CVoBstr::ViewOf(proxy)), user, password, cancelled);
 }
 catch (...)
@@ -42,6 +45,9 @@ STDMETHODIMP CAuthAnswers::OnServerAuthNeeded(BSTR, BSTR serverAddress, BSTR res
                                               VARIANT_BOOL* cancelled) noexcept
 try
 {
+    if (m_dialog)
+        return m_dialog->OnServerAuthNeeded(CVoBstr(L"Credentials for the server").Get(), serverAddress, reserved, user,
+                                            password, cancelled);
     return Answer(m_server, L"server " + ServerTarget(serverAddress, reserved), user, password, cancelled);
 }
 catch (...)

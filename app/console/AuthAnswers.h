@@ -18,12 +18,13 @@ struct CCredentials
 };
 
 // Gives the credentials once to each target that asks: who asks a second time did not take them, and asking on would lock an
-// account. Challenges without credentials are declined. Any thread.
+// account. Challenges without credentials are declined. With a dialog the user is asked instead, every time. Any thread.
 class CAuthAnswers : public CVoIUnknownImplWithFreeThreadedMarshaller<IVoAuthenticationCallback>
 {
 public:
-    CAuthAnswers(std::optional<CCredentials> server, std::optional<CCredentials> proxy)
-        : m_server(std::move(server)), m_proxy(std::move(proxy))
+    CAuthAnswers(std::optional<CCredentials> server, std::optional<CCredentials> proxy,
+                 CVoComPtr<IVoAuthenticationCallback> dialog)
+        : m_server(std::move(server)), m_proxy(std::move(proxy)), m_dialog(std::move(dialog))
     {
     }
 
@@ -42,6 +43,7 @@ private:
 
     const std::optional<CCredentials> m_server;
     const std::optional<CCredentials> m_proxy;
+    const CVoComPtr<IVoAuthenticationCallback> m_dialog; // null: nobody is asked
     std::mutex m_lock;
     std::set<std::wstring> m_answered;
 };

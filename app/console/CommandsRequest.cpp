@@ -27,7 +27,6 @@ public:
 
     void Run(CContext& context) final
     {
-        m_connection.CheckAvailable();
         Prepare(context);
         const CVoComPtr<CAuthAnswers> answers = m_connection.MakeAuthAnswers(context);
         CServerAddressData address;
@@ -210,8 +209,9 @@ public:
               { "form", EContentKind::Form },
               { "signed", EContentKind::SignedForm },
               { "empty", EContentKind::Empty } },
-            "What the body carries: raw (default) the library's message; multipart a form with a file, named "
-            "by the parameters FileName and ContentType; form and signed a form without payload");
+            "What the body carries: raw (default) the library's message; multipart a form with a file (the parameters "
+            "FileName and ContentType describe it; default: the payload's name, image/pjpeg); form and signed a form without "
+            "payload");
         app.add_flag("--no-utf8", m_noUtf8, "Write texts in the system's ANSI code page");
         app.add_option("--key", m_key, "signed: the private key, hexadecimal text of a key blob (see 'key new')")
             ->type_name("FILE");
@@ -242,6 +242,9 @@ protected:
             return;
         }
         m_parameters.Fill(context, m_message);
+        // A form carries its payload as a file, which needs a name.
+        if (m_kind == EContentKind::Multipart && m_parameters.HasPayload() && !m_message.ParamExists(L"FileName"))
+            Check(m_message.AddParam(L"FileName", std::wstring_view(m_parameters.PayloadName())));
         if (!m_key.empty())
             m_keyText = CVoSecret<wchar_t>(context.ReadTextFile(m_key));
     }
@@ -304,8 +307,7 @@ protected:
         if (query != address.Query())
             Check(address.SetObjectPath((address.Path().empty() ? L"/" : address.Path()) + query));
     }
-    // SendGetRequest opens its request itself, so that there is no progress to show.
-    HRESULT Open(CRequest&) override { return S_OK; }
+    HRESULT Open(CRequest& request) override { return request.message.OpenRequest(request.data); }
     HRESULT Send(CRequest& request, bool allowRetry, CVoHTTPMessage::CSendResult& sent) override
     {
         return request.message.SendGetRequest(request.data, {}, allowRetry, &sent);

@@ -31,6 +31,12 @@ void CParameterOptions::Fill(CContext& context, CVoBinaryDataParser& parser) con
         parser.SetPayload(context.ReadFile(m_payload));
 }
 
+std::wstring CParameterOptions::PayloadName() const
+{
+    const std::wstring path = FromUtf8(m_payload);
+    return path.substr(path.find_last_of(L"/\\") + 1); // the whole of it without a folder
+}
+
 CJson ParametersAsJson(const CVoDataParser& parser)
 {
     CJson list = CJson::array();

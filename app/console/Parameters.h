@@ -14,6 +14,8 @@ public:
     // The parameters alone, values read.
     [[nodiscard]] std::vector<std::pair<std::wstring, std::wstring>> Read(CContext& context) const;
     [[nodiscard]] bool HasPayload() const noexcept { return !m_payload.empty(); }
+    // The payload's file name without its folder.
+    [[nodiscard]] std::wstring PayloadName() const;
 
 private:
     std::vector<std::string> m_parameters;

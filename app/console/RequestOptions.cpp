@@ -1,5 +1,6 @@
 #include "RequestOptions.h"
 
+#include <VoAuthCallbackImpl.h>
 #include <base/VoErrorHandler.h>
 #include <base/VoModuleInformation.h>
 
@@ -45,16 +46,11 @@ void CConnectionOptions::Declare(CLI::App& app)
     app.add_option("--proxy-auth", m_proxyAuth, "Answer a proxy that asks for credentials, once; @FILE as above")
         ->type_name("USER:PASSWORD");
     app.add_flag("--ask", m_ask,
-                 "Show the dialog when credentials are needed. Without any of these three a request is declined");
+                 "Show a dialog when credentials are needed, instead of those answers. Without any of these three a challenge "
+                 "is declined");
     m_proxy.Declare(app);
     app.add_option("--cookies", m_cookies, "Load the cookies from FILE if it exists, and save them there afterwards")
         ->type_name("FILE");
-}
-
-void CConnectionOptions::CheckAvailable() const
-{
-    if (m_ask)
-        throw CDetailedFailure(E_NOTIMPL, "this build has no credentials dialog yet; use --auth or --proxy-auth");
 }
 
 std::optional<CCredentials> CConnectionOptions::ReadCredentials(CContext& context, const char* option, const std::string& value)
@@ -73,8 +69,11 @@ std::optional<CCredentials> CConnectionOptions::ReadCredentials(CContext& contex
 
 CVoComPtr<CAuthAnswers> CConnectionOptions::MakeAuthAnswers(CContext& context) const
 {
+    CVoComPtr<IVoAuthenticationCallback> dialog;
+    if (m_ask)
+        Check(CreateGlobalAuthenticationCallbackForModule(dialog.Put()));
     auto answers = VoMakeComObject<CAuthAnswers>(ReadCredentials(context, "--auth", m_auth),
-                                                 ReadCredentials(context, "--proxy-auth", m_proxyAuth));
+                                                 ReadCredentials(context, "--proxy-auth", m_proxyAuth), std::move(dialog));
     if (!answers)
         throw std::bad_alloc();
     return answers;

@@ -38,10 +38,8 @@ public:
     [[nodiscard]] const std::string& CookieFile() const noexcept { return m_cookies; }
     [[nodiscard]] bool AllowsRetry() const noexcept { return m_retry; }
 
-    // The callback with the answers of --auth and --proxy-auth.
+    // The callback with the answers of --auth and --proxy-auth, or with the dialog of --ask.
     [[nodiscard]] CVoComPtr<CAuthAnswers> MakeAuthAnswers(CContext& context) const;
-    // Throws for what this build cannot do.
-    void CheckAvailable() const;
     [[nodiscard]] std::shared_ptr<CVoHTTPMessage> Connect(CContext& context, const CServerAddressData& address,
                                                           IVoAuthenticationCallback& answers) const;
 
