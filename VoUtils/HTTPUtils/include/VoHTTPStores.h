@@ -79,6 +79,11 @@ public:
     virtual HRESULT STDMETHODCALLTYPE get_AuthCallback(IUnknown** callback) noexcept = 0;
 };
 
+// The class of the provider that a program may register for all modules of its process.
+inline constexpr CLSID kVoGlobalHTTPStoreProvider{
+    0x49EBE4B7, 0xD76D, 0x4D6E, { 0x85, 0xEE, 0x28, 0xD6, 0xC5, 0xC2, 0x19, 0xB3 }
+};
+
 template <>
 struct VoInterfaceId<IVoHTTPCookieStore>
 {

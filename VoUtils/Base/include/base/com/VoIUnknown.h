@@ -97,6 +97,17 @@ private:
     Interface* m_object = nullptr;
 };
 
+// Somebody who remembers an object without owning it (CVoSharedObject).
+class IVoReleaseObserver
+{
+public:
+    // The object's last reference has gone; it is deleted when this returns. Called on the thread that released it.
+    virtual void OnLastRelease(IUnknown* object) noexcept = 0;
+
+protected:
+    ~IVoReleaseObserver() = default;
+};
+
 // Reference counting and the interface query for one interface. A new object has one reference, which its maker owns; the last
 // Release deletes it, so objects are made with `new` only (VoMakeComObject). Derive: class CThing : public
 // CVoIUnknownImpl<IThing>.
@@ -126,9 +137,26 @@ public:
     {
         const ULONG left = m_references.fetch_sub(1, std::memory_order_acq_rel) - 1;
         if (left == 0)
+        {
+            if (m_observer)
+                m_observer->OnLastRelease(this);
             delete this;
+        }
         return left;
     }
+
+    // Adds a reference unless the last one has gone; says whether it did. For an observer, which keeps OnLastRelease from
+    // returning meanwhile.
+    [[nodiscard]] bool AddRefIfAlive() noexcept
+    {
+        ULONG count = m_references.load(std::memory_order_relaxed);
+        while (count != 0)
+            if (m_references.compare_exchange_weak(count, count + 1, std::memory_order_relaxed))
+                return true;
+        return false;
+    }
+    // Set it before other threads know the object. The observer is not owned and must outlive the object.
+    void SetReleaseObserver(IVoReleaseObserver* observer) noexcept { m_observer = observer; }
 
 protected:
     CVoIUnknownImpl() = default;
@@ -139,6 +167,7 @@ protected:
 
 private:
     std::atomic<ULONG> m_references{ 1 };
+    IVoReleaseObserver* m_observer = nullptr;
 };
 
 // The same with the system's free-threaded marshaller aggregated, so that the object may be called from any thread or

@@ -1,0 +1,65 @@
+// One object for the whole module, for as long as somebody uses it.
+#pragma once
+
+#include <base/com/VoIUnknown.h>
+
+// Hands out one object of a kind: the one that lives, or, when nobody holds one, a new one. It owns nothing itself, so that the
+// object goes with its last user. Any thread. It is never destroyed and needs no initialisation at run time: use it as a
+// constinit variable of static life.
+template <class Interface>
+class CVoSharedObject final : private IVoReleaseObserver
+{
+public:
+    // Makes an object, and gives its first reference away; the object is a CVoIUnknownImpl<Interface>.
+    using CCreate = HRESULT (*)(Interface** object) noexcept;
+
+    constexpr CVoSharedObject() noexcept = default;
+    CVoSharedObject(const CVoSharedObject&) = delete;
+    CVoSharedObject& operator=(const CVoSharedObject&) = delete;
+
+    // Gives `create`'s code where that fails; `object` changes on success only. Threads that ask while an object is being made
+    // wait for it.
+    [[nodiscard]] HRESULT Get(CCreate create, CVoComPtr<Interface>& object) noexcept
+    {
+        CVoComPtr<Interface> found;
+        {
+            const CHolder holder(m_lock);
+            if (m_object && m_object->AddRefIfAlive())
+                found = CVoComPtr<Interface>::Attach(m_object);
+            else
+            {
+                if (const HRESULT hr = create(found.Put()); FAILED(hr))
+                    return hr;
+                m_object = static_cast<CVoIUnknownImpl<Interface>*>(found.Get());
+                m_object->SetReleaseObserver(this);
+            }
+        }
+        object.Swap(found);
+        return S_OK;
+    }
+
+private:
+    class CHolder
+    {
+    public:
+        explicit CHolder(SRWLOCK& lock) noexcept : m_lock(lock) { ::AcquireSRWLockExclusive(&m_lock); }
+        ~CHolder() { ::ReleaseSRWLockExclusive(&m_lock); }
+        CHolder(const CHolder&) = delete;
+        CHolder& operator=(const CHolder&) = delete;
+
+    private:
+        SRWLOCK& m_lock;
+    };
+
+    // The object that goes may have a successor already.
+    void OnLastRelease(IUnknown* object) noexcept override
+    {
+        const CHolder holder(m_lock);
+        if (m_object == object)
+            m_object = nullptr;
+    }
+
+    // The platform's lock without construction and destruction; a critical section has both.
+    SRWLOCK m_lock = SRWLOCK_INIT;
+    CVoIUnknownImpl<Interface>* m_object = nullptr;
+};
