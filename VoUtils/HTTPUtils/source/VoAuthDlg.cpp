@@ -27,8 +27,8 @@ struct CControl
     DWORD style;
     DWORD extendedStyle;
     CDialogRect rect;
-    const wchar_t* text;
     unsigned anchors;
+    const wchar_t* text;
 };
 
 // In keyboard order, each label before the field that it names (screen readers go by that). The address may hold ampersands,
@@ -40,33 +40,33 @@ constexpr CControl kControls[] = {
       SS_LEFT | SS_NOPREFIX | SS_EDITCONTROL,
       0,
       { 7, 7, 294, 36 },
-      L"<SERVERADDRESS>",
-      kGrowX | kGrowY },
-    { EDialogControl::Static, CAuthDlg::kUserNameLabel, SS_LEFT, 0, { 7, 54, 52, 10 }, L"Username:", kMoveY },
+      kGrowX | kGrowY,
+      L"<SERVERADDRESS>" },
+    { EDialogControl::Static, CAuthDlg::kUserNameLabel, SS_LEFT, 0, { 7, 54, 52, 10 }, kMoveY, L"Username:" },
     { EDialogControl::Edit,
       CAuthDlg::kUserName,
       WS_TABSTOP | ES_AUTOHSCROLL,
       WS_EX_CLIENTEDGE,
       { 62, 52, 239, 14 },
-      L"",
-      kMoveY | kGrowX },
-    { EDialogControl::Static, CAuthDlg::kPasswordLabel, SS_LEFT, 0, { 7, 76, 52, 10 }, L"Password:", kMoveY },
+      kMoveY | kGrowX,
+      L"" },
+    { EDialogControl::Static, CAuthDlg::kPasswordLabel, SS_LEFT, 0, { 7, 76, 52, 10 }, kMoveY, L"Password:" },
     { EDialogControl::Edit,
       CAuthDlg::kPassword,
       WS_TABSTOP | ES_AUTOHSCROLL | ES_PASSWORD,
       WS_EX_CLIENTEDGE,
       { 62, 74, 239, 14 },
-      L"",
-      kMoveY | kGrowX },
-    { EDialogControl::Button, IDOK, WS_TABSTOP | BS_DEFPUSHBUTTON, 0, { 198, 104, 50, 14 }, L"OK", kMoveX | kMoveY },
-    { EDialogControl::Button, IDCANCEL, WS_TABSTOP | BS_PUSHBUTTON, 0, { 251, 104, 50, 14 }, L"Cancel", kMoveX | kMoveY },
+      kMoveY | kGrowX,
+      L"" },
+    { EDialogControl::Button, IDOK, WS_TABSTOP | BS_DEFPUSHBUTTON, 0, { 198, 104, 50, 14 }, kMoveX | kMoveY, L"OK" },
+    { EDialogControl::Button, IDCANCEL, WS_TABSTOP | BS_PUSHBUTTON, 0, { 251, 104, 50, 14 }, kMoveX | kMoveY, L"Cancel" },
     { EDialogControl::ScrollBar,
       CAuthDlg::kSizeGrip,
       WS_CLIPSIBLINGS | SBS_SIZEGRIP | SBS_SIZEBOXBOTTOMRIGHTALIGN,
       0,
       { 298, 115, 10, 10 },
-      L"",
-      kMoveX | kMoveY },
+      kMoveX | kMoveY,
+      L"" },
 };
 
 // Not visible before it has its texts. The prompt comes to the front even when the user works elsewhere, because what waits for
@@ -145,7 +145,8 @@ void WipeField(HWND dialog, WORD id) noexcept
     }
     catch (...)
     {
-        // Without memory for as many blanks the text is at least dropped.
+        // No memory for as many: the beginning at least.
+        ::SetWindowTextW(field, L" ");
     }
     ::SetWindowTextW(field, L"");
     ::SendMessageW(field, EM_EMPTYUNDOBUFFER, 0, 0);
