@@ -1,5 +1,6 @@
 // The transports against nginx, plain and over TLS.
 #include "http/TransportFixture.h"
+#include "support/MemoryMeter.h"
 #include "support/TestServers.h"
 
 #include <gtest/gtest.h>
@@ -84,6 +85,19 @@ TEST_P(RealServerTest, FilesArriveWhole)
             EXPECT_EQ(answer.result, S_OK) << url;
             EXPECT_EQ(answer.message.Payload().size(), file.size) << url;
         }
+}
+
+TEST_P(RealServerTest, ALargeAnswerIsInMemoryLittleMoreThanTwice)
+{
+    constexpr INT64 kSize = INT64{ 100 } << 20;
+    const auto message = Connect(TestServers()->URL("/files/100m.bin"), 30, 120);
+    Request request;
+    CVoBinaryDataParser answer;
+    const CMemoryMeter meter;
+    ASSERT_EQ(message->SendGetRequest(request, {}, false, nullptr), S_OK);
+    ASSERT_EQ(message->ReadResponse(request, answer, Response::Binary, nullptr, nullptr), S_OK);
+    EXPECT_LE(meter.Peak() * 10, kSize * 22);
+    EXPECT_GE(meter.Peak(), kSize) << "the meter sees nothing";
 }
 
 TEST_P(RealServerTest, CompressedAndChunkedAnswersAreRead)

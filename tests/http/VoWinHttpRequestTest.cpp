@@ -1,5 +1,7 @@
 #include <VoWinHttpRequest.h>
 
+#include "support/MemoryMeter.h"
+
 #include <LoopbackServer.h>
 
 #include <gtest/gtest.h>
@@ -26,6 +28,7 @@ using Loopback::CLoopbackServer;
 using Loopback::CRequest;
 using testing::Contains;
 using TestSupport::CLogCapture;
+using TestSupport::CMemoryMeter;
 using TestSupport::IsMessage;
 using TestSupport::IsReportBy;
 using namespace VoWinHttpInterface;
@@ -34,7 +37,6 @@ using namespace VoWinHttpRequest;
 using CGet = CVoWinHttpRequest<CVoWinHttpGetRequest>;
 using CPost = CVoWinHttpRequest<CVoWinHttpPostRequest>;
 using CMalloc = void*(WINAPI*)(size_t);
-using CFree = void(WINAPI*)(void*);
 
 constexpr HRESULT kCancelledByClose = HResultFromWin32(ERROR_WINHTTP_OPERATION_CANCELLED);
 constexpr const wchar_t* kGetName = L"VoWinHttpRequest::CVoWinHttpRequest<class VoWinHttpRequest::CVoWinHttpGetRequest>::";
@@ -1115,43 +1117,6 @@ TEST(WinHttpRequest, ExchangesClearedAtAnyMomentLeaveNothingBehind)
         thread.join();
     EXPECT_EQ(balance.Open(), 0);
 }
-
-// Counts what the program has allocated through malloc, under which operator new lies.
-class CMemoryMeter
-{
-public:
-    [[nodiscard]] INT64 Blocks() const noexcept { return m_blocks; }
-    [[nodiscard]] INT64 Bytes() const noexcept { return m_bytes; }
-    [[nodiscard]] INT64 Peak() const noexcept { return m_peak; }
-
-private:
-    std::atomic<INT64> m_blocks{ 0 };
-    std::atomic<INT64> m_bytes{ 0 };
-    std::atomic<INT64> m_peak{ 0 };
-    CCallHook<CMalloc> m_malloc{ "msvcrt.dll", "malloc", [this](auto original, size_t size)
-                                 {
-                                     void* const memory = original(size);
-                                     if (memory)
-                                     {
-                                         ++m_blocks;
-                                         const INT64 now = m_bytes += static_cast<INT64>(::_msize(memory));
-                                         INT64 peak = m_peak;
-                                         while (now > peak && !m_peak.compare_exchange_weak(peak, now))
-                                         {
-                                         }
-                                     }
-                                     return memory;
-                                 } };
-    CCallHook<CFree> m_free{ "msvcrt.dll", "free", [this](auto original, void* memory)
-                             {
-                                 if (memory)
-                                 {
-                                     --m_blocks;
-                                     m_bytes -= static_cast<INT64>(::_msize(memory));
-                                 }
-                                 original(memory);
-                             } };
-};
 
 TEST(WinHttpRequest, ExchangesInARowLeakNothing)
 {
