@@ -39,7 +39,7 @@ std::vector<CCommandEntry> AllCommands()
 {
     std::vector<CCommandEntry> all;
     for (const auto& family : { RequestCommands(), AddressCommands(), EncodingCommands(), ParameterCommands(),
-                                SignatureCommands(), SystemCommands(), DemoCommands(), BatchCommands() })
+                                SignatureCommands(), SystemCommands(), WmiCommands(), DemoCommands(), BatchCommands() })
         all.insert(all.end(), family.begin(), family.end());
     return all;
 }

@@ -1,0 +1,318 @@
+#include <win/VoWMIQuery.h>
+
+#include <base/VoErrorHandler.h>
+#include <win/VoWMIValue.h>
+
+#include <wbemidl.h>
+
+#include <algorithm>
+#include <array>
+
+namespace VoWMIQuery
+{
+namespace
+{
+constexpr const wchar_t* kSource = L"..\\..\\source\\win\\VoWMIQuery";
+// The platform declares both as enumerations, whose unsigned values its functions do not take.
+constexpr LONG kNextWithoutLimit = -1;                                        // WBEM_INFINITE
+constexpr HRESULT kPropertyNotFound = static_cast<HRESULT>(WBEM_E_NOT_FOUND); // 0x80041002
+
+// Security that somebody else in the process has set already serves as well.
+HRESULT InitialiseSecurity() noexcept
+{
+    const HRESULT hr = ::CoInitializeSecurity(nullptr, -1, nullptr, nullptr, RPC_C_AUTHN_LEVEL_DEFAULT,
+                                              RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE, nullptr);
+    return hr == RPC_E_TOO_LATE ? S_OK : hr;
+}
+} // namespace
+
+CVoWMIQueryBase::CVoWMIQueryBase(std::wstring_view namespacePath, const wchar_t* locale, IWbemContext* context)
+    : m_namespacePath(namespacePath), m_locale(locale ? std::optional<std::wstring>(locale) : std::nullopt),
+      m_wmiContext(context)
+{
+}
+
+CVoWMIQueryBase::~CVoWMIQueryBase()
+{
+    Stop(true);
+}
+
+HRESULT CVoWMIQueryBase::Start() noexcept
+{
+    constexpr CVoReporter report{ kSource, L"VoWMIQuery::CVoWMIQueryBase::Start" };
+    // The worker runs, and the lock is held by whoever waits for it.
+    if (::GetCurrentThreadId() == ThreadId())
+        return S_OK;
+    CAutoLock lock(&m_lock);
+    const HRESULT hr = StartWorker();
+    return SUCCEEDED(hr) ? S_OK : report(92, hr);
+}
+
+// Gives the result of the one start that there is.
+HRESULT CVoWMIQueryBase::StartWorker() noexcept
+{
+    if (!m_startResult)
+    {
+        const HRESULT hr = CreateThread(false, true, true, L"WMI query", false);
+        // A worker that ended without a failure did not start either.
+        m_startResult = hr == S_FALSE ? E_FAIL : hr;
+        if (FAILED(*m_startResult))
+            Stop(false);
+    }
+    return *m_startResult;
+}
+
+bool CVoWMIQueryBase::InitInstance()
+{
+    constexpr CVoReporter report{ kSource, L"VoWMIQuery::CVoWMIQueryBase::InitInstance" };
+    m_connectResult = InitWMI();
+    if (FAILED(m_connectResult))
+        report(118, m_connectResult);
+    // Run ends at once after a failure: only its result becomes the thread's exit code.
+    return true;
+}
+
+HRESULT CVoWMIQueryBase::ExitInstance()
+{
+    UninitWMI();
+    return S_OK;
+}
+
+HRESULT CVoWMIQueryBase::InitWMI() noexcept
+{
+    constexpr CVoReporter report{ kSource, L"VoWMIQuery::CVoWMIQueryBase::InitWMI" };
+    if (const HRESULT hr = ::CoInitializeEx(nullptr, COINIT_MULTITHREADED); FAILED(hr))
+        return report(138, hr);
+    m_isComInitialised = true;
+    HRESULT hr = InitialiseSecurity();
+    if (FAILED(hr))
+    {
+        UninitWMI();
+        return report(144, hr);
+    }
+    try
+    {
+        hr = Connect();
+    }
+    catch (...)
+    {
+        hr = report.CurrentException(152);
+    }
+    if (FAILED(hr))
+        UninitWMI();
+    return hr;
+}
+
+HRESULT CVoWMIQueryBase::Connect()
+{
+    constexpr CVoReporter report{ kSource, L"VoWMIQuery::CVoWMIQueryBase::InitWMI" };
+    HRESULT hr = ::CoCreateInstance(CLSID_WbemLocator, nullptr, CLSCTX_INPROC_SERVER, IID_IWbemLocator, m_locator.PutVoid());
+    if (FAILED(hr))
+        return report(164, hr);
+    const CVoBstr path(m_namespacePath);
+    const CVoBstr locale = m_locale ? CVoBstr(*m_locale) : CVoBstr();
+    // A computer that does not answer is given up after two minutes; without the flag the call may never return.
+    hr = m_locator->ConnectServer(path.Get(), nullptr, nullptr, locale.Get(), WBEM_FLAG_CONNECT_USE_MAX_WAIT, nullptr,
+                                  m_wmiContext.Get(), m_services.Put());
+    if (SUCCEEDED(hr) && !m_services)
+        hr = E_FAIL;
+    if (FAILED(hr))
+        return report(174, hr);
+    hr = ::CoSetProxyBlanket(m_services.Get(), RPC_C_AUTHN_WINNT, RPC_C_AUTHZ_NONE, nullptr, RPC_C_AUTHN_LEVEL_CALL,
+                             RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE);
+    return SUCCEEDED(hr) ? S_OK : report(178, hr);
+}
+
+void CVoWMIQueryBase::UninitWMI() noexcept
+{
+    m_services.Reset();
+    m_locator.Reset();
+    if (m_isComInitialised)
+        ::CoUninitialize();
+    m_isComInitialised = false;
+}
+
+HRESULT CVoWMIQueryBase::Run()
+{
+    constexpr CVoReporter report{ kSource, L"VoWMIQuery::CVoWMIQueryBase::Run" };
+    if (FAILED(m_connectResult))
+        return m_connectResult;
+    SignalStarted();
+    // Whoever waits for the start would wait for ever when the event could not be set; the thread's end frees it.
+    if (::WaitForSingleObject(StartedEvent(), 0) != WAIT_OBJECT_0)
+        return report(200, E_FAIL);
+
+    const std::array<HANDLE, 2> events{ StopEvent(), m_request.Handle() };
+    for (;;)
+    {
+        const DWORD event = ::WaitForMultipleObjects(static_cast<DWORD>(events.size()), events.data(), FALSE, INFINITE);
+        if (event == WAIT_OBJECT_0)
+            return S_OK;
+        if (event != WAIT_OBJECT_0 + 1)
+            return report.LastError(210, 211);
+        if (const HRESULT hr = m_request.Reset(); FAILED(hr))
+            return report(213, hr);
+        m_queryResult = ProcessQuery();
+        if (FAILED(m_queryResult))
+            report(216, m_queryResult);
+        if (const HRESULT hr = m_answer.Set(); FAILED(hr))
+            return report(218, hr);
+    }
+}
+
+HRESULT CVoWMIQueryBase::ProcessQuery() noexcept
+{
+    constexpr CVoReporter report{ kSource, L"VoWMIQuery::CVoWMIQueryBase::ProcessQuery" };
+    try
+    {
+        const CVoBstr language(L"WQL");
+        CVoComPtr<IEnumWbemClassObject> objects;
+        HRESULT hr = m_services->ExecQuery(language.Get(), m_query.Get(), WBEM_FLAG_FORWARD_ONLY | WBEM_FLAG_RETURN_IMMEDIATELY,
+                                           m_wmiContext.Get(), objects.Put());
+        if (SUCCEEDED(hr) && !objects)
+            hr = E_FAIL;
+        if (FAILED(hr))
+            return report(234, hr);
+        for (;;)
+        {
+            CVoComPtr<IWbemClassObject> object;
+            ULONG count = 0;
+            if (hr = objects->Next(kNextWithoutLimit, 1, object.Put(), &count); FAILED(hr))
+                return report(240, hr);
+            if (count == 0 || !object)
+                return S_OK;
+            if (hr = CallBack(object.Get()); FAILED(hr))
+                return report(244, hr);
+        }
+    }
+    catch (...)
+    {
+        return report.CurrentException(249);
+    }
+}
+
+HRESULT CVoWMIQueryBase::CallBack(IWbemClassObject* object) noexcept
+{
+    CAutoLock lock(&m_callbackLock);
+    if (StopRequested())
+        return E_ABORT;
+    try
+    {
+        return m_callback(object, m_callbackContext);
+    }
+    catch (...)
+    {
+        return kResultCallbackException;
+    }
+}
+
+HRESULT CVoWMIQueryBase::QueryWMI(std::wstring_view query, Callback callback, void* context) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"VoWMIQuery::CVoWMIQueryBase::QueryWMI" };
+    if (query.empty() || !callback)
+        return report(272, E_INVALIDARG);
+    // A callback that waits for its own thread would wait for ever.
+    if (::GetCurrentThreadId() == ThreadId())
+        return report(275, HResultFromWin32(ERROR_POSSIBLE_DEADLOCK));
+    CAutoLock lock(&m_lock);
+    if (FAILED(StartWorker()))
+        return report(278, E_FAIL);
+    // After a wait that failed the worker may still hold the query.
+    if (StopRequested())
+        return report(281, E_FAIL);
+    try
+    {
+        m_query = CVoBstr(query);
+    }
+    catch (...)
+    {
+        return report.CurrentException(288);
+    }
+    m_callback = callback;
+    m_callbackContext = context;
+    if (const HRESULT hr = m_answer.Reset(); FAILED(hr))
+        return report(293, hr);
+    if (const HRESULT hr = m_request.Set(); FAILED(hr))
+        return report(295, hr);
+    const HRESULT hr = WaitForAnswer();
+    return SUCCEEDED(hr) ? S_OK : report(297, hr);
+}
+
+// The query's result, or E_FAIL when there will be none.
+HRESULT CVoWMIQueryBase::WaitForAnswer() noexcept
+{
+    // The answer comes first in the list, as it counts when the worker has ended since.
+    const std::array<HANDLE, 2> events{ m_answer.Handle(), ThreadHandle() };
+    const DWORD event = ::WaitForMultipleObjects(static_cast<DWORD>(events.size()), events.data(), FALSE, INFINITE);
+    if (event == WAIT_OBJECT_0)
+        return m_queryResult;
+    if (event != WAIT_OBJECT_0 + 1)
+    {
+        // The worker may be at work still: let it end, and see to it that the callback is called no more.
+        Stop(false);
+        CAutoLock callbackEnded(&m_callbackLock);
+    }
+    return E_FAIL;
+}
+
+namespace
+{
+// What the callback of a query for named properties reads and fills.
+struct SFieldRows
+{
+    std::span<const std::wstring> names;
+    std::vector<bool> isKnown; // for each name: an object had it
+    std::vector<std::vector<std::wstring>> rows;
+};
+
+HRESULT ReadFields(IWbemClassObject* object, void* context)
+{
+    constexpr CVoReporter report{ kSource, L"VoWMIQuery::CVoWMIQueryStringFields::QueryWMIStringFields" };
+    SFieldRows& fields = *static_cast<SFieldRows*>(context);
+    std::vector<std::wstring> row(fields.names.size());
+    for (size_t i = 0; i < row.size(); ++i)
+    {
+        CVoVariant value;
+        CIMTYPE type = CIM_EMPTY;
+        HRESULT hr = object->Get(fields.names[i].c_str(), 0, value.Put(), &type, nullptr);
+        if (hr == kPropertyNotFound)
+            continue;
+        if (FAILED(hr))
+            return report(338, hr);
+        fields.isKnown[i] = true;
+        if (hr = WMIValueToText(value.Get(), type, row[i]); FAILED(hr))
+            return report(341, hr);
+    }
+    fields.rows.push_back(std::move(row));
+    return S_OK;
+}
+} // namespace
+
+HRESULT CVoWMIQueryStringFields::QueryWMIStringFields(std::wstring_view query, std::span<const std::wstring> fieldNames,
+                                                      std::vector<std::vector<std::wstring>>& rows) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"VoWMIQuery::CVoWMIQueryStringFields::QueryWMIStringFields" };
+    const auto isEmpty = [](const std::wstring& name) { return name.empty(); };
+    if (fieldNames.empty() || std::any_of(fieldNames.begin(), fieldNames.end(), isEmpty))
+        return report(355, E_INVALIDARG);
+    try
+    {
+        SFieldRows fields{ fieldNames, std::vector<bool>(fieldNames.size()), {} };
+        if (const HRESULT hr = QueryWMI(query, &ReadFields, &fields); FAILED(hr))
+            return report(360, hr);
+        const auto unknown = std::find(fields.isKnown.begin(), fields.isKnown.end(), false);
+        if (!fields.rows.empty() && unknown != fields.isKnown.end())
+        {
+            report.Message(364, L"No object has a property %ls",
+                           fieldNames[static_cast<size_t>(unknown - fields.isKnown.begin())].c_str());
+            return report(366, kPropertyNotFound);
+        }
+        rows = std::move(fields.rows);
+        return S_OK;
+    }
+    catch (...)
+    {
+        return report.CurrentException(373);
+    }
+}
+} // namespace VoWMIQuery
