@@ -38,10 +38,10 @@ public:
     CVoComPtr(CVoComPtr&& other) noexcept : m_object(std::exchange(other.m_object, nullptr)) {}
     ~CVoComPtr() { Reset(); }
 
-    // Adds the new reference before the old one goes; assigning the object held already does nothing.
+    // Adds the new reference before the old one goes.
     CVoComPtr& operator=(const CVoComPtr& other) noexcept
     {
-        if (m_object != other.m_object)
+        if (this != &other)
             CVoComPtr(other).Swap(*this);
         return *this;
     }
