@@ -163,7 +163,7 @@ CLI::Option* AddChoice(CLI::App& app, const std::string& name, Value& target,
     std::string words;
     for (const auto& [word, value] : choices)
         words += (words.empty() ? "" : "|") + std::string(word);
-    const auto choose = [&target, choices, words, name](const std::string& text)
+    const auto choose = [&target, choices = std::move(choices), words, name](const std::string& text)
     {
         for (const auto& [word, value] : choices)
         {

@@ -38,7 +38,7 @@ constexpr std::array kKinds{
 constexpr UINT32 kConnectTimeout = 10; // seconds
 constexpr UINT32 kRequestTimeout = 20;
 constexpr UINT32 kKeyBits = 2048;
-constexpr size_t kPayloadSize = 64 * 1024;
+constexpr size_t kPayloadSize = size_t{ 64 } * 1024;
 
 // Texts with everything that an encoding can get wrong.
 constexpr std::array<std::pair<const wchar_t*, const wchar_t*>, 3> kParameters{ {

@@ -156,7 +156,7 @@ private:
         if (HasSeveralMessages())
             context.PutKey("responses", std::move(messages));
         else
-            for (auto& [key, value] : messages.at(0).items())
+            for (const auto& [key, value] : messages.at(0).items())
                 context.PutKey(key.c_str(), std::move(value));
     }
 

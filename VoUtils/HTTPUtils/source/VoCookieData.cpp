@@ -141,7 +141,7 @@ std::optional<double> ParseMaxAge(std::wstring_view text) noexcept
 // Cuts a number of `minimum` to `maximum` digits off the front. Nothing when there are fewer or more.
 std::optional<int> ReadNumber(std::wstring_view& text, size_t minimum, size_t maximum) noexcept
 {
-    const size_t digits = static_cast<size_t>(std::find_if_not(text.begin(), text.end(), IsDigit) - text.begin());
+    const auto digits = static_cast<size_t>(std::find_if_not(text.begin(), text.end(), IsDigit) - text.begin());
     if (digits < minimum || digits > maximum)
         return std::nullopt;
     int value = 0;

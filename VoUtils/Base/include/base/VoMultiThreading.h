@@ -21,10 +21,11 @@ public:
     // The same with room for an argument that derived kinds may interpret (a time-out in milliseconds, 0 for the kind's own).
     virtual int Lock(DWORD argument) noexcept = 0;
 
-protected:
-    CLockObject() = default;
     CLockObject(const CLockObject&) = delete;
     CLockObject& operator=(const CLockObject&) = delete;
+
+protected:
+    CLockObject() = default;
 };
 
 // A critical section of the platform: recursive for the thread that holds it, waits without time-out.
