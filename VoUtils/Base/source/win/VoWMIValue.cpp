@@ -222,44 +222,8 @@ std::wstring ObjectText(IUnknown* value)
     return std::wstring(text.View());
 }
 
-std::wstring ValueText(const VARIANT& value, long type);
-
-std::wstring ArrayText(SAFEARRAY* array, VARTYPE elementType, long type)
+std::wstring ScalarText(const VARIANT& value, long type)
 {
-    if (!array)
-        return {};
-    if (::SafeArrayGetDim(array) != 1)
-        throw CVoHResultException(DISP_E_TYPEMISMATCH);
-    LONG first = 0;
-    LONG last = 0;
-    Check(::SafeArrayGetLBound(array, 1, &first));
-    Check(::SafeArrayGetUBound(array, 1, &last));
-    std::wstring text;
-    for (LONG i = first; i <= last; ++i)
-    {
-        // A copy of the element that the variant owns; all members of the variant's union begin at one place.
-        CVoVariant element;
-        VARIANT& target = element.Get();
-        if (elementType == VT_VARIANT)
-        {
-            Check(::SafeArrayGetElement(array, &i, &target));
-        }
-        else
-        {
-            Check(::SafeArrayGetElement(array, &i, &target.byref));
-            target.vt = elementType;
-        }
-        if (i != first)
-            text += L", ";
-        text += ValueText(target, type);
-    }
-    return text;
-}
-
-std::wstring ValueText(const VARIANT& value, long type)
-{
-    if ((value.vt & VT_ARRAY) != 0 && (value.vt & VT_BYREF) == 0)
-        return ArrayText(value.parray, value.vt & VT_TYPEMASK, type & ~CIM_FLAG_ARRAY);
     switch (value.vt)
     {
     case VT_EMPTY:
@@ -297,6 +261,44 @@ std::wstring ValueText(const VARIANT& value, long type)
     default:
         throw CVoHResultException(DISP_E_TYPEMISMATCH);
     }
+}
+std::wstring ArrayText(SAFEARRAY* array, VARTYPE elementType, long type)
+{
+    if (!array)
+        return {};
+    if (::SafeArrayGetDim(array) != 1)
+        throw CVoHResultException(DISP_E_TYPEMISMATCH);
+    LONG first = 0;
+    LONG last = 0;
+    Check(::SafeArrayGetLBound(array, 1, &first));
+    Check(::SafeArrayGetUBound(array, 1, &last));
+    std::wstring text;
+    for (LONG i = first; i <= last; ++i)
+    {
+        // A copy of the element that the variant owns; all members of the variant's union begin at one place.
+        CVoVariant element;
+        VARIANT& target = element.Get();
+        if (elementType == VT_VARIANT)
+        {
+            Check(::SafeArrayGetElement(array, &i, &target));
+        }
+        else
+        {
+            Check(::SafeArrayGetElement(array, &i, static_cast<void*>(&target.byref)));
+            target.vt = elementType;
+        }
+        if (i != first)
+            text += L", ";
+        text += ScalarText(target, type);
+    }
+    return text;
+}
+
+std::wstring ValueText(const VARIANT& value, long type)
+{
+    if ((value.vt & VT_ARRAY) != 0 && (value.vt & VT_BYREF) == 0)
+        return ArrayText(value.parray, value.vt & VT_TYPEMASK, type & ~CIM_FLAG_ARRAY);
+    return ScalarText(value, type);
 }
 } // namespace
 
