@@ -108,7 +108,7 @@ void CContext::PutBytes(const char* key, std::span<const BYTE> bytes)
         m_streams.out.Write(bytes);
 }
 
-void CContext::PutObject(CJson object)
+void CContext::PutObject(const CJson& object)
 {
     if (m_options.json)
         m_answer.update(object);

@@ -95,7 +95,7 @@ public:
     // Bytes; the key ends in "Base64".
     void PutBytes(const char* key, std::span<const BYTE> bytes);
     // A result that is an object of its own: its keys are the answer's, and text output shows it as JSON as well.
-    void PutObject(CJson object);
+    void PutObject(const CJson& object);
     // A key that only --json shows.
     void PutKey(const char* key, CJson value) { m_answer[key] = std::move(value); }
 

@@ -302,7 +302,8 @@ protected:
         {
             Check(CVoDataParser::ToUTF8AndUrlEncode(!m_noUtf8, name));
             Check(CVoDataParser::ToUTF8AndUrlEncode(!m_noUtf8, value));
-            query += (query.empty() ? L"?" : L"&") + name + L'=' + value;
+            query += query.empty() ? L"?" : L"&";
+            query.append(name).append(1, L'=').append(value);
         }
         if (query != address.Query())
             Check(address.SetObjectPath((address.Path().empty() ? L"/" : address.Path()) + query));

@@ -27,6 +27,7 @@ CEngineChoice::~CEngineChoice()
 void CConnectionOptions::Declare(CLI::App& app)
 {
     std::vector<std::pair<const char*, std::optional<UINT32>>> engines;
+    engines.reserve(kEngineNames.size());
     for (UINT32 i = 0; i < kEngineNames.size(); ++i)
         engines.emplace_back(kEngineNames[i], i);
     AddChoice(app, "--engine", m_engine, std::move(engines), "The transport; default: HTTPEngine of ModuleSettings.ini");

@@ -128,19 +128,20 @@ void AppendNumber(std::wstring& text, unsigned value, size_t width, wchar_t fill
 }
 } // namespace
 
-std::wstring Line(const SYSTEMTIME& t, const std::wstring& modulePart, const wchar_t* source, int line, const wchar_t* function,
-                  DWORD threadId, std::wstring_view message)
+std::wstring Line(const SYSTEMTIME& localTime, const std::wstring& modulePart, const wchar_t* source, int line,
+                  const wchar_t* function, DWORD threadId, std::wstring_view message)
 {
     const std::wstring_view file = source ? source : L"";
     const std::wstring_view name = function ? function : L"";
     std::wstring text;
     text.reserve(modulePart.size() + file.size() + name.size() + message.size() + 80);
     // By hand, because the C library's wide formatting would take as long as the rest of the line.
-    AppendNumber(text, t.wYear, 4, L' ');
-    for (const auto& [mark, value] : { std::pair(L'.', t.wMonth), std::pair(L'.', t.wDay), std::pair(L' ', t.wHour),
-                                       std::pair(L':', t.wMinute), std::pair(L':', t.wSecond) })
+    AppendNumber(text, localTime.wYear, 4, L' ');
+    for (const auto& [mark, value] :
+         { std::pair(L'.', localTime.wMonth), std::pair(L'.', localTime.wDay), std::pair(L' ', localTime.wHour),
+           std::pair(L':', localTime.wMinute), std::pair(L':', localTime.wSecond) })
         AppendNumber(text += mark, value, 2, L'0');
-    AppendNumber(text += L'.', t.wMilliseconds, 3, L'0');
+    AppendNumber(text += L'.', localTime.wMilliseconds, 3, L'0');
     if (source)
         text.append(modulePart).append(file);
     if (line >= 0)
