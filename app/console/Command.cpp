@@ -138,7 +138,7 @@ int CContext::Finish(HRESULT result, std::string_view detail)
         answer["result"] = ResultCode(result);
         if (FAILED(result))
             answer["error"] = error;
-        for (auto& [key, value] : m_answer.items())
+        for (const auto& [key, value] : m_answer.items())
             answer[key] = std::move(value);
         m_streams.out.Write(JsonLine(answer));
     }

@@ -53,9 +53,11 @@ std::wstring_view FindApplicationName(std::wstring_view commandLine) noexcept
                 return rest.substr(1, end - 1);
             continue;
         }
-        const auto end = std::find_if(rest.begin(), rest.end(), [](wchar_t c) { return c == L'"' || std::iswspace(c); });
-        if (end != rest.begin())
-            return rest.substr(0, static_cast<size_t>(end - rest.begin()));
+        size_t end = 0;
+        while (end < rest.size() && rest[end] != L'"' && !std::iswspace(rest[end]))
+            ++end;
+        if (end > 0)
+            return rest.substr(0, end);
     }
     return {};
 }
