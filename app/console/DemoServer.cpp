@@ -101,10 +101,10 @@ void ParseForm(std::string_view text, CVoBinaryDataParser& parser)
 void ParseRequest(const Loopback::CRequest& request, const std::wstring& publicKey, CVoBinaryDataParser& parser)
 {
     const std::string_view contentType = request.Header("Content-Type");
+    if (request.method != "GET" && request.method != "POST")
+        Refuse();
     if (request.method == "GET")
         ParseForm(request.Query(), parser);
-    else if (request.method != "POST")
-        Refuse();
     else if (contentType.starts_with("application/octet-stream"))
     {
         const auto* const bytes = reinterpret_cast<const BYTE*>(request.body.data());

@@ -44,6 +44,7 @@ private:
 };
 } // namespace
 
+// NOLINTNEXTLINE(misc-use-internal-linkage): the C runtime calls it by its name.
 int wmain(int count, wchar_t** arguments)
 {
     const CComLibrary com;

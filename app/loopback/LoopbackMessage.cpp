@@ -134,9 +134,12 @@ std::string_view ReasonPhrase(int status) noexcept
         { 502, "Bad Gateway" },
         { 503, "Service Unavailable" },
     });
-    const auto found =
-        std::find_if(kPhrases.begin(), kPhrases.end(), [status](const auto& phrase) { return phrase.first == status; });
-    return found == kPhrases.end() ? std::string_view("Status") : found->second;
+    for (const auto& [code, phrase] : kPhrases)
+    {
+        if (code == status)
+            return phrase;
+    }
+    return "Status";
 }
 
 std::string ResponseHead(int status, const CHeaders& headers)

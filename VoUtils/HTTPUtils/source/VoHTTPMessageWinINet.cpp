@@ -30,7 +30,7 @@ constexpr DWORD kMaximumConnections = 128;
 constexpr DWORD kOptionMaximumConnectionsPerProxy = 103;
 constexpr DWORD kRequestFlags =
     INTERNET_FLAG_RELOAD | INTERNET_FLAG_NO_CACHE_WRITE | INTERNET_FLAG_KEEP_CONNECTION | INTERNET_FLAG_NO_COOKIES;
-constexpr DWORD kMaximumPiece = 32'000; // of a body, per write
+constexpr DWORD kMaximumPiece = 32'000;           // of a body, per write
 constexpr size_t kReadStep = size_t{ 16 } * 1024; // the answer's buffer grows in these steps
 constexpr size_t kMaximumReserve = size_t{ 256 } * 1024 * 1024;
 constexpr DWORD kDialogFlags =
