@@ -1,0 +1,54 @@
+// Whole files: read at once, and replaced at once.
+#pragma once
+
+#include <base/VoPlatform.h>
+
+#include <string>
+#include <string_view>
+
+// The largest file that is read or replaced, in bytes: what one conversion of the platform takes.
+inline constexpr size_t kMaximumFileSize = 0x7FFFFFFF;
+
+// The whole content of a file; other programs may have it open, also for writing. ERROR_INVALID_NAME for an empty path or one
+// with a zero in it, ERROR_FILE_TOO_LARGE above kMaximumFileSize, otherwise the platform's error, each as an HRESULT and
+// reported. `bytes` is untouched on failure.
+[[nodiscard]] HRESULT VoReadFile(std::wstring_view path, std::string& bytes) noexcept;
+
+// The path from the root, as the process's current directory has it now. Throws CVoHResultException (unreported) and
+// std::bad_alloc.
+[[nodiscard]] std::wstring VoGetFullPath(std::wstring_view path);
+
+// A new content for a file, written beside it and put in its place by one rename, so that whatever happens on the way (a full
+// disk, a killed process, a power cut) leaves the old file or the new one, whole, under its name:
+//
+//     CVoFileReplacement replacement;
+//     if (hr = replacement.Write(path, bytes); SUCCEEDED(hr))
+//         hr = replacement.Commit();
+//
+// The new file gets the old one's attributes and access rights (its discretionary access-control list); where the file system
+// has none, or there is no old file, those that the folder gives. What else hangs on a file stays behind with the old one: its
+// owner, creation time, named streams, further hard links, and a symbolic link is replaced by a file. A read-only file is not
+// replaced (ERROR_ACCESS_DENIED). A process that dies in between leaves a file NAME.PID-N.tmp behind, which nothing reads.
+//
+// One object replaces one file; not for several threads at once, but any number of objects may work at the same time: of two
+// that replace the same file, the last Commit stands.
+class CVoFileReplacement
+{
+public:
+    CVoFileReplacement() noexcept = default;
+    // Deletes what was written and not committed.
+    ~CVoFileReplacement();
+    CVoFileReplacement(const CVoFileReplacement&) = delete;
+    CVoFileReplacement& operator=(const CVoFileReplacement&) = delete;
+
+    // Writes the content beside the file and has the disk take it. The codes of VoReadFile; E_UNEXPECTED for a second call.
+    [[nodiscard]] HRESULT Write(std::wstring_view path, std::string_view bytes) noexcept;
+    // Puts it in place. The platform's error; E_UNEXPECTED unless Write succeeded. It may be tried again after a failure, which
+    // is what another program that has the file open without sharing causes.
+    [[nodiscard]] HRESULT Commit() noexcept;
+
+private:
+    std::wstring m_path;
+    std::wstring m_temporaryPath; // empty while there is nothing to be deleted
+    bool m_isWritten = false;
+};

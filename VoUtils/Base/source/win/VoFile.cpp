@@ -1,0 +1,216 @@
+#include <win/VoFile.h>
+
+#include <base/VoErrorHandler.h>
+#include <base/VoHandle.h>
+#include <base/VoUtils.h>
+
+#include <atomic>
+#include <vector>
+
+namespace
+{
+constexpr const wchar_t* kSource = L"..\\..\\source\\win\\VoFile";
+
+// What one call reads or writes at most; a network file system may refuse more.
+constexpr DWORD kPieceSize = 16U << 20;
+// Names tried for the file beside the file, should a dead process of the same id have left some behind.
+constexpr int kNameTries = 100;
+// The attributes that go over to the new file. Others (compressed, encrypted) are the folder's to give.
+constexpr DWORD kKeptAttributes =
+    FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_NOT_CONTENT_INDEXED;
+
+// The platform would cut such a name off without a word.
+[[nodiscard]] bool IsPath(std::wstring_view path) noexcept
+{
+    return !path.empty() && path.find(L'\0') == std::wstring_view::npos;
+}
+
+// What a file has beside its content, as far as its replacement gets it.
+struct SFileFacts
+{
+    DWORD attributes = FILE_ATTRIBUTE_NORMAL;
+    std::vector<BYTE> security; // a self-relative descriptor; empty for what the folder gives
+};
+
+// The facts of a file that may be missing.
+[[nodiscard]] HRESULT ReadFacts(const std::wstring& path, SFileFacts& facts)
+{
+    constexpr CVoReporter report{ kSource, L"CVoFileReplacement::Write" };
+    const DWORD attributes = ::GetFileAttributesW(path.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES)
+    {
+        // The file is to be made then, and a missing folder shows when it is.
+        if (const DWORD error = ::GetLastError(); error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND)
+            return report.Win32(47, 48, error);
+        return S_OK;
+    }
+    // The rename would find out too, after all the writing.
+    if (attributes & (FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_DIRECTORY))
+        return report(53, HResultFromWin32(ERROR_ACCESS_DENIED));
+    if (const DWORD kept = attributes & kKeptAttributes)
+        facts.attributes = kept;
+
+    // A file that only some may read must not become readable for others, not even while it is being written.
+    DWORD size = 0;
+    while (!::GetFileSecurityW(path.c_str(), DACL_SECURITY_INFORMATION, facts.security.data(),
+                               static_cast<DWORD>(facts.security.size()), &size))
+    {
+        const DWORD error = ::GetLastError();
+        if (error == ERROR_NOT_SUPPORTED || error == ERROR_INVALID_FUNCTION)
+        {
+            facts.security.clear(); // a file system without access rights
+            return S_OK;
+        }
+        if (error != ERROR_INSUFFICIENT_BUFFER || size <= facts.security.size())
+            return report.Win32(71, 72, error);
+        facts.security.resize(size);
+    }
+    return S_OK;
+}
+
+[[nodiscard]] HRESULT WriteAll(HANDLE file, std::string_view bytes) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoFileReplacement::Write" };
+    while (!bytes.empty())
+    {
+        const DWORD piece = bytes.size() < kPieceSize ? static_cast<DWORD>(bytes.size()) : kPieceSize;
+        DWORD written = 0;
+        if (!::WriteFile(file, bytes.data(), piece, &written, nullptr))
+            return report.LastError(86, 87);
+        if (written == 0 || written > piece)
+            return report(89, HResultFromWin32(ERROR_WRITE_FAULT));
+        bytes.remove_prefix(written);
+    }
+    // Or the rename could reach the disk before the content does, and a power cut leave an empty file.
+    return ::FlushFileBuffers(file) ? S_OK : report.LastError(93, 94);
+}
+} // namespace
+
+HRESULT VoReadFile(std::wstring_view path, std::string& bytes) noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"VoReadFile" };
+    if (!IsPath(path))
+        return report(103, HResultFromWin32(ERROR_INVALID_NAME));
+    const CVoHandle file(::CreateFileW(std::wstring(path).c_str(), GENERIC_READ,
+                                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+                                       FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+    if (!file)
+        return report.LastError(108, 109);
+    LARGE_INTEGER size{};
+    if (!::GetFileSizeEx(file.Get(), &size))
+        return report.LastError(112, 113);
+    if (static_cast<UINT64>(size.QuadPart) > kMaximumFileSize)
+        return report(115, HResultFromWin32(ERROR_FILE_TOO_LARGE));
+
+    // The size is a hint: a writer may be at work, and a pipe has none.
+    std::string read(static_cast<size_t>(size.QuadPart) + 1, '\0');
+    size_t length = 0;
+    for (;;)
+    {
+        if (length == read.size())
+            read.resize(2 * read.size());
+        const size_t room = read.size() - length;
+        DWORD count = 0;
+        if (!::ReadFile(file.Get(), read.data() + length, room < kPieceSize ? static_cast<DWORD>(room) : kPieceSize, &count,
+                        nullptr))
+        {
+            // How a pipe says that its writer is done.
+            if (::GetLastError() == ERROR_BROKEN_PIPE)
+                break;
+            return report.LastError(134, 135);
+        }
+        if (count == 0)
+            break;
+        length += count;
+        if (length > kMaximumFileSize)
+            return report(140, HResultFromWin32(ERROR_FILE_TOO_LARGE));
+    }
+    read.resize(length);
+    bytes = std::move(read);
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"VoReadFile" }.CurrentException(148);
+}
+
+std::wstring VoGetFullPath(std::wstring_view path)
+{
+    if (!IsPath(path))
+        throw CVoHResultException(HResultFromWin32(ERROR_INVALID_NAME));
+    const std::wstring given(path);
+    std::wstring full(MAX_PATH, L'\0');
+    for (;;)
+    {
+        const DWORD length = ::GetFullPathNameW(given.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
+        if (length == 0)
+            throw CVoHResultException(HResultFromLastError());
+        const bool fits = length < full.size();
+        full.resize(length);
+        if (fits)
+            return full;
+    }
+}
+
+CVoFileReplacement::~CVoFileReplacement()
+{
+    const CVoLastErrorKeeper keeper;
+    if (!m_temporaryPath.empty())
+        ::DeleteFileW(m_temporaryPath.c_str());
+}
+
+HRESULT CVoFileReplacement::Write(std::wstring_view path, std::string_view bytes) noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoFileReplacement::Write" };
+    if (!m_path.empty())
+        return report(181, E_UNEXPECTED);
+    if (!IsPath(path))
+        return report(183, HResultFromWin32(ERROR_INVALID_NAME));
+    if (bytes.size() > kMaximumFileSize)
+        return report(185, HResultFromWin32(ERROR_FILE_TOO_LARGE));
+    m_path = VoGetFullPath(path);
+
+    SFileFacts facts;
+    if (const HRESULT hr = ReadFacts(m_path, facts); FAILED(hr))
+        return report(190, hr);
+    SECURITY_ATTRIBUTES security{ sizeof(SECURITY_ATTRIBUTES), facts.security.data(), FALSE };
+
+    static std::atomic<unsigned> s_number{ 0 };
+    CVoHandle file;
+    for (int i = 0; !file; ++i)
+    {
+        std::wstring name = m_path + VoFormat(L".%lu-%u.tmp", ::GetCurrentProcessId(), ++s_number);
+        file.Reset(::CreateFileW(name.c_str(), GENERIC_WRITE, 0, facts.security.empty() ? nullptr : &security, CREATE_NEW,
+                                 facts.attributes, nullptr));
+        if (file)
+            m_temporaryPath = std::move(name);
+        else if (const DWORD error = ::GetLastError(); error != ERROR_FILE_EXISTS || i == kNameTries)
+            return report.Win32(204, 205, error);
+    }
+    if (const HRESULT hr = WriteAll(file.Get(), bytes); FAILED(hr))
+        return report(208, hr);
+    // Some file systems tell only now that a write has failed.
+    if (!::CloseHandle(file.Detach()))
+        return report.LastError(211, 212);
+    m_isWritten = true;
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoFileReplacement::Write" }.CurrentException(217);
+}
+
+HRESULT CVoFileReplacement::Commit() noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoFileReplacement::Commit" };
+    if (!m_isWritten)
+        return report(223, E_UNEXPECTED);
+    // One rename: the platform's ReplaceFile would move the old file away first, and a death in between leave none.
+    if (!::MoveFileExW(m_temporaryPath.c_str(), m_path.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH))
+        return report.LastError(226, 227);
+    m_temporaryPath.clear();
+    m_isWritten = false;
+    return S_OK;
+}

@@ -1,0 +1,252 @@
+#include <win/VoUtilFileIO.h>
+
+#include "VoIniContent.h"
+
+#include <base/VoErrorHandler.h>
+#include <win/VoFile.h>
+
+#include <algorithm>
+
+namespace
+{
+constexpr const wchar_t* kSource = L"..\\..\\source\\win\\VoUtilFileIO";
+
+[[nodiscard]] std::unique_ptr<CVoIniContent> ReadContent(std::string bytes,
+                                                         std::optional<EVoTextEncoding> encoding = std::nullopt)
+{
+    if (bytes.size() > kMaximumFileSize)
+        throw CVoHResultException(HResultFromWin32(ERROR_FILE_TOO_LARGE));
+    auto content = std::make_unique<CVoIniContent>();
+    content->Read(std::move(bytes), encoding);
+    return content;
+}
+} // namespace
+
+CVoIniFileIO::CVoIniFileIO() : m_content(std::make_unique<CVoIniContent>()) {}
+CVoIniFileIO::CVoIniFileIO(CVoIniFileIO&& other) noexcept = default;
+CVoIniFileIO& CVoIniFileIO::operator=(CVoIniFileIO&& other) noexcept = default;
+CVoIniFileIO::~CVoIniFileIO() = default;
+
+HRESULT CVoIniFileIO::Open(std::wstring_view path, bool mayBeMissing) noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoIniFileIO::Open" };
+    std::wstring fullPath = VoGetFullPath(path);
+    std::string bytes;
+    // Asked beforehand, so that a file which may be missing leaves no report of a failure.
+    const bool isMissing = mayBeMissing && ::GetFileAttributesW(fullPath.c_str()) == INVALID_FILE_ATTRIBUTES &&
+                           ::GetLastError() == ERROR_FILE_NOT_FOUND;
+    if (!isMissing)
+        if (const HRESULT hr = VoReadFile(fullPath, bytes); FAILED(hr))
+            return report(41, hr);
+    m_content = ReadContent(std::move(bytes));
+    m_path = std::move(fullPath);
+    m_isModified = false;
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoIniFileIO::Open" }.CurrentException(49);
+}
+
+HRESULT CVoIniFileIO::Parse(std::string_view bytes) noexcept
+try
+{
+    m_content = ReadContent(std::string(bytes));
+    m_isModified = true;
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoIniFileIO::Parse" }.CurrentException(61);
+}
+
+HRESULT CVoIniFileIO::GetBytes(std::string& bytes) const noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoIniFileIO::GetBytes" };
+    std::string rendered = m_content->Render();
+    // Only text in a code page can look like something else, and what stood first may have gone.
+    const EVoTextEncoding detected = CVoIniContent::Detect(rendered);
+    const bool isPlain = detected == EVoTextEncoding::Utf8 &&
+                         std::all_of(rendered.begin(), rendered.end(), [](char c) { return static_cast<signed char>(c) >= 0; });
+    if (detected != Encoding() && !(isPlain && Encoding() == EVoTextEncoding::Ansi))
+        return report(75, HResultFromWin32(ERROR_NO_UNICODE_TRANSLATION));
+    bytes = std::move(rendered);
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoIniFileIO::GetBytes" }.CurrentException(81);
+}
+
+HRESULT CVoIniFileIO::Save() noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoIniFileIO::Save" };
+    if (!m_isModified)
+        return S_FALSE;
+    if (m_path.empty())
+        return report(90, HResultFromWin32(ERROR_INVALID_NAME));
+    const HRESULT hr = WriteTo(m_path);
+    return FAILED(hr) ? report(92, hr) : S_OK;
+}
+
+HRESULT CVoIniFileIO::SaveAs(std::wstring_view path) noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoIniFileIO::SaveAs" };
+    std::wstring fullPath = VoGetFullPath(path);
+    if (const HRESULT hr = WriteTo(fullPath); FAILED(hr))
+        return report(101, hr);
+    m_path = std::move(fullPath);
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoIniFileIO::SaveAs" }.CurrentException(107);
+}
+
+HRESULT CVoIniFileIO::WriteTo(const std::wstring& path) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoIniFileIO::WriteTo" };
+    std::string bytes;
+    if (const HRESULT hr = GetBytes(bytes); FAILED(hr))
+        return report(115, hr);
+    CVoFileReplacement replacement;
+    if (const HRESULT hr = replacement.Write(path, bytes); FAILED(hr))
+        return report(118, hr);
+    if (const HRESULT hr = replacement.Commit(); FAILED(hr))
+        return report(120, hr);
+    m_isModified = false;
+    return S_OK;
+}
+
+EVoTextEncoding CVoIniFileIO::Encoding() const noexcept
+{
+    return m_content->Encoding();
+}
+
+size_t CVoIniFileIO::Size() const noexcept
+{
+    return m_content->Size();
+}
+
+HRESULT CVoIniFileIO::SetEncoding(EVoTextEncoding encoding) noexcept
+try
+{
+    if (encoding == Encoding())
+        return S_OK;
+    m_content = ReadContent(m_content->RenderAs(encoding), encoding);
+    m_isModified = true;
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoIniFileIO::SetEncoding" }.CurrentException(142);
+}
+
+HRESULT CVoIniFileIO::GetSectionNames(std::vector<std::wstring_view>& names) const noexcept
+try
+{
+    names = m_content->SectionNames();
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoIniFileIO::GetSectionNames" }.CurrentException(153);
+}
+
+bool CVoIniFileIO::HasSection(std::wstring_view section) const
+{
+    return m_content->FindSection(section) != CVoNameIndex::kNone;
+}
+
+HRESULT CVoIniFileIO::GetSection(std::wstring_view section, std::vector<CVoIniEntry>& entries) const noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoIniFileIO::GetSection" };
+    const UINT32 found = m_content->FindSection(section);
+    if (found == CVoNameIndex::kNone)
+        return report(167, HResultFromWin32(ERROR_NOT_FOUND));
+    m_content->GetEntries(found, entries);
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoIniFileIO::GetSection" }.CurrentException(173);
+}
+
+std::optional<std::wstring_view> CVoIniFileIO::FindValue(std::wstring_view section, std::wstring_view key) const
+{
+    const UINT32 found = m_content->FindSection(section);
+    if (found == CVoNameIndex::kNone)
+        return std::nullopt;
+    return m_content->FindValue(found, key);
+}
+
+HRESULT CVoIniFileIO::SetValue(std::wstring_view section, std::wstring_view key, std::wstring_view value) noexcept
+try
+{
+    if (m_content->SetValue(section, key, value))
+        m_isModified = true;
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoIniFileIO::SetValue" }.CurrentException(193);
+}
+
+HRESULT CVoIniFileIO::AddValue(std::wstring_view section, std::wstring_view key, std::wstring_view value) noexcept
+try
+{
+    m_content->AddValue(section, key, value);
+    m_isModified = true;
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoIniFileIO::AddValue" }.CurrentException(205);
+}
+
+HRESULT CVoIniFileIO::RemoveValue(std::wstring_view section, std::wstring_view key) noexcept
+try
+{
+    const UINT32 found = m_content->FindSection(section);
+    if (found == CVoNameIndex::kNone || !m_content->RemoveValue(found, key))
+        return S_FALSE;
+    m_isModified = true;
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoIniFileIO::RemoveValue" }.CurrentException(219);
+}
+
+HRESULT CVoIniFileIO::ClearSection(std::wstring_view section) noexcept
+try
+{
+    const UINT32 found = m_content->FindSection(section);
+    if (found == CVoNameIndex::kNone || !m_content->ClearSection(found))
+        return S_FALSE;
+    m_isModified = true;
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoIniFileIO::ClearSection" }.CurrentException(233);
+}
+
+HRESULT CVoIniFileIO::RemoveSection(std::wstring_view section) noexcept
+try
+{
+    const UINT32 found = m_content->FindSection(section);
+    if (found == CVoNameIndex::kNone)
+        return S_FALSE;
+    m_content->RemoveSection(found);
+    m_isModified = true;
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoIniFileIO::RemoveSection" }.CurrentException(248);
+}
