@@ -36,8 +36,9 @@ enum class EVoTextEncoding
     Utf16BigEndian
 };
 
-// The text without the white space at its end. White space is Unicode's (the property White_Space), here and in all rules
-// above: the run-time's own notion differs between run-times, and signatures of files depend on what is trimmed.
+// The text without the white space at both ends, or at its end. White space is Unicode's (the property White_Space), here and
+// in all rules above: the run-time's own notion differs between run-times, and signatures of files depend on what is trimmed.
+[[nodiscard]] std::wstring_view VoIniTrim(std::wstring_view text) noexcept;
 [[nodiscard]] std::wstring_view VoIniTrimRight(std::wstring_view text) noexcept;
 
 // One entry of a section. The texts belong to the file that they come from and live until it changes.

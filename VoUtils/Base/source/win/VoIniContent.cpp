@@ -212,6 +212,13 @@ std::wstring_view VoIniTrimRight(std::wstring_view text) noexcept
     return text;
 }
 
+std::wstring_view VoIniTrim(std::wstring_view text) noexcept
+{
+    while (!text.empty() && IsSpace(text.front()))
+        text.remove_prefix(1);
+    return VoIniTrimRight(text);
+}
+
 UINT32 CVoNameIndex::Hash(std::wstring_view name)
 {
     UINT64 hash = name.size();
