@@ -100,6 +100,15 @@ void CContext::PutText(const char* key, std::wstring_view text)
         m_streams.out.Write(ToUtf8(text));
 }
 
+void CContext::PutValidity(bool valid)
+{
+    PutKey("valid", valid);
+    if (!m_options.json)
+        PutLine("valid", valid ? L"valid" : L"not valid");
+    if (!valid)
+        SetExitCode(kExitFailure);
+}
+
 void CContext::PutBytes(const char* key, std::span<const BYTE> bytes)
 {
     if (m_options.json)

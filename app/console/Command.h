@@ -96,6 +96,8 @@ public:
     void PutBytes(const char* key, std::span<const BYTE> bytes);
     // A result that is an object of its own: its keys are the answer's, and text output shows it as JSON as well.
     void PutObject(const CJson& object);
+    // The outcome of a check: "valid", or "not valid" with the exit code of a failure.
+    void PutValidity(bool valid);
     // A key that only --json shows.
     void PutKey(const char* key, CJson value) { m_answer[key] = std::move(value); }
 

@@ -12,7 +12,7 @@ using OrvSignedIniFileHandler::CVoSignedIniFileHandler2;
 
 void AddFile(CLI::App& app, std::string& file, const char* description)
 {
-    app.add_option("FILE", file, description)->required()->type_name("");
+    app.add_option("FILE", file, description)->required();
 }
 
 // The file's content; "-" is standard input.

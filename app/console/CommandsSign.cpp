@@ -161,11 +161,7 @@ public:
         bool valid = false;
         Check(OrvDigSign::COrvDigitalSignature::VerifyString(bytes.data(), LengthOf(bytes), *MakeHash(m_hash), signature.data(),
                                                              LengthOf(signature), key, valid));
-        context.PutKey("valid", valid);
-        if (!context.Options().json)
-            context.PutLine("valid", valid ? L"valid" : L"not valid");
-        if (!valid)
-            context.SetExitCode(kExitFailure);
+        context.PutValidity(valid);
     }
 
 private:

@@ -31,6 +31,7 @@ Examples:
 const std::map<std::string, std::string> kGroups{
     { "params", "Build and take apart the bodies that carry parameters and a payload" },
     { "key", "Make RSA keys for sign, verify and send --kind signed" },
+    { "ini", "Sign INI files, and check their signatures" },
     { "time", "Write and read ISO 8601 date-times" },
     { "log", "Write to the application log, or tell where it is" },
 };
@@ -38,8 +39,9 @@ const std::map<std::string, std::string> kGroups{
 std::vector<CCommandEntry> AllCommands()
 {
     std::vector<CCommandEntry> all;
-    for (const auto& family : { RequestCommands(), AddressCommands(), EncodingCommands(), ParameterCommands(),
-                                SignatureCommands(), SystemCommands(), WmiCommands(), DemoCommands(), BatchCommands() })
+    for (const auto& family :
+         { RequestCommands(), AddressCommands(), EncodingCommands(), ParameterCommands(), SignatureCommands(), IniCommands(),
+           SystemCommands(), WmiCommands(), DemoCommands(), BatchCommands() })
         all.insert(all.end(), family.begin(), family.end());
     return all;
 }

@@ -15,6 +15,7 @@
 [[nodiscard]] std::span<const CCommandEntry> EncodingCommands();  // encode, decode
 [[nodiscard]] std::span<const CCommandEntry> ParameterCommands(); // params ...
 [[nodiscard]] std::span<const CCommandEntry> SignatureCommands(); // hash, key ..., sign, verify
+[[nodiscard]] std::span<const CCommandEntry> IniCommands();       // ini ...
 [[nodiscard]] std::span<const CCommandEntry> SystemCommands();    // time ..., error, log ..., system
 [[nodiscard]] std::span<const CCommandEntry> WmiCommands();       // wmi
 [[nodiscard]] std::span<const CCommandEntry> AddressCommands();   // address, resolve, proxy, cookies

@@ -2,7 +2,9 @@
 #pragma once
 
 #include <base/VoPlatform.h>
+#include <win/VoFile.h>
 
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -13,21 +15,18 @@
 // Whether something of that name exists.
 [[nodiscard]] bool FileExists(const std::wstring& path);
 
-// A new content for a file: it is written beside the file and takes its place with Commit, so that a failure on the way leaves
-// the old content as it was and no half-written file behind. What is no disk file (a device, a pipe) is written directly.
+// A new content for a file, see CVoFileReplacement: a failure on the way leaves the old content as it was and no half-written
+// file behind. What is no disk file (a device, a pipe) is written directly.
 class COutputFile
 {
 public:
     COutputFile(std::wstring path, std::span<const BYTE> bytes); // throws CVoHResultException
-    ~COutputFile();
-    COutputFile(const COutputFile&) = delete;
-    COutputFile& operator=(const COutputFile&) = delete;
 
     void Commit(); // throws CVoHResultException
 
 private:
     std::wstring m_path;
-    std::wstring m_temporaryPath; // empty when there is nothing to be renamed
+    std::unique_ptr<CVoFileReplacement> m_replacement; // null when there is nothing to be put in place
 };
 
 // COutputFile with its Commit.

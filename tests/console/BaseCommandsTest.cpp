@@ -211,6 +211,43 @@ TEST_F(ConsoleCommands, AFreshKeyPairSignsAndVerifies)
     EXPECT_EQ(Run(verifyJson, "Letter").Json()["result"], "0x00000000");
 }
 
+TEST_F(ConsoleCommands, IniFilesAreSignedAndChecked)
+{
+    const std::string privateKey = Utf8(m_folder / L"private.key");
+    const std::string publicKey = Utf8(m_folder / L"public.key");
+    const std::filesystem::path path = m_folder / L"settings \u00E4.ini";
+    const std::string file = Utf8(path);
+    const std::string content = "; kept\n[A]\nx = \xC3\xA4 \n[Empty]\n";
+    const std::string canonical = "[A]\r\nx=\xC3\xA4\r\n<EMPTY>";
+    WriteTestFile(path, content);
+    ASSERT_EQ(Run({ "key", "new", "--private", privateKey, "--public", publicKey, "--bits", "1024" }).exitCode, 0);
+
+    EXPECT_EQ(Run({ "ini", "canonical", file }).out, canonical);
+    EXPECT_EQ(Run({ "ini", "canonical", "-" }, content).out, canonical);
+    const CConsoleResult notSigned = Run({ "ini", "verify", file, "--key", publicKey });
+    EXPECT_EQ(notSigned.exitCode, 1);
+    EXPECT_THAT(notSigned.err, StartsWith("voutils: 0x80070490 "));
+    EXPECT_EQ(Run({ "ini", "sign", file, "--key", publicKey }).exitCode, 1) << "a public key cannot sign";
+    EXPECT_EQ(ReadTestFile(path), content);
+
+    const CConsoleResult sign = Run({ "ini", "sign", file, "--key", privateKey, "--line", "100" });
+    ASSERT_EQ(sign.exitCode, 0) << sign.err;
+    EXPECT_EQ(sign.out, "");
+    const std::string signedFile = ReadTestFile(path);
+    EXPECT_THAT(signedFile, StartsWith(content + "\n[Signature]\nLine1="));
+    EXPECT_THAT(signedFile, HasSubstr("=\n")) << "172 characters of Base64 end in padding";
+    EXPECT_EQ(Run({ "ini", "canonical", file }).out, canonical);
+    EXPECT_EQ(Run({ "ini", "verify", file, "--key", publicKey }).out, "valid\n");
+
+    WriteTestFile(path, signedFile + "[B]\ny=2\n");
+    const CConsoleResult forged = Run({ "ini", "verify", file, "--key", publicKey, "--json" });
+    EXPECT_EQ(forged.exitCode, 1);
+    EXPECT_EQ(forged.Json()["valid"], false);
+    EXPECT_EQ(forged.Json()["result"], "0x00000000");
+    EXPECT_EQ(Run({ "ini", "sign", "-", "--key", privateKey }).exitCode, 2);
+    EXPECT_EQ(Run({ "ini", "sign", file, "--key", privateKey, "--line", "-1" }).exitCode, 2);
+}
+
 TEST_F(ConsoleCommands, AFailedRequestLeavesFilesAsTheyWere)
 {
     const std::filesystem::path kept = m_folder / L"kept.key";
