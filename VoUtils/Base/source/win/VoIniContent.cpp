@@ -9,6 +9,7 @@
 #include <bit>
 #include <cstring>
 #include <emmintrin.h>
+#include <ranges>
 
 namespace
 {
@@ -372,7 +373,7 @@ void CVoIniContent::ReadUnitLines(std::string_view bytes)
     const wchar_t* const text = m_text.get();
     for (size_t begin = 0; begin < count;)
     {
-        const wchar_t* const found = std::find_if(text + begin, text + count, IsLineEnd<wchar_t>);
+        const auto* const found = std::find_if(text + begin, text + count, IsLineEnd<wchar_t>);
         const auto end = static_cast<size_t>(found - text);
         const size_t endLength = LineEndLength(text, end, count);
         if (begin == 0 && endLength > 0)
@@ -576,7 +577,7 @@ UINT32 CVoIniContent::FindEntry(SSection& section, std::wstring_view key)
                               { return CVoNameIndex::AreEqual(LineAt(section.entries[ordinal]).Key(), key); });
 }
 
-CVoIniContent::SLine CVoIniContent::MakeLine(std::wstring text, std::string raw) const
+CVoIniContent::SLine CVoIniContent::MakeLine(std::wstring text, std::string raw)
 {
     if (std::any_of(text.begin(), text.end(), IsLineEnd<wchar_t>) || text.size() > kMaximumFileSize)
         Throw(E_INVALIDARG);
@@ -640,12 +641,12 @@ std::wstring_view CVoIniContent::LineEndOf(const SLine& line) const noexcept
 
 const CVoIniContent::SLine* CVoIniContent::LastLine() const noexcept
 {
-    for (auto block = m_blocks.rbegin(); block != m_blocks.rend(); ++block)
+    for (const SBlock& block : std::views::reverse(m_blocks))
     {
-        if (!block->lines.empty())
-            return &block->lines.back();
-        if (!block->header.raw.empty())
-            return &block->header;
+        if (!block.lines.empty())
+            return &block.lines.back();
+        if (!block.header.raw.empty())
+            return &block.header;
     }
     return nullptr;
 }
@@ -735,7 +736,7 @@ void CVoIniContent::AppendSection(std::wstring_view name, SLine entry)
 }
 
 template <class IsRemoved>
-bool CVoIniContent::RemoveEntries(SSection& section, IsRemoved isRemoved) noexcept
+bool CVoIniContent::RemoveEntries(SSection& section, IsRemoved isRemoved)
 {
     size_t count = 0;
     for (const UINT32 block : section.blocks)
@@ -758,7 +759,7 @@ bool CVoIniContent::RemoveValue(UINT32 section, std::wstring_view key)
     return RemoveEntries(m_sections[section], [&](const SLine& line) { return CVoNameIndex::AreEqual(line.Key(), key); });
 }
 
-bool CVoIniContent::ClearSection(UINT32 section) noexcept
+bool CVoIniContent::ClearSection(UINT32 section)
 {
     return RemoveEntries(m_sections[section], [](const SLine&) { return true; });
 }

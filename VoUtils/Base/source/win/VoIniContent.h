@@ -78,7 +78,7 @@ public:
     bool SetValue(std::wstring_view section, std::wstring_view key, std::wstring_view value);
     void AddValue(std::wstring_view section, std::wstring_view key, std::wstring_view value);
     bool RemoveValue(UINT32 section, std::wstring_view key);
-    bool ClearSection(UINT32 section) noexcept;
+    bool ClearSection(UINT32 section);
     void RemoveSection(UINT32 section) noexcept;
 
 private:
@@ -138,12 +138,13 @@ private:
     };
     [[nodiscard]] bool ReadByteLines(std::string_view bytes, UINT codePage, EMalformed malformed);
     void ReadUnitLines(std::string_view bytes);
-    [[nodiscard]] bool DecodeLine(std::string_view bytes, UINT codePage, EMalformed malformed, wchar_t* place, SLine& line);
+    [[nodiscard]] static bool DecodeLine(std::string_view bytes, UINT codePage, EMalformed malformed, wchar_t* place,
+                                         SLine& line);
     void TakeLine(SLine&& line);
     void Forget() noexcept;
 
     static void TakeApart(SLine& line) noexcept;
-    [[nodiscard]] SLine MakeLine(std::wstring text, std::string raw) const;
+    [[nodiscard]] static SLine MakeLine(std::wstring text, std::string raw);
     [[nodiscard]] SLine MakeEntry(std::wstring_view key, std::wstring_view value) const;
     [[nodiscard]] SLine WithValue(const SLine& line, std::wstring_view value) const;
     [[nodiscard]] std::wstring_view LineEndOf(const SLine& line) const noexcept;
@@ -156,7 +157,7 @@ private:
     void AppendEntry(SSection& section, SLine line);
     void AppendSection(std::wstring_view name, SLine entry);
     template <class IsRemoved>
-    bool RemoveEntries(SSection& section, IsRemoved isRemoved) noexcept;
+    bool RemoveEntries(SSection& section, IsRemoved isRemoved);
 
     std::string m_bytes;               // the file's, which lines are views of
     std::unique_ptr<wchar_t[]> m_text; // theirs; each line's stands at its place in the file
