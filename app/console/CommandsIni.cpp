@@ -52,7 +52,7 @@ public:
         AddFile(app, m_file, "The INI file, which is rewritten");
         app.add_option("--key", m_key, "The private key")->required()->type_name("FILE");
         app.add_option("--line", m_line, "Characters of the signature in each of its lines; default 0, all in one")
-            ->check(CLI::NonNegativeNumber)
+            ->check(CLI::Range(0U, 1000000000U).description(""))
             ->type_name("N");
         app.footer("Only the section \"Signature\" changes, or is added at the end.\n" + app.get_footer());
     }
@@ -62,7 +62,8 @@ public:
             throw CUsageError("FILE: standard input cannot be rewritten");
         const CVoSecret<wchar_t> key(context.ReadTextFile(m_key));
         CVoSignedIniFileHandler2 handler;
-        Check(handler.Open(FromUtf8(m_file)));
+        if (const HRESULT hr = handler.Open(FromUtf8(m_file)); FAILED(hr))
+            throw CDetailedFailure(hr, m_file);
         Check(handler.SignFile(key.Get(), m_line));
     }
 
@@ -87,7 +88,10 @@ public:
         CVoSignedIniFileHandler2 handler;
         Read(context, m_file, handler);
         bool valid = false;
-        Check(handler.Verify(key, valid));
+        const HRESULT hr = handler.Verify(key, valid);
+        if (hr == HResultFromWin32(ERROR_NOT_FOUND))
+            throw CDetailedFailure(hr, "there is no section \"Signature\"");
+        Check(hr);
         context.PutValidity(valid);
     }
 

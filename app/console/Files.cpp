@@ -7,13 +7,6 @@
 
 namespace
 {
-// The platform would cut such a name off without a word.
-void CheckPath(const std::wstring& path)
-{
-    if (path.empty() || path.find(L'\0') != std::wstring::npos)
-        throw CVoHResultException(HResultFromWin32(ERROR_INVALID_NAME));
-}
-
 // Whether the name leads to something that renaming must not replace.
 bool IsDevice(const std::wstring& path)
 {
@@ -34,9 +27,9 @@ void WriteToDevice(const std::wstring& path, std::span<const BYTE> bytes)
 
 std::vector<BYTE> ReadWholeFile(const std::wstring& path)
 {
-    CheckPath(path);
-    const CVoHandle file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                       nullptr, OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+    const CVoHandle file(::CreateFileW(VoGetFullPath(path).c_str(), GENERIC_READ,
+                                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+                                       FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
     if (!file)
         throw CVoHResultException(HResultFromLastError());
     CHandleSource source(file.Get());
@@ -45,20 +38,19 @@ std::vector<BYTE> ReadWholeFile(const std::wstring& path)
 
 bool FileExists(const std::wstring& path)
 {
-    CheckPath(path);
-    return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+    return ::GetFileAttributesW(VoGetFullPath(path).c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
-COutputFile::COutputFile(std::wstring path, std::span<const BYTE> bytes) : m_path(std::move(path))
+COutputFile::COutputFile(const std::wstring& path, std::span<const BYTE> bytes)
 {
-    CheckPath(m_path);
-    if (IsDevice(m_path))
+    const std::wstring fullPath = VoGetFullPath(path);
+    if (IsDevice(fullPath))
     {
-        WriteToDevice(m_path, bytes);
+        WriteToDevice(fullPath, bytes);
         return;
     }
     m_replacement = std::make_unique<CVoFileReplacement>();
-    Check(m_replacement->Write(m_path, { reinterpret_cast<const char*>(bytes.data()), bytes.size() }));
+    Check(m_replacement->Write(fullPath, { reinterpret_cast<const char*>(bytes.data()), bytes.size() }));
 }
 
 void COutputFile::Commit()

@@ -20,12 +20,11 @@
 class COutputFile
 {
 public:
-    COutputFile(std::wstring path, std::span<const BYTE> bytes); // throws CVoHResultException
+    COutputFile(const std::wstring& path, std::span<const BYTE> bytes); // throws CVoHResultException
 
     void Commit(); // throws CVoHResultException
 
 private:
-    std::wstring m_path;
     std::unique_ptr<CVoFileReplacement> m_replacement; // null when there is nothing to be put in place
 };
 

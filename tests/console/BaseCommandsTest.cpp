@@ -127,6 +127,10 @@ TEST_F(ConsoleCommands, WrongUsageWritesNothingToStandardOutput)
         { "log", "write" },
         { "log", "write", "--code", "1", "--message", "x" },
         { "key", "new", "--private", "x" },
+        { "key", "new", "--private", "x", "--public", "X" },
+        { "ini", "canonical" },
+        { "ini", "sign", "-", "--key", "x" },
+        { "ini", "sign", "x", "--key", "x", "--line", "-1" },
         { "sign", "--hash", "md5", "--key", "x" },
         { "send" },
         { "send", "http://h/", "--engine", "carrier-pigeon" },
@@ -244,8 +248,6 @@ TEST_F(ConsoleCommands, IniFilesAreSignedAndChecked)
     EXPECT_EQ(forged.exitCode, 1);
     EXPECT_EQ(forged.Json()["valid"], false);
     EXPECT_EQ(forged.Json()["result"], "0x00000000");
-    EXPECT_EQ(Run({ "ini", "sign", "-", "--key", privateKey }).exitCode, 2);
-    EXPECT_EQ(Run({ "ini", "sign", file, "--key", privateKey, "--line", "-1" }).exitCode, 2);
 }
 
 TEST_F(ConsoleCommands, AFailedRequestLeavesFilesAsTheyWere)
