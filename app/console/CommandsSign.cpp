@@ -75,14 +75,18 @@ public:
     }
     void Run(CContext&) override
     {
+        const std::wstring privatePath = VoGetFullPath(FromUtf8(m_privateFile));
+        const std::wstring publicPath = VoGetFullPath(FromUtf8(m_publicFile));
+        if (VoEqualsNoCase(privatePath, publicPath))
+            throw CUsageError("--private and --public: the keys need a file each");
         CVoSecret<wchar_t> privateKey;
         std::wstring publicKey;
         Check(OrvDigSign::COrvRSAKey::Generate(m_bits, privateKey.Get(), publicKey));
         const CVoSecret<char> privateText(ToUtf8(privateKey.Get()) + '\n');
         const std::string publicText = ToUtf8(publicKey) + '\n';
         // Both are written before either takes its place.
-        COutputFile privateFile(FromUtf8(m_privateFile), AsBytes(privateText.Get()));
-        COutputFile publicFile(FromUtf8(m_publicFile), AsBytes(publicText));
+        COutputFile privateFile(privatePath, AsBytes(privateText.Get()));
+        COutputFile publicFile(publicPath, AsBytes(publicText));
         privateFile.Commit();
         publicFile.Commit();
     }
