@@ -32,7 +32,8 @@ public:
     [[nodiscard]] HRESULT Open(std::wstring_view path) noexcept;
     // A content that is in memory already, in place of a file.
     [[nodiscard]] HRESULT Parse(std::string_view bytes) noexcept;
-    // What is checked and signed. Not to be used while another thread calls Open, Parse or SignFile.
+    // What is checked and signed. For one thread at a time (see CVoIniFileIO), and not while another calls a function of the
+    // handler.
     [[nodiscard]] const CVoIniFileIO& File() const noexcept { return m_file; }
 
     // Whether the file bears the signature of the key's owner. `publicKey` is the hexadecimal text of a CryptoAPI public-key

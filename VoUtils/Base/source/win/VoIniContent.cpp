@@ -3,6 +3,7 @@
 #include "../base/VoTextConversion.h"
 
 #include <base/VoHResult.h>
+#include <base/VoUtils.h>
 
 #include <algorithm>
 #include <array>
@@ -226,12 +227,6 @@ UINT32 CVoNameIndex::Hash(std::wstring_view name)
     for (const wchar_t c : name)
         hash = (hash ^ ToUpper(c)) * 0x9E3779B97F4A7C15U;
     return static_cast<UINT32>(hash >> 32);
-}
-
-bool CVoNameIndex::AreEqual(std::wstring_view a, std::wstring_view b)
-{
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                      [](wchar_t x, wchar_t y) { return x == y || ToUpper(x) == ToUpper(y); });
 }
 
 void CVoNameIndex::Reserve(size_t count)
@@ -515,7 +510,7 @@ UINT32 CVoIniContent::FindSection(std::wstring_view name) const
                                [&](UINT32 ordinal)
                                {
                                    const SSection& section = m_sections[ordinal];
-                                   return !section.blocks.empty() && CVoNameIndex::AreEqual(NameOf(section), name);
+                                   return !section.blocks.empty() && VoEqualsNoCase(NameOf(section), name);
                                });
 }
 
@@ -561,7 +556,7 @@ void CVoIniContent::Index(SSection& section)
     {
         const std::wstring_view key = LineAt(entries[i]).Key();
         const UINT32 hash = CVoNameIndex::Hash(key);
-        const auto isSame = [&](UINT32 ordinal) { return CVoNameIndex::AreEqual(LineAt(entries[ordinal]).Key(), key); };
+        const auto isSame = [&](UINT32 ordinal) { return VoEqualsNoCase(LineAt(entries[ordinal]).Key(), key); };
         if (index.Find(hash, isSame) == CVoNameIndex::kNone)
             index.Add(hash, static_cast<UINT32>(i));
     }
@@ -573,8 +568,8 @@ void CVoIniContent::Index(SSection& section)
 UINT32 CVoIniContent::FindEntry(SSection& section, std::wstring_view key)
 {
     Index(section);
-    return section.index.Find(CVoNameIndex::Hash(key), [&](UINT32 ordinal)
-                              { return CVoNameIndex::AreEqual(LineAt(section.entries[ordinal]).Key(), key); });
+    return section.index.Find(CVoNameIndex::Hash(key),
+                              [&](UINT32 ordinal) { return VoEqualsNoCase(LineAt(section.entries[ordinal]).Key(), key); });
 }
 
 CVoIniContent::SLine CVoIniContent::MakeLine(std::wstring text, std::string raw)
@@ -753,10 +748,7 @@ bool CVoIniContent::RemoveEntries(SSection& section, IsRemoved isRemoved)
 
 bool CVoIniContent::RemoveValue(UINT32 section, std::wstring_view key)
 {
-    // Comparing names may fail, the first time; after this look-up it cannot.
-    if (FindEntry(m_sections[section], key) == CVoNameIndex::kNone)
-        return false;
-    return RemoveEntries(m_sections[section], [&](const SLine& line) { return CVoNameIndex::AreEqual(line.Key(), key); });
+    return RemoveEntries(m_sections[section], [&](const SLine& line) { return VoEqualsNoCase(line.Key(), key); });
 }
 
 bool CVoIniContent::ClearSection(UINT32 section)

@@ -33,9 +33,8 @@ public:
     void Add(UINT32 hash, UINT32 ordinal);
     void Clear() noexcept;
 
-    // Equal names have equal hashes. Both compare as the platform does without regard to case, ordinally.
+    // The same for names that VoEqualsNoCase takes for equal.
     [[nodiscard]] static UINT32 Hash(std::wstring_view name);
-    [[nodiscard]] static bool AreEqual(std::wstring_view a, std::wstring_view b);
 
 private:
     struct SSlot
