@@ -18,6 +18,7 @@
 
 #include <base/VoDataParser.h>
 #include <base/VoMultiThreading.h>
+#include <base/VoWipe.h>
 
 #include <atomic>
 #include <functional>
@@ -187,8 +188,10 @@ protected:
     struct CContent
     {
         CVoByteBuffer body;
-        std::wstring contentTypeHeader; // "Content-Type: ..."
+        std::wstring contentTypeHeader; // "Content-Type: ...", or without a value where there is no body
     };
+    // Whether a header line has a value; one without is not sent.
+    [[nodiscard]] static bool HasValue(std::wstring_view header) noexcept { return !header.ends_with(L':'); }
     // The trace points of CreateContent, which each transport has in a range of its own.
     struct CContentTracePoints
     {
@@ -286,6 +289,16 @@ protected:
     };
     // The proxy store's answer for a URL; direct without a store. A null `url` asks for the configured manual proxy.
     [[nodiscard]] HRESULT GetProxy(const std::wstring* url, CProxy& proxy) const noexcept;
+
+    struct CCredentials
+    {
+        std::wstring user;
+        CVoSecret<wchar_t> password;
+    };
+    // Asks a callback for credentials for the server at `address`, the URL that demands them, or for the proxy before it when
+    // `proxy` (its name) is given. kResultCancelled when the user declined or gave no name; the callback's own failure.
+    [[nodiscard]] static HRESULT AskForCredentials(IVoAuthenticationCallback& callback, const CServerAddressData& address,
+                                                   const std::wstring* proxy, CCredentials& credentials) noexcept;
 
     // Keeps credentials that a proxy has accepted in a proxy store.
     [[nodiscard]] static HRESULT SaveProxyCredentials(IVoHTTPProxyStore& store, const std::wstring& proxy,

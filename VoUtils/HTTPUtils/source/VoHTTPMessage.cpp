@@ -502,6 +502,39 @@ catch (...)
     return CVoReporter{ kSource, L"CVoHTTPMessage::GetProxy" }.CurrentException(490);
 }
 
+HRESULT CVoHTTPMessage::AskForCredentials(IVoAuthenticationCallback& callback, const CServerAddressData& address,
+                                          const std::wstring* proxy, CCredentials& credentials) noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessage::AskForCredentials" };
+    // A proxy is named beside the server that it stands before; a server is named with the URL that it guards.
+    const CVoBstr title{ std::wstring_view() };
+    const CVoBstr target(proxy ? address.BaseURL() : address.Host());
+    const CVoBstr detail(proxy ? *proxy : address.FullURL());
+    CVoBstr user;
+    CVoBstr password;
+    VARIANT_BOOL cancelled = VARIANT_FALSE;
+    const auto ask = proxy ? &IVoAuthenticationCallback::OnProxyAuthNeeded : &IVoAuthenticationCallback::OnServerAuthNeeded;
+    const HRESULT hr = (callback.*ask)(title.Get(), target.Get(), detail.Get(), user.Put(), password.Put(), &cancelled);
+    CCredentials entered;
+    if (SUCCEEDED(hr))
+    {
+        entered.user = user.View();
+        entered.password.Get() = password.View();
+    }
+    VoWipe(password.Get());
+    if (FAILED(hr))
+        return report(495, hr);
+    if (cancelled != VARIANT_FALSE || entered.user.empty())
+        return report(497, kResultCancelled);
+    credentials = std::move(entered);
+    return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoHTTPMessage::AskForCredentials" }.CurrentException(500);
+}
+
 HRESULT CVoHTTPMessage::SaveProxyCredentials(IVoHTTPProxyStore& store, const std::wstring& proxy, const std::wstring& user,
                                              const std::wstring& password) noexcept
 try

@@ -259,31 +259,18 @@ HRESULT CVoHTTPMessageCURL::AnswerChallenge(CHTTPRequestDataCURL& request, bool 
     if (FAILED(hr))
         return report(962, hr);
 
-    // A proxy is named beside the server that it stands before; a server is named with the URL that it guards.
-    std::wstring detail = address.FullURL();
+    std::wstring proxyName;
     if (proxy)
-        if (hr = VoUTF8ToString(request.m_proxy, detail); FAILED(hr))
+        if (hr = VoUTF8ToString(request.m_proxy, proxyName); FAILED(hr))
             return report(964, hr);
-    const CVoBstr title{ std::wstring_view() };
-    const CVoBstr target(proxy ? address.BaseURL() : address.Host());
-    const CVoBstr detailText(detail);
-    CVoBstr user;
-    CVoBstr password;
-    VARIANT_BOOL cancelled = VARIANT_FALSE;
-    hr = proxy ? m_authCallback->OnProxyAuthNeeded(title.Get(), target.Get(), detailText.Get(), user.Put(), password.Put(),
-                                                   &cancelled)
-               : m_authCallback->OnServerAuthNeeded(title.Get(), target.Get(), detailText.Get(), user.Put(), password.Put(),
-                                                    &cancelled);
-    if (FAILED(hr))
-        return report(969, hr);
-    if (cancelled != VARIANT_FALSE || user.IsEmpty())
-        return report(972, kResultCancelled);
+    CCredentials entered;
+    if (hr = AskForCredentials(*m_authCallback.Get(), address, proxy ? &proxyName : nullptr, entered); FAILED(hr))
+        return report(hr == kResultCancelled ? 972 : 969, hr);
 
     CCURLCredentials credentials;
-    hr = VoStringToUTF8(user.View(), credentials.user);
+    hr = VoStringToUTF8(entered.user, credentials.user);
     if (SUCCEEDED(hr))
-        hr = VoStringToUTF8(password.View(), credentials.password.Get());
-    VoWipe(password.Get());
+        hr = VoStringToUTF8(entered.password.Get(), credentials.password.Get());
     if (FAILED(hr))
         return report(974, hr);
 

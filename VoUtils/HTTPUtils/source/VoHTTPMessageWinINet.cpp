@@ -21,7 +21,6 @@ namespace
 {
 constexpr const wchar_t* kSource = L"..\\source\\VoHTTPMessageWinINet";
 
-constexpr UINT32 kStatusOk = 200;
 constexpr UINT32 kStatusUnauthorized = 401;
 constexpr UINT32 kStatusProxyAuthenticationRequired = 407;
 constexpr UINT32 kStatusServerError = 500;
@@ -77,11 +76,7 @@ std::optional<std::wstring> CheckHeader(HINTERNET request, DWORD query)
 std::optional<UINT64> GetHeaderLongValue(HINTERNET request, DWORD query)
 {
     const std::optional<std::wstring> text = CheckHeader(request, query);
-    if (!text || text->empty() || text->find_first_not_of(L"0123456789") != std::wstring::npos)
-        return std::nullopt;
-    errno = 0;
-    const unsigned long long value = std::wcstoull(text->c_str(), nullptr, 10);
-    return errno == 0 ? std::optional<UINT64>(value) : std::nullopt;
+    return text ? WindowsTransport::ParseLength(*text) : std::nullopt;
 }
 
 // The status of the answer that the request has.
@@ -149,12 +144,6 @@ std::wstring internalGetClientIPAddressAndSendBufferSize(HINTERNET request) noex
     report.Message(190, L"[%ls]:%u -> [%ls]:%u, send buffer %d bytes", facts.local.c_str(), unsigned{ facts.localPort },
                    facts.peer.c_str(), unsigned{ facts.peerPort }, facts.sendBufferSize);
     return facts.local;
-}
-
-DWORD Milliseconds(UINT32 seconds) noexcept
-{
-    constexpr UINT32 kPerSecond = 1000;
-    return seconds <= MAXDWORD / kPerSecond ? seconds * kPerSecond : MAXDWORD;
 }
 
 // A dialog without an owner is not shown at all.
@@ -313,9 +302,9 @@ HRESULT CVoHTTPMessageWinINet::SetTimeoutsAndLimits() noexcept
         DWORD value;
     };
     const CSetting settings[] = {
-        { INTERNET_OPTION_CONNECT_TIMEOUT, true, Milliseconds(m_connectTimeout) },
-        { INTERNET_OPTION_SEND_TIMEOUT, true, Milliseconds(m_connectTimeout) },
-        { INTERNET_OPTION_RECEIVE_TIMEOUT, true, Milliseconds(m_requestTimeout) },
+        { INTERNET_OPTION_CONNECT_TIMEOUT, true, WindowsTransport::Milliseconds(m_connectTimeout) },
+        { INTERNET_OPTION_SEND_TIMEOUT, true, WindowsTransport::Milliseconds(m_connectTimeout) },
+        { INTERNET_OPTION_RECEIVE_TIMEOUT, true, WindowsTransport::Milliseconds(m_requestTimeout) },
         { INTERNET_OPTION_MAX_CONNS_PER_SERVER, true, kMaximumConnections },
         { kOptionMaximumConnectionsPerProxy, false, kMaximumConnections },
     };
@@ -415,7 +404,7 @@ HRESULT CVoHTTPMessageWinINet::AskForCredentials(void* probe)
     UINT32 status = 0;
     if (const HRESULT hr = SendProbe(probe, status); FAILED(hr))
         return report(520, hr);
-    if (status != kStatusOk && status < kStatusServerError)
+    if (status != WindowsTransport::kStatusOk && status < kStatusServerError)
         return report(525, kResultUnexpectedStatus);
     if (!m_proxyStore || m_proxyUser.empty())
         return S_OK;
@@ -555,12 +544,12 @@ HRESULT CVoHTTPMessageWinINet::internalSendRAW(CHTTPRequestDataWinINet& request,
 
     std::wstring headers;
     if (const HRESULT hr = GetCookiesForRequest(request, headers); FAILED(hr))
-        report(670, hr);                  // the request goes without cookies
-    if (contentTypeHeader.back() != L':') // a header without a value is left out
+        report(670, hr); // the request goes without cookies
+    if (HasValue(contentTypeHeader))
         headers += contentTypeHeader + L"\r\n";
 
     HRESULT hr = SendBody(request, body, headers);
-    if (SUCCEEDED(hr) && request.m_statusCode != kStatusOk)
+    if (SUCCEEDED(hr) && request.m_statusCode != WindowsTransport::kStatusOk)
         hr = kResultUnexpectedStatus;
     if (SUCCEEDED(hr))
     {

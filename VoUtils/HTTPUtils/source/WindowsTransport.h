@@ -5,8 +5,32 @@
 #include <base/VoHResult.h>
 #include <base/VoPlatform.h>
 
+#include <cerrno>
+#include <cwchar>
+#include <optional>
+#include <string>
+
 namespace WindowsTransport
 {
+inline constexpr UINT32 kStatusOk = 200;
+
+// A time-out as the services take it.
+[[nodiscard]] constexpr DWORD Milliseconds(UINT32 seconds) noexcept
+{
+    constexpr UINT32 kPerSecond = 1000;
+    return seconds <= MAXDWORD / kPerSecond ? seconds * kPerSecond : MAXDWORD;
+}
+
+// The value of a Content-Length header (RFC 9110, section 8.6); nothing where it is no number.
+[[nodiscard]] inline std::optional<UINT64> ParseLength(const std::wstring& text) noexcept
+{
+    if (text.empty() || text.find_first_not_of(L"0123456789") != std::wstring::npos)
+        return std::nullopt;
+    errno = 0;
+    const unsigned long long value = std::wcstoull(text.c_str(), nullptr, 10);
+    return errno == 0 ? std::optional<UINT64>(value) : std::nullopt;
+}
+
 // Error numbers of both services (the platform's "Error messages" pages of WinHTTP and WinINet agree on them).
 inline constexpr DWORD kErrorInvalidOption = 12009;    // no such option
 inline constexpr DWORD kErrorInvalidOperation = 12016; // not with this handle
