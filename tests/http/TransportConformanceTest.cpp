@@ -252,10 +252,14 @@ TEST_P(TransportTest, OnlyStatus200IsSuccessAndClientErrorsAreNeverRetried)
             [&](const auto&, Loopback::CConnection& connection)
             {
                 // The first retry succeeds, so that a test of retries needs no time-out to end.
-                connection.SendResponse(++requests == 1 ? status : 200, {}, "a=1");
+                Loopback::CHeaders headers;
+                if (status == 401)
+                    headers.push_back({ "WWW-Authenticate", "Basic realm=\"r\"" });
+                connection.SendResponse(++requests == 1 ? status : 200, headers, "a=1");
             });
-        CAnswer once = SendTo(server.URL());
-        EXPECT_EQ(once.result, GetParam().unexpectedStatus) << status;
+        const HRESULT expected = status == 401 ? GetParam().unanswered : GetParam().unexpectedStatus;
+        const CAnswer once = SendTo(server.URL());
+        EXPECT_EQ(once.result, expected) << status;
         EXPECT_EQ(once.send.statusCode, static_cast<UINT32>(status));
         EXPECT_FALSE(once.send.retried);
         EXPECT_EQ(requests, 1) << status;
@@ -263,7 +267,7 @@ TEST_P(TransportTest, OnlyStatus200IsSuccessAndClientErrorsAreNeverRetried)
         requests = 0;
         const bool final = status >= 400 && status <= 405;
         const CAnswer retried = SendTo(server.URL(), {}, Kind::Raw, true);
-        EXPECT_EQ(retried.result, final ? GetParam().unexpectedStatus : S_OK) << status;
+        EXPECT_EQ(retried.result, final ? expected : S_OK) << status;
         EXPECT_EQ(retried.send.retried, !final) << status;
         EXPECT_EQ(requests, final ? 1 : 2) << status;
     }
@@ -289,6 +293,8 @@ TEST_P(TransportTest, ASilentServerEndsInATimeOut)
         const char* name;
         const char* sent;
     };
+    // Under Wine, WinHTTP waits as long as the server lives.
+    const bool timesOut = GetParam().timesOutUnderWine || !IsWine();
     for (const CCase& item : { CCase{ "before the headers", "" }, CCase{ "in the headers", "HTTP/1.1 200 OK\r\nCont" },
                                CCase{ "in the body", "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\na=1" } })
     {
@@ -296,8 +302,11 @@ TEST_P(TransportTest, ASilentServerEndsInATimeOut)
             [&](const auto&, Loopback::CConnection& connection)
             {
                 connection.Send(item.sent);
-                connection.WaitForPeerClose(std::chrono::seconds(60));
+                connection.WaitForPeerClose(std::chrono::seconds(timesOut ? 60 : 2));
+                connection.CloseNow();
             });
+        if (!timesOut && std::string_view(item.name) == "in the headers")
+            continue; // which end with the connection there
         const auto message = Connect(server.URL(), 1, 1);
         const CAnswer answer = Send(*message, {});
         EXPECT_TRUE(FAILED(answer.result)) << item.name;
@@ -342,15 +351,18 @@ TEST_P(TransportTest, AChallengeIsAnsweredAndTheBodySentAgain)
             connection.SendResponse(200, {}, "a=1");
         });
     m_stores.auth = VoMakeComObject<CScriptedAuthCallback>();
-    m_stores.auth->AnswerServer({ { L"user", L"wrong" }, { L"user", L"päss" } });
+    // Wine's WinHTTP sends the first credentials for ever.
+    std::vector<CScriptedAuthCallback::Credentials> answers{ { L"user", L"wrong" }, { L"user", L"päss" } };
+    if (!BehavesAsDocumented(GetParam()))
+        answers.erase(answers.begin());
+    m_stores.auth->AnswerServer(answers);
     CAnswer answer = SendTo(server.URL("/x"), MakeMessage({}, body));
     EXPECT_EQ(answer.result, S_OK);
     EXPECT_EQ(accepted, 1);
     EXPECT_EQ(ParamsOf(answer.message), (Params{ { L"a", L"1" } }))
         << "the challenge's body must not be in front of the answer";
-    const std::string url = server.URL("/x");
     EXPECT_EQ(m_stores.auth->Questions(),
-              std::vector<std::wstring>(2, L"server 127.0.0.1 " + std::wstring(url.begin(), url.end())));
+              std::vector<std::wstring>(answers.size(), L"server " + SeenHost() + L' ' + SeenURL(server, L"/x")));
 
     // Declined: no further request.
     const size_t before = server.RequestCount();
@@ -403,28 +415,37 @@ TEST_P(TransportTest, CookiesTravelOverSeveralRequests)
 
 TEST_P(TransportTest, FollowsRedirectsWithTheCookiesOfEachHop)
 {
+    const bool whole = GetParam().redirectsUnderWine || !IsWine();
+    const Kind kind = whole ? Kind::Raw : Kind::Empty;
     CServer server(
         [&](const Loopback::CRequest& request, Loopback::CConnection& connection)
         {
             if (request.Path() == "/start")
-                connection.SendResponse(302, { { "Location", "next?x=1" }, { "Set-Cookie", "session=new; Path=/" } });
+                connection.SendResponse(
+                    302, { { "Location", whole ? "next?x=1" : "/next?x=1" }, { "Set-Cookie", "session=new; Path=/" } });
             else if (request.Path() == "/keep")
                 connection.SendResponse(307, { { "Location", "/end" } });
             else
-                connection.SendResponse(200, {}, "a=1");
+                connection.SendResponse(200, { { "Set-Cookie", "last=1; Path=/" } }, "a=1");
         });
-    const CAnswer answer = SendTo(server.URL("/start"), MakeMessage({ { L"p", L"q" } }));
+    EXPECT_EQ(
+        m_stores.cookies->AddCookieFromString(CVoBstr(L"own=1; Path=/start").Get(), CVoBstr(SeenURL(server, L"/start")).Get()),
+        S_OK);
+    const CAnswer answer = SendTo(server.URL("/start"), MakeMessage({ { L"p", L"q" } }), kind);
     EXPECT_EQ(answer.result, S_OK);
     EXPECT_EQ(ParamsOf(answer.message), (Params{ { L"a", L"1" } }));
     ASSERT_EQ(server.Requests().size(), 2U);
+    EXPECT_EQ(server.Requests()[0].Header("Cookie"), "own=1");
     EXPECT_EQ(server.Requests()[1].method, "GET");
     EXPECT_EQ(server.Requests()[1].target, "/next?x=1");
+    // Wine's WinHTTP shows no headers of an answer that redirects.
+    const std::string set = BehavesAsDocumented(GetParam()) ? "session=new" : "";
     if (GetParam().seesRedirects)
     {
-        EXPECT_EQ(server.Requests()[1].Header("Cookie"), "session=new") << "set by the answer that redirects";
+        EXPECT_EQ(server.Requests()[1].Header("Cookie"), set);
     }
 
-    EXPECT_EQ(SendTo(server.URL("/keep"), MakeMessage({ { L"p", L"q" } })).result, S_OK);
+    EXPECT_EQ(SendTo(server.URL("/keep"), MakeMessage({ { L"p", L"q" } }), kind).result, S_OK);
     EXPECT_EQ(server.Requests().back().method, "POST");
     if (BehavesAsDocumented(GetParam()))
     {
@@ -432,7 +453,7 @@ TEST_P(TransportTest, FollowsRedirectsWithTheCookiesOfEachHop)
     }
     if (GetParam().seesRedirects)
     {
-        EXPECT_EQ(server.Requests().back().Header("Cookie"), "session=new");
+        EXPECT_EQ(server.Requests().back().Header("Cookie"), set.empty() ? "last=1" : set + "; last=1");
     }
 }
 
@@ -542,10 +563,10 @@ TEST_P(TransportTest, ManyRequestsUseOneConnection)
     }
     EXPECT_EQ(server.ConnectionCount(), 1U);
 
-    // A connection that failed is not met again, and connecting anew begins with a new one.
+    // Connecting anew begins with a new one, where they belong to a session and not, as under Wine, to the process.
     ASSERT_EQ(message->Connect(Address(server.URL()), nullptr, nullptr, nullptr, 5, 5, false, false), S_OK);
     ASSERT_EQ(Send(*message, {}).result, S_OK);
-    EXPECT_EQ(server.ConnectionCount(), 2U);
+    EXPECT_EQ(server.ConnectionCount(), GetParam().dropsConnectionsUnderWine || !IsWine() ? 2U : 1U);
 }
 
 TEST_P(TransportTest, AnswersOfAnEarlierConnectionAreNotMixedUp)
@@ -661,10 +682,9 @@ TEST_P(TransportTest, ManyThreadsWithAMessageEachShareTheStores)
     for (auto& thread : threads)
         EXPECT_EQ(thread.get(), kRequests);
     CVoBstr cookies;
-    const std::string url = server.URL();
-    ASSERT_EQ(m_stores.cookies->GetCookieStringForHTTPRequest(CVoBstr(std::wstring(url.begin(), url.end())).Get(),
-                                                              VARIANT_FALSE, cookies.Put()),
-              S_OK);
+    ASSERT_EQ(
+        m_stores.cookies->GetCookieStringForHTTPRequest(CVoBstr(SeenURL(server, L"/")).Get(), VARIANT_FALSE, cookies.Put()),
+        S_OK);
     EXPECT_EQ(std::count(cookies.View().begin(), cookies.View().end(), L';'), kThreads - 1);
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "support/HTTPSupport.h"
+#include "support/ImportHook.h"
 #include "support/TestMain.h"
 
 #include <LoopbackServer.h>
@@ -9,7 +10,10 @@
 
 #include <gtest/gtest.h>
 
+#include <winhttp.h>
+
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -25,22 +29,32 @@ struct CTransport
     // others than Windows', so that only failure is asked for (S_OK).
     HRESULT unexpectedStatus;
     HRESULT timeOut;
+    // The code of a challenge that nobody answers.
+    HRESULT unanswered;
     // Credentials are asked for through the callback. WinINet shows the system's dialog instead, and only while connecting.
     bool asksCallback;
-    // Cookies of the answers that redirect are kept, and each hop is sent its own: the Windows services follow redirects
-    // inside.
+    // Cookies of the answers that redirect are kept, and each hop is sent its own: WinINet follows redirects inside.
     bool seesRedirects;
+    // Wine's WinHTTP follows a redirect to a path, and of a request without a body only.
+    bool redirectsUnderWine;
     // Set-Cookie headers of answers other than 200 are kept.
     bool keepsCookiesOfFailures;
     // The answer waits with the connection until it is read, so that connecting anew loses it.
     bool answerWaitsAtConnection;
-    // The client's own address is known. It is for the trace, and Wine's WinINet has no socket to show.
+    // The client's own address is known. It is for the trace; Wine's WinINet has no socket to show, and Wine's WinHTTP has it
+    // only until the answer has been read.
     bool knowsLocalAddress;
     // Progress of the answer is seen while the request is sent, not only while the answer is read.
     bool receivesWhileSending;
     // Wine's Windows services take a connection that ends among the headers or the chunks for the end of the answer, follow
     // redirects for ever, and lose a body that a redirect says to send again; Windows' do not.
     bool documentedUnderWine;
+    // Connections belong to the message under Wine too.
+    bool dropsConnectionsUnderWine;
+    // Waiting for the headers has an end under Wine too.
+    bool timesOutUnderWine;
+    // A server on this machine is connected to as "localhost.localhost".
+    bool rewritesLoopback;
     // Compressed answers are decoded. The other transports do not offer to take them.
     bool decodes;
 };
@@ -50,26 +64,70 @@ inline constexpr CTransport kTransports[] = {
       .name = "WinINet",
       .unexpectedStatus = kResultUnexpectedStatus,
       .timeOut = S_OK,
+      .unanswered = kResultUnexpectedStatus,
       .asksCallback = false,
       .seesRedirects = false,
+      .redirectsUnderWine = true,
       .keepsCookiesOfFailures = false,
       .answerWaitsAtConnection = true,
       .knowsLocalAddress = false,
       .receivesWhileSending = false,
       .documentedUnderWine = false,
+      .dropsConnectionsUnderWine = true,
+      .timesOutUnderWine = true,
+      .rewritesLoopback = false,
+      .decodes = false },
+    { .kind = 1,
+      .name = "WinHTTP",
+      .unexpectedStatus = kResultUnexpectedStatus,
+      .timeOut = S_OK,
+      .unanswered = E_FAIL,
+      .asksCallback = true,
+      .seesRedirects = true,
+      .redirectsUnderWine = false,
+      .keepsCookiesOfFailures = false,
+      .answerWaitsAtConnection = false,
+      .knowsLocalAddress = false,
+      .receivesWhileSending = false,
+      .documentedUnderWine = false,
+      .dropsConnectionsUnderWine = false,
+      .timesOutUnderWine = false,
+      .rewritesLoopback = false,
       .decodes = false },
     { .kind = 2,
       .name = "CURL",
       .unexpectedStatus = E_FAIL,
       .timeOut = kResultTimeout,
+      .unanswered = E_FAIL,
       .asksCallback = true,
       .seesRedirects = true,
+      .redirectsUnderWine = true,
       .keepsCookiesOfFailures = true,
       .answerWaitsAtConnection = false,
       .knowsLocalAddress = true,
       .receivesWhileSending = true,
       .documentedUnderWine = true,
+      .dropsConnectionsUnderWine = true,
+      .timesOutUnderWine = true,
+      .rewritesLoopback = false,
       .decodes = true },
+    { .kind = 3,
+      .name = "WinHTTPRewriting",
+      .unexpectedStatus = kResultUnexpectedStatus,
+      .timeOut = S_OK,
+      .unanswered = E_FAIL,
+      .asksCallback = true,
+      .seesRedirects = true,
+      .redirectsUnderWine = false,
+      .keepsCookiesOfFailures = false,
+      .answerWaitsAtConnection = false,
+      .knowsLocalAddress = false,
+      .receivesWhileSending = false,
+      .documentedUnderWine = false,
+      .dropsConnectionsUnderWine = false,
+      .timesOutUnderWine = false,
+      .rewritesLoopback = true,
+      .decodes = false },
 };
 
 // Whether the platform behind a transport behaves as documented in the points that Wine has differently.
@@ -136,7 +194,17 @@ using Request = std::shared_ptr<CVoHTTPMessage::CHTTPRequestData>;
 class TransportTest : public testing::TestWithParam<CTransport>
 {
 protected:
-    void SetUp() override { m_stores.cookies = VoMakeComObject<CVoGlobalHTTPCookieStoreImpl>(); }
+    void SetUp() override
+    {
+        m_stores.cookies = VoMakeComObject<CVoGlobalHTTPCookieStoreImpl>();
+        if (GetParam().rewritesLoopback)
+            m_resolver.emplace("winhttp.dll", "WinHttpConnect",
+                               [](auto original, HINTERNET session, LPCWSTR host, INTERNET_PORT port, DWORD reserved)
+                               {
+                                   const bool rewritten = std::wstring_view(host) == L"localhost.localhost";
+                                   return original(session, rewritten ? L"127.0.0.1" : host, port, reserved);
+                               });
+    }
 
     struct CStores
     {
@@ -160,6 +228,13 @@ protected:
                                           connectTimeout, requestTimeout, false, false, message),
                   S_OK);
         return message;
+    }
+
+    // The server's name and a URL of it as the transport has them.
+    [[nodiscard]] static std::wstring SeenHost() { return GetParam().rewritesLoopback ? L"localhost.localhost" : L"127.0.0.1"; }
+    [[nodiscard]] static std::wstring SeenURL(const CServer& server, const wchar_t* target)
+    {
+        return L"http://" + SeenHost() + L':' + std::to_wstring(server.Port()) + target;
     }
 
     struct CAnswer
@@ -192,5 +267,9 @@ protected:
     }
 
     CStores m_stores;
+
+private:
+    // The name that a server on this machine is given is known to the resolvers of Windows only.
+    std::optional<CCallHook<decltype(&::WinHttpConnect)>> m_resolver;
 };
 } // namespace TestSupport

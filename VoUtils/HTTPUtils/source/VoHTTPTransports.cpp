@@ -1,5 +1,7 @@
 #include "VoHTTPTransports.h"
 
+#include "VoHTTPMessageWinHTTP.h"
+
 #include <VoHTTPMessageCURL.h>
 #include <VoHTTPMessageWinINet.h>
 
@@ -7,10 +9,10 @@ namespace
 {
 using Maker = std::shared_ptr<CVoHTTPMessage> (*)();
 
-template <class Transport>
+template <class Transport, auto... kArguments>
 std::shared_ptr<CVoHTTPMessage> Make()
 {
-    return std::make_shared<Transport>();
+    return std::make_shared<Transport>(kArguments...);
 }
 
 struct CTransport
@@ -21,7 +23,9 @@ struct CTransport
 
 constexpr CTransport kTransports[] = {
     { 0, &Make<VoHTTPMessageWinINet::CVoHTTPMessageWinINet> },
+    { 1, &Make<VoHTTPMessageWinHTTP::CVoHTTPMessageWinHTTP, false> },
     { 2, &Make<VoHTTPMessageCURL::CVoHTTPMessageCURL> },
+    { 3, &Make<VoHTTPMessageWinHTTP::CVoHTTPMessageWinHTTP, true> },
 };
 } // namespace
 
