@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <array>
+#include <map>
 
 namespace
 {
@@ -19,8 +20,15 @@ struct CTransport
 {
     const char* name;
     UINT32 engine;
+    uint8_t host; // of the server: 127.0.0.HOST
 };
-constexpr std::array kTransports{ CTransport{ "libcurl", 2 } };
+constexpr std::array kTransports{
+    CTransport{ "wininet", 0, 1 },
+    CTransport{ "winhttp", 1, 1 },
+    CTransport{ "curl", 2, 1 },
+    // It gives "localhost" and 127.0.0.1 a name that few resolvers know, for a proxy to see; another address stays as it is.
+    CTransport{ "winhttp-loopback", 3, 2 },
+};
 
 struct CKind
 {
@@ -77,7 +85,7 @@ std::string Describe(size_t parameters, size_t payload)
 class CDemo
 {
 public:
-    CDemo() : m_server(MakeKeys()) {}
+    CDemo() { Check(OrvDigSign::COrvRSAKey::Generate(kKeyBits, m_privateKey.Get(), m_publicKey)); }
 
     CRow Run(const CKind& kind, const CTransport& transport)
     {
@@ -112,20 +120,13 @@ public:
     }
 
 private:
-    // Keeps the private key and gives the public one.
-    std::wstring MakeKeys()
-    {
-        std::wstring publicKey;
-        Check(OrvDigSign::COrvRSAKey::Generate(kKeyBits, m_privateKey.Get(), publicKey));
-        return publicKey;
-    }
-
     HRESULT Exchange(const CKind& kind, const CTransport& transport, const CVoBinaryDataParser& request,
                      CVoBinaryDataParser& answer)
     {
         const CEngineChoice engine(transport.engine);
         CServerAddressData address;
-        Check(address.SetAddress(m_server.URL(kind.content ? L"/demo" : Query(request)), false, true, true));
+        const CDemoServer& server = m_servers.try_emplace(transport.host, m_publicKey, transport.host).first->second;
+        Check(address.SetAddress(server.URL(kind.content ? L"/demo" : Query(request)), false, true, true));
         std::shared_ptr<CVoHTTPMessage> message;
         if (const HRESULT hr = CVoHTTPMessage::Connect(address, nullptr, nullptr, nullptr, kConnectTimeout, kRequestTimeout,
                                                        true, false, message);
@@ -167,7 +168,8 @@ private:
     }
 
     CVoSecret<wchar_t> m_privateKey;
-    const CDemoServer m_server;
+    std::wstring m_publicKey;
+    std::map<uint8_t, CDemoServer> m_servers; // by host
 };
 
 class CDemoCommand : public ICommand
@@ -221,7 +223,7 @@ private:
             line += "  ";
         };
         column(kind, 9, false);
-        column(transport, 9, false);
+        column(transport, 16, false);
         column(sent, 26, false);
         column(received, 32, false);
         column(time, 7, true);

@@ -143,11 +143,18 @@ void Answer(const Loopback::CRequest& request, const std::wstring& publicKey, Lo
     connection.SendResponse(200, { { "Content-Type", "application/octet-stream; charset=UTF-8" } },
                             { reinterpret_cast<const char*>(body.Data()), body.Length() });
 }
+
+Loopback::COptions ListenOn(uint8_t host)
+{
+    Loopback::COptions options;
+    options.host = host;
+    return options;
+}
 } // namespace
 
-CDemoServer::CDemoServer(std::wstring publicKey)
+CDemoServer::CDemoServer(std::wstring publicKey, uint8_t host)
     : m_publicKey(std::move(publicKey)), m_server([this](const Loopback::CRequest& request, Loopback::CConnection& connection)
-                                                  { Answer(request, m_publicKey, connection); })
+                                                  { Answer(request, m_publicKey, connection); }, ListenOn(host))
 {
 }
 

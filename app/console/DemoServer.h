@@ -16,8 +16,8 @@ inline constexpr const wchar_t* kDemoSignatureValid = L"signature checked";
 class CDemoServer
 {
 public:
-    // `publicKey` checks the signed requests.
-    explicit CDemoServer(std::wstring publicKey);
+    // Listens on 127.0.0.HOST. `publicKey` checks the signed requests.
+    CDemoServer(std::wstring publicKey, uint8_t host);
 
     [[nodiscard]] std::wstring URL(std::wstring_view target) const;
 

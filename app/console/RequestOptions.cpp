@@ -87,10 +87,7 @@ std::shared_ptr<CVoHTTPMessage> CConnectionOptions::Connect(CContext& context, c
     const bool verify = !m_noVerify && (m_verify || settings.CheckServerCertificate());
     const bool revocation = !m_noCheckRevocation && (m_checkRevocation || settings.CheckCertificateRevocation());
     std::shared_ptr<CVoHTTPMessage> message;
-    const HRESULT hr = CVoHTTPMessage::Connect(address, &answers, &m_proxy.Apply(context), &context.Process().CookieStore(),
-                                               m_connectTimeout, m_requestTimeout, verify, revocation, message);
-    if (hr == E_NOTIMPL)
-        throw CDetailedFailure(hr, "this build does not have this transport yet; use --engine curl");
-    Check(hr);
+    Check(CVoHTTPMessage::Connect(address, &answers, &m_proxy.Apply(context), &context.Process().CookieStore(),
+                                  m_connectTimeout, m_requestTimeout, verify, revocation, message));
     return message;
 }

@@ -80,7 +80,7 @@ private:
 
 constexpr size_t kBufferSize = 64 << 10;
 
-[[nodiscard]] sockaddr_in LoopbackAddress(uint16_t port) noexcept;
+[[nodiscard]] sockaddr_in LoopbackAddress(uint16_t port, uint8_t host = 1) noexcept;
 // The socket interface takes every kind of address by one type.
 [[nodiscard]] sockaddr* Generic(sockaddr_in& address) noexcept;
 // A socket connected to that port; INVALID_SOCKET when nobody listens there.

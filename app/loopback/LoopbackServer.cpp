@@ -27,7 +27,7 @@ CLoopbackServer::CImpl::CImpl(CHandler theHandler, COptions theOptions)
         const BOOL on = TRUE;
         ::setsockopt(listener, SOL_SOCKET, SO_EXCLUSIVEADDRUSE, static_cast<const char*>(static_cast<const void*>(&on)),
                      sizeof on);
-        sockaddr_in address = LoopbackAddress(options.port);
+        sockaddr_in address = LoopbackAddress(options.port, options.host);
         int size = sizeof address;
         if (::bind(listener, Generic(address), sizeof address) != 0)
             ThrowSocketError("bind");
@@ -216,7 +216,7 @@ uint16_t CLoopbackServer::Port() const noexcept
 
 std::string CLoopbackServer::URL(std::string_view target) const
 {
-    std::string url = "http://127.0.0.1:" + std::to_string(Port());
+    std::string url = "http://127.0.0." + std::to_string(m_impl->options.host) + ':' + std::to_string(Port());
     url += target;
     return url;
 }

@@ -1,4 +1,4 @@
-// A small HTTP/1.1 server on 127.0.0.1, for demonstrations, benchmarks and tests.
+// A small HTTP/1.1 server on this machine's loopback, for demonstrations, benchmarks and tests.
 //
 //     Loopback::CLoopbackServer server([](const Loopback::CRequest& request, Loopback::CConnection& connection) {
 //         connection.SendResponse(200, { { "Content-Type", "text/plain" } }, request.body);
@@ -109,6 +109,7 @@ using CHandler = std::function<void(const CRequest&, CConnection&)>;
 struct COptions
 {
     uint16_t port = 0;              // 0: a free one is chosen
+    uint8_t host = 1;               // listens on 127.0.0.HOST; all of 127/8 is this machine (RFC 1122, section 3.2.1.3)
     size_t maxHeadSize = 256 << 10; // of the request line and headers together; above it the answer is 431
     uint64_t maxBodySize = 1 << 30; // above it the answer is 413
     bool keepBodies = true;         // false: bodies are read and counted, not kept
@@ -133,7 +134,7 @@ public:
     void Stop() noexcept;
 
     [[nodiscard]] uint16_t Port() const noexcept;
-    // "http://127.0.0.1:PORT" and the target, which begins with "/".
+    // "http://127.0.0.HOST:PORT" and the target, which begins with "/".
     [[nodiscard]] std::string URL(std::string_view target = "/") const;
 
     // Connections accepted, requests read whole (each before its handler is called), and connections that are open now.

@@ -57,11 +57,11 @@ CTrackedSocket::CTrackedSocket(SOCKET socket, CSocketSet& sockets) : m_socket(so
     }
 }
 
-sockaddr_in LoopbackAddress(uint16_t port) noexcept
+sockaddr_in LoopbackAddress(uint16_t port, uint8_t host) noexcept
 {
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_addr.s_addr = ::htonl(INADDR_LOOPBACK);
+    address.sin_addr.s_addr = ::htonl(INADDR_LOOPBACK - 1 + host);
     address.sin_port = ::htons(port);
     return address;
 }
