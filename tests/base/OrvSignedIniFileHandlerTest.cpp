@@ -1,9 +1,9 @@
 #include <win/OrvSignedIniFileHandler.h>
 
 #include <base/VoUtils.h>
-#include <win/OrvDigSign.h>
 
 #include "support/ImportHook.h"
+#include "support/KeyPairs.h"
 #include "support/LogCapture.h"
 #include "support/TestMain.h"
 
@@ -40,13 +40,6 @@ constexpr const char* kSignedFile = "; made by hand\r\n[Settings]\r\n  Name  = G
                                     "[Last]\r\nk=;v\r\n";
 constexpr const wchar_t* kSignedText = L"[Settings]\r\nName=Gr\u00F6\u00DFe  x\r\nempty=\r\nName=2\r\n<EMPTY>[Last]\r\nk=;v";
 
-struct SKeys
-{
-    SKeys() { EXPECT_EQ(OrvDigSign::COrvRSAKey::Generate(1024, privateKey, publicKey), S_OK); }
-    std::wstring privateKey;
-    std::wstring publicKey;
-};
-
 std::string FileBytes(const CVoSignedIniFileHandler2& handler)
 {
     std::string bytes;
@@ -61,7 +54,7 @@ HRESULT Verify(std::string_view bytes, std::wstring_view key, bool& valid)
     return handler.Verify(key, valid);
 }
 
-std::string Signed(std::string_view bytes, const SKeys& keys, UINT32 lineLength = 0)
+std::string Signed(std::string_view bytes, const SKeyPair& keys, UINT32 lineLength = 0)
 {
     CVoSignedIniFileHandler2 handler;
     EXPECT_EQ(handler.Parse(bytes), S_OK);
@@ -125,7 +118,7 @@ TEST(SignedIniFile, AcceptsASignatureMadeElsewhere)
 
 TEST(SignedIniFile, OnlyWhatIsReadIsProtected)
 {
-    const SKeys keys;
+    const auto [keys, others] = MakeTwoKeyPairs();
     const std::string file = Signed(
         "; top\r\n[A]\r\nx=1\r\nkey=value\r\n\r\n[Empty]\r\n[B]\r\ny=\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80 2\r\n", keys, 40);
     const auto isValid = [&](const std::string& bytes)
@@ -158,14 +151,33 @@ TEST(SignedIniFile, OnlyWhatIsReadIsProtected)
     EXPECT_FALSE(isValid(Replaced(file, "Line1", "; Line1")));
 
     bool valid = true;
-    const SKeys others;
     EXPECT_EQ(Verify(file, others.publicKey, valid), S_OK);
+    EXPECT_FALSE(valid);
+}
+
+// Verify hashes the text piece by piece, SignFile as a whole.
+TEST(SignedIniFile, AFileOfManyPiecesIsSignedWhole)
+{
+    const SKeyPair keys;
+    std::string file;
+    for (const size_t length : { 3u, 5000u, 16379u, 16384u, 70000u, 1u, 40000u })
+        file += "[S" + std::to_string(length) + "]\n[T" + std::to_string(length) + "]\nkey=" + std::string(length, 'v') +
+                "\n\xE2\x82\xAC=" + std::string(length, 'w') + "\xC3\xA4\n";
+    file = Signed(file, keys, 76);
+    bool valid = false;
+    EXPECT_EQ(Verify(file, keys.publicKey, valid), S_OK);
+    EXPECT_TRUE(valid);
+    EXPECT_EQ(Verify(Replaced(file, "w\xC3\xA4\n\n[Sign", "w\xC3\xA5\n\n[Sign"), keys.publicKey, valid), S_OK);
+    EXPECT_FALSE(valid);
+    CFailOnCall<decltype(&::CryptHashData)> fail("advapi32.dll", "CryptHashData", 3, FALSE,
+                                                 static_cast<DWORD>(NTE_BAD_HASH_STATE));
+    EXPECT_EQ(Verify(file, keys.publicKey, valid = true), NTE_BAD_HASH_STATE);
     EXPECT_FALSE(valid);
 }
 
 TEST(SignedIniFile, SpreadsTheSignatureAndKeepsTheRestOfTheFile)
 {
-    const SKeys keys;
+    const SKeyPair keys;
     const std::string front = "[A]\nx=1\n\n[SIGNATURE]\n; keep\nold=AAAA\nold=BBBB\n\n";
     const std::string file = Signed(front + "[B]\ny=2\n", keys, 76);
     EXPECT_EQ(file.find("[A]\nx=1\n\n[SIGNATURE]\n; keep\nLine1="), 0u);
@@ -195,7 +207,7 @@ TEST(SignedIniFile, SpreadsTheSignatureAndKeepsTheRestOfTheFile)
 
 TEST(SignedIniFile, FailuresAreReportedThroughTheChain)
 {
-    const SKeys keys;
+    const SKeyPair keys;
     const std::string file = Signed("[A]\nx=1\n", keys);
     const std::wstring verify = std::wstring(kClass) + L"Verify";
     const std::wstring verifySign = std::wstring(kClass) + L"VerifySign";
@@ -235,7 +247,7 @@ TEST(SignedIniFile, FailuresAreReportedThroughTheChain)
 
 TEST(SignedIniFile, SigningAFileOnDiskChangesItWholeOrNotAtAll)
 {
-    const SKeys keys;
+    const SKeyPair keys;
     const std::filesystem::path path = MakeTestFolder(L"signed") / L"file.ini";
     const auto contentOf = [&]
     {

@@ -140,6 +140,33 @@ private:
     bool m_isPrivate = false;
 };
 
+// Data for a hash that comes piece by piece.
+class IVoHashInput
+{
+public:
+    IVoHashInput() = default;
+    IVoHashInput(const IVoHashInput&) = delete;
+    IVoHashInput& operator=(const IVoHashInput&) = delete;
+
+    // Gives all of it to the hash, which is begun (AddBinData). Called once; reports its failures.
+    [[nodiscard]] virtual HRESULT AddTo(COrvHashBase& hash) noexcept = 0;
+
+protected:
+    ~IVoHashInput() = default;
+};
+
+// A block of bytes, which must outlive it.
+class CVoHashBlock final : public IVoHashInput
+{
+public:
+    CVoHashBlock(const BYTE* data, UINT32 length) noexcept : m_data(data), m_length(length) {}
+    [[nodiscard]] HRESULT AddTo(COrvHashBase& hash) noexcept override { return hash.AddBinData(m_data, m_length); }
+
+private:
+    const BYTE* m_data;
+    UINT32 m_length;
+};
+
 // Hashes a block of bytes at once; the hash object tells the algorithm and is empty afterwards.
 [[nodiscard]] HRESULT HashBytes(COrvHashBase& hash, const BYTE* bytes, UINT32 length, BYTE** value,
                                 UINT32* valueLength) noexcept;
@@ -152,6 +179,9 @@ public:
                                             BYTE** signature, UINT32* signatureLength) noexcept;
     // S_OK with `result` false for a signature that is simply not valid, which is not reported. `result` is false on failure.
     [[nodiscard]] static HRESULT VerifyString(const BYTE* data, UINT32 length, COrvHashBase& hash, const BYTE* signature,
+                                              UINT32 signatureLength, std::wstring_view publicKey, bool& result) noexcept;
+    // The same for data that need not be in memory at once. Also what the data answers.
+    [[nodiscard]] static HRESULT VerifyString(IVoHashInput& data, COrvHashBase& hash, const BYTE* signature,
                                               UINT32 signatureLength, std::wstring_view publicKey, bool& result) noexcept;
 };
 } // namespace OrvDigSign

@@ -64,6 +64,7 @@ public:
     [[nodiscard]] HRESULT SignFile(std::wstring_view privateKey, UINT32 lineLength = 0) noexcept;
 
 private:
+    class CDataInput;
     template <class Text>
     [[nodiscard]] HRESULT AppendData(Text& text) const;
     template <class Text>

@@ -5,10 +5,10 @@
 #include <base/VoUtils.h>
 #include <base/utils/VoDataConversion.h>
 #include <win/OrvDigSign.h>
-#include <win/VoFile.h>
 
 #include <algorithm>
 #include <emmintrin.h>
+#include <limits>
 #include <memory>
 
 namespace OrvSignedIniFileHandler
@@ -20,18 +20,20 @@ constexpr const wchar_t* kSignatureSection = L"Signature";
 // Stands for a section without entries; signatures depend on it.
 constexpr const wchar_t* kEmptySection = L"<EMPTY>";
 
-[[nodiscard]] const BYTE* Bytes(std::string_view text) noexcept
+// VoIniTrimRight, without a call for what mostly needs none.
+[[nodiscard]] std::wstring_view TrimRight(std::wstring_view text) noexcept
 {
-    return reinterpret_cast<const BYTE*>(text.data());
+    return !text.empty() && text.back() > L' ' && text.back() < 0x7F ? text : VoIniTrimRight(text);
 }
 
-// Where canonical text goes.
+// Where canonical text goes, as such.
 class CWideText
 {
 public:
     explicit CWideText(size_t size) { m_text.reserve(size); }
 
-    void Append(std::wstring_view text) { m_text += text; }
+    void AppendHeader(std::wstring_view section) { m_text.append(L"[").append(section).append(L"]\r\n"); }
+    void AppendEmptySection() { m_text += kEmptySection; }
     void AppendEntry(std::wstring_view key, std::wstring_view value)
     {
         m_text.append(key).append(L"=").append(value).append(L"\r\n");
@@ -42,63 +44,92 @@ private:
     std::wstring m_text;
 };
 
-// The same in UTF-8, at once: text that is built and converted apart takes half as long again as hashing it.
-class CUtf8Text
+// Where it goes on its way into a hash: in UTF-8, a piece at a time, without the line end that the whole text ends with. Text
+// that is built, converted and hashed as a whole takes half as long again as the hashing.
+class CHashedText
 {
 public:
-    // `size` in bytes is a guess.
-    explicit CUtf8Text(size_t size)
-        : m_room(size + kSlack), m_bytes(std::make_unique_for_overwrite<char[]>(m_room)), m_end(m_bytes.get())
+    // Without a hash, the text is only looked at. AddBinData's failures come as exceptions, and what VoStringToUTF8 refuses.
+    explicit CHashedText(OrvDigSign::COrvHashBase* hash)
+        : m_hash(hash), m_room(kPieceSize), m_bytes(std::make_unique_for_overwrite<char[]>(m_room)), m_end(m_bytes.get())
     {
     }
 
-    void Append(std::wstring_view text)
+    void AppendHeader(std::wstring_view section)
     {
-        MakeRoom(text.size());
+        BeginLine(section.size() + 2);
+        *m_end++ = '[';
+        m_end = Put(section, m_end);
+        *m_end++ = ']';
+        m_isLineOpen = true;
+    }
+    void AppendEmptySection()
+    {
+        const std::wstring_view text = kEmptySection;
+        BeginLine(text.size());
         m_end = Put(text, m_end);
     }
     void AppendEntry(std::wstring_view key, std::wstring_view value)
     {
-        MakeRoom(key.size() + value.size() + 3);
+        BeginLine(key.size() + value.size() + 1);
         char* to = Put(key, m_end);
         *to++ = '=';
-        to = Put(value, to);
-        *to++ = '\r';
-        *to++ = '\n';
-        m_end = to;
+        m_end = Put(value, to);
+        m_isLineOpen = true;
     }
-    // The text without white space at its end: line ends, because every other part has been trimmed.
-    [[nodiscard]] std::string_view Trimmed() const noexcept
+    // Hashes what has not been hashed yet.
+    void Flush()
     {
-        std::string_view bytes(m_bytes.get(), Size());
-        while (!bytes.empty() && (bytes.back() == '\r' || bytes.back() == '\n'))
-            bytes.remove_suffix(1);
-        return bytes;
+        const auto size = static_cast<UINT32>(m_end - m_bytes.get());
+        m_end = m_bytes.get();
+        if (!m_hash || size == 0)
+            return;
+        if (const HRESULT hr = m_hash->AddBinData(reinterpret_cast<const BYTE*>(m_bytes.get()), size); FAILED(hr))
+            throw CVoHResultException(hr);
     }
 
 private:
-    static constexpr size_t kSlack = 4096;
+    static constexpr size_t kPieceSize = 0x4000;
+    static constexpr size_t kMaximumPieceSize = std::numeric_limits<int>::max(); // what a conversion takes
+    static constexpr size_t kMostBytesPerUnit = 3;
 
-    [[nodiscard]] size_t Size() const noexcept { return static_cast<size_t>(m_end - m_bytes.get()); }
-    // For that many units more.
-    void MakeRoom(size_t units)
+    // Ends the line before, and makes room for one of that many units.
+    void BeginLine(size_t units)
     {
-        constexpr size_t kMostBytesPerUnit = 3;
-        const size_t size = Size();
-        const size_t needed = size + kMostBytesPerUnit * units;
-        if (needed <= m_room)
-            return;
-        const size_t room = std::max(needed, 2 * m_room);
-        auto bytes = std::make_unique_for_overwrite<char[]>(room);
-        std::copy_n(m_bytes.get(), size, bytes.get());
-        m_bytes = std::move(bytes);
-        m_room = room;
-        m_end = m_bytes.get() + size;
+        const size_t needed = kMostBytesPerUnit * units + 2;
+        if (needed > m_room - static_cast<size_t>(m_end - m_bytes.get()))
+        {
+            Flush();
+            if (needed > m_room)
+            {
+                if (needed > kMaximumPieceSize)
+                    throw CVoHResultException(HResultFromWin32(ERROR_FILE_TOO_LARGE));
+                m_bytes = std::make_unique_for_overwrite<char[]>(needed);
+                m_room = needed;
+                m_end = m_bytes.get();
+            }
+        }
+        if (m_isLineOpen)
+        {
+            *m_end++ = '\r';
+            *m_end++ = '\n';
+        }
+        m_isLineOpen = false;
     }
     // Writes a text and gives the place behind it.
     [[nodiscard]] static char* Put(std::wstring_view text, char* to)
     {
-        return NarrowAscii(text, to) ? to + text.size() : Encode(text, to);
+        if (NarrowAscii(text, to))
+            return to + text.size();
+        const auto length = static_cast<int>(text.size());
+        const int written = ::WideCharToMultiByte(CP_UTF8, WC_ERR_INVALID_CHARS, text.data(), length, to,
+                                                  static_cast<int>(kMostBytesPerUnit) * length, nullptr, nullptr);
+        if (written > 0)
+            return to + written;
+        // What the library says to it, in the log too.
+        std::string none;
+        const HRESULT hr = VoStringToUTF8(text, none);
+        throw CVoHResultException(FAILED(hr) ? hr : E_FAIL);
     }
     // Writes ASCII text; false when it is something else.
     [[nodiscard]] static bool NarrowAscii(std::wstring_view text, char* to) noexcept
@@ -127,64 +158,25 @@ private:
         const __m128i beyondAscii = _mm_and_si128(seen, _mm_set1_epi16(static_cast<short>(0xFF80)));
         return _mm_movemask_epi8(_mm_cmpeq_epi16(beyondAscii, _mm_setzero_si128())) == 0xFFFF;
     }
-    [[nodiscard]] static char* Encode(std::wstring_view text, char* to)
-    {
-        const auto put = [&to](unsigned byte) { *to++ = static_cast<char>(byte); };
-        const auto putTrail = [&put](unsigned bits) { put(0x80 | (bits & 0x3F)); };
-        for (size_t i = 0; i < text.size(); ++i)
-        {
-            const unsigned unit = text[i];
-            if (unit < 0x80)
-                put(unit);
-            else if (unit < 0x800)
-            {
-                put(0xC0 | unit >> 6);
-                putTrail(unit);
-            }
-            else if ((unit & 0xF800) != 0xD800)
-            {
-                put(0xE0 | unit >> 12);
-                putTrail(unit >> 6);
-                putTrail(unit);
-            }
-            else if (unit < 0xDC00 && i + 1 < text.size() && (text[i + 1] & 0xFC00) == 0xDC00)
-            {
-                const unsigned character = 0x10000 + ((unit & 0x3FF) << 10) + (text[++i] & 0x3FFU);
-                put(0xF0 | character >> 18);
-                putTrail(character >> 12);
-                putTrail(character >> 6);
-                putTrail(character);
-            }
-            else
-            {
-                // The platform's word for it, in the log too.
-                std::string none;
-                const HRESULT hr = VoStringToUTF8(text, none);
-                throw CVoHResultException(FAILED(hr) ? hr : HResultFromWin32(ERROR_NO_UNICODE_TRANSLATION));
-            }
-        }
-        return to;
-    }
-
+    OrvDigSign::COrvHashBase* m_hash;
     size_t m_room;
     std::unique_ptr<char[]> m_bytes;
-    char* m_end; // of what has been written
+    char* m_end;               // of what has been written
+    bool m_isLineOpen = false; // its end is still to be written, unless it is the last
 };
 
-// The signature's check over UTF-8 bytes.
-[[nodiscard]] HRESULT VerifyBytes(std::string_view data, std::wstring_view publicKey, std::wstring_view signatureText,
-                                  bool& valid) noexcept
+// The check itself. `data` is the canonical text in UTF-8.
+[[nodiscard]] HRESULT VerifyData(OrvDigSign::IVoHashInput& data, std::wstring_view publicKey, std::wstring_view signatureText,
+                                 bool& valid) noexcept
 {
     constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::VerifySign" };
-    if (data.size() > kMaximumFileSize)
-        return report(101, HResultFromWin32(ERROR_FILE_TOO_LARGE));
     CVoByteBuffer signature;
     if (const HRESULT hr = VoDataConversion::Base64ToBin(signatureText, signature.PutBytes(), signature.PutLength());
         FAILED(hr))
         return report(105, hr);
     OrvDigSign::COrvSHA512Hash hash;
-    const HRESULT hr = OrvDigSign::COrvDigitalSignature::VerifyString(Bytes(data), static_cast<UINT32>(data.size()), hash,
-                                                                      signature.Data(), signature.Length(), publicKey, valid);
+    const HRESULT hr =
+        OrvDigSign::COrvDigitalSignature::VerifyString(data, hash, signature.Data(), signature.Length(), publicKey, valid);
     return FAILED(hr) ? report(109, hr) : S_OK;
 }
 } // namespace
@@ -221,6 +213,30 @@ catch (...)
     return CVoReporter{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::Parse" }.CurrentException(151);
 }
 
+// The canonical text of a handler's file, hashed as it is made.
+class CVoSignedIniFileHandler2::CDataInput final : public OrvDigSign::IVoHashInput
+{
+public:
+    explicit CDataInput(const CVoSignedIniFileHandler2& handler) noexcept : m_handler(handler) {}
+    [[nodiscard]] HRESULT AddTo(OrvDigSign::COrvHashBase& hash) noexcept override
+    try
+    {
+        CHashedText text(&hash);
+        if (const HRESULT hr = m_handler.AppendData(text); FAILED(hr))
+            return hr;
+        text.Flush();
+        return S_OK;
+    }
+    catch (...)
+    {
+        return CVoReporter{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::GetDataString" }.CurrentException(
+            158);
+    }
+
+private:
+    const CVoSignedIniFileHandler2& m_handler;
+};
+
 HRESULT CVoSignedIniFileHandler2::Verify(std::wstring_view publicKey, bool& valid) noexcept
 try
 {
@@ -235,10 +251,16 @@ try
     std::wstring signature;
     for (const CVoIniEntry& line : lines)
         signature += line.value;
-    CUtf8Text text(m_file.Size());
-    if (const HRESULT hr = AppendData(text); FAILED(hr))
-        return report(172, hr);
-    const HRESULT hr = VerifyBytes(text.Trimmed(), publicKey, signature, valid);
+    // What is wrong with the file shows before what is wrong with the key. Only 16-bit units can be something that UTF-8 has
+    // no form of.
+    if (m_file.Encoding() == EVoTextEncoding::Utf16LittleEndian || m_file.Encoding() == EVoTextEncoding::Utf16BigEndian)
+    {
+        CHashedText text(nullptr);
+        if (const HRESULT hr = AppendData(text); FAILED(hr))
+            return report(172, hr);
+    }
+    CDataInput data(*this);
+    const HRESULT hr = VerifyData(data, publicKey, signature, valid);
     return FAILED(hr) ? report(174, hr) : S_OK;
 }
 catch (...)
@@ -274,12 +296,12 @@ HRESULT CVoSignedIniFileHandler2::AppendSectionData(std::wstring_view section, s
         return report(206, hr);
     if (entries.empty())
     {
-        text.Append(kEmptySection);
+        text.AppendEmptySection();
         return S_OK;
     }
-    text.Append(std::wstring(L"[").append(section).append(L"]\r\n"));
+    text.AppendHeader(section);
     for (const CVoIniEntry& entry : entries)
-        text.AppendEntry(VoIniTrimRight(entry.key), VoIniTrimRight(entry.value));
+        text.AppendEntry(TrimRight(entry.key), TrimRight(entry.value));
     return S_OK;
 }
 
@@ -334,7 +356,8 @@ HRESULT CVoSignedIniFileHandler2::VerifySign(std::wstring_view dataText, std::ws
     std::string data;
     if (const HRESULT hr = VoStringToUTF8(dataText, data); FAILED(hr))
         return report(270, hr);
-    return VerifyBytes(data, publicKey, signatureText, valid);
+    OrvDigSign::CVoHashBlock block(reinterpret_cast<const BYTE*>(data.data()), static_cast<UINT32>(data.size()));
+    return VerifyData(block, publicKey, signatureText, valid);
 }
 
 HRESULT CVoSignedIniFileHandler2::SignFile(std::wstring_view privateKey, UINT32 lineLength) noexcept
@@ -344,16 +367,17 @@ try
     if (privateKey.empty())
         return report(280, E_INVALIDARG);
     CAutoLock lock(&m_lock);
-    CUtf8Text text(m_file.Size());
-    if (const HRESULT hr = AppendData(text); FAILED(hr))
+    std::wstring text;
+    if (const HRESULT hr = GetSignedText(text); FAILED(hr))
         return report(284, hr);
-    const std::string_view data = text.Trimmed();
-    if (data.size() > kMaximumFileSize)
-        return report(287, HResultFromWin32(ERROR_FILE_TOO_LARGE));
+    std::string data;
+    if (const HRESULT hr = VoStringToUTF8(text, data); FAILED(hr))
+        return report(287, hr);
     OrvDigSign::COrvSHA512Hash hash;
     CVoByteBuffer signature;
-    if (const HRESULT hr = OrvDigSign::COrvDigitalSignature::SignString(
-            Bytes(data), static_cast<UINT32>(data.size()), hash, privateKey, signature.PutBytes(), signature.PutLength());
+    if (const HRESULT hr = OrvDigSign::COrvDigitalSignature::SignString(reinterpret_cast<const BYTE*>(data.data()),
+                                                                        static_cast<UINT32>(data.size()), hash, privateKey,
+                                                                        signature.PutBytes(), signature.PutLength());
         FAILED(hr))
         return report(294, hr);
     std::wstring signatureText;

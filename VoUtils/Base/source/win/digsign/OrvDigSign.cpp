@@ -328,13 +328,12 @@ HRESULT COrvRSAKey::GetPublicKeyFromPrivate(std::wstring_view privateKey, std::w
 
 namespace
 {
-// Makes the hash of a block in a provider's context.
-HRESULT HashBlock(const CVoReporter& report, int line, COrvHashBase& hash, HCRYPTPROV provider, const BYTE* data,
-                  UINT32 length) noexcept
+// Makes the hash of data in a provider's context.
+HRESULT MakeHash(const CVoReporter& report, int line, COrvHashBase& hash, HCRYPTPROV provider, IVoHashInput& data) noexcept
 {
     if (const HRESULT hr = hash.CreateHash(provider); FAILED(hr))
         return report(line, hr);
-    if (const HRESULT hr = hash.AddBinData(data, length); FAILED(hr))
+    if (const HRESULT hr = data.AddTo(hash); FAILED(hr))
         return report(line + 1, hr);
     return S_OK;
 }
@@ -364,7 +363,8 @@ HRESULT HashBytes(COrvHashBase& hash, const BYTE* bytes, UINT32 length, BYTE** v
     CVoByteBuffer result;
     {
         const CVoHashGuard guard(hash);
-        if (const HRESULT hr = HashBlock(report, 392, hash, context.Provider(), bytes, length); FAILED(hr))
+        CVoHashBlock block(bytes, length);
+        if (const HRESULT hr = MakeHash(report, 392, hash, context.Provider(), block); FAILED(hr))
             return hr;
         if (const HRESULT hr = hash.GetHashValue(result.PutBytes(), result.PutLength()); FAILED(hr))
             return report(395, hr);
@@ -391,7 +391,8 @@ HRESULT COrvDigitalSignature::SignString(const BYTE* data, UINT32 length, COrvHa
         CVoByteBuffer result;
         {
             const CVoHashGuard guard(hash);
-            if (const HRESULT hr = HashBlock(report, 420, hash, key.Provider(), data, length); FAILED(hr))
+            CVoHashBlock block(data, length);
+            if (const HRESULT hr = MakeHash(report, 420, hash, key.Provider(), block); FAILED(hr))
                 return hr;
             if (const HRESULT hr = SignHash(report, hash.Handle(), result); FAILED(hr))
                 return hr;
@@ -410,6 +411,13 @@ HRESULT COrvDigitalSignature::SignString(const BYTE* data, UINT32 length, COrvHa
 HRESULT COrvDigitalSignature::VerifyString(const BYTE* data, UINT32 length, COrvHashBase& hash, const BYTE* signature,
                                            UINT32 signatureLength, std::wstring_view publicKey, bool& result) noexcept
 {
+    CVoHashBlock block(data, length);
+    return VerifyString(block, hash, signature, signatureLength, publicKey, result);
+}
+
+HRESULT COrvDigitalSignature::VerifyString(IVoHashInput& data, COrvHashBase& hash, const BYTE* signature,
+                                           UINT32 signatureLength, std::wstring_view publicKey, bool& result) noexcept
+{
     constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvDigitalSignature::VerifyString" };
     result = false;
     COrvRSAKey key;
@@ -420,7 +428,7 @@ HRESULT COrvDigitalSignature::VerifyString(const BYTE* data, UINT32 length, COrv
     bool isValid = false;
     {
         const CVoHashGuard guard(hash);
-        if (const HRESULT hr = HashBlock(report, 449, hash, key.Provider(), data, length); FAILED(hr))
+        if (const HRESULT hr = MakeHash(report, 449, hash, key.Provider(), data); FAILED(hr))
             return hr;
         isValid = ::CryptVerifySignatureW(hash.Handle(), signature, signatureLength, key.Key(), nullptr, 0) != FALSE;
         if (!isValid)
