@@ -4,6 +4,7 @@
 #include <base/utils/VoDataConversion.h>
 
 #include "support/ImportHook.h"
+#include "support/KeyPairs.h"
 #include "support/LogCapture.h"
 
 #include <gtest/gtest.h>
@@ -259,9 +260,8 @@ TEST(DigSign, MakesKeyPairsThatSignForEachOther)
 {
     for (const UINT32 bits : { 512U, 1024U })
     {
-        std::wstring privateKey;
-        std::wstring publicKey;
-        ASSERT_EQ(COrvRSAKey::Generate(bits, privateKey, publicKey), S_OK);
+        const auto [keys, others] = MakeTwoKeyPairs(bits);
+        const auto& [privateKey, publicKey] = keys;
         EXPECT_EQ(publicKey.size(), 2 * (20 + bits / 8));
         std::wstring derived;
         EXPECT_EQ(COrvRSAKey::GetPublicKeyFromPrivate(privateKey, derived), S_OK);
@@ -273,7 +273,7 @@ TEST(DigSign, MakesKeyPairsThatSignForEachOther)
         for (const bool own : { true, false })
         {
             bool valid = !own;
-            EXPECT_EQ(Verify(own ? publicKey : kPublicKey, hash, kMessage,
+            EXPECT_EQ(Verify(own ? publicKey : others.publicKey, hash, kMessage,
                              { signature.Data(), signature.Data() + signature.Length() }, valid),
                       S_OK);
             EXPECT_EQ(valid, own);
