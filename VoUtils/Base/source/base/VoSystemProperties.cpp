@@ -115,6 +115,7 @@ void ReadProcessor(CProcessorProperties& processor) noexcept
     const EVendor vendor = VendorOf(*vendorLeaf);
     if (vendor == EVendor::Other)
         return;
+    processor.isIntel = vendor == EVendor::Intel;
     const std::optional<CCpuidRegisters> features = ReadCpuid(1);
     if (features)
         processor = VoSystemProperties::ProcessorOf(vendor, *features);
