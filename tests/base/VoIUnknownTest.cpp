@@ -189,15 +189,14 @@ TEST_F(ComBase, PropertyBagListsReadsAndWritesItsTable)
     const CVoComPtr<CThing> thing = VoMakeComObject<CThing>(&m_alive);
     CVoSafeArray tags;
     ASSERT_EQ(thing->GetPropertyTags(tags.Put()), S_OK);
-    const wchar_t* const expected[2][2] = { { L"Number", L"A number." }, { L"Broken", L"Fails always." } };
-    for (LONG row = 0; row < 2; ++row)
-        for (LONG column = 0; column < 2; ++column)
-        {
-            CVoBstr text;
-            LONG indices[] = { row, column };
-            ASSERT_EQ(::SafeArrayGetElement(tags.Get(), indices, text.Put()), S_OK);
-            EXPECT_EQ(text.View(), expected[row][column]);
-        }
+    std::vector<std::wstring> texts;
+    EXPECT_EQ(VoSafeArrayToStrings(tags.Get(), texts), S_OK);
+    EXPECT_THAT(texts, testing::ElementsAre(L"Number", L"A number.", L"Broken", L"Fails always."));
+    // Rows of two, each by its number.
+    LONG indices[] = { 1, 0 };
+    CVoBstr name;
+    ASSERT_EQ(::SafeArrayGetElement(tags.Get(), indices, name.Put()), S_OK);
+    EXPECT_EQ(name.View(), L"Broken");
 
     const CVoBstr number(L"number"), broken(L"Broken"), unknown(L"Numbe");
     LONG referred = 41;
@@ -250,5 +249,38 @@ TEST(ComValues, BytesTravelInVariants)
         EXPECT_EQ(VoVariantToBytes(value.Get(), bytes), row.expected);
         EXPECT_EQ(bytes.size(), row.expected == S_OK ? 4U : 1U);
     }
+}
+
+TEST(ComValues, TextsTravelInSafeArrays)
+{
+    const std::vector<std::wstring_view> texts{ L"a", L"", std::wstring_view(L"b\0c", 3), L"\u20AC", L"e", L"f" };
+    const std::vector<std::wstring> copies(texts.begin(), texts.end());
+    for (const UINT32 columns : { 0U, 1U, 2U, 3U, 6U })
+    {
+        CVoSafeArray array;
+        ASSERT_EQ(VoStringsToSafeArray(texts, array, columns), S_OK);
+        EXPECT_EQ(::SafeArrayGetDim(array.Get()), columns > 0 ? 2U : 1U);
+        std::vector<std::wstring> back{ L"x" };
+        EXPECT_EQ(VoSafeArrayToStrings(array.Get(), back), S_OK);
+        EXPECT_EQ(back, copies);
+        SAFEARRAY* const before = array.Get();
+        EXPECT_EQ(VoStringsToSafeArray(texts, array, 4), E_INVALIDARG);
+        EXPECT_EQ(array.Get(), before);
+    }
+    CVoSafeArray empty;
+    std::vector<std::wstring> back{ L"x" };
+    EXPECT_EQ(VoStringsToSafeArray({}, empty), S_OK);
+    EXPECT_EQ(VoSafeArrayToStrings(empty.Get(), back), S_OK);
+    EXPECT_EQ(back.size(), 0U);
+
+    SAFEARRAYBOUND bounds[] = { { 1, 5 }, { 2, -1 }, { 1, 0 } };
+    const CVoSafeArray fromFive(::SafeArrayCreate(VT_BSTR, 2, bounds));
+    EXPECT_EQ(VoSafeArrayToStrings(fromFive.Get(), back), S_OK);
+    EXPECT_EQ(back, std::vector<std::wstring>(2)) << "null is an empty text";
+    const CVoSafeArray numbers(::SafeArrayCreate(VT_I4, 1, bounds));
+    const CVoSafeArray cube(::SafeArrayCreate(VT_BSTR, 3, bounds));
+    for (SAFEARRAY* const other : { numbers.Get(), cube.Get(), static_cast<SAFEARRAY*>(nullptr) })
+        EXPECT_EQ(VoSafeArrayToStrings(other, back), DISP_E_TYPEMISMATCH);
+    EXPECT_EQ(back.size(), 2U);
 }
 } // namespace

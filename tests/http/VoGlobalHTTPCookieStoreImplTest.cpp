@@ -487,14 +487,9 @@ TEST(CookieStore, PropertiesCarryTheContentAsTextAndAsBytes)
     ASSERT_EQ(store->GetPropertyTags(tags.Put()), S_OK);
     const wchar_t* const expected[2][2] = { { L"CookieData", L"Content of global Cookie Store." },
                                             { L"CookieDataString", L"Content of global Cookie Store serialized as string." } };
-    for (LONG row = 0; row < 2; ++row)
-        for (LONG column = 0; column < 2; ++column)
-        {
-            CVoBstr text;
-            LONG indices[] = { row, column };
-            ASSERT_EQ(::SafeArrayGetElement(tags.Get(), indices, text.Put()), S_OK);
-            EXPECT_EQ(text.View(), expected[row][column]);
-        }
+    std::vector<std::wstring> texts;
+    ASSERT_EQ(VoSafeArrayToStrings(tags.Get(), texts), S_OK);
+    EXPECT_THAT(texts, testing::ElementsAre(expected[0][0], expected[0][1], expected[1][0], expected[1][1]));
 
     CVoVariant values[2];
     const VARTYPE types[2] = { VT_ARRAY | VT_UI1, VT_BSTR };

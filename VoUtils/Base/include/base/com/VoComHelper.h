@@ -1,4 +1,4 @@
-// Owners for the values that cross COM edges, and byte arrays in variants.
+// Owners for the values that cross COM edges; bytes and texts to and from safe arrays.
 #pragma once
 
 #include <base/VoPlatform.h>
@@ -7,6 +7,7 @@
 #include <new>
 #include <span>
 #include <stdexcept>
+#include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -134,3 +135,11 @@ private:
 // The bytes of a variant that holds such an array, or a reference to one, whatever its lower bound. DISP_E_TYPEMISMATCH for
 // any other variant.
 [[nodiscard]] HRESULT VoVariantToBytes(const VARIANT& value, std::vector<BYTE>& bytes) noexcept;
+
+// Texts as a safe array of BSTRs that counts from 0: of one dimension, or, with `columns`, of two, row by row. E_INVALIDARG for
+// texts that leave a row unfilled, E_OUTOFMEMORY when there is no room; `array` is untouched then.
+[[nodiscard]] HRESULT VoStringsToSafeArray(std::span<const std::wstring_view> texts, CVoSafeArray& array,
+                                           UINT32 columns = 0) noexcept;
+// The texts of a safe array of BSTRs of one dimension, or of two, row by row, whatever the lower bounds. DISP_E_TYPEMISMATCH
+// for any other array, and for null.
+[[nodiscard]] HRESULT VoSafeArrayToStrings(SAFEARRAY* array, std::vector<std::wstring>& texts) noexcept;

@@ -7,6 +7,8 @@
 #include <base/com/VoIUnknown.h>
 
 #include <span>
+#include <string_view>
+#include <vector>
 
 // One named property of `Object`. The functions lock for themselves; the getter gets an empty variant and fills it on success
 // only, the setter gets a value without references (VT_BYREF) and answers DISP_E_TYPEMISMATCH for a type that it does not take.
@@ -34,22 +36,15 @@ public:
             return report(34, E_POINTER);
         try
         {
-            const std::span<const CVoProperty<Object>> table = Object::PropertyTable();
-            SAFEARRAYBOUND bounds[] = { { static_cast<ULONG>(table.size()), 0 }, { 2, 0 } };
-            CVoSafeArray array(::SafeArrayCreate(VT_BSTR, 2, bounds));
-            if (!array.Get())
-                return report(41, E_OUTOFMEMORY);
-            for (LONG row = 0; row < static_cast<LONG>(table.size()); ++row)
+            std::vector<std::wstring_view> texts;
+            for (const CVoProperty<Object>& property : Object::PropertyTable())
             {
-                const CVoProperty<Object>& property = table[static_cast<size_t>(row)];
-                for (LONG column = 0; column < 2; ++column)
-                {
-                    const CVoBstr text(column == 0 ? property.name : property.description);
-                    LONG indices[] = { row, column };
-                    if (const HRESULT hr = ::SafeArrayPutElement(array.Get(), indices, text.Get()); FAILED(hr))
-                        return report(51, hr);
-                }
+                texts.emplace_back(property.name);
+                texts.emplace_back(property.description);
             }
+            CVoSafeArray array;
+            if (const HRESULT hr = VoStringsToSafeArray(texts, array, 2); FAILED(hr))
+                return report(46, hr);
             *tags = array.Detach();
             return S_OK;
         }

@@ -23,6 +23,7 @@ public:
 
     [[nodiscard]] HRESULT Result() const noexcept { return m_result; }
     [[nodiscard]] BYTE* Bytes() const noexcept { return static_cast<BYTE*>(m_data); }
+    [[nodiscard]] BSTR* Texts() const noexcept { return static_cast<BSTR*>(m_data); }
 
 private:
     SAFEARRAY* m_array;
@@ -74,5 +75,66 @@ HRESULT VoVariantToBytes(const VARIANT& value, std::vector<BYTE>& bytes) noexcep
     catch (...)
     {
         return report.CurrentException(76);
+    }
+}
+
+HRESULT VoStringsToSafeArray(std::span<const std::wstring_view> texts, CVoSafeArray& array, UINT32 columns) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"VoStringsToSafeArray" };
+    const size_t rowLength = columns > 0 ? columns : 1;
+    if (texts.size() % rowLength != 0)
+        return report(86, E_INVALIDARG);
+    const size_t rows = texts.size() / rowLength;
+    if (rows > std::numeric_limits<ULONG>::max())
+        return report(89, E_OUTOFMEMORY);
+    SAFEARRAYBOUND bounds[] = { { static_cast<ULONG>(rows), 0 }, { columns, 0 } };
+    CVoSafeArray made(::SafeArrayCreate(VT_BSTR, columns > 0 ? 2 : 1, bounds));
+    if (!made.Get())
+        return report(93, E_OUTOFMEMORY);
+    try
+    {
+        const CSafeArrayData data(made.Get());
+        if (FAILED(data.Result()))
+            return report(98, data.Result());
+        // The first dimension's neighbours are neighbours in memory.
+        for (size_t i = 0; i < texts.size(); ++i)
+            data.Texts()[((i % rowLength) * rows) + (i / rowLength)] = CVoBstr(texts[i]).Detach();
+    }
+    catch (...)
+    {
+        return report.CurrentException(105);
+    }
+    array = std::move(made);
+    return S_OK;
+}
+
+HRESULT VoSafeArrayToStrings(SAFEARRAY* array, std::vector<std::wstring>& texts) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"VoSafeArrayToStrings" };
+    VARTYPE type = VT_EMPTY;
+    if (!array || FAILED(::SafeArrayGetVartype(array, &type)) || type != VT_BSTR)
+        return report(116, DISP_E_TYPEMISMATCH);
+    const UINT dimensions = ::SafeArrayGetDim(array);
+    if (dimensions != 1 && dimensions != 2)
+        return report(119, DISP_E_TYPEMISMATCH);
+    // The platform keeps the bounds in reverse order.
+    const size_t rows = array->rgsabound[dimensions - 1].cElements;
+    const size_t columns = dimensions == 2 ? array->rgsabound[0].cElements : 1;
+    const CSafeArrayData data(array);
+    if (FAILED(data.Result()))
+        return report(125, data.Result());
+    try
+    {
+        std::vector<std::wstring> read;
+        read.reserve(rows * columns);
+        for (size_t row = 0; row < rows; ++row)
+            for (size_t column = 0; column < columns; ++column)
+                read.emplace_back(CVoBstr::ViewOf(data.Texts()[(column * rows) + row]));
+        texts = std::move(read);
+        return S_OK;
+    }
+    catch (...)
+    {
+        return report.CurrentException(137);
     }
 }
