@@ -1,6 +1,7 @@
 // What the WinHTTP transport asks of the platform, call by call: much of it has no effect that a server under Wine would see.
 #include "http/TransportFixture.h"
 #include "support/LogCapture.h"
+#include "support/SessionProxy.h"
 #include "support/TestServers.h"
 
 #include <gmock/gmock.h>
@@ -379,21 +380,6 @@ TEST(WinHTTPTransport, AnswersAProxyAndKeepsTheCredentials)
         EXPECT_EQ(line.text.find(L"hunter2"), std::wstring::npos);
 }
 
-// Opens sessions with a proxy of their own, the only one that Wine's WinHTTP knows.
-class CSessionProxy
-{
-public:
-    explicit CSessionProxy(std::wstring proxy)
-        : m_hook("winhttp.dll", "WinHttpOpen",
-                 [proxy = std::move(proxy)](auto original, LPCWSTR agent, DWORD, LPCWSTR, LPCWSTR bypass, DWORD flags)
-                 { return original(agent, WINHTTP_ACCESS_TYPE_NAMED_PROXY, proxy.c_str(), bypass, flags); })
-    {
-    }
-
-private:
-    CCallHook<decltype(&::WinHttpOpen)> m_hook;
-};
-
 TEST(WinHTTPTransport, AnswersARealProxy)
 {
     VO_NEEDS_TEST_SERVERS();
@@ -404,7 +390,7 @@ TEST(WinHTTPTransport, AnswersARealProxy)
     const std::wstring proxy = L"localhost:" + std::to_wstring(servers.squidAuthPort); // another name than the server's
     const std::wstring user(servers.squidUser.begin(), servers.squidUser.end());
     const std::wstring password(servers.squidPassword.begin(), servers.squidPassword.end());
-    const CSessionProxy sessionProxy(proxy);
+    const auto sessions = WinHTTPSessionsUse(proxy);
     for (const bool right : { false, true })
     {
         const auto callback = VoMakeComObject<CScriptedAuthCallback>();
@@ -425,6 +411,21 @@ TEST(WinHTTPTransport, AnswersARealProxy)
         EXPECT_THAT(PayloadOf(answer),
                     testing::AllOf(testing::HasSubstr("squid"), testing::EndsWith("&&" + std::string(5000, 'b'))));
     }
+}
+
+TEST(WinHTTPTransport, ShowsARewrittenAddressToTheProxy)
+{
+    const CServer proxy(
+        [](const Loopback::CRequest& request, Loopback::CConnection& connection)
+        { connection.SendResponse(200, {}, "&&" + request.target + ' ' + std::string(request.Header("Host"))); });
+    const auto sessions = WinHTTPSessionsUse(L"127.0.0.1:" + std::to_wstring(proxy.Port()));
+    const auto message = Connect(L"http://localhost:8080/x", nullptr, nullptr, false, false, S_OK, kRewritingKind);
+    Request request;
+    ASSERT_EQ(message->OpenRequest(request), S_OK);
+    ASSERT_EQ(Send(*message, request), S_OK);
+    CVoBinaryDataParser answer;
+    ASSERT_EQ(message->ReadResponse(request, answer, Response::Parameters, nullptr, nullptr), S_OK);
+    EXPECT_EQ(PayloadOf(answer), "http://localhost.localhost:8080/x localhost.localhost:8080");
 }
 
 TEST(WinHTTPTransport, AnswersNothingButBasic)
