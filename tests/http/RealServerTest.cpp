@@ -1,5 +1,6 @@
 // The transports against nginx, plain and over TLS.
 #include "http/TransportFixture.h"
+#include "support/LogCapture.h"
 #include "support/MemoryMeter.h"
 #include "support/TestServers.h"
 
@@ -50,6 +51,28 @@ TEST_P(RealServerTest, EveryContentKindIsAccepted)
             EXPECT_EQ(answer.result, S_OK) << url << static_cast<UINT32>(kind);
             EXPECT_EQ(ParamsOf(answer.message), (Params{ { L"ok", L"1" }, { L"method", L"POST" } })) << url;
         }
+}
+
+TEST_P(RealServerTest, ChecksTheServersCertificateWhenAskedAndNotElse)
+{
+    const auto send = [&](uint16_t port, bool verify)
+    {
+        const auto message = Connect("https://localhost:" + std::to_string(port) + "/post", 10, 20, verify);
+        return message ? Send(*message, {}).result : E_UNEXPECTED;
+    };
+    // A port of its own for each transport: the services keep what they accepted for one.
+    const uint16_t own = TestServers()->sparePorts.at(GetParam().kind);
+    if (GetParam().checksCertificatesUnderWine || !IsWine())
+    {
+        for (const uint16_t port : { own, TestServers()->otherHostPort, TestServers()->expiredPort })
+        {
+            const CLogCapture log;
+            EXPECT_TRUE(FAILED(send(port, true))) << port;
+            EXPECT_FALSE(log.Lines().empty());
+        }
+    }
+    EXPECT_EQ(send(own, false), S_OK);
+    EXPECT_EQ(SendTo(TestServers()->URL("/post")).result, S_OK);
 }
 
 TEST_P(RealServerTest, BodiesOfAllSizesComeBackAsTheyWere)

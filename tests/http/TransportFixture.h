@@ -49,6 +49,8 @@ struct CTransport
     // Wine's Windows services take a connection that ends among the headers or the chunks for the end of the answer, follow
     // redirects for ever, and lose a body that a redirect says to send again; Windows' do not.
     bool documentedUnderWine;
+    // An https server must show a good certificate when that is asked for. Wine's Schannel looks at none for libcurl.
+    bool checksCertificatesUnderWine;
     // Connections belong to the message under Wine too.
     bool dropsConnectionsUnderWine;
     // Waiting for the headers has an end under Wine too.
@@ -73,6 +75,7 @@ inline constexpr CTransport kTransports[] = {
       .knowsLocalAddress = false,
       .receivesWhileSending = false,
       .documentedUnderWine = false,
+      .checksCertificatesUnderWine = true,
       .dropsConnectionsUnderWine = true,
       .timesOutUnderWine = true,
       .rewritesLoopback = false,
@@ -90,6 +93,7 @@ inline constexpr CTransport kTransports[] = {
       .knowsLocalAddress = false,
       .receivesWhileSending = false,
       .documentedUnderWine = false,
+      .checksCertificatesUnderWine = true,
       .dropsConnectionsUnderWine = false,
       .timesOutUnderWine = false,
       .rewritesLoopback = false,
@@ -107,6 +111,7 @@ inline constexpr CTransport kTransports[] = {
       .knowsLocalAddress = true,
       .receivesWhileSending = true,
       .documentedUnderWine = true,
+      .checksCertificatesUnderWine = false,
       .dropsConnectionsUnderWine = true,
       .timesOutUnderWine = true,
       .rewritesLoopback = false,
@@ -124,6 +129,7 @@ inline constexpr CTransport kTransports[] = {
       .knowsLocalAddress = false,
       .receivesWhileSending = false,
       .documentedUnderWine = false,
+      .checksCertificatesUnderWine = true,
       .dropsConnectionsUnderWine = false,
       .timesOutUnderWine = false,
       .rewritesLoopback = true,
@@ -220,12 +226,12 @@ protected:
         return address;
     }
     [[nodiscard]] std::shared_ptr<CVoHTTPMessage> Connect(const std::string& url, UINT32 connectTimeout = 10,
-                                                          UINT32 requestTimeout = 20)
+                                                          UINT32 requestTimeout = 20, bool verify = false)
     {
         const CTransportScope scope(GetParam().kind);
         std::shared_ptr<CVoHTTPMessage> message;
         EXPECT_EQ(CVoHTTPMessage::Connect(Address(url), m_stores.auth.Get(), m_stores.proxy.Get(), m_stores.cookies.Get(),
-                                          connectTimeout, requestTimeout, false, false, message),
+                                          connectTimeout, requestTimeout, verify, false, message),
                   S_OK);
         return message;
     }

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <limits>
 
 using namespace TestSupport;
@@ -37,6 +38,34 @@ CServerAddressData Address(std::wstring_view url)
     EXPECT_EQ(address.SetAddress(url, false, true, true), S_OK);
     return address;
 }
+
+#ifdef __GNUC__
+// Where a virtual operation stands in the table, by what a pointer to it holds (the Itanium C++ ABI: one more than the offset).
+// The destructor has two entries there and counts as slot 0.
+template <class Operation>
+size_t SlotOf(Operation operation)
+{
+    size_t parts[2] = {};
+    static_assert(sizeof(operation) == sizeof(parts));
+    std::memcpy(parts, &operation, sizeof(parts));
+    return (parts[0] - 1) / sizeof(void*) - 1;
+}
+
+// Programs that were built against an earlier library call by these numbers.
+TEST(HTTPMessage, OperationsStandInTheirSlots)
+{
+    HRESULT (CVoHTTPMessage::*connect)(const CServerAddressData&, IVoAuthenticationCallback*, IVoHTTPProxyStore*,
+                                       IVoHTTPCookieStore*, UINT32, UINT32, bool, bool) noexcept = &CVoHTTPMessage::Connect;
+    EXPECT_EQ(SlotOf(connect), 1U);
+    EXPECT_EQ(SlotOf(&CVoHTTPMessage::OpenRequest), 2U);
+    EXPECT_EQ(SlotOf(&CVoHTTPMessage::SendMessage), 3U);
+    EXPECT_EQ(SlotOf(&CVoHTTPMessage::SendMultipleMessages), 4U);
+    EXPECT_EQ(SlotOf(&CVoHTTPMessage::SendGetRequest), 5U);
+    EXPECT_EQ(SlotOf(&CVoHTTPMessage::ReadResponse), 6U);
+    EXPECT_EQ(SlotOf(&CVoHTTPMessage::ReadMultipleResponses), 7U);
+    EXPECT_EQ(SlotOf(&CVoHTTPMessage::SetUserContext), 8U);
+}
+#endif
 
 TEST(HTTPMessage, AnUnknownTransportKindIsRefusedWithItsNumber)
 {
