@@ -6,6 +6,7 @@
 #include <base/VoWipe.h>
 
 #include <memory>
+#include <vector>
 
 namespace VoHTTPMessageWinINet
 {
@@ -19,7 +20,7 @@ public:
     CInternetHandle& operator=(CInternetHandle&& other) noexcept;
     CInternetHandle(const CInternetHandle&) = delete;
     CInternetHandle& operator=(const CInternetHandle&) = delete;
-    // Closes the handle; a refusal is reported under the name of what the handle was for.
+    // Closes the handle; a refusal is reported.
     ~CInternetHandle();
 
     // Closes the handle, which is dropped in any case. S_OK when there is none.
@@ -76,6 +77,7 @@ private:
 
     [[nodiscard]] HRESULT internalOpenRequest(const CServerAddressData& address, const wchar_t* verb,
                                               std::shared_ptr<CHTTPRequestData>& request);
+    [[nodiscard]] CHTTPRequestDataWinINet* OwnRequest(const std::shared_ptr<CHTTPRequestData>& request) const noexcept;
     [[nodiscard]] HRESULT OpenHandle(CHTTPRequestDataWinINet& request, const wchar_t* verb);
     [[nodiscard]] HRESULT internalSend(CHTTPRequestDataWinINet& request, std::span<const BYTE> body,
                                        const std::wstring& contentTypeHeader, bool allowRetry, CSendResult* result);
@@ -90,6 +92,7 @@ private:
 
     CInternetHandle m_session;
     CInternetHandle m_connection;
+    std::vector<std::weak_ptr<CHTTPRequestDataWinINet>> m_requests; // with handles under the connection's
     bool m_proxyCredentialsKnown = false;
     bool m_proxyCredentialsToBeUsed = false;
     std::wstring m_proxy;

@@ -190,6 +190,7 @@ public:
     [[nodiscard]] HRESULT Close() noexcept
     {
         constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::CHTTPRequestDataWinINet::Close" };
+        m_answered = false;
         if (const HRESULT hr = m_handle.Close(); FAILED(hr))
             return report(270, hr);
         return S_OK;
@@ -223,10 +224,21 @@ HRESULT CVoHTTPMessageWinINet::internalClose() noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalClose" };
     HRESULT result = S_OK;
-    if (const HRESULT hr = m_connection.Close(); FAILED(hr))
-        result = report(310, hr);
-    if (const HRESULT hr = m_session.Close(); FAILED(hr))
-        result = SUCCEEDED(result) ? report(312, hr) : result;
+    const auto note = [&](int line, HRESULT hr)
+    {
+        if (SUCCEEDED(hr))
+            return;
+        report(line, hr);
+        if (SUCCEEDED(result))
+            result = hr;
+    };
+    // A handle's children are closed before it. A request that is going away just now closes its own.
+    for (const std::weak_ptr<CHTTPRequestDataWinINet>& open : m_requests)
+        if (const std::shared_ptr<CHTTPRequestDataWinINet> request = open.lock())
+            note(308, request->Close());
+    m_requests.clear();
+    note(310, m_connection.Close());
+    note(312, m_session.Close());
     m_proxyCredentialsKnown = m_proxyCredentialsToBeUsed = false;
     m_proxy.clear();
     m_proxyUser.clear();
@@ -469,8 +481,18 @@ HRESULT CVoHTTPMessageWinINet::internalOpenRequest(const CServerAddressData& add
     made->m_address = address;
     if (const HRESULT hr = OpenHandle(*made, verb); FAILED(hr))
         return report(602, hr);
+    std::erase_if(m_requests, [](const auto& open) { return open.expired(); });
+    m_requests.push_back(made);
     request = std::move(made);
     return S_OK;
+}
+
+// The request behind a caller's pointer; null unless this message made it.
+CVoHTTPMessageWinINet::CHTTPRequestDataWinINet* CVoHTTPMessageWinINet::OwnRequest(
+    const std::shared_ptr<CHTTPRequestData>& request) const noexcept
+{
+    auto* const data = dynamic_cast<CHTTPRequestDataWinINet*>(request.get());
+    return data && data->m_message.get() == this ? data : nullptr;
 }
 
 // Gives a request a fresh handle, which owes nothing to what an earlier one left unread.
@@ -647,7 +669,7 @@ try
                                            .unknownKind = 775,
                                            .exception = 776 };
     const CAutoLock lock(&m_lock);
-    auto* const data = dynamic_cast<CHTTPRequestDataWinINet*>(request.get());
+    auto* const data = OwnRequest(request);
     if (!data || !data->m_handle)
         return report(760, E_INVALIDARG);
     CContent content;
@@ -671,7 +693,7 @@ try
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::SendMultipleMessages" };
     const CAutoLock lock(&m_lock);
-    auto* const data = dynamic_cast<CHTTPRequestDataWinINet*>(request.get());
+    auto* const data = OwnRequest(request);
     if (!data || !data->m_handle)
         return report(800, E_INVALIDARG);
     CContent content;
@@ -692,8 +714,8 @@ try
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::SendGetRequest" };
     const CAutoLock lock(&m_lock);
-    auto* data = objectPath.empty() ? dynamic_cast<CHTTPRequestDataWinINet*>(request.get()) : nullptr;
-    if (data)
+    auto* data = objectPath.empty() ? OwnRequest(request) : nullptr;
+    if (data && data->m_handle)
     {
         if (const HRESULT hr = OpenHandle(*data, L"GET"); FAILED(hr))
             return report(828, hr);
@@ -778,7 +800,7 @@ try
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::ReadResponse" };
     const CAutoLock lock(&m_lock);
-    auto* const data = dynamic_cast<CHTTPRequestDataWinINet*>(request.get());
+    auto* const data = OwnRequest(request);
     if (!data)
         return report(900, E_INVALIDARG);
     if (const HRESULT hr = internalReadResponse(*data); FAILED(hr))
@@ -799,7 +821,7 @@ try
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::ReadMultipleResponses" };
     const CAutoLock lock(&m_lock);
-    auto* const data = dynamic_cast<CHTTPRequestDataWinINet*>(request.get());
+    auto* const data = OwnRequest(request);
     if (!data)
         return report(930, E_INVALIDARG);
     if (const HRESULT hr = internalReadResponse(*data); FAILED(hr))
