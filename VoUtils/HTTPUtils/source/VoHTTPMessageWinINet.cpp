@@ -333,7 +333,7 @@ HRESULT CVoHTTPMessageWinINet::SetTimeoutsAndLimits() noexcept
         }
         if (error == ERROR_SUCCESS)
             continue;
-        if (!WindowsTransport::IsRefusedTuning(error, value))
+        if (!WindowsTransport::IsRefusedTuning(error))
             return report.Win32(405, 406, error);
         report.Message(410, L"Option %u was refused: %u", setting.option, error);
     }

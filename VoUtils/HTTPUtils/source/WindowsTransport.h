@@ -35,14 +35,19 @@ inline constexpr UINT32 kStatusOk = 200;
 inline constexpr DWORD kErrorInvalidOption = 12009;    // no such option
 inline constexpr DWORD kErrorInvalidOperation = 12016; // not with this handle
 
-// Whether a failed SetOption merely refused a tuning: a limit, or a switch that asks for nothing when it is off. A request
-// works without it, so a transport passes over it (the failure has been traced); any other failure counts, and so does every
-// failure of an option that the request's meaning or safety depends on, for which this is not to be asked.
-// `value` is what the option was to become: a switch that is off needs no service that could refuse it, so that an "invalid
-// parameter" for the value 0 is passed over too.
+// Whether a failed SetOption merely refused a tuning: a limit, say. A request works without it, so a transport passes over it
+// (the failure has been traced); any other failure counts, and so does every failure of an option that the request's meaning or
+// safety depends on, for which this is not to be asked.
+[[nodiscard]] constexpr bool IsRefusedTuning(DWORD error) noexcept
+{
+    return error == kErrorInvalidOption || error == kErrorInvalidOperation;
+}
+
+// The same for an option that may switch a feature off. `value` is what the option was to become: what is to be off needs no
+// service that could refuse it, so that an "invalid parameter" for the value 0 is passed over too.
 [[nodiscard]] constexpr bool IsRefusedTuning(DWORD error, DWORD value) noexcept
 {
-    return error == kErrorInvalidOption || error == kErrorInvalidOperation || (error == ERROR_INVALID_PARAMETER && value == 0);
+    return IsRefusedTuning(error) || (error == ERROR_INVALID_PARAMETER && value == 0);
 }
 
 // The same for the code that an option's wrapper gave.
