@@ -90,14 +90,13 @@ HRESULT QueryStatus(HINTERNET request, UINT32& status, const CVoReporter& report
     return S_OK;
 }
 
-// The two ends of a request's connection and its send buffer, for the trace. The platform need not tell them.
-struct CSocketFacts
+// The two ends of a request's connection, for the trace. The platform need not tell them.
+struct CEndpoints
 {
     std::wstring local;
     std::wstring peer;
     UINT16 localPort = 0;
     UINT16 peerPort = 0;
-    int sendBufferSize = 0;
 };
 
 bool GetEndpoint(SOCKET socket, int(WSAAPI* query)(SOCKET, sockaddr*, int*), std::wstring& text, UINT16& port) noexcept
@@ -117,19 +116,19 @@ bool GetEndpoint(SOCKET socket, int(WSAAPI* query)(SOCKET, sockaddr*, int*), std
     return true;
 }
 
-bool internalGetIPAddressesFromSocket(SOCKET socket, CSocketFacts& facts) noexcept
+bool internalGetIPAddressesFromSocket(SOCKET socket, CEndpoints& ends) noexcept
 {
-    return GetEndpoint(socket, &::getsockname, facts.local, facts.localPort) &&
-           GetEndpoint(socket, &::getpeername, facts.peer, facts.peerPort);
+    return GetEndpoint(socket, &::getsockname, ends.local, ends.localPort) &&
+           GetEndpoint(socket, &::getpeername, ends.peer, ends.peerPort);
 }
 
-void internalGetSendBufferSizeFromSocket(SOCKET socket, CSocketFacts& facts) noexcept
+bool internalGetSendBufferSizeFromSocket(SOCKET socket, int& bytes) noexcept
 {
-    int length = sizeof facts.sendBufferSize;
-    (void)::getsockopt(socket, SOL_SOCKET, SO_SNDBUF, reinterpret_cast<char*>(&facts.sendBufferSize), &length);
+    int length = sizeof bytes;
+    return ::getsockopt(socket, SOL_SOCKET, SO_SNDBUF, reinterpret_cast<char*>(&bytes), &length) == 0;
 }
 
-// Traces the two ends and gives the client's address; empty where the platform has no socket to show.
+// Traces the two ends and the send buffer and gives the client's address; empty where the platform has no socket to show.
 std::wstring internalGetClientIPAddressAndSendBufferSize(HINTERNET request) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalGetClientIPAddressAndSendBufferSize" };
@@ -137,13 +136,14 @@ std::wstring internalGetClientIPAddressAndSendBufferSize(HINTERNET request) noex
     DWORD length = sizeof info;
     if (!::InternetQueryOptionW(request, INTERNET_OPTION_DIAGNOSTIC_SOCKET_INFO, &info, &length) || info.Socket == 0)
         return {};
-    CSocketFacts facts;
-    if (!internalGetIPAddressesFromSocket(info.Socket, facts))
+    CEndpoints ends;
+    if (!internalGetIPAddressesFromSocket(info.Socket, ends))
         return {};
-    internalGetSendBufferSizeFromSocket(info.Socket, facts);
-    report.Message(190, L"[%ls]:%u -> [%ls]:%u, send buffer %d bytes", facts.local.c_str(), unsigned{ facts.localPort },
-                   facts.peer.c_str(), unsigned{ facts.peerPort }, facts.sendBufferSize);
-    return facts.local;
+    report.Message(190, L"[%ls]:%u -> [%ls]:%u", ends.local.c_str(), unsigned{ ends.localPort }, ends.peer.c_str(),
+                   unsigned{ ends.peerPort });
+    if (int bytes = 0; internalGetSendBufferSizeFromSocket(info.Socket, bytes))
+        report.Message(195, L"Send buffer: %d bytes", bytes);
+    return ends.local;
 }
 
 // A dialog without an owner is not shown at all.
