@@ -85,6 +85,8 @@ private:
                                           const std::wstring& contentTypeHeader, HRESULT expectedResult);
     [[nodiscard]] HRESULT SendBody(CHTTPRequestDataWinINet& request, std::span<const BYTE> body,
                                    const std::wstring& headers) noexcept;
+    [[nodiscard]] HRESULT BeginSend(void* request, DWORD bodyLength, const std::wstring& headers) noexcept;
+    [[nodiscard]] HRESULT WriteBody(CHTTPRequestDataWinINet& request, std::span<const BYTE> body) const noexcept;
     [[nodiscard]] HRESULT GetCookiesForRequest(CHTTPRequestDataWinINet& request, std::wstring& header) const;
     void ReadCookiesFromWinINetResponse(const CHTTPRequestDataWinINet& request) const noexcept;
     [[nodiscard]] HRESULT internalReadResponse(CHTTPRequestDataWinINet& request);

@@ -30,6 +30,7 @@ constexpr DWORD kOptionMaximumConnectionsPerProxy = 103;
 constexpr DWORD kRequestFlags =
     INTERNET_FLAG_RELOAD | INTERNET_FLAG_NO_CACHE_WRITE | INTERNET_FLAG_KEEP_CONNECTION | INTERNET_FLAG_NO_COOKIES;
 constexpr DWORD kMaximumPiece = 32'000;           // of a body, per write
+constexpr int kMaximumResends = 2;                // of a body: NTLM, the longest of the schemes, takes two
 constexpr size_t kReadStep = size_t{ 16 } * 1024; // the answer's buffer grows in these steps
 constexpr size_t kMaximumReserve = size_t{ 256 } * 1024 * 1024;
 constexpr DWORD kDialogFlags =
@@ -588,28 +589,55 @@ HRESULT CVoHTTPMessageWinINet::SendBody(CHTTPRequestDataWinINet& request, std::s
                                         const std::wstring& headers) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::SendBody" };
-    constexpr DWORD_PTR kContext = 1;
     const HINTERNET handle = request.m_handle.Get();
+    for (int resends = 0;; ++resends)
+    {
+        if (const HRESULT hr = BeginSend(handle, static_cast<DWORD>(body.size()), headers); FAILED(hr))
+            return report(690, hr);
+        if (std::wstring address = internalGetClientIPAddressAndSendBufferSize(handle); !address.empty())
+            request.m_localIPAddress = std::move(address);
+        if (const HRESULT hr = WriteBody(request, body); FAILED(hr))
+            return report(692, hr);
+        if (CallBack* const callBack = GetCallBack(); callBack && !body.empty())
+            callBack->OnRequestSent();
+        if (::HttpEndRequestW(handle, nullptr, HSR_SYNC, 0))
+            return QueryStatus(handle, request.m_statusCode, report, 694);
+        // Credentials that the platform has are sent with the whole request anew, once for each challenge.
+        const DWORD error = ::GetLastError();
+        if (error != ERROR_INTERNET_FORCE_RETRY || resends == kMaximumResends)
+            return report.Win32(696, 697, error);
+        report.Message(698, L"The platform asks for the request again");
+    }
+}
+
+// Sends the headers, twice where a certificate error may be passed over.
+HRESULT CVoHTTPMessageWinINet::BeginSend(void* request, DWORD bodyLength, const std::wstring& headers) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::BeginSend" };
+    constexpr DWORD_PTR kContext = 1;
     INTERNET_BUFFERSW buffers{};
     buffers.dwStructSize = sizeof buffers;
     buffers.lpcszHeader = headers.c_str();
     buffers.dwHeadersLength = static_cast<DWORD>(headers.size());
-    buffers.dwBufferTotal = static_cast<DWORD>(body.size());
-    if (!::HttpSendRequestExW(handle, &buffers, nullptr, HSR_SYNC, kContext))
-    {
-        if (const HRESULT hr = WidenSecurity(handle, ::GetLastError()); FAILED(hr))
-            return report(700, hr);
-        if (!::HttpSendRequestExW(handle, &buffers, nullptr, HSR_SYNC, 0))
-            return report.LastError(705, 706);
-    }
-    if (std::wstring address = internalGetClientIPAddressAndSendBufferSize(handle); !address.empty())
-        request.m_localIPAddress = std::move(address);
+    buffers.dwBufferTotal = bodyLength;
+    if (::HttpSendRequestExW(request, &buffers, nullptr, HSR_SYNC, kContext))
+        return S_OK;
+    if (const HRESULT hr = WidenSecurity(request, ::GetLastError()); FAILED(hr))
+        return report(700, hr);
+    if (!::HttpSendRequestExW(request, &buffers, nullptr, HSR_SYNC, 0))
+        return report.LastError(705, 706);
+    return S_OK;
+}
 
+HRESULT CVoHTTPMessageWinINet::WriteBody(CHTTPRequestDataWinINet& request, std::span<const BYTE> body) const noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::WriteBody" };
+    request.m_sent = 0;
     for (size_t position = 0; position < body.size();)
     {
         const DWORD piece = static_cast<DWORD>(std::min<size_t>(kMaximumPiece, body.size() - position));
         DWORD written = 0;
-        if (!::InternetWriteFile(handle, body.data() + position, piece, &written))
+        if (!::InternetWriteFile(request.m_handle.Get(), body.data() + position, piece, &written))
             return report.LastError(710, 711);
         WriteDataToLogFile(EDataDirection::Written, body.data() + position, written);
         if (written != piece)
