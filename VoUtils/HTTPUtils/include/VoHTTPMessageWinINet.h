@@ -95,9 +95,6 @@ private:
     CInternetHandle m_session;
     CInternetHandle m_connection;
     std::vector<std::weak_ptr<CHTTPRequestDataWinINet>> m_requests; // with handles under the connection's
-    bool m_proxyCredentialsKnown = false;
-    bool m_proxyCredentialsToBeUsed = false;
-    std::wstring m_proxy;
     std::wstring m_proxyUser;
     CVoSecret<wchar_t> m_proxyPassword;
 };

@@ -40,37 +40,42 @@ constexpr DWORD kIgnoreCertificate = SECURITY_FLAG_IGNORE_UNKNOWN_CA | SECURITY_
                                      SECURITY_FLAG_IGNORE_CERT_CN_INVALID | SECURITY_FLAG_IGNORE_CERT_DATE_INVALID |
                                      kIgnoreRevocation;
 
-// Runs a query that answers a text: once for the size, in bytes with its end, and once for the text.
+// Runs a query that answers a text: once for the size, in bytes with its end, and once for the text, which is written where it
+// is to stay, because it may be a secret. False when the query failed, with its error as the last one; the text is empty then.
 template <class Query>
-std::optional<std::wstring> QueryText(Query query)
+bool QueryText(Query query, std::wstring& text)
 {
+    VoWipe(text);
     DWORD bytes = 0;
     if (query(nullptr, &bytes))
-        return std::wstring();
+        return true;
     if (::GetLastError() != ERROR_INSUFFICIENT_BUFFER)
-        return std::nullopt;
-    std::wstring text(bytes / sizeof(wchar_t) + 1, L'\0');
+        return false;
+    text.resize(bytes / sizeof(wchar_t) + 1);
     bytes = static_cast<DWORD>(text.size() * sizeof(wchar_t));
-    if (!query(text.data(), &bytes))
-        return std::nullopt;
-    text.resize(std::wcslen(text.c_str()));
-    return text;
+    const bool answered = query(text.data(), &bytes) != FALSE;
+    text.resize(answered ? std::wcslen(text.c_str()) : 0);
+    return answered;
 }
 
-std::optional<std::wstring> QueryOptionText(HINTERNET handle, DWORD option)
+bool QueryOptionText(HINTERNET handle, DWORD option, std::wstring& text)
 {
-    return QueryText([&](wchar_t* buffer, DWORD* bytes) { return ::InternetQueryOptionW(handle, option, buffer, bytes); });
+    return QueryText([&](wchar_t* buffer, DWORD* bytes) { return ::InternetQueryOptionW(handle, option, buffer, bytes); },
+                     text);
 }
 
 // A response header by its query code; nothing where the answer has none.
 std::optional<std::wstring> CheckHeader(HINTERNET request, DWORD query)
 {
-    return QueryText(
+    std::wstring text;
+    const bool isThere = QueryText(
         [&](wchar_t* buffer, DWORD* bytes)
         {
             DWORD index = 0;
             return ::HttpQueryInfoW(request, query, buffer, bytes, &index);
-        });
+        },
+        text);
+    return isThere ? std::optional<std::wstring>(std::move(text)) : std::nullopt;
 }
 
 // A response header as a number; nothing where the answer has none, or where it is no number.
@@ -240,8 +245,6 @@ HRESULT CVoHTTPMessageWinINet::internalClose() noexcept
     m_requests.clear();
     note(310, m_connection.Close());
     note(312, m_session.Close());
-    m_proxyCredentialsKnown = m_proxyCredentialsToBeUsed = false;
-    m_proxy.clear();
     m_proxyUser.clear();
     m_proxyPassword = CVoSecret<wchar_t>();
     ForgetConnection();
@@ -289,13 +292,14 @@ HRESULT CVoHTTPMessageWinINet::internalConnect()
     CProxy proxy;
     if (const HRESULT hr = GetProxy(nullptr, proxy); FAILED(hr))
         return report(375, hr);
-    m_proxy = std::move(proxy.proxy);
-    m_proxyCredentialsKnown = m_proxyCredentialsToBeUsed = !proxy.user.empty();
     m_proxyUser = std::move(proxy.user);
     m_proxyPassword.Get().swap(proxy.password);
 
-    if (m_proxyCredentialsKnown && m_proxyCredentialsToBeUsed && !m_proxyUser.empty() && !m_proxyPassword.Get().empty())
+    // The store names a user only where its credentials are known and to be used: then nobody need be asked.
+    if (!m_proxyUser.empty())
     {
+        if (m_proxyPassword.Get().empty())
+            return S_OK;
         if (const HRESULT hr = SetProxyCredentials(); FAILED(hr))
             return report(380, hr);
         return S_OK;
@@ -412,8 +416,11 @@ HRESULT CVoHTTPMessageWinINet::AskForCredentials(void* probe)
     if (answer != ERROR_SUCCESS && answer != ERROR_INTERNET_FORCE_RETRY)
         return report.Win32(510, 511, answer);
 
-    m_proxyUser = QueryOptionText(probe, INTERNET_OPTION_PROXY_USERNAME).value_or(std::wstring());
-    m_proxyPassword = CVoSecret<wchar_t>(QueryOptionText(probe, INTERNET_OPTION_PROXY_PASSWORD).value_or(std::wstring()));
+    // What was entered for a server leaves none for the proxy.
+    if (!QueryOptionText(probe, INTERNET_OPTION_PROXY_USERNAME, m_proxyUser))
+        report.LastError(513, 514);
+    if (!QueryOptionText(probe, INTERNET_OPTION_PROXY_PASSWORD, m_proxyPassword.Get()))
+        report.LastError(516, 517);
     UINT32 status = 0;
     if (const HRESULT hr = SendProbe(probe, status); FAILED(hr))
         return report(520, hr);
@@ -421,8 +428,13 @@ HRESULT CVoHTTPMessageWinINet::AskForCredentials(void* probe)
         return report(525, kResultUnexpectedStatus);
     if (!m_proxyStore || m_proxyUser.empty())
         return S_OK;
-    m_proxyCredentialsKnown = m_proxyCredentialsToBeUsed = true;
-    if (const HRESULT hr = SaveProxyCredentials(*m_proxyStore.Get(), m_proxy, m_proxyUser, m_proxyPassword.Get()); FAILED(hr))
+    // They are kept for the proxy that stands before this server, which need not be one that was configured by hand.
+    const std::wstring url = m_serverAddress.FullURL();
+    CProxy proxy;
+    if (const HRESULT hr = GetProxy(&url, proxy); FAILED(hr))
+        return report(527, hr);
+    if (const HRESULT hr = SaveProxyCredentials(*m_proxyStore.Get(), proxy.proxy, m_proxyUser, m_proxyPassword.Get());
+        FAILED(hr))
         return report(530, hr);
     return S_OK;
 }
@@ -645,29 +657,37 @@ HRESULT CVoHTTPMessageWinINet::WriteBody(CHTTPRequestDataWinINet& request, std::
         position += piece;
         request.m_sent = position;
     }
-    if (CallBack* const callBack = GetCallBack(); callBack && !body.empty())
-        callBack->OnRequestSent();
-    if (!::HttpEndRequestW(handle, nullptr, HSR_SYNC, 0))
-        return report.LastError(720, 721);
-    return QueryStatus(handle, request.m_statusCode, report, 725);
+    return S_OK;
 }
 
+// Hands the answer's cookies to the store, as those of where the answer came from: redirects may have led to another server.
 void CVoHTTPMessageWinINet::ReadCookiesFromWinINetResponse(const CHTTPRequestDataWinINet& request) const noexcept
 try
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::ReadCookiesFromWinINetResponse" };
+    if (!m_cookieStore)
+        return;
+    const HINTERNET handle = request.m_handle.Get();
+    std::wstring url;
     for (DWORD index = 0;;)
     {
         DWORD position = 0; // each query moves its index on, so that both calls start from the same one
-        const std::optional<std::wstring> value = QueryText(
+        std::wstring value;
+        const bool isThere = QueryText(
             [&](wchar_t* buffer, DWORD* bytes)
             {
                 position = index;
-                return ::HttpQueryInfoW(request.m_handle.Get(), HTTP_QUERY_SET_COOKIE, buffer, bytes, &position);
-            });
-        if (!value)
-            break;
-        if (const HRESULT hr = StoreCookie(m_cookieStore.Get(), *value, request.m_address.FullURL()); FAILED(hr))
+                return ::HttpQueryInfoW(handle, HTTP_QUERY_SET_COOKIE, buffer, bytes, &position);
+            },
+            value);
+        if (!isThere)
+            return;
+        if (url.empty() && !QueryOptionText(handle, INTERNET_OPTION_URL, url))
+        {
+            report.LastError(735, 736); // whose they are is unknown: the cookies are dropped, the answer stands
+            return;
+        }
+        if (const HRESULT hr = StoreCookie(m_cookieStore.Get(), value, url); FAILED(hr))
             report(740, hr); // the cookie is dropped, the answer stands
         index = position > index ? position : index + 1;
     }
