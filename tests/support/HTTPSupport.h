@@ -91,10 +91,18 @@ public:
     }
     // "proxy user password" of each credentials kept.
     std::vector<std::wstring> saved;
+    // The URL of each query, empty for the configured proxy.
+    std::vector<std::wstring> asked;
+    // What the two operations answer, where they are to fail.
+    HRESULT queryResult = S_OK;
+    HRESULT saveResult = S_OK;
 
     STDMETHODIMP Clear() noexcept override { return S_OK; }
-    STDMETHODIMP GetProxyForUrl(BSTR /*url*/, BSTR* proxy, BSTR* user, BSTR* password) noexcept override
+    STDMETHODIMP GetProxyForUrl(BSTR url, BSTR* proxy, BSTR* user, BSTR* password) noexcept override
     {
+        asked.emplace_back(CVoBstr::ViewOf(url));
+        if (FAILED(queryResult))
+            return queryResult;
         *proxy = CVoBstr(m_proxy).Detach();
         if (user)
             *user = m_user.empty() ? nullptr : CVoBstr(m_user).Detach();
@@ -107,6 +115,8 @@ public:
     {
         if (valid == VARIANT_FALSE || required == VARIANT_FALSE)
             return E_INVALIDARG;
+        if (FAILED(saveResult))
+            return saveResult;
         m_user = CVoBstr::ViewOf(user);
         m_password = CVoBstr::ViewOf(password);
         saved.push_back(std::wstring(CVoBstr::ViewOf(proxy)) + L" " + m_user + L" " + m_password);
