@@ -20,120 +20,71 @@
 
 namespace TestSupport
 {
-// A transport, and where it may differ from the others.
+// A transport, and where it may differ from the others. What stands here by default is what the transports share.
 struct CTransport
 {
     UINT32 kind;
     const char* name;
-    // The code of an answer other than 200, and of a time-out: the Windows services have numbers of their own, and Wine's are
-    // others than Windows', so that only failure is asked for (S_OK).
-    HRESULT unexpectedStatus;
-    HRESULT timeOut;
+    // The code of an answer other than 200.
+    HRESULT unexpectedStatus = kResultUnexpectedStatus;
     // The code of a challenge that nobody answers.
-    HRESULT unanswered;
+    HRESULT unanswered = E_FAIL;
+    // The code of a time-out. The Windows services have numbers of their own, and Wine's are others than Windows', so that only
+    // failure is asked for (S_OK).
+    HRESULT timeOut = S_OK;
     // Credentials are asked for through the callback. WinINet shows the system's dialog instead, and only while connecting.
-    bool asksCallback;
+    bool asksCallback = true;
     // Cookies of the answers that redirect are kept, and each hop is sent its own: WinINet follows redirects inside.
-    bool seesRedirects;
-    // Wine's WinHTTP follows a redirect to a path, and of a request without a body only.
-    bool redirectsUnderWine;
-    // Set-Cookie headers of answers other than 200 are kept.
-    bool keepsCookiesOfFailures;
+    bool seesRedirects = true;
     // The answer waits with the connection until it is read, so that connecting anew loses it.
-    bool answerWaitsAtConnection;
+    bool answerWaitsAtConnection = false;
     // The client's own address is known. It is for the trace; Wine's WinINet has no socket to show, and Wine's WinHTTP has it
     // only until the answer has been read.
-    bool knowsLocalAddress;
+    bool knowsLocalAddress = false;
     // Progress of the answer is seen while the request is sent, not only while the answer is read.
-    bool receivesWhileSending;
+    bool receivesWhileSending = false;
+    // A server on this machine is connected to as "localhost.localhost".
+    bool rewritesLoopback = false;
     // Wine's Windows services take a connection that ends among the headers or the chunks for the end of the answer, follow
     // redirects for ever, and lose a body that a redirect says to send again; Windows' do not.
-    bool documentedUnderWine;
+    bool documentedUnderWine = false;
+    // Wine's WinHTTP follows a redirect to a path, and of a request without a body only;
+    bool redirectsUnderWine = true;
+    // it has no end to waiting for the headers;
+    bool timesOutUnderWine = true;
+    // and keeps connections for the process, not for the message.
+    bool dropsConnectionsUnderWine = true;
     // An https server must show a good certificate when that is asked for. Wine's Schannel looks at none for libcurl.
-    bool checksCertificatesUnderWine;
-    // Connections belong to the message under Wine too.
-    bool dropsConnectionsUnderWine;
-    // Waiting for the headers has an end under Wine too.
-    bool timesOutUnderWine;
-    // A server on this machine is connected to as "localhost.localhost".
-    bool rewritesLoopback;
-    // Compressed answers are decoded. The other transports do not offer to take them.
-    bool decodes;
+    bool checksCertificatesUnderWine = true;
 };
+
+[[nodiscard]] constexpr CTransport WinHTTPTransport(UINT32 kind, const char* name, bool rewritesLoopback) noexcept
+{
+    return { .kind = kind,
+             .name = name,
+             .rewritesLoopback = rewritesLoopback,
+             .redirectsUnderWine = false,
+             .timesOutUnderWine = false,
+             .dropsConnectionsUnderWine = false };
+}
 
 inline constexpr CTransport kTransports[] = {
     { .kind = 0,
       .name = "WinINet",
-      .unexpectedStatus = kResultUnexpectedStatus,
-      .timeOut = S_OK,
       .unanswered = kResultUnexpectedStatus,
       .asksCallback = false,
       .seesRedirects = false,
-      .redirectsUnderWine = true,
-      .keepsCookiesOfFailures = false,
-      .answerWaitsAtConnection = true,
-      .knowsLocalAddress = false,
-      .receivesWhileSending = false,
-      .documentedUnderWine = false,
-      .checksCertificatesUnderWine = true,
-      .dropsConnectionsUnderWine = true,
-      .timesOutUnderWine = true,
-      .rewritesLoopback = false,
-      .decodes = false },
-    { .kind = 1,
-      .name = "WinHTTP",
-      .unexpectedStatus = kResultUnexpectedStatus,
-      .timeOut = S_OK,
-      .unanswered = E_FAIL,
-      .asksCallback = true,
-      .seesRedirects = true,
-      .redirectsUnderWine = false,
-      .keepsCookiesOfFailures = false,
-      .answerWaitsAtConnection = false,
-      .knowsLocalAddress = false,
-      .receivesWhileSending = false,
-      .documentedUnderWine = false,
-      .checksCertificatesUnderWine = true,
-      .dropsConnectionsUnderWine = false,
-      .timesOutUnderWine = false,
-      .rewritesLoopback = false,
-      .decodes = false },
+      .answerWaitsAtConnection = true },
+    WinHTTPTransport(1, "WinHTTP", false),
     { .kind = 2,
       .name = "CURL",
       .unexpectedStatus = E_FAIL,
       .timeOut = kResultTimeout,
-      .unanswered = E_FAIL,
-      .asksCallback = true,
-      .seesRedirects = true,
-      .redirectsUnderWine = true,
-      .keepsCookiesOfFailures = true,
-      .answerWaitsAtConnection = false,
       .knowsLocalAddress = true,
       .receivesWhileSending = true,
       .documentedUnderWine = true,
-      .checksCertificatesUnderWine = false,
-      .dropsConnectionsUnderWine = true,
-      .timesOutUnderWine = true,
-      .rewritesLoopback = false,
-      .decodes = true },
-    { .kind = 3,
-      .name = "WinHTTPRewriting",
-      .unexpectedStatus = kResultUnexpectedStatus,
-      .timeOut = S_OK,
-      .unanswered = E_FAIL,
-      .asksCallback = true,
-      .seesRedirects = true,
-      .redirectsUnderWine = false,
-      .keepsCookiesOfFailures = false,
-      .answerWaitsAtConnection = false,
-      .knowsLocalAddress = false,
-      .receivesWhileSending = false,
-      .documentedUnderWine = false,
-      .checksCertificatesUnderWine = true,
-      .dropsConnectionsUnderWine = false,
-      .timesOutUnderWine = false,
-      .rewritesLoopback = true,
-      .decodes = false },
+      .checksCertificatesUnderWine = false },
+    WinHTTPTransport(3, "WinHTTPRewriting", true),
 };
 
 // Whether the platform behind a transport behaves as documented in the points that Wine has differently.

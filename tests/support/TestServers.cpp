@@ -34,15 +34,10 @@ std::optional<CTestServers> ReadEnvironment()
         return std::nullopt;
     servers.otherHostPort = Port(Variable("VOUTILS_NGINX_TLS_OTHER_HOST_PORT"));
     servers.expiredPort = Port(Variable("VOUTILS_NGINX_TLS_EXPIRED_PORT"));
-    servers.authority = LocalPath(Variable("VOUTILS_NGINX_CA"));
-    servers.otherAuthority = LocalPath(Variable("VOUTILS_NGINX_OTHER_CA"));
     servers.root = LocalPath(Variable("VOUTILS_NGINX_ROOT"));
     std::istringstream spare(Variable("VOUTILS_NGINX_TLS_SPARE_PORTS"));
     for (std::string port; spare >> port;)
         servers.sparePorts.push_back(Port(port));
-    std::istringstream fronts(Variable("VOUTILS_TLS_FRONTS"));
-    for (std::string pair; fronts >> pair;)
-        servers.tlsFronts.emplace_back(Port(pair), Port(pair.substr(pair.find(':') + 1)));
     servers.squidPort = Port(Variable("VOUTILS_SQUID_PORT"));
     servers.squidAuthPort = Port(Variable("VOUTILS_SQUID_AUTH_PORT"));
     servers.squidUser = Variable("VOUTILS_SQUID_USER");

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 namespace TestSupport
@@ -17,15 +16,9 @@ struct CTestServers
     uint16_t otherHostPort = 0;       // TLS with a certificate for another host
     uint16_t expiredPort = 0;         // TLS with a certificate that has ended
     std::vector<uint16_t> sparePorts; // further TLS ports: client libraries keep what they accepted for a (host, port)
-    std::string authority;            // path of the certificate authority's file, as this program opens it
-    std::string otherAuthority;
-    std::string root; // the folder of the static files
-    // A TLS port and the local port that it leads to, where a CScriptedServer may listen: scripted answers over TLS.
-    // When the script closes, the front sends the closing alert and waits three seconds for the client's before it closes;
-    // under Wine libcurl does not see the alert, so that an answer cut off takes these three seconds (CURLE_RECV_ERROR).
-    std::vector<std::pair<uint16_t, uint16_t>> tlsFronts;
-    uint16_t squidPort = 0;     // a proxy for everybody
-    uint16_t squidAuthPort = 0; // a proxy for who knows these
+    std::string root;                 // the folder of the static files
+    uint16_t squidPort = 0;           // a proxy for everybody
+    uint16_t squidAuthPort = 0;       // a proxy for who knows these
     std::string squidUser;
     std::string squidPassword;
 

@@ -384,11 +384,12 @@ HRESULT CVoHTTPMessageWinHTTP::internalSend(CHTTPRequestDataWinHTTP& request, st
     if (request.m_exchange)
         if (const HRESULT hr = OpenHandle(request, request.m_verb); FAILED(hr))
             return report(400, hr);
-    if (const HRESULT hr = MakeExchange(request, body, contentTypeHeader); FAILED(hr))
-        return report(405, hr);
 
     CSendResult sent;
-    HRESULT hr = SendUntilAnswered(request, body, allowRetry, sent);
+    request.m_statusCode = 0;
+    HRESULT hr = MakeExchange(request, body, contentTypeHeader);
+    if (SUCCEEDED(hr))
+        hr = SendUntilAnswered(request, body, allowRetry, sent);
     if (FAILED(hr))
         report(410, hr);
     if (CallBack* const callBack = SUCCEEDED(hr) ? GetCallBack() : nullptr)
@@ -404,7 +405,7 @@ HRESULT CVoHTTPMessageWinHTTP::internalSend(CHTTPRequestDataWinHTTP& request, st
         *result = std::move(sent);
     if (FAILED(hr))
     {
-        // Nothing may refer to the body any more; the request can be sent again.
+        // Nothing may refer to the body or keep its headers any more; the request can be sent again.
         if (const HRESULT opened = OpenHandle(request, request.m_verb); FAILED(opened))
             report(425, opened);
         return hr;
