@@ -6,9 +6,9 @@
 #include "support/HTTPSupport.h"
 #include "support/ImportHook.h"
 #include "support/LogCapture.h"
-#include "support/ScriptedServer.h"
 #include "support/TestMain.h"
 
+#include <LoopbackServer.h>
 #include <VoGlobalHTTPCookieStoreImpl.h>
 
 #include <base/VoUtils.h>
@@ -314,7 +314,9 @@ TEST_F(WinINetTransport, BodiesAreWrittenInPieces)
         SCOPED_TRACE(size);
         ASSERT_EQ(Connect(), S_OK);
         m_platform.calls.clear();
-        const std::string payload = Pattern(size - 2);
+        std::string payload(size - 2, '\0');
+        for (size_t i = 0; i < payload.size(); ++i)
+            payload[i] = static_cast<char>(i * 2654435761U >> 13); // so that an exchanged piece would show
         EXPECT_EQ(Exchange(payload), S_OK);
         EXPECT_EQ(m_platform.written, "&&" + payload);
         const Calls begin = { "OpenRequest h2 POST /a%20b?c=1 HTTP/1.1 null */* 84480000 0",
@@ -482,7 +484,7 @@ TEST_F(WinINetTransport, HandlesAreClosedFromTheLeavesUp)
 TEST_F(WinINetTransport, TheEndsOfTheConnectionAreTraced)
 {
     ASSERT_EQ(Connect(), S_OK);
-    const CScriptedServer server;
+    const Loopback::CLoopbackServer server([](const Loopback::CRequest&, Loopback::CConnection&) {});
     m_platform.socket = ::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
     sockaddr_in peer{};
     peer.sin_family = AF_INET;
@@ -550,6 +552,11 @@ private:
     HHOOK m_hook;
 };
 
+std::wstring Wide(const std::string& text)
+{
+    return { text.begin(), text.end() };
+}
+
 HRESULT ConnectTo(const std::wstring& url, IVoHTTPCookieStore* cookies, std::shared_ptr<CVoHTTPMessage>& message)
 {
     const CTransportScope scope(0);
@@ -565,6 +572,8 @@ TEST(WinINetPlatform, TheSystemsDialogAsksForCredentials)
     if (!::CreateWindowExW(0, L"STATIC", L"", 0, 0, 0, 1, 1, HWND_MESSAGE, nullptr, nullptr, nullptr) &&
         ::GetLastError() != ERROR_SUCCESS)
         GTEST_SKIP() << "no windows here: the process has no display";
+    constexpr const char* kRight = "Basic YW5uOnJpZ2h0"; // ann:right
+    constexpr const char* kWrong = "Basic YW5uOndyb25n"; // ann:wrong
     struct
     {
         const wchar_t* password;
@@ -578,33 +587,41 @@ TEST(WinINetPlatform, TheSystemsDialogAsksForCredentials)
     for (const auto& row : table)
     {
         SCOPED_TRACE(testing::Message() << row.button);
-        CScriptedServer server;
-        server.On("/", Answer::Basic("ann", "right", Answer::Text("a=1")));
+        std::string seen; // of the last request
+        const Loopback::CLoopbackServer server(
+            [&](const Loopback::CRequest& request, Loopback::CConnection& connection)
+            {
+                seen = request.Header("Authorization");
+                if (seen == kRight)
+                    connection.SendResponse(200, {}, "a=1");
+                else
+                    connection.SendResponse(401, { { "WWW-Authenticate", "Basic realm=\"r\"" } });
+            });
         CLogCapture log;
         CDialogAnswer user(L"ann", row.password, row.button);
         std::shared_ptr<CVoHTTPMessage> message;
-        EXPECT_EQ(ConnectTo(server.WideURL(), nullptr, message), row.result);
+        EXPECT_EQ(ConnectTo(Wide(server.URL()), nullptr, message), row.result);
         EXPECT_EQ(user.shown, 1);
         if (row.button == IDOK)
         {
-            EXPECT_EQ(server.Requests().back().Header("Authorization"),
-                      "Basic " + EncodeBase64(row.password == std::wstring_view(L"right") ? "ann:right" : "ann:wrong"));
+            EXPECT_EQ(seen, row.password == std::wstring_view(L"right") ? kRight : kWrong);
         }
     }
 }
 
 TEST(WinINetPlatform, CookiesOfARedirectedAnswerGoToItsServer)
 {
-    CScriptedServer server;
-    server.On("/start", Answer::Redirect(302, "http://localhost:" + std::to_string(server.Port()) + "/end"));
-    server.On("/end", Answer::SetCookies({ "a=1; Path=/" }, "b=2"));
+    const Loopback::CLoopbackServer second([](const Loopback::CRequest&, Loopback::CConnection& connection)
+                                           { connection.SendResponse(200, { { "Set-Cookie", "a=1; Path=/" } }, "b=2"); });
+    const std::string target = "http://localhost:" + std::to_string(second.Port()) + "/end";
+    const Loopback::CLoopbackServer first([&](const Loopback::CRequest&, Loopback::CConnection& connection)
+                                          { connection.SendResponse(302, { { "Location", target } }); });
     const auto cookies = VoMakeComObject<CVoGlobalHTTPCookieStoreImpl>();
     std::shared_ptr<CVoHTTPMessage> message;
-    ASSERT_EQ(ConnectTo(server.WideURL("/start"), cookies.Get(), message), S_OK);
+    ASSERT_EQ(ConnectTo(Wide(first.URL()), cookies.Get(), message), S_OK);
     std::shared_ptr<CVoHTTPMessage::CHTTPRequestData> request;
     ASSERT_EQ(message->SendGetRequest(request, {}, false, nullptr), S_OK);
-    const std::wstring port = std::to_wstring(server.Port());
-    EXPECT_EQ(CookiesFor(*cookies.Get(), L"http://127.0.0.1:" + port + L"/"), L"");
-    EXPECT_EQ(CookiesFor(*cookies.Get(), L"http://localhost:" + port + L"/"), L"a=1");
+    EXPECT_EQ(CookiesFor(*cookies.Get(), L"http://127.0.0.1/"), L"");
+    EXPECT_EQ(CookiesFor(*cookies.Get(), L"http://localhost/"), L"a=1");
 }
 } // namespace
