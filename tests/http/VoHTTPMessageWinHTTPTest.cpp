@@ -197,11 +197,11 @@ TEST(WinHTTPTransport, PassesOverARefusedTuningAndOverNothingElse)
         bool opens;
         bool revocation = false;
     };
-    const CCase cases[] = { { 3, 12009, true, true },    { 74, 12009, true, true },        { 73, 12016, true, true },
-                            { 73, 5, false, false },     { 6, 87, false, false },          { 79, 87, true, true },
-                            { 79, 12009, true, true },   { 79, 12009, true, false, true }, { 79, 87, true, false, true },
-                            { 79, 12004, true, false },  { 31, 12009, true, false },       { 63, 12009, true, false },
-                            { kNoTuning, 0, true, true } };
+    const CCase cases[] = { { 3, 12009, true, true },      { 74, 12009, true, true },   { 73, 12016, true, true },
+                            { 73, 5, false, false },       { 6, 87, false, false },     { 74, 87, false, false },
+                            { 79, 87, true, true },        { 79, 12009, true, true },   { 79, 12009, true, false, true },
+                            { 79, 87, true, false, true }, { 79, 12004, true, false },  { 31, 12009, true, false },
+                            { 63, 12009, true, false },    { kNoTuning, 0, true, true } };
     for (const CCase& item : cases)
     {
         SCOPED_TRACE(testing::Message() << item.option << " " << item.error);
@@ -558,6 +558,17 @@ TEST(WinHTTPTransport, EveryFailureOfTheServiceIsHandled)
             VO_FAULT("winhttp.dll", WinHttpReadData, FALSE, kError),
         },
         run, wasReported, { &handles }, false);
+}
+
+TEST(WinHTTPTransport, RefusesTheRequestsOfAnotherMessage)
+{
+    const auto one = Connect(L"http://server.test/");
+    const auto other = Connect(L"http://server.test/");
+    Request request;
+    ASSERT_EQ(one->OpenRequest(request), S_OK);
+    EXPECT_EQ(Send(*other, request), E_INVALIDARG);
+    CVoBinaryDataParser answer;
+    EXPECT_EQ(other->ReadResponse(request, answer, Response::Parameters, nullptr, nullptr), E_INVALIDARG);
 }
 
 TEST(WinHTTPTransport, SendsARequestAgainAfterAFailureOfItsAnswer)

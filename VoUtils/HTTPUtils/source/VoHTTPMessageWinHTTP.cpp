@@ -63,7 +63,8 @@ HRESULT SetTuning(const VoWinHttpInterface::WinHttpHandle& handle, DWORD option,
     const HRESULT hr = handle.SetOption(option, value);
     if (SUCCEEDED(hr))
         return S_OK;
-    if (!WindowsTransport::IsRefusedTuning(hr, value))
+    constexpr DWORD kOn = 1; // as good as any other number for a limit, which cannot be switched off
+    if (!WindowsTransport::IsRefusedTuning(hr, option == WINHTTP_OPTION_ENABLE_FEATURE ? value : kOn))
         return report(line, hr);
     report.Message(line + 1, L"Option %lu was refused: 0x%08lX", option, static_cast<unsigned long>(hr));
     return S_OK;
@@ -288,6 +289,14 @@ HRESULT CVoHTTPMessageWinHTTP::internalOpenRequest(const CServerAddressData& add
         return report(285, hr);
     request = std::move(made);
     return S_OK;
+}
+
+// The request behind a caller's pointer; null unless this message made it.
+CVoHTTPMessageWinHTTP::CHTTPRequestDataWinHTTP* CVoHTTPMessageWinHTTP::OwnRequest(
+    const std::shared_ptr<CHTTPRequestData>& request) const noexcept
+{
+    auto* const data = dynamic_cast<CHTTPRequestDataWinHTTP*>(request.get());
+    return data && data->m_message.lock().get() == this ? data : nullptr;
 }
 
 // Gives a request a fresh handle with everything that does not depend on its body. An exchange before is over then.
@@ -638,7 +647,7 @@ try
                                            .unknownKind = 645,
                                            .exception = 646 };
     const CAutoLock lock(&m_lock);
-    auto* const data = dynamic_cast<CHTTPRequestDataWinHTTP*>(request.get());
+    auto* const data = OwnRequest(request);
     if (!data || !data->m_handle.IsOpen())
         return report(630, E_INVALIDARG);
     CContent content;
@@ -662,7 +671,7 @@ try
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinHTTP::SendMultipleMessages" };
     const CAutoLock lock(&m_lock);
-    auto* const data = dynamic_cast<CHTTPRequestDataWinHTTP*>(request.get());
+    auto* const data = OwnRequest(request);
     if (!data || !data->m_handle.IsOpen())
         return report(670, E_INVALIDARG);
     CContent content;
@@ -683,7 +692,7 @@ try
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinHTTP::SendGetRequest" };
     const CAutoLock lock(&m_lock);
-    auto* const data = objectPath.empty() ? dynamic_cast<CHTTPRequestDataWinHTTP*>(request.get()) : nullptr;
+    auto* const data = objectPath.empty() ? OwnRequest(request) : nullptr;
     if (data)
     {
         if (const HRESULT hr = OpenHandle(*data, L"GET"); FAILED(hr))
@@ -749,7 +758,7 @@ try
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinHTTP::ReadResponse" };
     const CAutoLock lock(&m_lock);
-    auto* const data = dynamic_cast<CHTTPRequestDataWinHTTP*>(request.get());
+    auto* const data = OwnRequest(request);
     if (!data)
         return report(770, E_INVALIDARG);
     if (const HRESULT hr = internalReadResponse(*data); FAILED(hr))
@@ -770,7 +779,7 @@ try
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinHTTP::ReadMultipleResponses" };
     const CAutoLock lock(&m_lock);
-    auto* const data = dynamic_cast<CHTTPRequestDataWinHTTP*>(request.get());
+    auto* const data = OwnRequest(request);
     if (!data)
         return report(800, E_INVALIDARG);
     if (const HRESULT hr = internalReadResponse(*data); FAILED(hr))
