@@ -83,8 +83,7 @@ private:
                                        const std::wstring& contentTypeHeader, bool allowRetry, CSendResult* result);
     [[nodiscard]] HRESULT internalSendRAW(CHTTPRequestDataWinINet& request, std::span<const BYTE> body,
                                           const std::wstring& contentTypeHeader, HRESULT expectedResult);
-    [[nodiscard]] HRESULT SendBody(CHTTPRequestDataWinINet& request, std::span<const BYTE> body,
-                                   const std::wstring& headers) noexcept;
+    [[nodiscard]] HRESULT SendBody(CHTTPRequestDataWinINet& request, std::span<const BYTE> body, const std::wstring& headers);
     [[nodiscard]] HRESULT BeginSend(void* request, DWORD bodyLength, const std::wstring& headers) noexcept;
     [[nodiscard]] HRESULT WriteBody(CHTTPRequestDataWinINet& request, std::span<const BYTE> body) const noexcept;
     [[nodiscard]] HRESULT GetCookiesForRequest(CHTTPRequestDataWinINet& request, std::wstring& header) const;

@@ -1,26 +1,19 @@
 #include <VoHTTPMessageWinINet.h>
 
 #include "VoUrl.h"
+#include "WinINetSupport.h"
 #include "WindowsTransport.h"
-
-#include <VoNetworkUtils.h>
 
 #include <base/VoUtils.h>
 #include <base/com/VoComHelper.h>
 
-#include <wininet.h>
-
 #include <algorithm>
-#include <array>
-#include <cwchar>
 #include <optional>
 
 namespace VoHTTPMessageWinINet
 {
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\source\\VoHTTPMessageWinINet";
-
 constexpr UINT32 kStatusUnauthorized = 401;
 constexpr UINT32 kStatusProxyAuthenticationRequired = 407;
 constexpr UINT32 kStatusServerError = 500;
@@ -40,118 +33,6 @@ constexpr DWORD kIgnoreCertificate = SECURITY_FLAG_IGNORE_UNKNOWN_CA | SECURITY_
                                      SECURITY_FLAG_IGNORE_CERT_CN_INVALID | SECURITY_FLAG_IGNORE_CERT_DATE_INVALID |
                                      kIgnoreRevocation;
 
-// Runs a query that answers a text: once for the size, in bytes with its end, and once for the text, which is written where it
-// is to stay, because it may be a secret. False when the query failed, with its error as the last one; the text is empty then.
-template <class Query>
-bool QueryText(Query query, std::wstring& text)
-{
-    VoWipe(text);
-    DWORD bytes = 0;
-    if (query(nullptr, &bytes))
-        return true;
-    if (::GetLastError() != ERROR_INSUFFICIENT_BUFFER)
-        return false;
-    text.resize(bytes / sizeof(wchar_t) + 1);
-    bytes = static_cast<DWORD>(text.size() * sizeof(wchar_t));
-    const bool answered = query(text.data(), &bytes) != FALSE;
-    text.resize(answered ? std::wcslen(text.c_str()) : 0);
-    return answered;
-}
-
-bool QueryOptionText(HINTERNET handle, DWORD option, std::wstring& text)
-{
-    return QueryText([&](wchar_t* buffer, DWORD* bytes) { return ::InternetQueryOptionW(handle, option, buffer, bytes); },
-                     text);
-}
-
-// A response header by its query code; nothing where the answer has none.
-std::optional<std::wstring> CheckHeader(HINTERNET request, DWORD query)
-{
-    std::wstring text;
-    const bool isThere = QueryText(
-        [&](wchar_t* buffer, DWORD* bytes)
-        {
-            DWORD index = 0;
-            return ::HttpQueryInfoW(request, query, buffer, bytes, &index);
-        },
-        text);
-    return isThere ? std::optional<std::wstring>(std::move(text)) : std::nullopt;
-}
-
-// A response header as a number; nothing where the answer has none, or where it is no number.
-std::optional<UINT64> GetHeaderLongValue(HINTERNET request, DWORD query)
-{
-    const std::optional<std::wstring> text = CheckHeader(request, query);
-    return text ? WindowsTransport::ParseLength(*text) : std::nullopt;
-}
-
-// The status of the answer that the request has.
-HRESULT QueryStatus(HINTERNET request, UINT32& status, const CVoReporter& report, int line) noexcept
-{
-    DWORD value = 0;
-    DWORD length = sizeof value;
-    if (!::HttpQueryInfoW(request, HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &value, &length, nullptr))
-        return report.LastError(line, line + 1);
-    status = value;
-    return S_OK;
-}
-
-// The two ends of a request's connection, for the trace. The platform need not tell them.
-struct CEndpoints
-{
-    std::wstring local;
-    std::wstring peer;
-    UINT16 localPort = 0;
-    UINT16 peerPort = 0;
-};
-
-bool GetEndpoint(SOCKET socket, int(WSAAPI* query)(SOCKET, sockaddr*, int*), std::wstring& text, UINT16& port) noexcept
-{
-    sockaddr_storage storage{};
-    int length = sizeof storage;
-    auto* const name = reinterpret_cast<sockaddr*>(&storage);
-    if (query(socket, name, &length) != 0)
-        return false;
-    VoNetworkUtils::CVoIPAddress address;
-    bool taken = false;
-    if (FAILED(address.InitFromIPAddress(*name, true, taken)) || !taken)
-        return false;
-    text = address.Text();
-    // Both families have the port at the same place.
-    port = ::ntohs(reinterpret_cast<const sockaddr_in*>(&storage)->sin_port);
-    return true;
-}
-
-bool internalGetIPAddressesFromSocket(SOCKET socket, CEndpoints& ends) noexcept
-{
-    return GetEndpoint(socket, &::getsockname, ends.local, ends.localPort) &&
-           GetEndpoint(socket, &::getpeername, ends.peer, ends.peerPort);
-}
-
-bool internalGetSendBufferSizeFromSocket(SOCKET socket, int& bytes) noexcept
-{
-    int length = sizeof bytes;
-    return ::getsockopt(socket, SOL_SOCKET, SO_SNDBUF, reinterpret_cast<char*>(&bytes), &length) == 0;
-}
-
-// Traces the two ends and the send buffer and gives the client's address; empty where the platform has no socket to show.
-std::wstring internalGetClientIPAddressAndSendBufferSize(HINTERNET request) noexcept
-{
-    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalGetClientIPAddressAndSendBufferSize" };
-    INTERNET_DIAGNOSTIC_SOCKET_INFO info{};
-    DWORD length = sizeof info;
-    if (!::InternetQueryOptionW(request, INTERNET_OPTION_DIAGNOSTIC_SOCKET_INFO, &info, &length) || info.Socket == 0)
-        return {};
-    CEndpoints ends;
-    if (!internalGetIPAddressesFromSocket(info.Socket, ends))
-        return {};
-    report.Message(190, L"[%ls]:%u -> [%ls]:%u", ends.local.c_str(), unsigned{ ends.localPort }, ends.peer.c_str(),
-                   unsigned{ ends.peerPort });
-    if (int bytes = 0; internalGetSendBufferSizeFromSocket(info.Socket, bytes))
-        report.Message(195, L"Send buffer: %d bytes", bytes);
-    return ends.local;
-}
-
 // A dialog without an owner is not shown at all.
 HWND DialogOwner() noexcept
 {
@@ -159,29 +40,6 @@ HWND DialogOwner() noexcept
     return active ? active : ::GetDesktopWindow();
 }
 } // namespace
-
-CInternetHandle::CInternetHandle(CInternetHandle&& other) noexcept : m_handle(std::exchange(other.m_handle, nullptr)) {}
-
-CInternetHandle& CInternetHandle::operator=(CInternetHandle&& other) noexcept
-{
-    std::swap(m_handle, other.m_handle);
-    return *this;
-}
-
-CInternetHandle::~CInternetHandle()
-{
-    const CVoLastErrorKeeper keeper;
-    (void)Close();
-}
-
-HRESULT CInternetHandle::Close() noexcept
-{
-    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::CInternetHandle::Close" };
-    if (void* const handle = std::exchange(m_handle, nullptr))
-        if (!::InternetCloseHandle(handle))
-            return report.LastError(240, 241);
-    return S_OK;
-}
 
 class CVoHTTPMessageWinINet::CHTTPRequestDataWinINet final : public CHTTPRequestData
 {
@@ -598,7 +456,7 @@ HRESULT CVoHTTPMessageWinINet::internalSendRAW(CHTTPRequestDataWinINet& request,
 
 // Sends headers and body and waits for the status.
 HRESULT CVoHTTPMessageWinINet::SendBody(CHTTPRequestDataWinINet& request, std::span<const BYTE> body,
-                                        const std::wstring& headers) noexcept
+                                        const std::wstring& headers)
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::SendBody" };
     const HINTERNET handle = request.m_handle.Get();
@@ -669,18 +527,11 @@ try
         return;
     const HINTERNET handle = request.m_handle.Get();
     std::wstring url;
-    for (DWORD index = 0;;)
+    DWORD index = 0;
+    for (;;)
     {
-        DWORD position = 0; // each query moves its index on, so that both calls start from the same one
         std::wstring value;
-        const bool isThere = QueryText(
-            [&](wchar_t* buffer, DWORD* bytes)
-            {
-                position = index;
-                return ::HttpQueryInfoW(handle, HTTP_QUERY_SET_COOKIE, buffer, bytes, &position);
-            },
-            value);
-        if (!isThere)
+        if (!NextHeader(handle, HTTP_QUERY_SET_COOKIE, index, value))
             return;
         if (url.empty() && !QueryOptionText(handle, INTERNET_OPTION_URL, url))
         {
@@ -689,7 +540,6 @@ try
         }
         if (const HRESULT hr = StoreCookie(m_cookieStore.Get(), value, url); FAILED(hr))
             report(740, hr); // the cookie is dropped, the answer stands
-        index = position > index ? position : index + 1;
     }
 }
 catch (...)

@@ -1,0 +1,157 @@
+#include "WinINetSupport.h"
+
+#include "WindowsTransport.h"
+
+#include <VoNetworkUtils.h>
+
+#include <base/VoUtils.h>
+#include <base/VoWipe.h>
+
+#include <cwchar>
+#include <utility>
+
+namespace VoHTTPMessageWinINet
+{
+namespace
+{
+// Runs a query that answers a text: once for the size, in bytes with its end, and once for the text, which is written where it
+// is to stay, because it may be a secret. False when the query failed, with its error as the last one; the text is empty then.
+template <class Query>
+bool QueryText(Query query, std::wstring& text)
+{
+    VoWipe(text);
+    DWORD bytes = 0;
+    if (query(nullptr, &bytes))
+        return true;
+    if (::GetLastError() != ERROR_INSUFFICIENT_BUFFER)
+        return false;
+    text.resize(bytes / sizeof(wchar_t) + 1);
+    bytes = static_cast<DWORD>(text.size() * sizeof(wchar_t));
+    const bool answered = query(text.data(), &bytes) != FALSE;
+    text.resize(answered ? std::wcslen(text.c_str()) : 0);
+    return answered;
+}
+
+// The two ends of a request's connection, for the trace. The platform need not tell them.
+struct CEndpoints
+{
+    std::wstring local;
+    std::wstring peer;
+    UINT16 localPort = 0;
+    UINT16 peerPort = 0;
+};
+
+bool GetEndpoint(SOCKET socket, int(WSAAPI* query)(SOCKET, sockaddr*, int*), std::wstring& text, UINT16& port)
+{
+    sockaddr_storage storage{};
+    int length = sizeof storage;
+    auto* const name = reinterpret_cast<sockaddr*>(&storage);
+    if (query(socket, name, &length) != 0)
+        return false;
+    VoNetworkUtils::CVoIPAddress address;
+    bool taken = false;
+    if (FAILED(address.InitFromIPAddress(*name, true, taken)) || !taken)
+        return false;
+    text = address.Text();
+    // Both families have the port at the same place.
+    port = ::ntohs(reinterpret_cast<const sockaddr_in*>(&storage)->sin_port);
+    return true;
+}
+
+bool internalGetIPAddressesFromSocket(SOCKET socket, CEndpoints& ends)
+{
+    return GetEndpoint(socket, &::getsockname, ends.local, ends.localPort) &&
+           GetEndpoint(socket, &::getpeername, ends.peer, ends.peerPort);
+}
+
+bool internalGetSendBufferSizeFromSocket(SOCKET socket, int& bytes)
+{
+    int length = sizeof bytes;
+    return ::getsockopt(socket, SOL_SOCKET, SO_SNDBUF, reinterpret_cast<char*>(&bytes), &length) == 0;
+}
+} // namespace
+
+bool QueryOptionText(HINTERNET handle, DWORD option, std::wstring& text)
+{
+    return QueryText([&](wchar_t* buffer, DWORD* bytes) { return ::InternetQueryOptionW(handle, option, buffer, bytes); },
+                     text);
+}
+
+bool NextHeader(HINTERNET request, DWORD query, DWORD& index, std::wstring& value)
+{
+    DWORD position = index; // each query moves its index on, so that both calls start from the same one
+    const bool isThere = QueryText(
+        [&](wchar_t* buffer, DWORD* bytes)
+        {
+            position = index;
+            return ::HttpQueryInfoW(request, query, buffer, bytes, &position);
+        },
+        value);
+    if (isThere)
+        index = position > index ? position : index + 1;
+    return isThere;
+}
+
+std::optional<std::wstring> CheckHeader(HINTERNET request, DWORD query)
+{
+    DWORD index = 0;
+    std::wstring value;
+    return NextHeader(request, query, index, value) ? std::optional<std::wstring>(std::move(value)) : std::nullopt;
+}
+
+std::optional<UINT64> GetHeaderLongValue(HINTERNET request, DWORD query)
+{
+    const std::optional<std::wstring> text = CheckHeader(request, query);
+    return text ? WindowsTransport::ParseLength(*text) : std::nullopt;
+}
+
+HRESULT QueryStatus(HINTERNET request, UINT32& status, const CVoReporter& report, int line) noexcept
+{
+    DWORD value = 0;
+    DWORD length = sizeof value;
+    if (!::HttpQueryInfoW(request, HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &value, &length, nullptr))
+        return report.LastError(line, line + 1);
+    status = value;
+    return S_OK;
+}
+
+std::wstring internalGetClientIPAddressAndSendBufferSize(HINTERNET request)
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalGetClientIPAddressAndSendBufferSize" };
+    INTERNET_DIAGNOSTIC_SOCKET_INFO info{};
+    DWORD length = sizeof info;
+    if (!::InternetQueryOptionW(request, INTERNET_OPTION_DIAGNOSTIC_SOCKET_INFO, &info, &length) || info.Socket == 0)
+        return {};
+    CEndpoints ends;
+    if (!internalGetIPAddressesFromSocket(info.Socket, ends))
+        return {};
+    report.Message(190, L"[%ls]:%u -> [%ls]:%u", ends.local.c_str(), unsigned{ ends.localPort }, ends.peer.c_str(),
+                   unsigned{ ends.peerPort });
+    if (int bytes = 0; internalGetSendBufferSizeFromSocket(info.Socket, bytes))
+        report.Message(195, L"Send buffer: %d bytes", bytes);
+    return ends.local;
+}
+
+CInternetHandle::CInternetHandle(CInternetHandle&& other) noexcept : m_handle(std::exchange(other.m_handle, nullptr)) {}
+
+CInternetHandle& CInternetHandle::operator=(CInternetHandle&& other) noexcept
+{
+    std::swap(m_handle, other.m_handle);
+    return *this;
+}
+
+CInternetHandle::~CInternetHandle()
+{
+    const CVoLastErrorKeeper keeper;
+    (void)Close();
+}
+
+HRESULT CInternetHandle::Close() noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::CInternetHandle::Close" };
+    if (void* const handle = std::exchange(m_handle, nullptr))
+        if (!::InternetCloseHandle(handle))
+            return report.LastError(240, 241);
+    return S_OK;
+}
+} // namespace VoHTTPMessageWinINet
