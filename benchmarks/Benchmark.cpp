@@ -1,6 +1,7 @@
 #include "Benchmark.h"
 
 #include <cstring>
+#include <exception>
 
 namespace Benchmark
 {
@@ -58,12 +59,21 @@ std::vector<double> Compare(const std::string& title, const std::vector<CContend
     for (const CContender& contender : contenders)
     {
         contender.run(); // warm-up: caches, first allocations, lazily built tables
-        const double once = std::max(Seconds(contender.run, 1), 1e-9);
-        times.push_back(std::max<size_t>(1, static_cast<size_t>(options.minimumSeconds / once)));
+        const double once = options.runs > 0 ? 0 : std::max(Seconds(contender.run, 1), 1e-9);
+        times.push_back(options.runs > 0 ? options.runs
+                                         : std::max<size_t>(1, static_cast<size_t>(options.minimumSeconds / once)));
     }
 
     std::vector<std::vector<double>> samples(contenders.size());
-    for (int sample = 0; sample < options.samples; ++sample)
+    constexpr int kMinimumSamples = 5;
+    const auto start = Clock::now();
+    const auto isOver = [&](int taken)
+    {
+        return taken >= options.samples ||
+               (options.maximumSeconds > 0 && taken >= kMinimumSamples &&
+                std::chrono::duration<double>(Clock::now() - start).count() > options.maximumSeconds);
+    };
+    for (int taken = 0; !isOver(taken); ++taken)
         for (size_t i = 0; i < contenders.size(); ++i)
             samples[i].push_back(Seconds(contenders[i].run, times[i]));
 
@@ -96,7 +106,15 @@ int main(int argc, char** argv)
         if (!wanted)
             continue;
         std::printf("== %s\n", group.name);
-        group.run();
+        try
+        {
+            group.run();
+        }
+        catch (const std::exception& failure)
+        {
+            std::printf("%s: %s\n", group.name, failure.what());
+            return 1;
+        }
     }
     return 0;
 }

@@ -30,6 +30,8 @@ struct COptions
     double minimumSeconds = 0.02; // of one sample: fast work is repeated until it lasts that long
     int samples = 15;             // taken in turn from all contenders, so that a slow spell of the machine hits them alike
     double bytes = 0;             // bytes that one run handles, for a throughput column; 0 for none
+    size_t runs = 0;              // of one sample, whatever they last; 0: as many as the minimum takes
+    double maximumSeconds = 0;    // after which no more samples are taken, once there are five; 0 for no such end
 };
 
 // Runs the contenders in turn and prints a line each: the median time of a run, the throughput, and the ratio of its time to

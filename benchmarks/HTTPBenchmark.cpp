@@ -1,157 +1,231 @@
-// A loopback request through the library against the same transfer on a bare libcurl handle set up the same way.
+// Requests through the library's transports against the same transfers by the bare calls that each stands on, with the servers
+// that ./bench starts; without them plain HTTP only, with the loopback server of this process.
+//
+// What is kept alive is compared request by request in turn, so that a slow moment of the machine hits all alike, and few
+// enough lie between two requests of one client for its connection to stay open.
+#include "BareClient.h"
 #include "Benchmark.h"
 
 #include <LoopbackServer.h>
 #include <VoHTTPMessage.h>
 
 #include <base/VoModuleInformation.h>
+#include <support/TestServers.h>
 
-#define CURL_DISABLE_DEPRECATION
-#include <curl/curl.h>
-
-#include <cstring>
+#include <functional>
 #include <memory>
+#include <thread>
 
 namespace
 {
-struct CSource
+using Bare::Demand;
+using Benchmark::Keep;
+
+constexpr size_t kSmall = size_t{ 10 } << 10;
+constexpr size_t kLarge = size_t{ 10 } << 20;
+
+// What the servers answer: a request's body; a few bytes to "/upload"; and at "/files/SIZE.bin" so many bytes.
+const std::string kEcho = "/echo";
+
+struct CBare
 {
-    const std::string* body = nullptr;
-    size_t position = 0;
+    const char* name;
+    std::unique_ptr<Bare::IClient> (*make)(const Bare::CServer&);
 };
 
-size_t Read(char* buffer, size_t size, size_t count, void* context)
+struct CTransport
 {
-    auto& source = *static_cast<CSource*>(context);
-    const size_t copied = std::min(size * count, source.body->size() - source.position);
-    std::memcpy(buffer, source.body->data() + source.position, copied);
-    source.position += copied;
-    return copied;
-}
-size_t Write(char* data, size_t size, size_t count, void* context)
-{
-    auto& received = *static_cast<std::vector<char>*>(context);
-    received.insert(received.end(), data, data + size * count);
-    return size * count;
-}
-size_t Header(char* /*data*/, size_t size, size_t count, void* /*context*/)
-{
-    return size * count;
-}
+    const char* name;
+    UINT32 kind;             // of the library's
+    std::vector<CBare> bare; // the first is what the library is measured against
+    bool pooled;             // the platform keeps connections for the process: a new client need not make one
+};
 
-// What somebody would write who uses libcurl directly.
-class CBareCURL
+// The body of a request, as the library takes it and as it travels.
+struct CBody
+{
+    explicit CBody(size_t length)
+    {
+        parameters.SetPayload(std::vector<BYTE>(length, 'a'));
+        CVoByteBuffer buffer;
+        Demand(SUCCEEDED(parameters.GetMessageData(buffer.PutLength(), buffer.PutBytes(), false, true)));
+        bytes.assign(reinterpret_cast<const char*>(buffer.Data()), buffer.Length());
+    }
+
+    CVoBinaryDataParser parameters;
+    std::string bytes;
+};
+
+// One connected message of the library.
+class CMessage
 {
 public:
-    CBareCURL(std::string url, const std::string& body) : m_url(std::move(url)), m_body(body) {}
-    ~CBareCURL()
+    CMessage(const CTransport& transport, const Bare::CServer& server, const std::string& path)
     {
-        curl_easy_cleanup(m_handle);
-        curl_slist_free_all(m_headers);
+        CVoModuleInformation::Get().SetHTTPEngine(transport.kind);
+        const std::string url = server.URL(path);
+        CServerAddressData address;
+        Demand(SUCCEEDED(address.SetAddress(std::wstring(url.begin(), url.end()), false, true, true)) &&
+               SUCCEEDED(CVoHTTPMessage::Connect(address, nullptr, nullptr, nullptr, 30, 60, false, false, m_message)));
     }
-    CBareCURL(const CBareCURL&) = delete;
-    CBareCURL& operator=(const CBareCURL&) = delete;
 
-    void Request()
+    void Post(const CBody& body) const
     {
-        if (!m_handle)
-            SetUp();
-        CSource source{ &m_body };
-        std::vector<char> received;
-        curl_easy_setopt(m_handle, CURLOPT_READDATA, &source);
-        curl_easy_setopt(m_handle, CURLOPT_WRITEDATA, &received);
-        if (curl_easy_perform(m_handle) != CURLE_OK)
-            std::abort();
-        Benchmark::Keep(received);
+        std::shared_ptr<CVoHTTPMessage::CHTTPRequestData> request;
+        CVoBinaryDataParser answer;
+        Demand(SUCCEEDED(m_message->OpenRequest(request)) &&
+               SUCCEEDED(m_message->SendMessage(request, body.parameters, CVoHTTPMessage::EContentKind::Raw, true, {}, {},
+                                                false, nullptr)) &&
+               SUCCEEDED(m_message->ReadResponse(request, answer, CVoHTTPMessage::EResponseKind::Binary, nullptr, nullptr)));
+        Keep(answer);
     }
-    void Drop()
+    void Get(size_t expected) const
     {
-        curl_easy_cleanup(m_handle);
-        m_handle = nullptr;
+        std::shared_ptr<CVoHTTPMessage::CHTTPRequestData> request;
+        CVoBinaryDataParser answer;
+        Demand(SUCCEEDED(m_message->SendGetRequest(request, {}, false, nullptr)) &&
+               SUCCEEDED(m_message->ReadResponse(request, answer, CVoHTTPMessage::EResponseKind::Binary, nullptr, nullptr)) &&
+               answer.Payload().size() == expected);
+        Keep(answer);
     }
 
 private:
-    void SetUp()
-    {
-        m_handle = curl_easy_init();
-        if (!m_headers)
-            for (const char* const line : { "Content-Type: application/octet-stream; charset=UTF-8", "Connection: Keep-Alive",
-                                            "Pragma: no-cache", "Expect:", "Accept: */*" })
-                m_headers = curl_slist_append(m_headers, line);
-        curl_easy_setopt(m_handle, CURLOPT_URL, m_url.c_str());
-        curl_easy_setopt(m_handle, CURLOPT_USERAGENT, "bare");
-        curl_easy_setopt(m_handle, CURLOPT_TCP_NODELAY, 1L);
-        curl_easy_setopt(m_handle, CURLOPT_TCP_KEEPALIVE, 1L);
-        curl_easy_setopt(m_handle, CURLOPT_ACCEPT_ENCODING, "");
-        curl_easy_setopt(m_handle, CURLOPT_CONNECTTIMEOUT_MS, 30000L);
-        curl_easy_setopt(m_handle, CURLOPT_TIMEOUT_MS, 60000L);
-        curl_easy_setopt(m_handle, CURLOPT_READFUNCTION, &Read);
-        curl_easy_setopt(m_handle, CURLOPT_WRITEFUNCTION, &Write);
-        curl_easy_setopt(m_handle, CURLOPT_HEADERFUNCTION, &Header);
-        curl_easy_setopt(m_handle, CURLOPT_FOLLOWLOCATION, 1L);
-        curl_easy_setopt(m_handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-        curl_easy_setopt(m_handle, CURLOPT_POST, 1L);
-        curl_easy_setopt(m_handle, CURLOPT_POSTFIELDSIZE, static_cast<long>(m_body.size()));
-        curl_easy_setopt(m_handle, CURLOPT_HTTPHEADER, m_headers);
-    }
-
-    std::string m_url;
-    const std::string& m_body;
-    CURL* m_handle = nullptr;
-    curl_slist* m_headers = nullptr;
+    std::shared_ptr<CVoHTTPMessage> m_message;
 };
 
-void Request(CVoHTTPMessage& message, const CVoBinaryDataParser& parameters)
+using Clients = std::vector<std::unique_ptr<Bare::IClient>>;
+Clients MakeBare(const CTransport& transport, const Bare::CServer& server)
 {
-    std::shared_ptr<CVoHTTPMessage::CHTTPRequestData> request;
-    CVoBinaryDataParser answer;
-    if (FAILED(message.OpenRequest(request)) ||
-        FAILED(message.SendMessage(request, parameters, CVoHTTPMessage::EContentKind::Raw, true, {}, {}, false, nullptr)) ||
-        FAILED(message.ReadResponse(request, answer, CVoHTTPMessage::EResponseKind::Binary, nullptr, nullptr)))
-        std::abort();
-    Benchmark::Keep(answer);
+    Clients clients;
+    for (const CBare& bare : transport.bare)
+        clients.push_back(bare.make(server));
+    return clients;
 }
 
-void Run()
+// One line for each of the bare clients.
+template <class Request>
+std::vector<Benchmark::CContender> Contenders(const CTransport& transport, const Clients& clients, Request request)
 {
-    CVoModuleInformation::Get().SetHTTPEngine(2);
-    for (const size_t size : { size_t{ 0 }, size_t{ 10 } << 10, size_t{ 10 } << 20 })
+    std::vector<Benchmark::CContender> contenders;
+    for (size_t i = 0; i < clients.size(); ++i)
+        contenders.push_back({ transport.bare[i].name, [request, client = clients[i].get()] { request(*client); } });
+    return contenders;
+}
+
+constexpr Benchmark::COptions kSingleRequests{ .samples = 400, .runs = 1, .maximumSeconds = 3 };
+
+// One request with everything that it takes, from nothing to the answer.
+void CompareSingle(const CTransport& transport, const Bare::CServer& server, const std::string& title, const CBody& body)
+{
+    const CBare& bare = transport.bare.front();
+    Benchmark::Compare(title,
+                       { { bare.name, [&] { Keep(bare.make(server)->Request(kEcho, &body.bytes)); } },
+                         { "the library", [&] { CMessage(transport, server, kEcho).Post(body); } } },
+                       kSingleRequests);
+}
+
+// Requests that each go out on what the one before has left. A null body stands for a GET of `path`, which gives so many bytes.
+void CompareRow(const CTransport& transport, const Bare::CServer& server, const std::string& title, const std::string& path,
+                const CBody* body, size_t expected, Benchmark::COptions options = kSingleRequests)
+{
+    const Clients clients = MakeBare(transport, server);
+    const CMessage message(transport, server, path);
+    const auto request = [&](Bare::IClient& client)
+    { Demand(client.Request(path, body ? &body->bytes : nullptr).size() >= expected); };
+    std::vector<Benchmark::CContender> contenders = Contenders(transport, clients, request);
+    contenders.push_back({ "the library, one message", [&] { body ? message.Post(*body) : message.Get(expected); } });
+    if (!transport.pooled)
+        contenders.push_back({ "a new handle each", [&] { request(*transport.bare.front().make(server)); } });
+    Benchmark::Compare(title, contenders, options);
+}
+
+// Threads that each have a client of their own and send requests in a row.
+void CompareThreads(const CTransport& transport, const Bare::CServer& server, const std::string& title, const std::string& path,
+                    size_t expected)
+{
+    constexpr size_t kThreads = 8;
+    constexpr int kRequests = 50;
+    std::vector<Clients> clients;
+    std::vector<CMessage> messages;
+    for (size_t i = 0; i < kThreads; ++i)
     {
-        const std::string answer(size, 'a');
-        Loopback::CLoopbackServer server(
-            [&](const Loopback::CRequest&, Loopback::CConnection& connection)
-            { connection.SendResponse(200, { { "Content-Type", "application/octet-stream" } }, answer); });
-        CVoBinaryDataParser parameters;
-        if (FAILED(parameters.SetPayload(reinterpret_cast<const BYTE*>(answer.data()), static_cast<UINT32>(size))))
-            std::abort();
-        CVoByteBuffer body;
-        if (FAILED(parameters.GetMessageData(body.PutLength(), body.PutBytes(), false, true)))
-            std::abort();
-        const std::string bodyText(reinterpret_cast<const char*>(body.Data()), body.Length());
-
-        CServerAddressData address;
-        const std::string url = server.URL("/bench");
-        std::shared_ptr<CVoHTTPMessage> message;
-        if (FAILED(address.SetAddress(std::wstring(url.begin(), url.end()), false, true, true)) ||
-            FAILED(CVoHTTPMessage::Connect(address, nullptr, nullptr, nullptr, 30, 60, false, false, message)))
-            std::abort();
-        CBareCURL kept(url, bodyText);
-        CBareCURL fresh(url, bodyText);
-        Benchmark::COptions options;
-        options.bytes = static_cast<double>(2 * size);
-        options.minimumSeconds = 0.05;
-        Benchmark::Compare("a request with " + std::to_string(size) + " bytes each way",
-                           { { "bare libcurl, one handle", [&] { kept.Request(); } },
-                             { "bare libcurl, a new handle each",
-                               [&]
-                               {
-                                   fresh.Drop();
-                                   fresh.Request();
-                               } },
-                             { "the library, one message", [&] { Request(*message, parameters); } } },
-                           options);
+        clients.push_back(MakeBare(transport, server));
+        messages.emplace_back(transport, server, path);
     }
+    const auto onAll = [](const std::function<void(size_t)>& request)
+    {
+        std::vector<std::jthread> threads;
+        for (size_t i = 0; i < kThreads; ++i)
+            threads.emplace_back(
+                [&request, i]
+                {
+                    for (int number = 0; number < kRequests; ++number)
+                        request(i);
+                });
+    };
+    std::vector<Benchmark::CContender> contenders;
+    for (size_t kind = 0; kind < transport.bare.size(); ++kind)
+        contenders.push_back(
+            { transport.bare[kind].name,
+              [&, kind] { onAll([&](size_t i) { Demand(clients[i][kind]->Request(path, nullptr).size() == expected); }); } });
+    contenders.push_back({ "the library, a message each", [&] { onAll([&](size_t i) { messages[i].Get(expected); }); } });
+    Benchmark::Compare(title, contenders, { .samples = 15, .runs = 1, .maximumSeconds = 5 });
 }
 
-const Benchmark::CGroup kGroup("http", &Run);
+void Run(const CTransport& transport)
+{
+    const CBody empty(0);
+    const CBody small(kSmall);
+    const CBody large(kLarge);
+    Loopback::COptions options;
+    options.keepBodies = false;
+    Loopback::CLoopbackServer loopback(
+        [&](const Loopback::CRequest& request, Loopback::CConnection& connection)
+        {
+            const std::string_view all = large.bytes;
+            const std::string_view path = request.Path();
+            const size_t size = path == kEcho              ? request.bodySize
+                                : path == "/files/10k.bin" ? kSmall
+                                : path == "/files/10m.bin" ? kLarge
+                                                           : 0;
+            connection.SendResponse(200, { { "Content-Type", "application/octet-stream" } }, all.substr(0, size));
+        },
+        options);
+    const auto run = [&](const Bare::CServer& server, const char* security)
+    {
+        const std::string place = std::string(transport.name) + ", " + security;
+        CompareSingle(transport, server, place + ", a first POST of 10 KB", small);
+        CompareRow(transport, server, place + ", GET of 0 B in a row", "/files/0.bin", nullptr, 0);
+        CompareRow(transport, server, place + ", GET of 10 KB in a row", "/files/10k.bin", nullptr, kSmall);
+        CompareRow(transport, server, place + ", POST of 0 B in a row", kEcho, &empty, 0);
+        CompareRow(transport, server, place + ", POST of 10 KB in a row, echoed", kEcho, &small, kSmall);
+        const Benchmark::COptions large10{
+            .samples = 60, .bytes = static_cast<double>(kLarge), .runs = 1, .maximumSeconds = 6
+        };
+        CompareRow(transport, server, place + ", 10 MB up", "/upload", &large, 0, large10);
+        CompareRow(transport, server, place + ", 10 MB down", "/files/10m.bin", nullptr, kLarge, large10);
+        CompareThreads(transport, server, place + ", 8 threads of 50 GETs of 10 KB", "/files/10k.bin", kSmall);
+    };
+    if (const TestSupport::CTestServers* const servers = TestSupport::TestServers())
+    {
+        run({ .port = servers->port, .secure = false }, "plain");
+        run({ .port = servers->tlsPort, .secure = true }, "TLS");
+        return;
+    }
+    run({ .port = loopback.Port(), .secure = false }, "plain");
+    std::printf("%s, TLS: left out, since there is no server; ./bench starts one\n", transport.name);
+}
+
+const Benchmark::CGroup kCURL("http-curl", [] { Run({ "libcurl", 2, { { "one handle", &Bare::MakeCURL } }, false }); });
+const Benchmark::CGroup kWinHttp("http-winhttp",
+                                 [] { Run({ "WinHTTP", 1, { { "synchronous calls", &Bare::MakeWinHttp } }, true }); });
+const Benchmark::CGroup kWinINet("http-wininet",
+                                 []
+                                 {
+                                     Run({ "WinINet",
+                                           0,
+                                           { { "the body in the call", &Bare::MakeWinINet },
+                                             { "the body in pieces", &Bare::MakeWinINetInPieces } },
+                                           true });
+                                 });
 } // namespace

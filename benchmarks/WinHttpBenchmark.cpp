@@ -1,11 +1,12 @@
 // An exchange on WinHTTP against what a user would write instead: the bare synchronous calls.
+#include "BareClient.h"
 #include "Benchmark.h"
 
 #include <VoWinHttpRequest.h>
 
 #include <LoopbackServer.h>
 
-#include <stdexcept>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -13,59 +14,7 @@ namespace
 {
 using namespace VoWinHttpInterface;
 using namespace VoWinHttpRequest;
-
-void Demand(bool condition)
-{
-    if (!condition)
-        throw std::runtime_error("a request of the benchmark failed");
-}
-
-// The bare calls of the platform, on a session without the asynchronous flag.
-class CBare
-{
-public:
-    explicit CBare(INTERNET_PORT port)
-        : m_session(::WinHttpOpen(L"benchmark", WINHTTP_ACCESS_TYPE_NO_PROXY, nullptr, nullptr, 0)),
-          m_connection(::WinHttpConnect(m_session, L"127.0.0.1", port, 0))
-    {
-        Demand(m_connection != nullptr);
-    }
-    ~CBare()
-    {
-        ::WinHttpCloseHandle(m_connection);
-        ::WinHttpCloseHandle(m_session);
-    }
-    CBare(const CBare&) = delete;
-    CBare& operator=(const CBare&) = delete;
-
-    [[nodiscard]] std::vector<BYTE> Get(const wchar_t* path) const
-    {
-        HINTERNET const request = ::WinHttpOpenRequest(m_connection, L"GET", path, nullptr, WINHTTP_NO_REFERER,
-                                                       WINHTTP_DEFAULT_ACCEPT_TYPES, WINHTTP_FLAG_REFRESH);
-        Demand(request && ::WinHttpSendRequest(request, nullptr, 0, nullptr, 0, 0, 0) &&
-               ::WinHttpReceiveResponse(request, nullptr));
-        DWORD status = 0;
-        DWORD length = sizeof(status);
-        Demand(::WinHttpQueryHeaders(request, WINHTTP_QUERY_STATUS_CODE | WINHTTP_QUERY_FLAG_NUMBER, nullptr, &status, &length,
-                                     nullptr) &&
-               status == 200);
-        std::vector<BYTE> body;
-        for (DWORD count = 0; ::WinHttpQueryDataAvailable(request, &count) && count != 0;)
-        {
-            const size_t used = body.size();
-            body.resize(used + count);
-            DWORD read = 0;
-            Demand(::WinHttpReadData(request, body.data() + used, count, &read) != FALSE);
-            body.resize(used + read);
-        }
-        ::WinHttpCloseHandle(request);
-        return body;
-    }
-
-private:
-    HINTERNET m_session;
-    HINTERNET m_connection;
-};
+using Bare::Demand;
 
 class CExchange
 {
@@ -117,12 +66,13 @@ void RunWinHttp()
                 return;
             connection.Send(large);
         });
-    const CBare bare(server.Port());
+    const std::unique_ptr<Bare::IClient> bare = Bare::MakeWinHttp({ .port = server.Port(), .secure = false });
     const CExchange exchange(server.Port());
-    Benchmark::Compare("WinHTTP, GET of 0 B", { { "bare synchronous calls", [&] { Benchmark::Keep(bare.Get(L"/")); } },
-                                                { "CVoWinHttpRequest", [&] { Benchmark::Keep(exchange.Get(L"/")); } } });
+    Benchmark::Compare("WinHTTP, GET of 0 B",
+                       { { "bare synchronous calls", [&] { Benchmark::Keep(bare->Request("/", nullptr)); } },
+                         { "CVoWinHttpRequest", [&] { Benchmark::Keep(exchange.Get(L"/")); } } });
     Benchmark::Compare("WinHTTP, GET of 10 MB",
-                       { { "bare synchronous calls", [&] { Demand(bare.Get(L"/large").size() == kLarge); } },
+                       { { "bare synchronous calls", [&] { Demand(bare->Request("/large", nullptr).size() == kLarge); } },
                          { "CVoWinHttpRequest", [&] { Demand(exchange.Get(L"/large").size() == kLarge); } } },
                        { .bytes = static_cast<double>(kLarge) });
 
