@@ -60,7 +60,7 @@ public:
     CRunSwitches(const CGlobalOptions& options, IByteSink& err) : m_err(err), m_log(options.log)
     {
         if (!options.settingsDirectory.empty())
-            Check(VoSetModuleSettingsDirectory(FullPath(FromUtf8(options.settingsDirectory))));
+            SetSettingsDirectory(options.settingsDirectory);
         m_wasLogOn = VoErrorLog().IsApplicationLogOn();
         m_wasDebug = CVoModuleInformation::Get().IsDebug();
         if (options.log)
@@ -87,6 +87,12 @@ public:
     CRunSwitches& operator=(const CRunSwitches&) = delete;
 
 private:
+    static void SetSettingsDirectory(const std::string& directory)
+    {
+        if (const HRESULT hr = VoSetModuleSettingsDirectory(FullPath(FromUtf8(directory))); FAILED(hr))
+            throw CDetailedFailure(hr, directory);
+    }
+
     // The settings are read with functions that look a relative path up in the system's folder.
     static std::wstring FullPath(const std::wstring& path)
     {
@@ -121,7 +127,8 @@ public:
         m_app
             .add_option("--settings-dir", options.settingsDirectory,
                         "The folder of ModuleSettings.ini; without it the program's own folder")
-            ->type_name("DIR");
+            ->type_name("DIR")
+            ->check(kNotEmpty);
         m_app.add_flag("--log", options.log,
                        "Write the application log in this run; its path goes to the error stream at the end");
         m_app.add_flag("--debug", options.debug,
@@ -150,22 +157,34 @@ public:
     [[nodiscard]] std::string Message(const CLI::ParseError& error) const
     {
         const std::vector<std::string> remaining = m_app.remaining(true);
-        if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError) && !remaining.empty())
+        const bool isUnexpected = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError);
+        const auto [app, name] = NamedCommand();
+        const bool lacksCommand =
+            error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError) && app->get_require_subcommand_min() != 0;
+        if (lacksCommand && remaining.empty())
+            return "no command is named";
+        if (lacksCommand && !remaining.front().starts_with('-'))
+            return "there is no command '" + name + remaining.front() + "'";
+        if (lacksCommand || (isUnexpected && !remaining.empty()))
             return "the argument '" + remaining.front() + "' was not expected";
         return error.what();
     }
-    [[nodiscard]] std::string Hint() const
-    {
-        std::string command = "voutils";
-        for (const CLI::App* app = &m_app; !app->get_subcommands().empty();)
-        {
-            app = app->get_subcommands().front();
-            command += ' ' + app->get_name();
-        }
-        return "Try '" + command + " --help'.";
-    }
+    [[nodiscard]] std::string Hint() const { return "Try 'voutils " + NamedCommand().second + "--help'."; }
 
 private:
+    // What was named so far, and its words, each with a blank behind it.
+    [[nodiscard]] std::pair<const CLI::App*, std::string> NamedCommand() const
+    {
+        const CLI::App* app = &m_app;
+        std::string name;
+        while (!app->get_subcommands().empty())
+        {
+            app = app->get_subcommands().front();
+            name += app->get_name() + ' ';
+        }
+        return { app, name };
+    }
+
     void AddCommand(const CCommandEntry& entry)
     {
         CLI::App& parent = entry.group ? Group(entry.group) : m_app;

@@ -118,6 +118,7 @@ TEST_F(ConsoleCommands, WrongUsageWritesNothingToStandardOutput)
         { "encode", "hex", "more" },
         { "encode", "hex", "--line", "x" },
         { "params" },
+        { "params", "nonsense" },
         { "params", "build", "-p", "no value" },
         { "params", "build", "--text", "--size-prefix" },
         { "params", "build", "-p", "a=-", "--payload", "-" },
@@ -150,6 +151,14 @@ TEST_F(ConsoleCommands, WrongUsageWritesNothingToStandardOutput)
         EXPECT_THAT(result.err, testing::ContainsRegex("^voutils: .+\nTry 'voutils.* --help'\\.\n"));
         EXPECT_THAT(result.err, testing::Not(HasSubstr("hunter2")));
     }
+}
+
+TEST_F(ConsoleCommands, ACommandThatThereIsNotIsNamed)
+{
+    EXPECT_THAT(Run({ "nonsense", "hunter2" }).err, StartsWith("voutils: there is no command 'nonsense'\n"));
+    EXPECT_THAT(Run({ "params", "nonsense" }).err, StartsWith("voutils: there is no command 'params nonsense'\n"));
+    EXPECT_THAT(Run({ "--nonsense" }).err, StartsWith("voutils: the argument '--nonsense' was not expected\n"));
+    EXPECT_THAT(Run({}).err, StartsWith("voutils: no command is named\n"));
 }
 
 TEST_F(ConsoleCommands, HelpOfEveryCommandNamesItsOptions)
