@@ -75,6 +75,22 @@ void CContext::WriteFile(const std::string& file, std::span<const BYTE> bytes)
     }
 }
 
+void CContext::CheckOutputFile(const std::string& file)
+{
+    if (file == "-" && m_options.json)
+        throw CUsageError("--json leaves no room for other bytes on standard output");
+    if (file.empty() || file == "-")
+        return;
+    try
+    {
+        CheckReplaceable(FromUtf8(file));
+    }
+    catch (const CVoHResultException& failure)
+    {
+        throw CDetailedFailure(failure.Result(), file);
+    }
+}
+
 std::wstring CContext::ReadValue(std::string_view value)
 {
     if (value == "-")
@@ -152,6 +168,10 @@ int CContext::Finish(HRESULT result, std::string_view detail)
         m_streams.out.Write(JsonLine(answer));
     }
     if (FAILED(result))
+    {
         m_streams.err.Write("voutils: " + ResultCode(result) + ' ' + error + '\n');
+        if (!m_failureRemark.empty() && !m_options.json)
+            Remark(m_failureRemark);
+    }
     return m_exitCode;
 }

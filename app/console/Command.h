@@ -106,11 +106,16 @@ public:
     // The command wrote its JSON itself, line by line; there is no closing object.
     void SetAnswersByLine() noexcept { m_answersByLine = true; }
 
-    // The bytes for a file that the command line names; "-" is standard output, whatever --json says.
+    // The bytes for a file that the command line names; "-" is standard output, where --json leaves no room for them.
     void WriteFile(const std::string& file, std::span<const BYTE> bytes);
+    // Whether WriteFile can do that, found out before there is anything to be lost; changes nothing. An empty name is none.
+    void CheckOutputFile(const std::string& file);
 
     // A remark on the error stream, unless --quiet.
     void Remark(std::string_view text);
+
+    // A remark that follows the line of a failure, for people: --json has keys for what it says.
+    void SetFailureRemark(std::string remark) { m_failureRemark = std::move(remark); }
 
     // Ends the run with the library's answer: the JSON object, or the failure's line. `detail` may say more about it.
     int Finish(HRESULT result, std::string_view detail = {});
@@ -120,6 +125,7 @@ private:
     const CGlobalOptions& m_options;
     CProcessState& m_process;
     CJson m_answer = CJson::object();
+    std::string m_failureRemark;
     int m_exitCode = kExitSuccess;
     bool m_inputTaken = false;
     bool m_answersByLine = false;
@@ -149,6 +155,10 @@ std::unique_ptr<ICommand> MakeCommand()
 {
     return std::make_unique<Command>();
 }
+
+// For options of which an empty value is a script's variable that was never set, rather than a wish.
+inline const CLI::Validator kNotEmpty([](std::string& value) { return std::string(value.empty() ? "the value is empty" : ""); },
+                                      "");
 
 // An option that may stand several times and takes one value each time. CLI11 would give it everything up to the next option.
 inline CLI::Option* AddRepeatable(CLI::App& app, const std::string& name, std::vector<std::string>& values,

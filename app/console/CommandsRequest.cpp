@@ -32,6 +32,8 @@ public:
         CServerAddressData address;
         Check(address.SetAddress(FromUtf8(m_url), false, true, true));
         AdaptAddress(context, address);
+        context.CheckOutputFile(m_output);
+        context.CheckOutputFile(m_connection.CookieFile());
         LoadCookies(context, m_connection.CookieFile());
         const CEngineChoice engine(m_connection.Engine());
         context.PutKey("engine", engine.Name());
@@ -72,7 +74,8 @@ protected:
             app, "--response", m_response, { { "params", EResponseKind::Parameters }, { "raw", EResponseKind::Binary } },
             std::string("Read the answer as parameter text and payload, or as bytes; default ") + defaultResponse);
         app.add_option("-o,--output", m_output, "Put the answer's payload (or its bytes) in FILE; - is standard output")
-            ->type_name("FILE");
+            ->type_name("FILE")
+            ->check(kNotEmpty);
         app.add_option("--repeat", m_repeat, "Make the request N times on one connection and show the last answer")
             ->type_name("N")
             ->check(CLI::Range(1U, 1000000000U).description(""));
@@ -120,6 +123,11 @@ private:
         context.PutKey("retried", sent.retried);
         context.PutKey("seconds", std::move(seconds));
         context.PutKey("cookie", ToUtf8(cookie));
+        constexpr DWORD kStatusOk = 200;
+        if (sent.statusCode != 0 && sent.statusCode != kStatusOk)
+            context.SetFailureRemark("the answer's status was " + std::to_string(sent.statusCode));
+        else if (!context.Options().log)
+            context.SetFailureRemark("more about it stands in the log; try again with --log");
         return hr;
     }
 
@@ -167,6 +175,16 @@ private:
     UINT32 m_repeat = 1;
 };
 
+std::vector<BYTE> ParsePayload(const std::string& base64)
+try
+{
+    return FromBase64(base64);
+}
+catch (const CVoHResultException&)
+{
+    throw CUsageError("--messages: a \"payloadBase64\" is malformed");
+}
+
 // The messages of --messages.
 std::vector<CVoBinaryDataParser> ParseMessages(const std::vector<BYTE>& text)
 try
@@ -182,7 +200,7 @@ try
             const std::wstring value = FromUtf8(parameter.at(1).get<std::string>());
             Check(message.AddParam(name, std::wstring_view(value)));
         }
-        message.SetPayload(FromBase64(item.value("payloadBase64", std::string())));
+        message.SetPayload(ParsePayload(item.value("payloadBase64", std::string())));
     }
     if (messages.empty())
         throw CUsageError("--messages: the file holds no message");

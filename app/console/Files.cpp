@@ -61,6 +61,18 @@ void COutputFile::Commit()
     m_replacement.reset();
 }
 
+void CheckReplaceable(const std::wstring& path)
+{
+    // What is there must be a file (or a device) that may be written; beside it there must be room for its replacement.
+    const CVoHandle file(::CreateFileW(VoGetFullPath(path).c_str(), GENERIC_WRITE,
+                                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+                                       FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file && ::GetLastError() != ERROR_FILE_NOT_FOUND)
+        throw CVoHResultException(HResultFromLastError());
+    if (!file || ::GetFileType(file.Get()) == FILE_TYPE_DISK)
+        const COutputFile uncommitted(path, {});
+}
+
 void WriteWholeFile(const std::wstring& path, std::span<const BYTE> bytes)
 {
     COutputFile file(path, bytes);

@@ -28,6 +28,10 @@ private:
     std::unique_ptr<CVoFileReplacement> m_replacement; // null when there is nothing to be put in place
 };
 
+// Finds out whether a COutputFile of this name can be made and committed, and leaves everything as it is. Throws
+// CVoHResultException.
+void CheckReplaceable(const std::wstring& path);
+
 // COutputFile with its Commit.
 void WriteWholeFile(const std::wstring& path, std::span<const BYTE> bytes);
 void WriteWholeFile(const std::wstring& path, std::string_view text);

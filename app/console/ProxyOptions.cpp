@@ -8,13 +8,13 @@ void CProxyOptions::Declare(CLI::App& app)
     CLI::Option* const list =
         app.add_option("--proxy", m_proxy,
                        "The proxies to use, as the Internet settings list them: HOST:PORT, or http=HOST:PORT;https=HOST:PORT");
-    list->type_name("LIST");
+    list->type_name("LIST")->check(kNotEmpty);
     app.add_option("--bypass", m_bypass,
                    "The hosts that are reached without that proxy; * is any part, <local> every name without a dot")
         ->type_name("LIST")
         ->needs(list);
     CLI::Option* const script = app.add_option("--pac", m_pac, "The address of a proxy script");
-    script->type_name("URL")->excludes(list);
+    script->type_name("URL")->check(kNotEmpty)->excludes(list);
     CLI::Option* const detection = app.add_flag("--auto-detect", m_autoDetect, "Find the proxy script in the network");
     detection->excludes(list)->excludes(script);
     app.add_flag("--no-proxy", m_noProxy, "Connect directly; default: the user's Internet settings")
@@ -32,7 +32,9 @@ IVoHTTPProxyStore& CProxyOptions::Apply(CContext& context) const
     {
         config.pacFileUrl = FromUtf8(m_pac);
         CServerAddressData address;
-        if (FAILED(address.SetAddress(config.pacFileUrl, false, true, true)))
+        // The platform wants the scheme as well.
+        if (config.pacFileUrl.find(L"://") == std::wstring::npos ||
+            FAILED(address.SetAddress(config.pacFileUrl, false, true, true)))
             throw CUsageError("--pac: the value is no http or https URL");
     }
     else if (!m_proxy.empty())

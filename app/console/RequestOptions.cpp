@@ -30,7 +30,11 @@ void CConnectionOptions::Declare(CLI::App& app)
     engines.reserve(kEngineNames.size());
     for (UINT32 i = 0; i < kEngineNames.size(); ++i)
         engines.emplace_back(kEngineNames[i], i);
-    AddChoice(app, "--engine", m_engine, std::move(engines), "The transport; default: HTTPEngine of ModuleSettings.ini");
+    AddChoice(app, "--engine", m_engine, std::move(engines),
+              "The transport; default: HTTPEngine of ModuleSettings.ini. wininet goes by the system's proxy settings and asks "
+              "for credentials in the system's dialog, whatever the options below say. winhttp-loopback calls this machine "
+              "localhost.localhost, so that requests to it pass a proxy");
+    m_app = &app;
     app.add_flag("--retry", m_retry, "Repeat a failed attempt until the time-out to connect is spent");
     app.add_option("--connect-timeout", m_connectTimeout, "Seconds to connect; default 30")->type_name("S");
     app.add_option("--request-timeout", m_requestTimeout, "Seconds for the whole request; default 60")->type_name("S");
@@ -43,15 +47,18 @@ void CConnectionOptions::Declare(CLI::App& app)
     app.add_option("--auth", m_auth,
                    "Answer a server that asks for credentials, once; @FILE reads them from a file, so that they stand on no "
                    "command line")
-        ->type_name("USER:PASSWORD");
+        ->type_name("USER:PASSWORD")
+        ->check(kNotEmpty);
     app.add_option("--proxy-auth", m_proxyAuth, "Answer a proxy that asks for credentials, once; @FILE as above")
-        ->type_name("USER:PASSWORD");
+        ->type_name("USER:PASSWORD")
+        ->check(kNotEmpty);
     app.add_flag("--ask", m_ask,
                  "Show a dialog when credentials are needed, instead of those answers. Without any of these three a challenge "
                  "is declined");
     m_proxy.Declare(app);
     app.add_option("--cookies", m_cookies, "Load the cookies from FILE if it exists, and save them there afterwards")
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->check(kNotEmpty);
 }
 
 std::optional<CCredentials> CConnectionOptions::ReadCredentials(CContext& context, const char* option, const std::string& value)
@@ -84,6 +91,10 @@ std::shared_ptr<CVoHTTPMessage> CConnectionOptions::Connect(CContext& context, c
                                                             IVoAuthenticationCallback& answers) const
 {
     const CVoModuleInformation& settings = CVoModuleInformation::Get();
+    if (settings.HTTPEngine() == 0)
+        for (const char* const option : { "--auth", "--proxy-auth", "--ask", "--proxy", "--pac", "--auto-detect" })
+            if (m_app->count(option) != 0)
+                context.Remark(std::string(option) + " has no effect: wininet goes by the system's settings and dialog");
     const bool verify = !m_noVerify && (m_verify || settings.CheckServerCertificate());
     const bool revocation = !m_noCheckRevocation && (m_checkRevocation || settings.CheckCertificateRevocation());
     std::shared_ptr<CVoHTTPMessage> message;

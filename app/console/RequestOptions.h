@@ -47,6 +47,7 @@ private:
     [[nodiscard]] static std::optional<CCredentials> ReadCredentials(CContext& context, const char* option,
                                                                      const std::string& value);
 
+    const CLI::App* m_app = nullptr;
     std::optional<UINT32> m_engine;
     bool m_retry = false;
     UINT32 m_connectTimeout = 30;

@@ -144,7 +144,8 @@ TEST_F(ConsoleRequests, SeveralMessagesTravelInOneExchange)
     EXPECT_EQ(answer["responses"], json::parse(R"([{"params":[["a","1"]],"payloadBase64":"eHl6"},
                                                    {"params":[],"payloadBase64":""},{"params":[],"payloadBase64":""}])"));
     EXPECT_EQ(m_server.TakeRequests().size(), 1U);
-    for (const char* const malformed : { "", "{}", "[]", "[1]", R"([{"params":[["a"]]}])", R"([{"payloadBase64":5}])" })
+    for (const char* const malformed :
+         { "", "{}", "[]", "[1]", R"([{"params":[["a"]]}])", R"([{"payloadBase64":5}])", R"([{"payloadBase64":"@"}])" })
         EXPECT_EQ(Run({ "send", m_server.URL("/echo"), "--messages", "-" }, malformed).exitCode, 2) << malformed;
     EXPECT_TRUE(m_server.TakeRequests().empty());
 }
@@ -166,6 +167,33 @@ TEST_F(ConsoleRequests, OutputGoesToItsFileOnlyAfterSuccess)
     EXPECT_EQ(failed["result"], "0x80004005");
     EXPECT_EQ(failed["status"], 404);
     EXPECT_EQ(Read(L"out"), "bytes\n");
+}
+
+TEST_F(ConsoleRequests, NothingIsSentWhenItsAnswerCannotBeKept)
+{
+    std::filesystem::create_directory(m_folder / L"folder");
+    std::ofstream(m_folder / L"read-only") << "old";
+    std::filesystem::permissions(m_folder / L"read-only", std::filesystem::perms::owner_read);
+    for (const char* const option : { "-o", "--cookies" })
+        for (const wchar_t* const name : { L"no-folder/out", L"folder", L"read-only" })
+        {
+            const CConsoleResult result = Run({ "get", m_server.URL("/x"), option, File(name) });
+            EXPECT_EQ(result.exitCode, 1) << File(name);
+            EXPECT_THAT(result.err, HasSubstr(File(name)));
+        }
+    EXPECT_EQ(Run({ "get", m_server.URL("/x"), "-o", "-", "--json" }).exitCode, 2);
+    EXPECT_TRUE(m_server.TakeRequests().empty());
+    EXPECT_EQ(Read(L"read-only"), "old");
+    std::filesystem::permissions(m_folder / L"read-only", std::filesystem::perms::owner_all);
+}
+
+TEST_F(ConsoleRequests, AFailureTellsItsStatusToPeople)
+{
+    const std::string failure = Run({ "get", m_server.URL("/missing"), "--quiet" }).err;
+    EXPECT_EQ(std::ranges::count(failure, '\n'), 1) << failure;
+    const std::string told = Run({ "get", m_server.URL("/missing") }).err;
+    EXPECT_THAT(told, StartsWith(failure + "voutils: "));
+    EXPECT_THAT(told.substr(failure.size()), HasSubstr("404"));
 }
 
 TEST_F(ConsoleRequests, CredentialsAreGivenOnceAndThenDeclined)
