@@ -5,6 +5,7 @@
 #include "VoNeverDestroyed.h"
 #include "VoTextConversion.h"
 
+#include <base/VoHandle.h>
 #include <base/VoUtils.h>
 
 #include <algorithm>
@@ -30,25 +31,6 @@ constexpr DWORD kMaxDirectory = 260;
 constexpr INT64 kBytesPerKiB = 1024;
 constexpr INT64 kMaxKeptKiB = 524288;
 constexpr DWORD kCutBuffer = 262144;
-
-class CFileHandle
-{
-public:
-    explicit CFileHandle(HANDLE handle) noexcept : m_handle(handle) {}
-    ~CFileHandle()
-    {
-        if (IsValid())
-            ::CloseHandle(m_handle);
-    }
-    CFileHandle(const CFileHandle&) = delete;
-    CFileHandle& operator=(const CFileHandle&) = delete;
-
-    [[nodiscard]] bool IsValid() const noexcept { return m_handle != INVALID_HANDLE_VALUE; }
-    [[nodiscard]] HANDLE Get() const noexcept { return m_handle; }
-
-private:
-    HANDLE m_handle;
-};
 
 // Holds the mutex that serialises the writers of all processes; without a mutex it holds nothing.
 class CMutexHolder
@@ -391,11 +373,10 @@ try
     if (FAILED(VoTextConversion::ToCodePage(CP_UTF8, line, bytes)))
         bytes = "NO DATA";
 
-    const CFileHandle file(::CreateFileW(m_logFilePath.c_str(), GENERIC_READ | GENERIC_WRITE,
-                                         FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL,
-                                         nullptr));
+    const CVoHandle file(::CreateFileW(m_logFilePath.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_DELETE,
+                                       nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
     INT64 size = 0;
-    if (!file.IsValid() || !Seek(file.Get(), 0, FILE_END, &size))
+    if (!file || !Seek(file.Get(), 0, FILE_END, &size))
         return;
     const INT64 cutOffKiB = m_settings.cutOffSizeKiB;
     if (m_settings.cutOff && size > cutOffKiB * kBytesPerKiB)
