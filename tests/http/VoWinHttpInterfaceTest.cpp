@@ -11,6 +11,7 @@
 
 #include <support/ImportHook.h>
 #include <support/LogCapture.h>
+#include <support/WinHttpHandles.h>
 
 namespace
 {
@@ -19,6 +20,7 @@ using testing::IsEmpty;
 using TestSupport::CLogCapture;
 using TestSupport::IsReport;
 using TestSupport::IsReportBy;
+using TestSupport::WinHttpHandleBalance;
 using namespace VoWinHttpInterface;
 
 constexpr const wchar_t* kHeader = L"VoWinHttpInterface.h";
@@ -36,15 +38,6 @@ struct CHandles
         EXPECT_EQ(request.Init(connection, L"GET", L"/a?b=1", WINHTTP_FLAG_REFRESH), S_OK);
     }
 };
-
-CAcquireBalance HandleBalance()
-{
-    auto balance = CAcquireBalance::Of<decltype(&::WinHttpOpen), decltype(&::WinHttpCloseHandle)>("winhttp.dll", "WinHttpOpen",
-                                                                                                  "WinHttpCloseHandle");
-    balance.AlsoAcquiredBy<decltype(&::WinHttpConnect)>("winhttp.dll", "WinHttpConnect");
-    balance.AlsoAcquiredBy<decltype(&::WinHttpOpenRequest)>("winhttp.dll", "WinHttpOpenRequest");
-    return balance;
-}
 
 TEST(WinHttpInterface, EveryFailingCallIsMappedAndReportedUnderItsOperation)
 {
@@ -130,7 +123,7 @@ TEST(WinHttpInterface, EveryFailingCallIsMappedAndReportedUnderItsOperation)
 
 TEST(WinHttpInterface, HandlesAreGivenBackOnce)
 {
-    const CAcquireBalance balance = HandleBalance();
+    const CAcquireBalance balance = WinHttpHandleBalance();
     {
         CHandles handles;
         EXPECT_EQ(balance.Open(), 3);
@@ -147,7 +140,7 @@ TEST(WinHttpInterface, HandlesAreGivenBackOnce)
 
 TEST(WinHttpInterface, AFailedCloseDropsTheHandleAndADestructorKeepsTheLastError)
 {
-    const CAcquireBalance balance = HandleBalance();
+    const CAcquireBalance balance = WinHttpHandleBalance();
     const auto fault = VO_FAULT_AFTER_CALL("winhttp.dll", WinHttpCloseHandle, FALSE, 12004);
     CLogCapture log;
     {
@@ -174,7 +167,7 @@ TEST(WinHttpInterface, AFailedCloseDropsTheHandleAndADestructorKeepsTheLastError
 
 TEST(WinHttpInterface, AHandleThatIsClosedDuringACallIsGivenBackAfterIt)
 {
-    const CAcquireBalance balance = HandleBalance();
+    const CAcquireBalance balance = WinHttpHandleBalance();
     auto handles = std::make_unique<CHandles>();
     bool wasOpenInside = false;
     {

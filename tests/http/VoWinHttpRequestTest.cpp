@@ -20,6 +20,7 @@
 
 #include <support/ImportHook.h>
 #include <support/LogCapture.h>
+#include <support/WinHttpHandles.h>
 
 namespace
 {
@@ -31,6 +32,7 @@ using TestSupport::CLogCapture;
 using TestSupport::CMemoryMeter;
 using TestSupport::IsMessage;
 using TestSupport::IsReportBy;
+using TestSupport::WinHttpHandleBalance;
 using namespace VoWinHttpInterface;
 using namespace VoWinHttpRequest;
 
@@ -76,15 +78,6 @@ struct CHandles
         EXPECT_EQ(request.Init(connection, verb, path, WINHTTP_FLAG_REFRESH), S_OK);
     }
 };
-
-CAcquireBalance HandleBalance()
-{
-    auto balance = CAcquireBalance::Of<decltype(&::WinHttpOpen), decltype(&::WinHttpCloseHandle)>("winhttp.dll", "WinHttpOpen",
-                                                                                                  "WinHttpCloseHandle");
-    balance.AlsoAcquiredBy<decltype(&::WinHttpConnect)>("winhttp.dll", "WinHttpConnect");
-    balance.AlsoAcquiredBy<decltype(&::WinHttpOpenRequest)>("winhttp.dll", "WinHttpOpenRequest");
-    return balance;
-}
 
 // What a get function does: the code it throws, S_OK for a value.
 template <class Get>
@@ -151,7 +144,7 @@ TEST(WinHttpRequest, AFailureSaysItsCode)
 TEST(WinHttpRequest, BodiesOfEverySizeGoAndCome)
 {
     CLoopbackServer server(Echo);
-    const CAcquireBalance balance = HandleBalance();
+    const CAcquireBalance balance = WinHttpHandleBalance();
     for (const size_t size : { 0U, 1U, 70'000U, 10U << 20 })
     {
         SCOPED_TRACE(size);
@@ -404,7 +397,7 @@ class ExchangeLife : public testing::TestWithParam<std::tuple<EState, EEnd>>
 TEST_P(ExchangeLife, EndsWithoutAHangOrALeak)
 {
     const auto [state, end] = GetParam();
-    const CAcquireBalance balance = HandleBalance();
+    const CAcquireBalance balance = WinHttpHandleBalance();
     CGate reached; // by the server or the functions
     CGate closed;  // the request handle: only then the server goes on
     // The server's answer ends a stall, so that the platform may also finish what it does not cancel.
@@ -604,7 +597,7 @@ TEST(WinHttpRequest, ItsOwnFunctionsMayEndIt)
         Clear,
         StartAgain
     };
-    const CAcquireBalance balance = HandleBalance();
+    const CAcquireBalance balance = WinHttpHandleBalance();
     for (const bool fromAuthentication : { true, false })
         for (const EAct act : { EAct::Destroy, EAct::Clear, EAct::StartAgain })
         {
@@ -724,7 +717,7 @@ TEST(WinHttpRequest, AConnectionThatDiesEndsTheExchange)
 
 TEST(WinHttpRequest, EveryFailingCallEndsTheExchangeWithItsCode)
 {
-    const CAcquireBalance balance = HandleBalance();
+    const CAcquireBalance balance = WinHttpHandleBalance();
     const std::vector<CFault> faults{
         VO_FAULT("winhttp.dll", WinHttpSendRequest, FALSE, 12004),
         VO_FAULT("winhttp.dll", WinHttpReceiveResponse, FALSE, 12004),
@@ -1060,7 +1053,7 @@ TEST(WinHttpRequest, ExchangesClearedAtAnyMomentLeaveNothingBehind)
 {
     constexpr unsigned kThreads = 4;
     constexpr int kRounds = 75;
-    const CAcquireBalance balance = HandleBalance();
+    const CAcquireBalance balance = WinHttpHandleBalance();
     CLoopbackServer server(
         [](const CRequest& request, CConnection& connection)
         {
@@ -1134,7 +1127,7 @@ TEST(WinHttpRequest, ExchangesInARowLeakNothing)
     };
     for (int i = 0; i < 50; ++i) // threads, connections and caches come first
         run();
-    const CAcquireBalance balance = HandleBalance();
+    const CAcquireBalance balance = WinHttpHandleBalance();
     const DWORD osHandles = CountProcessHandles();
     CMemoryMeter meter;
     constexpr int kRounds = 500;
