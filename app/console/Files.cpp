@@ -7,21 +7,16 @@
 
 namespace
 {
-// Whether the name leads to something that renaming must not replace.
-bool IsDevice(const std::wstring& path)
+CVoHandle OpenExisting(const std::wstring& path, DWORD access)
 {
-    const CVoHandle file(::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                       nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-    return file && ::GetFileType(file.Get()) != FILE_TYPE_DISK;
+    return CVoHandle(::CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                   OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
 }
 
-void WriteToDevice(const std::wstring& path, std::span<const BYTE> bytes)
+// A device or a pipe, which renaming must not replace.
+bool IsDevice(const CVoHandle& file)
 {
-    const CVoHandle file(
-        ::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!file)
-        throw CVoHResultException(HResultFromLastError());
-    CHandleSink(file.Get()).Write(bytes);
+    return file && ::GetFileType(file.Get()) != FILE_TYPE_DISK;
 }
 } // namespace
 
@@ -44,9 +39,10 @@ bool FileExists(const std::wstring& path)
 COutputFile::COutputFile(const std::wstring& path, std::span<const BYTE> bytes)
 {
     const std::wstring fullPath = VoGetFullPath(path);
-    if (IsDevice(fullPath))
+    // Opened once: the reader of a pipe takes its writer's end for the end of all.
+    if (const CVoHandle file = OpenExisting(fullPath, GENERIC_WRITE); IsDevice(file))
     {
-        WriteToDevice(fullPath, bytes);
+        CHandleSink(file.Get()).Write(bytes);
         return;
     }
     m_replacement = std::make_unique<CVoFileReplacement>();
@@ -63,14 +59,18 @@ void COutputFile::Commit()
 
 void CheckReplaceable(const std::wstring& path)
 {
-    // What is there must be a file (or a device) that may be written; beside it there must be room for its replacement.
-    const CVoHandle file(::CreateFileW(VoGetFullPath(path).c_str(), GENERIC_WRITE,
-                                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
-                                       FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!file && ::GetLastError() != ERROR_FILE_NOT_FOUND)
-        throw CVoHResultException(HResultFromLastError());
-    if (!file || ::GetFileType(file.Get()) == FILE_TYPE_DISK)
-        const COutputFile uncommitted(path, {});
+    const std::wstring fullPath = VoGetFullPath(path);
+    // Without access, so that the reader of a pipe does not notice.
+    if (IsDevice(OpenExisting(fullPath, 0)))
+        return;
+    // What is there must be a file that may be written; beside it there must be room for its replacement.
+    if (const CVoHandle file = OpenExisting(fullPath, GENERIC_WRITE); !file)
+    {
+        const DWORD error = ::GetLastError();
+        if (error != ERROR_FILE_NOT_FOUND && error != ERROR_SHARING_VIOLATION)
+            throw CVoHResultException(HResultFromWin32(error));
+    }
+    const COutputFile uncommitted(path, {});
 }
 
 void WriteWholeFile(const std::wstring& path, std::span<const BYTE> bytes)
