@@ -1,6 +1,7 @@
 // The state machine of one exchange: VoWinHttpRequest.h, which callers include, is its face.
 #pragma once
 
+#include <VoWinHttpAnswer.h>
 #include <VoWinHttpInterface.h>
 
 #include <base/VoErrorHandler.h>
@@ -10,11 +11,9 @@
 
 #include <array>
 #include <charconv>
-#include <condition_variable>
 #include <cstddef>
 #include <exception>
 #include <functional>
-#include <future>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -131,44 +130,6 @@ struct CCallbackFrame
 };
 inline constinit thread_local const CCallbackFrame* t_innermostCallback = nullptr;
 
-// The giving half of a one-shot answer. Whoever gives it takes the promise out first, under the exchange's lock: the value then
-// reaches the waiting thread from a promise of the giver's own, which that thread cannot pull away by going on.
-template <class Value>
-class CAnswer
-{
-public:
-    [[nodiscard]] bool IsOpen() const noexcept { return m_promise.has_value(); }
-    void Open(std::promise<Value> promise) noexcept { m_promise.emplace(std::move(promise)); }
-    [[nodiscard]] std::optional<std::promise<Value>> Take() noexcept { return std::exchange(m_promise, std::nullopt); }
-
-private:
-    std::optional<std::promise<Value>> m_promise;
-};
-
-// The taking half: one value per send.
-template <class Value>
-class CAnswerFuture
-{
-public:
-    void Reset() noexcept { *this = {}; }
-    void Set(std::future<Value> future) noexcept
-    {
-        m_future = std::move(future);
-        m_wasSet = true;
-    }
-    // Throws std::future_error.
-    [[nodiscard]] std::future<Value> Take()
-    {
-        if (!m_future.valid())
-            throw std::future_error(m_wasSet ? std::future_errc::future_already_retrieved : std::future_errc::no_state);
-        return std::move(m_future);
-    }
-
-private:
-    std::future<Value> m_future;
-    bool m_wasSet = false;
-};
-
 // The state of an exchange, from Init to Clear: what WinHTTP's context value points to. While WinHTTP has that value the state
 // owns itself.
 template <class T>
@@ -223,7 +184,7 @@ private:
             t_innermostCallback = m_frame.outer;
             const std::lock_guard lock(m_exchange->m_lock);
             --m_exchange->m_notifications;
-            m_exchange->m_changed.notify_all();
+            m_exchange->m_changed.NotifyAll();
         }
         CNotification(const CNotification&) = delete;
         CNotification& operator=(const CNotification&) = delete;
@@ -307,8 +268,8 @@ private:
     std::unique_ptr<BYTE[]> m_pending; // belongs to WinHTTP during a read
     std::wstring m_url;
 
-    mutable std::mutex m_lock; // guards what follows; never held during a call of WinHTTP or of a function from outside
-    std::condition_variable m_changed;
+    mutable CLock m_lock; // guards what follows; never held during a call of WinHTTP or of a function from outside
+    CCondition m_changed;
     std::shared_ptr<const AuthenticationFunction> m_authenticate;
     std::shared_ptr<const SendCompleteHandler> m_sendComplete;
     std::shared_ptr<const RedirectHandler> m_redirect;
@@ -337,8 +298,8 @@ HRESULT CExchange<T>::SetRequestData(const void* data, DWORD length) noexcept
 template <class T>
 HRESULT CExchange<T>::Prepare(CAnswerFuture<DWORD>& statusFuture, CAnswerFuture<std::vector<BYTE>>& dataFuture)
 {
-    std::promise<DWORD> status;
-    std::promise<std::vector<BYTE>> data;
+    CPromise<DWORD> status;
+    CPromise<std::vector<BYTE>> data;
     const std::lock_guard lock(m_lock);
     if (IsRunning())
         return E_FAIL;
@@ -348,12 +309,12 @@ HRESULT CExchange<T>::Prepare(CAnswerFuture<DWORD>& statusFuture, CAnswerFuture<
     // An answer that nobody gave stays: somebody may wait for it.
     if (!m_status.IsOpen())
     {
-        statusFuture.Set(status.get_future());
+        statusFuture.Set(status.Future());
         m_status.Open(std::move(status));
     }
     if (!m_data.IsOpen())
     {
-        dataFuture.Set(data.get_future());
+        dataFuture.Set(data.Future());
         m_data.Open(std::move(data));
     }
     m_statusCode = 0;
@@ -390,7 +351,7 @@ HRESULT CExchange<T>::Start() noexcept
             m_self.reset();
         if (forgotten || !wasKnown)
             m_busy = false;
-        m_changed.notify_all();
+        m_changed.NotifyAll();
     }
     Fail(hr);
     return hr;
@@ -423,7 +384,7 @@ HRESULT CExchange<T>::Close() noexcept
         Abandon();
         lock.lock();
     }
-    m_changed.wait(lock, [this] { return (!m_busy || m_abandoned) && m_notifications == 0; });
+    m_changed.Wait(lock, [this] { return (!m_busy || m_abandoned) && m_notifications == 0; });
     // What the functions hold goes here and now: the state may live on for a moment in the notification that was the last.
     const std::shared_ptr<const AuthenticationFunction> authenticate = std::move(m_authenticate);
     const std::shared_ptr<const SendCompleteHandler> sendComplete = std::move(m_sendComplete);
@@ -452,8 +413,8 @@ void CExchange<T>::Abandon() noexcept
 template <class T>
 void CExchange<T>::Fail(HRESULT hr) noexcept
 {
-    std::optional<std::promise<DWORD>> status;
-    std::optional<std::promise<std::vector<BYTE>>> data;
+    std::optional<CPromise<DWORD>> status;
+    std::optional<CPromise<std::vector<BYTE>>> data;
     {
         const std::lock_guard lock(m_lock);
         status = m_status.Take();
@@ -463,9 +424,9 @@ void CExchange<T>::Fail(HRESULT hr) noexcept
         return;
     const std::exception_ptr failure = std::make_exception_ptr(HRESULTexc(hr));
     if (status)
-        status->set_exception(failure);
+        status->Fail(failure);
     if (data)
-        data->set_exception(failure);
+        data->Fail(failure);
 }
 
 template <class T>
@@ -552,7 +513,7 @@ HRESULT CExchange<T>::OnHeadersAvailable()
         return SUCCEEDED(hr) ? hr : report(280, hr);
     }
 
-    std::optional<std::promise<DWORD>> status;
+    std::optional<CPromise<DWORD>> status;
     {
         const std::lock_guard lock(m_lock);
         m_statusCode = code;
@@ -560,7 +521,7 @@ HRESULT CExchange<T>::OnHeadersAvailable()
     }
     // From the next line on, an exchange without a body may be sent again: nothing of it is touched after that.
     if (status)
-        status->set_value(code);
+        status->Give(code);
     if (code >= kFirstStatusWithoutBody)
         return S_OK;
     const HRESULT hr = Reason(m_request.QueryDataAvailable());
@@ -636,14 +597,14 @@ void CExchange<T>::DeliverBody()
         chunk.bytes.reset(); // at once: the body is in memory twice at most
     }
     m_chunks.clear();
-    std::optional<std::promise<std::vector<BYTE>>> data;
+    std::optional<CPromise<std::vector<BYTE>>> data;
     {
         const std::lock_guard lock(m_lock);
         data = m_data.Take();
     }
     // From here on the exchange may be sent again: nothing of it is touched any more.
     if (data)
-        data->set_value(std::move(body));
+        data->Give(std::move(body));
 }
 
 template <class T>

@@ -85,8 +85,8 @@ public:
     HRESULT SetRequestData(const void* data, DWORD length) noexcept override;
     HRESULT Clear() noexcept override;
     HRESULT Send() noexcept override;
-    DWORD GetStatusCode() override { return Take(m_status).get(); }
-    std::vector<BYTE> GetResponseData() override { return Take(m_data).get(); }
+    DWORD GetStatusCode() override { return Take(m_status).Get(); }
+    std::vector<BYTE> GetResponseData() override { return Take(m_data).Get(); }
     HRESULT SetSendCompleteHandler(SendCompleteHandler handler) noexcept override;
     HRESULT SetRedirectHandler(RedirectHandler handler) noexcept override;
 
@@ -109,13 +109,13 @@ private:
     template <auto kMember, class Handler>
     [[nodiscard]] HRESULT SetHandler(Handler handler, const CVoReporter& report, int line) noexcept;
     template <class Value>
-    [[nodiscard]] std::future<Value> Take(Detail::CAnswerFuture<Value>& future)
+    [[nodiscard]] Detail::CFuture<Value> Take(Detail::CAnswerFuture<Value>& future)
     {
         const std::lock_guard lock(m_lock);
         return future.Take();
     }
 
-    mutable std::mutex m_lock;                       // taken before the exchange's own
+    mutable Detail::CLock m_lock;                    // taken before the exchange's own
     std::shared_ptr<CExchange> m_exchange;           // null: not initialised
     Detail::CAnswerFuture<DWORD> m_status;           // the answers outlive the exchange
     Detail::CAnswerFuture<std::vector<BYTE>> m_data; //
