@@ -1,4 +1,5 @@
 #include <base/VoMultiThreading.h>
+#include <base/VoUtils.h>
 
 #include "support/ImportHook.h"
 #include "support/LogCapture.h"
@@ -71,24 +72,14 @@ CVoHandle Duplicate(HANDLE thread)
     return CVoHandle(copy);
 }
 
-class CTestLock final : public CLockObject
+struct CTestLock final : CLockObject
 {
-public:
     int answer = 1;
-    int locks = 0;
-    int unlocks = 0;
+    int calls = 0;
 
-    int Unlock() noexcept override
-    {
-        ++unlocks;
-        return answer;
-    }
-    int Lock() noexcept override { return Lock(0); }
-    int Lock(DWORD) noexcept override
-    {
-        ++locks;
-        return answer;
-    }
+    int Unlock() noexcept override { return ++calls, answer; }
+    int Lock() noexcept override { return ++calls, answer; }
+    int Lock(DWORD) noexcept override { return Lock(); }
 };
 
 TEST(AutoLock, LocksOnceUnlocksOnceAndBelievesTheLock)
@@ -97,7 +88,7 @@ TEST(AutoLock, LocksOnceUnlocksOnceAndBelievesTheLock)
     {
         CAutoLock holder(&lock);
         EXPECT_EQ(holder.Lock(), 1);
-        EXPECT_EQ(lock.locks, 1);
+        EXPECT_EQ(lock.calls, 1);
         lock.answer = 0;
         EXPECT_EQ(holder.Unlock(), 0);
         EXPECT_TRUE(holder.IsLocked());
@@ -111,30 +102,25 @@ TEST(AutoLock, LocksOnceUnlocksOnceAndBelievesTheLock)
         lock.answer = 1;
         EXPECT_EQ(holder.Lock(), 1);
     }
-    EXPECT_EQ(lock.locks, 3);
-    EXPECT_EQ(lock.unlocks, 3);
+    EXPECT_EQ(lock.calls, 6);
 }
 
 TEST(CriticalSection, IsRecursiveForItsThreadAndExcludesOthers)
 {
     CCriticalSection section;
     int count = 0;
-    std::vector<std::thread> threads;
-    for (int thread = 0; thread < 4; ++thread)
+    const auto work = [&]
     {
-        threads.emplace_back(
-            [&]
-            {
-                for (int round = 0; round < 5000; ++round)
-                {
-                    CAutoLock outer(&section);
-                    CAutoLock inner(&section);
-                    ++count;
-                }
-            });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
+        for (int round = 0; round < 10000; ++round)
+        {
+            CAutoLock outer(&section);
+            CAutoLock inner(&section);
+            ++count;
+        }
+    };
+    std::thread other(work);
+    work();
+    other.join();
     EXPECT_EQ(count, 20000);
 }
 
@@ -145,148 +131,99 @@ TEST(Event, KindInitialStateAndNameAreThePlatforms)
     EXPECT_TRUE(manual.IsSignalled());
     EXPECT_EQ(manual.Reset(), S_OK);
     EXPECT_FALSE(manual.IsSignalled());
-
     CEvent automatic(false, false, L"VoUtilsTest.Event");
     CEvent same(true, false, L"VoUtilsTest.Event");
     EXPECT_FALSE(same.IsSignalled());
     EXPECT_EQ(same.Set(), S_OK);
     EXPECT_TRUE(automatic.IsSignalled());
     EXPECT_FALSE(automatic.IsSignalled());
-}
 
-TEST(Event, FailedCreationIsReportedAndThrown)
-{
-    CCriticalSection section;
-    HANDLE mutex = ::CreateMutexW(nullptr, FALSE, L"VoUtilsTest.NotAnEvent");
+    const CFailOnCall<decltype(&::CreateEventW)> fail("kernel32.dll", "CreateEventW", 1, nullptr, ERROR_INVALID_HANDLE);
     CLogCapture log;
-    try
-    {
-        CEvent event(false, true, L"VoUtilsTest.NotAnEvent");
-        ADD_FAILURE() << "A mutex was taken for an event";
-    }
-    catch (const CVoHResultException& exception)
-    {
-        EXPECT_EQ(exception.Result(), HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE));
-        EXPECT_THAT(log.Lines(), ElementsAre(IsReportBy(L"CEvent::CEvent", exception.Result())));
-    }
-    ::CloseHandle(mutex);
+    EXPECT_THROW(CEvent(false, true, L"VoUtilsTest.None"), CVoHResultException);
+    EXPECT_THAT(log.Lines(), ElementsAre(IsReportBy(L"CEvent::CEvent", HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE))));
 }
 
 TEST(Thread, IsIdleThenRunsThenEndsAndStartsAgain)
 {
-    CLogCapture log;
     for (const bool useFinishedEvent : { false, true })
     {
+        CLogCapture log;
         CTestThread thread;
+        thread.run = RunUntilStopped;
         EXPECT_TRUE(thread.IsFinished());
         EXPECT_EQ(thread.Stop(true), S_OK);
-        for (int round = 0; round < 3; ++round)
+        for (int round = 0; round < 2; ++round)
         {
-            thread.run = RunUntilStopped;
             ASSERT_EQ(thread.CreateThread(false, true, true, L"", useFinishedEvent), S_OK);
             EXPECT_FALSE(thread.IsFinished());
-            EXPECT_NE(thread.ThreadId(), 0U);
+            const DWORD id = thread.ThreadId();
+            EXPECT_NE(id, 0U);
+            // A second beginning fails and leaves the thread alone.
+            EXPECT_EQ(thread.CreateThread(false, false, true, L"", useFinishedEvent), E_FAIL);
+            EXPECT_THAT(log.Lines(), ElementsAre(CreateReport(786, E_FAIL)));
+            log.Clear();
+            EXPECT_EQ(thread.ThreadId(), id);
+            EXPECT_FALSE(thread.IsFinished() || thread.StopRequested());
             DWORD exitCode = 99;
             EXPECT_EQ(thread.Stop(true, &exitCode), S_OK);
             EXPECT_EQ(exitCode, 0U);
             EXPECT_TRUE(thread.IsFinished());
         }
+        EXPECT_THAT(log.Lines(), IsEmpty());
     }
-    EXPECT_THAT(log.Lines(), IsEmpty());
 }
 
 TEST(Thread, ThatEndsBeforeItStartsGivesItsExitCode)
 {
-    struct SCase
-    {
-        const char* name;
-        std::function<void(CTestThread&)> setUp;
-        HRESULT result;
-        std::vector<testing::Matcher<const CLogLine&>> log;
-    };
-    const auto thrower = [](auto&...) -> HRESULT { throw std::runtime_error("test"); };
-    const SCase cases[] = {
-        { "init refuses",
-          [](CTestThread& t)
-          {
-              t.init = [] { return false; };
-              t.run = [](auto&) { return E_UNEXPECTED; };
-          },
-          S_FALSE,
-          { CreateReport(828, S_FALSE) } },
-        { "run ends", [](CTestThread&) {}, S_FALSE, { CreateReport(828, S_FALSE) } },
-        { "run gives a success",
-          [](CTestThread& t) { t.run = [](auto&) { return HRESULT{ 7 }; }; },
-          7,
-          { CreateReport(827, 7) } },
-        { "run fails",
-          [](CTestThread& t) { t.run = [](auto&) { return kRunFailed; }; },
-          kRunFailed,
-          { IsReport(kSource, 699, L"VoThreadProc", kRunFailed), CreateReport(827, kRunFailed) } },
-        { "run throws",
-          [&](CTestThread& t) { t.run = thrower; },
-          kResultCallbackException,
-          { IsReport(kSource, 704, L"VoThreadProc", kResultCallbackException), CreateReport(827, kResultCallbackException) } },
-        { "init throws",
-          [&](CTestThread& t) { t.init = [thrower] { return thrower() == S_OK; }; },
-          S_FALSE,
-          { IsReport(kSource, 711, L"VoThreadProc", E_FAIL), CreateReport(828, S_FALSE) } },
-        { "exit throws after a failed run",
-          [&](CTestThread& t)
-          {
-              t.exit = thrower;
-              t.run = [](auto&) { return kRunFailed; };
-          },
-          kRunFailed,
-          { IsReport(kSource, 699, L"VoThreadProc", kRunFailed), IsReport(kSource, 711, L"VoThreadProc", E_FAIL),
-            CreateReport(827, kRunFailed) } },
-    };
-    for (const SCase& test : cases)
+    const auto check = [](HRESULT result, std::vector<testing::Matcher<const CLogLine&>> expected, auto setUp)
     {
         for (const bool useFinishedEvent : { false, true })
         {
-            SCOPED_TRACE(test.name);
             CLogCapture log;
             CTestThread thread;
-            test.setUp(thread);
-            EXPECT_EQ(thread.CreateThread(false, true, true, L"never used", useFinishedEvent), test.result);
+            setUp(thread);
+            EXPECT_EQ(thread.CreateThread(false, true, true, L"never used", useFinishedEvent), result);
             EXPECT_EQ(thread.Stop(true), S_OK);
             EXPECT_TRUE(thread.IsFinished());
-            EXPECT_THAT(log.Lines(), testing::ElementsAreArray(test.log));
+            EXPECT_THAT(log.Lines(), testing::ElementsAreArray(expected));
         }
-    }
+    };
+    const auto thrower = [](auto&...) -> HRESULT { throw std::runtime_error("test"); };
+    const auto failing = [](CTestThread&) { return kRunFailed; };
+    const auto proc = [](int line, HRESULT code) { return IsReport(kSource, line, L"VoThreadProc", code); };
+    check(S_FALSE, { CreateReport(828, S_FALSE) },
+          [&](CTestThread& t)
+          {
+              t.init = [] { return false; };
+              t.run = failing;
+          });
+    check(S_FALSE, { CreateReport(828, S_FALSE) }, [](CTestThread&) {});
+    check(7, { CreateReport(827, 7) }, [](CTestThread& t) { t.run = [](auto&) { return HRESULT{ 7 }; }; });
+    check(kResultCallbackException, { proc(704, kResultCallbackException), CreateReport(827, kResultCallbackException) },
+          [&](CTestThread& t) { t.run = thrower; });
+    check(S_FALSE, { proc(711, E_FAIL), CreateReport(828, S_FALSE) },
+          [&](CTestThread& t) { t.init = [thrower] { return thrower() == S_OK; }; });
+    check(kRunFailed, { proc(699, kRunFailed), proc(711, E_FAIL), CreateReport(827, kRunFailed) },
+          [&](CTestThread& t)
+          {
+              t.exit = thrower;
+              t.run = failing;
+          });
 }
 
-TEST(Thread, ThatSignalsAndEndsAtOnceCountsAsStarted)
+TEST(Thread, ThatSignalsAndEndsOrStopsItselfAtOnceCountsAsStarted)
 {
     for (int round = 0; round < 200; ++round)
     {
         CTestThread thread;
-        thread.run = [](CTestThread& self)
+        thread.run = [round](CTestThread& self)
         {
             self.SignalStarted();
-            return kRunFailed;
+            return round % 4 < 2 ? kRunFailed : self.Stop(true); // which does not wait for itself
         };
         ASSERT_EQ(thread.CreateThread(false, true, true, L"", round % 2 == 0), S_OK);
-    }
-}
-
-TEST(Thread, CreateThreadWhileRunningFailsAndLeavesTheThreadAlone)
-{
-    for (const bool useFinishedEvent : { false, true })
-    {
-        CTestThread thread;
-        thread.run = RunUntilStopped;
-        ASSERT_EQ(thread.CreateThread(false, true, true, L"", useFinishedEvent), S_OK);
-        const HANDLE handle = thread.ThreadHandle();
-        const DWORD id = thread.ThreadId();
-        CLogCapture log;
-        EXPECT_EQ(thread.CreateThread(false, false, true, L"", useFinishedEvent), E_FAIL);
-        EXPECT_THAT(log.Lines(), ElementsAre(CreateReport(786, E_FAIL)));
-        EXPECT_EQ(thread.ThreadHandle(), handle);
-        EXPECT_EQ(thread.ThreadId(), id);
-        EXPECT_FALSE(thread.IsFinished());
-        EXPECT_FALSE(thread.StopRequested());
+        EXPECT_EQ(thread.Stop(true), S_OK);
     }
 }
 
@@ -296,11 +233,7 @@ TEST(Thread, SuspendedOneRunsOnlyAfterResumeOrStop)
     {
         std::atomic<int> runs{ 0 };
         CTestThread thread;
-        thread.run = [&](CTestThread& self)
-        {
-            ++runs;
-            return RunUntilStopped(self);
-        };
+        thread.run = [&](CTestThread& self) { return ++runs, RunUntilStopped(self); };
         ASSERT_EQ(thread.CreateThread(true, false, true, L"", false), S_OK);
         EXPECT_FALSE(thread.IsFinished());
         EXPECT_EQ(runs, 0);
@@ -327,13 +260,14 @@ TEST(Thread, DestroyingWithoutWaitDoesNotBlockAndNothingOfTheObjectIsUsedAfterwa
             thread.joinInDestructor = false;
             thread.run = [&](CTestThread& self)
             {
+                // What the function itself holds goes with the object too.
                 const HANDLE stop = self.StopEvent();
-                self.SignalStarted();
+                const HANDLE wait = release.Handle();
+                CEvent& seen = stopSeen;
                 static_cast<void>(running.Set());
-                ::WaitForSingleObject(release.Handle(), INFINITE);
-                if (::WaitForSingleObject(stop, 0) == WAIT_OBJECT_0)
-                    static_cast<void>(stopSeen.Set());
-                return S_OK;
+                self.SignalStarted();
+                ::WaitForSingleObject(wait, INFINITE);
+                return ::WaitForSingleObject(stop, 0) == WAIT_OBJECT_0 ? seen.Set() : S_OK;
             };
             ASSERT_EQ(thread.CreateThread(suspended, !suspended, false, L"", false), S_OK);
             ended = Duplicate(thread.ThreadHandle());
@@ -366,64 +300,30 @@ TEST(Thread, DeletesItsObjectWhenDone)
     EXPECT_EQ(CountProcessHandles(), handles);
 }
 
-TEST(Thread, WorkerThatStopsItselfDoesNotWait)
-{
-    CTestThread thread;
-    thread.run = [](CTestThread& self)
-    {
-        self.SignalStarted();
-        return self.Stop(true);
-    };
-    ASSERT_EQ(thread.CreateThread(false, true, true, L"", false), S_OK);
-    DWORD exitCode = 99;
-    EXPECT_EQ(thread.Stop(true, &exitCode), S_OK);
-    EXPECT_EQ(exitCode, 0U);
-}
-
-// What a debugger would see of the naming exception.
-struct SNaming
-{
-    int count = 0;
-    DWORD words = 0;
-    DWORD type = 0;
-    DWORD threadId = 0;
-    std::string name;
-};
-SNaming g_naming;
+// What a debugger would see of the naming exceptions.
+std::vector<std::wstring> g_namings;
 
 LONG CALLBACK ObserveNaming(EXCEPTION_POINTERS* exception)
 {
     const EXCEPTION_RECORD& record = *exception->ExceptionRecord;
+    const ULONG_PTR* const words = record.ExceptionInformation;
     if (record.ExceptionCode == 0x406D1388)
-    {
-        ++g_naming.count;
-        g_naming.words = record.NumberParameters;
-        g_naming.type = static_cast<DWORD>(record.ExceptionInformation[0]);
-        g_naming.name = reinterpret_cast<const char*>(record.ExceptionInformation[1]);
-        g_naming.threadId = static_cast<DWORD>(record.ExceptionInformation[2]);
-    }
+        g_namings.push_back(VoFormat(L"%lu %llX %hs %llu", record.NumberParameters, words[0],
+                                     reinterpret_cast<const char*>(words[1]), words[2]));
     return EXCEPTION_CONTINUE_SEARCH;
 }
 
 TEST(Thread, IsNamedForDebuggersOnlyAfterItsStartWasWaitedFor)
 {
     void* const observer = ::AddVectoredExceptionHandler(TRUE, &ObserveNaming);
-    g_naming = {};
-    {
-        CTestThread thread;
-        thread.run = RunUntilStopped;
-        ASSERT_EQ(thread.CreateThread(false, false, true, L"W\u00F6rker", false), S_OK);
-        EXPECT_EQ(thread.Stop(true), S_OK);
-        EXPECT_EQ(g_naming.count, 0);
-
-        // The name given before stays.
-        ASSERT_EQ(thread.CreateThread(false, true, true, L"", false), S_OK);
-        EXPECT_EQ(g_naming.count, 1);
-        EXPECT_EQ(g_naming.words, 6U);
-        EXPECT_EQ(g_naming.type, 0x1000U);
-        EXPECT_EQ(g_naming.threadId, thread.ThreadId());
-        EXPECT_EQ(g_naming.name, "W\xF6rker");
-    }
+    CTestThread thread;
+    thread.run = RunUntilStopped;
+    ASSERT_EQ(thread.CreateThread(false, false, true, L"Worker", false), S_OK);
+    EXPECT_EQ(thread.Stop(true), S_OK);
+    EXPECT_THAT(g_namings, IsEmpty());
+    // The name given before stays.
+    ASSERT_EQ(thread.CreateThread(false, true, true, L"", false), S_OK);
+    EXPECT_THAT(g_namings, ElementsAre(VoFormat(L"6 1000 Worker %lu", thread.ThreadId())));
     ::RemoveVectoredExceptionHandler(observer);
 }
 
@@ -486,31 +386,24 @@ TEST(Thread, EveryFailureOfThePlatformIsHandled)
 
 TEST(Thread, FailureOfCreationOrOfTheExitCodeHasItsOwnTracePoint)
 {
-    const auto create = [](CTestThread& thread) { return thread.CreateThread(false, true, true, L"", false); };
+    const auto fails = [](int line, HRESULT code)
     {
         CLogCapture log;
         CTestThread thread;
-        CCallHook<decltype(&::CreateThread)> hook("kernel32.dll", "CreateThread",
-                                                  [](auto, auto...) -> HANDLE { throw std::runtime_error("test"); });
-        EXPECT_EQ(create(thread), E_FAIL);
-        EXPECT_EQ(thread.ThreadHandle(), nullptr);
-        EXPECT_TRUE(thread.IsFinished());
-        EXPECT_THAT(log.Lines(), ElementsAre(CreateReport(802, E_FAIL)));
-    }
-    for (const DWORD error : { DWORD{ ERROR_ACCESS_DENIED }, DWORD{ ERROR_SUCCESS } })
+        EXPECT_EQ(thread.CreateThread(false, true, true, L"", false), code);
+        EXPECT_THAT(log.Lines(), ElementsAre(CreateReport(line, code)));
+    };
+    using CreateThreadFunction = decltype(&::CreateThread);
     {
-        CLogCapture log;
-        CTestThread thread;
-        CFailOnCall<decltype(&::CreateThread)> fail("kernel32.dll", "CreateThread", 1, nullptr, error);
-        const HRESULT expected = error ? HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED) : E_FAIL;
-        EXPECT_EQ(create(thread), expected);
-        EXPECT_EQ(thread.ThreadId(), 0U);
-        EXPECT_THAT(log.Lines(), ElementsAre(CreateReport(error ? 810 : 811, expected)));
+        CCallHook<CreateThreadFunction> hook("kernel32.dll", "CreateThread", [](auto, auto...) -> HANDLE { throw 1; });
+        fails(802, E_FAIL);
     }
-    CLogCapture log;
-    CTestThread thread;
+    for (const auto& [error, line] : { std::pair(DWORD{ ERROR_ACCESS_DENIED }, 810), { DWORD{ ERROR_SUCCESS }, 811 } })
+    {
+        CFailOnCall<CreateThreadFunction> fail("kernel32.dll", "CreateThread", 1, nullptr, error);
+        fails(line, line == 810 ? E_ACCESSDENIED : E_FAIL);
+    }
     CFailOnCall<decltype(&::GetExitCodeThread)> fail("kernel32.dll", "GetExitCodeThread", 1, FALSE, ERROR_ACCESS_DENIED);
-    EXPECT_EQ(create(thread), E_FAIL);
-    EXPECT_THAT(log.Lines(), ElementsAre(CreateReport(825, E_FAIL)));
+    fails(825, E_FAIL);
 }
 } // namespace
