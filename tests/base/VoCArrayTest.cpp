@@ -57,6 +57,5 @@ void ExpectRefusal(const wchar_t* name)
 TEST(CArray, WithoutRoomItKeepsItsItemsAndReportsItsName)
 {
     ExpectRefusal<CParamRec*>(L"CArray<class CParamRec *,class CParamRec *>::SetSize");
-    ExpectRefusal<unsigned char>(L"CArray<unsigned char,unsigned char>::SetSize");
     ExpectRefusal<wchar_t>(L"CArray<wchar_t,wchar_t>::SetSize");
 }

@@ -20,17 +20,10 @@ namespace
 constexpr const wchar_t* kSource = L"..\\..\\source\\base\\VoUtils";
 constexpr HRESULT kNoTranslation = static_cast<HRESULT>(0x80070459); // ERROR_NO_UNICODE_TRANSLATION
 
-SYSTEMTIME Time(WORD year, WORD month, WORD day, WORD hour = 0, WORD minute = 0, WORD second = 0, WORD milliseconds = 0)
+SYSTEMTIME Time(int year, int month, int day, int hour = 0, int minute = 0, int second = 0, int milliseconds = 0)
 {
-    SYSTEMTIME time{};
-    time.wYear = year;
-    time.wMonth = month;
-    time.wDay = day;
-    time.wHour = hour;
-    time.wMinute = minute;
-    time.wSecond = second;
-    time.wMilliseconds = milliseconds;
-    return time;
+    const auto word = [](int value) { return static_cast<WORD>(value); };
+    return { word(year), word(month), 0, word(day), word(hour), word(minute), word(second), word(milliseconds) };
 }
 
 // The fields without the day of the week.
@@ -52,37 +45,29 @@ std::wstring WriteIni(const std::string& content)
 
 TEST(Text, ParsesTheEightWordsForABooleanAndNothingElse)
 {
-    for (const wchar_t* word : { L"TRUE", L"true", L"1", L"yes", L"YeS", L"on" })
-    {
-        bool value = false;
-        EXPECT_EQ(VoStringToBool(word, value), S_OK) << word;
-        EXPECT_TRUE(value) << word;
-    }
-    for (const wchar_t* word : { L"FALSE", L"False", L"0", L"no", L"Off" })
-    {
-        bool value = true;
-        EXPECT_EQ(VoStringToBool(word, value), S_OK) << word;
-        EXPECT_FALSE(value) << word;
-    }
     for (const bool before : { false, true })
+    {
+        const CLogCapture log;
+        bool value = before;
         for (const wchar_t* word : { L"", L"2", L" yes", L"tru", L"truee", L"-1" })
-        {
-            bool value = before;
             EXPECT_EQ(VoStringToBool(word, value), E_INVALIDARG) << word;
-            EXPECT_EQ(value, before) << word;
+        EXPECT_EQ(value, before);
+        EXPECT_THAT(log.Lines(), testing::Each(IsReportBy(L"VoStringToBool", E_INVALIDARG)));
+        for (const wchar_t* word :
+             { before ? L"FALSE" : L"TRUE", before ? L"0" : L"1", before ? L"no" : L"YeS", before ? L"Off" : L"on" })
+        {
+            value = before;
+            EXPECT_EQ(VoStringToBool(word, value), S_OK) << word;
+            EXPECT_EQ(value, !before) << word;
         }
-    const CLogCapture log;
-    bool value = false;
-    EXPECT_EQ(VoStringToBool(L"2", value), E_INVALIDARG);
-    EXPECT_THAT(log.Lines(), ElementsAre(IsReportBy(L"VoStringToBool", E_INVALIDARG)));
+    }
 }
 
 TEST(Text, ConvertsWellFormedTextToUTF8AndBack)
 {
     // Lengths around the limit between the stack's buffer and a measured one, with one, two, three and four byte characters.
-    for (const std::wstring& unit : std::initializer_list<std::wstring>{ L"a", L"\u00E4", L"\u20AC", L"\U0001F600" })
-        for (const size_t count : { size_t{ 0 }, size_t{ 1 }, size_t{ 255 }, size_t{ 256 }, size_t{ 511 }, size_t{ 512 },
-                                    size_t{ 513 }, size_t{ 1024 }, size_t{ 100000 } })
+    for (const std::wstring& unit : std::initializer_list<std::wstring>{ L"a", L"\u00E4", L"\u20AC", L"\U0001F600", { L'\0' } })
+        for (const size_t count : { 0u, 1u, 255u, 256u, 511u, 512u, 513u, 1024u, 100000u })
         {
             std::wstring text;
             for (size_t i = 0; i < count; ++i)
@@ -95,9 +80,6 @@ TEST(Text, ConvertsWellFormedTextToUTF8AndBack)
             ASSERT_EQ(VoUTF8ToString(bytes, back), S_OK);
             EXPECT_EQ(back, text);
         }
-    std::string bytes;
-    EXPECT_EQ(VoStringToUTF8(std::wstring_view(L"a\0b", 3), bytes), S_OK);
-    EXPECT_EQ(bytes, std::string("a\0b", 3));
 }
 
 TEST(Text, RefusesMalformedTextAndKeepsTheOutput)
@@ -122,28 +104,19 @@ TEST(Text, RefusesMalformedTextAndKeepsTheOutput)
     EXPECT_THAT(log.Lines(), Contains(IsReportBy(L"VoUTF8ToString", kNoTranslation)).Times(6));
 }
 
-TEST(Text, UsesTheCodePageThatIsAskedFor)
+TEST(Text, UsesTheCodePageThatIsAskedForAndGivesThePlatformsErrors)
 {
     std::string bytes;
     EXPECT_EQ(VoStringToCodePage(1252, L"\u20AC\u00E4", bytes), S_OK);
     EXPECT_EQ(bytes, "\x80\xE4");
     std::wstring text;
-    EXPECT_EQ(VoCodePageToString(1252, "\x80\xE4", text), S_OK);
+    EXPECT_EQ(VoCodePageToString(1252, bytes, text), S_OK);
     EXPECT_EQ(text, L"\u20AC\u00E4");
-    EXPECT_EQ(VoStringToASCII(L"plain", bytes), S_OK);
-    EXPECT_EQ(bytes, "plain");
-    // A code page that does not exist fails with the platform's error.
-    EXPECT_EQ(VoStringToCodePage(59999, L"plain", bytes), E_INVALIDARG);
-    EXPECT_EQ(bytes, "plain");
-}
-
-TEST(Text, AFailedConversionGivesThePlatformsErrorAndKeepsTheOutput)
-{
+    EXPECT_EQ(VoStringToCodePage(59999, L"plain", bytes), E_INVALIDARG) << "no such code page";
     const CFailOnCall<decltype(&::WideCharToMultiByte)> fail("kernel32.dll", "WideCharToMultiByte", 2, 0,
                                                              ERROR_NOT_ENOUGH_MEMORY);
-    std::string bytes = "before";
     EXPECT_EQ(VoStringToUTF8(std::wstring(1000, L'a'), bytes), HResultFromWin32(ERROR_NOT_ENOUGH_MEMORY));
-    EXPECT_EQ(bytes, "before");
+    EXPECT_EQ(bytes, "\x80\xE4");
 }
 
 TEST(Text, FormatsWideNarrowAndLongArguments)
@@ -169,29 +142,20 @@ TEST(Text, ComparesWithoutRegardToCaseAndTrims)
 
 TEST(ISO8601, WritesDatesAndTimes)
 {
-    const struct
-    {
-        SYSTEMTIME time;
-        int offset;
-        bool includeTime;
-        bool includeMilliseconds;
-        const wchar_t* expected;
-    } kCases[] = {
+    const std::tuple<SYSTEMTIME, int, bool, bool, const wchar_t*> kCases[] = {
         { Time(2024, 2, 29, 1, 2, 3, 4), 0, true, true, L"2024-02-29T01:02:03.004Z" },
         { Time(2024, 2, 29, 1, 2, 3, 4), 0, true, false, L"2024-02-29T01:02:03Z" },
         { Time(2024, 2, 29, 1, 2, 3, 0), 0, true, true, L"2024-02-29T01:02:03Z" },
         { Time(2024, 2, 29, 1, 2, 3, 4), 90, true, true, L"2024-02-29T01:02:03.004+01:30" },
-        { Time(1999, 12, 31, 23, 59, 59), 1439, true, false, L"1999-12-31T23:59:59+23:59" },
-        { Time(1999, 12, 31, 23, 59, 59), -1439, true, false, L"1999-12-31T23:59:59-23:59" },
         { Time(1999, 12, 31, 23, 59, 59), -5, true, false, L"1999-12-31T23:59:59-00:05" },
         // The offset counts only where it is written.
         { Time(2001, 1, 1, 5, 6, 7, 8), 9999, false, true, L"2001-01-01" },
     };
-    for (const auto& c : kCases)
+    for (const auto& [time, offset, includeTime, includeMilliseconds, expected] : kCases)
     {
         std::wstring text;
-        EXPECT_EQ(VoSystemTimeToISO8601DateTimeStr(c.time, c.offset, c.includeTime, c.includeMilliseconds, text), S_OK);
-        EXPECT_EQ(text, c.expected);
+        EXPECT_EQ(VoSystemTimeToISO8601DateTimeStr(time, offset, includeTime, includeMilliseconds, text), S_OK);
+        EXPECT_EQ(text, expected);
     }
     const CLogCapture log;
     for (const int offset : { 1440, -1440 })
@@ -206,12 +170,7 @@ TEST(ISO8601, WritesDatesAndTimes)
 
 TEST(ISO8601, ReadsWhatItWritesAndItsCloseRelatives)
 {
-    const struct
-    {
-        const wchar_t* text;
-        SYSTEMTIME time;
-        int offset;
-    } kCases[] = {
+    const std::tuple<const wchar_t*, SYSTEMTIME, int> kCases[] = {
         { L"2024-02-29", Time(2024, 2, 29), 0 },
         { L"2000-02-29T23:59:59", Time(2000, 2, 29, 23, 59, 59), 0 },
         { L"2024-01-02 03:04:05Z", Time(2024, 1, 2, 3, 4, 5), 0 },
@@ -219,26 +178,24 @@ TEST(ISO8601, ReadsWhatItWritesAndItsCloseRelatives)
         { L"2024-01-02T03:04:05.123456789+23:59", Time(2024, 1, 2, 3, 4, 5, 123), 1439 },
         { L"2024-01-02T03:04:05.0509", Time(2024, 1, 2, 3, 4, 5, 50), 0 },
     };
-    for (const auto& c : kCases)
-    {
-        SYSTEMTIME time{};
-        int offset = 77;
-        EXPECT_EQ(VoISO8601DateTimeStrToSystemTime(c.text, time, &offset), S_OK) << c.text;
-        EXPECT_EQ(Fields(time), Fields(c.time)) << c.text;
-        EXPECT_EQ(offset, c.offset) << c.text;
-        EXPECT_EQ(VoISO8601DateTimeStrToSystemTime(c.text, time, nullptr), S_OK);
-    }
     SYSTEMTIME time{};
+    for (const auto& [text, expected, offset] : kCases)
+    {
+        int read = 77;
+        EXPECT_EQ(VoISO8601DateTimeStrToSystemTime(text, time, &read), S_OK) << text;
+        EXPECT_EQ(Fields(time), Fields(expected)) << text;
+        EXPECT_EQ(read, offset) << text;
+    }
     EXPECT_EQ(VoISO8601DateTimeStrToSystemTime(L"2024-02-29", time, nullptr), S_OK);
     EXPECT_EQ(time.wDayOfWeek, 4) << "a Thursday";
 
     std::mt19937 random(2024);
-    const auto below = [&random](unsigned limit) { return static_cast<WORD>(random() % limit); };
+    const auto below = [&random](unsigned limit) { return static_cast<int>(random() % limit); };
     for (int i = 0; i < 2000; ++i)
     {
-        const SYSTEMTIME written = Time(static_cast<WORD>(1601 + below(8399)), static_cast<WORD>(1 + below(12)),
-                                        static_cast<WORD>(1 + below(28)), below(24), below(60), below(60), below(1000));
-        const int offset = static_cast<int>(random() % 2879) - 1439;
+        const SYSTEMTIME written =
+            Time(1601 + below(8399), 1 + below(12), 1 + below(28), below(24), below(60), below(60), below(1000));
+        const int offset = below(2879) - 1439;
         std::wstring text;
         ASSERT_EQ(VoSystemTimeToISO8601DateTimeStr(written, offset, true, true, text), S_OK);
         int offsetRead = 0;
@@ -250,67 +207,38 @@ TEST(ISO8601, ReadsWhatItWritesAndItsCloseRelatives)
 
 TEST(ISO8601, RefusesEverythingElse)
 {
-    for (const wchar_t* text : { L"",
-                                 L"2024",
-                                 L"2024-1-2",
-                                 L"24-01-02",
-                                 L"2024-01-02T",
-                                 L"2024-01-02T03",
-                                 L"2024-01-02T03:04",
-                                 L"2024-01-02T3:04:05",
-                                 L"2024-01-02T03:04:05.",
-                                 L"2024-01-02T03:04:05.1234567890",
-                                 L"2024-01-02T03:04:05z",
-                                 L"2024-01-02T03:04:05+1:00",
-                                 L"2024-01-02T03:04:05+0100",
-                                 L"2024-01-02T03:04:05+24:00",
-                                 L"2024-01-02T03:04:05+01:60",
-                                 L"2024-01-02T03:04:05Z ",
-                                 L" 2024-01-02",
-                                 L"2024-01-02Z",
-                                 L"2023-02-29",
-                                 L"1900-02-29",
-                                 L"2024-00-01",
-                                 L"2024-13-01",
-                                 L"2024-04-31",
-                                 L"2024-01-00",
-                                 L"2024-01-02T24:00:00",
-                                 L"2024-01-02T00:60:00",
-                                 L"2024-01-02T00:00:60",
-                                 L"1600-01-01",
-                                 L"2024/01/02",
-                                 L"+024-01-02",
-                                 L"\u0662\u0660\u0662\u0664-01-02" })
-    {
-        SYSTEMTIME time = Time(1999, 1, 1);
-        int offset = 77;
+    std::vector<std::wstring> texts{ L"\u0662\u0660\u0662\u0664-01-02" };
+    for (const wchar_t* date :
+         { L"", L"2024", L"2024-1-2", L"24-01-02", L" 2024-01-02", L"2024-01-02Z", L"2024/01/02", L"+024-01-02", L"2023-02-29",
+           L"1900-02-29", L"2024-00-01", L"2024-13-01", L"2024-04-31", L"2024-01-00", L"1600-01-01" })
+        texts.push_back(date);
+    for (const wchar_t* time : { L"", L"03", L"03:04", L"3:04:05", L"24:00:00", L"00:60:00", L"00:00:60" })
+        texts.push_back(std::wstring(L"2024-01-02T") + time);
+    for (const wchar_t* rest : { L".", L".1234567890", L"z", L"+1:00", L"+0100", L"+24:00", L"+01:60", L"Z " })
+        texts.push_back(std::wstring(L"2024-01-02T03:04:05") + rest);
+    SYSTEMTIME time = Time(1999, 1, 1);
+    int offset = 77;
+    for (const std::wstring& text : texts)
         EXPECT_EQ(VoISO8601DateTimeStrToSystemTime(text, time, &offset), E_INVALIDARG) << text;
-        EXPECT_EQ(time.wYear, 1999) << text;
-        EXPECT_EQ(offset, 77) << text;
-    }
+    EXPECT_EQ(time.wYear, 1999);
+    EXPECT_EQ(offset, 77);
 }
 
 TEST(Variants, TypedValuesBecomeTextAndComeBackWithoutTheLocale)
 {
-    const auto textOf = [](const CVoVariant& variant)
-    {
-        std::wstring text;
-        EXPECT_EQ(VoVariantToTypeNoLocale(variant.Get(), text), S_OK);
-        return text;
-    };
-    const auto check = [&textOf](auto value, VARTYPE type, const wchar_t* text)
+    const auto check = [](auto value, VARTYPE type, const wchar_t* expected)
     {
         CVoVariant variant;
+        std::wstring text;
         ASSERT_EQ(VoTypeToVariant(value, *variant.Put()), S_OK);
         EXPECT_EQ(V_VT(&variant.Get()), type);
-        EXPECT_EQ(textOf(variant), text);
-        CVoVariant fromText;
-        ASSERT_EQ(VoTypeToVariant(std::wstring_view(text), *fromText.Put()), S_OK);
+        EXPECT_EQ(VoVariantToTypeNoLocale(variant.Get(), text), S_OK);
+        EXPECT_EQ(text, expected);
+        ASSERT_EQ(VoTypeToVariant(std::wstring_view(text), *variant.Put()), S_OK);
         decltype(value) back{};
-        EXPECT_EQ(VoVariantToTypeNoLocale(fromText.Get(), back), S_OK) << text;
+        EXPECT_EQ(VoVariantToTypeNoLocale(variant.Get(), back), S_OK) << text;
         EXPECT_EQ(back, value) << text;
     };
-    check(UINT32{ 0 }, VT_I4, L"0");
     check(UINT32{ 2147483647 }, VT_I4, L"2147483647");
     check(UINT32{ 0xFFFFFFFF }, VT_I4, L"-1");
     check(0.1, VT_R8, L"0.1");
@@ -318,7 +246,6 @@ TEST(Variants, TypedValuesBecomeTextAndComeBackWithoutTheLocale)
     check(true, VT_BOOL, L"True");
     check(false, VT_BOOL, L"False");
     check(std::wstring(L"a\u20AC"), VT_BSTR, L"a\u20AC");
-
     CVoVariant large;
     ASSERT_EQ(VoTypeToVariant(L"4294967295", *large.Put()), S_OK);
     UINT32 number = 0;
@@ -329,29 +256,22 @@ TEST(Variants, TypedValuesBecomeTextAndComeBackWithoutTheLocale)
 TEST(Variants, CurrencyDateAndDecimalGoThroughTextUnderALocale)
 {
     const LCID german = MAKELCID(MAKELANGID(LANG_GERMAN, SUBLANG_GERMAN), SORT_DEFAULT);
-    const struct
-    {
-        const wchar_t* text;
-        VARTYPE type;
-        LCID locale;
-        const wchar_t* invariant;
-    } kCases[] = {
-        { L"12.5", VT_CY, LOCALE_INVARIANT, L"12.5" },
+    const std::tuple<const wchar_t*, VARTYPE, LCID, const wchar_t*> kCases[] = {
         { L"12,5", VT_CY, german, L"12.5" },
+        { L"12,5", VT_R8, german, L"12.5" },
         { L"0.000000001", VT_DECIMAL, LOCALE_INVARIANT, L"0.000000001" },
         { L"2020-01-02 03:04:05", VT_DATE, LOCALE_INVARIANT, L"01/02/2020 03:04:05" },
-        { L"12,5", VT_R8, german, L"12.5" },
     };
-    for (const auto& c : kCases)
+    for (const auto& [before, type, locale, after] : kCases)
     {
         CVoVariant value;
-        ASSERT_EQ(VoTypeToVariant(c.text, *value.Put()), S_OK);
-        // In place: the source is the destination.
-        ASSERT_EQ(VoChangeVariantType(value.Get(), value.Get(), c.type, c.locale), S_OK) << c.text;
-        EXPECT_EQ(V_VT(&value.Get()), c.type);
         std::wstring text;
+        ASSERT_EQ(VoTypeToVariant(before, *value.Put()), S_OK);
+        // In place: the source is the destination.
+        ASSERT_EQ(VoChangeVariantType(value.Get(), value.Get(), type, locale), S_OK) << before;
+        EXPECT_EQ(V_VT(&value.Get()), type);
         ASSERT_EQ(VoVariantToTypeNoLocale(value.Get(), text), S_OK);
-        EXPECT_EQ(text, c.invariant);
+        EXPECT_EQ(text, after);
     }
 }
 
@@ -359,20 +279,17 @@ TEST(Variants, AFailedChangeIsReportedAndLeavesTheDestination)
 {
     const CLogCapture log;
     CVoVariant source;
+    CVoVariant destination;
     ASSERT_EQ(VoTypeToVariant(L"no number", *source.Put()), S_OK);
-    for (const VARTYPE type : { VT_I4, VT_R8, VT_BOOL, VT_CY, VT_DATE, VT_DECIMAL })
-    {
-        CVoVariant destination;
-        ASSERT_EQ(VoTypeToVariant(L"before", *destination.Put()), S_OK);
-        EXPECT_EQ(VoChangeVariantTypeNoLocale(destination.Get(), source.Get(), type), DISP_E_TYPEMISMATCH) << type;
-        EXPECT_EQ(CVoBstr::ViewOf(V_BSTR(&destination.Get())), L"before");
-    }
+    ASSERT_EQ(VoTypeToVariant(L"before", *destination.Put()), S_OK);
+    EXPECT_EQ(VoChangeVariantTypeNoLocale(destination.Get(), source.Get(), VT_I4), DISP_E_TYPEMISMATCH);
+    EXPECT_EQ(CVoBstr::ViewOf(V_BSTR(&destination.Get())), L"before");
+    EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kSource, 213, L"VoChangeVariantType", DISP_E_TYPEMISMATCH),
+                                         IsReport(kSource, 224, L"VoChangeVariantTypeNoLocale", DISP_E_TYPEMISMATCH)));
     UINT32 number = 5;
     EXPECT_EQ(VoVariantToTypeNoLocale(source.Get(), number), DISP_E_TYPEMISMATCH);
     EXPECT_EQ(number, 5u);
-    EXPECT_THAT(log.Lines(), Contains(IsReport(kSource, 213, L"VoChangeVariantType", DISP_E_TYPEMISMATCH)).Times(6));
-    EXPECT_THAT(log.Lines(), Contains(IsReport(kSource, 224, L"VoChangeVariantTypeNoLocale", DISP_E_TYPEMISMATCH)).Times(6));
-    EXPECT_THAT(log.Lines(), Contains(IsReportBy(L"VoVariantToTypeNoLocale", DISP_E_TYPEMISMATCH)).Times(1));
+    EXPECT_THAT(log.Lines().back(), IsReportBy(L"VoVariantToTypeNoLocale", DISP_E_TYPEMISMATCH));
 }
 
 TEST(Paths, LongPathPrefixesComeOffWhereThePathCanDoWithoutThem)
@@ -438,30 +355,28 @@ TEST(Paths, FailuresGiveThePlatformsErrorAndKeepTheOutput)
 
 TEST(IniValues, AreTypedWithDefaultsAndTellWhetherTheyWereThere)
 {
-    const std::string longValue(400, 'v');
-    const std::wstring file =
-        WriteIni("[S]\r\nyes=On\r\nodd=perhaps\r\nempty=\r\nnumber= -42 \r\nplus=+7\r\nbig=2147483648\r\nhex=0x10\r\n"
-                 "part=12x\r\ntext=some text\r\nlong=" +
-                 longValue + "\r\n");
+    const std::wstring file = WriteIni("[S]\r\nyes=On\r\nodd=perhaps\r\nempty=\r\nnumber= -42 \r\nplus=+7\r\nbig=2147483648\r\n"
+                                       "hex=0x10\r\npart=12x\r\ntext=some text\r\nlong=" +
+                                       std::string(400, 'v') + "\r\n");
     const wchar_t* s = L"S";
     bool present = false;
     EXPECT_TRUE(VoGetIniBool(file, s, L"YES", false, &present));
-    EXPECT_TRUE(present);
-    for (const bool defaultValue : { false, true })
+    for (const bool standard : { false, true })
+        for (const wchar_t* key : { L"odd", L"empty", L"missing" })
+        {
+            EXPECT_EQ(VoGetIniBool(file, s, key, standard, &present), standard);
+            EXPECT_EQ(present, key[0] != L'm');
+        }
+    for (const auto& [key, value] : { std::pair(L"number", -42),
+                                      { L"plus", 7 },
+                                      { L"big", 5 },
+                                      { L"hex", 5 },
+                                      { L"part", 5 },
+                                      { L"empty", 5 },
+                                      { L"text", 5 },
+                                      { L"long", 5 } })
     {
-        EXPECT_EQ(VoGetIniBool(file, s, L"odd", defaultValue, &present), defaultValue);
-        EXPECT_TRUE(present);
-        EXPECT_EQ(VoGetIniBool(file, s, L"empty", defaultValue, &present), defaultValue);
-        EXPECT_TRUE(present);
-        EXPECT_EQ(VoGetIniBool(file, s, L"missing", defaultValue, &present), defaultValue);
-        EXPECT_FALSE(present);
-    }
-    EXPECT_EQ(VoGetIniInt(file, s, L"number", 5, &present), -42);
-    EXPECT_TRUE(present);
-    EXPECT_EQ(VoGetIniInt(file, s, L"plus", 5), 7);
-    for (const wchar_t* key : { L"big", L"hex", L"part", L"empty", L"text", L"long" })
-    {
-        EXPECT_EQ(VoGetIniInt(file, s, key, 5, &present), 5) << key;
+        EXPECT_EQ(VoGetIniInt(file, s, key, 5, &present), value) << key;
         EXPECT_TRUE(present) << key;
     }
     EXPECT_EQ(VoGetIniInt(file, L"Other", L"number", 5, &present), 5);
@@ -480,12 +395,8 @@ TEST(Clock, CountsMicroseconds)
     const INT64 first = VoGetMicroseconds();
     const ULONGLONG ticks = ::GetTickCount64();
     INT64 last = first;
-    while (::GetTickCount64() < ticks + 30)
-    {
-        const INT64 now = VoGetMicroseconds();
-        ASSERT_GE(now, last);
-        last = now;
-    }
+    for (INT64 now = first; ::GetTickCount64() < ticks + 30; last = now)
+        ASSERT_GE(now = VoGetMicroseconds(), last);
     // Thirty milliseconds by a clock whose steps may be 16 ms long.
     EXPECT_GE(last - first, 10'000);
 }
