@@ -13,12 +13,6 @@
 #include <support/ImportHook.h>
 #include <support/LogCapture.h>
 
-template <>
-struct VoInterfaceId<IClassFactory>
-{
-    static constexpr IID value{ 0x00000001, 0x0000, 0x0000, { 0xC0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x46 } };
-};
-
 namespace
 {
 using testing::ElementsAre;
@@ -44,53 +38,46 @@ struct CStores
     }
 };
 
-// Runs a function on a thread of its own, which is in no apartment of COM or in one that it makes.
-template <class Function>
-void OnThread(int apartment, Function function)
+// What the store sends to a host after it was given a cookie, or none.
+std::wstring CookieOf(IVoHTTPCookieStore& store, const wchar_t* given = nullptr)
 {
-    std::thread(
-        [&]
-        {
-            if (apartment >= 0)
-            {
-                EXPECT_EQ(::CoInitializeEx(nullptr, static_cast<DWORD>(apartment)), S_OK);
-            }
-            function();
-            if (apartment >= 0)
-                ::CoUninitialize();
-        })
-        .join();
+    const CVoBstr url(L"http://host/");
+    EXPECT_EQ(given ? store.AddCookieFromString(CVoBstr(given).Get(), url.Get()) : S_OK, S_OK);
+    CVoBstr cookie;
+    EXPECT_EQ(store.GetCookieStringForHTTPRequest(url.Get(), VARIANT_FALSE, cookie.Put()), S_OK);
+    return std::wstring(cookie.View());
 }
-constexpr int kNoApartment = -1;
 
 TEST(GlobalHTTPStores, AreTheModulesOwnWithoutAProvider)
 {
     CStores first;
     CLogCapture log;
+    constexpr int kNoApartment = -1;
     for (const int apartment : { int{ COINIT_APARTMENTTHREADED }, kNoApartment, int{ COINIT_MULTITHREADED } })
-        OnThread(apartment,
-                 [&]
-                 {
-                     SCOPED_TRACE(apartment);
-                     CStores stores;
-                     EXPECT_EQ(stores.Create(), S_OK);
-                     EXPECT_TRUE(first.IsEmpty() || stores.AreSame(first));
-                     first = stores;
-                     EXPECT_EQ(CreateGlobalHTTPStores(nullptr, nullptr, nullptr), S_OK);
-                     CVoComPtr<IVoHTTPProxyStore> one;
-                     EXPECT_EQ(CreateGlobalHTTPStores(nullptr, one.Put(), nullptr), S_OK);
-                     EXPECT_EQ(one.Get(), first.proxies.Get());
-                 });
+        std::thread(
+            [&]
+            {
+                SCOPED_TRACE(apartment);
+                EXPECT_EQ(apartment < 0 ? S_OK : ::CoInitializeEx(nullptr, static_cast<DWORD>(apartment)), S_OK);
+                CStores stores;
+                EXPECT_EQ(stores.Create(), S_OK);
+                EXPECT_TRUE(first.IsEmpty() || stores.AreSame(first));
+                first = stores;
+                EXPECT_EQ(CreateGlobalHTTPStores(nullptr, nullptr, nullptr), S_OK);
+                CVoComPtr<IVoHTTPProxyStore> one;
+                EXPECT_EQ(CreateGlobalHTTPStores(nullptr, one.Put(), nullptr), S_OK);
+                EXPECT_EQ(one.Get(), first.proxies.Get());
+                if (apartment >= 0)
+                    ::CoUninitialize();
+            })
+            .join();
     EXPECT_THAT(log.Lines(), testing::IsEmpty());
 
     // With the last reference the content goes.
-    const CVoBstr url(L"http://host/");
-    EXPECT_EQ(first.cookies->AddCookieFromString(CVoBstr(L"n=v").Get(), url.Get()), S_OK);
+    EXPECT_EQ(CookieOf(*first.cookies.Get(), L"n=v"), L"n=v");
     first = CStores();
     EXPECT_EQ(first.Create(), S_OK);
-    CVoBstr cookie;
-    EXPECT_EQ(first.cookies->GetCookieStringForHTTPRequest(url.Get(), VARIANT_FALSE, cookie.Put()), S_OK);
-    EXPECT_EQ(cookie.View(), L"");
+    EXPECT_EQ(CookieOf(*first.cookies.Get()), L"");
 }
 
 TEST(GlobalHTTPStores, ThreadsThatHoldThemTogetherHoldTheSame)
@@ -122,15 +109,12 @@ TEST(GlobalHTTPStores, AQueryKeepsWhatItHandedOut)
     EXPECT_EQ(query->get_CookieStore(object.Put()), S_OK);
     CVoComPtr<IVoHTTPCookieStore> cookies;
     EXPECT_EQ(object.As(cookies), S_OK);
-    const CVoBstr url(L"http://host/");
-    EXPECT_EQ(cookies->AddCookieFromString(CVoBstr(L"n=v").Get(), url.Get()), S_OK);
+    EXPECT_EQ(CookieOf(*cookies.Get(), L"n=v"), L"n=v");
     object.Reset();
     cookies.Reset();
     CStores stores;
     EXPECT_EQ(stores.Create(), S_OK);
-    CVoBstr cookie;
-    EXPECT_EQ(stores.cookies->GetCookieStringForHTTPRequest(url.Get(), VARIANT_FALSE, cookie.Put()), S_OK);
-    EXPECT_EQ(cookie.View(), L"n=v");
+    EXPECT_EQ(CookieOf(*stores.cookies.Get()), L"n=v");
 
     EXPECT_EQ(query->get_ProxyStore(nullptr), E_POINTER);
     {
@@ -163,102 +147,64 @@ private:
     }
 };
 
-class CProviderClass final : public CVoIUnknownImpl<IClassFactory>
-{
-public:
-    explicit CProviderClass(CVoComPtr<CProvider> provider) : m_provider(std::move(provider)) {}
-
-    STDMETHODIMP CreateInstance(IUnknown* /*outer*/, REFIID iid, void** object) noexcept override
-    {
-        return m_provider->QueryInterface(iid, object);
-    }
-    STDMETHODIMP LockServer(BOOL /*lock*/) noexcept override { return S_OK; }
-
-private:
-    CVoComPtr<CProvider> m_provider;
-};
-
 TEST(GlobalHTTPStores, AreTheProvidersWhereOneIsRegistered)
 {
-    OnThread(COINIT_MULTITHREADED,
-             []
-             {
-                 CVoComPtr<CProvider> provider = VoMakeComObject<CProvider>();
-                 CStores own;
-                 EXPECT_EQ(CreateGlobalAuthenticationCallbackForModule(own.callback.Put()), S_OK);
-                 EXPECT_EQ(CreateGlobalHTTPProxyStoreForModule(own.proxies.Put()), S_OK);
-                 EXPECT_EQ(CreateGlobalHTTPCookieStoreForModule(own.cookies.Put()), S_OK);
-                 const auto reset = [&]
-                 {
-                     provider->callback = CVoComPtr<IUnknown>(own.callback.Get());
-                     provider->proxies = CVoComPtr<IUnknown>(own.proxies.Get());
-                     provider->cookies = CVoComPtr<IUnknown>(own.cookies.Get());
-                 };
-                 reset();
-                 const CVoComPtr<CProviderClass> factory = VoMakeComObject<CProviderClass>(provider);
-                 DWORD registration = 0;
-                 ASSERT_EQ(::CoRegisterClassObject(kVoGlobalHTTPStoreProvider, factory.Get(), CLSCTX_INPROC_SERVER,
-                                                   REGCLS_MULTIPLEUSE, &registration),
-                           S_OK);
-                 CStores stores;
-                 EXPECT_EQ(stores.Create(), S_OK);
-                 EXPECT_TRUE(stores.AreSame(own));
-                 // A thread without an apartment finds it too.
-                 OnThread(kNoApartment,
-                          [&]
-                          {
-                              CStores others;
-                              EXPECT_EQ(others.Create(), S_OK);
-                              EXPECT_TRUE(others.AreSame(own));
-                          });
-
-                 // A store that is missing, or is none: nothing is handed out.
-                 struct CCase
-                 {
-                     CVoComPtr<IUnknown> CProvider::* store;
-                     IUnknown* answer;
-                     int line;
-                 };
-                 CLogCapture log;
-                 for (const CCase& c :
-                      { CCase{ &CProvider::callback, nullptr, 449 }, CCase{ &CProvider::proxies, own.cookies.Get(), 461 },
-                        CCase{ &CProvider::cookies, own.proxies.Get(), 473 } })
-                 {
-                     provider.Get()->*c.store = CVoComPtr<IUnknown>(c.answer);
-                     CStores none;
-                     EXPECT_EQ(none.Create(), E_NOINTERFACE);
-                     EXPECT_TRUE(none.IsEmpty());
-                     EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kSource, c.line, kFunction, E_NOINTERFACE)));
-                     log.Clear();
-                     reset();
-                 }
-                 provider->hr = E_ACCESSDENIED;
-                 EXPECT_EQ(CreateGlobalHTTPStores(stores.callback.Put(), nullptr, nullptr), E_ACCESSDENIED);
-                 EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kSource, 445, kFunction, E_ACCESSDENIED)));
-                 EXPECT_EQ(::CoRevokeClassObject(registration), S_OK);
-             });
-}
-
-TEST(GlobalHTTPStores, OtherFailuresOfTheProviderEndTheCall)
-{
-    OnThread(COINIT_MULTITHREADED,
-             []
-             {
-                 CLogCapture log;
-                 CStores none;
-                 {
-                     const CFailOnCall<decltype(&::CoCreateInstance)> fail("ole32.dll", "CoCreateInstance", 1,
-                                                                           CO_E_SERVER_EXEC_FAILURE, 0);
-                     EXPECT_EQ(none.Create(), CO_E_SERVER_EXEC_FAILURE);
-                 }
-                 EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kSource, 438, kFunction, CO_E_SERVER_EXEC_FAILURE)));
-                 {
-                     const CFailOnCall<decltype(&::CoCreateFreeThreadedMarshaler)> fail(
-                         "ole32.dll", "CoCreateFreeThreadedMarshaler", 1, E_OUTOFMEMORY, 0);
-                     EXPECT_EQ(none.Create(), E_OUTOFMEMORY);
-                 }
-                 EXPECT_EQ(log.Lines().size(), 4u);
-                 EXPECT_TRUE(none.IsEmpty());
-             });
+    const CVoComPtr<CProvider> provider = VoMakeComObject<CProvider>();
+    HRESULT created = S_OK; // what becomes of the provider
+    int calls = 0;
+    const CCallHook<decltype(&::CoCreateInstance)> hook("ole32.dll", "CoCreateInstance",
+                                                        [&](auto, REFCLSID id, auto, DWORD context, REFIID iid, void** object)
+                                                        {
+                                                            EXPECT_TRUE(::IsEqualCLSID(id, kVoGlobalHTTPStoreProvider));
+                                                            EXPECT_EQ(context, static_cast<DWORD>(CLSCTX_ALL));
+                                                            // A thread without an apartment is given one, and asks again.
+                                                            if (++calls == 1)
+                                                                return CO_E_NOTINITIALIZED;
+                                                            return FAILED(created) ? created
+                                                                                   : provider->QueryInterface(iid, object);
+                                                        });
+    CStores own;
+    EXPECT_EQ(CreateGlobalAuthenticationCallbackForModule(own.callback.Put()), S_OK);
+    EXPECT_EQ(CreateGlobalHTTPProxyStoreForModule(own.proxies.Put()), S_OK);
+    EXPECT_EQ(CreateGlobalHTTPCookieStoreForModule(own.cookies.Put()), S_OK);
+    CStores stores;
+    struct CCase
+    {
+        CVoComPtr<IUnknown> CProvider::*store;
+        IUnknown* answer;
+        int line;
+    };
+    // A store that is missing, or is none: nothing is handed out.
+    const CCase table[] = { { nullptr, nullptr, 0 },
+                            { &CProvider::callback, nullptr, 449 },
+                            { &CProvider::proxies, own.cookies.Get(), 461 },
+                            { &CProvider::cookies, own.proxies.Get(), 473 } };
+    CLogCapture log;
+    for (const CCase& row : table)
+    {
+        provider->callback = CVoComPtr<IUnknown>(own.callback.Get());
+        provider->proxies = CVoComPtr<IUnknown>(own.proxies.Get());
+        provider->cookies = CVoComPtr<IUnknown>(own.cookies.Get());
+        if (row.store)
+            provider.Get()->*row.store = CVoComPtr<IUnknown>(row.answer);
+        stores = CStores();
+        EXPECT_EQ(stores.Create(), row.store ? E_NOINTERFACE : S_OK);
+        EXPECT_TRUE(row.store ? stores.IsEmpty() : stores.AreSame(own));
+        const auto report = IsReport(kSource, row.line, kFunction, E_NOINTERFACE);
+        EXPECT_THAT(log.Lines(), testing::Conditional(row.store != nullptr, ElementsAre(report), ElementsAre()));
+        log.Clear();
+    }
+    // Its failures, and one of the module's own query.
+    provider->hr = E_ACCESSDENIED;
+    EXPECT_EQ(stores.Create(), E_ACCESSDENIED);
+    created = CO_E_SERVER_EXEC_FAILURE;
+    EXPECT_EQ(stores.Create(), CO_E_SERVER_EXEC_FAILURE);
+    EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kSource, 445, kFunction, E_ACCESSDENIED),
+                                         IsReport(kSource, 438, kFunction, CO_E_SERVER_EXEC_FAILURE)));
+    created = REGDB_E_CLASSNOTREG;
+    const CFailOnCall<decltype(&::CoCreateFreeThreadedMarshaler)> fail("ole32.dll", "CoCreateFreeThreadedMarshaler", 1,
+                                                                       E_OUTOFMEMORY, 0);
+    EXPECT_EQ(stores.Create(), E_OUTOFMEMORY);
+    EXPECT_TRUE(stores.IsEmpty());
 }
 } // namespace

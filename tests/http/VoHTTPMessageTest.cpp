@@ -54,8 +54,9 @@ size_t SlotOf(Operation operation)
 // Programs that were built against an earlier library call by these numbers.
 TEST(HTTPMessage, OperationsStandInTheirSlots)
 {
-    HRESULT (CVoHTTPMessage::*connect)(const CServerAddressData&, IVoAuthenticationCallback*, IVoHTTPProxyStore*,
-                                       IVoHTTPCookieStore*, UINT32, UINT32, bool, bool) noexcept = &CVoHTTPMessage::Connect;
+    HRESULT (CVoHTTPMessage::*connect)
+    (const CServerAddressData&, IVoAuthenticationCallback*, IVoHTTPProxyStore*, IVoHTTPCookieStore*, UINT32, UINT32, bool,
+     bool) noexcept = &CVoHTTPMessage::Connect;
     EXPECT_EQ(SlotOf(connect), 1U);
     EXPECT_EQ(SlotOf(&CVoHTTPMessage::OpenRequest), 2U);
     EXPECT_EQ(SlotOf(&CVoHTTPMessage::SendMessage), 3U);

@@ -5,12 +5,9 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstring>
 #include <vector>
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 using namespace TestSupport;
 using VoNetworkUtils::CVoIPAddress;
 
@@ -20,29 +17,24 @@ const std::wstring kSource = L"..\\source\\VoNetworkUtils";
 const std::wstring kFromDNS = L"VoNetworkUtils::CVoIPAddress::InitFromDNSAddress";
 const std::wstring kFromIP = L"VoNetworkUtils::CVoIPAddress::InitFromIPAddress";
 
-SOCKADDR_IN MakeIPv4(const wchar_t* text, u_short port)
+// A socket address of either family, or of none for an empty text.
+class CSocketAddress
 {
-    SOCKADDR_IN address{};
-    address.sin_family = AF_INET;
-    address.sin_port = ::htons(port);
-    EXPECT_EQ(::InetPtonW(AF_INET, text, &address.sin_addr), 1);
-    return address;
-}
+public:
+    explicit CSocketAddress(const std::wstring& text, u_short port = 0)
+    {
+        const bool isIPv6 = text.find(L':') != std::wstring::npos;
+        m_address.sin6_family = text.empty() ? AF_UNSPEC : isIPv6 ? AF_INET6 : AF_INET;
+        m_address.sin6_port = ::htons(port); // where the other family has it too
+        m_address.sin6_flowinfo = isIPv6 ? 0x44332211 : 0;
+        void* const bytes = isIPv6 ? static_cast<void*>(&m_address.sin6_addr) : &m_address.sin6_flowinfo;
+        EXPECT_EQ(text.empty() ? 1 : ::InetPtonW(m_address.sin6_family, text.c_str(), bytes), 1);
+    }
+    [[nodiscard]] const SOCKADDR& Get() const { return reinterpret_cast<const SOCKADDR&>(m_address); }
 
-SOCKADDR_IN6 MakeIPv6(const wchar_t* text, u_short port)
-{
-    SOCKADDR_IN6 address{};
-    address.sin6_family = AF_INET6;
-    address.sin6_port = ::htons(port);
-    EXPECT_EQ(::InetPtonW(AF_INET6, text, &address.sin6_addr), 1);
-    return address;
-}
-
-template <class Address>
-const SOCKADDR& AsSocketAddress(const Address& address)
-{
-    return reinterpret_cast<const SOCKADDR&>(address);
-}
+private:
+    SOCKADDR_IN6 m_address{};
+};
 
 // A record that holds an address already, so that tests see it cleared.
 CVoIPAddress MakeUsed()
@@ -63,75 +55,78 @@ bool IsCleared(const CVoIPAddress& address)
 class CResolver
 {
 public:
-    explicit CResolver(std::vector<const SOCKADDR*> addresses)
-        : m_get("ws2_32.dll", "GetAddrInfoW",
-                [addresses](auto, PCWSTR, PCWSTR, const ADDRINFOW* hints, PADDRINFOW* results) -> INT
-                {
-                    EXPECT_EQ(hints->ai_family, AF_UNSPEC);
-                    EXPECT_EQ(hints->ai_socktype, SOCK_STREAM);
-                    EXPECT_EQ(hints->ai_protocol, IPPROTO_TCP);
-                    *results = nullptr;
-                    for (auto address = addresses.rbegin(); address != addresses.rend(); ++address)
-                    {
-                        auto* const entry = new ADDRINFOW{};
-                        entry->ai_family = (*address)->sa_family;
-                        entry->ai_addr = const_cast<SOCKADDR*>(*address);
-                        entry->ai_next = *results;
-                        *results = entry;
-                    }
-                    return 0;
-                }),
-          m_free("ws2_32.dll", "FreeAddrInfoW",
-                 [freed = &freed](auto, PADDRINFOW list)
-                 {
-                     ++*freed;
-                     while (list)
-                         delete std::exchange(list, list->ai_next);
-                 })
+    explicit CResolver(const std::vector<std::wstring>& texts) : m_entries(texts.size())
     {
+        for (size_t i = 0; i < texts.size(); ++i)
+            m_addresses.emplace_back(texts[i]);
+        for (size_t i = 0; i < texts.size(); ++i)
+        {
+            m_entries[i].ai_family = m_addresses[i].Get().sa_family;
+            m_entries[i].ai_addr = const_cast<SOCKADDR*>(&m_addresses[i].Get());
+            m_entries[i].ai_next = i + 1 < texts.size() ? &m_entries[i + 1] : nullptr;
+        }
     }
-    int freed = 0;
+    int open = 0;
 
 private:
-    CCallHook<decltype(&::GetAddrInfoW)> m_get;
-    CCallHook<decltype(&::FreeAddrInfoW)> m_free;
+    INT Get(const ADDRINFOW& hints, PADDRINFOW* results)
+    {
+        EXPECT_TRUE(hints.ai_family == AF_UNSPEC && hints.ai_socktype == SOCK_STREAM && hints.ai_protocol == IPPROTO_TCP);
+        ++open;
+        *results = m_entries.data();
+        return 0;
+    }
+
+    std::vector<CSocketAddress> m_addresses;
+    std::vector<ADDRINFOW> m_entries;
+    CCallHook<decltype(&::GetAddrInfoW)> m_get{ "ws2_32.dll", "GetAddrInfoW",
+                                                [this](auto, PCWSTR, PCWSTR, auto hints, auto results)
+                                                { return Get(*hints, results); } };
+    CCallHook<decltype(&::FreeAddrInfoW)> m_free{ "ws2_32.dll", "FreeAddrInfoW", [this](auto, auto) { --open; } };
 };
 
-TEST(IPAddress, FromTextKeepsTheAddressAndItsCanonicalText)
+// "text: bytes of the family in use" after a check of all else.
+std::string StateOf(const CVoIPAddress& address)
 {
-    struct SCase
-    {
-        const wchar_t* text;
-        const wchar_t* canonical;
-        bool isIPv6;
-        std::array<BYTE, 2> first;
+    EXPECT_TRUE(address.IsInitialised() && address.IsValid());
+    EXPECT_TRUE(address.IsIPv6() ? address.AddressV4() == (std::array<BYTE, 4>{})
+                                 : address.AddressV6() == (std::array<BYTE, 16>{}));
+    std::string state(address.Text().begin(), address.Text().end());
+    const BYTE* const bytes = address.IsIPv6() ? address.AddressV6().data() : address.AddressV4().data();
+    for (int i = 0; i < (address.IsIPv6() ? 16 : 4); ++i)
+        state += (i == 0 ? ": " : " ") + std::to_string(bytes[i]);
+    return state;
+}
+
+TEST(IPAddress, KeepsTheAddressAndItsCanonicalText)
+{
+    const std::pair<const wchar_t*, const char*> table[] = {
+        { L"192.0.2.1", "192.0.2.1: 192 0 2 1" },
+        { L"2001:DB8:0:0::1", "2001:db8::1: 32 1 13 184 0 0 0 0 0 0 0 0 0 0 0 1" },
+        { L"[fe80::1]", "fe80::1: 254 128 0 0 0 0 0 0 0 0 0 0 0 0 0 1" },
     };
-    const SCase cases[] = { { L"192.0.2.1", L"192.0.2.1", false, { 192, 0 } },
-                            { L"0.0.0.0", L"0.0.0.0", false, { 0, 0 } },
-                            { L"2001:DB8:0:0::1", L"2001:db8::1", true, { 0x20, 0x01 } },
-                            { L"[fe80::1]", L"fe80::1", true, { 0xFE, 0x80 } },
-                            { L"::", L"::", true, { 0, 0 } } };
-    for (const SCase& test : cases)
+    CVoIPAddress address;
+    for (const auto& [text, expected] : table)
     {
-        CVoIPAddress address = MakeUsed();
-        ASSERT_EQ(address.InitFromIPAddress(test.text), S_OK) << test.text;
-        EXPECT_TRUE(address.IsInitialised() && address.IsValid());
-        EXPECT_EQ(address.IsIPv6(), test.isIPv6);
-        EXPECT_EQ(address.Text(), test.canonical);
-        const BYTE* const used = test.isIPv6 ? address.AddressV6().data() : address.AddressV4().data();
-        EXPECT_EQ(used[0], test.first[0]);
-        EXPECT_EQ(used[1], test.first[1]);
-        EXPECT_TRUE(test.isIPv6 ? address.AddressV4() == (std::array<BYTE, 4>{})
-                                : address.AddressV6() == (std::array<BYTE, 16>{}));
+        ASSERT_EQ(address.InitFromIPAddress(text), S_OK) << text;
+        EXPECT_EQ(StateOf(address), expected);
     }
+    // Of a socket address only the text is the address; the bytes are the structure's first.
+    bool taken = false;
+    EXPECT_EQ(address.InitFromIPAddress(CSocketAddress(L"10.0.0.1", 8080).Get(), false, taken), S_OK);
+    EXPECT_TRUE(taken);
+    EXPECT_EQ(StateOf(address), "10.0.0.1: 2 0 31 144");
+    EXPECT_FALSE(address.IsPrivateAddress());
+    EXPECT_EQ(address.InitFromIPAddress(CSocketAddress(L"2001:db8::1", 443).Get(), false, taken), S_OK);
+    EXPECT_TRUE(taken);
+    EXPECT_EQ(StateOf(address), "2001:db8::1: 23 0 1 187 17 34 51 68 32 1 13 184 0 0 0 0");
 }
 
 TEST(IPAddress, TextThatIsNeitherFormIsReportedAndLeavesTheRecordCleared)
 {
     using namespace std::string_literals;
-    for (const std::wstring& text :
-         { L""s, L"localhost"s, L"256.1.1.1"s, L"1.2.3"s, L"1.2.3.4 "s, L"1.2.3.4:80"s, L"[1.2.3.4]"s, L"[[::1]]"s, L"[::1"s,
-           L"[]"s, L"::1::"s, L"12345::"s, L"1.2.3.4\0x"s, L"::1\0x"s })
+    for (const std::wstring& text : { L""s, L"localhost"s, L"1.2.3.4 "s, L"1.2.3.4:80"s, L"[1.2.3.4]"s, L"[[::1]]"s, L"[::1"s,
+                                      L"[]"s, L"1.2.3.4\0x"s, L"::1\0x"s })
     {
         CVoIPAddress address = MakeUsed();
         CLogCapture log;
@@ -142,88 +137,34 @@ TEST(IPAddress, TextThatIsNeitherFormIsReportedAndLeavesTheRecordCleared)
     }
 }
 
-TEST(IPAddress, FromASocketAddressOnlyTheTextIsTheAddress)
-{
-    const SOCKADDR_IN v4 = MakeIPv4(L"192.0.2.1", 8080);
-    CVoIPAddress address = MakeUsed();
-    bool taken = false;
-    EXPECT_EQ(address.InitFromIPAddress(AsSocketAddress(v4), false, taken), S_OK);
-    EXPECT_TRUE(taken && address.IsInitialised() && address.IsValid() && !address.IsIPv6());
-    EXPECT_EQ(address.Text(), L"192.0.2.1");
-    EXPECT_EQ(address.AddressV4(), (std::array<BYTE, 4>{ AF_INET, 0, 0x1F, 0x90 }));
-    EXPECT_EQ(address.AddressV6(), (std::array<BYTE, 16>{}));
-
-    SOCKADDR_IN6 v6 = MakeIPv6(L"2001:db8::1", 443);
-    v6.sin6_flowinfo = 0x44332211;
-    EXPECT_EQ(address.InitFromIPAddress(AsSocketAddress(v6), false, taken), S_OK);
-    EXPECT_TRUE(taken && address.IsIPv6());
-    EXPECT_EQ(address.Text(), L"2001:db8::1");
-    EXPECT_EQ(address.AddressV6(),
-              (std::array<BYTE, 16>{ AF_INET6, 0, 0x01, 0xBB, 0x11, 0x22, 0x33, 0x44, 0x20, 0x01, 0x0D, 0xB8, 0, 0, 0, 0 }));
-    EXPECT_EQ(address.AddressV4(), (std::array<BYTE, 4>{}));
-}
-
-TEST(IPAddress, SocketAddressOfAnotherFamilyIsRefused)
-{
-    const SOCKADDR unspecified{};
-    for (const bool quiet : { true, false })
-    {
-        CVoIPAddress address = MakeUsed();
-        bool taken = true;
-        CLogCapture log;
-        EXPECT_EQ(address.InitFromIPAddress(unspecified, quiet, taken), quiet ? S_OK : E_INVALIDARG);
-        EXPECT_FALSE(taken);
-        EXPECT_TRUE(IsCleared(address));
-        if (quiet)
-            EXPECT_THAT(log.Lines(), IsEmpty());
-        else
-            EXPECT_THAT(log.Lines(), ElementsAre(IsMessage(kSource, 158, testing::HasSubstr(L"0")),
-                                                 IsReport(kSource, 159, kFromIP, E_INVALIDARG)));
-    }
-}
-
 TEST(IPAddress, FromAHostNameIPv4ComesFirst)
 {
-    const SOCKADDR_IN6 v6 = MakeIPv6(L"2001:db8::1", 0);
-    const SOCKADDR_IN v4a = MakeIPv4(L"192.0.2.1", 0);
-    const SOCKADDR_IN v4b = MakeIPv4(L"192.0.2.2", 0);
-    const SOCKADDR other{};
-    const SOCKADDR *const p6 = &AsSocketAddress(v6), *const p4a = &AsSocketAddress(v4a), *const p4b = &AsSocketAddress(v4b);
-    struct SCase
+    struct
     {
-        std::vector<const SOCKADDR*> resolved;
-        const wchar_t* text; // null: nothing found
-    };
-    const SCase cases[] = { { { p6, p4a, p4b }, L"192.0.2.1" },
-                            { { p4b, p6, p4a }, L"192.0.2.2" },
-                            { { p6 }, L"2001:db8::1" },
-                            { { &other, p6 }, L"2001:db8::1" },
-                            { { &other }, nullptr } };
-    for (const SCase& test : cases)
-    {
+        std::vector<std::wstring> resolved;
+        std::wstring text; // empty: nothing found
+    } const table[] = { { { L"2001:db8::1", L"192.0.2.1", L"192.0.2.2" }, L"192.0.2.1" },
+                        { { L"192.0.2.2", L"2001:db8::1", L"192.0.2.1" }, L"192.0.2.2" },
+                        { { L"", L"2001:db8::1" }, L"2001:db8::1" },
+                        { { L"" }, L"" } };
+    for (const auto& row : table)
         for (const bool quiet : { true, false })
         {
-            CResolver resolver(test.resolved);
+            CResolver resolver(row.resolved);
             CVoIPAddress address = MakeUsed();
-            bool found = !test.text;
+            bool found = row.text.empty();
             CLogCapture log;
-            EXPECT_EQ(address.InitFromDNSAddress(L"host.test", quiet, found), test.text || quiet ? S_OK : E_FAIL);
-            EXPECT_EQ(resolver.freed, 1);
-            EXPECT_EQ(found, test.text != nullptr);
-            if (test.text)
-                EXPECT_EQ(address.Text(), test.text);
-            else
-                EXPECT_TRUE(IsCleared(address));
-            if (test.text || quiet)
-                EXPECT_THAT(log.Lines(), IsEmpty());
+            EXPECT_EQ(address.InitFromDNSAddress(L"host.test", quiet, found), row.text.empty() && !quiet ? E_FAIL : S_OK);
+            EXPECT_EQ(resolver.open, 0);
+            EXPECT_EQ(found, !row.text.empty());
+            EXPECT_EQ(address.Text(), row.text);
+            EXPECT_EQ(IsCleared(address), !found);
+            if (found || quiet)
+                EXPECT_THAT(log.Lines(), testing::IsEmpty());
             else
                 EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kSource, 327, kFromDNS, E_FAIL)));
         }
-    }
-}
-
-TEST(IPAddress, ThePlatformsResolverIsUsed)
-{
+    // The platform's own resolver.
     CVoIPAddress address;
     bool found = false;
     ASSERT_EQ(address.InitFromDNSAddress(L"localhost", false, found), S_OK);
@@ -231,151 +172,82 @@ TEST(IPAddress, ThePlatformsResolverIsUsed)
     EXPECT_TRUE(address.Text() == L"127.0.0.1" || address.Text() == L"::1") << address.Text();
 }
 
-TEST(IPAddress, ResolverFailureIsReportedWithTheHostName)
+TEST(IPAddress, FailuresAreReportedUnlessQuietAndLeaveTheRecordCleared)
 {
-    struct SCase
-    {
-        DWORD lastError;
-        int line;
-        HRESULT result;
-    };
-    constexpr auto kNotFound = static_cast<HRESULT>(0x80072AF9);
-    for (const SCase& test : { SCase{ WSAHOST_NOT_FOUND, 298, kNotFound }, SCase{ 0, 299, E_FAIL } })
-    {
+    const auto addressIs = [](int line, const wchar_t* text)
+    { return IsMessage(kSource, line, testing::Eq(std::wstring(L"address:") + text)); };
+    for (const DWORD error : { DWORD{ WSAHOST_NOT_FOUND }, DWORD{ 0 } })
         for (const bool quiet : { false, true })
         {
-            CFailOnCall<decltype(&::GetAddrInfoW)> fail("ws2_32.dll", "GetAddrInfoW", 1, WSAHOST_NOT_FOUND, test.lastError);
+            const HRESULT notFound = HResultFromWin32(WSAHOST_NOT_FOUND);
+            const HRESULT code = error ? notFound : E_FAIL;
             CVoIPAddress address = MakeUsed();
             bool found = true;
             CLogCapture log;
-            EXPECT_EQ(address.InitFromDNSAddress(L"host.test", quiet, found), quiet ? S_OK : test.result);
-            EXPECT_FALSE(found);
-            EXPECT_TRUE(IsCleared(address));
-            if (quiet)
-                EXPECT_THAT(log.Lines(), IsEmpty());
-            else
-                EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kSource, 296, kFromDNS, kNotFound),
-                                                     IsMessage(kSource, 297, testing::Eq(L"address:host.test")),
-                                                     IsReport(kSource, test.line, kFromDNS, test.result)));
-        }
-    }
-}
-
-TEST(IPAddress, ConversionFailureEndsTheTakingButNotTheSearch)
-{
-    const SOCKADDR_IN6 v6 = MakeIPv6(L"2001:db8::1", 0);
-    const SOCKADDR_IN v4 = MakeIPv4(L"192.0.2.1", 0);
-    for (const DWORD error : { DWORD{ WSAEAFNOSUPPORT }, DWORD{ 0 } })
-    {
-        const HRESULT code = error ? static_cast<HRESULT>(0x8007273F) : E_FAIL;
-        const auto report = [&](bool isIPv6)
-        { return IsReport(kSource, (isIPv6 ? 147 : 134) + (error ? 0 : 1), kFromIP, code); };
-        for (const bool isIPv6 : { false, true })
-        {
-            for (const bool quiet : { false, true })
+            const CFailOnCall<decltype(&::GetAddrInfoW)> failName("ws2_32.dll", "GetAddrInfoW", 1, WSAHOST_NOT_FOUND, error);
+            EXPECT_EQ(address.InitFromDNSAddress(L"host.test", quiet, found), quiet ? S_OK : code);
+            EXPECT_TRUE(IsCleared(address) && !found);
+            for (const wchar_t* const text : { L"192.0.2.1", L"::1", L"" })
             {
-                CFailOnCall<decltype(&::InetNtopW)> fail("ws2_32.dll", "InetNtopW", 1, nullptr, error);
-                CVoIPAddress address;
-                bool taken = true;
-                CLogCapture log;
-                EXPECT_EQ(address.InitFromIPAddress(isIPv6 ? AsSocketAddress(v6) : AsSocketAddress(v4), quiet, taken),
-                          quiet ? S_OK : code);
-                EXPECT_FALSE(taken);
-                EXPECT_TRUE(IsCleared(address));
-                if (quiet)
-                    EXPECT_THAT(log.Lines(), IsEmpty());
-                else
-                    EXPECT_THAT(log.Lines(), ElementsAre(report(isIPv6)));
+                const CFailOnCall<decltype(&::InetNtopW)> fail("ws2_32.dll", "InetNtopW", 1, nullptr, error);
+                address = CVoIPAddress();
+                found = true;
+                EXPECT_EQ(address.InitFromIPAddress(CSocketAddress(text).Get(), quiet, found), quiet   ? S_OK
+                                                                                               : *text ? code
+                                                                                                       : E_INVALIDARG);
+                EXPECT_TRUE(IsCleared(address) && !found);
             }
+            if (quiet)
+                EXPECT_THAT(log.Lines(), testing::IsEmpty());
+            else
+                EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kSource, 296, kFromDNS, notFound), addressIs(297, L"host.test"),
+                                                     IsReport(kSource, error ? 298 : 299, kFromDNS, code),
+                                                     IsReport(kSource, error ? 134 : 135, kFromIP, code),
+                                                     IsReport(kSource, error ? 147 : 148, kFromIP, code),
+                                                     IsMessage(kSource, 158, testing::HasSubstr(L"0")),
+                                                     IsReport(kSource, 159, kFromIP, E_INVALIDARG)));
         }
-        CResolver resolver({ &AsSocketAddress(v6), &AsSocketAddress(v4) });
-        CFailOnCall<decltype(&::InetNtopW)> fail("ws2_32.dll", "InetNtopW", 1, nullptr, error);
-        CVoIPAddress address;
-        bool found = false;
-        CLogCapture log;
-        EXPECT_EQ(address.InitFromDNSAddress(L"host.test", false, found), S_OK);
-        EXPECT_TRUE(found);
-        EXPECT_EQ(address.Text(), L"2001:db8::1");
-        EXPECT_THAT(log.Lines(), ElementsAre(report(false), IsReport(kSource, 310, kFromDNS, code)));
-    }
-}
-
-TEST(IPAddress, TextConversionFailuresAreReportedAtTheirOwnPoints)
-{
-    for (const DWORD error : { DWORD{ WSAEFAULT }, DWORD{ 0 } })
+    for (const int call : { 1, 2 })
     {
-        const HRESULT code = error ? static_cast<HRESULT>(0x8007271E) : E_FAIL;
-        for (const int call : { 1, 2 })
-        {
-            CFailOnCall<decltype(&::InetPtonW)> fail("ws2_32.dll", "InetPtonW", call, -1, error);
-            CVoIPAddress address;
-            CLogCapture log;
-            EXPECT_EQ(address.InitFromIPAddress(L"::1"), code);
-            EXPECT_TRUE(IsCleared(address));
-            const int line = (call == 1 ? 202 : 213) + (error ? 0 : 1);
-            EXPECT_THAT(log.Lines(), ElementsAre(IsMessage(kSource, call == 1 ? 201 : 212, testing::Eq(L"address:::1")),
-                                                 IsReport(kSource, line, kFromIP, code)));
-        }
+        const CFailOnCall<decltype(&::InetPtonW)> fail("ws2_32.dll", "InetPtonW", call, -1, call == 1 ? WSAEFAULT : 0);
+        const HRESULT code = call == 1 ? HResultFromWin32(WSAEFAULT) : E_FAIL;
+        CVoIPAddress address;
+        CLogCapture log;
+        EXPECT_EQ(address.InitFromIPAddress(L"::1"), code);
+        EXPECT_TRUE(IsCleared(address));
+        EXPECT_THAT(log.Lines(), ElementsAre(addressIs(call == 1 ? 201 : 212, L"::1"),
+                                             IsReport(kSource, call == 1 ? 202 : 214, kFromIP, code)));
     }
-}
 
-TEST(IPAddress, EveryFailureOfThePlatformIsHandled)
-{
-    const SOCKADDR_IN v4 = MakeIPv4(L"192.0.2.1", 0);
-    CResolver resolver({ &AsSocketAddress(v4) });
-    CAcquireBalance lists = CAcquireBalance::Of<decltype(&::GetAddrInfoW), decltype(&::FreeAddrInfoW)>(
-        "ws2_32.dll", "GetAddrInfoW", "FreeAddrInfoW", ESuccess::Zero);
+    // A conversion that fails ends the taking of one address but not the search.
+    const CResolver resolver({ L"2001:db8::1", L"192.0.2.1" });
+    const auto fault = VO_FAULT("ws2_32.dll", InetNtopW, nullptr, WSAEAFNOSUPPORT);
+    const auto injected = fault.inject(1);
+    CVoIPAddress address;
+    bool found = false;
     CLogCapture log;
-    ExpectEveryFailureIsHandled(
-        { VO_FAULT("ws2_32.dll", GetAddrInfoW, WSATRY_AGAIN, WSATRY_AGAIN),
-          VO_FAULT_GIVES("ws2_32.dll", InetNtopW, nullptr, WSAEAFNOSUPPORT, E_FAIL) },
-        []
-        {
-            CVoIPAddress address = CVoIPAddress();
-            bool found = false;
-            const HRESULT hr = address.InitFromDNSAddress(L"host.test", false, found);
-            EXPECT_EQ(found, SUCCEEDED(hr));
-            EXPECT_EQ(IsCleared(address), FAILED(hr));
-            return hr;
-        },
-        [&](HRESULT code)
-        {
-            const auto lines = log.Lines();
-            log.Clear();
-            return !lines.empty() && lines.back().code == code;
-        },
-        { &lists });
+    EXPECT_EQ(address.InitFromDNSAddress(L"host.test", false, found), S_OK);
+    EXPECT_TRUE(found);
+    EXPECT_EQ(address.Text(), L"2001:db8::1");
+    EXPECT_THAT(log.Lines(),
+                ElementsAre(IsReport(kSource, 134, kFromIP, fault.expected), IsReport(kSource, 310, kFromDNS, fault.expected)));
+    EXPECT_EQ(resolver.open, 0);
 }
 
 TEST(IPAddress, PrivateTestReadsTheStoredBytes)
 {
-    struct SCase
-    {
-        const wchar_t* text;
-        bool isPrivate;
+    const std::vector<const wchar_t*> table[] = {
+        { L"9.255.255.255", L"11.0.0.0", L"172.15.0.1", L"172.32.0.0", L"192.167.0.1", L"192.169.0.1", L"169.253.1.1",
+          L"127.0.0.1", L"fbff::1", L"fe00::1", L"fe7f::1", L"ff02::1", L"::1", L"a00::1" },
+        { L"10.0.0.1", L"172.16.0.0", L"172.31.255.255", L"192.168.0.1", L"169.254.1.1", L"fc00::1", L"fdff::1", L"fe80::1",
+          L"febf::1", L"fec0::1", L"feff::1" }
     };
-    const SCase cases[] = { { L"10.0.0.1", true },     { L"9.255.255.255", false }, { L"11.0.0.0", false },
-                            { L"172.15.0.1", false },  { L"172.16.0.0", true },     { L"172.31.255.255", true },
-                            { L"172.32.0.0", false },  { L"192.168.0.1", true },    { L"192.167.0.1", false },
-                            { L"192.169.0.1", false }, { L"169.254.1.1", true },    { L"169.253.1.1", false },
-                            { L"127.0.0.1", false },   { L"fc00::1", true },        { L"fdff::1", true },
-                            { L"fbff::1", false },     { L"fe00::1", false },       { L"fe7f::1", false },
-                            { L"fe80::1", true },      { L"febf::1", true },        { L"fec0::1", true },
-                            { L"feff::1", true },      { L"ff02::1", false },       { L"::1", false },
-                            { L"2001:db8::1", false }, { L"a00::1", false } };
-    for (const SCase& test : cases)
-    {
-        CVoIPAddress address;
-        ASSERT_EQ(address.InitFromIPAddress(test.text), S_OK);
-        EXPECT_EQ(address.IsPrivateAddress(), test.isPrivate) << test.text;
-    }
-    EXPECT_FALSE(CVoIPAddress().IsPrivateAddress());
-
-    // From a socket address these bytes are the family's, whatever the address is.
-    const SOCKADDR_IN privateV4 = MakeIPv4(L"10.0.0.1", 0);
-    CVoIPAddress address;
-    bool taken = false;
-    ASSERT_EQ(address.InitFromIPAddress(AsSocketAddress(privateV4), false, taken), S_OK);
-    EXPECT_FALSE(address.IsPrivateAddress());
+    for (const bool isPrivate : { false, true })
+        for (const wchar_t* const text : table[isPrivate])
+        {
+            CVoIPAddress address;
+            ASSERT_EQ(address.InitFromIPAddress(text), S_OK);
+            EXPECT_EQ(address.IsPrivateAddress(), isPrivate) << text;
+        }
 }
 } // namespace
