@@ -208,44 +208,33 @@ TEST(VoDataConversion, DecodersTakeTextAsItArrives)
 
 TEST(VoDataConversion, LinesBreakWhereStoredTextHasThem)
 {
-    struct CCase
+    std::wstring text;
+    const auto check = [&text](auto encode, const CBytes& bytes, INT32 line, const std::wstring& expected)
     {
-        const char* what;
-        HRESULT (*encode)(const BYTE*, INT32, std::wstring&, INT32);
-        CBytes bytes;
-        INT32 line;
-        std::wstring text;
+        EXPECT_EQ(encode(bytes.data(), static_cast<INT32>(bytes.size()), text, line), S_OK);
+        EXPECT_EQ(text, expected);
+        EXPECT_EQ(encode(bytes.data(), -1, text, line), S_OK);
+        EXPECT_TRUE(text.empty());
     };
     constexpr auto kHex = &VoDataConversion::BinToHex;
-    constexpr auto kBase64 = [](const BYTE* bytes, INT32 count, std::wstring& text, INT32 line)
-    { return VoDataConversion::BinToBase64(bytes, count, false, text, line); };
-    constexpr auto kUrl = [](const BYTE* bytes, INT32 count, std::wstring& text, INT32 line)
-    { return VoDataConversion::BinToBase64(bytes, count, true, text, line); };
-    constexpr auto kPadded32 = [](const BYTE* bytes, INT32 count, std::wstring& text, INT32 line)
-    { return VoDataConversion::BinToBase32ModifiedCrockford(bytes, count, true, text, line); };
-    const CCase cases[] = {
-        { "even line", kHex, { 0xAB, 0x01, 0xFF }, 4, L"AB01\r\nFF" },
-        { "break at the end", kHex, { 0xAB, 0x01 }, 1, L"AB\r\n01\r\n" },
-        { "longest line", kHex, { 0xAB }, INT32_MAX, L"AB" },
-        { "negative line", kHex, { 0xAB, 0x01 }, -1, L"AB01" },
-        { "single byte", kBase64, FromText("M"), 0, L"TQ=\r\n=" },
-        { "single byte", kUrl, FromText("M"), 0, L"TQ" },
-        { "no breaks", kUrl, FromText("ManM\xFF\xFE"), 2, L"TWFuTf_-" },
-        { "11 characters", kBase64, CBytes(15), 10, L"AAAAAAAAAAA\r\nAAAAAAAAA" },
-        { "padding breaks", kPadded32, { 0x01 }, 2, L"10\r\n==\r\n" },
-        { "two bytes", kPadded32, { 0x01, 0x00 }, 0, L"1000" },
-        { "whole group", kPadded32, CBytes(5, 0xFF), 8, L"ZZZZZZZZ\r\n" },
-    };
-    for (const CCase& c : cases)
-    {
-        std::wstring text = L"replaced, and longer than most results";
-        EXPECT_EQ(c.encode(c.bytes.data(), static_cast<INT32>(c.bytes.size()), text, c.line), S_OK);
-        EXPECT_EQ(text, c.text) << c.what;
-        EXPECT_EQ(c.encode(nullptr, 0, text, c.line), S_OK);
-        EXPECT_TRUE(text.empty());
-        EXPECT_EQ(c.encode(c.bytes.data(), -1, text, c.line), S_OK);
-        EXPECT_TRUE(text.empty());
-    }
+    constexpr auto kBase64 = [](const BYTE* bytes, INT32 count, std::wstring& to, INT32 line)
+    { return VoDataConversion::BinToBase64(bytes, count, false, to, line); };
+    constexpr auto kUrl = [](const BYTE* bytes, INT32 count, std::wstring& to, INT32 line)
+    { return VoDataConversion::BinToBase64(bytes, count, true, to, line); };
+    constexpr auto kPadded32 = [](const BYTE* bytes, INT32 count, std::wstring& to, INT32 line)
+    { return VoDataConversion::BinToBase32ModifiedCrockford(bytes, count, true, to, line); };
+    check(kHex, { 0xAB, 0x01, 0xFF }, 3, L"AB01\r\nFF");
+    check(kHex, { 0xAB, 0x01 }, 1, L"AB\r\n01\r\n");
+    check(kHex, { 0xAB, 0x01 }, INT32_MAX, L"AB01");
+    check(kHex, { 0xAB, 0x01 }, -1, L"AB01");
+    check(kBase64, FromText("M"), 0, L"TQ=\r\n=");
+    check(kBase64, CBytes(15), 10, L"AAAAAAAAAAA\r\nAAAAAAAAA");
+    check(kBase64, {}, 0, L"");
+    check(kUrl, FromText("M"), 0, L"TQ");
+    check(kUrl, FromText("ManM\xFF\xFE"), 2, L"TWFuTf_-");
+    check(kPadded32, { 0x01 }, 2, L"10\r\n==\r\n");
+    check(kPadded32, { 0x01, 0x00 }, 0, L"1000");
+    check(kPadded32, CBytes(5, 0xFF), 8, L"ZZZZZZZZ\r\n");
 }
 
 TEST(VoDataConversion, WhatIsEncodedReadsBackAndBreaksWhenALineIsFull)

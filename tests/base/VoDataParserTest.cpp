@@ -456,32 +456,22 @@ TEST(BinaryDataParser, AFailureIsReportedUpTheChainAndLeavesTheOutputs)
 
 TEST(BinaryDataParser, MultipartBodiesAreBuiltByteForByte)
 {
-    struct CCase
-    {
-        std::wstring params;
-        std::string body; // "#" stands for the boundary
-    };
-    const CCase cases[] = {
-        { L"a=\u00FC&$&=x", "--#\r\nContent-Disposition: form-data; name=\"a\"\r\n\r\n\xC3\xBC\r\n"
-                            "--#\r\nContent-Disposition: form-data; name=\"$&\"\r\n\r\nx\r\n--#--" },
-        { L"filename=&CONTENTTYPE=text/plain", "--#--" }, // without a file name the payload is not sent
+    // "#" stands for a boundary, "<" and ">" for what is in front of a field's name and behind it.
+    const std::pair<std::wstring, std::string> cases[] = {
+        { L"a=\u00FC&$&=x", "#<a>\r\n\r\n\xC3\xBC\r\n#<$&>\r\n\r\nx\r\n#--" },
+        { L"filename=&CONTENTTYPE=text/plain", "#--" }, // without a file name the payload is not sent
         { L"filename=p.jpg&a=1",
-          "--#\r\nContent-Disposition: form-data; name=\"a\"\r\n\r\n1\r\n"
-          "--#\r\nContent-Disposition: form-data; name=\"file\"; filename=\"p.jpg\"\r\nContent-Type: image/pjpeg\r\n\r\n"
-          "payload\r\n--#--" },
-        { L"FileName=x&ContentType=text/plain; charset=\"utf-8\"",
-          "--#\r\nContent-Disposition: form-data; name=\"file\"; filename=\"x\"\r\n"
-          "Content-Type: text/plain; charset=\"utf-8\"\r\n\r\npayload\r\n--#--" },
+          "#<a>\r\n\r\n1\r\n#<file>; filename=\"p.jpg\"\r\nContent-Type: image/pjpeg\r\n\r\npayload\r\n#--" },
+        { L"FileName=x&ContentType=a; b=\"c\"", "#<file>; filename=\"x\"\r\nContent-Type: a; b=\"c\"\r\n\r\npayload\r\n#--" },
         // Nothing in a text can end a header line or the text's quotes.
         { L"a\"\r\nX: y=1&FileName=\"\r\n\r\nevil&ContentType=t\r\nX: y",
-          "--#\r\nContent-Disposition: form-data; name=\"a%22%0D%0AX: y\"\r\n\r\n1\r\n"
-          "--#\r\nContent-Disposition: form-data; name=\"file\"; filename=\"%22%0D%0A%0D%0Aevil\"\r\n"
-          "Content-Type: t%0D%0AX: y\r\n\r\npayload\r\n--#--" },
+          "#<a%22%0D%0AX: y>\r\n\r\n1\r\n#<file>; filename=\"%22%0D%0A%0D%0Aevil\"\r\nContent-Type: t%0D%0AX: "
+          "y\r\n\r\npayload\r\n#--" },
     };
     std::wstring previous;
-    for (const CCase& c : cases)
+    for (const auto& [params, body] : cases)
     {
-        auto parser = Read(c.params);
+        auto parser = Read(params);
         parser.SetPayload(Bytes("payload"));
         CVoByteBuffer bytes;
         std::wstring boundary;
@@ -489,12 +479,12 @@ TEST(BinaryDataParser, MultipartBodiesAreBuiltByteForByte)
         EXPECT_EQ(boundary.size(), 41U);
         EXPECT_EQ(boundary.substr(0, 27), std::wstring(27, L'-'));
         EXPECT_EQ(boundary.find_first_not_of(L"0123456789ABCDEF", 27), std::wstring::npos);
-        EXPECT_NE(boundary, previous);
-        previous = boundary;
-
+        EXPECT_NE(std::exchange(previous, boundary), boundary);
         std::string expected;
-        for (const char character : c.body)
-            expected += character == '#' ? std::string(boundary.begin(), boundary.end()) : std::string(1, character);
+        for (const char c : body)
+            expected += c == '#'   ? "--" + std::string(boundary.begin(), boundary.end())
+                        : c == '<' ? "\r\nContent-Disposition: form-data; name=\""
+                                   : std::string(1, c == '>' ? '"' : c);
         EXPECT_EQ(std::string(bytes.Bytes().begin(), bytes.Bytes().end()), expected);
     }
 }

@@ -24,11 +24,6 @@ class ParamHandler : public testing::Test
 protected:
     void SetUp() override { Reopen(); }
     void Reopen() { ASSERT_EQ(m_params.Open(m_path.wstring()), S_OK); }
-    void SaveAndReopen()
-    {
-        ASSERT_TRUE(SUCCEEDED(m_params.Save()));
-        Reopen();
-    }
     void Write(std::string_view bytes)
     {
         std::ofstream(m_path, std::ios::binary) << bytes;
@@ -44,7 +39,8 @@ protected:
     Read Through(const Value& value)
     {
         EXPECT_EQ(m_params.Set(L"S", L"k", value), S_OK);
-        SaveAndReopen();
+        EXPECT_TRUE(SUCCEEDED(m_params.Save()));
+        Reopen();
         Read read{};
         bool isPresent = false;
         EXPECT_EQ(m_params.Get(L"s", L"K", read, &isPresent), S_OK);

@@ -85,21 +85,17 @@ TEST(Text, ConvertsWellFormedTextToUTF8AndBack)
 TEST(Text, RefusesMalformedTextAndKeepsTheOutput)
 {
     const CLogCapture log;
+    std::string bytes = "before";
     for (const std::wstring& text :
          { std::wstring(L"a\xD800"), L"\xDC00" + std::wstring(600, L'a'), std::wstring(L"\xDC00\xD800") })
-    {
-        std::string bytes = "before";
         EXPECT_EQ(VoStringToUTF8(text, bytes), kNoTranslation);
-        EXPECT_EQ(bytes, "before");
-    }
-    for (const std::string& bytes :
+    EXPECT_EQ(bytes, "before");
+    std::wstring text = L"before";
+    for (const std::string& bad :
          { std::string("\x80"), std::string("\xC0\x80"), std::string("\xE2\x82"), std::string("\xED\xA0\x80"),
            std::string("\xF4\x90\x80\x80"), std::string(600, 'a') + "\xFF" })
-    {
-        std::wstring text = L"before";
-        EXPECT_EQ(VoUTF8ToString(bytes, text), kNoTranslation);
-        EXPECT_EQ(text, L"before");
-    }
+        EXPECT_EQ(VoUTF8ToString(bad, text), kNoTranslation);
+    EXPECT_EQ(text, L"before");
     EXPECT_THAT(log.Lines(), Contains(IsReportBy(L"VoStringToUTF8", kNoTranslation)).Times(3));
     EXPECT_THAT(log.Lines(), Contains(IsReportBy(L"VoUTF8ToString", kNoTranslation)).Times(6));
 }
@@ -294,20 +290,13 @@ TEST(Variants, AFailedChangeIsReportedAndLeavesTheDestination)
 
 TEST(Paths, LongPathPrefixesComeOffWhereThePathCanDoWithoutThem)
 {
-    const std::wstring deep(300, L'd');
-    const std::pair<std::wstring, std::wstring> kCases[] = {
-        { L"\\\\?\\C:\\folder\\x.exe", L"C:\\folder\\x.exe" },
-        { L"\\\\?\\UNC\\server\\share\\x.exe", L"\\\\server\\share\\x.exe" },
-        { L"\\\\?\\unc\\server\\share", L"\\\\server\\share" },
-        { L"\\\\?\\Volume{0}\\x.exe", L"\\\\?\\Volume{0}\\x.exe" },
-        { L"\\\\?\\C:\\" + deep, L"\\\\?\\C:\\" + deep },
-        { L"C:\\x.exe", L"C:\\x.exe" },
-        { L"\\\\server\\share", L"\\\\server\\share" },
-        { L"\\\\?\\", L"\\\\?\\" },
-        { L"", L"" },
-    };
-    for (const auto& [path, expected] : kCases)
-        EXPECT_EQ(VoWithoutLongPathPrefix(path), expected);
+    EXPECT_EQ(VoWithoutLongPathPrefix(L"\\\\?\\C:\\folder\\x.exe"), L"C:\\folder\\x.exe");
+    for (const wchar_t* unc : { L"UNC", L"unc" })
+        EXPECT_EQ(VoWithoutLongPathPrefix(std::wstring(L"\\\\?\\") + unc + L"\\server\\share"), L"\\\\server\\share");
+    for (const std::wstring& same :
+         { L"\\\\?\\C:\\" + std::wstring(300, L'd'), std::wstring(L"\\\\?\\Volume{0}\\x.exe"), std::wstring(L"C:\\x.exe"),
+           std::wstring(L"\\\\server\\share"), std::wstring(L"\\\\?\\"), std::wstring() })
+        EXPECT_EQ(VoWithoutLongPathPrefix(same), same);
 }
 
 TEST(Paths, TheModulesPathIsReadWhateverItsLength)
@@ -333,22 +322,17 @@ TEST(Paths, TheModulesPathIsReadWhateverItsLength)
 TEST(Paths, FailuresGiveThePlatformsErrorAndKeepTheOutput)
 {
     const CLogCapture log;
+    std::wstring path = L"before";
     {
-        const CFailOnCall<decltype(&::GetModuleFileNameW)> fail("kernel32.dll", "GetModuleFileNameW", 1, 0,
-                                                                ERROR_MOD_NOT_FOUND);
-        std::wstring directory = L"before";
-        EXPECT_EQ(GetModuleDirAndFileName(nullptr, &directory, nullptr), HResultFromWin32(ERROR_MOD_NOT_FOUND));
-        EXPECT_EQ(directory, L"before");
-    }
-    {
-        const CFailOnCall<decltype(&::GetTempPathW)> fail("kernel32.dll", "GetTempPathW", 1, 0, ERROR_SUCCESS);
-        std::wstring path = L"before";
+        const CFailOnCall<decltype(&::GetModuleFileNameW)> module("kernel32.dll", "GetModuleFileNameW", 1, 0,
+                                                                  ERROR_MOD_NOT_FOUND);
+        const CFailOnCall<decltype(&::GetTempPathW)> temp("kernel32.dll", "GetTempPathW", 1, 0, ERROR_SUCCESS);
+        EXPECT_EQ(GetModuleDirAndFileName(nullptr, &path, nullptr), HResultFromWin32(ERROR_MOD_NOT_FOUND));
         EXPECT_EQ(VoGetTempPath(path), E_FAIL) << "a failure without an error number";
-        EXPECT_EQ(path, L"before");
     }
+    EXPECT_EQ(path, L"before");
     EXPECT_THAT(log.Lines(), ElementsAre(IsReportBy(L"GetModuleDirAndFileName", HResultFromWin32(ERROR_MOD_NOT_FOUND)),
                                          IsReportBy(L"VoGetTempPath", E_FAIL)));
-    std::wstring path;
     EXPECT_EQ(VoGetTempPath(path), S_OK);
     EXPECT_FALSE(path.ends_with(L'\\'));
 }

@@ -5,38 +5,25 @@
 #include <gtest/gtest.h>
 #include <wbemidl.h>
 
-#include <limits>
+#include <bit>
 
 namespace
 {
 using VoWMIQuery::WMIDateTimeToISO8601;
 using VoWMIQuery::WMIValueToText;
 
-template <class Set>
-CVoVariant MakeVariant(VARTYPE type, Set set)
+// The bits of a value of any plain type, the lowest first.
+CVoVariant Of(int type, UINT64 bits = 0)
 {
     CVoVariant variant;
-    set(variant.Get());
-    variant.Get().vt = type;
+    variant.Get().ullVal = bits;
+    variant.Get().vt = static_cast<VARTYPE>(type);
     return variant;
-}
-CVoVariant OfI4(LONG value)
-{
-    return MakeVariant(VT_I4, [=](VARIANT& v) { v.lVal = value; });
-}
-CVoVariant OfR8(double value)
-{
-    return MakeVariant(VT_R8, [=](VARIANT& v) { v.dblVal = value; });
 }
 CVoVariant OfText(std::wstring_view text)
 {
-    return MakeVariant(VT_BSTR, [=](VARIANT& v) { v.bstrVal = CVoBstr(text).Detach(); });
+    return Of(VT_BSTR, reinterpret_cast<UINT64>(CVoBstr(text).Detach()));
 }
-CVoVariant OfType(VARTYPE type)
-{
-    return MakeVariant(type, [](VARIANT& v) { v.llVal = 0; });
-}
-
 // An array with elements at `first`, `first` + 1, ...
 CVoVariant OfArray(VARTYPE type, LONG first, const std::vector<const void*>& elements)
 {
@@ -46,7 +33,7 @@ CVoVariant OfArray(VARTYPE type, LONG first, const std::vector<const void*>& ele
         LONG index = first + static_cast<LONG>(i);
         EXPECT_EQ(::SafeArrayPutElement(array.Get(), &index, const_cast<void*>(elements[i])), S_OK);
     }
-    return MakeVariant(VT_ARRAY | type, [&](VARIANT& v) { v.parray = array.Detach(); });
+    return Of(VT_ARRAY | type, reinterpret_cast<UINT64>(array.Detach()));
 }
 
 TEST(WmiValue, TextFollowsTheCimType)
@@ -57,69 +44,51 @@ TEST(WmiValue, TextFollowsTheCimType)
     const VARIANT_BOOL no = VARIANT_FALSE;
     const CVoBstr name(L"eth0");
     const CVoBstr date(L"20240229120000.000000+000");
-    const CVoVariant number = OfI4(5);
-    const CVoVariant null = OfType(VT_NULL);
-
-    struct SCase
+    const CVoVariant number = Of(VT_I4, 5);
+    const CVoVariant null = Of(VT_NULL);
+    constexpr UINT64 kMinus = ~UINT64{ 0 };
+    std::wstring text;
+    const auto check = [&](const CVoVariant& value, long type, const wchar_t* expected)
     {
-        CVoVariant value;
-        long type;
-        std::wstring text;
+        EXPECT_EQ(WMIValueToText(value.Get(), type, text), S_OK) << expected;
+        EXPECT_EQ(text, expected);
     };
-    std::vector<SCase> cases;
-    const auto add = [&](CVoVariant value, long type, const wchar_t* text)
-    { cases.push_back(SCase{ std::move(value), type, text }); };
-    add(OfType(VT_NULL), CIM_STRING, L"");
-    add(OfType(VT_EMPTY), CIM_EMPTY, L"");
-    add(OfType(VT_ARRAY | VT_I4), CIM_SINT32 | CIM_FLAG_ARRAY, L"");
-    add(MakeVariant(VT_BOOL, [](VARIANT& v) { v.boolVal = VARIANT_TRUE; }), CIM_BOOLEAN, L"TRUE");
-    add(MakeVariant(VT_BOOL, [](VARIANT& v) { v.boolVal = VARIANT_FALSE; }), CIM_BOOLEAN, L"FALSE");
+    check(Of(VT_BOOL, 0xFFFF), CIM_BOOLEAN, L"TRUE");
+    check(Of(VT_NULL), CIM_STRING, L"");
+    check(Of(VT_BOOL), CIM_BOOLEAN, L"FALSE");
+    check(Of(VT_EMPTY), CIM_EMPTY, L"");
     // Only the CIM type tells that a number has no sign.
-    add(OfI4(-1), CIM_SINT32, L"-1");
-    add(OfI4(-1), CIM_UINT32, L"4294967295");
-    add(OfI4(-1), CIM_EMPTY, L"-1");
-    add(MakeVariant(VT_I2, [](VARIANT& v) { v.iVal = -128; }), CIM_SINT8, L"-128");
-    add(MakeVariant(VT_I1, [](VARIANT& v) { v.cVal = static_cast<CHAR>(-5); }), CIM_SINT8, L"-5");
-    add(MakeVariant(VT_UI1, [](VARIANT& v) { v.bVal = 255; }), CIM_UINT8, L"255");
-    add(MakeVariant(VT_UI4, [](VARIANT& v) { v.ulVal = 4294967295U; }), CIM_EMPTY, L"4294967295");
-    add(MakeVariant(VT_UI8, [](VARIANT& v) { v.ullVal = std::numeric_limits<UINT64>::max(); }), CIM_UINT64,
-        L"18446744073709551615");
-    add(MakeVariant(VT_I8, [](VARIANT& v) { v.llVal = std::numeric_limits<INT64>::min(); }), CIM_SINT64,
-        L"-9223372036854775808");
-    add(MakeVariant(VT_I2, [](VARIANT& v) { v.iVal = 0x20AC; }), CIM_CHAR16, L"\x20AC");
-    add(MakeVariant(VT_R4, [](VARIANT& v) { v.fltVal = 0.1F; }), CIM_REAL32, L"0.1");
-    add(OfR8(1e21), CIM_REAL64, L"1e+21");
-    add(OfR8(-std::numeric_limits<double>::denorm_min()), CIM_REAL64, L"-5e-324");
-    add(OfText(L" a, b\t"), CIM_STRING, L" a, b\t");
-    add(OfText(L"20240229120000.000000+000"), CIM_DATETIME, L"2024-02-29T12:00:00Z");
-    add(OfText(L"yesterday"), CIM_DATETIME, L"yesterday");
-    add(OfArray(VT_I4, 0, { &minusOne, &seven }), CIM_UINT32 | CIM_FLAG_ARRAY, L"4294967295, 7");
-    add(OfArray(VT_I4, 3, { &seven }), CIM_SINT32 | CIM_FLAG_ARRAY, L"7");
-    add(OfArray(VT_I4, 0, {}), CIM_SINT32 | CIM_FLAG_ARRAY, L"");
-    add(OfArray(VT_BOOL, 0, { &yes, &no }), CIM_BOOLEAN | CIM_FLAG_ARRAY, L"TRUE, FALSE");
-    add(OfArray(VT_BSTR, 0, { name.Get(), nullptr, name.Get() }), CIM_STRING | CIM_FLAG_ARRAY, L"eth0, , eth0");
-    add(OfArray(VT_BSTR, 0, { date.Get() }), CIM_DATETIME | CIM_FLAG_ARRAY, L"2024-02-29T12:00:00Z");
-    add(OfArray(VT_VARIANT, 0, { &number.Get(), &null.Get() }), CIM_SINT32 | CIM_FLAG_ARRAY, L"5, ");
-    for (size_t i = 0; i < cases.size(); ++i)
-    {
-        std::wstring text = L"before";
-        EXPECT_EQ(WMIValueToText(cases[i].value.Get(), cases[i].type, text), S_OK) << "case " << i;
-        EXPECT_EQ(text, cases[i].text) << "case " << i;
-    }
-}
+    check(Of(VT_I4, kMinus), CIM_SINT32, L"-1");
+    check(Of(VT_I4, kMinus), CIM_UINT32, L"4294967295");
+    check(Of(VT_I4, kMinus), CIM_EMPTY, L"-1");
+    check(Of(VT_I2, 0xFF80), CIM_SINT8, L"-128");
+    check(Of(VT_I2, 0xFFFF), CIM_UINT16, L"65535");
+    check(Of(VT_I2, 0x20AC), CIM_CHAR16, L"\x20AC");
+    check(Of(VT_I1, 0xFB), CIM_SINT8, L"-5");
+    check(Of(VT_UI1, 255), CIM_UINT8, L"255");
+    check(Of(VT_UI4, 4294967295), CIM_EMPTY, L"4294967295");
+    check(Of(VT_UI8, kMinus), CIM_UINT64, L"18446744073709551615");
+    check(Of(VT_I8, UINT64{ 1 } << 63), CIM_SINT64, L"-9223372036854775808");
+    check(Of(VT_R4, std::bit_cast<UINT32>(0.1F)), CIM_REAL32, L"0.1");
+    check(Of(VT_R8, std::bit_cast<UINT64>(1e21)), CIM_REAL64, L"1e+21");
+    check(Of(VT_R8, std::bit_cast<UINT64>(-5e-324)), CIM_REAL64, L"-5e-324");
+    check(OfText(L" a, b\t"), CIM_STRING, L" a, b\t");
+    check(OfText(date.View()), CIM_STRING, date.Get());
+    check(OfText(date.View()), CIM_DATETIME, L"2024-02-29T12:00:00Z");
+    check(OfText(L"yesterday"), CIM_DATETIME, L"yesterday");
+    check(OfArray(VT_I4, 3, { &minusOne, &seven }), CIM_UINT32 | CIM_FLAG_ARRAY, L"4294967295, 7");
+    check(OfArray(VT_I4, 0, {}), CIM_SINT32 | CIM_FLAG_ARRAY, L"");
+    check(OfArray(VT_BOOL, 0, { &yes, &no }), CIM_BOOLEAN | CIM_FLAG_ARRAY, L"TRUE, FALSE");
+    check(OfArray(VT_BSTR, 0, { name.Get(), nullptr, name.Get() }), CIM_STRING | CIM_FLAG_ARRAY, L"eth0, , eth0");
+    check(OfArray(VT_BSTR, 0, { date.Get() }), CIM_DATETIME | CIM_FLAG_ARRAY, L"2024-02-29T12:00:00Z");
+    check(OfArray(VT_VARIANT, 0, { &number.Get(), &null.Get() }), CIM_SINT32 | CIM_FLAG_ARRAY, L"5, ");
 
-TEST(WmiValue, AnUnknownKindOfValueIsAMismatchAndLeavesTheText)
-{
+    // An unknown kind of value leaves the text.
     SAFEARRAYBOUND bounds[2] = { { 1, 0 }, { 1, 0 } };
-    SAFEARRAY* const matrix = ::SafeArrayCreate(VT_I4, 2, bounds);
-    const CVoVariant values[] = { OfType(VT_DATE), OfType(VT_BYREF | VT_I4),
-                                  MakeVariant(VT_ARRAY | VT_I4, [=](VARIANT& v) { v.parray = matrix; }) };
-    for (const CVoVariant& value : values)
-    {
-        std::wstring text = L"before";
-        EXPECT_EQ(WMIValueToText(value.Get(), CIM_EMPTY, text), DISP_E_TYPEMISMATCH);
-        EXPECT_EQ(text, L"before");
-    }
+    const CVoVariant matrix = Of(VT_ARRAY | VT_I4, reinterpret_cast<UINT64>(::SafeArrayCreate(VT_I4, 2, bounds)));
+    for (const VARIANT& value : { Of(VT_DATE).Get(), Of(VT_BYREF | VT_I4).Get(), matrix.Get() })
+        EXPECT_EQ(WMIValueToText(value, CIM_EMPTY, text), DISP_E_TYPEMISMATCH);
+    EXPECT_EQ(text, L"5, ");
 }
 
 TEST(WmiValue, CimDateTimesAreIso8601)
