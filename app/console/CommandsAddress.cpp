@@ -119,6 +119,7 @@ public:
     }
     void Run(CContext& context) override
     {
+        context.CheckOutputFile(m_jar);
         LoadCookies(context, m_jar);
         context.SetAnswersByLine();
         CLineReader lines(context.Streams().in);
