@@ -172,8 +172,8 @@ TEST(SignedIniFile, SpreadsTheSignatureAndKeepsTheRestOfTheFile)
     const SKeyPair keys;
     const std::string file = Signed("[A]\nx=1\n\n[SIGNATURE]\n; keep\nold=AAAA\nold=BBBB\n\n[B]\ny=2\n", keys, 76);
     // 172 characters of Base64
-    EXPECT_THAT(file,
-                testing::MatchesRegex("\\[A\\]\nx=1\n\n\\[SIGNATURE\\]\n; keep\nLine1=.*\nLine2=.*\nLine3=.*\n\n\\[B\\]\ny=2\n"));
+    EXPECT_THAT(
+        file, testing::MatchesRegex("\\[A\\]\nx=1\n\n\\[SIGNATURE\\]\n; keep\nLine1=.*\nLine2=.*\nLine3=.*\n\n\\[B\\]\ny=2\n"));
     CVoIniFileIO read;
     ASSERT_EQ(read.Parse(file), S_OK);
     std::vector<CVoIniEntry> lines;

@@ -33,10 +33,8 @@ std::string Basic(std::string_view credentials)
 
 TEST_P(TransportTest, SendsEachContentKindByteForByte)
 {
-    CServer server(
-        [&](const auto&, Loopback::CConnection& connection) {
-            connection.SendResponse(200, { { "Content-Type", "text/plain; charset=UTF-8" } }, "ok=1&&");
-        });
+    CServer server([&](const auto&, Loopback::CConnection& connection)
+                   { connection.SendResponse(200, { { "Content-Type", "text/plain; charset=UTF-8" } }, "ok=1&&"); });
     struct CCase
     {
         Kind kind;
@@ -382,10 +380,8 @@ TEST_P(TransportTest, CredentialsAreNotInTheLog)
 {
     if (!GetParam().asksCallback)
         GTEST_SKIP() << "the system's dialog asks, while connecting";
-    CServer server(
-        [](const auto&, Loopback::CConnection& connection) {
-            connection.SendResponse(401, { { "WWW-Authenticate", "Basic realm=\"r\"" } });
-        });
+    CServer server([](const auto&, Loopback::CConnection& connection)
+                   { connection.SendResponse(401, { { "WWW-Authenticate", "Basic realm=\"r\"" } }); });
     m_stores.auth = VoMakeComObject<CScriptedAuthCallback>();
     m_stores.auth->AnswerServer({ { L"alice", L"hunter2" } });
     const CLogCapture log;
@@ -465,10 +461,8 @@ TEST_P(TransportTest, ARedirectLoopEnds)
 {
     if (!BehavesAsDocumented(GetParam()))
         GTEST_SKIP() << "Wine's service follows redirects for ever";
-    CServer server(
-        [](const auto&, Loopback::CConnection& connection) {
-            connection.SendResponse(302, { { "Location", "/again" } });
-        });
+    CServer server([](const auto&, Loopback::CConnection& connection)
+                   { connection.SendResponse(302, { { "Location", "/again" } }); });
     EXPECT_TRUE(FAILED(SendTo(server.URL()).result));
     EXPECT_LT(server.RequestCount(), 100U);
 }
@@ -476,9 +470,8 @@ TEST_P(TransportTest, ARedirectLoopEnds)
 TEST_P(TransportTest, SendsSeveralMessagesInOneExchange)
 {
     CServer server(
-        [](const Loopback::CRequest& request, Loopback::CConnection& connection) {
-            connection.SendResponse(200, { { "Content-Type", "application/octet-stream; charset=UTF-8" } }, request.body);
-        });
+        [](const Loopback::CRequest& request, Loopback::CConnection& connection)
+        { connection.SendResponse(200, { { "Content-Type", "application/octet-stream; charset=UTF-8" } }, request.body); });
     const auto message = Connect(server.URL());
     std::vector<CVoBinaryDataParser> messages;
     messages.push_back(MakeMessage({ { L"n", L"ä" } }, "first"));

@@ -395,8 +395,7 @@ TEST_F(AuthCallback, FailuresAreReportedAndTouchNothing)
         const bool proxy = call == 1;
         std::atomic<int> calls{ -1 };
         const CCallHook<decltype(&::SysAllocStringLen)> fail(
-            "oleaut32.dll", "SysAllocStringLen",
-            [&](auto original, const OLECHAR* source, UINT length) -> BSTR
+            "oleaut32.dll", "SysAllocStringLen", [&](auto original, const OLECHAR* source, UINT length) -> BSTR
             { return calls >= 0 && ++calls == call ? nullptr : original(source, length); });
         const CDialogUser user(
             [&](HWND dialog)

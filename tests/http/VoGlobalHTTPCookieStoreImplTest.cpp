@@ -233,12 +233,10 @@ TEST(CookieStore, AgreesWithAWalkOverAllCookies)
 {
     std::mt19937 random(20230315);
     const auto pick = [&](std::vector<std::wstring> from) { return from[random() % from.size()]; };
-    const auto host = [&] {
-        return pick({ L"", L"a.", L"b.a.", L"xa." }) + pick({ L"c.example", L"d.example", L"c.d.example" });
-    };
-    const auto path = [&] {
-        return pick({ L"/", L"/p", L"/p/", L"/pq", L"/P" }) + pick({ L"", L"/x", L"//x/", L"/x/y", L"y" });
-    };
+    const auto host = [&]
+    { return pick({ L"", L"a.", L"b.a.", L"xa." }) + pick({ L"c.example", L"d.example", L"c.d.example" }); };
+    const auto path = [&]
+    { return pick({ L"/", L"/p", L"/p/", L"/pq", L"/P" }) + pick({ L"", L"/x", L"//x/", L"/x/y", L"y" }); };
     for (int round = 0; round < 200; ++round)
     {
         CTestStore store;
@@ -389,7 +387,8 @@ TEST(CookieStore, ServersCannotFillTheMemory)
     CTestStore store;
     const auto set = [&](size_t number, const std::wstring& host)
     { EXPECT_EQ(store.Set(L"n" + std::to_wstring(number) + L"=v", L"http://" + host), S_OK); };
-    const auto has = [&](size_t number, const std::wstring& host) {
+    const auto has = [&](size_t number, const std::wstring& host)
+    {
         return (L"; " + store.Get(L"http://" + host) + L";").find(L" n" + std::to_wstring(number) + L"=v;") !=
                std::wstring::npos;
     };

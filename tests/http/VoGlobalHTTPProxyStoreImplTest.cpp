@@ -101,8 +101,7 @@ LPWSTR GlobalText(std::wstring_view text)
 // Sees the library free them; nulls are freed too.
 class CFreedTexts
 {
-    CCallHook<decltype(&::GlobalFree)> m_hook{ "kernel32.dll", "GlobalFree",
-                                               [](auto original, HGLOBAL memory)
+    CCallHook<decltype(&::GlobalFree)> m_hook{ "kernel32.dll", "GlobalFree", [](auto original, HGLOBAL memory)
                                                {
                                                    g_openTexts -= memory != nullptr;
                                                    return original(memory);
@@ -192,13 +191,13 @@ TEST(ProxyConfiguration, TakesOneSourceOfTheInternetSettings)
     {
         SCOPED_TRACE(row.rule);
         const CFreedTexts frees;
-        const CSettingsHook hook(
-            "winhttp.dll", "WinHttpGetIEProxyConfigForCurrentUser",
-            [&](auto, auto settings)
-            {
-                *settings = { row.autoDetect, GlobalText(row.script), GlobalText(row.proxy), GlobalText(row.bypass) };
-                return TRUE;
-            });
+        const CSettingsHook hook("winhttp.dll", "WinHttpGetIEProxyConfigForCurrentUser",
+                                 [&](auto, auto settings)
+                                 {
+                                     *settings = { row.autoDetect, GlobalText(row.script), GlobalText(row.proxy),
+                                                   GlobalText(row.bypass) };
+                                     return TRUE;
+                                 });
         // Nothing of what it held stays, credentials included.
         CHTTPProxyConfigData config{ true, L"old", L"old", L"old", Credentials(L"old", L"old") };
         EXPECT_EQ(config.InitFromIE(), S_OK);

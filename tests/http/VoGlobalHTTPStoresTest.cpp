@@ -170,7 +170,7 @@ TEST(GlobalHTTPStores, AreTheProvidersWhereOneIsRegistered)
     CStores stores;
     struct CCase
     {
-        CVoComPtr<IUnknown> CProvider::*store;
+        CVoComPtr<IUnknown> CProvider::* store;
         IUnknown* answer;
         int line;
     };

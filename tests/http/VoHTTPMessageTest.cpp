@@ -54,7 +54,7 @@ size_t SlotOf(Operation operation)
 // Programs that were built against an earlier library call by these numbers.
 TEST(HTTPMessage, OperationsStandInTheirSlots)
 {
-    HRESULT (CVoHTTPMessage::*connect)
+    HRESULT(CVoHTTPMessage::* connect)
     (const CServerAddressData&, IVoAuthenticationCallback*, IVoHTTPProxyStore*, IVoHTTPCookieStore*, UINT32, UINT32, bool,
      bool) noexcept = &CVoHTTPMessage::Connect;
     EXPECT_EQ(SlotOf(connect), 1U);

@@ -434,7 +434,8 @@ TEST(WinHTTPTransport, AnswersNothingButBasic)
         for (const char* const scheme : { "NTLM", "Negotiate", "Digest realm=\"r\", nonce=\"1\"" })
         {
             const CServer server(
-                [&](const Loopback::CRequest&, Loopback::CConnection& connection) {
+                [&](const Loopback::CRequest&, Loopback::CConnection& connection)
+                {
                     connection.SendResponse(proxy ? 407 : 401,
                                             { { proxy ? "Proxy-Authenticate" : "WWW-Authenticate", scheme } });
                 });
@@ -451,12 +452,11 @@ TEST(WinHTTPTransport, AnswersNothingButBasic)
 
 TEST(WinHTTPTransport, NamesTheServerThatARedirectLedTo)
 {
-    const CServer second(
-        [](const Loopback::CRequest&, Loopback::CConnection& connection) {
-            connection.SendResponse(401, { { "WWW-Authenticate", "Basic realm=\"r\"" } });
-        });
+    const CServer second([](const Loopback::CRequest&, Loopback::CConnection& connection)
+                         { connection.SendResponse(401, { { "WWW-Authenticate", "Basic realm=\"r\"" } }); });
     const CServer first(
-        [&](const Loopback::CRequest&, Loopback::CConnection& connection) {
+        [&](const Loopback::CRequest&, Loopback::CConnection& connection)
+        {
             connection.SendResponse(302, { { "Location", "http://localhost:" + std::to_string(second.Port()) + "/private" } });
         });
     const auto callback = VoMakeComObject<CScriptedAuthCallback>();
@@ -509,10 +509,8 @@ TEST(WinHTTPTransport, ARefusedCertificateEndsTheRequestWithItsCode)
 
 TEST(WinHTTPTransport, EveryFailureOfTheServiceIsHandled)
 {
-    const CServer server(
-        [](const Loopback::CRequest&, Loopback::CConnection& connection) {
-            connection.SendResponse(200, { { "Connection", "close" } }, "a=1");
-        });
+    const CServer server([](const Loopback::CRequest&, Loopback::CConnection& connection)
+                         { connection.SendResponse(200, { { "Connection", "close" } }, "a=1"); });
     CServerAddressData address;
     ASSERT_EQ(address.SetAddress(L"http://127.0.0.1:" + std::to_wstring(server.Port()), false, true, true), S_OK);
     CLogCapture log;

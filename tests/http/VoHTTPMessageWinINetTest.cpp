@@ -613,15 +613,11 @@ TEST(WinINetPlatform, TheSystemsDialogAsksForCredentials)
 
 TEST(WinINetPlatform, CookiesOfARedirectedAnswerGoToItsServer)
 {
-    const Loopback::CLoopbackServer second(
-        [](const Loopback::CRequest&, Loopback::CConnection& connection) {
-            connection.SendResponse(200, { { "Set-Cookie", "a=1; Path=/" } }, "b=2");
-        });
+    const Loopback::CLoopbackServer second([](const Loopback::CRequest&, Loopback::CConnection& connection)
+                                           { connection.SendResponse(200, { { "Set-Cookie", "a=1; Path=/" } }, "b=2"); });
     const std::string target = "http://localhost:" + std::to_string(second.Port()) + "/end";
-    const Loopback::CLoopbackServer first(
-        [&](const Loopback::CRequest&, Loopback::CConnection& connection) {
-            connection.SendResponse(302, { { "Location", target } });
-        });
+    const Loopback::CLoopbackServer first([&](const Loopback::CRequest&, Loopback::CConnection& connection)
+                                          { connection.SendResponse(302, { { "Location", target } }); });
     const auto cookies = VoMakeComObject<CVoGlobalHTTPCookieStoreImpl>();
     std::shared_ptr<CVoHTTPMessage> message;
     ASSERT_EQ(ConnectTo(Wide(first.URL()), cookies.Get(), message), S_OK);
