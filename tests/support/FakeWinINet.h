@@ -26,11 +26,11 @@ class CFakeWinINet
 {
 public:
     std::vector<std::string> calls;
-    // Of the next calls of a function, as it is named in `calls`; 0 and an end of the list are success.
+    // Of the next calls of a function, as it is named in `calls` ("SetOption 31" by option); 0 and an end of the list are
+    // success.
     std::map<std::string, std::deque<DWORD>> errors;
-    std::map<DWORD, std::deque<DWORD>> optionErrors; // the same for InternetSetOption, by option
-    std::deque<DWORD> statuses{ 200 };               // of the next answers; the last one stays
-    std::multimap<DWORD, std::wstring> headers;      // of an answer, by query number
+    std::deque<DWORD> statuses{ 200 };          // of the next answers; the last one stays
+    std::multimap<DWORD, std::wstring> headers; // of an answer, by query number
     std::map<DWORD, std::wstring> texts{ { INTERNET_OPTION_URL, L"http://server.example/" } };
     std::string answer = "a=1";
     std::string written;
@@ -38,7 +38,6 @@ public:
     DWORD securityFlags = 0x10000001;
     DWORD dialogAnswer = ERROR_INTERNET_FORCE_RETRY;
     HWND dialogOwner = nullptr;
-    SOCKET socket = 0;
     std::multiset<UINT_PTR> open;
 
     // The calls that begin so, and forgets all.
@@ -62,8 +61,9 @@ private:
         const std::wstring_view view = !text ? L"null" : *text ? text : L"empty";
         return " " + std::string(view.begin(), view.end());
     }
-    static bool FailsBy(std::deque<DWORD>& list)
+    [[nodiscard]] bool Fails(const std::string& function)
     {
+        std::deque<DWORD>& list = errors[function];
         if (list.empty())
             return false;
         const DWORD error = list.front();
@@ -71,7 +71,6 @@ private:
         ::SetLastError(error);
         return error != 0;
     }
-    [[nodiscard]] bool Fails(const char* function) { return FailsBy(errors[function]); }
     HINTERNET Opened(UINT_PTR value)
     {
         open.insert(value);
@@ -104,18 +103,19 @@ private:
     }
     BOOL SetOption(HINTERNET handle, DWORD option, void* value, DWORD length)
     {
-        const bool isText = option == INTERNET_OPTION_PROXY_USERNAME || option == INTERNET_OPTION_PROXY_PASSWORD;
-        EXPECT_TRUE(isText || length == sizeof(DWORD));
-        if (isText)
+        if (option == INTERNET_OPTION_PROXY_USERNAME || option == INTERNET_OPTION_PROXY_PASSWORD)
             Note("SetOption", Name(handle), ' ', option, Text(static_cast<wchar_t*>(value)), ' ', length);
         else
+        {
+            EXPECT_EQ(length, sizeof(DWORD));
             Note("SetOption", Name(handle), ' ', option, ' ', *static_cast<DWORD*>(value));
-        return !FailsBy(optionErrors[option]);
+        }
+        return !Fails("SetOption " + std::to_string(option));
     }
     BOOL QueryOption(HINTERNET handle, DWORD option, void* buffer, DWORD* bytes)
     {
-        if (option == INTERNET_OPTION_DIAGNOSTIC_SOCKET_INFO && *bytes == sizeof(INTERNET_DIAGNOSTIC_SOCKET_INFO))
-            return static_cast<INTERNET_DIAGNOSTIC_SOCKET_INFO*>(buffer)->Socket = socket, TRUE;
+        if (option == INTERNET_OPTION_DIAGNOSTIC_SOCKET_INFO)
+            return ::SetLastError(ERROR_INTERNET_INVALID_OPTION), FALSE;
         Note("QueryOption", Name(handle), ' ', option);
         if (Fails("QueryOption"))
             return FALSE;
@@ -144,7 +144,7 @@ private:
     {
         EXPECT_EQ(in->dwStructSize, sizeof *in);
         EXPECT_EQ(in->dwHeadersLength, std::wcslen(in->lpcszHeader));
-        EXPECT_FALSE(in->Next || in->lpvBuffer || in->dwBufferLength || in->dwOffsetLow || in->dwOffsetHigh || out);
+        EXPECT_FALSE(in->lpvBuffer || in->dwBufferLength || out);
         Note("SendRequestEx", Name(request), Text(in->lpcszHeader), ' ', in->dwBufferTotal, ' ', flags, ' ', context);
         written.clear();
         return !Fails("SendRequestEx");
