@@ -50,8 +50,6 @@ struct CTransport
     bool documentedUnderWine = false;
     // Wine's WinHTTP follows a redirect to a path, and of a request without a body only;
     bool redirectsUnderWine = true;
-    // it has no end to waiting for the headers;
-    bool timesOutUnderWine = true;
     // and keeps connections for the process, not for the message.
     bool dropsConnectionsUnderWine = true;
     // An https server must show a good certificate when that is asked for. Wine's Schannel looks at none for libcurl.
@@ -64,7 +62,6 @@ struct CTransport
              .name = name,
              .rewritesLoopback = rewritesLoopback,
              .redirectsUnderWine = false,
-             .timesOutUnderWine = false,
              .dropsConnectionsUnderWine = false };
 }
 

@@ -141,7 +141,7 @@ TEST(WinHTTPTransport, SetsTheSessionUpAsTheSystemAllows)
         ASSERT_TRUE(Connect(L"http://127.0.0.1:9/"));
         EXPECT_THAT(opened, ElementsAre(std::pair(std::wstring(L"CVoHTTPMessageWinHTTP"), is81 ? 4U : 0U)));
         EXPECT_THAT(options.Set(), ElementsAre(std::pair(3U, 7000U), std::pair(5U, 7000U), std::pair(6U, 9000U),
-                                               std::pair(73U, 128U), std::pair(74U, 74U)));
+                                               std::pair(73U, 128U), std::pair(74U, 74U), std::pair(7U, 9000U)));
     }
 }
 

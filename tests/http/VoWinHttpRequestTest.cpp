@@ -645,6 +645,7 @@ TEST(WinHttpRequest, NotificationsAreServedAsDocumented)
     const HRESULT timeout = HResultFromWin32(ERROR_WINHTTP_TIMEOUT);
     // What cannot be: each ends the exchange.
     DWORD small = 5;
+    DWORD negative = MAXDWORD;
     DWORD64 wide = 3;
     WINHTTP_ASYNC_RESULT noError{ API_RECEIVE_RESPONSE, 0 };
     const std::tuple<DWORD, void*, DWORD> malformed[] = {
@@ -652,6 +653,7 @@ TEST(WinHttpRequest, NotificationsAreServedAsDocumented)
         { WINHTTP_CALLBACK_STATUS_REQUEST_ERROR, &small, DWORD{ sizeof(small) } },
         { WINHTTP_CALLBACK_STATUS_DATA_AVAILABLE, &wide, DWORD{ sizeof(wide) } },
         { WINHTTP_CALLBACK_STATUS_DATA_AVAILABLE, nullptr, DWORD{ sizeof(small) } },
+        { WINHTTP_CALLBACK_STATUS_DATA_AVAILABLE, &negative, DWORD{ sizeof(negative) } },
         { WINHTTP_CALLBACK_STATUS_READ_COMPLETE, nullptr, 4UL }, // that nobody asked for
     };
     for (const auto& [status, information, length] : malformed)

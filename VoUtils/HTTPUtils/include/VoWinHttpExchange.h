@@ -571,6 +571,8 @@ HRESULT CExchange<T>::OnDataAvailable(const void* information, DWORD length)
     if (!information || length != sizeof(DWORD))
         return report(336, E_FAIL);
     const DWORD count = *static_cast<const DWORD*>(information);
+    if (count > MAXLONG) // a negative count: nothing has received that much at once
+        return report(340, E_FAIL);
     if (count == 0)
     {
         DeliverBody();

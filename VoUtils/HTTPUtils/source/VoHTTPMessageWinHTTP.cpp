@@ -256,6 +256,8 @@ HRESULT CVoHTTPMessageWinHTTP::InitSession() noexcept
         { WINHTTP_OPTION_RECEIVE_TIMEOUT, Milliseconds(m_requestTimeout) },
         { WINHTTP_OPTION_MAX_CONNS_PER_SERVER, kMaximumConnections },
         { WINHTTP_OPTION_MAX_CONNS_PER_1_0_SERVER, kMaximumConnections10 },
+        // The wait for the headers has a limit of its own, 90 seconds where nobody sets it.
+        { WINHTTP_OPTION_RECEIVE_RESPONSE_TIMEOUT, Milliseconds(m_requestTimeout) },
     };
     for (const CSetting& setting : settings)
         if (const HRESULT hr = SetTuning(m_session, setting.option, setting.value, report, 245); FAILED(hr))
