@@ -3,27 +3,20 @@
 
 #include <base/VoPlatform.h>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
-#include <cstdlib>
 #include <stdexcept>
 #include <thread>
 
 using testing::ExitedWithCode;
 
-TEST(TestMain, ReportsACrashAndAnEndBeforeItsTime)
+TEST(TestMain, EndsACrashAnUncaughtExceptionAndAHangWithCodesOfTheirOwn)
 {
     EXPECT_EXIT(::RaiseException(EXCEPTION_INT_DIVIDE_BY_ZERO, EXCEPTION_NONCONTINUABLE, 0, nullptr),
-                ExitedWithCode(TestSupport::kExitCrashed),
-                "unhandled exception 0xC0000094 at .*while running .*TestMainTest.cpp");
-    EXPECT_EXIT(std::abort(), ExitedWithCode(TestSupport::kExitAborted), "DIED: abort");
+                ExitedWithCode(TestSupport::kExitCrashed), "unhandled exception 0xC0000094 at .*while running ");
     EXPECT_EXIT(std::thread([] { throw std::runtime_error("stray"); }).join(), ExitedWithCode(TestSupport::kExitAborted),
-                "std::terminate by an exception: stray");
-}
-
-TEST(TestMain, EndsAHungTestWithItsName)
-{
-    ASSERT_TRUE(::SetEnvironmentVariableW(L"VOUTILS_TEST_TIMEOUT", L"1"));
-    EXPECT_EXIT(::Sleep(INFINITE), ExitedWithCode(TestSupport::kExitHung), "watchdog.* while running .*TestMainTest.cpp");
+                testing::AllOf(testing::HasSubstr("stray"), testing::HasSubstr("DIED: abort")));
+    ::SetEnvironmentVariableW(L"VOUTILS_TEST_TIMEOUT", L"1");
+    EXPECT_EXIT(::Sleep(INFINITE), ExitedWithCode(TestSupport::kExitHung), "watchdog.* while running ");
     ::SetEnvironmentVariableW(L"VOUTILS_TEST_TIMEOUT", nullptr);
 }

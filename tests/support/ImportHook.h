@@ -81,7 +81,7 @@ public:
             return;
         const auto original = reinterpret_cast<Original>(reinterpret_cast<void*>(m_hook.Original()));
         m_slot = TakeSlot();
-        Slots()[m_slot].Set(std::make_shared<SState>(SState{ original, std::move(replacement) }));
+        Slots()[m_slot].state = std::make_shared<SState>(SState{ original, std::move(replacement) });
         m_hook.Install(
             reinterpret_cast<FARPROC>(reinterpret_cast<void*>(Trampolines(std::make_index_sequence<kSlots>())[m_slot])));
     }
@@ -108,30 +108,8 @@ private:
     {
         std::atomic<bool> isTaken{ false };
 
-        void Set(std::shared_ptr<SState> state) noexcept
-        {
-            Enter();
-            m_state.swap(state);
-            m_isBusy.clear(std::memory_order_release);
-        }
-        [[nodiscard]] std::shared_ptr<SState> Get() noexcept
-        {
-            Enter();
-            std::shared_ptr<SState> state = m_state;
-            m_isBusy.clear(std::memory_order_release);
-            return state;
-        }
-
-    private:
-        // No lock of the platform or of the C++ library: those may be what is hooked.
-        void Enter() noexcept
-        {
-            while (m_isBusy.test_and_set(std::memory_order_acquire))
-            {
-            }
-        }
-        std::atomic_flag m_isBusy;
-        std::shared_ptr<SState> m_state;
+        // Its lock is one of its own, not the platform's or the C++ library's, which may be what is hooked.
+        std::atomic<std::shared_ptr<SState>> state;
     };
 
     static std::array<SSlot, kSlots>& Slots() noexcept
@@ -153,7 +131,7 @@ private:
     template <size_t kSlot>
     static R WINAPI Trampoline(Args... args)
     {
-        const std::shared_ptr<SState> state = Slots()[kSlot].Get();
+        const std::shared_ptr<SState> state = Slots()[kSlot].state;
         return state->replacement(state->original, args...);
     }
     template <size_t... kIndex>

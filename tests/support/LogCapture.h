@@ -22,8 +22,6 @@ namespace TestSupport
 struct CLogLine
 {
     std::wstring text; // the whole line without its end
-    std::wstring time;
-    std::wstring module;
     std::wstring source;
     int line = -1; // -1 where the line has no number
     std::wstring function;
@@ -35,9 +33,6 @@ void PrintTo(const CLogLine& line, std::ostream* stream);
 
 // Takes a log's bytes apart. Run headers are left out; a line that does not begin with a time belongs to the message before it.
 [[nodiscard]] std::vector<CLogLine> ParseLog(std::string_view bytes);
-
-// The whole content of a file; empty when it does not exist. Writers are not disturbed.
-[[nodiscard]] std::string ReadLogFile(const std::wstring& path);
 
 // Switches the process's log on, and back to what it was at the end of the scope.
 class CLogCapture

@@ -2,20 +2,22 @@
 
 #include <base/VoErrorHandler.h>
 #include <base/VoPlatform.h>
+#include <base/VoUtils.h>
 
 #include <gmock/gmock.h>
 
-#include <algorithm>
+#include <array>
 #include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
 #include <fcntl.h>
 #include <io.h>
 #include <iterator>
+#include <stdexcept>
 #include <string>
+#include <thread>
 
 namespace TestSupport
 {
@@ -23,7 +25,6 @@ namespace
 {
 // A child process of a death test finds its parent's folder here and leaves the removal to the parent.
 constexpr const wchar_t* kFolderVariable = L"VOUTILS_TEST_FOLDER";
-constexpr const wchar_t* kTimeoutVariable = L"VOUTILS_TEST_TIMEOUT";
 constexpr DWORD kDefaultTimeoutSeconds = 120;
 
 // The name of what is running, for handlers that may neither allocate nor lock.
@@ -65,33 +66,13 @@ LONG WINAPI OnUnhandledException(EXCEPTION_POINTERS* pointers)
     Die(reason, kExitCrashed);
 }
 
+// Also where std::terminate ends, whose default handler prints the exception.
 void OnAbort(int)
 {
     Die("abort", kExitAborted);
 }
 
-[[noreturn]] void OnTerminate()
-{
-    std::string reason = "std::terminate";
-    if (const std::exception_ptr exception = std::current_exception())
-    {
-        try
-        {
-            std::rethrow_exception(exception);
-        }
-        catch (const std::exception& known)
-        {
-            reason = std::string("std::terminate by an exception: ") + known.what();
-        }
-        catch (...)
-        {
-            reason = "std::terminate by an exception of unknown type";
-        }
-    }
-    Die(reason.c_str(), kExitAborted);
-}
-
-DWORD WINAPI Watch(void*)
+void Watch()
 {
     for (;;)
     {
@@ -123,70 +104,40 @@ class CProgress : public testing::EmptyTestEventListener
     }
 };
 
-[[noreturn]] void FailSetUp(const char* what)
-{
-    char reason[200];
-    std::snprintf(reason, sizeof reason, "%s (error %lu)", what, ::GetLastError());
-    Die(reason, kExitSetUpFailed);
-}
-
 void InstallHandlers()
 {
     ::SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX | SEM_NOOPENFILEERRORBOX);
     ::SetUnhandledExceptionFilter(OnUnhandledException);
-    std::set_terminate(OnTerminate);
     std::signal(SIGABRT, OnAbort);
-
-    wchar_t text[16];
-    const DWORD length = ::GetEnvironmentVariableW(kTimeoutVariable, text, static_cast<DWORD>(std::size(text)));
-    g_timeout = 1000ull * (length > 0 && length < std::size(text) ? std::wcstoul(text, nullptr, 10) : kDefaultTimeoutSeconds);
+    const char* const seconds = std::getenv("VOUTILS_TEST_TIMEOUT");
+    g_timeout = 1000ull * (seconds ? std::strtoul(seconds, nullptr, 10) : kDefaultTimeoutSeconds);
     Running("the set-up");
-    if (g_timeout == 0)
-        return;
-    const HANDLE thread = ::CreateThread(nullptr, 0, Watch, nullptr, 0, nullptr);
-    if (!thread)
-        FailSetUp("no watchdog thread");
-    ::CloseHandle(thread);
+    if (g_timeout != 0)
+        std::thread(Watch).detach();
 }
 
 // Makes the process's private folder with the settings that keep its log there and switched off. True when this process owns
 // the folder and removes it.
 bool MakePrivateFolder()
 {
-    wchar_t path[MAX_PATH + 1];
-    const DWORD inherited = ::GetEnvironmentVariableW(kFolderVariable, path, static_cast<DWORD>(std::size(path)));
-    const bool owner = inherited == 0 || inherited >= std::size(path);
-    if (owner)
+    const wchar_t* const inherited = ::_wgetenv(kFolderVariable);
+    if (inherited)
+        g_folder = inherited;
+    else
     {
-        if (::GetTempPathW(static_cast<DWORD>(std::size(path)), path) == 0)
-            FailSetUp("no folder for temporary files");
-        g_folder = path;
-        g_folder /= L"VoUtilsTests-" + std::to_wstring(::GetCurrentProcessId()) + L"-" + std::to_wstring(::GetTickCount64());
+        g_folder = std::filesystem::temp_directory_path() /
+                   VoFormat(L"VoUtilsTests-%lu-%llu", ::GetCurrentProcessId(), ::GetTickCount64());
         std::filesystem::create_directories(g_folder);
-        if (!::SetEnvironmentVariableW(kFolderVariable, g_folder.c_str()))
-            FailSetUp("the folder cannot be handed on");
-
+        ::SetEnvironmentVariableW(kFolderVariable, g_folder.c_str());
         // UTF-16 with a byte order mark, so that the folder's name may hold any character.
         const std::wstring settings =
             L"\xFEFF[DEBUG]\r\nAPPLOG=0\r\nUseTempDirectory=0\r\nDirectory=" + g_folder.wstring() + L"\r\n";
-        FILE* file = ::_wfopen((g_folder / L"ModuleSettings.ini").c_str(), L"wb");
-        if (!file || std::fwrite(settings.data(), sizeof(wchar_t), settings.size(), file) != settings.size() ||
-            std::fclose(file) != 0)
-            FailSetUp("ModuleSettings.ini cannot be written");
+        WriteTestFile(g_folder / L"ModuleSettings.ini",
+                      { reinterpret_cast<const char*>(settings.data()), settings.size() * sizeof(wchar_t) });
     }
-    else
-        g_folder = path;
     if (FAILED(VoSetModuleSettingsDirectory(g_folder.wstring())))
-        FailSetUp("something reported, or asked for a setting, before main");
-    return owner;
-}
-
-// The first argument that begins so; null when there is none.
-const char* FindArgument(int argc, char** argv, const char* begin)
-{
-    const auto found = std::find_if(argv, argv + argc, [begin](const char* argument)
-                                    { return std::strncmp(argument, begin, std::strlen(begin)) == 0; });
-    return found == argv + argc ? nullptr : *found;
+        Die("something reported, or asked for a setting, before main", kExitSetUpFailed);
+    return !inherited;
 }
 } // namespace
 
@@ -210,10 +161,31 @@ std::filesystem::path MakeTestFolder(std::wstring_view name)
     return folder;
 }
 
-namespace
+std::string ReadTestFile(const std::filesystem::path& path)
 {
-int Run(int argc, char** argv)
+    std::string bytes;
+    if (FILE* const file = ::_wfopen(path.c_str(), L"rb"))
+    {
+        std::array<char, 65536> block;
+        while (const size_t read = std::fread(block.data(), 1, block.size(), file))
+            bytes.append(block.data(), read);
+        std::fclose(file);
+    }
+    return bytes;
+}
+
+void WriteTestFile(const std::filesystem::path& path, std::string_view bytes)
 {
+    FILE* const file = ::_wfopen(path.c_str(), L"wb");
+    const size_t written = file ? std::fwrite(bytes.data(), 1, bytes.size(), file) : 0;
+    if (!file || std::fclose(file) != 0 || written != bytes.size())
+        throw std::runtime_error("a file of the test cannot be written: " + path.string());
+}
+} // namespace TestSupport
+
+int main(int argc, char** argv)
+{
+    using namespace TestSupport;
     // "\n" stays "\n", for scripts that read the output.
     ::_setmode(::_fileno(stdout), _O_BINARY);
     ::_setmode(::_fileno(stderr), _O_BINARY);
@@ -221,39 +193,20 @@ int Run(int argc, char** argv)
     const bool ownsFolder = MakePrivateFolder();
     WSADATA sockets;
     if (::WSAStartup(MAKEWORD(2, 2), &sockets) != 0)
-        FailSetUp("no sockets");
-
-    const bool listsOnly = FindArgument(argc, argv, "--gtest_list_tests");
-    // The child of a death test tells no listener what it runs; its argument holds the test's file and line.
-    if (const char* deathTest = FindArgument(argc, argv, "--gtest_internal_run_death_test="))
-        Running(deathTest);
+        Die("no sockets", kExitSetUpFailed);
     testing::InitGoogleMock(&argc, argv);
     testing::UnitTest& tests = *testing::UnitTest::GetInstance();
     tests.listeners().Append(std::make_unique<CProgress>().release()); // the framework deletes it
 
-    int result = RUN_ALL_TESTS();
+    const int result = RUN_ALL_TESTS();
     Running("the end of the program");
     if (ownsFolder)
     {
         std::error_code ignored; // a file that a failed test left open keeps its folder
         std::filesystem::remove_all(g_folder, ignored);
     }
-    if (listsOnly)
-        return result;
-    if (tests.test_to_run_count() == 0)
-    {
-        std::printf("No test was selected.\n");
-        result = 1;
-    }
     std::printf("VOUTILS-TESTS-COMPLETE passed=%d failed=%d skipped=%d\n", tests.successful_test_count(),
                 tests.failed_test_count(), tests.skipped_test_count());
     std::fflush(stdout);
     return result;
-}
-} // namespace
-} // namespace TestSupport
-
-int main(int argc, char** argv)
-{
-    return TestSupport::Run(argc, argv);
 }

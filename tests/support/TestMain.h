@@ -3,11 +3,12 @@
 // Every test program has that main: it is linked from VoTestSupport, a test program adds nothing. It makes crashes and hangs
 // failures that cannot be mistaken for a pass, and prints as its last line, only when the whole run came to its end,
 //     VOUTILS-TESTS-COMPLETE passed=N failed=N skipped=N
-// Exit codes: 0 all passed, 1 a test failed or none was selected, 96 the set-up failed, 97 abort or std::terminate,
-// 98 a test hung, 99 an unhandled exception of the platform.
+// Exit codes: 0 all passed, 1 a test failed, 96 the set-up failed, 97 abort or std::terminate, 98 a test hung, 99 an unhandled
+// exception of the platform.
 #pragma once
 
 #include <filesystem>
+#include <string>
 #include <string_view>
 
 namespace TestSupport
@@ -26,4 +27,9 @@ constexpr int kExitCrashed = 99;
 
 // Makes a fresh folder of a unique name inside TestFolder() and gives its path. Any thread.
 [[nodiscard]] std::filesystem::path MakeTestFolder(std::wstring_view name);
+
+// The whole content of a file; empty when it does not exist. No function of the platform that a test makes fail is called here,
+// and writers are not disturbed.
+[[nodiscard]] std::string ReadTestFile(const std::filesystem::path& path);
+void WriteTestFile(const std::filesystem::path& path, std::string_view bytes);
 } // namespace TestSupport
