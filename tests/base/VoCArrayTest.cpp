@@ -29,19 +29,6 @@ TEST(CArray, InsertsAndRemovesAnywhere)
     EXPECT_THAT(array, ElementsAre(L"a", L"", L""));
 }
 
-TEST(CArray, AnItemOfItsOwnCanBeAdded)
-{
-    CArray<std::wstring> array;
-    EXPECT_EQ(array.Add(L"a text that does not fit into the string object itself"), S_OK);
-    for (int i = 0; i < 20; ++i)
-    {
-        EXPECT_EQ(array.Add(array[0]), S_OK);
-        EXPECT_EQ(array.InsertAt(0, array[array.GetSize() - 1]), S_OK);
-    }
-    EXPECT_EQ(array.GetSize(), 41U);
-    EXPECT_THAT(array, testing::Each(array[0]));
-}
-
 template <class Type>
 void ExpectRefusal(const wchar_t* name)
 {

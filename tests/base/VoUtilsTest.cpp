@@ -6,14 +6,12 @@
 #include <support/LogCapture.h>
 #include <support/TestMain.h>
 
-#include <cstdio>
-#include <random>
+#include <optional>
 #include <vector>
 
 using namespace TestSupport;
 using testing::Contains;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 namespace
 {
@@ -31,53 +29,44 @@ std::vector<int> Fields(const SYSTEMTIME& t)
 {
     return { t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond, t.wMilliseconds };
 }
-
-std::wstring WriteIni(const std::string& content)
-{
-    const std::wstring path = (MakeTestFolder(L"ini") / L"Values.ini").wstring();
-    FILE* file = ::_wfopen(path.c_str(), L"wb");
-    EXPECT_NE(file, nullptr);
-    EXPECT_EQ(std::fwrite(content.data(), 1, content.size(), file), content.size());
-    std::fclose(file);
-    return path;
-}
 } // namespace
 
 TEST(Text, ParsesTheEightWordsForABooleanAndNothingElse)
 {
-    for (const bool before : { false, true })
-    {
-        const CLogCapture log;
-        bool value = before;
-        for (const wchar_t* word : { L"", L"2", L" yes", L"tru", L"truee", L"-1" })
-            EXPECT_EQ(VoStringToBool(word, value), E_INVALIDARG) << word;
-        EXPECT_EQ(value, before);
-        EXPECT_THAT(log.Lines(), testing::Each(IsReportBy(L"VoStringToBool", E_INVALIDARG)));
-        for (const wchar_t* word :
-             { before ? L"FALSE" : L"TRUE", before ? L"0" : L"1", before ? L"no" : L"YeS", before ? L"Off" : L"on" })
-        {
-            value = before;
-            EXPECT_EQ(VoStringToBool(word, value), S_OK) << word;
-            EXPECT_EQ(value, !before) << word;
-        }
-    }
+    const std::pair<std::optional<bool>, std::vector<const wchar_t*>> cases[] = {
+        { true, { L"TRUE", L"1", L"YeS", L"on" } },
+        { false, { L"FALSE", L"0", L"no", L"Off" } },
+        { std::nullopt, { L"", L"2", L" yes", L"tru", L"truee", L"-1" } },
+    };
+    for (const auto& [expected, words] : cases)
+        for (const wchar_t* word : words)
+            for (const bool before : { false, true })
+            {
+                bool value = before;
+                EXPECT_EQ(VoStringToBool(word, value), expected ? S_OK : E_INVALIDARG) << word;
+                EXPECT_EQ(value, expected.value_or(before)) << word;
+            }
 }
 
 TEST(Text, ConvertsWellFormedTextToUTF8AndBack)
 {
-    // Lengths around the limit between the stack's buffer and a measured one, with one, two, three and four byte characters.
-    for (const std::wstring& unit : std::initializer_list<std::wstring>{ L"a", L"\u00E4", L"\u20AC", L"\U0001F600", { L'\0' } })
-        for (const size_t count : { 0u, 1u, 255u, 256u, 511u, 512u, 513u, 1024u, 100000u })
+    // Lengths around the limit between the stack's buffer and a measured one.
+    for (const auto& [unit, unitBytes] : { std::pair<std::wstring, std::string>(L"a", "a"),
+                                           { L"\u00E4", "\xC3\xA4" },
+                                           { L"\u20AC", "\xE2\x82\xAC" },
+                                           { L"\U0001F600", "\xF0\x9F\x98\x80" },
+                                           { std::wstring(1, L'\0'), std::string(1, '\0') } })
+        for (const size_t count : { 0u, 1u, 255u, 256u, 511u, 512u, 513u, 1024u })
         {
             std::wstring text;
+            std::string expected;
             for (size_t i = 0; i < count; ++i)
-                text += unit;
+                text += unit, expected += unitBytes;
             std::string bytes = "before";
-            ASSERT_EQ(VoStringToUTF8(text, bytes), S_OK);
-            const size_t unitBytes = unit[0] < 0x80 ? 1 : unit[0] < 0x800 ? 2 : unit.size() == 1 ? 3 : 4;
-            EXPECT_EQ(bytes.size(), count * unitBytes);
             std::wstring back = L"before";
-            ASSERT_EQ(VoUTF8ToString(bytes, back), S_OK);
+            EXPECT_EQ(VoStringToUTF8(text, bytes), S_OK);
+            EXPECT_EQ(bytes, expected);
+            EXPECT_EQ(VoUTF8ToString(bytes, back), S_OK);
             EXPECT_EQ(back, text);
         }
 }
@@ -130,7 +119,6 @@ TEST(Text, ComparesWithoutRegardToCaseAndTrims)
     EXPECT_FALSE(VoEqualsNoCase(L"a", L"ab"));
     EXPECT_FALSE(VoEqualsNoCase(L"STRASSE", L"Stra\u00DFe"));
     EXPECT_TRUE(VoStartsWithNoCase(L"Content-Type", L"content-"));
-    EXPECT_TRUE(VoStartsWithNoCase(L"x", L""));
     EXPECT_FALSE(VoStartsWithNoCase(L"con", L"content"));
     EXPECT_EQ(VoTrim(L" \t\r\na b\n "), L"a b");
     EXPECT_EQ(VoTrim(L" \t "), L"");
@@ -153,15 +141,11 @@ TEST(ISO8601, WritesDatesAndTimes)
         EXPECT_EQ(VoSystemTimeToISO8601DateTimeStr(time, offset, includeTime, includeMilliseconds, text), S_OK);
         EXPECT_EQ(text, expected);
     }
+    std::wstring text = L"before";
     const CLogCapture log;
-    for (const int offset : { 1440, -1440 })
-    {
-        std::wstring text = L"before";
-        EXPECT_EQ(VoSystemTimeToISO8601DateTimeStr(Time(2001, 1, 1), offset, true, false, text), E_INVALIDARG);
-        EXPECT_EQ(text, L"before");
-    }
-    EXPECT_THAT(log.Lines(), testing::Each(IsReport(kSource, 151, L"VoSystemTimeToISO8601DateTimeStr", E_INVALIDARG)));
-    EXPECT_EQ(log.Lines().size(), 2u);
+    EXPECT_EQ(VoSystemTimeToISO8601DateTimeStr(Time(2001, 1, 1), 1440, true, false, text), E_INVALIDARG);
+    EXPECT_EQ(text, L"before");
+    EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kSource, 151, L"VoSystemTimeToISO8601DateTimeStr", E_INVALIDARG)));
 }
 
 TEST(ISO8601, ReadsWhatItWritesAndItsCloseRelatives)
@@ -184,21 +168,6 @@ TEST(ISO8601, ReadsWhatItWritesAndItsCloseRelatives)
     }
     EXPECT_EQ(VoISO8601DateTimeStrToSystemTime(L"2024-02-29", time, nullptr), S_OK);
     EXPECT_EQ(time.wDayOfWeek, 4) << "a Thursday";
-
-    std::mt19937 random(2024);
-    const auto below = [&random](unsigned limit) { return static_cast<int>(random() % limit); };
-    for (int i = 0; i < 2000; ++i)
-    {
-        const SYSTEMTIME written =
-            Time(1601 + below(8399), 1 + below(12), 1 + below(28), below(24), below(60), below(60), below(1000));
-        const int offset = below(2879) - 1439;
-        std::wstring text;
-        ASSERT_EQ(VoSystemTimeToISO8601DateTimeStr(written, offset, true, true, text), S_OK);
-        int offsetRead = 0;
-        ASSERT_EQ(VoISO8601DateTimeStrToSystemTime(text, time, &offsetRead), S_OK) << text;
-        EXPECT_EQ(Fields(time), Fields(written)) << text;
-        EXPECT_EQ(offsetRead, offset) << text;
-    }
 }
 
 TEST(ISO8601, RefusesEverythingElse)
@@ -339,48 +308,31 @@ TEST(Paths, FailuresGiveThePlatformsErrorAndKeepTheOutput)
 
 TEST(IniValues, AreTypedWithDefaultsAndTellWhetherTheyWereThere)
 {
-    const std::wstring file = WriteIni("[S]\r\nyes=On\r\nodd=perhaps\r\nempty=\r\nnumber= -42 \r\nplus=+7\r\nbig=2147483648\r\n"
-                                       "hex=0x10\r\npart=12x\r\ntext=some text\r\nlong=" +
-                                       std::string(400, 'v') + "\r\n");
+    const std::wstring file = (MakeTestFolder(L"ini") / L"Values.ini").wstring();
+    WriteTestFile(file, "[S]\r\nyes=On\r\nodd=perhaps\r\nempty=\r\nnumber= -42 \r\nplus=+7\r\nbig=2147483648\r\nhex=0x10\r\n"
+                        "part=12x\r\ntext=some text\r\nlong=" +
+                            std::string(400, 'v') + "\r\n");
     const wchar_t* s = L"S";
     bool present = false;
     EXPECT_TRUE(VoGetIniBool(file, s, L"YES", false, &present));
+    EXPECT_TRUE(present);
     for (const bool standard : { false, true })
         for (const wchar_t* key : { L"odd", L"empty", L"missing" })
         {
             EXPECT_EQ(VoGetIniBool(file, s, key, standard, &present), standard);
             EXPECT_EQ(present, key[0] != L'm');
         }
-    for (const auto& [key, value] : { std::pair(L"number", -42),
-                                      { L"plus", 7 },
-                                      { L"big", 5 },
-                                      { L"hex", 5 },
-                                      { L"part", 5 },
-                                      { L"empty", 5 },
-                                      { L"text", 5 },
-                                      { L"long", 5 } })
+    const std::pair<const wchar_t*, int> numbers[] = { { L"number", -42 }, { L"plus", 7 },  { L"big", 5 },  { L"hex", 5 },
+                                                       { L"part", 5 },     { L"empty", 5 }, { L"text", 5 }, { L"missing", 5 } };
+    for (const auto& [key, value] : numbers)
     {
         EXPECT_EQ(VoGetIniInt(file, s, key, 5, &present), value) << key;
-        EXPECT_TRUE(present) << key;
+        EXPECT_EQ(present, key[0] != L'm') << key;
     }
-    EXPECT_EQ(VoGetIniInt(file, L"Other", L"number", 5, &present), 5);
-    EXPECT_FALSE(present);
     EXPECT_EQ(VoGetIniString(file, s, L"text", L"default", &present), L"some text");
     EXPECT_EQ(VoGetIniString(file, s, L"empty", L"default", &present), L"");
     EXPECT_TRUE(present);
     EXPECT_EQ(VoGetIniString(file, s, L"missing", L"default ", &present), L"default ");
     EXPECT_FALSE(present);
     EXPECT_EQ(VoGetIniString(file, s, L"long", L""), std::wstring(260, L'v'));
-    EXPECT_EQ(VoGetIniString(file + L".missing", s, L"text", L"default"), L"default");
-}
-
-TEST(Clock, CountsMicroseconds)
-{
-    const INT64 first = VoGetMicroseconds();
-    const ULONGLONG ticks = ::GetTickCount64();
-    INT64 last = first;
-    for (INT64 now = first; ::GetTickCount64() < ticks + 30; last = now)
-        ASSERT_GE(now = VoGetMicroseconds(), last);
-    // Thirty milliseconds by a clock whose steps may be 16 ms long.
-    EXPECT_GE(last - first, 10'000);
 }
