@@ -16,13 +16,19 @@ unset http_proxy https_proxy HTTP_PROXY HTTPS_PROXY all_proxy ALL_PROXY no_proxy
 
 # start_wine SECONDS: has the prefix's wineserver run and its services started, so that programs start in hundredths of a
 # second; it ends by itself SECONDS after the last program. The services are started by a program without streams of the
-# caller: they keep those of the first program for life, and a pipe to the caller's reader would stay open as long.
+# caller: they keep those of the first program for life, and a pipe to the caller's reader would stay open as long. The
+# desktop belongs to the display of whoever came first: for another display it is made anew, because windows would open unseen.
 start_wine() {
+    local display="$WINEPREFIX/.display"
     (
         flock 9
         if ! wineserver -k0 2>/dev/null; then
             wineserver -p"$1"
             wine cmd /c exit
+            echo "${DISPLAY:-}" >"$display"
+        elif [ -n "${DISPLAY:-}" ] && ! grep -qxF "$DISPLAY" "$display"; then
+            wine taskkill /f /im explorer.exe || true # none: no window was ever made
+            echo "$DISPLAY" >"$display"
         fi </dev/null >/dev/null 2>&1 9>&-
     ) 9>"$build/.wine.lock"
 }
