@@ -40,11 +40,6 @@ void PrintTo(const CTransport& transport, std::ostream* stream)
 constexpr const char* kBasicUser = "Basic dXNlcjpzZWNyZXQ=";      // user:secret
 constexpr const char* kBasicProxy = "Basic cHJveHk6cGFzc3dvcmQ="; // proxy:password
 
-std::wstring Wide(std::string_view text)
-{
-    return { text.begin(), text.end() };
-}
-
 class ProxyTransportTest : public testing::TestWithParam<CTransport>
 {
 protected:

@@ -26,32 +26,19 @@ protected:
     {
         return { TestServers()->URL(target), TestServers()->SecureURL(target) };
     }
-    // The bytes that a GET of the connected URL brings.
-    [[nodiscard]] CAnswer Get(const std::string& url)
+    // The bytes that a GET brings.
+    [[nodiscard]] std::string Get(const std::string& url)
     {
-        CAnswer answer;
         Request request;
+        CVoBinaryDataParser answer;
         const auto message = Connect(url, 30, 60);
-        if (!message)
-            return answer;
-        if (answer.result = message->SendGetRequest(request, {}, false, &answer.send); SUCCEEDED(answer.result))
-            answer.result = message->ReadResponse(request, answer.message, Response::Binary, nullptr, nullptr);
-        return answer;
+        EXPECT_EQ(message->SendGetRequest(request, {}, false, nullptr), S_OK) << url;
+        EXPECT_EQ(message->ReadResponse(request, answer, Response::Binary, nullptr, nullptr), S_OK) << url;
+        return PayloadOf(answer);
     }
 };
 
 INSTANTIATE_TEST_SUITE_P(Kinds, RealServerTest, testing::ValuesIn(kTransports), &NameOf);
-
-TEST_P(RealServerTest, EveryContentKindIsAccepted)
-{
-    for (const std::string& url : URLs("/post"))
-        for (const Kind kind : { Kind::Raw, Kind::Multipart, Kind::Form, Kind::Empty })
-        {
-            const CAnswer answer = SendTo(url, MakeMessage({ { L"a", L"1" }, { L"FileName", L"f" } }), kind);
-            EXPECT_EQ(answer.result, S_OK) << url << static_cast<UINT32>(kind);
-            EXPECT_EQ(ParamsOf(answer.message), (Params{ { L"ok", L"1" }, { L"method", L"POST" } })) << url;
-        }
-}
 
 TEST_P(RealServerTest, ChecksTheServersCertificateWhenAskedAndNotElse)
 {
@@ -75,39 +62,22 @@ TEST_P(RealServerTest, ChecksTheServersCertificateWhenAskedAndNotElse)
     EXPECT_EQ(SendTo(TestServers()->URL("/post")).result, S_OK);
 }
 
-TEST_P(RealServerTest, BodiesOfAllSizesComeBackAsTheyWere)
+TEST_P(RealServerTest, BodiesComeBackAsTheyWere)
 {
+    std::string payload(1 << 20, '\0');
+    for (size_t i = 0; i < payload.size(); ++i)
+        payload[i] = static_cast<char>(i * 2654435761U >> 13);
     for (const std::string& url : URLs("/echo"))
     {
         const auto message = Connect(url, 30, 60);
-        for (const size_t size : { 0U, 1U, 31'999U, 32'000U, 70'000U, 1U << 20 })
+        for (const size_t size : { 0U, 1U, 31'999U, 1U << 20 })
         {
-            std::string payload(size, '\0');
-            for (size_t i = 0; i < size; ++i)
-                payload[i] = static_cast<char>(i * 2654435761U >> 13);
-            const CAnswer answer = Send(*message, MakeMessage({ { L"n", std::to_wstring(size) } }, payload));
+            const CAnswer answer = Send(*message, MakeMessage({ { L"n", L"1" } }, payload.substr(0, size)));
             ASSERT_EQ(answer.result, S_OK) << url << " " << size;
-            EXPECT_EQ(ParamsOf(answer.message), (Params{ { L"n", std::to_wstring(size) } })) << url;
-            EXPECT_TRUE(PayloadOf(answer.message) == payload) << url << " " << size;
+            EXPECT_EQ(ParamsOf(answer.message), (Params{ { L"n", L"1" } })) << url;
+            EXPECT_TRUE(PayloadOf(answer.message) == payload.substr(0, size)) << url << " " << size;
         }
     }
-}
-
-TEST_P(RealServerTest, FilesArriveWhole)
-{
-    struct CFile
-    {
-        const char* target;
-        size_t size;
-    };
-    for (const CFile& file : { CFile{ "/files/0.bin", 0 }, CFile{ "/files/1.bin", 1 }, CFile{ "/files/10k.bin", 10 << 10 },
-                               CFile{ "/files/10m.bin", 10 << 20 } })
-        for (const std::string& url : URLs(file.target))
-        {
-            const CAnswer answer = Get(url);
-            EXPECT_EQ(answer.result, S_OK) << url;
-            EXPECT_EQ(answer.message.Payload().size(), file.size) << url;
-        }
 }
 
 TEST_P(RealServerTest, ALargeAnswerIsInMemoryLittleMoreThanTwice)
@@ -123,26 +93,19 @@ TEST_P(RealServerTest, ALargeAnswerIsInMemoryLittleMoreThanTwice)
     EXPECT_GE(meter.Peak(), kSize) << "the meter sees nothing";
 }
 
-TEST_P(RealServerTest, CompressedAndChunkedAnswersAreRead)
+TEST_P(RealServerTest, AnswersOfEveryEncodingAreRead)
 {
+    for (const std::string& url : URLs("/files/0.bin"))
+        EXPECT_EQ(Get(url), "");
+    for (const std::string& url : URLs("/files/10m.bin"))
+        EXPECT_EQ(Get(url).size(), 10U << 20);
     for (const std::string& url : URLs("/gzip/text.txt"))
-        EXPECT_EQ(Get(url).message.Payload().size(), 95'000U) << url;
+        EXPECT_EQ(Get(url).size(), 95'000U);
     for (const std::string& url : URLs("/chunked"))
     {
-        const CAnswer answer = Get(url);
-        EXPECT_EQ(answer.result, S_OK) << url;
-        EXPECT_EQ(std::count(answer.message.Payload().begin(), answer.message.Payload().end(), BYTE{ '\n' }), 3) << url;
+        const std::string text = Get(url);
+        EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 3);
     }
-}
-
-TEST_P(RealServerTest, SeveralCookiesOfOneAnswerAreKept)
-{
-    EXPECT_EQ(SendTo(TestServers()->URL("/cookies/set")).result, S_OK);
-    const CAnswer answer = SendTo(TestServers()->URL("/cookies/show"));
-    ASSERT_EQ(answer.result, S_OK);
-    const Params params = ParamsOf(answer.message);
-    ASSERT_EQ(params.size(), 1U);
-    EXPECT_GE(std::count(params[0].second.begin(), params[0].second.end(), L'='), 2) << "more than one cookie is sent";
 }
 
 TEST_P(RealServerTest, CredentialsOpenAPrivateLocation)
@@ -162,7 +125,7 @@ TEST_P(RealServerTest, CredentialsOpenAPrivateLocation)
 TEST_P(RealServerTest, FailuresOfTheServerAreFailures)
 {
     EXPECT_TRUE(FAILED(SendTo(TestServers()->URL("/reset")).result));
-    for (const int status : { 400, 404, 500, 503 })
+    for (const int status : { 404, 503 })
         for (const std::string& url : URLs("/status/" + std::to_string(status)))
         {
             const CAnswer answer = SendTo(url);

@@ -38,6 +38,8 @@ struct CTransport
     bool seesRedirects = true;
     // The answer waits with the connection until it is read, so that connecting anew loses it.
     bool answerWaitsAtConnection = false;
+    // A request serves the message that opened it only; one of libcurl's has all it needs.
+    bool bindsRequests = true;
     // The client's own address is known. It is for the trace; Wine's WinINet has no socket to show, and Wine's WinHTTP has it
     // only until the answer has been read.
     bool knowsLocalAddress = false;
@@ -77,6 +79,7 @@ inline constexpr CTransport kTransports[] = {
       .name = "CURL",
       .unexpectedStatus = E_FAIL,
       .timeOut = kResultTimeout,
+      .bindsRequests = false,
       .knowsLocalAddress = true,
       .receivesWhileSending = true,
       .documentedUnderWine = true,
@@ -94,6 +97,25 @@ inline constexpr CTransport kTransports[] = {
 [[nodiscard]] inline std::string NameOf(const testing::TestParamInfo<CTransport>& tested)
 {
     return tested.param.name;
+}
+
+// What servers do: the same answer to all, bytes as they are and the end of the connection, or the request's own body.
+[[nodiscard]] inline Loopback::CHandler Answers(int status, Loopback::CHeaders headers = {}, std::string body = {})
+{
+    return [=](const Loopback::CRequest& /*request*/, Loopback::CConnection& connection)
+    { connection.SendResponse(status, headers, body); };
+}
+[[nodiscard]] inline Loopback::CHandler SendsAndCloses(std::string bytes)
+{
+    return [=](const Loopback::CRequest& /*request*/, Loopback::CConnection& connection)
+    {
+        connection.Send(bytes);
+        connection.CloseNow();
+    };
+}
+inline void Echo(const Loopback::CRequest& request, Loopback::CConnection& connection)
+{
+    connection.SendResponse(200, {}, request.body);
 }
 
 // A server that leaves the WinINet transport's probe for credentials out of what a test sees: it is told by its version.
@@ -170,7 +192,7 @@ protected:
     [[nodiscard]] static CServerAddressData Address(const std::string& url)
     {
         CServerAddressData address;
-        EXPECT_EQ(address.SetAddress(std::wstring(url.begin(), url.end()), false, true, true), S_OK);
+        EXPECT_EQ(address.SetAddress(Wide(url), false, true, true), S_OK);
         return address;
     }
     [[nodiscard]] std::shared_ptr<CVoHTTPMessage> Connect(const std::string& url, UINT32 connectTimeout = 10,

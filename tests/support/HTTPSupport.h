@@ -2,6 +2,8 @@
 // to build and read messages.
 #pragma once
 
+#include "support/LogCapture.h"
+
 #include <VoHTTPMessage.h>
 
 #include <base/VoModuleInformation.h>
@@ -9,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -17,6 +20,21 @@
 
 namespace TestSupport
 {
+// Whether a code was reported; forgets the log.
+[[nodiscard]] inline bool TakeReport(CLogCapture& log, HRESULT code)
+{
+    const std::vector<CLogLine> lines = log.Lines();
+    log.Clear();
+    return std::any_of(lines.begin(), lines.end(), [=](const CLogLine& line) { return line.code == code; });
+}
+// A secret is nowhere in what was logged, and something was.
+inline void ExpectNotLogged(const CLogCapture& log, std::wstring_view secret)
+{
+    EXPECT_FALSE(log.Lines().empty());
+    for (const CLogLine& line : log.Lines())
+        EXPECT_EQ(line.text.find(secret), std::wstring::npos);
+}
+
 // Makes the factory choose a transport kind while it lives.
 class CTransportScope
 {
@@ -133,6 +151,12 @@ private:
     std::wstring m_user;
     std::wstring m_password;
 };
+
+// Of ASCII.
+[[nodiscard]] inline std::wstring Wide(std::string_view text)
+{
+    return { text.begin(), text.end() };
+}
 
 using Params = std::vector<std::pair<std::wstring, std::wstring>>;
 
