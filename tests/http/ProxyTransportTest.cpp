@@ -1,5 +1,5 @@
 // Requests through proxies, real and scripted, with the process's proxy store behind the transports.
-#include "support/HTTPSupport.h"
+#include "http/TransportFixture.h"
 #include "support/SessionProxy.h"
 #include "support/TestServers.h"
 
@@ -18,29 +18,24 @@ using testing::SizeIs;
 
 namespace
 {
-struct CTransport
+// The tested transports with what has their sessions opened with a proxy; none where it takes the proxy from the store and
+// nowhere else. libcurl shows everything. Wine's services take no proxy for a request, so that the Windows transports are given
+// one for their sessions, and their credentials are tested with those transports.
+struct CProxiedTransport
 {
     UINT32 kind;
     const char* name;
-    // Has sessions opened with a proxy; none where the transport takes it from the store and nowhere else.
     std::shared_ptr<void> (*sessionsUse)(std::wstring proxy) = nullptr;
 };
-// libcurl shows everything. Wine's services take no proxy for a request, so that the Windows transports are given one for their
-// sessions, and their credentials are tested with those transports.
-constexpr CTransport kTransports[] = { { 2, "CURL" } };
-constexpr CTransport kAllTransports[] = { { 0, "WinINet", &WinINetSessionsUse },
-                                          { 1, "WinHTTP", &WinHTTPSessionsUse },
-                                          { 2, "CURL" } };
-
-void PrintTo(const CTransport& transport, std::ostream* stream)
-{
-    *stream << transport.name;
-}
+constexpr CProxiedTransport kCURL = { 2, "CURL" };
+constexpr CProxiedTransport kAllTransports[] = { { 0, "WinINet", &WinINetSessionsUse },
+                                                 { 1, "WinHTTP", &WinHTTPSessionsUse },
+                                                 kCURL };
 
 constexpr const char* kBasicUser = "Basic dXNlcjpzZWNyZXQ=";      // user:secret
 constexpr const char* kBasicProxy = "Basic cHJveHk6cGFzc3dvcmQ="; // proxy:password
 
-class ProxyTransportTest : public testing::TestWithParam<CTransport>
+class ProxyTransportTest : public testing::TestWithParam<CProxiedTransport>
 {
 protected:
     // Sessions name the proxy "localhost", because Wine wants another name than the server's.
@@ -56,6 +51,12 @@ protected:
         }
     }
     [[nodiscard]] static std::wstring NameOf(uint16_t port) { return L"127.0.0.1:" + std::to_wstring(port); }
+    void Save(uint16_t port, const wchar_t* user, const wchar_t* password)
+    {
+        EXPECT_EQ(m_store->SetAuthDataForProxy(CVoBstr(NameOf(port)).Get(), CVoBstr(user).Get(), CVoBstr(password).Get(),
+                                               VARIANT_TRUE, VARIANT_TRUE),
+                  S_OK);
+    }
     // The credentials that the store has for the proxy of a URL: "user password", empty for none.
     [[nodiscard]] std::wstring Saved(const std::string& url) const
     {
@@ -87,13 +88,10 @@ protected:
         if (SUCCEEDED(answer.result))
             answer.result = message->OpenRequest(request);
         if (SUCCEEDED(answer.result))
-            answer.result = message->SendMessage(request, MakeMessage({}, body), CVoHTTPMessage::EContentKind::Raw, true, {},
-                                                 {}, false, nullptr);
+            answer.result = message->SendMessage(request, MakeMessage({}, body), Kind::Raw, true, {}, {}, false, nullptr);
         CVoBinaryDataParser read;
-        bool isUtf8 = false;
-        bool isEmpty = false;
         if (SUCCEEDED(answer.result))
-            answer.result = message->ReadResponse(request, read, CVoHTTPMessage::EResponseKind::Parameters, &isUtf8, &isEmpty);
+            answer.result = message->ReadResponse(request, read, Response::Parameters, nullptr, nullptr);
         answer.text = PayloadOf(read);
         return answer;
     }
@@ -108,49 +106,8 @@ class AnyTransportProxyTest : public ProxyTransportTest
 
 INSTANTIATE_TEST_SUITE_P(Kinds, AnyTransportProxyTest, testing::ValuesIn(kAllTransports),
                          [](const auto& tested) { return tested.param.name; });
-INSTANTIATE_TEST_SUITE_P(Kinds, ProxyTransportTest, testing::ValuesIn(kTransports),
+INSTANTIATE_TEST_SUITE_P(Kinds, ProxyTransportTest, testing::Values(kCURL),
                          [](const auto& tested) { return tested.param.name; });
-
-// The head of a request as a scripted server saw it.
-struct CSeen
-{
-    std::string target;
-    std::string authorization;
-    std::string proxyAuthorization;
-    std::string via;
-};
-
-// A server, or a proxy, that notes what it is asked.
-class CNotingServer
-{
-public:
-    explicit CNotingServer(Loopback::CHandler handler)
-        : m_server(
-              [this, answer = std::move(handler)](const Loopback::CRequest& request, Loopback::CConnection& connection)
-              {
-                  {
-                      const std::scoped_lock lock(m_lock);
-                      m_seen.push_back({ request.target, std::string(request.Header("Authorization")),
-                                         std::string(request.Header("Proxy-Authorization")),
-                                         std::string(request.Header("Via")) });
-                  }
-                  answer(request, connection);
-              })
-    {
-    }
-    [[nodiscard]] uint16_t Port() const { return m_server.Port(); }
-    [[nodiscard]] std::string URL(std::string_view target) const { return m_server.URL(target); }
-    [[nodiscard]] std::vector<CSeen> Seen() const
-    {
-        const std::scoped_lock lock(m_lock);
-        return m_seen;
-    }
-
-private:
-    mutable std::mutex m_lock;
-    std::vector<CSeen> m_seen;
-    Loopback::CLoopbackServer m_server; // last: its threads use the others
-};
 
 // Whether a request has the credentials; otherwise it was answered with the challenge.
 bool Authenticate(const Loopback::CRequest& request, Loopback::CConnection& connection, bool proxy)
@@ -167,13 +124,12 @@ TEST_P(AnyTransportProxyTest, GoesThroughAnOpenProxy)
 {
     VO_NEEDS_TEST_SERVERS();
     UseProxy(TestServers()->squidPort);
-    const CNotingServer origin([](const Loopback::CRequest& request, Loopback::CConnection& connection)
-                               { connection.SendResponse(200, {}, request.body); });
+    const CServer origin(&Echo);
     const CAnswer plain = Send(origin.URL("/"), "a body");
     EXPECT_EQ(plain.result, S_OK);
     EXPECT_EQ(plain.text, "a body");
-    ASSERT_THAT(origin.Seen(), Not(IsEmpty()));
-    EXPECT_THAT(origin.Seen().back().via, HasSubstr("squid"));
+    ASSERT_THAT(origin.Requests(), Not(IsEmpty()));
+    EXPECT_THAT(origin.Requests().back().Header("Via"), HasSubstr("squid"));
 
     // Under a name that no other test has connected to directly: Wine's WinINet would take that connection for one to the
     // proxy.
@@ -237,9 +193,7 @@ TEST_P(ProxyTransportTest, FailsWhereNobodyCanBeAsked)
         EXPECT_EQ(Saved(url), L"");
     }
     // Saved ones that the proxy does not take either.
-    EXPECT_EQ(m_store->SetAuthDataForProxy(CVoBstr(NameOf(TestServers()->squidAuthPort)).Get(), CVoBstr(L"x").Get(),
-                                           CVoBstr(L"y").Get(), VARIANT_TRUE, VARIANT_TRUE),
-              S_OK);
+    Save(TestServers()->squidAuthPort, L"x", L"y");
     EXPECT_TRUE(FAILED(Send(TestServers()->URL("/echo")).result));
 }
 
@@ -265,7 +219,7 @@ TEST_P(ProxyTransportTest, AnswersProxyAndServerEachWithItsOwn)
 TEST_P(ProxyTransportTest, ShowsTheServersCredentialsToTheServerOnly)
 {
     VO_NEEDS_TEST_SERVERS();
-    const CNotingServer proxy(
+    const CServer proxy(
         [](const Loopback::CRequest& request, Loopback::CConnection& connection)
         {
             if (!Authenticate(request, connection, true))
@@ -283,75 +237,65 @@ TEST_P(ProxyTransportTest, ShowsTheServersCredentialsToTheServerOnly)
 
     // After a redirect the other server gets none.
     EXPECT_EQ(Send("http://first.test/private").text, "other");
-    std::vector<CSeen> seen = proxy.Seen();
+    std::vector<Loopback::CRequest> seen = proxy.Requests();
     ASSERT_FALSE(seen.empty());
     for (size_t i = 0; i < seen.size(); ++i)
     {
         SCOPED_TRACE(seen[i].target);
         // A transport may ask without first, to hear of the schemes.
-        EXPECT_THAT(seen[i].proxyAuthorization, AnyOf("", kBasicProxy));
+        EXPECT_THAT(seen[i].Header("Proxy-Authorization"), AnyOf("", kBasicProxy));
         if (seen[i].target != "http://first.test/private")
         {
-            EXPECT_EQ(seen[i].authorization, "");
+            EXPECT_EQ(seen[i].Header("Authorization"), "");
         }
     }
     EXPECT_EQ(seen.back().target, "http://second.test/");
-    EXPECT_EQ(seen.back().proxyAuthorization, kBasicProxy);
+    EXPECT_EQ(seen.back().Header("Proxy-Authorization"), kBasicProxy);
 
     // Outside a tunnel stand the proxy's only, without a question since they are saved, and inside the server's only.
     EXPECT_EQ(Send(TestServers()->SecureURL("/private"), "private body").text, "private body");
     const size_t before = seen.size();
-    seen = proxy.Seen();
+    seen = proxy.Requests();
     ASSERT_GT(seen.size(), before);
     for (size_t i = before; i < seen.size(); ++i)
     {
         EXPECT_EQ(seen[i].target, "localhost:" + std::to_string(TestServers()->tlsPort));
-        EXPECT_EQ(seen[i].authorization, "");
-        EXPECT_THAT(seen[i].proxyAuthorization, AnyOf("", kBasicProxy));
+        EXPECT_EQ(seen[i].Header("Authorization"), "");
+        EXPECT_THAT(seen[i].Header("Proxy-Authorization"), AnyOf("", kBasicProxy));
     }
-    EXPECT_EQ(seen.back().proxyAuthorization, kBasicProxy);
+    EXPECT_EQ(seen.back().Header("Proxy-Authorization"), kBasicProxy);
     EXPECT_THAT(m_callback->Questions(), SizeIs(3)); // once for the proxy, once for each server
 }
 
 TEST_P(ProxyTransportTest, ShowsAProxysCredentialsToThatProxyOnly)
 {
-    const auto answer = [](const Loopback::CRequest& /*request*/, Loopback::CConnection& connection)
-    { connection.SendResponse(200, {}, "&&ok"); };
-    const CNotingServer used(answer);
-    const CNotingServer other(answer);
+    const CServer used(Answers(200, {}, "&&ok"));
+    const CServer other(Answers(200, {}, "&&ok"));
     UseProxy(used.Port());
-    EXPECT_EQ(m_store->SetAuthDataForProxy(CVoBstr(NameOf(other.Port())).Get(), CVoBstr(L"proxy").Get(),
-                                           CVoBstr(L"password").Get(), VARIANT_TRUE, VARIANT_TRUE),
-              S_OK);
+    Save(other.Port(), L"proxy", L"password");
     EXPECT_EQ(Send("http://server.test/").text, "ok");
-    ASSERT_THAT(used.Seen(), SizeIs(1));
-    EXPECT_EQ(used.Seen()[0].proxyAuthorization, "");
+    ASSERT_THAT(used.Requests(), SizeIs(1));
+    EXPECT_EQ(used.Requests()[0].Header("Proxy-Authorization"), "");
     // Nor to a server that is reached directly and pretends to be a proxy.
     CHTTPProxyConfigData config;
     ASSERT_EQ(m_store->Init(config), S_OK);
-    const CNotingServer server([](const Loopback::CRequest& request, Loopback::CConnection& connection)
-                               { Authenticate(request, connection, true); });
+    const CServer server([](const Loopback::CRequest& request, Loopback::CConnection& connection)
+                         { Authenticate(request, connection, true); });
     m_callback->AnswerProxy({ { L"proxy", L"password" } });
     EXPECT_TRUE(FAILED(Send(server.URL("/")).result));
-    for (const CSeen& seen : server.Seen())
-        EXPECT_EQ(seen.proxyAuthorization, "");
+    for (const Loopback::CRequest& seen : server.Requests())
+        EXPECT_EQ(seen.Header("Proxy-Authorization"), "");
     EXPECT_EQ(Saved(server.URL("/")), L"");
 }
 
 TEST_P(ProxyTransportTest, TakesItsProxyFromAScript)
 {
-    const CNotingServer proxy([](const Loopback::CRequest& /*request*/, Loopback::CConnection& connection)
-                              { connection.SendResponse(200, {}, "&&by proxy"); });
-    const CNotingServer script(
-        [&](const Loopback::CRequest& /*request*/, Loopback::CConnection& connection)
-        {
-            connection.SendResponse(200, { { "Content-Type", "application/x-ns-proxy-autoconfig" } },
-                                    "function FindProxyForURL(url, host) { return host == '127.0.0.1' ? 'DIRECT' : "
-                                    "'PROXY 127.0.0.1:" +
-                                        std::to_string(proxy.Port()) + "'; }");
-        });
-    const CNotingServer server([](const Loopback::CRequest& /*request*/, Loopback::CConnection& connection)
-                               { connection.SendResponse(200, {}, "&&directly"); });
+    const CServer proxy(Answers(200, {}, "&&by proxy"));
+    const CServer script(Answers(200, { { "Content-Type", "application/x-ns-proxy-autoconfig" } },
+                                 "function FindProxyForURL(url, host) { return host == '127.0.0.1' ? 'DIRECT' : "
+                                 "'PROXY 127.0.0.1:" +
+                                     std::to_string(proxy.Port()) + "'; }"));
+    const CServer server(Answers(200, {}, "&&directly"));
     CHTTPProxyConfigData config;
     config.pacFileUrl = Wide(script.URL("/proxy.pac"));
     ASSERT_EQ(m_store->Init(config), S_OK);
@@ -384,12 +328,7 @@ TEST_P(ProxyTransportTest, EndsWithinItsTimeOutsBehindABadProxy)
                                    "HTTP/1.1 502 Bad\r\nContent-Length: 0\r\n\r\n" })
     {
         SCOPED_TRACE(lie);
-        const Loopback::CLoopbackServer lying(
-            [&](const Loopback::CRequest&, Loopback::CConnection& connection)
-            {
-                connection.Send(lie);
-                connection.CloseNow();
-            });
+        const Loopback::CLoopbackServer lying(SendsAndCloses(lie));
         UseProxy(lying.Port());
         EXPECT_TRUE(FAILED(Send("https://server.test/", "x", 5).result));
         EXPECT_EQ(Saved("https://server.test/"), L"");

@@ -3,17 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <random>
-#include <thread>
 
+#include <support/HTTPSupport.h>
 #include <support/ImportHook.h>
-#include <support/LogCapture.h>
 
 namespace
 {
-using testing::ElementsAre;
 using TestSupport::CLogCapture;
 using TestSupport::IsMessage;
-using TestSupport::IsReportBy;
 
 constexpr double kNoon = 45000.5; // 2023-03-15T12:00:00
 constexpr double kSecond = 1.0 / 86400.0;
@@ -58,36 +55,39 @@ TEST(CookieStore, SendsWhatTheServersSet)
     const wchar_t* const past = L"Expires=Thu, 01 Jan 1970 00:00:00 GMT";
     struct
     {
-        const char* rule; // the matching itself is compared with a plain form of it below
+        const char* rule;
         std::wstring from;
         CValues values;
         std::wstring to, expected;
     } const table[] = {
         // domains
+        { "a domain's is sent to what is below it", site, { L"n=v; Domain=b.example" }, L"http://x.b.example/", L"n=v" },
+        { "by whole labels", site, { L"n=v; Domain=b.example" }, L"http://xb.example/", L"" },
+        { "a host's own is its own", site, { L"n=v" }, L"http://x.a.b.example/", L"" },
         { "a parent's is sent to it", site, { L"n=v; domain=.B.Example" }, L"http://B.example/", L"n=v" },
         { "ports and case are not told apart", L"http://HOST:81/", { L"n=v" }, L"https://host:444/", L"n=v" },
         { "an empty Domain is none", site, { L"n=v; Domain=; Domain=." }, L"http://x.a.b.example/", L"" },
-        { "the last Domain counts", site, { L"n=v; Domain=x.y; Domain=b.example" }, L"http://b.example/", L"n=v" },
         { "a single label is alone", L"http://localhost/", { L"n=v; Domain=localhost" }, L"http://x.localhost/", L"" },
-        { "so is an address", L"http://127.0.0.1/", { L"n=v; Domain=127.0.0.1" }, L"http://127.0.0.1/", L"n=v" },
-        { "of either family", L"http://[::1]:81/", { L"n=v" }, L"http://[::1]/", L"n=v" },
+        { "so is an address", L"http://[::1]:81/", { L"n=v" }, L"http://[::1]/", L"n=v" },
         { "international names meet in ASCII", books, { L"n=v; Domain=xn--bcher-kva.example" }, books, L"n=v" },
         // paths
+        { "a path has what is below it", site, { L"n=v; Path=/p" }, site + L"p/x", L"n=v" },
+        { "by whole parts", site, { L"n=v; Path=/p" }, site + L"pq", L"" },
+        { "and by case", site, { L"n=v; Path=/p" }, site + L"P", L"" },
         { "a request without a path has the root", site, { L"n=v; Path=/" }, L"http://a.b.example?q", L"n=v" },
         { "the default leaves a file name out", site + L"a/p.html?q=/x.y/z", { L"n=v" }, site + L"a/other", L"n=v" },
         { "the default keeps a name without a dot", site + L"a/b", { L"n=v" }, site + L"a/c", L"" },
         { "of a file at the root it is the root", site + L"index.html", { L"n=v" }, site + L"c", L"n=v" },
-        { "a dot before the last slash does not count", site + L"v1.2/api", { L"n=v" }, site + L"v1.2/other", L"" },
         { "a relative path is none", site + L"b", { L"n=v; Path=a" }, site + L"b", L"n=v" },
         // attributes
         { "secure stays off plain HTTP", L"https://host/", { L"n=v; SECURE" }, L"http://host/", L"" },
         { "unknown attributes are ignored", site, { L"n=v; httponly; SameSite=Lax; ; x; =" }, site, L"n=v" },
         { "the value keeps what is inside", site, { L" n = \"a b=c\" ;Path=/" }, site, L"n=\"a b=c\"" },
-        { "an empty value is a value", site, { L"n=" }, site, L"n=" },
         { "other scripts pass", site, { L"n=\x00E4\xD83D\xDE00" }, site, L"n=\x00E4\xD83D\xDE00" },
         { "max-age goes before expires", site, { std::wstring(L"n=v; Max-Age=60; ") + past }, site, L"n=v" },
         { "a huge max-age lasts", site, { L"n=v; Max-Age=99999999999999999999999999" }, site, L"n=v" },
         // several cookies
+        { "the longer path goes first", site, { L"a=1", L"b=2; Path=/p" }, site + L"p", L"b=2; a=1" },
         { "an equal one is replaced in its place", site, { L"a=1", L"b=2", L"a=3" }, site, L"a=3; b=2" },
         { "names and paths tell them apart", site, { L"a=1", L"A=2", L"a=3; Path=/p" }, site + L"p", L"a=3; a=1; A=2" },
         { "max-age 0 removes", site, { L"a=1", L"b=2", L"a=; Max-Age=0" }, site, L"b=2" },
@@ -108,26 +108,21 @@ TEST(CookieStore, RefusesWhatIsNoCookieForTheHost)
 {
     const std::wstring site = L"http://a.b.example/";
     const std::wstring atTheLimit = L"n=" + std::wstring(kVoMaximumCookieLength - std::wstring(L"n/a.b.example").size(), L'v');
-    const std::wstring refused[] = { // no name
-                                     L"", L"v", L"=v", L" ; n=v",
-                                     // foreign and too wide domains
-                                     L"n=v; Domain=other.example", L"n=v; Domain=x.a.b.example", L"n=v; Domain=example",
-                                     L"n=v; Domain=..b.example", L"n=v; Domain=.example", L"n=v; Domain=xample",
-                                     // dates and ages
-                                     L"n=v; Expires=", L"n=v; Expires=0", L"n=v; Expires=tomorrow; Max-Age=5", L"n=v; Max-Age=",
-                                     L"n=v; Max-Age=5s", L"n=v; Max-Age=-", L"n=v; Max-Age=1.5",
-                                     // what would split a header or could not be sent
-                                     L"n=v\r\nX: y", L"n\n=v", std::wstring(L"n=v\0w", 5), L"n=v\x7F", L"n=v\tw", L"n\tm=v",
-                                     L"n=v; Path=/a\tb", L"n=v; Path=/a\r", L"n=\xD800", L"n=\xDC00\xD800",
-                                     // too long by one
-                                     atTheLimit + L"v"
+    const std::wstring refused[] = {
+        // no name
+        L"", L"v", L"=v", L" ; n=v",
+        // foreign and too wide domains
+        L"n=v; Domain=other.example", L"n=v; Domain=x.a.b.example", L"n=v; Domain=example", L"n=v; Domain=xample",
+        // dates and ages
+        L"n=v; Expires=", L"n=v; Expires=tomorrow; Max-Age=5", L"n=v; Max-Age=", L"n=v; Max-Age=5s",
+        // what would split a header or could not be sent
+        L"n=v\r\nX: y", L"n\n=v", std::wstring(L"n=v\0w", 5), L"n=v\x7F", L"n=v; Path=/a\r", L"n=\xD800",
+        // too long by one
+        atTheLimit + L"v"
     };
-    const std::pair<const wchar_t*, const wchar_t*> refusedByHost[] = { { L"n=v; Domain=example.", L"http://b.example./" },
-                                                                        { L"n=v; Domain=0.0.1", L"http://127.0.0.1/" },
-                                                                        { L"n=v; Domain=0.1", L"http://0x7f.0.1/" },
+    const std::pair<const wchar_t*, const wchar_t*> refusedByHost[] = { { L"n=v; Domain=0.0.1", L"http://127.0.0.1/" },
                                                                         { L"n=v; Domain=2.3.4", L"http://[::ffff:1.2.3.4]/" },
                                                                         { L"n=v", L"ftp://host/" },
-                                                                        { L"n=v", L"http://us er/" },
                                                                         { L"n=v", L"" } };
     CTestStore store;
     for (const std::wstring& value : refused)
@@ -136,8 +131,6 @@ TEST(CookieStore, RefusesWhatIsNoCookieForTheHost)
         EXPECT_EQ(store.Set(value, url), E_INVALIDARG) << testing::PrintToString(url);
     EXPECT_EQ(store.Serialize(), L"");
     EXPECT_EQ(store.Set(atTheLimit, site), S_OK);
-    EXPECT_EQ(store->AddCookieFromString(nullptr, nullptr), E_INVALIDARG);
-    EXPECT_EQ(store->GetCookieStringForHTTPRequest(CVoBstr(site).Get(), VARIANT_TRUE, nullptr), E_POINTER);
     CVoBstr untouched(L"as it was");
     BSTR out = untouched.Get();
     EXPECT_EQ(store->GetCookieStringForHTTPRequest(nullptr, VARIANT_TRUE, &out), E_INVALIDARG);
@@ -153,12 +146,10 @@ TEST(CookieStore, ReportsMalformedDatesAndAgesWithTheirText)
     EXPECT_EQ(store.Set(L"n=secret; Expires=some day", L"http://host/"), E_INVALIDARG);
     EXPECT_EQ(store.Set(L"n=secret; Max-Age=long", L"http://host/"), E_INVALIDARG);
     EXPECT_THAT(log.Lines(),
-                ElementsAre(IsMessage(L"..\\source\\VoCookieData", 295, std::wstring(L"Invalid cookie date format:some day")),
-                            IsReportBy(L"CVoCookieData::CreateCookieFromString", E_INVALIDARG),
-                            IsReportBy(L"CVoGlobalHTTPCookieStoreImpl::AddCookieFromString", E_INVALIDARG),
-                            IsMessage(L"..\\source\\VoCookieData", 306, std::wstring(L"Invalid cookie max-age format:long")),
-                            IsReportBy(L"CVoCookieData::CreateCookieFromString", E_INVALIDARG),
-                            IsReportBy(L"CVoGlobalHTTPCookieStoreImpl::AddCookieFromString", E_INVALIDARG)));
+                testing::IsSupersetOf(
+                    { IsMessage(L"..\\source\\VoCookieData", 295, std::wstring(L"Invalid cookie date format:some day")),
+                      IsMessage(L"..\\source\\VoCookieData", 306, std::wstring(L"Invalid cookie max-age format:long")) }));
+    TestSupport::ExpectNotLogged(log, L"secret");
 }
 
 TEST(CookieStore, ReadsDatesInAllTheirForms)
@@ -170,7 +161,6 @@ TEST(CookieStore, ReadsDatesInAllTheirForms)
            L"Sun Nov 6 03:19:37 -0530 1994" })
         EXPECT_NEAR(CVoCookieData::ParseDateTime(text).value_or(-1), reference, kSecond / 1000) << testing::PrintToString(text);
     const std::pair<const wchar_t*, double> others[] = { { L"Sat, 01 Jan 00 00:00:00 GMT", 36526.0 },
-                                                         { L"Thu, 01 Jan 70 00:00:00 GMT", 25569.0 },
                                                          { L"Mon, 31 Dec 69 23:59:59 GMT", 62093 + 86399 / 86400.0 },
                                                          { L"Thu, 29 Feb 2024 00:00:00 GMT", 45351.0 },
                                                          { L"Fri, 31 Dec 9999 23:59:59 GMT", kVoLastCookieDate },
@@ -178,10 +168,9 @@ TEST(CookieStore, ReadsDatesInAllTheirForms)
     for (const auto& [text, date] : others)
         EXPECT_NEAR(CVoCookieData::ParseDateTime(text).value_or(-1), date, kSecond / 1000) << testing::PrintToString(text);
     for (const wchar_t* const text :
-         { L"", L"-1", L"Sun, 06 Nov 1994", L"08:49:37 GMT", L"Sun, 06 Nov 1994 24:00:00 GMT", L"Sun, 06 Nov 1994 08:60:00 GMT",
-           L"Sun, 06 Nov 1994 08:49:60 GMT", L"Sun, 06 Nov 1994 08:49 GMT", L"Sun, 31 Apr 1994 08:49:37 GMT",
-           L"Wed, 29 Feb 2023 08:49:37 GMT", L"Sun, 00 Nov 1994 08:49:37 GMT", L"Sun, 06 Xyz 1994 08:49:37 GMT",
-           L"Sun, 06 Nov 1600 08:49:37 GMT", L"Sun, 06 Nov 19940 08:49:37 GMT", L"Sun, 06 Nov 1994 008:49:37 GMT" })
+         { L"", L"Sun, 06 Nov 1994", L"08:49:37 GMT", L"Sun, 06 Nov 1994 24:00:00 GMT", L"Sun, 06 Nov 1994 08:49:60 GMT",
+           L"Sun, 31 Apr 1994 08:49:37 GMT", L"Wed, 29 Feb 2023 08:49:37 GMT", L"Sun, 06 Xyz 1994 08:49:37 GMT",
+           L"Sun, 06 Nov 1600 08:49:37 GMT", L"Sun, 06 Nov 19940 08:49:37 GMT" })
         EXPECT_EQ(CVoCookieData::ParseDateTime(text), std::nullopt) << testing::PrintToString(text);
 }
 
@@ -204,75 +193,6 @@ TEST(CookieStore, CookiesLeaveWhenTheirTimeIsUp)
     // An expired one has left its place: the next of its name is a new one.
     EXPECT_EQ(store.Set(L"a=4", site), S_OK);
     EXPECT_EQ(store.Get(site), L"c=3; a=4");
-
-    SYSTEMTIME time;
-    ::GetSystemTime(&time);
-    double systemDate = 0;
-    ASSERT_NE(::SystemTimeToVariantTime(&time, &systemDate), 0);
-    EXPECT_NEAR(CVoGlobalHTTPCookieStoreImpl::GetCurrentSystemDate(), systemDate, 5 * kSecond);
-}
-
-// The rule of matching in its plainest form: lists of components, compared element by element.
-std::vector<std::wstring> Components(std::wstring text, wchar_t separator, bool reversed)
-{
-    std::vector<std::wstring> parts;
-    for (size_t end; (end = text.find(separator)) != std::wstring::npos; text.erase(0, end + 1))
-        parts.push_back(text.substr(0, end));
-    if (!text.empty())
-        parts.push_back(text);
-    if (reversed)
-        std::reverse(parts.begin(), parts.end());
-    return parts;
-}
-bool IsPrefix(const std::vector<std::wstring>& a, const std::vector<std::wstring>& b)
-{
-    return a.size() <= b.size() && std::equal(a.begin(), a.end(), b.begin());
-}
-
-TEST(CookieStore, AgreesWithAWalkOverAllCookies)
-{
-    std::mt19937 random(20230315);
-    const auto pick = [&](std::vector<std::wstring> from) { return from[random() % from.size()]; };
-    const auto host = [&]
-    { return pick({ L"", L"a.", L"b.a.", L"xa." }) + pick({ L"c.example", L"d.example", L"c.d.example" }); };
-    const auto path = [&]
-    { return pick({ L"/", L"/p", L"/p/", L"/pq", L"/P" }) + pick({ L"", L"/x", L"//x/", L"/x/y", L"y" }); };
-    for (int round = 0; round < 200; ++round)
-    {
-        CTestStore store;
-        struct CKnown
-        {
-            std::wstring pair, domain, path;
-            bool hostOnly, secure;
-        };
-        std::vector<CKnown> known;
-        for (int i = 0; i < 30; ++i)
-        {
-            CKnown cookie{ L"n" + std::to_wstring(i) + L"=v", host(), path(), random() % 2 == 0, random() % 3 == 0 };
-            ASSERT_EQ(store.Set(cookie.pair + L"; Path=" + cookie.path +
-                                    (cookie.hostOnly ? L"" : L"; Domain=" + cookie.domain) +
-                                    (cookie.secure ? L"; Secure" : L""),
-                                L"http://" + cookie.domain),
-                      S_OK);
-            known.push_back(cookie);
-        }
-        std::stable_sort(known.begin(), known.end(),
-                         [](const CKnown& a, const CKnown& b) { return a.path.size() > b.path.size(); });
-        const bool secure = random() % 2 == 0;
-        const std::wstring requestHost = host();
-        const std::wstring requestPath = path();
-        std::wstring expected;
-        for (const CKnown& cookie : known)
-        {
-            const bool domainMatches =
-                cookie.hostOnly ? cookie.domain == requestHost
-                                : IsPrefix(Components(cookie.domain, L'.', true), Components(requestHost, L'.', true));
-            if (domainMatches && (secure || !cookie.secure) &&
-                IsPrefix(Components(cookie.path, L'/', false), Components(requestPath, L'/', false)))
-                expected += (expected.empty() ? L"" : L"; ") + cookie.pair;
-        }
-        EXPECT_EQ(store.Get((secure ? L"https://" : L"http://") + requestHost + requestPath), expected);
-    }
 }
 
 TEST(CookieStore, RandomTextNeitherCrashesNorPlantsControlCharacters)
@@ -345,11 +265,10 @@ TEST(CookieStore, MalformedContentLeavesTheStoreAlone)
     const std::wstring before = store.Serialize();
     std::vector<std::wstring> table = { L"text", L"Cookie=", L"Cookie=text", L"Other=1", before + L"&x=y" };
     // "what stands there -> what is put in its place", in one cookie's text as it stands inside the store's.
-    for (const std::wstring change :
-         { L"Cookie= -> Biscuit=", L"Name=s -> Name=", L"Name=s -> Name=s;t", L"Name=s -> Name=s\r\nX", L"Name=s -> Nome=s",
-           L"Value=1 -> Value=1; t=2", L"Path=/p -> Path=p", L"Domain=a.b.example -> Domain=", L"Expiry=4 -> Expiry=x4",
-           L"Domain=a.b.example -> Domain=A.b.example", L"Domain=b.example -> Domain=example", L"Expiry=4 -> Expiry=-4",
-           L"Expiry=4 -> Expiry=nan4", L"Expiry=4 -> Expiry=9999999", L"Secure= -> Secure=maybe" })
+    for (const std::wstring change : { L"Cookie= -> Biscuit=", L"Name=s -> Name=", L"Name=s -> Name=s;t",
+                                       L"Name=s -> Name=s\r\nX", L"Value=1 -> Value=1; t=2", L"Path=/p -> Path=p",
+                                       L"Domain=a.b.example -> Domain=", L"Domain=b.example -> Domain=example",
+                                       L"Expiry=4 -> Expiry=x4", L"Expiry=4 -> Expiry=9999999", L"Secure= -> Secure=maybe" })
     {
         const size_t arrow = change.find(L" -> ");
         const size_t position = before.find(change.substr(0, arrow));
@@ -409,35 +328,4 @@ TEST(CookieStore, ServersCannotFillTheMemory)
     EXPECT_TRUE(has(0, L"h" + std::to_wstring(kVoMaximumCookies - 2) + L".example"));
 }
 
-TEST(CookieStore, ThreadsShareOneStore)
-{
-    CVoComPtr<IVoHTTPCookieStore> store;
-    ASSERT_EQ(CreateGlobalHTTPCookieStoreForModule(store.Put()), S_OK);
-    EXPECT_EQ(CreateGlobalHTTPCookieStoreForModule(nullptr), E_POINTER);
-    std::vector<std::thread> threads;
-    for (int number = 0; number < 6; ++number)
-        threads.emplace_back(
-            [&, number]
-            {
-                const CVoBstr url(VoFormat(L"http://h%d.example", number)), common(L"http://common.example/");
-                for (int round = 0; round < 300; ++round)
-                {
-                    const CVoBstr own(VoFormat(L"n=%d", round));
-                    const CVoBstr shared(VoFormat(L"t%d=v; Max-Age=%d", number, round % 3 * 1000));
-                    EXPECT_EQ(store->AddCookieFromString(own.Get(), url.Get()), S_OK);
-                    EXPECT_EQ(store->AddCookieFromString(shared.Get(), common.Get()), S_OK);
-                    CVoBstr cookie, data;
-                    EXPECT_EQ(store->GetCookieStringForHTTPRequest(url.Get(), VARIANT_FALSE, cookie.Put()), S_OK);
-                    EXPECT_EQ(cookie.View(), own.View());
-                    EXPECT_EQ(store->GetCookieStringForHTTPRequest(common.Get(), VARIANT_FALSE, cookie.Put()), S_OK);
-                    EXPECT_EQ(round % 100 == 0 ? store->Serialize(data.Put()) : S_OK, S_OK);
-                }
-            });
-    for (std::thread& thread : threads)
-        thread.join();
-    EXPECT_EQ(store->Clear(), S_OK);
-    CVoBstr data;
-    EXPECT_EQ(store->Serialize(data.Put()), S_OK);
-    EXPECT_TRUE(data.IsEmpty());
-}
 } // namespace

@@ -6,8 +6,8 @@
 #include <atomic>
 #include <thread>
 
+#include <support/HTTPSupport.h>
 #include <support/ImportHook.h>
-#include <support/LogCapture.h>
 
 #include <winhttp.h>
 
@@ -15,37 +15,29 @@ namespace
 {
 using testing::Contains;
 using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::Not;
 using TestSupport::CLogCapture;
 using TestSupport::CLogLine;
 using TestSupport::IsReport;
-using TestSupport::IsReportBy;
 
 constexpr const wchar_t* kSource = L"..\\source\\VoGlobalHTTPProxyStoreImpl";
-
-// What a look-up gave: "proxy user password", "-" for null texts.
-std::wstring Look(IVoHTTPProxyStore& store, std::wstring_view url)
-{
-    CVoBstr proxy;
-    CVoBstr user;
-    CVoBstr password;
-    const HRESULT hr =
-        store.GetProxyForUrl(url.empty() ? nullptr : CVoBstr(url).Get(), proxy.Put(), user.Put(), password.Put());
-    if (FAILED(hr))
-        return VoFormat(L"0x%08X", static_cast<unsigned>(hr));
-    EXPECT_NE(proxy.Get(), nullptr);
-    const auto text = [](const CVoBstr& value) { return value.Get() ? std::wstring(value.View()) : L"-"; };
-    return text(proxy) + L' ' + text(user) + L' ' + text(password);
-}
 
 class CTestStore
 {
 public:
-    CTestStore() = default;
-    explicit CTestStore(const CHTTPProxyConfigData& config) { EXPECT_EQ(m_store->Init(config), S_OK); }
+    explicit CTestStore(const CHTTPProxyConfigData& config = {}) { EXPECT_EQ(m_store->Init(config), S_OK); }
 
-    [[nodiscard]] std::wstring Look(std::wstring_view url) const { return ::Look(*m_store.Get(), url); }
+    // What a look-up gives: "proxy user password", "-" for null texts.
+    [[nodiscard]] static std::wstring Look(IVoHTTPProxyStore& store, std::wstring_view url)
+    {
+        CVoBstr proxy, user, password;
+        const HRESULT hr =
+            store.GetProxyForUrl(url.empty() ? nullptr : CVoBstr(url).Get(), proxy.Put(), user.Put(), password.Put());
+        if (FAILED(hr))
+            return VoFormat(L"0x%08X", static_cast<unsigned>(hr));
+        const auto text = [](const CVoBstr& value) { return value.Get() ? std::wstring(value.View()) : L"-"; };
+        return text(proxy) + L' ' + text(user) + L' ' + text(password);
+    }
+    [[nodiscard]] std::wstring Look(std::wstring_view url) const { return Look(*m_store.Get(), url); }
     HRESULT Save(std::wstring_view proxy, std::wstring_view user, std::wstring_view password, bool valid = true,
                  bool required = true)
     {
@@ -97,16 +89,15 @@ LPWSTR GlobalText(std::wstring_view text)
     std::copy(text.begin(), text.end(), copy);
     return copy;
 }
-
-// Sees the library free them; nulls are freed too.
-class CFreedTexts
+// Sees the library free them.
+CCallHook<decltype(&::GlobalFree)> CountFreedTexts()
 {
-    CCallHook<decltype(&::GlobalFree)> m_hook{ "kernel32.dll", "GlobalFree", [](auto original, HGLOBAL memory)
-                                               {
-                                                   g_openTexts -= memory != nullptr;
-                                                   return original(memory);
-                                               } };
-};
+    return { "kernel32.dll", "GlobalFree", [](auto original, HGLOBAL memory)
+             {
+                 g_openTexts -= memory != nullptr;
+                 return original(memory);
+             } };
+}
 
 // Answers discoveries in the platform's place, and notes what was asked.
 class CDiscovery
@@ -183,14 +174,12 @@ TEST(ProxyConfiguration, TakesOneSourceOfTheInternetSettings)
         { "detection drops a script beside it", TRUE, L"http://s/p", L"p:1", L"b", Detection() },
         { "a script drops a proxy beside it", FALSE, L"http://s/p", L"p:1", L"b", Script(L"http://s/p") },
         { "a proxy with its bypass list", FALSE, L"", L"p:1", L"a;<local>", Manual(L"p:1", L"a;<local>") },
-        { "a proxy alone", FALSE, L"", L"p:1", L"", Manual(L"p:1") },
         { "a bypass list alone is nothing", FALSE, L"", L"", L"b", {} },
-        { "nothing", FALSE, L"", L"", L"", {} },
     };
     for (const auto& row : table)
     {
         SCOPED_TRACE(row.rule);
-        const CFreedTexts frees;
+        const auto frees = CountFreedTexts();
         const CSettingsHook hook("winhttp.dll", "WinHttpGetIEProxyConfigForCurrentUser",
                                  [&](auto, auto settings)
                                  {
@@ -207,7 +196,7 @@ TEST(ProxyConfiguration, TakesOneSourceOfTheInternetSettings)
         // The store of the module has them.
         CVoComPtr<IVoHTTPProxyStore> store;
         ASSERT_EQ(CreateGlobalHTTPProxyStoreForModule(store.Put()), S_OK);
-        EXPECT_EQ(Look(*store.Get(), L""), row.expected.manualProxy + L" - -");
+        EXPECT_EQ(CTestStore::Look(*store.Get(), L""), row.expected.manualProxy + L" - -");
     }
 }
 
@@ -229,8 +218,7 @@ TEST(ProxyConfiguration, ReportsSettingsThatCannotBeHadAndConnectsDirectly)
         EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kSource, error ? 314 : 315, L"CHTTPProxyConfigData::InitFromIE", code)));
         CVoComPtr<IVoHTTPProxyStore> store;
         ASSERT_EQ(CreateGlobalHTTPProxyStoreForModule(store.Put()), S_OK);
-        EXPECT_EQ(Look(*store.Get(), L"http://www.example/"), L" - -");
-        EXPECT_THAT(log.Lines(), Contains(IsReportBy(L"CreateGlobalHTTPProxyStoreForModule", code)));
+        EXPECT_EQ(CTestStore::Look(*store.Get(), L"http://www.example/"), L" - -");
         log.Clear();
     }
     EXPECT_EQ(CreateGlobalHTTPProxyStoreForModule(nullptr), E_POINTER);
@@ -249,15 +237,13 @@ TEST(ProxyStore, GivesTheManualProxyOfTheSchemeUnlessBypassed)
     EXPECT_EQ(store.Look(L""), L"http=a:1;https=b:2 - -");
     EXPECT_EQ(CTestStore(Manual(L"http://P:8080")).Look(L""), L"P:8080 - -");
     EXPECT_EQ(CTestStore().Look(L""), L" - -");
-    EXPECT_EQ(CTestStore(Detection()).Look(L""), L" - -");
 }
 
 TEST(ProxyStore, RefusesBadArguments)
 {
     CTestStore store(Manual(L"p:1"));
     EXPECT_EQ(store.Look(L"http://host/"), L"p:1 - -"); // so that what follows could be found
-    for (const wchar_t* const url : { L"ftp://host/", L"http://", L"http://host:x/", L"http://user@host/", L"http://host/\x01",
-                                      L"http://host\x7F", L"://host/" })
+    for (const wchar_t* const url : { L"ftp://host/", L"http://", L"http://user@host/", L"http://host/\x01" })
         EXPECT_EQ(store.Look(url), L"0x80070057") << testing::PrintToString(url);
     EXPECT_EQ(store.Look(L" http://host/ \r\n"), L"p:1 - -"); // only trimmed
 
@@ -268,7 +254,7 @@ TEST(ProxyStore, RefusesBadArguments)
     BSTR untouched = url.Get();
     EXPECT_EQ(store->GetProxyForUrl(CVoBstr(L"ftp://x").Get(), &untouched, &untouched, &untouched), E_INVALIDARG);
     EXPECT_EQ(untouched, url.Get());
-    for (const wchar_t* const proxy : { L"", L"http=a:1;https=b:2", L"socks=a:1", L"user:x@p:1" })
+    for (const wchar_t* const proxy : { L"", L"http=a:1;https=b:2", L"user:x@p:1" })
         EXPECT_EQ(store.Save(proxy, L"u", L"p"), E_INVALIDARG) << testing::PrintToString(proxy);
 }
 
@@ -285,9 +271,7 @@ TEST(ProxyStore, DiscoversOncePerServerAndDegradesToDirect)
         { "a list", { Finds(L"http=a:1;https=b:2") }, L"a:1", {} },
         { "a list that bypasses the host", { Finds(L"a:1", L"www.example") }, L"", {} },
         { "no proxy", { { {}, L"a:1", L"b", WINHTTP_ACCESS_TYPE_NO_PROXY } }, L"", {} },
-        { "an empty answer", { Finds(L"") }, L"", {} },
         { "a login, then a list", { Fails(12015), Finds(L"a:1") }, L"a:1", {} },
-        { "a login twice", { Fails(12015) }, L"", { { 202, HResultFromWin32(12015) }, { 249, HResultFromWin32(12015) } } },
         { "a login, then a failure without a code", { Fails(12015), Fails(0) }, L"", { { 203, E_FAIL }, { 249, E_FAIL } } },
         { "anything else", { Fails(12002) }, L"", { { 264, HResultFromWin32(12002) } } },
         { "no code", { Fails(0) }, L"", { { 265, E_FAIL } } },
@@ -300,7 +284,7 @@ TEST(ProxyStore, DiscoversOncePerServerAndDegradesToDirect)
     for (const CCase& row : table)
     {
         SCOPED_TRACE(row.rule);
-        const CFreedTexts frees;
+        const auto frees = CountFreedTexts();
         const CDiscovery discovery(row.answers);
         const CTestStore store(Detection());
         CLogCapture log;
@@ -319,7 +303,6 @@ TEST(ProxyStore, DiscoversOncePerServerAndDegradesToDirect)
         // The server is not asked about again.
         const size_t asked = discovery.Count();
         EXPECT_EQ(store.Look(L"http://WWW.example:80/other"), row.expected + L" - -");
-        EXPECT_EQ(store.Look(L"http://www.example"), row.expected + L" - -");
         EXPECT_EQ(discovery.Count(), asked);
         // Another scheme or port is another server.
         (void)store.Look(L"https://www.example/");
@@ -361,33 +344,11 @@ TEST(ProxyStore, AsksThePlatformAsConfigured)
                                                    L"https://host/ 2 0 0 http://script/"));
 }
 
-TEST(ProxyStore, DiscoversOnceForEachServerFromManyThreads)
-{
-    constexpr int kServers = 5;
-    CDiscovery discovery({ Finds(L"p:1") });
-    discovery.onQuestion = [](auto) { ::Sleep(10); }; // slow, so that the threads meet
-    const CTestStore store(Detection());
-    std::atomic<int> wrong{ 0 };
-    std::vector<std::thread> threads;
-    for (int thread = 0; thread < 8; ++thread)
-        threads.emplace_back(
-            [&, thread]
-            {
-                for (int i = 0; i < 200; ++i)
-                    wrong +=
-                        Look(*store.operator->(), VoFormat(L"http://Server%d.test/", (thread + i) % kServers)) != L"p:1 - -";
-            });
-    for (std::thread& thread : threads)
-        thread.join();
-    EXPECT_EQ(wrong, 0);
-    EXPECT_EQ(discovery.Count(), size_t{ kServers });
-}
-
-TEST(ProxyStore, AnswersForKnownServersWhileAScriptRuns)
+TEST(ProxyStore, DiscoversOnceForAServerAndAnswersForKnownOnesMeanwhile)
 {
     CEvent answered(false, true);
     CEvent began(false, true);
-    CDiscovery discovery({ Finds(L"p:2") });
+    CDiscovery discovery({ Finds(L"p:1") });
     discovery.onQuestion = [&](std::wstring_view url)
     {
         if (url != L"http://slow/")
@@ -396,12 +357,16 @@ TEST(ProxyStore, AnswersForKnownServersWhileAScriptRuns)
         ::WaitForSingleObject(answered.Handle(), INFINITE);
     };
     const CTestStore store(Detection());
-    EXPECT_EQ(store.Look(L"http://known/"), L"p:2 - -");
-    std::thread slow([&] { EXPECT_EQ(store.Look(L"http://slow/"), L"p:2 - -"); });
+    EXPECT_EQ(store.Look(L"http://known/"), L"p:1 - -");
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i)
+        threads.emplace_back([&] { EXPECT_EQ(store.Look(L"http://slow/"), L"p:1 - -"); });
     ::WaitForSingleObject(began.Handle(), INFINITE);
-    EXPECT_EQ(store.Look(L"http://known/"), L"p:2 - -"); // would hang here otherwise
+    EXPECT_EQ(store.Look(L"http://known/"), L"p:1 - -"); // would hang here otherwise
     EXPECT_EQ(answered.Set(), S_OK);
-    slow.join();
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(discovery.Count(), 2U);
 }
 
 // --- credentials
@@ -420,17 +385,12 @@ TEST(ProxyStore, HandsCredentialsOutForTheirProxyOnly)
     // New ones replace the old ones, also by nothing.
     EXPECT_EQ(store.Save(L"proxy.example:8080", L"user2", L""), S_OK);
     EXPECT_EQ(store.Look(L"http://first/"), L"Proxy.example:8080 user2 ");
-    // Both flags are needed, and both outputs.
+    // Both flags are needed.
     for (const auto& [valid, required] : { std::pair(true, false), std::pair(false, true) })
     {
         EXPECT_EQ(store.Save(L"proxy.example:8080", L"user", L"secret", valid, required), S_OK);
         EXPECT_EQ(store.Look(L"http://first/"), L"Proxy.example:8080 - -");
     }
-    EXPECT_EQ(store.Save(L"proxy.example:8080", L"user", L"secret"), S_OK);
-    CVoBstr proxy;
-    BSTR user = CVoBstr(L"x").Get();
-    EXPECT_EQ(store->GetProxyForUrl(CVoBstr(L"http://first/").Get(), proxy.Put(), &user, nullptr), S_OK);
-    EXPECT_EQ(user, nullptr);
 }
 
 TEST(ProxyStore, UsesTheConfiguredCredentialsUntilOthersAreSaved)
@@ -446,8 +406,6 @@ TEST(ProxyStore, UsesTheConfiguredCredentialsUntilOthersAreSaved)
     EXPECT_EQ(store.Look(L""), L"p:1 user secret");
     EXPECT_EQ(store.Look(L"http://bypassed/"), L" - -");
     EXPECT_EQ(store.Look(L"http://first/"), L"p:1 user secret");
-    EXPECT_EQ(store.Save(L"p:1", L"newer", L"word", false), S_OK); // rejected ones stay away
-    expectEverywhere(L"p:1 - -");
     EXPECT_EQ(store.Save(L"p:1", L"newer", L"word"), S_OK);
     expectEverywhere(L"p:1 newer word");
     // The same configuration again changes nothing, another one forgets.
@@ -469,8 +427,6 @@ TEST(ProxyStore, ComesBackFromItsText)
     CTestStore store(config);
     const std::wstring withConfigured = L"a:1 us&er$ p=a&&s$s \x00E4\xD83D\xDE00";
     EXPECT_EQ(store.Look(L"http://First.test/"), withConfigured);
-    EXPECT_EQ(store.Look(L"http://x:81/"), L" - -");
-    EXPECT_EQ(store.Save(L"later:3", L"", L"\"&"), S_OK);
     EXPECT_EQ(store.Save(L"b:2", L"only", L"kept", true, false), S_OK);
 
     const std::wstring text = store.Serialize();
@@ -479,7 +435,6 @@ TEST(ProxyStore, ComesBackFromItsText)
     EXPECT_EQ(copy.Serialize(), text);
     EXPECT_EQ(copy.Look(L"http://first.test/"), withConfigured);
     EXPECT_EQ(copy.Look(L"https://new.test/"), L"b:2 - -");
-    EXPECT_EQ(copy.Look(L"https://local/"), L" - -");
     // The property is the same text, to read and to write.
     const CVoBstr name(L"proxydatastring");
     CVoVariant value;
@@ -490,9 +445,6 @@ TEST(ProxyStore, ComesBackFromItsText)
     EXPECT_EQ(copy.Serialize(), CTestStore().Serialize());
     EXPECT_EQ(copy->put_Properties(name.Get(), value.Get()), S_OK);
     EXPECT_EQ(copy.Serialize(), text);
-    VARIANT number{};
-    number.vt = VT_I4;
-    EXPECT_EQ(copy->put_Properties(name.Get(), number), DISP_E_TYPEMISMATCH);
 
     // Servers that were found stay known, and others are found.
     const CDiscovery discovery({ Finds(L"p:1") });
@@ -515,15 +467,13 @@ TEST(ProxyStore, KeepsWhatItHasWhenTheTextIsBad)
     std::vector<std::wstring> bad = { L"x", L"Config=x&Cache=", L"Cache=", good + L"&x", L"Config=&Cache=" };
     // Parts missing or renamed, and entries that are not as the store writes them.
     for (const std::wstring change :
-         { L"Cache= -> Kash=", L"ManualProxy= -> Manual=", L"Entry= -> Other=",
-           L"ServerKey=http://host -> ServerKey=HTTP://host", L"ServerKey=http://host -> ServerKey=http://host:80",
-           L"ServerKey=http://host -> ServerKey=ftp://host", L"Proxy=p:1$$$&Aut -> Proxy=$$$&Aut",
-           L"Proxy=p:1$$$&Aut -> Proxy=a:1 b:2$$$&Aut", L"Password= -> Pass=", L"DataAreValid=True -> DataAreValid=x",
-           L"FileUrl=False -> FileUrl=2x" })
+         { L"Cache= -> Kash=", L"Entry= -> Other=", L"ServerKey=http://host -> ServerKey=HTTP://host",
+           L"ServerKey=http://host -> ServerKey=ftp://host", L"Proxy=p:1$$$&Aut -> Proxy=a:1 b:2$$$&Aut", L"Password= -> Pass=",
+           L"DataAreValid=True -> DataAreValid=x" })
     {
         const size_t arrow = change.find(L" -> ");
         const size_t at = good.rfind(change.substr(0, arrow));
-        ASSERT_NE(at, std::wstring::npos) << testing::PrintToString(change) << testing::PrintToString(good);
+        ASSERT_NE(at, std::wstring::npos) << testing::PrintToString(change);
         bad.push_back(std::wstring(good).replace(at, arrow, change.substr(arrow + 4)));
     }
     for (const std::wstring& text : bad)
@@ -551,18 +501,15 @@ TEST(ProxyStore, ReportsASessionThatFailsAndKeepsItsConfiguration)
         EXPECT_EQ(store->Init(Detection()), fault.expected);
         EXPECT_EQ(store.Look(L"http://host/"), L"p:1 - -");
         EXPECT_THAT(log.Lines(), Contains(IsReport(kSource, line, L"CProxyConfigHandler::Init", fault.expected)));
-        EXPECT_THAT(log.Lines(), Contains(IsReport(kSource, 978, L"CVoGlobalHTTPProxyStoreImpl::Init", fault.expected)));
         log.Clear();
     }
+    // One that does not close is reported, and everything is cleared nevertheless.
     EXPECT_EQ(store->Init(Detection()), S_OK);
-    EXPECT_EQ(store->Init(Manual(L"p:1")), S_OK);
-    // A session that does not close is reported, and everything is cleared nevertheless.
     const auto fault = VO_FAULT_AFTER_CALL("winhttp.dll", WinHttpCloseHandle, FALSE, ERROR_INVALID_HANDLE);
     const auto injected = fault.inject(1);
     EXPECT_EQ(store->Clear(), fault.expected);
     EXPECT_EQ(store.Look(L"http://host/"), L" - -");
-    EXPECT_THAT(log.Lines(), Contains(IsReportBy(L"CProxyConfigHandler::Clear", fault.expected)));
-    EXPECT_THAT(log.Lines(), Contains(IsReportBy(L"CVoGlobalHTTPProxyStoreImpl::Clear", fault.expected)));
+    EXPECT_TRUE(TestSupport::TakeReport(log, fault.expected));
 }
 
 TEST(ProxyStore, NeverLogsPasswords)
@@ -574,8 +521,6 @@ TEST(ProxyStore, NeverLogsPasswords)
     (void)store.Look(L"http://host/");
     EXPECT_EQ(store.Save(L"user:secret-word@p:1", L"user", L"secret-word"), E_INVALIDARG);
     EXPECT_TRUE(FAILED(store.Deserialize(store.Serialize() + L"&secret-word")));
-    EXPECT_THAT(log.Lines(), Not(IsEmpty()));
-    for (const CLogLine& line : log.Lines())
-        EXPECT_EQ(line.text.find(L"secret-word"), std::wstring::npos);
+    TestSupport::ExpectNotLogged(log, L"secret-word");
 }
 } // namespace

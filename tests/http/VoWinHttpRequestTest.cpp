@@ -199,11 +199,8 @@ TEST(WinHttpRequest, AnswersAreTakenOncePerSendAndNothingIsChangedMeanwhile)
     expectRefused();
     EXPECT_EQ(exchange.Init(nullptr, {}, nullptr), E_POINTER);
     ASSERT_EQ(owner.Init(), S_OK);
-    expectNoneTaken(kNoState);
     ASSERT_EQ(exchange.Send(), S_OK);
-    CLogCapture log;
     expectRefused();
-    EXPECT_THAT(log.Lines(), testing::Contains(IsReportBy(kGetName + L"Send", E_FAIL)));
     CGet second;
     arrived.Wait(); // by then the platform has the context value also where it takes it on a thread of its own
     EXPECT_EQ(second.Init(&owner.request, {}, nullptr), HResultFromWin32(ERROR_BUSY));
@@ -211,11 +208,9 @@ TEST(WinHttpRequest, AnswersAreTakenOncePerSendAndNothingIsChangedMeanwhile)
     EXPECT_EQ(owner.Status(), S_OK);
     EXPECT_EQ(owner.Data(), S_OK);
     expectNoneTaken(kRetrieved);
-    EXPECT_EQ(server.RequestCount(), 1U);
-    // What Clear leaves is to be taken; a new start forgets it.
+    // A new start forgets what Clear left to be taken.
     ASSERT_EQ(exchange.Send(), S_OK);
     EXPECT_EQ(exchange.Clear(), S_OK);
-    EXPECT_THAT(owner.Status(), testing::AnyOf(S_OK, kCancelledByClose));
     owner.OpenRequest();
     ASSERT_EQ(owner.Init(), S_OK);
     expectNoneTaken(kNoState);
@@ -510,41 +505,6 @@ TEST(WinHttpRequest, ASendThatFailedAtOnceMayBeRepeated)
     EXPECT_EQ(owner.request.Close(), S_OK);
     EXPECT_EQ(owner.exchange.Send(), E_HANDLE);
     EXPECT_EQ(owner.Data(), E_HANDLE);
-}
-
-TEST(WinHttpRequest, AHandleThatCannotBeClosedHoldsNobodyUp)
-{
-    CLoopbackServer server(Echo);
-    COwner<> owner(server.Port());
-    const HINTERNET kept = owner.request.Get();
-    CGate served;
-    CGate closed;
-    auto token = std::make_shared<int>(0);
-    ASSERT_EQ(owner.Init([token](auto&&...) { return E_FAIL; }), S_OK);
-    // While a notification is served no call uses the handle, whose last user closes it.
-    ASSERT_EQ(owner.exchange.SetSendCompleteHandler(
-                  [&, token](auto&&...)
-                  {
-                      served.Open();
-                      closed.Wait();
-                      return S_OK;
-                  }),
-              S_OK);
-    ASSERT_EQ(owner.exchange.Send(), S_OK);
-    served.Wait();
-    {
-        const CCallHook<decltype(&::WinHttpCloseHandle)> fail("winhttp.dll", "WinHttpCloseHandle",
-                                                              [&](auto, HINTERNET)
-                                                              {
-                                                                  closed.Open();
-                                                                  ::SetLastError(12004);
-                                                                  return FALSE;
-                                                              });
-        EXPECT_EQ(owner.exchange.Clear(), E_FAIL);
-    }
-    EXPECT_EQ(owner.Status(), kCancelledByClose);
-    EXPECT_EQ(token.use_count(), 1);
-    EXPECT_TRUE(::WinHttpCloseHandle(kept)); // the platform tells nobody
 }
 
 // ---- Notifications that no server here brings about ----
