@@ -1,0 +1,107 @@
+// WinINet asks for credentials in the system's own dialog, which only the real platform can show.
+#include "support/HTTPSupport.h"
+#include "support/TestMain.h"
+
+#include <LoopbackServer.h>
+
+#include <base/VoUtils.h>
+
+namespace
+{
+using namespace TestSupport;
+
+// Answers the dialogs that the thread shows while this lives, when they get the focus.
+class CDialogAnswer
+{
+public:
+    CDialogAnswer(std::wstring user, std::wstring password, WORD button)
+    {
+        s_answer = this;
+        m_user = std::move(user);
+        m_password = std::move(password);
+        m_button = button;
+        m_hook = ::SetWindowsHookExW(WH_CBT, &OnEvent, nullptr, ::GetCurrentThreadId());
+        EXPECT_TRUE(m_hook);
+    }
+    ~CDialogAnswer() { ::UnhookWindowsHookEx(m_hook); }
+    CDialogAnswer(const CDialogAnswer&) = delete;
+    CDialogAnswer& operator=(const CDialogAnswer&) = delete;
+
+    int shown = 0;
+
+private:
+    static LRESULT CALLBACK OnEvent(int code, WPARAM window, LPARAM data)
+    {
+        wchar_t name[16]{};
+        const HWND dialog = reinterpret_cast<HWND>(window);
+        if (code == HCBT_ACTIVATE && ::GetClassNameW(dialog, name, 16) && std::wstring_view(name) == L"#32770")
+        {
+            ++s_answer->shown;
+            ::EnumChildWindows(dialog, &Fill, 0);
+            ::PostMessageW(dialog, WM_COMMAND, MAKEWPARAM(s_answer->m_button, BN_CLICKED), 0);
+        }
+        return ::CallNextHookEx(nullptr, code, window, data);
+    }
+    static BOOL CALLBACK Fill(HWND control, LPARAM /*unused*/)
+    {
+        wchar_t name[16]{};
+        ::GetClassNameW(control, name, 16);
+        if (VoEqualsNoCase(name, L"Edit"))
+        {
+            const bool isPassword = (::GetWindowLongPtrW(control, GWL_STYLE) & ES_PASSWORD) != 0;
+            ::SetWindowTextW(control, (isPassword ? s_answer->m_password : s_answer->m_user).c_str());
+        }
+        return TRUE;
+    }
+    inline static CDialogAnswer* s_answer = nullptr;
+    std::wstring m_user;
+    std::wstring m_password;
+    WORD m_button;
+    HHOOK m_hook;
+};
+
+TEST(WinINetDialog, AsksForCredentials)
+{
+    if (!IsWine())
+        GTEST_SKIP() << "the dialog's fields are those of Wine's";
+    const HWND window =
+        ::CreateWindowExW(0, L"STATIC", L"", WS_OVERLAPPEDWINDOW, 0, 0, 99, 99, nullptr, nullptr, nullptr, nullptr);
+    if (!window)
+        GTEST_SKIP() << "no windows here: the process has no display";
+    ::DestroyWindow(window);
+    struct
+    {
+        const wchar_t* password;
+        WORD button;
+        const char* sent; // last, in Base64
+        HRESULT result;
+    } const table[] = {
+        { L"wrong", IDOK, "Basic YW5uOndyb25n", kResultUnexpectedStatus },
+        { L"right", IDCANCEL, "", kResultUnexpectedStatus }, // S_OK on Windows, which tells that the user cancelled
+        { L"right", IDOK, "Basic YW5uOnJpZ2h0", S_OK },
+    };
+    for (const auto& row : table)
+    {
+        SCOPED_TRACE(row.sent);
+        std::string sent;
+        const Loopback::CLoopbackServer server(
+            [&](const Loopback::CRequest& request, Loopback::CConnection& connection)
+            {
+                sent = request.Header("Authorization");
+                if (sent == table[2].sent)
+                    connection.SendResponse(200, {}, "a=1");
+                else
+                    connection.SendResponse(401, { { "WWW-Authenticate", "Basic realm=\"r\"" } });
+            });
+        const std::string url = server.URL();
+        CServerAddressData address;
+        ASSERT_EQ(address.SetAddress(std::wstring(url.begin(), url.end()), false, true, true), S_OK);
+        const CDialogAnswer user(L"ann", row.password, row.button);
+        const CTransportScope scope(0);
+        std::shared_ptr<CVoHTTPMessage> message;
+        EXPECT_EQ(CVoHTTPMessage::Connect(address, nullptr, nullptr, nullptr, 10, 10, false, false, message), row.result);
+        EXPECT_EQ(user.shown, 1);
+        EXPECT_EQ(sent, row.sent);
+    }
+}
+} // namespace
