@@ -104,7 +104,9 @@ public:
 
     // Makes the transport that the module information names (CVoModuleInformation::HTTPEngine) and connects it. There is no
     // fallback to another transport or address. The three interfaces may be null: no credentials are asked for, no proxy is
-    // used, no cookies are kept. Time-outs are in seconds. The two certificate switches hold for https addresses only.
+    // used, no cookies are kept. Time-outs are in seconds: `connectTimeout` for connecting and, on Windows' services, for each
+    // piece sent, and the budget of retries; `requestTimeout` for the whole of a request with libcurl, for the headers and for
+    // each piece received on Windows' services. The two certificate switches hold for https addresses only.
     // E_NOTIMPL for an unknown transport kind; else the transport's own code. `message` is untouched on failure.
     [[nodiscard]] static HRESULT Connect(const CServerAddressData& serverAddress, IVoAuthenticationCallback* authCallback,
                                          IVoHTTPProxyStore* proxyStore, IVoHTTPCookieStore* cookieStore, UINT32 connectTimeout,
