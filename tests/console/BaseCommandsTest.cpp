@@ -1,37 +1,20 @@
 // The base commands, most of them through one batch.
 #include "ConsoleProcess.h"
 
-#include <base/VoUtils.h>
 #include <support/TestMain.h>
 
 #include <gmock/gmock.h>
 
 #include <filesystem>
-#include <fstream>
+#include <sstream>
 
 namespace
 {
 using nlohmann::json;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
-
-std::string Utf8(const std::filesystem::path& path)
-{
-    std::string bytes;
-    EXPECT_EQ(VoStringToUTF8(path.wstring(), bytes), S_OK);
-    return bytes;
-}
-
-void WriteTestFile(const std::filesystem::path& path, std::string_view bytes)
-{
-    std::ofstream(path, std::ios::binary) << bytes;
-}
-
-std::string ReadTestFile(const std::filesystem::path& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return { std::istreambuf_iterator<char>(file), {} };
-}
+using TestSupport::ReadTestFile;
+using TestSupport::WriteTestFile;
 
 class ConsoleCommands : public testing::Test
 {
@@ -47,6 +30,8 @@ protected:
     {
         return s_batch->Run(arguments, input);
     }
+
+    [[nodiscard]] std::string File(const wchar_t* name) const { return Utf8((m_folder / name).wstring()); }
 
     const std::filesystem::path m_folder = TestSupport::MakeTestFolder(L"console");
     static inline std::unique_ptr<CConsoleBatch> s_batch;
@@ -64,15 +49,12 @@ TEST_F(ConsoleCommands, ResultsGoToStandardOutputAsTheyAre)
 {
     const std::vector<CCase> cases{
         { { "encode", "hex" }, std::string("\x00\xFF\n", 3), 0, "00FF0A" },
-        { { "encode", "base64url" }, "\xFB\xFF\xFE", 0, "-__-" },
         // The JSON's Base64 is plain, also where the library's own text of a single byte has a line break.
         { { "encode", "base64" }, "x", 0, "eA=\r\n=" },
         { { "decode", "hex", "--json" }, "78", 0, "{\"result\":\"0x00000000\",\"bytesBase64\":\"eA==\"}\n" },
         { { "encode", "base64", "--json" }, "hello", 0, "{\"result\":\"0x00000000\",\"text\":\"aGVsbG8=\"}\n" },
         { { "decode", "base64" }, "aGVs\r\nbG8=", 0, "hello" },
         { { "decode", "hex" }, "00 0a 0D", 0, std::string("\x00\n\r", 3) },
-        { { "decode", "hex", "--json" }, "00FF", 0, "{\"result\":\"0x00000000\",\"bytesBase64\":\"AP8=\"}\n" },
-        { { "encode", "hex" }, "", 0, "" },
         { { "params", "build", "-p", "a=1", "-p", "b=x&y$" }, "", 0, "a=1&b=x$&y$$&&" },
         { { "params", "build", "-p", "x=1", "--size-prefix" }, "", 0, std::string("\x05\0\0\0x=1&&", 9) },
         { { "params", "build", "-p", "x=1", "--skip-params", "--payload", "-" }, "bytes", 0, "bytes" },
@@ -80,11 +62,8 @@ TEST_F(ConsoleCommands, ResultsGoToStandardOutputAsTheyAre)
         { { "params", "build", "-p", "t=-", "--text" }, "from input", 0, "t=from input\n" },
         { { "params", "build", "--text", "-p", "t=-1", "-p", "=2", "-p", "eq=a=b" }, "", 0, "t=-1&=2&eq=a=b\n" },
         { { "time", "iso", "--offset", "-60", "--ms", "2024-02-29 12:00:00.250" }, "", 0, "2024-02-29T12:00:00.250-01:00\n" },
-        { { "time", "iso", "--no-time", "2024-02-29 12:00:00.250" }, "", 0, "2024-02-29\n" },
         { { "hash", "sha1" }, "abc", 0, "A9993E364706816ABA3E25717850C26C9CD0D89D\n" },
-        { { "hash", "md5" }, "", 0, "D41D8CD98F00B204E9800998ECF8427E\n" },
         { { "decode", "hex" }, "ABC", 1, "" },
-        { { "decode", "base32" }, "\xFF", 1, "" },
         { { "params", "build", "-p", "a=1", "--payload", "no such file" }, "", 1, "" },
         { { "time", "parse", "2024-02-30T00:00:00Z" }, "", 1, "" },
     };
@@ -100,12 +79,10 @@ TEST_F(ConsoleCommands, ResultsGoToStandardOutputAsTheyAre)
 
 TEST_F(ConsoleCommands, AFailureNamesItsCodeAndText)
 {
-    const CConsoleResult plain = Run({ "decode", "hex" }, "ABC");
-    EXPECT_THAT(plain.err, StartsWith("voutils: 0x80070057 "));
-    const CConsoleResult withJson = Run({ "decode", "hex", "--json" }, "ABC");
-    EXPECT_EQ(withJson.exitCode, 1);
-    EXPECT_EQ(withJson.Json()["result"], "0x80070057");
-    EXPECT_EQ("voutils: 0x80070057 " + withJson.Json()["error"].get<std::string>() + '\n', withJson.err);
+    const CConsoleResult result = Run({ "decode", "hex", "--json" }, "ABC");
+    EXPECT_EQ(result.Json()["result"], "0x80070057");
+    EXPECT_EQ("voutils: 0x80070057 " + result.Json()["error"].get<std::string>() + '\n', result.err);
+    EXPECT_EQ(Run({ "decode", "hex" }, "ABC").err, result.err);
 }
 
 TEST_F(ConsoleCommands, WrongUsageWritesNothingToStandardOutput)
@@ -115,27 +92,18 @@ TEST_F(ConsoleCommands, WrongUsageWritesNothingToStandardOutput)
         { "nonsense" },
         { "encode" },
         { "encode", "base65" },
-        { "encode", "hex", "more" },
         { "encode", "hex", "--line", "x" },
-        { "params" },
         { "params", "nonsense" },
         { "params", "build", "-p", "no value" },
         { "params", "build", "--text", "--size-prefix" },
         { "params", "build", "-p", "a=-", "--payload", "-" },
-        { "time", "iso", "yesterday" },
         { "error", "12x" },
-        { "error", "0x100000000" },
-        { "log", "write" },
         { "log", "write", "--code", "1", "--message", "x" },
-        { "key", "new", "--private", "x" },
         { "key", "new", "--private", "x", "--public", "X" },
-        { "ini", "canonical" },
         { "ini", "sign", "-", "--key", "x" },
         { "ini", "sign", "x", "--key", "x", "--line", "-1" },
         { "sign", "--hash", "md5", "--key", "x" },
-        { "send" },
         { "send", "http://h/", "--engine", "carrier-pigeon" },
-        { "send", "http://h/", "--repeat", "0" },
         { "send", "http://h/", "--verify", "--no-verify" },
         { "send", "http://h/", "--auth", "hunter2" },
         { "get", "http://h/", "--payload", "x" },
@@ -155,44 +123,24 @@ TEST_F(ConsoleCommands, WrongUsageWritesNothingToStandardOutput)
 
 TEST_F(ConsoleCommands, ACommandThatThereIsNotIsNamed)
 {
-    EXPECT_THAT(Run({ "nonsense", "hunter2" }).err, StartsWith("voutils: there is no command 'nonsense'\n"));
     EXPECT_THAT(Run({ "params", "nonsense" }).err, StartsWith("voutils: there is no command 'params nonsense'\n"));
     EXPECT_THAT(Run({ "--nonsense" }).err, StartsWith("voutils: the argument '--nonsense' was not expected\n"));
     EXPECT_THAT(Run({}).err, StartsWith("voutils: no command is named\n"));
-}
-
-TEST_F(ConsoleCommands, HelpOfEveryCommandNamesItsOptions)
-{
-    const std::vector<std::pair<std::vector<std::string>, std::string>> cases{
-        { { "--help" }, "batch" },           { { "send", "--help" }, "--signature-name" },
-        { { "params", "--help" }, "parse" }, { { "params", "build", "-h" }, "--size-prefix" },
-        { { "demo", "--help" }, "--json" },
-    };
-    for (const auto& [arguments, word] : cases)
-    {
-        const CConsoleResult result = Run(arguments);
-        EXPECT_EQ(result.exitCode, 0);
-        EXPECT_THAT(result.out, HasSubstr(word));
-        EXPECT_EQ(result.err, "");
-    }
-    EXPECT_THAT(Run({ "--version" }).out, testing::ContainsRegex("^voutils \\d+\\.\\d+"));
+    EXPECT_THAT(Run({ "params", "build", "-h" }).out, HasSubstr("--size-prefix"));
 }
 
 TEST_F(ConsoleCommands, AMessageComesBackFromParse)
 {
     const std::string payload("\x00&&\xFFpayload", 11);
-    const std::filesystem::path payloadFile = m_folder / L"\u00FCber.bin";
-    const std::filesystem::path textFile = m_folder / L"text.txt";
-    WriteTestFile(payloadFile, payload);
-    WriteTestFile(textFile, "\xEF\xBB\xBF"
-                            "line 1\nline 2\n");
-    const CConsoleResult built = Run(
-        { "params", "build", "-p", "n=@" + Utf8(textFile), "-p", "smile=\xF0\x9F\x98\x80", "--payload", Utf8(payloadFile) });
+    WriteTestFile(m_folder / L"\u00FCber.bin", payload);
+    WriteTestFile(m_folder / L"text.txt", "\xEF\xBB\xBF"
+                                          "line 1\nline 2\n");
+    const CConsoleResult built = Run({ "params", "build", "-p", "n=@" + File(L"text.txt"), "-p", "smile=\xF0\x9F\x98\x80",
+                                       "--payload", File(L"\u00FCber.bin") });
     ASSERT_EQ(built.exitCode, 0) << built.err;
     const json parsed = Run({ "params", "parse", "--json" }, built.out).Json();
     EXPECT_EQ(parsed["params"], json::parse(R"([["n","line 1\nline 2\n"],["smile","\ud83d\ude00"]])"));
     EXPECT_EQ(parsed["payloadBase64"], Base64Of(payload));
-    EXPECT_EQ(json::parse(Run({ "params", "parse" }, "a=1").out)["params"], json::parse(R"([["a","1"]])"));
 
     const json form = Run({ "params", "form", "-p", "a=1", "--json" }).Json();
     const std::string boundary = form["boundary"];
@@ -202,9 +150,9 @@ TEST_F(ConsoleCommands, AMessageComesBackFromParse)
 
 TEST_F(ConsoleCommands, AFreshKeyPairSignsAndVerifies)
 {
-    const std::string privateKey = Utf8(m_folder / L"private.key");
-    const std::string publicKey = Utf8(m_folder / L"public.key");
-    const std::string signatureFile = Utf8(m_folder / L"signature");
+    const std::string privateKey = File(L"private.key");
+    const std::string publicKey = File(L"public.key");
+    const std::string signatureFile = File(L"signature");
     const CConsoleResult made = Run({ "key", "new", "--private", privateKey, "--public", publicKey, "--bits", "1024" });
     ASSERT_EQ(made.exitCode, 0) << made.err;
     EXPECT_EQ(made.out, "");
@@ -226,10 +174,10 @@ TEST_F(ConsoleCommands, AFreshKeyPairSignsAndVerifies)
 
 TEST_F(ConsoleCommands, IniFilesAreSignedAndChecked)
 {
-    const std::string privateKey = Utf8(m_folder / L"private.key");
-    const std::string publicKey = Utf8(m_folder / L"public.key");
+    const std::string privateKey = File(L"private.key");
+    const std::string publicKey = File(L"public.key");
     const std::filesystem::path path = m_folder / L"settings \u00E4.ini";
-    const std::string file = Utf8(path);
+    const std::string file = Utf8(path.wstring());
     const std::string content = "; kept\n[A]\nx = \xC3\xA4 \n[Empty]\n";
     const std::string canonical = "[A]\r\nx=\xC3\xA4\r\n<EMPTY>";
     WriteTestFile(path, content);
@@ -263,8 +211,8 @@ TEST_F(ConsoleCommands, AFailedRequestLeavesFilesAsTheyWere)
 {
     const std::filesystem::path kept = m_folder / L"kept.key";
     WriteTestFile(kept, "old");
-    const CConsoleResult result = Run(
-        { "key", "new", "--private", Utf8(kept), "--public", Utf8(m_folder / L"missing" / L"public.key"), "--bits", "512" });
+    const CConsoleResult result =
+        Run({ "key", "new", "--private", Utf8(kept.wstring()), "--public", File(L"missing/public.key"), "--bits", "512" });
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_EQ(ReadTestFile(kept), "old");
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(m_folder), {}), 1);
@@ -289,7 +237,7 @@ TEST_F(ConsoleCommands, AddressesAreTakenApart)
 
 TEST_F(ConsoleCommands, CookiesAreKeptForTheProcessAndInTheJar)
 {
-    const std::string jar = Utf8(m_folder / L"jar.txt");
+    const std::string jar = File(L"jar.txt");
     const CConsoleResult first =
         Run({ "cookies", "--jar", jar }, "{\"set\":\"a=1; Path=/\",\"url\":\"http://h.test/\"}\n"
                                          "{\"set\":\"s=2; Path=/; Secure\",\"url\":\"https://h.test/\"}\n"
@@ -350,11 +298,11 @@ TEST(ConsoleProcess, LogIsWrittenWhereTheSettingsSay)
 {
     const std::filesystem::path folder = TestSupport::MakeTestFolder(L"log");
     WriteTestFile(folder / L"ModuleSettings.ini",
-                  "[DEBUG]\r\nDirectory=" + Utf8(folder) + "\r\n[SETTINGS]\r\nHTTPEngine=1\r\n");
+                  "[DEBUG]\r\nDirectory=" + Utf8(folder.wstring()) + "\r\n[SETTINGS]\r\nHTTPEngine=1\r\n");
     const std::wstring settings = folder.wstring();
 
     const CConsoleResult path = RunConsoleProcess({ L"log", L"path", L"--settings-dir", settings });
-    EXPECT_EQ(path.out, Utf8(folder / L"voutils.log") + '\n');
+    EXPECT_EQ(path.out, Utf8((folder / L"voutils.log").wstring()) + '\n');
 
     const std::vector<std::wstring> write{ L"log",        L"write", L"--source", L"S",          L"--line",         L"7",
                                            L"--function", L"F",     L"--code",   L"0x80004005", L"--settings-dir", settings };

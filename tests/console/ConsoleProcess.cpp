@@ -5,40 +5,27 @@
 #include <base/utils/VoDataConversion.h>
 
 #include <algorithm>
-#include <array>
 #include <stdexcept>
-#include <thread>
 
 namespace
 {
-class CHandle
-{
-public:
-    CHandle() = default;
-    ~CHandle() { Close(); }
-    CHandle(const CHandle&) = delete;
-    CHandle& operator=(const CHandle&) = delete;
+constexpr DWORD kBlockSize = 1 << 16;
 
-    [[nodiscard]] HANDLE Get() const noexcept { return m_handle; }
-    [[nodiscard]] HANDLE* Put() noexcept { return &m_handle; }
-    void Close() noexcept
+// A pipe, the end of which that the child gets is inherited.
+struct CPipe
+{
+    explicit CPipe(bool childReads)
     {
-        if (m_handle)
-            ::CloseHandle(std::exchange(m_handle, nullptr));
+        HANDLE ends[2] = {};
+        if (!::CreatePipe(&ends[0], &ends[1], nullptr, kBlockSize) ||
+            !::SetHandleInformation(ends[childReads ? 0 : 1], HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT))
+            throw std::runtime_error("no pipe");
+        child.Reset(ends[childReads ? 0 : 1]);
+        ours.Reset(ends[childReads ? 1 : 0]);
     }
-
-private:
-    HANDLE m_handle = nullptr;
+    CVoHandle child;
+    CVoHandle ours;
 };
-
-// A pipe of which `inherited` goes to the child.
-void MakePipe(CHandle& read, CHandle& write, const CHandle& inherited)
-{
-    SECURITY_ATTRIBUTES attributes{ sizeof attributes, nullptr, FALSE };
-    if (!::CreatePipe(read.Put(), write.Put(), &attributes, 1 << 16) ||
-        !::SetHandleInformation(inherited.Get(), HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT))
-        throw std::runtime_error("no pipe");
-}
 
 // As CommandLineToArgvW takes it apart again.
 std::wstring Quote(const std::wstring& argument)
@@ -55,119 +42,88 @@ std::wstring Quote(const std::wstring& argument)
     return quoted.append(backslashes, L'\\') + L'"';
 }
 
-std::wstring ConsolePath()
+// Appends what comes next; false at the stream's end.
+bool ReadBlock(const CVoHandle& stream, std::string& text)
 {
-    std::array<wchar_t, 1024> path{};
-    const DWORD length = ::GetEnvironmentVariableW(L"VOUTILS_CONSOLE", path.data(), static_cast<DWORD>(path.size()));
-    return length != 0 && length < path.size() ? std::wstring(path.data()) : VOUTILS_CONSOLE;
+    char block[kBlockSize];
+    DWORD read = 0;
+    if (!::ReadFile(stream.Get(), block, kBlockSize, &read, nullptr) || read == 0)
+        return false;
+    text.append(block, read);
+    return true;
 }
 
-std::string ReadToEnd(HANDLE handle)
+std::string ReadToEnd(const CVoHandle& stream)
 {
     std::string text;
-    std::array<char, 1 << 16> block{};
-    for (DWORD read = 0; ::ReadFile(handle, block.data(), static_cast<DWORD>(block.size()), &read, nullptr) && read != 0;)
-        text.append(block.data(), read);
+    while (ReadBlock(stream, text))
+    {
+    }
     return text;
 }
 } // namespace
 
-struct CConsoleProcess::CState
+CConsoleProcess::CConsoleProcess(const std::vector<std::wstring>& arguments)
 {
-    CHandle process;
-    CHandle in;
-    CHandle out;
-    CHandle err;
-    std::string pending;
-    std::string errors;
-    std::jthread errorReader; // the process never waits for us to read its remarks
-};
-
-CConsoleProcess::CConsoleProcess(const std::vector<std::wstring>& arguments) : m_state(std::make_unique<CState>())
-{
-    CHandle childIn;
-    CHandle childOut;
-    CHandle childErr;
-    MakePipe(childIn, m_state->in, childIn);
-    MakePipe(m_state->out, childOut, childOut);
-    MakePipe(m_state->err, childErr, childErr);
-    const std::wstring path = ConsolePath();
-    std::wstring commandLine = Quote(path);
+    CPipe in(true);
+    CPipe out(false);
+    CPipe err(false);
+    std::wstring commandLine = Quote(VOUTILS_CONSOLE);
     for (const std::wstring& argument : arguments)
         commandLine += L' ' + Quote(argument);
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
     startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdInput = childIn.Get();
-    startup.hStdOutput = childOut.Get();
-    startup.hStdError = childErr.Get();
+    startup.hStdInput = in.child.Get();
+    startup.hStdOutput = out.child.Get();
+    startup.hStdError = err.child.Get();
     PROCESS_INFORMATION process{};
-    if (!::CreateProcessW(path.c_str(), commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process))
+    if (!::CreateProcessW(VOUTILS_CONSOLE, commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process))
         throw std::runtime_error("the console does not start: error " + std::to_string(::GetLastError()));
     ::CloseHandle(process.hThread);
-    *m_state->process.Put() = process.hProcess;
-    m_state->errorReader = std::jthread([state = m_state.get()] { state->errors = ReadToEnd(state->err.Get()); });
+    m_process.Reset(process.hProcess);
+    m_in = std::move(in.ours);
+    m_out = std::move(out.ours);
+    m_err = std::move(err.ours);
+    m_errorReader = std::jthread([this] { m_errors = ReadToEnd(m_err); });
 }
 
-CConsoleProcess::~CConsoleProcess()
+void CConsoleProcess::Write(std::string_view bytes)
 {
-    // A process that still runs ends with its input; one that does not is the watchdog's.
-    CloseInput();
-}
-
-bool CConsoleProcess::Write(std::string_view bytes)
-{
-    while (!bytes.empty())
-    {
-        DWORD written = 0;
-        const auto size = static_cast<DWORD>(std::min(bytes.size(), size_t{ 1 } << 20));
-        if (!::WriteFile(m_state->in.Get(), bytes.data(), size, &written, nullptr))
-            return false;
+    DWORD written = 0;
+    while (!bytes.empty() && ::WriteFile(m_in.Get(), bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr))
         bytes.remove_prefix(written);
-    }
-    return true;
-}
-
-void CConsoleProcess::CloseInput()
-{
-    m_state->in.Close();
 }
 
 std::string CConsoleProcess::ReadLine()
 {
-    std::array<char, 1 << 16> block{};
-    for (;;)
+    // Nobody but us makes the process write, so nothing follows a line.
+    std::string line;
+    while (!line.ends_with('\n') && ReadBlock(m_out, line))
     {
-        if (const size_t end = m_state->pending.find('\n'); end != std::string::npos)
-        {
-            std::string line = m_state->pending.substr(0, end);
-            m_state->pending.erase(0, end + 1);
-            return line;
-        }
-        DWORD read = 0;
-        if (!::ReadFile(m_state->out.Get(), block.data(), static_cast<DWORD>(block.size()), &read, nullptr) || read == 0)
-            return std::exchange(m_state->pending, {});
-        m_state->pending.append(block.data(), read);
     }
+    if (!line.empty())
+        line.pop_back();
+    return line;
 }
 
 std::string CConsoleProcess::ReadOutput()
 {
-    return std::exchange(m_state->pending, {}) + ReadToEnd(m_state->out.Get());
+    return ReadToEnd(m_out);
 }
 
 std::string CConsoleProcess::ReadErrors()
 {
-    if (m_state->errorReader.joinable())
-        m_state->errorReader.join();
-    return m_state->errors;
+    if (m_errorReader.joinable())
+        m_errorReader.join();
+    return m_errors;
 }
 
 int CConsoleProcess::ExitCode()
 {
     DWORD code = 0;
-    ::WaitForSingleObject(m_state->process.Get(), INFINITE);
-    ::GetExitCodeProcess(m_state->process.Get(), &code);
+    ::WaitForSingleObject(m_process.Get(), INFINITE);
+    ::GetExitCodeProcess(m_process.Get(), &code);
     return static_cast<int>(code);
 }
 
@@ -196,17 +152,6 @@ CConsoleResult RunConsoleProcess(const std::vector<std::wstring>& arguments, std
     result.exitCode = process.ExitCode();
     return result;
 }
-
-namespace
-{
-std::vector<std::wstring> BatchArguments(std::vector<std::wstring> arguments)
-{
-    arguments.insert(arguments.begin(), L"batch");
-    return arguments;
-}
-} // namespace
-
-CConsoleBatch::CConsoleBatch(const std::vector<std::wstring>& arguments) : m_process(BatchArguments(arguments)) {}
 
 CConsoleResult CConsoleBatch::Run(const std::vector<std::string>& arguments, std::string_view input)
 {
@@ -240,4 +185,12 @@ std::string BytesOf(const std::string& base64)
     if (FAILED(VoDataConversion::Base64ToBin(std::wstring(base64.begin(), base64.end()), bytes.PutBytes(), bytes.PutLength())))
         throw std::runtime_error("malformed Base64");
     return { reinterpret_cast<const char*>(bytes.Data()), bytes.Length() };
+}
+
+std::string Utf8(const std::wstring& text)
+{
+    std::string bytes;
+    if (FAILED(VoStringToUTF8(text, bytes)))
+        throw std::runtime_error("malformed UTF-16");
+    return bytes;
 }

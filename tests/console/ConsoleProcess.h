@@ -1,13 +1,13 @@
 // The console program as a user starts it: a process of its own with pipes for its standard streams.
 #pragma once
 
-#include <base/VoPlatform.h>
+#include <base/VoHandle.h>
 
 #include <nlohmann/json.hpp>
 
-#include <memory>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 // A process whose standard streams are pipes to us.
@@ -15,13 +15,10 @@ class CConsoleProcess
 {
 public:
     explicit CConsoleProcess(const std::vector<std::wstring>& arguments); // throws std::runtime_error
-    ~CConsoleProcess();
-    CConsoleProcess(const CConsoleProcess&) = delete;
-    CConsoleProcess& operator=(const CConsoleProcess&) = delete;
 
-    // False when the process no longer reads.
-    bool Write(std::string_view bytes);
-    void CloseInput();
+    // Until all is written, or the process no longer reads.
+    void Write(std::string_view bytes);
+    void CloseInput() { m_in.Reset(); }
     // The next line of standard output without its end; empty at the end.
     [[nodiscard]] std::string ReadLine();
     // Everything up to the stream's end.
@@ -31,8 +28,12 @@ public:
     [[nodiscard]] int ExitCode();
 
 private:
-    struct CState;
-    std::unique_ptr<CState> m_state;
+    CVoHandle m_process;
+    CVoHandle m_out;
+    CVoHandle m_err;
+    std::string m_errors;
+    std::jthread m_errorReader; // the process never waits for us to read its remarks
+    CVoHandle m_in;             // closed first: the process ends with its input
 };
 
 struct CConsoleResult
@@ -52,8 +53,6 @@ struct CConsoleResult
 class CConsoleBatch
 {
 public:
-    explicit CConsoleBatch(const std::vector<std::wstring>& arguments = {});
-
     [[nodiscard]] CConsoleResult Run(const std::vector<std::string>& arguments, std::string_view input = {});
     // Sends a line as it is.
     [[nodiscard]] CConsoleResult RunLine(const std::string& line);
@@ -61,8 +60,9 @@ public:
     [[nodiscard]] int Finish();
 
 private:
-    CConsoleProcess m_process;
+    CConsoleProcess m_process{ { L"batch" } };
 };
 
 [[nodiscard]] std::string Base64Of(std::string_view bytes);
 [[nodiscard]] std::string BytesOf(const std::string& base64);
+[[nodiscard]] std::string Utf8(const std::wstring& text);

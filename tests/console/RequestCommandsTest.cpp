@@ -2,14 +2,12 @@
 #include "ConsoleProcess.h"
 
 #include <LoopbackServer.h>
-#include <base/VoUtils.h>
 #include <support/TestMain.h>
 
 #include <gmock/gmock.h>
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <mutex>
 
 namespace
@@ -72,17 +70,8 @@ protected:
             arguments.emplace_back(argument);
         return s_batch.Run(arguments, input);
     }
-    [[nodiscard]] std::string File(const wchar_t* name) const
-    {
-        std::string bytes;
-        EXPECT_EQ(VoStringToUTF8((m_folder / name).wstring(), bytes), S_OK);
-        return bytes;
-    }
-    [[nodiscard]] std::string Read(const wchar_t* name) const
-    {
-        std::ifstream file(m_folder / name, std::ios::binary);
-        return { std::istreambuf_iterator<char>(file), {} };
-    }
+    [[nodiscard]] std::string File(const wchar_t* name) const { return Utf8((m_folder / name).wstring()); }
+    [[nodiscard]] std::string Read(const wchar_t* name) const { return TestSupport::ReadTestFile(m_folder / name); }
 
     const std::filesystem::path m_folder = TestSupport::MakeTestFolder(L"requests");
     CServer m_server;
@@ -90,24 +79,19 @@ protected:
 
 TEST_F(ConsoleRequests, EachKindSendsItsBody)
 {
-    struct CKindCase
+    using CRow = std::tuple<const char*, const char*, const char*>;
+    for (const auto& [kind, contentType, body] :
+         { CRow{ "raw", kMessageType, "a=1&b=x$&y&&" },
+           CRow{ "form", "application/x-www-form-urlencoded; charset=UTF-8", "a=1&b=x%26y" }, CRow{ "empty", "", "" } })
     {
-        const char* kind;
-        const char* contentType;
-        const char* body;
-    };
-    for (const CKindCase& test : { CKindCase{ "raw", kMessageType, "a=1&b=x$&y&&" },
-                                   CKindCase{ "form", "application/x-www-form-urlencoded; charset=UTF-8", "a=1&b=x%26y" },
-                                   CKindCase{ "empty", "", "" } })
-    {
-        const CConsoleResult result = Run({ "send", m_server.URL("/reply"), "-p", "a=1", "-p", "b=x&y", "--kind", test.kind });
+        const CConsoleResult result = Run({ "send", m_server.URL("/reply"), "-p", "a=1", "-p", "b=x&y", "--kind", kind });
         EXPECT_EQ(result.exitCode, 0) << result.err;
         EXPECT_EQ(result.out, "b=2\n\xC3\xBC=3\nbytes\n");
         const auto requests = m_server.TakeRequests();
         ASSERT_EQ(requests.size(), 1U);
         EXPECT_EQ(requests[0].method, "POST");
-        EXPECT_EQ(requests[0].Header("Content-Type"), test.contentType);
-        EXPECT_EQ(requests[0].body, test.body);
+        EXPECT_EQ(requests[0].Header("Content-Type"), contentType);
+        EXPECT_EQ(requests[0].body, body);
     }
     EXPECT_EQ(Run({ "send", m_server.URL("/reply"), "--kind", "multipart", "-p", "a=1" }).exitCode, 0);
     EXPECT_THAT(std::string(m_server.TakeRequests().at(0).Header("Content-Type")), StartsWith("multipart/form-data"));
@@ -172,7 +156,7 @@ TEST_F(ConsoleRequests, OutputGoesToItsFileOnlyAfterSuccess)
 TEST_F(ConsoleRequests, NothingIsSentWhenItsAnswerCannotBeKept)
 {
     std::filesystem::create_directory(m_folder / L"folder");
-    std::ofstream(m_folder / L"read-only") << "old";
+    TestSupport::WriteTestFile(m_folder / L"read-only", "old");
     std::filesystem::permissions(m_folder / L"read-only", std::filesystem::perms::owner_read);
     for (const char* const option : { "-o", "--cookies" })
         for (const wchar_t* const name : { L"no-folder/out", L"folder", L"read-only" })
@@ -208,7 +192,7 @@ TEST_F(ConsoleRequests, CredentialsAreGivenOnceAndThenDeclined)
     EXPECT_EQ(std::ranges::count_if(requests, [](const auto& request) { return !request.Header("Authorization").empty(); }), 1);
     EXPECT_EQ(Run({ "get", url, "--json" }).Json()["result"], "0x800704C7");
     EXPECT_EQ(m_server.TakeRequests().size(), 1U);
-    std::ofstream(m_folder / L"login", std::ios::binary) << "ann:s3cret\r\n";
+    TestSupport::WriteTestFile(m_folder / L"login", "ann:s3cret\r\n");
     EXPECT_EQ(Run({ "get", url, "--auth", std::string("@").append(File(L"login")) }).exitCode, 0);
 }
 
@@ -218,7 +202,7 @@ TEST_F(ConsoleRequests, CookiesComeFromTheFileAndGoBackToIt)
     const json second = Run({ "get", m_server.URL("/x"), "--cookies", File(L"jar"), "--json" }).Json();
     EXPECT_EQ(second["cookie"], "id=7");
     EXPECT_EQ(m_server.TakeRequests().at(1).Header("Cookie"), "id=7");
-    std::ofstream(m_folder / L"jar", std::ios::binary) << "no cookie store";
+    TestSupport::WriteTestFile(m_folder / L"jar", "no cookie store");
     EXPECT_EQ(Run({ "get", m_server.URL("/x"), "--cookies", File(L"jar") }).exitCode, 1);
     EXPECT_EQ(Read(L"jar"), "no cookie store");
     EXPECT_TRUE(m_server.TakeRequests().empty());
