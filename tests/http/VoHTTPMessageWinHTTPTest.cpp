@@ -2,6 +2,8 @@
 #include "http/TransportFixture.h"
 #include "support/WinHttpHandles.h"
 
+#include <base/VoUtils.h>
+
 #include <gmock/gmock.h>
 
 #include <map>
@@ -27,19 +29,39 @@ CCallHook<decltype(&::VerifyVersionInfoW)> WindowsIs81(bool is81)
              } };
 }
 
-// Notes what is set, and refuses some options.
-class CSettings
+// Notes what the platform is asked for and what is set, and refuses some options.
+class CPlatform
 {
 public:
     std::map<DWORD, DWORD> refused; // the errors of options
+    std::wstring session;           // of the last that was opened: "agent access flags"
+    std::wstring host;              // of the last connection
+    std::wstring request;           // of the last that was opened: "verb object version flags"
     std::vector<std::pair<DWORD, DWORD>> options;
     std::vector<std::wstring> proxies;
     std::vector<std::wstring> credentials; // "target scheme user password"
 
 private:
+    HINTERNET Open(decltype(&::WinHttpOpen) original, LPCWSTR agent, DWORD access, LPCWSTR proxy, LPCWSTR bypass, DWORD flags)
+    {
+        EXPECT_FALSE(proxy || bypass);
+        session = VoFormat(L"%ls %lu %lx", agent, access, flags);
+        return original(agent, access, proxy, bypass, flags);
+    }
+    HINTERNET Connect(decltype(&::WinHttpConnect) original, HINTERNET handle, LPCWSTR name, INTERNET_PORT port, DWORD reserved)
+    {
+        host = name;
+        return original(handle, name, port, reserved);
+    }
+    HINTERNET OpenRequest(decltype(&::WinHttpOpenRequest) original, HINTERNET handle, LPCWSTR verb, LPCWSTR object,
+                          LPCWSTR version, LPCWSTR referrer, LPCWSTR* types, DWORD flags)
+    {
+        EXPECT_FALSE(referrer || types);
+        request = VoFormat(L"%ls %ls %ls %lx", verb, object, version, flags);
+        return original(handle, verb, object, version, referrer, types, flags);
+    }
     BOOL SetOption(decltype(&::WinHttpSetOption) original, HINTERNET handle, DWORD option, void* value, DWORD length)
     {
-        const std::scoped_lock lock(m_lock);
         if (option == WINHTTP_OPTION_PROXY)
         {
             const auto& info = *static_cast<const WINHTTP_PROXY_INFO*>(value);
@@ -58,17 +80,23 @@ private:
     BOOL SetCredentials(decltype(&::WinHttpSetCredentials) original, HINTERNET handle, DWORD target, DWORD scheme, LPCWSTR user,
                         LPCWSTR password, void* more)
     {
-        const std::scoped_lock lock(m_lock);
-        credentials.push_back(std::to_wstring(target) + L' ' + std::to_wstring(scheme) + L' ' + user + L' ' + password);
+        const std::scoped_lock lock(m_lock); // a thread of the service sets them
+        credentials.push_back(VoFormat(L"%lu %lu %ls %ls", target, scheme, user, password));
         return original(handle, target, scheme, user, password, more);
     }
 
     std::mutex m_lock;
-    const CCallHook<decltype(&::WinHttpSetOption)> m_setOption{ "winhttp.dll", "WinHttpSetOption",
-                                                                [this](auto... call) { return SetOption(call...); } };
-    const CCallHook<decltype(&::WinHttpSetCredentials)> m_setCredentials{ "winhttp.dll", "WinHttpSetCredentials",
-                                                                          [this](auto... call)
-                                                                          { return SetCredentials(call...); } };
+#define VO_SEE(function, member)                                                                                               \
+    const CCallHook<decltype(&::function)> m_##member                                                                          \
+    {                                                                                                                          \
+        "winhttp.dll", #function, [this](auto... call) { return member(call...); }                                             \
+    }
+    VO_SEE(WinHttpOpen, Open);
+    VO_SEE(WinHttpConnect, Connect);
+    VO_SEE(WinHttpOpenRequest, OpenRequest);
+    VO_SEE(WinHttpSetOption, SetOption);
+    VO_SEE(WinHttpSetCredentials, SetCredentials);
+#undef VO_SEE
 };
 
 std::shared_ptr<CVoHTTPMessage> Connect(const std::wstring& url, IVoAuthenticationCallback* callback = nullptr,
@@ -98,21 +126,10 @@ TEST(WinHTTPTransport, SetsTheSessionUpAsTheSystemAllows)
     for (const bool is81 : { false, true })
     {
         const auto version = WindowsIs81(is81);
-        std::vector<std::pair<std::wstring, DWORD>> opened;
-        const CCallHook<decltype(&::WinHttpOpen)> open(
-            "winhttp.dll", "WinHttpOpen",
-            [&](auto original, LPCWSTR agent, DWORD access, LPCWSTR proxy, LPCWSTR bypass, DWORD flags)
-            {
-                EXPECT_EQ(proxy, nullptr);
-                EXPECT_EQ(bypass, nullptr);
-                EXPECT_EQ(flags, DWORD{ WINHTTP_FLAG_ASYNC });
-                opened.emplace_back(agent, access);
-                return original(agent, access, proxy, bypass, flags);
-            });
-        const CSettings settings;
+        const CPlatform platform;
         ASSERT_TRUE(Connect(L"http://127.0.0.1:9/"));
-        EXPECT_THAT(opened, ElementsAre(std::pair(std::wstring(L"CVoHTTPMessageWinHTTP"), is81 ? 4U : 0U)));
-        EXPECT_THAT(settings.options, ElementsAre(std::pair(3U, 7000U), std::pair(5U, 7000U), std::pair(6U, 9000U),
+        EXPECT_EQ(platform.session, is81 ? L"CVoHTTPMessageWinHTTP 4 10000000" : L"CVoHTTPMessageWinHTTP 0 10000000");
+        EXPECT_THAT(platform.options, ElementsAre(std::pair(3U, 7000U), std::pair(5U, 7000U), std::pair(6U, 9000U),
                                                   std::pair(73U, 128U), std::pair(74U, 74U), std::pair(7U, 9000U)));
     }
 }
@@ -124,36 +141,25 @@ TEST(WinHTTPTransport, OpensARequestWithTheSwitchesOfItsAddress)
         const wchar_t* url;
         bool verify;
         bool revocation;
-        DWORD flags;
+        const wchar_t* request;
         DWORD security;
         DWORD features;
     };
     const CCase cases[] = {
-        { L"http://server.test/a?b", true, true, 0x100, 0x3300, 0 },
-        { L"https://server.test/a?b", false, false, 0x800100, 0x3300, 0 },
-        { L"https://server.test/a?b", true, false, 0x800100, 0, 0 },
-        { L"https://server.test/a?b", true, true, 0x800100, 0, 1 },
+        { L"http://server.test/a?b", true, true, L"POST /a?b HTTP/1.1 100", 0x3300, 0 },
+        { L"https://server.test/a?b", false, false, L"POST /a?b HTTP/1.1 800100", 0x3300, 0 },
+        { L"https://server.test/a?b", true, false, L"POST /a?b HTTP/1.1 800100", 0, 0 },
+        { L"https://server.test/a?b", true, true, L"POST /a?b HTTP/1.1 800100", 0, 1 },
     };
     for (const CCase& item : cases)
     {
         SCOPED_TRACE(testing::Message() << item.url << item.verify << item.revocation);
-        std::vector<std::wstring> opened;
-        const CCallHook<decltype(&::WinHttpOpenRequest)> open(
-            "winhttp.dll", "WinHttpOpenRequest",
-            [&](auto original, HINTERNET connection, LPCWSTR verb, LPCWSTR path, LPCWSTR version, LPCWSTR referrer,
-                LPCWSTR* types, DWORD flags)
-            {
-                EXPECT_EQ(referrer, nullptr);
-                EXPECT_EQ(types, nullptr);
-                opened.push_back(std::wstring(verb) + L' ' + path + L' ' + version + L' ' + std::to_wstring(flags));
-                return original(connection, verb, path, version, referrer, types, flags);
-            });
-        CSettings settings;
+        CPlatform platform;
         const auto message = Connect(item.url, nullptr, nullptr, item.verify, item.revocation);
-        settings.options.clear();
+        platform.options.clear();
         (void)Open(*message);
-        EXPECT_THAT(opened, ElementsAre(L"POST /a?b HTTP/1.1 " + std::to_wstring(item.flags)));
-        EXPECT_THAT(settings.options,
+        EXPECT_EQ(platform.request, item.request);
+        EXPECT_THAT(platform.options,
                     ElementsAre(std::pair(31U, item.security), std::pair(79U, item.features), std::pair(63U, 1U)));
     }
 }
@@ -175,8 +181,8 @@ TEST(WinHTTPTransport, PassesOverARefusedTuningAndOverNothingElse)
     for (const CCase& item : cases)
     {
         SCOPED_TRACE(testing::Message() << item.option << " " << item.error);
-        CSettings settings;
-        settings.refused = { { item.option, item.error } };
+        CPlatform platform;
+        platform.refused = { { item.option, item.error } };
         const HRESULT code = HResultFromWin32(item.error);
         const CLogCapture log;
         const auto message =
@@ -195,8 +201,8 @@ TEST(WinHTTPTransport, RewritesALoopbackAddress)
     struct CCase
     {
         const wchar_t* url;
-        const wchar_t* host;
-        const wchar_t* path;
+        std::wstring host;
+        std::wstring path;
     };
     const CCase cases[] = {
         { L"http://LOCALHOST:81/a", L"localhost.localhost", L"/a" },
@@ -208,28 +214,15 @@ TEST(WinHTTPTransport, RewritesALoopbackAddress)
     for (const CCase& item : cases)
         for (const UINT32 kind : { kKind, kRewritingKind })
         {
-            std::wstring connected;
-            std::wstring opened;
-            const CCallHook<decltype(&::WinHttpConnect)> connect(
-                "winhttp.dll", "WinHttpConnect",
-                [&](auto original, HINTERNET session, LPCWSTR host, INTERNET_PORT port, DWORD reserved)
-                {
-                    connected = host;
-                    return original(session, host, port, reserved);
-                });
-            const CCallHook<decltype(&::WinHttpOpenRequest)> open(
-                "winhttp.dll", "WinHttpOpenRequest",
-                [&](auto original, HINTERNET connection, LPCWSTR verb, LPCWSTR path, auto... rest)
-                {
-                    opened = path;
-                    return original(connection, verb, path, rest...);
-                });
+            const CPlatform platform;
             const auto message = Connect(item.url, nullptr, nullptr, false, false, S_OK, kind);
             (void)Open(*message);
             CServerAddressData address;
             ASSERT_EQ(address.SetAddress(item.url, false, true, true), S_OK);
-            EXPECT_EQ(connected, kind == kRewritingKind ? item.host : address.Host()) << item.url;
-            EXPECT_EQ(opened, kind == kRewritingKind ? item.path : address.ObjectName()) << item.url;
+            const bool rewrites = kind == kRewritingKind;
+            EXPECT_EQ(platform.host, rewrites ? item.host : address.Host()) << item.url;
+            EXPECT_EQ(platform.request, L"POST " + (rewrites ? item.path : address.ObjectName()) + L" HTTP/1.1 100")
+                << item.url;
         }
 }
 
@@ -263,14 +256,14 @@ TEST(WinHTTPTransport, TakesItsProxyFromTheStore)
     {
         SCOPED_TRACE(item.url);
         const auto version = WindowsIs81(item.is81);
-        const CSettings settings;
+        const CPlatform platform;
         const auto store = VoMakeComObject<CFixedProxyStore>(item.list, item.user, L"hunter2");
         const CLogCapture log;
         const auto message = Connect(item.url, nullptr, store.Get());
         (void)Open(*message);
         EXPECT_THAT(store->asked, ElementsAre(item.asked));
-        EXPECT_EQ(settings.proxies, item.set);
-        EXPECT_EQ(settings.credentials, item.credentials);
+        EXPECT_EQ(platform.proxies, item.set);
+        EXPECT_EQ(platform.credentials, item.credentials);
         store->queryResult = E_ACCESSDENIED;
         Request refused;
         EXPECT_EQ(message->OpenRequest(refused), E_ACCESSDENIED);
@@ -294,20 +287,20 @@ TEST(WinHTTPTransport, AnswersAProxyAndKeepsTheCredentials)
     const auto callback = VoMakeComObject<CScriptedAuthCallback>();
     callback->AnswerProxy({ { L"user", L"hunter2" } });
     const auto store = VoMakeComObject<CFixedProxyStore>(L"proxy.test:8080");
-    const CSettings settings;
+    const CPlatform platform;
     const CLogCapture log;
     const auto message = Connect(base + L"/x", callback.Get(), store.Get());
     const Request request = Open(*message);
-    EXPECT_THAT(settings.credentials, IsEmpty());
+    EXPECT_THAT(platform.credentials, IsEmpty());
     EXPECT_EQ(Send(*message, request), S_OK);
     EXPECT_THAT(callback->Questions(), ElementsAre(L"proxy " + base + L" proxy.test:8080"));
     EXPECT_THAT(store->saved, ElementsAre(L"proxy.test:8080 user hunter2"));
-    EXPECT_THAT(settings.credentials, ElementsAre(L"1 1 user hunter2"));
+    EXPECT_THAT(platform.credentials, ElementsAre(L"1 1 user hunter2"));
     // From now on they are sent without being asked for, by this request and by others.
     EXPECT_EQ(Send(*message, request), S_OK);
     EXPECT_EQ(Send(*message, Open(*message)), S_OK);
     EXPECT_THAT(callback->Questions(), SizeIs(1));
-    EXPECT_THAT(settings.credentials, SizeIs(3));
+    EXPECT_THAT(platform.credentials, SizeIs(3));
     ExpectNotLogged(log, L"hunter2");
 }
 

@@ -85,12 +85,10 @@ private:
     CCallHook<decltype(&::FreeAddrInfoW)> m_free{ "ws2_32.dll", "FreeAddrInfoW", [this](auto, auto) { --open; } };
 };
 
-// "text: bytes of the family in use" after a check of all else.
+// "text: bytes of the family in use".
 std::string StateOf(const CVoIPAddress& address)
 {
     EXPECT_TRUE(address.IsInitialised() && address.IsValid());
-    EXPECT_TRUE(address.IsIPv6() ? address.AddressV4() == (std::array<BYTE, 4>{})
-                                 : address.AddressV6() == (std::array<BYTE, 16>{}));
     std::string state(address.Text().begin(), address.Text().end());
     const BYTE* const bytes = address.IsIPv6() ? address.AddressV6().data() : address.AddressV4().data();
     for (int i = 0; i < (address.IsIPv6() ? 16 : 4); ++i)
@@ -198,15 +196,6 @@ TEST(IPAddress, FailuresAreReportedUnlessQuietAndLeaveTheRecordCleared)
                                                  IsReport(kSource, 298, kFromDNS, code), IsReport(kSource, 134, kFromIP, code),
                                                  IsReport(kSource, 147, kFromIP, code)));
     }
-    for (const int call : { 1, 2 })
-    {
-        const auto fault = VO_FAULT("ws2_32.dll", InetPtonW, -1, WSAEFAULT);
-        const auto injected = fault.inject(call);
-        CVoIPAddress address;
-        EXPECT_EQ(address.InitFromIPAddress(L"::1"), fault.expected);
-        EXPECT_TRUE(IsCleared(address));
-    }
-
     // A conversion that fails ends the taking of one address but not the search.
     const CResolver resolver({ L"2001:db8::1", L"192.0.2.1" });
     const auto fault = VO_FAULT("ws2_32.dll", InetNtopW, nullptr, WSAEAFNOSUPPORT);

@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
-
 #include <support/ImportHook.h>
 #include <support/LogCapture.h>
 #include <support/WinHttpHandles.h>
@@ -16,7 +14,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using TestSupport::CLogCapture;
 using TestSupport::IsReport;
-using TestSupport::IsReportBy;
 using TestSupport::WinHttpHandleBalance;
 using namespace VoWinHttpInterface;
 
@@ -35,37 +32,6 @@ struct CHandles
         EXPECT_EQ(request.Init(connection, L"GET", L"/a?b=1", WINHTTP_FLAG_REFRESH), S_OK);
     }
 };
-
-// The calls that have outputs; the others fail in the tests of the exchange and of the transport.
-TEST(WinHttpInterface, AFailingCallIsReportedUnderItsOperationAndTouchesNothing)
-{
-    const CHandles handles;
-    const WinHttpRequestHandle& request = handles.request;
-    DWORD number = 7;
-    DWORD length = sizeof(number);
-    std::wstring text = L"untouched";
-    const auto expectFailure = [](const wchar_t* name, const CFault& fault, const std::function<HRESULT()>& run)
-    {
-        CLogCapture log;
-        const auto injected = fault.inject(1);
-        EXPECT_EQ(run(), fault.expected) << fault.function;
-        EXPECT_THAT(log.Lines(), testing::Contains(IsReportBy(std::wstring(L"VoWinHttpInterface::") + name, fault.expected)));
-    };
-    const CFault headers = VO_FAULT("winhttp.dll", WinHttpQueryHeaders, FALSE, 12004);
-    expectFailure(L"WinHttpHandle::QueryOption", VO_FAULT("winhttp.dll", WinHttpQueryOption, FALSE, 12004),
-                  [&] { return handles.session.QueryOption(WINHTTP_OPTION_CONNECT_TIMEOUT, &number, length); });
-    expectFailure(L"WinHttpRequestHandle::QueryAuthSchemes", VO_FAULT("winhttp.dll", WinHttpQueryAuthSchemes, FALSE, 12004),
-                  [&] { return request.QueryAuthSchemes(number, number, number); });
-    expectFailure(L"WinHttpRequestHandle::QueryHeaders", headers,
-                  [&] { return request.QueryHeaders(WINHTTP_QUERY_STATUS_CODE, number); });
-    expectFailure(L"WinHttpRequestHandle::QueryCustomHeaders", headers,
-                  [&] { return request.QueryCustomHeaders(WINHTTP_QUERY_CUSTOM, L"X", &text); });
-    expectFailure(L"WinHttpRequestHandle::QueryCookie", headers, [&] { return request.QueryCookie(&text); });
-    expectFailure(L"WinHttpRequestHandle::SetCookieString", VO_FAULT("winhttp.dll", WinHttpAddRequestHeaders, FALSE, 12004),
-                  [&] { return request.SetCookieString(L"a=1"); });
-    EXPECT_EQ(number, 7U);
-    EXPECT_EQ(text, L"untouched");
-}
 
 TEST(WinHttpInterface, AFailedCloseDropsTheHandleAndADestructorKeepsTheLastError)
 {
