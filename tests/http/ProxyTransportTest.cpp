@@ -186,23 +186,6 @@ TEST_P(ProxyTransportTest, KeepsTheCredentialsThatAProxyAccepted)
     EXPECT_TRUE(FAILED(Send(urls[0]).result));
 }
 
-TEST_P(ProxyTransportTest, AnswersProxyAndServerEachWithItsOwn)
-{
-    VO_NEEDS_TEST_SERVERS();
-    UseProxy(TestServers()->squidAuthPort);
-    for (const std::string& url : { TestServers()->URL("/private"), TestServers()->SecureURL("/private") })
-    {
-        SCOPED_TRACE(url);
-        m_callback->AnswerProxy({ { Wide(TestServers()->squidUser), Wide(TestServers()->squidPassword) } });
-        m_callback->AnswerServer({ { L"user", L"secret" } });
-        const CAnswer answer = Send(url, "private body");
-        EXPECT_EQ(answer.result, S_OK);
-        EXPECT_EQ(answer.text, "private body");
-        // The server's are not taken for the proxy's.
-        EXPECT_EQ(Saved(url), Wide(TestServers()->squidUser + ' ' + TestServers()->squidPassword));
-    }
-}
-
 // --- scripted proxies, which see what reaches them
 
 TEST_P(ProxyTransportTest, ShowsTheServersCredentialsToTheServerOnly)

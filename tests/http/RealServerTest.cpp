@@ -108,29 +108,4 @@ TEST_P(RealServerTest, AnswersOfEveryEncodingAreRead)
     }
 }
 
-TEST_P(RealServerTest, CredentialsOpenAPrivateLocation)
-{
-    if (!GetParam().asksCallback)
-        GTEST_SKIP() << "the system's dialog asks, while connecting";
-    for (const std::string& url : URLs("/private"))
-    {
-        m_stores.auth = VoMakeComObject<CScriptedAuthCallback>();
-        m_stores.auth->AnswerServer({ { L"user", L"secret" } });
-        const CAnswer answer = SendTo(url, MakeMessage({ { L"a", L"1" } }, std::string(5000, 'x')));
-        EXPECT_EQ(answer.result, S_OK) << url;
-        EXPECT_EQ(ParamsOf(answer.message), (Params{ { L"a", L"1" } })) << url;
-    }
-}
-
-TEST_P(RealServerTest, FailuresOfTheServerAreFailures)
-{
-    EXPECT_TRUE(FAILED(SendTo(TestServers()->URL("/reset")).result));
-    for (const int status : { 404, 503 })
-        for (const std::string& url : URLs("/status/" + std::to_string(status)))
-        {
-            const CAnswer answer = SendTo(url);
-            EXPECT_EQ(answer.result, GetParam().unexpectedStatus) << url;
-            EXPECT_EQ(answer.send.statusCode, static_cast<UINT32>(status)) << url;
-        }
-}
 } // namespace

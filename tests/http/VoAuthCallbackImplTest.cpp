@@ -243,19 +243,6 @@ TEST_F(AuthCallback, TheDialogIsReadyForTheKeyboard)
     EXPECT_EQ(Ask().cancelled, VARIANT_TRUE);
 }
 
-// One after another: Wine's edit controls crash, or wait for ever, when several threads lay texts out at once.
-TEST_F(AuthCallback, ThreadsWithoutAMessageQueueHaveTheirDialogs)
-{
-    const CDialogUser user(
-        [](HWND dialog)
-        {
-            Enter(dialog, TextOf(dialog).c_str(), L"p");
-            Press(dialog, IDOK);
-        });
-    for (const wchar_t* const title : { L"first", L"second", L"third" })
-        std::thread([&] { EXPECT_EQ(Ask(true, title).user.View(), title); }).join();
-}
-
 TEST_F(AuthCallback, TheEndOfTheOwnerOrOfTheLoopCancels)
 {
     const std::function<void(HWND)> ends[] = {
