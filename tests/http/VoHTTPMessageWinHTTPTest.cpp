@@ -342,17 +342,25 @@ TEST(WinHTTPTransport, NamesTheServerThatARedirectLedTo)
 
 TEST(WinHTTPTransport, EveryFailureOfTheServiceIsHandled)
 {
-    const CServer server([](const Loopback::CRequest&, Loopback::CConnection& connection)
-                         { connection.SendResponse(200, { { "Connection", "close" } }, "a=1"); });
+    const CServer server(
+        [](const Loopback::CRequest& request, Loopback::CConnection& connection)
+        {
+            if (request.Header("Authorization").empty())
+                connection.SendResponse(401, { { "WWW-Authenticate", "Basic realm=\"r\"" } });
+            else
+                connection.SendResponse(200, { { "Connection", "close" } }, "a=1");
+        });
     CLogCapture log;
     const CAcquireBalance handles = WinHttpHandleBalance();
     const auto run = [&]
     {
+        const auto callback = VoMakeComObject<CScriptedAuthCallback>();
+        callback->AnswerServer({ { L"user", L"hunter2" } });
         const CTransportScope scope(kKind);
         CServerAddressData address;
         EXPECT_EQ(address.SetAddress(Wide(server.URL()), false, true, true), S_OK);
         std::shared_ptr<CVoHTTPMessage> message;
-        HRESULT hr = CVoHTTPMessage::Connect(address, nullptr, nullptr, nullptr, 7, 9, false, false, message);
+        HRESULT hr = CVoHTTPMessage::Connect(address, callback.Get(), nullptr, nullptr, 7, 9, false, false, message);
         EXPECT_EQ(SUCCEEDED(hr), message != nullptr);
         Request request;
         if (SUCCEEDED(hr))
@@ -378,10 +386,11 @@ TEST(WinHTTPTransport, EveryFailureOfTheServiceIsHandled)
             VO_FAULT("winhttp.dll", WinHttpSetStatusCallback, WINHTTP_INVALID_STATUS_CALLBACK, kError),
             VO_FAULT("winhttp.dll", WinHttpSendRequest, FALSE, kError),
             VO_FAULT("winhttp.dll", WinHttpReceiveResponse, FALSE, kError),
+            VO_FAULT("winhttp.dll", WinHttpQueryAuthSchemes, FALSE, kError),
+            VO_FAULT("winhttp.dll", WinHttpSetCredentials, FALSE, kError),
             VO_FAULT("winhttp.dll", WinHttpQueryDataAvailable, FALSE, kError),
             VO_FAULT("winhttp.dll", WinHttpReadData, FALSE, kError),
         },
         run, [&](HRESULT code) { return TakeReport(log, code); }, { &handles }, false);
 }
-
 } // namespace

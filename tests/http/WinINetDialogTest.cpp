@@ -14,12 +14,11 @@ using namespace TestSupport;
 class CDialogAnswer
 {
 public:
-    CDialogAnswer(std::wstring user, std::wstring password, WORD button)
+    CDialogAnswer(const wchar_t* password, WORD button)
     {
-        s_answer = this;
-        m_user = std::move(user);
-        m_password = std::move(password);
-        m_button = button;
+        s_shown = 0;
+        s_password = password;
+        s_button = button;
         m_hook = ::SetWindowsHookExW(WH_CBT, &OnEvent, nullptr, ::GetCurrentThreadId());
         EXPECT_TRUE(m_hook);
     }
@@ -27,7 +26,7 @@ public:
     CDialogAnswer(const CDialogAnswer&) = delete;
     CDialogAnswer& operator=(const CDialogAnswer&) = delete;
 
-    int shown = 0;
+    [[nodiscard]] static int Shown() noexcept { return s_shown; }
 
 private:
     static LRESULT CALLBACK OnEvent(int code, WPARAM window, LPARAM data)
@@ -36,9 +35,9 @@ private:
         const HWND dialog = reinterpret_cast<HWND>(window);
         if (code == HCBT_ACTIVATE && ::GetClassNameW(dialog, name, 16) && std::wstring_view(name) == L"#32770")
         {
-            ++s_answer->shown;
+            ++s_shown;
             ::EnumChildWindows(dialog, &Fill, 0);
-            ::PostMessageW(dialog, WM_COMMAND, MAKEWPARAM(s_answer->m_button, BN_CLICKED), 0);
+            ::PostMessageW(dialog, WM_COMMAND, MAKEWPARAM(s_button, BN_CLICKED), 0);
         }
         return ::CallNextHookEx(nullptr, code, window, data);
     }
@@ -46,17 +45,16 @@ private:
     {
         wchar_t name[16]{};
         ::GetClassNameW(control, name, 16);
+        const bool isPassword = (::GetWindowLongPtrW(control, GWL_STYLE) & ES_PASSWORD) != 0;
         if (VoEqualsNoCase(name, L"Edit"))
-        {
-            const bool isPassword = (::GetWindowLongPtrW(control, GWL_STYLE) & ES_PASSWORD) != 0;
-            ::SetWindowTextW(control, (isPassword ? s_answer->m_password : s_answer->m_user).c_str());
-        }
+            ::SetWindowTextW(control, isPassword ? s_password : L"ann");
         return TRUE;
     }
-    inline static CDialogAnswer* s_answer = nullptr;
-    std::wstring m_user;
-    std::wstring m_password;
-    WORD m_button;
+
+    // What a hook of the thread can reach.
+    inline static int s_shown = 0;
+    inline static const wchar_t* s_password = nullptr;
+    inline static WORD s_button = 0;
     HHOOK m_hook;
 };
 
@@ -93,14 +91,13 @@ TEST(WinINetDialog, AsksForCredentials)
                 else
                     connection.SendResponse(401, { { "WWW-Authenticate", "Basic realm=\"r\"" } });
             });
-        const std::string url = server.URL();
         CServerAddressData address;
-        ASSERT_EQ(address.SetAddress(std::wstring(url.begin(), url.end()), false, true, true), S_OK);
-        const CDialogAnswer user(L"ann", row.password, row.button);
+        ASSERT_EQ(address.SetAddress(Wide(server.URL()), false, true, true), S_OK);
+        const CDialogAnswer user(row.password, row.button);
         const CTransportScope scope(0);
         std::shared_ptr<CVoHTTPMessage> message;
         EXPECT_EQ(CVoHTTPMessage::Connect(address, nullptr, nullptr, nullptr, 10, 10, false, false, message), row.result);
-        EXPECT_EQ(user.shown, 1);
+        EXPECT_EQ(user.Shown(), 1);
         EXPECT_EQ(sent, row.sent);
     }
 }
