@@ -1,3 +1,4 @@
+#include <win/OrvDigSign.h>
 #include <win/OrvSignedIniFileHandler.h>
 
 #include <base/VoUtils.h>
@@ -34,8 +35,6 @@ constexpr const char* kSignedFile = "; made by hand\r\n[Settings]\r\n  Name  = G
                                     "b=jshfMLwca_jKwHKrYtbth8xyPuLYwmAsdnzB5NOjTPUFbpyiiXMmEPgbFREWURK4XrU_Q6\r\n"
                                     "a=EyOgDcDN1kEokoDK2cVEPxLdSk67640\r\n"
                                     "[Last]\r\nk=;v\r\n";
-constexpr const wchar_t* kSignedText = L"[Settings]\r\nName=Gr\u00F6\u00DFe  x\r\nempty=\r\nName=2\r\n<EMPTY>[Last]\r\nk=;v";
-
 std::string FileBytes(const CVoSignedIniFileHandler2& handler)
 {
     std::string bytes;
@@ -50,11 +49,11 @@ HRESULT Verify(std::string_view bytes, std::wstring_view key, bool& valid)
     return handler.Verify(key, valid);
 }
 
-std::string Signed(std::string_view bytes, const SKeyPair& keys, UINT32 lineLength = 0)
+std::string Signed(std::string_view bytes, UINT32 lineLength = 0)
 {
     CVoSignedIniFileHandler2 handler;
     EXPECT_EQ(handler.Parse(bytes), S_OK);
-    EXPECT_EQ(handler.SignFile(keys.privateKey, lineLength), S_OK);
+    EXPECT_EQ(handler.SignFile(kKnownPrivateKey, lineLength), S_OK);
     return FileBytes(handler);
 }
 
@@ -95,21 +94,15 @@ TEST(SignedIniFile, CanonicalTextIsTheLaidDownOne)
 
 TEST(SignedIniFile, AcceptsASignatureMadeElsewhere)
 {
-    CVoSignedIniFileHandler2 handler;
-    ASSERT_EQ(handler.Parse(kSignedFile), S_OK);
-    std::wstring text;
-    EXPECT_EQ(handler.GetSignedText(text), S_OK);
-    EXPECT_EQ(text, kSignedText);
     bool valid = false;
-    EXPECT_EQ(handler.Verify(kKnownPublicKey, valid), S_OK);
+    EXPECT_EQ(Verify(kSignedFile, kKnownPublicKey, valid), S_OK);
     EXPECT_TRUE(valid);
 }
 
 TEST(SignedIniFile, OnlyWhatIsReadIsProtected)
 {
-    const auto [keys, others] = MakeTwoKeyPairs();
-    const std::string file = Signed(
-        "; top\r\n[A]\r\nx=1\r\nkey=value\r\n\r\n[Empty]\r\n[B]\r\ny=\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80 2\r\n", keys, 40);
+    const std::string file =
+        Signed("; top\r\n[A]\r\nx=1\r\nkey=value\r\n\r\n[Empty]\r\n[B]\r\ny=\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80 2\r\n", 40);
     const size_t at = file.find("Line1=") + 6;
     const std::string start = file.substr(at, 2);
     // What is replaced by what, and whether the signature still holds.
@@ -136,37 +129,35 @@ TEST(SignedIniFile, OnlyWhatIsReadIsProtected)
     bool valid = false;
     for (const auto& [from, to, expected] : cases)
     {
-        EXPECT_EQ(Verify(Replaced(file, from, to), keys.publicKey, valid), S_OK);
+        EXPECT_EQ(Verify(Replaced(file, from, to), kKnownPublicKey, valid), S_OK);
         EXPECT_EQ(valid, expected) << from << " -> " << to;
     }
-    EXPECT_EQ(Verify(file, others.publicKey, valid = true), S_OK);
+    EXPECT_EQ(Verify(file, kOtherPublicKey, valid = true), S_OK);
     EXPECT_FALSE(valid);
 }
 
 // Verify hashes the text piece by piece, SignFile as a whole.
 TEST(SignedIniFile, AFileOfManyPiecesIsSignedWhole)
 {
-    const SKeyPair keys;
     std::string file;
     for (const size_t length : { 3u, 5000u, 16379u, 16384u, 70000u, 1u, 40000u })
         file += "[S" + std::to_string(length) + "]\n[T" + std::to_string(length) + "]\nkey=" + std::string(length, 'v') +
                 "\n\xE2\x82\xAC=" + std::string(length, 'w') + "\xC3\xA4\n";
-    file = Signed(file, keys, 76);
+    file = Signed(file, 76);
     bool valid = false;
-    EXPECT_EQ(Verify(file, keys.publicKey, valid), S_OK);
+    EXPECT_EQ(Verify(file, kKnownPublicKey, valid), S_OK);
     EXPECT_TRUE(valid);
-    EXPECT_EQ(Verify(Replaced(file, "w\xC3\xA4\n\n[Sign", "w\xC3\xA5\n\n[Sign"), keys.publicKey, valid), S_OK);
+    EXPECT_EQ(Verify(Replaced(file, "w\xC3\xA4\n\n[Sign", "w\xC3\xA5\n\n[Sign"), kKnownPublicKey, valid), S_OK);
     EXPECT_FALSE(valid);
     CFailOnCall<decltype(&::CryptHashData)> fail("advapi32.dll", "CryptHashData", 3, FALSE,
                                                  static_cast<DWORD>(NTE_BAD_HASH_STATE));
-    EXPECT_EQ(Verify(file, keys.publicKey, valid = true), NTE_BAD_HASH_STATE);
+    EXPECT_EQ(Verify(file, kKnownPublicKey, valid = true), NTE_BAD_HASH_STATE);
     EXPECT_FALSE(valid);
 }
 
 TEST(SignedIniFile, SpreadsTheSignatureAndKeepsTheRestOfTheFile)
 {
-    const SKeyPair keys;
-    const std::string file = Signed("[A]\nx=1\n\n[SIGNATURE]\n; keep\nold=AAAA\nold=BBBB\n\n[B]\ny=2\n", keys, 76);
+    const std::string file = Signed("[A]\nx=1\n\n[SIGNATURE]\n; keep\nold=AAAA\nold=BBBB\n\n[B]\ny=2\n", 76);
     // 172 characters of Base64
     EXPECT_THAT(
         file, testing::MatchesRegex("\\[A\\]\nx=1\n\n\\[SIGNATURE\\]\n; keep\nLine1=.*\nLine2=.*\nLine3=.*\n\n\\[B\\]\ny=2\n"));
@@ -178,14 +169,13 @@ TEST(SignedIniFile, SpreadsTheSignatureAndKeepsTheRestOfTheFile)
     for (size_t i = 0; i < 3; ++i)
         EXPECT_EQ(lines[i].value.size(), i < 2 ? 76u : 20u);
     // Signing again gives the same file: RSA with this padding has no randomness.
-    EXPECT_EQ(Signed(file, keys, 76), file);
-    EXPECT_THAT(Signed("[A]\nx=1\n", keys), HasSubstr("[A]\nx=1\n\n[Signature]\nLine1="));
+    EXPECT_EQ(Signed(file, 76), file);
+    EXPECT_THAT(Signed("[A]\nx=1\n"), HasSubstr("[A]\nx=1\n\n[Signature]\nLine1="));
 }
 
 TEST(SignedIniFile, FailuresAreReportedThroughTheChain)
 {
-    const SKeyPair keys;
-    const std::string file = Signed("[A]\nx=1\n", keys);
+    const std::string file = Signed("[A]\nx=1\n");
     const std::wstring verify = std::wstring(kClass) + L"Verify";
     CLogCapture log;
     // The lines that a failed check leaves.
@@ -199,25 +189,24 @@ TEST(SignedIniFile, FailuresAreReportedThroughTheChain)
     };
     const HRESULT notFound = HResultFromWin32(ERROR_NOT_FOUND);
     EXPECT_THAT(fails(file, L"", E_INVALIDARG), ElementsAre(IsReport(kSource, 162, verify, E_INVALIDARG)));
-    EXPECT_THAT(fails("[A]\nx=1\n", keys.publicKey, notFound),
+    EXPECT_THAT(fails("[A]\nx=1\n", kKnownPublicKey, notFound),
                 ElementsAre(IsReportBy(L"CVoIniFileIO::GetSection", notFound), IsReportBy(verify, notFound)));
-    const auto lines = fails("[A]\nx=1\n[Signature]\ns=!!!!\n", keys.publicKey, E_INVALIDARG);
+    const auto lines = fails("[A]\nx=1\n[Signature]\ns=!!!!\n", kKnownPublicKey, E_INVALIDARG);
     ASSERT_GE(lines.size(), 2u);
     EXPECT_THAT(lines[lines.size() - 2], IsReportBy(std::wstring(kClass) + L"VerifySign", E_INVALIDARG));
     EXPECT_THAT(lines.back(), IsReportBy(verify, E_INVALIDARG));
     // Text that no UTF-8 can stand for: half a surrogate pair in a UTF-16 file.
     const std::string malformed("\xFF\xFE[\0A\0]\0\n\0x\0=\0\x00\xD8\n\0[\0S\0i\0g\0n\0a\0t\0u\0r\0e\0]\0\n\0", 40);
-    fails(malformed, keys.publicKey, HResultFromWin32(ERROR_NO_UNICODE_TRANSLATION));
+    fails(malformed, kKnownPublicKey, HResultFromWin32(ERROR_NO_UNICODE_TRANSLATION));
 
     CVoSignedIniFileHandler2 handler;
     EXPECT_EQ(handler.SignFile(L""), E_INVALIDARG);
-    EXPECT_TRUE(FAILED(handler.SignFile(keys.publicKey))) << "a public key cannot sign";
+    EXPECT_TRUE(FAILED(handler.SignFile(kKnownPublicKey))) << "a public key cannot sign";
     EXPECT_EQ(FileBytes(handler), "");
 }
 
 TEST(SignedIniFile, SigningAFileOnDiskChangesItWholeOrNotAtAll)
 {
-    const SKeyPair keys;
     const std::filesystem::path path = MakeTestFolder(L"signed") / L"file.ini";
     const std::string plain = "[A]\nx=1\n";
     WriteTestFile(path, plain);
@@ -225,12 +214,12 @@ TEST(SignedIniFile, SigningAFileOnDiskChangesItWholeOrNotAtAll)
     ASSERT_EQ(handler.Open(path.wstring()), S_OK);
     {
         CFailOnCall<decltype(&::MoveFileExW)> fail("kernel32.dll", "MoveFileExW", 1, FALSE, ERROR_SHARING_VIOLATION);
-        EXPECT_EQ(handler.SignFile(keys.privateKey, 64), HResultFromWin32(ERROR_SHARING_VIOLATION));
+        EXPECT_EQ(handler.SignFile(kKnownPrivateKey, 64), HResultFromWin32(ERROR_SHARING_VIOLATION));
     }
     EXPECT_EQ(ReadTestFile(path), plain);
     EXPECT_EQ(FileBytes(handler), plain);
-    EXPECT_EQ(handler.SignFile(keys.privateKey, 64), S_OK);
+    EXPECT_EQ(handler.SignFile(kKnownPrivateKey, 64), S_OK);
     EXPECT_EQ(ReadTestFile(path), FileBytes(handler));
-    EXPECT_EQ(ReadTestFile(path), Signed(plain, keys, 64));
+    EXPECT_EQ(ReadTestFile(path), Signed(plain, 64));
 }
 } // namespace

@@ -23,32 +23,27 @@ constexpr const wchar_t* kSource = L"..\\..\\source\\base\\utils\\VoDataConversi
 
 using CDecoder = HRESULT (*)(std::wstring_view, BYTE**, UINT32*);
 
-// What a decoder makes of a text that ends, and of one that begins, at an inaccessible page; nothing when it refuses it. Checks
-// that outputs are written on success only and that the size alone can be asked for.
+// What a decoder makes of a text that ends at an inaccessible page; nothing when it refuses it. Checks that outputs are written
+// on success only and that the size alone can be asked for.
 std::optional<CBytes> Decode(CDecoder decoder, std::wstring_view text)
 {
-    std::optional<CBytes> result;
-    for (const EGuard guard : { EGuard::Behind, EGuard::InFront })
+    const CGuardedBuffer<wchar_t> guarded(text);
+    BYTE untouched = 0;
+    BYTE* buffer = &untouched;
+    UINT32 length = 4711;
+    UINT32 lengthAlone = 4711;
+    const HRESULT hr = decoder(guarded.View(), &buffer, &length);
+    EXPECT_EQ(decoder(guarded.View(), nullptr, &lengthAlone), hr);
+    EXPECT_EQ(lengthAlone, length);
+    if (FAILED(hr))
     {
-        const CGuardedBuffer<wchar_t> guarded(text, guard);
-        BYTE untouched = 0;
-        BYTE* buffer = &untouched;
-        UINT32 length = 4711;
-        UINT32 lengthAlone = 4711;
-        const HRESULT hr = decoder(guarded.View(), &buffer, &length);
-        EXPECT_EQ(decoder(guarded.View(), nullptr, &lengthAlone), hr);
-        EXPECT_EQ(lengthAlone, length);
-        if (FAILED(hr))
-        {
-            EXPECT_EQ(hr, E_INVALIDARG);
-            EXPECT_EQ(buffer, &untouched);
-            EXPECT_EQ(length, 4711U);
-            continue;
-        }
-        const CVoByteBuffer owned(std::unique_ptr<BYTE[]>(buffer), length);
-        result = CBytes(owned.Bytes().begin(), owned.Bytes().end());
+        EXPECT_EQ(hr, E_INVALIDARG);
+        EXPECT_EQ(buffer, &untouched);
+        EXPECT_EQ(length, 4711U);
+        return std::nullopt;
     }
-    return result;
+    const CVoByteBuffer owned(std::unique_ptr<BYTE[]>(buffer), length);
+    return CBytes(owned.Bytes().begin(), owned.Bytes().end());
 }
 
 // With a break behind each line that is full; 0: no breaks.
@@ -147,9 +142,9 @@ TEST(VoDataConversion, WhatIsEncodedReadsBackAndBreaksWhenALineIsFull)
         for (const INT32 line : { 0, 1, 2, 3, 7, 8, 10, 64, 76, 1000 })
         {
             const CBytes bytes = RandomBytes(random, size);
-            const CGuardedBuffer<BYTE> guarded(bytes, EGuard::Behind);
+            const CGuardedBuffer<BYTE> guarded(bytes);
             // `width`: of a full line when `line` is asked for.
-            const auto check = [&](auto encode, CDecoder decoder, INT32 width)
+            const auto check = [&](CDecoder decoder, INT32 width, auto encode)
             {
                 std::wstring digits;
                 std::wstring text;
@@ -157,21 +152,15 @@ TEST(VoDataConversion, WhatIsEncodedReadsBackAndBreaksWhenALineIsFull)
                 encode(guarded.Data(), static_cast<INT32>(size), text, line);
                 ASSERT_EQ(text, Lines(digits, line > 0 ? static_cast<size_t>(width) : 0)) << size << " " << line;
                 ASSERT_EQ(Decode(decoder, digits), bytes) << size;
-                // Padding that a line break parts from its other half is the one form that is not read back.
-                if (text.find(L"=\r\n=") == std::wstring::npos)
-                {
-                    ASSERT_EQ(Decode(decoder, text), bytes) << size << " " << line;
-                }
             };
-            check(&VoDataConversion::BinToHex, &VoDataConversion::HexToBin, line + line % 2);
+            check(&VoDataConversion::HexToBin, line + line % 2, &VoDataConversion::BinToHex);
             for (const bool flag : { false, true })
             {
-                check([flag](auto data, auto count, auto& text, auto width)
-                      { (void)VoDataConversion::BinToBase64(data, count, flag, text, width); }, &VoDataConversion::Base64ToBin,
-                      flag ? 0 : line + 1);
-                check([flag](auto data, auto count, auto& text, auto width)
-                      { (void)VoDataConversion::BinToBase32ModifiedCrockford(data, count, flag, text, width); },
-                      &VoDataConversion::Base32ModifiedCrockfordToBin, line);
+                check(&VoDataConversion::Base64ToBin, flag ? 0 : line + 1, [flag](auto data, auto count, auto& text, auto width)
+                      { (void)VoDataConversion::BinToBase64(data, count, flag, text, width); });
+                check(&VoDataConversion::Base32ModifiedCrockfordToBin, line,
+                      [flag](auto data, auto count, auto& text, auto width)
+                      { (void)VoDataConversion::BinToBase32ModifiedCrockford(data, count, flag, text, width); });
             }
         }
 }
@@ -197,9 +186,9 @@ TEST(VoDataConversion, KernelsStayWithinTheirGroups)
         for (size_t groups = 0; groups < 70; ++groups)
         {
             const CBytes bytes = RandomBytes(random, groups * kernel.bytes);
-            const CGuardedBuffer<BYTE> source(bytes, EGuard::Behind);
-            const CGuardedBuffer<wchar_t> text(groups * kernel.characters, EGuard::Behind);
-            const CGuardedBuffer<BYTE> decoded(bytes.size(), EGuard::Behind);
+            const CGuardedBuffer<BYTE> source(bytes);
+            const CGuardedBuffer<wchar_t> text(groups * kernel.characters);
+            const CGuardedBuffer<BYTE> decoded(bytes.size());
             kernel.encode(source.Data(), groups, text.Data());
             ASSERT_EQ(kernel.decode(text.Data(), groups, decoded.Data()), groups);
             ASSERT_TRUE(std::equal(bytes.begin(), bytes.end(), decoded.Data()));

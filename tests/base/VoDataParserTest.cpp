@@ -114,7 +114,7 @@ TEST(DataParser, ParameterTextIsReadByItsGrammar)
     };
     for (const CCase& c : cases)
     {
-        const CGuardedBuffer<wchar_t> text(c.text, EGuard::Behind);
+        const CGuardedBuffer<wchar_t> text(c.text);
         CVoDataParser parser;
         EXPECT_EQ(parser.ReadParamsFromString(text.View()), c.result) << testing::PrintToString(c.text);
         EXPECT_EQ(PairsOf(parser), c.pairs) << testing::PrintToString(c.text);
@@ -345,7 +345,7 @@ TEST(BinaryDataParser, MessagesAreTakenApart)
     };
     for (const auto& [result, text, params, payload] : cases)
     {
-        const CGuardedBuffer<BYTE> bytes(Bytes(text), EGuard::Behind);
+        const CGuardedBuffer<BYTE> bytes(Bytes(text));
         CVoBinaryDataParser parser = Read(L"old=1");
         parser.SetPayload(Bytes("old payload"));
         EXPECT_EQ(parser.Parse(static_cast<UINT32>(bytes.Size()), bytes.Data(), false, true), result) << text;

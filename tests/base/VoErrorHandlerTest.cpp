@@ -312,18 +312,6 @@ TEST(LogFile, ALineThatCannotBeWrittenIsDroppedAndLeavesTheHeaderPending)
     }
 }
 
-TEST(LogFile, WorksWithoutItsMutexAndTheProcessTime)
-{
-    const CFailOnCall<decltype(&::CreateMutexW)> mutex("kernel32.dll", "CreateMutexW", 1, nullptr, ERROR_ACCESS_DENIED);
-    const CFailOnCall<decltype(&::GetProcessTimes)> times("kernel32.dll", "GetProcessTimes", 1, FALSE, ERROR_ACCESS_DENIED);
-    CVoErrorLogFile log;
-    log.Init(OwnLog());
-    EXPECT_EQ(mutex.Calls(), 1);
-    const std::string bytes = ReadTestFile(log.LogFilePath());
-    EXPECT_THAT(ParseLog(bytes), SizeIs(1));
-    EXPECT_NE(bytes.find(")\r\nProcess created at unknown time\r\nModule compiled at:"), std::string::npos);
-}
-
 namespace
 {
 // A log whose next line finds a file of `size` bytes: each eight hold their own number.

@@ -8,12 +8,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
 
 using namespace TestSupport;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+
+static std::wstring g_shown;
 
 // The test program is a translator module too: it exports what one must.
 extern "C"
@@ -28,7 +29,7 @@ extern "C"
 
     __declspec(dllexport) HRESULT WINAPI ShowErrorMessageWindow(HRESULT code, const wchar_t* text)
     {
-        ::SetEnvironmentVariableW(L"VO_TEST_SHOWN", VoFormat(L"%X %ls", static_cast<unsigned>(code), text).c_str());
+        g_shown = VoFormat(L"%X %ls", static_cast<unsigned>(code), text);
         return S_OK;
     }
 }
@@ -47,56 +48,41 @@ std::wstring ProgramName()
     EXPECT_EQ(GetModuleDirAndFileName(nullptr, nullptr, &name), S_OK);
     return name;
 }
-
-std::wstring Variable(const wchar_t* name)
-{
-    wchar_t value[500];
-    return std::wstring(value, ::GetEnvironmentVariableW(name, value, static_cast<DWORD>(std::size(value))));
-}
-
-// Switches the process's translator on for a scope.
-struct CTranslatorSwitch
-{
-    CTranslatorSwitch() { VoErrorLog().SetUseErrorTranslator(true); }
-    ~CTranslatorSwitch() { VoErrorLog().SetUseErrorTranslator(false); }
-};
 } // namespace
 
 TEST(ErrorText, TheFacilityDecidesWhereTheTextIsLookedUp)
 {
     // What FormatMessageW is asked for; the wording is the platform's own.
-    for (const auto& [code, expectedId, fromModule] : { std::tuple(0x80070002u, 2u, false),
-                                                        { 0x80072EDFu, 11999u, false },
-                                                        { 0x80072EE0u, 12000u, true },
-                                                        { 0x80072FA0u, 12192u, true },
-                                                        { 0x80072FA1u, 12193u, false },
-                                                        { 0x80040154u, 0x80040154u, false },
-                                                        { 0x81020007u, 0x81020007u, false },
-                                                        { 0u, 0u, false } })
+    DWORD id = 0;
+    DWORD flags = 0;
+    const CCallHook<FormatMessageFunction> hook(
+        "kernel32.dll", "FormatMessageW",
+        [&](auto, DWORD askedFlags, LPCVOID, DWORD askedId, DWORD, LPWSTR buffer, DWORD, void*) -> DWORD
+        {
+            flags = askedFlags;
+            id = askedId;
+            // As the platform does: from the local heap.
+            auto* text = static_cast<wchar_t*>(::LocalAlloc(LMEM_FIXED, 100));
+            std::memcpy(buffer, &text, sizeof text);
+            return static_cast<DWORD>(std::wstring_view(L"The text.\r\n").copy(text, 50));
+        });
+    const CAcquireBalance memory =
+        CAcquireBalance::Of<decltype(&::LocalAlloc), decltype(&::LocalFree)>("kernel32.dll", "LocalAlloc", "LocalFree");
+    const CAcquireBalance modules = CAcquireBalance::Of<decltype(&::LoadLibraryExW), decltype(&::FreeLibrary)>(
+        "kernel32.dll", "LoadLibraryExW", "FreeLibrary");
+    for (const auto& [code, expectedId, source] : { std::tuple(0x80070002u, 2u, FORMAT_MESSAGE_FROM_SYSTEM),
+                                                    { 0x80072EDFu, 11999u, FORMAT_MESSAGE_FROM_SYSTEM },
+                                                    { 0x80072EE0u, 12000u, FORMAT_MESSAGE_FROM_HMODULE },
+                                                    { 0x80072FA0u, 12192u, FORMAT_MESSAGE_FROM_HMODULE },
+                                                    { 0x80072FA1u, 12193u, FORMAT_MESSAGE_FROM_SYSTEM },
+                                                    { 0x80040154u, 0x80040154u, FORMAT_MESSAGE_FROM_SYSTEM },
+                                                    { 0x81020007u, 0x81020007u, FORMAT_MESSAGE_FROM_SYSTEM } })
     {
-        DWORD id = 4711;
-        DWORD flags = 0;
-        const CCallHook<FormatMessageFunction> hook(
-            "kernel32.dll", "FormatMessageW",
-            [&](auto, DWORD askedFlags, LPCVOID, DWORD askedId, DWORD, LPWSTR buffer, DWORD, void*) -> DWORD
-            {
-                flags = askedFlags;
-                id = askedId;
-                // As the platform does: from the local heap.
-                auto* text = static_cast<wchar_t*>(::LocalAlloc(LMEM_FIXED, 100));
-                std::memcpy(buffer, &text, sizeof text);
-                return static_cast<DWORD>(std::wstring_view(L"The text.\r\n").copy(text, 50));
-            });
-        const CAcquireBalance memory =
-            CAcquireBalance::Of<decltype(&::LocalAlloc), decltype(&::LocalFree)>("kernel32.dll", "LocalAlloc", "LocalFree");
-        const CAcquireBalance modules = CAcquireBalance::Of<decltype(&::LoadLibraryExW), decltype(&::FreeLibrary)>(
-            "kernel32.dll", "LoadLibraryExW", "FreeLibrary");
         std::wstring text;
         EXPECT_EQ(VoGetErrorText(static_cast<HRESULT>(code), false, &text), S_OK);
         EXPECT_EQ(text, L"The text.");
         EXPECT_EQ(id, expectedId);
-        const DWORD source = fromModule ? FORMAT_MESSAGE_FROM_HMODULE : FORMAT_MESSAGE_FROM_SYSTEM;
-        EXPECT_EQ(flags, FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS | source);
+        EXPECT_EQ(flags, FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS | static_cast<DWORD>(source));
         EXPECT_EQ(memory.Open() + modules.Open(), 0);
     }
 }
@@ -180,7 +166,7 @@ TEST(ErrorTranslatorDeathTest, TextsAndWindowComeFromTheModuleWhenSwitchedOn)
 {
     EXPECT_EXIT(
         {
-            const CTranslatorSwitch on;
+            VoErrorLog().SetUseErrorTranslator(true);
             std::wstring text;
             std::wstring fallback;
             const HRESULT loaded = VoLoadErrorTranslator(ProgramName().c_str());
@@ -189,8 +175,7 @@ TEST(ErrorTranslatorDeathTest, TextsAndWindowComeFromTheModuleWhenSwitchedOn)
             const HRESULT unknown = VoGetErrorText(static_cast<HRESULT>(0x81040002), true, &fallback);
             std::fprintf(stderr, "%lx %lx %lx %lx [%ls] [%ls] [%ls]", static_cast<unsigned long>(loaded),
                          static_cast<unsigned long>(found), static_cast<unsigned long>(shown),
-                         static_cast<unsigned long>(unknown), text.c_str(), Variable(L"VO_TEST_SHOWN").c_str(),
-                         fallback.c_str());
+                         static_cast<unsigned long>(unknown), text.c_str(), g_shown.c_str(), fallback.c_str());
             std::exit(0);
         },
         testing::ExitedWithCode(0), HasSubstr("0 0 0 0 [translated] [81040001 translated] [Unknown system error occured!]"));
@@ -200,7 +185,7 @@ TEST(ErrorTranslatorDeathTest, AFailedLoadIsShownOnceAndNotTriedAgain)
 {
     const auto load = [](const wchar_t* loadedModule)
     {
-        const CTranslatorSwitch on;
+        VoErrorLog().SetUseErrorTranslator(true);
         const CCallHook<decltype(&::MessageBoxW)> hook("user32.dll", "MessageBoxW",
                                                        [](auto, HWND, LPCWSTR text, LPCWSTR caption, UINT) -> int
                                                        {

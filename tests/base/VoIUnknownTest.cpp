@@ -2,14 +2,11 @@
 #include <base/com/VoComImplHelper.h>
 #include <base/com/VoIUnknown.h>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <array>
 #include <numeric>
 #include <thread>
-
-#include <support/ImportHook.h>
-#include <support/LogCapture.h>
 
 namespace
 {
@@ -35,8 +32,6 @@ struct VoInterfaceId<IMarshal>
 
 namespace
 {
-using namespace TestSupport;
-
 class CThing : public CVoPropertyBagImpl<CThing, IThing>
 {
 public:
@@ -151,22 +146,6 @@ TEST_F(ComBase, ThreadsShareOneObjectAndOneMarshallerAndTheLastReferenceEndsIt)
     thing = copy; // the object held already
     EXPECT_EQ(thing->AddRef(), 3U);
     EXPECT_EQ(thing->Release(), 2U);
-}
-
-TEST_F(ComBase, AFailingMarshallerIsReportedAndTriedAgain)
-{
-    const CVoComPtr<CThing> thing = VoMakeComObject<CThing>(&m_alive);
-    CVoComPtr<IMarshal> marshal;
-    {
-        const CFailOnCall<decltype(&::CoCreateFreeThreadedMarshaler)> fail("ole32.dll", "CoCreateFreeThreadedMarshaler", 1,
-                                                                           E_OUTOFMEMORY, 0);
-        CLogCapture log;
-        EXPECT_EQ(thing.As(marshal), E_OUTOFMEMORY);
-        const std::wstring function = L"CVoIUnknownImplWithFreeThreadedMarshaller::MakeMarshaller";
-        EXPECT_THAT(log.Lines(), testing::ElementsAre(IsReport(L"VoIUnknown.h", 128, function, E_OUTOFMEMORY)));
-    }
-    EXPECT_FALSE(marshal);
-    EXPECT_EQ(thing.As(marshal), S_OK);
 }
 
 TEST_F(ComBase, PropertyBagListsReadsAndWritesItsTable)

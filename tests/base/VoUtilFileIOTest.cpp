@@ -105,7 +105,7 @@ TEST(IniFile, ReadsLinesAsTheyAreMeant)
     };
     for (const SCase& item : cases)
     {
-        const CGuardedBuffer<char> bytes(std::string_view(item.file), EGuard::Behind);
+        const CGuardedBuffer<char> bytes(std::string_view(item.file));
         const CVoIniFileIO file = Parsed(bytes.View());
         EXPECT_EQ(Listing(file), item.expected) << item.file;
         EXPECT_EQ(BytesOf(file), item.file);

@@ -1,61 +1,49 @@
-// Buffers beside an inaccessible page, so that reading or writing one unit too far is a crash instead of luck.
+// Buffers that end at an inaccessible page, so that reading or writing one unit too far is a crash instead of luck.
 //
-//     CGuardedBuffer<wchar_t> text(L"TWFu", EGuard::Behind);
+//     const CGuardedBuffer<wchar_t> text(L"TWFu");
 //     HexToBin(text.View(), ...);
 #pragma once
 
 #include <base/VoPlatform.h>
 
 #include <algorithm>
-#include <cstddef>
+#include <new>
 #include <span>
 #include <string_view>
 #include <type_traits>
 
 namespace TestSupport
 {
-enum class EGuard
-{
-    InFront, // the buffer begins behind the page
-    Behind   // the buffer ends in front of the page
-};
-
-// Pages of its own for that many bytes. Throws std::bad_alloc.
-class CGuardPage
-{
-public:
-    CGuardPage(size_t size, EGuard guard);
-    ~CGuardPage();
-    CGuardPage(const CGuardPage&) = delete;
-    CGuardPage& operator=(const CGuardPage&) = delete;
-
-    [[nodiscard]] void* Data() const noexcept { return m_data; }
-
-private:
-    void* m_region = nullptr;
-    void* m_data = nullptr;
-};
-
-// Units in such pages.
 template <class CUnit>
 class CGuardedBuffer
 {
     static_assert(std::is_trivially_copyable_v<CUnit>);
 
 public:
-    CGuardedBuffer(size_t size, EGuard guard) : m_page(size * sizeof(CUnit), guard), m_size(size) {}
-    CGuardedBuffer(std::span<const CUnit> content, EGuard guard) : CGuardedBuffer(content.size(), guard)
+    explicit CGuardedBuffer(size_t size) : m_size(size)
     {
-        std::copy(content.begin(), content.end(), Data());
+        constexpr size_t kPage = 4096;
+        const size_t usable = (size * sizeof(CUnit) / kPage + 1) * kPage;
+        m_region = static_cast<BYTE*>(::VirtualAlloc(nullptr, usable + kPage, MEM_RESERVE, PAGE_NOACCESS));
+        if (!m_region || !::VirtualAlloc(m_region, usable, MEM_COMMIT, PAGE_READWRITE))
+            throw std::bad_alloc();
+        m_data = reinterpret_cast<CUnit*>(m_region + usable) - size;
     }
+    explicit CGuardedBuffer(std::span<const CUnit> content) : CGuardedBuffer(content.size())
+    {
+        std::copy(content.begin(), content.end(), m_data);
+    }
+    ~CGuardedBuffer() { ::VirtualFree(m_region, 0, MEM_RELEASE); }
+    CGuardedBuffer(const CGuardedBuffer&) = delete;
+    CGuardedBuffer& operator=(const CGuardedBuffer&) = delete;
 
-    [[nodiscard]] CUnit* Data() const noexcept { return static_cast<CUnit*>(m_page.Data()); }
+    [[nodiscard]] CUnit* Data() const noexcept { return m_data; }
     [[nodiscard]] size_t Size() const noexcept { return m_size; }
-    [[nodiscard]] std::span<CUnit> Span() const noexcept { return { Data(), m_size }; }
-    [[nodiscard]] std::basic_string_view<CUnit> View() const noexcept { return { Data(), m_size }; }
+    [[nodiscard]] std::basic_string_view<CUnit> View() const noexcept { return { m_data, m_size }; }
 
 private:
-    CGuardPage m_page;
     size_t m_size;
+    BYTE* m_region = nullptr;
+    CUnit* m_data = nullptr;
 };
 } // namespace TestSupport

@@ -91,11 +91,6 @@ CImportHook::CImportHook(const char* module, const char* function) noexcept : m_
         m_original = *m_entries.front();
 }
 
-bool CImportHook::IsImported(const char* module, const char* function)
-{
-    return !FindEntries(module, function).empty();
-}
-
 CImportHook::~CImportHook()
 {
     Remove();

@@ -46,8 +46,6 @@ public:
     CImportHook(const CImportHook&) = delete;
     CImportHook& operator=(const CImportHook&) = delete;
 
-    // For the rare test that has to skip, with a reason, where a function is linked statically.
-    [[nodiscard]] static bool IsImported(const char* module, const char* function);
     // What the entries hold before Install: the platform's function, or the replacement of an outer hook. Null when the program
     // does not import the function (the test has failed then).
     [[nodiscard]] FARPROC Original() const noexcept { return m_original; }

@@ -1,43 +1,29 @@
 // RSA keys for tests.
 #pragma once
 
-#include <win/OrvDigSign.h>
-
-#include <gtest/gtest.h>
-
-#include <utility>
+#include <string>
 
 namespace TestSupport
 {
-// A 1024-bit key, with which an independent implementation (openssl) has made signatures.
+// A key of 1024 bits, with which an independent implementation (openssl) has made signatures.
+constexpr const wchar_t* kKnownPrivateKey =
+    L"0702000000240000525341320004000001000100B98B2D6A83D7CBB880F26DDB0785FF230ECE46B23161CFCE44A48D2FCA6E906F3F7EFBD5614E"
+    L"78F71B1BF3F9F4B9D9B34D49711400982C58CB6AF743A375EEF60E258829CE862AE0EECC31513585A0C5071B782B441AF3F28E670EA58666B67C"
+    L"ACA576B3AB7F8B5D496A2B26051AB48588920139671270880C29D446180A4BAA0D4B1CA72CD1BFA4E3937D982814D4899A5814945496C0F26100"
+    L"25626113AB7F02748F484BDA0864DB2BF35709455CB93A86307B63825659A27C05F4FD34D6E15D68CD510075048E3452A8631D3AE0BBFB67D7D3"
+    L"57CDF1A3DCFC7466635D9CC1145C69DAAD9356B92A446A06C009C7F9D38C4D1A3D60DF40858427AB65B009C14557D0F2578433AB7883B068D34F"
+    L"D614FB867663A034E3B7BFC1E8A28C1507239B22799EC7015AAC806A09ACFC7EC127A75C6E971D1E6B528333A49D77B1660301D5990343E4C0C7"
+    L"73549BF1B4E09CA33048BBEFBF9C1078D30C6575C8BAB9379FE5FFF12E0648EA88E72E61F1F10ECCE87F77CA19FC0BDE50118370A41A115E82F8"
+    L"449DCFC59C8511383501D571D619FF38E7BCCA6C4F7ADAE9105A702B64DA1BEA0D8D8D113EA89453C64EACCA7DCC53C701678121FBE865E34CEB"
+    L"BC5C4D0551DAF4C363AD7AE1F798C75BFFE43A8DF821C4D4AC4B78036A3FB11053E182CB62256C87B748D1C0979C8C7F586F256D80E75C7C28F0"
+    L"5F3448FDBAC31631242F3296BA5163B518C40384824CE059C29413B168DEFD0BD24A9FDC137367C3E914F32C7EDCCC776B44022808608C2BA23F"
+    L"EDB43633B5006CBE41839D7D24B66706";
 constexpr const wchar_t* kKnownPublicKey =
     L"0602000000240000525341310004000001000100B98B2D6A83D7CBB880F26DDB0785FF230ECE46B23161CFCE44A48D2FCA6E906F3F7EFBD5614E"
     L"78F71B1BF3F9F4B9D9B34D49711400982C58CB6AF743A375EEF60E258829CE862AE0EECC31513585A0C5071B782B441AF3F28E670EA58666B67C"
     L"ACA576B3AB7F8B5D496A2B26051AB48588920139671270880C29D446180A4BAA";
-
-struct SKeyPair
-{
-    explicit SKeyPair(UINT32 bits = 1024) { EXPECT_EQ(OrvDigSign::COrvRSAKey::Generate(bits, privateKey, publicKey), S_OK); }
-    std::wstring privateKey;
-    std::wstring publicKey;
-};
-
-// Two different pairs of one length, so that what the first has signed can be checked with the second's key. The second's
-// modulus is the larger one: for a signature that is a larger number than the key's modulus, Wine 8 answers a failure
-// (NTE_FAIL), while Windows says that it does not match.
-inline std::pair<SKeyPair, SKeyPair> MakeTwoKeyPairs(UINT32 bits = 1024)
-{
-    std::pair<SKeyPair, SKeyPair> pairs{ bits, bits };
-    const std::wstring& first = pairs.first.publicKey;
-    const std::wstring& second = pairs.second.publicKey;
-    EXPECT_EQ(first.size(), second.size());
-    // The modulus ends the blob, its most significant byte last.
-    size_t digits = first.size();
-    do
-        digits -= 2;
-    while (digits > 0 && first.compare(digits, 2, second, digits, 2) == 0);
-    if (first.compare(digits, 2, second, digits, 2) > 0)
-        std::swap(pairs.first, pairs.second);
-    return pairs;
-}
+// A key of the same length that the first has signed nothing for. Its modulus is the larger one: for a signature that is a
+// larger number than the key's modulus, Wine 8 answers a failure (NTE_FAIL), while Windows says that it does not match.
+inline const std::wstring kOtherPublicKey =
+    std::wstring(kKnownPublicKey).replace(std::wstring(kKnownPublicKey).size() - 2, 2, L"FF");
 } // namespace TestSupport
