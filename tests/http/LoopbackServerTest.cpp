@@ -1,16 +1,13 @@
-// The loopback server is what the transports are measured with, so its own framing, keep-alive and end are checked here with a
+// The loopback server is what the transports are measured with, so its own framing and keep-alive are checked here with a
 // client that speaks in raw bytes.
 #include "LoopbackServer.h"
 
 #include <gmock/gmock.h>
 
 #include <algorithm>
-#include <atomic>
-#include <thread>
 
 using Loopback::CConnection;
 using Loopback::CLoopbackServer;
-using Loopback::COptions;
 using Loopback::CRequest;
 
 namespace
@@ -115,45 +112,4 @@ TEST(LoopbackServer, FramesRequestsAndAnswers)
     EXPECT_EQ(holding.Read(goOn.size()), goOn);
     holding.Send("body");
     EXPECT_EQ(holding.ReadAll(), Echoed(1, "body"));
-}
-
-// Each case leaves the server's thread in another wait; the watchdog of the test program is the time limit.
-TEST(LoopbackServer, StopsWhateverItsConnectionsDoAndFreesItsPort)
-{
-    std::atomic<int> inHandler{ 0 };
-    std::atomic<int> stopped{ 0 };
-    CLoopbackServer origin(Echo);
-    CLoopbackServer server(
-        [&](const CRequest& request, CConnection& connection)
-        {
-            ++inHandler;
-            if (request.target == "/stall")
-                stopped += connection.WaitUntilStopped(std::chrono::hours(1));
-            else if (request.target == "/await")
-                stopped += connection.WaitForPeerClose(std::chrono::hours(1));
-            else if (request.target == "/drip")
-                stopped += !connection.Drip("abc", 1, std::chrono::hours(1));
-            else if (request.target == "/tunnel")
-                stopped += connection.Tunnel(origin.Port(), "established");
-            else // more than the client's and the server's buffers take
-                stopped += !connection.SendResponse(200, {}, std::string(100 << 20, 'x'));
-        });
-    std::vector<std::unique_ptr<CRawClient>> clients;
-    for (const char* bytes : { "GET /stall HTTP/1.1\r\n\r\n", "GET /await HTTP/1.1\r\n\r\n", "GET /drip HTTP/1.1\r\n\r\n",
-                               "CONNECT /tunnel HTTP/1.1\r\n\r\n", "GET /flood HTTP/1.1\r\n\r\n", "GET /half",
-                               "POST / HTTP/1.1\r\nContent-Length: 9\r\n\r\nabc", "" })
-    {
-        clients.push_back(std::make_unique<CRawClient>(server.Port()));
-        clients.back()->Send(bytes);
-    }
-    while (inHandler < 5 || server.OpenConnectionCount() < clients.size())
-        std::this_thread::yield();
-    COptions options;
-    options.port = server.Port();
-    EXPECT_THROW(CLoopbackServer(Echo, options), std::system_error);
-    server.Stop();
-    EXPECT_EQ(stopped, 5);
-    for (const auto& client : clients)
-        client->ReadAll();
-    EXPECT_EQ(Exchange(CLoopbackServer(Echo, options), Post("one")), Echoed(1, "one"));
 }

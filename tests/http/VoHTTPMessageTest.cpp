@@ -128,21 +128,6 @@ TEST(HTTPMessage, TheUserAgentNamesTheProcessorArchitecture)
     }
 }
 
-TEST(HTTPMessage, ABodyThatCannotBeSignedStaysAsItWas)
-{
-    CVoByteBuffer empty;
-    EXPECT_EQ(CVoHTTPMessage::SignMessage(true, empty, L"00", L"sig"), E_INVALIDARG);
-
-    auto bytes = std::make_unique<BYTE[]>(3);
-    const BYTE* const before = bytes.get();
-    CVoByteBuffer body(std::move(bytes), 3);
-    EXPECT_EQ(CVoHTTPMessage::SignMessage(false, body, L"00", L"sig"), E_INVALIDARG);
-    EXPECT_TRUE(FAILED(CVoHTTPMessage::SignMessage(true, body, L"0102", L"sig")));
-    EXPECT_TRUE(FAILED(CVoHTTPMessage::SignMessage(true, body, L"not hexadecimal at all: f", L"sig")));
-    EXPECT_EQ(body.Data(), before);
-    EXPECT_EQ(body.Length(), 3U);
-}
-
 TEST(HTTPMessage, TheSignatureBaseCoversTypeLengthAndDigest)
 {
     std::string bytes;
