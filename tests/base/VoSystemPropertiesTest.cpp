@@ -61,7 +61,6 @@ TEST(SystemCheck, ClassesTheSystemByItsVersion)
         { { kNT, 6, 2, L"" }, CVersionNumbers{ 10, 0 }, 6 },
         { { kNT, 6, 2, L"" }, CVersionNumbers{ 7, 3 }, 6 },
         { { kNT, 6, 2, L"" }, CVersionNumbers{ 6, 3 }, 5 },
-        { { kNT, 6, 2, L"" }, CVersionNumbers{ 6, 2 }, 4 },
         { { kNT, 6, 2, L"" }, CVersionNumbers{ 5, 3 }, 4 },
         { { kNT, 6, 3, L"" }, CVersionNumbers{ 10, 0 }, 5 },
         { { kNT, 6, 4, L"" }, {}, 0 },
@@ -103,26 +102,6 @@ TEST(SystemCheck, ReadsTheRegistryWhenTheVersionCallSays62)
     }
     const CFailOnCall<decltype(&::RegOpenKeyExW)> fail("advapi32.dll", "RegOpenKeyExW", 1, ERROR_ACCESS_DENIED, 0);
     check(ESystemClass::Windows8, 61, ERROR_ACCESS_DENIED);
-}
-
-TEST(SystemCheck, FamilyComesFromTheLevelOrTheType)
-{
-    const std::tuple<bool, int, DWORD, UINT32> cases[] = {
-        { true, PROCESSOR_ARCHITECTURE_AMD64, 0, 25 },
-        { true, PROCESSOR_ARCHITECTURE_INTEL, 586, 25 },
-        { true, PROCESSOR_ARCHITECTURE_ARM64, 0, 0 },
-        { false, 0, 386, 3 },
-        { false, 0, 586, 5 },
-        { false, 0, 8664, 0 },
-    };
-    for (const auto& [isNT, architecture, type, expected] : cases)
-    {
-        SYSTEM_INFO system{};
-        system.wProcessorArchitecture = static_cast<WORD>(architecture);
-        system.wProcessorLevel = 25;
-        system.dwProcessorType = type;
-        EXPECT_EQ(FamilyOf(isNT, system), expected) << architecture << " " << type;
-    }
 }
 
 TEST(SystemCheck, VendorNeedsAllThreeRegisters)
