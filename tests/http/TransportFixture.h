@@ -38,8 +38,6 @@ struct CTransport
     bool seesRedirects = true;
     // The answer waits with the connection until it is read, so that connecting anew loses it.
     bool answerWaitsAtConnection = false;
-    // A request serves the message that opened it only; one of libcurl's has all it needs.
-    bool bindsRequests = true;
     // The client's own address is known. It is for the trace; Wine's WinINet has no socket to show, and Wine's WinHTTP has it
     // only until the answer has been read.
     bool knowsLocalAddress = false;
@@ -79,7 +77,6 @@ inline constexpr CTransport kTransports[] = {
       .name = "CURL",
       .unexpectedStatus = E_FAIL,
       .timeOut = kResultTimeout,
-      .bindsRequests = false,
       .knowsLocalAddress = true,
       .receivesWhileSending = true,
       .documentedUnderWine = true,

@@ -525,6 +525,14 @@ catch (...)
     return CVoReporter{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::OpenRequest" }.CurrentException(1215);
 }
 
+// The request behind a caller's pointer; null unless this message made it.
+CVoHTTPMessageCURL::CHTTPRequestDataCURL* CVoHTTPMessageCURL::OwnRequest(
+    const std::shared_ptr<CHTTPRequestData>& request) const noexcept
+{
+    auto* const data = dynamic_cast<CHTTPRequestDataCURL*>(request.get());
+    return data && data->m_message.get() == this ? data : nullptr;
+}
+
 HRESULT CVoHTTPMessageCURL::internalOpenRequest(const CServerAddressData& address, std::shared_ptr<CHTTPRequestData>& request)
 {
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::internalOpenRequest" };
@@ -603,7 +611,7 @@ try
                                            .unknownKind = 1394,
                                            .exception = 1397 };
     const CAutoLock lock(&m_lock);
-    auto* const data = dynamic_cast<CHTTPRequestDataCURL*>(request.get());
+    auto* const data = OwnRequest(request);
     if (!data)
         return report(1338, E_INVALIDARG);
     CContent content;
@@ -628,7 +636,7 @@ try
 {
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::SendMultipleMessages" };
     const CAutoLock lock(&m_lock);
-    auto* const data = dynamic_cast<CHTTPRequestDataCURL*>(request.get());
+    auto* const data = OwnRequest(request);
     if (!data)
         return report(1420, E_INVALIDARG);
     CContent content;
@@ -650,7 +658,7 @@ try
 {
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::SendGetRequest" };
     const CAutoLock lock(&m_lock);
-    auto* data = objectPath.empty() ? dynamic_cast<CHTTPRequestDataCURL*>(request.get()) : nullptr;
+    auto* data = objectPath.empty() ? OwnRequest(request) : nullptr;
     if (!data)
     {
         CServerAddressData address = m_serverAddress;
@@ -678,7 +686,7 @@ try
 {
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::ReadResponse" };
     const CAutoLock lock(&m_lock);
-    auto* const data = dynamic_cast<CHTTPRequestDataCURL*>(request.get());
+    auto* const data = OwnRequest(request);
     if (!data)
         return report(1480, E_INVALIDARG);
     if (const HRESULT hr = ReadAnswer(data->m_answer, kind, response, isUtf8, isEmpty); FAILED(hr))
@@ -697,7 +705,7 @@ try
 {
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::ReadMultipleResponses" };
     const CAutoLock lock(&m_lock);
-    auto* const data = dynamic_cast<CHTTPRequestDataCURL*>(request.get());
+    auto* const data = OwnRequest(request);
     if (!data)
         return report(1510, E_INVALIDARG);
     if (const HRESULT hr = ReadAnswers(data->m_answer, responses, expectedCount, count); FAILED(hr))
