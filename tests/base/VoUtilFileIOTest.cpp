@@ -261,6 +261,9 @@ TEST(IniFile, AnyFileComesBackAndAnyEditDoesWhatItSays)
         }
         CVoIniFileIO file = Parsed(bytes);
         ASSERT_EQ(BytesOf(file), bytes) << "file " << i;
+        std::string damaged = bytes + "?";
+        damaged[random() % damaged.size()] = static_cast<char>(random());
+        ASSERT_EQ(BytesOf(Parsed(damaged)), damaged) << "file " << i;
         for (size_t step = random() % 12; step > 0; --step)
         {
             const std::wstring section = oneOf(sections);
