@@ -134,6 +134,13 @@ void CompareRow(const CTransport& transport, const Bare::CServer& server, const 
     { Demand(client.Request(path, body ? &body->bytes : nullptr).size() >= expected); };
     std::vector<Benchmark::CContender> contenders = Contenders(transport, clients, request);
     contenders.push_back({ "the library, one message", [&] { body ? message.Post(*body) : message.Get(expected); } });
+    // The library is given parameters and a payload, which the body has to be made of.
+    if (body && body->bytes.size() >= kLarge)
+        contenders.push_back({ std::string(transport.bare.front().name) + ", a body made first", [&]
+                               {
+                                   const std::string made = body->bytes;
+                                   Demand(!clients.front()->Request(path, &made).empty());
+                               } });
     if (!transport.pooled)
         contenders.push_back({ "a new handle each", [&] { request(*transport.bare.front().make(server)); } });
     Benchmark::Compare(title, contenders, options);
