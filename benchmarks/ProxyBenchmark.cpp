@@ -3,6 +3,7 @@
 #include "Benchmark.h"
 
 #include <VoGlobalHTTPProxyStoreImpl.h>
+#include <VoWinHttpAnswer.h>
 
 #include <base/VoMultiThreading.h>
 
@@ -10,9 +11,10 @@
 
 #include <winhttp.h>
 
-#include <atomic>
 #include <cstdlib>
+#include <mutex>
 #include <thread>
+#include <vector>
 
 namespace
 {
@@ -42,9 +44,7 @@ public:
     }
     ~CCrew()
     {
-        m_stop.store(true);
-        m_generation.fetch_add(1);
-        m_generation.notify_all();
+        Begin(0);
         for (std::thread& thread : m_threads)
             thread.join();
     }
@@ -53,33 +53,45 @@ public:
 
     void Run()
     {
-        m_left.store(static_cast<int>(m_threads.size()));
-        m_generation.fetch_add(1);
-        m_generation.notify_all();
-        for (int left = m_left.load(); left != 0; left = m_left.load())
-            m_left.wait(left);
+        Begin(m_threads.size());
+        std::unique_lock lock(m_lock);
+        m_changed.Wait(lock, [this] { return m_left == 0; });
     }
 
 private:
+    // Lets every thread work once; with none expected to, ends them.
+    void Begin(size_t workers)
+    {
+        const std::lock_guard lock(m_lock);
+        m_left = workers;
+        m_stop = workers == 0;
+        ++m_generation;
+        m_changed.NotifyAll();
+    }
     void Loop()
     {
-        for (int seen = 0;;)
+        for (int seen = 0;; ++seen)
         {
-            m_generation.wait(seen);
-            seen = m_generation.load();
-            if (m_stop.load())
-                return;
+            {
+                std::unique_lock lock(m_lock);
+                m_changed.Wait(lock, [&] { return m_generation != seen; });
+                if (m_stop)
+                    return;
+            }
             for (int i = 0; i < kBatch; ++i)
                 m_work();
-            if (m_left.fetch_sub(1) == 1)
-                m_left.notify_all();
+            const std::lock_guard lock(m_lock);
+            if (--m_left == 0)
+                m_changed.NotifyAll();
         }
     }
 
     std::function<void()> m_work;
-    std::atomic<int> m_generation{ 0 };
-    std::atomic<int> m_left{ 0 };
-    std::atomic<bool> m_stop{ false };
+    VoWinHttpRequest::Detail::CLock m_lock; // the standard library's waits miss a call now and then with mingw-w64
+    VoWinHttpRequest::Detail::CCondition m_changed;
+    int m_generation = 0;
+    size_t m_left = 0;
+    bool m_stop = false;
     std::vector<std::thread> m_threads;
 };
 

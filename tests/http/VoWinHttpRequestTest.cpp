@@ -45,13 +45,20 @@ class CGate
 public:
     void Open() noexcept
     {
-        m_isOpen.test_and_set();
-        m_isOpen.notify_all();
+        const std::lock_guard lock(m_lock);
+        m_isOpen = true;
+        m_changed.NotifyAll();
     }
-    void Wait() const noexcept { m_isOpen.wait(false); }
+    void Wait() noexcept
+    {
+        std::unique_lock lock(m_lock);
+        m_changed.Wait(lock, [this] { return m_isOpen; });
+    }
 
 private:
-    std::atomic_flag m_isOpen;
+    Detail::CLock m_lock; // the standard library's waits miss a call now and then with the mingw-w64 compilers
+    Detail::CCondition m_changed;
+    bool m_isOpen = false;
 };
 
 // What a get function does: the code it throws, that of a future's misuse, S_OK for a value.
