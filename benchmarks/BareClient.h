@@ -38,6 +38,7 @@ public:
 
 std::unique_ptr<IClient> MakeCURL(const CServer& server);
 std::unique_ptr<IClient> MakeWinHttp(const CServer& server); // synchronous
+std::unique_ptr<IClient> MakeAsynchronousWinHttp(const CServer& server);
 // Synchronous, with the body in the call that sends the request, and in calls of its own as the library's transport sends it.
 std::unique_ptr<IClient> MakeWinINet(const CServer& server);
 std::unique_ptr<IClient> MakeWinINetInPieces(const CServer& server);

@@ -225,7 +225,14 @@ void Run(const CTransport& transport)
 
 const Benchmark::CGroup kCURL("http-curl", [] { Run({ "libcurl", 2, { { "one handle", &Bare::MakeCURL } }, false }); });
 const Benchmark::CGroup kWinHttp("http-winhttp",
-                                 [] { Run({ "WinHTTP", 1, { { "synchronous calls", &Bare::MakeWinHttp } }, true }); });
+                                 []
+                                 {
+                                     Run({ "WinHTTP",
+                                           1,
+                                           { { "synchronous calls", &Bare::MakeWinHttp },
+                                             { "asynchronous calls", &Bare::MakeAsynchronousWinHttp } },
+                                           true });
+                                 });
 const Benchmark::CGroup kWinINet("http-wininet",
                                  []
                                  {

@@ -67,14 +67,19 @@ void RunWinHttp()
             connection.Send(large);
         });
     const std::unique_ptr<Bare::IClient> bare = Bare::MakeWinHttp({ .port = server.Port(), .secure = false });
+    const std::unique_ptr<Bare::IClient> asynchronous =
+        Bare::MakeAsynchronousWinHttp({ .port = server.Port(), .secure = false });
     const CExchange exchange(server.Port());
     Benchmark::Compare("WinHTTP, GET of 0 B",
                        { { "bare synchronous calls", [&] { Benchmark::Keep(bare->Request("/", nullptr)); } },
+                         { "bare asynchronous calls", [&] { Benchmark::Keep(asynchronous->Request("/", nullptr)); } },
                          { "CVoWinHttpRequest", [&] { Benchmark::Keep(exchange.Get(L"/")); } } });
-    Benchmark::Compare("WinHTTP, GET of 10 MB",
-                       { { "bare synchronous calls", [&] { Demand(bare->Request("/large", nullptr).size() == kLarge); } },
-                         { "CVoWinHttpRequest", [&] { Demand(exchange.Get(L"/large").size() == kLarge); } } },
-                       { .bytes = static_cast<double>(kLarge) });
+    Benchmark::Compare(
+        "WinHTTP, GET of 10 MB",
+        { { "bare synchronous calls", [&] { Demand(bare->Request("/large", nullptr).size() == kLarge); } },
+          { "bare asynchronous calls", [&] { Demand(asynchronous->Request("/large", nullptr).size() == kLarge); } },
+          { "CVoWinHttpRequest", [&] { Demand(exchange.Get(L"/large").size() == kLarge); } } },
+        { .bytes = static_cast<double>(kLarge) });
 
     constexpr int kRow = 10'000;
     const auto run = [&](int count)
