@@ -195,11 +195,36 @@ __m128i JoinNibbles(__m128i values) noexcept
 {
     return _mm_and_si128(_mm_or_si128(_mm_slli_epi16(values, 4), _mm_srli_epi16(values, 8)), _mm_set1_epi16(0xFF));
 }
+
+// The digits of the low nibbles of 16 bytes; what stands in the high nibbles is ignored.
+__m128i HexDigits16(__m128i bytes) noexcept
+{
+    const __m128i nibbles = _mm_and_si128(bytes, _mm_set1_epi8(0x0F));
+    const __m128i isLetter = _mm_cmpgt_epi8(nibbles, _mm_set1_epi8(9));
+    return _mm_add_epi8(_mm_add_epi8(nibbles, _mm_set1_epi8('0')), _mm_and_si128(isLetter, _mm_set1_epi8('A' - '0' - 10)));
+}
+
+// 16 characters below 256, each widened to its 16-bit unit.
+void StoreWide16(__m128i characters, wchar_t* text) noexcept
+{
+    const __m128i zero = _mm_setzero_si128();
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(text), _mm_unpacklo_epi8(characters, zero));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(text + 8), _mm_unpackhi_epi8(characters, zero));
+}
 } // namespace
 
 void EncodeHex(const BYTE* bytes, size_t groups, wchar_t* text) noexcept
 {
-    for (size_t i = 0; i < groups; ++i)
+    size_t i = 0;
+    for (; groups - i >= 16; i += 16)
+    {
+        const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + i));
+        const __m128i high = HexDigits16(_mm_srli_epi16(block, 4));
+        const __m128i low = HexDigits16(block);
+        StoreWide16(_mm_unpacklo_epi8(high, low), text + 2 * i);
+        StoreWide16(_mm_unpackhi_epi8(high, low), text + 2 * i + 16);
+    }
+    for (; i < groups; ++i)
         std::memcpy(text + 2 * i, &kHexPairs[bytes[i]], sizeof(UINT32));
 }
 
