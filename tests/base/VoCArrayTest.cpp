@@ -17,6 +17,7 @@ TEST(CArray, InsertsAndRemovesAnywhere)
     EXPECT_EQ(array.Add(L"b"), S_OK);
     EXPECT_EQ(array.InsertAt(0, L"a"), S_OK);
     EXPECT_EQ(array.InsertAt(3, L"d"), S_OK); // behind the end: grows up to it
+    EXPECT_EQ(array.InsertAt(std::numeric_limits<size_t>::max(), L"x"), kResultNotEnoughMemory);
     EXPECT_THAT(array, ElementsAre(L"a", L"b", L"", L"d"));
 
     array.RemoveAt(2);

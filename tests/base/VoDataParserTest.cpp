@@ -225,7 +225,9 @@ TEST(DataParser, ATwoDimensionalArrayIsFlattenedAndReadBack)
     ASSERT_EQ(received.GetParam(L"n", read), S_OK);
     EXPECT_EQ(read.GetCell(0, 1), nullptr);
     CVoDataParser again;
-    ASSERT_EQ(again.AddParam(L"N", read), S_OK);
+    const CVo2DIDArray moved = std::move(read);
+    EXPECT_EQ(read.GetCell(0, 0), nullptr); // NOLINT(bugprone-use-after-move): it is empty
+    ASSERT_EQ(again.AddParam(L"N", moved), S_OK);
     EXPECT_EQ(TextOf(again), TextOf(parser));
 }
 

@@ -93,10 +93,10 @@ TEST(AutoLock, LocksOnceUnlocksOnceAndBelievesTheLock)
         EXPECT_EQ(holder.Unlock(), 0);
         EXPECT_TRUE(holder.IsLocked());
         lock.answer = 7;
-        EXPECT_EQ(holder.Unlock(), 7);
+        EXPECT_EQ(holder.Unlock(), 1);
         EXPECT_FALSE(holder.IsLocked());
         EXPECT_EQ(holder.Unlock(), 1);
-        EXPECT_EQ(holder.Lock(), 7);
+        EXPECT_EQ(holder.Lock(), 1);
     }
     EXPECT_EQ(lock.calls, 5);
 }
@@ -256,6 +256,31 @@ TEST(Thread, DestroyingWithoutWaitDoesNotBlockAndNothingOfTheObjectIsUsedAfterwa
         EXPECT_EQ(stopSeen.IsSignalled(), !suspended);
     }
     EXPECT_EQ(CountProcessHandles(), handles);
+}
+
+TEST(Thread, DestroyedWhileItBeginsDoesNotRun)
+{
+    CEvent inside(false, true);
+    CEvent release(false, true);
+    std::atomic<bool> ran{ false };
+    CVoHandle ended;
+    {
+        CTestThread thread;
+        thread.joinInDestructor = false;
+        thread.init = [&]
+        {
+            const HANDLE wait = release.Handle(); // what the function holds goes with the object
+            static_cast<void>(inside.Set());
+            return ::WaitForSingleObject(wait, INFINITE) == WAIT_OBJECT_0;
+        };
+        thread.run = [&](CTestThread&) { return ran = true, S_OK; };
+        ASSERT_EQ(thread.CreateThread(false, false, false, L"", false), S_OK);
+        ::WaitForSingleObject(inside.Handle(), INFINITE);
+        ended = Duplicate(thread.ThreadHandle());
+    }
+    static_cast<void>(release.Set());
+    ::WaitForSingleObject(ended.Get(), INFINITE);
+    EXPECT_FALSE(ran);
 }
 
 TEST(Thread, DeletesItsObjectWhenDone)

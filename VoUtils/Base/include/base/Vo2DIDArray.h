@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 // Rows by columns of cells; a cell holds an ID text and a value, or nothing. Rows and columns count from 0. The array owns its
@@ -19,6 +20,15 @@ public:
         std::wstring id;
         CVoVariant value;
     };
+
+    CVo2DIDArray() noexcept = default;
+    // An array that was moved from is empty.
+    CVo2DIDArray(CVo2DIDArray&& other) noexcept { Swap(other); }
+    CVo2DIDArray& operator=(CVo2DIDArray&& other) noexcept
+    {
+        CVo2DIDArray(std::move(other)).Swap(*this);
+        return *this;
+    }
 
     // Makes every cell hold nothing. Either size may be 0. E_INVALIDARG for a size above INT32_MAX, E_OUTOFMEMORY.
     [[nodiscard]] HRESULT SetSize(UINT32 rows, UINT32 columns) noexcept;
@@ -41,6 +51,12 @@ public:
     [[nodiscard]] const CCell* GetCell(UINT32 row, UINT32 column) const noexcept;
 
 private:
+    void Swap(CVo2DIDArray& other) noexcept
+    {
+        std::swap(m_rows, other.m_rows);
+        std::swap(m_columns, other.m_columns);
+        m_cells.swap(other.m_cells);
+    }
     [[nodiscard]] bool IsInside(UINT32 row, UINT32 column) const noexcept { return row < m_rows && column < m_columns; }
     [[nodiscard]] size_t Index(UINT32 row, UINT32 column) const noexcept { return size_t{ row } * m_columns + column; }
 

@@ -125,8 +125,9 @@ public:
     {
         Type copy(item);
         const size_t size = GetSize();
-        const size_t newSize = std::max(index, size) + 1;
-        if (const HRESULT hr = SetSize(newSize); FAILED(hr))
+        // No array can hold SIZE_MAX items: asking for as many fails as it should, where counting one more would give 0.
+        const size_t last = std::max(index, size);
+        if (const HRESULT hr = SetSize(last < SIZE_MAX ? last + 1 : SIZE_MAX); FAILED(hr))
             return hr;
         if (index < size)
             std::move_backward(Position(index), Position(size), m_items.end());

@@ -66,23 +66,21 @@ public:
     CAutoLock(const CAutoLock&) = delete;
     CAutoLock& operator=(const CAutoLock&) = delete;
 
-    // Takes the lock unless this holder has it already. Gives the lock's own answer: nonzero on success.
+    // Takes the lock unless this holder has it already. 1 on success, 0 when the lock refuses.
     int Lock() noexcept
     {
         if (m_locked)
             return 1;
-        const int result = m_lock->Lock(0);
-        m_locked = result != 0;
-        return result;
+        m_locked = m_lock->Lock(0) != 0;
+        return m_locked ? 1 : 0;
     }
-    // Releases the lock if this holder has it. A lock that refuses stays marked as held.
+    // Releases the lock if this holder has it. 1 on success; a lock that refuses, with 0, stays marked as held.
     int Unlock() noexcept
     {
         if (!m_locked)
             return 1;
-        const int result = m_lock->Unlock();
-        m_locked = result == 0;
-        return result;
+        m_locked = m_lock->Unlock() == 0;
+        return m_locked ? 0 : 1;
     }
     [[nodiscard]] bool IsLocked() const noexcept { return m_locked; }
 

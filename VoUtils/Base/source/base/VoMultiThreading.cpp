@@ -45,6 +45,9 @@ CVoThread::CVoThread() : m_shared(std::make_shared<SShared>()) {}
 
 CVoThread::~CVoThread()
 {
+    // A thread that is not waited for calls nothing of the object any more.
+    if (!m_waitOnDestroy)
+        m_shared->isObjectGone.store(true);
     Stop(m_waitOnDestroy);
     m_shared->isObjectGone.store(true);
     // Nobody else could let a thread go that is still suspended; it ends at once.
@@ -72,7 +75,7 @@ DWORD WINAPI CVoThread::VoThreadProc(void* argument) noexcept
     HRESULT exitCode = S_OK;
     try
     {
-        if (!shared->isObjectGone.load() && object->InitInstance())
+        if (!shared->isObjectGone.load() && object->InitInstance() && !shared->isObjectGone.load())
         {
             try
             {
@@ -218,9 +221,13 @@ HRESULT CVoThread::WaitUntilStarted(const SShared& shared, bool useFinishedEvent
 HRESULT CVoThread::Resume() noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoThread::Resume" };
+    // Held beyond the life of an object that the thread deletes. The lock keeps a call from another thread from coming between
+    // the making of the thread and the note that it is suspended.
+    const std::shared_ptr<SShared> shared = m_shared;
+    const CAutoLock lock(&shared->creation);
     if (!m_isSuspended.exchange(false))
         return S_OK;
-    if (::ResumeThread(ThreadHandle()) == static_cast<DWORD>(-1))
+    if (::ResumeThread(shared->thread.Get()) == static_cast<DWORD>(-1))
     {
         const HRESULT hr = report.LastError(860, 861);
         m_isSuspended.store(true);
