@@ -199,6 +199,11 @@ TEST(Variants, TypedValuesBecomeTextAndComeBackWithoutTheLocale)
         EXPECT_EQ(V_VT(&variant.Get()), type);
         EXPECT_EQ(VoVariantToTypeNoLocale(variant.Get(), text), S_OK);
         EXPECT_EQ(text, expected);
+        VARIANT reference{}; // to the variant
+        V_VT(&reference) = VT_BYREF | VT_VARIANT;
+        V_VARIANTREF(&reference) = &variant.Get();
+        EXPECT_EQ(VoVariantToTypeNoLocale(reference, text), S_OK);
+        EXPECT_EQ(text, expected);
         ASSERT_EQ(VoTypeToVariant(std::wstring_view(text), *variant.Put()), S_OK);
         decltype(value) back{};
         EXPECT_EQ(VoVariantToTypeNoLocale(variant.Get(), back), S_OK) << text;

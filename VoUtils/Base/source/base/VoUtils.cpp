@@ -174,6 +174,14 @@ bool ChangeToText(VARIANT& result, const VARIANT& source, LCID locale, HRESULT& 
 // The change itself, unreported. `destination` is replaced on success only.
 HRESULT ChangeVariantType(VARIANT& destination, const VARIANT& source, VARTYPE type, LCID locale) noexcept
 {
+    // What a reference stands for is changed as it would be by itself.
+    if (V_VT(&source) & VT_BYREF)
+    {
+        CVoVariant value;
+        if (const HRESULT hr = ::VariantCopyInd(&value.Get(), const_cast<VARIANT*>(&source)); FAILED(hr))
+            return hr;
+        return ChangeVariantType(destination, value.Get(), type, locale);
+    }
     CVoVariant result;
     HRESULT hr = S_OK;
     const bool done = (V_VT(&source) == VT_BSTR && ChangeFromText(result.Get(), V_BSTR(&source), type, locale, hr)) ||
@@ -187,11 +195,6 @@ HRESULT ChangeVariantType(VARIANT& destination, const VARIANT& source, VARTYPE t
         return cleared;
     destination = result.Detach();
     return S_OK;
-}
-
-HRESULT VariantTo(CVoVariant& result, const VARIANT& variant, VARTYPE type) noexcept
-{
-    return ChangeVariantType(result.Get(), variant, type, LOCALE_INVARIANT);
 }
 } // namespace
 
@@ -496,7 +499,7 @@ HRESULT VoVariantToTypeNoLocale(const VARIANT& variant, std::wstring& value) noe
 {
     constexpr CVoReporter report{ kSource, L"VoVariantToTypeNoLocale" };
     CVoVariant result;
-    if (const HRESULT hr = VariantTo(result, variant, VT_BSTR); FAILED(hr))
+    if (const HRESULT hr = VoChangeVariantTypeNoLocale(result.Get(), variant, VT_BSTR); FAILED(hr))
         return report(275, hr);
     try
     {
@@ -513,18 +516,13 @@ HRESULT VoVariantToTypeNoLocale(const VARIANT& variant, UINT32& value) noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoVariantToTypeNoLocale" };
     CVoVariant result;
-    HRESULT hr = VariantTo(result, variant, VT_I4);
-    if (SUCCEEDED(hr))
-    {
-        value = static_cast<UINT32>(V_I4(&result.Get()));
-        return S_OK;
-    }
-    // The upper half of the unsigned range may also stand as what it means.
-    if (hr == DISP_E_OVERFLOW)
-        hr = VariantTo(result, variant, VT_UI4);
-    if (FAILED(hr))
+    // The upper half of the unsigned range may also stand as what it means; that there is more to try is no failure yet.
+    const bool isTooLarge = ChangeVariantType(result.Get(), variant, VT_I4, LOCALE_INVARIANT) == DISP_E_OVERFLOW;
+    if (const HRESULT hr =
+            VoChangeVariantTypeNoLocale(result.Get(), variant, isTooLarge ? VARTYPE{ VT_UI4 } : VARTYPE{ VT_I4 });
+        FAILED(hr))
         return report(301, hr);
-    value = V_UI4(&result.Get());
+    value = isTooLarge ? V_UI4(&result.Get()) : static_cast<UINT32>(V_I4(&result.Get()));
     return S_OK;
 }
 
@@ -532,7 +530,7 @@ HRESULT VoVariantToTypeNoLocale(const VARIANT& variant, double& value) noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoVariantToTypeNoLocale" };
     CVoVariant result;
-    if (const HRESULT hr = VariantTo(result, variant, VT_R8); FAILED(hr))
+    if (const HRESULT hr = VoChangeVariantTypeNoLocale(result.Get(), variant, VT_R8); FAILED(hr))
         return report(311, hr);
     value = V_R8(&result.Get());
     return S_OK;
@@ -542,7 +540,7 @@ HRESULT VoVariantToTypeNoLocale(const VARIANT& variant, bool& value) noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoVariantToTypeNoLocale" };
     CVoVariant result;
-    if (const HRESULT hr = VariantTo(result, variant, VT_BOOL); FAILED(hr))
+    if (const HRESULT hr = VoChangeVariantTypeNoLocale(result.Get(), variant, VT_BOOL); FAILED(hr))
         return report(321, hr);
     value = V_BOOL(&result.Get()) != VARIANT_FALSE;
     return S_OK;
