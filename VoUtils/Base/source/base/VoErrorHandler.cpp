@@ -437,6 +437,8 @@ namespace VoReportDetail
 {
 void ReportCode(const wchar_t* source, int line, const wchar_t* function, HRESULT code) noexcept
 {
+    // Also the first report of the process, which makes the log.
+    const CVoLastErrorKeeper keeper;
     VoErrorLog().WriteCode(source, line, function, code);
 }
 

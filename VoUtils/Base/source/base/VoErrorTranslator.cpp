@@ -57,10 +57,14 @@ HRESULT LoadOnce(const wchar_t* loadedModule) noexcept
             {
                 wchar_t common[MAX_PATH] = L"";
                 const HRESULT hr = ::SHGetFolderPathW(nullptr, CSIDL_PROGRAM_FILES_COMMON, nullptr, SHGFP_TYPE_CURRENT, common);
-                if (FAILED(hr))
-                    (void)report(52, hr);
                 const std::wstring path = VoFormat(L"%ls\\Kestrelan\\ErrorTranslator.dll", common);
-                if (SUCCEEDED(process.translator.LoadFile(path)))
+                if (FAILED(hr))
+                {
+                    // Without the folder the path would be one below the root of whatever drive is current.
+                    (void)report(52, hr);
+                    ::SetLastError(ERROR_PATH_NOT_FOUND);
+                }
+                else if (SUCCEEDED(process.translator.LoadFile(path)))
                     return S_OK;
                 failure = VoFormat(L"Error loading lib [%ls] (%d)", path.c_str(), static_cast<int>(::GetLastError()));
             }
