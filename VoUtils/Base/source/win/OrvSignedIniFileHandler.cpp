@@ -167,7 +167,7 @@ private:
 
 // The check itself. `data` is the canonical text in UTF-8.
 [[nodiscard]] HRESULT VerifyData(OrvDigSign::IVoHashInput& data, std::wstring_view publicKey, std::wstring_view signatureText,
-                                 bool& valid) noexcept
+                                 bool& valid)
 {
     constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::VerifySign" };
     CVoByteBuffer signature;
@@ -350,6 +350,7 @@ HRESULT CVoSignedIniFileHandler2::GetSignedText(std::wstring& text) noexcept
 
 HRESULT CVoSignedIniFileHandler2::VerifySign(std::wstring_view dataText, std::wstring_view publicKey,
                                              std::wstring_view signatureText, bool& valid) noexcept
+try
 {
     constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::VerifySign" };
     valid = false;
@@ -358,6 +359,10 @@ HRESULT CVoSignedIniFileHandler2::VerifySign(std::wstring_view dataText, std::ws
         return report(270, hr);
     OrvDigSign::CVoHashBlock block(reinterpret_cast<const BYTE*>(data.data()), static_cast<UINT32>(data.size()));
     return VerifyData(block, publicKey, signatureText, valid);
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::VerifySign" }.CurrentException(274);
 }
 
 HRESULT CVoSignedIniFileHandler2::SignFile(std::wstring_view privateKey, UINT32 lineLength) noexcept
