@@ -205,6 +205,16 @@ TEST(IniFile, ChangesOnlyTheLinesThatChange)
         { "[A]\nx=1\n[B]\n[a]\n\n[C]\n", add(L"A", L"x", L"2"), "[A]\nx=1\n[B]\n[a]\nx=2\n\n[C]\n" },
         { "[A]\nx=1\n; c\nX=2\ny=3\n[a]\nx=4\n", [](CVoIniFileIO& file) { return file.RemoveValue(L"A", L"x"); },
           "[A]\n; c\ny=3\n[a]\n" },
+        { "[A]\n",
+          [](CVoIniFileIO& file)
+          {
+              for (const wchar_t* const value : { L"1", L"2", L"3" })
+                  EXPECT_EQ(file.AddValue(L"A", L"a key that has its own memory", value), S_OK);
+              std::vector<CVoIniEntry> entries;
+              EXPECT_EQ(file.GetSection(L"A", entries), S_OK);
+              return file.RemoveValue(L"A", entries.at(0).key);
+          },
+          "[A]\n" },
         { "[A]\n; c\nx=1\n\ny=2\n[B]\nz=3\n", [](CVoIniFileIO& file) { return file.ClearSection(L"A"); },
           "[A]\n; c\n\n[B]\nz=3\n" },
         { "; top\n[A]\n; c\nx=1\n\n; about B\n[B]\nz=3\n[A]\ny=2\n",
@@ -275,7 +285,10 @@ TEST(IniFile, AnyFileComesBackAndAnyEditDoesWhatItSays)
             ASSERT_GE(file.RemoveValue(section, removed), S_OK);
             ASSERT_EQ(file.FindValue(section, removed), std::nullopt) << "file " << i;
         }
-        ASSERT_EQ(Listing(Parsed(BytesOf(file))), Listing(file)) << "file " << i;
+        const auto listing = Listing(file);
+        ASSERT_EQ(Listing(Parsed(BytesOf(file))), listing) << "file " << i;
+        ASSERT_GE(file.SetEncoding(isWide ? EVoTextEncoding::Utf8 : EVoTextEncoding::Utf16BigEndian), S_OK);
+        ASSERT_EQ(Listing(file), listing) << "file " << i;
     }
 }
 

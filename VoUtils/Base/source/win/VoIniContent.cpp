@@ -446,24 +446,30 @@ std::string CVoIniContent::Render() const
             size += line.owned ? line.raw.size() : 0;
     bytes.reserve(size);
     bytes += m_mark;
-    const std::string lineEnd = Encode(m_lineEnd, m_encoding);
+    AppendLines(bytes, m_encoding, [&](const SLine& line) { bytes += line.raw; });
+    bytes += m_rest;
+    return bytes;
+}
+
+template <class Append>
+void CVoIniContent::AppendLines(std::string& bytes, EVoTextEncoding encoding, Append append) const
+{
+    const std::string lineEnd = Encode(m_lineEnd, encoding);
     bool isEnded = true;
-    const auto append = [&](const SLine& line)
+    const auto next = [&](const SLine& line)
     {
         if (line.raw.empty())
-            return;
+            return; // a header that was removed
         if (!isEnded)
             bytes += lineEnd;
-        bytes += line.raw;
+        append(line);
         isEnded = line.isEnded;
     };
     for (const SBlock& block : m_blocks)
     {
-        append(block.header);
-        std::for_each(block.lines.begin(), block.lines.end(), append);
+        next(block.header);
+        std::for_each(block.lines.begin(), block.lines.end(), next);
     }
-    bytes += m_rest;
-    return bytes;
 }
 
 std::string CVoIniContent::RenderAs(EVoTextEncoding encoding) const
@@ -471,21 +477,16 @@ std::string CVoIniContent::RenderAs(EVoTextEncoding encoding) const
     if (!m_rest.empty())
         Throw(HResultFromWin32(ERROR_NO_UNICODE_TRANSLATION));
     std::string bytes(MarkOf(encoding));
-    const auto append = [&](const SLine& line)
-    {
-        std::wstring text(line.Text());
-        if (line.isEnded)
-            text += LineEndOf(line);
-        // What was malformed has been read as something else, which must not take its place.
-        if (Encode(text, m_encoding) != line.raw)
-            Throw(HResultFromWin32(ERROR_NO_UNICODE_TRANSLATION));
-        bytes += Encode(text, encoding);
-    };
-    for (const SBlock& block : m_blocks)
-    {
-        append(block.header);
-        std::for_each(block.lines.begin(), block.lines.end(), append);
-    }
+    AppendLines(bytes, encoding,
+                [&](const SLine& line)
+                {
+                    std::wstring text(line.Text());
+                    text += LineEndOf(line);
+                    // What was malformed has been read as something else, which must not take its place.
+                    if (Encode(text, m_encoding) != line.raw)
+                        Throw(HResultFromWin32(ERROR_NO_UNICODE_TRANSLATION));
+                    bytes += Encode(text, encoding);
+                });
     return bytes;
 }
 
@@ -748,7 +749,9 @@ bool CVoIniContent::RemoveEntries(SSection& section, IsRemoved isRemoved)
 
 bool CVoIniContent::RemoveValue(UINT32 section, std::wstring_view key)
 {
-    return RemoveEntries(m_sections[section], [&](const SLine& line) { return VoEqualsNoCase(line.Key(), key); });
+    // The key may be one of the lines that go.
+    const std::wstring removed(key);
+    return RemoveEntries(m_sections[section], [&](const SLine& line) { return VoEqualsNoCase(line.Key(), removed); });
 }
 
 bool CVoIniContent::ClearSection(UINT32 section)

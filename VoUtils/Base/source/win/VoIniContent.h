@@ -140,6 +140,9 @@ private:
     [[nodiscard]] static bool DecodeLine(std::string_view bytes, UINT codePage, EMalformed malformed, wchar_t* place,
                                          SLine& line);
     void TakeLine(SLine&& line);
+    // Calls `append` for each line that there is, and appends a line end where a line without one stands before another.
+    template <class Append>
+    void AppendLines(std::string& bytes, EVoTextEncoding encoding, Append append) const;
     void Forget() noexcept;
 
     static void TakeApart(SLine& line) noexcept;
