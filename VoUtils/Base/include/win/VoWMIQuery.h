@@ -5,6 +5,7 @@
 #include <base/com/VoComHelper.h>
 #include <base/com/VoIUnknown.h>
 
+#include <atomic>
 #include <optional>
 #include <span>
 #include <string>
@@ -57,9 +58,14 @@ public:
     // malformed query, 0x80041010 for an unknown class) or of the callback.
     [[nodiscard]] HRESULT QueryWMI(std::wstring_view query, Callback callback, void* context) noexcept;
 
-    // Stop(false) asks the worker to end; a running query then ends before its next object. Every later query fails.
+    // Stop(false) asks the worker to end; a running query then ends before its next object. Every later query fails, also when
+    // nothing had been started yet.
+    HRESULT Stop(bool wait, DWORD* exitCode = nullptr) noexcept
+    {
+        m_isStopped.store(true); // for good: what starts the thread takes back its own request to stop
+        return CVoThread::Stop(wait, exitCode);
+    }
     using CVoThread::IsFinished;
-    using CVoThread::Stop;
 
 protected:
     bool InitInstance() override;
@@ -82,6 +88,7 @@ private:
     // Held by the caller for the whole of a query.
     CCriticalSection m_lock;
     std::optional<HRESULT> m_startResult;
+    std::atomic<bool> m_isStopped{ false };
 
     // Of the caller while no query runs, of the worker between request and answer.
     CVoBstr m_query;

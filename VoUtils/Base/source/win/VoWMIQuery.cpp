@@ -53,10 +53,11 @@ HRESULT CVoWMIQueryBase::StartWorker() noexcept
 {
     if (!m_startResult)
     {
-        const HRESULT hr = CreateThread(false, true, true, L"WMI query", false);
+        const HRESULT hr = m_isStopped.load() ? E_FAIL : CreateThread(false, true, true, L"WMI query", false);
         // A worker that ended without a failure did not start either.
         m_startResult = hr == S_FALSE ? E_FAIL : hr;
-        if (FAILED(*m_startResult))
+        // Also when it was stopped as it began.
+        if (FAILED(*m_startResult) || m_isStopped.load())
             Stop(false);
     }
     return *m_startResult;
@@ -194,7 +195,7 @@ HRESULT CVoWMIQueryBase::ProcessQuery() noexcept
 HRESULT CVoWMIQueryBase::CallBack(IWbemClassObject* object) noexcept
 {
     CAutoLock lock(&m_callbackLock);
-    if (StopRequested())
+    if (m_isStopped.load())
         return E_ABORT;
     try
     {
@@ -218,7 +219,7 @@ HRESULT CVoWMIQueryBase::QueryWMI(std::wstring_view query, Callback callback, vo
     if (FAILED(StartWorker()))
         return report(278, E_FAIL);
     // After a wait that failed the worker may still hold the query.
-    if (StopRequested())
+    if (m_isStopped.load())
         return report(281, E_FAIL);
     try
     {

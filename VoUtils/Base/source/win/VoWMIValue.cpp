@@ -32,7 +32,10 @@ public:
         for (const wchar_t c : field)
         {
             if (c < L'0' || c > L'9')
+            {
                 m_isBad = true;
+                return std::nullopt;
+            }
             number = number * 10 + (c - L'0');
         }
         return number;
