@@ -66,13 +66,19 @@ TEST(CookieStore, SendsWhatTheServersSet)
         { "a host's own is its own", site, { L"n=v" }, L"http://x.a.b.example/", L"" },
         { "a parent's is sent to it", site, { L"n=v; domain=.B.Example" }, L"http://B.example/", L"n=v" },
         { "ports and case are not told apart", L"http://HOST:81/", { L"n=v" }, L"https://host:444/", L"n=v" },
-        { "an empty Domain is none", site, { L"n=v; Domain=; Domain=." }, L"http://x.a.b.example/", L"" },
+        { "an empty Domain is none", site, { L"n=v; Domain=b.example; Domain=." }, L"http://x.a.b.example/", L"" },
         { "a single label is alone", L"http://localhost/", { L"n=v; Domain=localhost" }, L"http://x.localhost/", L"" },
         { "so is an address", L"http://[::1]:81/", { L"n=v" }, L"http://[::1]/", L"n=v" },
         { "international names meet in ASCII", books, { L"n=v; Domain=xn--bcher-kva.example" }, books, L"n=v" },
+        { "nor does it undo one", site, { L"n=v; Domain=b.example; Domain=" }, L"http://x.b.example/", L"n=v" },
         // paths
         { "a path has what is below it", site, { L"n=v; Path=/p" }, site + L"p/x", L"n=v" },
         { "by whole parts", site, { L"n=v; Path=/p" }, site + L"pq", L"" },
+        { "as it travels, however it is written",
+          site + L"\x00E4 b/c",
+          { L"n=v; Path=/%C3%A4%20b" },
+          site + L"\x00E4 b/",
+          L"n=v" },
         { "and by case", site, { L"n=v; Path=/p" }, site + L"P", L"" },
         { "a request without a path has the root", site, { L"n=v; Path=/" }, L"http://a.b.example?q", L"n=v" },
         { "the default leaves a file name out", site + L"a/p.html?q=/x.y/z", { L"n=v" }, site + L"a/other", L"n=v" },
@@ -233,6 +239,7 @@ void Fill(CTestStore& store)
          { L"s=1; Secure; HttpOnly; Max-Age=12345", L"d=a&b=$c$&&; Domain=b.example; Path=/", L"u=\x00E4\xD83D\xDE00; Path=/p/",
            L"e=; Expires=Fri, 31 Dec 9999 23:59:59 GMT", L"&&n=0; Max-Age=1" })
         EXPECT_EQ(store.Set(value, site), S_OK);
+    EXPECT_EQ(store.Set(L"j=1", L"http://a.b.example/app;id=1"), S_OK);
 }
 
 TEST(CookieStore, SerializedContentComesBackExactly)

@@ -21,10 +21,12 @@ struct CVoCookieRequest
     std::wstring host; // canonical (VoCanonicalHost), without brackets
     // Begins with "/". A file name is cut off together with the "/" before it, if it has a "." in it (the last "." behind the
     // last "/"): "/a/b.html" becomes "/a", "/a/b" stays. Intended: pages of one folder share their cookies, while a path that
-    // names no file is a folder of its own.
+    // names no file is a folder of its own. Percent-encoded as it travels, however the URL was written, so that the server's
+    // own paths match it (RFC 6265, section 5.1.4).
     std::wstring path;
 
-    // E_INVALIDARG for a URL that CServerAddressData refuses; `request` is untouched then.
+    // E_INVALIDARG for a URL that CServerAddressData refuses, the platform's code for one that is not well-formed UTF-16;
+    // `request` is untouched then.
     [[nodiscard]] static HRESULT FromUrl(std::wstring_view url, CVoCookieRequest& request) noexcept;
 };
 
@@ -34,7 +36,7 @@ struct CVoCookieRequest
 struct CVoCookieData
 {
     std::wstring domain; // canonical, without a leading dot
-    std::wstring path;   // begins with "/"
+    std::wstring path;   // begins with "/", percent-encoded as that of a request
     std::wstring name;
     std::wstring value;
     bool secure = false; // goes over TLS only

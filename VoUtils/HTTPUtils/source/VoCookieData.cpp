@@ -1,5 +1,7 @@
 #include <VoCookieData.h>
 
+#include "VoUrl.h"
+
 #include <VoGlobalHTTPUtils.h>
 #include <base/VoDataParser.h>
 #include <base/VoErrorHandler.h>
@@ -87,7 +89,7 @@ struct CSetCookieItems
     std::wstring_view value;
     std::optional<std::wstring_view> expires;
     std::optional<std::wstring_view> maxAge;
-    std::wstring_view domain; // an empty attribute counts as none
+    std::wstring_view domain;
     std::wstring_view path;
     bool secure = false;
     bool httpOnly = false;
@@ -113,7 +115,7 @@ CSetCookieItems ParseSetCookie(std::wstring_view text) noexcept
         else if (VoEqualsNoCase(name, L"Max-Age"))
             items.maxAge = value;
         else if (VoEqualsNoCase(name, L"Domain"))
-            items.domain = value;
+            items.domain = value.empty() ? items.domain : value; // an empty one is as good as none (section 5.2.3)
         else if (VoEqualsNoCase(name, L"Path"))
             items.path = value;
         else if (VoEqualsNoCase(name, L"Secure"))
@@ -233,7 +235,9 @@ HRESULT CVoCookieRequest::FromUrl(std::wstring_view url, CVoCookieRequest& reque
         if (const HRESULT hr = address.SetAddress(url, false, true, false); FAILED(hr))
             return report(225, hr);
         std::wstring host = VoCanonicalHost(address.Host());
-        std::wstring path = address.Path();
+        std::wstring path;
+        if (const HRESULT hr = VoEncodeUrl(address.Path(), path); FAILED(hr))
+            return report(229, hr);
         const size_t slash = path.rfind(L'/');
         const size_t dot = path.rfind(L'.');
         if (slash != std::wstring::npos && dot != std::wstring::npos && slash < dot)
@@ -288,9 +292,12 @@ HRESULT CVoCookieData::CreateCookieFromString(std::wstring_view setCookieValue, 
         made.value = items.value;
         made.secure = items.secure;
         made.httpOnly = items.httpOnly;
-        made.path = items.path.starts_with(L'/') ? items.path : std::wstring_view(request.path);
-        if (!IsSendable(made.name, false) || !IsSendable(made.value, false) || !IsSendable(made.path, false))
+        if (!IsSendable(made.name, false) || !IsSendable(made.value, false) || !IsSendable(items.path, false))
             return report(288, E_INVALIDARG);
+        made.path = request.path;
+        if (items.path.starts_with(L'/'))
+            if (const HRESULT hr = VoEncodeUrl(items.path, made.path); FAILED(hr))
+                return report(290, hr);
 
         if (items.expires)
         {
@@ -405,7 +412,7 @@ HRESULT CVoCookieData::CreateCookieFromSerializedData(std::wstring_view text, CV
         const auto isClean = [](std::wstring_view part, const wchar_t* forbidden)
         { return IsSendable(part, false) && part.find_first_of(forbidden) == std::wstring_view::npos; };
         if (made.name.empty() || made.domain.empty() || !made.path.starts_with(L'/') || !isClean(made.name, L"=;") ||
-            !isClean(made.value, L";") || !isClean(made.path, L";") || made.domain != VoCanonicalHost(made.domain) ||
+            !isClean(made.value, L";") || !IsSendable(made.path, false) || made.domain != VoCanonicalHost(made.domain) ||
             (!made.hostOnly && !CanSpanHosts(made.domain)) ||
             made.name.size() + made.value.size() + made.path.size() + made.domain.size() > kVoMaximumCookieLength)
             return report(410, E_INVALIDARG);
