@@ -334,14 +334,14 @@ TEST(ProxyStore, AsksThePlatformAsConfigured)
         const CTestStore store(Detection());
         EXPECT_EQ(store.Look(L"https://host/secret/path?token=1#part"), L"p:1 - -");
         EXPECT_EQ(store->Init(Script(L"http://script/")), S_OK);
-        EXPECT_EQ(store.Look(L"https://host/"), L"p:1 - -"); // and nothing of the former configuration
+        EXPECT_EQ(store.Look(L"http://host/path?q"), L"p:1 - -"); // and nothing of the former configuration
         EXPECT_EQ(sessions.Open(), 1);
     }
     EXPECT_EQ(sessions.Open(), 0);
     EXPECT_THAT(calls, ElementsAre(L"CProxyConfigHandler 4 0 0", L"2000 2000 2000 2000")); // one session for both
     // Detection by DHCP and DNS with sorting; the second time in the process, with the user's logon; a script by its URL.
     EXPECT_THAT(discovery.Questions(), ElementsAre(L"https://host/ 400001 3 0 -", L"https://host/ 410001 3 1 -",
-                                                   L"https://host/ 2 0 0 http://script/"));
+                                                   L"http://host/path?q 2 0 0 http://script/"));
 }
 
 TEST(ProxyStore, DiscoversOnceForAServerAndAnswersForKnownOnesMeanwhile)

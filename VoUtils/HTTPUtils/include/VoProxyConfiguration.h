@@ -60,7 +60,7 @@ struct CHTTPProxyConfigData
     [[nodiscard]] HRESULT Deserialize(std::wstring_view text) noexcept;
 
     bool autoDetect = false;            // find the script in the network (DHCP and DNS)
-    std::wstring pacFileUrl;            // of an auto-configuration script; empty for none. Not looked at when autoDetect is on
+    std::wstring pacFileUrl;            // of an auto-configuration script; empty for none. Goes before autoDetect
     std::wstring manualProxy;           // a proxy list (VoProxyList.h)
     std::wstring manualProxyBypassList; // likewise
     CHTTPProxyAuthenticationData manualProxyAuthenticationData; // for each proxy of manualProxy

@@ -294,7 +294,7 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::GetProxyForURL(std::wstring_view url, CProx
         if (m_cache.GetProxyAndAuthData(CQuickServerKey(url).Get(), proxy))
             return S_OK;
         CServerAddressData address;
-        if (const HRESULT hr = address.SetAddress(url, false, false, false); FAILED(hr))
+        if (const HRESULT hr = address.SetAddress(url, false, true, true); FAILED(hr))
             return report(998, hr);
         const std::wstring serverKey = CProxyCache::ServerKeyOf(address);
         if (m_cache.GetProxyAndAuthData(serverKey, proxy))
@@ -319,9 +319,10 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::FindProxyForServer(const CServerAddressData
     std::wstring proxyList;
     std::wstring bypassList;
     CHTTPProxyAuthenticationData authentication;
-    // Of the server alone: the answer is kept for all its URLs, and a script has no business with their paths.
-    if (const HRESULT hr = m_configuration.GetProxyForURL(address.BaseURL() + L'/', proxyList, bypassList, authentication);
-        FAILED(hr))
+    // A script may look at the whole URL, and its answer is kept for all URLs of the server. Path and query of a secure URL may
+    // be secrets, which are not for a script that came over the network.
+    const std::wstring url = address.IsSecure() ? address.BaseURL() + L'/' : address.FullURL();
+    if (const HRESULT hr = m_configuration.GetProxyForURL(url, proxyList, bypassList, authentication); FAILED(hr))
         return report(1011, hr);
 
     std::wstring name;

@@ -232,10 +232,7 @@ HRESULT CProxyConfigHandler::OpenSession() noexcept
 HRESULT CProxyConfigHandler::DiscoverProxy(const std::wstring& url, std::wstring& proxyList, std::wstring& bypassList) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CProxyConfigHandler::DiscoverProxy" };
-    // Detection comes before a script's URL that was set beside it.
-    static const std::wstring kDetection;
-    const std::wstring& pacFileUrl = m_config.autoDetect ? kDetection : m_config.pacFileUrl;
-    if (const HRESULT hr = m_session->GetProxyForUrl(url, pacFileUrl, proxyList, bypassList); FAILED(hr))
+    if (const HRESULT hr = m_session->GetProxyForUrl(url, m_config.pacFileUrl, proxyList, bypassList); FAILED(hr))
         return report(652, hr);
     return S_OK;
 }
