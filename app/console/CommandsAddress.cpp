@@ -109,7 +109,8 @@ public:
     void Declare(CLI::App& app) override
     {
         app.add_option("--jar", m_jar, "Load the cookies from FILE if it exists, and save them there afterwards")
-            ->type_name("FILE");
+            ->type_name("FILE")
+            ->check(kNotEmpty);
         app.footer(
             "Each line of standard input is one JSON object: {\"set\": SET_COOKIE_VALUE, \"url\": URL}, {\"get\": URL} or "
             "{\"clear\": true}. Each is answered with one: {\"result\": \"0x00000000\"}, with \"error\" on failure and for a "

@@ -6,7 +6,7 @@ void CParameterOptions::Declare(CLI::App& app, bool withPayload)
                   "A parameter; repeatable, kept in order. VALUE: @FILE is a UTF-8 file's text, - is standard input")
         ->type_name("NAME=VALUE");
     if (withPayload)
-        app.add_option("--payload", m_payload, "The binary payload; - is standard input")->type_name("FILE");
+        app.add_option("--payload", m_payload, "The binary payload; - is standard input")->type_name("FILE")->check(kNotEmpty);
 }
 
 std::vector<std::pair<std::wstring, std::wstring>> CParameterOptions::Read(CContext& context) const
