@@ -109,9 +109,9 @@ private:
             {
                 const CProgressBar progress(context.Streams().err, request.data, context.Options().quiet);
                 hr = Send(request, m_connection.AllowsRetry(), sent);
+                if (SUCCEEDED(hr))
+                    hr = Read(request, m_response, response);
             }
-            if (SUCCEEDED(hr))
-                hr = Read(request, m_response, response);
             seconds.push_back(static_cast<double>(VoGetMicroseconds() - begin) / 1e6);
             if (request.data)
                 cookie = request.data->CookieHeader();
@@ -232,13 +232,16 @@ public:
             "payload");
         app.add_flag("--no-utf8", m_noUtf8, "Write texts in the system's ANSI code page");
         app.add_option("--key", m_key, "signed: the private key, hexadecimal text of a key blob (see 'key new')")
-            ->type_name("FILE");
+            ->type_name("FILE")
+            ->check(kNotEmpty);
         app.add_option("--signature-name", m_signatureName, "signed: the parameter that carries the signature")
-            ->type_name("NAME");
+            ->type_name("NAME")
+            ->check(kNotEmpty);
         app.add_option("--messages", m_messagesFile,
                        "Send several messages in one exchange: a JSON array of {\"params\":[[NAME,VALUE],...],"
                        "\"payloadBase64\":\"...\"}")
-            ->type_name("FILE");
+            ->type_name("FILE")
+            ->check(kNotEmpty);
         app.footer(
             "Sends one POST request.\n" + std::string(kOutput) +
             "Examples:\n  voutils send http://localhost:8080/service --engine curl -p user=ann --payload photo.jpg --kind "

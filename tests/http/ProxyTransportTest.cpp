@@ -73,7 +73,8 @@ protected:
         std::string text;
     };
     // A payload sent to a URL on a connection of its own, and the payload that came back.
-    [[nodiscard]] CAnswer Send(const std::string& url, std::string_view body = "x", UINT32 timeout = 20)
+    [[nodiscard]] CAnswer Send(const std::string& url, std::string_view body = "x", UINT32 timeout = 20,
+                               bool allowRetry = false)
     {
         CAnswer answer;
         CServerAddressData address;
@@ -88,7 +89,7 @@ protected:
         if (SUCCEEDED(answer.result))
             answer.result = message->OpenRequest(request);
         if (SUCCEEDED(answer.result))
-            answer.result = message->SendMessage(request, MakeMessage({}, body), Kind::Raw, true, {}, {}, false, nullptr);
+            answer.result = message->SendMessage(request, MakeMessage({}, body), Kind::Raw, true, {}, {}, allowRetry, nullptr);
         CVoBinaryDataParser read;
         if (SUCCEEDED(answer.result))
             answer.result = message->ReadResponse(request, read, Response::Parameters, nullptr, nullptr);
@@ -154,8 +155,8 @@ TEST_P(ProxyTransportTest, KeepsTheCredentialsThatAProxyAccepted)
         UseProxy(TestServers()->squidAuthPort);
         m_callback = VoMakeComObject<CScriptedAuthCallback>();
 
-        // Declined: nothing is sent on, nothing kept.
-        EXPECT_EQ(Send(url, body).result, kResultCancelled);
+        // Declined: nothing is sent on, nothing kept, and nobody is asked twice.
+        EXPECT_EQ(Send(url, body, 5, true).result, kResultCancelled);
         EXPECT_EQ(Saved(url), L"");
         // The question names the server and the proxy.
         CServerAddressData address;
@@ -205,6 +206,9 @@ TEST_P(ProxyTransportTest, ShowsTheServersCredentialsToTheServerOnly)
         });
     UseProxy(proxy.Port());
     m_callback->AnswerProxy({ { L"proxy", L"password" } });
+    // What the proxy accepted is kept, also when nobody answers the server.
+    EXPECT_EQ(Send("http://first.test/private").result, kResultCancelled);
+    EXPECT_EQ(Saved("http://first.test/"), L"proxy password");
     m_callback->AnswerServer({ { L"user", L"secret" }, { L"user", L"secret" } });
 
     // After a redirect the other server gets none.
@@ -236,7 +240,7 @@ TEST_P(ProxyTransportTest, ShowsTheServersCredentialsToTheServerOnly)
         EXPECT_THAT(seen[i].Header("Proxy-Authorization"), AnyOf("", kBasicProxy));
     }
     EXPECT_EQ(seen.back().Header("Proxy-Authorization"), kBasicProxy);
-    EXPECT_THAT(m_callback->Questions(), SizeIs(3)); // once for the proxy, once for each server
+    EXPECT_THAT(m_callback->Questions(), SizeIs(4)); // once for the proxy, then for each request to a server
 }
 
 TEST_P(ProxyTransportTest, ShowsAProxysCredentialsToThatProxyOnly)
@@ -294,6 +298,18 @@ TEST_P(ProxyTransportTest, EndsWithinItsTimeOutsBehindABadProxy)
     UseProxy(slow.Port());
     EXPECT_EQ(Send("http://server.test/", "x", 1).result, kResultTimeout);
     EXPECT_EQ(Send("https://server.test/", "x", 1).result, kResultTimeout);
+
+    // Silent about the credentials that it asked for: that is no refusal of them.
+    const Loopback::CLoopbackServer silent(
+        [](const Loopback::CRequest& request, Loopback::CConnection& connection)
+        {
+            if (Authenticate(request, connection, true))
+                connection.WaitUntilStopped(std::chrono::minutes(1));
+        });
+    UseProxy(silent.Port());
+    m_callback->AnswerProxy({ { L"proxy", L"password" } });
+    EXPECT_EQ(Send("https://server.test/", "x", 1).result, kResultTimeout);
+    EXPECT_THAT(m_callback->Questions(), SizeIs(1));
 
     // Lying: no HTTP, a tunnel to nothing, a challenge without a scheme.
     for (const char* const lie : { "220 mail.test\r\n\r\n", "HTTP/1.1 200 OK\r\n\r\nnot TLS", "HTTP/1.1 407 No\r\n\r\n",

@@ -6,6 +6,7 @@
 #include <base/utils/VoDataConversion.h>
 #include <win/OrvDigSign.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -236,6 +237,54 @@ TEST_P(TransportTest, OnlyStatus200IsSuccessAndClientErrorsAreNeverRetried)
     }
 }
 
+TEST_P(TransportTest, ABodyThatIsNoMessageCanStillBeReadAsBytes)
+{
+    CServer server(Answers(200, {}, "a=1&junk"));
+    const auto message = Connect(server.URL());
+    ASSERT_TRUE(message);
+    Request request;
+    ASSERT_EQ(message->OpenRequest(request), S_OK);
+    ASSERT_EQ(message->SendMessage(request, {}, Kind::Raw, true, {}, {}, false, nullptr), S_OK);
+    CVoBinaryDataParser read = MakeMessage({ { L"own", L"1" } }, "payload");
+    const CLogCapture log;
+    EXPECT_EQ(message->ReadResponse(request, read, Response::Parameters, nullptr, nullptr), E_FAIL);
+    EXPECT_EQ(ParamsOf(read), (Params{ { L"own", L"1" } }));
+    EXPECT_EQ(PayloadOf(read), "payload");
+    EXPECT_THAT(log.Lines(), testing::Contains(
+                                 IsMessage(L"..\\source\\VoHTTPMessage", 384, std::wstring(L"Parsing error! Data: a=1&junk"))));
+    EXPECT_EQ(message->ReadResponse(request, read, Response::Binary, nullptr, nullptr), S_OK);
+    EXPECT_EQ(PayloadOf(read), "a=1&junk");
+}
+
+TEST_P(TransportTest, ARequestSentAgainOwesNothingToTheFirst)
+{
+    CServer server(Echo);
+    const auto message = Connect(server.URL());
+    ASSERT_TRUE(message);
+    Request request;
+    ASSERT_EQ(message->OpenRequest(request), S_OK);
+    const struct
+    {
+        Params params;
+        Kind kind;
+        const char* body;
+    } sends[] = { { { { L"x", L"y" } }, Kind::Raw, "x=y&&" },
+                  { {}, Kind::Empty, "" },
+                  { { { L"longer", L"body" } }, Kind::Raw, "longer=body&&" } };
+    for (const auto& send : sends)
+    {
+        SCOPED_TRACE(send.body);
+        EXPECT_EQ(message->SendMessage(request, MakeMessage(send.params), send.kind, true, {}, {}, false, nullptr), S_OK);
+        CVoBinaryDataParser read;
+        EXPECT_EQ(message->ReadResponse(request, read, Response::Parameters, nullptr, nullptr), S_OK);
+        EXPECT_EQ(ParamsOf(read), send.params);
+        const Loopback::CRequest seen = server.Requests().back();
+        EXPECT_EQ(seen.body, send.body);
+        EXPECT_EQ(seen.Header("Content-Type").empty(), send.kind == Kind::Empty);
+    }
+    EXPECT_EQ(server.RequestCount(), std::size(sends));
+}
+
 TEST_P(TransportTest, RetriesEndWithTheBudget)
 {
     CServer server(Answers(500));
@@ -395,6 +444,34 @@ TEST_P(TransportTest, FollowsRedirectsWithTheCookiesOfEachHop)
     {
         EXPECT_EQ(server.Requests().back().Header("Cookie"), set.empty() ? "last=1" : set + "; last=1");
     }
+}
+
+TEST_P(TransportTest, AServerBehindARedirectAsksForItself)
+{
+    if (!GetParam().asksCallback || (IsWine() && !GetParam().redirectsUnderWine))
+        GTEST_SKIP() << "the system's dialog asks, or Wine follows no such redirect";
+    CServer second(
+        [](const Loopback::CRequest& request, Loopback::CConnection& connection)
+        {
+            if (request.Header("Authorization") == "Basic dXNlcjpww6Rzcw==")
+                connection.SendResponse(200, {}, request.body);
+            else
+                connection.SendResponse(401, { { "WWW-Authenticate", "Basic realm=\"r\"" } });
+        });
+    CServer first(Answers(307, { { "Location", second.URL("/end") } }));
+    const std::string start = "http://localhost:" + std::to_string(first.Port()) + "/";
+    for (const auto& [cookie, url] : { std::pair("own=1", start), std::pair("other=2", second.URL()) })
+        EXPECT_EQ(m_stores.cookies->AddCookieFromString(CVoBstr(Wide(cookie)).Get(), CVoBstr(Wide(url)).Get()), S_OK);
+    m_stores.auth = VoMakeComObject<CScriptedAuthCallback>();
+    m_stores.auth->AnswerServer({ { L"user", L"p\x00E4ss" } });
+    const CAnswer answer = SendTo(start, MakeMessage({ { L"p", L"q" } }));
+    EXPECT_EQ(answer.result, S_OK);
+    EXPECT_EQ(ParamsOf(answer.message), (Params{ { L"p", L"q" } }));
+    for (const Loopback::CRequest& request : first.Requests())
+        EXPECT_EQ(request.Header("Authorization"), "");
+    EXPECT_GE(second.RequestCount(), 2U);
+    for (const Loopback::CRequest& request : second.Requests())
+        EXPECT_EQ(request.Header("Cookie"), "other=2");
 }
 
 TEST_P(TransportTest, ARedirectLoopEnds)

@@ -234,10 +234,12 @@ protected:
     [[nodiscard]] static HRESULT CreateMultipleContent(std::span<const CVoBinaryDataParser> messages, bool utf8,
                                                        CContent& content) noexcept;
 
-    // Whether a failed attempt is repeated. `status` is the last answer's (0 for none), times are in microseconds.
-    [[nodiscard]] static constexpr bool ShouldRetry(bool allowRetry, UINT32 status, INT64 elapsed, INT64 budget) noexcept
+    // Whether a failed attempt is repeated. `status` is the last answer's (0 for none), times are in microseconds. Who declines
+    // to give credentials is not asked for them again.
+    [[nodiscard]] static constexpr bool ShouldRetry(bool allowRetry, HRESULT failure, UINT32 status, INT64 elapsed,
+                                                    INT64 budget) noexcept
     {
-        const bool final = status >= 400 && status <= 405;
+        const bool final = failure == kResultCancelled || (status >= 400 && status <= 405);
         return allowRetry && !final && elapsed < budget;
     }
     // The attempts of one send, which begin with this object: counts them and decides about the next.
@@ -246,7 +248,7 @@ protected:
     public:
         CAttempts(bool allowRetry, UINT32 budgetSeconds) noexcept;
         void Begin() noexcept { ++m_count; }
-        [[nodiscard]] bool MayRetry(UINT32 status) const noexcept;
+        [[nodiscard]] bool MayRetry(HRESULT failure, UINT32 status) const noexcept;
         [[nodiscard]] bool Retried() const noexcept { return m_count > 1; }
 
     private:

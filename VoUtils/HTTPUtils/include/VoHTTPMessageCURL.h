@@ -49,7 +49,7 @@ private:
                                        const std::wstring& contentTypeHeader, bool post, bool allowRetry, CSendResult* result);
     [[nodiscard]] HRESULT internalSendRAW(CHTTPRequestDataCURL& request, std::span<const BYTE> body);
     [[nodiscard]] HRESULT AnswerChallenge(CHTTPRequestDataCURL& request, bool proxy);
-    void KeepProxyCredentials(const CHTTPRequestDataCURL& request) noexcept;
+    void KeepProxyCredentials(CHTTPRequestDataCURL& request) noexcept;
 
     std::shared_ptr<CCURLConnections> m_connections;
 };

@@ -65,6 +65,10 @@ using SendCompleteHandler = std::function<HRESULT(DWORD status, void* informatio
 // with that code. What holds for the authentication function holds for it.
 using RedirectHandler = std::function<HRESULT(const std::wstring& url)>;
 
+// Told of each piece of the answer's body that has arrived, with its length in bytes; a failure ends the exchange with that
+// code. What holds for the authentication function holds for it.
+using ReceiveHandler = std::function<HRESULT(DWORD length)>;
+
 // What an exchange is called in reports; a GET and a POST behave alike.
 class CVoWinHttpGetRequest
 {
@@ -145,7 +149,7 @@ public:
     CExchange& operator=(const CExchange&) = delete;
 
     [[nodiscard]] HRESULT SetRequestData(const void* data, DWORD length) noexcept;
-    // Puts one of the two handlers in place.
+    // Puts one of the handlers in place.
     template <auto kMember, class Handler>
     [[nodiscard]] HRESULT SetHandler(std::shared_ptr<const Handler> handler) noexcept
     {
@@ -229,7 +233,7 @@ private:
         return SUCCEEDED(hr) || (!IsAbandoned() && m_request.IsOpen()) ? hr : kCancelled;
     }
 
-    // Calls one of the two handlers, which may end the exchange: IsAbandoned tells.
+    // Calls one of the handlers, which may end the exchange: IsAbandoned tells.
     template <class Handler, class... Args>
     [[nodiscard]] HRESULT CallHandler(const std::shared_ptr<const Handler>& member, Args&&... args)
     {
@@ -273,6 +277,7 @@ private:
     std::shared_ptr<const AuthenticationFunction> m_authenticate;
     std::shared_ptr<const SendCompleteHandler> m_sendComplete;
     std::shared_ptr<const RedirectHandler> m_redirect;
+    std::shared_ptr<const ReceiveHandler> m_receive;
     void* m_context;
     HINTERNET m_handle = nullptr;      // as it was at Send, for comparison only
     std::shared_ptr<CExchange> m_self; // while WinHTTP has the context value
@@ -389,6 +394,7 @@ HRESULT CExchange<T>::Close() noexcept
     const std::shared_ptr<const AuthenticationFunction> authenticate = std::move(m_authenticate);
     const std::shared_ptr<const SendCompleteHandler> sendComplete = std::move(m_sendComplete);
     const std::shared_ptr<const RedirectHandler> redirect = std::move(m_redirect);
+    const std::shared_ptr<const ReceiveHandler> receive = std::move(m_receive);
     lock.unlock();
     return hr;
 }
@@ -399,12 +405,14 @@ void CExchange<T>::Abandon() noexcept
     std::shared_ptr<const AuthenticationFunction> authenticate;
     std::shared_ptr<const SendCompleteHandler> sendComplete;
     std::shared_ptr<const RedirectHandler> redirect;
+    std::shared_ptr<const ReceiveHandler> receive;
     {
         const std::lock_guard lock(m_lock);
         m_abandoned = true;
         m_authenticate.swap(authenticate);
         m_sendComplete.swap(sendComplete);
         m_redirect.swap(redirect);
+        m_receive.swap(receive);
         m_context = nullptr;
     }
     Fail(kCancelled);
@@ -620,6 +628,10 @@ HRESULT CExchange<T>::OnReadComplete(const void* information, DWORD length)
     if (length == 0)
         return S_OK; // cannot be after an announcement; the exchange then rests until it is closed
     m_chunks.push_back({ length, std::move(bytes) });
+    if (const HRESULT hr = CallHandler(m_receive, length); FAILED(hr))
+        return report(388, hr);
+    if (IsAbandoned())
+        return S_OK;
     const HRESULT hr = Reason(m_request.QueryDataAvailable());
     return SUCCEEDED(hr) ? hr : report(390, hr);
 }

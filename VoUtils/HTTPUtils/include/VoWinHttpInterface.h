@@ -400,10 +400,14 @@ public:
             return report(438, E_INVALIDARG);
 
         const auto owned = Pin();
+        DWORD next = 0;
         const auto query = [&](void* buffer, DWORD& length)
         {
+            // Each call starts from the caller's header: asking for the length may have counted it already.
+            next = index ? *index : 0;
             return ::WinHttpQueryHeaders(owned ? owned->handle : nullptr, infoLevel,
-                                         name.empty() ? WINHTTP_HEADER_NAME_BY_INDEX : name.c_str(), buffer, &length, index);
+                                         name.empty() ? WINHTTP_HEADER_NAME_BY_INDEX : name.c_str(), buffer, &length,
+                                         index ? &next : WINHTTP_NO_HEADER_INDEX);
         };
         try
         {
@@ -421,6 +425,8 @@ public:
                 return report(458, HResultFromLastError());
             value.resize(length / sizeof(wchar_t));
             text->swap(value);
+            if (index)
+                *index = next;
             return S_OK;
         }
         catch (...)

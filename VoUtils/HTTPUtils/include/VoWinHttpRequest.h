@@ -47,6 +47,8 @@ public:
     virtual HRESULT SetSendCompleteHandler(SendCompleteHandler handler) noexcept = 0;
     // Empty: none. E_FAIL before Init and while an exchange runs.
     virtual HRESULT SetRedirectHandler(RedirectHandler handler) noexcept = 0;
+    // Empty: none. E_FAIL before Init and while an exchange runs.
+    virtual HRESULT SetReceiveHandler(ReceiveHandler handler) noexcept = 0;
 
     virtual ~IVoWinHttpRequest() = default;
     IVoWinHttpRequest(const IVoWinHttpRequest&) = delete;
@@ -89,6 +91,7 @@ public:
     std::vector<BYTE> GetResponseData() override { return Take(m_data).Get(); }
     HRESULT SetSendCompleteHandler(SendCompleteHandler handler) noexcept override;
     HRESULT SetRedirectHandler(RedirectHandler handler) noexcept override;
+    HRESULT SetReceiveHandler(ReceiveHandler handler) noexcept override;
 
     // What Init registers with WinHTTP. A context of 0, as before the first Send, is ignored.
     static void CALLBACK Callback(HINTERNET /*handle*/, DWORD_PTR context, DWORD status, void* information,
@@ -208,6 +211,12 @@ template <class T>
 HRESULT CVoWinHttpRequest<T>::SetRedirectHandler(RedirectHandler handler) noexcept
 {
     return SetHandler<&CExchange::m_redirect>(std::move(handler), Detail::kReporter<T, L"SetRedirectHandler">, 182);
+}
+
+template <class T>
+HRESULT CVoWinHttpRequest<T>::SetReceiveHandler(ReceiveHandler handler) noexcept
+{
+    return SetHandler<&CExchange::m_receive>(std::move(handler), Detail::kReporter<T, L"SetReceiveHandler">, 186);
 }
 
 template <class T>

@@ -40,6 +40,17 @@ HRESULT CreateFormBody(const CVoDataParser& parameters, bool utf8, CVoByteBuffer
     return encoded.GetParamData(utf8, body.PutLength(), body.PutBytes());
 }
 
+// The beginning of a body as one line of text, for the log.
+std::wstring StartOfText(std::span<const BYTE> bytes, bool utf8)
+{
+    wchar_t text[1024]; // no code page makes more units than bytes
+    const int length = ::MultiByteToWideChar(utf8 ? CP_UTF8 : CP_THREAD_ACP, 0, reinterpret_cast<const char*>(bytes.data()),
+                                             static_cast<int>(std::min(bytes.size(), std::size(text))), text,
+                                             static_cast<int>(std::size(text)));
+    std::replace_if(text, text + length, [](wchar_t character) { return character < L' '; }, L' ');
+    return { text, static_cast<size_t>(length) };
+}
+
 // One parameter of a header value, without quotes; empty when it is not there.
 std::wstring_view HeaderParameter(std::wstring_view value, std::wstring_view name)
 {
@@ -365,13 +376,14 @@ CVoHTTPMessage::CAttempts::CAttempts(bool allowRetry, UINT32 budgetSeconds) noex
 {
 }
 
-bool CVoHTTPMessage::CAttempts::MayRetry(UINT32 status) const noexcept
+bool CVoHTTPMessage::CAttempts::MayRetry(HRESULT failure, UINT32 status) const noexcept
 {
-    return ShouldRetry(m_allowRetry, status, VoGetMicroseconds() - m_start, m_budget);
+    return ShouldRetry(m_allowRetry, failure, status, VoGetMicroseconds() - m_start, m_budget);
 }
 
 HRESULT CVoHTTPMessage::ReadAnswer(CAnswer& answer, EResponseKind kind, CVoBinaryDataParser& response, bool* isUtf8,
                                    bool* isEmpty) noexcept
+try
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessage::ReadAnswer" };
     if (kind != EResponseKind::Parameters && kind != EResponseKind::Binary)
@@ -379,14 +391,26 @@ HRESULT CVoHTTPMessage::ReadAnswer(CAnswer& answer, EResponseKind kind, CVoBinar
     if (!answer.isThere)
         return report(380, E_FAIL);
     const bool empty = answer.bytes.empty();
-    answer.isThere = false;
-    if (const HRESULT hr = response.Parse(std::move(answer.bytes), kind == EResponseKind::Binary, answer.utf8); FAILED(hr))
+    // Of what the caller has only the parameters stay, in front of the new ones.
+    CVoBinaryDataParser parsed;
+    static_cast<CVoDataParser&>(parsed) = response;
+    if (const HRESULT hr = parsed.Parse(std::move(answer.bytes), kind == EResponseKind::Binary, answer.utf8); FAILED(hr))
+    {
+        // The answer is still there, to be read as bytes.
+        report.Message(384, L"Parsing error! Data: %ls", StartOfText(answer.bytes, answer.utf8).c_str());
         return report(385, hr);
+    }
+    response = std::move(parsed);
+    answer.isThere = false;
     if (isUtf8)
         *isUtf8 = answer.utf8;
     if (isEmpty)
         *isEmpty = empty;
     return S_OK;
+}
+catch (...)
+{
+    return CVoReporter{ kSource, L"CVoHTTPMessage::ReadAnswer" }.CurrentException(387);
 }
 
 HRESULT CVoHTTPMessage::ReadAnswers(CAnswer& answer, std::vector<CVoBinaryDataParser>& responses, UINT32 expectedCount,

@@ -248,12 +248,14 @@ HRESULT CVoHTTPMessageCURL::AnswerChallenge(CHTTPRequestDataCURL& request, bool 
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::internalSendRAW" };
     CURL* const handle = request.m_handle.get();
 
-    const char* effectiveUrl = nullptr;
-    if (const HRESULT hr = CURLGetInfo(handle, CURLINFO_EFFECTIVE_URL, &effectiveUrl); FAILED(hr))
+    const char* ownUrl = nullptr;
+    if (const HRESULT hr = CURLGetInfo(handle, CURLINFO_EFFECTIVE_URL, &ownUrl); FAILED(hr))
         return report(960, hr);
+    // A copy, as the handle lets its text go when it gets another URL.
+    const std::string effectiveUrl(ownUrl ? ownUrl : "");
     std::wstring url;
     CServerAddressData address;
-    HRESULT hr = VoUTF8ToString(effectiveUrl ? effectiveUrl : "", url);
+    HRESULT hr = VoUTF8ToString(effectiveUrl, url);
     if (SUCCEEDED(hr))
         hr = address.SetAddress(url, false, true, true);
     if (FAILED(hr))
@@ -294,7 +296,7 @@ HRESULT CVoHTTPMessageCURL::AnswerChallenge(CHTTPRequestDataCURL& request, bool 
         // A redirect led to another server, which is the one that asks. libcurl sends credentials to the host of the URL only,
         // so the request goes to that server directly: they reach nobody else.
         const char* method = nullptr;
-        options.Set(979, CURLOPT_URL, effectiveUrl);
+        options.Set(979, CURLOPT_URL, effectiveUrl.c_str());
         if (curl_easy_getinfo(handle, CURLINFO_EFFECTIVE_METHOD, &method) == CURLE_OK && method &&
             std::strcmp(method, "GET") == 0)
             options.Set(980, CURLOPT_HTTPGET, 1L);
@@ -303,12 +305,14 @@ HRESULT CVoHTTPMessageCURL::AnswerChallenge(CHTTPRequestDataCURL& request, bool 
         std::string cookieBytes;
         if (SUCCEEDED(GetCookieHeader(address, cookie)))
             (void)VoStringToUTF8(cookie, cookieBytes);
+        // The first server's cookies are not this one's.
         request.m_cookie = std::move(cookieBytes);
+        options.Set(981, CURLOPT_COOKIE, NullIfEmpty(request.m_cookie));
     }
     return options.Result();
 }
 
-void CVoHTTPMessageCURL::KeepProxyCredentials(const CHTTPRequestDataCURL& request) noexcept
+void CVoHTTPMessageCURL::KeepProxyCredentials(CHTTPRequestDataCURL& request) noexcept
 try
 {
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::KeepProxyCredentials" };
@@ -326,6 +330,7 @@ try
         hr = SaveProxyCredentials(*m_proxyStore.Get(), proxy, user, password.Get());
     if (FAILED(hr))
         report(885, hr);
+    request.m_proxyCredentialsEntered = false; // kept once
 }
 catch (...)
 {
@@ -339,6 +344,7 @@ HRESULT CVoHTTPMessageCURL::internalSendRAW(CHTTPRequestDataCURL& request, std::
     const std::wstring& serverAddress = request.m_address.PathURL();
 
     request.m_statusCode = 0;
+    request.m_localIPAddress.clear();
     request.m_answer = {};
     request.m_toSend = body.size();
     if (!m_connections)
@@ -378,21 +384,24 @@ HRESULT CVoHTTPMessageCURL::internalSendRAW(CHTTPRequestDataCURL& request, std::
         }
         else
         {
-            // A proxy that refuses CONNECT ends the transfer before there is an answer of the server.
+            // A proxy that refuses CONNECT ends the transfer before there is an answer of the server. A time-out does not: it
+            // may come while the proxy is silent about the answer to its own 407.
             long connectStatus = 0;
             curl_easy_getinfo(handle, CURLINFO_HTTP_CONNECTCODE, &connectStatus);
+            if (static_cast<UINT32>(connectStatus) == kStatusOk)
+                KeepProxyCredentials(request);
+            if (code == CURLE_OPERATION_TIMEDOUT)
+                return report(911, kResultTimeout);
             if (static_cast<UINT32>(connectStatus) != kStatusProxyAuthenticationRequired)
-            {
-                if (code == CURLE_OPERATION_TIMEDOUT)
-                    return report(911, kResultTimeout);
                 return report(913, CheckCURLError(code, VoFormat(L"- (%ls) - curl_easy_perform(). ServerAddress: %ls",
                                                                  request.ErrorText().c_str(), serverAddress.c_str())));
-            }
             status = connectStatus;
         }
         request.m_statusCode = static_cast<UINT32>(status);
 
         const bool proxyAsks = request.m_statusCode == kStatusProxyAuthenticationRequired;
+        if (!proxyAsks)
+            KeepProxyCredentials(request);
         if ((proxyAsks || request.m_statusCode == kStatusUnauthorized) && m_authCallback)
         {
             if (proxyAsks)
@@ -401,8 +410,6 @@ HRESULT CVoHTTPMessageCURL::internalSendRAW(CHTTPRequestDataCURL& request, std::
                 return hr;
             continue;
         }
-        if (!proxyAsks)
-            KeepProxyCredentials(request);
         break;
     }
 
@@ -475,7 +482,7 @@ HRESULT CVoHTTPMessageCURL::internalSend(CHTTPRequestDataCURL& request, std::spa
             break;
         }
         m_connections.reset(); // the next attempt must not meet the connection again
-        if (!attempts.MayRetry(request.m_statusCode))
+        if (!attempts.MayRetry(hr, request.m_statusCode))
             break;
     }
     // The header list and the progress record end with this call.

@@ -350,11 +350,12 @@ HRESULT CVoHTTPMessageWinHTTP::SetProxy(CHTTPRequestDataWinHTTP& request) const
         request.m_proxyCredentialsKnown = request.m_proxyCredentialsToBeUsed = true;
     }
 
-    if (!request.m_proxyName.empty())
+    // A list goes to the platform as it stands, which takes the proxy of the scheme from it, also after a redirect.
+    if (!request.m_proxy.empty())
     {
         WINHTTP_PROXY_INFO info{};
         info.dwAccessType = WINHTTP_ACCESS_TYPE_NAMED_PROXY;
-        info.lpszProxy = request.m_proxyName.data();
+        info.lpszProxy = request.m_proxy.data();
         if (const HRESULT hr = request.m_handle.SetOption(WINHTTP_OPTION_PROXY, &info, sizeof info); FAILED(hr))
             return report(350, hr);
     }
@@ -445,7 +446,7 @@ HRESULT CVoHTTPMessageWinHTTP::MakeExchange(CHTTPRequestDataWinHTTP& request, st
         exchange = std::make_unique<CVoWinHttpRequest<CVoWinHttpPostRequest>>();
     if (const HRESULT hr = exchange->Init(&request.m_handle, &AuthenticationCallback, &request); FAILED(hr))
         return report(450, hr);
-    // Both handlers run while the caller's thread waits for the status, with the message's lock held.
+    // These two run while the caller's thread waits for the status, with the message's lock held.
     if (const HRESULT hr = exchange->SetSendCompleteHandler(
             [&request, size = body.size(), callBack = GetCallBack()](DWORD, void*, DWORD)
             {
@@ -458,6 +459,14 @@ HRESULT CVoHTTPMessageWinHTTP::MakeExchange(CHTTPRequestDataWinHTTP& request, st
             exchange->SetRedirectHandler([this, &request](const std::wstring& url) { return OnRedirect(request, url); });
         FAILED(hr))
         return report(457, hr);
+    if (const HRESULT hr = exchange->SetReceiveHandler(
+            [&request](DWORD length)
+            {
+                request.m_received += length;
+                return S_OK;
+            });
+        FAILED(hr))
+        return report(458, hr);
     if (const HRESULT hr = exchange->SetRequestData(body.data(), static_cast<DWORD>(body.size())); FAILED(hr))
         return report(460, hr);
     request.m_exchange = std::move(exchange);
@@ -496,7 +505,7 @@ HRESULT CVoHTTPMessageWinHTTP::SendUntilAnswered(CHTTPRequestDataWinHTTP& reques
             }
             report.Message(485, L"Addr:%ls", request.m_address.PathURL().c_str());
             hr = report(487, kResultUnexpectedStatus);
-            again = attempts.MayRetry(request.m_statusCode);
+            again = attempts.MayRetry(hr, request.m_statusCode);
             // A body that is on its way ends before the handle is used again.
             if (again && request.m_statusCode >= kFirstStatusWithBody && request.m_statusCode < kFirstStatusWithoutBody)
                 (void)request.m_exchange->GetResponseData();
@@ -506,8 +515,7 @@ HRESULT CVoHTTPMessageWinHTTP::SendUntilAnswered(CHTTPRequestDataWinHTTP& reques
             hr = report(490, failure.Result());
             // A challenge that was not answered has a status, which the exchange keeps to itself.
             request.m_statusCode = request.QueryStatus();
-            // Who declines to give credentials is not asked for them again.
-            again = hr != kResultCancelled && attempts.MayRetry(request.m_statusCode);
+            again = attempts.MayRetry(hr, request.m_statusCode);
         }
         catch (const std::exception& failure)
         {
@@ -744,7 +752,6 @@ HRESULT CVoHTTPMessageWinHTTP::internalReadResponse(CHTTPRequestDataWinHTTP& req
         report.Message(745, L"Exception thrown: %hs", failure.what());
         return report(746, E_FAIL);
     }
-    request.m_received = answer.bytes.size();
     WriteDataToLogFile(EDataDirection::Read, answer.bytes.data(), static_cast<UINT32>(answer.bytes.size()));
     if (announced && answer.bytes.size() != *announced)
         return report(750, E_FAIL); // the connection ended before the answer did

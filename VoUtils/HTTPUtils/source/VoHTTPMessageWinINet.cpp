@@ -69,6 +69,7 @@ public:
     // The request's handle lives under the message's connection, so the message is kept; the handle goes first.
     std::shared_ptr<CVoHTTPMessageWinINet> m_message;
     CInternetHandle m_handle;
+    bool m_isHandleUsed = false; // something was sent with it
     const wchar_t* m_verb = L"POST";
     CServerAddressData m_address;
     std::wstring m_localIPAddress;
@@ -291,6 +292,8 @@ HRESULT CVoHTTPMessageWinINet::AskForCredentials(void* probe)
     CProxy proxy;
     if (const HRESULT hr = GetProxy(&url, proxy); FAILED(hr))
         return report(527, hr);
+    if (proxy.proxy.empty())
+        return S_OK; // the platform found a proxy that the store does not know
     if (const HRESULT hr = SaveProxyCredentials(*m_proxyStore.Get(), proxy.proxy, m_proxyUser, m_proxyPassword.Get());
         FAILED(hr))
         return report(530, hr);
@@ -380,6 +383,7 @@ HRESULT CVoHTTPMessageWinINet::OpenHandle(CHTTPRequestDataWinINet& request, cons
     if (!handle)
         return report.LastError(605, 606);
     request.m_handle = std::move(handle);
+    request.m_isHandleUsed = false;
     request.m_verb = verb;
     return S_OK;
 }
@@ -393,16 +397,18 @@ HRESULT CVoHTTPMessageWinINet::internalSend(CHTTPRequestDataWinINet& request, st
     for (;;)
     {
         attempts.Begin();
+        // A handle that was sent once keeps the headers and the length of that body.
+        if (request.m_isHandleUsed)
+            if (hr = OpenHandle(request, request.m_verb); FAILED(hr))
+            {
+                report(625, hr);
+                break;
+            }
         if (hr = internalSendRAW(request, body, contentTypeHeader, S_OK); SUCCEEDED(hr))
             break;
         report(630, hr);
-        if (!attempts.MayRetry(request.m_statusCode))
+        if (!attempts.MayRetry(hr, request.m_statusCode))
             break;
-        if (const HRESULT open = OpenHandle(request, request.m_verb); FAILED(open))
-        {
-            report(635, open);
-            break;
-        }
     }
     if (result)
     {
@@ -427,7 +433,9 @@ HRESULT CVoHTTPMessageWinINet::internalSendRAW(CHTTPRequestDataWinINet& request,
                                                const std::wstring& contentTypeHeader, HRESULT expectedResult)
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalSendRAW" };
+    request.m_isHandleUsed = true;
     request.m_statusCode = 0;
+    request.m_localIPAddress.clear();
     request.m_answered = false;
     request.m_answer = {};
     request.m_sent = 0;
