@@ -51,105 +51,68 @@ protected:
 private:
     HRESULT GetNumber(VARIANT& value) noexcept
     {
-        value.vt = VT_I4;
-        value.lVal = m_number;
+        value = m_number;
         return S_OK;
     }
     HRESULT GetBroken(VARIANT&) noexcept { return E_ABORT; }
     HRESULT PutNumber(const VARIANT& value) noexcept
     {
-        if (value.vt != VT_I4)
-            return DISP_E_TYPEMISMATCH;
-        m_number = value.lVal;
-        return S_OK;
+        m_number = value;
+        return value.vt == VT_I4 ? S_OK : DISP_E_TYPEMISMATCH;
     }
 
     int* m_alive;
-    LONG m_number = 7;
+    VARIANT m_number{};
 };
 
-class ComBase : public ::testing::Test
+TEST(ComBase, ThreadsShareOneObjectAndOneMarshallerAndTheLastReferenceEndsIt)
 {
-protected:
-    ComBase() { EXPECT_TRUE(SUCCEEDED(::CoInitializeEx(nullptr, COINIT_MULTITHREADED))); }
-    ~ComBase() override
+    ASSERT_TRUE(SUCCEEDED(::CoInitializeEx(nullptr, COINIT_MULTITHREADED)));
+    int alive = 0;
     {
-        EXPECT_EQ(m_alive, 0);
-        ::CoUninitialize();
-    }
-
-    int m_alive = 0;
-};
-
-TEST_F(ComBase, InterfaceQueryKeepsTheIdentityOfTheObject)
-{
-    const CVoComPtr<CThing> thing = VoMakeComObject<CThing>(&m_alive);
-    CVoComPtr<IUnknown> unknown, unknownOfMarshal;
-    CVoComPtr<IThing> same, thingOfMarshal;
-    CVoComPtr<IMarshal> marshal;
-    ASSERT_EQ(thing.As(unknown), S_OK);
-    ASSERT_EQ(unknown.As(same), S_OK);
-    ASSERT_EQ(unknown.As(marshal), S_OK);
-    ASSERT_EQ(marshal.As(unknownOfMarshal), S_OK);
-    ASSERT_EQ(marshal.As(thingOfMarshal), S_OK);
-    EXPECT_EQ(unknownOfMarshal.Get(), unknown.Get());
-    EXPECT_EQ(same.Get(), thing.Get());
-    EXPECT_EQ(thingOfMarshal.Get(), thing.Get());
-
-    CVoComPtr<IUnknown> kept = unknown;
-    IUnknown* other = unknown.Get();
-    EXPECT_EQ(thing->QueryInterface(IID_IDispatch, reinterpret_cast<void**>(&other)), E_NOINTERFACE);
-    EXPECT_EQ(other, nullptr);
-    EXPECT_EQ(thing->QueryInterface(IID_IUnknown, nullptr), E_POINTER);
-    EXPECT_EQ(CVoComPtr<IThing>().As(kept), E_POINTER);
-    EXPECT_EQ(kept.Get(), unknown.Get());
-}
-
-TEST_F(ComBase, MarshalsToAnotherApartmentWithoutAProxy)
-{
-    const CVoComPtr<CThing> thing = VoMakeComObject<CThing>(&m_alive);
-    CVoComPtr<IStream> stream;
-    ASSERT_EQ(::CoMarshalInterThreadInterfaceInStream(kVoInterfaceId<IThing>, thing.Get(), stream.Put()), S_OK);
-    const auto receive = [&]
-    {
-        ASSERT_TRUE(SUCCEEDED(::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)));
-        CVoComPtr<IThing> arrived;
-        EXPECT_EQ(::CoGetInterfaceAndReleaseStream(stream.Detach(), kVoInterfaceId<IThing>, arrived.PutVoid()), S_OK);
-        EXPECT_EQ(arrived.Get(), thing.Get());
-        arrived.Reset();
-        ::CoUninitialize();
-    };
-    std::thread(receive).join();
-}
-
-TEST_F(ComBase, ThreadsShareOneObjectAndOneMarshallerAndTheLastReferenceEndsIt)
-{
-    CVoComPtr<CThing> thing = VoMakeComObject<CThing>(&m_alive);
-    EXPECT_EQ(m_alive, 1);
-    std::array<std::thread, 4> threads;
-    for (std::thread& thread : threads)
-        thread = std::thread(
-            [thing]
-            {
-                for (int round = 0; round < 1000; ++round)
+        CVoComPtr<CThing> thing = VoMakeComObject<CThing>(&alive);
+        std::array<std::thread, 4> threads;
+        for (std::thread& thread : threads)
+            thread = std::thread(
+                [thing]
                 {
-                    CVoComPtr<IMarshal> marshal;
-                    CVoComPtr<IThing> back;
-                    EXPECT_EQ(thing.As(marshal), S_OK);
-                    EXPECT_EQ(marshal.As(back), S_OK);
-                }
-            });
-    for (std::thread& thread : threads)
-        thread.join();
-    const CVoComPtr<CThing> copy = thing;
-    thing = copy; // the object held already
-    EXPECT_EQ(thing->AddRef(), 3U);
-    EXPECT_EQ(thing->Release(), 2U);
+                    for (int round = 0; round < 1000; ++round)
+                    {
+                        // Every interface leads to every other, and to one identity.
+                        CVoComPtr<IUnknown> unknown, unknownOfMarshal;
+                        CVoComPtr<IMarshal> marshal;
+                        CVoComPtr<IThing> back;
+                        EXPECT_EQ(thing.As(unknown), S_OK);
+                        EXPECT_EQ(unknown.As(marshal), S_OK);
+                        EXPECT_EQ(marshal.As(unknownOfMarshal), S_OK);
+                        EXPECT_EQ(marshal.As(back), S_OK);
+                        EXPECT_TRUE(unknownOfMarshal.Get() == unknown.Get() && back.Get() == thing.Get());
+                    }
+                });
+        for (std::thread& thread : threads)
+            thread.join();
+        const CVoComPtr<CThing> copy = thing;
+        thing = copy; // the object held already
+        EXPECT_EQ(thing->AddRef(), 3U);
+        EXPECT_EQ(thing->Release(), 2U);
+
+        CVoComPtr<IUnknown> kept = thing.Get();
+        IUnknown* other = kept.Get();
+        EXPECT_EQ(thing->QueryInterface(IID_IDispatch, reinterpret_cast<void**>(&other)), E_NOINTERFACE);
+        EXPECT_EQ(other, nullptr);
+        EXPECT_EQ(thing->QueryInterface(IID_IUnknown, nullptr), E_POINTER);
+        EXPECT_EQ(CVoComPtr<IThing>().As(kept), E_POINTER);
+        EXPECT_EQ(kept.Get(), thing.Get());
+        EXPECT_EQ(alive, 1);
+    }
+    EXPECT_EQ(alive, 0);
+    ::CoUninitialize();
 }
 
-TEST_F(ComBase, PropertyBagListsReadsAndWritesItsTable)
+TEST(ComBase, PropertyBagListsReadsAndWritesItsTable)
 {
-    const CVoComPtr<CThing> thing = VoMakeComObject<CThing>(&m_alive);
+    int alive = 0;
+    const CVoComPtr<CThing> thing = VoMakeComObject<CThing>(&alive);
     CVoSafeArray tags;
     ASSERT_EQ(thing->GetPropertyTags(tags.Put()), S_OK);
     std::vector<std::wstring> texts;
@@ -162,30 +125,21 @@ TEST_F(ComBase, PropertyBagListsReadsAndWritesItsTable)
     value.vt = VT_I4 | VT_BYREF;
     value.plVal = &referred;
     EXPECT_EQ(thing->put_Properties(number.Get(), value), S_OK);
+    EXPECT_EQ(thing->put_Properties(unknown.Get(), value), E_INVALIDARG);
     CVoVariant read;
     ASSERT_EQ(thing->get_Properties(number.Get(), read.Put()), S_OK);
-    EXPECT_EQ(read.Get().vt, VT_I4);
-    EXPECT_EQ(read.Get().lVal, 41);
-
     EXPECT_EQ(thing->get_Properties(unknown.Get(), &read.Get()), E_INVALIDARG);
     EXPECT_EQ(thing->get_Properties(nullptr, &read.Get()), E_INVALIDARG);
     EXPECT_EQ(thing->get_Properties(broken.Get(), &read.Get()), E_ABORT);
+    EXPECT_EQ(read.Get().vt, VT_I4);
     EXPECT_EQ(read.Get().lVal, 41);
-    EXPECT_EQ(thing->put_Properties(unknown.Get(), value), E_INVALIDARG);
     value.vt = VT_R8;
     EXPECT_EQ(thing->put_Properties(number.Get(), value), DISP_E_TYPEMISMATCH);
 }
 
-TEST(ComValues, BytesTravelInVariants)
+TEST(ComValues, OnlyArraysOfBytesBecomeBytes)
 {
-    std::vector<BYTE> back{ 1, 2, 3 };
-    for (const std::vector<BYTE>& bytes : { std::vector<BYTE>(), std::vector<BYTE>(100000, 7) })
-    {
-        CVoVariant value;
-        ASSERT_EQ(VoBytesToVariant(bytes, value.Get()), S_OK);
-        EXPECT_EQ(VoVariantToBytes(value.Get(), back), S_OK);
-        EXPECT_EQ(back, bytes);
-    }
+    std::vector<BYTE> back;
     // An array may count from anywhere; another element type or dimension is refused.
     SAFEARRAYBOUND bounds[] = { { 4, 5 }, { 1, 0 } };
     for (const auto& [type, dimensions, expected] :
@@ -202,15 +156,14 @@ TEST(ComValues, BytesTravelInVariants)
 TEST(ComValues, TextsTravelInSafeArrays)
 {
     const std::vector<std::wstring_view> texts{ L"a", L"", std::wstring_view(L"b\0c", 3), L"\u20AC", L"e", L"f" };
-    const std::vector<std::wstring> copies(texts.begin(), texts.end());
-    for (const UINT32 columns : { 0U, 1U, 2U, 3U, 6U })
+    for (const UINT32 columns : { 0U, 2U, 6U })
     {
         CVoSafeArray array;
         ASSERT_EQ(VoStringsToSafeArray(texts, array, columns), S_OK);
         EXPECT_EQ(::SafeArrayGetDim(array.Get()), columns > 0 ? 2U : 1U);
         std::vector<std::wstring> back{ L"x" };
         EXPECT_EQ(VoSafeArrayToStrings(array.Get(), back), S_OK);
-        EXPECT_EQ(back, copies);
+        EXPECT_EQ(back, std::vector<std::wstring>(texts.begin(), texts.end()));
         SAFEARRAY* const before = array.Get();
         EXPECT_EQ(VoStringsToSafeArray(texts, array, 4), E_INVALIDARG);
         EXPECT_EQ(array.Get(), before);
