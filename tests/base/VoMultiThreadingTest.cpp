@@ -18,12 +18,11 @@ using namespace TestSupport;
 namespace
 {
 const std::wstring kSource = L"..\\..\\source\\base\\VoMultiThreading";
-const std::wstring kCreate = L"CVoThread::CreateThread";
 constexpr HRESULT kRunFailed = static_cast<HRESULT>(0x80091234);
 
 auto CreateReport(int line, HRESULT code)
 {
-    return IsReport(kSource, line, kCreate, code);
+    return IsReport(kSource, line, L"CVoThread::CreateThread", code);
 }
 
 // What a thread does is told by the test.
@@ -34,6 +33,7 @@ public:
     std::function<bool()> init = [] { return true; };
     std::function<HRESULT()> exit = [] { return S_OK; };
     std::atomic<int>* destroyed = nullptr;
+    bool joinInDestructor = true;
 
     ~CTestThread() override
     {
@@ -42,7 +42,6 @@ public:
         if (destroyed)
             ++*destroyed;
     }
-    bool joinInDestructor = true;
 
     using CVoThread::SignalStarted;
     using CVoThread::StopEvent;
@@ -61,14 +60,12 @@ HRESULT RunUntilStopped(CTestThread& thread)
     return thread.StopRequested() ? S_OK : E_UNEXPECTED;
 }
 
-// A handle of the thread that outlives the object.
+// A handle of the thread that outlives the object; none of an object without a thread.
 CVoHandle Duplicate(HANDLE thread)
 {
     HANDLE copy = nullptr;
-    if (thread)
-    {
-        EXPECT_TRUE(::DuplicateHandle(::GetCurrentProcess(), thread, ::GetCurrentProcess(), &copy, SYNCHRONIZE, FALSE, 0));
-    }
+    const HANDLE process = ::GetCurrentProcess();
+    EXPECT_TRUE(!thread || ::DuplicateHandle(process, thread, process, &copy, SYNCHRONIZE, FALSE, 0));
     return CVoHandle(copy);
 }
 
@@ -99,45 +96,6 @@ TEST(AutoLock, LocksOnceUnlocksOnceAndBelievesTheLock)
         EXPECT_EQ(holder.Lock(), 1);
     }
     EXPECT_EQ(lock.calls, 5);
-}
-
-TEST(CriticalSection, IsRecursiveForItsThreadAndExcludesOthers)
-{
-    CCriticalSection section;
-    int count = 0;
-    const auto work = [&]
-    {
-        for (int round = 0; round < 10000; ++round)
-        {
-            CAutoLock outer(&section);
-            CAutoLock inner(&section);
-            ++count;
-        }
-    };
-    std::thread other(work);
-    work();
-    other.join();
-    EXPECT_EQ(count, 20000);
-}
-
-TEST(Event, KindInitialStateAndNameAreThePlatforms)
-{
-    CEvent manual(true, true);
-    EXPECT_TRUE(manual.IsSignalled());
-    EXPECT_TRUE(manual.IsSignalled());
-    EXPECT_EQ(manual.Reset(), S_OK);
-    EXPECT_FALSE(manual.IsSignalled());
-    CEvent automatic(false, false, L"VoUtilsTest.Event");
-    CEvent same(true, false, L"VoUtilsTest.Event");
-    EXPECT_FALSE(same.IsSignalled());
-    EXPECT_EQ(same.Set(), S_OK);
-    EXPECT_TRUE(automatic.IsSignalled());
-    EXPECT_FALSE(automatic.IsSignalled());
-
-    const CFailOnCall<decltype(&::CreateEventW)> fail("kernel32.dll", "CreateEventW", 1, nullptr, ERROR_INVALID_HANDLE);
-    CLogCapture log;
-    EXPECT_THROW(CEvent(false, true, L"VoUtilsTest.None"), CVoHResultException);
-    EXPECT_THAT(log.Lines(), ElementsAre(IsReportBy(L"CEvent::CEvent", HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE))));
 }
 
 TEST(Thread, IsIdleThenRunsThenEndsAndStartsAgain)
@@ -171,6 +129,7 @@ TEST(Thread, ThatEndsBeforeItStartsGivesItsExitCode)
     const auto succeeds = [](auto&...) { return S_OK; };
     const auto fails = [](auto&...) { return kRunFailed; };
     const auto throws = [](auto&...) -> HRESULT { throw std::runtime_error("test"); };
+    const auto yes = [] { return true; };
     struct SCase
     {
         HRESULT result;
@@ -179,20 +138,12 @@ TEST(Thread, ThatEndsBeforeItStartsGivesItsExitCode)
         std::function<HRESULT(CTestThread&)> run;
         std::function<HRESULT()> exit;
     };
+    const auto thrown = kResultCallbackException;
     const SCase cases[] = {
         { S_FALSE, { CreateReport(828, S_FALSE) }, [] { return false; }, fails, succeeds },
-        { S_FALSE, { CreateReport(828, S_FALSE) }, [] { return true; }, succeeds, succeeds },
-        { kResultCallbackException,
-          { proc(704, kResultCallbackException), CreateReport(827, kResultCallbackException) },
-          [] { return true; },
-          throws,
-          succeeds },
+        { thrown, { proc(704, thrown), CreateReport(827, thrown) }, yes, throws, succeeds },
         { S_FALSE, { proc(711, E_FAIL), CreateReport(828, S_FALSE) }, [&] { return throws() == S_OK; }, succeeds, succeeds },
-        { kRunFailed,
-          { proc(699, kRunFailed), proc(711, E_FAIL), CreateReport(827, kRunFailed) },
-          [] { return true; },
-          fails,
-          throws },
+        { kRunFailed, { proc(699, kRunFailed), proc(711, E_FAIL), CreateReport(827, kRunFailed) }, yes, fails, throws },
     };
     for (const SCase& item : cases)
         for (const bool useFinishedEvent : { false, true })
@@ -372,7 +323,6 @@ TEST(Thread, EveryFailureOfThePlatformIsHandled)
         return last == code;
     };
     for (const bool useFinishedEvent : { false, true })
-    {
         ExpectEveryFailureIsHandled(
             { VO_FAULT("kernel32.dll", CreateEventW, nullptr, ERROR_NOT_ENOUGH_MEMORY),
               VO_FAULT("kernel32.dll", CreateThread, nullptr, ERROR_MAX_THRDS_REACHED),
@@ -383,6 +333,5 @@ TEST(Thread, EveryFailureOfThePlatformIsHandled)
               VO_FAULT("kernel32.dll", WideCharToMultiByte, 0, ERROR_NO_UNICODE_TRANSLATION),
               VO_FAULT_GIVES("kernel32.dll", AddVectoredExceptionHandler, nullptr, 0, E_FAIL) },
             [&] { return LiveOnce(useFinishedEvent, log); }, wasReported);
-    }
 }
 } // namespace
