@@ -48,8 +48,6 @@ std::wstring ProgramName()
     EXPECT_EQ(GetModuleDirAndFileName(nullptr, nullptr, &name), S_OK);
     return name;
 }
-} // namespace
-
 TEST(ErrorText, TheFacilityDecidesWhereTheTextIsLookedUp)
 {
     // What FormatMessageW is asked for; the wording is the platform's own.
@@ -144,48 +142,36 @@ TEST(ErrorTranslator, NeedsBothExportsAndReleasesAModuleWithoutThem)
     }
 }
 
-// The process loads its translator once, so that each outcome needs a process of its own.
-TEST(ErrorTranslatorDeathTest, TextsAndWindowComeFromTheModuleWhenSwitchedOn)
+// What a process sees that has its translator switched on: message boxes, codes and texts. The translator is loaded once, so
+// each outcome needs a process of its own. `loadedModule`: null for the file of the common programs.
+void ShowOutcome(const wchar_t* loadedModule)
 {
-    EXPECT_EXIT(
-        {
-            VoErrorLog().SetUseErrorTranslator(true);
-            std::wstring text;
-            std::wstring fallback;
-            const HRESULT loaded = VoLoadErrorTranslator(ProgramName().c_str());
-            const HRESULT found = VoGetErrorText(kTranslated, false, &text);
-            const HRESULT shown = VoShowError(kTranslated, false);
-            const HRESULT unknown = VoGetErrorText(static_cast<HRESULT>(0x81040002), true, &fallback);
-            std::fprintf(stderr, "%lx %lx %lx %lx [%ls] [%ls] [%ls]", static_cast<unsigned long>(loaded),
-                         static_cast<unsigned long>(found), static_cast<unsigned long>(shown),
-                         static_cast<unsigned long>(unknown), text.c_str(), g_shown.c_str(), fallback.c_str());
-            std::exit(0);
-        },
-        testing::ExitedWithCode(0), HasSubstr("0 0 0 0 [translated] [81040001 translated] [Unknown system error occured!]"));
+    VoErrorLog().SetUseErrorTranslator(true);
+    const CCallHook<decltype(&::MessageBoxW)> hook("user32.dll", "MessageBoxW",
+                                                   [](auto, HWND, LPCWSTR text, LPCWSTR caption, UINT) -> int
+                                                   {
+                                                       std::fprintf(stderr, "<%ls: %ls>", caption, text);
+                                                       return IDOK;
+                                                   });
+    std::wstring text;
+    const HRESULT codes[] = { VoLoadErrorTranslator(loadedModule), VoGetErrorText(kTranslated, false, &text),
+                              VoShowError(kTranslated, false), VoLoadErrorTranslator(nullptr) };
+    for (const HRESULT code : codes)
+        std::fprintf(stderr, " %lx", static_cast<unsigned long>(code));
+    std::fprintf(stderr, " [%ls] [%ls]", text.c_str(), g_shown.c_str());
+    std::exit(0);
 }
 
-TEST(ErrorTranslatorDeathTest, AFailedLoadIsShownOnceAndNotTriedAgain)
+TEST(ErrorTranslatorDeathTest, IsLoadedOnceAndAFailureIsShownOnce)
 {
-    const auto load = [](const wchar_t* loadedModule)
-    {
-        VoErrorLog().SetUseErrorTranslator(true);
-        const CCallHook<decltype(&::MessageBoxW)> hook("user32.dll", "MessageBoxW",
-                                                       [](auto, HWND, LPCWSTR text, LPCWSTR caption, UINT) -> int
-                                                       {
-                                                           std::fprintf(stderr, "<%ls: %ls>", caption, text);
-                                                           return IDOK;
-                                                       });
-        std::wstring text;
-        const HRESULT first = loadedModule ? VoLoadErrorTranslator(loadedModule) : S_OK;
-        const HRESULT found = VoGetErrorText(kTranslated, false, &text);
-        const HRESULT again = VoLoadErrorTranslator(nullptr);
-        std::fprintf(stderr, "%lx %lx %lx", static_cast<unsigned long>(first), static_cast<unsigned long>(found),
-                     static_cast<unsigned long>(again));
-        std::exit(0);
+    const std::pair<std::wstring, const char*> cases[] = {
+        { ProgramName(), " 0 0 0 0 [translated] [81040001 translated]" },
+        { L"no such module", "<Error: Error getting 'modulehandle' lib (126)> 8007007e 80004005 80004005 8007007e [] []" },
     };
-    EXPECT_EXIT(load(nullptr), testing::ExitedWithCode(0),
+    for (const auto& [module, outcome] : cases)
+        EXPECT_EXIT(ShowOutcome(module.c_str()), testing::ExitedWithCode(0), HasSubstr(outcome));
+    EXPECT_EXIT(ShowOutcome(nullptr), testing::ExitedWithCode(0),
                 testing::AllOf(HasSubstr("<Error: Error loading lib ["),
-                               HasSubstr("\\Kestrelan\\ErrorTranslator.dll] (126)>0 80004005 8007007e")));
-    EXPECT_EXIT(load(L"no such module"), testing::ExitedWithCode(0),
-                HasSubstr("<Error: Error getting 'modulehandle' lib (126)>8007007e 80004005 8007007e"));
+                               HasSubstr("\\Kestrelan\\ErrorTranslator.dll] (126)> 8007007e 80004005 80004005 8007007e")));
 }
+} // namespace

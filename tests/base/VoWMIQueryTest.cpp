@@ -1,3 +1,4 @@
+#include <base/VoUtils.h>
 #include <win/VoWMIQuery.h>
 
 #include <support/ImportHook.h>
@@ -27,23 +28,16 @@ using Rows = std::vector<std::vector<std::wstring>>;
 
 constexpr wchar_t kNamespace[] = L"ROOT\\CIMV2";
 constexpr HRESULT kUnknownProperty = static_cast<HRESULT>(0x80041002);
-constexpr HRESULT kBadQuery = static_cast<HRESULT>(0x80041017);
 
 // What a WMI of our own is to do, and what it saw.
 struct SScenario
 {
-    HRESULT queryResult = S_OK;
-    bool hasServices = true;
-    bool hasEnumerator = true;
     std::vector<std::map<std::wstring, std::wstring>> objects; // property to text
-    HRESULT lastResult = WBEM_S_FALSE;                         // of Next behind the last object
-    HRESULT getResult = S_OK;
+    std::string failing;                                       // the function that does not do its work
+    HRESULT failure = S_OK;                                    // what it returns
     std::function<void()> beforeNext = [] {};
 
-    std::wstring namespacePath;
-    std::wstring locale;
-    std::wstring query;
-    LONG queryFlags = 0;
+    std::wstring seen;
     DWORD workerThread = 0;
     int alive = 0; // objects handed out and not released
 };
@@ -68,16 +62,14 @@ struct SFake
         }
         return left;
     }
-    static HRESULT STDMETHODCALLTYPE NotCalled() { return E_NOTIMPL; }
 
     // A new object whose function number `slot` is this one.
     template <size_t slot, auto function, class Interface>
-    static void Make(SScenario& scenario, size_t next, Interface** object)
+    static HRESULT Make(SScenario& scenario, size_t next, Interface** object)
     {
         static const std::array<void*, 32> functions = []
         {
-            std::array<void*, 32> table;
-            table.fill(reinterpret_cast<void*>(&NotCalled));
+            std::array<void*, 32> table{};
             table[1] = reinterpret_cast<void*>(&AddRef);
             table[2] = reinterpret_cast<void*>(&Release);
             table[slot] = reinterpret_cast<void*>(function);
@@ -85,14 +77,15 @@ struct SFake
         }();
         ++scenario.alive;
         *object = reinterpret_cast<Interface*>(new SFake{ &functions, scenario, next });
+        return S_OK;
     }
 };
 
 // IWbemClassObject::Get
 HRESULT STDMETHODCALLTYPE GetProperty(SFake* self, LPCWSTR name, LONG, VARIANT* value, CIMTYPE* type, LONG*)
 {
-    if (FAILED(self->scenario.getResult))
-        return self->scenario.getResult;
+    if (self->scenario.failing == "Get")
+        return self->scenario.failure;
     const auto& properties = self->scenario.objects[self->next];
     const auto found = properties.find(name);
     if (found == properties.end())
@@ -106,27 +99,23 @@ HRESULT STDMETHODCALLTYPE GetProperty(SFake* self, LPCWSTR name, LONG, VARIANT* 
 // IEnumWbemClassObject::Next
 HRESULT STDMETHODCALLTYPE NextObject(SFake* self, LONG timeout, ULONG count, IWbemClassObject** objects, ULONG* returned)
 {
-    self->scenario.beforeNext();
+    SScenario& scenario = self->scenario;
+    scenario.beforeNext();
     *returned = 0;
     EXPECT_TRUE(timeout == -1 && count == 1);
-    if (self->next == self->scenario.objects.size())
-        return self->scenario.lastResult;
-    SFake::Make<4, &GetProperty>(self->scenario, self->next++, objects);
+    if (self->next == scenario.objects.size())
+        return scenario.failing == "Next" ? scenario.failure : S_FALSE; // WBEM_S_FALSE
     *returned = 1;
-    return S_OK;
+    return SFake::Make<4, &GetProperty>(scenario, self->next++, objects);
 }
 
 // IWbemServices::ExecQuery
 HRESULT STDMETHODCALLTYPE ExecQuery(SFake* self, BSTR language, BSTR query, LONG flags, void*, IEnumWbemClassObject** objects)
 {
     SScenario& scenario = self->scenario;
-    EXPECT_EQ(CVoBstr::ViewOf(language), L"WQL");
-    scenario.query = CVoBstr::ViewOf(query);
-    scenario.queryFlags = flags;
+    scenario.seen += VoFormat(L" %ls: %ls, %lX", language, query, flags);
     scenario.workerThread = ::GetCurrentThreadId();
-    if (SUCCEEDED(scenario.queryResult) && scenario.hasEnumerator)
-        SFake::Make<4, &NextObject>(scenario, 0, objects);
-    return scenario.queryResult;
+    return scenario.failing == "ExecQuery" ? scenario.failure : SFake::Make<4, &NextObject>(scenario, 0, objects);
 }
 
 // IWbemLocator::ConnectServer
@@ -134,11 +123,9 @@ HRESULT STDMETHODCALLTYPE Connect(SFake* self, BSTR path, BSTR user, BSTR passwo
                                   IWbemServices** services)
 {
     EXPECT_FALSE(user || password);
-    self->scenario.namespacePath = CVoBstr::ViewOf(path);
-    self->scenario.locale = CVoBstr::ViewOf(locale);
-    if (self->scenario.hasServices)
-        SFake::Make<20, &ExecQuery>(self->scenario, 0, services);
-    return S_OK;
+    SScenario& scenario = self->scenario;
+    scenario.seen = VoFormat(L"%ls %ls", path, locale ? locale : L"");
+    return scenario.failing == "ConnectServer" ? scenario.failure : SFake::Make<20, &ExecQuery>(scenario, 0, services);
 }
 
 // Puts the fakes in WMI's place for a scope.
@@ -149,8 +136,7 @@ struct CFakeWmi
                  [&scenario](auto, REFCLSID classId, LPUNKNOWN, DWORD, REFIID, LPVOID* object)
                  {
                      EXPECT_EQ(classId, CLSID_WbemLocator);
-                     SFake::Make<3, &Connect>(scenario, 0, object);
-                     return S_OK;
+                     return SFake::Make<3, &Connect>(scenario, 0, object);
                  })
     {
     }
@@ -181,25 +167,6 @@ void ExpectNoAnswer(CVoWMIQueryBase& wmi)
     int count = 0;
     EXPECT_EQ(wmi.QueryWMI(L"SELECT * FROM A", &CountObjects, &count), E_FAIL);
     EXPECT_EQ(count, 0);
-}
-
-TEST(WmiQuery, ReadsTheMachinesOwnProperties)
-{
-    CVoWMIQueryStringFields wmi(kNamespace);
-    Rows rows;
-    const std::wstring query = L"SELECT * FROM Win32_OperatingSystem";
-    ASSERT_EQ(wmi.QueryWMIStringFields(query, { { L"Caption", L"LastBootUpTime", L"Primary" } }, rows), S_OK);
-    ASSERT_EQ(rows.size(), 1U);
-    EXPECT_THAT(rows[0], ElementsAre(testing::StartsWith(L"Microsoft Windows"), testing::HasSubstr(L"T"), L"TRUE"));
-    rows = { { L"before" } };
-    CLogCapture log;
-    EXPECT_EQ(wmi.QueryWMIStringFields(L"SELEKT", { { L"Caption" } }, rows), kBadQuery);
-    EXPECT_THAT(log.Lines(), ElementsAre(IsReportBy(L"VoWMIQuery::CVoWMIQueryBase::ProcessQuery", kBadQuery),
-                                         IsReportBy(L"VoWMIQuery::CVoWMIQueryBase::Run", kBadQuery),
-                                         IsReportBy(L"VoWMIQuery::CVoWMIQueryBase::QueryWMI", kBadQuery),
-                                         IsReportBy(L"VoWMIQuery::CVoWMIQueryStringFields::QueryWMIStringFields", kBadQuery)));
-    EXPECT_EQ(wmi.QueryWMIStringFields(query, { { L"Caption", L"Captoin" } }, rows), kUnknownProperty);
-    EXPECT_EQ(rows, (Rows{ { L"before" } }));
 }
 
 TEST(WmiQuery, ThreadsAskOneObjectInTurnAndTwoObjectsAtOnce)
@@ -244,40 +211,46 @@ TEST(WmiQuery, ObjectsOfDifferentClassesGiveEmptyTextForWhatTheyLack)
         Rows rows;
         ASSERT_EQ(wmi.QueryWMIStringFields(L"SELECT * FROM A", { { L"B", L"A" } }, rows), S_OK);
         EXPECT_EQ(rows, (Rows{ { L"", L"1" }, { L"x", L"2" } }));
-        EXPECT_EQ(wmi.Start(), S_OK);
+        EXPECT_EQ(wmi.QueryWMIStringFields(L"SELECT * FROM A", { { L"C" } }, rows), kUnknownProperty);
+        EXPECT_EQ(rows.size(), 2U);
     }
-    EXPECT_EQ(scenario.namespacePath, L"ROOT\\Test");
-    EXPECT_EQ(scenario.locale, L"MS_409");
-    EXPECT_EQ(scenario.query, L"SELECT * FROM A");
-    EXPECT_EQ(scenario.queryFlags, 0x30);
+    EXPECT_EQ(scenario.seen, L"ROOT\\Test MS_409 WQL: SELECT * FROM A, 30 WQL: SELECT * FROM A, 30");
     EXPECT_NE(scenario.workerThread, ::GetCurrentThreadId());
     EXPECT_EQ(scenario.alive, 0);
 }
 
 TEST(WmiQuery, AFailureOfWmiIsTheQuerysResultAndLeavesTheRows)
 {
-    SScenario scenario;
-    scenario.objects = { { { L"A", L"1" } } };
-    const CFakeWmi fake(scenario);
+    // A success without the object that it is to give is a failure too. An unknown class shows only when its first object is
+    // asked for.
+    const std::tuple<const char*, HRESULT, HRESULT> cases[] = {
+        { "ConnectServer", S_OK, E_FAIL },       { "ExecQuery", E_ACCESSDENIED, E_ACCESSDENIED },
+        { "ExecQuery", S_OK, E_FAIL },           { "Next", kUnknownProperty, kUnknownProperty },
+        { "Get", E_OUTOFMEMORY, E_OUTOFMEMORY },
+    };
+    for (const auto& [function, failure, expected] : cases)
     {
-        CVoWMIQueryStringFields wmi(kNamespace);
-        const auto fails = [&](auto& setting, auto value, HRESULT expected)
+        SCOPED_TRACE(function);
+        SScenario scenario;
+        scenario.objects = { { { L"A", L"1" } } };
+        scenario.failing = function;
+        scenario.failure = failure;
+        const CFakeWmi fake(scenario);
+        const CLogCapture log;
         {
-            const auto good = std::exchange(setting, value);
+            CVoWMIQueryStringFields wmi(kNamespace);
             Rows rows{ { L"before" } };
             EXPECT_EQ(wmi.QueryWMIStringFields(L"SELECT * FROM A", { { L"A" } }, rows), expected);
             EXPECT_EQ(rows, (Rows{ { L"before" } }));
-            setting = good;
-            EXPECT_EQ(wmi.QueryWMIStringFields(L"SELECT * FROM A", { { L"A" } }, rows), S_OK);
-            EXPECT_EQ(rows, (Rows{ { L"1" } })) << "the next query is not the worse for it";
-        };
-        fails(scenario.queryResult, E_ACCESSDENIED, E_ACCESSDENIED);
-        fails(scenario.hasEnumerator, false, E_FAIL);
-        // An unknown class shows only when its first object is asked for.
-        fails(scenario.lastResult, kUnknownProperty, kUnknownProperty);
-        fails(scenario.getResult, E_OUTOFMEMORY, E_OUTOFMEMORY);
+            EXPECT_THAT(log.Lines(), Contains(IsReportBy(L"VoWMIQuery::CVoWMIQueryBase::QueryWMI", expected)));
+            EXPECT_THAT(log.Lines().back(), IsReportBy(L"VoWMIQuery::CVoWMIQueryStringFields::QueryWMIStringFields", expected));
+            // The next query is not the worse for it, unless there is no connection.
+            const bool isConnected = scenario.failing != "ConnectServer";
+            scenario.failing.clear();
+            EXPECT_EQ(wmi.QueryWMIStringFields(L"SELECT * FROM A", { { L"A" } }, rows), isConnected ? S_OK : E_FAIL);
+        }
+        EXPECT_EQ(scenario.alive, 0);
     }
-    EXPECT_EQ(scenario.alive, 0);
 }
 
 TEST(WmiQuery, ACallbackEndsTheQueryByFailingOrThrowing)
@@ -336,12 +309,6 @@ TEST(WmiQuery, EveryFailureOfTheStartIsToldAndMakesEveryQueryFail)
             VO_FAULT_GIVES("oleaut32.dll", SysAllocStringLen, nullptr, 0, E_OUTOFMEMORY),
         },
         run, wasReported, { &com });
-
-    SScenario scenario;
-    scenario.hasServices = false;
-    const CFakeWmi fake(scenario);
-    EXPECT_EQ(CVoWMIQueryBase(kNamespace).Start(), E_FAIL);
-    EXPECT_EQ(scenario.alive, 0);
 }
 
 TEST(WmiQuery, AWorkerThatCannotAnswerIsAFailure)
