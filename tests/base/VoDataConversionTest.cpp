@@ -13,7 +13,6 @@
 #include <vector>
 
 using namespace TestSupport;
-using testing::ElementsAre;
 
 namespace
 {
@@ -22,6 +21,19 @@ using CBytes = std::vector<BYTE>;
 constexpr const wchar_t* kSource = L"..\\..\\source\\base\\utils\\VoDataConversion";
 
 using CDecoder = HRESULT (*)(std::wstring_view, BYTE**, UINT32*);
+constexpr CDecoder kFromHex = &VoDataConversion::HexToBin;
+constexpr CDecoder kFromBase64 = &VoDataConversion::Base64ToBin;
+constexpr CDecoder kFromBase32 = &VoDataConversion::Base32ModifiedCrockfordToBin;
+
+using CEncoder = HRESULT (*)(const BYTE*, INT32, std::wstring&, INT32);
+constexpr CEncoder kToHex = [](auto bytes, auto count, auto& to, auto line)
+{ return VoDataConversion::BinToHex(bytes, count, to, line); };
+template <bool useUrl>
+constexpr CEncoder kToBase64 = [](auto bytes, auto count, auto& to, auto line)
+{ return VoDataConversion::BinToBase64(bytes, count, useUrl, to, line); };
+template <bool pad>
+constexpr CEncoder kToBase32 = [](auto bytes, auto count, auto& to, auto line)
+{ return VoDataConversion::BinToBase32ModifiedCrockford(bytes, count, pad, to, line); };
 
 // What a decoder makes of a text that ends at an inaccessible page; nothing when it refuses it. Checks that outputs are written
 // on success only and that the size alone can be asked for.
@@ -71,61 +83,45 @@ CBytes FromText(std::string_view text)
 
 TEST(VoDataConversion, DecodersTakeTextAsItArrives)
 {
-    constexpr CDecoder kHex = &VoDataConversion::HexToBin;
-    constexpr CDecoder kBase64 = &VoDataConversion::Base64ToBin;
-    constexpr CDecoder kBase32 = &VoDataConversion::Base32ModifiedCrockfordToBin;
-    struct CCase
-    {
-        CDecoder decoder;
-        std::optional<CBytes> bytes;
-        std::vector<std::wstring_view> texts; // each gives these bytes
-    };
-    const CCase cases[] = {
-        { kHex, CBytes{}, { L"", L"-- :\r\n" } },
-        { kHex, CBytes{ 0x01, 0xF0 }, { L"0x1F0", L"01:f 0", L"\u0141\uFF110 1\u0130F0", { L"01\0F0", 5 } } },
-        { kHex, std::nullopt, { L"A", L"0x1F" } }, // the prefix's "0" is a digit
-        { kBase64, CBytes{}, { L"", L" \t\r\n", L"====" } },
-        { kBase64, FromText("Ma"), { L"  TWE=\r\n", L"TWE", L"TWE%3d", L"TWE%3D%3d==", L"TW\r\n\rE", L"TWF" } },
-        { kBase64, CBytes{ 0xFB, 0xFF }, { L"-_8=", L"+/8=", L"+_9" } },
-        { kBase64,
+    // Each text gives these bytes.
+    const std::tuple<CDecoder, std::optional<CBytes>, std::vector<std::wstring_view>> cases[] = {
+        { kFromHex, CBytes{}, { L"", L"-- :\r\n" } },
+        { kFromHex, CBytes{ 0x01, 0xF0 }, { L"0x1F0", L"01:f 0", L"\u0141\uFF110 1\u0130F0", { L"01\0F0", 5 } } },
+        { kFromHex, std::nullopt, { L"A", L"0x1F" } }, // the prefix's "0" is a digit
+        { kFromBase64, CBytes{}, { L"", L" \t\r\n====" } },
+        { kFromBase64, FromText("Ma"), { L"  TWE=\r\n", L"TWE", L"TWE%3d", L"TWE%3D%3d==", L"TW\r\n\rE", L"TWF" } },
+        { kFromBase64, CBytes{ 0xFB, 0xFF }, { L"-_8=", L"+/8=", L"+_9" } },
+        { kFromBase64,
           std::nullopt,
           { L"TWFu%3D%3D%3D", L"TWE=%3D", L"TW E=", L"TW\tE=", L"T", L"TWFuT", L"T=Fu", { L"TW\0u", 4 }, L"TWF\u0175" } },
         // Separators go first, "%3D" goes before "%3d" and is not looked for again.
-        { kBase32, CBytes{ 1 }, { L"10", L"1 0\t=\r\n=", L"%3D1%3d0", L"1%\r3 =D0", L"1%%3D3d0", L"\v10\f", L"lo", L"IO" } },
-        { kBase32, std::nullopt, { L"1%%3d3D0", L"1\v0", L"1", L"100", L"100000", L"1!", L"1\u0130" } },
-        { kBase32, CBytes{ 1, 0, 0, 0 }, { L"1000000", L"i00000o" } },
-        { kBase32, CBytes{ 26 }, { L"U0", L"uo" } },
-        { kBase32, CBytes{ 8 }, { L"80", L"B0", L"bO" } },
-        { kBase32, CBytes(5, 0xFF), { L"ZZZZZZZZ", L"zzzzzzzz" } },
+        { kFromBase32,
+          CBytes{ 1 },
+          { L"10", L"1 0\t=\r\n=", L"%3D1%3d0", L"1%\r3 =D0", L"1%%3D3d0", L"\v10\f", L"lo", L"IO" } },
+        { kFromBase32, std::nullopt, { L"1%%3d3D0", L"1\v0", L"1", L"100", L"100000", L"1!", L"1\u0130" } },
+        { kFromBase32, CBytes{ 1, 0, 0, 0 }, { L"1000000", L"i00000o" } },
+        { kFromBase32, CBytes{ 26 }, { L"U0", L"uo" } },
+        { kFromBase32, CBytes{ 8 }, { L"80", L"B0", L"bO" } },
     };
-    for (const CCase& c : cases)
-        for (const std::wstring_view text : c.texts)
-            EXPECT_EQ(Decode(c.decoder, text), c.bytes) << testing::PrintToString(std::wstring(text));
+    for (const auto& [decoder, bytes, texts] : cases)
+        for (const std::wstring_view text : texts)
+            EXPECT_EQ(Decode(decoder, text), bytes) << testing::PrintToString(std::wstring(text));
 }
 
 TEST(VoDataConversion, LinesBreakWhereStoredTextHasThem)
 {
-    using CEncoder = HRESULT (*)(const BYTE*, INT32, std::wstring&, INT32);
-    constexpr CEncoder kHex = [](auto bytes, auto count, auto& to, auto line)
-    { return VoDataConversion::BinToHex(bytes, count, to, line); };
-    constexpr CEncoder kBase64 = [](auto bytes, auto count, auto& to, auto line)
-    { return VoDataConversion::BinToBase64(bytes, count, false, to, line); };
-    constexpr CEncoder kUrl = [](auto bytes, auto count, auto& to, auto line)
-    { return VoDataConversion::BinToBase64(bytes, count, true, to, line); };
-    constexpr CEncoder kPadded32 = [](auto bytes, auto count, auto& to, auto line)
-    { return VoDataConversion::BinToBase32ModifiedCrockford(bytes, count, true, to, line); };
     const std::tuple<CEncoder, CBytes, INT32, const wchar_t*> cases[] = {
-        { kHex, { 0xAB, 0x01, 0xFF }, 3, L"AB01\r\nFF" },
-        { kHex, { 0xAB, 0x01 }, 1, L"AB\r\n01\r\n" },
-        { kHex, { 0xAB, 0x01 }, INT32_MAX, L"AB01" },
-        { kHex, { 0xAB, 0x01 }, -1, L"AB01" },
-        { kBase64, FromText("M"), 0, L"TQ=\r\n=" },
-        { kBase64, CBytes(15), 10, L"AAAAAAAAAAA\r\nAAAAAAAAA" },
-        { kBase64, {}, 0, L"" },
-        { kUrl, FromText("ManM\xFF\xFE"), 2, L"TWFuTf_-" },
-        { kPadded32, { 0x01 }, 2, L"10\r\n==\r\n" },
-        { kPadded32, { 0x01, 0x00 }, 0, L"1000" },
-        { kPadded32, CBytes(5, 0xFF), 8, L"ZZZZZZZZ\r\n" },
+        { kToHex, { 0xAB, 0x01, 0xFF }, 3, L"AB01\r\nFF" },
+        { kToHex, { 0xAB, 0x01 }, 1, L"AB\r\n01\r\n" },
+        { kToHex, { 0xAB, 0x01 }, INT32_MAX, L"AB01" },
+        { kToHex, { 0xAB, 0x01 }, -1, L"AB01" },
+        { kToBase64<false>, FromText("M"), 0, L"TQ=\r\n=" },
+        { kToBase64<false>, CBytes(15), 10, L"AAAAAAAAAAA\r\nAAAAAAAAA" },
+        { kToBase64<false>, {}, 0, L"" },
+        { kToBase64<true>, FromText("ManM\xFF\xFE"), 2, L"TWFuTf_-" },
+        { kToBase32<true>, { 0x01 }, 2, L"10\r\n==\r\n" },
+        { kToBase32<true>, { 0x01, 0x00 }, 0, L"1000" },
+        { kToBase32<true>, CBytes(5, 0xFF), 8, L"ZZZZZZZZ\r\n" },
     };
     for (const auto& [encode, bytes, line, expected] : cases)
     {
@@ -143,24 +139,19 @@ TEST(VoDataConversion, WhatIsEncodedReadsBackAndBreaksWhenALineIsFull)
         {
             const CBytes bytes = RandomBytes(random, size);
             const CGuardedBuffer<BYTE> guarded(bytes);
-            // `width`: of a full line when `line` is asked for.
-            const auto check = [&](CDecoder decoder, INT32 width, auto encode)
+            // With the characters of a full line; 0: no breaks.
+            for (const auto& [decode, encode, width] : { std::tuple(kFromHex, kToHex, line + line % 2),
+                                                         { kFromBase64, kToBase64<false>, line > 0 ? line + 1 : 0 },
+                                                         { kFromBase64, kToBase64<true>, 0 },
+                                                         { kFromBase32, kToBase32<false>, line },
+                                                         { kFromBase32, kToBase32<true>, line } })
             {
                 std::wstring digits;
                 std::wstring text;
-                encode(guarded.Data(), static_cast<INT32>(size), digits, 0);
-                encode(guarded.Data(), static_cast<INT32>(size), text, line);
-                ASSERT_EQ(text, Lines(digits, line > 0 ? static_cast<size_t>(width) : 0)) << size << " " << line;
-                ASSERT_EQ(Decode(decoder, digits), bytes) << size;
-            };
-            check(&VoDataConversion::HexToBin, line + line % 2, &VoDataConversion::BinToHex);
-            for (const bool flag : { false, true })
-            {
-                check(&VoDataConversion::Base64ToBin, flag ? 0 : line + 1, [flag](auto data, auto count, auto& text, auto width)
-                      { (void)VoDataConversion::BinToBase64(data, count, flag, text, width); });
-                check(&VoDataConversion::Base32ModifiedCrockfordToBin, line,
-                      [flag](auto data, auto count, auto& text, auto width)
-                      { (void)VoDataConversion::BinToBase32ModifiedCrockford(data, count, flag, text, width); });
+                ASSERT_EQ(encode(guarded.Data(), static_cast<INT32>(size), digits, 0), S_OK);
+                ASSERT_EQ(encode(guarded.Data(), static_cast<INT32>(size), text, line), S_OK);
+                ASSERT_EQ(text, Lines(digits, static_cast<size_t>(width))) << size << " " << line;
+                ASSERT_EQ(Decode(decode, digits), bytes) << size;
             }
         }
 }
@@ -168,35 +159,32 @@ TEST(VoDataConversion, WhatIsEncodedReadsBackAndBreaksWhenALineIsFull)
 // The kernels write to the very end of their room, and not beyond, wherever the first bad character stands.
 TEST(VoDataConversion, KernelsStayWithinTheirGroups)
 {
-    struct CKernel
-    {
-        size_t characters;
-        size_t bytes;
-        size_t (*decode)(const wchar_t*, size_t, BYTE*) noexcept;
-        void (*encode)(const BYTE*, size_t, wchar_t*) noexcept;
-    };
-    const CKernel kernels[] = {
+    using CDecode = size_t (*)(const wchar_t*, size_t, BYTE*) noexcept;
+    using CEncode = void (*)(const BYTE*, size_t, wchar_t*) noexcept;
+    constexpr CEncode kEncodeBase64 = [](auto bytes, auto groups, auto text) noexcept
+    { VoCodecKernels::EncodeBase64(bytes, groups, false, text); };
+    // With the characters and the bytes of a group.
+    const std::tuple<size_t, size_t, CDecode, CEncode> kernels[] = {
         { 2, 1, &VoCodecKernels::DecodeHex, &VoCodecKernels::EncodeHex },
-        { 4, 3, &VoCodecKernels::DecodeBase64, [](const BYTE* bytes, size_t groups, wchar_t* text) noexcept
-          { VoCodecKernels::EncodeBase64(bytes, groups, false, text); } },
+        { 4, 3, &VoCodecKernels::DecodeBase64, kEncodeBase64 },
         { 8, 5, &VoCodecKernels::DecodeBase32, &VoCodecKernels::EncodeBase32 },
     };
     std::mt19937 random(5);
-    for (const CKernel& kernel : kernels)
+    for (const auto& [characters, unitBytes, decode, encode] : kernels)
         for (size_t groups = 0; groups < 70; ++groups)
         {
-            const CBytes bytes = RandomBytes(random, groups * kernel.bytes);
+            const CBytes bytes = RandomBytes(random, groups * unitBytes);
             const CGuardedBuffer<BYTE> source(bytes);
-            const CGuardedBuffer<wchar_t> text(groups * kernel.characters);
+            const CGuardedBuffer<wchar_t> text(groups * characters);
             const CGuardedBuffer<BYTE> decoded(bytes.size());
-            kernel.encode(source.Data(), groups, text.Data());
-            ASSERT_EQ(kernel.decode(text.Data(), groups, decoded.Data()), groups);
+            encode(source.Data(), groups, text.Data());
+            ASSERT_EQ(decode(text.Data(), groups, decoded.Data()), groups);
             ASSERT_TRUE(std::equal(bytes.begin(), bytes.end(), decoded.Data()));
             for (const wchar_t bad : { L'\0', L'*', L'\x80', L'\u0141', L'\uFF41' })
                 for (size_t at = 0; at < text.Size(); ++at)
                 {
                     const wchar_t good = std::exchange(text.Data()[at], bad);
-                    ASSERT_EQ(kernel.decode(text.Data(), groups, decoded.Data()), at / kernel.characters);
+                    ASSERT_EQ(decode(text.Data(), groups, decoded.Data()), at / characters);
                     text.Data()[at] = good;
                 }
         }
@@ -204,28 +192,27 @@ TEST(VoDataConversion, KernelsStayWithinTheirGroups)
 
 TEST(VoDataConversion, ReportsNameTheBadQuantityFirst)
 {
-    const std::wstring base64 = L"VoDataConversion::Base64ToBin";
-    const std::wstring base32 = L"VoDataConversion::Base32ModifiedCrockfordToBin";
-    const auto chain = [](CDecoder decoder, std::wstring_view text)
-    {
-        CLogCapture log;
-        EXPECT_EQ(decoder(text, nullptr, nullptr), E_INVALIDARG);
-        return log.Lines();
+    constexpr const wchar_t* kBase64 = L"VoDataConversion::Base64ToBin";
+    constexpr const wchar_t* kBase32 = L"VoDataConversion::Base32ModifiedCrockfordToBin";
+    using CReport = std::tuple<int, const wchar_t*, HRESULT>;
+    const std::tuple<CDecoder, std::wstring_view, std::vector<CReport>> cases[] = {
+        { kFromHex, L"ABC", { { 201, L"VoDataConversion::HexToBin", E_INVALIDARG } } },
+        { kFromBase64, L"TWFuT", { { 210, kBase64, 1 }, { 211, kBase64, E_INVALIDARG } } },
+        { kFromBase64, L"TW E", { { 84, L"internalGetSextet", 0x20 }, { 212, kBase64, E_INVALIDARG } } },
+        { kFromBase64, { L"TW\0E", 4 }, { { 85, L"internalGetSextet", E_INVALIDARG }, { 212, kBase64, E_INVALIDARG } } },
+        // A bad remainder is found before a bad character.
+        { kFromBase32, L"1!0", { { 220, kBase32, 3 }, { 221, kBase32, E_INVALIDARG } } },
+        { kFromBase32, L"1!", { { 46, L"internalGetQuintet", '!' }, { 222, kBase32, E_INVALIDARG } } },
     };
-    EXPECT_THAT(chain(&VoDataConversion::HexToBin, L"ABC"),
-                ElementsAre(IsReport(kSource, 201, L"VoDataConversion::HexToBin", E_INVALIDARG)));
-    EXPECT_THAT(chain(&VoDataConversion::Base64ToBin, L"TWFuT"),
-                ElementsAre(IsReport(kSource, 210, base64, 1), IsReport(kSource, 211, base64, E_INVALIDARG)));
-    EXPECT_THAT(chain(&VoDataConversion::Base64ToBin, L"TW E"),
-                ElementsAre(IsReport(kSource, 84, L"internalGetSextet", 0x20), IsReport(kSource, 212, base64, E_INVALIDARG)));
-    EXPECT_THAT(
-        chain(&VoDataConversion::Base64ToBin, { L"TW\0E", 4 }),
-        ElementsAre(IsReport(kSource, 85, L"internalGetSextet", E_INVALIDARG), IsReport(kSource, 212, base64, E_INVALIDARG)));
-    // A bad remainder is found before a bad character.
-    EXPECT_THAT(chain(&VoDataConversion::Base32ModifiedCrockfordToBin, L"1!0"),
-                ElementsAre(IsReport(kSource, 220, base32, 3), IsReport(kSource, 221, base32, E_INVALIDARG)));
-    EXPECT_THAT(chain(&VoDataConversion::Base32ModifiedCrockfordToBin, L"1!"),
-                ElementsAre(IsReport(kSource, 46, L"internalGetQuintet", '!'), IsReport(kSource, 222, base32, E_INVALIDARG)));
+    for (const auto& [decoder, text, reports] : cases)
+    {
+        const CLogCapture log;
+        EXPECT_EQ(decoder(text, nullptr, nullptr), E_INVALIDARG);
+        std::vector<testing::Matcher<const CLogLine&>> expected;
+        for (const auto& [line, function, code] : reports)
+            expected.push_back(IsReport(kSource, line, function, code));
+        EXPECT_THAT(log.Lines(), testing::ElementsAreArray(expected));
+    }
 }
 
 TEST(VoDataConversion, ClampToWordKeepsOrRefuses)
