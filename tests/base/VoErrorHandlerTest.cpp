@@ -9,16 +9,13 @@
 
 #include <algorithm>
 #include <array>
-#include <functional>
 #include <regex>
-#include <stdexcept>
 #include <thread>
 
 using namespace TestSupport;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::SizeIs;
-using testing::StartsWith;
 
 namespace
 {
@@ -89,25 +86,6 @@ TEST(ErrorLog, AReportKeepsTheLastErrorAndWithTheLogOffAllocatesNothing)
     EXPECT_THAT(log.Lines(), SizeIs(0));
     EXPECT_GT(allocations(true), 0) << "the counter sees what the log allocates";
     EXPECT_THAT(log.Lines(), SizeIs(3));
-}
-
-TEST(ErrorLog, ExceptionsBecomeTheirCodes)
-{
-    const std::pair<std::function<void()>, HRESULT> cases[] = {
-        { [] { throw CVoHResultException(DISP_E_OVERFLOW); }, DISP_E_OVERFLOW },
-        { [] { throw std::bad_alloc(); }, E_OUTOFMEMORY },
-        { [] { throw std::length_error(""); }, E_INVALIDARG },
-        { [] { throw 1; }, E_FAIL },
-    };
-    for (const auto& [fail, expected] : cases)
-        try
-        {
-            fail();
-        }
-        catch (...)
-        {
-            EXPECT_EQ(HResultFromCurrentException(), expected);
-        }
 }
 
 TEST(LogFormat, LinesHaveThePartsThatAreGiven)
@@ -229,7 +207,6 @@ TEST(LogFile, EveryRunBeginsWithItsHeaderAndTheStartLine)
         bytes = ReadTestFile(log.LogFilePath());
     }
     EXPECT_EQ(CountHeaders(bytes), 2u);
-    EXPECT_THAT(bytes, StartsWith(std::string(144, '*') + "\r\nNEW RUN\r\nModule: ("));
     const std::vector<CLogLine> lines = ParseLog(bytes);
     ASSERT_THAT(lines, SizeIs(4));
     EXPECT_THAT(lines[2].text, EndsWith(VoFormat(L"VoErrorHandler Line=484 Function=CVoErrorLogFile::Init ThreadID=%d Module: "

@@ -156,7 +156,7 @@ TEST(ComValues, OnlyArraysOfBytesBecomeBytes)
 TEST(ComValues, TextsTravelInSafeArrays)
 {
     const std::vector<std::wstring_view> texts{ L"a", L"", std::wstring_view(L"b\0c", 3), L"\u20AC", L"e", L"f" };
-    for (const UINT32 columns : { 0U, 2U, 6U })
+    for (const UINT32 columns : { 0U, 2U })
     {
         CVoSafeArray array;
         ASSERT_EQ(VoStringsToSafeArray(texts, array, columns), S_OK);
