@@ -43,17 +43,12 @@ T* AtOffset(DWORD offset) noexcept
     return reinterpret_cast<T*>(ProgramImage() + offset);
 }
 
-bool IsImportOf(const IMAGE_THUNK_DATA64& thunk, const char* module, const char* function) noexcept
+bool IsImportOf(const IMAGE_THUNK_DATA64& thunk, const char* function) noexcept
 {
-    if (!IMAGE_SNAP_BY_ORDINAL64(thunk.u1.Ordinal))
-    {
-        const auto* const byName = AtOffset<const IMAGE_IMPORT_BY_NAME>(static_cast<DWORD>(thunk.u1.AddressOfData));
-        return std::strcmp(&byName->Name[0], function) == 0;
-    }
-    const HMODULE loaded = ::GetModuleHandleA(module);
-    const auto* const ordinal = reinterpret_cast<const char*>(IMAGE_ORDINAL64(thunk.u1.Ordinal));
-    const FARPROC wanted = ::GetProcAddress(loaded, function);
-    return wanted && ::GetProcAddress(loaded, ordinal) == wanted;
+    if (IMAGE_SNAP_BY_ORDINAL64(thunk.u1.Ordinal))
+        return false; // the import libraries in use name their functions
+    const auto* const byName = AtOffset<const IMAGE_IMPORT_BY_NAME>(static_cast<DWORD>(thunk.u1.AddressOfData));
+    return std::strcmp(&byName->Name[0], function) == 0;
 }
 
 // Every entry of the program's import table for the function: imports of one DLL may stand in several descriptors.
@@ -73,7 +68,7 @@ std::vector<FARPROC*> FindEntries(const char* module, const char* function)
         auto* entry = AtOffset<FARPROC>(descriptor->FirstThunk);
         for (; name->u1.AddressOfData != 0; ++name, ++entry)
         {
-            if (IsImportOf(*name, module, function))
+            if (IsImportOf(*name, function))
                 entries.push_back(entry);
         }
     }

@@ -13,7 +13,6 @@ class CMemoryMeter
 {
 public:
     [[nodiscard]] INT64 Blocks() const noexcept { return m_blocks; }
-    [[nodiscard]] INT64 Bytes() const noexcept { return m_bytes; }
     [[nodiscard]] INT64 Peak() const noexcept { return m_peak; }
 
 private:
