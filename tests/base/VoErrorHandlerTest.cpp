@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <regex>
+#include <stdexcept>
 #include <thread>
 
 using namespace TestSupport;
@@ -86,6 +87,21 @@ TEST(ErrorLog, AReportKeepsTheLastErrorAndWithTheLogOffAllocatesNothing)
     EXPECT_THAT(log.Lines(), SizeIs(0));
     EXPECT_GT(allocations(true), 0) << "the counter sees what the log allocates";
     EXPECT_THAT(log.Lines(), SizeIs(3));
+}
+
+TEST(ErrorLog, ExceptionsBecomeTheirCodes)
+{
+    for (const auto& [exception, code] : { std::pair(std::make_exception_ptr(std::bad_alloc()), E_OUTOFMEMORY),
+                                           { std::make_exception_ptr(std::length_error("")), E_INVALIDARG },
+                                           { std::make_exception_ptr(1), E_FAIL } })
+        try
+        {
+            std::rethrow_exception(exception);
+        }
+        catch (...)
+        {
+            EXPECT_EQ(HResultFromCurrentException(), code);
+        }
 }
 
 TEST(LogFormat, LinesHaveThePartsThatAreGiven)

@@ -52,7 +52,7 @@ protected:
 TEST_F(ParamHandler, EveryTypeComesBackAsItWas)
 {
     for (const std::wstring_view text : { L"", L"plain = text; # [x]", L" in front", L"behind ", L"\"quoted\"", L"a\r\nb$n$$\"",
-                                          L"$", L"C:\\new\\temp", L"\u00E4\u20AC\u3000", L"\n" })
+                                          L"$", L"C:\\new\\temp", L"\u00E4\u20AC\u3000", L"\n", L"x\ry" })
         EXPECT_EQ((Through<std::wstring_view, std::wstring>(text)), text);
     EXPECT_EQ(Through(std::numeric_limits<INT64>::min()), std::numeric_limits<INT64>::min());
     EXPECT_EQ(Through(std::numeric_limits<UINT64>::max()), std::numeric_limits<UINT64>::max());
