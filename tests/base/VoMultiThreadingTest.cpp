@@ -57,7 +57,8 @@ HRESULT RunUntilStopped(CTestThread& thread)
 {
     thread.SignalStarted();
     ::WaitForSingleObject(thread.StopEvent(), INFINITE);
-    return thread.StopRequested() ? S_OK : E_UNEXPECTED;
+    // Whoever else waits for the event sees it too.
+    return thread.StopRequested() && ::WaitForSingleObject(thread.StopEvent(), 0) == WAIT_OBJECT_0 ? S_OK : E_UNEXPECTED;
 }
 
 // A handle of the thread that outlives the object; none of an object without a thread.
