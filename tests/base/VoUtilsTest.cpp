@@ -154,12 +154,13 @@ TEST(ISO8601, RefusesEverythingElse)
     EXPECT_EQ(offset, 77);
 }
 
-TEST(Variants, CurrencyAndDateGoThroughTextUnderALocale)
+TEST(Variants, CurrencyDateAndBooleanGoThroughTextUnderALocale)
 {
     const LCID german = MAKELCID(MAKELANGID(LANG_GERMAN, SUBLANG_GERMAN), SORT_DEFAULT);
     for (const auto& [before, type, locale, after] :
          { std::tuple(L"12,5", VT_CY, german, L"12.5"),
-           { L"2020-01-02 03:04:05", VT_DATE, LCID{ LOCALE_INVARIANT }, L"01/02/2020 03:04:05" } })
+           { L"2020-01-02 03:04:05", VT_DATE, LCID{ LOCALE_INVARIANT }, L"01/02/2020 03:04:05" },
+           { L"True", VT_BOOL, LCID{ LOCALE_INVARIANT }, L"True" } })
     {
         CVoVariant value;
         std::wstring text;
