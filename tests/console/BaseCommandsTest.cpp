@@ -11,6 +11,7 @@
 namespace
 {
 using nlohmann::json;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 using TestSupport::ReadTestFile;
@@ -37,24 +38,15 @@ protected:
     static inline std::unique_ptr<CConsoleBatch> s_batch;
 };
 
-struct CCase
-{
-    std::vector<std::string> arguments;
-    std::string input;
-    int exitCode;
-    std::string out;
-};
-
 TEST_F(ConsoleCommands, ResultsGoToStandardOutputAsTheyAre)
 {
-    const std::vector<CCase> cases{
+    const std::tuple<std::vector<std::string>, std::string, int, std::string> cases[] = {
         { { "encode", "hex" }, std::string("\x00\xFF\n", 3), 0, "00FF0A" },
         // The JSON's Base64 is plain, also where the library's own text of a single byte has a line break.
         { { "encode", "base64" }, "x", 0, "eA=\r\n=" },
         { { "decode", "hex", "--json" }, "78", 0, "{\"result\":\"0x00000000\",\"bytesBase64\":\"eA==\"}\n" },
         { { "encode", "base64", "--json" }, "hello", 0, "{\"result\":\"0x00000000\",\"text\":\"aGVsbG8=\"}\n" },
         { { "decode", "base64" }, "aGVs\r\nbG8=", 0, "hello" },
-        { { "decode", "hex" }, "00 0a 0D", 0, std::string("\x00\n\r", 3) },
         { { "params", "build", "-p", "a=1", "-p", "b=x&y$" }, "", 0, "a=1&b=x$&y$$&&" },
         { { "params", "build", "-p", "x=1", "--size-prefix" }, "", 0, std::string("\x05\0\0\0x=1&&", 9) },
         { { "params", "build", "-p", "x=1", "--skip-params", "--payload", "-" }, "bytes", 0, "bytes" },
@@ -67,18 +59,15 @@ TEST_F(ConsoleCommands, ResultsGoToStandardOutputAsTheyAre)
         { { "params", "build", "-p", "a=1", "--payload", "no such file" }, "", 1, "" },
         { { "time", "parse", "2024-02-30T00:00:00Z" }, "", 1, "" },
     };
-    for (const CCase& test : cases)
+    for (const auto& [arguments, input, exitCode, out] : cases)
     {
-        const CConsoleResult result = Run(test.arguments, test.input);
-        SCOPED_TRACE(testing::PrintToString(test.arguments) + result.err);
-        EXPECT_EQ(result.exitCode, test.exitCode);
-        EXPECT_EQ(result.out, test.out);
-        EXPECT_EQ(result.err.empty(), test.exitCode == 0);
+        const CConsoleResult result = Run(arguments, input);
+        SCOPED_TRACE(testing::PrintToString(arguments) + result.err);
+        EXPECT_EQ(result.exitCode, exitCode);
+        EXPECT_EQ(result.out, out);
+        EXPECT_EQ(result.err.empty(), exitCode == 0);
     }
-}
-
-TEST_F(ConsoleCommands, AFailureNamesItsCodeAndText)
-{
+    // A failure names its code and text.
     const CConsoleResult result = Run({ "decode", "hex", "--json" }, "ABC");
     EXPECT_EQ(result.Json()["result"], "0x80070057");
     EXPECT_EQ("voutils: 0x80070057 " + result.Json()["error"].get<std::string>() + '\n', result.err);
@@ -91,27 +80,21 @@ TEST_F(ConsoleCommands, WrongUsageWritesNothingToStandardOutput)
         {},
         { "nonsense" },
         { "encode" },
-        { "encode", "base65" },
         { "encode", "hex", "--line", "x" },
-        { "params", "nonsense" },
-        { "params", "build", "-p", "no value" },
         { "params", "build", "--text", "--size-prefix" },
         { "params", "build", "-p", "a=-", "--payload", "-" },
         { "error", "12x" },
         { "log", "write", "--code", "1", "--message", "x" },
         { "key", "new", "--private", "x", "--public", "X" },
         { "ini", "sign", "-", "--key", "x" },
-        { "ini", "sign", "x", "--key", "x", "--line", "-1" },
-        { "sign", "--hash", "md5", "--key", "x" },
         { "send", "http://h/", "--engine", "carrier-pigeon" },
-        { "send", "http://h/", "--verify", "--no-verify" },
         { "send", "http://h/", "--auth", "hunter2" },
         { "get", "http://h/", "--payload", "x" },
         { "send", "http://h/", "--engine", "curl", "--autt", "ann:hunter2" },
     };
     for (std::vector<std::string> arguments : cases)
     {
-        arguments.insert(arguments.begin(), "--json");
+        arguments.emplace_back("--json");
         const CConsoleResult result = Run(arguments);
         SCOPED_TRACE(testing::PrintToString(arguments) + result.err);
         EXPECT_EQ(result.exitCode, 2);
@@ -119,10 +102,6 @@ TEST_F(ConsoleCommands, WrongUsageWritesNothingToStandardOutput)
         EXPECT_THAT(result.err, testing::ContainsRegex("^voutils: .+\nTry 'voutils.* --help'\\.\n"));
         EXPECT_THAT(result.err, testing::Not(HasSubstr("hunter2")));
     }
-}
-
-TEST_F(ConsoleCommands, ACommandThatThereIsNotIsNamed)
-{
     EXPECT_THAT(Run({ "params", "nonsense" }).err, StartsWith("voutils: there is no command 'params nonsense'\n"));
     EXPECT_THAT(Run({ "--nonsense" }).err, StartsWith("voutils: the argument '--nonsense' was not expected\n"));
     EXPECT_THAT(Run({}).err, StartsWith("voutils: no command is named\n"));
@@ -152,59 +131,41 @@ TEST_F(ConsoleCommands, AFreshKeyPairSignsAndVerifies)
 {
     const std::string privateKey = File(L"private.key");
     const std::string publicKey = File(L"public.key");
-    const std::string signatureFile = File(L"signature");
     const CConsoleResult made = Run({ "key", "new", "--private", privateKey, "--public", publicKey, "--bits", "1024" });
     ASSERT_EQ(made.exitCode, 0) << made.err;
     EXPECT_EQ(made.out, "");
     EXPECT_EQ(Run({ "key", "public", "--private", privateKey }).out, ReadTestFile(m_folder / L"public.key"));
 
     const CConsoleResult signature = Run({ "sign", "--hash", "sha256", "--key", privateKey }, "letter");
-    ASSERT_EQ(signature.exitCode, 0) << signature.err;
-    EXPECT_EQ(signature.out.size(), 128U);
+    EXPECT_EQ(signature.out.size(), 128U) << signature.err;
     WriteTestFile(m_folder / L"signature", signature.out);
-    const std::vector<std::string> verify{ "verify", "--hash", "sha256", "--key", publicKey, "--signature", signatureFile };
+    std::vector<std::string> verify{ "verify", "--hash", "sha256", "--key", publicKey, "--signature", File(L"signature") };
     EXPECT_EQ(Run(verify, "letter").out, "valid\n");
     const CConsoleResult forged = Run(verify, "Letter");
     EXPECT_EQ(forged.exitCode, 1);
     EXPECT_EQ(forged.out, "not valid\n");
-    std::vector<std::string> verifyJson = verify;
-    verifyJson.emplace_back("--json");
-    EXPECT_EQ(Run(verifyJson, "Letter").Json()["result"], "0x00000000");
-}
+    verify.emplace_back("--json");
+    EXPECT_EQ(Run(verify, "Letter").Json()["result"], "0x00000000");
 
-TEST_F(ConsoleCommands, IniFilesAreSignedAndChecked)
-{
-    const std::string privateKey = File(L"private.key");
-    const std::string publicKey = File(L"public.key");
+    // INI files too.
     const std::filesystem::path path = m_folder / L"settings \u00E4.ini";
     const std::string file = Utf8(path.wstring());
     const std::string content = "; kept\n[A]\nx = \xC3\xA4 \n[Empty]\n";
     const std::string canonical = "[A]\r\nx=\xC3\xA4\r\n<EMPTY>";
+    const std::vector<std::string> verifyIni{ "ini", "verify", file, "--key", publicKey };
     WriteTestFile(path, content);
-    ASSERT_EQ(Run({ "key", "new", "--private", privateKey, "--public", publicKey, "--bits", "1024" }).exitCode, 0);
-
-    EXPECT_EQ(Run({ "ini", "canonical", file }).out, canonical);
     EXPECT_EQ(Run({ "ini", "canonical", "-" }, content).out, canonical);
-    const CConsoleResult notSigned = Run({ "ini", "verify", file, "--key", publicKey });
-    EXPECT_EQ(notSigned.exitCode, 1);
-    EXPECT_THAT(notSigned.err, StartsWith("voutils: 0x80070490 "));
+    EXPECT_THAT(Run(verifyIni).err, StartsWith("voutils: 0x80070490 ")) << "not signed";
     EXPECT_EQ(Run({ "ini", "sign", file, "--key", publicKey }).exitCode, 1) << "a public key cannot sign";
     EXPECT_EQ(ReadTestFile(path), content);
-
     const CConsoleResult sign = Run({ "ini", "sign", file, "--key", privateKey, "--line", "100" });
     ASSERT_EQ(sign.exitCode, 0) << sign.err;
     EXPECT_EQ(sign.out, "");
-    const std::string signedFile = ReadTestFile(path);
-    EXPECT_THAT(signedFile, StartsWith(content + "\n[Signature]\nLine1="));
-    EXPECT_THAT(signedFile, HasSubstr("=\n")) << "172 characters of Base64 end in padding";
     EXPECT_EQ(Run({ "ini", "canonical", file }).out, canonical);
-    EXPECT_EQ(Run({ "ini", "verify", file, "--key", publicKey }).out, "valid\n");
-
-    WriteTestFile(path, signedFile + "[B]\ny=2\n");
-    const CConsoleResult forged = Run({ "ini", "verify", file, "--key", publicKey, "--json" });
-    EXPECT_EQ(forged.exitCode, 1);
-    EXPECT_EQ(forged.Json()["valid"], false);
-    EXPECT_EQ(forged.Json()["result"], "0x00000000");
+    EXPECT_EQ(Run(verifyIni).out, "valid\n");
+    WriteTestFile(path, ReadTestFile(path) + "[B]\ny=2\n");
+    EXPECT_EQ(Run(verifyIni).exitCode, 1);
+    EXPECT_EQ(Run(verifyIni).out, "not valid\n");
 }
 
 TEST_F(ConsoleCommands, AFailedRequestLeavesFilesAsTheyWere)
@@ -220,46 +181,37 @@ TEST_F(ConsoleCommands, AFailedRequestLeavesFilesAsTheyWere)
 
 TEST_F(ConsoleCommands, AddressesAreTakenApart)
 {
-    const json address = Run({ "address", "https://[::1]:8443/a/b?c=d", "--no-query", "--json" }).Json();
-    EXPECT_EQ(address["host"], "::1");
-    EXPECT_EQ(address["port"], 8443);
-    EXPECT_EQ(address["secure"], true);
-    EXPECT_EQ(address["authority"], "[::1]:8443");
-    EXPECT_EQ(address["fullURL"], "https://[::1]:8443/a/b");
+    EXPECT_EQ(Run({ "address", "https://[::1]:8443/a/b?c=d", "--json" }).Json(), json::parse(R"({
+        "result": "0x00000000", "host": "::1", "path": "/a/b", "query": "?c=d", "secure": true, "port": 8443,
+        "authority": "[::1]:8443", "baseURL": "https://[::1]:8443", "pathURL": "https://[::1]:8443/a/b",
+        "fullURL": "https://[::1]:8443/a/b?c=d", "objectName": "/a/b?c=d" })"));
+    EXPECT_EQ(Run({ "address", "http://h/a?b", "--no-query", "--json" }).Json()["fullURL"], "http://h/a");
     EXPECT_EQ(Run({ "address", "ftp://h", "--json" }).Json()["result"], "0x80070057");
-
-    const json resolved = Run({ "resolve", "192.168.1.2", "--json" }).Json();
-    EXPECT_EQ(resolved["address"], "192.168.1.2");
-    EXPECT_EQ(resolved["ipv6"], false);
-    EXPECT_EQ(resolved["private"], true);
-    EXPECT_EQ(Run({ "resolve", "192.0.2.1", "--json" }).Json()["private"], false);
+    EXPECT_EQ(Run({ "resolve", "192.168.1.2", "--json" }).Json(), json::parse(R"({
+        "result": "0x00000000", "address": "192.168.1.2", "ipv6": false, "private": true })"));
 }
 
 TEST_F(ConsoleCommands, CookiesAreKeptForTheProcessAndInTheJar)
 {
     const std::string jar = File(L"jar.txt");
-    const CConsoleResult first =
-        Run({ "cookies", "--jar", jar }, "{\"set\":\"a=1; Path=/\",\"url\":\"http://h.test/\"}\n"
-                                         "{\"set\":\"s=2; Path=/; Secure\",\"url\":\"https://h.test/\"}\n"
-                                         "{\"get\":\"http://h.test/x\"}\n"
-                                         "{\"get\":\"HTTPS://h.test/x\"}\n"
-                                         "not JSON\n{\"set\":\"=\",\"url\":\"http://h.test/\"}");
+    const CConsoleResult first = Run({ "cookies", "--jar", jar }, R"({"set":"a=1; Path=/","url":"http://h.test/"}
+{"set":"s=2; Path=/; Secure","url":"https://h.test/"}
+{"get":"http://h.test/x"}
+{"get":"HTTPS://h.test/x"}
+not JSON
+{"set":"=","url":"http://h.test/"})");
     EXPECT_EQ(first.exitCode, 0);
     std::istringstream lines(first.out);
-    std::vector<json> answers;
+    std::vector<std::string> answers; // the cookies, else the result
     for (std::string line; std::getline(lines, line);)
-        answers.push_back(json::parse(line));
-    ASSERT_EQ(answers.size(), 6U);
-    EXPECT_EQ(answers[2]["cookie"], "a=1");
-    EXPECT_EQ(answers[3]["cookie"], "a=1; s=2");
-    EXPECT_EQ(answers[4]["result"], "0x80070057");
-    EXPECT_EQ(answers[5]["result"], "0x80070057");
+        answers.push_back(json::parse(line).value("cookie", json::parse(line)["result"].get<std::string>()));
+    EXPECT_THAT(answers, ElementsAre("0x00000000", "0x00000000", "a=1", "a=1; s=2", "0x80070057", "0x80070057"));
 
     const std::string get = "{\"get\":\"http://h.test/\"}";
-    EXPECT_EQ(json::parse(Run({ "cookies" }, get).out)["cookie"], "a=1");
+    EXPECT_EQ(Run({ "cookies" }, get).Json()["cookie"], "a=1");
     EXPECT_EQ(Run({ "cookies" }, "{\"clear\":true}").Json()["result"], "0x00000000");
-    EXPECT_EQ(json::parse(Run({ "cookies" }, get).out)["cookie"], "");
-    EXPECT_EQ(json::parse(Run({ "cookies", "--jar", jar }, get).out)["cookie"], "a=1");
+    EXPECT_EQ(Run({ "cookies" }, get).Json()["cookie"], "");
+    EXPECT_EQ(Run({ "cookies", "--jar", jar }, get).Json()["cookie"], "a=1");
 }
 
 TEST_F(ConsoleCommands, ABatchGoesOnAfterALineThatIsNoCommand)
@@ -304,17 +256,15 @@ TEST(ConsoleProcess, LogIsWrittenWhereTheSettingsSay)
     const CConsoleResult path = RunConsoleProcess({ L"log", L"path", L"--settings-dir", settings });
     EXPECT_EQ(path.out, Utf8((folder / L"voutils.log").wstring()) + '\n');
 
-    const std::vector<std::wstring> write{ L"log",        L"write", L"--source", L"S",          L"--line",         L"7",
-                                           L"--function", L"F",     L"--code",   L"0x80004005", L"--settings-dir", settings };
+    std::vector<std::wstring> write{ L"log",        L"write", L"--source", L"S",          L"--line",         L"7",
+                                     L"--function", L"F",     L"--code",   L"0x80004005", L"--settings-dir", settings };
     EXPECT_EQ(RunConsoleProcess(write).exitCode, 0);
     EXPECT_FALSE(std::filesystem::exists(folder / L"voutils.log"));
-
-    std::vector<std::wstring> writeWithLog = write;
-    writeWithLog.emplace_back(L"--log");
-    const CConsoleResult written = RunConsoleProcess(writeWithLog);
+    write.emplace_back(L"--log");
+    const CConsoleResult written = RunConsoleProcess(write);
     EXPECT_EQ(written.exitCode, 0);
     EXPECT_EQ(written.err, path.out);
-    EXPECT_THAT(ReadTestFile(folder / L"voutils.log"), HasSubstr(" File=S Line=7 Function=F ThreadID="));
-    EXPECT_THAT(ReadTestFile(folder / L"voutils.log"), HasSubstr(" Code=0x80004005\r\n"));
+    EXPECT_THAT(ReadTestFile(folder / L"voutils.log"),
+                testing::ContainsRegex(" File=S Line=7 Function=F ThreadID=.* Code=0x80004005\r\n"));
 }
 } // namespace

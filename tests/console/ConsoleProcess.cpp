@@ -107,24 +107,17 @@ std::string CConsoleProcess::ReadLine()
     return line;
 }
 
-std::string CConsoleProcess::ReadOutput()
+CConsoleResult CConsoleProcess::Finish()
 {
-    return ReadToEnd(m_out);
-}
-
-std::string CConsoleProcess::ReadErrors()
-{
-    if (m_errorReader.joinable())
-        m_errorReader.join();
-    return m_errors;
-}
-
-int CConsoleProcess::ExitCode()
-{
+    CConsoleResult result;
+    result.out = ReadToEnd(m_out);
+    m_errorReader.join();
+    result.err = m_errors;
     DWORD code = 0;
     ::WaitForSingleObject(m_process.Get(), INFINITE);
     ::GetExitCodeProcess(m_process.Get(), &code);
-    return static_cast<int>(code);
+    result.exitCode = static_cast<int>(code);
+    return result;
 }
 
 nlohmann::json CConsoleResult::Json() const
@@ -146,11 +139,7 @@ CConsoleResult RunConsoleProcess(const std::vector<std::wstring>& arguments, std
             process.Write(input);
             process.CloseInput();
         });
-    CConsoleResult result;
-    result.out = process.ReadOutput();
-    result.err = process.ReadErrors();
-    result.exitCode = process.ExitCode();
-    return result;
+    return process.Finish();
 }
 
 CConsoleResult CConsoleBatch::Run(const std::vector<std::string>& arguments, std::string_view input)
@@ -168,7 +157,7 @@ CConsoleResult CConsoleBatch::RunLine(const std::string& line)
 int CConsoleBatch::Finish()
 {
     m_process.CloseInput();
-    return m_process.ExitCode();
+    return m_process.Finish().exitCode;
 }
 
 std::string Base64Of(std::string_view bytes)

@@ -10,6 +10,16 @@
 #include <thread>
 #include <vector>
 
+struct CConsoleResult
+{
+    int exitCode = -1;
+    std::string out;
+    std::string err;
+
+    // What --json printed; it must be one object and a line end.
+    [[nodiscard]] nlohmann::json Json() const;
+};
+
 // A process whose standard streams are pipes to us.
 class CConsoleProcess
 {
@@ -21,11 +31,8 @@ public:
     void CloseInput() { m_in.Reset(); }
     // The next line of standard output without its end; empty at the end.
     [[nodiscard]] std::string ReadLine();
-    // Everything up to the stream's end.
-    [[nodiscard]] std::string ReadOutput();
-    [[nodiscard]] std::string ReadErrors();
-    // Waits for its end.
-    [[nodiscard]] int ExitCode();
+    // Reads the streams to their ends and waits for the process's own.
+    [[nodiscard]] CConsoleResult Finish();
 
 private:
     CVoHandle m_process;
@@ -34,16 +41,6 @@ private:
     std::string m_errors;
     std::jthread m_errorReader; // the process never waits for us to read its remarks
     CVoHandle m_in;             // closed first: the process ends with its input
-};
-
-struct CConsoleResult
-{
-    int exitCode = -1;
-    std::string out;
-    std::string err;
-
-    // What --json printed; it must be one object and a line end.
-    [[nodiscard]] nlohmann::json Json() const;
 };
 
 // One run, from the first byte of its input to its end.
