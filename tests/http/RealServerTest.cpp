@@ -20,22 +20,6 @@ protected:
         VO_NEEDS_TEST_SERVERS();
         TransportTest::SetUp();
     }
-
-    // The same location on both kinds of port.
-    [[nodiscard]] static std::vector<std::string> URLs(std::string_view target)
-    {
-        return { TestServers()->URL(target), TestServers()->SecureURL(target) };
-    }
-    // The bytes that a GET brings.
-    [[nodiscard]] std::string Get(const std::string& url)
-    {
-        Request request;
-        CVoBinaryDataParser answer;
-        const auto message = Connect(url, 30, 60);
-        EXPECT_EQ(message->SendGetRequest(request, {}, false, nullptr), S_OK) << url;
-        EXPECT_EQ(message->ReadResponse(request, answer, Response::Binary, nullptr, nullptr), S_OK) << url;
-        return PayloadOf(answer);
-    }
 };
 
 INSTANTIATE_TEST_SUITE_P(Kinds, RealServerTest, testing::ValuesIn(kTransports), &NameOf);
@@ -45,7 +29,7 @@ TEST_P(RealServerTest, ChecksTheServersCertificateWhenAskedAndNotElse)
     const auto send = [&](uint16_t port, bool verify)
     {
         const auto message = Connect("https://localhost:" + std::to_string(port) + "/post", 10, 20, verify);
-        return message ? Send(*message, {}).result : E_UNEXPECTED;
+        return Send(*message, {}).result;
     };
     // A port of its own for each transport: the services keep what they accepted for one.
     const uint16_t own = TestServers()->sparePorts.at(GetParam().kind);
@@ -64,10 +48,8 @@ TEST_P(RealServerTest, ChecksTheServersCertificateWhenAskedAndNotElse)
 
 TEST_P(RealServerTest, BodiesComeBackAsTheyWere)
 {
-    std::string payload(1 << 20, '\0');
-    for (size_t i = 0; i < payload.size(); ++i)
-        payload[i] = static_cast<char>(i * 2654435761U >> 13);
-    for (const std::string& url : URLs("/echo"))
+    const std::string payload = RandomBytes(1 << 20);
+    for (const std::string& url : { TestServers()->URL("/echo"), TestServers()->SecureURL("/echo") })
     {
         const auto message = Connect(url, 30, 60);
         for (const size_t size : { 0U, 1U, 31'999U, 1U << 20 })
@@ -84,28 +66,23 @@ TEST_P(RealServerTest, ALargeAnswerIsInMemoryLittleMoreThanTwice)
 {
     constexpr INT64 kSize = INT64{ 100 } << 20;
     const auto message = Connect(TestServers()->URL("/files/100m.bin"), 30, 120);
-    Request request;
-    CVoBinaryDataParser answer;
     const CMemoryMeter meter;
-    ASSERT_EQ(message->SendGetRequest(request, {}, false, nullptr), S_OK);
-    ASSERT_EQ(message->ReadResponse(request, answer, Response::Binary, nullptr, nullptr), S_OK);
+    const CAnswer answer = Get(*message);
+    ASSERT_EQ(answer.result, S_OK);
     EXPECT_LE(meter.Peak() * 10, kSize * 22);
     EXPECT_GE(meter.Peak(), kSize) << "the meter sees nothing";
 }
 
 TEST_P(RealServerTest, AnswersOfEveryEncodingAreRead)
 {
-    for (const std::string& url : URLs("/files/0.bin"))
-        EXPECT_EQ(Get(url), "");
-    for (const std::string& url : URLs("/files/10m.bin"))
-        EXPECT_EQ(Get(url).size(), 10U << 20);
-    for (const std::string& url : URLs("/gzip/text.txt"))
-        EXPECT_EQ(Get(url).size(), 95'000U);
-    for (const std::string& url : URLs("/chunked"))
-    {
-        const std::string text = Get(url);
-        EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 3);
-    }
+    const CTestServers& servers = *TestServers();
+    for (const auto& [target, size] :
+         { std::pair("/files/0.bin", 0U), { "/files/10m.bin", 10U << 20 }, { "/gzip/text.txt", 95'000U }, { "/chunked", 14U } })
+        for (const std::string& url : { servers.URL(target), servers.SecureURL(target) })
+        {
+            const CAnswer answer = Get(*Connect(url, 30, 60));
+            EXPECT_EQ(answer.result, S_OK) << url;
+            EXPECT_EQ(PayloadOf(answer.message).size(), size) << url;
+        }
 }
-
 } // namespace

@@ -115,6 +115,12 @@ inline void Echo(const Loopback::CRequest& request, Loopback::CConnection& conne
     connection.SendResponse(200, {}, request.body);
 }
 
+// A port of this machine that nobody listens on: of a server that is gone.
+[[nodiscard]] inline uint16_t ClosedPort()
+{
+    return Loopback::CLoopbackServer(&Echo).Port();
+}
+
 // A server that leaves the WinINet transport's probe for credentials out of what a test sees: it is told by its version.
 class CServer
 {
@@ -160,16 +166,11 @@ private:
     Loopback::CLoopbackServer m_server; // ends first
 };
 
-using Kind = CVoHTTPMessage::EContentKind;
-using Response = CVoHTTPMessage::EResponseKind;
-using Request = std::shared_ptr<CVoHTTPMessage::CHTTPRequestData>;
-
 class TransportTest : public testing::TestWithParam<CTransport>
 {
 protected:
     void SetUp() override
     {
-        m_stores.cookies = VoMakeComObject<CVoGlobalHTTPCookieStoreImpl>();
         if (GetParam().rewritesLoopback)
             m_resolver.emplace("winhttp.dll", "WinHttpConnect",
                                [](auto original, HINTERNET session, LPCWSTR host, INTERNET_PORT port, DWORD reserved)
@@ -179,26 +180,13 @@ protected:
                                });
     }
 
-    struct CStores
+    [[nodiscard]] Message Connect(const std::string& url, UINT32 connectTimeout = 10, UINT32 requestTimeout = 20,
+                                  bool verify = false)
     {
-        CVoComPtr<CScriptedAuthCallback> auth;
-        CVoComPtr<CFixedProxyStore> proxy;
-        CVoComPtr<CVoGlobalHTTPCookieStoreImpl> cookies;
-    };
-
-    [[nodiscard]] static CServerAddressData Address(const std::string& url)
-    {
-        CServerAddressData address;
-        EXPECT_EQ(address.SetAddress(Wide(url), false, true, true), S_OK);
-        return address;
-    }
-    [[nodiscard]] std::shared_ptr<CVoHTTPMessage> Connect(const std::string& url, UINT32 connectTimeout = 10,
-                                                          UINT32 requestTimeout = 20, bool verify = false)
-    {
-        const CTransportScope scope(GetParam().kind);
-        std::shared_ptr<CVoHTTPMessage> message;
-        EXPECT_EQ(CVoHTTPMessage::Connect(Address(url), m_stores.auth.Get(), m_stores.proxy.Get(), m_stores.cookies.Get(),
-                                          connectTimeout, requestTimeout, verify, false, message),
+        Message message;
+        EXPECT_EQ(ConnectTo(Wide(url),
+                            { GetParam().kind, m_auth.Get(), nullptr, m_cookies.Get(), connectTimeout, requestTimeout, verify },
+                            message),
                   S_OK);
         return message;
     }
@@ -210,28 +198,6 @@ protected:
         return L"http://" + SeenHost() + L':' + std::to_wstring(server.Port()) + target;
     }
 
-    struct CAnswer
-    {
-        HRESULT result = E_UNEXPECTED;
-        CVoHTTPMessage::CSendResult send;
-        CVoBinaryDataParser message;
-        bool isUtf8 = false;
-        bool isEmpty = false;
-    };
-    // One request on a connected message, its answer read.
-    [[nodiscard]] static CAnswer Send(CVoHTTPMessage& message, const CVoBinaryDataParser& parameters, Kind kind = Kind::Raw,
-                                      bool allowRetry = false, Response read = Response::Parameters, bool utf8 = true,
-                                      std::wstring_view key = {}, std::wstring_view signatureName = {})
-    {
-        CAnswer answer;
-        Request request;
-        if (answer.result = message.OpenRequest(request); FAILED(answer.result))
-            return answer;
-        answer.result = message.SendMessage(request, parameters, kind, utf8, key, signatureName, allowRetry, &answer.send);
-        if (SUCCEEDED(answer.result))
-            answer.result = message.ReadResponse(request, answer.message, read, &answer.isUtf8, &answer.isEmpty);
-        return answer;
-    }
     [[nodiscard]] CAnswer SendTo(const std::string& url, const CVoBinaryDataParser& parameters = {}, Kind kind = Kind::Raw,
                                  bool allowRetry = false, Response read = Response::Parameters)
     {
@@ -239,7 +205,8 @@ protected:
         return message ? Send(*message, parameters, kind, allowRetry, read) : CAnswer();
     }
 
-    CStores m_stores;
+    CVoComPtr<CScriptedAuthCallback> m_auth;
+    const CVoComPtr<CVoGlobalHTTPCookieStoreImpl> m_cookies = VoMakeComObject<CVoGlobalHTTPCookieStoreImpl>();
 
 private:
     // The name that a server on this machine is given is known to the resolvers of Windows only.

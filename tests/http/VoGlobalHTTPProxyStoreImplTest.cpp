@@ -26,30 +26,13 @@ class CTestStore
 public:
     explicit CTestStore(const CHTTPProxyConfigData& config = {}) { EXPECT_EQ(m_store->Init(config), S_OK); }
 
-    // What a look-up gives: "proxy user password", "-" for null texts.
-    [[nodiscard]] static std::wstring Look(IVoHTTPProxyStore& store, std::wstring_view url)
-    {
-        CVoBstr proxy, user, password;
-        const HRESULT hr =
-            store.GetProxyForUrl(url.empty() ? nullptr : CVoBstr(url).Get(), proxy.Put(), user.Put(), password.Put());
-        if (FAILED(hr))
-            return VoFormat(L"0x%08X", static_cast<unsigned>(hr));
-        const auto text = [](const CVoBstr& value) { return value.Get() ? std::wstring(value.View()) : L"-"; };
-        return text(proxy) + L' ' + text(user) + L' ' + text(password);
-    }
-    [[nodiscard]] std::wstring Look(std::wstring_view url) const { return Look(*m_store.Get(), url); }
+    [[nodiscard]] std::wstring Look(std::wstring_view url) const { return TestSupport::ProxyFor(*m_store.Get(), url); }
     HRESULT Save(std::wstring_view proxy, std::wstring_view user, std::wstring_view password, bool valid = true,
                  bool required = true)
     {
-        return m_store->SetAuthDataForProxy(CVoBstr(proxy).Get(), CVoBstr(user).Get(), CVoBstr(password).Get(),
-                                            valid ? VARIANT_TRUE : VARIANT_FALSE, required ? VARIANT_TRUE : VARIANT_FALSE);
+        return TestSupport::SaveCredentials(*m_store.Get(), proxy, user, password, valid, required);
     }
-    [[nodiscard]] std::wstring Serialize() const
-    {
-        CVoBstr data;
-        EXPECT_EQ(m_store->Serialize(data.Put()), S_OK);
-        return std::wstring(data.View());
-    }
+    [[nodiscard]] std::wstring Serialize() const { return TestSupport::Serialized(*m_store.Get()); }
     HRESULT Deserialize(std::wstring_view data) { return m_store->Deserialize(CVoBstr(data).Get()); }
     CVoGlobalHTTPProxyStoreImpl* operator->() const { return m_store.Get(); }
 
@@ -196,32 +179,29 @@ TEST(ProxyConfiguration, TakesOneSourceOfTheInternetSettings)
         // The store of the module has them.
         CVoComPtr<IVoHTTPProxyStore> store;
         ASSERT_EQ(CreateGlobalHTTPProxyStoreForModule(store.Put()), S_OK);
-        EXPECT_EQ(CTestStore::Look(*store.Get(), L""), row.expected.manualProxy + L" - -");
+        EXPECT_EQ(TestSupport::ProxyFor(*store.Get(), L""), row.expected.manualProxy + L" - -");
     }
 }
 
 TEST(ProxyConfiguration, ReportsSettingsThatCannotBeHadAndConnectsDirectly)
 {
-    CLogCapture log;
-    for (const DWORD error : { DWORD{ ERROR_FILE_NOT_FOUND }, DWORD{ ERROR_SUCCESS } })
+    for (const auto& [error, code, line] :
+         { std::tuple(ERROR_FILE_NOT_FOUND, HResultFromWin32(ERROR_FILE_NOT_FOUND), 314), { ERROR_SUCCESS, E_FAIL, 315 } })
     {
-        const CSettingsHook fail("winhttp.dll", "WinHttpGetIEProxyConfigForCurrentUser",
-                                 [error](auto&&...)
-                                 {
-                                     ::SetLastError(error);
-                                     return FALSE;
-                                 });
-        const HRESULT code = error ? HResultFromWin32(error) : E_FAIL;
+        const CLogCapture log;
+        const auto fault = VO_FAULT("winhttp.dll", WinHttpGetIEProxyConfigForCurrentUser, FALSE, static_cast<DWORD>(error));
         CHTTPProxyConfigData config = Manual(L"p:1");
-        EXPECT_EQ(config.InitFromIE(), code);
+        {
+            const auto injected = fault.inject(1);
+            EXPECT_EQ(config.InitFromIE(), code);
+        }
         EXPECT_TRUE(config == Manual(L"p:1"));
-        EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kSource, error ? 314 : 315, L"CHTTPProxyConfigData::InitFromIE", code)));
+        EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kSource, line, L"CHTTPProxyConfigData::InitFromIE", code)));
         CVoComPtr<IVoHTTPProxyStore> store;
+        const auto injected = fault.inject(1);
         ASSERT_EQ(CreateGlobalHTTPProxyStoreForModule(store.Put()), S_OK);
-        EXPECT_EQ(CTestStore::Look(*store.Get(), L"http://www.example/"), L" - -");
-        log.Clear();
+        EXPECT_EQ(TestSupport::ProxyFor(*store.Get(), L"http://www.example/"), L" - -");
     }
-    EXPECT_EQ(CreateGlobalHTTPProxyStoreForModule(nullptr), E_POINTER);
 }
 
 // --- looking up
@@ -229,50 +209,35 @@ TEST(ProxyConfiguration, ReportsSettingsThatCannotBeHadAndConnectsDirectly)
 TEST(ProxyStore, GivesTheManualProxyOfTheSchemeUnlessBypassed)
 {
     const CTestStore store(Manual(L"http=a:1;https=b:2", L"host1;host2 *.example;<local>"));
-    EXPECT_EQ(store.Look(L"http://www.test/path?q"), L"a:1 - -");
-    EXPECT_EQ(store.Look(L"HTTPS://WWW.test:444"), L"b:2 - -");
-    EXPECT_EQ(store.Look(L"www.test"), L"a:1 - -");
-    EXPECT_EQ(store.Look(L"http://a.EXAMPLE/"), L" - -");
-    // The scheme is not known: the whole list.
-    EXPECT_EQ(store.Look(L""), L"http=a:1;https=b:2 - -");
+    const std::pair<const wchar_t*, const wchar_t*> table[] = {
+        { L"http://www.test/path?q", L"a:1 - -" }, { L"HTTPS://WWW.test:444", L"b:2 - -" },     { L"www.test", L"a:1 - -" },
+        { L" http://www.test/ \r\n", L"a:1 - -" },                                     // only trimmed
+        { L"http://a.EXAMPLE/", L" - -" },         { L"", L"http=a:1;https=b:2 - -" }, // the scheme is not known
+        { L"ftp://host/", L"0x80070057" },         { L"http://user@www.test/", L"0x80070057" },
+    };
+    for (const auto& [url, expected] : table)
+        EXPECT_EQ(store.Look(url), expected) << testing::PrintToString(url);
     EXPECT_EQ(CTestStore(Manual(L"http://P:8080")).Look(L""), L"P:8080 - -");
     EXPECT_EQ(CTestStore().Look(L""), L" - -");
-}
 
-TEST(ProxyStore, RefusesBadArguments)
-{
-    CTestStore store(Manual(L"p:1"));
-    EXPECT_EQ(store.Look(L"http://host/"), L"p:1 - -"); // so that what follows could be found
-    for (const wchar_t* const url : { L"ftp://host/", L"http://", L"http://user@host/", L"http://host/\x01" })
-        EXPECT_EQ(store.Look(url), L"0x80070057") << testing::PrintToString(url);
-    EXPECT_EQ(store.Look(L" http://host/ \r\n"), L"p:1 - -"); // only trimmed
-
-    const CVoBstr url(L"http://host/");
-    EXPECT_EQ(store->GetProxyForUrl(url.Get(), nullptr, nullptr, nullptr), E_POINTER);
-    EXPECT_EQ(store->Serialize(nullptr), E_POINTER);
+    EXPECT_EQ(store->GetProxyForUrl(CVoBstr(L"http://host/").Get(), nullptr, nullptr, nullptr), E_POINTER);
     // The text of an out argument stays on failure.
-    BSTR untouched = url.Get();
+    const CVoBstr text(L"as it was");
+    BSTR untouched = text.Get();
     EXPECT_EQ(store->GetProxyForUrl(CVoBstr(L"ftp://x").Get(), &untouched, &untouched, &untouched), E_INVALIDARG);
-    EXPECT_EQ(untouched, url.Get());
-    for (const wchar_t* const proxy : { L"", L"http=a:1;https=b:2", L"user:x@p:1" })
-        EXPECT_EQ(store.Save(proxy, L"u", L"p"), E_INVALIDARG) << testing::PrintToString(proxy);
+    EXPECT_EQ(untouched, text.Get());
 }
 
 TEST(ProxyStore, DiscoversOncePerServerAndDegradesToDirect)
 {
-    struct CCase
-    {
-        const char* rule;
-        std::vector<CDiscovery::CAnswer> answers;
-        std::wstring expected; // for http://www.example/
-        std::vector<std::pair<int, HRESULT>> reports;
-    };
-    std::vector<CCase> table = {
+    // The answers, what they make of http://www.example/, and the reports.
+    using CReports = std::vector<std::pair<int, HRESULT>>;
+    std::vector<std::tuple<const char*, std::vector<CDiscovery::CAnswer>, std::wstring, CReports>> table = {
         { "a list", { Finds(L"http=a:1;https=b:2") }, L"a:1", {} },
         { "a list that bypasses the host", { Finds(L"a:1", L"www.example") }, L"", {} },
         { "no proxy", { { {}, L"a:1", L"b", WINHTTP_ACCESS_TYPE_NO_PROXY } }, L"", {} },
         { "a login, then a list", { Fails(12015), Finds(L"a:1") }, L"a:1", {} },
-        { "a login, then a failure without a code", { Fails(12015), Fails(0) }, L"", { { 203, E_FAIL }, { 249, E_FAIL } } },
+        { "a login, then no code", { Fails(12015), Fails(0) }, L"", { { 203, E_FAIL }, { 249, E_FAIL } } },
         { "anything else", { Fails(12002) }, L"", { { 264, HResultFromWin32(12002) } } },
         { "no code", { Fails(0) }, L"", { { 265, E_FAIL } } },
     };
@@ -281,28 +246,24 @@ TEST(ProxyStore, DiscoversOncePerServerAndDegradesToDirect)
         table.push_back({ "no script", { Fails(silent) }, L"", {} });
         table.push_back({ "a login, then no script", { Fails(12015), Fails(silent) }, L"", {} });
     }
-    for (const CCase& row : table)
+    for (const auto& [rule, answers, expected, reports] : table)
     {
-        SCOPED_TRACE(row.rule);
+        SCOPED_TRACE(rule);
         const auto frees = CountFreedTexts();
-        const CDiscovery discovery(row.answers);
+        const CDiscovery discovery(answers);
         const CTestStore store(Detection());
-        CLogCapture log;
-        EXPECT_EQ(store.Look(L"http://www.example/path?query"), row.expected + L" - -");
+        const CLogCapture log;
+        EXPECT_EQ(store.Look(L"http://www.example/path?query"), expected + L" - -");
         EXPECT_EQ(g_openTexts, 0);
-
-        std::vector<std::pair<int, HRESULT>> reports;
-        for (const CLogLine& line : log.Lines())
-        {
-            EXPECT_EQ(line.source, L"VoWinHttpInterface.h");
-            EXPECT_EQ(line.function, L"VoWinHttpInterface::WinHttpSessionHandle::GetProxyForUrl");
-            reports.emplace_back(line.line, line.code.value_or(S_OK));
-        }
-        EXPECT_EQ(reports, row.reports);
+        std::vector<testing::Matcher<const CLogLine&>> lines;
+        for (const auto& [line, code] : reports)
+            lines.push_back(
+                IsReport(L"VoWinHttpInterface.h", line, L"VoWinHttpInterface::WinHttpSessionHandle::GetProxyForUrl", code));
+        EXPECT_THAT(log.Lines(), testing::ElementsAreArray(lines));
 
         // The server is not asked about again.
         const size_t asked = discovery.Count();
-        EXPECT_EQ(store.Look(L"http://WWW.example:80/other"), row.expected + L" - -");
+        EXPECT_EQ(store.Look(L"http://WWW.example:80/other"), expected + L" - -");
         EXPECT_EQ(discovery.Count(), asked);
         // Another scheme or port is another server.
         (void)store.Look(L"https://www.example/");
@@ -315,19 +276,18 @@ TEST(ProxyStore, AsksThePlatformAsConfigured)
 {
     const CDiscovery discovery({ Fails(12015), Finds(L"p:1") });
     std::vector<std::wstring> calls;
-    const CCallHook<decltype(&::WinHttpOpen)> open(
-        "winhttp.dll", "WinHttpOpen",
-        [&](auto original, auto agent, DWORD access, auto proxy, auto bypass, DWORD flags)
-        {
-            calls.push_back(VoFormat(L"%ls %lu %d %lu", agent, access, proxy || bypass, flags));
-            return original(agent, access, proxy, bypass, flags);
-        });
-    const CCallHook<decltype(&::WinHttpSetTimeouts)> set("winhttp.dll", "WinHttpSetTimeouts",
-                                                         [&](auto original, HINTERNET session, int a, int b, int c, int d)
-                                                         {
-                                                             calls.push_back(VoFormat(L"%d %d %d %d", a, b, c, d));
-                                                             return original(session, a, b, c, d);
-                                                         });
+    const auto noteOpen = [&](auto original, auto agent, DWORD access, auto proxy, auto bypass, DWORD flags)
+    {
+        calls.push_back(VoFormat(L"%ls %lu %d %lu", agent, access, proxy || bypass, flags));
+        return original(agent, access, proxy, bypass, flags);
+    };
+    const auto noteTimeouts = [&](auto original, HINTERNET session, auto... timeouts)
+    {
+        calls.push_back(VoFormat(L"%d %d %d %d", timeouts...));
+        return original(session, timeouts...);
+    };
+    const CCallHook<decltype(&::WinHttpOpen)> open("winhttp.dll", "WinHttpOpen", noteOpen);
+    const CCallHook<decltype(&::WinHttpSetTimeouts)> set("winhttp.dll", "WinHttpSetTimeouts", noteTimeouts);
     const CAcquireBalance sessions = CAcquireBalance::Of<decltype(&::WinHttpOpen), decltype(&::WinHttpCloseHandle)>(
         "winhttp.dll", "WinHttpOpen", "WinHttpCloseHandle");
     {
@@ -358,14 +318,13 @@ TEST(ProxyStore, DiscoversOnceForAServerAndAnswersForKnownOnesMeanwhile)
     };
     const CTestStore store(Detection());
     EXPECT_EQ(store.Look(L"http://known/"), L"p:1 - -");
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int i = 0; i < 8; ++i)
         threads.emplace_back([&] { EXPECT_EQ(store.Look(L"http://slow/"), L"p:1 - -"); });
     ::WaitForSingleObject(began.Handle(), INFINITE);
     EXPECT_EQ(store.Look(L"http://known/"), L"p:1 - -"); // would hang here otherwise
     EXPECT_EQ(answered.Set(), S_OK);
-    for (std::thread& thread : threads)
-        thread.join();
+    threads.clear();
     EXPECT_EQ(discovery.Count(), 2U);
 }
 
@@ -385,6 +344,8 @@ TEST(ProxyStore, HandsCredentialsOutForTheirProxyOnly)
     // New ones replace the old ones, also by nothing.
     EXPECT_EQ(store.Save(L"proxy.example:8080", L"user2", L""), S_OK);
     EXPECT_EQ(store.Look(L"http://first/"), L"Proxy.example:8080 user2 ");
+    for (const wchar_t* const proxy : { L"", L"http=a:1;https=b:2", L"user:x@p:1" })
+        EXPECT_EQ(store.Save(proxy, L"u", L"p"), E_INVALIDARG) << testing::PrintToString(proxy);
     // Both flags are needed.
     for (const auto& [valid, required] : { std::pair(true, false), std::pair(false, true) })
     {
@@ -403,9 +364,8 @@ TEST(ProxyStore, UsesTheConfiguredCredentialsUntilOthersAreSaved)
         for (const wchar_t* const url : { L"", L"http://first/", L"http://second/" })
             EXPECT_EQ(store.Look(url), expected);
     };
-    EXPECT_EQ(store.Look(L""), L"p:1 user secret");
+    expectEverywhere(L"p:1 user secret");
     EXPECT_EQ(store.Look(L"http://bypassed/"), L" - -");
-    EXPECT_EQ(store.Look(L"http://first/"), L"p:1 user secret");
     EXPECT_EQ(store.Save(L"p:1", L"newer", L"word"), S_OK);
     expectEverywhere(L"p:1 newer word");
     // The same configuration again changes nothing, another one forgets.
@@ -435,14 +395,14 @@ TEST(ProxyStore, ComesBackFromItsText)
     EXPECT_EQ(copy.Serialize(), text);
     EXPECT_EQ(copy.Look(L"http://first.test/"), withConfigured);
     EXPECT_EQ(copy.Look(L"https://new.test/"), L"b:2 - -");
+    EXPECT_EQ(copy->Deserialize(nullptr), S_OK); // nothing clears
+    EXPECT_EQ(copy.Serialize(), CTestStore().Serialize());
     // The property is the same text, to read and to write.
     const CVoBstr name(L"proxydatastring");
     CVoVariant value;
     ASSERT_EQ(store->get_Properties(name.Get(), value.Put()), S_OK);
     ASSERT_EQ(value.Get().vt, VT_BSTR);
     EXPECT_EQ(CVoBstr::ViewOf(value.Get().bstrVal), text);
-    EXPECT_EQ(copy->Deserialize(nullptr), S_OK); // nothing clears
-    EXPECT_EQ(copy.Serialize(), CTestStore().Serialize());
     EXPECT_EQ(copy->put_Properties(name.Get(), value.Get()), S_OK);
     EXPECT_EQ(copy.Serialize(), text);
 
@@ -465,18 +425,12 @@ TEST(ProxyStore, KeepsWhatItHasWhenTheTextIsBadAndLogsNoSecret)
     const std::wstring good = store.Serialize();
     CLogCapture log;
 
-    std::vector<std::wstring> bad = { L"x", L"Config=x&Cache=", L"Cache=", good + L"&x", L"Config=&Cache=" };
     // Parts missing or renamed, and entries that are not as the store writes them.
-    for (const std::wstring change :
-         { L"Cache= -> Kash=", L"Entry= -> Other=", L"ServerKey=http://host -> ServerKey=HTTP://host",
-           L"ServerKey=http://host -> ServerKey=ftp://host", L"Proxy=p:1$$$&Aut -> Proxy=a:1 b:2$$$&Aut", L"Password= -> Pass=",
-           L"DataAreValid=True -> DataAreValid=x" })
-    {
-        const size_t arrow = change.find(L" -> ");
-        const size_t at = good.rfind(change.substr(0, arrow));
-        ASSERT_NE(at, std::wstring::npos) << testing::PrintToString(change);
-        bad.push_back(std::wstring(good).replace(at, arrow, change.substr(arrow + 4)));
-    }
+    std::vector<std::wstring> bad = TestSupport::EachChange(
+        good, { L"Cache= -> Kash=", L"Entry= -> Other=", L"ServerKey=http://host -> ServerKey=HTTP://host",
+                L"ServerKey=http://host -> ServerKey=ftp://host", L"Proxy=p:1$$$&Aut -> Proxy=a:1 b:2$$$&Aut",
+                L"Password= -> Pass=", L"DataAreValid=True -> DataAreValid=x" });
+    bad.insert(bad.end(), { L"x", L"Config=x&Cache=", L"Cache=", good + L"&x", L"Config=&Cache=" });
     for (const std::wstring& text : bad)
     {
         EXPECT_TRUE(FAILED(store.Deserialize(text))) << testing::PrintToString(text);
@@ -492,11 +446,8 @@ TEST(ProxyStore, ReportsASessionThatFailsAndKeepsItsConfiguration)
 {
     CTestStore store(Manual(L"p:1"));
     CLogCapture log;
-    const std::pair<CFault, int> table[] = {
-        { VO_FAULT("winhttp.dll", WinHttpOpen, nullptr, ERROR_OUTOFMEMORY), 630 },
-        { VO_FAULT("winhttp.dll", WinHttpSetTimeouts, FALSE, ERROR_INVALID_PARAMETER), 634 },
-    };
-    for (const auto& [fault, line] : table)
+    for (const auto& [fault, line] : { std::pair(VO_FAULT("winhttp.dll", WinHttpOpen, nullptr, ERROR_OUTOFMEMORY), 630),
+                                       { VO_FAULT("winhttp.dll", WinHttpSetTimeouts, FALSE, ERROR_INVALID_PARAMETER), 634 } })
     {
         const auto injected = fault.inject(1);
         EXPECT_EQ(store->Init(Detection()), fault.expected);

@@ -10,8 +10,8 @@
 #include <thread>
 #include <vector>
 
+#include <support/HTTPSupport.h>
 #include <support/ImportHook.h>
-#include <support/LogCapture.h>
 
 namespace
 {
@@ -38,16 +38,6 @@ struct CStores
     }
 };
 
-// What the store sends to a host after it was given a cookie, or none.
-std::wstring CookieOf(IVoHTTPCookieStore& store, const wchar_t* given = nullptr)
-{
-    const CVoBstr url(L"http://host/");
-    EXPECT_EQ(given ? store.AddCookieFromString(CVoBstr(given).Get(), url.Get()) : S_OK, S_OK);
-    CVoBstr cookie;
-    EXPECT_EQ(store.GetCookieStringForHTTPRequest(url.Get(), VARIANT_FALSE, cookie.Put()), S_OK);
-    return std::wstring(cookie.View());
-}
-
 TEST(GlobalHTTPStores, AreTheModulesOwnWithoutAProvider)
 {
     CStores first;
@@ -73,48 +63,40 @@ TEST(GlobalHTTPStores, AreTheModulesOwnWithoutAProvider)
             .join();
     EXPECT_THAT(log.Lines(), testing::IsEmpty());
 
-    // With the last reference the content goes.
-    EXPECT_EQ(CookieOf(*first.cookies.Get(), L"n=v"), L"n=v");
-    first = CStores();
-    EXPECT_EQ(first.Create(), S_OK);
-    EXPECT_EQ(CookieOf(*first.cookies.Get()), L"");
+    // A query hands out the same, and keeps them. With the last reference the content goes.
+    constexpr const wchar_t* kURL = L"http://host/";
+    EXPECT_EQ(first.cookies->AddCookieFromString(CVoBstr(L"n=v").Get(), CVoBstr(kURL).Get()), S_OK);
+    CVoComPtr<IVoGlobalHTTPStoreQueryPrivate> query;
+    CVoComPtr<IUnknown> object;
+    EXPECT_EQ(CVoGlobalHTTPStoreQueryPrivateImpl::Create(query.Put()), S_OK);
+    EXPECT_EQ(query->get_CookieStore(object.Put()), S_OK);
+    object.Reset();
+    for (const wchar_t* const expected : { L"n=v", L"" })
+    {
+        first = CStores();
+        EXPECT_EQ(first.Create(), S_OK);
+        EXPECT_EQ(TestSupport::CookiesFor(*first.cookies.Get(), kURL), expected);
+        query.Reset();
+    }
 }
 
 TEST(GlobalHTTPStores, ThreadsThatHoldThemTogetherHoldTheSame)
 {
     // The stores come and go all the time: each thread lets go of its own while others ask.
-    std::vector<std::thread> threads;
+    const auto run = []
+    {
+        for (int round = 0; round < 200; ++round)
+        {
+            CStores first;
+            CStores second;
+            ASSERT_EQ(first.Create(), S_OK);
+            ASSERT_EQ(second.Create(), S_OK);
+            ASSERT_TRUE(first.AreSame(second));
+        }
+    };
+    std::vector<std::jthread> threads;
     for (int i = 0; i < 4; ++i)
-        threads.emplace_back(
-            []
-            {
-                for (int round = 0; round < 200; ++round)
-                {
-                    CStores first;
-                    CStores second;
-                    ASSERT_EQ(first.Create(), S_OK);
-                    ASSERT_EQ(second.Create(), S_OK);
-                    ASSERT_TRUE(first.AreSame(second));
-                }
-            });
-    for (std::thread& thread : threads)
-        thread.join();
-}
-
-TEST(GlobalHTTPStores, AQueryKeepsWhatItHandedOut)
-{
-    CVoComPtr<IVoGlobalHTTPStoreQueryPrivate> query;
-    ASSERT_EQ(CVoGlobalHTTPStoreQueryPrivateImpl::Create(query.Put()), S_OK);
-    CVoComPtr<IUnknown> object;
-    EXPECT_EQ(query->get_CookieStore(object.Put()), S_OK);
-    CVoComPtr<IVoHTTPCookieStore> cookies;
-    EXPECT_EQ(object.As(cookies), S_OK);
-    EXPECT_EQ(CookieOf(*cookies.Get(), L"n=v"), L"n=v");
-    object.Reset();
-    cookies.Reset();
-    CStores stores;
-    EXPECT_EQ(stores.Create(), S_OK);
-    EXPECT_EQ(CookieOf(*stores.cookies.Get()), L"n=v");
+        threads.emplace_back(run);
 }
 
 // A provider whose answers the test lays down, and its class factory.
@@ -122,9 +104,7 @@ class CProvider final : public CVoIUnknownImpl<IVoGlobalHTTPStoreQueryPrivate>
 {
 public:
     HRESULT hr = S_OK;
-    CVoComPtr<IUnknown> callback;
-    CVoComPtr<IUnknown> proxies;
-    CVoComPtr<IUnknown> cookies;
+    CVoComPtr<IUnknown> callback, proxies, cookies;
 
     STDMETHODIMP get_CookieStore(IUnknown** store) noexcept override { return Give(cookies, store); }
     STDMETHODIMP get_ProxyStore(IUnknown** store) noexcept override { return Give(proxies, store); }
@@ -142,48 +122,42 @@ private:
 TEST(GlobalHTTPStores, AreTheProvidersWhereOneIsRegistered)
 {
     const CVoComPtr<CProvider> provider = VoMakeComObject<CProvider>();
-    HRESULT created = S_OK; // what becomes of the provider
-    int calls = 0;
-    const CCallHook<decltype(&::CoCreateInstance)> hook("ole32.dll", "CoCreateInstance",
-                                                        [&](auto, REFCLSID id, auto, DWORD context, REFIID iid, void** object)
-                                                        {
-                                                            EXPECT_TRUE(::IsEqualCLSID(id, kVoGlobalHTTPStoreProvider));
-                                                            EXPECT_EQ(context, static_cast<DWORD>(CLSCTX_ALL));
-                                                            // A thread without an apartment is given one, and asks again.
-                                                            if (++calls == 1)
-                                                                return CO_E_NOTINITIALIZED;
-                                                            return FAILED(created) ? created
-                                                                                   : provider->QueryInterface(iid, object);
-                                                        });
+    // What becomes of the provider; a thread without an apartment is given one, and asks again.
+    HRESULT created = CO_E_NOTINITIALIZED;
+    const auto create = [&](auto, REFCLSID id, auto, DWORD context, REFIID iid, void** object)
+    {
+        EXPECT_TRUE(::IsEqualCLSID(id, kVoGlobalHTTPStoreProvider));
+        EXPECT_EQ(context, static_cast<DWORD>(CLSCTX_ALL));
+        const HRESULT hr = created;
+        created = hr == CO_E_NOTINITIALIZED ? S_OK : hr;
+        return FAILED(hr) ? hr : provider->QueryInterface(iid, object);
+    };
+    const CCallHook<decltype(&::CoCreateInstance)> hook("ole32.dll", "CoCreateInstance", create);
     CStores own;
     EXPECT_EQ(CreateGlobalAuthenticationCallbackForModule(own.callback.Put()), S_OK);
     EXPECT_EQ(CreateGlobalHTTPProxyStoreForModule(own.proxies.Put()), S_OK);
     EXPECT_EQ(CreateGlobalHTTPCookieStoreForModule(own.cookies.Put()), S_OK);
     CStores stores;
-    struct CCase
-    {
-        CVoComPtr<IUnknown> CProvider::* store;
-        IUnknown* answer;
-        int line;
-    };
     // A store that is missing, or is none: nothing is handed out.
-    const CCase table[] = { { nullptr, nullptr, 0 },
-                            { &CProvider::callback, nullptr, 449 },
-                            { &CProvider::proxies, own.cookies.Get(), 461 },
-                            { &CProvider::cookies, own.proxies.Get(), 473 } };
+    const std::tuple<CVoComPtr<IUnknown> CProvider::*, IUnknown*, int> table[] = {
+        { nullptr, nullptr, 0 },
+        { &CProvider::callback, nullptr, 449 },
+        { &CProvider::proxies, own.cookies.Get(), 461 },
+        { &CProvider::cookies, own.proxies.Get(), 473 }
+    };
     CLogCapture log;
-    for (const CCase& row : table)
+    for (const auto& [store, answer, line] : table)
     {
         provider->callback = CVoComPtr<IUnknown>(own.callback.Get());
         provider->proxies = CVoComPtr<IUnknown>(own.proxies.Get());
         provider->cookies = CVoComPtr<IUnknown>(own.cookies.Get());
-        if (row.store)
-            provider.Get()->*row.store = CVoComPtr<IUnknown>(row.answer);
+        if (store)
+            provider.Get()->*store = CVoComPtr<IUnknown>(answer);
         stores = CStores();
-        EXPECT_EQ(stores.Create(), row.store ? E_NOINTERFACE : S_OK);
-        EXPECT_TRUE(row.store ? stores.IsEmpty() : stores.AreSame(own));
-        const auto report = IsReport(kSource, row.line, kFunction, E_NOINTERFACE);
-        EXPECT_THAT(log.Lines(), testing::Conditional(row.store != nullptr, ElementsAre(report), ElementsAre()));
+        EXPECT_EQ(stores.Create(), store ? E_NOINTERFACE : S_OK);
+        EXPECT_TRUE(store ? stores.IsEmpty() : stores.AreSame(own));
+        const auto report = IsReport(kSource, line, kFunction, E_NOINTERFACE);
+        EXPECT_THAT(log.Lines(), testing::Conditional(store != nullptr, ElementsAre(report), ElementsAre()));
         log.Clear();
     }
     // Its failures.

@@ -24,13 +24,6 @@ namespace
 using Access = CVoHTTPMessageTestAccess;
 constexpr const wchar_t* kSource = L"..\\source\\VoHTTPMessage";
 
-CServerAddressData Address(std::wstring_view url)
-{
-    CServerAddressData address;
-    EXPECT_EQ(address.SetAddress(url, false, true, true), S_OK);
-    return address;
-}
-
 #ifdef __GNUC__
 // Where a virtual operation stands in the table, by what a pointer to it holds (the Itanium C++ ABI: one more than the offset).
 // The destructor has two entries there and counts as slot 0.
@@ -62,47 +55,31 @@ TEST(HTTPMessage, OperationsStandInTheirSlots)
 
 TEST(HTTPMessage, AnUnknownTransportKindIsRefusedWithItsNumber)
 {
-    const CTransportScope scope(4);
     const CLogCapture log;
-    std::shared_ptr<CVoHTTPMessage> message;
-    EXPECT_EQ(CVoHTTPMessage::Connect(Address(L"http://localhost"), nullptr, nullptr, nullptr, 1, 1, true, true, message),
-              E_NOTIMPL);
+    Message message;
+    EXPECT_EQ(ConnectTo(L"http://localhost", { .kind = 4 }, message), E_NOTIMPL);
     EXPECT_EQ(message, nullptr);
     EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kSource, 325, L"CVoHTTPMessage::Connect", HRESULT{ 4 }),
                                          IsReport(kSource, 326, L"CVoHTTPMessage::Connect", E_NOTIMPL)));
 }
 
-TEST(HTTPMessage, TheCertificateSwitchesHoldForHttpsOnly)
+TEST(HTTPMessage, TheSwitchesHoldForHttpsOnlyAndInterfacesWhileConnected)
 {
-    const CTransportScope scope(2);
+    const auto callback = VoMakeComObject<CScriptedAuthCallback>();
     for (const bool secure : { false, true })
     {
-        std::shared_ptr<CVoHTTPMessage> message;
-        ASSERT_EQ(CVoHTTPMessage::Connect(Address(secure ? L"https://localhost" : L"http://localhost"), nullptr, nullptr,
-                                          nullptr, 1, 1, true, true, message),
-                  S_OK);
+        const std::wstring url = secure ? L"https://localhost" : L"http://localhost";
+        Message message;
+        ASSERT_EQ(ConnectTo(url, { .callback = callback.Get(), .verify = true, .revocation = true }, message), S_OK);
         EXPECT_EQ(Access::VerifiesServerCertificate(*message), secure);
         EXPECT_EQ(Access::ChecksRevocation(*message), secure);
+        for (IVoAuthenticationCallback* const next : { callback.Get(), static_cast<CScriptedAuthCallback*>(nullptr) })
+        {
+            ASSERT_EQ(message->Connect(Address(url), next, nullptr, nullptr, 1, 1, true, true), S_OK);
+            callback->AddRef();
+            EXPECT_EQ(callback->Release(), next ? 2U : 1U);
+        }
     }
-}
-
-TEST(HTTPMessage, InterfacesAreHeldWhileConnected)
-{
-    const CTransportScope scope(2);
-    const auto auth = VoMakeComObject<CScriptedAuthCallback>();
-    const auto references = [&]
-    {
-        auth->AddRef();
-        return auth->Release();
-    };
-    std::shared_ptr<CVoHTTPMessage> message;
-    const CServerAddressData address = Address(L"http://localhost");
-    ASSERT_EQ(CVoHTTPMessage::Connect(address, auth.Get(), nullptr, nullptr, 1, 1, true, true, message), S_OK);
-    EXPECT_EQ(references(), 2U);
-    ASSERT_EQ(message->Connect(address, auth.Get(), nullptr, nullptr, 1, 1, true, true), S_OK);
-    EXPECT_EQ(references(), 2U);
-    ASSERT_EQ(message->Connect(address, nullptr, nullptr, nullptr, 1, 1, true, true), S_OK);
-    EXPECT_EQ(references(), 1U);
 }
 
 TEST(HTTPMessage, TheUserAgentNamesTheProcessorArchitecture)

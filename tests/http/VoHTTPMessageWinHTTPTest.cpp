@@ -9,7 +9,9 @@
 #include <map>
 
 using namespace TestSupport;
+using testing::Contains;
 using testing::ElementsAre;
+using testing::ElementsAreArray;
 using testing::IsEmpty;
 using testing::SizeIs;
 
@@ -29,67 +31,66 @@ CCallHook<decltype(&::VerifyVersionInfoW)> WindowsIs81(bool is81)
              } };
 }
 
-// Notes what the platform is asked for and what is set, and refuses some options.
+// Notes what is asked of the platform and passes it on; refuses some options.
 class CPlatform
 {
 public:
     std::map<DWORD, DWORD> refused; // the errors of options
-    std::wstring session;           // of the last that was opened: "agent access flags"
-    std::wstring host;              // of the last connection
-    std::wstring request;           // of the last that was opened: "verb object version flags"
-    std::vector<std::pair<DWORD, DWORD>> options;
-    std::vector<std::wstring> proxies;
-    std::vector<std::wstring> credentials; // "target scheme user password"
+
+    // The calls so far that begin so; forgets all. Credentials are set on a thread of the service.
+    [[nodiscard]] std::vector<std::wstring> Take(std::wstring_view prefix = {})
+    {
+        const std::scoped_lock lock(m_lock);
+        std::erase_if(m_calls, [=](const std::wstring& call) { return !call.starts_with(prefix); });
+        return std::exchange(m_calls, {});
+    }
 
 private:
-    HINTERNET Open(decltype(&::WinHttpOpen) original, LPCWSTR agent, DWORD access, LPCWSTR proxy, LPCWSTR bypass, DWORD flags)
+    template <class... Parts>
+    bool Note(const wchar_t* format, Parts... parts)
     {
-        EXPECT_FALSE(proxy || bypass);
-        session = VoFormat(L"%ls %lu %lx", agent, access, flags);
-        return original(agent, access, proxy, bypass, flags);
+        const std::scoped_lock lock(m_lock);
+        m_calls.push_back(VoFormat(format, parts...));
+        return true;
     }
-    HINTERNET Connect(decltype(&::WinHttpConnect) original, HINTERNET handle, LPCWSTR name, INTERNET_PORT port, DWORD reserved)
+    bool Open(LPCWSTR agent, DWORD access, LPCWSTR proxy, LPCWSTR bypass, DWORD flags)
     {
-        host = name;
-        return original(handle, name, port, reserved);
+        return Note(L"Open %ls %lu %d %lx", agent, access, proxy || bypass, flags);
     }
-    HINTERNET OpenRequest(decltype(&::WinHttpOpenRequest) original, HINTERNET handle, LPCWSTR verb, LPCWSTR object,
-                          LPCWSTR version, LPCWSTR referrer, LPCWSTR* types, DWORD flags)
+    bool Connect(HINTERNET /*session*/, LPCWSTR host, INTERNET_PORT port, DWORD reserved)
     {
-        EXPECT_FALSE(referrer || types);
-        request = VoFormat(L"%ls %ls %ls %lx", verb, object, version, flags);
-        return original(handle, verb, object, version, referrer, types, flags);
+        return Note(L"Connect %ls %hu %lu", host, port, reserved);
     }
-    BOOL SetOption(decltype(&::WinHttpSetOption) original, HINTERNET handle, DWORD option, void* value, DWORD length)
+    bool OpenRequest(HINTERNET /*connection*/, LPCWSTR verb, LPCWSTR object, LPCWSTR version, LPCWSTR referrer, LPCWSTR* types,
+                     DWORD flags)
     {
+        return Note(L"Request %ls %ls %ls %d %lx", verb, object, version, referrer || types, flags);
+    }
+    bool SetOption(HINTERNET /*handle*/, DWORD option, void* value, DWORD length)
+    {
+        const auto& proxy = *static_cast<const WINHTTP_PROXY_INFO*>(value);
         if (option == WINHTTP_OPTION_PROXY)
-        {
-            const auto& info = *static_cast<const WINHTTP_PROXY_INFO*>(value);
-            EXPECT_EQ(info.dwAccessType, DWORD{ WINHTTP_ACCESS_TYPE_NAMED_PROXY });
-            EXPECT_EQ(info.lpszProxyBypass, nullptr);
-            proxies.emplace_back(info.lpszProxy);
-        }
+            Note(L"Use %lu %ls %d", proxy.dwAccessType, proxy.lpszProxy, proxy.lpszProxyBypass != nullptr);
         else if (length == sizeof(DWORD))
-            options.emplace_back(option, *static_cast<const DWORD*>(value));
+            Note(L"Option %lu %lx", option, *static_cast<const DWORD*>(value));
         const auto error = refused.find(option);
         if (error == refused.end())
-            return original(handle, option, value, length);
+            return true;
         ::SetLastError(error->second);
-        return FALSE;
+        return false;
     }
-    BOOL SetCredentials(decltype(&::WinHttpSetCredentials) original, HINTERNET handle, DWORD target, DWORD scheme, LPCWSTR user,
-                        LPCWSTR password, void* more)
+    bool SetCredentials(HINTERNET /*request*/, DWORD target, DWORD scheme, LPCWSTR user, LPCWSTR password, void* /*more*/)
     {
-        const std::scoped_lock lock(m_lock); // a thread of the service sets them
-        credentials.push_back(VoFormat(L"%lu %lu %ls %ls", target, scheme, user, password));
-        return original(handle, target, scheme, user, password, more);
+        return Note(L"Use %lu %lu %ls %ls", target, scheme, user, password);
     }
 
     std::mutex m_lock;
+    std::vector<std::wstring> m_calls;
 #define VO_SEE(function, member)                                                                                               \
     const CCallHook<decltype(&::function)> m_##member                                                                          \
     {                                                                                                                          \
-        "winhttp.dll", #function, [this](auto... call) { return member(call...); }                                             \
+        "winhttp.dll", #function, [this](auto original, auto... call)                                                          \
+        { return member(call...) ? original(call...) : decltype(original(call...)){}; }                                        \
     }
     VO_SEE(WinHttpOpen, Open);
     VO_SEE(WinHttpConnect, Connect);
@@ -99,98 +100,71 @@ private:
 #undef VO_SEE
 };
 
-std::shared_ptr<CVoHTTPMessage> Connect(const std::wstring& url, IVoAuthenticationCallback* callback = nullptr,
-                                        IVoHTTPProxyStore* proxies = nullptr, bool verify = false, bool revocation = false,
-                                        HRESULT expected = S_OK, UINT32 kind = kKind)
+Message Connect(const std::wstring& url, CConnecting how = {}, UINT32 kind = kKind)
 {
-    CServerAddressData address;
-    EXPECT_EQ(address.SetAddress(url, false, true, true), S_OK);
-    const CTransportScope scope(kind);
-    std::shared_ptr<CVoHTTPMessage> message;
-    EXPECT_EQ(CVoHTTPMessage::Connect(address, callback, proxies, nullptr, 7, 9, verify, revocation, message), expected);
+    how.kind = kind;
+    how.connectTimeout = 7;
+    how.requestTimeout = 9;
+    Message message;
+    EXPECT_EQ(ConnectTo(url, how, message), S_OK);
     return message;
 }
-Request Open(CVoHTTPMessage& message)
-{
-    Request request;
-    EXPECT_EQ(message.OpenRequest(request), S_OK);
-    return request;
-}
-HRESULT Send(CVoHTTPMessage& message, const Request& request, CVoHTTPMessage::CSendResult* result = nullptr)
-{
-    return message.SendMessage(request, MakeMessage({}, "x"), Kind::Raw, true, {}, {}, false, result);
-}
-
 TEST(WinHTTPTransport, SetsTheSessionUpAsTheSystemAllows)
 {
     for (const bool is81 : { false, true })
     {
         const auto version = WindowsIs81(is81);
-        const CPlatform platform;
+        CPlatform platform;
         ASSERT_TRUE(Connect(L"http://127.0.0.1:9/"));
-        EXPECT_EQ(platform.session, is81 ? L"CVoHTTPMessageWinHTTP 4 10000000" : L"CVoHTTPMessageWinHTTP 0 10000000");
-        EXPECT_THAT(platform.options, ElementsAre(std::pair(3U, 7000U), std::pair(5U, 7000U), std::pair(6U, 9000U),
-                                                  std::pair(73U, 128U), std::pair(74U, 74U), std::pair(7U, 9000U)));
+        EXPECT_THAT(platform.Take(),
+                    ElementsAre(is81 ? L"Open CVoHTTPMessageWinHTTP 4 0 10000000" : L"Open CVoHTTPMessageWinHTTP 0 0 10000000",
+                                L"Option 3 1b58", L"Option 5 1b58", L"Option 6 2328", L"Option 73 80", L"Option 74 4a",
+                                L"Option 7 2328", L"Connect 127.0.0.1 9 0"));
     }
 }
 
 TEST(WinHTTPTransport, OpensARequestWithTheSwitchesOfItsAddress)
 {
-    struct CCase
-    {
-        const wchar_t* url;
-        bool verify;
-        bool revocation;
-        const wchar_t* request;
-        DWORD security;
-        DWORD features;
+    const std::tuple<const wchar_t*, bool, bool, const wchar_t*, const wchar_t*, const wchar_t*> cases[] = {
+        { L"http://server.test/a?b", true, true, L"Request POST /a?b HTTP/1.1 0 100", L"Option 31 3300", L"Option 79 0" },
+        { L"https://server.test/", false, false, L"Request POST / HTTP/1.1 0 800100", L"Option 31 3300", L"Option 79 0" },
+        { L"https://server.test/", true, false, L"Request POST / HTTP/1.1 0 800100", L"Option 31 0", L"Option 79 0" },
+        { L"https://server.test/", true, true, L"Request POST / HTTP/1.1 0 800100", L"Option 31 0", L"Option 79 1" },
     };
-    const CCase cases[] = {
-        { L"http://server.test/a?b", true, true, L"POST /a?b HTTP/1.1 100", 0x3300, 0 },
-        { L"https://server.test/a?b", false, false, L"POST /a?b HTTP/1.1 800100", 0x3300, 0 },
-        { L"https://server.test/a?b", true, false, L"POST /a?b HTTP/1.1 800100", 0, 0 },
-        { L"https://server.test/a?b", true, true, L"POST /a?b HTTP/1.1 800100", 0, 1 },
-    };
-    for (const CCase& item : cases)
+    for (const auto& [url, verify, revocation, request, security, features] : cases)
     {
-        SCOPED_TRACE(testing::Message() << item.url << item.verify << item.revocation);
+        SCOPED_TRACE(testing::Message() << url << verify << revocation);
         CPlatform platform;
-        const auto message = Connect(item.url, nullptr, nullptr, item.verify, item.revocation);
-        platform.options.clear();
+        const Message message = Connect(url, { .verify = verify, .revocation = revocation });
+        (void)platform.Take();
         (void)Open(*message);
-        EXPECT_EQ(platform.request, item.request);
-        EXPECT_THAT(platform.options,
-                    ElementsAre(std::pair(31U, item.security), std::pair(79U, item.features), std::pair(63U, 1U)));
+        EXPECT_THAT(platform.Take(), ElementsAre(request, security, features, L"Option 63 1"));
     }
 }
 
 TEST(WinHTTPTransport, PassesOverARefusedTuningAndOverNothingElse)
 {
-    struct CCase
+    struct
     {
-        DWORD option;
-        DWORD error;
-        bool connects;
-        bool opens;
+        DWORD option, error;
+        bool connects, opens;
         bool revocation = false;
-    };
-    const CCase cases[] = { { 3, 12009, true, true },   { 73, 12016, true, true },        { 73, 5, false, false },
-                            { 6, 87, false, false },    { 79, 87, true, true },           { 79, 12009, true, true },
-                            { 79, 12004, true, false }, { 79, 12009, true, false, true }, { 79, 87, true, false, true },
-                            { 31, 12009, true, false }, { 63, 12009, true, false } };
-    for (const CCase& item : cases)
+    } const cases[] = { { 3, 12009, true, true },   { 73, 12016, true, true },        { 73, 5, false, false },
+                        { 6, 87, false, false },    { 79, 87, true, true },           { 79, 12009, true, true },
+                        { 79, 12004, true, false }, { 79, 12009, true, false, true }, { 79, 87, true, false, true },
+                        { 31, 12009, true, false }, { 63, 12009, true, false } };
+    for (const auto& item : cases)
     {
-        SCOPED_TRACE(testing::Message() << item.option << " " << item.error);
+        SCOPED_TRACE(testing::Message() << item.option << " " << item.error << " " << item.revocation);
         CPlatform platform;
         platform.refused = { { item.option, item.error } };
         const HRESULT code = HResultFromWin32(item.error);
         const CLogCapture log;
-        const auto message =
-            Connect(L"https://server.test/", nullptr, nullptr, true, item.revocation, item.connects ? S_OK : code);
-        if (!message)
-            continue;
+        Message message;
+        EXPECT_EQ(ConnectTo(L"https://server.test/", { .kind = kKind, .verify = true, .revocation = item.revocation }, message),
+                  item.connects ? S_OK : code);
         Request request;
-        EXPECT_EQ(message->OpenRequest(request), item.opens ? S_OK : code);
+        EXPECT_EQ(message ? message->OpenRequest(request) : code, item.opens ? S_OK : code);
         EXPECT_EQ(request != nullptr, item.opens);
         EXPECT_FALSE(log.Lines().empty()) << "a refusal is traced";
     }
@@ -198,71 +172,53 @@ TEST(WinHTTPTransport, PassesOverARefusedTuningAndOverNothingElse)
 
 TEST(WinHTTPTransport, RewritesALoopbackAddress)
 {
-    struct CCase
-    {
-        const wchar_t* url;
-        std::wstring host;
-        std::wstring path;
-    };
-    const CCase cases[] = {
+    const std::tuple<const wchar_t*, std::wstring, std::wstring> cases[] = {
         { L"http://LOCALHOST:81/a", L"localhost.localhost", L"/a" },
         { L"http://127.0.0.1/to/127.0.0.1?at=localhost", L"localhost.localhost", L"/to/localhost.localhost?at=localhost" },
         { L"http://localhost/LocalHost", L"localhost.localhost", L"/localhost.localhost" },
         { L"http://127.0.0.10/", L"127.0.0.10", L"/" },
         { L"http://localhost.test/localhost", L"localhost.test", L"/localhost" },
     };
-    for (const CCase& item : cases)
+    for (const auto& [url, host, path] : cases)
         for (const UINT32 kind : { kKind, kRewritingKind })
         {
-            const CPlatform platform;
-            const auto message = Connect(item.url, nullptr, nullptr, false, false, S_OK, kind);
-            (void)Open(*message);
-            CServerAddressData address;
-            ASSERT_EQ(address.SetAddress(item.url, false, true, true), S_OK);
+            CPlatform platform;
+            (void)Open(*Connect(url, {}, kind));
+            const CServerAddressData address = Address(url);
             const bool rewrites = kind == kRewritingKind;
-            EXPECT_EQ(platform.host, rewrites ? item.host : address.Host()) << item.url;
-            EXPECT_EQ(platform.request, L"POST " + (rewrites ? item.path : address.ObjectName()) + L" HTTP/1.1 100")
-                << item.url;
+            const std::vector<std::wstring> calls = platform.Take();
+            EXPECT_THAT(calls, Contains(VoFormat(L"Connect %ls %hu 0", (rewrites ? host : address.Host()).c_str(),
+                                                 address.EffectivePort())));
+            EXPECT_THAT(calls, Contains(L"Request POST " + (rewrites ? path : address.ObjectName()) + L" HTTP/1.1 0 100"));
         }
 }
 
 TEST(WinHTTPTransport, TakesItsProxyFromTheStore)
 {
-    struct CCase
+    struct
     {
         bool is81;
-        const wchar_t* url;
-        const wchar_t* list;
-        const wchar_t* user;
-        const wchar_t* asked;
-        std::vector<std::wstring> set;
-        std::vector<std::wstring> credentials;
+        const wchar_t *url, *list, *user;
+        std::vector<std::wstring> calls;
+    } const cases[] = {
+        { false, L"http://server.test/a?b", L"", L"", {} },
+        { false, L"http://server.test/", L"proxy:8080", L"", { L"Use 3 proxy:8080 0" } },
+        { false, L"http://server.test/", L"proxy:8080", L"user", { L"Use 3 proxy:8080 0", L"Use 1 1 user hunter2" } },
+        // a list is the platform's own notation
+        { true, L"https://server.test/", L"http=a:1;https=b:2", L"", { L"Use 3 http=a:1;https=b:2 0" } },
     };
-    const CCase cases[] = {
-        { false, L"http://server.test/a?b", L"", L"", L"http://server.test/a?b", {}, {} },
-        { false, L"http://server.test/", L"proxy:8080", L"", L"http://server.test/", { L"proxy:8080" }, {} },
-        { false,
-          L"http://server.test/",
-          L"proxy:8080",
-          L"user",
-          L"http://server.test/",
-          { L"proxy:8080" },
-          { L"1 1 user hunter2" } },
-        // asked for the configured proxy; a list is the platform's own notation
-        { true, L"https://server.test/", L"http=a:1;https=b:2", L"", L"", { L"http=a:1;https=b:2" }, {} },
-    };
-    for (const CCase& item : cases)
+    for (const auto& item : cases)
     {
         SCOPED_TRACE(item.url);
         const auto version = WindowsIs81(item.is81);
-        const CPlatform platform;
+        CPlatform platform;
         const auto store = VoMakeComObject<CFixedProxyStore>(item.list, item.user, L"hunter2");
         const CLogCapture log;
-        const auto message = Connect(item.url, nullptr, store.Get());
+        const Message message = Connect(item.url, { .proxies = store.Get() });
         (void)Open(*message);
-        EXPECT_THAT(store->asked, ElementsAre(item.asked));
-        EXPECT_EQ(platform.proxies, item.set);
-        EXPECT_EQ(platform.credentials, item.credentials);
+        // From Windows 8.1 on the store is asked for the configured proxy: the platform finds that of a URL itself.
+        EXPECT_THAT(store->asked, ElementsAre(item.is81 ? L"" : item.url));
+        EXPECT_EQ(platform.Take(L"Use"), item.calls);
         store->queryResult = E_ACCESSDENIED;
         Request refused;
         EXPECT_EQ(message->OpenRequest(refused), E_ACCESSDENIED);
@@ -286,57 +242,45 @@ TEST(WinHTTPTransport, AnswersAProxyAndKeepsTheCredentials)
     const auto callback = VoMakeComObject<CScriptedAuthCallback>();
     callback->AnswerProxy({ { L"user", L"hunter2" } });
     const auto store = VoMakeComObject<CFixedProxyStore>(L"proxy.test:8080");
-    const CPlatform platform;
+    CPlatform platform;
     const CLogCapture log;
-    const auto message = Connect(base + L"/x", callback.Get(), store.Get());
+    const Message message = Connect(base + L"/x", { .callback = callback.Get(), .proxies = store.Get() });
     const Request request = Open(*message);
-    EXPECT_THAT(platform.credentials, IsEmpty());
-    EXPECT_EQ(Send(*message, request), S_OK);
+    EXPECT_THAT(platform.Take(L"Use"), ElementsAre(L"Use 3 proxy.test:8080 0"));
+    EXPECT_EQ(SendOn(*message, request), S_OK);
     EXPECT_THAT(callback->Questions(), ElementsAre(L"proxy " + base + L" proxy.test:8080"));
     EXPECT_THAT(store->saved, ElementsAre(L"proxy.test:8080 user hunter2"));
-    EXPECT_THAT(platform.credentials, ElementsAre(L"1 1 user hunter2"));
     // From now on they are sent without being asked for, by this request and by others.
-    EXPECT_EQ(Send(*message, request), S_OK);
-    EXPECT_EQ(Send(*message, Open(*message)), S_OK);
+    EXPECT_EQ(SendOn(*message, request), S_OK);
+    EXPECT_EQ(SendOn(*message, Open(*message)), S_OK);
     EXPECT_THAT(callback->Questions(), SizeIs(1));
-    EXPECT_THAT(platform.credentials, SizeIs(3));
+    EXPECT_THAT(platform.Take(L"Use 1"), ElementsAreArray(std::vector<std::wstring>(3, L"Use 1 1 user hunter2")));
     ExpectNotLogged(log, L"hunter2");
 }
 
 TEST(WinHTTPTransport, AnswersNothingButBasic)
 {
-    for (const bool proxy : { false, true })
-        for (const char* const scheme : { "NTLM", "Negotiate", "Digest realm=\"r\", nonce=\"1\"" })
-        {
-            const CServer server(
-                [&](const Loopback::CRequest&, Loopback::CConnection& connection)
-                {
-                    connection.SendResponse(proxy ? 407 : 401,
-                                            { { proxy ? "Proxy-Authenticate" : "WWW-Authenticate", scheme } });
-                });
-            const auto callback = VoMakeComObject<CScriptedAuthCallback>();
-            const auto message = Connect(Wide(server.URL("")), callback.Get());
-            CVoHTTPMessage::CSendResult result;
-            EXPECT_EQ(Send(*message, Open(*message), &result), E_NOTIMPL) << scheme;
-            EXPECT_EQ(result.statusCode, proxy ? 407U : 401U);
-            EXPECT_THAT(callback->Questions(), IsEmpty());
-        }
+    for (const auto& [status, challenge, scheme] :
+         { std::tuple(401U, "WWW-Authenticate", "Negotiate"), { 407U, "Proxy-Authenticate", "NTLM" } })
+    {
+        const CServer server(Answers(static_cast<int>(status), { { challenge, scheme } }));
+        const auto callback = VoMakeComObject<CScriptedAuthCallback>();
+        const CAnswer answer = Send(*Connect(Wide(server.URL("")), { .callback = callback.Get() }), {});
+        EXPECT_EQ(answer.result, E_NOTIMPL) << scheme;
+        EXPECT_EQ(answer.send.statusCode, status);
+        EXPECT_THAT(callback->Questions(), IsEmpty());
+    }
 }
 
 TEST(WinHTTPTransport, NamesTheServerThatARedirectLedTo)
 {
-    const CServer second([](const Loopback::CRequest&, Loopback::CConnection& connection)
-                         { connection.SendResponse(401, { { "WWW-Authenticate", "Basic realm=\"r\"" } }); });
-    const CServer first(
-        [&](const Loopback::CRequest&, Loopback::CConnection& connection)
-        {
-            connection.SendResponse(302, { { "Location", "http://localhost:" + std::to_string(second.Port()) + "/private" } });
-        });
+    const CServer second(Answers(401, { { "WWW-Authenticate", "Basic realm=\"r\"" } }));
+    const std::string target = "http://localhost:" + std::to_string(second.Port()) + "/private";
+    const CServer first(Answers(302, { { "Location", target } }));
     const auto callback = VoMakeComObject<CScriptedAuthCallback>();
-    const auto message = Connect(Wide(first.URL("")), callback.Get());
-    EXPECT_EQ(message->SendMessage(Open(*message), {}, Kind::Empty, true, {}, {}, false, nullptr), kResultCancelled);
-    EXPECT_THAT(callback->Questions(),
-                ElementsAre(L"server localhost http://localhost:" + std::to_wstring(second.Port()) + L"/private"));
+    const Message message = Connect(Wide(first.URL("")), { .callback = callback.Get() });
+    EXPECT_EQ(Send(*message, {}, Kind::Empty).result, kResultCancelled);
+    EXPECT_THAT(callback->Questions(), ElementsAre(L"server localhost " + Wide(target)));
 }
 
 TEST(WinHTTPTransport, EveryFailureOfTheServiceIsHandled)
@@ -355,25 +299,14 @@ TEST(WinHTTPTransport, EveryFailureOfTheServiceIsHandled)
     {
         const auto callback = VoMakeComObject<CScriptedAuthCallback>();
         callback->AnswerServer({ { L"user", L"hunter2" } });
-        const CTransportScope scope(kKind);
-        CServerAddressData address;
-        EXPECT_EQ(address.SetAddress(Wide(server.URL()), false, true, true), S_OK);
-        std::shared_ptr<CVoHTTPMessage> message;
-        HRESULT hr = CVoHTTPMessage::Connect(address, callback.Get(), nullptr, nullptr, 7, 9, false, false, message);
-        EXPECT_EQ(SUCCEEDED(hr), message != nullptr);
-        Request request;
-        if (SUCCEEDED(hr))
-        {
-            hr = message->OpenRequest(request);
-            EXPECT_EQ(SUCCEEDED(hr), request != nullptr);
-        }
-        CVoBinaryDataParser answer;
-        if (SUCCEEDED(hr))
-            hr = Send(*message, request);
-        if (SUCCEEDED(hr))
-            hr = message->ReadResponse(request, answer, Response::Parameters, nullptr, nullptr);
-        EXPECT_EQ(answer.GetCount(), SUCCEEDED(hr) ? 1U : 0U);
-        return hr;
+        Message message;
+        const HRESULT connected = ConnectTo(Wide(server.URL()), { .kind = kKind, .callback = callback.Get() }, message);
+        EXPECT_EQ(SUCCEEDED(connected), message != nullptr);
+        if (!message)
+            return connected;
+        const CAnswer answer = Send(*message, MakeMessage({}, "x"));
+        EXPECT_EQ(answer.message.GetCount(), SUCCEEDED(answer.result) ? 1U : 0U);
+        return answer.result;
     };
     constexpr DWORD kError = ERROR_WINHTTP_INTERNAL_ERROR;
     ExpectEveryFailureIsHandled(

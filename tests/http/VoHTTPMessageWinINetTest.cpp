@@ -16,8 +16,6 @@ using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
 using namespace TestSupport;
-using Kind = CVoHTTPMessage::EContentKind;
-using Response = CVoHTTPMessage::EResponseKind;
 using Calls = std::vector<std::string>;
 
 const std::string kContentType = "Content-Type: application/octet-stream; charset=UTF-8\r\n ";
@@ -47,28 +45,19 @@ class WinINetTransport : public testing::Test
 protected:
     HRESULT Connect(const wchar_t* url = L"http://server.example:81/a b?c=1", bool verify = false, bool revocation = false)
     {
-        const CTransportScope scope(0);
-        CServerAddressData address;
-        EXPECT_EQ(address.SetAddress(url, false, true, true), S_OK);
         m_message.reset();
         m_platform.calls.clear();
         const HRESULT hr =
-            CVoHTTPMessage::Connect(address, nullptr, m_proxies.Get(), m_cookies.Get(), 5, 7, verify, revocation, m_message);
+            ConnectTo(url, { 0, nullptr, m_proxies.Get(), m_cookies.Get(), 5, 7, verify, revocation }, m_message);
         EXPECT_TRUE(SUCCEEDED(hr) || m_platform.open.empty());
         return hr;
     }
     // One request on the connected message, its answer read.
     HRESULT Exchange(std::string_view payload = "p")
     {
-        std::shared_ptr<CVoHTTPMessage::CHTTPRequestData> request;
-        CVoBinaryDataParser response;
-        HRESULT hr = m_message->OpenRequest(request);
-        if (SUCCEEDED(hr))
-            hr = m_message->SendMessage(request, MakeMessage({}, payload), Kind::Raw, true, {}, {}, false, nullptr);
-        if (SUCCEEDED(hr))
-            hr = m_message->ReadResponse(request, response, Response::Parameters, nullptr, nullptr);
-        EXPECT_EQ(ParamsOf(response), SUCCEEDED(hr) ? (Params{ { L"a", L"1" } }) : Params{});
-        return hr;
+        const CAnswer answer = Send(*m_message, MakeMessage({}, payload));
+        EXPECT_EQ(ParamsOf(answer.message), SUCCEEDED(answer.result) ? (Params{ { L"a", L"1" } }) : Params{});
+        return answer.result;
     }
     // Whether a code was reported; forgets the log. No secret may be there.
     bool WasReported(HRESULT code)
@@ -97,26 +86,21 @@ protected:
     CFakeWinINet m_platform;
     CVoComPtr<CFixedProxyStore> m_proxies;
     CVoComPtr<CVoGlobalHTTPCookieStoreImpl> m_cookies;
-    std::shared_ptr<CVoHTTPMessage> m_message;
+    Message m_message;
 };
 
 TEST_F(WinINetTransport, ConnectsAndProbesUnlessTheStoreKnowsCredentials)
 {
-    struct
-    {
-        const wchar_t* user;
-        const wchar_t* password;
-        Calls calls; // after the options
-    } const table[] = {
+    const std::tuple<const wchar_t*, const wchar_t*, Calls> table[] = {
         { L"", L"", kOpenProbe + kProbe + Calls{ "Close h3" } },
         { L"ann", kPassword, { "SetOption h2 43 ann 3", "SetOption h2 44 s3cret-word 11" } },
         { L"ann", L"", {} },
     };
-    for (const auto& row : table)
+    for (const auto& [user, password, calls] : table)
     {
-        UseStore(row.user, row.password);
+        UseStore(user, password);
         ASSERT_EQ(Connect(), S_OK);
-        EXPECT_THAT(m_platform.Take(), ElementsAreArray(kOpening + row.calls));
+        EXPECT_THAT(m_platform.Take(), ElementsAreArray(kOpening + calls));
         EXPECT_THAT(m_proxies->asked, ElementsAre(L""));
         m_message.reset();
         EXPECT_THAT(m_platform.Take(), ElementsAre("Close h2", "Close h1"));
@@ -132,27 +116,19 @@ TEST_F(WinINetTransport, ConnectsAndProbesUnlessTheStoreKnowsCredentials)
 
 TEST_F(WinINetTransport, ARefusedTuningIsNoReasonNotToConnect)
 {
-    struct
-    {
-        const char* option;
-        std::deque<DWORD> errors;
-        HRESULT result;
-    } const table[] = {
-        { "SetOption 2", std::deque<DWORD>(1, 12009), S_OK },
-        { "SetOption 6", std::deque<DWORD>(1, 87), Code(87) },
-        { "SetOption 73", { 12016, 12016 }, S_OK }, // of the connection, then of all
-        { "SetOption 73", { 12016, 87 }, Code(87) },
-        { "SetOption 73", std::deque<DWORD>(1, 12018), Code(12018) },
-        { "SetOption 103", std::deque<DWORD>(1, 12016), S_OK },
-        { "SetOption 103", std::deque<DWORD>(1, 6), Code(6) },
+    const std::tuple<const char*, std::vector<DWORD>, HRESULT> table[] = {
+        { "SetOption 2", { 12009U }, S_OK },           { "SetOption 6", { 87U }, Code(87) },
+        { "SetOption 73", { 12016U, 12016U }, S_OK }, // of the connection, then of all
+        { "SetOption 73", { 12016U, 87U }, Code(87) }, { "SetOption 73", { 12018U }, Code(12018) },
+        { "SetOption 103", { 12016U }, S_OK },         { "SetOption 103", { 6U }, Code(6) },
     };
-    for (const auto& row : table)
+    for (const auto& [option, errors, result] : table)
     {
-        SCOPED_TRACE(testing::Message() << row.option << ", error " << row.errors.back());
-        m_platform.errors = { { row.option, row.errors } };
-        EXPECT_EQ(Connect(), row.result);
-        EXPECT_THAT(m_platform.errors[row.option], IsEmpty());
-        EXPECT_EQ(WasReported(Code(row.errors.back())), FAILED(row.result));
+        SCOPED_TRACE(testing::Message() << option << ", error " << errors.back());
+        m_platform.errors[option].assign(errors.begin(), errors.end());
+        EXPECT_EQ(Connect(), result);
+        EXPECT_THAT(m_platform.errors[option], IsEmpty());
+        EXPECT_EQ(WasReported(Code(errors.back())), FAILED(result));
     }
 }
 
@@ -161,37 +137,32 @@ TEST_F(WinINetTransport, AnswersToTheDialogAreTriedAndKept)
     constexpr DWORD kRetry = ERROR_INTERNET_FORCE_RETRY;
     struct
     {
-        std::deque<DWORD> statuses;
-        DWORD dialogAnswer;
-        const wchar_t* user; // that the platform has for the proxy afterwards
+        DWORD probe, dialog, again; // again: 0 where it is not sent again
+        const wchar_t* user;        // that the platform has for the proxy afterwards
         HRESULT result;
-        size_t sends;
-        bool isSaved;
+        size_t saved;
     } const table[] = {
-        { { 407, 200 }, kRetry, L"ann", S_OK, 2, true },
-        { { 407, 500 }, ERROR_SUCCESS, L"ann", S_OK, 2, true },
-        { { 401, 200 }, kRetry, L"", S_OK, 2, false },
-        { { 407, 0 }, ERROR_CANCELLED, L"", S_OK, 1, false },
-        { { 401, 0 }, ERROR_CANCELLED, L"", S_OK, 1, false },
-        { { 401, 401 }, ERROR_SUCCESS, L"", kResultUnexpectedStatus, 2, false }, // what Wine makes of a user who cancels
-        { { 407, 407 }, kRetry, L"ann", kResultUnexpectedStatus, 2, false },
-        { { 407, 0 }, ERROR_INVALID_HANDLE, L"ann", Code(ERROR_INVALID_HANDLE), 1, false },
+        { 407, kRetry, 200, L"ann", S_OK, 1 },
+        { 407, ERROR_SUCCESS, 500, L"ann", S_OK, 1 },
+        { 401, kRetry, 200, L"", S_OK, 0 },
+        { 407, ERROR_CANCELLED, 0, L"", S_OK, 0 },
+        { 401, ERROR_CANCELLED, 0, L"", S_OK, 0 },
+        { 401, ERROR_SUCCESS, 401, L"", kResultUnexpectedStatus, 0 }, // what Wine makes of a user who cancels
+        { 407, kRetry, 407, L"ann", kResultUnexpectedStatus, 0 },
+        { 407, ERROR_INVALID_HANDLE, 0, L"ann", Code(ERROR_INVALID_HANDLE), 0 },
     };
     for (const auto& row : table)
         for (const bool hasStore : { true, false })
         {
-            SCOPED_TRACE(testing::Message() << row.statuses[0] << ", " << row.dialogAnswer << ", " << row.statuses[1]);
+            SCOPED_TRACE(testing::Message() << row.probe << ", " << row.dialog << ", " << row.again);
             UseStore();
             const CVoComPtr<CFixedProxyStore> store = m_proxies;
             if (!hasStore)
                 m_proxies = {};
-            AnswerDialog(row.statuses, row.user, row.dialogAnswer);
+            AnswerDialog({ row.probe, row.again }, row.user, row.dialog);
             EXPECT_EQ(Connect(), row.result);
-            EXPECT_EQ(m_platform.Take("SendRequest h3").size(), row.sends);
-            std::vector<std::wstring> saved;
-            if (row.isSaved && hasStore)
-                saved.emplace_back(L"proxy.example:8080 ann s3cret-word");
-            EXPECT_EQ(store->saved, saved);
+            EXPECT_EQ(m_platform.Take("SendRequest h3").size(), row.again ? 2U : 1U);
+            EXPECT_EQ(store->saved, std::vector<std::wstring>(hasStore ? row.saved : 0, L"proxy.example:8080 ann s3cret-word"));
             EXPECT_EQ(WasReported(row.result), FAILED(row.result));
         }
 
@@ -263,9 +234,7 @@ TEST_F(WinINetTransport, BodiesAreWrittenInPieces)
     {
         ASSERT_EQ(Connect(), S_OK);
         m_platform.calls.clear();
-        std::string payload(size - 2, '\0');
-        for (size_t i = 0; i < payload.size(); ++i)
-            payload[i] = static_cast<char>(i * 2654435761U >> 13); // so that an exchanged piece would show
+        const std::string payload = RandomBytes(size - 2);
         EXPECT_EQ(Exchange(payload), S_OK);
         EXPECT_EQ(m_platform.written, "&&" + payload);
         const Calls begin = { "OpenRequest h2 POST /a%20b?c=1 HTTP/1.1 null */* 84480000 0",
@@ -279,29 +248,25 @@ TEST_F(WinINetTransport, BodiesAreWrittenInPieces)
 
 TEST_F(WinINetTransport, CertificateErrorsArePassedOverAsTheSwitchesAllow)
 {
-    struct
-    {
-        DWORD error;
-        DWORD widening;      // 0: never
-        bool byVerification; // the switch that forbids it; else that of the revocation
-    } const table[] = {
+    // The error, the flags that pass it over, and whether it is the verification that forbids it, or the revocation.
+    const std::tuple<DWORD, DWORD, bool> table[] = {
         { 12037, 0x3380, true }, { 12038, 0x3380, true }, { 12045, 0x3380, true }, { 12055, 0x3380, true },
         { 12056, 0x80, false },  { 12057, 0x80, false },  { 12170, 0, false },     { ERROR_INTERNET_TIMEOUT, 0, false },
     };
     const auto widened = [&](const char* request, DWORD flags)
     { return Calls{ std::string("SetOption ") + request + " 31 " + std::to_string(m_platform.securityFlags | flags) }; };
-    for (const auto& row : table)
+    for (const auto& [error, widening, byVerification] : table)
         for (const bool verify : { true, false })
             for (const bool revocation : { true, false })
             {
-                SCOPED_TRACE(testing::Message() << row.error << ' ' << verify << ' ' << revocation);
+                SCOPED_TRACE(testing::Message() << error << ' ' << verify << ' ' << revocation);
                 ASSERT_EQ(Connect(L"https://server.example/", verify, revocation), S_OK);
                 EXPECT_THAT(m_platform.Take("QueryOption"), IsEmpty()); // nothing is passed over in advance
-                const bool widens = row.widening != 0 && !(row.byVerification ? verify : revocation);
-                m_platform.errors["SendRequestEx"] = { row.error };
-                EXPECT_EQ(Exchange(), widens ? S_OK : Code(row.error));
-                EXPECT_THAT(m_platform.Take("SetOption"), widens ? widened("h4", row.widening) : Calls());
-                EXPECT_EQ(WasReported(Code(row.error)), !widens);
+                const bool widens = widening != 0 && !(byVerification ? verify : revocation);
+                m_platform.errors["SendRequestEx"] = { error };
+                EXPECT_EQ(Exchange(), widens ? S_OK : Code(error));
+                EXPECT_THAT(m_platform.Take("SetOption"), widens ? widened("h4", widening) : Calls());
+                EXPECT_EQ(WasReported(Code(error)), !widens);
             }
     // What the second attempt says stands.
     m_platform.errors = { { "SendRequestEx", { 12045, 12045 } } };
@@ -333,37 +298,27 @@ TEST_F(WinINetTransport, ARequestIsSentAgainWhenThePlatformAsksForItTwiceAtMost)
 
 TEST_F(WinINetTransport, CookiesBelongToTheServerThatAnswered)
 {
+    constexpr const wchar_t* kHere = L"http://server.example:81/";
+    constexpr const wchar_t* kThere = L"http://elsewhere.example/";
     m_cookies = VoMakeComObject<CVoGlobalHTTPCookieStoreImpl>();
-    const auto cookiesFor = [&](const wchar_t* url)
-    {
-        CVoBstr text;
-        EXPECT_EQ(m_cookies->GetCookieStringForHTTPRequest(CVoBstr(url).Get(), VARIANT_FALSE, text.Put()), S_OK);
-        return std::wstring(text.View());
-    };
     ASSERT_EQ(Connect(), S_OK);
     m_platform.headers = { { HTTP_QUERY_SET_COOKIE, L"a=1" }, { HTTP_QUERY_SET_COOKIE, L"b=2" } };
-    struct
-    {
-        DWORD status;
-        DWORD error; // of the question where the answer came from
-        const wchar_t* url;
-        const wchar_t* here; // the cookies afterwards
-        const wchar_t* there;
-    } const table[] = {
-        { 200, ERROR_INTERNET_INTERNAL_ERROR, L"http://server.example:81/", L"", L"" },
-        { 404, 0, L"http://server.example:81/", L"", L"" },
-        { 200, 0, L"http://elsewhere.example/", L"", L"a=1; b=2" },
-        { 200, 0, L"http://server.example:81/", L"a=1; b=2", L"a=1; b=2" },
+    // The status, the error of the question where the answer came from, that URL, and the cookies afterwards here and there.
+    const std::tuple<DWORD, DWORD, const wchar_t*, const wchar_t*, const wchar_t*> table[] = {
+        { 200, ERROR_INTERNET_INTERNAL_ERROR, kHere, L"", L"" },
+        { 404, 0, kHere, L"", L"" },
+        { 200, 0, kThere, L"", L"a=1; b=2" },
+        { 200, 0, kHere, L"a=1; b=2", L"a=1; b=2" },
     };
-    for (const auto& row : table)
+    for (const auto& [status, error, url, here, there] : table)
     {
-        m_platform.statuses = { row.status };
-        m_platform.errors["QueryOption"] = { row.error };
-        m_platform.texts = { { INTERNET_OPTION_URL, row.url } };
-        EXPECT_EQ(Exchange(), row.status == 200 ? S_OK : kResultUnexpectedStatus);
-        EXPECT_TRUE(WasReported(Code(row.error)) || !row.error);
-        EXPECT_EQ(cookiesFor(L"http://server.example:81/"), row.here);
-        EXPECT_EQ(cookiesFor(L"http://elsewhere.example/"), row.there);
+        m_platform.statuses = { status };
+        m_platform.errors["QueryOption"] = { error };
+        m_platform.texts = { { INTERNET_OPTION_URL, url } };
+        EXPECT_EQ(Exchange(), status == 200 ? S_OK : kResultUnexpectedStatus);
+        EXPECT_TRUE(WasReported(Code(error)) || !error);
+        EXPECT_EQ(CookiesFor(*m_cookies.Get(), kHere), here);
+        EXPECT_EQ(CookiesFor(*m_cookies.Get(), kThere), there);
     }
     m_platform.calls.clear();
     EXPECT_EQ(Exchange(), S_OK);
@@ -396,14 +351,12 @@ TEST_F(WinINetTransport, HandlesAreClosedFromTheLeavesUp)
     for (const bool fails : { false, true })
     {
         ASSERT_EQ(Connect(), S_OK);
-        const std::shared_ptr<CVoHTTPMessage> message = std::move(m_message);
-        std::shared_ptr<CVoHTTPMessage::CHTTPRequestData> request;
+        const Message message = std::move(m_message);
+        Request request;
         ASSERT_EQ(message->OpenRequest(request), S_OK);
         m_platform.errors["Close"] = { 0, fails ? DWORD{ ERROR_INVALID_HANDLE } : 0 };
         m_platform.calls.clear();
-        CServerAddressData address;
-        ASSERT_EQ(address.SetAddress(L"http://server.example/", false, true, true), S_OK);
-        EXPECT_EQ(message->Connect(address, nullptr, nullptr, nullptr, 5, 5, false, false),
+        EXPECT_EQ(message->Connect(Address(L"http://server.example/"), nullptr, nullptr, nullptr, 5, 5, false, false),
                   fails ? Code(ERROR_INVALID_HANDLE) : S_OK);
         EXPECT_EQ(WasReported(Code(ERROR_INVALID_HANDLE)), fails);
         const Calls closed = m_platform.Take("Close");
@@ -412,7 +365,7 @@ TEST_F(WinINetTransport, HandlesAreClosedFromTheLeavesUp)
         // The request is of no use any more.
         CVoBinaryDataParser response;
         EXPECT_EQ(message->ReadResponse(request, response, Response::Parameters, nullptr, nullptr), E_FAIL);
-        EXPECT_EQ(message->SendMessage(request, MakeMessage({}), Kind::Empty, true, {}, {}, false, nullptr), E_INVALIDARG);
+        EXPECT_EQ(SendOn(*message, request), E_INVALIDARG);
     }
 }
 } // namespace

@@ -1,4 +1,5 @@
 // WinINet asks for credentials in the system's own dialog, which only the real platform can show.
+#include "support/DialogUser.h"
 #include "support/HTTPSupport.h"
 #include "support/TestMain.h"
 
@@ -10,63 +11,22 @@ namespace
 {
 using namespace TestSupport;
 
-// Answers the dialogs that the thread shows while this lives, when they get the focus.
-class CDialogAnswer
+// Fills in a field of Wine's dialog.
+BOOL CALLBACK Fill(HWND control, LPARAM password)
 {
-public:
-    CDialogAnswer(const wchar_t* password, WORD button)
-    {
-        s_shown = 0;
-        s_password = password;
-        s_button = button;
-        m_hook = ::SetWindowsHookExW(WH_CBT, &OnEvent, nullptr, ::GetCurrentThreadId());
-        EXPECT_TRUE(m_hook);
-    }
-    ~CDialogAnswer() { ::UnhookWindowsHookEx(m_hook); }
-    CDialogAnswer(const CDialogAnswer&) = delete;
-    CDialogAnswer& operator=(const CDialogAnswer&) = delete;
-
-    [[nodiscard]] static int Shown() noexcept { return s_shown; }
-
-private:
-    static LRESULT CALLBACK OnEvent(int code, WPARAM window, LPARAM data)
-    {
-        wchar_t name[16]{};
-        const HWND dialog = reinterpret_cast<HWND>(window);
-        if (code == HCBT_ACTIVATE && ::GetClassNameW(dialog, name, 16) && std::wstring_view(name) == L"#32770")
-        {
-            ++s_shown;
-            ::EnumChildWindows(dialog, &Fill, 0);
-            ::PostMessageW(dialog, WM_COMMAND, MAKEWPARAM(s_button, BN_CLICKED), 0);
-        }
-        return ::CallNextHookEx(nullptr, code, window, data);
-    }
-    static BOOL CALLBACK Fill(HWND control, LPARAM /*unused*/)
-    {
-        wchar_t name[16]{};
-        ::GetClassNameW(control, name, 16);
-        const bool isPassword = (::GetWindowLongPtrW(control, GWL_STYLE) & ES_PASSWORD) != 0;
-        if (VoEqualsNoCase(name, L"Edit"))
-            ::SetWindowTextW(control, isPassword ? s_password : L"ann");
-        return TRUE;
-    }
-
-    // What a hook of the thread can reach.
-    inline static int s_shown = 0;
-    inline static const wchar_t* s_password = nullptr;
-    inline static WORD s_button = 0;
-    HHOOK m_hook;
-};
+    const bool isPassword = (::GetWindowLongPtrW(control, GWL_STYLE) & ES_PASSWORD) != 0;
+    wchar_t name[16]{};
+    if (::GetClassNameW(control, name, 16) && VoEqualsNoCase(name, L"Edit"))
+        ::SetWindowTextW(control, isPassword ? reinterpret_cast<const wchar_t*>(password) : L"ann");
+    return TRUE;
+}
 
 TEST(WinINetDialog, AsksForCredentials)
 {
     if (!IsWine())
         GTEST_SKIP() << "the dialog's fields are those of Wine's";
-    const HWND window =
-        ::CreateWindowExW(0, L"STATIC", L"", WS_OVERLAPPEDWINDOW, 0, 0, 99, 99, nullptr, nullptr, nullptr, nullptr);
-    if (!window)
+    if (!HasDisplay())
         GTEST_SKIP() << "no windows here: the process has no display";
-    ::DestroyWindow(window);
     struct
     {
         const wchar_t* password;
@@ -91,12 +51,14 @@ TEST(WinINetDialog, AsksForCredentials)
                 else
                     connection.SendResponse(401, { { "WWW-Authenticate", "Basic realm=\"r\"" } });
             });
-        CServerAddressData address;
-        ASSERT_EQ(address.SetAddress(Wide(server.URL()), false, true, true), S_OK);
-        const CDialogAnswer user(row.password, row.button);
-        const CTransportScope scope(0);
-        std::shared_ptr<CVoHTTPMessage> message;
-        EXPECT_EQ(CVoHTTPMessage::Connect(address, nullptr, nullptr, nullptr, 10, 10, false, false, message), row.result);
+        const CDialogUser user(
+            [&](HWND dialog)
+            {
+                ::EnumChildWindows(dialog, &Fill, reinterpret_cast<LPARAM>(row.password));
+                ::PostMessageW(dialog, WM_COMMAND, MAKEWPARAM(row.button, BN_CLICKED), 0);
+            });
+        Message message;
+        EXPECT_EQ(ConnectTo(Wide(server.URL()), { .kind = 0 }, message), row.result);
         EXPECT_EQ(user.Shown(), 1);
         EXPECT_EQ(sent, row.sent);
     }

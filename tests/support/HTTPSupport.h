@@ -7,6 +7,7 @@
 #include <VoHTTPMessage.h>
 
 #include <base/VoModuleInformation.h>
+#include <base/VoUtils.h>
 #include <base/com/VoComHelper.h>
 
 #include <gtest/gtest.h>
@@ -158,6 +159,29 @@ private:
     return { text.begin(), text.end() };
 }
 
+// A text with one place changed, for each change "what stands there last -> what is put in its place".
+[[nodiscard]] inline std::vector<std::wstring> EachChange(const std::wstring& text, const std::vector<std::wstring>& changes)
+{
+    std::vector<std::wstring> changed;
+    for (const std::wstring& change : changes)
+    {
+        const size_t arrow = change.find(L" -> ");
+        const size_t at = text.rfind(change.substr(0, arrow));
+        EXPECT_NE(at, std::wstring::npos) << testing::PrintToString(change);
+        changed.push_back(at < text.size() ? std::wstring(text).replace(at, arrow, change.substr(arrow + 4)) : text);
+    }
+    return changed;
+}
+
+// Bytes of which no two pieces are equal, so that a mix-up shows.
+[[nodiscard]] inline std::string RandomBytes(size_t size)
+{
+    std::string bytes(size, '\0');
+    for (UINT32 state = 1; char& byte : bytes)
+        byte = static_cast<char>((state = state * 1664525 + 1013904223) >> 24);
+    return bytes;
+}
+
 using Params = std::vector<std::pair<std::wstring, std::wstring>>;
 
 // A message to send.
@@ -179,5 +203,117 @@ using Params = std::vector<std::pair<std::wstring, std::wstring>>;
 [[nodiscard]] inline std::string PayloadOf(const CVoBinaryDataParser& message)
 {
     return { message.Payload().begin(), message.Payload().end() };
+}
+
+// What stores have, as texts.
+template <class Store>
+[[nodiscard]] std::wstring Serialized(Store& store)
+{
+    CVoBstr data;
+    EXPECT_EQ(store.Serialize(data.Put()), S_OK);
+    return std::wstring(data.View());
+}
+// The Cookie header for a URL; whether it is secure goes by its scheme.
+[[nodiscard]] inline std::wstring CookiesFor(IVoHTTPCookieStore& store, std::wstring_view url)
+{
+    CVoBstr cookies;
+    const VARIANT_BOOL secure = url.starts_with(L"https") ? VARIANT_TRUE : VARIANT_FALSE;
+    EXPECT_EQ(store.GetCookieStringForHTTPRequest(CVoBstr(url).Get(), secure, cookies.Put()), S_OK);
+    return std::wstring(cookies.View());
+}
+// The proxy for a URL: "proxy user password", "-" for null texts; the code where the store gives none.
+[[nodiscard]] inline std::wstring ProxyFor(IVoHTTPProxyStore& store, std::wstring_view url)
+{
+    CVoBstr proxy, user, password;
+    const HRESULT hr =
+        store.GetProxyForUrl(url.empty() ? nullptr : CVoBstr(url).Get(), proxy.Put(), user.Put(), password.Put());
+    if (FAILED(hr))
+        return VoFormat(L"0x%08X", static_cast<unsigned>(hr));
+    const auto text = [](const CVoBstr& value) { return value.Get() ? std::wstring(value.View()) : L"-"; };
+    return text(proxy) + L' ' + text(user) + L' ' + text(password);
+}
+[[nodiscard]] inline HRESULT SaveCredentials(IVoHTTPProxyStore& store, std::wstring_view proxy, std::wstring_view user,
+                                             std::wstring_view password, bool valid = true, bool required = true)
+{
+    return store.SetAuthDataForProxy(CVoBstr(proxy).Get(), CVoBstr(user).Get(), CVoBstr(password).Get(),
+                                     valid ? VARIANT_TRUE : VARIANT_FALSE, required ? VARIANT_TRUE : VARIANT_FALSE);
+}
+
+using Kind = CVoHTTPMessage::EContentKind;
+using Response = CVoHTTPMessage::EResponseKind;
+using Message = std::shared_ptr<CVoHTTPMessage>;
+using Request = std::shared_ptr<CVoHTTPMessage::CHTTPRequestData>;
+
+[[nodiscard]] inline CServerAddressData Address(std::wstring_view url)
+{
+    CServerAddressData address;
+    EXPECT_EQ(address.SetAddress(url, false, true, true), S_OK);
+    return address;
+}
+
+// How a message connects: with what transport, what stands behind it, and the time-outs in seconds.
+struct CConnecting
+{
+    UINT32 kind = 2;
+    IVoAuthenticationCallback* callback = nullptr;
+    IVoHTTPProxyStore* proxies = nullptr;
+    IVoHTTPCookieStore* cookies = nullptr;
+    UINT32 connectTimeout = 10;
+    UINT32 requestTimeout = 20;
+    bool verify = false;
+    bool revocation = false;
+};
+[[nodiscard]] inline HRESULT ConnectTo(std::wstring_view url, const CConnecting& how, Message& message)
+{
+    const CTransportScope scope(how.kind);
+    return CVoHTTPMessage::Connect(Address(url), how.callback, how.proxies, how.cookies, how.connectTimeout, how.requestTimeout,
+                                   how.verify, how.revocation, message);
+}
+
+[[nodiscard]] inline Request Open(CVoHTTPMessage& message)
+{
+    Request request;
+    EXPECT_EQ(message.OpenRequest(request), S_OK);
+    return request;
+}
+// A request that was opened, sent once.
+[[nodiscard]] inline HRESULT SendOn(CVoHTTPMessage& message, const Request& request, const CVoBinaryDataParser& parameters = {},
+                                    Kind kind = Kind::Raw, CVoHTTPMessage::CSendResult* result = nullptr)
+{
+    return message.SendMessage(request, parameters, kind, true, {}, {}, false, result);
+}
+
+struct CAnswer
+{
+    HRESULT result = E_UNEXPECTED;
+    CVoHTTPMessage::CSendResult send;
+    CVoBinaryDataParser message;
+    bool isUtf8 = false;
+    bool isEmpty = false;
+};
+// One request on a connected message, its answer read.
+[[nodiscard]] inline CAnswer Send(CVoHTTPMessage& message, const CVoBinaryDataParser& parameters, Kind kind = Kind::Raw,
+                                  bool allowRetry = false, Response read = Response::Parameters, bool utf8 = true,
+                                  std::wstring_view key = {}, std::wstring_view signatureName = {})
+{
+    CAnswer answer;
+    Request request;
+    answer.result = message.OpenRequest(request);
+    EXPECT_EQ(SUCCEEDED(answer.result), request != nullptr);
+    if (SUCCEEDED(answer.result))
+        answer.result = message.SendMessage(request, parameters, kind, utf8, key, signatureName, allowRetry, &answer.send);
+    if (SUCCEEDED(answer.result))
+        answer.result = message.ReadResponse(request, answer.message, read, &answer.isUtf8, &answer.isEmpty);
+    return answer;
+}
+// The bytes that a GET of a path brings; none for the message's own path.
+[[nodiscard]] inline CAnswer Get(CVoHTTPMessage& message, std::wstring_view path = {})
+{
+    CAnswer answer;
+    Request request;
+    answer.result = message.SendGetRequest(request, path, false, &answer.send);
+    if (SUCCEEDED(answer.result))
+        answer.result = message.ReadResponse(request, answer.message, Response::Binary, &answer.isUtf8, &answer.isEmpty);
+    return answer;
 }
 } // namespace TestSupport
