@@ -5,9 +5,11 @@
 
 #include <gtest/gtest.h>
 
+#include <deque>
 #include <vector>
 
 using testing::ElementsAre;
+using testing::IsEmpty;
 using namespace TestSupport;
 using VoNetworkUtils::CVoIPAddress;
 
@@ -18,23 +20,41 @@ const std::wstring kFromDNS = L"VoNetworkUtils::CVoIPAddress::InitFromDNSAddress
 const std::wstring kFromIP = L"VoNetworkUtils::CVoIPAddress::InitFromIPAddress";
 
 // A socket address of either family, or of none for an empty text.
-class CSocketAddress
+SOCKADDR_STORAGE SocketAddress(const std::wstring& text, USHORT port = 0)
 {
-public:
-    explicit CSocketAddress(const std::wstring& text, u_short port = 0)
-    {
-        const bool isIPv6 = text.find(L':') != std::wstring::npos;
-        m_address.sin6_family = text.empty() ? AF_UNSPEC : isIPv6 ? AF_INET6 : AF_INET;
-        m_address.sin6_port = ::htons(port); // where the other family has it too
-        m_address.sin6_flowinfo = isIPv6 ? 0x44332211 : 0;
-        void* const bytes = isIPv6 ? static_cast<void*>(&m_address.sin6_addr) : &m_address.sin6_flowinfo;
-        EXPECT_EQ(text.empty() ? 1 : ::InetPtonW(m_address.sin6_family, text.c_str(), bytes), 1);
-    }
-    [[nodiscard]] const SOCKADDR& Get() const { return reinterpret_cast<const SOCKADDR&>(m_address); }
+    SOCKADDR_STORAGE storage{};
+    auto& v4 = reinterpret_cast<SOCKADDR_IN&>(storage);
+    auto& v6 = reinterpret_cast<SOCKADDR_IN6&>(storage);
+    const bool isIPv6 = text.find(L':') != std::wstring::npos;
+    v4.sin_port = ::htons(port); // where the other family has it too
+    v6.sin6_flowinfo = isIPv6 ? 0x44332211 : 0;
+    storage.ss_family = text.empty() ? AF_UNSPEC : isIPv6 ? AF_INET6 : AF_INET;
+    void* const bytes = isIPv6 ? static_cast<void*>(&v6.sin6_addr) : &v4.sin_addr;
+    EXPECT_EQ(text.empty() ? 1 : ::InetPtonW(storage.ss_family, text.c_str(), bytes), 1);
+    return storage;
+}
+HRESULT InitFromSocket(CVoIPAddress& address, const std::wstring& text, bool quiet, bool& taken, USHORT port = 0)
+{
+    const SOCKADDR_STORAGE socket = SocketAddress(text, port);
+    return address.InitFromIPAddress(reinterpret_cast<const SOCKADDR&>(socket), quiet, taken);
+}
 
-private:
-    SOCKADDR_IN6 m_address{};
-};
+// "text bytes IPv6"; empty of a record that holds nothing at all.
+std::string StateOf(const CVoIPAddress& address)
+{
+    std::string state(address.Text().begin(), address.Text().end());
+    const auto add = [&state](const auto& bytes)
+    {
+        if (std::ranges::count(bytes, BYTE{ 0 }) != std::ssize(bytes))
+            for (const BYTE value : bytes)
+                state += ' ' + std::to_string(value);
+    };
+    add(address.AddressV4());
+    add(address.AddressV6());
+    state += address.IsIPv6() ? " IPv6" : "";
+    EXPECT_TRUE(address.IsInitialised() != state.empty() && address.IsValid() != state.empty());
+    return state;
+}
 
 // A record that holds an address already, so that tests see it cleared.
 CVoIPAddress MakeUsed()
@@ -44,13 +64,6 @@ CVoIPAddress MakeUsed()
     return address;
 }
 
-bool IsCleared(const CVoIPAddress& address)
-{
-    return !address.IsInitialised() && !address.IsValid() && !address.IsIPv6() && address.Text().empty() &&
-           address.AddressV4() == std::array<BYTE, 4>{} && address.AddressV6() == std::array<BYTE, 16>{} &&
-           !address.IsPrivateAddress();
-}
-
 // Answers the resolver's question with addresses of the test's choice.
 class CResolver
 {
@@ -58,11 +71,10 @@ public:
     explicit CResolver(const std::vector<std::wstring>& texts) : m_entries(texts.size())
     {
         for (size_t i = 0; i < texts.size(); ++i)
-            m_addresses.emplace_back(texts[i]);
-        for (size_t i = 0; i < texts.size(); ++i)
         {
-            m_entries[i].ai_family = m_addresses[i].Get().sa_family;
-            m_entries[i].ai_addr = const_cast<SOCKADDR*>(&m_addresses[i].Get());
+            SOCKADDR_STORAGE& address = m_addresses.emplace_back(SocketAddress(texts[i]));
+            m_entries[i].ai_family = address.ss_family;
+            m_entries[i].ai_addr = reinterpret_cast<SOCKADDR*>(&address);
             m_entries[i].ai_next = i + 1 < texts.size() ? &m_entries[i + 1] : nullptr;
         }
     }
@@ -77,7 +89,7 @@ private:
         return 0;
     }
 
-    std::vector<CSocketAddress> m_addresses;
+    std::deque<SOCKADDR_STORAGE> m_addresses; // these stay where they are
     std::vector<ADDRINFOW> m_entries;
     CCallHook<decltype(&::GetAddrInfoW)> m_get{ "ws2_32.dll", "GetAddrInfoW",
                                                 [this](auto, PCWSTR, PCWSTR, auto hints, auto results)
@@ -85,39 +97,27 @@ private:
     CCallHook<decltype(&::FreeAddrInfoW)> m_free{ "ws2_32.dll", "FreeAddrInfoW", [this](auto, auto) { --open; } };
 };
 
-// "text: bytes of the family in use".
-std::string StateOf(const CVoIPAddress& address)
-{
-    EXPECT_TRUE(address.IsInitialised() && address.IsValid());
-    std::string state(address.Text().begin(), address.Text().end());
-    const BYTE* const bytes = address.IsIPv6() ? address.AddressV6().data() : address.AddressV4().data();
-    for (int i = 0; i < (address.IsIPv6() ? 16 : 4); ++i)
-        state += (i == 0 ? ": " : " ") + std::to_string(bytes[i]);
-    return state;
-}
-
 TEST(IPAddress, KeepsTheAddressAndItsCanonicalText)
 {
-    const std::pair<const wchar_t*, const char*> table[] = {
-        { L"192.0.2.1", "192.0.2.1: 192 0 2 1" },
-        { L"2001:DB8:0:0::1", "2001:db8::1: 32 1 13 184 0 0 0 0 0 0 0 0 0 0 0 1" },
-        { L"[fe80::1]", "fe80::1: 254 128 0 0 0 0 0 0 0 0 0 0 0 0 0 1" },
-    };
     CVoIPAddress address;
-    for (const auto& [text, expected] : table)
+    for (const auto& [text, expected] : { std::pair(L"192.0.2.1", "192.0.2.1 192 0 2 1"),
+                                          { L"2001:DB8:0:0::1", "2001:db8::1 32 1 13 184 0 0 0 0 0 0 0 0 0 0 0 1 IPv6" },
+                                          { L"[fe80::1]", "fe80::1 254 128 0 0 0 0 0 0 0 0 0 0 0 0 0 1 IPv6" } })
     {
-        ASSERT_EQ(address.InitFromIPAddress(text), S_OK) << text;
+        EXPECT_EQ(address.InitFromIPAddress(text), S_OK);
         EXPECT_EQ(StateOf(address), expected);
     }
     // Of a socket address only the text is the address; the bytes are the structure's first.
-    bool taken = false;
-    EXPECT_EQ(address.InitFromIPAddress(CSocketAddress(L"10.0.0.1", 8080).Get(), false, taken), S_OK);
-    EXPECT_TRUE(taken);
-    EXPECT_EQ(StateOf(address), "10.0.0.1: 2 0 31 144");
-    EXPECT_FALSE(address.IsPrivateAddress());
-    EXPECT_EQ(address.InitFromIPAddress(CSocketAddress(L"2001:db8::1", 443).Get(), false, taken), S_OK);
-    EXPECT_TRUE(taken);
-    EXPECT_EQ(StateOf(address), "2001:db8::1: 23 0 1 187 17 34 51 68 32 1 13 184 0 0 0 0");
+    for (const auto& [text, port, expected] :
+         { std::tuple(L"10.0.0.1", USHORT{ 8080 }, "10.0.0.1 2 0 31 144"),
+           { L"2001:db8::1", USHORT{ 443 }, "2001:db8::1 23 0 1 187 17 34 51 68 32 1 13 184 0 0 0 0 IPv6" } })
+    {
+        bool taken = false;
+        EXPECT_EQ(InitFromSocket(address, text, false, taken, port), S_OK);
+        EXPECT_TRUE(taken);
+        EXPECT_EQ(StateOf(address), expected);
+        EXPECT_FALSE(address.IsPrivateAddress());
+    }
 }
 
 TEST(IPAddress, TextThatIsNeitherFormIsReportedAndLeavesTheRecordCleared)
@@ -126,9 +126,9 @@ TEST(IPAddress, TextThatIsNeitherFormIsReportedAndLeavesTheRecordCleared)
     for (const std::wstring& text : { L""s, L"localhost"s, L"1.2.3.4:80"s, L"[1.2.3.4]"s, L"[::1"s, L"::1\0x"s })
     {
         CVoIPAddress address = MakeUsed();
-        CLogCapture log;
+        const CLogCapture log;
         EXPECT_EQ(address.InitFromIPAddress(text), E_INVALIDARG) << text;
-        EXPECT_TRUE(IsCleared(address));
+        EXPECT_EQ(StateOf(address), "");
         EXPECT_THAT(log.Lines(), ElementsAre(IsMessage(kSource, 218, testing::StartsWith(L"address:")),
                                              IsReport(kSource, 219, kFromIP, E_INVALIDARG)));
     }
@@ -136,70 +136,67 @@ TEST(IPAddress, TextThatIsNeitherFormIsReportedAndLeavesTheRecordCleared)
 
 TEST(IPAddress, FromAHostNameIPv4ComesFirst)
 {
-    struct
-    {
-        std::vector<std::wstring> resolved;
-        std::wstring text; // empty: nothing found
-    } const table[] = { { { L"2001:db8::1", L"192.0.2.1", L"192.0.2.2" }, L"192.0.2.1" },
-                        { { L"192.0.2.2", L"2001:db8::1", L"192.0.2.1" }, L"192.0.2.2" },
-                        { { L"", L"2001:db8::1" }, L"2001:db8::1" },
-                        { { L"" }, L"" } };
-    for (const auto& row : table)
+    const std::pair<std::vector<std::wstring>, std::wstring> table[] = {
+        { { L"2001:db8::1", L"192.0.2.1", L"192.0.2.2" }, L"192.0.2.1" },
+        { { L"", L"2001:db8::1" }, L"2001:db8::1" },
+        { { L"" }, L"" }, // nothing found
+    };
+    for (const auto& [resolved, text] : table)
         for (const bool quiet : { true, false })
         {
-            CResolver resolver(row.resolved);
+            const CResolver resolver(resolved);
+            const bool exists = !text.empty();
             CVoIPAddress address = MakeUsed();
-            bool found = row.text.empty();
-            CLogCapture log;
-            EXPECT_EQ(address.InitFromDNSAddress(L"host.test", quiet, found), row.text.empty() && !quiet ? E_FAIL : S_OK);
+            bool found = !exists;
+            const CLogCapture log;
+            EXPECT_EQ(address.InitFromDNSAddress(L"host.test", quiet, found), exists || quiet ? S_OK : E_FAIL);
             EXPECT_EQ(resolver.open, 0);
-            EXPECT_EQ(found, !row.text.empty());
-            EXPECT_EQ(address.Text(), row.text);
-            EXPECT_EQ(IsCleared(address), !found);
-            if (found || quiet)
-                EXPECT_THAT(log.Lines(), testing::IsEmpty());
-            else
-                EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kSource, 327, kFromDNS, E_FAIL)));
+            EXPECT_EQ(found, exists);
+            EXPECT_EQ(address.Text(), text);
+            EXPECT_EQ(StateOf(address).empty(), !exists);
+            const auto report = IsReport(kSource, 327, kFromDNS, E_FAIL);
+            EXPECT_THAT(log.Lines(), testing::Conditional(exists || quiet, IsEmpty(), ElementsAre(report)));
         }
     // The platform's own resolver.
     CVoIPAddress address;
     bool found = false;
-    ASSERT_EQ(address.InitFromDNSAddress(L"localhost", false, found), S_OK);
+    EXPECT_EQ(address.InitFromDNSAddress(L"localhost", false, found), S_OK);
     EXPECT_TRUE(found);
     EXPECT_TRUE(address.Text() == L"127.0.0.1" || address.Text() == L"::1") << address.Text();
 }
 
 TEST(IPAddress, FailuresAreReportedUnlessQuietAndLeaveTheRecordCleared)
 {
+    const auto noHost = VO_FAULT("ws2_32.dll", GetAddrInfoW, WSAHOST_NOT_FOUND, WSAHOST_NOT_FOUND);
+    const auto noText = VO_FAULT("ws2_32.dll", InetNtopW, nullptr, WSAEAFNOSUPPORT);
     for (const bool quiet : { false, true })
     {
-        const HRESULT code = HResultFromWin32(WSAHOST_NOT_FOUND);
-        CVoIPAddress address = MakeUsed();
+        const CLogCapture log;
         bool found = true;
-        CLogCapture log;
-        const CFailOnCall<decltype(&::GetAddrInfoW)> failName("ws2_32.dll", "GetAddrInfoW", 1, WSAHOST_NOT_FOUND,
-                                                              WSAHOST_NOT_FOUND);
-        EXPECT_EQ(address.InitFromDNSAddress(L"host.test", quiet, found), quiet ? S_OK : code);
-        EXPECT_TRUE(IsCleared(address) && !found);
-        for (const wchar_t* const text : { L"192.0.2.1", L"::1" })
+        CVoIPAddress address = MakeUsed();
         {
-            const CFailOnCall<decltype(&::InetNtopW)> fail("ws2_32.dll", "InetNtopW", 1, nullptr, WSAHOST_NOT_FOUND);
-            address = CVoIPAddress();
-            EXPECT_EQ(address.InitFromIPAddress(CSocketAddress(text).Get(), quiet, found), quiet ? S_OK : code);
-            EXPECT_TRUE(IsCleared(address) && !found);
+            const auto injected = noHost.inject(1);
+            EXPECT_EQ(address.InitFromDNSAddress(L"host.test", quiet, found), quiet ? S_OK : noHost.expected);
+            EXPECT_TRUE(StateOf(address).empty() && !found);
         }
-        if (quiet)
-            EXPECT_THAT(log.Lines(), testing::IsEmpty());
-        else
-            EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kSource, 296, kFromDNS, code),
-                                                 IsMessage(kSource, 297, std::wstring(L"address:host.test")),
-                                                 IsReport(kSource, 298, kFromDNS, code), IsReport(kSource, 134, kFromIP, code),
-                                                 IsReport(kSource, 147, kFromIP, code)));
+        for (const auto& [text, code] :
+             { std::pair(L"192.0.2.1", noText.expected), { L"::1", noText.expected }, { L"", E_INVALIDARG } })
+        {
+            address = MakeUsed();
+            const auto injected = noText.inject(1);
+            EXPECT_EQ(InitFromSocket(address, text, quiet, found), quiet ? S_OK : code);
+            EXPECT_TRUE(StateOf(address).empty() && !found);
+        }
+        const auto reports = ElementsAre(
+            IsReport(kSource, 296, kFromDNS, noHost.expected), IsMessage(kSource, 297, std::wstring(L"address:host.test")),
+            IsReport(kSource, 298, kFromDNS, noHost.expected), IsReport(kSource, 134, kFromIP, noText.expected),
+            IsReport(kSource, 147, kFromIP, noText.expected), IsMessage(kSource, 158, std::wstring(L"family:0")),
+            IsReport(kSource, 159, kFromIP, E_INVALIDARG));
+        EXPECT_THAT(log.Lines(), testing::Conditional(quiet, IsEmpty(), reports));
     }
     // A conversion that fails ends the taking of one address but not the search.
     const CResolver resolver({ L"2001:db8::1", L"192.0.2.1" });
-    const auto fault = VO_FAULT("ws2_32.dll", InetNtopW, nullptr, WSAEAFNOSUPPORT);
-    const auto injected = fault.inject(1);
+    const auto injected = noText.inject(1);
     CVoIPAddress address;
     bool found = false;
     EXPECT_EQ(address.InitFromDNSAddress(L"host.test", false, found), S_OK);
@@ -219,7 +216,7 @@ TEST(IPAddress, PrivateTestReadsTheStoredBytes)
         for (const wchar_t* const text : table[isPrivate])
         {
             CVoIPAddress address;
-            ASSERT_EQ(address.InitFromIPAddress(text), S_OK);
+            EXPECT_EQ(address.InitFromIPAddress(text), S_OK);
             EXPECT_EQ(address.IsPrivateAddress(), isPrivate) << text;
         }
 }

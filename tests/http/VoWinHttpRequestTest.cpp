@@ -2,12 +2,12 @@
 
 #include <LoopbackServer.h>
 
+#include <base/VoMultiThreading.h>
+
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstring>
-#include <functional>
 #include <future>
 #include <optional>
 #include <random>
@@ -33,32 +33,17 @@ using namespace VoWinHttpInterface;
 using namespace VoWinHttpRequest;
 
 using CGet = CVoWinHttpRequest<CVoWinHttpGetRequest>;
-using CPost = CVoWinHttpRequest<CVoWinHttpPostRequest>;
 using CMalloc = void*(WINAPI*)(size_t);
 
 constexpr HRESULT kCancelledByClose = HResultFromWin32(ERROR_WINHTTP_OPERATION_CANCELLED);
 const std::wstring kGetName = L"VoWinHttpRequest::CVoWinHttpRequest<class VoWinHttpRequest::CVoWinHttpGetRequest>::";
 
 // An event that opens once.
-class CGate
+struct CGate : CEvent
 {
-public:
-    void Open() noexcept
-    {
-        const std::lock_guard lock(m_lock);
-        m_isOpen = true;
-        m_changed.NotifyAll();
-    }
-    void Wait() noexcept
-    {
-        std::unique_lock lock(m_lock);
-        m_changed.Wait(lock, [this] { return m_isOpen; });
-    }
-
-private:
-    Detail::CLock m_lock; // the standard library's waits miss a call now and then with the mingw-w64 compilers
-    Detail::CCondition m_changed;
-    bool m_isOpen = false;
+    CGate() : CEvent(false, true) {}
+    void Open() noexcept { EXPECT_EQ(Set(), S_OK); }
+    void Wait() const noexcept { ::WaitForSingleObject(Handle(), INFINITE); }
 };
 
 // What a get function does: the code it throws, that of a future's misuse, S_OK for a value.
@@ -81,23 +66,22 @@ catch (const std::future_error& error)
 }
 
 // An exchange with the handles it uses, owned together as a transport owns them: to a port of 127.0.0.1.
-template <class Request = CGet>
 struct COwner
 {
     WinHttpSessionHandle session;
     WinHttpConnectionHandle connection;
     WinHttpRequestHandle request;
-    Request exchange;
+    CGet exchange;
 
-    explicit COwner(UINT16 port, const wchar_t* verb = L"GET", const wchar_t* path = L"/")
+    explicit COwner(UINT16 port, const wchar_t* path = L"/")
     {
         EXPECT_EQ(session.Init(L"VoUtils tests", WINHTTP_ACCESS_TYPE_NO_PROXY, WINHTTP_FLAG_ASYNC), S_OK);
         EXPECT_EQ(connection.Init(session, L"127.0.0.1", port), S_OK);
-        OpenRequest(verb, path);
+        OpenRequest(path);
     }
-    void OpenRequest(const wchar_t* verb = L"GET", const wchar_t* path = L"/")
+    void OpenRequest(const wchar_t* path = L"/")
     {
-        EXPECT_EQ(request.Init(connection, verb, path, WINHTTP_FLAG_REFRESH), S_OK);
+        EXPECT_EQ(request.Init(connection, L"GET", path, WINHTTP_FLAG_REFRESH), S_OK);
     }
     HRESULT Init(AuthenticationFunction function = {}, void* context = nullptr)
     {
@@ -118,15 +102,6 @@ struct COwner
             });
     }
 };
-
-std::string MakeBody(size_t size)
-{
-    std::string body(size, '\0');
-    std::minstd_rand random(static_cast<unsigned>(size) + 1);
-    for (char& byte : body)
-        byte = static_cast<char>(random());
-    return body;
-}
 
 void Echo(const CRequest& request, CConnection& connection)
 {
@@ -160,7 +135,7 @@ TEST(WinHttpRequest, AnswersAreTakenOncePerSendAndNothingIsChangedMeanwhile)
             answer.Wait();
             Echo(request, connection);
         });
-    COwner<> owner(server.Port());
+    COwner owner(server.Port());
     CGet& exchange = owner.exchange;
     const auto expectNoneTaken = [&](HRESULT error)
     {
@@ -176,6 +151,8 @@ TEST(WinHttpRequest, AnswersAreTakenOncePerSendAndNothingIsChangedMeanwhile)
     expectNoneTaken(kNoState);
     expectRefused();
     EXPECT_EQ(exchange.Init(nullptr, {}, nullptr), E_POINTER);
+    ASSERT_EQ(owner.Init(), S_OK);
+    EXPECT_EQ(exchange.Clear(), S_OK) << "nothing was sent: nothing is waited for, and the handle stays open";
     ASSERT_EQ(owner.Init(), S_OK);
     ASSERT_EQ(exchange.Send(), S_OK);
     expectRefused();
@@ -194,54 +171,43 @@ TEST(WinHttpRequest, AnswersAreTakenOncePerSendAndNothingIsChangedMeanwhile)
     expectNoneTaken(kNoState);
 }
 
-TEST(WinHttpRequest, ChallengesAreAnsweredByTheFunction)
+TEST(WinHttpRequest, AsksAtEachChallengeUntilTheFunctionFails)
 {
-    int wrongTries = 0;
-    int context = 0;
-    const AuthenticationFunction accepted = [&](DWORD target, DWORD supported, DWORD first, const std::wstring& url,
-                                                DWORD& chosen, std::wstring& user, std::wstring& password, void* given)
+    int asked = 0;
+    const AuthenticationFunction ask = [&](DWORD target, DWORD supported, DWORD first, const auto& /*url*/, DWORD& chosen,
+                                           auto& user, auto& password, void* context)
     {
         EXPECT_EQ(target, static_cast<DWORD>(WINHTTP_AUTH_TARGET_SERVER));
-        EXPECT_TRUE(supported == WINHTTP_AUTH_SCHEME_BASIC && first == WINHTTP_AUTH_SCHEME_BASIC);
-        EXPECT_EQ(given, &context);
-        return GiveBasic(target, supported, first, url, chosen, user, password, given);
-    };
-    // Asked again and again: the platform here would send the first credentials again.
-    const AuthenticationFunction wrong = [&](auto, auto, auto, const auto&, auto& chosen, auto& user, auto& password, auto)
-    {
+        EXPECT_TRUE(supported == WINHTTP_AUTH_SCHEME_BASIC && first == WINHTTP_AUTH_SCHEME_BASIC && context == &asked);
         chosen = WINHTTP_AUTH_SCHEME_BASIC;
         user = password = L"wrong";
-        return ++wrongTries < 4 ? S_OK : kResultCancelled;
+        return ++asked < 4 ? S_OK : kResultCancelled;
     };
-    const std::tuple<AuthenticationFunction, HRESULT, size_t> table[] = { { accepted, S_OK, 2 },
-                                                                          { wrong, kResultCancelled, 4 },
-                                                                          { {}, E_FAIL, 1 } };
-    for (const auto& [function, expected, requests] : table)
+    for (const auto& [function, expected, requests] :
+         { std::tuple(ask, kResultCancelled, 4U), { AuthenticationFunction(), E_FAIL, 1U } })
     {
-        SCOPED_TRACE(requests);
         CLoopbackServer server(DemandBasic);
-        COwner<CPost> owner(server.Port(), L"POST");
-        ASSERT_EQ(owner.Init(function, &context), S_OK);
-        ASSERT_EQ(owner.exchange.SetRequestData("body", 4), S_OK);
+        COwner owner(server.Port());
+        ASSERT_EQ(owner.Init(function, &asked), S_OK);
         ASSERT_EQ(owner.exchange.Send(), S_OK);
         EXPECT_EQ(owner.Status(), expected);
-        EXPECT_EQ(owner.Data("body"), expected);
+        EXPECT_EQ(owner.Data(), expected);
         EXPECT_EQ(server.RequestCount(), requests);
     }
 }
 
 // ---- The life of an exchange ----
 
-enum class EState
+struct CState
 {
-    Created,
-    Initialised,
-    AwaitsHeaders,
-    ReadsBody,
-    Ended,
-    EndedWithoutBody,
-    Failed,
-    AtRest // the function chose a scheme that is not offered
+    const char* name; // the path that the server is asked for too
+    bool isHeld;      // by the server or the function
+    bool isAnswered;  // the status is there, or a failure
+};
+constexpr CState kStates[] = {
+    { "AwaitsHeaders", true, false }, { "ReadsBody", true, true },
+    { "Ended", false, true },         { "EndedWithoutBody", false, true },
+    { "Failed", false, true },        { "AtRest", true, false }, // the function chose a scheme that is not offered
 };
 enum class EEnd
 {
@@ -251,13 +217,13 @@ enum class EEnd
     InitAgain
 };
 
-using ExchangeLife = testing::TestWithParam<std::tuple<EState, EEnd, bool>>;
+using ExchangeLife = testing::TestWithParam<std::tuple<CState, EEnd, bool>>;
 
 // Every end in every state, also after the handle's own end: it comes, it answers whoever waits, it leaves nothing behind.
 TEST_P(ExchangeLife, EndsWithoutAHangOrALeak)
 {
-    const EState state = std::get<0>(GetParam());
-    const EEnd end = std::get<1>(GetParam());
+    const auto& [state, end, closesFirst] = GetParam();
+    const std::string name = state.name;
     const CAcquireBalance balance = WinHttpHandleBalance();
     CGate reached; // by the server or the function
     CGate closed;  // the request handle: only then the server goes on, so that the platform may finish what it does not cancel
@@ -271,55 +237,53 @@ TEST_P(ExchangeLife, EndsWithoutAHangOrALeak)
     CLoopbackServer server(
         [&](const CRequest& request, CConnection& connection)
         {
-            if (state == EState::AtRest)
+            if (name == "AtRest")
                 return DemandBasic(request, connection);
-            if (state == EState::ReadsBody)
+            if (name == "ReadsBody")
             {
                 connection.SendResponseHead(200, {}, 20'000);
                 connection.Send(std::string(10'000, 'a'));
             }
-            if (state == EState::AwaitsHeaders || state == EState::ReadsBody)
+            if (state.isHeld)
             {
                 reached.Open();
                 closed.Wait();
             }
-            if (state == EState::ReadsBody)
+            if (name == "ReadsBody")
                 connection.Send(std::string(10'000, 'b'));
             else
-                connection.SendResponse(state == EState::EndedWithoutBody ? 500 : 200);
+                connection.SendResponse(name == "EndedWithoutBody" ? 500 : 200);
         });
-    if (state == EState::Failed)
+    if (name == "Failed")
         server.Stop();
 
     auto token = std::make_shared<int>(0); // owned by the exchange's functions
     {
-        COwner<> handles(server.Port());
+        COwner handles(server.Port());
         std::optional<CGet> exchange(std::in_place);
         const auto statusOf = [&] { return ResultOf([&] { exchange->GetStatusCode(); }); };
-        const bool wasSent = state != EState::Created && state != EState::Initialised;
         const auto refuse = [&reached, token](auto, auto, auto, const auto&, DWORD& chosen, auto&, auto&, auto)
         {
             chosen = WINHTTP_AUTH_SCHEME_NEGOTIATE;
             reached.Open();
             return S_OK;
         };
-        EXPECT_EQ(state != EState::Created ? exchange->Init(&handles.request, refuse, nullptr) : S_OK, S_OK);
-        EXPECT_EQ(wasSent ? exchange->Send() : S_OK, S_OK);
-        if (state == EState::AwaitsHeaders || state == EState::ReadsBody || state == EState::AtRest)
+        ASSERT_EQ(exchange->Init(&handles.request, refuse, nullptr), S_OK);
+        ASSERT_EQ(exchange->Send(), S_OK);
+        if (state.isHeld)
         {
             reached.Wait();
             EXPECT_EQ(exchange->Send(), E_FAIL);
         }
-        const HRESULT failure = state == EState::Failed ? HResultFromWin32(ERROR_WINHTTP_CANNOT_CONNECT) : kCancelledByClose;
-        const bool isAnswered = wasSent && state != EState::AwaitsHeaders && state != EState::AtRest;
-        EXPECT_EQ(isAnswered ? statusOf() : S_OK, state == EState::Failed ? failure : S_OK);
-        EXPECT_TRUE(state != EState::Ended || exchange->GetResponseData().empty());
+        const HRESULT failure = name == "Failed" ? HResultFromWin32(ERROR_WINHTTP_CANNOT_CONNECT) : kCancelledByClose;
+        EXPECT_EQ(state.isAnswered ? statusOf() : S_OK, name == "Failed" ? failure : S_OK);
+        EXPECT_TRUE(name != "Ended" || exchange->GetResponseData().empty());
         // Somebody waits for the body all the while, where the object stays.
         std::future<HRESULT> waiting;
-        if (wasSent && state != EState::Ended && (end == EEnd::Clear || end == EEnd::ClearByTwoThreads))
+        if (name != "Ended" && (end == EEnd::Clear || end == EEnd::ClearByTwoThreads))
             waiting = std::async(std::launch::async, [&] { return ResultOf([&] { exchange->GetResponseData(); }); });
 
-        EXPECT_EQ(std::get<2>(GetParam()) ? handles.request.Close() : S_OK, S_OK);
+        EXPECT_EQ(closesFirst ? handles.request.Close() : S_OK, S_OK);
         if (end == EEnd::InitAgain)
         {
             WinHttpRequestHandle next;
@@ -331,15 +295,13 @@ TEST_P(ExchangeLife, EndsWithoutAHangOrALeak)
             exchange.reset();
         else
         {
-            std::thread other;
+            std::jthread other;
             if (end == EEnd::ClearByTwoThreads)
-                other = std::thread([&] { EXPECT_EQ(exchange->Clear(), S_OK); });
+                other = std::jthread([&] { EXPECT_EQ(exchange->Clear(), S_OK); });
             EXPECT_EQ(exchange->Clear(), S_OK);
             EXPECT_EQ(exchange->Clear(), S_OK);
-            if (other.joinable())
-                other.join();
             EXPECT_EQ(waiting.valid() ? waiting.get() : failure, failure);
-            EXPECT_EQ(wasSent && !isAnswered ? statusOf() : kCancelledByClose, kCancelledByClose);
+            EXPECT_EQ(!state.isAnswered ? statusOf() : kCancelledByClose, kCancelledByClose);
         }
         EXPECT_EQ(token.use_count(), 2) << "the functions stayed behind"; // `refuse` has one
         closed.Open();
@@ -348,58 +310,46 @@ TEST_P(ExchangeLife, EndsWithoutAHangOrALeak)
 }
 
 INSTANTIATE_TEST_SUITE_P(WinHttpRequest, ExchangeLife,
-                         testing::Combine(testing::Values(EState::Created, EState::Initialised, EState::AwaitsHeaders,
-                                                          EState::ReadsBody, EState::Ended, EState::EndedWithoutBody,
-                                                          EState::Failed, EState::AtRest),
+                         testing::Combine(testing::ValuesIn(kStates),
                                           testing::Values(EEnd::Clear, EEnd::ClearByTwoThreads, EEnd::Destroy, EEnd::InitAgain),
                                           testing::Bool()));
 
 TEST(WinHttpRequest, ItsOwnFunctionsMayEndIt)
 {
-    enum EAct
-    {
-        Destroy,
-        Clear,
-        StartAgain
-    };
     const CAcquireBalance balance = WinHttpHandleBalance();
     for (const bool fromAuthentication : { true, false })
-        for (const EAct act : { Destroy, Clear, StartAgain })
+        for (const auto& [isCleared, isSentAgain] : { std::pair(false, false), { true, false }, { true, true } })
         {
-            SCOPED_TRACE(testing::Message() << fromAuthentication << " " << act);
+            SCOPED_TRACE(testing::Message() << fromAuthentication << isCleared << isSentAgain);
             std::atomic<int> requests{ 0 };
             CLoopbackServer server([&](const CRequest& request, CConnection& connection)
                                    { ++requests == 1 ? DemandBasic(request, connection) : Echo(request, connection); });
-            auto owner = std::make_unique<COwner<>>(server.Port());
-            COwner<> second(server.Port());
+            auto owner = std::make_unique<COwner>(server.Port());
+            COwner second(server.Port());
             CGate done;
-            auto token = std::make_shared<int>(0);
-            const auto end = [&, token]() -> HRESULT
+            const auto end = [&, token = std::make_shared<int>(0)]() -> HRESULT
             {
                 const std::shared_ptr<int> used = token; // the function outlives what it ends
-                if (act == Destroy)
-                    owner.reset();
-                else
+                if (isCleared)
                 {
                     EXPECT_EQ(owner->exchange.Clear(), S_OK);
                     EXPECT_FALSE(owner->request.IsOpen());
                 }
-                if (act == StartAgain)
-                {
-                    EXPECT_EQ(owner->exchange.Init(&second.request, {}, nullptr), S_OK);
-                    EXPECT_EQ(owner->exchange.Send(), S_OK);
-                }
+                else
+                    owner.reset();
+                EXPECT_EQ(isSentAgain ? owner->exchange.Init(&second.request, {}, nullptr) : S_OK, S_OK);
+                EXPECT_EQ(isSentAgain ? owner->exchange.Send() : S_OK, S_OK);
                 *used = 1;
                 done.Open();
                 return E_ACCESSDENIED; // reaches nobody any more
             };
             ASSERT_EQ(owner->Init([=](auto&&...) -> HRESULT { return fromAuthentication ? end() : E_UNEXPECTED; }), S_OK);
-            const SendCompleteHandler handler =
-                fromAuthentication ? nullptr : SendCompleteHandler([end](auto&&...) { return end(); });
-            ASSERT_EQ(owner->exchange.SetSendCompleteHandler(handler), S_OK);
+            ASSERT_EQ(owner->exchange.SetSendCompleteHandler(fromAuthentication ? SendCompleteHandler() : [end](auto&&...)
+                                                                 { return end(); }),
+                      S_OK);
             ASSERT_EQ(owner->exchange.Send(), S_OK);
             done.Wait();
-            EXPECT_EQ(act != Destroy ? owner->Status() : S_OK, act == Clear ? kCancelledByClose : S_OK);
+            EXPECT_EQ(isCleared ? owner->Status() : S_OK, isCleared && !isSentAgain ? kCancelledByClose : S_OK);
             owner.reset();
         }
     EXPECT_EQ(balance.Open(), 0);
@@ -410,7 +360,7 @@ TEST(WinHttpRequest, ItsOwnFunctionsMayEndIt)
 TEST(WinHttpRequest, AFailedSendMayBeRepeated)
 {
     CLoopbackServer server(Echo);
-    COwner<> owner(server.Port());
+    COwner owner(server.Port());
     ASSERT_EQ(owner.Init(), S_OK);
     const auto fault = VO_FAULT("winhttp.dll", WinHttpSendRequest, FALSE, 12004);
     const auto noStatus = VO_FAULT("winhttp.dll", WinHttpQueryHeaders, FALSE, 12005);
@@ -437,10 +387,10 @@ TEST(WinHttpRequest, AFailedSendMayBeRepeated)
 // ---- Notifications that no server here brings about ----
 
 // An exchange whose request never leaves: the test is WinHTTP.
-class CDriven : public COwner<>
+class CDriven : public COwner
 {
 public:
-    CDriven() : COwner<>(1)
+    CDriven() : COwner(1)
     {
         EXPECT_EQ(Init(), S_OK);
         EXPECT_EQ(exchange.Send(), S_OK);
@@ -558,7 +508,7 @@ TEST(WinHttpRequest, ExchangesClearedAtAnyMomentLeaveNothingBehind)
 {
     constexpr int kRounds = 75;
     const CAcquireBalance balance = WinHttpHandleBalance();
-    const std::string body = MakeBody(100'000);
+    const std::string body(100'000, 'b');
     CLoopbackServer server(
         [&](const CRequest& request, CConnection& connection)
         {
@@ -567,52 +517,47 @@ TEST(WinHttpRequest, ExchangesClearedAtAnyMomentLeaveNothingBehind)
             else
                 connection.SendResponse(request.Path() == "/404" ? 404 : 200, {}, request.Path() == "/big" ? body : "small");
         });
-    std::vector<std::thread> threads;
-    for (unsigned thread = 0; thread < 4; ++thread)
-        threads.emplace_back(
-            [&, thread]
+    const auto run = [&](unsigned seed)
+    {
+        std::minstd_rand random(seed);
+        for (int round = 0; round < kRounds; ++round)
+        {
+            constexpr const wchar_t* kPaths[] = { L"/", L"/big", L"/401", L"/404" };
+            const auto path = random() % 4;
+            const auto end = random() % 6;
+            COwner owner(server.Port(), kPaths[path]);
+            CGet& exchange = owner.exchange;
+            EXPECT_EQ(owner.Init(GiveBasic), S_OK);
+            std::jthread other;
+            if (end == 0) // at the same time as the send
+                other = std::jthread([&] { EXPECT_EQ(exchange.Clear(), S_OK); });
+            const HRESULT sent = exchange.Send();
+            EXPECT_EQ(end == 1 ? exchange.Clear() : S_OK, S_OK);
+            if (end == 2)
+                other = std::jthread([&] { EXPECT_EQ(owner.request.Close(), S_OK); });
+            if (SUCCEEDED(sent) && end >= 2 && end < 5)
             {
-                std::minstd_rand random(thread + 1);
-                for (int round = 0; round < kRounds; ++round)
-                {
-                    constexpr const wchar_t* kPaths[] = { L"/", L"/big", L"/404", L"/401" };
-                    const wchar_t* const path = kPaths[random() % 4];
-                    COwner<> owner(server.Port(), L"GET", path);
-                    CGet& exchange = owner.exchange;
-                    EXPECT_EQ(owner.Init(GiveBasic), S_OK);
-                    const auto end = random() % 6;
-                    std::thread other;
-                    if (end == 0) // at the same time as the send
-                        other = std::thread([&] { EXPECT_EQ(exchange.Clear(), S_OK); });
-                    const HRESULT sent = exchange.Send();
-                    EXPECT_EQ(end == 1 ? exchange.Clear() : S_OK, S_OK);
-                    if (end == 2)
-                        other = std::thread([&] { EXPECT_EQ(owner.request.Close(), S_OK); });
-                    if (SUCCEEDED(sent) && end >= 2 && end < 5)
-                    {
-                        const HRESULT status = ResultOf([&] { exchange.GetStatusCode(); });
-                        EXPECT_TRUE(status == S_OK || status == kCancelledByClose) << status;
-                        if (end == 3 && std::wstring_view(path) != L"/404")
-                        {
-                            // The platform here, under this load, once in some thousands of exchanges refuses to read the body
-                            // whose headers it has just announced (seen: 12019, incorrect handle state).
-                            const HRESULT data = ResultOf([&] { exchange.GetResponseData(); });
-                            EXPECT_TRUE(data == S_OK || data == HResultFromWin32(ERROR_WINHTTP_INCORRECT_HANDLE_STATE)) << data;
-                        }
-                    }
-                    if (other.joinable())
-                        other.join();
-                }
-            });
-    for (std::thread& thread : threads)
-        thread.join();
+                const HRESULT status = ResultOf([&] { exchange.GetStatusCode(); });
+                EXPECT_TRUE(status == S_OK || status == kCancelledByClose) << status;
+            }
+            // The platform here, under this load, once in some thousands of exchanges refuses to read the body whose headers it
+            // has just announced (seen: 12019, incorrect handle state).
+            const bool reads = SUCCEEDED(sent) && end == 3 && path != 3;
+            const HRESULT data = reads ? ResultOf([&] { exchange.GetResponseData(); }) : S_OK;
+            EXPECT_TRUE(data == S_OK || data == HResultFromWin32(ERROR_WINHTTP_INCORRECT_HANDLE_STATE)) << data;
+        }
+    };
+    std::vector<std::jthread> threads;
+    for (unsigned seed = 1; seed <= 4; ++seed)
+        threads.emplace_back(run, seed);
+    threads.clear();
     EXPECT_EQ(balance.Open(), 0);
 }
 
 TEST(WinHttpRequest, ExchangesInARowLeakNothing)
 {
     CLoopbackServer server([](const CRequest&, CConnection& connection) { connection.SendResponse(200, {}, "small"); });
-    COwner<> owner(server.Port());
+    COwner owner(server.Port());
     const auto run = [&](int rounds)
     {
         for (int i = 0; i < rounds; ++i)
