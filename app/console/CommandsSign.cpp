@@ -70,7 +70,8 @@ public:
     {
         app.add_option("--private", m_privateFile, "Where the private key goes")->required()->type_name("FILE");
         app.add_option("--public", m_publicFile, "Where the public key goes")->required()->type_name("FILE");
-        app.add_option("--bits", m_bits, "The key's length, 384 to 16384 in steps of 8; default 2048")->type_name("N");
+        app.add_option("--bits", m_bits, "The key's length, 384 to 16384 in steps of 8; default 2048. SHA-512 needs 752")
+            ->type_name("N");
         app.footer("Both files hold hexadecimal text of key blobs. Guard the private one.\n" + app.get_footer());
     }
     void Run(CContext&) override

@@ -289,4 +289,28 @@ TEST(DigSign, EveryFailureOfCryptoAPIIsHandled)
         EXPECT_EQ(log.Lines().empty(), SUCCEEDED(result));
     }
 }
+
+TEST(DigSign, AKeyTooShortForTheHashSignsNothing)
+{
+    std::wstring privateKey;
+    std::wstring publicKey;
+    ASSERT_EQ(COrvRSAKey::Generate(512, privateKey, publicKey), S_OK);
+    CVoByteBuffer signature;
+    COrvSHA256Hash fits;
+    COrvSHA512Hash hash;
+    const auto sign = [&](COrvHashBase& with)
+    {
+        return COrvDigitalSignature::SignString(Bytes(kMessage), Length(kMessage), with, privateKey, signature.PutBytes(),
+                                                signature.PutLength());
+    };
+    EXPECT_EQ(sign(hash), NTE_BAD_LEN);
+    EXPECT_TRUE(signature.IsEmpty());
+    ASSERT_EQ(sign(fits), S_OK);
+    bool valid = true;
+    EXPECT_EQ(COrvDigitalSignature::VerifyString(Bytes(kMessage), Length(kMessage), hash, signature.Data(), signature.Length(),
+                                                 publicKey, valid),
+              S_OK);
+    EXPECT_FALSE(valid);
+    EXPECT_EQ(HashBytes(hash, nullptr, 1, signature.PutBytes(), signature.PutLength()), E_INVALIDARG);
+}
 } // namespace

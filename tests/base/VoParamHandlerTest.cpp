@@ -135,7 +135,7 @@ TEST_F(ParamHandler, VariantsCrossByTheirType)
     EXPECT_NEAR(V_DATE(&get(L"date", VT_DATE).Get()), 45293.1278, 0.0001);
     EXPECT_EQ(V_I4(&get(L"missing", VT_I4).Get()), 0);
     get(L"word", VT_I4, E_INVALIDARG);
-    get(L"number", VT_UI1, DISP_E_OVERFLOW);
+    get(L"number", VT_UI1, kOverflow);
     get(L"number", VT_BYREF | VT_I4, DISP_E_TYPEMISMATCH);
     // Writing back what was read changes nothing.
     const std::pair<const wchar_t*, int> cases[] = { { L"text", VT_BSTR }, { L"number", VT_I8 },

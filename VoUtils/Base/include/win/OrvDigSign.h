@@ -130,14 +130,20 @@ public:
     // Makes a fresh pair of signature keys. E_INVALIDARG for a length that is out of range or no multiple of 8. The private
     // key's text is the caller's to guard and to wipe.
     [[nodiscard]] static HRESULT Generate(UINT32 bits, std::wstring& privateKey, std::wstring& publicKey) noexcept;
-    // The public key of a private one. E_INVALIDARG for text that is no private key's.
+    // The public key of a private one. E_INVALIDARG for a public key and for malformed hexadecimal text, the provider's error
+    // for a blob that it does not take.
     [[nodiscard]] static HRESULT GetPublicKeyFromPrivate(std::wstring_view privateKey, std::wstring& publicKey) noexcept;
+
+    // Whether the key is long enough for signatures over a hash (RFC 8017, section 9.2): 368 bits are for SHA-1, 496 for
+    // SHA-256, 752 for SHA-512.
+    [[nodiscard]] bool HasRoomFor(const COrvHashBase& hash) const noexcept;
 
 private:
     [[nodiscard]] HRESULT DestroyUserKey(DWORD keySpec) noexcept;
     [[nodiscard]] HRESULT ExportKey(DWORD blobType, std::wstring& hexText) const noexcept;
 
     bool m_isPrivate = false;
+    DWORD m_bits = 0;
 };
 
 // Data for a hash that comes piece by piece.
@@ -171,7 +177,8 @@ private:
 [[nodiscard]] HRESULT HashBytes(COrvHashBase& hash, const BYTE* bytes, UINT32 length, BYTE** value,
                                 UINT32* valueLength) noexcept;
 
-// Signs and verifies blocks of bytes. The hash object tells the algorithm and is empty afterwards.
+// Signs and verifies blocks of bytes. The hash object tells the algorithm and is empty afterwards. A key that is too short for
+// the hash cannot sign (NTE_BAD_LEN, 0x80090004), and no signature of it is valid.
 class COrvDigitalSignature
 {
 public:

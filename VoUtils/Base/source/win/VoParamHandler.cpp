@@ -22,6 +22,13 @@ void Check(HRESULT hr)
         throw CVoHResultException(hr);
 }
 
+// Makes a value the type asked for.
+void ChangeType(VARIANT& variant, VARTYPE type)
+{
+    const HRESULT hr = VoChangeVariantTypeNoLocale(variant, variant, type);
+    Check(hr == DISP_E_OVERFLOW ? HResultFromWin32(ERROR_ARITHMETIC_OVERFLOW) : hr);
+}
+
 [[nodiscard]] std::wstring Widen(std::string_view ascii)
 {
     return { ascii.begin(), ascii.end() };
@@ -272,7 +279,7 @@ struct CVoParamText
             double number = 0;
             To(text, number);
             Check(VoTypeToVariant(number, variant));
-            Check(VoChangeVariantTypeNoLocale(variant, variant, type));
+            ChangeType(variant, type);
         }
         else if (type == VT_DATE)
         {
@@ -296,14 +303,14 @@ struct CVoParamText
             To(text, number);
             V_VT(&variant) = number.isNegative ? VT_I8 : VT_UI8;
             V_UI8(&variant) = number.bits;
-            Check(VoChangeVariantTypeNoLocale(variant, variant, type));
+            ChangeType(variant, type);
         }
         else // VT_CY, VT_DECIMAL
         {
             double number = 0;
             To(text, number); // the platform's own reading takes "1,5" for 15
             Check(VoTypeToVariant(VoIniTrim(text), variant));
-            Check(VoChangeVariantTypeNoLocale(variant, variant, type));
+            ChangeType(variant, type);
         }
         value = std::move(read);
     }

@@ -5,6 +5,7 @@
 #include <base/VoWipe.h>
 #include <base/utils/VoDataConversion.h>
 
+#include <cstring>
 #include <utility>
 
 namespace OrvDigSign
@@ -71,6 +72,8 @@ HRESULT COrvHashBase::CreateHash(HCRYPTPROV provider) noexcept
 HRESULT COrvHashBase::AddBinData(const BYTE* bytes, UINT32 length) noexcept
 {
     constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvHashBase::AddBinData" };
+    if (!bytes && length > 0)
+        return report(85, E_INVALIDARG);
     // Nothing to add is no error, and providers differ about it.
     if (length == 0 && m_hash)
         return S_OK;
@@ -233,6 +236,10 @@ HRESULT COrvRSAKey::ImportKey(std::wstring_view hexText) noexcept
             return report.LastError(252, 253);
         m_key = key;
         m_isPrivate = *blob.bytes.Data() == PRIVATEKEYBLOB;
+        RSAPUBKEY description{};
+        if (blob.bytes.Length() >= sizeof(PUBLICKEYSTRUC) + sizeof description)
+            std::memcpy(&description, blob.bytes.Data() + sizeof(PUBLICKEYSTRUC), sizeof description);
+        m_bits = description.bitlen;
         return S_OK;
     }
     catch (...)
@@ -255,6 +262,28 @@ HRESULT COrvRSAKey::ImportKeyForVerifying(std::wstring_view hexText) noexcept
     if (const HRESULT hr = ImportKey(hexText); FAILED(hr))
         return report(276, hr);
     return S_OK;
+}
+
+bool COrvRSAKey::HasRoomFor(const COrvHashBase& hash) const noexcept
+{
+    constexpr DWORD kPadding = 11;
+    const auto encodedLength = [&]() -> DWORD // of the hash with the name of its algorithm
+    {
+        switch (hash.AlgorithmId())
+        {
+        case CALG_MD5:
+            return 34;
+        case CALG_SHA1:
+            return 35;
+        case CALG_SHA_256:
+            return 51;
+        case CALG_SHA_384:
+            return 67;
+        default:
+            return 83; // SHA-512
+        }
+    };
+    return m_bits / 8 >= encodedLength() + kPadding;
 }
 
 HRESULT COrvRSAKey::ExportKey(DWORD blobType, std::wstring& hexText) const noexcept
@@ -388,6 +417,8 @@ HRESULT COrvDigitalSignature::SignString(const BYTE* data, UINT32 length, COrvHa
             return report(414, hr);
         if (const HRESULT hr = key.ImportKeyForSigning(privateKey); FAILED(hr))
             return report(416, hr);
+        if (!key.HasRoomFor(hash))
+            return report(418, NTE_BAD_LEN);
         CVoByteBuffer result;
         {
             const CVoHashGuard guard(hash);
@@ -426,6 +457,7 @@ HRESULT COrvDigitalSignature::VerifyString(IVoHashInput& data, COrvHashBase& has
     if (const HRESULT hr = key.ImportKeyForVerifying(publicKey); FAILED(hr))
         return report(445, hr);
     bool isValid = false;
+    if (key.HasRoomFor(hash))
     {
         const CVoHashGuard guard(hash);
         if (const HRESULT hr = MakeHash(report, 449, hash, key.Provider(), data); FAILED(hr))
