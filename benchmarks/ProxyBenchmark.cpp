@@ -87,7 +87,7 @@ private:
     }
 
     std::function<void()> m_work;
-    VoWinHttpRequest::Detail::CLock m_lock; // the standard library's waits miss a call now and then with mingw-w64
+    CVoLock m_lock; // the standard library's waits miss a call now and then with mingw-w64
     VoWinHttpRequest::Detail::CCondition m_changed;
     int m_generation = 0;
     size_t m_left = 0;

@@ -1,11 +1,12 @@
 // How an exchange on WinHTTP's threads hands its answers to the thread that waits for them: VoWinHttpRequest.h, which callers
 // include, is its face.
 //
-// Lock, condition, promise and future are what the standard library's are, on the platform's own locks. With the mingw-w64
+// Condition, promise and future are what the standard library's are, on the platform's own locks. With the mingw-w64
 // compilers the standard ones stand on POSIX threads, whose condition variables all spin on one lock of the process: a few
 // threads that wait at once then cost more than all their requests.
 #pragma once
 
+#include <base/VoLock.h>
 #include <base/VoPlatform.h>
 
 #include <exception>
@@ -18,23 +19,6 @@
 
 namespace VoWinHttpRequest::Detail
 {
-// Not to be taken twice by one thread.
-class CLock
-{
-public:
-    CLock() = default;
-    CLock(const CLock&) = delete;
-    CLock& operator=(const CLock&) = delete;
-
-    // Named as the standard library's guards ask.
-    void lock() noexcept { ::AcquireSRWLockExclusive(&m_lock); }
-    void unlock() noexcept { ::ReleaseSRWLockExclusive(&m_lock); }
-
-private:
-    friend class CCondition;
-    SRWLOCK m_lock = SRWLOCK_INIT;
-};
-
 class CCondition
 {
 public:
@@ -44,10 +28,10 @@ public:
 
     // Waits, without the lock, until the predicate holds under it. `lock` is held before and after.
     template <class Predicate>
-    void Wait(std::unique_lock<CLock>& lock, Predicate predicate)
+    void Wait(std::unique_lock<CVoLock>& lock, Predicate predicate)
     {
         while (!predicate())
-            ::SleepConditionVariableSRW(&m_condition, &lock.mutex()->m_lock, INFINITE, 0);
+            ::SleepConditionVariableSRW(&m_condition, lock.mutex()->Native(), INFINITE, 0);
     }
     void NotifyAll() noexcept { ::WakeAllConditionVariable(&m_condition); }
 
@@ -78,7 +62,7 @@ public:
     }
 
 private:
-    CLock m_lock;
+    CVoLock m_lock;
     CCondition m_given;
     std::variant<std::monostate, Value, std::exception_ptr> m_result;
 };
@@ -112,8 +96,17 @@ public:
     }
     ~CPromise()
     {
-        if (m_promised)
-            Fail(std::make_exception_ptr(std::future_error(std::future_errc::broken_promise)));
+        // Only where somebody may wait. Making the failure may itself fail, for want of memory.
+        if (!m_promised || m_promised.use_count() == 1)
+            return;
+        try
+        {
+            throw std::future_error(std::future_errc::broken_promise);
+        }
+        catch (...)
+        {
+            Fail(std::current_exception());
+        }
     }
 
     [[nodiscard]] CFuture<Value> Future() const noexcept { return CFuture<Value>(m_promised); }

@@ -62,7 +62,8 @@ using SendCompleteHandler = std::function<HRESULT(DWORD status, void* informatio
 
 // Told before WinHTTP follows a redirect: the headers of the answer that redirects can be read, and those of the request be
 // corrected, which otherwise travel on to the new target as they are. `url` as WinHTTP gives it. A failure ends the exchange
-// with that code. What holds for the authentication function holds for it.
+// with that code and closes the request handle, because WinHTTP would follow all the same. What holds for the authentication
+// function holds for it.
 using RedirectHandler = std::function<HRESULT(const std::wstring& url)>;
 
 // Told of each piece of the answer's body that has arrived, with its length in bytes; a failure ends the exchange with that
@@ -250,11 +251,14 @@ private:
 
     // Gives the failure to whoever still waits for an answer.
     void Fail(HRESULT hr) noexcept;
+    static void FailAnswers(std::optional<CPromise<DWORD>>& status, std::optional<CPromise<std::vector<BYTE>>>& data,
+                            HRESULT hr) noexcept;
     // Lets go of everything that belongs to others, for a state that WinHTTP still knows and nobody waits for.
     void Abandon() noexcept;
 
     [[nodiscard]] HRESULT SendRequest() noexcept; // "_Send" in reports, a name that C++ keeps for itself
     [[nodiscard]] HRESULT OnCallback(DWORD status, const void* information, DWORD length);
+    [[nodiscard]] HRESULT OnRedirect() noexcept;
     [[nodiscard]] HRESULT OnSendrequestComplete(DWORD status, const void* information, DWORD length);
     [[nodiscard]] HRESULT OnHeadersAvailable();
     [[nodiscard]] HRESULT OnAuthenticationRequested();
@@ -272,7 +276,7 @@ private:
     std::unique_ptr<BYTE[]> m_pending; // belongs to WinHTTP during a read
     std::wstring m_url;
 
-    mutable CLock m_lock; // guards what follows; never held during a call of WinHTTP or of a function from outside
+    mutable CVoLock m_lock; // guards what follows; never held during a call of WinHTTP or of a function from outside
     CCondition m_changed;
     std::shared_ptr<const AuthenticationFunction> m_authenticate;
     std::shared_ptr<const SendCompleteHandler> m_sendComplete;
@@ -428,6 +432,13 @@ void CExchange<T>::Fail(HRESULT hr) noexcept
         status = m_status.Take();
         data = m_data.Take();
     }
+    FailAnswers(status, data, hr);
+}
+
+template <class T>
+void CExchange<T>::FailAnswers(std::optional<CPromise<DWORD>>& status, std::optional<CPromise<std::vector<BYTE>>>& data,
+                               HRESULT hr) noexcept
+{
     if (!status && !data)
         return;
     const std::exception_ptr failure = std::make_exception_ptr(HRESULTexc(hr));
@@ -469,7 +480,7 @@ HRESULT CExchange<T>::OnCallback(DWORD status, const void* information, DWORD le
     case WINHTTP_CALLBACK_STATUS_REDIRECT:
         m_url = information ? static_cast<const wchar_t*>(information) : L"";
         if (status == WINHTTP_CALLBACK_STATUS_REDIRECT)
-            hr = CallHandler(m_redirect, std::as_const(m_url));
+            hr = OnRedirect();
         break;
     case WINHTTP_CALLBACK_STATUS_SENDREQUEST_COMPLETE:
         hr = OnSendrequestComplete(status, information, length);
@@ -493,6 +504,37 @@ HRESULT CExchange<T>::OnCallback(DWORD status, const void* information, DWORD le
         break;
     }
     return SUCCEEDED(hr) ? hr : kReporter<T, L"OnCallback">(240, hr);
+}
+
+template <class T>
+HRESULT CExchange<T>::OnRedirect() noexcept
+{
+    constexpr const CVoReporter& report = kReporter<T, L"OnRedirect">;
+    HRESULT hr = S_OK;
+    try
+    {
+        hr = CallHandler(m_redirect, std::as_const(m_url));
+        if (SUCCEEDED(hr))
+            return hr;
+        report(244, hr);
+    }
+    catch (...)
+    {
+        hr = report.CurrentException(247);
+    }
+    // Only a closed handle keeps WinHTTP from following the redirect. Closing it tells of a cancellation, which is not what
+    // happened: the answers are taken out before.
+    std::optional<CPromise<DWORD>> status;
+    std::optional<CPromise<std::vector<BYTE>>> data;
+    {
+        const std::lock_guard lock(m_lock);
+        status = m_status.Take();
+        data = m_data.Take();
+    }
+    if (const HRESULT closed = m_request.Close(); FAILED(closed))
+        report(251, closed);
+    FailAnswers(status, data, hr);
+    return hr;
 }
 
 template <class T>

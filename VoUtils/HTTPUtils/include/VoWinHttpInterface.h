@@ -6,6 +6,7 @@
 
 #include <base/VoErrorHandler.h>
 #include <base/VoHResult.h>
+#include <base/VoLock.h>
 #include <base/VoPlatform.h>
 
 #include <winhttp.h>
@@ -140,7 +141,7 @@ private:
         return m_owned;
     }
 
-    mutable std::mutex m_lock; // never held during a call of the platform, which may call back
+    mutable CVoLock m_lock; // never held during a call of the platform, which may call back
     std::shared_ptr<COwned> m_owned;
 };
 

@@ -118,7 +118,7 @@ private:
         return future.Take();
     }
 
-    mutable Detail::CLock m_lock;                    // taken before the exchange's own
+    mutable CVoLock m_lock;                          // taken before the exchange's own
     std::shared_ptr<CExchange> m_exchange;           // null: not initialised
     Detail::CAnswerFuture<DWORD> m_status;           // the answers outlive the exchange
     Detail::CAnswerFuture<std::vector<BYTE>> m_data; //

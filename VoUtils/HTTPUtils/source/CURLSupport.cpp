@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <mutex>
 
 namespace VoHTTPMessageCURL
 {
@@ -43,7 +44,18 @@ std::wstring ResolveUrl(const char* base, std::wstring_view reference)
         return {};
     const std::unique_ptr<char, decltype(&curl_free)> owned(text, &curl_free);
     std::wstring result;
-    return SUCCEEDED(VoUTF8ToString(text, result)) ? result : std::wstring();
+    return SUCCEEDED(VoUTF8ToString(text, result)) ? VoWithoutUserInfo(result) : std::wstring();
+}
+
+// The URL of the answer that is being read, which is libcurl's own to tell: redirects change it.
+std::wstring AnsweredUrl(const CHeaderContext& context)
+{
+    const char* url = nullptr;
+    std::wstring result;
+    if (curl_easy_getinfo(context.handle, CURLINFO_EFFECTIVE_URL, &url) != CURLE_OK || !url ||
+        FAILED(VoUTF8ToString(url, result)))
+        return context.requestUrl;
+    return VoWithoutUserInfo(result);
 }
 
 // libcurl would send the Cookie header of the first URL to wherever it is redirected. The header is replaced by the one for
@@ -65,7 +77,6 @@ void FollowRedirect(CHeaderContext& context)
         (void)VoStringToUTF8(cookie.View(), cookieBytes);
     (void)CURLSetOpt(context.handle, CURLOPT_COOKIE, cookieBytes.empty() ? nullptr : cookieBytes.c_str());
     context.cookieReplaced = true;
-    context.requestUrl = target;
 }
 
 const wchar_t* EndpointFormat(curl_infotype type) noexcept
@@ -186,12 +197,12 @@ HRESULT CCURLConnections::Attach(CURL* handle) const noexcept
 
 void CCURLConnections::Lock(CURL* /*handle*/, curl_lock_data data, curl_lock_access /*access*/, void* context) noexcept
 {
-    static_cast<CCURLConnections*>(context)->m_locks[data].lock();
+    static_cast<CCURLConnections*>(context)->m_locks[data].Lock();
 }
 
 void CCURLConnections::Unlock(CURL* /*handle*/, curl_lock_data data, void* context) noexcept
 {
-    static_cast<CCURLConnections*>(context)->m_locks[data].unlock();
+    static_cast<CCURLConnections*>(context)->m_locks[data].Unlock();
 }
 
 size_t read_callback(char* buffer, size_t size, size_t count, void* source) noexcept
@@ -243,10 +254,16 @@ try
         return length;
     }
     auto& headers = *static_cast<CHeaderContext*>(context);
+    const std::string_view bytes(line, length);
+    constexpr std::string_view kStatusLine = "HTTP/";
+    const bool isStatusLine = bytes.starts_with(kStatusLine);
+    // Behind the headers come the next answer's or, behind a body, trailer fields, which are no headers (RFC 9110, section
+    // 6.5.1).
+    if (headers.complete && !isStatusLine)
+        return length;
 
     // Header fields are bytes; those beyond ASCII are kept one to one when they are not UTF-8 (RFC 9110, section 5.5).
     std::wstring text;
-    const std::string_view bytes(line, length);
     if (const HRESULT hr = VoUTF8ToString(bytes, text); FAILED(hr))
     {
         report(427, hr);
@@ -257,7 +274,6 @@ try
     constexpr std::wstring_view kSetCookie = L"Set-Cookie:";
     constexpr std::wstring_view kContentType = L"Content-Type:";
     constexpr std::wstring_view kLocation = L"Location:";
-    constexpr std::wstring_view kStatusLine = L"HTTP/";
     constexpr size_t kVersionLength = 3;
     if (VoStartsWithNoCase(text, kSetCookie))
     {
@@ -265,14 +281,14 @@ try
         if (headers.cookieStore && headers.statusCode != L"407")
         {
             const HRESULT hr = headers.cookieStore->AddCookieFromString(CVoBstr(HeaderValue(text, kSetCookie.size())).Get(),
-                                                                        CVoBstr(headers.requestUrl).Get());
+                                                                        CVoBstr(AnsweredUrl(headers)).Get());
             if (FAILED(hr)) // the cookie is dropped, the answer stands
                 report(433, hr);
         }
     }
     else if (VoStartsWithNoCase(text, kContentType))
         headers.contentType = HeaderValue(text, kContentType.size());
-    else if (VoStartsWithNoCase(text, kStatusLine) && text.size() >= kStatusLine.size() + kVersionLength)
+    else if (isStatusLine && text.size() >= kStatusLine.size() + kVersionLength)
     {
         headers.protocolVersion = VoTrim(std::wstring_view(text).substr(kStatusLine.size(), kVersionLength));
         const std::wstring_view rest = HeaderValue(text, kStatusLine.size() + kVersionLength);
@@ -282,8 +298,12 @@ try
         headers.complete = false;
     }
     else if (VoStartsWithNoCase(text, kLocation))
-        headers.location = HeaderValue(text, kLocation.size());
-    else if (VoTrim(text).empty())
+    {
+        // libcurl follows the first that says something.
+        if (headers.location.empty())
+            headers.location = HeaderValue(text, kLocation.size());
+    }
+    else if (text == L"\r\n" || text == L"\n") // no trailer field looks so
     {
         headers.complete = true;
         if (headers.statusCode.starts_with(L'3') && !headers.location.empty())
@@ -294,6 +314,12 @@ try
 catch (...)
 {
     CVoReporter{ kSource, L"VoHTTPMessageCURL::header_callback" }(463, kResultCallbackException);
+    // Where a redirect leads, the cookies of this server must not go.
+    if (auto* const headers = static_cast<CHeaderContext*>(context))
+    {
+        (void)curl_easy_setopt(headers->handle, CURLOPT_COOKIE, nullptr);
+        headers->cookieReplaced = true;
+    }
     return size * count;
 }
 

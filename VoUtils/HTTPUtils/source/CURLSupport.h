@@ -6,11 +6,13 @@
 
 // Some options that this transport sets are marked as superseded by newer ones that older releases lack.
 #define CURL_DISABLE_DEPRECATION
+#include <base/VoLock.h>
+#include <base/VoMultiThreading.h>
+
 #include <curl/curl.h>
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <span>
 #include <string>
 #include <string_view>
@@ -109,9 +111,9 @@ private:
     static void Lock(CURL* handle, curl_lock_data data, curl_lock_access access, void* context) noexcept;
     static void Unlock(CURL* handle, curl_lock_data data, void* context) noexcept;
 
-    std::recursive_mutex m_locks[CURL_LOCK_DATA_LAST];
+    CCriticalSection m_locks[CURL_LOCK_DATA_LAST];
     CURLSH* m_share;
-    std::mutex m_idleLock;
+    CVoLock m_idleLock;
     std::vector<CCURLHandle> m_idle; // at most kMaximumIdleHandles
 };
 
@@ -139,7 +141,7 @@ struct CHeaderContext
 {
     CURL* handle = nullptr;
     IVoHTTPCookieStore* cookieStore = nullptr; // may be null
-    std::wstring requestUrl;                   // of the answer being read; follows redirects
+    std::wstring requestUrl;                   // as it was sent; redirects lead to others
     std::wstring location;
     std::wstring contentType;
     std::wstring protocolVersion;

@@ -4,6 +4,8 @@
 #include <base/VoHandle.h>
 #include <base/VoUtils.h>
 
+#include <mutex>
+
 namespace
 {
 constexpr const wchar_t* kSource = L"..\\source\\VoDataLog";

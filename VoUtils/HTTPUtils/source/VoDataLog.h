@@ -1,9 +1,9 @@
 // The data log: the bytes that a message sends and receives, for the developer who debugs the module.
 #pragma once
 
+#include <base/VoLock.h>
 #include <base/VoPlatform.h>
 
-#include <mutex>
 #include <span>
 #include <string>
 #include <string_view>
@@ -18,6 +18,6 @@ public:
     HRESULT Append(const SYSTEMTIME& time, std::wstring_view header, std::span<const BYTE> data) noexcept;
 
 private:
-    std::mutex m_lock;
+    CVoLock m_lock;
     std::wstring m_path; // empty until the first record
 };

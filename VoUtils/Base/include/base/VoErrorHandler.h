@@ -14,10 +14,10 @@
 #pragma once
 
 #include <base/VoHResult.h>
+#include <base/VoLock.h>
 #include <base/VoPlatform.h>
 
 #include <atomic>
-#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -40,13 +40,13 @@ struct CVoModuleSettings
 };
 
 // Reads ModuleSettings.ini in the given folder. A missing file or key, or a value that does not parse, leaves the default;
-// values out of range are clamped as noted above. Throws std::bad_alloc.
+// values out of range are clamped as noted above, an HTTPEngine out of range is 0. Throws std::bad_alloc.
 [[nodiscard]] CVoModuleSettings VoReadModuleSettings(const std::wstring& directory);
 
 // Names the folder in which ModuleSettings.ini is looked up, in place of the folder of the module's file. Call it before the
 // first report or settings query of the process; afterwards it answers HRESULT_FROM_WIN32(ERROR_ALREADY_INITIALIZED) and
-// changes nothing. An empty or over-long path is E_INVALIDARG, a folder that does not exist ERROR_PATH_NOT_FOUND; these two are
-// not reported, because a report would settle the folder.
+// changes nothing. An empty or over-long path and one with a zero in it are E_INVALIDARG, a folder that does not exist
+// ERROR_PATH_NOT_FOUND; these two are not reported, because a report would settle the folder.
 [[nodiscard]] HRESULT VoSetModuleSettingsDirectory(std::wstring_view directory) noexcept;
 
 // The application's log file. One object serves the process (VoErrorLog()); others exist only in tests. Any thread may report.
@@ -101,8 +101,8 @@ private:
     std::wstring m_logFilePath;
     std::wstring m_runHeader;
     HANDLE m_mutex = nullptr;
-    std::mutex m_writeLock;
-    std::mutex m_switchLock;
+    CVoLock m_writeLock;
+    CVoLock m_switchLock;
 };
 
 // The process's log, made and initialised by the first call (which reads ModuleSettings.ini). It lives until the process ends.

@@ -12,6 +12,7 @@
 #include <cstdarg>
 #include <iterator>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <stdexcept>
 
@@ -147,7 +148,7 @@ std::wstring FullPath(const std::wstring& path)
 // What the process's log is made from, and how far it is.
 struct CProcessLogState
 {
-    std::mutex lock;
+    CVoLock lock;
     std::wstring settingsDirectory; // empty: the folder of the module's file
     std::atomic<CVoErrorLogFile*> ready{ nullptr };
     std::atomic<DWORD> initialisingThread{ 0 };
@@ -239,7 +240,10 @@ HRESULT VoSetModuleSettingsDirectory(std::wstring_view directory) noexcept
             lock.unlock();
             return report(264, HResultFromWin32(ERROR_ALREADY_INITIALIZED));
         }
-        std::wstring full = directory.empty() ? std::wstring() : FullPath(std::wstring(directory));
+        constexpr size_t kMaximumPath = 32767; // of the platform's paths, the ending zero counted
+        if (directory.empty() || directory.size() >= kMaximumPath || directory.find(L'\0') != std::wstring_view::npos)
+            return E_INVALIDARG;
+        std::wstring full = FullPath(std::wstring(directory));
         if (full.empty())
             return E_INVALIDARG;
         const DWORD attributes = ::GetFileAttributesW(full.c_str());

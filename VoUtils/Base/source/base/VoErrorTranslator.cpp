@@ -2,6 +2,7 @@
 
 #include "VoNeverDestroyed.h"
 
+#include <base/VoLock.h>
 #include <base/VoUtils.h>
 #include <base/com/VoComHelper.h>
 
@@ -23,7 +24,7 @@ Function FindExport(HMODULE module, const char* name) noexcept
 // What the process asked for, and what came of it.
 struct CProcessTranslator
 {
-    std::mutex lock;
+    CVoLock lock;
     bool tried = false;
     CVoErrorTranslator translator;
 };
