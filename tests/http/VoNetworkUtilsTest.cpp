@@ -106,6 +106,8 @@ TEST(IPAddress, KeepsTheAddressAndItsCanonicalText)
     {
         EXPECT_EQ(address.InitFromIPAddress(text), S_OK);
         EXPECT_EQ(StateOf(address), expected);
+        EXPECT_EQ(address.InitFromIPAddress(address.Text()), S_OK);
+        EXPECT_EQ(StateOf(address), expected);
     }
     // Of a socket address only the text is the address; the bytes are the structure's first.
     for (const auto& [text, port, expected] :

@@ -33,6 +33,7 @@ public:
     std::multimap<DWORD, std::wstring> headers; // of an answer, by query number
     std::map<DWORD, std::wstring> texts{ { INTERNET_OPTION_URL, L"http://server.example/" } };
     std::string answer = "a=1";
+    std::wstring redirect; // where each answer leads first; none by default
     std::string written;
     DWORD writtenShort = 0; // so many bytes of each piece are not taken
     DWORD securityFlags = 0x10000001;
@@ -103,6 +104,8 @@ private:
     }
     BOOL SetOption(HINTERNET handle, DWORD option, void* value, DWORD length)
     {
+        if (option == INTERNET_OPTION_CONTEXT_VALUE) // of every request
+            return length == sizeof(DWORD_PTR) && *static_cast<DWORD_PTR*>(value) != 0;
         if (option == INTERNET_OPTION_PROXY_USERNAME || option == INTERNET_OPTION_PROXY_PASSWORD)
             Note("SetOption", Name(handle), ' ', option, Text(static_cast<wchar_t*>(value)), ' ', length);
         else
@@ -149,6 +152,16 @@ private:
         written.clear();
         return !Fails("SendRequestEx");
     }
+    INTERNET_STATUS_CALLBACK SetCallback(HINTERNET /*request*/, INTERNET_STATUS_CALLBACK callback)
+    {
+        return Fails("SetCallback") ? INTERNET_INVALID_STATUS_CALLBACK : std::exchange(m_callback, callback);
+    }
+    BOOL AddHeaders(HINTERNET request, LPCWSTR header, DWORD length, DWORD flags)
+    {
+        EXPECT_EQ(length, std::wcslen(header));
+        Note("AddHeaders", Name(request), Text(header), ' ', std::hex, flags);
+        return !Fails("AddHeaders");
+    }
     BOOL Write(HINTERNET request, LPCVOID bytes, DWORD length, DWORD* done)
     {
         Note("Write", Name(request), ' ', length);
@@ -160,6 +173,8 @@ private:
     {
         Note("EndRequest", Name(request), ' ', out != nullptr, ' ', flags, ' ', context);
         m_unread = answer;
+        if (!redirect.empty() && m_callback)
+            m_callback(request, 1, INTERNET_STATUS_REDIRECT, redirect.data(), static_cast<DWORD>(redirect.size()));
         return !Fails("EndRequest");
     }
     BOOL QueryInfo(HINTERNET request, DWORD query, void* buffer, DWORD* bytes, DWORD* index)
@@ -207,6 +222,7 @@ private:
         return !Fails("Close");
     }
 
+    INTERNET_STATUS_CALLBACK m_callback = nullptr;
     UINT_PTR m_lastRequest = 2;
     std::string m_unread;
 
@@ -222,6 +238,8 @@ private:
     VO_REPLACE(HttpOpenRequestW, OpenRequest);
     VO_REPLACE(HttpSendRequestW, SendRequest);
     VO_REPLACE(HttpSendRequestExW, SendRequestEx);
+    VO_REPLACE(InternetSetStatusCallbackW, SetCallback);
+    VO_REPLACE(HttpAddRequestHeadersW, AddHeaders);
     VO_REPLACE(InternetWriteFile, Write);
     VO_REPLACE(HttpEndRequestW, EndRequest);
     VO_REPLACE(HttpQueryInfoW, QueryInfo);

@@ -118,8 +118,9 @@ public:
     // Without a URL the scheme is not known: a manual list that has different proxies for the two is given whole and, where it
     // names more than one, without credentials (VoProxyList.h finds a scheme's).
     STDMETHODIMP GetProxyForUrl(BSTR url, BSTR* proxy, BSTR* user, BSTR* password) noexcept override;
-    // `proxy` is "host:port" or a list that names one proxy; hosts are compared without regard to case. E_INVALIDARG for
-    // several proxies, because nobody could tell whose credentials these are, and for none.
+    // `proxy` is "host:port" or a list that gives both schemes the same; hosts are compared without regard to case.
+    // E_INVALIDARG for one that gives them different proxies, because nobody could tell whose credentials these are, and for
+    // none.
     STDMETHODIMP SetAuthDataForProxy(BSTR proxy, BSTR user, BSTR password, VARIANT_BOOL valid,
                                      VARIANT_BOOL required) noexcept override;
     // Parameter text with Config (CHTTPProxyConfigData) and Cache (CProxyCache).

@@ -51,7 +51,7 @@ public:
         Binary = 1      // the body's bytes as the payload
     };
 
-    // What became of a send; filled in whether it succeeded or not.
+    // What became of a send; filled in whether it succeeded or not, unless it was refused before a first attempt.
     struct CSendResult
     {
         bool retried = false;      // more than one attempt was made
@@ -79,7 +79,8 @@ public:
         virtual ~CHTTPRequestData() = default;
 
         [[nodiscard]] CProgress GetProgress() const noexcept;
-        // The value of the Cookie header that the request was opened with; empty for none.
+        // The value of the Cookie header that the request was opened with, or of its last redirect's over the Windows
+        // transports; empty for none. Not while the request is being sent.
         [[nodiscard]] const std::wstring& CookieHeader() const noexcept { return m_cookieHeader; }
 
     protected:
@@ -91,7 +92,8 @@ public:
     };
 
     // Told when the body of a request has left, before the answer is there. Called on a thread of the transport's, possibly
-    // several times for one request, while the message is locked: do not call the message from inside.
+    // several times for one request, while the message is locked: do not call the message from inside. A failure fails the
+    // request over WinHTTP; the others pass over it.
     class CallBack
     {
     public:
@@ -126,7 +128,8 @@ public:
     // Makes a request to the server address: its proxy and its cookies are looked up now.
     [[nodiscard]] virtual HRESULT OpenRequest(std::shared_ptr<CHTTPRequestData>& request) noexcept = 0;
 
-    // Sends parameters and payload as a POST and waits for the answer's status and body. `utf8` chooses UTF-8 or the system's
+    // Sends parameters and payload as a POST and waits for the answer: for its status and, with libcurl, its body,
+    // which the Windows transports fetch while it is read. `utf8` chooses UTF-8 or the system's
     // ANSI code page for texts. `signingKey` (hexadecimal text of a private key blob) and `signatureParameterName` are needed
     // for SignedForm. With `allowRetry` a failed attempt is repeated until the transport's time budget is spent, but never
     // after an answer from 400 to 405. Success is status 200 and nothing else. E_INVALIDARG without a request of this message

@@ -43,7 +43,8 @@ private:
     struct CBody;
 
     [[nodiscard]] HRESULT internalClose() noexcept;
-    [[nodiscard]] CHTTPRequestDataCURL* OwnRequest(const std::shared_ptr<CHTTPRequestData>& request) const noexcept;
+    [[nodiscard]] std::shared_ptr<CHTTPRequestDataCURL> OwnRequest(
+        const std::shared_ptr<CHTTPRequestData>& request) const noexcept;
     [[nodiscard]] HRESULT internalOpenRequest(const CServerAddressData& address, std::shared_ptr<CHTTPRequestData>& request);
     [[nodiscard]] HRESULT internalSend(CHTTPRequestDataCURL& request, std::span<const BYTE> body,
                                        const std::wstring& contentTypeHeader, bool post, bool allowRetry, CSendResult* result);

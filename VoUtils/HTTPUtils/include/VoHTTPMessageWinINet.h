@@ -66,6 +66,8 @@ public:
     HRESULT SetUserContext(UINT64 userContext) noexcept override;
 
 private:
+    class CSending;
+
     [[nodiscard]] HRESULT internalConnect();
     [[nodiscard]] HRESULT internalClose() noexcept;
     [[nodiscard]] HRESULT SetTimeoutsAndLimits() noexcept;
@@ -77,7 +79,8 @@ private:
 
     [[nodiscard]] HRESULT internalOpenRequest(const CServerAddressData& address, const wchar_t* verb,
                                               std::shared_ptr<CHTTPRequestData>& request);
-    [[nodiscard]] CHTTPRequestDataWinINet* OwnRequest(const std::shared_ptr<CHTTPRequestData>& request) const noexcept;
+    [[nodiscard]] std::shared_ptr<CHTTPRequestDataWinINet> OwnRequest(
+        const std::shared_ptr<CHTTPRequestData>& request) const noexcept;
     [[nodiscard]] HRESULT OpenHandle(CHTTPRequestDataWinINet& request, const wchar_t* verb);
     [[nodiscard]] HRESULT internalSend(CHTTPRequestDataWinINet& request, std::span<const BYTE> body,
                                        const std::wstring& contentTypeHeader, bool allowRetry, CSendResult* result);
@@ -86,6 +89,8 @@ private:
     [[nodiscard]] HRESULT SendBody(CHTTPRequestDataWinINet& request, std::span<const BYTE> body, const std::wstring& headers);
     [[nodiscard]] HRESULT BeginSend(void* request, DWORD bodyLength, const std::wstring& headers) noexcept;
     [[nodiscard]] HRESULT WriteBody(CHTTPRequestDataWinINet& request, std::span<const BYTE> body) const noexcept;
+    static void CALLBACK OnStatus(void* handle, DWORD_PTR context, DWORD status, void* information, DWORD length) noexcept;
+    void OnRedirect(CHTTPRequestDataWinINet& request, const wchar_t* url) const noexcept;
     [[nodiscard]] HRESULT GetCookiesForRequest(CHTTPRequestDataWinINet& request, std::wstring& header) const;
     void ReadCookiesFromWinINetResponse(const CHTTPRequestDataWinINet& request) const noexcept;
     [[nodiscard]] HRESULT internalReadResponse(CHTTPRequestDataWinINet& request);

@@ -54,7 +54,8 @@ public:
 };
 
 // Asks somebody for credentials. The application may put its own implementation in place of the library's dialog. Called on the
-// thread that meets the challenge, which may be one of the transport's own.
+// thread that meets the challenge, which may be one of the transport's own, while the message is locked: do not call the
+// message from inside, which may wait for ever.
 class IVoAuthenticationCallback : public IUnknown
 {
 public:

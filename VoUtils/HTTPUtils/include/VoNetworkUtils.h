@@ -26,9 +26,9 @@ public:
     // Resolves a host name; the first IPv4 address is preferred to the first IPv6 address. Blocks while the resolver works, and
     // starts Windows Sockets for the process at the first use. When nothing was found: the resolver's error as an HRESULT, or
     // E_FAIL, reported; with `quiet`, S_OK with `found` false and no report.
-    [[nodiscard]] HRESULT InitFromDNSAddress(const std::wstring& hostName, bool quiet, bool& found) noexcept;
+    [[nodiscard]] HRESULT InitFromDNSAddress(std::wstring hostName, bool quiet, bool& found) noexcept;
     // Takes an address's text; an IPv6 address may stand in brackets, as in URLs. E_INVALIDARG for text that is neither form.
-    [[nodiscard]] HRESULT InitFromIPAddress(const std::wstring& addressText) noexcept;
+    [[nodiscard]] HRESULT InitFromIPAddress(std::wstring addressText) noexcept;
     // Takes the address of a SOCKADDR_IN or SOCKADDR_IN6, which its family tells. E_INVALIDARG for any other family. With
     // `quiet` failures give S_OK with `taken` false and no report.
     [[nodiscard]] HRESULT InitFromIPAddress(const SOCKADDR& socketAddress, bool quiet, bool& taken) noexcept;

@@ -72,6 +72,8 @@ public:
     // Uses the connections that the message keeps now.
     [[nodiscard]] HRESULT UseConnections(std::shared_ptr<CCURLConnections> connections) noexcept;
     [[nodiscard]] std::wstring ErrorText() const;
+    // Takes over the client's address on the transfer's connection.
+    void ReadLocalAddress() noexcept;
 
     using CHTTPRequestData::m_cookieHeader;
     using CHTTPRequestData::m_received;
@@ -174,6 +176,14 @@ std::wstring CVoHTTPMessageCURL::CHTTPRequestDataCURL::ErrorText() const
     return text;
 }
 
+void CVoHTTPMessageCURL::CHTTPRequestDataCURL::ReadLocalAddress() noexcept
+{
+    const char* address = nullptr;
+    curl_easy_getinfo(m_handle.get(), CURLINFO_LOCAL_IP, &address);
+    if (address)
+        (void)VoUTF8ToString(address, m_localIPAddress);
+}
+
 HRESULT CVoHTTPMessageCURL::CHTTPRequestDataCURL::InitCURLHandle(UINT32 connectTimeout, UINT32 requestTimeout, bool verify,
                                                                  bool checkRevocation)
 {
@@ -251,13 +261,15 @@ HRESULT CVoHTTPMessageCURL::AnswerChallenge(CHTTPRequestDataCURL& request, bool 
     const char* ownUrl = nullptr;
     if (const HRESULT hr = CURLGetInfo(handle, CURLINFO_EFFECTIVE_URL, &ownUrl); FAILED(hr))
         return report(960, hr);
-    // A copy, as the handle lets its text go when it gets another URL.
-    const std::string effectiveUrl(ownUrl ? ownUrl : "");
+    // Copies, as the handle lets its text go when it gets another URL.
     std::wstring url;
+    std::string urlBytes;
     CServerAddressData address;
-    HRESULT hr = VoUTF8ToString(effectiveUrl, url);
+    HRESULT hr = VoUTF8ToString(ownUrl ? ownUrl : "", url);
     if (SUCCEEDED(hr))
-        hr = address.SetAddress(url, false, true, true);
+        hr = address.SetAddress(VoWithoutUserInfo(url), false, true, true);
+    if (SUCCEEDED(hr))
+        hr = VoUrlToBytes(address.FullURL(), urlBytes);
     if (FAILED(hr))
         return report(962, hr);
 
@@ -266,7 +278,8 @@ HRESULT CVoHTTPMessageCURL::AnswerChallenge(CHTTPRequestDataCURL& request, bool 
         if (hr = VoUTF8ToString(request.m_proxy, proxyName); FAILED(hr))
             return report(964, hr);
     CCredentials entered;
-    if (hr = AskForCredentials(*m_authCallback.Get(), address, proxy ? &proxyName : nullptr, entered); FAILED(hr))
+    const CVoComPtr<IVoAuthenticationCallback> callback = m_authCallback; // a call back may connect the message anew
+    if (hr = AskForCredentials(*callback.Get(), address, proxy ? &proxyName : nullptr, entered); FAILED(hr))
         return report(hr == kResultCancelled ? 972 : 969, hr);
 
     CCURLCredentials credentials;
@@ -296,7 +309,7 @@ HRESULT CVoHTTPMessageCURL::AnswerChallenge(CHTTPRequestDataCURL& request, bool 
         // A redirect led to another server, which is the one that asks. libcurl sends credentials to the host of the URL only,
         // so the request goes to that server directly: they reach nobody else.
         const char* method = nullptr;
-        options.Set(979, CURLOPT_URL, effectiveUrl.c_str());
+        options.Set(979, CURLOPT_URL, urlBytes.c_str());
         if (curl_easy_getinfo(handle, CURLINFO_EFFECTIVE_METHOD, &method) == CURLE_OK && method &&
             std::strcmp(method, "GET") == 0)
             options.Set(980, CURLOPT_HTTPGET, 1L);
@@ -390,6 +403,10 @@ HRESULT CVoHTTPMessageCURL::internalSendRAW(CHTTPRequestDataCURL& request, std::
             curl_easy_getinfo(handle, CURLINFO_HTTP_CONNECTCODE, &connectStatus);
             if (static_cast<UINT32>(connectStatus) == kStatusOk)
                 KeepProxyCredentials(request);
+            // How far it came: an answer that broke off has its status, which decides about a further attempt.
+            if (curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status) == CURLE_OK)
+                request.m_statusCode = static_cast<UINT32>(status);
+            request.ReadLocalAddress();
             if (code == CURLE_OPERATION_TIMEDOUT)
                 return report(911, kResultTimeout);
             if (static_cast<UINT32>(connectStatus) != kStatusProxyAuthenticationRequired)
@@ -413,10 +430,7 @@ HRESULT CVoHTTPMessageCURL::internalSendRAW(CHTTPRequestDataCURL& request, std::
         break;
     }
 
-    const char* localAddress = nullptr;
-    curl_easy_getinfo(handle, CURLINFO_LOCAL_IP, &localAddress);
-    if (localAddress)
-        (void)VoUTF8ToString(localAddress, request.m_localIPAddress);
+    request.ReadLocalAddress();
     if (request.m_statusCode != kStatusOk)
     {
         report.Message(1025, L"Addr:%ls", serverAddress.c_str());
@@ -532,11 +546,12 @@ catch (...)
     return CVoReporter{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::OpenRequest" }.CurrentException(1215);
 }
 
-// The request behind a caller's pointer; null unless this message made it.
-CVoHTTPMessageCURL::CHTTPRequestDataCURL* CVoHTTPMessageCURL::OwnRequest(
+// The request behind a caller's pointer, kept from here on, as a callback may drop the caller's; null unless this message made
+// it.
+std::shared_ptr<CVoHTTPMessageCURL::CHTTPRequestDataCURL> CVoHTTPMessageCURL::OwnRequest(
     const std::shared_ptr<CHTTPRequestData>& request) const noexcept
 {
-    auto* const data = dynamic_cast<CHTTPRequestDataCURL*>(request.get());
+    std::shared_ptr<CHTTPRequestDataCURL> data = std::dynamic_pointer_cast<CHTTPRequestDataCURL>(request);
     return data && data->m_message.get() == this ? data : nullptr;
 }
 
@@ -617,8 +632,8 @@ try
                                            .emptyPayload = 1387,
                                            .unknownKind = 1394,
                                            .exception = 1397 };
+    const auto data = OwnRequest(request);
     const CAutoLock lock(&m_lock);
-    auto* const data = OwnRequest(request);
     if (!data)
         return report(1338, E_INVALIDARG);
     CContent content;
@@ -642,8 +657,8 @@ HRESULT CVoHTTPMessageCURL::SendMultipleMessages(const std::shared_ptr<CHTTPRequ
 try
 {
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::SendMultipleMessages" };
+    const auto data = OwnRequest(request);
     const CAutoLock lock(&m_lock);
-    auto* const data = OwnRequest(request);
     if (!data)
         return report(1420, E_INVALIDARG);
     CContent content;
@@ -664,8 +679,8 @@ HRESULT CVoHTTPMessageCURL::SendGetRequest(std::shared_ptr<CHTTPRequestData>& re
 try
 {
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::SendGetRequest" };
+    auto data = objectPath.empty() ? OwnRequest(request) : nullptr;
     const CAutoLock lock(&m_lock);
-    auto* data = objectPath.empty() ? OwnRequest(request) : nullptr;
     if (!data)
     {
         CServerAddressData address = m_serverAddress;
@@ -676,7 +691,7 @@ try
         if (const HRESULT hr = internalOpenRequest(address, made); FAILED(hr))
             return report(1455, hr);
         request = std::move(made);
-        data = static_cast<CHTTPRequestDataCURL*>(request.get());
+        data = std::static_pointer_cast<CHTTPRequestDataCURL>(request);
     }
     if (const HRESULT hr = internalSend(*data, {}, L"Content-Type:", false, allowRetry, result); FAILED(hr))
         return report(1460, hr);
@@ -692,8 +707,8 @@ HRESULT CVoHTTPMessageCURL::ReadResponse(const std::shared_ptr<CHTTPRequestData>
 try
 {
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::ReadResponse" };
+    const auto data = OwnRequest(request);
     const CAutoLock lock(&m_lock);
-    auto* const data = OwnRequest(request);
     if (!data)
         return report(1480, E_INVALIDARG);
     if (const HRESULT hr = ReadAnswer(data->m_answer, kind, response, isUtf8, isEmpty); FAILED(hr))
@@ -711,8 +726,8 @@ HRESULT CVoHTTPMessageCURL::ReadMultipleResponses(const std::shared_ptr<CHTTPReq
 try
 {
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::ReadMultipleResponses" };
+    const auto data = OwnRequest(request);
     const CAutoLock lock(&m_lock);
-    auto* const data = OwnRequest(request);
     if (!data)
         return report(1510, E_INVALIDARG);
     if (const HRESULT hr = ReadAnswers(data->m_answer, responses, expectedCount, count); FAILED(hr))

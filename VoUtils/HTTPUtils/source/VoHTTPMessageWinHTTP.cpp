@@ -121,6 +121,12 @@ public:
         (void)m_handle.QueryCustomHeaders(WINHTTP_QUERY_CUSTOM, name, &value);
         return value;
     }
+    // How long the answer's body will be; nothing where that is not known. A transfer coding overrides a length (RFC 9112,
+    // section 6.3).
+    [[nodiscard]] std::optional<UINT64> AnnouncedLength() const
+    {
+        return Header(L"Transfer-Encoding").empty() ? WindowsTransport::ParseLength(Header(L"Content-Length")) : std::nullopt;
+    }
     // The status of the last answer; 0 where there is none.
     [[nodiscard]] UINT32 QueryStatus() const noexcept
     {
@@ -293,11 +299,12 @@ HRESULT CVoHTTPMessageWinHTTP::internalOpenRequest(const CServerAddressData& add
     return S_OK;
 }
 
-// The request behind a caller's pointer; null unless this message made it.
-CVoHTTPMessageWinHTTP::CHTTPRequestDataWinHTTP* CVoHTTPMessageWinHTTP::OwnRequest(
+// The request behind a caller's pointer, kept from here on, as a callback may drop the caller's; null unless this message made
+// it.
+std::shared_ptr<CVoHTTPMessageWinHTTP::CHTTPRequestDataWinHTTP> CVoHTTPMessageWinHTTP::OwnRequest(
     const std::shared_ptr<CHTTPRequestData>& request) const noexcept
 {
-    auto* const data = dynamic_cast<CHTTPRequestDataWinHTTP*>(request.get());
+    std::shared_ptr<CHTTPRequestDataWinHTTP> data = std::dynamic_pointer_cast<CHTTPRequestDataWinHTTP>(request);
     return data && data->m_message.lock().get() == this ? data : nullptr;
 }
 
@@ -407,7 +414,8 @@ HRESULT CVoHTTPMessageWinHTTP::internalSend(CHTTPRequestDataWinHTTP& request, st
     if (CallBack* const callBack = SUCCEEDED(hr) ? GetCallBack() : nullptr)
         if (hr = callBack->OnRequestSent(); FAILED(hr))
             report(415, hr);
-    if (SUCCEEDED(hr))
+    // Those of any answer of the server's; a 407 is the proxy's.
+    if (request.m_statusCode != 0 && request.m_statusCode != HTTP_STATUS_PROXY_AUTH_REQ)
         StoreCookies(request);
     if (request.m_statusCode != 0)
         if (const HRESULT known = request.FillLocalIPAddress(); FAILED(known))
@@ -500,6 +508,7 @@ HRESULT CVoHTTPMessageWinHTTP::SendUntilAnswered(CHTTPRequestDataWinHTTP& reques
             request.m_statusCode = request.m_exchange->GetStatusCode();
             if (request.m_statusCode == kStatusOk)
             {
+                request.m_toReceive = request.AnnouncedLength().value_or(0);
                 hr = S_OK;
                 break;
             }
@@ -568,8 +577,9 @@ HRESULT CVoHTTPMessageWinHTTP::OnAuthenticationRequest(CHTTPRequestDataWinHTTP& 
     if (!request.m_answering)
         return report(552, E_FAIL);
     CCredentials entered;
+    const CVoComPtr<IVoAuthenticationCallback> callback = m_authCallback; // a call back may connect the message anew
     if (const HRESULT hr =
-            AskForCredentials(*m_authCallback.Get(), *request.m_answering, proxy ? &request.m_proxyName : nullptr, entered);
+            AskForCredentials(*callback.Get(), *request.m_answering, proxy ? &request.m_proxyName : nullptr, entered);
         FAILED(hr))
         return report(555, hr);
     if (proxy)
@@ -599,7 +609,7 @@ HRESULT CVoHTTPMessageWinHTTP::OnRedirect(CHTTPRequestDataWinHTTP& request, cons
     const std::wstring absolute = url.starts_with(L'/') && request.m_answering ? request.m_answering->BaseURL() + url : url;
     CServerAddressData target;
     std::wstring cookies;
-    if (SUCCEEDED(target.SetAddress(absolute, false, true, true)))
+    if (SUCCEEDED(target.SetAddress(VoWithoutUserInfo(absolute), false, true, true)))
     {
         request.m_answering = target;
         if (const HRESULT hr = GetCookieHeader(target, cookies); FAILED(hr))
@@ -656,8 +666,9 @@ try
                                            .emptyPayload = 644,
                                            .unknownKind = 645,
                                            .exception = 646 };
+    const auto keep = weak_from_this().lock(); // a callback may drop the caller's message too
+    const auto data = OwnRequest(request);
     const CAutoLock lock(&m_lock);
-    auto* const data = OwnRequest(request);
     if (!data || !data->m_handle.IsOpen())
         return report(630, E_INVALIDARG);
     CContent content;
@@ -680,8 +691,9 @@ HRESULT CVoHTTPMessageWinHTTP::SendMultipleMessages(const std::shared_ptr<CHTTPR
 try
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinHTTP::SendMultipleMessages" };
+    const auto keep = weak_from_this().lock(); // a callback may drop the caller's message too
+    const auto data = OwnRequest(request);
     const CAutoLock lock(&m_lock);
-    auto* const data = OwnRequest(request);
     if (!data || !data->m_handle.IsOpen())
         return report(670, E_INVALIDARG);
     CContent content;
@@ -701,8 +713,9 @@ HRESULT CVoHTTPMessageWinHTTP::SendGetRequest(std::shared_ptr<CHTTPRequestData>&
 try
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinHTTP::SendGetRequest" };
+    const auto keep = weak_from_this().lock(); // a callback may drop the caller's message too
+    const auto data = objectPath.empty() ? OwnRequest(request) : nullptr;
     const CAutoLock lock(&m_lock);
-    auto* const data = objectPath.empty() ? OwnRequest(request) : nullptr;
     if (data)
     {
         if (const HRESULT hr = OpenHandle(*data, L"GET"); FAILED(hr))
@@ -736,8 +749,7 @@ HRESULT CVoHTTPMessageWinHTTP::internalReadResponse(CHTTPRequestDataWinHTTP& req
     if (!request.m_answered)
         return S_OK;
     request.m_answered = false;
-    const std::optional<UINT64> announced = WindowsTransport::ParseLength(request.Header(L"Content-Length"));
-    request.m_toReceive = announced.value_or(0);
+    const std::optional<UINT64> announced = request.AnnouncedLength();
     CAnswer answer;
     try
     {
@@ -766,8 +778,9 @@ HRESULT CVoHTTPMessageWinHTTP::ReadResponse(const std::shared_ptr<CHTTPRequestDa
 try
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinHTTP::ReadResponse" };
+    const auto keep = weak_from_this().lock(); // a callback may drop the caller's message too
+    const auto data = OwnRequest(request);
     const CAutoLock lock(&m_lock);
-    auto* const data = OwnRequest(request);
     if (!data)
         return report(770, E_INVALIDARG);
     if (const HRESULT hr = internalReadResponse(*data); FAILED(hr))
@@ -787,8 +800,9 @@ HRESULT CVoHTTPMessageWinHTTP::ReadMultipleResponses(const std::shared_ptr<CHTTP
 try
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinHTTP::ReadMultipleResponses" };
+    const auto keep = weak_from_this().lock(); // a callback may drop the caller's message too
+    const auto data = OwnRequest(request);
     const CAutoLock lock(&m_lock);
-    auto* const data = OwnRequest(request);
     if (!data)
         return report(800, E_INVALIDARG);
     if (const HRESULT hr = internalReadResponse(*data); FAILED(hr))

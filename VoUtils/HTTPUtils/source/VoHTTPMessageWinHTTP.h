@@ -57,7 +57,8 @@ private:
 
     [[nodiscard]] HRESULT internalOpenRequest(const CServerAddressData& address, const wchar_t* verb,
                                               std::shared_ptr<CHTTPRequestData>& request);
-    [[nodiscard]] CHTTPRequestDataWinHTTP* OwnRequest(const std::shared_ptr<CHTTPRequestData>& request) const noexcept;
+    [[nodiscard]] std::shared_ptr<CHTTPRequestDataWinHTTP> OwnRequest(
+        const std::shared_ptr<CHTTPRequestData>& request) const noexcept;
     [[nodiscard]] HRESULT OpenHandle(CHTTPRequestDataWinHTTP& request, const wchar_t* verb);
     [[nodiscard]] HRESULT SetProxy(CHTTPRequestDataWinHTTP& request) const;
     [[nodiscard]] HRESULT SetCookie(CHTTPRequestDataWinHTTP& request) const;

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <utility>
 
 namespace VoHTTPMessageWinINet
 {
@@ -69,6 +70,8 @@ public:
     // The request's handle lives under the message's connection, so the message is kept; the handle goes first.
     std::shared_ptr<CVoHTTPMessageWinINet> m_message;
     CInternetHandle m_handle;
+    // The request that this thread sends: the platform's callback comes on the thread that waits for it.
+    static thread_local CHTTPRequestDataWinINet* t_sending;
     bool m_isHandleUsed = false; // something was sent with it
     const wchar_t* m_verb = L"POST";
     CServerAddressData m_address;
@@ -76,6 +79,24 @@ public:
     UINT32 m_statusCode = 0;
     bool m_answered = false; // an answer waits at the handle
     CAnswer m_answer;        // one that was read from there
+};
+thread_local CVoHTTPMessageWinINet::CHTTPRequestDataWinINet* CVoHTTPMessageWinINet::CHTTPRequestDataWinINet::t_sending =
+    nullptr;
+
+// Names the request that this thread sends.
+class CVoHTTPMessageWinINet::CSending
+{
+public:
+    explicit CSending(CHTTPRequestDataWinINet& request) noexcept
+        : m_outer(std::exchange(CHTTPRequestDataWinINet::t_sending, &request))
+    {
+    }
+    ~CSending() { CHTTPRequestDataWinINet::t_sending = m_outer; }
+    CSending(const CSending&) = delete;
+    CSending& operator=(const CSending&) = delete;
+
+private:
+    CHTTPRequestDataWinINet* m_outer;
 };
 
 CVoHTTPMessageWinINet::~CVoHTTPMessageWinINet()
@@ -361,11 +382,12 @@ HRESULT CVoHTTPMessageWinINet::internalOpenRequest(const CServerAddressData& add
     return S_OK;
 }
 
-// The request behind a caller's pointer; null unless this message made it.
-CVoHTTPMessageWinINet::CHTTPRequestDataWinINet* CVoHTTPMessageWinINet::OwnRequest(
+// The request behind a caller's pointer, kept from here on, as a callback may drop the caller's; null unless this message made
+// it.
+std::shared_ptr<CVoHTTPMessageWinINet::CHTTPRequestDataWinINet> CVoHTTPMessageWinINet::OwnRequest(
     const std::shared_ptr<CHTTPRequestData>& request) const noexcept
 {
-    auto* const data = dynamic_cast<CHTTPRequestDataWinINet*>(request.get());
+    std::shared_ptr<CHTTPRequestDataWinINet> data = std::dynamic_pointer_cast<CHTTPRequestDataWinINet>(request);
     return data && data->m_message.get() == this ? data : nullptr;
 }
 
@@ -382,6 +404,12 @@ HRESULT CVoHTTPMessageWinINet::OpenHandle(CHTTPRequestDataWinINet& request, cons
         ::HttpOpenRequestW(m_connection.Get(), verb, objectName.c_str(), L"HTTP/1.1", nullptr, acceptTypes, flags, 0));
     if (!handle)
         return report.LastError(605, 606);
+    if (::InternetSetStatusCallbackW(handle.Get(), &OnStatus) == INTERNET_INVALID_STATUS_CALLBACK)
+        return report.LastError(607, 608);
+    // Calls back come for handles with a context only; the one that a send names may be 0.
+    DWORD_PTR context = 1;
+    if (!::InternetSetOptionW(handle.Get(), INTERNET_OPTION_CONTEXT_VALUE, &context, sizeof context))
+        report.LastError(609, 610); // that of the send serves too
     request.m_handle = std::move(handle);
     request.m_isHandleUsed = false;
     request.m_verb = verb;
@@ -455,6 +483,7 @@ HRESULT CVoHTTPMessageWinINet::internalSendRAW(CHTTPRequestDataWinINet& request,
     if (SUCCEEDED(hr))
     {
         ReadCookiesFromWinINetResponse(request);
+        request.m_toReceive = AnnouncedLength(request.m_handle.Get()).value_or(0);
         request.m_answered = true;
         return S_OK;
     }
@@ -467,6 +496,7 @@ HRESULT CVoHTTPMessageWinINet::SendBody(CHTTPRequestDataWinINet& request, std::s
                                         const std::wstring& headers)
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::SendBody" };
+    const CSending sending(request);
     const HINTERNET handle = request.m_handle.Get();
     for (int resends = 0;; ++resends)
     {
@@ -526,6 +556,39 @@ HRESULT CVoHTTPMessageWinINet::WriteBody(CHTTPRequestDataWinINet& request, std::
     return S_OK;
 }
 
+void CALLBACK CVoHTTPMessageWinINet::OnStatus(void* /*handle*/, DWORD_PTR /*context*/, DWORD status, void* information,
+                                              DWORD /*length*/) noexcept
+{
+    CHTTPRequestDataWinINet* const request = CHTTPRequestDataWinINet::t_sending;
+    if (status == INTERNET_STATUS_REDIRECT && request && information)
+        request->m_message->OnRedirect(*request, static_cast<const wchar_t*>(information));
+}
+
+// Headers travel on to wherever a redirect leads unless they are corrected here (the platform's documentation of
+// HttpAddRequestHeaders): cookies of one server are not for another.
+void CVoHTTPMessageWinINet::OnRedirect(CHTTPRequestDataWinINet& request, const wchar_t* url) const noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::OnRedirect" };
+    CServerAddressData target;
+    std::wstring cookies;
+    if (SUCCEEDED(target.SetAddress(VoWithoutUserInfo(url), false, true, true)))
+        if (const HRESULT hr = GetCookieHeader(target, cookies); FAILED(hr))
+            report(720, hr); // the next hop gets none
+    if (cookies.empty() && request.m_cookieHeader.empty())
+        return;
+    // An empty value takes the header away.
+    const std::wstring header = VoFormat(L"Cookie:%ls%ls\r\n", cookies.empty() ? L"" : L" ", cookies.c_str());
+    if (!::HttpAddRequestHeadersW(request.m_handle.Get(), header.c_str(), static_cast<DWORD>(header.size()),
+                                  HTTP_ADDREQ_FLAG_ADD | HTTP_ADDREQ_FLAG_REPLACE))
+        report.LastError(722, 723);
+    request.m_cookieHeader = std::move(cookies);
+}
+catch (...)
+{
+    CVoReporter{ kSource, L"CVoHTTPMessageWinINet::OnRedirect" }.CurrentException(725);
+}
+
 // Hands the answer's cookies to the store, as those of where the answer came from: redirects may have led to another server.
 void CVoHTTPMessageWinINet::ReadCookiesFromWinINetResponse(const CHTTPRequestDataWinINet& request) const noexcept
 try
@@ -574,8 +637,8 @@ try
                                            .emptyPayload = 774,
                                            .unknownKind = 775,
                                            .exception = 776 };
+    const auto data = OwnRequest(request);
     const CAutoLock lock(&m_lock);
-    auto* const data = OwnRequest(request);
     if (!data || !data->m_handle)
         return report(760, E_INVALIDARG);
     CContent content;
@@ -598,8 +661,8 @@ HRESULT CVoHTTPMessageWinINet::SendMultipleMessages(const std::shared_ptr<CHTTPR
 try
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::SendMultipleMessages" };
+    const auto data = OwnRequest(request);
     const CAutoLock lock(&m_lock);
-    auto* const data = OwnRequest(request);
     if (!data || !data->m_handle)
         return report(800, E_INVALIDARG);
     CContent content;
@@ -619,8 +682,8 @@ HRESULT CVoHTTPMessageWinINet::SendGetRequest(std::shared_ptr<CHTTPRequestData>&
 try
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::SendGetRequest" };
+    auto data = objectPath.empty() ? OwnRequest(request) : nullptr;
     const CAutoLock lock(&m_lock);
-    auto* data = objectPath.empty() ? OwnRequest(request) : nullptr;
     if (data && data->m_handle)
     {
         if (const HRESULT hr = OpenHandle(*data, L"GET"); FAILED(hr))
@@ -636,7 +699,7 @@ try
         if (const HRESULT hr = internalOpenRequest(address, L"GET", made); FAILED(hr))
             return report(835, hr);
         request = std::move(made);
-        data = static_cast<CHTTPRequestDataWinINet*>(request.get());
+        data = std::static_pointer_cast<CHTTPRequestDataWinINet>(request);
     }
     if (const HRESULT hr = internalSend(*data, {}, L"Content-Type:", allowRetry, result); FAILED(hr))
         return report(840, hr);
@@ -651,13 +714,10 @@ HRESULT CVoHTTPMessageWinINet::internalReadRAW(CHTTPRequestDataWinINet& request,
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalReadRAW" };
     const HINTERNET handle = request.m_handle.Get();
-    const std::optional<UINT64> announced = GetHeaderLongValue(handle, HTTP_QUERY_CONTENT_LENGTH);
+    const std::optional<UINT64> announced = AnnouncedLength(handle);
     std::vector<BYTE> received;
     if (announced)
-    {
-        request.m_toReceive = *announced;
         received.reserve(static_cast<size_t>(std::min<UINT64>(*announced, kMaximumReserve)) + kReadStep);
-    }
     size_t used = 0;
     for (;;)
     {
@@ -705,8 +765,8 @@ HRESULT CVoHTTPMessageWinINet::ReadResponse(const std::shared_ptr<CHTTPRequestDa
 try
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::ReadResponse" };
+    const auto data = OwnRequest(request);
     const CAutoLock lock(&m_lock);
-    auto* const data = OwnRequest(request);
     if (!data)
         return report(900, E_INVALIDARG);
     if (const HRESULT hr = internalReadResponse(*data); FAILED(hr))
@@ -726,8 +786,8 @@ HRESULT CVoHTTPMessageWinINet::ReadMultipleResponses(const std::shared_ptr<CHTTP
 try
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::ReadMultipleResponses" };
+    const auto data = OwnRequest(request);
     const CAutoLock lock(&m_lock);
-    auto* const data = OwnRequest(request);
     if (!data)
         return report(930, E_INVALIDARG);
     if (const HRESULT hr = internalReadResponse(*data); FAILED(hr))

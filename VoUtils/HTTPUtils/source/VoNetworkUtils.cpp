@@ -99,7 +99,7 @@ HRESULT CVoIPAddress::InitFromIPAddress(const SOCKADDR& socketAddress, bool quie
     }
 }
 
-HRESULT CVoIPAddress::InitFromIPAddress(const std::wstring& addressText) noexcept
+HRESULT CVoIPAddress::InitFromIPAddress(std::wstring addressText) noexcept
 {
     constexpr CVoReporter report{ kSource, kInitFromIPAddress };
     Clear();
@@ -151,7 +151,7 @@ HRESULT CVoIPAddress::InitFromIPAddress(const std::wstring& addressText) noexcep
     }
 }
 
-HRESULT CVoIPAddress::InitFromDNSAddress(const std::wstring& hostName, bool quiet, bool& found) noexcept
+HRESULT CVoIPAddress::InitFromDNSAddress(std::wstring hostName, bool quiet, bool& found) noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoNetworkUtils::CVoIPAddress::InitFromDNSAddress" };
     Clear();

@@ -3,6 +3,8 @@
 #include <base/VoErrorHandler.h>
 #include <base/VoUtils.h>
 
+#include <algorithm>
+
 namespace
 {
 constexpr const wchar_t* kSource = L"..\\source\\VoUrl";
@@ -12,6 +14,7 @@ HRESULT VoUrlToBytes(std::wstring_view url, std::string& bytes) noexcept
 try
 {
     constexpr CVoReporter report{ kSource, L"VoUrlToBytes" };
+    constexpr std::string_view kNotInUrls = "\"<>\\^`{|}"; // of the printable characters
     constexpr char kDigits[] = "0123456789ABCDEF";
     std::string utf8;
     if (const HRESULT hr = VoStringToUTF8(url, utf8); FAILED(hr))
@@ -21,7 +24,7 @@ try
     for (const char c : utf8)
     {
         const auto value = static_cast<BYTE>(c);
-        if (value > 0x20 && value < 0x7F)
+        if (value > 0x20 && value < 0x7F && kNotInUrls.find(c) == std::string_view::npos)
             encoded += c;
         else
             encoded.append({ '%', kDigits[value >> 4], kDigits[value & 15] });
@@ -47,4 +50,18 @@ try
 catch (...)
 {
     return CVoReporter{ kSource, L"VoEncodeUrl" }.CurrentException(55);
+}
+
+std::wstring VoWithoutUserInfo(std::wstring_view url)
+{
+    constexpr std::wstring_view kMark = L"://";
+    const size_t mark = url.find(kMark);
+    if (mark == std::wstring_view::npos)
+        return std::wstring(url);
+    const size_t authority = mark + kMark.size();
+    const size_t end = std::min(url.find_first_of(L"/?#", authority), url.size());
+    const size_t at = url.substr(0, end).rfind(L'@');
+    if (at == std::wstring_view::npos || at < authority)
+        return std::wstring(url);
+    return std::wstring(url.substr(0, authority)).append(url.substr(at + 1));
 }

@@ -105,6 +105,12 @@ std::optional<UINT64> GetHeaderLongValue(HINTERNET request, DWORD query)
     return text ? WindowsTransport::ParseLength(*text) : std::nullopt;
 }
 
+std::optional<UINT64> AnnouncedLength(HINTERNET request)
+{
+    return CheckHeader(request, HTTP_QUERY_TRANSFER_ENCODING) ? std::nullopt
+                                                              : GetHeaderLongValue(request, HTTP_QUERY_CONTENT_LENGTH);
+}
+
 HRESULT QueryStatus(HINTERNET request, UINT32& status, const CVoReporter& report, int line) noexcept
 {
     DWORD value = 0;

@@ -26,6 +26,9 @@ inline constexpr const wchar_t* kSource = L"..\\source\\VoHTTPMessageWinINet";
 [[nodiscard]] std::optional<std::wstring> CheckHeader(HINTERNET request, DWORD query);
 // The same as a number; nothing either where it is no number.
 [[nodiscard]] std::optional<UINT64> GetHeaderLongValue(HINTERNET request, DWORD query);
+// How long the answer's body will be; nothing where that is not known. A transfer coding overrides a length (RFC 9112, section
+// 6.3).
+[[nodiscard]] std::optional<UINT64> AnnouncedLength(HINTERNET request);
 
 // The status of the answer that the request has. Failures are reported at `line` and the one behind it.
 [[nodiscard]] HRESULT QueryStatus(HINTERNET request, UINT32& status, const CVoReporter& report, int line) noexcept;
