@@ -602,6 +602,25 @@ TEST_P(TransportTest, ARequestOutlivesItsMessageAndTheOtherWayRound)
     }
 }
 
+TEST_P(TransportTest, AnObserverMayLetTheRequestAndTheMessageGo)
+{
+    CServer server(&Echo);
+    struct CDropping : CVoHTTPMessage::CallBack
+    {
+        HRESULT OnRequestSent() noexcept override { return request.reset(), message.reset(), S_OK; }
+        std::shared_ptr<CVoHTTPMessage> message;
+        Request request;
+    } dropping;
+    dropping.message = Connect(server.URL());
+    dropping.request = Open(*dropping.message);
+    EXPECT_EQ(dropping.message->SetCallBack(&dropping), S_OK);
+    EXPECT_EQ(dropping.message->SendMessage(dropping.request, MakeMessage({ { L"p", L"q" } }), Kind::Raw, true, {}, {}, false,
+                                            nullptr),
+              S_OK);
+    EXPECT_EQ(dropping.message, nullptr);
+    EXPECT_EQ(server.RequestCount(), 1U);
+}
+
 TEST_P(TransportTest, TellsWhenTheBodyHasLeft)
 {
     struct CCount final : CVoHTTPMessage::CallBack

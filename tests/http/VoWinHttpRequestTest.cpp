@@ -17,6 +17,7 @@
 #include <support/HTTPSupport.h>
 #include <support/ImportHook.h>
 #include <support/MemoryMeter.h>
+#include <support/TestMain.h>
 #include <support/WinHttpHandles.h>
 
 namespace
@@ -356,6 +357,26 @@ TEST(WinHttpRequest, ItsOwnFunctionsMayEndIt)
 }
 
 // ---- Calls that fail: the transport's tests fail them one by one ----
+
+TEST(WinHttpRequest, ARedirectThatIsRefusedIsNotFollowed)
+{
+    for (const bool throws : { false, true })
+    {
+        std::atomic<int> requests{ 0 };
+        CLoopbackServer server([&](const CRequest&, CConnection& connection)
+                               { connection.SendResponse(++requests == 1 ? 302 : 200, { { "Location", "/next" } }); });
+        COwner owner(server.Port());
+        EXPECT_EQ(owner.Init(), S_OK);
+        EXPECT_EQ(owner.exchange.SetRedirectHandler([throws](const std::wstring&) -> HRESULT
+                                                    { return throws ? throw std::bad_alloc() : E_ACCESSDENIED; }),
+                  S_OK);
+        EXPECT_EQ(owner.exchange.Send(), S_OK);
+        EXPECT_EQ(owner.Status(), throws ? E_OUTOFMEMORY : E_ACCESSDENIED);
+        EXPECT_FALSE(owner.request.IsOpen());
+        EXPECT_EQ(owner.exchange.Clear(), S_OK);
+        EXPECT_TRUE(requests == 1 || TestSupport::IsWine()); // Wine looks at the handle no more
+    }
+}
 
 TEST(WinHttpRequest, AFailedSendMayBeRepeated)
 {

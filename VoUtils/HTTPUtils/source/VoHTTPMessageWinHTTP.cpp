@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 #include <optional>
 
 using VoWinHttpInterface::WinHttpRequestHandle;
@@ -38,6 +39,8 @@ constexpr DWORD kIgnoreCertificate = SECURITY_FLAG_IGNORE_UNKNOWN_CA | SECURITY_
 
 // Windows 8.1 brought WINHTTP_ACCESS_TYPE_AUTOMATIC_PROXY (the platform's documentation of WinHttpOpen).
 constexpr DWORD kAccessTypeAutomaticProxy = 4;
+constexpr wchar_t kCookieHeader[] = L"Cookie:"; // with nothing behind it, it takes the header away
+constexpr DWORD kReplaceHeader = WINHTTP_ADDREQ_FLAG_ADD | WINHTTP_ADDREQ_FLAG_REPLACE;
 bool HasAutomaticProxy() noexcept
 {
     OSVERSIONINFOEXW version{};
@@ -602,6 +605,7 @@ HRESULT CVoHTTPMessageWinHTTP::OnAuthenticationRequest(CHTTPRequestDataWinHTTP& 
 // Headers travel on to wherever a redirect leads unless they are corrected here (the platform's documentation of
 // WinHttpAddRequestHeaders): cookies of one server are not for another.
 HRESULT CVoHTTPMessageWinHTTP::OnRedirect(CHTTPRequestDataWinHTTP& request, const std::wstring& url) const
+try
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinHTTP::OnRedirect" };
     const CAutoLock lock(&m_storesLock);
@@ -619,14 +623,18 @@ HRESULT CVoHTTPMessageWinHTTP::OnRedirect(CHTTPRequestDataWinHTTP& request, cons
         request.m_answering.reset();
     if (cookies.empty() && request.m_cookieHeader.empty())
         return S_OK;
-    // An empty value takes the header away.
-    const std::wstring header = L"Cookie:" + cookies;
-    if (const HRESULT hr = request.m_handle.AddHeader(header.c_str(), static_cast<DWORD>(header.size()),
-                                                      WINHTTP_ADDREQ_FLAG_ADD | WINHTTP_ADDREQ_FLAG_REPLACE);
+    const std::wstring header = kCookieHeader + cookies;
+    if (const HRESULT hr = request.m_handle.AddHeader(header.c_str(), static_cast<DWORD>(header.size()), kReplaceHeader);
         FAILED(hr))
         return report(585, hr);
     request.m_cookieHeader = std::move(cookies);
     return S_OK;
+}
+catch (...)
+{
+    // Taking the header away needs no memory here.
+    (void)request.m_handle.AddHeader(kCookieHeader, static_cast<DWORD>(std::size(kCookieHeader) - 1), kReplaceHeader);
+    return CVoReporter{ kSource, L"CVoHTTPMessageWinHTTP::OnRedirect" }.CurrentException(588);
 }
 
 void CVoHTTPMessageWinHTTP::StoreCookies(const CHTTPRequestDataWinHTTP& request) const noexcept
