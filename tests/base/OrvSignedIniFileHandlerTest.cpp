@@ -111,6 +111,7 @@ TEST(SignedIniFile, OnlyWhatIsReadIsProtected)
         { "[Empty]", "[Void]", true }, // the name of an empty section is not signed
         { "x=1", "x=2", false },
         { "x=1\r\nkey=value", "key=value\r\nx=1", false },
+        { "[Empty]\r\n", "[Empty]\r\na=\r\n", false },
         { "[Empty]\r\n", "", false },
         { "[A]", "[a]", false },
         { start, start == "AA" ? "BB" : "AA", false },

@@ -7,7 +7,6 @@
 
 #include <gmock/gmock.h>
 
-#include <algorithm>
 #include <optional>
 #include <random>
 #include <string>
@@ -141,6 +140,15 @@ TEST(DataParser, TypedValuesReadBackAndRefuseOtherText)
     through(L"yes", true);
     EXPECT_EQ(parser.AddParam(L"bytes", Variant(CBytes{ 0xAB, 0x00, 0xCD }).Get()), S_OK);
     EXPECT_EQ(TextOf(parser), L"text=$$$&no digits&high=-1&number=1234.5&yes=True&bytes=AB00CD");
+
+    for (const auto& [text, result] : { std::pair(L"4294967295", S_OK), { L"4294967296", DISP_E_OVERFLOW } })
+    {
+        CVoDataParser number;
+        UINT32 value = 0;
+        EXPECT_EQ(number.AddParam(L"n", std::wstring_view(text)), S_OK);
+        EXPECT_EQ(number.GetParam(L"n", value), result);
+        EXPECT_EQ(value, result == S_OK ? 0xFFFFFFFFU : 0U);
+    }
 
     CVoVariant read;
     EXPECT_EQ(parser.GetParam(L"bytes", read.Get(), VT_ARRAY | VT_UI1), S_OK);

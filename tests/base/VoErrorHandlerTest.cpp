@@ -7,7 +7,6 @@
 #include <support/LogCapture.h>
 #include <support/TestMain.h>
 
-#include <algorithm>
 #include <array>
 #include <regex>
 #include <stdexcept>
@@ -209,6 +208,15 @@ TEST(Settings, AreReadWithDefaultsAndLimits)
         read(std::string("[DEBUG]\r\nAPPLOGCUTOFFSIZEINKBYTE=") + text);
         EXPECT_EQ(VoReadModuleSettings(folder.wstring()).cutOffSizeKiB, size) << text;
     }
+}
+
+TEST(Settings, TheFolderIsFixedOnceTheLogIsThere)
+{
+    const HRESULT tooLate = HResultFromWin32(ERROR_ALREADY_INITIALIZED);
+    const CLogCapture log;
+    EXPECT_EQ(VoSetModuleSettingsDirectory(L"C:\\"), tooLate);
+    EXPECT_THAT(log.Lines(), ElementsAre(IsReportBy(L"VoSetModuleSettingsDirectory", tooLate)));
+    EXPECT_EQ(VoErrorLog().Settings().directory, TestFolder().wstring());
 }
 
 TEST(LogFile, EveryRunBeginsWithItsHeaderAndTheStartLine)

@@ -12,7 +12,6 @@
 using namespace TestSupport;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 static std::wstring g_shown;
 
@@ -48,6 +47,7 @@ std::wstring ProgramName()
     EXPECT_EQ(GetModuleDirAndFileName(nullptr, nullptr, &name), S_OK);
     return name;
 }
+
 TEST(ErrorText, TheFacilityDecidesWhereTheTextIsLookedUp)
 {
     // What FormatMessageW is asked for; the wording is the platform's own.

@@ -343,6 +343,12 @@ TEST(WmiQuery, AWorkerThatEndsOrDiesIsAFailureAndNoHang)
     }
     EXPECT_EQ(scenario.alive, 0);
     {
+        CVoWMIQueryBase wmi(kNamespace);
+        EXPECT_EQ(wmi.Stop(false), S_OK); // before there is a worker
+        ExpectNoAnswer(wmi);
+        EXPECT_EQ(wmi.Start(), E_FAIL);
+    }
+    {
         // The thread is gone in the middle of a query, with all that it held.
         scenario.beforeNext = [] { ::ExitThread(7); };
         CVoWMIQueryBase wmi(kNamespace);

@@ -53,7 +53,7 @@ public:
     [[nodiscard]] bool IsChanged() const noexcept;
 
     // Read a parameter. `value` holds the default on entry, and keeps it when there is no such parameter (S_OK) or when its
-    // text is none of the type asked for (E_INVALIDARG; ERROR_ARITHMETIC_OVERFLOW for an integer out of range; for an array
+    // text is none of the type asked for (E_INVALIDARG; ERROR_ARITHMETIC_OVERFLOW for a number out of range; for an array
     // also the codes of CVoDataParser). `present` (may be null) tells whether it is in the file, whatever its text.
     [[nodiscard]] HRESULT Get(std::wstring_view section, std::wstring_view name, std::wstring& value,
                               bool* present = nullptr) const noexcept;

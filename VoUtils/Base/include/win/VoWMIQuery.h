@@ -47,8 +47,8 @@ public:
     ~CVoWMIQueryBase() override;
 
     // Starts the worker and connects it to the namespace, unless that was done. S_OK, or what kept it from starting: WMI's or
-    // COM's failure (0x8004100E for a namespace that does not exist), or the platform's when there is no thread. A failed start
-    // is final: this and every later call of Start gives the same code.
+    // COM's failure (0x8004100E for a namespace that does not exist), the platform's when there is no thread, or E_FAIL after
+    // Stop. A failed start is final: this and every later call of Start gives the same code.
     [[nodiscard]] HRESULT Start() noexcept;
 
     // Runs one query ("SELECT ... FROM ...") and calls back for each object; after the return the callback is called no more.

@@ -242,13 +242,14 @@ HRESULT CVoThread::Stop(bool wait, DWORD* exitCode) noexcept
     const std::shared_ptr<SShared> shared = m_shared;
     const bool useFinishedEvent = m_useFinishedEvent;
     const bool isWaiting = wait && shared->thread && ::GetCurrentThreadId() != m_threadId.load();
+    const bool isSuspended = isWaiting && m_isSuspended.load();
     HRESULT result = S_OK;
-    if (isWaiting)
-        result = Resume();
     m_stopRequested.store(true);
     if (const HRESULT hr = shared->stop.Set(); FAILED(hr))
-        KeepFirst(result, report(880, hr));
-    // A thread that deletes its object may have done so from here on.
+        result = report(880, hr);
+    // A thread that deletes its object may have done so from here on, unless it is to be let go first.
+    if (isSuspended)
+        KeepFirst(result, Resume());
     if (!isWaiting)
         return result;
 

@@ -174,21 +174,20 @@ bool ChangeToText(VARIANT& result, const VARIANT& source, LCID locale, HRESULT& 
 // The change itself, unreported. `destination` is replaced on success only.
 HRESULT ChangeVariantType(VARIANT& destination, const VARIANT& source, VARTYPE type, LCID locale) noexcept
 {
-    // What a reference stands for is changed as it would be by itself.
-    if (V_VT(&source) & VT_BYREF)
-    {
-        CVoVariant value;
-        if (const HRESULT hr = ::VariantCopyInd(&value.Get(), const_cast<VARIANT*>(&source)); FAILED(hr))
+    // What a reference stands for is changed as it would be by itself. Some of the platform's headers leave out the source's
+    // const.
+    CVoVariant referred;
+    const bool isReference = (V_VT(&source) & VT_BYREF) != 0;
+    if (isReference)
+        if (const HRESULT hr = ::VariantCopyInd(&referred.Get(), const_cast<VARIANT*>(&source)); FAILED(hr))
             return hr;
-        return ChangeVariantType(destination, value.Get(), type, locale);
-    }
+    const VARIANT& value = isReference ? referred.Get() : source;
     CVoVariant result;
     HRESULT hr = S_OK;
-    const bool done = (V_VT(&source) == VT_BSTR && ChangeFromText(result.Get(), V_BSTR(&source), type, locale, hr)) ||
-                      (type == VT_BSTR && ChangeToText(result.Get(), source, locale, hr));
+    const bool done = (V_VT(&value) == VT_BSTR && ChangeFromText(result.Get(), V_BSTR(&value), type, locale, hr)) ||
+                      (type == VT_BSTR && ChangeToText(result.Get(), value, locale, hr));
     if (!done)
-        // Some of the platform's headers leave out the source's const.
-        hr = ::VariantChangeTypeEx(&result.Get(), const_cast<VARIANT*>(&source), locale, 0, type);
+        hr = ::VariantChangeTypeEx(&result.Get(), const_cast<VARIANT*>(&value), locale, 0, type);
     if (FAILED(hr))
         return hr;
     if (const HRESULT cleared = ::VariantClear(&destination); FAILED(cleared))
@@ -516,13 +515,15 @@ HRESULT VoVariantToTypeNoLocale(const VARIANT& variant, UINT32& value) noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoVariantToTypeNoLocale" };
     CVoVariant result;
-    // The upper half of the unsigned range may also stand as what it means; that there is more to try is no failure yet.
-    const bool isTooLarge = ChangeVariantType(result.Get(), variant, VT_I4, LOCALE_INVARIANT) == DISP_E_OVERFLOW;
-    if (const HRESULT hr =
-            VoChangeVariantTypeNoLocale(result.Get(), variant, isTooLarge ? VARTYPE{ VT_UI4 } : VARTYPE{ VT_I4 });
-        FAILED(hr))
-        return report(301, hr);
-    value = isTooLarge ? V_UI4(&result.Get()) : static_cast<UINT32>(V_I4(&result.Get()));
+    const HRESULT direct = ChangeVariantType(result.Get(), variant, VT_I4, LOCALE_INVARIANT);
+    if (FAILED(direct))
+    {
+        // The upper half of the unsigned range may also stand as what it means.
+        const VARTYPE type = direct == DISP_E_OVERFLOW ? VARTYPE{ VT_UI4 } : VARTYPE{ VT_I4 };
+        if (const HRESULT hr = VoChangeVariantTypeNoLocale(result.Get(), variant, type); FAILED(hr))
+            return report(301, hr);
+    }
+    value = V_UI4(&result.Get()); // both types have the same bits
     return S_OK;
 }
 

@@ -22,7 +22,7 @@ void Check(HRESULT hr)
         throw CVoHResultException(hr);
 }
 
-// Makes a value the type asked for.
+// Makes a value the type asked for. A number out of range gets the code that it has for the plain types too.
 void ChangeType(VARIANT& variant, VARTYPE type)
 {
     const HRESULT hr = VoChangeVariantTypeNoLocale(variant, variant, type);

@@ -283,7 +283,7 @@ bool COrvRSAKey::HasRoomFor(const COrvHashBase& hash) const noexcept
             return 83; // SHA-512
         }
     };
-    return m_bits / 8 >= encodedLength() + kPadding;
+    return (m_bits + 7) / 8 >= encodedLength() + kPadding;
 }
 
 HRESULT COrvRSAKey::ExportKey(DWORD blobType, std::wstring& hexText) const noexcept
@@ -417,14 +417,14 @@ HRESULT COrvDigitalSignature::SignString(const BYTE* data, UINT32 length, COrvHa
             return report(414, hr);
         if (const HRESULT hr = key.ImportKeyForSigning(privateKey); FAILED(hr))
             return report(416, hr);
-        if (!key.HasRoomFor(hash))
-            return report(418, NTE_BAD_LEN);
         CVoByteBuffer result;
         {
             const CVoHashGuard guard(hash);
             CVoHashBlock block(data, length);
             if (const HRESULT hr = MakeHash(report, 420, hash, key.Provider(), block); FAILED(hr))
                 return hr;
+            if (!key.HasRoomFor(hash))
+                return report(422, NTE_BAD_LEN);
             if (const HRESULT hr = SignHash(report, hash.Handle(), result); FAILED(hr))
                 return hr;
         }
@@ -457,13 +457,14 @@ HRESULT COrvDigitalSignature::VerifyString(IVoHashInput& data, COrvHashBase& has
     if (const HRESULT hr = key.ImportKeyForVerifying(publicKey); FAILED(hr))
         return report(445, hr);
     bool isValid = false;
-    if (key.HasRoomFor(hash))
     {
         const CVoHashGuard guard(hash);
         if (const HRESULT hr = MakeHash(report, 449, hash, key.Provider(), data); FAILED(hr))
             return hr;
-        isValid = ::CryptVerifySignatureW(hash.Handle(), signature, signatureLength, key.Key(), nullptr, 0) != FALSE;
-        if (!isValid)
+        const bool isPossible = key.HasRoomFor(hash);
+        isValid =
+            isPossible && ::CryptVerifySignatureW(hash.Handle(), signature, signatureLength, key.Key(), nullptr, 0) != FALSE;
+        if (isPossible && !isValid)
         {
             // Providers say "not valid" in two ways; a wrong length may be an invalid parameter.
             const DWORD error = ::GetLastError();
