@@ -13,9 +13,7 @@
 namespace
 {
 using nlohmann::json;
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::StartsWith;
 
 constexpr const char* kMessageType = "application/octet-stream; charset=UTF-8";
 
@@ -90,8 +88,10 @@ TEST_F(ConsoleRequests, EachKindSendsItsBody)
         EXPECT_EQ(result.out, "b=2\n\xC3\xBC=3\nbytes\n");
         const Loopback::CRequest request = m_server.TakeRequests().at(0);
         EXPECT_EQ(request.method, "POST");
-        EXPECT_THAT(std::string(request.Header("Content-Type")), StartsWith(contentType));
-        EXPECT_THAT(request.body, HasSubstr(body));
+        const std::string type(request.Header("Content-Type"));
+        const bool isWhole = !std::string_view(contentType).ends_with('='); // a boundary is made afresh
+        EXPECT_TRUE(isWhole ? type == contentType : type.starts_with(contentType)) << type;
+        EXPECT_TRUE(isWhole ? request.body == body : request.body.find(body) != std::string::npos) << request.body;
     }
     // A signed form needs a key.
     EXPECT_EQ(Run({ "send", m_server.URL("/reply"), "--kind", "signed", "-p", "a=1", "--json" }).Json()["result"],

@@ -213,7 +213,7 @@ TEST_F(ProxyTransportTest, EndsWithinItsTimeOutsBehindABadProxy)
         });
     UseProxy(silent.Port());
     m_callback->AnswerProxy({ { L"proxy", L"password" } });
-    EXPECT_EQ(Send("https://server.test/", "x", 1).result, kResultTimeout);
+    EXPECT_EQ(Send("https://server.test/", "x", 3).result, kResultTimeout);
     EXPECT_THAT(m_callback->Questions(), SizeIs(1));
 
     // Lying: no HTTP, a tunnel to nothing, a challenge without a scheme.

@@ -11,7 +11,6 @@
 
 #include <atomic>
 #include <future>
-#include <thread>
 
 using namespace TestSupport;
 using namespace std::string_literals;
@@ -418,6 +417,19 @@ TEST_P(TransportTest, NoCookieLeavesItsSite)
         EXPECT_EQ(CookiesFor(*m_cookies.Get(), here), L"own=1") << "fields behind the body are no headers";
         EXPECT_EQ(CookiesFor(*m_cookies.Get(), Wide(there)), L"other=2");
     }
+}
+
+TEST_P(TransportTest, ARetryBeginsWhereTheRequestDid)
+{
+    if (!BehavesAsDocumented(GetParam()))
+        GTEST_SKIP() << "Wine's services take the redirect's host for the connection's from then on";
+    std::atomic<int> answers{ 0 };
+    CServer other([&](const auto&, Loopback::CConnection& connection)
+                  { connection.SendResponse(++answers == 1 ? 500 : 200, { { "Set-Cookie", "b=1; Path=/" } }); });
+    CServer server(Answers(302, { { "Location", "http://localhost:" + std::to_string(other.Port()) + "/" } }));
+    EXPECT_EQ(SendTo(server.URL(), {}, Kind::Empty, true).result, S_OK);
+    EXPECT_EQ(server.RequestCount(), 2U);
+    EXPECT_EQ(CookiesFor(*m_cookies.Get(), SeenURL(server, L"/")), L"");
 }
 
 TEST_P(TransportTest, AServerBehindARedirectAsksForItself)

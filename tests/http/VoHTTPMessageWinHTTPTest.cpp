@@ -109,6 +109,7 @@ Message Connect(const std::wstring& url, CConnecting how = {}, UINT32 kind = kKi
     EXPECT_EQ(ConnectTo(url, how, message), S_OK);
     return message;
 }
+
 TEST(WinHTTPTransport, SetsTheSessionUpAsTheSystemAllows)
 {
     for (const bool is81 : { false, true })
@@ -204,8 +205,8 @@ TEST(WinHTTPTransport, TakesItsProxyFromTheStore)
         { false, L"http://server.test/a?b", L"", L"", {} },
         { false, L"http://server.test/", L"proxy:8080", L"", { L"Use 3 proxy:8080 0" } },
         { false, L"http://server.test/", L"proxy:8080", L"user", { L"Use 3 proxy:8080 0", L"Use 1 1 user hunter2" } },
-        // a list is the platform's own notation
-        { true, L"https://server.test/", L"http=a:1;https=b:2", L"", { L"Use 3 http=a:1;https=b:2 0" } },
+        { true, L"https://server.test/", L"http=a:1;https=b:2", L"", { L"Use 3 b:2 0" } },
+        { true, L"https://server.test/", L"socks=a:1", L"", { L"Use 3 socks=a:1 0" } },
     };
     for (const auto& item : cases)
     {

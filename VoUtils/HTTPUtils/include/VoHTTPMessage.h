@@ -252,6 +252,7 @@ protected:
         CAttempts(bool allowRetry, UINT32 budgetSeconds) noexcept;
         void Begin() noexcept { ++m_count; }
         [[nodiscard]] bool MayRetry(HRESULT failure, UINT32 status) const noexcept;
+        [[nodiscard]] bool HasBegun() const noexcept { return m_count > 0; }
         [[nodiscard]] bool Retried() const noexcept { return m_count > 1; }
 
     private:

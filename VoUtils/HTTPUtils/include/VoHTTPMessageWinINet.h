@@ -86,12 +86,13 @@ private:
                                        const std::wstring& contentTypeHeader, bool allowRetry, CSendResult* result);
     [[nodiscard]] HRESULT internalSendRAW(CHTTPRequestDataWinINet& request, std::span<const BYTE> body,
                                           const std::wstring& contentTypeHeader, HRESULT expectedResult);
-    [[nodiscard]] HRESULT SendBody(CHTTPRequestDataWinINet& request, std::span<const BYTE> body, const std::wstring& headers);
+    [[nodiscard]] HRESULT SendBody(CHTTPRequestDataWinINet& request, std::span<const BYTE> body,
+                                   const std::wstring& contentTypeHeader);
     [[nodiscard]] HRESULT BeginSend(void* request, DWORD bodyLength, const std::wstring& headers) noexcept;
     [[nodiscard]] HRESULT WriteBody(CHTTPRequestDataWinINet& request, std::span<const BYTE> body) const noexcept;
     static void CALLBACK OnStatus(void* handle, DWORD_PTR context, DWORD status, void* information, DWORD length) noexcept;
     void OnRedirect(CHTTPRequestDataWinINet& request, const wchar_t* url) const noexcept;
-    [[nodiscard]] HRESULT GetCookiesForRequest(CHTTPRequestDataWinINet& request, std::wstring& header) const;
+    [[nodiscard]] HRESULT GetCookiesForRequest(CHTTPRequestDataWinINet& request) const;
     void ReadCookiesFromWinINetResponse(const CHTTPRequestDataWinINet& request) const noexcept;
     [[nodiscard]] HRESULT internalReadResponse(CHTTPRequestDataWinINet& request);
     [[nodiscard]] HRESULT internalReadRAW(CHTTPRequestDataWinINet& request, std::vector<BYTE>& bytes);

@@ -258,7 +258,7 @@ private:
 
     [[nodiscard]] HRESULT SendRequest() noexcept; // "_Send" in reports, a name that C++ keeps for itself
     [[nodiscard]] HRESULT OnCallback(DWORD status, const void* information, DWORD length);
-    [[nodiscard]] HRESULT OnRedirect() noexcept;
+    void OnRedirect() noexcept;
     [[nodiscard]] HRESULT OnSendrequestComplete(DWORD status, const void* information, DWORD length);
     [[nodiscard]] HRESULT OnHeadersAvailable();
     [[nodiscard]] HRESULT OnAuthenticationRequested();
@@ -480,7 +480,7 @@ HRESULT CExchange<T>::OnCallback(DWORD status, const void* information, DWORD le
     case WINHTTP_CALLBACK_STATUS_REDIRECT:
         m_url = information ? static_cast<const wchar_t*>(information) : L"";
         if (status == WINHTTP_CALLBACK_STATUS_REDIRECT)
-            hr = OnRedirect();
+            OnRedirect();
         break;
     case WINHTTP_CALLBACK_STATUS_SENDREQUEST_COMPLETE:
         hr = OnSendrequestComplete(status, information, length);
@@ -507,7 +507,7 @@ HRESULT CExchange<T>::OnCallback(DWORD status, const void* information, DWORD le
 }
 
 template <class T>
-HRESULT CExchange<T>::OnRedirect() noexcept
+void CExchange<T>::OnRedirect() noexcept
 {
     constexpr const CVoReporter& report = kReporter<T, L"OnRedirect">;
     HRESULT hr = S_OK;
@@ -515,13 +515,15 @@ HRESULT CExchange<T>::OnRedirect() noexcept
     {
         hr = CallHandler(m_redirect, std::as_const(m_url));
         if (SUCCEEDED(hr))
-            return hr;
+            return;
         report(244, hr);
     }
     catch (...)
     {
         hr = report.CurrentException(247);
     }
+    if (IsAbandoned())
+        return;
     // Only a closed handle keeps WinHTTP from following the redirect. Closing it tells of a cancellation, which is not what
     // happened: the answers are taken out before.
     std::optional<CPromise<DWORD>> status;
@@ -533,8 +535,8 @@ HRESULT CExchange<T>::OnRedirect() noexcept
     }
     if (const HRESULT closed = m_request.Close(); FAILED(closed))
         report(251, closed);
+    // From here on the exchange may be sent again: nothing of it is touched any more.
     FailAnswers(status, data, hr);
-    return hr;
 }
 
 template <class T>

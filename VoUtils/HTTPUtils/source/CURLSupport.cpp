@@ -256,7 +256,8 @@ try
     auto& headers = *static_cast<CHeaderContext*>(context);
     const std::string_view bytes(line, length);
     constexpr std::string_view kStatusLine = "HTTP/";
-    const bool isStatusLine = bytes.starts_with(kStatusLine);
+    const bool isStatusLine = ::_strnicmp(bytes.data(), kStatusLine.data(), std::min(length, kStatusLine.size())) == 0 &&
+                              length >= kStatusLine.size();
     // Behind the headers come the next answer's or, behind a body, trailer fields, which are no headers (RFC 9110, section
     // 6.5.1).
     if (headers.complete && !isStatusLine)
@@ -303,7 +304,7 @@ try
         if (headers.location.empty())
             headers.location = HeaderValue(text, kLocation.size());
     }
-    else if (text == L"\r\n" || text == L"\n") // no trailer field looks so
+    else if (text == L"\r\n" || text == L"\n")
     {
         headers.complete = true;
         if (headers.statusCode.starts_with(L'3') && !headers.location.empty())

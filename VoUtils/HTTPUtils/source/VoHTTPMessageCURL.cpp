@@ -278,7 +278,7 @@ HRESULT CVoHTTPMessageCURL::AnswerChallenge(CHTTPRequestDataCURL& request, bool 
         if (hr = VoUTF8ToString(request.m_proxy, proxyName); FAILED(hr))
             return report(964, hr);
     CCredentials entered;
-    const CVoComPtr<IVoAuthenticationCallback> callback = m_authCallback; // a call back may connect the message anew
+    const CVoComPtr<IVoAuthenticationCallback> callback = m_authCallback; // kept while it is called
     if (hr = AskForCredentials(*callback.Get(), address, proxy ? &proxyName : nullptr, entered); FAILED(hr))
         return report(hr == kResultCancelled ? 972 : 969, hr);
 

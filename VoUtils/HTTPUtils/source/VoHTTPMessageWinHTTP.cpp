@@ -130,6 +130,11 @@ public:
     {
         return Header(L"Transfer-Encoding").empty() ? WindowsTransport::ParseLength(Header(L"Content-Length")) : std::nullopt;
     }
+    // Whether another URL's answer is read than the one that was asked for.
+    [[nodiscard]] bool HasFollowedRedirect() const noexcept
+    {
+        return !m_answering || m_answering->FullURL() != m_address.FullURL();
+    }
     // The status of the last answer; 0 where there is none.
     [[nodiscard]] UINT32 QueryStatus() const noexcept
     {
@@ -360,12 +365,12 @@ HRESULT CVoHTTPMessageWinHTTP::SetProxy(CHTTPRequestDataWinHTTP& request) const
         request.m_proxyCredentialsKnown = request.m_proxyCredentialsToBeUsed = true;
     }
 
-    // A list goes to the platform as it stands, which takes the proxy of the scheme from it, also after a redirect.
+    // Of a list the scheme's own, which credentials are for; a list without one is the platform's to make something of.
     if (!request.m_proxy.empty())
     {
         WINHTTP_PROXY_INFO info{};
         info.dwAccessType = WINHTTP_ACCESS_TYPE_NAMED_PROXY;
-        info.lpszProxy = request.m_proxy.data();
+        info.lpszProxy = request.m_proxyName.empty() ? request.m_proxy.data() : request.m_proxyName.data();
         if (const HRESULT hr = request.m_handle.SetOption(WINHTTP_OPTION_PROXY, &info, sizeof info); FAILED(hr))
             return report(350, hr);
     }
@@ -411,7 +416,7 @@ HRESULT CVoHTTPMessageWinHTTP::internalSend(CHTTPRequestDataWinHTTP& request, st
     request.m_statusCode = 0;
     HRESULT hr = MakeExchange(request, body, contentTypeHeader);
     if (SUCCEEDED(hr))
-        hr = SendUntilAnswered(request, body, allowRetry, sent);
+        hr = SendUntilAnswered(request, body, contentTypeHeader, allowRetry, sent);
     if (FAILED(hr))
         report(410, hr);
     if (CallBack* const callBack = SUCCEEDED(hr) ? GetCallBack() : nullptr)
@@ -485,14 +490,26 @@ HRESULT CVoHTTPMessageWinHTTP::MakeExchange(CHTTPRequestDataWinHTTP& request, st
 }
 
 // The attempts of one send.
-HRESULT CVoHTTPMessageWinHTTP::SendUntilAnswered(CHTTPRequestDataWinHTTP& request, std::span<const BYTE> body, bool allowRetry,
-                                                 CSendResult& result) const
+HRESULT CVoHTTPMessageWinHTTP::SendUntilAnswered(CHTTPRequestDataWinHTTP& request, std::span<const BYTE> body,
+                                                 const std::wstring& contentTypeHeader, bool allowRetry, CSendResult& result)
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinHTTP::SendUntilAnswered" };
     CAttempts attempts(allowRetry, m_connectTimeout);
     HRESULT hr = S_OK;
     for (bool again = true; again;)
     {
+        // A redirect makes the handle another server's for good, and a refused one closes it.
+        if (attempts.HasBegun() && (!request.m_handle.IsOpen() || request.HasFollowedRedirect()))
+        {
+            HRESULT opened = OpenHandle(request, request.m_verb);
+            if (SUCCEEDED(opened))
+                opened = MakeExchange(request, body, contentTypeHeader);
+            if (FAILED(opened))
+            {
+                report(475, opened);
+                break;
+            }
+        }
         attempts.Begin();
         request.m_statusCode = 0;
         request.m_answering = request.m_address;
@@ -580,7 +597,7 @@ HRESULT CVoHTTPMessageWinHTTP::OnAuthenticationRequest(CHTTPRequestDataWinHTTP& 
     if (!request.m_answering)
         return report(552, E_FAIL);
     CCredentials entered;
-    const CVoComPtr<IVoAuthenticationCallback> callback = m_authCallback; // a call back may connect the message anew
+    const CVoComPtr<IVoAuthenticationCallback> callback = m_authCallback; // kept while it is called
     if (const HRESULT hr =
             AskForCredentials(*callback.Get(), *request.m_answering, proxy ? &request.m_proxyName : nullptr, entered);
         FAILED(hr))
@@ -632,7 +649,7 @@ try
 }
 catch (...)
 {
-    // Taking the header away needs no memory here.
+    // Taking the header away needs no memory here, and does no harm where the platform does not follow any more.
     (void)request.m_handle.AddHeader(kCookieHeader, static_cast<DWORD>(std::size(kCookieHeader) - 1), kReplaceHeader);
     return CVoReporter{ kSource, L"CVoHTTPMessageWinHTTP::OnRedirect" }.CurrentException(588);
 }

@@ -67,8 +67,8 @@ private:
                                        const std::wstring& contentTypeHeader, bool allowRetry, CSendResult* result);
     [[nodiscard]] HRESULT MakeExchange(CHTTPRequestDataWinHTTP& request, std::span<const BYTE> body,
                                        const std::wstring& contentTypeHeader);
-    [[nodiscard]] HRESULT SendUntilAnswered(CHTTPRequestDataWinHTTP& request, std::span<const BYTE> body, bool allowRetry,
-                                            CSendResult& result) const;
+    [[nodiscard]] HRESULT SendUntilAnswered(CHTTPRequestDataWinHTTP& request, std::span<const BYTE> body,
+                                            const std::wstring& contentTypeHeader, bool allowRetry, CSendResult& result);
     void StoreCookies(const CHTTPRequestDataWinHTTP& request) const noexcept;
     [[nodiscard]] HRESULT internalReadResponse(CHTTPRequestDataWinHTTP& request);
 

@@ -19,6 +19,10 @@ constexpr UINT32 kStatusUnauthorized = 401;
 constexpr UINT32 kStatusProxyAuthenticationRequired = 407;
 constexpr UINT32 kStatusServerError = 500;
 
+constexpr wchar_t kNoCookie[] = L"Cookie:\r\n"; // the empty value takes the header away
+constexpr DWORD kToTheEnd = static_cast<DWORD>(-1);
+constexpr DWORD kReplaceHeader = HTTP_ADDREQ_FLAG_ADD | HTTP_ADDREQ_FLAG_REPLACE;
+
 constexpr DWORD kMaximumConnections = 128;
 constexpr DWORD kOptionMaximumConnectionsPerProxy = 103;
 constexpr DWORD kRequestFlags =
@@ -420,6 +424,10 @@ HRESULT CVoHTTPMessageWinINet::internalSend(CHTTPRequestDataWinINet& request, st
                                             const std::wstring& contentTypeHeader, bool allowRetry, CSendResult* result)
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalSend" };
+    request.m_statusCode = 0;
+    request.m_localIPAddress.clear();
+    request.m_answered = false;
+    request.m_answer = {};
     CAttempts attempts(allowRetry, m_connectTimeout);
     HRESULT hr = S_OK;
     for (;;)
@@ -447,13 +455,12 @@ HRESULT CVoHTTPMessageWinINet::internalSend(CHTTPRequestDataWinINet& request, st
     return hr;
 }
 
-// The header line with the cookies that the store has for the request; empty for none.
-HRESULT CVoHTTPMessageWinINet::GetCookiesForRequest(CHTTPRequestDataWinINet& request, std::wstring& header) const
+// Takes over the cookies that the store has for the request.
+HRESULT CVoHTTPMessageWinINet::GetCookiesForRequest(CHTTPRequestDataWinINet& request) const
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::GetCookiesForRequest" };
     if (const HRESULT hr = GetCookieHeader(request.m_address, request.m_cookieHeader); FAILED(hr))
         return report(650, hr);
-    header = request.m_cookieHeader.empty() ? std::wstring() : VoFormat(L"Cookie: %ls\r\n", request.m_cookieHeader.c_str());
     return S_OK;
 }
 
@@ -464,20 +471,15 @@ HRESULT CVoHTTPMessageWinINet::internalSendRAW(CHTTPRequestDataWinINet& request,
     request.m_isHandleUsed = true;
     request.m_statusCode = 0;
     request.m_localIPAddress.clear();
-    request.m_answered = false;
-    request.m_answer = {};
     request.m_sent = 0;
     request.m_toSend = body.size();
     request.m_received = 0;
     request.m_toReceive = 0;
 
-    std::wstring headers;
-    if (const HRESULT hr = GetCookiesForRequest(request, headers); FAILED(hr))
+    if (const HRESULT hr = GetCookiesForRequest(request); FAILED(hr))
         report(670, hr); // the request goes without cookies
-    if (HasValue(contentTypeHeader))
-        headers += contentTypeHeader + L"\r\n";
 
-    HRESULT hr = SendBody(request, body, headers);
+    HRESULT hr = SendBody(request, body, contentTypeHeader);
     if (SUCCEEDED(hr) && request.m_statusCode != WindowsTransport::kStatusOk)
         hr = kResultUnexpectedStatus;
     if (SUCCEEDED(hr))
@@ -493,13 +495,19 @@ HRESULT CVoHTTPMessageWinINet::internalSendRAW(CHTTPRequestDataWinINet& request,
 
 // Sends headers and body and waits for the status.
 HRESULT CVoHTTPMessageWinINet::SendBody(CHTTPRequestDataWinINet& request, std::span<const BYTE> body,
-                                        const std::wstring& headers)
+                                        const std::wstring& contentTypeHeader)
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::SendBody" };
     const CSending sending(request);
     const HINTERNET handle = request.m_handle.Get();
     for (int resends = 0;; ++resends)
     {
+        // Made for each send, because a redirect changes the cookies.
+        std::wstring headers;
+        if (!request.m_cookieHeader.empty())
+            headers = VoFormat(L"Cookie: %ls\r\n", request.m_cookieHeader.c_str());
+        if (HasValue(contentTypeHeader))
+            headers += contentTypeHeader + L"\r\n";
         if (const HRESULT hr = BeginSend(handle, static_cast<DWORD>(body.size()), headers); FAILED(hr))
             return report(690, hr);
         if (std::wstring address = internalGetClientIPAddressAndSendBufferSize(handle); !address.empty())
@@ -577,16 +585,21 @@ try
             report(720, hr); // the next hop gets none
     if (cookies.empty() && request.m_cookieHeader.empty())
         return;
-    // An empty value takes the header away.
-    const std::wstring header = VoFormat(L"Cookie:%ls%ls\r\n", cookies.empty() ? L"" : L" ", cookies.c_str());
-    if (!::HttpAddRequestHeadersW(request.m_handle.Get(), header.c_str(), static_cast<DWORD>(header.size()),
-                                  HTTP_ADDREQ_FLAG_ADD | HTTP_ADDREQ_FLAG_REPLACE))
+    const std::wstring header = cookies.empty() ? kNoCookie : VoFormat(L"Cookie: %ls\r\n", cookies.c_str());
+    if (!::HttpAddRequestHeadersW(request.m_handle.Get(), header.c_str(), static_cast<DWORD>(header.size()), kReplaceHeader))
+    {
         report.LastError(722, 723);
+        cookies.clear();
+        (void)::HttpAddRequestHeadersW(request.m_handle.Get(), kNoCookie, kToTheEnd, kReplaceHeader);
+    }
     request.m_cookieHeader = std::move(cookies);
 }
 catch (...)
 {
     CVoReporter{ kSource, L"CVoHTTPMessageWinINet::OnRedirect" }.CurrentException(725);
+    // Taking the header away needs no memory here.
+    (void)::HttpAddRequestHeadersW(request.m_handle.Get(), kNoCookie, kToTheEnd, kReplaceHeader);
+    request.m_cookieHeader.clear();
 }
 
 // Hands the answer's cookies to the store, as those of where the answer came from: redirects may have led to another server.

@@ -59,7 +59,7 @@ std::wstring VoWithoutUserInfo(std::wstring_view url)
     if (mark == std::wstring_view::npos)
         return std::wstring(url);
     const size_t authority = mark + kMark.size();
-    const size_t end = std::min(url.find_first_of(L"/?#", authority), url.size());
+    const size_t end = std::min(url.find_first_of(L"/?#\\", authority), url.size());
     const size_t at = url.substr(0, end).rfind(L'@');
     if (at == std::wstring_view::npos || at < authority)
         return std::wstring(url);
