@@ -392,8 +392,9 @@ try
         return report(380, E_FAIL);
     const bool empty = answer.bytes.empty();
     // Of what the caller has only the parameters stay, in front of the new ones.
+    const CVoDataParser& parameters = response;
     CVoBinaryDataParser parsed;
-    static_cast<CVoDataParser&>(parsed) = response;
+    static_cast<CVoDataParser&>(parsed) = parameters;
     if (const HRESULT hr = parsed.Parse(std::move(answer.bytes), kind == EResponseKind::Binary, answer.utf8); FAILED(hr))
     {
         // The answer is still there, to be read as bytes.

@@ -99,6 +99,8 @@ HRESULT CVoIPAddress::InitFromIPAddress(const SOCKADDR& socketAddress, bool quie
     }
 }
 
+// The text is a copy, because it may be the record's own, which is cleared first.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 HRESULT CVoIPAddress::InitFromIPAddress(std::wstring addressText) noexcept
 {
     constexpr CVoReporter report{ kSource, kInitFromIPAddress };
@@ -151,6 +153,7 @@ HRESULT CVoIPAddress::InitFromIPAddress(std::wstring addressText) noexcept
     }
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): as above
 HRESULT CVoIPAddress::InitFromDNSAddress(std::wstring hostName, bool quiet, bool& found) noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoNetworkUtils::CVoIPAddress::InitFromDNSAddress" };
