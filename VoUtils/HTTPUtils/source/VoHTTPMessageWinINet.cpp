@@ -459,6 +459,7 @@ HRESULT CVoHTTPMessageWinINet::internalSend(CHTTPRequestDataWinINet& request, st
 HRESULT CVoHTTPMessageWinINet::GetCookiesForRequest(CHTTPRequestDataWinINet& request) const
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::GetCookiesForRequest" };
+    request.m_cookieHeader.clear(); // those of an earlier send are not this one's
     if (const HRESULT hr = GetCookieHeader(request.m_address, request.m_cookieHeader); FAILED(hr))
         return report(650, hr);
     return S_OK;
