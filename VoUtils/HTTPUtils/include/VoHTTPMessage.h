@@ -128,13 +128,13 @@ public:
     // Makes a request to the server address: its proxy and its cookies are looked up now.
     [[nodiscard]] virtual HRESULT OpenRequest(std::shared_ptr<CHTTPRequestData>& request) noexcept = 0;
 
-    // Sends parameters and payload as a POST and waits for the answer: for its status and, with libcurl, its body,
-    // which the Windows transports fetch while it is read. `utf8` chooses UTF-8 or the system's
-    // ANSI code page for texts. `signingKey` (hexadecimal text of a private key blob) and `signatureParameterName` are needed
-    // for SignedForm. With `allowRetry` a failed attempt is repeated until the transport's time budget is spent, but never
-    // after an answer from 400 to 405. Success is status 200 and nothing else. E_INVALIDARG without a request of this message
-    // or a key, E_NOTIMPL for a payload in a kind that has no place for it, 0x800704C7 when credentials were declined,
-    // 0x800705B4 for a time-out, the transport's own codes otherwise. `result` may be null.
+    // Sends parameters and payload as a POST and waits for the answer: for its status and, with libcurl, its body, which the
+    // Windows transports fetch while it is read. `utf8` chooses UTF-8 or the system's ANSI code page for texts. `signingKey`
+    // (hexadecimal text of a private key blob) and `signatureParameterName` are needed for SignedForm. With `allowRetry` a
+    // failed attempt is repeated until the transport's time budget is spent, but never after an answer from 400 to 405. Success
+    // is status 200 and nothing else. E_INVALIDARG without a request of this message or a key, E_NOTIMPL for a payload in a
+    // kind that has no place for it, 0x800704C7 when credentials were declined, 0x800705B4 for a time-out, the transport's own
+    // codes otherwise. `result` may be null.
     [[nodiscard]] virtual HRESULT SendMessage(const std::shared_ptr<CHTTPRequestData>& request,
                                               const CVoBinaryDataParser& parameters, EContentKind contentKind, bool utf8,
                                               std::wstring_view signingKey, std::wstring_view signatureParameterName,

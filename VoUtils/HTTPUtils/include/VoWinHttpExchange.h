@@ -142,7 +142,8 @@ class CExchange : public std::enable_shared_from_this<CExchange<T>>
 {
 public:
     CExchange(VoWinHttpInterface::WinHttpRequestHandle& request, AuthenticationFunction authenticate, void* context)
-        : m_request(request), m_authenticate(std::make_shared<const AuthenticationFunction>(std::move(authenticate))),
+        : m_request(request),
+          m_functions{ .authenticate = std::make_shared<const AuthenticationFunction>(std::move(authenticate)) },
           m_context(context)
     {
     }
@@ -150,6 +151,14 @@ public:
     CExchange& operator=(const CExchange&) = delete;
 
     [[nodiscard]] HRESULT SetRequestData(const void* data, DWORD length) noexcept;
+    // What the owner gave; null for none. Each is shared, so that it outlives an exchange that its own call ends.
+    struct SFunctions
+    {
+        std::shared_ptr<const AuthenticationFunction> authenticate = nullptr;
+        std::shared_ptr<const SendCompleteHandler> sendComplete = nullptr;
+        std::shared_ptr<const RedirectHandler> redirect = nullptr;
+        std::shared_ptr<const ReceiveHandler> receive = nullptr;
+    };
     // Puts one of the handlers in place.
     template <auto kMember, class Handler>
     [[nodiscard]] HRESULT SetHandler(std::shared_ptr<const Handler> handler) noexcept
@@ -157,7 +166,7 @@ public:
         const std::lock_guard lock(m_lock);
         if (IsRunning())
             return E_FAIL;
-        (this->*kMember).swap(handler);
+        (m_functions.*kMember).swap(handler);
         return S_OK;
     }
     // Makes ready for a send: fresh promises where the last ones were used, with their futures put in place. E_FAIL while an
@@ -278,10 +287,7 @@ private:
 
     mutable CVoLock m_lock; // guards what follows; never held during a call of WinHTTP or of a function from outside
     CCondition m_changed;
-    std::shared_ptr<const AuthenticationFunction> m_authenticate;
-    std::shared_ptr<const SendCompleteHandler> m_sendComplete;
-    std::shared_ptr<const RedirectHandler> m_redirect;
-    std::shared_ptr<const ReceiveHandler> m_receive;
+    SFunctions m_functions;
     void* m_context;
     HINTERNET m_handle = nullptr;      // as it was at Send, for comparison only
     std::shared_ptr<CExchange> m_self; // while WinHTTP has the context value
@@ -395,10 +401,7 @@ HRESULT CExchange<T>::Close() noexcept
     }
     m_changed.Wait(lock, [this] { return (!m_busy || m_abandoned) && m_notifications == 0; });
     // What the functions hold goes here and now: the state may live on for a moment in the notification that was the last.
-    const std::shared_ptr<const AuthenticationFunction> authenticate = std::move(m_authenticate);
-    const std::shared_ptr<const SendCompleteHandler> sendComplete = std::move(m_sendComplete);
-    const std::shared_ptr<const RedirectHandler> redirect = std::move(m_redirect);
-    const std::shared_ptr<const ReceiveHandler> receive = std::move(m_receive);
+    const SFunctions functions = std::exchange(m_functions, {});
     lock.unlock();
     return hr;
 }
@@ -406,17 +409,11 @@ HRESULT CExchange<T>::Close() noexcept
 template <class T>
 void CExchange<T>::Abandon() noexcept
 {
-    std::shared_ptr<const AuthenticationFunction> authenticate;
-    std::shared_ptr<const SendCompleteHandler> sendComplete;
-    std::shared_ptr<const RedirectHandler> redirect;
-    std::shared_ptr<const ReceiveHandler> receive;
+    SFunctions functions; // let go without the lock
     {
         const std::lock_guard lock(m_lock);
         m_abandoned = true;
-        m_authenticate.swap(authenticate);
-        m_sendComplete.swap(sendComplete);
-        m_redirect.swap(redirect);
-        m_receive.swap(receive);
+        std::swap(m_functions, functions);
         m_context = nullptr;
     }
     Fail(kCancelled);
@@ -513,7 +510,7 @@ void CExchange<T>::OnRedirect() noexcept
     HRESULT hr = S_OK;
     try
     {
-        hr = CallHandler(m_redirect, std::as_const(m_url));
+        hr = CallHandler(m_functions.redirect, std::as_const(m_url));
         if (SUCCEEDED(hr))
             return;
         report(244, hr);
@@ -543,7 +540,7 @@ template <class T>
 HRESULT CExchange<T>::OnSendrequestComplete(DWORD status, const void* information, DWORD length)
 {
     constexpr const CVoReporter& report = kReporter<T, L"OnSendrequestComplete">;
-    if (const HRESULT hr = CallHandler(m_sendComplete, status, const_cast<void*>(information), length); FAILED(hr))
+    if (const HRESULT hr = CallHandler(m_functions.sendComplete, status, const_cast<void*>(information), length); FAILED(hr))
         return report(260, hr);
     if (IsAbandoned())
         return S_OK;
@@ -588,7 +585,7 @@ HRESULT CExchange<T>::OnAuthenticationRequested()
     void* context = nullptr;
     {
         const std::lock_guard lock(m_lock);
-        authenticate = m_authenticate;
+        authenticate = m_functions.authenticate;
         context = m_context;
     }
     if (!authenticate || !*authenticate)
@@ -672,7 +669,7 @@ HRESULT CExchange<T>::OnReadComplete(const void* information, DWORD length)
     if (length == 0)
         return S_OK; // cannot be after an announcement; the exchange then rests until it is closed
     m_chunks.push_back({ length, std::move(bytes) });
-    if (const HRESULT hr = CallHandler(m_receive, length); FAILED(hr))
+    if (const HRESULT hr = CallHandler(m_functions.receive, length); FAILED(hr))
         return report(388, hr);
     if (IsAbandoned())
         return S_OK;

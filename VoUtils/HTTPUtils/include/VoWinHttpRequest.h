@@ -204,19 +204,20 @@ HRESULT CVoWinHttpRequest<T>::Send() noexcept
 template <class T>
 HRESULT CVoWinHttpRequest<T>::SetSendCompleteHandler(SendCompleteHandler handler) noexcept
 {
-    return SetHandler<&CExchange::m_sendComplete>(std::move(handler), Detail::kReporter<T, L"SetSendCompleteHandler">, 176);
+    return SetHandler<&CExchange::SFunctions::sendComplete>(std::move(handler), Detail::kReporter<T, L"SetSendCompleteHandler">,
+                                                            176);
 }
 
 template <class T>
 HRESULT CVoWinHttpRequest<T>::SetRedirectHandler(RedirectHandler handler) noexcept
 {
-    return SetHandler<&CExchange::m_redirect>(std::move(handler), Detail::kReporter<T, L"SetRedirectHandler">, 182);
+    return SetHandler<&CExchange::SFunctions::redirect>(std::move(handler), Detail::kReporter<T, L"SetRedirectHandler">, 182);
 }
 
 template <class T>
 HRESULT CVoWinHttpRequest<T>::SetReceiveHandler(ReceiveHandler handler) noexcept
 {
-    return SetHandler<&CExchange::m_receive>(std::move(handler), Detail::kReporter<T, L"SetReceiveHandler">, 186);
+    return SetHandler<&CExchange::SFunctions::receive>(std::move(handler), Detail::kReporter<T, L"SetReceiveHandler">, 190);
 }
 
 template <class T>

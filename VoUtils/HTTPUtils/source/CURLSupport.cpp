@@ -256,8 +256,7 @@ try
     auto& headers = *static_cast<CHeaderContext*>(context);
     const std::string_view bytes(line, length);
     constexpr std::string_view kStatusLine = "HTTP/";
-    const bool isStatusLine = ::_strnicmp(bytes.data(), kStatusLine.data(), std::min(length, kStatusLine.size())) == 0 &&
-                              length >= kStatusLine.size();
+    const bool isStatusLine = length >= kStatusLine.size() && ::_strnicmp(line, kStatusLine.data(), kStatusLine.size()) == 0;
     // Behind the headers come the next answer's or, behind a body, trailer fields, which are no headers (RFC 9110, section
     // 6.5.1).
     if (headers.complete && !isStatusLine)

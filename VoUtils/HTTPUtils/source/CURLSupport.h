@@ -4,11 +4,11 @@
 
 #include <VoHTTPMessage.h>
 
-// Some options that this transport sets are marked as superseded by newer ones that older releases lack.
-#define CURL_DISABLE_DEPRECATION
 #include <base/VoLock.h>
 #include <base/VoMultiThreading.h>
 
+// Some options that this transport sets are marked as superseded by newer ones that older releases lack.
+#define CURL_DISABLE_DEPRECATION
 #include <curl/curl.h>
 
 #include <atomic>

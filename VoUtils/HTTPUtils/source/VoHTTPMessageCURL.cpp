@@ -258,18 +258,14 @@ HRESULT CVoHTTPMessageCURL::AnswerChallenge(CHTTPRequestDataCURL& request, bool 
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::internalSendRAW" };
     CURL* const handle = request.m_handle.get();
 
-    const char* ownUrl = nullptr;
-    if (const HRESULT hr = CURLGetInfo(handle, CURLINFO_EFFECTIVE_URL, &ownUrl); FAILED(hr))
+    const char* effectiveUrl = nullptr;
+    if (const HRESULT hr = CURLGetInfo(handle, CURLINFO_EFFECTIVE_URL, &effectiveUrl); FAILED(hr))
         return report(960, hr);
-    // Copies, as the handle lets its text go when it gets another URL.
     std::wstring url;
-    std::string urlBytes;
     CServerAddressData address;
-    HRESULT hr = VoUTF8ToString(ownUrl ? ownUrl : "", url);
+    HRESULT hr = VoUTF8ToString(effectiveUrl ? effectiveUrl : "", url);
     if (SUCCEEDED(hr))
         hr = address.SetAddress(VoWithoutUserInfo(url), false, true, true);
-    if (SUCCEEDED(hr))
-        hr = VoUrlToBytes(address.FullURL(), urlBytes);
     if (FAILED(hr))
         return report(962, hr);
 
@@ -308,8 +304,12 @@ HRESULT CVoHTTPMessageCURL::AnswerChallenge(CHTTPRequestDataCURL& request, bool 
     {
         // A redirect led to another server, which is the one that asks. libcurl sends credentials to the host of the URL only,
         // so the request goes to that server directly: they reach nobody else.
+        // A text of its own, as the handle lets the effective URL go when it gets another.
+        std::string target;
+        if (hr = VoUrlToBytes(address.FullURL(), target); FAILED(hr))
+            return report(978, hr);
         const char* method = nullptr;
-        options.Set(979, CURLOPT_URL, urlBytes.c_str());
+        options.Set(979, CURLOPT_URL, target.c_str());
         if (curl_easy_getinfo(handle, CURLINFO_EFFECTIVE_METHOD, &method) == CURLE_OK && method &&
             std::strcmp(method, "GET") == 0)
             options.Set(980, CURLOPT_HTTPGET, 1L);
@@ -398,7 +398,7 @@ HRESULT CVoHTTPMessageCURL::internalSendRAW(CHTTPRequestDataCURL& request, std::
         else
         {
             // A proxy that refuses CONNECT ends the transfer before there is an answer of the server. A time-out does not: it
-            // may come while the proxy is silent about the answer to its own 407.
+            // may come while the proxy is silent about the credentials that its 407 asked for.
             long connectStatus = 0;
             curl_easy_getinfo(handle, CURLINFO_HTTP_CONNECTCODE, &connectStatus);
             if (static_cast<UINT32>(connectStatus) == kStatusOk)

@@ -37,10 +37,11 @@ constexpr DWORD kMaximumConnections10 = 74; // the option's own number; intended
 constexpr DWORD kIgnoreCertificate = SECURITY_FLAG_IGNORE_UNKNOWN_CA | SECURITY_FLAG_IGNORE_CERT_WRONG_USAGE |
                                      SECURITY_FLAG_IGNORE_CERT_CN_INVALID | SECURITY_FLAG_IGNORE_CERT_DATE_INVALID;
 
-// Windows 8.1 brought WINHTTP_ACCESS_TYPE_AUTOMATIC_PROXY (the platform's documentation of WinHttpOpen).
-constexpr DWORD kAccessTypeAutomaticProxy = 4;
 constexpr wchar_t kCookieHeader[] = L"Cookie:"; // with nothing behind it, it takes the header away
 constexpr DWORD kReplaceHeader = WINHTTP_ADDREQ_FLAG_ADD | WINHTTP_ADDREQ_FLAG_REPLACE;
+
+// Windows 8.1 brought WINHTTP_ACCESS_TYPE_AUTOMATIC_PROXY (the platform's documentation of WinHttpOpen).
+constexpr DWORD kAccessTypeAutomaticProxy = 4;
 bool HasAutomaticProxy() noexcept
 {
     OSVERSIONINFOEXW version{};
