@@ -2,7 +2,7 @@
 
 #include "VoUrl.h"
 
-#include <VoGlobalHTTPUtils.h>
+#include <VoServerAddress.h>
 #include <base/VoDataParser.h>
 #include <base/VoErrorHandler.h>
 #include <base/VoUtils.h>

@@ -1,8 +1,8 @@
 #include "SecretParser.h"
 
 #include <VoGlobalHTTPProxyStoreImpl.h>
-#include <VoGlobalHTTPUtils.h>
 #include <VoProxyList.h>
+#include <VoServerAddress.h>
 
 #include <base/VoUtils.h>
 

@@ -1,5 +1,6 @@
-#include <VoGlobalHTTPUtils.h>
 #include <VoProxyList.h>
+
+#include <VoServerAddress.h>
 
 #include <base/VoUtils.h>
 

@@ -1,4 +1,4 @@
-#include <VoGlobalHTTPUtils.h>
+#include <VoServerAddress.h>
 
 #include <gtest/gtest.h>
 

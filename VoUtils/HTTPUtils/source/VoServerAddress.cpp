@@ -1,0 +1,225 @@
+// Parses and rebuilds server addresses. The trace points are known under the source VoGlobalHTTPUtils.
+#include <VoServerAddress.h>
+
+#include <base/VoErrorHandler.h>
+#include <base/VoUtils.h>
+
+#include <algorithm>
+#include <optional>
+
+namespace VoGlobalHTTPUtils
+{
+namespace
+{
+constexpr const wchar_t* kSource = L"..\\source\\VoGlobalHTTPUtils";
+
+constexpr std::wstring_view kSchemeEnd = L"://";
+constexpr UINT16 kDefaultPortPlain = 80;
+constexpr UINT16 kDefaultPortSecure = 443;
+constexpr UINT32 kMaximumPort = 65535;
+
+// A control character in a request line, or in a header made from the address, would let the text end it and begin another.
+constexpr bool IsControl(wchar_t character) noexcept
+{
+    return character < L' ' || (character >= 0x7F && character < 0xA0);
+}
+
+bool HasControls(std::wstring_view text) noexcept
+{
+    return std::any_of(text.begin(), text.end(), IsControl);
+}
+
+// Cuts `text` at the first `separator` and returns what is from there to the end; empty when there is none.
+std::wstring_view CutFrom(std::wstring_view& text, wchar_t separator) noexcept
+{
+    const size_t position = text.find(separator);
+    if (position == std::wstring_view::npos)
+        return {};
+    const std::wstring_view tail = text.substr(position);
+    text = text.substr(0, position);
+    return tail;
+}
+
+// The characters that no host name can hold (RFC 3986, section 3.2.2), "@" among them: user information before the host is
+// refused, because it is the usual way to make an address look like another server's (RFC 9110, section 4.2.4). Characters
+// beyond ASCII pass; the transports convert international names.
+bool IsValidHostName(std::wstring_view host) noexcept
+{
+    constexpr std::wstring_view kForbidden = L" \"#%/:<>?@[\\]^`{|}";
+    return std::none_of(
+        host.begin(), host.end(), [&](wchar_t character)
+        { return IsControl(character) || kForbidden.find(character) != std::wstring_view::npos || iswspace(character) != 0; });
+}
+
+// An IPv6 literal without its brackets, a zone behind "%" allowed (RFC 6874).
+bool IsValidIPv6Literal(std::wstring_view literal)
+{
+    const size_t percent = literal.find(L'%');
+    if (percent != std::wstring_view::npos)
+    {
+        std::wstring_view zone = literal.substr(percent + 1);
+        if (zone.starts_with(L"25")) // the "%" itself in its escaped form
+            zone.remove_prefix(2);
+        if (zone.empty() || !IsValidHostName(zone))
+            return false;
+    }
+    IN6_ADDR address;
+    return ::InetPtonW(AF_INET6, std::wstring(literal.substr(0, percent)).c_str(), &address) == 1;
+}
+
+// The number in the text behind a host's colon: decimal, a leading "+" allowed as wcstol has it, empty means 0. Digits of other
+// scripts, which some C libraries accept, are refused.
+std::optional<UINT16> ParsePort(std::wstring_view text) noexcept
+{
+    text = VoTrim(text);
+    if (text.empty())
+        return UINT16{ 0 };
+    if (text.front() == L'+')
+        text.remove_prefix(1);
+    if (text.empty())
+        return std::nullopt;
+    UINT32 value = 0;
+    for (const wchar_t character : text)
+    {
+        if (character < L'0' || character > L'9')
+            return std::nullopt;
+        value = value * 10 + static_cast<UINT32>(character - L'0');
+        if (value > kMaximumPort)
+            return std::nullopt;
+    }
+    return static_cast<UINT16>(value);
+}
+} // namespace
+
+HRESULT CServerAddressData::SetAddress(std::wstring_view url, bool defaultSecure, bool keepPath, bool keepQuery) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"VoGlobalHTTPUtils::CServerAddressData::SetAddress" };
+    try
+    {
+        std::wstring_view rest = VoTrim(url);
+
+        // The first "://" ends the scheme wherever it stands, so a text without a scheme cannot carry a whole URL in its query
+        // unless that is percent-encoded.
+        bool secure = defaultSecure;
+        if (const size_t position = rest.find(kSchemeEnd); position != std::wstring_view::npos)
+        {
+            const std::wstring_view scheme = rest.substr(0, position);
+            secure = VoEqualsNoCase(scheme, L"https");
+            if (!secure && !VoEqualsNoCase(scheme, L"http"))
+                return report(202, E_INVALIDARG);
+            rest.remove_prefix(position + kSchemeEnd.size());
+        }
+        if (rest.empty())
+            return report(209, E_INVALIDARG);
+
+        // A fragment is the client's own and never sent (RFC 9110, section 4.2.5).
+        CutFrom(rest, L'#');
+        const std::wstring_view query = CutFrom(rest, L'?');
+        if (HasControls(query))
+            return report(223, E_INVALIDARG);
+        const std::wstring_view path = CutFrom(rest, L'/');
+        if (HasControls(path))
+            return report(237, E_INVALIDARG);
+
+        std::wstring_view host = rest;
+        std::wstring_view portText;
+        bool isLiteral = false;
+        const size_t colon = rest.rfind(L':');
+        if (colon != std::wstring_view::npos && rest.find(L':') == colon)
+        {
+            if (colon == 0)
+                return report(285, E_INVALIDARG);
+            host = rest.substr(0, colon);
+            portText = rest.substr(colon + 1);
+        }
+        else if (colon != std::wstring_view::npos)
+        {
+            isLiteral = true;
+            rest = VoTrim(rest);
+            const size_t end = rest.find(L']');
+            if (rest.front() != L'[' || end == std::wstring_view::npos)
+                return report(290, E_INVALIDARG);
+            host = rest.substr(1, end - 1);
+            if (const std::wstring_view behind = rest.substr(end + 1); !behind.empty())
+            {
+                if (behind.front() != L':')
+                    return report(295, E_INVALIDARG);
+                portText = behind.substr(1);
+            }
+        }
+
+        std::optional<UINT16> port = ParsePort(portText);
+        if (!port)
+            return report(304, E_INVALIDARG);
+
+        host = VoTrim(host);
+        if (host.empty())
+            return report(316, E_INVALIDARG);
+        if (isLiteral ? !IsValidIPv6Literal(host) : !IsValidHostName(host))
+            return report(321, E_INVALIDARG);
+
+        if (*port == (secure ? kDefaultPortSecure : kDefaultPortPlain))
+            port = UINT16{ 0 };
+
+        CServerAddressData parsed;
+        parsed.m_host = host;
+        if (keepPath)
+            parsed.m_path = path;
+        if (keepPath && keepQuery)
+            parsed.m_query = query;
+        parsed.m_secure = secure;
+        parsed.m_port = *port;
+        parsed.Rebuild();
+        *this = std::move(parsed);
+        return S_OK;
+    }
+    catch (...)
+    {
+        return report.CurrentException(330);
+    }
+}
+
+HRESULT CServerAddressData::SetObjectPath(std::wstring_view objectPath) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"VoGlobalHTTPUtils::CServerAddressData::SetObjectPath" };
+    try
+    {
+        CutFrom(objectPath, L'#');
+        if (HasControls(objectPath))
+            return report(346, E_INVALIDARG);
+        const std::wstring_view query = CutFrom(objectPath, L'?');
+        if (objectPath.empty() ? !query.empty() : objectPath.front() != L'/')
+            return report(350, E_INVALIDARG);
+
+        CServerAddressData changed(*this);
+        changed.m_path = objectPath;
+        changed.m_query = query;
+        changed.Rebuild();
+        *this = std::move(changed);
+        return S_OK;
+    }
+    catch (...)
+    {
+        return report.CurrentException(361);
+    }
+}
+
+UINT16 CServerAddressData::EffectivePort() const noexcept
+{
+    if (m_port != 0)
+        return m_port;
+    return m_secure ? kDefaultPortSecure : kDefaultPortPlain;
+}
+
+void CServerAddressData::Rebuild()
+{
+    const bool isLiteral = m_host.find(L':') != std::wstring::npos;
+    m_authority = isLiteral ? L'[' + m_host + L']' : m_host;
+    if (m_port != 0)
+        m_authority += L':' + std::to_wstring(m_port);
+    m_baseURL = (m_secure ? L"https" : L"http") + std::wstring(kSchemeEnd) + m_authority;
+    m_pathURL = m_baseURL + m_path;
+    m_fullURL = m_pathURL + m_query;
+    m_objectName = m_path + m_query;
+}
+} // namespace VoGlobalHTTPUtils
