@@ -6,8 +6,8 @@
 
 #include <base/VoHResult.h>
 #include <base/VoPlatform.h>
+#include <base/VoText.h>
 
-#include <cstdarg>
 #include <string>
 #include <string_view>
 
@@ -23,18 +23,6 @@
 // do not have, as the platform does).
 [[nodiscard]] HRESULT VoStringToCodePage(UINT codePage, std::wstring_view text, std::string& bytes) noexcept;
 [[nodiscard]] HRESULT VoCodePageToString(UINT codePage, std::string_view bytes, std::wstring& text) noexcept;
-
-// A text of printf's wide format; the building block of log lines and protocol texts. Write %ls for wide and %hs for narrow
-// text: these mean the same in every C library. Throws std::bad_alloc, or CVoHResultException (E_INVALIDARG) for a narrow text
-// that has no wide form.
-[[nodiscard]] std::wstring VoFormat(const wchar_t* format, ...);
-[[nodiscard]] std::wstring VoFormatV(const wchar_t* format, va_list arguments);
-
-// Comparison without regard to case, ordinal and independent of the locale (CompareStringOrdinal).
-[[nodiscard]] bool VoEqualsNoCase(std::wstring_view a, std::wstring_view b) noexcept;
-[[nodiscard]] bool VoStartsWithNoCase(std::wstring_view text, std::wstring_view prefix) noexcept;
-// Without white space (iswspace) at both ends.
-[[nodiscard]] std::wstring_view VoTrim(std::wstring_view text) noexcept;
 
 // ISO 8601 text of a date-time: "YYYY-MM-DD", with the time "YYYY-MM-DDThh:mm:ss[.mmm](Z|+hh:mm|-hh:mm)". `offsetMinutes` from
 // UTC must lie within -1439..1439 when the time is included (E_INVALIDARG). Milliseconds that are zero are never written.

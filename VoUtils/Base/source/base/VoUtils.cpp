@@ -5,11 +5,7 @@
 #include <base/VoErrorHandler.h>
 #include <base/com/VoComHelper.h>
 
-#include <charconv>
 #include <climits>
-#include <cstdarg>
-#include <cwchar>
-#include <cwctype>
 #include <iterator>
 #include <optional>
 
@@ -321,83 +317,6 @@ HRESULT VoCodePageToString(UINT codePage, std::string_view bytes, std::wstring& 
     return ReportedFromCodePage({ kSource, L"VoCodePageToString" }, 134, codePage, bytes, text);
 }
 
-std::wstring VoFormat(const wchar_t* format, ...)
-{
-    va_list arguments;
-    va_start(arguments, format);
-    try
-    {
-        std::wstring text = VoFormatV(format, arguments);
-        va_end(arguments);
-        return text;
-    }
-    catch (...)
-    {
-        va_end(arguments);
-        throw;
-    }
-}
-
-std::wstring VoFormatV(const wchar_t* format, va_list arguments)
-{
-    // Most texts are short: one pass through a buffer on the stack.
-    wchar_t buffer[256];
-    va_list again;
-    va_copy(again, arguments);
-    const int shortLength = ::_vsnwprintf(buffer, std::size(buffer), format, arguments);
-    if (shortLength >= 0)
-    {
-        va_end(again);
-        return std::wstring(buffer, static_cast<size_t>(shortLength));
-    }
-    va_list measured;
-    va_copy(measured, again);
-    const int length = ::_vscwprintf(format, measured);
-    va_end(measured);
-    if (length < 0)
-    {
-        va_end(again);
-        throw CVoHResultException(E_INVALIDARG);
-    }
-    std::wstring text;
-    try
-    {
-        text.resize(static_cast<size_t>(length));
-    }
-    catch (...)
-    {
-        va_end(again);
-        throw;
-    }
-    // The string has room for the terminator that this may write behind the text.
-    ::_vsnwprintf(text.data(), text.size() + 1, format, again);
-    va_end(again);
-    return text;
-}
-
-bool VoEqualsNoCase(std::wstring_view a, std::wstring_view b) noexcept
-{
-    // The comparison folds each UTF-16 unit to one unit, so that equal texts have equal lengths.
-    if (a.size() != b.size() || a.size() > INT_MAX)
-        return false;
-    const auto length = static_cast<int>(a.size());
-    return length == 0 || ::CompareStringOrdinal(a.data(), length, b.data(), length, TRUE) == CSTR_EQUAL;
-}
-
-bool VoStartsWithNoCase(std::wstring_view text, std::wstring_view prefix) noexcept
-{
-    return text.size() >= prefix.size() && VoEqualsNoCase(text.substr(0, prefix.size()), prefix);
-}
-
-std::wstring_view VoTrim(std::wstring_view text) noexcept
-{
-    while (!text.empty() && std::iswspace(text.front()))
-        text.remove_prefix(1);
-    while (!text.empty() && std::iswspace(text.back()))
-        text.remove_suffix(1);
-    return text;
-}
-
 HRESULT VoSystemTimeToISO8601DateTimeStr(const SYSTEMTIME& time, int offsetMinutes, bool includeTime, bool includeMilliseconds,
                                          std::wstring& text) noexcept
 {
@@ -590,22 +509,9 @@ std::optional<std::wstring> ReadIniValue(const std::wstring& file, const wchar_t
 std::optional<INT32> ParseInteger(std::wstring_view text)
 {
     text = VoTrim(text);
-    if (text.starts_with(L'+') && text.size() > 1 && text[1] != L'-')
+    if (text.starts_with(L'+') && !text.starts_with(L"+-"))
         text.remove_prefix(1);
-    char digits[kMaxIniValue];
-    if (text.empty() || text.size() > sizeof digits)
-        return std::nullopt;
-    for (size_t i = 0; i < text.size(); ++i)
-    {
-        if (text[i] > 0x7F)
-            return std::nullopt;
-        digits[i] = static_cast<char>(text[i]);
-    }
-    INT32 value = 0;
-    const auto [end, error] = std::from_chars(digits, digits + text.size(), value);
-    if (error != std::errc() || end != digits + text.size())
-        return std::nullopt;
-    return value;
+    return VoParseDecimal<INT32>(text);
 }
 } // namespace
 

@@ -1,0 +1,112 @@
+// Text functions without reports (VoText.h).
+#include <base/VoText.h>
+
+#include <base/VoHResult.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <climits>
+#include <cwchar>
+#include <cwctype>
+#include <iterator>
+
+std::wstring VoFormat(const wchar_t* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    try
+    {
+        std::wstring text = VoFormatV(format, arguments);
+        va_end(arguments);
+        return text;
+    }
+    catch (...)
+    {
+        va_end(arguments);
+        throw;
+    }
+}
+
+std::wstring VoFormatV(const wchar_t* format, va_list arguments)
+{
+    // Most texts are short: one pass through a buffer on the stack.
+    wchar_t buffer[256];
+    va_list again;
+    va_copy(again, arguments);
+    const int shortLength = ::_vsnwprintf(buffer, std::size(buffer), format, arguments);
+    if (shortLength >= 0)
+    {
+        va_end(again);
+        return std::wstring(buffer, static_cast<size_t>(shortLength));
+    }
+    va_list measured;
+    va_copy(measured, again);
+    const int length = ::_vscwprintf(format, measured);
+    va_end(measured);
+    if (length < 0)
+    {
+        va_end(again);
+        throw CVoHResultException(E_INVALIDARG);
+    }
+    std::wstring text;
+    try
+    {
+        text.resize(static_cast<size_t>(length));
+    }
+    catch (...)
+    {
+        va_end(again);
+        throw;
+    }
+    // The string has room for the terminator that this may write behind the text.
+    ::_vsnwprintf(text.data(), text.size() + 1, format, again);
+    va_end(again);
+    return text;
+}
+
+bool VoEqualsNoCase(std::wstring_view a, std::wstring_view b) noexcept
+{
+    // The comparison folds each UTF-16 unit to one unit, so equal texts have equal lengths.
+    if (a.size() != b.size() || a.size() > INT_MAX)
+        return false;
+    const auto length = static_cast<int>(a.size());
+    return length == 0 || ::CompareStringOrdinal(a.data(), length, b.data(), length, TRUE) == CSTR_EQUAL;
+}
+
+bool VoStartsWithNoCase(std::wstring_view text, std::wstring_view prefix) noexcept
+{
+    return text.size() >= prefix.size() && VoEqualsNoCase(text.substr(0, prefix.size()), prefix);
+}
+
+std::wstring_view VoTrim(std::wstring_view text) noexcept
+{
+    while (!text.empty() && std::iswspace(text.front()))
+        text.remove_prefix(1);
+    while (!text.empty() && std::iswspace(text.back()))
+        text.remove_suffix(1);
+    return text;
+}
+
+std::optional<VoTextDetail::CDecimal> VoTextDetail::ReadDecimal(std::wstring_view text) noexcept
+{
+    CDecimal result;
+    result.isNegative = text.starts_with(L'-');
+    if (result.isNegative)
+        text.remove_prefix(1);
+    if (text.empty() || text.find_first_not_of(L"0123456789") != std::wstring_view::npos)
+        return std::nullopt;
+    text.remove_prefix(std::min(text.find_first_not_of(L'0'), text.size() - 1));
+    // UINT64_MAX has 20 digits.
+    std::array<char, 20> digits{};
+    if (text.size() <= digits.size())
+    {
+        std::transform(text.begin(), text.end(), digits.begin(), [](wchar_t digit) { return static_cast<char>(digit); });
+        const auto [end, error] = std::from_chars(digits.data(), digits.data() + text.size(), result.magnitude);
+        if (error == std::errc())
+            return result;
+    }
+    result.magnitude = UINT64_MAX;
+    result.isAboveMaximum = true;
+    return result;
+}

@@ -1,0 +1,50 @@
+#include <base/VoText.h>
+
+#include <gtest/gtest.h>
+
+namespace
+{
+TEST(Text, DecimalParserReadsDigitsAndOneMinusOnly)
+{
+    struct CCase
+    {
+        const wchar_t* text;
+        std::optional<INT32> exact;
+        std::optional<INT32> clamped;
+    };
+    constexpr INT32 kLow = INT32_MIN;
+    constexpr INT32 kHigh = INT32_MAX;
+    const CCase cases[] = {
+        { L"0", 0, 0 },
+        { L"-0", 0, 0 },
+        { L"007", 7, 7 },
+        { L"2147483647", kHigh, kHigh },
+        { L"-2147483648", kLow, kLow },
+        { L"2147483648", std::nullopt, kHigh },
+        { L"-2147483649", std::nullopt, kLow },
+        { L"18446744073709551616", std::nullopt, kHigh },
+        { L"-99999999999999999999999", std::nullopt, kLow },
+        { L"000000000000000000000000000005", 5, 5 },
+        { L"", std::nullopt, std::nullopt },
+        { L"-", std::nullopt, std::nullopt },
+        { L"+1", std::nullopt, std::nullopt },
+        { L"--1", std::nullopt, std::nullopt },
+        { L" 1", std::nullopt, std::nullopt },
+        { L"1 ", std::nullopt, std::nullopt },
+        { L"1x", std::nullopt, std::nullopt },
+        { L"\u0661", std::nullopt, std::nullopt },
+        { L"\u0131", std::nullopt, std::nullopt },
+    };
+    for (const CCase& c : cases)
+    {
+        EXPECT_EQ(VoParseDecimal<INT32>(c.text), c.exact) << c.text;
+        EXPECT_EQ(VoParseDecimalClamped<INT32>(c.text), c.clamped) << c.text;
+    }
+    EXPECT_EQ(VoParseDecimal<UINT16>(L"65535"), UINT16_MAX);
+    EXPECT_EQ(VoParseDecimal<UINT16>(L"65536"), std::nullopt);
+    EXPECT_EQ(VoParseDecimal<UINT16>(L"-0"), std::nullopt);
+    EXPECT_EQ(VoParseDecimal<UINT64>(L"18446744073709551615"), UINT64_MAX);
+    EXPECT_EQ(VoParseDecimal<INT64>(L"-9223372036854775808"), INT64_MIN);
+    EXPECT_EQ(VoParseDecimal<INT64>(std::wstring_view(L"1\0", 2)), std::nullopt);
+}
+} // namespace
