@@ -20,6 +20,7 @@
 #include <atomic>
 #include <string>
 #include <string_view>
+#include <utility>
 
 // What ModuleSettings.ini switches, with the defaults that hold where a key is missing or does not parse.
 struct CVoModuleSettings
@@ -178,6 +179,30 @@ public:
 
     // Reports the exception being handled (HResultFromCurrentException); call it only inside a catch block.
     HRESULT CurrentException(int line) const noexcept { return (*this)(line, HResultFromCurrentException()); }
+
+    // Runs `body` and returns its HRESULT. An exception is reported at `exceptionLine`, and its code returned:
+    //
+    //     HRESULT CVoThing::Read(std::wstring& text) const noexcept
+    //     {
+    //         constexpr CVoReporter report{ kSource, L"CVoThing::Read" };
+    //         return report.Guard(120, [&]() -> HRESULT {
+    //             if (const HRESULT hr = m_file.Read(text); FAILED(hr))
+    //                 return report(112, hr);
+    //             return S_OK;
+    //         });
+    //     }
+    template <class Body>
+    [[nodiscard]] HRESULT Guard(int exceptionLine, Body&& body) const noexcept
+    {
+        try
+        {
+            return std::forward<Body>(body)();
+        }
+        catch (...)
+        {
+            return CurrentException(exceptionLine);
+        }
+    }
 
     // Reports a message at a trace point; see VoReportMessage for the format.
     template <class... Args>
