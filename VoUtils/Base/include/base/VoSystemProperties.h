@@ -57,6 +57,11 @@ public:
 // The process's own result, made by the first call. Any thread. Throws as the constructor does.
 [[nodiscard]] const CSystemCheckResult& VoSystemInformation();
 
+// Whether the system is Windows 8.1 (6.3) or later: VerifyVersionInfoW with 6.3 and service pack 0, each greater or equal. All
+// parts of the library ask this function. The system answers what the program's manifest names (supportedOS): without it,
+// later systems pass for 6.2. Any thread; asked anew by each call.
+[[nodiscard]] bool VoIsWindows81OrLater() noexcept;
+
 // The decisions, apart from the calls that feed them.
 namespace VoSystemProperties
 {

@@ -250,3 +250,20 @@ const CSystemCheckResult& VoSystemInformation()
     static CVoNeverDestroyed<CSystemCheckResult> result;
     return result.Get();
 }
+
+bool VoIsWindows81OrLater() noexcept
+{
+    OSVERSIONINFOEXW version{};
+    version.dwOSVersionInfoSize = sizeof version;
+    version.dwMajorVersion = 6;
+    version.dwMinorVersion = 3;
+    version.wServicePackMajor = 0;
+    DWORD fields = 0;
+    DWORDLONG conditions = 0;
+    for (const DWORD field : { DWORD{ VER_MAJORVERSION }, DWORD{ VER_MINORVERSION }, DWORD{ VER_SERVICEPACKMAJOR } })
+    {
+        fields |= field;
+        conditions = ::VerSetConditionMask(conditions, field, VER_GREATER_EQUAL);
+    }
+    return ::VerifyVersionInfoW(&version, fields, conditions) != FALSE;
+}
