@@ -3,9 +3,9 @@
 #include "Benchmark.h"
 
 #include <VoGlobalHTTPProxyStoreImpl.h>
-#include <VoWinHttpAnswer.h>
 
 #include <base/VoMultiThreading.h>
+#include <base/VoPromise.h>
 
 #include <LoopbackServer.h>
 
@@ -88,7 +88,7 @@ private:
 
     std::function<void()> m_work;
     CVoLock m_lock; // the standard library's waits miss a call now and then with mingw-w64
-    VoWinHttpRequest::Detail::CCondition m_changed;
+    CVoCondition m_changed;
     int m_generation = 0;
     size_t m_left = 0;
     bool m_stop = false;

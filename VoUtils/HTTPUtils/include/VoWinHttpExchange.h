@@ -1,12 +1,12 @@
 // The state machine of one exchange: VoWinHttpRequest.h, which callers include, is its face.
 #pragma once
 
-#include <VoWinHttpAnswer.h>
 #include <VoWinHttpInterface.h>
 
 #include <base/VoErrorHandler.h>
 #include <base/VoHResult.h>
 #include <base/VoPlatform.h>
+#include <base/VoPromise.h>
 #include <base/VoWipe.h>
 
 #include <array>
@@ -142,8 +142,8 @@ class CExchange : public std::enable_shared_from_this<CExchange<T>>
 {
 public:
     CExchange(VoWinHttpInterface::WinHttpRequestHandle& request, AuthenticationFunction authenticate, void* context)
-        : m_request(request),
-          m_functions{ .authenticate = std::make_shared<const AuthenticationFunction>(std::move(authenticate)) },
+        : m_request(request), m_functions{ .authenticate =
+                                               std::make_shared<const AuthenticationFunction>(std::move(authenticate)) },
           m_context(context)
     {
     }
@@ -171,7 +171,7 @@ public:
     }
     // Makes ready for a send: fresh promises where the last ones were used, with their futures put in place. E_FAIL while an
     // exchange runs. Throws std::bad_alloc with nothing changed.
-    [[nodiscard]] HRESULT Prepare(CAnswerFuture<DWORD>& statusFuture, CAnswerFuture<std::vector<BYTE>>& dataFuture);
+    [[nodiscard]] HRESULT Prepare(CVoFuture<DWORD>& statusFuture, CVoFuture<std::vector<BYTE>>& dataFuture);
     // Sends what was made ready.
     [[nodiscard]] HRESULT Start() noexcept;
     // Ends the exchange; see IVoWinHttpRequest::Clear.
@@ -222,7 +222,7 @@ private:
     // With the lock held: WinHTTP still works for the answer.
     [[nodiscard]] bool IsRunning() const noexcept
     {
-        return m_busy && (m_status.IsOpen() || (m_data.IsOpen() && m_statusCode < kFirstStatusWithoutBody));
+        return m_busy && (m_status || (m_data && m_statusCode < kFirstStatusWithoutBody));
     }
     // Whether this thread is serving a notification of this exchange.
     [[nodiscard]] bool IsInCallback() const noexcept
@@ -260,7 +260,7 @@ private:
 
     // Gives the failure to whoever still waits for an answer.
     void Fail(HRESULT hr) noexcept;
-    static void FailAnswers(std::optional<CPromise<DWORD>>& status, std::optional<CPromise<std::vector<BYTE>>>& data,
+    static void FailAnswers(std::optional<CVoPromise<DWORD>>& status, std::optional<CVoPromise<std::vector<BYTE>>>& data,
                             HRESULT hr) noexcept;
     // Lets go of everything that belongs to others, for a state that WinHTTP still knows and nobody waits for.
     void Abandon() noexcept;
@@ -286,7 +286,7 @@ private:
     std::wstring m_url;
 
     mutable CVoLock m_lock; // guards what follows; never held during a call of WinHTTP or of a function from outside
-    CCondition m_changed;
+    CVoCondition m_changed;
     SFunctions m_functions;
     void* m_context;
     HINTERNET m_handle = nullptr;      // as it was at Send, for comparison only
@@ -295,8 +295,8 @@ private:
     bool m_abandoned = false;
     size_t m_notifications = 0; // being served now
     DWORD m_statusCode = 0;     // of the answer; 0 until it is there
-    CAnswer<DWORD> m_status;
-    CAnswer<std::vector<BYTE>> m_data;
+    std::optional<CVoPromise<DWORD>> m_status;
+    std::optional<CVoPromise<std::vector<BYTE>>> m_data;
 };
 
 template <class T>
@@ -311,10 +311,10 @@ HRESULT CExchange<T>::SetRequestData(const void* data, DWORD length) noexcept
 }
 
 template <class T>
-HRESULT CExchange<T>::Prepare(CAnswerFuture<DWORD>& statusFuture, CAnswerFuture<std::vector<BYTE>>& dataFuture)
+HRESULT CExchange<T>::Prepare(CVoFuture<DWORD>& statusFuture, CVoFuture<std::vector<BYTE>>& dataFuture)
 {
-    CPromise<DWORD> status;
-    CPromise<std::vector<BYTE>> data;
+    CVoPromise<DWORD> status;
+    CVoPromise<std::vector<BYTE>> data;
     const std::lock_guard lock(m_lock);
     if (IsRunning())
         return E_FAIL;
@@ -322,15 +322,15 @@ HRESULT CExchange<T>::Prepare(CAnswerFuture<DWORD>& statusFuture, CAnswerFuture<
     m_pending.reset();
     m_url.clear();
     // An answer that nobody gave stays: somebody may wait for it.
-    if (!m_status.IsOpen())
+    if (!m_status)
     {
-        statusFuture.Set(status.Future());
-        m_status.Open(std::move(status));
+        statusFuture = status.Future();
+        m_status.emplace(std::move(status));
     }
-    if (!m_data.IsOpen())
+    if (!m_data)
     {
-        dataFuture.Set(data.Future());
-        m_data.Open(std::move(data));
+        dataFuture = data.Future();
+        m_data.emplace(std::move(data));
     }
     m_statusCode = 0;
     m_busy = true;
@@ -422,27 +422,27 @@ void CExchange<T>::Abandon() noexcept
 template <class T>
 void CExchange<T>::Fail(HRESULT hr) noexcept
 {
-    std::optional<CPromise<DWORD>> status;
-    std::optional<CPromise<std::vector<BYTE>>> data;
+    std::optional<CVoPromise<DWORD>> status;
+    std::optional<CVoPromise<std::vector<BYTE>>> data;
     {
         const std::lock_guard lock(m_lock);
-        status = m_status.Take();
-        data = m_data.Take();
+        status = std::exchange(m_status, std::nullopt);
+        data = std::exchange(m_data, std::nullopt);
     }
     FailAnswers(status, data, hr);
 }
 
 template <class T>
-void CExchange<T>::FailAnswers(std::optional<CPromise<DWORD>>& status, std::optional<CPromise<std::vector<BYTE>>>& data,
+void CExchange<T>::FailAnswers(std::optional<CVoPromise<DWORD>>& status, std::optional<CVoPromise<std::vector<BYTE>>>& data,
                                HRESULT hr) noexcept
 {
     if (!status && !data)
         return;
     const std::exception_ptr failure = std::make_exception_ptr(HRESULTexc(hr));
     if (status)
-        status->Fail(failure);
+        status->SetException(failure);
     if (data)
-        data->Fail(failure);
+        data->SetException(failure);
 }
 
 template <class T>
@@ -523,12 +523,12 @@ void CExchange<T>::OnRedirect() noexcept
         return;
     // Only a closed handle keeps WinHTTP from following the redirect. Closing it tells of a cancellation, which is not what
     // happened: the answers are taken out before.
-    std::optional<CPromise<DWORD>> status;
-    std::optional<CPromise<std::vector<BYTE>>> data;
+    std::optional<CVoPromise<DWORD>> status;
+    std::optional<CVoPromise<std::vector<BYTE>>> data;
     {
         const std::lock_guard lock(m_lock);
-        status = m_status.Take();
-        data = m_data.Take();
+        status = std::exchange(m_status, std::nullopt);
+        data = std::exchange(m_data, std::nullopt);
     }
     if (const HRESULT closed = m_request.Close(); FAILED(closed))
         report(251, closed);
@@ -562,15 +562,15 @@ HRESULT CExchange<T>::OnHeadersAvailable()
         return SUCCEEDED(hr) ? hr : report(280, hr);
     }
 
-    std::optional<CPromise<DWORD>> status;
+    std::optional<CVoPromise<DWORD>> status;
     {
         const std::lock_guard lock(m_lock);
         m_statusCode = code;
-        status = m_status.Take();
+        status = std::exchange(m_status, std::nullopt);
     }
     // From the next line on, an exchange without a body may be sent again: nothing of it is touched after that.
     if (status)
-        status->Give(code);
+        status->SetValue(code);
     if (code >= kFirstStatusWithoutBody)
         return S_OK;
     const HRESULT hr = Reason(m_request.QueryDataAvailable());
@@ -648,14 +648,14 @@ void CExchange<T>::DeliverBody()
         chunk.bytes.reset(); // at once: the body is in memory twice at most
     }
     m_chunks.clear();
-    std::optional<CPromise<std::vector<BYTE>>> data;
+    std::optional<CVoPromise<std::vector<BYTE>>> data;
     {
         const std::lock_guard lock(m_lock);
-        data = m_data.Take();
+        data = std::exchange(m_data, std::nullopt);
     }
     // From here on the exchange may be sent again: nothing of it is touched any more.
     if (data)
-        data->Give(std::move(body));
+        data->SetValue(std::move(body));
 }
 
 template <class T>

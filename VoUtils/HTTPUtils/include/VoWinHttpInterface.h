@@ -296,7 +296,8 @@ public:
     [[nodiscard]] HRESULT SetStatusCallback(WINHTTP_STATUS_CALLBACK function, DWORD mask) const noexcept
     {
         constexpr CVoReporter report{ kSource, L"VoWinHttpInterface::WinHttpRequestHandle::SetStatusCallback" };
-        return Use(report, 330, [&](HINTERNET handle)
+        return Use(report, 330,
+                   [&](HINTERNET handle)
                    { return ::WinHttpSetStatusCallback(handle, function, mask, 0) != WINHTTP_INVALID_STATUS_CALLBACK; });
     }
 
@@ -330,8 +331,7 @@ public:
     {
         constexpr CVoReporter report{ kSource, L"VoWinHttpInterface::WinHttpRequestHandle::Send" };
         return Use(report, 366,
-                   [&](HINTERNET handle)
-                   {
+                   [&](HINTERNET handle) {
                        return ::WinHttpSendRequest(handle, WINHTTP_NO_ADDITIONAL_HEADERS, 0, const_cast<void*>(body), length,
                                                    length, context);
                    });
@@ -377,8 +377,7 @@ public:
         DWORD value = 0;
         DWORD length = sizeof(value);
         const HRESULT hr = Use(report, 412,
-                               [&](HINTERNET handle)
-                               {
+                               [&](HINTERNET handle) {
                                    return ::WinHttpQueryHeaders(handle, infoLevel, WINHTTP_HEADER_NAME_BY_INDEX, &value,
                                                                 &length, WINHTTP_NO_HEADER_INDEX);
                                });

@@ -112,16 +112,16 @@ private:
     template <auto kMember, class Handler>
     [[nodiscard]] HRESULT SetHandler(Handler handler, const CVoReporter& report, int line) noexcept;
     template <class Value>
-    [[nodiscard]] Detail::CFuture<Value> Take(Detail::CAnswerFuture<Value>& future)
+    [[nodiscard]] CVoFuture<Value> Take(CVoFuture<Value>& future)
     {
         const std::lock_guard lock(m_lock);
-        return future.Take();
+        return std::move(future);
     }
 
-    mutable CVoLock m_lock;                          // taken before the exchange's own
-    std::shared_ptr<CExchange> m_exchange;           // null: not initialised
-    Detail::CAnswerFuture<DWORD> m_status;           // the answers outlive the exchange
-    Detail::CAnswerFuture<std::vector<BYTE>> m_data; //
+    mutable CVoLock m_lock;                // taken before the exchange's own
+    std::shared_ptr<CExchange> m_exchange; // null: not initialised
+    CVoFuture<DWORD> m_status;             // the results outlive the exchange
+    CVoFuture<std::vector<BYTE>> m_data;
 };
 
 template <class T>
@@ -146,8 +146,8 @@ HRESULT CVoWinHttpRequest<T>::Init(VoWinHttpInterface::WinHttpRequestHandle* req
             return report(112, hr);
         const std::lock_guard lock(m_lock);
         m_exchange = std::move(exchange);
-        m_status.Reset();
-        m_data.Reset();
+        m_status = {};
+        m_data = {};
         return S_OK;
     }
     catch (...)
