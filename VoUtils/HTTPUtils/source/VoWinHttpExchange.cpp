@@ -1,0 +1,615 @@
+// The state machine of one WinHTTP exchange, and the functions of CVoWinHttpRequest, which starts and ends it. The WinHTTP
+// transport uses them.
+#include "VoWinHttpExchange.h"
+
+#include <base/VoWipe.h>
+
+#include <array>
+#include <new>
+#include <string_view>
+
+namespace VoWinHttpRequest
+{
+namespace
+{
+// Reports name the header that callers know.
+constexpr const wchar_t* kSource = L"VoWinHttpRequest.h";
+
+constexpr DWORD kStatusUnauthorized = 401;
+constexpr DWORD kStatusProxyAuthenticationRequired = 407;
+constexpr DWORD kFirstStatusWithoutBody = 300; // from here on the body is never read
+constexpr HRESULT kCancelled = HResultFromWin32(ERROR_WINHTTP_OPERATION_CANCELLED);
+} // namespace
+
+// ---- Reports ----
+
+void CExchangeReporter::Write(int line, HRESULT code) const noexcept
+{
+    std::array<wchar_t, 160> name{}; // enough for every class and function here
+    std::wstring_view parts[] = { m_className, L"::", m_function };
+    size_t length = 0;
+    for (const std::wstring_view part : parts)
+        length += part.copy(name.data() + length, name.size() - 1 - length);
+    VoReportCode(m_source, line, name.data(), code);
+}
+
+CExchangeReporter CExchange::Reporter(const wchar_t* function) const noexcept
+{
+    return { kSource, m_className, function };
+}
+
+// ---- The state ----
+
+constinit thread_local const CExchange::CNotification* CExchange::CNotification::s_innermost = nullptr;
+
+CExchange::CNotification::CNotification(CExchange& exchange) noexcept
+    : m_exchange(exchange.weak_from_this().lock()), m_outer(s_innermost)
+{
+    s_innermost = this;
+    const std::lock_guard lock(exchange.m_lock);
+    ++exchange.m_notifications;
+}
+
+CExchange::CNotification::~CNotification()
+{
+    s_innermost = m_outer;
+    const std::lock_guard lock(m_exchange->m_lock);
+    --m_exchange->m_notifications;
+    m_exchange->m_changed.NotifyAll();
+}
+
+bool CExchange::CNotification::IsInside(const CExchange& exchange) noexcept
+{
+    for (const CNotification* notification = s_innermost; notification; notification = notification->m_outer)
+        if (notification->m_exchange.get() == &exchange)
+            return true;
+    return false;
+}
+
+void CExchange::CPromises::SetException(HRESULT hr) noexcept
+{
+    if (!status && !data)
+        return;
+    const std::exception_ptr failure = std::make_exception_ptr(HRESULTexc(hr));
+    if (status)
+        status->SetException(failure);
+    if (data)
+        data->SetException(failure);
+}
+
+bool CExchange::IsRunning() const noexcept
+{
+    return m_busy && (m_promises.status || (m_promises.data && m_statusCode < kFirstStatusWithoutBody));
+}
+
+bool CExchange::IsAbandoned() const noexcept
+{
+    const std::lock_guard lock(m_lock);
+    return m_abandoned;
+}
+
+HRESULT CExchange::Reason(HRESULT hr) const noexcept
+{
+    return SUCCEEDED(hr) || (!IsAbandoned() && m_request.IsOpen()) ? hr : kCancelled;
+}
+
+CExchange::CPromises CExchange::TakePromises() noexcept
+{
+    const std::lock_guard lock(m_lock);
+    return std::exchange(m_promises, {});
+}
+
+void CExchange::Fail(HRESULT hr) noexcept
+{
+    TakePromises().SetException(hr);
+}
+
+void CExchange::Abandon() noexcept
+{
+    CFunctions functions; // destroyed without the lock
+    {
+        const std::lock_guard lock(m_lock);
+        m_abandoned = true;
+        std::swap(m_functions, functions);
+        m_context = nullptr;
+    }
+    Fail(kCancelled);
+}
+
+// ---- Calls of the owner ----
+
+HRESULT CExchange::SetRequestData(const void* data, DWORD length) noexcept
+{
+    const std::lock_guard lock(m_lock);
+    if (IsRunning())
+        return E_FAIL;
+    m_body = data;
+    m_bodyLength = length;
+    return S_OK;
+}
+
+HRESULT CExchange::Prepare(CVoFuture<DWORD>& statusFuture, CVoFuture<std::vector<BYTE>>& dataFuture)
+{
+    CVoPromise<DWORD> status;
+    CVoPromise<std::vector<BYTE>> data;
+    const std::lock_guard lock(m_lock);
+    if (IsRunning())
+        return E_FAIL;
+    m_chunks.clear();
+    m_pending.reset();
+    m_url.clear();
+    // Keep an unset promise: a caller may wait on its future.
+    if (!m_promises.status)
+    {
+        statusFuture = status.Future();
+        m_promises.status.emplace(std::move(status));
+    }
+    if (!m_promises.data)
+    {
+        dataFuture = data.Future();
+        m_promises.data.emplace(std::move(data));
+    }
+    m_statusCode = 0;
+    m_busy = true;
+    return S_OK;
+}
+
+HRESULT CExchange::Start() noexcept
+{
+    bool wasKnown = false; // to WinHTTP, from an earlier send
+    {
+        const std::lock_guard lock(m_lock);
+        m_handle = m_request.Get();
+        wasKnown = m_self != nullptr;
+        if (!wasKnown)
+            m_self = weak_from_this().lock();
+    }
+    const HRESULT hr = SendRequest();
+    if (SUCCEEDED(hr))
+        return hr;
+
+    // Send failed: clear our context. If that fails, keep the state alive, because WinHTTP may still call back. A state that
+    // WinHTTP knew before stays busy then: its handle has been closed, and HANDLE_CLOSING will come. For a first send it may
+    // never come, so Close must not wait for it. A handle that WinHTTP does not know cannot hold the context.
+    constexpr DWORD_PTR kNoContext = 0;
+    const bool isCleared = (hr == E_HANDLE && !wasKnown) ||
+                           SUCCEEDED(m_request.SetOption(WINHTTP_OPTION_CONTEXT_VALUE, &kNoContext, sizeof(kNoContext)));
+    const std::shared_ptr<CExchange> keep = weak_from_this().lock();
+    {
+        const std::lock_guard lock(m_lock);
+        if (isCleared)
+            m_self.reset();
+        if (isCleared || !wasKnown)
+            m_busy = false;
+        m_changed.NotifyAll();
+    }
+    Fail(hr);
+    return hr;
+}
+
+HRESULT CExchange::SendRequest() noexcept
+{
+    const HRESULT hr = m_request.Send(m_body, m_bodyLength, reinterpret_cast<DWORD_PTR>(this));
+    return SUCCEEDED(hr) ? hr : Reporter(L"_Send")(200, hr);
+}
+
+HRESULT CExchange::Close() noexcept
+{
+    const bool isInCallback = CNotification::IsInside(*this);
+    std::unique_lock lock(m_lock);
+    const bool isKnown = m_busy && !m_abandoned;
+    lock.unlock();
+    if (isInCallback)
+        Abandon();
+    const HRESULT hr = isKnown ? m_request.Close() : S_OK; // HANDLE_CLOSING may be served inside this call
+    if (isInCallback)
+        return hr;
+
+    lock.lock();
+    if (FAILED(hr) && m_busy)
+    {
+        lock.unlock();
+        Abandon();
+        lock.lock();
+    }
+    m_changed.Wait(lock, [this] { return (!m_busy || m_abandoned) && m_notifications == 0; });
+    // Destroy the functions now: the last notification may keep the state a moment longer.
+    const CFunctions functions = std::exchange(m_functions, {});
+    lock.unlock();
+    return hr;
+}
+
+// ---- Notifications ----
+
+void CExchange::Notify(DWORD status, const void* information, DWORD length) noexcept
+{
+    const CExchangeReporter report = Reporter(L"Callback");
+    const CNotification notification(*this);
+    if (status != WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING && IsAbandoned())
+        return;
+    HRESULT hr = S_OK;
+    try
+    {
+        hr = OnCallback(status, information, length);
+        if (FAILED(hr))
+            report(220, hr);
+    }
+    catch (...)
+    {
+        hr = report.CurrentException(224);
+    }
+    if (FAILED(hr))
+        Fail(hr);
+}
+
+HRESULT CExchange::OnCallback(DWORD status, const void* information, DWORD length)
+{
+    HRESULT hr = S_OK;
+    switch (status)
+    {
+    case WINHTTP_CALLBACK_STATUS_RESOLVING_NAME:
+    case WINHTTP_CALLBACK_STATUS_REDIRECT:
+        m_url = information ? static_cast<const wchar_t*>(information) : L"";
+        if (status == WINHTTP_CALLBACK_STATUS_REDIRECT)
+            OnRedirect();
+        break;
+    case WINHTTP_CALLBACK_STATUS_SENDREQUEST_COMPLETE:
+        hr = OnSendrequestComplete(status, information, length);
+        break;
+    case WINHTTP_CALLBACK_STATUS_HEADERS_AVAILABLE:
+        hr = OnHeadersAvailable();
+        break;
+    case WINHTTP_CALLBACK_STATUS_DATA_AVAILABLE:
+        hr = OnDataAvailable(information, length);
+        break;
+    case WINHTTP_CALLBACK_STATUS_READ_COMPLETE:
+        hr = OnReadComplete(information, length);
+        break;
+    case WINHTTP_CALLBACK_STATUS_REQUEST_ERROR:
+        hr = OnRequestError(information, length);
+        break;
+    case WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING:
+        hr = OnHandleClosing(information, length);
+        break;
+    default:
+        break;
+    }
+    return SUCCEEDED(hr) ? hr : Reporter(L"OnCallback")(240, hr);
+}
+
+void CExchange::OnRedirect() noexcept
+{
+    const CExchangeReporter report = Reporter(L"OnRedirect");
+    HRESULT hr = S_OK;
+    try
+    {
+        hr = Call(&CFunctions::redirect, std::as_const(m_url));
+        if (SUCCEEDED(hr))
+            return;
+        report(244, hr);
+    }
+    catch (...)
+    {
+        hr = report.CurrentException(247);
+    }
+    if (IsAbandoned())
+        return;
+    // Only a closed handle keeps WinHTTP from following the redirect. Closing reports a cancellation to the promises, which is
+    // not the reason: take them out first.
+    CPromises promises = TakePromises();
+    if (const HRESULT closed = m_request.Close(); FAILED(closed))
+        report(251, closed);
+    // Touch nothing after this line: the woken thread may send again.
+    promises.SetException(hr);
+}
+
+HRESULT CExchange::OnSendrequestComplete(DWORD status, const void* information, DWORD length)
+{
+    const CExchangeReporter report = Reporter(L"OnSendrequestComplete");
+    if (const HRESULT hr = Call(&CFunctions::sendComplete, status, const_cast<void*>(information), length); FAILED(hr))
+        return report(260, hr);
+    if (IsAbandoned())
+        return S_OK;
+    const HRESULT hr = Reason(m_request.ReceiveResponse());
+    return SUCCEEDED(hr) ? hr : report(264, hr);
+}
+
+HRESULT CExchange::OnHeadersAvailable()
+{
+    const CExchangeReporter report = Reporter(L"OnHeadersAvailable");
+    DWORD code = 0;
+    if (const HRESULT hr = Reason(m_request.QueryHeaders(WINHTTP_QUERY_STATUS_CODE | WINHTTP_QUERY_FLAG_NUMBER, code));
+        FAILED(hr))
+        return report(276, hr);
+    if (code == kStatusUnauthorized || code == kStatusProxyAuthenticationRequired)
+    {
+        const HRESULT hr = OnAuthenticationRequested();
+        return SUCCEEDED(hr) ? hr : report(280, hr);
+    }
+
+    std::optional<CVoPromise<DWORD>> status;
+    {
+        const std::lock_guard lock(m_lock);
+        m_statusCode = code;
+        status = std::exchange(m_promises.status, std::nullopt);
+    }
+    // Without a body, touch nothing after this line: the woken thread may send again.
+    if (status)
+        status->SetValue(code);
+    if (code >= kFirstStatusWithoutBody)
+        return S_OK;
+    const HRESULT hr = Reason(m_request.QueryDataAvailable());
+    return SUCCEEDED(hr) ? hr : report(292, hr);
+}
+
+HRESULT CExchange::OnAuthenticationRequested()
+{
+    const CExchangeReporter report = Reporter(L"OnAuthenticationRequested");
+    std::shared_ptr<const AuthenticationFunction> authenticate; // keeps it alive when it destroys the exchange
+    void* context = nullptr;
+    {
+        const std::lock_guard lock(m_lock);
+        authenticate = m_functions.authenticate;
+        context = m_context;
+    }
+    if (!authenticate || !*authenticate)
+        return report(306, E_FAIL);
+    DWORD supported = 0;
+    DWORD first = 0;
+    DWORD target = 0;
+    if (const HRESULT hr = Reason(m_request.QueryAuthSchemes(supported, first, target)); FAILED(hr))
+        return report(310, hr);
+
+    DWORD chosen = 0;
+    CVoSecret<wchar_t> user;
+    CVoSecret<wchar_t> password;
+    const HRESULT hr = (*authenticate)(target, supported, first, m_url, chosen, user.Get(), password.Get(), context);
+    if (IsAbandoned())
+        return S_OK;
+    if (FAILED(hr))
+        return report(318, hr);
+    if ((chosen & supported) == 0)
+        return S_OK;
+    if (const HRESULT set = Reason(m_request.SetCredentials(target, chosen, user.Get().c_str(), password.Get().c_str()));
+        FAILED(set))
+        return report(324, set);
+    const HRESULT sent = Reason(SendRequest());
+    return SUCCEEDED(sent) ? sent : report(326, sent);
+}
+
+HRESULT CExchange::OnDataAvailable(const void* information, DWORD length)
+{
+    const CExchangeReporter report = Reporter(L"OnDataAvailable");
+    if (!information || length != sizeof(DWORD))
+        return report(336, E_FAIL);
+    const DWORD count = *static_cast<const DWORD*>(information);
+    if (count > MAXLONG) // a negative number: no single piece is that large
+        return report(340, E_FAIL);
+    if (count == 0)
+    {
+        DeliverBody();
+        return S_OK;
+    }
+    m_pending.reset(new (std::nothrow) BYTE[count]);
+    if (!m_pending)
+        return report(346, E_OUTOFMEMORY);
+    const HRESULT hr = Reason(m_request.ReadData(m_pending.get(), count));
+    return SUCCEEDED(hr) ? hr : report(350, hr);
+}
+
+void CExchange::DeliverBody()
+{
+    size_t total = 0;
+    for (const CChunk& chunk : m_chunks)
+        total += chunk.length;
+    std::vector<BYTE> body;
+    body.reserve(total);
+    for (CChunk& chunk : m_chunks)
+    {
+        body.insert(body.end(), chunk.bytes.get(), chunk.bytes.get() + chunk.length);
+        chunk.bytes.reset(); // now, so that memory holds the body at most twice
+    }
+    m_chunks.clear();
+    std::optional<CVoPromise<std::vector<BYTE>>> data;
+    {
+        const std::lock_guard lock(m_lock);
+        data = std::exchange(m_promises.data, std::nullopt);
+    }
+    // Touch nothing after this line: the woken thread may send again.
+    if (data)
+        data->SetValue(std::move(body));
+}
+
+HRESULT CExchange::OnReadComplete(const void* information, DWORD length)
+{
+    const CExchangeReporter report = Reporter(L"OnReadComplete");
+    std::unique_ptr<BYTE[]> bytes = std::move(m_pending);
+    // A foreign buffer has an unknown owner and is not freed here.
+    if (!bytes || information != bytes.get())
+        return report(384, E_FAIL);
+    if (length == 0)
+        return S_OK; // impossible after an announcement; the exchange then waits until it is closed
+    m_chunks.push_back({ length, std::move(bytes) });
+    if (const HRESULT hr = Call(&CFunctions::receive, length); FAILED(hr))
+        return report(388, hr);
+    if (IsAbandoned())
+        return S_OK;
+    const HRESULT hr = Reason(m_request.QueryDataAvailable());
+    return SUCCEEDED(hr) ? hr : report(390, hr);
+}
+
+HRESULT CExchange::OnRequestError(const void* information, DWORD length)
+{
+    const CExchangeReporter report = Reporter(L"OnRequestError");
+    if (!information || length != sizeof(WINHTTP_ASYNC_RESULT))
+        return report(400, E_FAIL);
+    const auto& result = *static_cast<const WINHTTP_ASYNC_RESULT*>(information);
+    report.Message(404, L"Error function: %llu   Error code: %lu", static_cast<unsigned long long>(result.dwResult),
+                   result.dwError);
+    return report(406, HResultFromWin32(result.dwError));
+}
+
+HRESULT CExchange::OnHandleClosing(const void* information, DWORD length)
+{
+    bool isValid = length == sizeof(HINTERNET);
+    {
+        const std::lock_guard lock(m_lock);
+        isValid = isValid || (information && information == m_handle);
+    }
+    Fail(isValid ? kCancelled : E_FAIL);
+    // This is the handle's last notification, valid or not: a waiting Clear must return. The notification keeps the state.
+    {
+        const std::lock_guard lock(m_lock);
+        m_busy = false;
+        m_self.reset();
+    }
+    return isValid ? S_OK : Reporter(L"OnHandleClosing")(424, E_FAIL);
+}
+
+// ---- CVoWinHttpRequest ----
+
+CVoWinHttpRequestBase::~CVoWinHttpRequestBase()
+{
+    CVoWinHttpRequestBase::Clear();
+}
+
+void CALLBACK CVoWinHttpRequestBase::Callback(HINTERNET /*handle*/, DWORD_PTR context, DWORD status, void* information,
+                                              DWORD length) noexcept
+{
+    if (context != 0)
+        reinterpret_cast<CExchange*>(context)->Notify(status, information, length);
+}
+
+std::shared_ptr<CExchange> CVoWinHttpRequestBase::Exchange() const noexcept
+{
+    const std::lock_guard lock(m_lock);
+    return m_exchange;
+}
+
+namespace
+{
+// Sets one of an exchange's functions. Without an exchange the result is E_FAIL.
+template <class Function>
+HRESULT SetFunction(const std::shared_ptr<CExchange>& exchange, std::shared_ptr<const Function> CExchange::CFunctions::* member,
+                    Function function) noexcept
+try
+{
+    return exchange ? exchange->SetFunction(member, std::make_shared<const Function>(std::move(function))) : E_FAIL;
+}
+catch (...)
+{
+    return HResultFromCurrentException();
+}
+
+// Takes the future out under the lock and waits without it.
+template <class Value>
+Value TakeValue(CVoLock& lock, CVoFuture<Value>& future)
+{
+    std::unique_lock guard(lock);
+    CVoFuture<Value> taken = std::move(future);
+    guard.unlock();
+    return taken.Get();
+}
+} // namespace
+
+HRESULT CVoWinHttpRequestBase::Init(VoWinHttpInterface::WinHttpRequestHandle* request, AuthenticationFunction authenticate,
+                                    void* context) noexcept
+{
+    const CExchangeReporter report{ kSource, m_className, L"Init" };
+    if (!request)
+        return report(100, E_POINTER);
+    if (const HRESULT hr = Clear(); FAILED(hr))
+        return report(104, hr);
+    try
+    {
+        // A second exchange would replace the context value of the first, which would never receive HANDLE_CLOSING then.
+        DWORD_PTR known = 0;
+        DWORD length = sizeof(known);
+        if (request->IsOpen() && SUCCEEDED(request->QueryOption(WINHTTP_OPTION_CONTEXT_VALUE, &known, length)) && known != 0)
+            return report(108, HResultFromWin32(ERROR_BUSY));
+
+        auto exchange = std::make_shared<CExchange>(m_className, *request, std::move(authenticate), context);
+        if (const HRESULT hr = request->SetStatusCallback(&Callback, WINHTTP_CALLBACK_FLAG_ALL_NOTIFICATIONS); FAILED(hr))
+            return report(112, hr);
+        const std::lock_guard lock(m_lock);
+        m_exchange = std::move(exchange);
+        m_status = {};
+        m_data = {};
+        return S_OK;
+    }
+    catch (...)
+    {
+        return report.CurrentException(118);
+    }
+}
+
+HRESULT CVoWinHttpRequestBase::SetRequestData(const void* data, DWORD length) noexcept
+{
+    const std::shared_ptr<CExchange> exchange = Exchange();
+    const HRESULT hr = exchange ? exchange->SetRequestData(data, length) : E_FAIL;
+    return SUCCEEDED(hr) ? hr : CExchangeReporter{ kSource, m_className, L"SetRequestData" }(130, hr);
+}
+
+HRESULT CVoWinHttpRequestBase::Clear() noexcept
+{
+    const std::shared_ptr<CExchange> exchange = Exchange();
+    if (!exchange)
+        return S_OK;
+    const HRESULT hr = exchange->Close();
+    {
+        const std::lock_guard lock(m_lock);
+        if (m_exchange == exchange)
+            m_exchange.reset();
+    }
+    return SUCCEEDED(hr) ? hr : CExchangeReporter{ kSource, m_className, L"Clear" }(144, E_FAIL);
+}
+
+HRESULT CVoWinHttpRequestBase::Send() noexcept
+{
+    const CExchangeReporter report{ kSource, m_className, L"Send" };
+    try
+    {
+        std::shared_ptr<CExchange> exchange;
+        {
+            const std::lock_guard lock(m_lock);
+            exchange = m_exchange;
+            if (const HRESULT hr = exchange ? exchange->Prepare(m_status, m_data) : E_FAIL; FAILED(hr))
+                return report(156, hr);
+        }
+        const HRESULT hr = exchange->Start();
+        return SUCCEEDED(hr) ? hr : report(160, hr);
+    }
+    catch (...)
+    {
+        return report.CurrentException(164);
+    }
+}
+
+DWORD CVoWinHttpRequestBase::GetStatusCode()
+{
+    return TakeValue(m_lock, m_status);
+}
+
+std::vector<BYTE> CVoWinHttpRequestBase::GetResponseData()
+{
+    return TakeValue(m_lock, m_data);
+}
+
+HRESULT CVoWinHttpRequestBase::SetSendCompleteHandler(SendCompleteHandler handler) noexcept
+{
+    const HRESULT hr = SetFunction(Exchange(), &CExchange::CFunctions::sendComplete, std::move(handler));
+    return SUCCEEDED(hr) ? hr : CExchangeReporter{ kSource, m_className, L"SetSendCompleteHandler" }(176, hr);
+}
+
+HRESULT CVoWinHttpRequestBase::SetRedirectHandler(RedirectHandler handler) noexcept
+{
+    const HRESULT hr = SetFunction(Exchange(), &CExchange::CFunctions::redirect, std::move(handler));
+    return SUCCEEDED(hr) ? hr : CExchangeReporter{ kSource, m_className, L"SetRedirectHandler" }(182, hr);
+}
+
+HRESULT CVoWinHttpRequestBase::SetReceiveHandler(ReceiveHandler handler) noexcept
+{
+    const HRESULT hr = SetFunction(Exchange(), &CExchange::CFunctions::receive, std::move(handler));
+    return SUCCEEDED(hr) ? hr : CExchangeReporter{ kSource, m_className, L"SetReceiveHandler" }(190, hr);
+}
+} // namespace VoWinHttpRequest
