@@ -1,7 +1,8 @@
-// Owners of WinHTTP's three handle kinds. Every operation turns a failed call into an HRESULT (HResultFromWin32) and a report
-// under its own name; outputs are written on success only.
+// Owners of the three kinds of WinHTTP handle: session, connection and request. The WinHTTP transport and the proxy store use
+// them. Every operation turns a failed WinHTTP call into an HRESULT (HResultFromWin32) and reports it under its own name.
+// Outputs are written on success only.
 //
-// Brings winhttp.h in, which does not go together with wininet.h: include it in source files of the WinHTTP side only.
+// This header includes winhttp.h, which cannot be combined with wininet.h. Include it in source files of the WinHTTP side only.
 #pragma once
 
 #include <base/VoErrorHandler.h>
@@ -22,21 +23,23 @@ namespace VoWinHttpInterface
 {
 inline constexpr const wchar_t* kSource = L"VoWinHttpInterface.h";
 
-// Owns one WinHTTP handle, or none. Any thread may use it, and close it while others use it: the platform forbids calls on a
-// handle that is closed and gives its value to the next handle that is opened, so a handle closed during calls on other threads
-// is given back by the last of them, and calls that come later fail with ERROR_INVALID_HANDLE. The object itself must outlive
-// the calls of other threads; it may be destroyed by a callback that comes inside one of its own calls.
+// Owns one WinHTTP handle, or none. Any thread may use the object, and close the handle while other threads use it. WinHTTP
+// gives the value of a closed handle to the next handle that is opened, so a call on a closed handle could reach another one.
+// Therefore Close leaves a handle that is in use to the last of the running calls, which closes it; later calls fail with
+// ERROR_INVALID_HANDLE. The object must outlive the calls of other threads. A callback that runs inside one of the object's own
+// calls may destroy it.
 class WinHttpHandle
 {
 public:
     WinHttpHandle(const WinHttpHandle&) = delete;
     WinHttpHandle& operator=(const WinHttpHandle&) = delete;
 
-    // Closes the handle; S_OK when there is none. The handle is dropped also when closing it fails. An asynchronous request's
-    // callback may hear of its end inside this call.
+    // Closes the handle; S_OK when there is none. The handle is dropped even when WinHTTP fails to close it. The status
+    // callback of an asynchronous request may receive HANDLE_CLOSING inside this call.
     HRESULT Close() noexcept { return Close(L"VoWinHttpInterface::WinHttpHandle::Close", 41); }
 
-    // The handle's value now, for comparisons; null when empty. Calls with it are not protected against Close.
+    // The current value of the handle, for comparisons; null when there is none. Calls with the value are not protected against
+    // Close.
     [[nodiscard]] HINTERNET Get() const noexcept
     {
         const std::shared_ptr<COwned> owned = Pin();
@@ -44,7 +47,7 @@ public:
     }
     [[nodiscard]] bool IsOpen() const noexcept { return Get() != nullptr; }
 
-    // Milliseconds; 0 waits without end (for the resolving of names: as the platform likes).
+    // Milliseconds. 0: no time-out; for resolve, the platform's own time-out.
     [[nodiscard]] HRESULT SetTimeouts(int resolve, int connect, int send, int receive) const noexcept
     {
         constexpr CVoReporter report{ kSource, L"VoWinHttpInterface::WinHttpHandle::SetTimeouts" };
@@ -54,14 +57,14 @@ public:
     {
         return SetOption(option, &value, sizeof(value));
     }
-    // `length` in bytes; for texts in characters, as the option's documentation says.
+    // `length` in bytes, or in characters when the option is a text (see the documentation of the option).
     [[nodiscard]] HRESULT SetOption(DWORD option, const void* value, DWORD length) const noexcept
     {
         constexpr CVoReporter report{ kSource, L"VoWinHttpInterface::WinHttpHandle::SetOption" };
         return Use(report, 66,
                    [&](HINTERNET handle) { return ::WinHttpSetOption(handle, option, const_cast<void*>(value), length); });
     }
-    // `length`: the buffer's bytes in, those of the value out.
+    // `length`: on input the size of the buffer in bytes, on output that of the value.
     [[nodiscard]] HRESULT QueryOption(DWORD option, void* buffer, DWORD& length) const noexcept
     {
         constexpr CVoReporter report{ kSource, L"VoWinHttpInterface::WinHttpHandle::QueryOption" };
@@ -72,16 +75,16 @@ protected:
     WinHttpHandle() = default;
     ~WinHttpHandle() { Close(L"VoWinHttpInterface::WinHttpHandle::~WinHttpHandle", 80); }
 
-    // Makes a call on the handle. False from it is reported with the last error.
+    // Makes a call on the handle. When it returns false, reports the last error.
     template <class Call>
     [[nodiscard]] HRESULT Use(const CVoReporter& report, int line, Call call) const noexcept
     {
-        // The call may bring a callback that destroys this object: nothing but the pin is used afterwards.
+        // A callback inside the call may destroy this object: use only `owned` afterwards.
         const std::shared_ptr<COwned> owned = Pin();
         return call(owned ? owned->handle : nullptr) ? S_OK : report(line, HResultFromLastError());
     }
 
-    // Closes the handle held so far and takes over the one that `open` makes. Null from it is reported with the last error.
+    // Closes the current handle and owns the one that `open` returns. When it returns null, reports the last error.
     template <class Open>
     [[nodiscard]] HRESULT Replace(const CVoReporter& report, int line, int exceptionLine, Open open) noexcept
     try
@@ -101,7 +104,7 @@ protected:
     }
 
 private:
-    friend class WinHttpSessionHandle; // a kind's Init pins its parent
+    friend class WinHttpSessionHandle; // Init uses Pin of its parent
     friend class WinHttpConnectionHandle;
     friend class WinHttpRequestHandle;
 
@@ -131,20 +134,22 @@ private:
             const std::lock_guard lock(m_lock);
             owned.swap(m_owned);
         }
-        // Nobody can pin it any more, so that a count of one stays one. Otherwise the last call on it closes it.
+        // Nobody can pin it any more, so a count of one stays one. Otherwise the last running call closes the handle.
         return owned && owned.use_count() == 1 ? owned->Close(function, line) : S_OK;
     }
 
+    // The handle, which stays open while the result exists; null when there is none.
     [[nodiscard]] std::shared_ptr<COwned> Pin() const noexcept
     {
         const std::lock_guard lock(m_lock);
         return m_owned;
     }
 
-    mutable CVoLock m_lock; // never held during a call of the platform, which may call back
+    mutable CVoLock m_lock; // not held during calls of WinHTTP, which may call back
     std::shared_ptr<COwned> m_owned;
 };
 
+// A session: options, time-outs, proxy discovery.
 class WinHttpSessionHandle : public WinHttpHandle
 {
 public:
@@ -158,7 +163,7 @@ public:
     }
 
 private:
-    // The platform's answer; its texts are freed here.
+    // The result of the platform's discovery. Frees the texts.
     struct CProxyInfo : WINHTTP_PROXY_INFO
     {
         CProxyInfo() noexcept : WINHTTP_PROXY_INFO{} {}
@@ -172,7 +177,7 @@ private:
         CProxyInfo& operator=(const CProxyInfo&) = delete;
     };
 
-    // The errors that say no more than "no script was found, or it gives no answer".
+    // Whether the error only means that no script was found, or that the script gave no result.
     [[nodiscard]] static constexpr bool MeansNoProxy(DWORD error) noexcept
     {
         return error == ERROR_WINHTTP_BAD_AUTO_PROXY_SCRIPT || error == ERROR_WINHTTP_UNABLE_TO_DOWNLOAD_SCRIPT ||
@@ -180,7 +185,7 @@ private:
                error == ERROR_WINHTTP_AUTO_PROXY_SERVICE_ERROR || error == ERROR_WINHTTP_AUTODETECTION_FAILED;
     }
 
-    // One question to the platform. True with the answer in `info`, otherwise the error.
+    // Asks the platform once. True: the result is in `info`. False: the error is in `error`.
     [[nodiscard]] bool AskForProxy(const std::wstring& url, WINHTTP_AUTOPROXY_OPTIONS& options, CProxyInfo& info,
                                    DWORD& error) const noexcept
     {
@@ -191,8 +196,8 @@ private:
         return false;
     }
 
-    // The second question, with the user's logon, which the service that runs scripts for the system does not have.
-    // S_OK with the answer, S_FALSE where there is none.
+    // Asks with the user's logon, inside this process: the system's service that runs scripts does not have the logon. S_OK:
+    // the result is in `info`. S_FALSE: there is none.
     [[nodiscard]] HRESULT AskForProxyWithLogon(const CVoReporter& report, const std::wstring& url,
                                                WINHTTP_AUTOPROXY_OPTIONS& options, CProxyInfo& info) const noexcept
     {
@@ -205,11 +210,11 @@ private:
     }
 
 public:
-    // Asks the platform for the proxy of a URL: through the auto-configuration script at `pacFileUrl`, or where that is empty
-    // by detection (DHCP and DNS). Blocks while the script is fetched and run. `proxy` receives the platform's proxy list,
-    // empty for a direct connection, and `bypass` the hosts that need no proxy. A discovery that fails ends in a direct
-    // connection and S_OK, because it must not cut a user off: silently where there is no script or it gives no answer, with a
-    // report otherwise. Only exhausted memory fails.
+    // Asks the platform for the proxy of a URL. It uses the auto-configuration script at `pacFileUrl`; when that is empty, it
+    // detects a script (DHCP and DNS). Blocks while the script is fetched and run. `proxy` receives the platform's proxy list,
+    // empty for a direct connection; `bypass` receives the hosts that need no proxy. A failed discovery gives a direct
+    // connection and S_OK, because it must not disconnect the user. It is reported, unless it only means that there is no
+    // script or that the script gave no result. Only E_OUTOFMEMORY is returned as a failure.
     [[nodiscard]] HRESULT GetProxyForUrl(const std::wstring& url, const std::wstring& pacFileUrl, std::wstring& proxy,
                                          std::wstring& bypass) const noexcept
     {
@@ -229,22 +234,22 @@ public:
             }
 
             CProxyInfo info;
-            // Without the user's logon first: it shows who the user is to whoever serves the script.
+            // First without the user's logon, which identifies the user to the server of the script.
             DWORD error = ERROR_SUCCESS;
-            bool answered = AskForProxy(url, options, info, error);
-            if (!answered && error == ERROR_WINHTTP_LOGIN_FAILURE)
+            bool found = AskForProxy(url, options, info, error);
+            if (!found && error == ERROR_WINHTTP_LOGIN_FAILURE)
             {
                 const HRESULT hr = AskForProxyWithLogon(report, url, options, info);
                 if (FAILED(hr))
                     report(249, hr);
-                answered = hr == S_OK;
+                found = hr == S_OK;
             }
-            else if (!answered && !MeansNoProxy(error))
+            else if (!found && !MeansNoProxy(error))
                 report.Win32(264, 265, error);
 
             std::wstring foundProxy;
             std::wstring foundBypass;
-            if (answered && info.dwAccessType != WINHTTP_ACCESS_TYPE_NO_PROXY)
+            if (found && info.dwAccessType != WINHTTP_ACCESS_TYPE_NO_PROXY)
             {
                 foundProxy = info.lpszProxy ? info.lpszProxy : L"";
                 foundBypass = info.lpszProxyBypass ? info.lpszProxyBypass : L"";
@@ -260,7 +265,7 @@ public:
     }
 };
 
-// One target: a host and a port. The session must stay open while the connection is used.
+// A connection: the host and port of the target. The session must stay open while the connection is used.
 class WinHttpConnectionHandle : public WinHttpHandle
 {
 public:
@@ -272,12 +277,12 @@ public:
     }
 };
 
-// One request on a connection, which must stay open while the request is used.
+// A request on a connection. The connection must stay open while the request is used.
 class WinHttpRequestHandle : public WinHttpHandle
 {
 public:
-    // `path` with its query ("/a?b"); `flags`: WINHTTP_FLAG_... . No referrer, and the types that the platform accepts by
-    // default.
+    // `path` includes the query ("/a?b"). `flags`: WINHTTP_FLAG_... values. The request has no referrer and WinHTTP's default
+    // accept types.
     [[nodiscard]] HRESULT Init(const WinHttpConnectionHandle& connection, const wchar_t* verb, const wchar_t* path,
                                DWORD flags) noexcept
     {
@@ -291,25 +296,23 @@ public:
                        });
     }
 
-    // `mask`: the WINHTTP_CALLBACK_FLAG_... of the notifications that `function` receives, on WinHTTP's threads. A null
-    // function ends them.
+    // `function` runs on WinHTTP's threads; null: none. `mask`: the notifications that it receives (WINHTTP_CALLBACK_FLAG_...).
     [[nodiscard]] HRESULT SetStatusCallback(WINHTTP_STATUS_CALLBACK function, DWORD mask) const noexcept
     {
         constexpr CVoReporter report{ kSource, L"VoWinHttpInterface::WinHttpRequestHandle::SetStatusCallback" };
-        return Use(report, 330,
-                   [&](HINTERNET handle)
+        return Use(report, 330, [&](HINTERNET handle)
                    { return ::WinHttpSetStatusCallback(handle, function, mask, 0) != WINHTTP_INVALID_STATUS_CALLBACK; });
     }
 
-    // Adds header lines ("Name: value", several separated by "\r\n"). `length` in characters, -1 for a text that ends with a
-    // zero; `modifiers`: WINHTTP_ADDREQ_FLAG_... .
+    // Adds header lines ("Name: value"; "\r\n" separates several). `length` in characters; -1: the text ends with a zero.
+    // `modifiers`: WINHTTP_ADDREQ_FLAG_... values.
     [[nodiscard]] HRESULT AddHeader(const wchar_t* text, DWORD length, DWORD modifiers) const noexcept
     {
         constexpr CVoReporter report{ kSource, L"VoWinHttpInterface::WinHttpRequestHandle::AddHeader" };
         return Use(report, 340, [&](HINTERNET handle) { return ::WinHttpAddRequestHeaders(handle, text, length, modifiers); });
     }
 
-    // Adds the Cookie header with that value ("a=1; b=2").
+    // Adds a Cookie header with the value `cookies` ("a=1; b=2").
     [[nodiscard]] HRESULT SetCookieString(std::wstring_view cookies) const noexcept
     {
         constexpr CVoReporter report{ kSource, L"VoWinHttpInterface::WinHttpRequestHandle::SetCookieString" };
@@ -325,13 +328,14 @@ public:
         }
     }
 
-    // Starts the request. `body` may be null with a length of 0; in asynchronous mode it must stay until the request is
-    // complete. `context` is handed to the status callback from now on.
+    // Sends the request. `body` may be null when `length` is 0; in asynchronous mode the bytes must stay until the request is
+    // complete. `length` in bytes. The status callback receives `context` from now on.
     [[nodiscard]] HRESULT Send(const void* body, DWORD length, DWORD_PTR context) const noexcept
     {
         constexpr CVoReporter report{ kSource, L"VoWinHttpInterface::WinHttpRequestHandle::Send" };
         return Use(report, 366,
-                   [&](HINTERNET handle) {
+                   [&](HINTERNET handle)
+                   {
                        return ::WinHttpSendRequest(handle, WINHTTP_NO_ADDITIONAL_HEADERS, 0, const_cast<void*>(body), length,
                                                    length, context);
                    });
@@ -341,20 +345,20 @@ public:
         constexpr CVoReporter report{ kSource, L"VoWinHttpInterface::WinHttpRequestHandle::ReceiveResponse" };
         return Use(report, 376, [](HINTERNET handle) { return ::WinHttpReceiveResponse(handle, nullptr); });
     }
-    // The count arrives in the status callback.
+    // The status callback receives the number of bytes.
     [[nodiscard]] HRESULT QueryDataAvailable() const noexcept
     {
         constexpr CVoReporter report{ kSource, L"VoWinHttpInterface::WinHttpRequestHandle::QueryDataAvailable" };
         return Use(report, 382, [](HINTERNET handle) { return ::WinHttpQueryDataAvailable(handle, nullptr); });
     }
-    // `size` in bytes. The count that was read arrives in the status callback; until then the buffer belongs to WinHTTP.
+    // `size` in bytes. The status callback receives the number of bytes read; until then the buffer must stay and not be used.
     [[nodiscard]] HRESULT ReadData(void* buffer, DWORD size) const noexcept
     {
         constexpr CVoReporter report{ kSource, L"VoWinHttpInterface::WinHttpRequestHandle::ReadData" };
         return Use(report, 388, [&](HINTERNET handle) { return ::WinHttpReadData(handle, buffer, size, nullptr); });
     }
 
-    // After a 401 or 407: the schemes offered and the one the server prefers (WINHTTP_AUTH_SCHEME_...), and who asks
+    // After a 401 or 407: the schemes offered, the first of them (WINHTTP_AUTH_SCHEME_...), and who demands credentials
     // (WINHTTP_AUTH_TARGET_...).
     [[nodiscard]] HRESULT QueryAuthSchemes(DWORD& supported, DWORD& first, DWORD& target) const noexcept
     {
@@ -370,14 +374,15 @@ public:
                    [&](HINTERNET handle) { return ::WinHttpSetCredentials(handle, target, scheme, user, password, nullptr); });
     }
 
-    // A header that is a number; `infoLevel`: WINHTTP_QUERY_... | WINHTTP_QUERY_FLAG_NUMBER.
+    // A header whose value is a number. `infoLevel`: WINHTTP_QUERY_... | WINHTTP_QUERY_FLAG_NUMBER.
     [[nodiscard]] HRESULT QueryHeaders(DWORD infoLevel, DWORD& number) const noexcept
     {
         constexpr CVoReporter report{ kSource, L"VoWinHttpInterface::WinHttpRequestHandle::QueryHeaders" };
         DWORD value = 0;
         DWORD length = sizeof(value);
         const HRESULT hr = Use(report, 412,
-                               [&](HINTERNET handle) {
+                               [&](HINTERNET handle)
+                               {
                                    return ::WinHttpQueryHeaders(handle, infoLevel, WINHTTP_HEADER_NAME_BY_INDEX, &value,
                                                                 &length, WINHTTP_NO_HEADER_INDEX);
                                });
@@ -386,10 +391,10 @@ public:
         return hr;
     }
 
-    // The text of a header: of `name` for the level WINHTTP_QUERY_CUSTOM, of the level's own otherwise. `index`, where given,
-    // chooses among headers of one name, from 0, and is set to the next.
-    // E_POINTER without an output, E_INVALIDARG without the name that the level needs. A header that is not there is an answer
-    // rather than a failure: HRESULT_FROM_WIN32(ERROR_WINHTTP_HEADER_NOT_FOUND), without a report.
+    // The text of a header: that of `name` for the level WINHTTP_QUERY_CUSTOM, that of the level itself otherwise. `index`
+    // selects one of several headers of the same name, from 0, and is set to the next; null: the first.
+    // E_POINTER when `text` is null; E_INVALIDARG when the level needs a name and `name` is empty. A missing header gives
+    // HRESULT_FROM_WIN32(ERROR_WINHTTP_HEADER_NOT_FOUND) without a report, because most callers look for an optional header.
     [[nodiscard]] HRESULT QueryCustomHeaders(DWORD infoLevel, const std::wstring& name, std::wstring* text,
                                              DWORD* index = WINHTTP_NO_HEADER_INDEX) const noexcept
     {
@@ -403,7 +408,7 @@ public:
         DWORD next = 0;
         const auto query = [&](void* buffer, DWORD& length)
         {
-            // Each call starts from the caller's header: asking for the length may have counted it already.
+            // Start each call with the caller's index: the call for the length may have incremented it already.
             next = index ? *index : 0;
             return ::WinHttpQueryHeaders(owned ? owned->handle : nullptr, infoLevel,
                                          name.empty() ? WINHTTP_HEADER_NAME_BY_INDEX : name.c_str(), buffer, &length,
@@ -411,7 +416,7 @@ public:
         };
         try
         {
-            DWORD length = 0; // in bytes; with the ending zero when asked for, without it when answered
+            DWORD length = 0; // in bytes: with the final zero for the size needed, without it for the text returned
             if (query(nullptr, length))
                 return report(450, E_FAIL);
             const DWORD error = ::GetLastError();
@@ -435,7 +440,7 @@ public:
         }
     }
 
-    // The value of the Set-Cookie header number `index`, or of the first; see QueryCustomHeaders.
+    // The value of a Set-Cookie header; see QueryCustomHeaders.
     [[nodiscard]] HRESULT QueryCookie(std::wstring* text, DWORD* index = WINHTTP_NO_HEADER_INDEX) const noexcept
     {
         constexpr CVoReporter report{ kSource, L"VoWinHttpInterface::WinHttpRequestHandle::QueryCookie" };
@@ -444,7 +449,7 @@ public:
     }
 
 private:
-    // The part of an information level that names the header; the rest are modifiers.
+    // The part of an information level that selects the header; the other bits are modifiers.
     static constexpr DWORD kQueryAttributeMask = 0xFFFF;
 };
 } // namespace VoWinHttpInterface
