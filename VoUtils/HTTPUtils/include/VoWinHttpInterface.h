@@ -28,14 +28,18 @@ inline constexpr const wchar_t* kSource = L"VoWinHttpInterface.h";
 // Therefore Close leaves a handle that is in use to the last of the running calls, which closes it; later calls fail with
 // ERROR_INVALID_HANDLE. The object must outlive the calls of other threads. A callback that runs inside one of the object's own
 // calls may destroy it.
+//
+// A handle is closed after all handles that were made from it: a connection keeps its session open and a request keeps its
+// connection open, even when Close was called on them before.
 class WinHttpHandle
 {
 public:
     WinHttpHandle(const WinHttpHandle&) = delete;
     WinHttpHandle& operator=(const WinHttpHandle&) = delete;
 
-    // Closes the handle; S_OK when there is none. The handle is dropped even when WinHTTP fails to close it. The status
-    // callback of an asynchronous request may receive HANDLE_CLOSING inside this call.
+    // Closes the handle, or drops it when handles that were made from it are open: the last of them closes it. S_OK when there
+    // is none. The handle is dropped even when WinHTTP fails to close it. The status callback of an asynchronous request may
+    // receive HANDLE_CLOSING inside this call.
     HRESULT Close() noexcept { return Close(L"VoWinHttpInterface::WinHttpHandle::Close", 41); }
 
     // The current value of the handle, for comparisons; null when there is none. Calls with the value are not protected against
@@ -84,14 +88,18 @@ protected:
         return call(owned ? owned->handle : nullptr) ? S_OK : report(line, HResultFromLastError());
     }
 
-    // Closes the current handle and owns the one that `open` returns. When it returns null, reports the last error.
+    // Closes the current handle and owns the one that `open` makes from the handle of `parent` (null: no parent). When `open`
+    // returns null, reports the last error.
     template <class Open>
-    [[nodiscard]] HRESULT Replace(const CVoReporter& report, int line, int exceptionLine, Open open) noexcept
+    [[nodiscard]] HRESULT Replace(const CVoReporter& report, int line, int exceptionLine, const WinHttpHandle* parent,
+                                  Open open) noexcept
     try
     {
         Close();
         const auto owned = std::make_shared<COwned>();
-        owned->handle = open();
+        if (parent)
+            owned->parent = parent->Pin();
+        owned->handle = open(owned->parent ? owned->parent->handle : nullptr);
         if (!owned->handle)
             return report(line, HResultFromLastError());
         const std::lock_guard lock(m_lock);
@@ -104,8 +112,7 @@ protected:
     }
 
 private:
-    friend class WinHttpSessionHandle; // Init uses Pin of its parent
-    friend class WinHttpConnectionHandle;
+    friend class WinHttpSessionHandle; // some of their operations use Pin
     friend class WinHttpRequestHandle;
 
     struct COwned
@@ -125,6 +132,7 @@ private:
         }
 
         HINTERNET handle = nullptr;
+        std::shared_ptr<COwned> parent; // destroyed after the destructor has closed the handle
     };
 
     HRESULT Close(const wchar_t* function, int line) noexcept
@@ -134,7 +142,7 @@ private:
             const std::lock_guard lock(m_lock);
             owned.swap(m_owned);
         }
-        // Nobody can pin it any more, so a count of one stays one. Otherwise the last running call closes the handle.
+        // Nobody can pin it any more, so a count of one stays one. Otherwise the last running call or child closes the handle.
         return owned && owned.use_count() == 1 ? owned->Close(function, line) : S_OK;
     }
 
@@ -158,8 +166,8 @@ public:
     [[nodiscard]] HRESULT Init(const wchar_t* agent, DWORD accessType, DWORD flags) noexcept
     {
         constexpr CVoReporter report{ kSource, L"VoWinHttpInterface::WinHttpSessionHandle::Init" };
-        return Replace(report, 170, 171,
-                       [&] { return ::WinHttpOpen(agent, accessType, WINHTTP_NO_PROXY_NAME, WINHTTP_NO_PROXY_BYPASS, flags); });
+        return Replace(report, 170, 171, nullptr, [&](HINTERNET)
+                       { return ::WinHttpOpen(agent, accessType, WINHTTP_NO_PROXY_NAME, WINHTTP_NO_PROXY_BYPASS, flags); });
     }
 
 private:
@@ -265,19 +273,18 @@ public:
     }
 };
 
-// A connection: the host and port of the target. The session must stay open while the connection is used.
+// A connection: the host and port of the target.
 class WinHttpConnectionHandle : public WinHttpHandle
 {
 public:
     [[nodiscard]] HRESULT Init(const WinHttpSessionHandle& session, const wchar_t* host, INTERNET_PORT port) noexcept
     {
         constexpr CVoReporter report{ kSource, L"VoWinHttpInterface::WinHttpConnectionHandle::Init" };
-        const auto parent = session.Pin();
-        return Replace(report, 300, 301, [&] { return ::WinHttpConnect(parent ? parent->handle : nullptr, host, port, 0); });
+        return Replace(report, 300, 301, &session, [&](HINTERNET parent) { return ::WinHttpConnect(parent, host, port, 0); });
     }
 };
 
-// A request on a connection. The connection must stay open while the request is used.
+// A request on a connection.
 class WinHttpRequestHandle : public WinHttpHandle
 {
 public:
@@ -287,12 +294,11 @@ public:
                                DWORD flags) noexcept
     {
         constexpr CVoReporter report{ kSource, L"VoWinHttpInterface::WinHttpRequestHandle::Init" };
-        const auto parent = connection.Pin();
-        return Replace(report, 316, 317,
-                       [&]
+        return Replace(report, 316, 317, &connection,
+                       [&](HINTERNET parent)
                        {
-                           return ::WinHttpOpenRequest(parent ? parent->handle : nullptr, verb, path, L"HTTP/1.1",
-                                                       WINHTTP_NO_REFERER, WINHTTP_DEFAULT_ACCEPT_TYPES, flags);
+                           return ::WinHttpOpenRequest(parent, verb, path, L"HTTP/1.1", WINHTTP_NO_REFERER,
+                                                       WINHTTP_DEFAULT_ACCEPT_TYPES, flags);
                        });
     }
 
@@ -419,15 +425,15 @@ public:
             DWORD length = 0; // in bytes: with the final zero for the size needed, without it for the text returned
             if (query(nullptr, length))
                 return report(450, E_FAIL);
-            const DWORD error = ::GetLastError();
-            if (error == ERROR_WINHTTP_HEADER_NOT_FOUND)
-                return HResultFromWin32(error);
-            if (error != ERROR_INSUFFICIENT_BUFFER)
-                return report(454, HResultFromWin32(error));
+            if (const DWORD error = ::GetLastError(); error != ERROR_INSUFFICIENT_BUFFER)
+                return IsMissing(error) ? HResultFromWin32(error) : report(454, HResultFromWin32(error));
 
             std::wstring value(length / sizeof(wchar_t) + 1, L'\0');
             if (!query(value.data(), length))
-                return report(458, HResultFromLastError());
+            {
+                const DWORD error = ::GetLastError();
+                return IsMissing(error) ? HResultFromWin32(error) : report(458, HResultFromWin32(error));
+            }
             value.resize(length / sizeof(wchar_t));
             text->swap(value);
             if (index)
@@ -451,5 +457,8 @@ public:
 private:
     // The part of an information level that selects the header; the other bits are modifiers.
     static constexpr DWORD kQueryAttributeMask = 0xFFFF;
+
+    // Whether the error means that the response does not have the header.
+    [[nodiscard]] static constexpr bool IsMissing(DWORD error) noexcept { return error == ERROR_WINHTTP_HEADER_NOT_FOUND; }
 };
 } // namespace VoWinHttpInterface
