@@ -1,3 +1,4 @@
+// The WinHTTP exchange: against a loopback server, and driven by notifications that the test sends in WinHTTP's place.
 #include <VoWinHttpRequest.h>
 
 #include <LoopbackServer.h>
@@ -39,7 +40,7 @@ using CMalloc = void*(WINAPI*)(size_t);
 constexpr HRESULT kCancelledByClose = HResultFromWin32(ERROR_WINHTTP_OPERATION_CANCELLED);
 const std::wstring kGetName = L"VoWinHttpRequest::CVoWinHttpRequest<class VoWinHttpRequest::CVoWinHttpGetRequest>::";
 
-// An event that opens once.
+// An event that is set once.
 struct CGate : CEvent
 {
     CGate() : CEvent(false, true) {}
@@ -47,7 +48,7 @@ struct CGate : CEvent
     void Wait() const noexcept { ::WaitForSingleObject(Handle(), INFINITE); }
 };
 
-// What a get function does: the code it throws, that of a future's misuse, S_OK for a value.
+// The result of a get function: S_OK for a value, the code of its HRESULTexc, or one of these for its std::future_error.
 constexpr HRESULT kNoState = -1;
 constexpr HRESULT kRetrieved = -2;
 template <class Get>
@@ -66,7 +67,7 @@ catch (const std::future_error& error)
     return error.code() == std::future_errc::no_state ? kNoState : kRetrieved;
 }
 
-// An exchange with the handles it uses, owned together as a transport owns them: to a port of 127.0.0.1.
+// An exchange with its handles, for a port of 127.0.0.1.
 struct COwner
 {
     WinHttpSessionHandle session;
@@ -88,7 +89,7 @@ struct COwner
     {
         return exchange.Init(&request, std::move(function), context);
     }
-    // How the answers come, and what they are where they do.
+    // The results of the get functions. A value is compared with `expected`.
     HRESULT Status(DWORD expected = 200)
     {
         return ResultOf([&] { EXPECT_EQ(exchange.GetStatusCode(), expected); });
@@ -109,7 +110,7 @@ void Echo(const CRequest& request, CConnection& connection)
     connection.SendResponse(200, {}, request.body);
 }
 
-// Wants "u:p"; Basic only.
+// A server that accepts "u:p" and only Basic.
 void DemandBasic(const CRequest& request, CConnection& connection)
 {
     if (request.Header("Authorization") == "Basic dTpw")
@@ -125,15 +126,15 @@ HRESULT GiveBasic(DWORD, DWORD, DWORD, const std::wstring&, DWORD& chosen, std::
     return S_OK;
 }
 
-TEST(WinHttpRequest, AnswersAreTakenOncePerSendAndNothingIsChangedMeanwhile)
+TEST(WinHttpRequest, ResultsAreTakenOncePerSendAndARunningExchangeRefusesChanges)
 {
     CGate arrived;
-    CGate answer;
+    CGate respond;
     CLoopbackServer server(
         [&](const CRequest& request, CConnection& connection)
         {
             arrived.Open();
-            answer.Wait();
+            respond.Wait();
             Echo(request, connection);
         });
     COwner owner(server.Port());
@@ -148,23 +149,24 @@ TEST(WinHttpRequest, AnswersAreTakenOncePerSendAndNothingIsChangedMeanwhile)
         EXPECT_EQ(exchange.Send(), E_FAIL);
         EXPECT_EQ(exchange.SetRequestData("x", 1), E_FAIL);
         EXPECT_EQ(exchange.SetSendCompleteHandler({}), E_FAIL);
+        EXPECT_EQ(exchange.SetCredentials(WINHTTP_AUTH_TARGET_PROXY, WINHTTP_AUTH_SCHEME_BASIC, L"u", L"p"), E_FAIL);
     };
     expectNoneTaken(kNoState);
     expectRefused();
     EXPECT_EQ(exchange.Init(nullptr, {}, nullptr), E_POINTER);
     ASSERT_EQ(owner.Init(), S_OK);
-    EXPECT_EQ(exchange.Clear(), S_OK) << "nothing was sent: nothing is waited for, and the handle stays open";
+    EXPECT_EQ(exchange.Clear(), S_OK) << "before a send, Clear neither waits nor closes the handle";
     ASSERT_EQ(owner.Init(), S_OK);
     ASSERT_EQ(exchange.Send(), S_OK);
     expectRefused();
     CGet second;
-    arrived.Wait(); // by then the platform has the context value also where it takes it on a thread of its own
+    arrived.Wait(); // WinHTTP has the context value now, even if it stores it on another thread
     EXPECT_EQ(second.Init(&owner.request, {}, nullptr), HResultFromWin32(ERROR_BUSY));
-    answer.Open();
+    respond.Open();
     EXPECT_EQ(owner.Status(), S_OK);
     EXPECT_EQ(owner.Data(), S_OK);
     expectNoneTaken(kRetrieved);
-    // A new start forgets what Clear left to be taken.
+    // Init drops the results that Clear left.
     ASSERT_EQ(exchange.Send(), S_OK);
     EXPECT_EQ(exchange.Clear(), S_OK);
     owner.OpenRequest();
@@ -172,21 +174,32 @@ TEST(WinHttpRequest, AnswersAreTakenOncePerSendAndNothingIsChangedMeanwhile)
     expectNoneTaken(kNoState);
 }
 
-TEST(WinHttpRequest, AsksAtEachChallengeUntilTheFunctionFails)
+// There is no limit for different credentials. The same ones twice in a row were rejected already.
+TEST(WinHttpRequest, AsksAtEachChallengeUntilTheFunctionFailsOrRepeatsItself)
 {
     int asked = 0;
-    const AuthenticationFunction ask = [&](DWORD target, DWORD supported, DWORD first, const auto& /*url*/, DWORD& chosen,
-                                           auto& user, auto& password, void* context)
+    const auto ask = [&](DWORD target, DWORD supported, DWORD first, DWORD& chosen, auto& user, auto& password, void* context)
     {
         EXPECT_EQ(target, static_cast<DWORD>(WINHTTP_AUTH_TARGET_SERVER));
         EXPECT_TRUE(supported == WINHTTP_AUTH_SCHEME_BASIC && first == WINHTTP_AUTH_SCHEME_BASIC && context == &asked);
         chosen = WINHTTP_AUTH_SCHEME_BASIC;
         user = password = L"wrong";
-        return ++asked < 4 ? S_OK : kResultCancelled;
+        ++asked;
     };
-    for (const auto& [function, expected, requests] :
-         { std::tuple(ask, kResultCancelled, 4U), { AuthenticationFunction(), E_FAIL, 1U } })
+    const AuthenticationFunction changing =
+        [&](auto target, auto supported, auto first, const auto&, auto& chosen, auto& user, auto& password, auto context)
     {
+        ask(target, supported, first, chosen, user, password, context);
+        password += std::to_wstring(asked % 2); // back to an earlier one: not in a row
+        return asked < 6 ? S_OK : E_ACCESSDENIED;
+    };
+    const AuthenticationFunction same =
+        [&](auto target, auto supported, auto first, const auto&, auto& chosen, auto& user, auto& password, auto context)
+    { return ask(target, supported, first, chosen, user, password, context), asked < 9 ? S_OK : E_UNEXPECTED; };
+    for (const auto& [function, expected, requests] :
+         { std::tuple(changing, E_ACCESSDENIED, 6U), { same, kResultCancelled, 2U }, { {}, E_FAIL, 1U } })
+    {
+        asked = 0;
         CLoopbackServer server(DemandBasic);
         COwner owner(server.Port());
         ASSERT_EQ(owner.Init(function, &asked), S_OK);
@@ -201,14 +214,14 @@ TEST(WinHttpRequest, AsksAtEachChallengeUntilTheFunctionFails)
 
 struct CState
 {
-    const char* name; // the path that the server is asked for too
-    bool isHeld;      // by the server or the function
-    bool isAnswered;  // the status is there, or a failure
+    const char* name;
+    bool isHeld;    // the server or the authentication function blocks
+    bool hasStatus; // the status or a failure has arrived
 };
 constexpr CState kStates[] = {
     { "AwaitsHeaders", true, false }, { "ReadsBody", true, true },
     { "Ended", false, true },         { "EndedWithoutBody", false, true },
-    { "Failed", false, true },        { "AtRest", true, false }, // the function chose a scheme that is not offered
+    { "Failed", false, true },        { "AtRest", true, false }, // the function chose a scheme that the server does not offer
 };
 enum class EEnd
 {
@@ -220,14 +233,15 @@ enum class EEnd
 
 using ExchangeLife = testing::TestWithParam<std::tuple<CState, EEnd, bool>>;
 
-// Every end in every state, also after the handle's own end: it comes, it answers whoever waits, it leaves nothing behind.
+// Every way to end an exchange, in every state, with an open and with a closed handle: it returns, ends the waits and frees
+// everything.
 TEST_P(ExchangeLife, EndsWithoutAHangOrALeak)
 {
     const auto& [state, end, closesFirst] = GetParam();
     const std::string name = state.name;
     const CAcquireBalance balance = WinHttpHandleBalance();
-    CGate reached; // by the server or the function
-    CGate closed;  // the request handle: only then the server goes on, so that the platform may finish what it does not cancel
+    CGate reached; // the state
+    CGate closed;  // the request handle. The server waits for it, because the platform here does not cancel a read in progress
     const CCallHook<decltype(&::WinHttpCloseHandle)> hook("winhttp.dll", "WinHttpCloseHandle",
                                                           [&](auto original, HINTERNET handle)
                                                           {
@@ -258,7 +272,7 @@ TEST_P(ExchangeLife, EndsWithoutAHangOrALeak)
     if (name == "Failed")
         server.Stop();
 
-    auto token = std::make_shared<int>(0); // owned by the exchange's functions
+    auto token = std::make_shared<int>(0); // the exchange's functions own it
     {
         COwner handles(server.Port());
         std::optional<CGet> exchange(std::in_place);
@@ -277,9 +291,9 @@ TEST_P(ExchangeLife, EndsWithoutAHangOrALeak)
             EXPECT_EQ(exchange->Send(), E_FAIL);
         }
         const HRESULT failure = name == "Failed" ? HResultFromWin32(ERROR_WINHTTP_CANNOT_CONNECT) : kCancelledByClose;
-        EXPECT_EQ(state.isAnswered ? statusOf() : S_OK, name == "Failed" ? failure : S_OK);
+        EXPECT_EQ(state.hasStatus ? statusOf() : S_OK, name == "Failed" ? failure : S_OK);
         EXPECT_TRUE(name != "Ended" || exchange->GetResponseData().empty());
-        // Somebody waits for the body all the while, where the object stays.
+        // Unless the object is destroyed, a thread waits for the body.
         std::future<HRESULT> waiting;
         if (name != "Ended" && (end == EEnd::Clear || end == EEnd::ClearByTwoThreads))
             waiting = std::async(std::launch::async, [&] { return ResultOf([&] { exchange->GetResponseData(); }); });
@@ -302,9 +316,9 @@ TEST_P(ExchangeLife, EndsWithoutAHangOrALeak)
             EXPECT_EQ(exchange->Clear(), S_OK);
             EXPECT_EQ(exchange->Clear(), S_OK);
             EXPECT_EQ(waiting.valid() ? waiting.get() : failure, failure);
-            EXPECT_EQ(!state.isAnswered ? statusOf() : kCancelledByClose, kCancelledByClose);
+            EXPECT_EQ(!state.hasStatus ? statusOf() : kCancelledByClose, kCancelledByClose);
         }
-        EXPECT_EQ(token.use_count(), 2) << "the functions stayed behind"; // `refuse` has one
+        EXPECT_EQ(token.use_count(), 2) << "the functions were not destroyed"; // `refuse` holds one
         closed.Open();
     }
     EXPECT_EQ(balance.Open(), 0);
@@ -315,7 +329,7 @@ INSTANTIATE_TEST_SUITE_P(WinHttpRequest, ExchangeLife,
                                           testing::Values(EEnd::Clear, EEnd::ClearByTwoThreads, EEnd::Destroy, EEnd::InitAgain),
                                           testing::Bool()));
 
-TEST(WinHttpRequest, ItsOwnFunctionsMayEndIt)
+TEST(WinHttpRequest, AFunctionMayClearOrDestroyItsExchange)
 {
     const CAcquireBalance balance = WinHttpHandleBalance();
     for (const bool fromAuthentication : { true, false })
@@ -330,7 +344,7 @@ TEST(WinHttpRequest, ItsOwnFunctionsMayEndIt)
             CGate done;
             const auto end = [&, token = std::make_shared<int>(0)]() -> HRESULT
             {
-                const std::shared_ptr<int> used = token; // the function outlives what it ends
+                const std::shared_ptr<int> used = token; // the function must survive the exchange
                 if (isCleared)
                 {
                     EXPECT_EQ(owner->exchange.Clear(), S_OK);
@@ -342,7 +356,7 @@ TEST(WinHttpRequest, ItsOwnFunctionsMayEndIt)
                 EXPECT_EQ(isSentAgain ? owner->exchange.Send() : S_OK, S_OK);
                 *used = 1;
                 done.Open();
-                return E_ACCESSDENIED; // reaches nobody any more
+                return E_ACCESSDENIED; // ignored: the exchange has ended
             };
             ASSERT_EQ(owner->Init([=](auto&&...) -> HRESULT { return fromAuthentication ? end() : E_UNEXPECTED; }), S_OK);
             ASSERT_EQ(owner->exchange.SetSendCompleteHandler(fromAuthentication ? SendCompleteHandler() : [end](auto&&...)
@@ -356,9 +370,9 @@ TEST(WinHttpRequest, ItsOwnFunctionsMayEndIt)
     EXPECT_EQ(balance.Open(), 0);
 }
 
-// ---- Calls that fail: the transport's tests fail them one by one ----
+// ---- Failing calls; the transport's tests fail each call of WinHTTP ----
 
-TEST(WinHttpRequest, ARedirectThatIsRefusedIsNotFollowed)
+TEST(WinHttpRequest, ARefusedRedirectEndsTheExchange)
 {
     for (const bool throws : { false, true })
     {
@@ -374,7 +388,7 @@ TEST(WinHttpRequest, ARedirectThatIsRefusedIsNotFollowed)
         EXPECT_EQ(owner.Status(), throws ? E_OUTOFMEMORY : E_ACCESSDENIED);
         EXPECT_FALSE(owner.request.IsOpen());
         EXPECT_EQ(owner.exchange.Clear(), S_OK);
-        EXPECT_TRUE(requests == 1 || TestSupport::IsWine()); // Wine looks at the handle no more
+        EXPECT_TRUE(requests == 1 || TestSupport::IsWine()); // Wine follows although the handle is closed
     }
 }
 
@@ -393,31 +407,44 @@ TEST(WinHttpRequest, AFailedSendMayBeRepeated)
         EXPECT_EQ(owner.Status(), expected);
         EXPECT_EQ(owner.Data(), expected);
     }
-    // Nor does one whose status cannot be read.
+    // The same after a status that could not be read.
     ASSERT_EQ(owner.exchange.Send(), S_OK);
     EXPECT_EQ(owner.Status(), noStatus.expected);
     EXPECT_EQ(owner.Data(), noStatus.expected);
     ASSERT_EQ(owner.exchange.Send(), S_OK);
     EXPECT_EQ(owner.Data(), S_OK);
-    // A handle that its owner has closed: nothing is sent, and nothing waited for.
+    // With a closed handle nothing is sent and no call waits.
     EXPECT_EQ(owner.request.Close(), S_OK);
     EXPECT_EQ(owner.exchange.Send(), E_HANDLE);
     EXPECT_EQ(owner.Data(), E_HANDLE);
 }
 
-// ---- Notifications that no server here brings about ----
+// ---- Notifications that no server here causes ----
 
-// An exchange whose request never leaves: the test is WinHTTP.
+constexpr DWORD kServerBit = 1U << WINHTTP_AUTH_TARGET_SERVER;
+constexpr DWORD kProxyBit = 1U << WINHTTP_AUTH_TARGET_PROXY;
+
+// An exchange whose request is not sent: the test stands in for WinHTTP.
 class CDriven : public COwner
 {
 public:
-    CDriven() : COwner(1)
+    // Sends.
+    explicit CDriven(AuthenticationFunction authenticate) : COwner(1)
     {
-        EXPECT_EQ(Init(), S_OK);
+        EXPECT_EQ(Init(std::move(authenticate)), S_OK);
         EXPECT_EQ(exchange.Send(), S_OK);
+    }
+    // Sends and receives the status 200.
+    CDriven() : CDriven(AuthenticationFunction())
+    {
+        Respond(200);
+        EXPECT_EQ(Status(), S_OK);
+    }
+    void Respond(DWORD status)
+    {
+        m_status = status;
         Notify(WINHTTP_CALLBACK_STATUS_SENDREQUEST_COMPLETE);
         Notify(WINHTTP_CALLBACK_STATUS_HEADERS_AVAILABLE);
-        EXPECT_EQ(Status(), S_OK);
     }
     void Notify(DWORD status, void* information = nullptr, DWORD length = 0)
     {
@@ -431,6 +458,13 @@ public:
         memcpy(m_buffer, bytes.data(), bytes.size());
         Notify(WINHTTP_CALLBACK_STATUS_READ_COMPLETE, m_buffer, m_bufferSize);
     }
+    void EndBodyByEmptyRead()
+    {
+        Announce(5);
+        Notify(WINHTTP_CALLBACK_STATUS_READ_COMPLETE, m_buffer, 0);
+    }
+    // For each send, the targets whose credentials were set after the send before (bits).
+    [[nodiscard]] const std::vector<DWORD>& Sends() const noexcept { return m_sends; }
     void RaiseError(DWORD error)
     {
         WINHTTP_ASYNC_RESULT result{ API_RECEIVE_RESPONSE, error };
@@ -444,31 +478,110 @@ private:
         m_bufferSize = size;
         return TRUE;
     }
-    // So that the platform tells of the handle's end.
     BOOL Take(HINTERNET handle, DWORD_PTR context)
     {
+        m_sends.push_back(std::exchange(m_credentials, 0)); // WinHTTP uses credentials for a single request
         m_context = context;
+        // With the context, WinHTTP reports the end of the handle.
         return ::WinHttpSetOption(handle, WINHTTP_OPTION_CONTEXT_VALUE, &context, sizeof(context));
     }
 
-    void* m_buffer = nullptr; // of the read asked for last
+    void* m_buffer = nullptr; // of the last read
     DWORD m_bufferSize = 0;
     DWORD_PTR m_context = 0;
+    DWORD m_status = 0;
+    DWORD m_credentials = 0;
+    std::vector<DWORD> m_sends;
     CCallHook<decltype(&::WinHttpSendRequest)> m_send{ "winhttp.dll", "WinHttpSendRequest",
                                                        [this](auto, auto handle, auto, auto, auto, auto, auto, auto context)
                                                        { return Take(handle, context); } };
     CCallHook<decltype(&::WinHttpReceiveResponse)> m_receive{ "winhttp.dll", "WinHttpReceiveResponse",
                                                               [](auto&&...) { return TRUE; } };
     CCallHook<decltype(&::WinHttpQueryHeaders)> m_headers{ "winhttp.dll", "WinHttpQueryHeaders",
-                                                           [](auto, auto, auto, auto, void* value, auto, auto)
-                                                           { return *static_cast<DWORD*>(value) = 200, TRUE; } };
+                                                           [this](auto, auto, auto, auto, void* value, auto, auto)
+                                                           { return *static_cast<DWORD*>(value) = m_status, TRUE; } };
+    CCallHook<decltype(&::WinHttpQueryAuthSchemes)> m_schemes{ "winhttp.dll", "WinHttpQueryAuthSchemes",
+                                                               [this](auto, auto, DWORD* supported, DWORD* first, DWORD* target)
+                                                               {
+                                                                   *supported = *first = WINHTTP_AUTH_SCHEME_BASIC;
+                                                                   *target = m_status == 407 ? WINHTTP_AUTH_TARGET_PROXY
+                                                                                             : WINHTTP_AUTH_TARGET_SERVER;
+                                                                   return TRUE;
+                                                               } };
+    CCallHook<decltype(&::WinHttpSetCredentials)> m_set{ "winhttp.dll", "WinHttpSetCredentials",
+                                                         [this](auto, auto, DWORD target, auto&&...)
+                                                         { return m_credentials |= 1U << target, TRUE; } };
     CCallHook<decltype(&::WinHttpQueryDataAvailable)> m_query{ "winhttp.dll", "WinHttpQueryDataAvailable",
                                                                [](auto&&...) { return TRUE; } };
     CCallHook<decltype(&::WinHttpReadData)> m_read{ "winhttp.dll", "WinHttpReadData",
                                                     [this](auto, auto, void* to, DWORD size, auto) { return Read(to, size); } };
 };
 
-TEST(WinHttpRequest, NotificationsThatCannotBeEndTheExchange)
+TEST(WinHttpRequest, CredentialsOfProxyAndServerAreSetBeforeEachResend)
+{
+    int asked = 0;
+    CDriven driven(
+        [&](auto, auto, auto, const auto&, DWORD& chosen, auto& user, auto& password, auto)
+        {
+            chosen = WINHTTP_AUTH_SCHEME_BASIC;
+            user = L"u";
+            password = std::to_wstring(++asked);
+            return S_OK;
+        });
+    driven.Respond(407);
+    driven.Respond(401);
+    driven.RaiseError(ERROR_WINHTTP_RESEND_REQUEST);
+    EXPECT_EQ(driven.Sends(), (std::vector<DWORD>{ 0, kProxyBit, kProxyBit | kServerBit, kProxyBit | kServerBit }));
+    // The server's credentials stay with the server: a redirect drops them.
+    wchar_t url[] = L"http://other.test/";
+    driven.Notify(WINHTTP_CALLBACK_STATUS_REDIRECT, url, static_cast<DWORD>(std::size(url)));
+    driven.Respond(407);
+    EXPECT_EQ(driven.Sends().back(), kProxyBit);
+    driven.Respond(200);
+    EXPECT_EQ(driven.Status(), S_OK);
+    EXPECT_EQ(asked, 3);
+    driven.Announce(0);
+    // Credentials that the owner knows are set before every send.
+    EXPECT_EQ(driven.exchange.SetCredentials(WINHTTP_AUTH_TARGET_SERVER, WINHTTP_AUTH_SCHEME_BASIC, L"u", L"p"), S_OK);
+    EXPECT_EQ(driven.exchange.Send(), S_OK);
+    EXPECT_EQ(driven.Sends().back(), kProxyBit | kServerBit);
+}
+
+TEST(WinHttpRequest, ResendsOnDemandButNotForEver)
+{
+    CDriven driven{ AuthenticationFunction() };
+    size_t sends = 0;
+    while (sends != driven.Sends().size() && sends < 100)
+    {
+        sends = driven.Sends().size();
+        driven.RaiseError(ERROR_WINHTTP_RESEND_REQUEST);
+    }
+    EXPECT_GT(sends, 1U);
+    EXPECT_LT(sends, 100U);
+    EXPECT_EQ(driven.Status(), HResultFromWin32(ERROR_WINHTTP_RESEND_REQUEST));
+    // Not after the status: the response has begun.
+    CDriven begun;
+    begun.RaiseError(ERROR_WINHTTP_RESEND_REQUEST);
+    EXPECT_EQ(begun.Data(), HResultFromWin32(ERROR_WINHTTP_RESEND_REQUEST));
+    EXPECT_EQ(begun.Sends().size(), 1U);
+}
+
+TEST(WinHttpRequest, AnEmptyReadEndsTheBody)
+{
+    const CLogCapture log;
+    for (const std::string_view received : { "", "ab" })
+    {
+        CDriven driven;
+        if (!received.empty())
+            driven.Deliver(received);
+        driven.EndBodyByEmptyRead();
+        EXPECT_EQ(driven.exchange.Clear(), S_OK); // ends the wait if there was one
+        EXPECT_EQ(driven.Data(received), S_OK);
+    }
+    EXPECT_THAT(log.Lines(), testing::IsEmpty());
+}
+
+TEST(WinHttpRequest, ImpossibleNotificationsEndTheExchange)
 {
     DWORD small = 5;
     DWORD64 wide = 3;
@@ -479,7 +592,7 @@ TEST(WinHttpRequest, NotificationsThatCannotBeEndTheExchange)
         { WINHTTP_CALLBACK_STATUS_REQUEST_ERROR, &small, DWORD{ sizeof(small) } },
         { WINHTTP_CALLBACK_STATUS_DATA_AVAILABLE, &wide, DWORD{ sizeof(wide) } },
         { WINHTTP_CALLBACK_STATUS_DATA_AVAILABLE, &negative, DWORD{ sizeof(negative) } },
-        { WINHTTP_CALLBACK_STATUS_READ_COMPLETE, nullptr, 4UL }, // that nobody asked for
+        { WINHTTP_CALLBACK_STATUS_READ_COMPLETE, nullptr, 4UL }, // without a read
     };
     for (const auto& [status, information, length] : malformed)
     {
@@ -493,16 +606,16 @@ TEST(WinHttpRequest, NotificationsThatCannotBeEndTheExchange)
         tooLarge.Announce(5);
     }
     EXPECT_EQ(tooLarge.Data(), E_OUTOFMEMORY);
-    // A broken notice of the handle's end, in place of the platform's own, must not leave Clear waiting.
+    // After a malformed HANDLE_CLOSING, Clear must not wait for another one.
     CDriven broken;
     constexpr DWORD_PTR kNoContext = 0;
     ASSERT_EQ(broken.request.SetOption(WINHTTP_OPTION_CONTEXT_VALUE, &kNoContext, sizeof(kNoContext)), S_OK);
     broken.Notify(WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING, nullptr, 3);
     EXPECT_EQ(broken.Data(), E_FAIL);
-    CGet::Callback(nullptr, 0, WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING, nullptr, 8); // of a handle that sent nothing
+    CGet::Callback(nullptr, 0, WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING, nullptr, 8); // a handle without a send
 }
 
-TEST(WinHttpRequest, WhatComesLateChangesNothingAndTheFirstFailureCounts)
+TEST(WinHttpRequest, LateNotificationsChangeNothingAndTheFirstFailureIsReturned)
 {
     CDriven driven;
     driven.Deliver("ab");
@@ -523,9 +636,9 @@ TEST(WinHttpRequest, WhatComesLateChangesNothingAndTheFirstFailureCounts)
     EXPECT_EQ(driven.Data(), refused);
 }
 
-// ---- Many of them ----
+// ---- Many exchanges ----
 
-TEST(WinHttpRequest, ExchangesClearedAtAnyMomentLeaveNothingBehind)
+TEST(WinHttpRequest, ExchangesClearedAtAnyMomentLeakNoHandle)
 {
     constexpr int kRounds = 75;
     const CAcquireBalance balance = WinHttpHandleBalance();
@@ -550,7 +663,7 @@ TEST(WinHttpRequest, ExchangesClearedAtAnyMomentLeaveNothingBehind)
             CGet& exchange = owner.exchange;
             EXPECT_EQ(owner.Init(GiveBasic), S_OK);
             std::jthread other;
-            if (end == 0) // at the same time as the send
+            if (end == 0) // during the send
                 other = std::jthread([&] { EXPECT_EQ(exchange.Clear(), S_OK); });
             const HRESULT sent = exchange.Send();
             EXPECT_EQ(end == 1 ? exchange.Clear() : S_OK, S_OK);
@@ -561,8 +674,8 @@ TEST(WinHttpRequest, ExchangesClearedAtAnyMomentLeaveNothingBehind)
                 const HRESULT status = ResultOf([&] { exchange.GetStatusCode(); });
                 EXPECT_TRUE(status == S_OK || status == kCancelledByClose) << status;
             }
-            // The platform here, under this load, once in some thousands of exchanges refuses to read the body whose headers it
-            // has just announced (seen: 12019, incorrect handle state).
+            // Under this load, Wine sometimes fails to read the body after the headers (12019, incorrect handle state; once in
+            // some thousand exchanges).
             const bool reads = SUCCEEDED(sent) && end == 3 && path != 3;
             const HRESULT data = reads ? ResultOf([&] { exchange.GetResponseData(); }) : S_OK;
             EXPECT_TRUE(data == S_OK || data == HResultFromWin32(ERROR_WINHTTP_INCORRECT_HANDLE_STATE)) << data;
@@ -590,7 +703,7 @@ TEST(WinHttpRequest, ExchangesInARowLeakNothing)
             ASSERT_EQ(owner.Data("small"), S_OK);
         }
     };
-    run(50); // threads, connections and caches come first
+    run(50); // creates threads, connections and caches
     constexpr int kRounds = 500;
     const CAcquireBalance balance = WinHttpHandleBalance();
     const DWORD osHandles = CountProcessHandles();
@@ -598,6 +711,6 @@ TEST(WinHttpRequest, ExchangesInARowLeakNothing)
     run(kRounds);
     EXPECT_LT(meter.Blocks(), kRounds / 10);
     EXPECT_EQ(balance.Open(), 0);
-    EXPECT_LE(CountProcessHandles(), osHandles + 8); // a pool may start another thread, but not one for every exchange
+    EXPECT_LE(CountProcessHandles(), osHandles + 8); // a pool may start a few more threads
 }
 } // namespace

@@ -11,67 +11,19 @@
 #pragma once
 
 #include <VoWinHttpInterface.h>
+#include <VoWinHttpTypes.h>
 
-#include <base/VoHResult.h>
 #include <base/VoLock.h>
 #include <base/VoPlatform.h>
 #include <base/VoPromise.h>
 
-#include <array>
-#include <charconv>
-#include <exception>
-#include <functional>
 #include <memory>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace VoWinHttpRequest
 {
-class CExchange;
-
-// Carries the failure of an exchange from WinHTTP's threads to the waiting caller.
-class HRESULTexc : public CVoHResultException
-{
-public:
-    explicit HRESULTexc(HRESULT result) noexcept : CVoHResultException(result)
-    {
-        std::to_chars(m_message.data() + kPrefix.copy(m_message.data(), kPrefix.size()),
-                      m_message.data() + m_message.size() - 1, result);
-    }
-    ~HRESULTexc() override = default;
-
-    // "HRESULT " and the code as a decimal number.
-    [[nodiscard]] const char* what() const noexcept override { return m_message.data(); }
-
-private:
-    static constexpr std::string_view kPrefix = "HRESULT ";
-    std::array<char, kPrefix.size() + sizeof("-2147483648")> m_message{};
-};
-
-// The functions that an exchange calls. Each runs on one of WinHTTP's threads and may block that thread. It may clear or
-// destroy the exchange and everything that the exchange uses. It must not wait for the exchange's status or body, nor for
-// another thread that clears or destroys the exchange. A failure code, or an exception, ends the exchange with that failure.
-
-// Called when a server or proxy demands credentials (401, 407). `authTarget`: WINHTTP_AUTH_TARGET_SERVER or _PROXY. The schemes
-// are WINHTTP_AUTH_SCHEME_... values. `url`: the name that WinHTTP resolved last, or the URL that it was redirected to last;
-// empty when WinHTTP reported neither, as on a connection that was open already. `context`: the value that Init was given.
-// When the chosen scheme is not among the supported ones, the challenge stays without a reply and the exchange waits until it
-// is closed; a function that has no credentials returns a failure instead.
-using AuthenticationFunction =
-    std::function<HRESULT(DWORD authTarget, DWORD supportedSchemes, DWORD firstScheme, const std::wstring& url,
-                          DWORD& chosenScheme, std::wstring& user, std::wstring& password, void* context)>;
-
-// Called when the request has been sent, with the arguments of WinHTTP's notification.
-using SendCompleteHandler = std::function<HRESULT(DWORD status, void* information, DWORD length)>;
-
-// Called before WinHTTP follows a redirect. It may read the headers of the redirect response and change those of the request;
-// unchanged request headers are sent to the new target. `url`: the text that WinHTTP gives. A failure also closes the request
-// handle, because WinHTTP offers no other way to stop it from following.
-using RedirectHandler = std::function<HRESULT(const std::wstring& url)>;
-
-// Called for each piece of the response body that has arrived. `length` in bytes.
-using ReceiveHandler = std::function<HRESULT(DWORD length)>;
+class CExchange; // VoWinHttpExchange.h
 
 // The interface of an exchange.
 class IVoWinHttpRequest
@@ -104,6 +56,12 @@ public:
     virtual HRESULT SetSendCompleteHandler(SendCompleteHandler handler) noexcept = 0;
     virtual HRESULT SetRedirectHandler(RedirectHandler handler) noexcept = 0;
     virtual HRESULT SetReceiveHandler(ReceiveHandler handler) noexcept = 0;
+    // Gives credentials that are known before a challenge. They are set before each send of this exchange, because WinHTTP uses
+    // credentials for a single request only; those that the authentication function gives replace them. `target`:
+    // WINHTTP_AUTH_TARGET_...; `scheme`: WINHTTP_AUTH_SCHEME_... . E_FAIL before Init and while an exchange runs;
+    // E_OUTOFMEMORY.
+    virtual HRESULT SetCredentials(DWORD target, DWORD scheme, const std::wstring& user,
+                                   const std::wstring& password) noexcept = 0;
 
     virtual ~IVoWinHttpRequest() = default;
     IVoWinHttpRequest(const IVoWinHttpRequest&) = delete;
@@ -113,7 +71,7 @@ protected:
     IVoWinHttpRequest() = default;
 };
 
-// The implementation, which is the same for every tag. Use CVoWinHttpRequest. The functions are in VoWinHttpExchange.cpp.
+// The implementation, which is the same for every tag. Use CVoWinHttpRequest.
 //
 // Waits: GetStatusCode and GetResponseData end when the response or a failure arrives, which the time-outs of the request
 // handle bound, or when the handle is closed. Two waits have no time-out and end only when the handle is closed: GetStatusCode
@@ -140,6 +98,8 @@ public:
     HRESULT SetSendCompleteHandler(SendCompleteHandler handler) noexcept override;
     HRESULT SetRedirectHandler(RedirectHandler handler) noexcept override;
     HRESULT SetReceiveHandler(ReceiveHandler handler) noexcept override;
+    HRESULT SetCredentials(DWORD target, DWORD scheme, const std::wstring& user,
+                           const std::wstring& password) noexcept override;
 
     // The status callback that Init registers with WinHTTP. Ignores a context of 0, which a handle has before its first Send.
     static void CALLBACK Callback(HINTERNET handle, DWORD_PTR context, DWORD status, void* information, DWORD length) noexcept;

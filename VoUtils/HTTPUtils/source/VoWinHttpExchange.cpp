@@ -1,5 +1,4 @@
-// The state machine of one WinHTTP exchange, and the functions of CVoWinHttpRequest, which starts and ends it. The WinHTTP
-// transport uses them.
+// The state machine of one WinHTTP exchange. CVoWinHttpRequest starts it, waits for its results and ends it.
 #include "VoWinHttpExchange.h"
 
 #include <base/VoWipe.h>
@@ -19,6 +18,10 @@ constexpr DWORD kStatusUnauthorized = 401;
 constexpr DWORD kStatusProxyAuthenticationRequired = 407;
 constexpr DWORD kFirstStatusWithoutBody = 300; // from here on the body is never read
 constexpr HRESULT kCancelled = HResultFromWin32(ERROR_WINHTTP_OPERATION_CANCELLED);
+constexpr HRESULT kResend = HResultFromWin32(ERROR_WINHTTP_RESEND_REQUEST);
+// How often one send is repeated because WinHTTP asks for it. An authentication handshake takes two or three requests, and both
+// the proxy and the server may demand one.
+constexpr DWORD kMaximumResends = 8;
 } // namespace
 
 // ---- Reports ----
@@ -38,157 +41,6 @@ CExchangeReporter CExchange::Reporter(const wchar_t* function) const noexcept
     return { kSource, m_className, function };
 }
 
-// ---- CVoWinHttpRequest ----
-
-CVoWinHttpRequestBase::~CVoWinHttpRequestBase()
-{
-    CVoWinHttpRequestBase::Clear();
-}
-
-void CALLBACK CVoWinHttpRequestBase::Callback(HINTERNET /*handle*/, DWORD_PTR context, DWORD status, void* information,
-                                              DWORD length) noexcept
-{
-    if (context != 0)
-        reinterpret_cast<CExchange*>(context)->Notify(status, information, length);
-}
-
-std::shared_ptr<CExchange> CVoWinHttpRequestBase::Exchange() const noexcept
-{
-    const std::lock_guard lock(m_lock);
-    return m_exchange;
-}
-
-namespace
-{
-// Sets one of an exchange's functions. Without an exchange the result is E_FAIL.
-template <class Function>
-HRESULT SetFunction(const std::shared_ptr<CExchange>& exchange, std::shared_ptr<const Function> CExchange::CFunctions::* member,
-                    Function function) noexcept
-try
-{
-    return exchange ? exchange->SetFunction(member, std::make_shared<const Function>(std::move(function))) : E_FAIL;
-}
-catch (...)
-{
-    return HResultFromCurrentException();
-}
-
-// Takes the future out under the lock and waits without it.
-template <class Value>
-Value TakeValue(CVoLock& lock, CVoFuture<Value>& future)
-{
-    std::unique_lock guard(lock);
-    CVoFuture<Value> taken = std::move(future);
-    guard.unlock();
-    return taken.Get();
-}
-} // namespace
-
-HRESULT CVoWinHttpRequestBase::Init(VoWinHttpInterface::WinHttpRequestHandle* request, AuthenticationFunction authenticate,
-                                    void* context) noexcept
-{
-    const CExchangeReporter report{ kSource, m_className, L"Init" };
-    if (!request)
-        return report(100, E_POINTER);
-    if (const HRESULT hr = Clear(); FAILED(hr))
-        return report(104, hr);
-    try
-    {
-        // A second exchange would replace the context value of the first, which would never receive HANDLE_CLOSING then.
-        DWORD_PTR known = 0;
-        DWORD length = sizeof(known);
-        if (request->IsOpen() && SUCCEEDED(request->QueryOption(WINHTTP_OPTION_CONTEXT_VALUE, &known, length)) && known != 0)
-            return report(108, HResultFromWin32(ERROR_BUSY));
-
-        auto exchange = std::make_shared<CExchange>(m_className, *request, std::move(authenticate), context);
-        if (const HRESULT hr = request->SetStatusCallback(&Callback, WINHTTP_CALLBACK_FLAG_ALL_NOTIFICATIONS); FAILED(hr))
-            return report(112, hr);
-        const std::lock_guard lock(m_lock);
-        m_exchange = std::move(exchange);
-        m_status = {};
-        m_data = {};
-        return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(118);
-    }
-}
-
-HRESULT CVoWinHttpRequestBase::SetRequestData(const void* data, DWORD length) noexcept
-{
-    const CExchangeReporter report{ kSource, m_className, L"SetRequestData" };
-    const std::shared_ptr<CExchange> exchange = Exchange();
-    const HRESULT hr = exchange ? exchange->SetRequestData(data, length) : E_FAIL;
-    return SUCCEEDED(hr) ? hr : report(130, hr);
-}
-
-HRESULT CVoWinHttpRequestBase::Clear() noexcept
-{
-    const CExchangeReporter report{ kSource, m_className, L"Clear" };
-    const std::shared_ptr<CExchange> exchange = Exchange();
-    if (!exchange)
-        return S_OK;
-    const HRESULT hr = exchange->Close();
-    {
-        const std::lock_guard lock(m_lock);
-        if (m_exchange == exchange)
-            m_exchange.reset();
-    }
-    return SUCCEEDED(hr) ? hr : report(144, E_FAIL);
-}
-
-HRESULT CVoWinHttpRequestBase::Send() noexcept
-{
-    const CExchangeReporter report{ kSource, m_className, L"Send" };
-    try
-    {
-        std::shared_ptr<CExchange> exchange;
-        {
-            const std::lock_guard lock(m_lock);
-            exchange = m_exchange;
-            if (const HRESULT hr = exchange ? exchange->Prepare(m_status, m_data) : E_FAIL; FAILED(hr))
-                return report(156, hr);
-        }
-        const HRESULT hr = exchange->Start();
-        return SUCCEEDED(hr) ? hr : report(160, hr);
-    }
-    catch (...)
-    {
-        return report.CurrentException(164);
-    }
-}
-
-DWORD CVoWinHttpRequestBase::GetStatusCode()
-{
-    return TakeValue(m_lock, m_status);
-}
-
-std::vector<BYTE> CVoWinHttpRequestBase::GetResponseData()
-{
-    return TakeValue(m_lock, m_data);
-}
-
-HRESULT CVoWinHttpRequestBase::SetSendCompleteHandler(SendCompleteHandler handler) noexcept
-{
-    const CExchangeReporter report{ kSource, m_className, L"SetSendCompleteHandler" };
-    const HRESULT hr = SetFunction(Exchange(), &CExchange::CFunctions::sendComplete, std::move(handler));
-    return SUCCEEDED(hr) ? hr : report(176, hr);
-}
-
-HRESULT CVoWinHttpRequestBase::SetRedirectHandler(RedirectHandler handler) noexcept
-{
-    const CExchangeReporter report{ kSource, m_className, L"SetRedirectHandler" };
-    const HRESULT hr = SetFunction(Exchange(), &CExchange::CFunctions::redirect, std::move(handler));
-    return SUCCEEDED(hr) ? hr : report(182, hr);
-}
-
-HRESULT CVoWinHttpRequestBase::SetReceiveHandler(ReceiveHandler handler) noexcept
-{
-    const CExchangeReporter report{ kSource, m_className, L"SetReceiveHandler" };
-    const HRESULT hr = SetFunction(Exchange(), &CExchange::CFunctions::receive, std::move(handler));
-    return SUCCEEDED(hr) ? hr : report(190, hr);
-}
 // ---- The state ----
 
 constinit thread_local const CExchange::CNotification* CExchange::CNotification::s_innermost = nullptr;
@@ -279,6 +131,17 @@ HRESULT CExchange::SetRequestData(const void* data, DWORD length) noexcept
     return S_OK;
 }
 
+HRESULT CExchange::SetCredentials(DWORD target, DWORD scheme, const std::wstring& user, const std::wstring& password)
+{
+    CVoSecret<wchar_t> userCopy(user);
+    CVoSecret<wchar_t> passwordCopy(password);
+    const std::lock_guard lock(m_lock);
+    if (IsRunning())
+        return E_FAIL;
+    m_credentials.Set(target, scheme, std::move(userCopy), std::move(passwordCopy));
+    return S_OK;
+}
+
 HRESULT CExchange::Prepare(CVoFuture<DWORD>& statusFuture, CVoFuture<std::vector<BYTE>>& dataFuture)
 {
     CVoPromise<DWORD> status;
@@ -289,6 +152,8 @@ HRESULT CExchange::Prepare(CVoFuture<DWORD>& statusFuture, CVoFuture<std::vector
     m_chunks.clear();
     m_pending.reset();
     m_url.clear();
+    m_credentials.ForgetRejections();
+    m_resends = 0;
     // Keep an unset promise: a caller may wait on its future.
     if (!m_promises.status)
     {
@@ -315,7 +180,9 @@ HRESULT CExchange::Start() noexcept
         if (!wasKnown)
             m_self = weak_from_this().lock();
     }
-    const HRESULT hr = SendRequest();
+    HRESULT hr = m_credentials.SetIn(m_request);
+    if (SUCCEEDED(hr))
+        hr = SendRequest();
     if (SUCCEEDED(hr))
         return hr;
 
@@ -343,6 +210,19 @@ HRESULT CExchange::SendRequest() noexcept
     const CExchangeReporter report = Reporter(L"_Send");
     const HRESULT hr = m_request.Send(m_body, m_bodyLength, reinterpret_cast<DWORD_PTR>(this));
     return SUCCEEDED(hr) ? hr : report(200, hr);
+}
+
+HRESULT CExchange::Resend(HRESULT hr) noexcept
+{
+    {
+        const std::lock_guard lock(m_lock);
+        if (!m_promises.status || m_resends == kMaximumResends) // a response has begun, or WinHTTP asks without end
+            return hr;
+    }
+    ++m_resends;
+    if (const HRESULT set = m_credentials.SetIn(m_request); FAILED(set))
+        return Reason(set);
+    return Reason(SendRequest());
 }
 
 HRESULT CExchange::Close() noexcept
@@ -404,7 +284,10 @@ HRESULT CExchange::OnCallback(DWORD status, const void* information, DWORD lengt
     case WINHTTP_CALLBACK_STATUS_REDIRECT:
         m_url = information ? static_cast<const wchar_t*>(information) : L"";
         if (status == WINHTTP_CALLBACK_STATUS_REDIRECT)
+        {
+            m_credentials.ForgetServer();
             OnRedirect();
+        }
         break;
     case WINHTTP_CALLBACK_STATUS_SENDREQUEST_COMPLETE:
         hr = OnSendrequestComplete(status, information, length);
@@ -463,7 +346,9 @@ HRESULT CExchange::OnSendrequestComplete(DWORD status, const void* information, 
         return report(260, hr);
     if (IsAbandoned())
         return S_OK;
-    const HRESULT hr = Reason(m_request.ReceiveResponse());
+    HRESULT hr = Reason(m_request.ReceiveResponse());
+    if (hr == kResend)
+        hr = Resend(hr);
     return SUCCEEDED(hr) ? hr : report(264, hr);
 }
 
@@ -523,8 +408,9 @@ HRESULT CExchange::OnAuthenticationRequested()
         return report(318, hr);
     if ((chosen & supported) == 0)
         return S_OK;
-    if (const HRESULT set = Reason(m_request.SetCredentials(target, chosen, user.Get().c_str(), password.Get().c_str()));
-        FAILED(set))
+    if (!m_credentials.SetFromChallenge(target, chosen, std::move(user), std::move(password)))
+        return report(322, kResultCancelled);
+    if (const HRESULT set = Reason(m_credentials.SetIn(m_request)); FAILED(set))
         return report(324, set);
     const HRESULT sent = Reason(SendRequest());
     return SUCCEEDED(sent) ? sent : report(326, sent);
@@ -581,7 +467,12 @@ HRESULT CExchange::OnReadComplete(const void* information, DWORD length)
     if (!bytes || information != bytes.get())
         return report(384, E_FAIL);
     if (length == 0)
-        return S_OK; // impossible after an announcement; the exchange then waits until it is closed
+    {
+        // The end of the response (platform documentation of WinHttpReadData). Whether the body is complete, its owner decides
+        // by the announced length.
+        DeliverBody();
+        return S_OK;
+    }
     m_chunks.push_back({ length, std::move(bytes) });
     if (const HRESULT hr = Call(&CFunctions::receive, length); FAILED(hr))
         return report(388, hr);
@@ -599,7 +490,9 @@ HRESULT CExchange::OnRequestError(const void* information, DWORD length)
     const auto& result = *static_cast<const WINHTTP_ASYNC_RESULT*>(information);
     report.Message(404, L"Error function: %llu   Error code: %lu", static_cast<unsigned long long>(result.dwResult),
                    result.dwError);
-    return report(406, HResultFromWin32(result.dwError));
+    const HRESULT failure = HResultFromWin32(result.dwError);
+    const HRESULT hr = failure == kResend ? Resend(failure) : failure;
+    return SUCCEEDED(hr) ? hr : report(406, hr);
 }
 
 HRESULT CExchange::OnHandleClosing(const void* information, DWORD length)

@@ -2,8 +2,10 @@
 // waits for. CVoWinHttpRequest uses it; callers do not include it.
 #pragma once
 
+#include "VoWinHttpCredentials.h"
+
 #include <VoWinHttpInterface.h>
-#include <VoWinHttpRequest.h>
+#include <VoWinHttpTypes.h>
 
 #include <base/VoErrorHandler.h>
 #include <base/VoLock.h>
@@ -91,6 +93,8 @@ public:
         (m_functions.*member).swap(function);
         return S_OK;
     }
+    // See IVoWinHttpRequest. Throws std::bad_alloc.
+    [[nodiscard]] HRESULT SetCredentials(DWORD target, DWORD scheme, const std::wstring& user, const std::wstring& password);
     // Prepares a send: makes a new promise for each that was set, and stores its future. E_FAIL while an exchange runs. Throws
     // std::bad_alloc and changes nothing then.
     [[nodiscard]] HRESULT Prepare(CVoFuture<DWORD>& statusFuture, CVoFuture<std::vector<BYTE>>& dataFuture);
@@ -167,6 +171,8 @@ private:
     void Abandon() noexcept;
 
     [[nodiscard]] HRESULT SendRequest() noexcept; // "_Send" in reports; C++ reserves that name
+    // Sends again after ERROR_WINHTTP_RESEND_REQUEST, which `hr` is. Returns `hr` when that is not possible.
+    [[nodiscard]] HRESULT Resend(HRESULT hr) noexcept;
     [[nodiscard]] HRESULT OnCallback(DWORD status, const void* information, DWORD length);
     void OnRedirect() noexcept;
     [[nodiscard]] HRESULT OnSendrequestComplete(DWORD status, const void* information, DWORD length);
@@ -186,6 +192,8 @@ private:
     std::vector<CChunk> m_chunks;
     std::unique_ptr<BYTE[]> m_pending; // WinHTTP writes to it during a read
     std::wstring m_url;
+    CExchangeCredentials m_credentials;
+    DWORD m_resends = 0; // of this send
 
     mutable CVoLock m_lock; // guards the following; not held during calls of WinHTTP and of the functions
     CVoCondition m_changed;
