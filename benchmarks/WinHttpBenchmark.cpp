@@ -1,4 +1,4 @@
-// An exchange on WinHTTP against what a user would write instead: the bare synchronous calls.
+// Compares an exchange on WinHTTP with plain WinHTTP calls, synchronous and asynchronous. Also counts leaked heap blocks.
 #include "BareClient.h"
 #include "Benchmark.h"
 
@@ -39,7 +39,7 @@ private:
     WinHttpConnectionHandle m_connection;
 };
 
-// Blocks in use on all heaps of the process.
+// The number of allocated blocks on all heaps of the process.
 size_t CountHeapBlocks()
 {
     std::vector<HANDLE> heaps(::GetProcessHeaps(0, nullptr) + 16);
@@ -97,7 +97,7 @@ void RunWinHttp()
     const size_t blocksAfter = CountHeapBlocks();
     std::printf("WinHTTP, %d exchanges in a row: %+lld heap blocks", kRow,
                 static_cast<long long>(blocksAfter) - static_cast<long long>(blocksBefore));
-    if (handlesBefore != 0) // 0 where the platform does not count them; the tests count in another way
+    if (handlesBefore != 0) // 0 when the platform does not count them
         std::printf(", %+ld handles", static_cast<long>(handlesAfter) - static_cast<long>(handlesBefore));
     std::printf("\n");
 }

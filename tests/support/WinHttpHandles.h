@@ -1,4 +1,4 @@
-// What tests count of WinHTTP's handles.
+// Counts open WinHTTP handles, for tests that look for leaks.
 #pragma once
 
 #include <VoWinHttpInterface.h>
@@ -7,7 +7,7 @@
 
 namespace TestSupport
 {
-// The handles of every kind that were opened and not closed since.
+// The handles of all kinds that have been opened and not closed.
 inline CAcquireBalance WinHttpHandleBalance()
 {
     auto balance = CAcquireBalance::Of<decltype(&::WinHttpOpen), decltype(&::WinHttpCloseHandle)>("winhttp.dll", "WinHttpOpen",
