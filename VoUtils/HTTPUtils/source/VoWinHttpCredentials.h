@@ -12,9 +12,10 @@
 
 namespace VoWinHttpRequest
 {
-// WinHTTP uses credentials for a single request and forgets them (platform documentation of WinHttpSetCredentials). A proxy
-// demands its credentials again when the server's were answered without them, and the reverse: 407, 401, 407 without end. So
-// those of both parties are set before each further send. The texts are wiped when they are dropped. Not thread-safe.
+// WinHTTP uses credentials for a single request and forgets them (platform documentation, "Authentication in WinHTTP"). A
+// resend with the server's credentials alone makes the proxy demand its own again, and the reverse: 407, 401, 407 without end.
+// Therefore the exchange sets those of both before each further send. The texts are wiped when they are dropped. Not
+// thread-safe.
 class CExchangeCredentials
 {
 public:

@@ -468,8 +468,8 @@ HRESULT CExchange::OnReadComplete(const void* information, DWORD length)
         return report(384, E_FAIL);
     if (length == 0)
     {
-        // The end of the response (platform documentation of WinHttpReadData). Whether the body is complete, its owner decides
-        // by the announced length.
+        // The end of the response (platform documentation of WinHttpReadData). The caller compares the length with the
+        // announced one.
         DeliverBody();
         return S_OK;
     }
