@@ -1,10 +1,13 @@
+// The server address: what it accepts, and the texts that it derives.
 #include <VoServerAddress.h>
 
 #include <gtest/gtest.h>
 
+#include <support/ImportHook.h>
+
 namespace
 {
-// All that a record gives: "host path query secure port/effective authority baseURL pathURL fullURL objectName".
+// All fields of a record as "host path query secure port/effective authority baseURL pathURL fullURL objectName".
 std::wstring FieldsOf(const CServerAddressData& a)
 {
     std::wstring text = a.Host();
@@ -43,7 +46,7 @@ TEST(ServerAddress, AcceptsTextsAndRebuildsEveryForm)
     for (const auto& row : table)
     {
         CServerAddressData address;
-        // What an earlier address left must not shine through.
+        // Nothing of an earlier address may stay.
         ASSERT_EQ(address.SetAddress(L"https://old.example:99/old?old", false, true, true), S_OK);
         EXPECT_EQ(address.SetAddress(row.url, row.defaultSecure, row.keepPath, row.keepQuery), S_OK);
         EXPECT_EQ(FieldsOf(address), row.expected) << testing::PrintToString(row.url);
@@ -64,7 +67,7 @@ TEST(ServerAddress, RefusesMalformedTextAndKeepsTheRecord)
         L"h:65536", L"h:80a", L"h:-1", L"h:-0", L"h:+", L"h:8 0", L"h:99999999999999999999", L"h:0x50",
         // hosts
         L"user@host", L"a b", L"ho\"st", L"<host>", L"host\\path", L"h%6Fst", L"ho\x00A0st", L"h\x2028x",
-        // what would end a line of the request
+        // control characters
         L"ho\rst", L"ho\nst", L"host/a\r\nX: y", L"host/a?b\nc", L"host/a?b\x7F", L"host/\x0085", L"host/a\0b"s, L"ho\0st"s
     };
     CServerAddressData address;
@@ -75,6 +78,34 @@ TEST(ServerAddress, RefusesMalformedTextAndKeepsTheRecord)
         EXPECT_EQ(address.SetAddress(url, false, true, true), E_INVALIDARG) << testing::PrintToString(url);
         EXPECT_EQ(FieldsOf(address), before);
     }
+}
+
+TEST(ServerAddress, AFailedCopyChangesNothing)
+{
+    CServerAddressData address;
+    CServerAddressData other;
+    ASSERT_EQ(address.SetAddress(L"https://old.example:99/a/path/longer/than/the/buffer?old", false, true, true), S_OK);
+    ASSERT_EQ(other.SetAddress(L"http://another.new.example/another/path/longer/than/the/buffer", false, true, true), S_OK);
+    const std::wstring before = FieldsOf(address);
+    int failures = 0;
+    for (bool isFailing = true; isFailing; failures += isFailing)
+    {
+        {
+            const CFailOnCall<void*(WINAPI*)(size_t)> fail("msvcrt.dll", "malloc", failures + 1, nullptr, 0);
+            try
+            {
+                address = other;
+                isFailing = false;
+            }
+            catch (const std::bad_alloc&)
+            {
+            }
+        }
+        EXPECT_EQ(FieldsOf(address), isFailing ? before : FieldsOf(other));
+    }
+    EXPECT_GT(failures, 3);
+    EXPECT_EQ(address.Rebuild(), S_OK);
+    EXPECT_EQ(FieldsOf(address), FieldsOf(other));
 }
 
 TEST(ServerAddress, ObjectPathReplacesPathAndQuery)

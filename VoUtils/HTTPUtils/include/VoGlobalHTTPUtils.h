@@ -9,15 +9,15 @@ class IVoHTTPProxyStore;
 
 namespace VoGlobalHTTPUtils
 {
-// The process's authentication callback, proxy store and cookie store (VoHTTPStores.h): those of the provider registered for
-// all modules (kVoGlobalHTTPStoreProvider), or, where none is registered, the calling module's own
-// (CVoGlobalHTTPStoreQueryPrivateImpl), which every call gives while somebody holds them. Null for a store that is not wanted.
-// The caller owns one reference each, and may use the stores on any thread.
+// Gives the authentication callback, the proxy store and the cookie store of the process (VoHTTPStores.h). When a provider is
+// registered for all modules (kVoGlobalHTTPStoreProvider), they are the provider's. Otherwise they are the calling module's own
+// (CVoGlobalHTTPStoreQueryPrivateImpl): every call gives the same stores while somebody holds them. Pass null for a store that
+// you do not need. The caller owns one reference each and may use the stores on any thread.
 //
-// Any thread may call. One that has not initialised COM gets the same stores: when no thread of the process has a multithreaded
-// apartment either, which it would be in then, one is kept alive from here on (CoIncrementMTAUsage).
+// Any thread may call, also one that has not initialised COM. If then no thread of the process has a multithreaded apartment
+// either, the function creates one and keeps it alive (CoIncrementMTAUsage).
 //
-// E_NOINTERFACE for a store that cannot be had, or the provider's own code; no store is handed out then.
+// E_NOINTERFACE for a store that cannot be created, or the provider's own code. No store is handed out then.
 [[nodiscard]] HRESULT CreateGlobalHTTPStores(IVoAuthenticationCallback** authCallback, IVoHTTPProxyStore** proxyStore,
                                              IVoHTTPCookieStore** cookieStore) noexcept;
 } // namespace VoGlobalHTTPUtils

@@ -8,39 +8,45 @@
 
 namespace VoGlobalHTTPUtils
 {
-// One server address. The derived texts always agree with the parsed fields, because both change together. Copyable; it has no
-// lock and is guarded by the object that holds it.
+// One server address. The derived texts always agree with the parsed fields: both change together. Copyable; a copy that fails
+// changes nothing. It has no lock: the object that holds it guards it.
 class CServerAddressData
 {
 public:
     CServerAddressData() = default;
     CServerAddressData(const CServerAddressData&) = default;
     CServerAddressData(CServerAddressData&&) = default;
-    CServerAddressData& operator=(const CServerAddressData&) = default;
+    CServerAddressData& operator=(const CServerAddressData& other);
     CServerAddressData& operator=(CServerAddressData&&) = default;
     virtual ~CServerAddressData() = default;
 
-    // Parses [scheme "://"] host [":" port] ["/" path] ["?" query] ["#" fragment] without regard to white space around the
-    // text, the host and the port. The scheme is http or https in any case; `defaultSecure` stands in for it in a text that
-    // names none. An IPv6 literal is in brackets. A port that is the scheme's default is dropped (0). Without `keepPath`
-    // neither path nor query is kept (old ones are cleared), without `keepQuery` no query; the fragment is never kept, because
-    // it is never sent (RFC 9110, section 4.2.5). Blanks and characters beyond ASCII in path and query stay as they are: the
-    // transports percent-encode them.
+    // Parses [scheme "://"] host [":" port] ["/" path] ["?" query] ["#" fragment]. White space around the text, the host and
+    // the port is ignored. The scheme is http or https in any case; a text without a scheme is https when `defaultSecure` is
+    // true, else http. An IPv6 literal stands in brackets. The scheme's default port becomes 0. Without `keepPath` the record
+    // gets neither path nor query, without `keepQuery` no query. The fragment is never kept: it is never sent (RFC 9110,
+    // section 4.2.5). Blanks and characters beyond ASCII stay in path and query: the transports percent-encode them.
     //
-    // E_INVALIDARG, and an unchanged record, for: another scheme; no host; a host with blanks, user information ("@") or other
-    // characters that no host name has (RFC 3986, section 3.2.2); a literal without brackets or that is no IPv6 address; a port
-    // that is no number of at most 65535; a control character anywhere inside.
+    // E_INVALIDARG, with the record unchanged, for:
+    // - a scheme other than http and https, or no host;
+    // - a host with blanks, user information ("@") or other characters that no host name has (RFC 3986, section 3.2.2);
+    // - an IPv6 literal without brackets, or one that is no IPv6 address;
+    // - a port that is no decimal number up to 65535;
+    // - a control character anywhere inside.
     [[nodiscard]] HRESULT SetAddress(std::wstring_view url, bool defaultSecure, bool keepPath, bool keepQuery) noexcept;
-    // Replaces path and query: `objectPath` is a path beginning with "/" and, behind a "?", a query; a fragment is cut off;
-    // empty clears both. E_INVALIDARG, and an unchanged record, for any other text and for control characters.
+    // Replaces path and query. `objectPath` is a path that begins with "/", with an optional query behind a "?"; a fragment is
+    // cut off. An empty text clears both. E_INVALIDARG, with the record unchanged, for any other text and for control
+    // characters.
     [[nodiscard]] HRESULT SetObjectPath(std::wstring_view objectPath) noexcept;
+    // Builds the derived texts again from the parsed fields. The other functions do this themselves. E_OUTOFMEMORY, with the
+    // record unchanged.
+    [[nodiscard]] HRESULT Rebuild() noexcept;
 
     [[nodiscard]] const std::wstring& Host() const noexcept { return m_host; }   // without brackets
-    [[nodiscard]] const std::wstring& Path() const noexcept { return m_path; }   // begins with "/" when present
-    [[nodiscard]] const std::wstring& Query() const noexcept { return m_query; } // begins with "?" when present
+    [[nodiscard]] const std::wstring& Path() const noexcept { return m_path; }   // begins with "/" unless empty
+    [[nodiscard]] const std::wstring& Query() const noexcept { return m_query; } // begins with "?" unless empty
     [[nodiscard]] bool IsSecure() const noexcept { return m_secure; }
     [[nodiscard]] UINT16 Port() const noexcept { return m_port; } // 0: the scheme's default
-    // The port to connect to: Port(), or 443 or 80 by the scheme.
+    // The port to connect to: Port(), or 443 (https) or 80 (http) when that is 0.
     [[nodiscard]] UINT16 EffectivePort() const noexcept;
 
     [[nodiscard]] const std::wstring& Authority() const noexcept { return m_authority; } // host, in brackets if IPv6, and port
@@ -50,7 +56,7 @@ public:
     [[nodiscard]] const std::wstring& ObjectName() const noexcept { return m_objectName; } // path and query
 
 private:
-    void Rebuild();
+    void BuildTexts();
 
     std::wstring m_host;
     std::wstring m_path;

@@ -10,7 +10,7 @@ namespace
 {
 constexpr const wchar_t* kSource = L"..\\source\\VoGlobalHTTPUtils";
 
-// The registered provider, or `local` where there is none.
+// Gives the registered provider, or `local` when none is registered.
 HRESULT FindStoreQuery(const CVoComPtr<IVoGlobalHTTPStoreQueryPrivate>& local,
                        CVoComPtr<IVoGlobalHTTPStoreQueryPrivate>& query) noexcept
 {
@@ -23,7 +23,7 @@ HRESULT FindStoreQuery(const CVoComPtr<IVoGlobalHTTPStoreQueryPrivate>& local,
     HRESULT hr = create();
     if (hr == CO_E_NOTINITIALIZED)
     {
-        // Kept for good: what the provider hands out must not lose its apartment.
+        // Never released: the objects that the provider hands out must not lose their apartment.
         CO_MTA_USAGE_COOKIE cookie;
         if (SUCCEEDED(::CoIncrementMTAUsage(&cookie)))
             hr = create();
@@ -36,7 +36,7 @@ HRESULT FindStoreQuery(const CVoComPtr<IVoGlobalHTTPStoreQueryPrivate>& local,
     return hr;
 }
 
-// One store of the query object. Reports the query's failure at `lineOfGet`, a missing interface at `lineOfInterface`.
+// Gets one store of the query object. Reports a failure of the query at `lineOfGet`, a missing interface at `lineOfInterface`.
 template <class Interface>
 HRESULT FetchStore(const CVoReporter& report, int lineOfGet, int lineOfInterface, IVoGlobalHTTPStoreQueryPrivate& query,
                    decltype(&IVoGlobalHTTPStoreQueryPrivate::get_ProxyStore) get, CVoComPtr<Interface>& store) noexcept

@@ -1,8 +1,8 @@
-// Parses and rebuilds server addresses. The trace points are known under the source VoGlobalHTTPUtils.
+// Parses and rebuilds server addresses (VoServerAddress.h). Reports name the source VoGlobalHTTPUtils.
 #include <VoServerAddress.h>
 
 #include <base/VoErrorHandler.h>
-#include <base/VoUtils.h>
+#include <base/VoText.h>
 
 #include <algorithm>
 #include <optional>
@@ -16,9 +16,8 @@ constexpr const wchar_t* kSource = L"..\\source\\VoGlobalHTTPUtils";
 constexpr std::wstring_view kSchemeEnd = L"://";
 constexpr UINT16 kDefaultPortPlain = 80;
 constexpr UINT16 kDefaultPortSecure = 443;
-constexpr UINT32 kMaximumPort = 65535;
 
-// A control character in a request line, or in a header made from the address, would let the text end it and begin another.
+// A control character could end the request line, or a header that is made from the address, and begin another.
 constexpr bool IsControl(wchar_t character) noexcept
 {
     return character < L' ' || (character >= 0x7F && character < 0xA0);
@@ -29,7 +28,7 @@ bool HasControls(std::wstring_view text) noexcept
     return std::any_of(text.begin(), text.end(), IsControl);
 }
 
-// Cuts `text` at the first `separator` and returns what is from there to the end; empty when there is none.
+// Cuts `text` at the first `separator`. Returns the rest with the separator; empty when there is none.
 std::wstring_view CutFrom(std::wstring_view& text, wchar_t separator) noexcept
 {
     const size_t position = text.find(separator);
@@ -40,9 +39,9 @@ std::wstring_view CutFrom(std::wstring_view& text, wchar_t separator) noexcept
     return tail;
 }
 
-// The characters that no host name can hold (RFC 3986, section 3.2.2), "@" among them: user information before the host is
-// refused, because it is the usual way to make an address look like another server's (RFC 9110, section 4.2.4). Characters
-// beyond ASCII pass; the transports convert international names.
+// Refuses the characters that no host name has (RFC 3986, section 3.2.2). "@" is one of them: user information before the host
+// can make an address look like that of another server (RFC 9110, section 4.2.4). Characters beyond ASCII pass: the transports
+// convert international names.
 bool IsValidHostName(std::wstring_view host) noexcept
 {
     constexpr std::wstring_view kForbidden = L" \"#%/:<>?@[\\]^`{|}";
@@ -51,14 +50,14 @@ bool IsValidHostName(std::wstring_view host) noexcept
         { return IsControl(character) || kForbidden.find(character) != std::wstring_view::npos || iswspace(character) != 0; });
 }
 
-// An IPv6 literal without its brackets, a zone behind "%" allowed (RFC 6874).
+// An IPv6 literal without its brackets. A zone behind "%" is allowed (RFC 6874).
 bool IsValidIPv6Literal(std::wstring_view literal)
 {
     const size_t percent = literal.find(L'%');
     if (percent != std::wstring_view::npos)
     {
         std::wstring_view zone = literal.substr(percent + 1);
-        if (zone.starts_with(L"25")) // the "%" itself in its escaped form
+        if (zone.starts_with(L"25")) // "%25" is the escaped "%"
             zone.remove_prefix(2);
         if (zone.empty() || !IsValidHostName(zone))
             return false;
@@ -67,8 +66,7 @@ bool IsValidIPv6Literal(std::wstring_view literal)
     return ::InetPtonW(AF_INET6, std::wstring(literal.substr(0, percent)).c_str(), &address) == 1;
 }
 
-// The number in the text behind a host's colon: decimal, a leading "+" allowed as wcstol has it, empty means 0. Digits of other
-// scripts, which some C libraries accept, are refused.
+// The port behind a host's colon. A leading "+" is allowed, as wcstol allows it. An empty text is 0.
 std::optional<UINT16> ParsePort(std::wstring_view text) noexcept
 {
     text = VoTrim(text);
@@ -76,20 +74,14 @@ std::optional<UINT16> ParsePort(std::wstring_view text) noexcept
         return UINT16{ 0 };
     if (text.front() == L'+')
         text.remove_prefix(1);
-    if (text.empty())
-        return std::nullopt;
-    UINT32 value = 0;
-    for (const wchar_t character : text)
-    {
-        if (character < L'0' || character > L'9')
-            return std::nullopt;
-        value = value * 10 + static_cast<UINT32>(character - L'0');
-        if (value > kMaximumPort)
-            return std::nullopt;
-    }
-    return static_cast<UINT16>(value);
+    return VoParseDecimal<UINT16>(text);
 }
 } // namespace
+
+CServerAddressData& CServerAddressData::operator=(const CServerAddressData& other)
+{
+    return *this = CServerAddressData(other);
+}
 
 HRESULT CServerAddressData::SetAddress(std::wstring_view url, bool defaultSecure, bool keepPath, bool keepQuery) noexcept
 {
@@ -98,8 +90,8 @@ HRESULT CServerAddressData::SetAddress(std::wstring_view url, bool defaultSecure
     {
         std::wstring_view rest = VoTrim(url);
 
-        // The first "://" ends the scheme wherever it stands, so a text without a scheme cannot carry a whole URL in its query
-        // unless that is percent-encoded.
+        // The first "://" ends the scheme, wherever it stands. So a text without a scheme must percent-encode a URL in its
+        // query.
         bool secure = defaultSecure;
         if (const size_t position = rest.find(kSchemeEnd); position != std::wstring_view::npos)
         {
@@ -112,7 +104,7 @@ HRESULT CServerAddressData::SetAddress(std::wstring_view url, bool defaultSecure
         if (rest.empty())
             return report(209, E_INVALIDARG);
 
-        // A fragment is the client's own and never sent (RFC 9110, section 4.2.5).
+        // A fragment is never sent (RFC 9110, section 4.2.5).
         CutFrom(rest, L'#');
         const std::wstring_view query = CutFrom(rest, L'?');
         if (HasControls(query))
@@ -169,7 +161,7 @@ HRESULT CServerAddressData::SetAddress(std::wstring_view url, bool defaultSecure
             parsed.m_query = query;
         parsed.m_secure = secure;
         parsed.m_port = *port;
-        parsed.Rebuild();
+        parsed.BuildTexts();
         *this = std::move(parsed);
         return S_OK;
     }
@@ -194,7 +186,7 @@ HRESULT CServerAddressData::SetObjectPath(std::wstring_view objectPath) noexcept
         CServerAddressData changed(*this);
         changed.m_path = objectPath;
         changed.m_query = query;
-        changed.Rebuild();
+        changed.BuildTexts();
         *this = std::move(changed);
         return S_OK;
     }
@@ -211,7 +203,23 @@ UINT16 CServerAddressData::EffectivePort() const noexcept
     return m_secure ? kDefaultPortSecure : kDefaultPortPlain;
 }
 
-void CServerAddressData::Rebuild()
+HRESULT CServerAddressData::Rebuild() noexcept
+{
+    constexpr CVoReporter report{ kSource, L"VoGlobalHTTPUtils::CServerAddressData::Rebuild" };
+    try
+    {
+        CServerAddressData rebuilt(*this);
+        rebuilt.BuildTexts();
+        *this = std::move(rebuilt);
+        return S_OK;
+    }
+    catch (...)
+    {
+        return report.CurrentException(380);
+    }
+}
+
+void CServerAddressData::BuildTexts()
 {
     const bool isLiteral = m_host.find(L':') != std::wstring::npos;
     m_authority = isLiteral ? L'[' + m_host + L']' : m_host;

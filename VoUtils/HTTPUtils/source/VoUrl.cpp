@@ -1,3 +1,4 @@
+// Encodes URLs for the wire (VoUrl.h).
 #include "VoUrl.h"
 
 #include <base/VoErrorHandler.h>
@@ -11,45 +12,49 @@ constexpr const wchar_t* kSource = L"..\\source\\VoUrl";
 } // namespace
 
 HRESULT VoUrlToBytes(std::wstring_view url, std::string& bytes) noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"VoUrlToBytes" };
-    constexpr std::string_view kNotInUrls = "\"<>\\^`{|}"; // of the printable characters
-    constexpr char kDigits[] = "0123456789ABCDEF";
-    std::string utf8;
-    if (const HRESULT hr = VoStringToUTF8(url, utf8); FAILED(hr))
-        return report(20, hr);
-    std::string encoded;
-    encoded.reserve(utf8.size());
-    for (const char c : utf8)
+    try
     {
-        const auto value = static_cast<BYTE>(c);
-        if (value > 0x20 && value < 0x7F && kNotInUrls.find(c) == std::string_view::npos)
-            encoded += c;
-        else
-            encoded.append({ '%', kDigits[value >> 4], kDigits[value & 15] });
+        constexpr std::string_view kNotInUrls = "\"<>\\^`{|}"; // of the printable characters
+        constexpr char kDigits[] = "0123456789ABCDEF";
+        std::string utf8;
+        if (const HRESULT hr = VoStringToUTF8(url, utf8); FAILED(hr))
+            return report(20, hr);
+        std::string encoded;
+        encoded.reserve(utf8.size());
+        for (const char c : utf8)
+        {
+            const auto value = static_cast<BYTE>(c);
+            if (value > 0x20 && value < 0x7F && kNotInUrls.find(c) == std::string_view::npos)
+                encoded += c;
+            else
+                encoded.append({ '%', kDigits[value >> 4], kDigits[value & 15] });
+        }
+        bytes = std::move(encoded);
+        return S_OK;
     }
-    bytes = std::move(encoded);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"VoUrlToBytes" }.CurrentException(40);
+    catch (...)
+    {
+        return report.CurrentException(40);
+    }
 }
 
 HRESULT VoEncodeUrl(std::wstring_view url, std::wstring& encoded) noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"VoEncodeUrl" };
-    std::string bytes;
-    if (const HRESULT hr = VoUrlToBytes(url, bytes); FAILED(hr))
-        return report(50, hr);
-    encoded.assign(bytes.begin(), bytes.end());
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"VoEncodeUrl" }.CurrentException(55);
+    try
+    {
+        std::string bytes;
+        if (const HRESULT hr = VoUrlToBytes(url, bytes); FAILED(hr))
+            return report(50, hr);
+        encoded.assign(bytes.begin(), bytes.end());
+        return S_OK;
+    }
+    catch (...)
+    {
+        return report.CurrentException(55);
+    }
 }
 
 std::wstring VoWithoutUserInfo(std::wstring_view url)
