@@ -1,4 +1,7 @@
+// The cookie store: which cookies it takes, sends, keeps and hands out.
+#include <VoCookieBytes.h>
 #include <VoGlobalHTTPCookieStoreImpl.h>
+#include <VoPublicSuffix.h>
 
 #include <gtest/gtest.h>
 
@@ -15,7 +18,7 @@ using TestSupport::IsMessage;
 constexpr double kNoon = 45000.5; // 2023-03-15T12:00:00
 constexpr double kSecond = 1.0 / 86400.0;
 
-// A store whose clock the test moves, with texts in place of BSTRs.
+// A store with a clock that the test sets, and with texts in place of BSTRs.
 class CTestStore
 {
 public:
@@ -49,41 +52,47 @@ TEST(CookieStore, SendsWhatTheServersSet)
         std::wstring to, expected;
     } const table[] = {
         // domains
-        { "a domain's is sent to what is below it", site, { L"n=v; Domain=b.example" }, L"http://x.b.example/", L"n=v" },
-        { "by whole labels", site, { L"n=v; Domain=b.example" }, L"http://xb.example/", L"" },
-        { "a host's own is its own", site, { L"n=v" }, L"http://x.a.b.example/", L"" },
-        { "a parent's is sent to it", site, { L"n=v; domain=.B.Example" }, L"http://B.example/", L"n=v" },
-        { "ports and case are not told apart", L"http://HOST:81/", { L"n=v" }, L"https://host:444/", L"n=v" },
-        { "an empty Domain is none", site, { L"n=v; Domain=b.example; Domain=." }, L"http://x.a.b.example/", L"" },
-        { "a single label is alone", L"http://localhost/", { L"n=v; Domain=localhost" }, L"http://x.localhost/", L"" },
-        { "international names meet in ASCII", books, { L"n=v; Domain=xn--bcher-kva.example" }, books, L"n=v" },
-        { "nor does it undo one", site, { L"n=v; Domain=b.example; Domain=" }, L"http://x.b.example/", L"n=v" },
+        { "a domain cookie goes to a host below", site, { L"n=v; Domain=b.example" }, L"http://x.b.example/", L"n=v" },
+        { "domains match by whole labels", site, { L"n=v; Domain=b.example" }, L"http://xb.example/", L"" },
+        { "a host-only cookie does not go below", site, { L"n=v" }, L"http://x.a.b.example/", L"" },
+        { "a domain cookie goes to the domain", site, { L"n=v; domain=.B.Example" }, L"http://B.example/", L"n=v" },
+        { "port and case do not matter", L"http://HOST:81/", { L"n=v" }, L"https://host:444/", L"n=v" },
+        { "a Domain of one dot is none", site, { L"n=v; Domain=b.example; Domain=." }, L"http://x.a.b.example/", L"" },
+        { "an empty Domain changes nothing", site, { L"n=v; Domain=b.example; Domain=" }, L"http://x.b.example/", L"n=v" },
+        { "a single label is host-only", L"http://localhost/", { L"n=v; Domain=localhost" }, L"http://x.localhost/", L"" },
+        { "names match in ASCII", books, { L"n=v; Domain=xn--bcher-kva.example" }, books, L"n=v" },
+        { "a suffix is host-only", L"http://github.io/", { L"n=v; Domain=github.io" }, L"http://x.github.io/", L"" },
+        { "a suffix keeps its cookie", L"http://github.io/", { L"n=v; Domain=github.io" }, L"http://github.io/", L"n=v" },
         // paths
-        { "a path has what is below it", site, { L"n=v; Path=/p" }, site + L"p/x", L"n=v" },
-        { "by whole parts", site, { L"n=v; Path=/p" }, site + L"pq", L"" },
-        { "as it travels, however it is written",
-          site + L"\x00E4 b/c",
-          { L"n=v; Path=/%C3%A4%20b" },
-          site + L"\x00E4 b/",
-          L"n=v" },
-        { "and by case", site, { L"n=v; Path=/p" }, site + L"P", L"" },
+        { "a path covers what is below", site, { L"n=v; Path=/p" }, site + L"p/x", L"n=v" },
+        { "paths match by whole segments", site, { L"n=v; Path=/p" }, site + L"pq", L"" },
+        { "a path is compared as it is sent", site + L"\x00E4 b/c", { L"n=v; Path=/%C3%A4%20b" }, site + L"\x00E4 b/", L"n=v" },
+        { "paths match by case", site, { L"n=v; Path=/p" }, site + L"P", L"" },
         { "a request without a path has the root", site, { L"n=v; Path=/" }, L"http://a.b.example?q", L"n=v" },
-        { "the default leaves a file name out", site + L"a/p.html?q=/x.y/z", { L"n=v" }, site + L"a/other", L"n=v" },
-        { "the default keeps a name without a dot", site + L"a/b", { L"n=v" }, site + L"a/c", L"" },
-        { "of a file at the root it is the root", site + L"index.html", { L"n=v" }, site + L"c", L"n=v" },
-        { "a relative path is none", site + L"b", { L"n=v; Path=a" }, site + L"b", L"n=v" },
+        { "a default path has no file name", site + L"a/p.html?q=/x.y/z", { L"n=v" }, site + L"a/other", L"n=v" },
+        { "a default path keeps a name without a dot", site + L"a/b", { L"n=v" }, site + L"a/c", L"" },
+        { "a file at the root has the root", site + L"index.html", { L"n=v" }, site + L"c", L"n=v" },
+        { "a relative path is ignored", site + L"b", { L"n=v; Path=a" }, site + L"b", L"n=v" },
+        { "a final slash covers what is below", site, { L"n=v; Path=/p/" }, site + L"p/x", L"n=v" },
+        { "a final slash covers a file below", site, { L"n=v; Path=/p/" }, site + L"p/i.html", L"n=v" },
+        { "a final slash does not cover the name", site, { L"n=v; Path=/p/" }, site + L"p", L"" },
+        { "/x and /x/ are two cookies", site, { L"a=1; Path=/x", L"a=2; Path=/x/" }, site + L"x/y", L"a=2; a=1" },
+        { "/x stays when /x/ is deleted", site, { L"a=1; Path=/x", L"a=; Path=/x/; Max-Age=0" }, site + L"x/y", L"a=1" },
         // attributes
-        { "secure stays off plain HTTP", L"https://host/", { L"n=v; SECURE" }, L"http://host/", L"" },
+        { "a secure cookie is not sent over HTTP", L"https://host/", { L"n=v; SECURE" }, L"http://host/", L"" },
         { "unknown attributes are ignored", site, { L"n=v; httponly; SameSite=Lax; ; x; =" }, site, L"n=v" },
-        { "the value keeps what is inside", site, { L" n = \"a b=c\" ;Path=/" }, site, L"n=\"a b=c\"" },
-        { "max-age goes before expires", site, { std::wstring(L"n=v; Max-Age=60; ") + past }, site, L"n=v" },
-        { "a huge max-age lasts", site, { L"n=v; Max-Age=99999999999999999999999999" }, site, L"n=v" },
+        { "a value keeps what is inside", site, { L" n = \"a b=c\" ;Path=/" }, site, L"n=\"a b=c\"" },
+        { "only blanks and tabs are trimmed", site, { L"n=\t\x00A0v\x2003 ;Path=/" }, site, L"n=\x00A0v\x2003" },
+        { "Max-Age counts before Expires", site, { std::wstring(L"n=v; Max-Age=60; ") + past }, site, L"n=v" },
+        { "a huge Max-Age lasts", site, { L"n=v; Max-Age=99999999999999999999999999" }, site, L"n=v" },
+        { "a malformed Max-Age is ignored", site, { L"n=v; Max-Age=", L"m=w; Max-Age=5s" }, site, L"n=v; m=w" },
+        { "an attribute that is too long is ignored", site, { L"n=v; Domain=" + std::wstring(1025, L'x') }, site, L"n=v" },
         // several cookies
         { "the longer path goes first", site, { L"a=1", L"b=2; Path=/p" }, site + L"p", L"b=2; a=1" },
-        { "an equal one is replaced in its place", site, { L"a=1", L"b=2", L"a=3" }, site, L"a=3; b=2" },
-        { "names and paths tell them apart", site, { L"a=1", L"A=2", L"a=3; Path=/p" }, site + L"p", L"a=3; a=1; A=2" },
-        { "max-age 0 removes", site, { L"a=1", L"b=2", L"a=; Max-Age=0" }, site, L"b=2" },
-        { "an expiry in the past removes", site, { L"a=1", std::wstring(L"a=; ") + past }, site, L"" },
+        { "an equal cookie is replaced in its place", site, { L"a=1", L"b=2", L"a=3" }, site, L"a=3; b=2" },
+        { "case and path make other cookies", site, { L"a=1", L"A=2", L"a=3; Path=/p" }, site + L"p", L"a=3; a=1; A=2" },
+        { "Max-Age 0 deletes", site, { L"a=1", L"b=2", L"a=; Max-Age=0" }, site, L"b=2" },
+        { "an expiry in the past deletes", site, { L"a=1", std::wstring(L"a=; ") + past }, site, L"" },
     };
     for (const auto& row : table)
     {
@@ -95,36 +104,50 @@ TEST(CookieStore, SendsWhatTheServersSet)
     }
 }
 
-TEST(CookieStore, RefusesWhatIsNoCookieForTheHost)
+TEST(CookieStore, RefusesCookiesThatAreNotForTheHost)
 {
     const std::wstring site = L"http://a.b.example/";
-    const std::wstring atTheLimit = L"n=" + std::wstring(kVoMaximumCookieLength - std::wstring(L"n/a.b.example").size(), L'v');
-    const std::pair<const wchar_t*, std::vector<std::wstring>> refused[] = {
-        { L"no name", { L"", L"v", L"=v", L" ; n=v" } },
-        { L"foreign and too wide domains",
+    const std::wstring atTheLimit = L"n=\x00E4" + std::wstring(kVoMaximumCookieBytes - 3, L'v'); // two bytes are one character
+    const std::tuple<const char*, std::wstring, std::vector<std::wstring>> refused[] = {
+        { "no name", site, { L"", L"v", L"=v", L" ; n=v" } },
+        { "a foreign or too wide domain",
+          site,
           { L"n=v; Domain=other.example", L"n=v; Domain=x.a.b.example", L"n=v; Domain=example", L"n=v; Domain=xample" } },
-        { L"dates and ages", { L"n=v; Expires=", L"n=v; Expires=tomorrow; Max-Age=5", L"n=v; Max-Age=", L"n=v; Max-Age=5s" } },
-        { L"what would split a header or could not be sent",
+        { "a public suffix of the list", L"http://www.shop.co.uk/", { L"n=v; Domain=co.uk", L"n=v; Domain=uk" } },
+        { "a public suffix of the list's private section", L"http://x.github.io/", { L"n=v; Domain=github.io" } },
+        { "a part of an address", L"http://127.0.0.1/", { L"n=v; Domain=0.0.1" } },
+        { "a part of an IPv6 address", L"http://[::ffff:1.2.3.4]/", { L"n=v; Domain=2.3.4" } },
+        { "a malformed date", site, { L"n=v; Expires=", L"n=v; Expires=tomorrow; Max-Age=5" } },
+        { "text that would split a header or cannot be sent",
+          site,
           { L"n=v\r\nX: y", L"n\n=v", std::wstring(L"n=v\0w", 5), L"n=v\x7F", L"n=v; Path=/a\r", L"n=\xD800" } },
-        { L"too long by one", { atTheLimit + L"v" } },
+        { "too long by one byte", site, { atTheLimit + L"v" } },
+        { "a secure cookie over HTTP", site, { L"n=v; Secure" } },
+        { "a broken promise of __Secure-", L"https://host/", { L"__Secure-n=v", L"__sECURE-n=v" } },
+        { "a broken promise of __Host-",
+          L"https://a.b.example/",
+          { L"__Host-n=v; Path=/", L"__Host-n=v; Secure", L"__Host-n=v; Secure; Path=/p",
+            L"__host-n=v; Secure; Path=/; Domain=a.b.example" } },
+        { "an address that is none", L"ftp://host/", { L"n=v" } },
+        { "a host with a lone surrogate", L"http://h\xD800/", { L"n=v" } },
     };
     CTestStore store;
-    const CLogCapture log;
+    CLogCapture log;
     EXPECT_EQ(store.Set(L"n=secret; Expires=some day", site), E_INVALIDARG);
-    EXPECT_EQ(store.Set(L"n=secret; Max-Age=long", site), E_INVALIDARG);
-    EXPECT_THAT(log.Lines(),
-                testing::IsSupersetOf(
-                    { IsMessage(L"..\\source\\VoCookieData", 295, std::wstring(L"Invalid cookie date format:some day")),
-                      IsMessage(L"..\\source\\VoCookieData", 306, std::wstring(L"Invalid cookie max-age format:long")) }));
-    TestSupport::ExpectNotLogged(log, L"secret");
-    for (const auto& [rule, values] : refused)
+    EXPECT_THAT(log.Lines(), testing::Contains(IsMessage(L"..\\source\\VoCookieData", 295,
+                                                         std::wstring(L"Invalid cookie date format:some day"))));
+    for (const auto& [rule, url, values] : refused)
         for (const std::wstring& value : values)
-            EXPECT_EQ(store.Set(value, site), E_INVALIDARG) << rule << testing::PrintToString(value.substr(0, 60));
-    EXPECT_EQ(store.Set(L"n=v; Domain=0.0.1", L"http://127.0.0.1/"), E_INVALIDARG);
-    EXPECT_EQ(store.Set(L"n=v; Domain=2.3.4", L"http://[::ffff:1.2.3.4]/"), E_INVALIDARG);
-    EXPECT_EQ(store.Set(L"n=v", L"ftp://host/"), E_INVALIDARG);
+            EXPECT_EQ(store.Set(value, url), E_INVALIDARG) << rule << testing::PrintToString(value.substr(0, 60));
     EXPECT_EQ(store.Serialize(), L"");
-    EXPECT_EQ(store.Set(atTheLimit, site), S_OK);
+    TestSupport::ExpectNotLogged(log, L"secret");
+    log.Clear();
+    EXPECT_EQ(store.Set(L"s=v; Max-Age=long", site), S_OK);
+    EXPECT_THAT(log.Lines(), testing::Contains(IsMessage(L"..\\source\\VoCookieData", 306,
+                                                         std::wstring(L"Invalid cookie max-age format:long"))));
+    for (const std::wstring& value :
+         { atTheLimit, std::wstring(L"__Secure-n=v; Secure"), std::wstring(L"__Host-n=v; Secure; Path=/") })
+        EXPECT_EQ(store.Set(value, L"https://host/"), S_OK);
     CVoBstr untouched(L"as it was");
     BSTR out = untouched.Get();
     EXPECT_EQ(store->GetCookieStringForHTTPRequest(nullptr, VARIANT_TRUE, &out), E_INVALIDARG);
@@ -133,7 +156,73 @@ TEST(CookieStore, RefusesWhatIsNoCookieForTheHost)
     EXPECT_EQ(out, untouched.Get());
 }
 
-TEST(CookieStore, ReadsDatesInAllTheirForms)
+TEST(CookieStore, ResponsesOverHttpLeaveSecureCookiesAlone)
+{
+    CTestStore store;
+    ASSERT_EQ(store.Set(L"s=1; Secure; Domain=b.example; Path=/p", L"https://a.b.example/"), S_OK);
+    const std::tuple<const char*, const wchar_t*, const wchar_t*> refused[] = {
+        { "overwrite", L"s=2; Domain=b.example; Path=/p", L"http://a.b.example/" },
+        { "delete", L"s=; Domain=b.example; Path=/p; Max-Age=0", L"http://b.example/" },
+        { "hide by a longer path", L"s=2; Domain=b.example; Path=/p/q", L"http://b.example/" },
+        { "hide by a host below", L"s=2; Path=/p", L"http://a.b.example/" },
+    };
+    for (const auto& [rule, value, url] : refused)
+        EXPECT_EQ(store.Set(value, url), E_INVALIDARG) << rule;
+    EXPECT_EQ(store.Get(L"https://a.b.example/p/q"), L"s=1");
+    // Another name, path or domain is not in the way. A response over TLS may do everything.
+    EXPECT_EQ(store.Set(L"S=2; Path=/p", L"http://a.b.example/"), S_OK);
+    EXPECT_EQ(store.Set(L"s=3; Path=/", L"http://a.b.example/"), S_OK);
+    EXPECT_EQ(store.Set(L"s=4; Path=/p", L"http://xb.example/"), S_OK);
+    EXPECT_EQ(store.Set(L"s=5; Domain=b.example; Path=/p", L"https://b.example/"), S_OK);
+    EXPECT_EQ(store.Get(L"https://a.b.example/p"), L"s=5; S=2; s=3");
+    // Nor do many cookies push a secure one out.
+    EXPECT_EQ(store.Set(L"s=6; Secure", L"https://a.b.example/"), S_OK);
+    for (size_t i = 0; i <= kVoMaximumCookiesPerDomain; ++i)
+        EXPECT_EQ(store.Set(L"n" + std::to_wstring(i) + L"=v", L"http://a.b.example/"), S_OK);
+    EXPECT_NE(store.Get(L"https://a.b.example/").find(L"s=6"), std::wstring::npos);
+}
+
+TEST(CookieStore, KnowsPublicSuffixes)
+{
+    for (const wchar_t* const suffix : { L"com", L"unknown", L"co.uk", L"co.uk.", L"github.io", L"x.ck", L"any.kawasaki.jp",
+                                         L"xn--55qx5d.cn", L"zw", L"aaa" })
+        EXPECT_TRUE(VoIsPublicSuffix(suffix)) << testing::PrintToString(suffix);
+    for (const wchar_t* const domain : { L"example.com", L"b.unknown", L"xco.uk", L"x.github.io", L"www.ck", L"a.x.ck",
+                                         L"city.kawasaki.jp", L"x.any.kawasaki.jp", L"0.aaa", L"com.unknown" })
+        EXPECT_FALSE(VoIsPublicSuffix(domain)) << testing::PrintToString(domain);
+}
+
+TEST(CookieStore, BytesOfCookiesComeBackAsTheyCame)
+{
+    const std::pair<std::string, std::wstring> table[] = {
+        { "plain", L"plain" },
+        { "\xC3\xA4\xF0\x9F\x98\x80", L"\x00E4\xD83D\xDE00" },
+        { "\xE4;=", L"\xF7E4;=" },
+        { "\xC3", L"\xF7C3" },
+        { "\xC0\xBB\xED\xA0\x80", L"\xF7C0\xF7BB\xF7ED\xF7A0\xF780" }, // an overlong ";", a surrogate
+        { "\xEF\x9E\xBB", L"\xF7EF\xF79E\xF7BB" },                     // U+F7BB itself
+    };
+    for (const auto& [bytes, text] : table)
+    {
+        EXPECT_EQ(VoCookieTextFromBytes(bytes), text) << testing::PrintToString(bytes);
+        EXPECT_EQ(VoCookieBytesFromText(text), bytes);
+    }
+    std::mt19937 random(33);
+    CTestStore store;
+    for (int round = 0; round < 5000; ++round)
+    {
+        std::string bytes(random() % 12, '\0');
+        for (char& c : bytes)
+            c = static_cast<char>(random() % 3 ? 0x80 + random() % 0x80 : 'a');
+        const std::wstring text = VoCookieTextFromBytes(bytes);
+        ASSERT_EQ(VoCookieBytesFromText(text), bytes);
+        ASSERT_EQ(VoCookieByteLength(text), bytes.size());
+        ASSERT_EQ(store.Set(L"n=" + text, L"http://host/"), S_OK);
+        ASSERT_EQ(store.Get(L"http://host/"), L"n=" + text);
+    }
+}
+
+TEST(CookieStore, ReadsDatesInAllForms)
 {
     const double reference = 34644 + (8 * 3600 + 49 * 60 + 37) / 86400.0; // 1994-11-06T08:49:37
     for (const wchar_t* const text :
@@ -155,7 +244,7 @@ TEST(CookieStore, ReadsDatesInAllTheirForms)
         EXPECT_EQ(CVoCookieData::ParseDateTime(text), std::nullopt) << testing::PrintToString(text);
 }
 
-TEST(CookieStore, CookiesLeaveWhenTheirTimeIsUp)
+TEST(CookieStore, RemovesExpiredCookies)
 {
     const std::wstring site = L"http://host/";
     CTestStore store;
@@ -171,12 +260,12 @@ TEST(CookieStore, CookiesLeaveWhenTheirTimeIsUp)
         EXPECT_EQ(store.Get(site), expected);
         EXPECT_EQ(store.Serialize().find(L"Expiry") == std::wstring::npos, seconds > 20);
     }
-    // An expired one has left its place: the next of its name is a new one.
+    // An expired cookie has lost its place: the next of its name is a new cookie.
     EXPECT_EQ(store.Set(L"a=4", site), S_OK);
     EXPECT_EQ(store.Get(site), L"c=3; a=4");
 }
 
-TEST(CookieStore, RandomTextNeitherCrashesNorPlantsControlCharacters)
+TEST(CookieStore, RandomTextStoresNoControlCharacters)
 {
     std::mt19937 random(6265);
     const std::wstring pieces[] = {
@@ -205,10 +294,10 @@ TEST(CookieStore, RandomTextNeitherCrashesNorPlantsControlCharacters)
     EXPECT_EQ(copy.Serialize(), data);
 }
 
-// A store with every kind of cookie, expiries that no 15 digits hold, and values that need escaping.
+// Fills a store with every kind of cookie, with expiries of more than 15 digits, and with values that need escaping.
 void Fill(CTestStore& store)
 {
-    const std::wstring site = L"http://a.b.example/p/q";
+    const std::wstring site = L"https://a.b.example/p/q";
     store.now = kNoon + 1.0 / 3.0;
     for (const wchar_t* const value :
          { L"s=1; Secure; HttpOnly; Max-Age=12345", L"d=a&b=$c$&&; Domain=b.example; Path=/", L"u=\x00E4\xD83D\xDE00; Path=/p/",
@@ -233,12 +322,12 @@ TEST(CookieStore, SerializedContentComesBackExactly)
             store.now = copy.now = kNoon + 1.0 / 3.0 + later * kSecond;
             EXPECT_EQ(copy.Get(url), store.Get(url));
         }
-    // What has expired meanwhile does not come back.
+    // Cookies that have expired meanwhile do not come back.
     EXPECT_EQ(copy.Deserialize(data), S_OK);
     EXPECT_EQ(copy.Serialize(), store.Serialize());
     EXPECT_EQ(copy.Deserialize(L""), S_OK);
     EXPECT_EQ(copy.Serialize(), L"");
-    // The properties have it as bytes and as text.
+    // The properties give it as bytes and as text.
     const CVoBstr names[] = { CVoBstr(L"CookieData"), CVoBstr(L"CookieDataString") };
     for (const bool asText : { false, true })
     {
@@ -253,16 +342,17 @@ TEST(CookieStore, SerializedContentComesBackExactly)
     }
 }
 
-TEST(CookieStore, MalformedContentLeavesTheStoreAlone)
+TEST(CookieStore, MalformedContentLeavesTheStoreUnchanged)
 {
     CTestStore store;
     Fill(store);
     const std::wstring before = store.Serialize();
     std::vector<std::wstring> table = TestSupport::EachChange(
-        before, { L"Cookie= -> Biscuit=", L"Name=s -> Name=", L"Name=s -> Name=s;t", L"Name=s -> Name=s\r\nX",
-                  L"Value=1 -> Value=1; t=2", L"Path=/p -> Path=p", L"Domain=a.b.example -> Domain=",
-                  L"Domain=b.example -> Domain=example", L"Expiry=4 -> Expiry=x4", L"Expiry=4 -> Expiry=9999999",
-                  L"Secure= -> Secure=maybe" });
+        before,
+        { L"Cookie= -> Biscuit=", L"Name=s -> Name=", L"Name=s -> Name=s;t", L"Name=s -> Name=s\r\nX",
+          L"Value=1 -> Value=1; t=2", L"Path=/p -> Path=p", L"Domain=a.b.example -> Domain=",
+          L"Domain=b.example -> Domain=example", L"Domain=b.example -> Domain=co.uk", L"Domain=a.b.example -> Domain=h\xD800",
+          L"Name=s -> Name=__Host-s", L"Expiry=4 -> Expiry=x4", L"Expiry=4 -> Expiry=9999999", L"Secure= -> Secure=maybe" });
     table.insert(table.end(), { L"text", L"Cookie=", L"Cookie=text", L"Other=1", before + L"&x=y" });
     for (const std::wstring& data : table)
     {
@@ -272,7 +362,7 @@ TEST(CookieStore, MalformedContentLeavesTheStoreAlone)
     }
 }
 
-TEST(CookieStore, ServersCannotFillTheMemory)
+TEST(CookieStore, LimitsTheCookiesOfADomainAndOfAll)
 {
     CTestStore store;
     const auto set = [&](size_t number, const std::wstring& host)
@@ -282,7 +372,7 @@ TEST(CookieStore, ServersCannotFillTheMemory)
         return (L"; " + store.Get(L"http://" + host) + L";").find(L" n" + std::to_wstring(number) + L"=v;") !=
                std::wstring::npos;
     };
-    // One host: the first goes for the one beyond the limit, and nobody else's.
+    // One host above its limit loses its oldest cookie; other hosts lose none.
     set(0, L"quiet.example");
     for (size_t i = 0; i <= kVoMaximumCookiesPerDomain; ++i)
         set(i, L"loud.example");
@@ -290,7 +380,8 @@ TEST(CookieStore, ServersCannotFillTheMemory)
     EXPECT_TRUE(has(1, L"loud.example"));
     EXPECT_TRUE(has(kVoMaximumCookiesPerDomain, L"loud.example"));
     EXPECT_TRUE(has(0, L"quiet.example"));
-    // Many hosts: what was used last stays. 201 cookies are there already, the quiet host's was used last.
+    // Many hosts above the limit of all: the cookies that were used last stay. The store has 201 cookies already; the quiet
+    // host's was used last.
     for (size_t i = 0; i < kVoMaximumCookies - 1; ++i)
         set(0, L"h" + std::to_wstring(i) + L".example");
     EXPECT_TRUE(has(0, L"quiet.example"));

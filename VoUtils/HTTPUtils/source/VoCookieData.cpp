@@ -1,16 +1,20 @@
+// Parses, matches and serialises one cookie (VoCookieData.h).
 #include <VoCookieData.h>
 
+#include "VoCookieBytes.h"
+#include "VoPublicSuffix.h"
 #include "VoUrl.h"
 
 #include <VoServerAddress.h>
-#include <base/VoDataParser.h>
 #include <base/VoErrorHandler.h>
-#include <base/VoUtils.h>
+#include <base/VoRecord.h>
+#include <base/VoText.h>
 
 #include <algorithm>
 #include <array>
 #include <charconv>
 #include <chrono>
+#include <new>
 
 namespace
 {
@@ -18,7 +22,7 @@ constexpr const wchar_t* kSource = L"..\\source\\VoCookieData";
 
 constexpr double kSecondsPerDay = 86400.0;
 constexpr double kMinutesPerDay = 1440.0;
-constexpr int kLargestZone = 1400; // hhmm; no place is further ahead of UTC
+constexpr int kLargestZone = 1400; // hhmm, the zone furthest ahead of UTC
 constexpr int kFirstYear = 1601;   // RFC 6265, section 5.1.1
 // Longer host names do not exist (RFC 1035, section 2.3.4).
 constexpr int kMaximumHostLength = 255;
@@ -28,7 +32,7 @@ constexpr bool IsDigit(wchar_t character) noexcept
     return character >= L'0' && character <= L'9';
 }
 
-// White space of a header (RFC 6265, section 4.1.1).
+// Removes the white space of a header, blanks and tabs (RFC 6265, section 5.2), and nothing else.
 std::wstring_view TrimBlanks(std::wstring_view text) noexcept
 {
     const size_t begin = text.find_first_not_of(L" \t");
@@ -37,7 +41,7 @@ std::wstring_view TrimBlanks(std::wstring_view text) noexcept
     return text.substr(begin, text.find_last_not_of(L" \t") - begin + 1);
 }
 
-// Cuts off and returns what stands before `separator`; all of it when there is none.
+// Cuts off the text before `separator` and returns it; the whole text when there is no separator.
 std::wstring_view CutUpTo(std::wstring_view& text, wchar_t separator) noexcept
 {
     const size_t position = text.find(separator);
@@ -46,7 +50,7 @@ std::wstring_view CutUpTo(std::wstring_view& text, wchar_t separator) noexcept
     return head;
 }
 
-// Well-formed UTF-16 without control characters; a tab passes where it can only be white space.
+// Whether a text is well-formed UTF-16 without control characters. A tab is allowed where it can only be white space.
 bool IsSendable(std::wstring_view text, bool allowTab) noexcept
 {
     for (size_t i = 0; i < text.size(); ++i)
@@ -62,7 +66,7 @@ bool IsSendable(std::wstring_view text, bool allowTab) noexcept
     return true;
 }
 
-// An IPv4 address in any of its notations ends in a number, which no top-level domain does; an IPv6 address has a colon.
+// An IPv4 address in any notation ends in a number; no top-level domain does. An IPv6 address has a colon.
 bool IsIPAddress(std::wstring_view host) noexcept
 {
     if (host.find(L':') != std::wstring_view::npos)
@@ -75,14 +79,29 @@ bool IsIPAddress(std::wstring_view host) noexcept
     return !last.empty() && std::all_of(last.begin(), last.end(), IsDigit);
 }
 
-// Whether cookies may be shared between the hosts below a domain: a name of two labels at least, and no address.
+// Whether hosts below a domain may share its cookies: the domain has two labels at least, is no address and no public suffix.
 bool CanSpanHosts(std::wstring_view domain) noexcept
 {
     const size_t dot = domain.find(L'.');
-    return dot != std::wstring_view::npos && dot + 1 < domain.size() && !IsIPAddress(domain);
+    return dot != std::wstring_view::npos && dot + 1 < domain.size() && !IsIPAddress(domain) && !VoIsPublicSuffix(domain);
 }
 
-// A Set-Cookie value taken apart, nothing judged yet. The views point into its text.
+// Whether `domain` is `host` or a parent of it (RFC 6265, section 5.1.3).
+bool DomainCovers(std::wstring_view domain, std::wstring_view host) noexcept
+{
+    if (!host.ends_with(domain))
+        return false;
+    return host.size() == domain.size() || (!IsIPAddress(host) && host[host.size() - domain.size() - 1] == L'.');
+}
+
+// Whether a cookie's path covers another path (RFC 6265, section 5.1.4).
+bool PathCovers(std::wstring_view cookiePath, std::wstring_view path) noexcept
+{
+    return path.starts_with(cookiePath) &&
+           (path.size() == cookiePath.size() || cookiePath.ends_with(L'/') || path[cookiePath.size()] == L'/');
+}
+
+// The items of a Set-Cookie value before any check. The views point into its text.
 struct CSetCookieItems
 {
     std::wstring_view name;
@@ -110,12 +129,14 @@ CSetCookieItems ParseSetCookie(std::wstring_view text) noexcept
         std::wstring_view value = CutUpTo(text, L';');
         const std::wstring_view name = TrimBlanks(CutUpTo(value, L'='));
         value = TrimBlanks(value);
+        if (VoCookieByteLength(value) > kVoMaximumCookieAttributeBytes)
+            continue; // RFC 6265bis, section 5.6, step 6
         if (VoEqualsNoCase(name, L"Expires"))
             items.expires = value;
         else if (VoEqualsNoCase(name, L"Max-Age"))
             items.maxAge = value;
         else if (VoEqualsNoCase(name, L"Domain"))
-            items.domain = value.empty() ? items.domain : value; // an empty one is as good as none (section 5.2.3)
+            items.domain = value.empty() ? items.domain : value; // an empty value is ignored (section 5.2.3)
         else if (VoEqualsNoCase(name, L"Path"))
             items.path = value;
         else if (VoEqualsNoCase(name, L"Secure"))
@@ -126,35 +147,19 @@ CSetCookieItems ParseSetCookie(std::wstring_view text) noexcept
     return items;
 }
 
-// An integer number of seconds with an optional "-"; one too large for any date counts as the largest.
-std::optional<double> ParseMaxAge(std::wstring_view text) noexcept
-{
-    const bool negative = text.starts_with(L'-');
-    if (negative)
-        text.remove_prefix(1);
-    if (text.empty() || !std::all_of(text.begin(), text.end(), IsDigit))
-        return std::nullopt;
-    double seconds = 0;
-    for (const wchar_t digit : text)
-        seconds = std::min(seconds * 10 + (digit - L'0'), kVoLastCookieDate * kSecondsPerDay);
-    return negative ? -seconds : seconds;
-}
-
 // Cuts a number of `minimum` to `maximum` digits off the front. Nothing when there are fewer or more.
 std::optional<int> ReadNumber(std::wstring_view& text, size_t minimum, size_t maximum) noexcept
 {
     const auto digits = static_cast<size_t>(std::find_if_not(text.begin(), text.end(), IsDigit) - text.begin());
     if (digits < minimum || digits > maximum)
         return std::nullopt;
-    int value = 0;
-    for (const wchar_t digit : text.substr(0, digits))
-        value = value * 10 + (digit - L'0');
+    const std::optional<int> value = VoParseDecimal<int>(text.substr(0, digits));
     text.remove_prefix(digits);
     return value;
 }
 
-// "h:m:s" in seconds, each of one or two digits; more characters may follow. Nothing for another shape, -1 for impossible
-// values.
+// Reads "h:m:s", each of one or two digits; other characters may follow. Gives seconds, -1 for an impossible time, nothing for
+// another shape.
 std::optional<int> ReadTime(std::wstring_view field) noexcept
 {
     std::array<int, 3> parts{};
@@ -186,14 +191,14 @@ std::optional<unsigned> ReadMonth(std::wstring_view field) noexcept
     return std::nullopt;
 }
 
-// The characters that separate the fields of a date (RFC 6265, section 5.1.1); the ":" of a time is none.
+// The characters that separate the fields of a date (RFC 6265, section 5.1.1). The ":" of a time is not one of them.
 constexpr bool IsDateDelimiter(wchar_t character) noexcept
 {
     return character == 0x09 || (character >= 0x20 && character <= 0x2F) || (character >= 0x3B && character <= 0x40) ||
            (character >= 0x5B && character <= 0x60) || (character >= 0x7B && character <= 0x7E);
 }
 
-// Exact in both directions, unlike the parser's own form of doubles, which has 15 digits.
+// Exact in both directions. The parser's own form of doubles has 15 digits only.
 std::wstring TextOfDate(double date)
 {
     std::array<char, 32> digits;
@@ -215,15 +220,27 @@ std::optional<double> DateOfText(std::wstring_view text) noexcept
     return date;
 }
 
-// The keys of one serialised cookie.
-constexpr const wchar_t* kDomainKey = L"Domain";
-constexpr const wchar_t* kPathKey = L"Path";
-constexpr const wchar_t* kNameKey = L"Name";
-constexpr const wchar_t* kValueKey = L"Value";
-constexpr const wchar_t* kSecureKey = L"Secure";
-constexpr const wchar_t* kHttpOnlyKey = L"HttpOnly";
-constexpr const wchar_t* kHostOnlyKey = L"HostOnly";
-constexpr const wchar_t* kExpiryKey = L"Expiry"; // only of a cookie that has one
+// The parameters of one serialised cookie.
+constexpr CVoRecordTable kCookieFields{
+    CVoField{ L"Domain", &CVoCookieData::domain },    CVoField{ L"Path", &CVoCookieData::path },
+    CVoField{ L"Name", &CVoCookieData::name },        CVoField{ L"Value", &CVoCookieData::value },
+    CVoField{ L"Secure", &CVoCookieData::secure },    CVoField{ L"HttpOnly", &CVoCookieData::httpOnly },
+    CVoField{ L"HostOnly", &CVoCookieData::hostOnly }
+};
+constexpr const wchar_t* kExpiryKey = L"Expiry"; // only of a cookie that has an expiry
+
+bool IsTooLong(const CVoCookieData& cookie) noexcept
+{
+    return VoCookieByteLength(cookie.name) + VoCookieByteLength(cookie.value) > kVoMaximumCookieBytes;
+}
+
+// Whether the name's prefix promises an attribute that the cookie does not have (RFC 6265bis, section 4.1.3).
+bool BreaksPromiseOfName(const CVoCookieData& cookie, bool hasPath) noexcept
+{
+    if (VoStartsWithNoCase(cookie.name, L"__Host-"))
+        return !cookie.secure || !cookie.hostOnly || !hasPath || cookie.path != L"/";
+    return VoStartsWithNoCase(cookie.name, L"__Secure-") && !cookie.secure;
+}
 } // namespace
 
 HRESULT CVoCookieRequest::FromUrl(std::wstring_view url, CVoCookieRequest& request) noexcept
@@ -234,18 +251,22 @@ HRESULT CVoCookieRequest::FromUrl(std::wstring_view url, CVoCookieRequest& reque
         CServerAddressData address;
         if (const HRESULT hr = address.SetAddress(url, false, true, false); FAILED(hr))
             return report(225, hr);
-        std::wstring host = VoCanonicalHost(address.Host());
-        std::wstring path;
+        if (!IsSendable(address.Host(), false))
+            return report(227, E_INVALIDARG);
+        CVoCookieRequest made;
+        made.secure = address.IsSecure();
+        made.host = VoCanonicalHost(address.Host());
+        std::wstring& path = made.path;
         if (const HRESULT hr = VoEncodeUrl(address.Path(), path); FAILED(hr))
             return report(229, hr);
         const size_t slash = path.rfind(L'/');
         const size_t dot = path.rfind(L'.');
-        if (slash != std::wstring::npos && dot != std::wstring::npos && slash < dot)
+        made.isFile = slash != std::wstring::npos && dot != std::wstring::npos && slash < dot;
+        if (made.isFile)
             path.resize(slash);
         if (path.empty())
             path = L"/";
-        request.host = std::move(host);
-        request.path = std::move(path);
+        request = std::move(made);
         return S_OK;
     }
     catch (...)
@@ -266,11 +287,13 @@ std::wstring VoCanonicalHost(std::wstring_view host)
     }
     if (!isAscii && result.size() <= kMaximumHostLength)
     {
-        // A name that has no ASCII form stays as it is, and equals itself alone.
+        // A name that has no ASCII form stays as it is: it equals only itself.
         std::array<wchar_t, kMaximumHostLength + 1> ascii;
         const int length = ::IdnToAscii(0, result.data(), static_cast<int>(result.size()), ascii.data(), kMaximumHostLength);
         if (length > 0)
             result.assign(ascii.data(), static_cast<size_t>(length));
+        else if (const DWORD error = ::GetLastError(); error == ERROR_NOT_ENOUGH_MEMORY || error == ERROR_OUTOFMEMORY)
+            throw std::bad_alloc();
     }
     return result;
 }
@@ -292,6 +315,8 @@ HRESULT CVoCookieData::CreateCookieFromString(std::wstring_view setCookieValue, 
         made.value = items.value;
         made.secure = items.secure;
         made.httpOnly = items.httpOnly;
+        if (made.secure && !request.secure)
+            return report(285, E_INVALIDARG);
         if (!IsSendable(made.name, false) || !IsSendable(made.value, false) || !IsSendable(items.path, false))
             return report(288, E_INVALIDARG);
         made.path = request.path;
@@ -312,29 +337,33 @@ HRESULT CVoCookieData::CreateCookieFromString(std::wstring_view setCookieValue, 
         }
         if (items.maxAge)
         {
-            const std::optional<double> seconds = ParseMaxAge(*items.maxAge);
-            if (!seconds)
+            if (const std::optional<INT64> seconds = VoParseDecimalClamped<INT64>(*items.maxAge))
             {
-                report.Message(306, L"Invalid cookie max-age format:%ls", std::wstring(*items.maxAge).c_str());
-                return report(307, E_INVALIDARG);
+                made.hasExpiry = true;
+                made.expired = *seconds <= 0;
+                made.expiry = std::clamp(now + static_cast<double>(*seconds) / kSecondsPerDay, 0.0, kVoLastCookieDate);
             }
-            made.hasExpiry = true;
-            made.expired = *seconds <= 0;
-            made.expiry = std::clamp(now + *seconds / kSecondsPerDay, 0.0, kVoLastCookieDate);
+            else
+            {
+                // Ignored (RFC 6265, section 5.2.2): the cookie keeps its Expires, or is a session cookie.
+                report.Message(306, L"Invalid cookie max-age format:%ls", std::wstring(*items.maxAge).c_str());
+                report(307, E_INVALIDARG);
+            }
         }
 
         std::wstring_view domain = items.domain;
         if (domain.starts_with(L'.'))
             domain.remove_prefix(1);
         made.domain = domain.empty() ? request.host : VoCanonicalHost(domain);
-        const bool isParent = request.host.size() > made.domain.size() && request.host.ends_with(made.domain) &&
-                              request.host[request.host.size() - made.domain.size() - 1] == L'.';
-        if (made.domain != request.host && !(isParent && CanSpanHosts(made.domain) && !IsIPAddress(request.host)))
+        const bool canSpanHosts = CanSpanHosts(made.domain);
+        if (made.domain != request.host && !(canSpanHosts && DomainCovers(made.domain, request.host)))
             return report(321, E_INVALIDARG);
-        made.hostOnly = domain.empty() || !CanSpanHosts(made.domain);
+        made.hostOnly = domain.empty() || !canSpanHosts;
 
-        if (made.name.size() + made.value.size() + made.path.size() + made.domain.size() > kVoMaximumCookieLength)
+        if (IsTooLong(made))
             return report(325, E_INVALIDARG);
+        if (BreaksPromiseOfName(made, !items.path.empty()))
+            return report(327, E_INVALIDARG);
         cookie = std::move(made);
         return S_OK;
     }
@@ -350,19 +379,7 @@ HRESULT CVoCookieData::SerializeCookie(std::wstring& text) const noexcept
     try
     {
         CVoBinaryDataParser parser;
-        HRESULT hr = parser.AddParam(kDomainKey, domain);
-        if (SUCCEEDED(hr))
-            hr = parser.AddParam(kPathKey, path);
-        if (SUCCEEDED(hr))
-            hr = parser.AddParam(kNameKey, name);
-        if (SUCCEEDED(hr))
-            hr = parser.AddParam(kValueKey, value);
-        if (SUCCEEDED(hr))
-            hr = parser.AddParam(kSecureKey, secure);
-        if (SUCCEEDED(hr))
-            hr = parser.AddParam(kHttpOnlyKey, httpOnly);
-        if (SUCCEEDED(hr))
-            hr = parser.AddParam(kHostOnlyKey, hostOnly);
+        HRESULT hr = kCookieFields.Write(*this, parser);
         if (SUCCEEDED(hr) && hasExpiry)
             hr = parser.AddParam(kExpiryKey, TextOfDate(expiry));
         if (SUCCEEDED(hr))
@@ -384,19 +401,7 @@ HRESULT CVoCookieData::CreateCookieFromSerializedData(std::wstring_view text, CV
         CVoCookieData made;
         HRESULT hr = parser.ReadParamsFromString(text);
         if (SUCCEEDED(hr))
-            hr = parser.GetParam(kDomainKey, made.domain);
-        if (SUCCEEDED(hr))
-            hr = parser.GetParam(kPathKey, made.path);
-        if (SUCCEEDED(hr))
-            hr = parser.GetParam(kNameKey, made.name);
-        if (SUCCEEDED(hr))
-            hr = parser.GetParam(kValueKey, made.value);
-        if (SUCCEEDED(hr))
-            hr = parser.GetParam(kSecureKey, made.secure);
-        if (SUCCEEDED(hr))
-            hr = parser.GetParam(kHttpOnlyKey, made.httpOnly);
-        if (SUCCEEDED(hr))
-            hr = parser.GetParam(kHostOnlyKey, made.hostOnly);
+            hr = kCookieFields.Read(parser, made);
         if (FAILED(hr))
             return report(391, hr);
         if (const CParamRec* const expiry = parser.FindParam(kExpiryKey))
@@ -408,13 +413,13 @@ HRESULT CVoCookieData::CreateCookieFromSerializedData(std::wstring_view text, CV
             made.expiry = *date;
         }
 
-        // The text may have been changed on its way; what it says is sent to servers, so it is held to the rules of a cookie.
+        // Somebody may have changed the text. It is sent to servers, so it must meet the rules of a cookie.
         const auto isClean = [](std::wstring_view part, const wchar_t* forbidden)
         { return IsSendable(part, false) && part.find_first_of(forbidden) == std::wstring_view::npos; };
         if (made.name.empty() || made.domain.empty() || !made.path.starts_with(L'/') || !isClean(made.name, L"=;") ||
-            !isClean(made.value, L";") || !IsSendable(made.path, false) || made.domain != VoCanonicalHost(made.domain) ||
-            (!made.hostOnly && !CanSpanHosts(made.domain)) ||
-            made.name.size() + made.value.size() + made.path.size() + made.domain.size() > kVoMaximumCookieLength)
+            !isClean(made.value, L";") || !IsSendable(made.path, false) || !IsSendable(made.domain, false) ||
+            made.domain != VoCanonicalHost(made.domain) || (!made.hostOnly && !CanSpanHosts(made.domain)) || IsTooLong(made) ||
+            BreaksPromiseOfName(made, true))
             return report(410, E_INVALIDARG);
         cookie = std::move(made);
         return S_OK;
@@ -448,7 +453,7 @@ std::optional<double> CVoCookieData::ParseDateTime(std::wstring_view text) noexc
     wchar_t sign = 0;
     for (std::wstring_view field = ReadNextDateTimeField(text, sign); !field.empty(); field = ReadNextDateTimeField(text, sign))
     {
-        // "+hhmm" or "-hhmm"; a year behind a "-" is larger.
+        // "+hhmm" or "-hhmm". A year behind a "-" is larger than any zone.
         std::wstring_view number = field;
         if (const std::optional<int> offset = sign != 0 ? ReadNumber(number, 4, 4) : std::nullopt;
             offset && *offset <= kLargestZone)
@@ -456,7 +461,7 @@ std::optional<double> CVoCookieData::ParseDateTime(std::wstring_view text) noexc
             zone = (*offset / 100 * 60 + *offset % 100) * (sign == L'-' ? -1 : 1);
             continue;
         }
-        // A field is the first thing that it fits and that is still open; what fits nothing is passed over.
+        // A field becomes the first part that it fits and that is not found yet. A field that fits none is ignored.
         number = field;
         if (const auto fittingTime = time ? std::nullopt : ReadTime(field))
             time = fittingTime;
@@ -486,12 +491,16 @@ std::optional<double> CVoCookieData::ParseDateTime(std::wstring_view text) noexc
     return std::clamp(days + *time / kSecondsPerDay - zone / kMinutesPerDay, 0.0, kVoLastCookieDate);
 }
 
-bool CVoCookieData::PathMatches(std::wstring_view requestPath) const noexcept
+bool CVoCookieData::PathMatches(const CVoCookieRequest& request) const noexcept
 {
-    std::wstring_view own = path;
-    if (own.ends_with(L'/'))
-        own.remove_suffix(1);
-    if (requestPath.ends_with(L'/'))
-        requestPath.remove_suffix(1);
-    return requestPath.starts_with(own) && (requestPath.size() == own.size() || requestPath[own.size()] == L'/');
+    if (PathCovers(path, request.path))
+        return true;
+    // The request is for a file in the folder, so the folder's own path with a "/" at its end covers it too.
+    return request.isFile && path.size() == request.path.size() + 1 && path.ends_with(L'/') && path.starts_with(request.path);
+}
+
+bool CVoCookieData::ShadowsSecure(const CVoCookieData& other) const noexcept
+{
+    return other.secure && name == other.name && (DomainCovers(domain, other.domain) || DomainCovers(other.domain, domain)) &&
+           PathCovers(other.path, path);
 }

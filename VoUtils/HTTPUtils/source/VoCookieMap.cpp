@@ -1,18 +1,31 @@
-#include <VoCookieMap.h>
+// Stores and finds cookies by domain (VoCookieMap.h).
+#include "VoCookieMap.h"
 
 #include <algorithm>
 
-void CVoCookieMap::Add(CVoCookieData&& cookie, double now)
+bool CVoCookieMap::ShadowsSecure(const CVoCookieData& cookie) const noexcept
+{
+    return std::any_of(m_domains.begin(), m_domains.end(),
+                       [&](const auto& domain)
+                       {
+                           return std::any_of(domain.second.begin(), domain.second.end(),
+                                              [&](const CEntry& entry) { return cookie.ShadowsSecure(entry.cookie); });
+                       });
+}
+
+bool CVoCookieMap::Add(CVoCookieData&& cookie, bool fromSecure, double now)
 {
     RemoveExpired(now);
+    if (!fromSecure && ShadowsSecure(cookie))
+        return false;
     const bool isExpired = cookie.IsExpired(now);
     auto domain = m_domains.find(cookie.domain);
     if (domain == m_domains.end())
     {
         if (isExpired)
-            return;
+            return true;
         CEntries first;
-        first.reserve(1); // the rest cannot fail, so that no domain is left without cookies
+        first.reserve(1); // so the rest cannot fail and leave a domain without cookies
         domain = m_domains.try_emplace(cookie.domain, std::move(first)).first;
     }
 
@@ -23,7 +36,7 @@ void CVoCookieMap::Add(CVoCookieData&& cookie, double now)
     {
         if (stored != entries.end())
             Remove(domain, stored);
-        return;
+        return true;
     }
 
     if (cookie.hasExpiry)
@@ -33,11 +46,12 @@ void CVoCookieMap::Add(CVoCookieData&& cookie, double now)
     {
         stored->cookie = std::move(cookie);
         stored->lastUse = m_sequence;
-        return;
+        return true;
     }
     entries.push_back({ std::move(cookie), m_sequence, m_sequence });
     ++m_count;
     RemoveBeyondLimits(domain);
+    return true;
 }
 
 void CVoCookieMap::RemoveExpired(double now)
@@ -66,8 +80,7 @@ std::vector<const CVoCookieData*> CVoCookieMap::Match(const CVoCookieRequest& re
     {
         if (const auto found = m_domains.find(domain); found != m_domains.end())
             for (CEntry& entry : found->second)
-                if ((isHost || !entry.cookie.hostOnly) && (secure || !entry.cookie.secure) &&
-                    entry.cookie.PathMatches(request.path))
+                if ((isHost || !entry.cookie.hostOnly) && (secure || !entry.cookie.secure) && entry.cookie.PathMatches(request))
                     matches.push_back(&entry);
         const size_t dot = domain.find(L'.');
         domain = dot == std::wstring_view::npos ? std::wstring_view() : domain.substr(dot + 1);
@@ -107,17 +120,22 @@ std::vector<const CVoCookieData*> CVoCookieMap::InOrderOfCreation() const
     return result;
 }
 
-CVoCookieMap::CEntries::iterator CVoCookieMap::LeastUsed(CEntries& entries) noexcept
+// A secure cookie goes last, or a response over plain HTTP could remove it by setting many others (RFC 6265bis, section 5.7).
+bool CVoCookieMap::GoesFirst(const CEntry& a, const CEntry& b) noexcept
 {
-    return std::min_element(entries.begin(), entries.end(),
-                            [](const CEntry& a, const CEntry& b) { return a.lastUse < b.lastUse; });
+    return a.cookie.secure != b.cookie.secure ? b.cookie.secure : a.lastUse < b.lastUse;
+}
+
+CVoCookieMap::CEntries::iterator CVoCookieMap::FirstToGo(CEntries& entries) noexcept
+{
+    return std::min_element(entries.begin(), entries.end(), &GoesFirst);
 }
 
 void CVoCookieMap::Remove(CDomains::iterator domain, CEntries::iterator entry) noexcept
 {
     domain->second.erase(entry);
     --m_count;
-    // Domains without cookies go too: a server with ever new host names must not fill the map with them.
+    // Remove a domain without cookies too: a server could fill the map with new host names.
     if (domain->second.empty())
         m_domains.erase(domain);
 }
@@ -125,13 +143,13 @@ void CVoCookieMap::Remove(CDomains::iterator domain, CEntries::iterator entry) n
 void CVoCookieMap::RemoveBeyondLimits(CDomains::iterator domain) noexcept
 {
     if (domain->second.size() > kVoMaximumCookiesPerDomain)
-        Remove(domain, LeastUsed(domain->second));
+        Remove(domain, FirstToGo(domain->second));
     if (m_count <= kVoMaximumCookies)
         return;
     auto victim = m_domains.begin();
-    auto victimEntry = LeastUsed(victim->second);
+    auto victimEntry = FirstToGo(victim->second);
     for (auto candidate = std::next(victim); candidate != m_domains.end(); ++candidate)
-        if (const auto entry = LeastUsed(candidate->second); entry->lastUse < victimEntry->lastUse)
+        if (const auto entry = FirstToGo(candidate->second); GoesFirst(*entry, *victimEntry))
         {
             victim = candidate;
             victimEntry = entry;

@@ -1,4 +1,7 @@
+// Keeps the cookies of the process behind a lock (VoGlobalHTTPCookieStoreImpl.h).
 #include <VoGlobalHTTPCookieStoreImpl.h>
+
+#include "VoCookieMap.h"
 
 #include <base/VoDataParser.h>
 #include <base/VoErrorHandler.h>
@@ -14,13 +17,13 @@ constexpr const wchar_t* kCookieKey = L"Cookie";
 
 constexpr std::wstring_view kCookieSeparator = L"; ";
 
-// The value of the Cookie header, written straight into the text that is handed out. Null when there is no memory.
+// Writes the value of the Cookie header straight into the BSTR that is handed out. Null when memory is exhausted.
 BSTR MakeCookieString(const std::vector<const CVoCookieData*>& cookies) noexcept
 {
     size_t length = 0;
     for (const CVoCookieData* const cookie : cookies)
         length += cookie->name.size() + 1 + cookie->value.size() + kCookieSeparator.size();
-    // The limits of the store keep the length far below what a BSTR can hold.
+    // The store's limits keep the length far below that of the longest BSTR.
     const BSTR text = ::SysAllocStringLen(nullptr, static_cast<UINT>(length - (length ? kCookieSeparator.size() : 0)));
     if (!text)
         return nullptr;
@@ -38,7 +41,12 @@ BSTR MakeCookieString(const std::vector<const CVoCookieData*>& cookies) noexcept
 }
 } // namespace
 
-CVoGlobalHTTPCookieStoreImpl::CVoGlobalHTTPCookieStoreImpl(CClock clock) : m_clock(std::move(clock)) {}
+CVoGlobalHTTPCookieStoreImpl::CVoGlobalHTTPCookieStoreImpl(CClock clock)
+    : m_clock(std::move(clock)), m_cookies(std::make_unique<CVoCookieMap>())
+{
+}
+
+CVoGlobalHTTPCookieStoreImpl::~CVoGlobalHTTPCookieStoreImpl() = default;
 
 double CVoGlobalHTTPCookieStoreImpl::GetCurrentSystemDate() noexcept
 {
@@ -54,7 +62,7 @@ double CVoGlobalHTTPCookieStoreImpl::GetCurrentSystemDate() noexcept
 HRESULT CVoGlobalHTTPCookieStoreImpl::Clear() noexcept
 {
     CAutoLock lock(&m_lock);
-    m_cookies = CVoCookieMap();
+    *m_cookies = CVoCookieMap();
     return S_OK;
 }
 
@@ -70,7 +78,7 @@ HRESULT CVoGlobalHTTPCookieStoreImpl::GetCookieStringForHTTPRequest(BSTR url, VA
             return report(75, hr);
         const double now = m_clock();
         CAutoLock lock(&m_lock);
-        const BSTR text = MakeCookieString(m_cookies.Match(request, secure != VARIANT_FALSE, now));
+        const BSTR text = MakeCookieString(m_cookies->Match(request, secure != VARIANT_FALSE, now));
         if (!text)
             return report(80, E_OUTOFMEMORY);
         *cookie = text;
@@ -95,7 +103,7 @@ HRESULT CVoGlobalHTTPCookieStoreImpl::AddCookieFromString(BSTR setCookieValue, B
         if (const HRESULT hr = CVoCookieData::CreateCookieFromString(CVoBstr::ViewOf(setCookieValue), request, now, cookie);
             FAILED(hr))
             return report(103, hr);
-        if (const HRESULT hr = AddCookie(std::move(cookie), now); FAILED(hr))
+        if (const HRESULT hr = AddCookie(std::move(cookie), request.secure, now); FAILED(hr))
             return report(105, hr);
         return S_OK;
     }
@@ -105,13 +113,14 @@ HRESULT CVoGlobalHTTPCookieStoreImpl::AddCookieFromString(BSTR setCookieValue, B
     }
 }
 
-HRESULT CVoGlobalHTTPCookieStoreImpl::AddCookie(CVoCookieData&& cookie, double now) noexcept
+HRESULT CVoGlobalHTTPCookieStoreImpl::AddCookie(CVoCookieData&& cookie, bool fromSecure, double now) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::AddCookie" };
     try
     {
         CAutoLock lock(&m_lock);
-        m_cookies.Add(std::move(cookie), now);
+        if (!m_cookies->Add(std::move(cookie), fromSecure, now))
+            return report(120, E_INVALIDARG);
         return S_OK;
     }
     catch (...)
@@ -127,9 +136,9 @@ HRESULT CVoGlobalHTTPCookieStoreImpl::SerializeCookies(CVoBinaryDataParser& pars
     {
         const double now = m_clock();
         CAutoLock lock(&m_lock);
-        m_cookies.RemoveExpired(now);
+        m_cookies->RemoveExpired(now);
         std::wstring text;
-        for (const CVoCookieData* const cookie : m_cookies.InOrderOfCreation())
+        for (const CVoCookieData* const cookie : m_cookies->InOrderOfCreation())
         {
             if (const HRESULT hr = cookie->SerializeCookie(text); FAILED(hr))
                 return report(142, hr);
@@ -159,10 +168,10 @@ HRESULT CVoGlobalHTTPCookieStoreImpl::DeserializeCookies(const CVoBinaryDataPars
             CVoCookieData cookie;
             if (const HRESULT hr = CVoCookieData::CreateCookieFromSerializedData(param.Value(), cookie); FAILED(hr))
                 return report(169, hr);
-            cookies.Add(std::move(cookie), now);
+            (void)cookies.Add(std::move(cookie), true, now); // true for every cookie of a secure origin
         }
         CAutoLock lock(&m_lock);
-        m_cookies = std::move(cookies);
+        *m_cookies = std::move(cookies);
         return S_OK;
     }
     catch (...)
