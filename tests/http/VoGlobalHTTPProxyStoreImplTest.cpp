@@ -1,3 +1,4 @@
+// The proxy store: where it finds proxies, what it caches, whose credentials it gives, and how it is serialised.
 #include <VoGlobalHTTPProxyStoreImpl.h>
 
 #include <gtest/gtest.h>
@@ -61,7 +62,7 @@ CHTTPProxyAuthenticationData Credentials(std::wstring_view user, std::wstring_vi
     return data;
 }
 
-// A text as the platform hands it out, and how many of them nobody has freed.
+// Makes a text as the platform hands it out, and counts the texts that nobody has freed.
 std::atomic<int> g_openTexts{ 0 };
 LPWSTR GlobalText(std::wstring_view text)
 {
@@ -72,7 +73,7 @@ LPWSTR GlobalText(std::wstring_view text)
     std::copy(text.begin(), text.end(), copy);
     return copy;
 }
-// Sees the library free them.
+// Counts the texts that the library frees.
 CCallHook<decltype(&::GlobalFree)> CountFreedTexts()
 {
     return { "kernel32.dll", "GlobalFree", [](auto original, HGLOBAL memory)
@@ -82,7 +83,7 @@ CCallHook<decltype(&::GlobalFree)> CountFreedTexts()
              } };
 }
 
-// Answers discoveries in the platform's place, and notes what was asked.
+// Answers discoveries in place of the platform and records the questions.
 class CDiscovery
 {
 public:
@@ -93,17 +94,17 @@ public:
         DWORD accessType = WINHTTP_ACCESS_TYPE_NAMED_PROXY;
     };
 
-    // The answers in turn; the last one again and again.
+    // Gives the answers in turn, then the last one always.
     explicit CDiscovery(std::vector<CAnswer> answers) : m_answers(std::move(answers)) {}
 
-    // For each "url flags detection logon script".
+    // Each as "url flags detection logon script".
     [[nodiscard]] std::vector<std::wstring> Questions() const
     {
         const std::scoped_lock lock(m_lock);
         return m_questions;
     }
     [[nodiscard]] size_t Count() const { return Questions().size(); }
-    // Called in each question, for tests that need time in it.
+    // Called during each question.
     std::function<void(std::wstring_view url)> onQuestion = [](std::wstring_view) {};
 
 private:
@@ -145,7 +146,7 @@ CDiscovery::CAnswer Fails(DWORD error)
 
 using CSettingsHook = CCallHook<decltype(&::WinHttpGetIEProxyConfigForCurrentUser)>;
 
-TEST(ProxyConfiguration, TakesOneSourceOfTheInternetSettings)
+TEST(ProxyConfiguration, TakesOneSourceOfTheUsersSettings)
 {
     struct
     {
@@ -157,7 +158,10 @@ TEST(ProxyConfiguration, TakesOneSourceOfTheInternetSettings)
         { "detection drops a script beside it", TRUE, L"http://s/p", L"p:1", L"b", Detection() },
         { "a script drops a proxy beside it", FALSE, L"http://s/p", L"p:1", L"b", Script(L"http://s/p") },
         { "a proxy with its bypass list", FALSE, L"", L"p:1", L"a;<local>", Manual(L"p:1", L"a;<local>") },
-        { "a bypass list alone is nothing", FALSE, L"", L"", L"b", {} },
+        { "a bypass list alone means direct", FALSE, L"", L"", L"b", {} },
+        { "an unusable proxy is left out", FALSE, L"", L"http=a:1;https=https://b:2;socks=c:3", L"b",
+          Manual(L"http=a:1", L"b") },
+        { "no usable proxy means direct", FALSE, L"", L"socks=c:3", L"b", Manual(L"", L"b") },
     };
     for (const auto& row : table)
     {
@@ -170,16 +174,42 @@ TEST(ProxyConfiguration, TakesOneSourceOfTheInternetSettings)
                                                    GlobalText(row.bypass) };
                                      return TRUE;
                                  });
-        // Nothing of what it held stays, credentials included.
+        // The record keeps none of its old values.
         CHTTPProxyConfigData config{ true, L"old", L"old", L"old", Credentials(L"old", L"old") };
-        EXPECT_EQ(config.InitFromIE(), S_OK);
+        const bool isLeftOut = !row.expected.UsesDiscovery() && row.expected.manualProxy != row.proxy;
+        CLogCapture log;
+        EXPECT_EQ(config.InitFromIE(), isLeftOut ? S_FALSE : S_OK);
+        EXPECT_EQ(!log.Lines().empty(), isLeftOut);
         EXPECT_TRUE(config == row.expected);
         EXPECT_EQ(g_openTexts, 0);
 
-        // The store of the module has them.
+        // The store of the module has the same settings.
         CVoComPtr<IVoHTTPProxyStore> store;
         ASSERT_EQ(CreateGlobalHTTPProxyStoreForModule(store.Put()), S_OK);
         EXPECT_EQ(TestSupport::ProxyFor(*store.Get(), L""), row.expected.manualProxy + L" - -");
+    }
+}
+
+TEST(ProxyConfiguration, AsksAgainForSettingsThatCouldNotBeHad)
+{
+    for (const DWORD error : { 8UL, 2UL }) // no memory; the user has no settings
+    {
+        int calls = 0;
+        const CSettingsHook hook("winhttp.dll", "WinHttpGetIEProxyConfigForCurrentUser",
+                                 [&](auto, auto settings)
+                                 {
+                                     ::SetLastError(error);
+                                     if (++calls <= 2)
+                                         return FALSE;
+                                     *settings = { FALSE, nullptr, GlobalText(L"p:1"), nullptr };
+                                     return TRUE;
+                                 });
+        const auto frees = CountFreedTexts();
+        CVoComPtr<IVoHTTPProxyStore> store;
+        ASSERT_EQ(CreateGlobalHTTPProxyStoreForModule(store.Put()), S_OK);
+        for (const wchar_t* const found : { L"", L"p:1", L"p:1" })
+            EXPECT_EQ(TestSupport::ProxyFor(*store.Get(), L"http://host/"),
+                      (error == 2 ? L"" : found) + std::wstring(L" - -"));
     }
 }
 
@@ -206,14 +236,36 @@ TEST(ProxyConfiguration, ReportsSettingsThatCannotBeHadAndConnectsDirectly)
 
 // --- looking up
 
+TEST(ProxyConfiguration, RefusesAListThatCannotBeUsed)
+{
+    CTestStore store(Manual(L"p:1"));
+    for (const wchar_t* const list : { L"https://p:1", L"socks=p:1", L"http=p:1;https=p:0", L"p/../x:1", L"ftp=p:1" })
+    {
+        CLogCapture log;
+        EXPECT_EQ(store->Init(Manual(list)), E_INVALIDARG) << testing::PrintToString(list);
+        EXPECT_EQ(store.Look(L"http://host/"), L"p:1 - -");
+        EXPECT_THAT(log.Lines(), Contains(IsReport(kSource, 604, L"CProxyConfigHandler::Init", E_INVALIDARG)));
+    }
+    CLogCapture log;
+    EXPECT_EQ(store->Init(Manual(L"p:1", L"*")), S_OK);
+    EXPECT_EQ(log.Lines().size(), 1U); // says that no request uses the proxy
+    EXPECT_EQ(store.Look(L"http://host/"), L" - -");
+}
+
 TEST(ProxyStore, GivesTheManualProxyOfTheSchemeUnlessBypassed)
 {
     const CTestStore store(Manual(L"http=a:1;https=b:2", L"host1;host2 *.example;<local>"));
     const std::pair<const wchar_t*, const wchar_t*> table[] = {
-        { L"http://www.test/path?q", L"a:1 - -" }, { L"HTTPS://WWW.test:444", L"b:2 - -" },     { L"www.test", L"a:1 - -" },
-        { L" http://www.test/ \r\n", L"a:1 - -" },                                     // only trimmed
-        { L"http://a.EXAMPLE/", L" - -" },         { L"", L"http=a:1;https=b:2 - -" }, // the scheme is not known
-        { L"ftp://host/", L"0x80070057" },         { L"http://user@www.test/", L"0x80070057" },
+        { L"http://www.test/path?q", L"a:1 - -" },
+        { L"HTTPS://WWW.test:444", L"b:2 - -" },
+        { L"www.test", L"a:1 - -" },
+        { L" http://www.test/ \r\n", L"a:1 - -" }, // only trimmed
+        { L"http://a.EXAMPLE/", L" - -" },
+        { L"", L"http=a:1;https=b:2 - -" }, // the scheme is not known
+        { L"ftp://host/", L"0x80070057" },
+        { L"http://user@www.test/", L"0x80070057" },
+        { L"http://www.test:81", L"a:1 - -" },
+        { L"http://www.test:81:80/", L"0x80070057" }, // not by its cached part
     };
     for (const auto& [url, expected] : table)
         EXPECT_EQ(store.Look(url), expected) << testing::PrintToString(url);
@@ -221,11 +273,40 @@ TEST(ProxyStore, GivesTheManualProxyOfTheSchemeUnlessBypassed)
     EXPECT_EQ(CTestStore().Look(L""), L" - -");
 
     EXPECT_EQ(store->GetProxyForUrl(CVoBstr(L"http://host/").Get(), nullptr, nullptr, nullptr), E_POINTER);
-    // The text of an out argument stays on failure.
+    // A failure leaves the out arguments unchanged.
     const CVoBstr text(L"as it was");
     BSTR untouched = text.Get();
     EXPECT_EQ(store->GetProxyForUrl(CVoBstr(L"ftp://x").Get(), &untouched, &untouched, &untouched), E_INVALIDARG);
     EXPECT_EQ(untouched, text.Get());
+}
+
+TEST(ProxyStore, CachesNoFailure)
+{
+    const CVoBstr url(L"http://host/");
+    int failures = 0;
+    for (int call = 1; call < 1000; ++call)
+    {
+        CTestStore store(Manual(L"http=p:1;https=q:2"));
+        CVoBstr proxy;
+        HRESULT hr = S_OK;
+        bool isInjected = false;
+        {
+            const CFailOnCall<void*(WINAPI*)(size_t)> fail("msvcrt.dll", "malloc", call, nullptr, 0);
+            hr = store->GetProxyForUrl(url.Get(), proxy.Put(), nullptr, nullptr);
+            isInjected = fail.Calls() >= call;
+        }
+        if (FAILED(hr))
+        {
+            ++failures;
+            EXPECT_EQ(hr, E_OUTOFMEMORY);
+        }
+        else
+            EXPECT_EQ(proxy.View(), L"p:1");
+        EXPECT_EQ(store.Look(L"http://host/"), L"p:1 - -");
+        if (!isInjected)
+            break;
+    }
+    EXPECT_GT(failures, 5);
 }
 
 TEST(ProxyStore, DiscoversOncePerServerAndDegradesToDirect)
@@ -261,7 +342,7 @@ TEST(ProxyStore, DiscoversOncePerServerAndDegradesToDirect)
                 IsReport(L"VoWinHttpInterface.h", line, L"VoWinHttpInterface::WinHttpSessionHandle::GetProxyForUrl", code));
         EXPECT_THAT(log.Lines(), testing::ElementsAreArray(lines));
 
-        // The server is not asked about again.
+        // There is no second discovery for the server.
         const size_t asked = discovery.Count();
         EXPECT_EQ(store.Look(L"http://WWW.example:80/other"), expected + L" - -");
         EXPECT_EQ(discovery.Count(), asked);
@@ -304,7 +385,7 @@ TEST(ProxyStore, AsksThePlatformAsConfigured)
                                                    L"http://host/path?q 2 0 0 http://script/"));
 }
 
-TEST(ProxyStore, DiscoversOnceForAServerAndAnswersForKnownOnesMeanwhile)
+TEST(ProxyStore, KnownServersDoNotWaitForADiscovery)
 {
     CEvent answered(false, true);
     CEvent began(false, true);
@@ -334,14 +415,14 @@ TEST(ProxyStore, HandsCredentialsOutForTheirProxyOnly)
 {
     CTestStore store(Manual(L"http=Proxy.example:8080;https=other:8080"));
     EXPECT_EQ(store.Look(L"http://first/"), L"Proxy.example:8080 - -");
-    // Also others of the same host, or for a proxy that is not used.
+    // Credentials for another port of the host do not count.
     EXPECT_EQ(store.Save(L"other:8081", L"no", L"no"), S_OK);
     EXPECT_EQ(store.Save(L"http://proxy.EXAMPLE:8080/", L"user", L"secret"), S_OK);
     for (const wchar_t* const url : { L"http://first/", L"http://later/" })
         EXPECT_EQ(store.Look(url), L"Proxy.example:8080 user secret");
     EXPECT_EQ(store.Look(L"https://first/"), L"other:8080 - -");
     EXPECT_EQ(store.Look(L""), L"http=Proxy.example:8080;https=other:8080 - -");
-    // New ones replace the old ones, also by nothing.
+    // New credentials replace the old ones; a password may be empty.
     EXPECT_EQ(store.Save(L"proxy.example:8080", L"user2", L""), S_OK);
     EXPECT_EQ(store.Look(L"http://first/"), L"Proxy.example:8080 user2 ");
     for (const wchar_t* const proxy : { L"", L"http=a:1;https=b:2", L"user:x@p:1" })
@@ -368,7 +449,7 @@ TEST(ProxyStore, UsesTheConfiguredCredentialsUntilOthersAreSaved)
     EXPECT_EQ(store.Look(L"http://bypassed/"), L" - -");
     EXPECT_EQ(store.Save(L"p:1", L"newer", L"word"), S_OK);
     expectEverywhere(L"p:1 newer word");
-    // The same configuration again changes nothing, another one forgets.
+    // The same configuration changes nothing; another one forgets the saved credentials.
     EXPECT_EQ(store->Init(config), S_OK);
     expectEverywhere(L"p:1 newer word");
     config.manualProxyBypassList.clear();
@@ -380,7 +461,7 @@ TEST(ProxyStore, UsesTheConfiguredCredentialsUntilOthersAreSaved)
 
 // --- serialisation
 
-TEST(ProxyStore, ComesBackFromItsText)
+TEST(ProxyStore, SerializedContentComesBackExactly)
 {
     CHTTPProxyConfigData config = Manual(L"http=a:1;https=b:2", L"x;<local>");
     config.manualProxyAuthenticationData = Credentials(L"us&er$", L"p=a&&s$s \x00E4\xD83D\xDE00");
@@ -395,9 +476,9 @@ TEST(ProxyStore, ComesBackFromItsText)
     EXPECT_EQ(copy.Serialize(), text);
     EXPECT_EQ(copy.Look(L"http://first.test/"), withConfigured);
     EXPECT_EQ(copy.Look(L"https://new.test/"), L"b:2 - -");
-    EXPECT_EQ(copy->Deserialize(nullptr), S_OK); // nothing clears
+    EXPECT_EQ(copy->Deserialize(nullptr), S_OK); // null clears the store
     EXPECT_EQ(copy.Serialize(), CTestStore().Serialize());
-    // The property is the same text, to read and to write.
+    // The property is the same text.
     const CVoBstr name(L"proxydatastring");
     CVoVariant value;
     ASSERT_EQ(store->get_Properties(name.Get(), value.Put()), S_OK);
@@ -406,7 +487,7 @@ TEST(ProxyStore, ComesBackFromItsText)
     EXPECT_EQ(copy->put_Properties(name.Get(), value.Get()), S_OK);
     EXPECT_EQ(copy.Serialize(), text);
 
-    // Servers that were found stay known, and others are found.
+    // Cached servers stay known; others are discovered.
     const CDiscovery discovery({ Finds(L"p:1") });
     const CTestStore first(Script(L"http://script/"));
     EXPECT_EQ(first.Look(L"http://known/"), L"p:1 - -");
@@ -417,7 +498,7 @@ TEST(ProxyStore, ComesBackFromItsText)
     EXPECT_EQ(discovery.Count(), 2u);
 }
 
-TEST(ProxyStore, KeepsWhatItHasWhenTheTextIsBadAndLogsNoSecret)
+TEST(ProxyStore, MalformedContentChangesNothingAndLogsNoSecret)
 {
     CTestStore store(Manual(L"p:1"));
     EXPECT_EQ(store.Look(L"http://host/"), L"p:1 - -");
@@ -425,7 +506,7 @@ TEST(ProxyStore, KeepsWhatItHasWhenTheTextIsBadAndLogsNoSecret)
     const std::wstring good = store.Serialize();
     CLogCapture log;
 
-    // Parts missing or renamed, and entries that are not as the store writes them.
+    // Missing and renamed parts, and entries in another form than the store's.
     std::vector<std::wstring> bad = TestSupport::EachChange(
         good, { L"Cache= -> Kash=", L"Entry= -> Other=", L"ServerKey=http://host -> ServerKey=HTTP://host",
                 L"ServerKey=http://host -> ServerKey=ftp://host", L"Proxy=p:1$$$&Aut -> Proxy=a:1 b:2$$$&Aut",
@@ -442,7 +523,7 @@ TEST(ProxyStore, KeepsWhatItHasWhenTheTextIsBadAndLogsNoSecret)
 
 // --- failures
 
-TEST(ProxyStore, ReportsASessionThatFailsAndKeepsItsConfiguration)
+TEST(ProxyStore, ReportsAFailingSessionAndKeepsItsConfiguration)
 {
     CTestStore store(Manual(L"p:1"));
     CLogCapture log;
@@ -455,7 +536,7 @@ TEST(ProxyStore, ReportsASessionThatFailsAndKeepsItsConfiguration)
         EXPECT_THAT(log.Lines(), Contains(IsReport(kSource, line, L"CProxyConfigHandler::Init", fault.expected)));
         log.Clear();
     }
-    // One that does not close is reported, and everything is cleared nevertheless.
+    // A session that does not close is reported; the store is cleared all the same.
     EXPECT_EQ(store->Init(Detection()), S_OK);
     const auto fault = VO_FAULT_AFTER_CALL("winhttp.dll", WinHttpCloseHandle, FALSE, ERROR_INVALID_HANDLE);
     const auto injected = fault.inject(1);

@@ -1,3 +1,4 @@
+// Proxy lists and bypass lists.
 #include <VoProxyList.h>
 
 #include <gtest/gtest.h>
@@ -6,6 +7,8 @@
 
 namespace
 {
+using VoProxyList::BypassesAll;
+using VoProxyList::FindProblem;
 using VoProxyList::IsBypassed;
 using VoProxyList::OnlyProxy;
 using VoProxyList::ProxyForScheme;
@@ -20,18 +23,21 @@ TEST(ProxyList, GivesTheFirstProxyOfTheScheme)
         { L"  p.example:8080 ; ", L"p.example:8080", L"p.example:8080", L"p.example:8080" },
         { L"Proxy", L"Proxy:80", L"Proxy:80", L"Proxy:80" },
         { L"[fe80::1]", L"[fe80::1]:80", L"[fe80::1]:80", L"[fe80::1]:80" },
-        { L"HTTPS://p:8080/", L"p:8080", L"p:8080", L"p:8080" },
+        { L"HTTP://p:8080/", L"p:8080", L"p:8080", L"p:8080" },
         { L"a:1\tb:2\r\nc:3", L"a:1", L"a:1", L"a:1" },
         // by scheme
         { L"https=b:2 HTTP=a:1", L"a:1", L"b:2", L"" },
         { L"http=http://a:1;https=http://b:2;ftp=c:3", L"a:1", L"b:2", L"" },
+        { L"http = a:1 https= b:2;\tftp\t=\tc:3", L"a:1", L"b:2", L"" },
         { L"http=a:1;https=A:1", L"a:1", L"A:1", L"a:1" },
         { L"http=a:1;http=b:2", L"a:1", L"", L"a:1" },
         { L"https=b:2", L"", L"b:2", L"b:2" },
         { L"https=b:2;c:3", L"c:3", L"b:2", L"" },
         { L"c:3;http=a:1", L"c:3", L"c:3", L"c:3" },
-        // what is none of ours, or not understood, is passed over
+        // unusable entries are ignored
         { L" ;; \t", L"", L"", L"" },
+        { L"https://p:8080;socks = s:1080;http=https://p:1", L"", L"", L"" },
+        { L"p/../x:1;p#x:1;p?x;p:0;p:00;a,b;p//;http = ;https=", L"", L"", L"" },
         { L"socks=s:1080;socks5://s:1080 a:1", L"a:1", L"a:1", L"a:1" },
         { L"http=;https=;=a:1;:8080;p:99999;p:x;http=http=a:1", L"", L"", L"" },
         { L"user:secret@p:8080;::1:80;b:2", L"b:2", L"b:2", L"b:2" },
@@ -45,6 +51,27 @@ TEST(ProxyList, GivesTheFirstProxyOfTheScheme)
     }
 }
 
+TEST(ProxyList, SaysWhichEntryIsUnusable)
+{
+    const std::tuple<const wchar_t*, int, const wchar_t*> table[] = {
+        { L"", -1, L"" },
+        { L"p:8080", -1, L"p:8080" },
+        { L"http = a:1;https=b:2;ftp=?", -1, L"http=a:1;https=b:2;ftp=?" },
+        { L"http=a:1;p:0 b:2", 2, L"http=a:1;b:2" },
+        { L"https://a:1;a,b", 1, L"" },
+        { L"http=a:1;socks=s:1080", 2, L"http=a:1" },
+        { L"=a:1", 1, L"" },
+        { L"ftp=c:3", 0, L"ftp=c:3" },
+        { L" ; ", 0, L"" },
+    };
+    for (const auto& [list, number, usable] : table)
+    {
+        const auto problem = FindProblem(list);
+        EXPECT_EQ(problem ? static_cast<int>(problem->number) : -1, number) << testing::PrintToString(list);
+        EXPECT_EQ(VoProxyList::Read(list).usable, usable);
+    }
+}
+
 TEST(ProxyList, BypassesWholeItems)
 {
     struct
@@ -53,14 +80,14 @@ TEST(ProxyList, BypassesWholeItems)
         std::vector<std::wstring> bypassed, others;
     } const table[] = {
         { L"", {}, { L"a", L"" } },
-        // an item also behind one that only begins with it
+        // an item may stand behind a longer one
         { L"host10;host1,b\tc d", { L"host10", L"HOST1", L"b", L"c", L"d" }, { L"host", L"ost1", L"host100", L"host2" } },
         { L"a.example;a-b", { L"A.example" }, { L"xa.example", L"b.a.example", L"a" } },
         { L"[::1];fe80::1", { L"::1", L"fe80::1" }, { L"::2" } },
         // names without a dot
         { L"x;<LOCAL>;y.z", { L"intranet", L"y.z" }, { L"www.example", L"127.0.0.1", L"::1" } },
-        { L"x<local>;<-loopback>", {}, { L"intranet", L"localhost" } },
-        // any part
+        { L"x<local>;<-loopback>", { L"intranet" }, { L"www.example" } }, // the list contains "<local>"
+        // "*"
         { L"*.Example", { L"www.example", L"A.B.eXample" }, { L"example", L"www.example.org" } },
         { L"192.168.*", { L"192.168.1.2" }, { L"192.169.1.2" } },
         { L"a*b*c", { L"abbcbc" }, { L"abbcb" } },
@@ -74,6 +101,7 @@ TEST(ProxyList, BypassesWholeItems)
             EXPECT_TRUE(IsBypassed(row.list, host)) << testing::PrintToString(host);
         for (const std::wstring& host : row.others)
             EXPECT_FALSE(IsBypassed(row.list, host)) << testing::PrintToString(host);
+        EXPECT_EQ(BypassesAll(row.list), row.list == L"*");
     }
 }
 } // namespace

@@ -1,10 +1,10 @@
-// The process's proxy store: which proxy, and which of its credentials, a request needs.
+// The process's proxy store: which proxy, and which credentials for it, a request needs. Callers get it from
+// CreateGlobalHTTPStores (VoGlobalHTTPUtils.h), or create one of their own.
 //
-// The life of a look-up: the URL's server (scheme, host, port) is looked up in the cache. When it is not there, the
-// configuration gives a list of proxies: the one that somebody set, or the one that the platform finds by an auto-configuration
-// script. The list's first proxy for the scheme is taken, unless the bypass list names the host. The result goes to the cache
-// and stays there, so that scripts run once for each server. Credentials are kept for each proxy, apart from the servers behind
-// it.
+// A look-up first searches the cache for the URL's server (scheme, host, port). If the server is not there, the configuration
+// gives a list of proxies: a manual list, or the list that the platform finds by an auto-configuration script. The first usable
+// proxy of the list for the scheme is taken, unless the bypass list contains the host. The result stays in the cache, so a
+// script runs once for each server. A failure is never cached. Credentials are kept for each proxy, apart from the servers.
 #pragma once
 
 #include <VoHTTPStores.h>
@@ -25,25 +25,26 @@ namespace VoGlobalHTTPUtils
 class CServerAddressData;
 }
 
-// What was found: a proxy for each server, and credentials for each proxy. Entries stay until Clear. Any thread.
+// The proxy that was found for each server, and the credentials for each proxy. Entries stay until Clear. Any thread.
 class CProxyCache
 {
 public:
-    // A proxy and its credentials as they were when it was asked for. Never changed, so that readers need no lock.
+    // A proxy and its credentials at the time of the look-up. Never changed, so readers need no lock.
     struct CProxy
     {
         std::wstring name; // "host:port"
         CHTTPProxyAuthenticationData authentication;
-        bool isAuthenticationKnown = false; // somebody set it
+        bool isAuthenticationKnown = false; // somebody set the credentials
     };
     using CProxyPtr = std::shared_ptr<const CProxy>; // null: a direct connection
 
-    // The server's key: "scheme://host:port" in small letters, without a port that is the scheme's default.
+    // The server's key: "scheme://host:port" in lower case, without the scheme's default port.
     [[nodiscard]] static std::wstring ServerKeyOf(const VoGlobalHTTPUtils::CServerAddressData& address);
 
-    // False when nothing was found for the server yet.
+    // False when the cache does not have the server.
     [[nodiscard]] bool GetProxyAndAuthData(std::wstring_view serverKey, CProxyPtr& proxy) noexcept;
-    // Keeps the proxy found for a server; an empty name for none. `proxy` (may be null) receives it with its credentials.
+    // Keeps the proxy found for a server; an empty name for a direct connection. `proxy` (may be null) receives it with its
+    // credentials.
     [[nodiscard]] HRESULT SetProxy(std::wstring_view serverKey, std::wstring_view name, CProxyPtr* proxy) noexcept
     {
         constexpr CVoReporter report{ L"VoGlobalHTTPProxyStoreImpl.h", L"CProxyCache::SetProxy" };
@@ -61,17 +62,17 @@ public:
             return report.CurrentException(215);
         }
     }
-    // Keeps credentials for a proxy, which holds at once for all servers behind it and for those found later. `asDefault` keeps
-    // those that the proxy has already.
+    // Keeps credentials for a proxy. They count at once for every server behind it. `asDefault` changes nothing when the proxy
+    // has credentials already.
     [[nodiscard]] HRESULT SetAuthDataForProxy(std::wstring_view name, const CHTTPProxyAuthenticationData& authentication,
                                               bool asDefault) noexcept;
-    // The proxy of that name; null when it was never named.
+    // The proxy of that name; null for an unknown name.
     [[nodiscard]] CProxyPtr FindProxy(std::wstring_view name) noexcept;
     HRESULT Clear() noexcept;
 
-    // The cache as parameter text, passwords included: for each server an "Entry" with ServerKey and Proxy (empty: direct), for
-    // each proxy with credentials a "Credentials" with Proxy and the credentials' own parameters. Reading fills an empty cache;
-    // what it did is not undone when it fails.
+    // Write the cache as parameter text, with the passwords, and read it: for each server an "Entry" with ServerKey and Proxy
+    // (empty: direct), for each proxy with credentials a "Credentials" with Proxy and the credentials' own parameters. Reading
+    // fills an empty cache; a failure leaves it half filled.
     [[nodiscard]] HRESULT Serialize(CVoSecret<wchar_t>& text) noexcept;
     [[nodiscard]] HRESULT Deserialize(std::wstring_view text) noexcept;
     void Swap(CProxyCache& other) noexcept;
@@ -87,7 +88,7 @@ private:
     // Both under the lock. IndexOf appends the proxy when it is new.
     [[nodiscard]] size_t IndexOf(std::wstring_view name);
     [[nodiscard]] CProxyPtr At(size_t index) const noexcept { return index == kDirect ? nullptr : m_proxies[index]; }
-    // "_Serialize" and "_Deserialize" in reports, names that C++ keeps for itself.
+    // "_Serialize" and "_Deserialize" in reports: C++ reserves such names.
     [[nodiscard]] HRESULT SerializeEntries(CVoBinaryDataParser& parser) const;
     [[nodiscard]] HRESULT DeserializeEntries(const CVoBinaryDataParser& parser);
 
@@ -96,37 +97,38 @@ private:
     std::vector<CProxyPtr> m_proxies;                                           // few, each once, none of them null
 };
 
-// See IVoHTTPProxyStore. Any thread may call it. A look-up that has to discover holds the store's lock, so that no script runs
-// twice for one server; look-ups of servers that are known do not wait for it.
+// See IVoHTTPProxyStore. Any thread may call it. A look-up that needs discovery holds the store's lock, so no script runs twice
+// for one server. Look-ups of known servers do not wait for it.
 //
-// Property, to read and to write, writing as Deserialize:
-//   ProxyDataString  VT_BSTR: what Serialize gives, passwords in the clear included
+// Property, for reading and writing; writing works like Deserialize:
+//   ProxyDataString  VT_BSTR: the text that Serialize gives, with the passwords in the clear
 class CVoGlobalHTTPProxyStoreImpl final : public CVoPropertyBagImpl<CVoGlobalHTTPProxyStoreImpl, IVoHTTPProxyStore>
 {
 public:
     CVoGlobalHTTPProxyStoreImpl() = default;
 
-    // Sets how proxies are found: the user's Internet settings (CHTTPProxyConfigData::InitFromIE), or what the application
-    // wants in their place. When it differs from what holds, all that was found is forgotten, saved credentials included. On
-    // failure nothing changes.
+    // Sets how proxies are found: by the user's Internet settings (CHTTPProxyConfigData::InitFromIE), or as the application
+    // wants it. When the configuration changes, the store forgets everything that it found, and the saved credentials.
+    // E_INVALIDARG for a manual proxy list that cannot be used (CProxyConfigHandler::Init). On failure nothing changes.
     [[nodiscard]] HRESULT Init(const CHTTPProxyConfigData& config) noexcept;
+    // Sets the store to the user's Internet settings. When they cannot be had, requests go directly, and the next look-up of an
+    // unknown server asks for them again. Only a user without any settings has direct connections for good.
+    void InitFromUserSettings() noexcept;
 
     STDMETHODIMP Clear() noexcept override;
-    // E_POINTER for a null `proxy`, E_INVALIDARG for a malformed URL; a discovery that fails gives a direct connection.
-    // Credentials are handed out only when both `user` and `password` are given; each one that is given is null otherwise.
+    // E_POINTER for a null `proxy`, E_INVALIDARG for a malformed URL. A discovery that fails gives a direct connection.
+    // Credentials are given only when both `user` and `password` are given; otherwise the one that is given becomes null.
     //
-    // Without a URL the scheme is not known: a manual list that has different proxies for the two is given whole and, where it
-    // names more than one, without credentials (VoProxyList.h finds a scheme's).
+    // Without a URL the scheme is unknown. When the manual list has different proxies for http and https, the result is the
+    // list "http=host:port;https=host:port" without credentials (VoProxyList.h reads it).
     STDMETHODIMP GetProxyForUrl(BSTR url, BSTR* proxy, BSTR* user, BSTR* password) noexcept override;
-    // `proxy` is "host:port" or a list that gives both schemes the same; hosts are compared without regard to case.
-    // E_INVALIDARG for one that gives them different proxies, because nobody could tell whose credentials these are, and for
-    // none.
+    // `proxy` is "host:port", or a list with the same proxy for both schemes. Hosts are compared without regard to case.
+    // E_INVALIDARG for a list with different proxies, because the credentials belong to one of them, and for no proxy.
     STDMETHODIMP SetAuthDataForProxy(BSTR proxy, BSTR user, BSTR password, VARIANT_BOOL valid,
                                      VARIANT_BOOL required) noexcept override;
     // Parameter text with Config (CHTTPProxyConfigData) and Cache (CProxyCache).
     STDMETHODIMP Serialize(BSTR* data) noexcept override;
-    // A null or empty text clears the store. Text that is none of the store's own fails, with the code of what is wrong with
-    // it.
+    // A null or empty text clears the store. Text that no store gives fails; the store is unchanged then.
     STDMETHODIMP Deserialize(BSTR data) noexcept override;
 
     static std::span<const CVoProperty<CVoGlobalHTTPProxyStoreImpl>> PropertyTable() noexcept;
@@ -138,16 +140,18 @@ private:
     [[nodiscard]] HRESULT FindProxyForServer(const VoGlobalHTTPUtils::CServerAddressData& address,
                                              const std::wstring& serverKey, CProxyCache::CProxyPtr& proxy);
     [[nodiscard]] HRESULT GetManualProxy(CProxyCache::CProxyPtr& proxy) noexcept;
+    void ReadMissingUserSettings() noexcept;
 
     HRESULT GetProxyDataString(VARIANT& value) noexcept;
     HRESULT PutProxyDataString(const VARIANT& value) noexcept;
 
-    // Taken before the lock of the configuration or of the cache, which are never held together.
+    // Taken before the lock of the configuration or of the cache; those two are never held together.
     CCriticalSection m_lock;
+    bool m_isUserSettingsMissing = false; // the user's settings could not be had yet; guarded by m_lock
     CProxyConfigHandler m_configuration;
     CProxyCache m_cache;
 };
 
-// A new store for the calling module, set to the user's Internet settings; where those cannot be had, which is reported, it
-// connects directly. The caller owns one reference. E_POINTER, or E_OUTOFMEMORY.
+// Creates a store for the calling module, set to the user's Internet settings (InitFromUserSettings). The caller owns one
+// reference. E_POINTER, or E_OUTOFMEMORY.
 [[nodiscard]] HRESULT CreateGlobalHTTPProxyStoreForModule(IVoHTTPProxyStore** store) noexcept;

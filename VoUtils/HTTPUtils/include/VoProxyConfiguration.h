@@ -1,4 +1,5 @@
-// How proxies are found: the records that say so, and the handler that holds them and asks the platform.
+// How proxies are found: the records that describe it, and the handler that keeps them and asks the platform. The proxy store
+// uses the handler; applications fill the records (VoGlobalHTTPProxyStoreImpl.h).
 #pragma once
 
 #include <base/VoMultiThreading.h>
@@ -16,7 +17,7 @@ namespace VoWinHttpInterface
 class WinHttpSessionHandle;
 }
 
-// A proxy's credentials. The password is wiped when it goes.
+// The credentials for a proxy. The password is wiped when the object is destroyed.
 struct CHTTPProxyAuthenticationData
 {
     CHTTPProxyAuthenticationData() = default;
@@ -27,11 +28,11 @@ struct CHTTPProxyAuthenticationData
     ~CHTTPProxyAuthenticationData() = default;
     [[nodiscard]] bool operator==(const CHTTPProxyAuthenticationData& other) const noexcept;
 
-    // Whether they are to be sent: only what the proxy wants and has accepted.
+    // Whether requests use them: the proxy demands credentials and these are valid.
     [[nodiscard]] bool AreUsable() const noexcept { return valid && required; }
 
-    // Append to, and read from, parameters: AuthenticationDataAreValid, AuthenticationDataRequired, UserName and Password,
-    // which is in the clear. Reading fails when one is missing or does not convert, and changes nothing then.
+    // Write the parameters AuthenticationDataAreValid, AuthenticationDataRequired, UserName and Password (in the clear), and
+    // read them. Reading fails when a parameter is missing or does not convert; the record is unchanged then.
     [[nodiscard]] HRESULT Serialize(CVoBinaryDataParser& parser) const noexcept;
     [[nodiscard]] HRESULT Deserialize(const CVoBinaryDataParser& parser) noexcept;
 
@@ -41,33 +42,36 @@ struct CHTTPProxyAuthenticationData
     CVoSecret<wchar_t> password;
 };
 
-// How the proxy is found. Discovery, by detection or by a script, comes before the manual proxy.
+// How the proxy is found. Discovery, by detection or by a script, takes precedence over the manual proxy.
 struct CHTTPProxyConfigData
 {
     [[nodiscard]] bool operator==(const CHTTPProxyConfigData& other) const noexcept = default;
 
-    // Whether the proxy is found by a script.
+    // Whether a script finds the proxy.
     [[nodiscard]] bool UsesDiscovery() const noexcept { return autoDetect || !pacFileUrl.empty(); }
 
-    // Fills the record from the current user's Internet settings, from one source alone: detection, or else a script's URL, or
-    // else a static proxy with its bypass list, or else nothing. Credentials are reset. The platform's error when it cannot
-    // tell; the record is unchanged then.
+    // Fills the record from the current user's Internet settings. It takes one source only: detection, else a script's URL,
+    // else a static proxy with its bypass list, else nothing. The credentials are reset.
+    //
+    // S_OK; S_FALSE when unusable entries of the static proxy list are left out (VoProxyList.h), which is reported: settings
+    // that the library cannot use must not make requests fail. The platform's error when it has no settings; the record is
+    // unchanged then.
     [[nodiscard]] HRESULT InitFromIE() noexcept;
 
-    // The record as parameter text, password included, and back (all or nothing): AutoDetectPACFileUrl, PACFileURL,
-    // ManualProxy, ManualProxyBypassList and ManualProxyAuthenticationData, which is parameter text itself.
+    // Write the record as parameter text, with the password, and read it (all or nothing): AutoDetectPACFileUrl, PACFileURL,
+    // ManualProxy, ManualProxyBypassList, and ManualProxyAuthenticationData, which is parameter text itself.
     [[nodiscard]] HRESULT Serialize(CVoSecret<wchar_t>& text) const noexcept;
     [[nodiscard]] HRESULT Deserialize(std::wstring_view text) noexcept;
 
     bool autoDetect = false;            // find the script in the network (DHCP and DNS)
-    std::wstring pacFileUrl;            // of an auto-configuration script; empty for none. Goes before autoDetect
+    std::wstring pacFileUrl;            // of an auto-configuration script, or empty. Takes precedence over autoDetect
     std::wstring manualProxy;           // a proxy list (VoProxyList.h)
-    std::wstring manualProxyBypassList; // likewise
+    std::wstring manualProxyBypassList; // a bypass list (VoProxyList.h)
     CHTTPProxyAuthenticationData manualProxyAuthenticationData; // for each proxy of manualProxy
 };
 
-// The store's configuration, and the platform's session that discovers proxies for it. Any thread; its lock is held while a
-// script is fetched and run.
+// Keeps the store's configuration, and the platform's session that discovers proxies for it. Any thread. Its lock is held while
+// a script is fetched and run.
 class CProxyConfigHandler
 {
 public:
@@ -76,17 +80,18 @@ public:
     CProxyConfigHandler(const CProxyConfigHandler&) = delete;
     CProxyConfigHandler& operator=(const CProxyConfigHandler&) = delete;
 
-    // Takes the record over; `changed` tells whether it differs from the one held. A record that asks for discovery has the
-    // session opened first, and where that fails nothing changes.
+    // Takes a configuration. `changed` says whether it differs from the one before. For discovery it opens the session first.
+    // E_INVALIDARG for a manual proxy list with an unusable entry or without a proxy for http and https (VoProxyList.h); the
+    // log says which. On failure nothing changes.
     [[nodiscard]] HRESULT Init(const CHTTPProxyConfigData& config, bool& changed) noexcept;
-    // Back to direct connections, without a session.
+    // Closes the session and returns to direct connections.
     HRESULT Clear() noexcept;
 
-    // What the configuration has for a URL: a proxy list (empty: direct), a bypass list, and credentials for the proxies of the
-    // list. Discovery that fails finds no proxy.
+    // What the configuration gives for a URL: a proxy list (empty: direct), a bypass list, and credentials for the proxies of
+    // the list. A discovery that fails finds no proxy.
     [[nodiscard]] HRESULT GetProxyForURL(const std::wstring& url, std::wstring& proxyList, std::wstring& bypassList,
                                          CHTTPProxyAuthenticationData& authentication) noexcept;
-    // The manual proxy list; empty where discovery is configured.
+    // The manual proxy list; empty when discovery is configured.
     [[nodiscard]] HRESULT GetManualProxy(std::wstring& proxyList, CHTTPProxyAuthenticationData& authentication) noexcept;
 
     [[nodiscard]] HRESULT Serialize(CVoSecret<wchar_t>& text) noexcept;

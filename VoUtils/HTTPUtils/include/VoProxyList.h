@@ -1,25 +1,60 @@
-// Proxy lists and bypass lists, as the platform's Internet settings and its proxy discovery write them (the platform's
-// documentation of WINHTTP_PROXY_INFO and WinHttpOpen). Pure functions; they throw std::bad_alloc.
+// Reads proxy lists and bypass lists, as the Internet settings and the proxy discovery of the platform write them (platform
+// documentation of WINHTTP_PROXY_INFO and WinHttpOpen). The proxy store uses it; so does an application that lets its user
+// enter such lists. Pure functions.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace VoProxyList
 {
-// The proxy of a list for requests of one scheme, https or http, as "host:port"; empty when the list has none for it.
+// A proxy list is entries between semicolons or white space. An entry is
 //
-// A list is entries of the form [<scheme>"="][<prefix>"://"]<host>[":"<port>] between blanks or semicolons. The first entry of
-// the right scheme is taken; one that names no scheme serves both. The prefix says how the proxy is spoken to and is "http" or
-// "https"; a plain connection is made for either, as the platform does. Without a port it is 80. Entries of other schemes
-// (ftp, socks) and malformed ones are passed over; so are those with user information, which the notation does not have.
+//     [<scheme> "="] [<prefix> "://"] <host> [":" <port>] ["/"]
+//
+// White space may stand around the "=". <scheme> is the scheme of the requests that the proxy serves; an entry without one
+// serves every scheme. <prefix> is the protocol that the proxy speaks; the library speaks to proxies by "http" only. Without a
+// port it is 80.
+//
+// An entry for http or https requests is unusable when it is malformed or its prefix is not "http"; an entry with the scheme
+// "socks" always is. Entries for other schemes (ftp) are not looked at, because the library sends no such requests.
+
+// Why an entry is unusable.
+struct CUnusableEntry
+{
+    size_t number;         // the entry's place in the list, from 1
+    const wchar_t* reason; // English, for logs and error messages: "it is malformed"
+};
+// A list taken apart.
+struct CContent
+{
+    std::wstring plain;                   // the first proxy for http requests, as "host:port"; empty for none
+    std::wstring secure;                  // the first proxy for https requests
+    std::vector<CUnusableEntry> unusable; // in the order of the list
+    std::wstring usable;                  // the list without its unusable entries
+};
+// Throws std::bad_alloc.
+[[nodiscard]] CContent Read(std::wstring_view list);
+
+// The first usable proxy of a list for requests of one scheme, https or http, as "host:port"; empty for none. Throws
+// std::bad_alloc.
 [[nodiscard]] std::wstring ProxyForScheme(std::wstring_view list, bool secure);
 
-// The proxy that a list names, in the same form, when it names no other for either scheme; otherwise empty.
+// The proxy of a list in the same form, when the list has the same proxy for both schemes or a proxy for one scheme only; else
+// empty. Throws std::bad_alloc.
 [[nodiscard]] std::wstring OnlyProxy(std::wstring_view list);
 
-// Whether a bypass list sends requests to `host` (a name or an address, without brackets) directly. Items stand between blanks,
-// commas or semicolons and are compared without regard to case. "<local>" means every host name without a dot; any other item
-// is a whole host name or address, of which "*" stands for any part.
+// Why an application cannot use a list: its first unusable entry, or entry 0 for a list without a proxy for http and https.
+// Nothing for a good list, and for an empty text, which means no proxy. Throws std::bad_alloc.
+[[nodiscard]] std::optional<CUnusableEntry> FindProblem(std::wstring_view list);
+
+// Whether a bypass list sends requests to `host` directly. `host` is a name or an address, without brackets. The list's items
+// stand between white space, commas or semicolons and are compared without regard to case. Each is a whole host name or
+// address;
+// "*" in it stands for any characters. When the list contains "<local>", host names without a dot are bypassed too.
 [[nodiscard]] bool IsBypassed(std::wstring_view bypassList, std::wstring_view host) noexcept;
+// Whether a bypass list is "*" alone: no request uses the proxy.
+[[nodiscard]] bool BypassesAll(std::wstring_view bypassList) noexcept;
 } // namespace VoProxyList

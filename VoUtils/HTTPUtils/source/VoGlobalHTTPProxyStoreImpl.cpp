@@ -1,10 +1,11 @@
+// Finds and caches proxies and keeps their credentials (VoGlobalHTTPProxyStoreImpl.h).
 #include "SecretParser.h"
 
 #include <VoGlobalHTTPProxyStoreImpl.h>
 #include <VoProxyList.h>
 #include <VoServerAddress.h>
 
-#include <base/VoUtils.h>
+#include <base/VoText.h>
 
 #include <algorithm>
 #include <array>
@@ -13,7 +14,7 @@ namespace
 {
 constexpr const wchar_t* kSource = L"..\\source\\VoGlobalHTTPProxyStoreImpl";
 
-// What the serialised store calls its parts.
+// The keys of the serialised store.
 constexpr const wchar_t* kConfigKey = L"Config";
 constexpr const wchar_t* kCacheKey = L"Cache";
 constexpr const wchar_t* kEntryKey = L"Entry";
@@ -21,18 +22,18 @@ constexpr const wchar_t* kServerKeyKey = L"ServerKey";
 constexpr const wchar_t* kProxyKey = L"Proxy";
 constexpr const wchar_t* kCredentialsKey = L"Credentials";
 
-// Names beyond ASCII keep their case: two ways to write one are two servers, which costs no more than a look-up.
-constexpr wchar_t ToSmallLetter(wchar_t character) noexcept
+// Characters beyond ASCII keep their case: another spelling is another server, which costs one more look-up.
+constexpr wchar_t ToLowerCase(wchar_t character) noexcept
 {
     return character >= L'A' && character <= L'Z' ? static_cast<wchar_t>(character - L'A' + L'a') : character;
 }
 
-// The server key of a URL that is written in the usual way, found without parsing it, which would take most of the time of a
-// look-up. It is no more than a guess: nothing else writes a server's key like this, so that it finds the server or none.
+// Guesses the server key of a URL without parsing it: parsing would take most of the time of a look-up. The cache has the keys
+// of well-formed URLs only. A key that equals one of them is the key that parsing gives; any other key finds nothing.
 class CQuickServerKey
 {
 public:
-    // No key for a URL with a control character, which parsing refuses or trims, or without a scheme.
+    // No key for a URL without a scheme, and for one with a control character, which parsing refuses or trims.
     explicit CQuickServerKey(std::wstring_view url) noexcept
     {
         constexpr auto kIsControl = [](wchar_t character)
@@ -44,10 +45,15 @@ public:
         const std::wstring_view server = url.substr(0, url.find_first_of(L"/?#", scheme + 3));
         if (server.size() > m_text.size())
             return;
-        std::transform(server.begin(), server.end(), m_text.begin(), ToSmallLetter);
+        std::transform(server.begin(), server.end(), m_text.begin(), ToLowerCase);
         std::wstring_view key(m_text.data(), server.size());
         if (const std::wstring_view port = key.starts_with(L"https:") ? L":443" : L":80"; key.ends_with(port))
+        {
             key.remove_suffix(port.size());
+            // Parsing refuses a second port, as in "host:81:80".
+            if (!key.ends_with(L']') && key.find(L':', scheme + 1) != std::wstring_view::npos)
+                return;
+        }
         m_length = key.size();
     }
     // Empty when there is none.
@@ -62,7 +68,7 @@ private:
 std::wstring CProxyCache::ServerKeyOf(const CServerAddressData& address)
 {
     std::wstring key = address.BaseURL();
-    std::transform(key.begin(), key.end(), key.begin(), ToSmallLetter);
+    std::transform(key.begin(), key.end(), key.begin(), ToLowerCase);
     return key;
 }
 
@@ -123,7 +129,7 @@ HRESULT CProxyCache::Clear() noexcept
 
 void CProxyCache::Swap(CProxyCache& other) noexcept
 {
-    // The other cache is the caller's own.
+    // Only the caller uses the other cache.
     CAutoLock lock(&m_lock);
     m_servers.swap(other.m_servers);
     m_proxies.swap(other.m_proxies);
@@ -132,7 +138,7 @@ void CProxyCache::Swap(CProxyCache& other) noexcept
 HRESULT CProxyCache::SerializeEntries(CVoBinaryDataParser& parser) const
 {
     constexpr CVoReporter report{ kSource, L"CProxyCache::_Serialize" };
-    // In the order of their names, so that equal stores have equal texts.
+    // Sorted, so that equal stores have equal texts.
     std::vector<std::pair<std::wstring_view, std::wstring_view>> servers;
     servers.reserve(m_servers.size());
     for (const auto& [serverKey, index] : m_servers)
@@ -202,7 +208,7 @@ HRESULT CProxyCache::DeserializeEntries(const CVoBinaryDataParser& parser)
             return report(868, hr);
         else if (hr = part.GetParam(kProxyKey, proxy); FAILED(hr))
             return report(870, hr);
-        // Names are kept as the store writes them, because they are compared in that form.
+        // Names are compared in the form in which the store writes them.
         if (!proxy.empty() && VoProxyList::OnlyProxy(proxy) != proxy)
             return report(873, E_INVALIDARG);
 
@@ -262,7 +268,8 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::Clear() noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::Clear" };
     CAutoLock lock(&m_lock);
-    // Both are cleared, whatever becomes of the first.
+    m_isUserSettingsMissing = false;
+    // Clear both, even when one fails.
     const HRESULT cache = m_cache.Clear();
     const HRESULT configuration = m_configuration.Clear();
     if (FAILED(cache))
@@ -279,10 +286,34 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::Init(const CHTTPProxyConfigData& config) no
     bool changed = false;
     if (const HRESULT hr = m_configuration.Init(config, changed); FAILED(hr))
         return report(978, hr);
+    m_isUserSettingsMissing = false;
     if (changed)
         if (const HRESULT hr = m_cache.Clear(); FAILED(hr))
             return report(983, hr);
     return S_OK;
+}
+
+void CVoGlobalHTTPProxyStoreImpl::InitFromUserSettings() noexcept
+{
+    CAutoLock lock(&m_lock);
+    m_isUserSettingsMissing = true;
+    ReadMissingUserSettings();
+}
+
+// Under the store's lock.
+void CVoGlobalHTTPProxyStoreImpl::ReadMissingUserSettings() noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::ReadMissingUserSettings" };
+    if (!m_isUserSettingsMissing)
+        return;
+    CHTTPProxyConfigData config;
+    HRESULT hr = config.InitFromIE();
+    if (SUCCEEDED(hr))
+        hr = Init(config);
+    if (hr == HResultFromWin32(ERROR_FILE_NOT_FOUND)) // the user has no settings
+        m_isUserSettingsMissing = false;
+    if (FAILED(hr))
+        report(988, hr);
 }
 
 HRESULT CVoGlobalHTTPProxyStoreImpl::GetProxyForURL(std::wstring_view url, CProxyCache::CProxyPtr& proxy) noexcept
@@ -290,7 +321,7 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::GetProxyForURL(std::wstring_view url, CProx
     constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::GetProxyForURL" };
     try
     {
-        // A server that is known waits for no discovery of another.
+        // A known server does not wait for the discovery of another.
         if (m_cache.GetProxyAndAuthData(CQuickServerKey(url).Get(), proxy))
             return S_OK;
         CServerAddressData address;
@@ -301,9 +332,15 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::GetProxyForURL(std::wstring_view url, CProx
             return S_OK;
 
         CAutoLock lock(&m_lock);
-        // Found while this thread waited?
+        // Did another thread find it meanwhile?
         if (m_cache.GetProxyAndAuthData(serverKey, proxy))
             return S_OK;
+        ReadMissingUserSettings();
+        if (m_isUserSettingsMissing)
+        {
+            proxy.reset(); // direct, and not cached: the settings may have a proxy
+            return S_OK;
+        }
         return FindProxyForServer(address, serverKey, proxy);
     }
     catch (...)
@@ -319,8 +356,8 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::FindProxyForServer(const CServerAddressData
     std::wstring proxyList;
     std::wstring bypassList;
     CHTTPProxyAuthenticationData authentication;
-    // A script may look at the whole URL, and its answer is kept for all URLs of the server. Path and query of a secure URL may
-    // be secrets, which are not for a script that came over the network.
+    // A script may look at the whole URL; its result is kept for all URLs of the server. Path and query of a secure URL may be
+    // secret, so a script that came over the network does not get them.
     const std::wstring url = address.IsSecure() ? address.BaseURL() + L'/' : address.FullURL();
     if (const HRESULT hr = m_configuration.GetProxyForURL(url, proxyList, bypassList, authentication); FAILED(hr))
         return report(1011, hr);
@@ -334,8 +371,10 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::FindProxyForServer(const CServerAddressData
     {
         return report.CurrentException(1023);
     }
+    if (name.empty() && !proxyList.empty())
+        report.Message(1016, L"The proxy list has no proxy for the scheme that can be used: connecting directly");
     if (!name.empty() && authentication.AreUsable())
-        // The application's own are the proxy's first; what was saved for it since is newer.
+        // The configured credentials count only until others are saved for the proxy.
         if (const HRESULT hr = m_cache.SetAuthDataForProxy(name, authentication, true); FAILED(hr))
             return report(1019, hr);
     if (VoProxyList::IsBypassed(bypassList, address.Host()))
@@ -351,21 +390,29 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::GetManualProxy(CProxyCache::CProxyPtr& prox
     try
     {
         CAutoLock lock(&m_lock);
+        ReadMissingUserSettings();
         std::wstring proxyList;
         CHTTPProxyAuthenticationData authentication;
         if (const HRESULT hr = m_configuration.GetManualProxy(proxyList, authentication); FAILED(hr))
             return report(1096, hr);
 
-        const std::wstring plain = VoProxyList::ProxyForScheme(proxyList, false);
-        const std::wstring secure = VoProxyList::ProxyForScheme(proxyList, true);
+        const VoProxyList::CContent content = VoProxyList::Read(proxyList);
         const std::wstring only = VoProxyList::OnlyProxy(proxyList);
-        CProxyCache::CProxy answer{ VoEqualsNoCase(plain, secure) ? plain : proxyList, {}, false };
+        CProxyCache::CProxy found;
+        if (VoEqualsNoCase(content.plain, content.secure))
+            found.name = content.plain;
+        else
+        {
+            found.name = content.plain.empty() ? std::wstring() : L"http=" + content.plain;
+            if (!content.secure.empty())
+                found.name += (found.name.empty() ? L"https=" : L";https=") + content.secure;
+        }
         if (!only.empty())
         {
             const CProxyCache::CProxyPtr known = m_cache.FindProxy(only);
-            answer.authentication = known && known->isAuthenticationKnown ? known->authentication : authentication;
+            found.authentication = known && known->isAuthenticationKnown ? known->authentication : authentication;
         }
-        proxy = std::make_shared<CProxyCache::CProxy>(std::move(answer));
+        proxy = std::make_shared<CProxyCache::CProxy>(std::move(found));
         return S_OK;
     }
     catch (...)
@@ -497,6 +544,7 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::Deserialize(BSTR data) noexcept
         bool changed = false;
         if (hr = m_configuration.Init(config, changed); FAILED(hr))
             return report(1237, hr);
+        m_isUserSettingsMissing = false;
         m_cache.Swap(cache);
         return S_OK;
     }
@@ -547,13 +595,7 @@ HRESULT CreateGlobalHTTPProxyStoreForModule(IVoHTTPProxyStore** store) noexcept
         CVoComPtr<CVoGlobalHTTPProxyStoreImpl> made = VoMakeComObject<CVoGlobalHTTPProxyStoreImpl>();
         if (!made)
             return report(1283, E_OUTOFMEMORY);
-        // A user whose settings cannot be had is not cut off: the store connects directly then.
-        CHTTPProxyConfigData config;
-        HRESULT hr = config.InitFromIE();
-        if (SUCCEEDED(hr))
-            hr = made->Init(config);
-        if (FAILED(hr))
-            report(1290, hr);
+        made->InitFromUserSettings();
         *store = made.Detach();
         return S_OK;
     }

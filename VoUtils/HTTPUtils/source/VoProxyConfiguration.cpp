@@ -1,29 +1,33 @@
+// Reads, serialises and keeps the proxy configuration (VoProxyConfiguration.h). Reports name the store's source, because the
+// configuration is part of it.
 #include "SecretParser.h"
 
 #include <VoProxyConfiguration.h>
+#include <VoProxyList.h>
 #include <VoWinHttpInterface.h>
 
+#include <base/VoRecord.h>
 #include <base/VoSystemProperties.h>
 
 namespace
 {
-// The configuration is part of the store, and its trace points are known under the store's name.
 constexpr const wchar_t* kSource = L"..\\source\\VoGlobalHTTPProxyStoreImpl";
 
-constexpr const wchar_t* kAutoDetectKey = L"AutoDetectPACFileUrl";
-constexpr const wchar_t* kPacFileUrlKey = L"PACFileURL";
-constexpr const wchar_t* kManualProxyKey = L"ManualProxy";
-constexpr const wchar_t* kManualProxyBypassListKey = L"ManualProxyBypassList";
-constexpr const wchar_t* kManualProxyAuthenticationDataKey = L"ManualProxyAuthenticationData";
-constexpr const wchar_t* kValidKey = L"AuthenticationDataAreValid";
-constexpr const wchar_t* kRequiredKey = L"AuthenticationDataRequired";
-constexpr const wchar_t* kUserNameKey = L"UserName";
-constexpr const wchar_t* kPasswordKey = L"Password";
+constexpr CVoRecordTable kAuthenticationFields{ CVoField{ L"AuthenticationDataAreValid", &CHTTPProxyAuthenticationData::valid },
+                                                CVoField{ L"AuthenticationDataRequired",
+                                                          &CHTTPProxyAuthenticationData::required },
+                                                CVoField{ L"UserName", &CHTTPProxyAuthenticationData::userName },
+                                                CVoField{ L"Password", &CHTTPProxyAuthenticationData::password } };
+constexpr CVoRecordTable kConfigFields{ CVoField{ L"AutoDetectPACFileUrl", &CHTTPProxyConfigData::autoDetect },
+                                        CVoField{ L"PACFileURL", &CHTTPProxyConfigData::pacFileUrl },
+                                        CVoField{ L"ManualProxy", &CHTTPProxyConfigData::manualProxy },
+                                        CVoField{ L"ManualProxyBypassList", &CHTTPProxyConfigData::manualProxyBypassList } };
+constexpr const wchar_t* kManualProxyAuthenticationDataKey = L"ManualProxyAuthenticationData"; // parameter text itself
 
 constexpr const wchar_t* kAgent = L"CProxyConfigHandler";
 constexpr int kDiscoveryTimeout = 2000; // milliseconds
 
-// The user's Internet settings as the platform gives them; its texts are freed here.
+// The user's Internet settings as the platform gives them. Frees the platform's texts.
 struct CInternetSettings : WINHTTP_CURRENT_USER_IE_PROXY_CONFIG
 {
     CInternetSettings() noexcept : WINHTTP_CURRENT_USER_IE_PROXY_CONFIG{} {}
@@ -43,7 +47,24 @@ std::wstring TextOf(const wchar_t* text)
     return text ? text : std::wstring();
 }
 
-// A copy that leaves no part of the password behind in memory that is given back.
+// Leaves out the proxies of the user's settings that the library cannot use. False when there are such proxies.
+bool LeaveOutUnusable(const CVoReporter& report, CHTTPProxyConfigData& config)
+{
+    if (!VoProxyList::FindProblem(config.manualProxy))
+        return true;
+    VoProxyList::CContent content = VoProxyList::Read(config.manualProxy);
+    for (const VoProxyList::CUnusableEntry& entry : content.unusable)
+        report.Message(332, L"Proxy list of the Internet settings, entry %lu is left out: %ls",
+                       static_cast<unsigned long>(entry.number), entry.reason);
+    report(333, E_INVALIDARG);
+    const bool isDirect = content.plain.empty() && content.secure.empty();
+    if (isDirect)
+        report.Message(334, L"The Internet settings have no proxy for http or https: connecting directly");
+    config.manualProxy = isDirect ? std::wstring() : std::move(content.usable);
+    return false;
+}
+
+// Copies a password without leaving a part of it in freed memory.
 void CopySecret(std::wstring_view text, CVoSecret<wchar_t>& copy)
 {
     CVoSecret<wchar_t> made;
@@ -72,13 +93,7 @@ bool CHTTPProxyAuthenticationData::operator==(const CHTTPProxyAuthenticationData
 HRESULT CHTTPProxyAuthenticationData::Serialize(CVoBinaryDataParser& parser) const noexcept
 {
     constexpr CVoReporter report{ kSource, L"CHTTPProxyAuthenticationData::Serialize" };
-    HRESULT hr = parser.AddParam(kValidKey, valid);
-    if (SUCCEEDED(hr))
-        hr = parser.AddParam(kRequiredKey, required);
-    if (SUCCEEDED(hr))
-        hr = parser.AddParam(kUserNameKey, userName);
-    if (SUCCEEDED(hr))
-        hr = parser.AddParam(kPasswordKey, password.Get());
+    const HRESULT hr = kAuthenticationFields.Write(*this, parser);
     return FAILED(hr) ? report(121, hr) : hr;
 }
 
@@ -86,14 +101,7 @@ HRESULT CHTTPProxyAuthenticationData::Deserialize(const CVoBinaryDataParser& par
 {
     constexpr CVoReporter report{ kSource, L"CHTTPProxyAuthenticationData::Deserialize" };
     CHTTPProxyAuthenticationData read;
-    HRESULT hr = parser.GetParam(kValidKey, read.valid);
-    if (SUCCEEDED(hr))
-        hr = parser.GetParam(kRequiredKey, read.required);
-    if (SUCCEEDED(hr))
-        hr = parser.GetParam(kUserNameKey, read.userName);
-    if (SUCCEEDED(hr))
-        hr = parser.GetParam(kPasswordKey, read.password.Get());
-    if (FAILED(hr))
+    if (const HRESULT hr = kAuthenticationFields.Read(parser, read); FAILED(hr))
         return report(136, hr);
     *this = std::move(read);
     return S_OK;
@@ -119,8 +127,9 @@ HRESULT CHTTPProxyConfigData::InitFromIE() noexcept
             config.manualProxy = settings.lpszProxy;
             config.manualProxyBypassList = TextOf(settings.lpszProxyBypass);
         }
+        const bool isComplete = LeaveOutUnusable(report, config);
         *this = std::move(config);
-        return S_OK;
+        return isComplete ? S_OK : S_FALSE;
     }
     catch (...)
     {
@@ -134,13 +143,7 @@ HRESULT CHTTPProxyConfigData::Serialize(CVoSecret<wchar_t>& text) const noexcept
     CSecretParser parser;
     CSecretParser authentication;
     CVoSecret<wchar_t> authenticationText;
-    HRESULT hr = parser.AddParam(kAutoDetectKey, autoDetect);
-    if (SUCCEEDED(hr))
-        hr = parser.AddParam(kPacFileUrlKey, pacFileUrl);
-    if (SUCCEEDED(hr))
-        hr = parser.AddParam(kManualProxyKey, manualProxy);
-    if (SUCCEEDED(hr))
-        hr = parser.AddParam(kManualProxyBypassListKey, manualProxyBypassList);
+    HRESULT hr = kConfigFields.Write(*this, parser);
     if (SUCCEEDED(hr))
         hr = manualProxyAuthenticationData.Serialize(authentication);
     if (SUCCEEDED(hr))
@@ -161,13 +164,7 @@ HRESULT CHTTPProxyConfigData::Deserialize(std::wstring_view text) noexcept
     CVoSecret<wchar_t> authenticationText;
     HRESULT hr = parser.ReadParamsFromString(text);
     if (SUCCEEDED(hr))
-        hr = parser.GetParam(kAutoDetectKey, config.autoDetect);
-    if (SUCCEEDED(hr))
-        hr = parser.GetParam(kPacFileUrlKey, config.pacFileUrl);
-    if (SUCCEEDED(hr))
-        hr = parser.GetParam(kManualProxyKey, config.manualProxy);
-    if (SUCCEEDED(hr))
-        hr = parser.GetParam(kManualProxyBypassListKey, config.manualProxyBypassList);
+        hr = kConfigFields.Read(parser, config);
     if (SUCCEEDED(hr))
         hr = parser.GetParam(kManualProxyAuthenticationDataKey, authenticationText.Get());
     if (SUCCEEDED(hr))
@@ -192,8 +189,18 @@ HRESULT CProxyConfigHandler::Init(const CHTTPProxyConfigData& config, bool& chan
         const bool differs = config != m_config;
         CHTTPProxyConfigData copy(config);
         if (config.UsesDiscovery())
+        {
             if (const HRESULT hr = OpenSession(); FAILED(hr))
                 return hr;
+        }
+        else if (const auto problem = VoProxyList::FindProblem(config.manualProxy))
+        {
+            report.Message(603, L"Proxy list, entry %lu (0: the whole list) cannot be used: %ls",
+                           static_cast<unsigned long>(problem->number), problem->reason);
+            return report(604, E_INVALIDARG);
+        }
+        else if (differs && !config.manualProxy.empty() && VoProxyList::BypassesAll(config.manualProxyBypassList))
+            report.Message(606, L"The bypass list \"*\" means no proxy: connecting directly");
         m_config = std::move(copy);
         changed = differs;
         return S_OK;
@@ -211,10 +218,9 @@ HRESULT CProxyConfigHandler::OpenSession() noexcept
     {
         if (m_session)
             return S_OK;
-        const bool hasAutomaticProxy = VoSystemInformation().systemClass >= ESystemClass::Windows81;
         auto session = std::make_unique<VoWinHttpInterface::WinHttpSessionHandle>();
         if (const HRESULT hr = session->Init(
-                kAgent, hasAutomaticProxy ? WINHTTP_ACCESS_TYPE_AUTOMATIC_PROXY : WINHTTP_ACCESS_TYPE_DEFAULT_PROXY, 0);
+                kAgent, VoIsWindows81OrLater() ? WINHTTP_ACCESS_TYPE_AUTOMATIC_PROXY : WINHTTP_ACCESS_TYPE_DEFAULT_PROXY, 0);
             FAILED(hr))
             return report(630, hr);
         if (const HRESULT hr = session->SetTimeouts(kDiscoveryTimeout, kDiscoveryTimeout, kDiscoveryTimeout, kDiscoveryTimeout);
