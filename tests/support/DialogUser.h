@@ -1,4 +1,4 @@
-// Stands in for the user of the dialogs that a thread shows.
+// Plays the user of the dialogs that a thread shows. The tests of the authentication callback and of WinINet's dialog use it.
 #pragma once
 
 #include <base/VoPlatform.h>
@@ -17,8 +17,8 @@ namespace TestSupport
     return ::DestroyWindow(window) != FALSE;
 }
 
-// While it lives, each dialog that its thread shows is handed to `action` once it is on the screen and has the focus: when the
-// modal loop takes the first message after that. One object at a time on a thread.
+// Calls `action` with each dialog that its thread shows, when the dialog is visible and its modal loop takes the first message.
+// One object at a time on a thread.
 class CDialogUser
 {
 public:
@@ -49,7 +49,7 @@ private:
         return ::CallNextHookEx(nullptr, code, removed, message);
     }
 
-    inline static thread_local CDialogUser* s_user = nullptr; // for the hook
+    inline static thread_local CDialogUser* s_user = nullptr; // the hook function has no context
     std::function<void(HWND)> m_action;
     HWND m_dialog = nullptr;
     int m_shown = 0;

@@ -1,23 +1,24 @@
-// The library's own authentication callback: a dialog.
+// The library's authentication callback, which asks the user in a dialog. Callers get it from CreateGlobalHTTPStores.
 #pragma once
 
 #include <VoHTTPStores.h>
 
 #include <atomic>
 
-// Asks the user for a name and a password in a small modal dialog, which runs on the calling thread; other calls, on other
-// threads, have dialogs of their own. It remembers nothing: accepted proxy credentials are kept by the proxy store.
+// Asks the user for a name and a password in a small modal dialog on the calling thread. Calls on other threads have dialogs of
+// their own. It keeps no credentials: the proxy store keeps those that a proxy accepted.
 //
-// The title becomes the dialog's caption, the server address is shown above the fields, the reserved text is not looked at.
-// Whether the user cancelled or the dialog could not be shown, as in a process without a desktop or with a parent window that
-// is gone (both reported), the answer is S_OK, with `cancelled` VARIANT_TRUE and `user` and `password` untouched. After OK
-// `cancelled` is VARIANT_FALSE, and what was entered, which may be empty, replaces the texts in `user` and `password`; texts
-// that they held, or null, are freed. Failures: E_POINTER for a null out argument, E_OUTOFMEMORY; all outs are untouched then.
+// The title becomes the dialog's caption. The server address stands above the fields. The reserved text is ignored.
+//
+// After OK, `cancelled` is VARIANT_FALSE, and the entered texts, which may be empty, replace the texts in `user` and
+// `password`; the old texts are freed. When the user cancels, the result is S_OK, `cancelled` is VARIANT_TRUE, and `user` and
+// `password` are unchanged. The same holds when the dialog cannot be shown, which is reported: the process has no desktop, or
+// the parent window is gone. E_POINTER for a null out argument, E_OUTOFMEMORY; all out arguments are unchanged then.
 class CVoAuthCallbackImpl final : public CVoIUnknownImplWithFreeThreadedMarshaller<IVoAuthenticationCallback>
 {
 public:
-    // The dialog's owner from the next call on: the window is disabled while a dialog is open. The thread that owns the window
-    // must handle its messages meanwhile, also when the call is made on another thread. Null: dialogs without an owner.
+    // Sets the owner of the next dialogs; null: no owner. The window is disabled while a dialog is open. The thread that owns
+    // the window must process its messages meanwhile, also when the dialog runs on another thread.
     STDMETHODIMP SetParentWindow(HWND parent) noexcept override;
     STDMETHODIMP OnProxyAuthNeeded(BSTR title, BSTR serverAddress, BSTR reserved, BSTR* user, BSTR* password,
                                    VARIANT_BOOL* cancelled) noexcept override;
@@ -33,5 +34,6 @@ private:
     std::atomic<HWND> m_parent{ nullptr };
 };
 
-// A new callback without a parent window for the calling module; the caller owns one reference. E_POINTER, or E_OUTOFMEMORY.
+// Creates a callback without a parent window for the calling module. The caller owns one reference. E_POINTER, or
+// E_OUTOFMEMORY.
 [[nodiscard]] HRESULT CreateGlobalAuthenticationCallbackForModule(IVoAuthenticationCallback** callback) noexcept;

@@ -1,4 +1,5 @@
-// The calling module's own stores.
+// Gives the calling module's own stores. CreateGlobalHTTPStores uses it when no provider is registered; a provider may use it
+// too.
 #pragma once
 
 #include <VoHTTPStores.h>
@@ -6,19 +7,19 @@
 
 namespace VoGlobalHTTPStoreQueryPrivateImpl
 {
-// Hands out the stores of the calling module, each made on the first request for it. There is one store of a kind in a module:
-// while anybody holds it, every query object gives the same one, and when the last reference goes, its content goes with it. A
-// query object holds what it has handed out. Any thread, any apartment.
+// Gives the stores of the calling module and creates each on its first request. A module has one store of each kind: every
+// query object gives the same store while somebody holds it, and the content goes with the last reference. A query object holds
+// the stores that it has given. Any thread, any apartment.
 //
-// A program that provides the stores for all modules of its process registers one of these under kVoGlobalHTTPStoreProvider.
+// A program that provides the stores for all modules of its process registers such an object under kVoGlobalHTTPStoreProvider.
 class CVoGlobalHTTPStoreQueryPrivateImpl final
     : public CVoIUnknownImplWithFreeThreadedMarshaller<IVoGlobalHTTPStoreQueryPrivate>
 {
 public:
-    // E_POINTER, E_OUTOFMEMORY, or what the platform's free-threaded marshaller gave; the caller owns one reference.
+    // E_POINTER, E_OUTOFMEMORY, or the code of the platform's free-threaded marshaller. The caller owns one reference.
     [[nodiscard]] static HRESULT Create(IVoGlobalHTTPStoreQueryPrivate** query) noexcept;
 
-    // E_NOINTERFACE for a store that cannot be made (the reason is in the log), E_POINTER for a null argument. The caller owns
+    // E_NOINTERFACE for a store that cannot be created (the log has the reason), E_POINTER for a null argument. The caller owns
     // one reference.
     STDMETHODIMP get_CookieStore(IUnknown** store) noexcept override;
     STDMETHODIMP get_ProxyStore(IUnknown** store) noexcept override;
@@ -28,7 +29,7 @@ private:
     ~CVoGlobalHTTPStoreQueryPrivateImpl() override = default;
 
     CCriticalSection m_lock;
-    CVoComPtr<IVoHTTPCookieStore> m_cookieStore; // these are guarded by m_lock
+    CVoComPtr<IVoHTTPCookieStore> m_cookieStore; // these three are guarded by m_lock
     CVoComPtr<IVoHTTPProxyStore> m_proxyStore;
     CVoComPtr<IVoAuthenticationCallback> m_authCallback;
 };

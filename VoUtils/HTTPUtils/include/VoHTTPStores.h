@@ -1,9 +1,9 @@
-// The interfaces of what all messages of a process share: the proxy store, the cookie store, the authentication callback, and
-// the provider that hands them out.
+// The interfaces of the objects that all messages of a process share: proxy store, cookie store, authentication callback, and
+// the provider that hands them out. Applications may implement them; the library has an implementation of each.
 //
-// COM conventions hold: texts cross as BSTRs, out texts are allocated here and freed by the caller (SysFreeString), a text
-// already in an out argument of the authentication callback is freed first, out arguments are written on success only. All
-// implementations of the library are free-threaded: any thread, any apartment.
+// COM conventions: texts cross as BSTRs; the caller frees out texts (SysFreeString); the authentication callback frees a text
+// that is already in an out argument; out arguments are written on success only. The library's implementations are
+// free-threaded: any thread, any apartment.
 #pragma once
 
 #include <base/VoPlatform.h>
@@ -15,12 +15,13 @@ class IVoHTTPCookieStore : public IUnknown
 public:
     // Forgets every cookie.
     virtual HRESULT STDMETHODCALLTYPE Clear() noexcept = 0;
-    // The value of the Cookie header for a request to `url`; an empty text when no cookie matches. `secure` (VARIANT_TRUE or
-    // VARIANT_FALSE) says whether the request travels over TLS.
+    // Gives the value of the Cookie header for a request to `url`; an empty text when no cookie matches. `secure` says whether
+    // the request is sent over TLS.
     virtual HRESULT STDMETHODCALLTYPE GetCookieStringForHTTPRequest(BSTR url, VARIANT_BOOL secure, BSTR* cookie) noexcept = 0;
-    // Takes the value of one Set-Cookie header from the answer to a request to `requestUrl`. E_INVALIDARG when it is refused.
+    // Takes the value of one Set-Cookie header from the response to a request to `requestUrl`. E_INVALIDARG for a refused
+    // cookie.
     virtual HRESULT STDMETHODCALLTYPE AddCookieFromString(BSTR setCookieValue, BSTR requestUrl) noexcept = 0;
-    // The whole store as one text, and back (replacing what was there; on failure the store is untouched).
+    // Write the whole store as one text, and read it. Reading replaces the content; on failure the store is unchanged.
     virtual HRESULT STDMETHODCALLTYPE Serialize(BSTR* data) noexcept = 0;
     virtual HRESULT STDMETHODCALLTYPE Deserialize(BSTR data) noexcept = 0;
     // The named properties: a safe array of BSTRs with rows {name, description}; a value by name. E_INVALIDARG for other names.
@@ -29,52 +30,52 @@ public:
     virtual HRESULT STDMETHODCALLTYPE put_Properties(BSTR name, VARIANT value) noexcept = 0;
 };
 
-// Answers which proxy and which proxy credentials to use for a URL.
+// Says which proxy, and which credentials for it, to use for a URL.
 class IVoHTTPProxyStore : public IUnknown
 {
 public:
-    // Forgets what was found, every credential and the configuration.
+    // Forgets the proxies that were found, all credentials and the configuration.
     virtual HRESULT STDMETHODCALLTYPE Clear() noexcept = 0;
-    // The proxy for `url` ("host:port"; empty means a direct connection). A null `url` asks for the configured manual proxy
-    // (empty where discovery is configured). `user` and `password` may be null; they receive the credentials saved for that
-    // proxy, or null where none are known.
+    // Gives the proxy for `url` ("host:port"; empty: connect directly). A null `url` asks for the configured manual proxy
+    // (empty when discovery is configured). `user` and `password` may be null; they receive the credentials saved for that
+    // proxy, or null when there are none.
     virtual HRESULT STDMETHODCALLTYPE GetProxyForUrl(BSTR url, BSTR* proxy, BSTR* user, BSTR* password) noexcept = 0;
     // Keeps credentials for `proxy`. `valid`: the proxy accepted them or the user entered them; `required`: the proxy demands
     // credentials. GetProxyForUrl hands them out when both are set.
     virtual HRESULT STDMETHODCALLTYPE SetAuthDataForProxy(BSTR proxy, BSTR user, BSTR password, VARIANT_BOOL valid,
                                                           VARIANT_BOOL required) noexcept = 0;
-    // The whole store as one text, passwords in the clear included, and back (replacing what was there; on failure the store
-    // is untouched). Whoever keeps the text guards it.
+    // Write the whole store as one text, with the passwords in the clear, and read it. Reading replaces the content; on failure
+    // the store is unchanged. The caller must protect the text.
     virtual HRESULT STDMETHODCALLTYPE Serialize(BSTR* data) noexcept = 0;
     virtual HRESULT STDMETHODCALLTYPE Deserialize(BSTR data) noexcept = 0;
-    // As for the cookie store.
+    // As in the cookie store.
     virtual HRESULT STDMETHODCALLTYPE GetPropertyTags(SAFEARRAY** tags) noexcept = 0;
     virtual HRESULT STDMETHODCALLTYPE get_Properties(BSTR name, VARIANT* value) noexcept = 0;
     virtual HRESULT STDMETHODCALLTYPE put_Properties(BSTR name, VARIANT value) noexcept = 0;
 };
 
-// Asks somebody for credentials. The application may put its own implementation in place of the library's dialog. Called on the
-// thread that meets the challenge, which may be one of the transport's own, while the message is locked: do not call the
-// message from inside, which may wait for ever.
+// Asks the user for credentials. The application may use its own implementation instead of the library's dialog. A transport
+// calls it on the thread that receives the challenge, which may be one of the transport's own, while the message is locked: a
+// call to the message from inside may wait for ever.
 class IVoAuthenticationCallback : public IUnknown
 {
 public:
     // The owner of dialogs; null for none.
     virtual HRESULT STDMETHODCALLTYPE SetParentWindow(HWND parent) noexcept = 0;
-    // Answers S_OK also when the user declines: then `cancelled` becomes VARIANT_TRUE, and `user` and `password` are untouched.
-    // `title` may be empty. For a proxy `serverAddress` is the base URL of the server behind it and `reserved` the proxy
-    // ("host:port"); for a server they are its host and the URL that it guards.
+    // Return S_OK also when the user declines: `cancelled` becomes VARIANT_TRUE then, and `user` and `password` are unchanged.
+    // `title` may be empty. For a proxy, `serverAddress` is the base URL of the server behind it and `reserved` is the proxy
+    // ("host:port"). For a server they are its host and the URL that asks.
     virtual HRESULT STDMETHODCALLTYPE OnProxyAuthNeeded(BSTR title, BSTR serverAddress, BSTR reserved, BSTR* user,
                                                         BSTR* password, VARIANT_BOOL* cancelled) noexcept = 0;
     virtual HRESULT STDMETHODCALLTYPE OnServerAuthNeeded(BSTR title, BSTR serverAddress, BSTR reserved, BSTR* user,
                                                          BSTR* password, VARIANT_BOOL* cancelled) noexcept = 0;
 };
 
-// Hands out the stores that the modules of a process share.
+// Gives the stores that the modules of a process share.
 class IVoGlobalHTTPStoreQueryPrivate : public IUnknown
 {
 public:
-    // E_NOINTERFACE for a store that cannot be had.
+    // E_NOINTERFACE for a store that cannot be created.
     virtual HRESULT STDMETHODCALLTYPE get_CookieStore(IUnknown** store) noexcept = 0;
     virtual HRESULT STDMETHODCALLTYPE get_ProxyStore(IUnknown** store) noexcept = 0;
     virtual HRESULT STDMETHODCALLTYPE get_AuthCallback(IUnknown** callback) noexcept = 0;

@@ -1,4 +1,5 @@
-// Addresses of the network's two ends.
+// IP addresses from host names, texts and socket addresses. The transports report the client's and the server's address with
+// it.
 #pragma once
 
 #include <base/VoPlatform.h>
@@ -8,13 +9,12 @@
 
 namespace VoNetworkUtils
 {
-// One IPv4 or IPv6 address with its text. A value: copies are independent; one object is not for several threads at once.
+// One IPv4 or IPv6 address with its text. Copies are independent. One object must not be used by several threads at once.
 //
-// Every Init... first clears the record and fills it on success only. Text() is always the address. The bytes are the address
-// only in a record made from text: one made from a socket address (so from a host name too) keeps the first bytes of the
-// socket address structure, that is family and port and, for IPv6, the flow information and half of the address. Callers
-// compare and classify records by those bytes, so this is intended and must stay. To classify the address itself, make a second
-// record from the text:
+// Every Init... clears the record first and fills it on success only. Text() is always the address. The bytes are the address
+// only in a record made from text. A record made from a socket address, and so one made from a host name, keeps the first bytes
+// of the socket address structure: family and port and, for IPv6, the flow information and half of the address. Intended:
+// callers compare and classify records by those bytes. To classify the address itself, make a second record from the text:
 //
 //     CVoIPAddress resolved, address;
 //     resolved.InitFromDNSAddress(host, false, found);
@@ -23,21 +23,21 @@ namespace VoNetworkUtils
 class CVoIPAddress
 {
 public:
-    // Resolves a host name; the first IPv4 address is preferred to the first IPv6 address. Blocks while the resolver works, and
-    // starts Windows Sockets for the process at the first use. When nothing was found: the resolver's error as an HRESULT, or
+    // Resolves a host name and takes the first IPv4 address, else the first IPv6 address. Blocks while the resolver works. The
+    // first use starts Windows Sockets for the process. When there is no address: the resolver's error as an HRESULT, or
     // E_FAIL, reported; with `quiet`, S_OK with `found` false and no report.
     [[nodiscard]] HRESULT InitFromDNSAddress(std::wstring hostName, bool quiet, bool& found) noexcept;
-    // Takes an address's text; an IPv6 address may stand in brackets, as in URLs. E_INVALIDARG for text that is neither form.
+    // Reads the text of an address. An IPv6 address may stand in brackets, as in URLs. E_INVALIDARG for text of neither family.
     [[nodiscard]] HRESULT InitFromIPAddress(std::wstring addressText) noexcept;
-    // Takes the address of a SOCKADDR_IN or SOCKADDR_IN6, which its family tells. E_INVALIDARG for any other family. With
-    // `quiet` failures give S_OK with `taken` false and no report.
+    // Takes the address of a SOCKADDR_IN or a SOCKADDR_IN6, by its family. E_INVALIDARG for any other family. With `quiet`, a
+    // failure gives S_OK with `taken` false and no report.
     [[nodiscard]] HRESULT InitFromIPAddress(const SOCKADDR& socketAddress, bool quiet, bool& taken) noexcept;
 
-    // Both are set together, when an address has been taken.
+    // Both become true together, when the record has an address.
     [[nodiscard]] bool IsInitialised() const noexcept { return m_initialised; }
     [[nodiscard]] bool IsValid() const noexcept { return m_valid; }
     [[nodiscard]] bool IsIPv6() const noexcept { return m_isIPv6; }
-    // The stored bytes (see above); zero for the family that the address is not of.
+    // The stored bytes (see above); zero for the other family.
     [[nodiscard]] const std::array<BYTE, 4>& AddressV4() const noexcept { return m_addressV4; }
     [[nodiscard]] const std::array<BYTE, 16>& AddressV6() const noexcept { return m_addressV6; }
     // Without brackets; empty when there is no address.

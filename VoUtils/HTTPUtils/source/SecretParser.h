@@ -1,4 +1,4 @@
-// Parameters that hold passwords.
+// A parser for parameters that contain passwords: it wipes them. The proxy store uses it.
 #pragma once
 
 #include <base/VoDataParser.h>

@@ -1,3 +1,4 @@
+// Asks the user for credentials in a dialog (VoAuthCallbackImpl.h).
 #include <VoAuthCallbackImpl.h>
 
 #include <VoAuthDlg.h>
@@ -10,7 +11,7 @@ namespace
 {
 constexpr const wchar_t* kSource = L"..\\source\\VoAuthCallbackImpl";
 
-// Puts a text into an out argument, in place of the one that it holds.
+// Replaces the text of an out argument, and wipes and frees the old text.
 void Replace(BSTR& out, CVoBstr& text) noexcept
 {
     const BSTR old = std::exchange(out, text.Detach());

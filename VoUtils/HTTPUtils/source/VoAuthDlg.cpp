@@ -1,3 +1,4 @@
+// Builds, lays out and runs the credentials dialog (VoAuthDlg.h).
 #include <VoAuthDlg.h>
 #include <VoDialogTemplate.h>
 
@@ -11,7 +12,7 @@ constexpr const wchar_t* kSource = L"..\\source\\VoAuthDlg";
 
 constexpr CDialogRect kDialogRect{ 0, 0, 308, 125 };
 
-// How a control follows the dialog's size.
+// How a control follows a change of the dialog's size.
 enum EAnchor : unsigned
 {
     kMoveX = 1,
@@ -31,8 +32,8 @@ struct CControl
     const wchar_t* text;
 };
 
-// In keyboard order, each label before the field that it names (screen readers go by that). The address may hold ampersands,
-// and breaks anywhere, having no blanks. The size grip comes last and clips its siblings, so that it lies under the button near
+// In keyboard order, each label before its field: screen readers use that order. The address may contain ampersands, and it
+// wraps anywhere because it has no blanks. The size grip comes last and clips its siblings, so it lies under the button near
 // it.
 constexpr CControl kControls[] = {
     { EDialogControl::Static,
@@ -69,8 +70,8 @@ constexpr CControl kControls[] = {
       L"" },
 };
 
-// Not visible before it has its texts. The prompt comes to the front even when the user works elsewhere, because what waits for
-// it may be a thread of its own.
+// Not visible before it has its texts. It comes to the front even when the user works elsewhere: the thread that waits for it
+// may have no other window.
 constexpr DWORD kDialogStyle =
     DS_SETFONT | DS_CENTER | DS_SETFOREGROUND | WS_POPUP | WS_CAPTION | WS_SYSMENU | WS_THICKFRAME | WS_CLIPCHILDREN;
 
@@ -82,8 +83,8 @@ CDialogTemplate MakeTemplate()
     return result;
 }
 
-// Dialog units of this dialog in pixels. Sizes are converted by themselves, as the platform does: the same size in units is the
-// same size in pixels, wherever it stands.
+// Converts dialog units of this dialog to pixels. Sizes are converted apart from positions, as the platform does it: equal
+// sizes in units are equal sizes in pixels.
 RECT ToPixels(HWND dialog, const CDialogRect& rect) noexcept
 {
     RECT pixels{ rect.x, rect.y, rect.cx, rect.cy };
@@ -93,7 +94,7 @@ RECT ToPixels(HWND dialog, const CDialogRect& rect) noexcept
     return pixels;
 }
 
-// Places the controls for the dialog's present size.
+// Places the controls for the dialog's current size.
 void LayOut(HWND dialog) noexcept
 {
     RECT client{};
@@ -106,7 +107,7 @@ void LayOut(HWND dialog) noexcept
         RECT rect = ToPixels(dialog, control.rect);
         if (control.id == CAuthDlg::kSizeGrip)
         {
-            // In the corner itself, in the size of the user's settings, whatever the font.
+            // In the corner, in the size of the user's settings. The font does not matter.
             rect = { designed.right - ::GetSystemMetrics(SM_CXVSCROLL), designed.bottom - ::GetSystemMetrics(SM_CYHSCROLL),
                      designed.right, designed.bottom };
         }
@@ -118,7 +119,7 @@ void LayOut(HWND dialog) noexcept
     }
 }
 
-// The size as designed is the least.
+// The dialog cannot become smaller than its template.
 void LimitSize(HWND dialog, MINMAXINFO& limits) noexcept
 {
     RECT rect = ToPixels(dialog, kDialogRect);
@@ -130,12 +131,12 @@ void LimitSize(HWND dialog, MINMAXINFO& limits) noexcept
 void ReadField(HWND dialog, WORD id, std::wstring& text)
 {
     const HWND field = ::GetDlgItem(dialog, id);
-    // With room for the zero that the platform writes behind the text.
+    // The platform writes a null character behind the text.
     text.assign(static_cast<size_t>(::GetWindowTextLengthW(field)) + 1, L'\0');
     text.resize(static_cast<size_t>(::GetWindowTextW(field, text.data(), static_cast<int>(text.size()))));
 }
 
-// Overwrites what the field's own memory holds, which the platform only frees.
+// Overwrites the field's own memory: the platform frees it without wiping it.
 void WipeField(HWND dialog, WORD id) noexcept
 {
     const HWND field = ::GetDlgItem(dialog, id);
@@ -145,7 +146,7 @@ void WipeField(HWND dialog, WORD id) noexcept
     }
     catch (...)
     {
-        // No memory for as many: the beginning at least.
+        // No memory for as many blanks: overwrite the beginning at least.
         ::SetWindowTextW(field, L" ");
     }
     ::SetWindowTextW(field, L"");
@@ -166,7 +167,7 @@ bool CAuthDlg::DoModal(HWND parent)
     const DWORD error = ::GetLastError();
     if (m_failure)
         std::rethrow_exception(std::exchange(m_failure, nullptr));
-    // The user did not end it. The platform says why only where the dialog could not be shown.
+    // The user did not end it. The platform gives an error only when the dialog could not be shown.
     if (m_result == 0)
         report.Win32(171, 172, error);
     return m_result == IDOK;
@@ -192,7 +193,7 @@ INT_PTR CALLBACK CAuthDlg::DialogProc(HWND dialog, UINT message, WPARAM wParam, 
         LimitSize(dialog, *reinterpret_cast<MINMAXINFO*>(lParam));
         return TRUE;
     case WM_DESTROY:
-        // Here the fields still exist, whatever ended the dialog.
+        // The fields still exist here, however the dialog ended.
         WipeField(dialog, kPassword);
         return TRUE;
     default:

@@ -1,4 +1,4 @@
-// The dialog that asks the user for a name and a password.
+// The dialog that asks the user for a name and a password. The authentication callback shows it.
 #pragma once
 
 #include <base/VoPlatform.h>
@@ -7,9 +7,9 @@
 #include <exception>
 #include <string>
 
-// A modal dialog, made for one question. The user may resize it: the fields take the width, the address takes the height, so
-// that a long one can be read, and the buttons keep to the lower right corner. It is shown and used on one thread, which needs
-// no message queue beforehand and of which nothing stays behind.
+// A modal dialog for one question. The user may resize it: the fields and the address grow in width, the address also in
+// height, and the buttons stay in the lower right corner. One thread creates, shows and reads it; the thread needs no message
+// queue before.
 class CAuthDlg
 {
 public:
@@ -29,9 +29,9 @@ public:
     CAuthDlg& operator=(const CAuthDlg&) = delete;
     ~CAuthDlg() = default;
 
-    // Asks the user; both fields start empty. True: OK. False: cancelled in any way, the end of the owner or of the thread's
-    // message loop (WM_QUIT) included, or the dialog could not be shown, which is reported. `parent` owns the dialog and is
-    // disabled meanwhile; null for no owner. Throws std::bad_alloc.
+    // Asks the user. Both fields start empty. True: the user chose OK. False: the user cancelled, the owner was destroyed, the
+    // thread's message loop ended (WM_QUIT), or the dialog could not be shown; the last three are reported. `parent` owns the
+    // dialog and is disabled meanwhile; null for no owner. Throws std::bad_alloc.
     [[nodiscard]] bool DoModal(HWND parent);
 
     // What the user entered.
@@ -48,8 +48,9 @@ private:
     std::wstring m_serverAddress;
     std::wstring m_userName;
     CVoSecret<wchar_t> m_password;
-    // How the user ended the dialog: IDOK, IDCANCEL, or 0 when he did not. What the platform answers cannot tell: it may be
-    // IDOK when WM_QUIT ended the loop.
+    // How the user ended the dialog: IDOK, IDCANCEL, or 0 when the user did not end it. The platform's result is not reliable:
+    // it may be IDOK when WM_QUIT ended the loop.
     WORD m_result = 0;
-    std::exception_ptr m_failure; // what reading the fields threw; exceptions must not pass through the platform's window code
+    // The exception of reading the fields. An exception must not pass through the platform's window code.
+    std::exception_ptr m_failure;
 };

@@ -1,4 +1,4 @@
-// Dialog templates built in memory.
+// Builds dialog templates in memory. The credentials dialog uses it.
 #pragma once
 
 #include <base/VoPlatform.h>
@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-// The window classes that a template names by number (the platform's DLGITEMTEMPLATE).
+// The window classes that have a number in a template (platform documentation of DLGITEMTEMPLATE).
 enum class EDialogControl : WORD
 {
     Button = 0x80,
@@ -16,7 +16,7 @@ enum class EDialogControl : WORD
     ScrollBar = 0x84
 };
 
-// A rectangle in dialog units: a quarter of the dialog font's average width, an eighth of its height.
+// A rectangle in dialog units: quarters of the dialog font's average width, eighths of its height.
 struct CDialogRect
 {
     short x;
@@ -25,18 +25,18 @@ struct CDialogRect
     short cy;
 };
 
-// A template in the platform's plain form (DLGTEMPLATE): the dialog first, then its controls in their keyboard order. Its
-// memory goes to DialogBoxIndirectParamW and its kin as it is.
+// A template in the platform's form DLGTEMPLATE: the dialog first, then its controls in keyboard order. DialogBoxIndirectParamW
+// and similar functions take Get().
 class CDialogTemplate
 {
 public:
-    // Throws std::bad_alloc, as Add does. `style` includes DS_SETFONT; the point size is that of the font at any resolution.
+    // Throws std::bad_alloc, as Add does. `style` must include DS_SETFONT. `fontPoints` is the size of the font in points.
     CDialogTemplate(DWORD style, const CDialogRect& rect, std::wstring_view caption, WORD fontPoints, std::wstring_view font)
     {
-        // The number of controls stands behind the two styles.
+        // Add counts the controls in `cdit`.
         Append(DLGTEMPLATE{ style, 0, 0, rect.x, rect.y, rect.cx, rect.cy });
         AppendWord(0); // no menu
-        AppendWord(0); // the class of dialogs
+        AppendWord(0); // the platform's dialog class
         AppendText(caption);
         AppendWord(fontPoints);
         AppendText(font);
@@ -45,7 +45,7 @@ public:
     // WS_CHILD and WS_VISIBLE are added to `style`.
     void Add(EDialogControl control, WORD id, DWORD style, DWORD extendedStyle, const CDialogRect& rect, std::wstring_view text)
     {
-        // Every control begins on a boundary of four bytes.
+        // Every control begins at a multiple of four bytes.
         if (m_words.size() % 2 != 0)
             AppendWord(0);
         Append(DLGITEMTEMPLATE{ style | WS_CHILD | WS_VISIBLE, extendedStyle, rect.x, rect.y, rect.cx, rect.cy, id });
@@ -76,6 +76,6 @@ private:
         std::memcpy(&m_words[start], &record, sizeof(Record));
     }
 
-    // The allocator's alignment is more than the four bytes that a template needs.
+    // A template needs an alignment of four bytes; the allocator gives more.
     std::vector<WORD> m_words;
 };

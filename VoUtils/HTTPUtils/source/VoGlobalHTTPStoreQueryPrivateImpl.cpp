@@ -1,3 +1,4 @@
+// Creates and gives the calling module's stores (VoGlobalHTTPStoreQueryPrivateImpl.h).
 #include <VoGlobalHTTPStoreQueryPrivateImpl.h>
 
 #include <VoAuthCallbackImpl.h>
@@ -16,7 +17,7 @@ constinit CVoSharedObject<IVoHTTPCookieStore> g_cookieStore;
 constinit CVoSharedObject<IVoHTTPProxyStore> g_proxyStore;
 constinit CVoSharedObject<IVoAuthenticationCallback> g_authCallback;
 
-// `held` is what the query object holds already, or null.
+// `held` is the store that the query object holds already, or null.
 template <class Interface>
 HRESULT GetStore(CCriticalSection& lock, CVoSharedObject<Interface>& shared,
                  typename CVoSharedObject<Interface>::CCreate create, CVoComPtr<Interface>& held, IUnknown** store) noexcept
@@ -25,7 +26,7 @@ HRESULT GetStore(CCriticalSection& lock, CVoSharedObject<Interface>& shared,
         return E_POINTER;
     CAutoLock holder(&lock);
     if (!held && FAILED(shared.Get(create, held)))
-        return E_NOINTERFACE; // reported by its maker
+        return E_NOINTERFACE; // its maker has reported the reason
     *store = CVoComPtr<IUnknown>(held.Get()).Detach();
     return S_OK;
 }

@@ -1,3 +1,4 @@
+// Makes IP addresses from host names, texts and socket addresses (VoNetworkUtils.h).
 #include <VoNetworkUtils.h>
 
 #include <base/VoErrorHandler.h>
@@ -21,8 +22,8 @@ struct SAddressListDeleter
 };
 using CAddressList = std::unique_ptr<ADDRINFOW, SAddressListDeleter>;
 
-// Starts Windows Sockets once; it stays up for the life of the process. Threads that come at the same time may start it twice,
-// which the platform only counts. Gives 0 or the platform's error; the next call tries again.
+// Starts Windows Sockets once, for the life of the process. Two threads at the same time may start it twice; the platform
+// counts the starts. Gives 0 or the platform's error; after an error the next call tries again.
 int StartSockets() noexcept
 {
     static std::atomic<bool> s_isStarted{ false };
@@ -41,7 +42,7 @@ std::wstring WithoutBrackets(const std::wstring& text)
     return isBracketed ? text.substr(1, text.size() - 2) : text;
 }
 
-// The platform's text functions end at a null character; text that goes on behind one is no address.
+// The platform's text functions stop at a null character, so text with one inside is no address.
 bool HasNull(const std::wstring& text) noexcept
 {
     return text.find(L'\0') != std::wstring::npos;
@@ -69,7 +70,7 @@ HRESULT CVoIPAddress::InitFromIPAddress(const SOCKADDR& socketAddress, bool quie
             if (!::InetNtopW(AF_INET, address, text, kTextLength))
                 return quiet ? S_OK : report.LastError(134, 135);
             m_text = text;
-            // Intended: from the start of the structure, not from its address (see the header).
+            // Intended: the bytes from the start of the structure, not from its address (see the header).
             std::memcpy(m_addressV4.data(), &socketAddress, m_addressV4.size());
             SetValid(false);
         }
@@ -99,7 +100,7 @@ HRESULT CVoIPAddress::InitFromIPAddress(const SOCKADDR& socketAddress, bool quie
     }
 }
 
-// The text is a copy, because it may be the record's own, which is cleared first.
+// The text is a copy: the caller may pass the record's own text, and the record is cleared first.
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
 HRESULT CVoIPAddress::InitFromIPAddress(std::wstring addressText) noexcept
 {
@@ -107,7 +108,7 @@ HRESULT CVoIPAddress::InitFromIPAddress(std::wstring addressText) noexcept
     Clear();
     try
     {
-        // An address of one family that is not of the other is no failure; InetPtonW then answers 0.
+        // InetPtonW gives 0 for a text of the other family: no failure.
         const std::wstring bare = WithoutBrackets(addressText);
         const bool mayBeIPv4 = bare.size() == addressText.size();
         int answer = 0;
@@ -137,7 +138,7 @@ HRESULT CVoIPAddress::InitFromIPAddress(std::wstring addressText) noexcept
                 return report(219, E_INVALIDARG);
             }
         }
-        // The text in the platform's own form, whatever form came in.
+        // Text() has the platform's own form.
         wchar_t text[kTextLength];
         const BYTE* const bytes = isIPv6 ? address.m_addressV6.data() : address.m_addressV4.data();
         if (!::InetNtopW(isIPv6 ? AF_INET6 : AF_INET, bytes, text, kTextLength))
@@ -153,7 +154,7 @@ HRESULT CVoIPAddress::InitFromIPAddress(std::wstring addressText) noexcept
     }
 }
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): as above
+// NOLINTNEXTLINE(performance-unnecessary-value-param): a copy, as above
 HRESULT CVoIPAddress::InitFromDNSAddress(std::wstring hostName, bool quiet, bool& found) noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoNetworkUtils::CVoIPAddress::InitFromDNSAddress" };
