@@ -1,5 +1,5 @@
-// The Cookie header of one request, with few and with many cookies in the store, against the straightforward way: one ordered
-// map of all cookies, walked for each request.
+// Measures the Cookie header of one request with few and with many cookies in the store, against one ordered map of all cookies
+// that is walked for each request.
 #include "Benchmark.h"
 
 #include <VoGlobalHTTPCookieStoreImpl.h>
@@ -19,7 +19,7 @@ std::wstring HostOf(size_t domain)
     return L"www.site" + std::to_wstring(domain) + L".example";
 }
 
-// The walk: each cookie's labels and segments are compared with the request's.
+// Compares the labels and segments of each cookie with those of the request.
 class CWalkedCookies
 {
 public:
@@ -105,7 +105,7 @@ void CompareHeaders(size_t count)
             std::abort();
         return cookie;
     };
-    // Both must do the same work.
+    // Both must give the same header.
     if (header().View() != walked.Header(url, true) || header().IsEmpty())
         std::abort();
     Benchmark::Compare("Cookie header, " + std::to_string(count) + " cookies of " + std::to_string(count / kCookiesPerDomain) +

@@ -1,5 +1,5 @@
-// The proxy of a server that was looked up before, against the platform's own discovery with a script that it has fetched
-// already, which is what a caller without the store would pay for every request.
+// Measures the proxy look-up of a known server against the platform's discovery with a script that it has fetched already. A
+// caller without the store would pay for that discovery with every request.
 #include "Benchmark.h"
 
 #include <VoGlobalHTTPProxyStoreImpl.h>
@@ -31,7 +31,7 @@ void Demand(bool condition)
         std::abort();
 }
 
-// Threads that do the same work together, `kBatch` times each for one run.
+// Threads that do the same work at the same time, each `kBatch` times for one run.
 class CCrew
 {
 public:
@@ -59,7 +59,7 @@ public:
     }
 
 private:
-    // Lets every thread work once; with none expected to, ends them.
+    // Starts one run of every thread; 0 workers ends the threads.
     void Begin(size_t workers)
     {
         const std::lock_guard lock(m_lock);
@@ -142,7 +142,7 @@ void CompareLookUps()
                                                     { "GetProxyForUrl, URL in capitals", [&] { lookUp(upperCase.Get()); } } });
     ::WinHttpCloseHandle(session);
 
-    // What every answer costs the caller: three system strings, from the one heap of the process.
+    // Every result costs the caller three system strings, from the one heap of the process.
     const auto makeStrings = [&]
     {
         const CVoBstr proxy(L"p:8080");
@@ -158,7 +158,7 @@ void CompareLookUps()
     CCrew one(1, [&] { lookUp(url.Get()); });
     CCrew eight(8, [&] { lookUp(url.Get()); });
     Benchmark::Compare("Proxy of a known server, 1000 look-ups of each thread",
-                       { { "8 threads, the answer's strings alone", [&] { strings.Run(); } },
+                       { { "8 threads, the result's strings alone", [&] { strings.Run(); } },
                          { "8 threads, a lock taken alone", [&] { locks.Run(); } },
                          { "1 thread, GetProxyForUrl", [&] { one.Run(); } },
                          { "8 threads, GetProxyForUrl", [&] { eight.Run(); } } });

@@ -41,12 +41,19 @@ IVoHTTPProxyStore& CProxyOptions::Apply(CContext& context) const
     {
         config.manualProxy = FromUtf8(m_proxy);
         config.manualProxyBypassList = FromUtf8(m_bypass);
-        if (VoProxyList::ProxyForScheme(config.manualProxy, false).empty() &&
-            VoProxyList::ProxyForScheme(config.manualProxy, true).empty())
-            throw CUsageError("--proxy: the value names no proxy for http or https");
+        if (const auto problem = VoProxyList::FindProblem(config.manualProxy))
+            throw CUsageError(problem->number == 0
+                                  ? "--proxy: the value names no proxy for http or https"
+                                  : "--proxy: entry " + std::to_string(problem->number) + ": " + ToUtf8(problem->reason));
     }
     else if (!m_noProxy)
-        Check(config.InitFromIE());
+    {
+        const HRESULT hr = config.InitFromIE();
+        Check(hr);
+        if (hr == S_FALSE)
+            context.Remark(
+                "proxies of the Internet settings that cannot be used are left out; more about it stands in the log");
+    }
     CVoGlobalHTTPProxyStoreImpl& store = context.Process().ProxyStore();
     Check(store.Init(config));
     return store;

@@ -25,6 +25,8 @@ TEST(ConsoleProxy, TellsTheProxyOfAUrl)
         { { "http://www.test/", "--auto-detect" }, 0, "" }, // nothing to be found on loopback
         { { "ftp://www.test/", "--no-proxy" }, 1, "" },
         { { "http://www.test/", "--proxy", "socks=s:1" }, 2, "" },
+        { { "http://www.test/", "--proxy", "http = a:1" }, 0, "a:1" },
+        { { "http://www.test/", "--proxy", "a:1;https://b:2" }, 2, "" },
         { { "http://www.test/", "--pac", "file:///x.pac" }, 2, "" },
         { { "http://www.test/", "--proxy", "a:1", "--no-proxy" }, 2, "" },
         { { "http://www.test/", "--auto-detect", "--pac", "http://x/" }, 2, "" },

@@ -1,3 +1,4 @@
+// The credentials dialog: what it gives, and what it does when it fails.
 #include <VoAuthCallbackImpl.h>
 
 #include <VoAuthDlg.h>
@@ -27,7 +28,7 @@ void Press(HWND dialog, WORD button)
     ::PostMessageW(dialog, WM_COMMAND, MAKEWPARAM(button, BN_CLICKED), reinterpret_cast<LPARAM>(::GetDlgItem(dialog, button)));
 }
 
-// The password's field sees its own end after the dialog has wiped it.
+// Replaces the window procedure of the password field: the field must be empty when it is destroyed.
 WNDPROC g_field = nullptr;
 LRESULT CALLBACK WatchField(HWND field, UINT message, WPARAM wParam, LPARAM lParam)
 {
@@ -50,7 +51,7 @@ struct CAnswer
     CVoBstr user{ L"old user" };
     CVoBstr password{ L"old password" };
     VARIANT_BOOL cancelled = 99;
-    int freed = 0; // of the old texts
+    int freed = 0; // how many of the old texts
 };
 
 class AuthCallback : public testing::Test
@@ -70,7 +71,7 @@ protected:
     {
         CAnswer answer;
         const auto ask = proxy ? &IVoAuthenticationCallback::OnProxyAuthNeeded : &IVoAuthenticationCallback::OnServerAuthNeeded;
-        // Not by way of Put, which would free the old texts itself.
+        // Not through Put: it would free the old texts.
         BSTR user = answer.user.Detach();
         BSTR password = answer.password.Detach();
         const CCallHook<decltype(&::SysFreeString)> hook(
@@ -91,7 +92,7 @@ protected:
     HWND m_parent = nullptr;
 };
 
-TEST_F(AuthCallback, AnswersWhatTheUserDid)
+TEST_F(AuthCallback, GivesWhatTheUserEntered)
 {
     const auto press = [](WORD button) { return [=](HWND dialog) { Press(dialog, button); }; };
     const auto key = [](WPARAM code, WORD field)
@@ -153,7 +154,7 @@ TEST_F(AuthCallback, TheDialogIsReadyForTheKeyboard)
     EXPECT_EQ(Ask().cancelled, VARIANT_TRUE);
 }
 
-TEST_F(AuthCallback, TheEndOfTheLoopOrOfTheOwnerCancels)
+TEST_F(AuthCallback, QuittingTheLoopOrClosingTheOwnerCancels)
 {
     EXPECT_EQ(m_callback->SetParentWindow(m_parent), S_OK);
     for (const bool quits : { true, false })
@@ -173,13 +174,13 @@ TEST_F(AuthCallback, TheEndOfTheLoopOrOfTheOwnerCancels)
         EXPECT_EQ(answer.cancelled, VARIANT_TRUE);
         EXPECT_EQ(answer.user.View(), L"old user");
         EXPECT_THAT(log.Lines(), ElementsAre(testing::Field(&TestSupport::CLogLine::function, L"CAuthDlg::DoModal")));
-        // The thread's own loop learns of its end as well.
+        // The thread's own loop receives WM_QUIT too.
         MSG message{};
         EXPECT_EQ(::PeekMessageW(&message, nullptr, WM_QUIT, WM_QUIT, PM_REMOVE) != FALSE, quits);
     }
 }
 
-TEST_F(AuthCallback, FailuresTouchNothing)
+TEST_F(AuthCallback, FailuresChangeNoOutArgument)
 {
     constexpr const wchar_t* kSource = L"..\\source\\VoAuthCallbackImpl";
     CLogCapture log;
@@ -203,7 +204,7 @@ TEST_F(AuthCallback, FailuresTouchNothing)
     EXPECT_EQ(answer.cancelled, VARIANT_TRUE);
     EXPECT_THAT(log.Lines(), ElementsAre(IsReportBy(L"CAuthDlg::DoModal", notShown.expected)));
 
-    // No memory for the second of the texts that are handed out.
+    // No memory for the second out text.
     std::optional<CFailOnCall<decltype(&::SysAllocStringLen)>> noMemory;
     const CDialogUser user(
         [&](HWND dialog)

@@ -1,3 +1,4 @@
+// The stores of the process: one of each for all modules, or one of each for the module.
 #include <VoGlobalHTTPStoreQueryPrivateImpl.h>
 
 #include <VoAuthCallbackImpl.h>
@@ -38,7 +39,7 @@ struct CStores
     }
 };
 
-TEST(GlobalHTTPStores, AreTheModulesOwnWithoutAProvider)
+TEST(GlobalHTTPStores, BelongToTheModuleWithoutAProvider)
 {
     CStores first;
     CLogCapture log;
@@ -63,7 +64,7 @@ TEST(GlobalHTTPStores, AreTheModulesOwnWithoutAProvider)
             .join();
     EXPECT_THAT(log.Lines(), testing::IsEmpty());
 
-    // A query hands out the same, and keeps them. With the last reference the content goes.
+    // A query object gives the same stores and holds them. The content goes with the last reference.
     constexpr const wchar_t* kURL = L"http://host/";
     EXPECT_EQ(first.cookies->AddCookieFromString(CVoBstr(L"n=v").Get(), CVoBstr(kURL).Get()), S_OK);
     CVoComPtr<IVoGlobalHTTPStoreQueryPrivate> query;
@@ -80,9 +81,9 @@ TEST(GlobalHTTPStores, AreTheModulesOwnWithoutAProvider)
     }
 }
 
-TEST(GlobalHTTPStores, ThreadsThatHoldThemTogetherHoldTheSame)
+TEST(GlobalHTTPStores, AllThreadsGetTheSameStores)
 {
-    // The stores come and go all the time: each thread lets go of its own while others ask.
+    // The stores are created and destroyed all the time: a thread releases its own while others ask for them.
     const auto run = []
     {
         for (int round = 0; round < 200; ++round)
@@ -99,7 +100,7 @@ TEST(GlobalHTTPStores, ThreadsThatHoldThemTogetherHoldTheSame)
         threads.emplace_back(run);
 }
 
-// A provider whose answers the test lays down, and its class factory.
+// A provider that gives what the test chooses.
 class CProvider final : public CVoIUnknownImpl<IVoGlobalHTTPStoreQueryPrivate>
 {
 public:
@@ -119,10 +120,10 @@ private:
     }
 };
 
-TEST(GlobalHTTPStores, AreTheProvidersWhereOneIsRegistered)
+TEST(GlobalHTTPStores, BelongToARegisteredProvider)
 {
     const CVoComPtr<CProvider> provider = VoMakeComObject<CProvider>();
-    // What becomes of the provider; a thread without an apartment is given one, and asks again.
+    // The result of creating the provider. A thread without an apartment gets one and asks again.
     HRESULT created = CO_E_NOTINITIALIZED;
     const auto create = [&](auto, REFCLSID id, auto, DWORD context, REFIID iid, void** object)
     {
@@ -138,7 +139,7 @@ TEST(GlobalHTTPStores, AreTheProvidersWhereOneIsRegistered)
     EXPECT_EQ(CreateGlobalHTTPProxyStoreForModule(own.proxies.Put()), S_OK);
     EXPECT_EQ(CreateGlobalHTTPCookieStoreForModule(own.cookies.Put()), S_OK);
     CStores stores;
-    // A store that is missing, or is none: nothing is handed out.
+    // A missing store, or an object of another interface: no store is given.
     const std::tuple<CVoComPtr<IUnknown> CProvider::*, IUnknown*, int> table[] = {
         { nullptr, nullptr, 0 },
         { &CProvider::callback, nullptr, 449 },
@@ -160,7 +161,7 @@ TEST(GlobalHTTPStores, AreTheProvidersWhereOneIsRegistered)
         EXPECT_THAT(log.Lines(), testing::Conditional(store != nullptr, ElementsAre(report), ElementsAre()));
         log.Clear();
     }
-    // Its failures.
+    // The provider's failures.
     provider->hr = E_ACCESSDENIED;
     EXPECT_EQ(stores.Create(), E_ACCESSDENIED);
     created = CO_E_SERVER_EXEC_FAILURE;

@@ -88,7 +88,7 @@ HRESULT CVoIPAddress::InitFromIPAddress(const SOCKADDR& socketAddress, bool quie
         {
             if (quiet)
                 return S_OK;
-            report.Message(158, L"family:%d", static_cast<int>(socketAddress.sa_family));
+            report(158, static_cast<HRESULT>(socketAddress.sa_family)); // the report's code is the family
             return report(159, E_INVALIDARG);
         }
         taken = true;
