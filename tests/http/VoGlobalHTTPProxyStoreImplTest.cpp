@@ -190,47 +190,33 @@ TEST(ProxyConfiguration, TakesOneSourceOfTheUsersSettings)
     }
 }
 
-TEST(ProxyConfiguration, AsksAgainForSettingsThatCouldNotBeHad)
+TEST(ProxyConfiguration, ReportsSettingsThatCannotBeHadAndAsksAgain)
 {
-    for (const DWORD error : { 8UL, 2UL }) // no memory; the user has no settings
+    // The user has no settings, which is final; no memory; a failure without a code.
+    for (const auto& [error, line, found] :
+         { std::tuple(2UL, 314, L" - -"), { 8UL, 314, L"p:1 - -" }, { 0UL, 315, L"p:1 - -" } })
     {
-        int calls = 0;
+        int failures = 3;
+        const auto frees = CountFreedTexts();
         const CSettingsHook hook("winhttp.dll", "WinHttpGetIEProxyConfigForCurrentUser",
                                  [&](auto, auto settings)
                                  {
                                      ::SetLastError(error);
-                                     if (++calls <= 2)
+                                     if (--failures >= 0)
                                          return FALSE;
                                      *settings = { FALSE, nullptr, GlobalText(L"p:1"), nullptr };
                                      return TRUE;
                                  });
-        const auto frees = CountFreedTexts();
-        CVoComPtr<IVoHTTPProxyStore> store;
-        ASSERT_EQ(CreateGlobalHTTPProxyStoreForModule(store.Put()), S_OK);
-        for (const wchar_t* const found : { L"", L"p:1", L"p:1" })
-            EXPECT_EQ(TestSupport::ProxyFor(*store.Get(), L"http://host/"),
-                      (error == 2 ? L"" : found) + std::wstring(L" - -"));
-    }
-}
-
-TEST(ProxyConfiguration, ReportsSettingsThatCannotBeHadAndConnectsDirectly)
-{
-    for (const auto& [error, code, line] :
-         { std::tuple(ERROR_FILE_NOT_FOUND, HResultFromWin32(ERROR_FILE_NOT_FOUND), 314), { ERROR_SUCCESS, E_FAIL, 315 } })
-    {
         const CLogCapture log;
-        const auto fault = VO_FAULT("winhttp.dll", WinHttpGetIEProxyConfigForCurrentUser, FALSE, static_cast<DWORD>(error));
+        const HRESULT code = error == 0 ? E_FAIL : HResultFromWin32(error);
         CHTTPProxyConfigData config = Manual(L"p:1");
-        {
-            const auto injected = fault.inject(1);
-            EXPECT_EQ(config.InitFromIE(), code);
-        }
+        EXPECT_EQ(config.InitFromIE(), code);
         EXPECT_TRUE(config == Manual(L"p:1"));
         EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kSource, line, L"CHTTPProxyConfigData::InitFromIE", code)));
         CVoComPtr<IVoHTTPProxyStore> store;
-        const auto injected = fault.inject(1);
         ASSERT_EQ(CreateGlobalHTTPProxyStoreForModule(store.Put()), S_OK);
-        EXPECT_EQ(TestSupport::ProxyFor(*store.Get(), L"http://www.example/"), L" - -");
+        for (const wchar_t* const expected : { L" - -", found, found })
+            EXPECT_EQ(TestSupport::ProxyFor(*store.Get(), L"http://host/"), expected);
     }
 }
 
@@ -284,27 +270,19 @@ TEST(ProxyStore, CachesNoFailure)
 {
     const CVoBstr url(L"http://host/");
     int failures = 0;
-    for (int call = 1; call < 1000; ++call)
+    for (bool isInjected = true; isInjected;)
     {
         CTestStore store(Manual(L"http=p:1;https=q:2"));
         CVoBstr proxy;
         HRESULT hr = S_OK;
-        bool isInjected = false;
         {
-            const CFailOnCall<void*(WINAPI*)(size_t)> fail("msvcrt.dll", "malloc", call, nullptr, 0);
+            const CFailOnCall<void*(WINAPI*)(size_t)> fail("msvcrt.dll", "malloc", failures + 1, nullptr, 0);
             hr = store->GetProxyForUrl(url.Get(), proxy.Put(), nullptr, nullptr);
-            isInjected = fail.Calls() >= call;
+            isInjected = fail.Calls() > failures;
         }
-        if (FAILED(hr))
-        {
-            ++failures;
-            EXPECT_EQ(hr, E_OUTOFMEMORY);
-        }
-        else
-            EXPECT_EQ(proxy.View(), L"p:1");
+        EXPECT_EQ(hr, isInjected ? E_OUTOFMEMORY : S_OK);
         EXPECT_EQ(store.Look(L"http://host/"), L"p:1 - -");
-        if (!isInjected)
-            break;
+        failures += isInjected;
     }
     EXPECT_GT(failures, 5);
 }
