@@ -4,7 +4,11 @@
 
 #include <VoGlobalHTTPCookieStoreImpl.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <map>
+#include <tuple>
+#include <vector>
 
 namespace
 {
