@@ -133,8 +133,10 @@ HRESULT CExchange::SetRequestData(const void* data, DWORD length) noexcept
 
 HRESULT CExchange::SetCredentials(DWORD target, DWORD scheme, const std::wstring& user, const std::wstring& password)
 {
-    CVoSecret<wchar_t> userCopy(user);
-    CVoSecret<wchar_t> passwordCopy(password);
+    CVoSecret<wchar_t> userCopy;
+    CVoSecret<wchar_t> passwordCopy;
+    userCopy.Get() = user; // no temporary text, which nobody would wipe
+    passwordCopy.Get() = password;
     const std::lock_guard lock(m_lock);
     if (IsRunning())
         return E_FAIL;
