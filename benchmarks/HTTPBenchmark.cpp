@@ -9,7 +9,6 @@
 #include <LoopbackServer.h>
 #include <VoHTTPMessage.h>
 
-#include <base/VoModuleInformation.h>
 #include <support/TestServers.h>
 
 #include <functional>
@@ -62,11 +61,11 @@ class CMessage
 public:
     CMessage(const CTransport& transport, const Bare::CServer& server, const std::string& path)
     {
-        CVoModuleInformation::Get().SetHTTPEngine(transport.kind);
         const std::string url = server.URL(path);
         CServerAddressData address;
         Demand(SUCCEEDED(address.SetAddress(std::wstring(url.begin(), url.end()), false, true, true)) &&
-               SUCCEEDED(CVoHTTPMessage::Connect(address, nullptr, nullptr, nullptr, 30, 60, false, false, m_message)));
+               SUCCEEDED(CVoHTTPMessage::Connect(transport.kind, address, nullptr, nullptr, nullptr, 30, 60, false, false,
+                                                 m_message)));
     }
 
     void Post(const CBody& body) const
@@ -137,10 +136,10 @@ void CompareRow(const CTransport& transport, const Bare::CServer& server, const 
     // The library is given parameters and a payload, which the body has to be made of.
     if (body && body->bytes.size() >= kLarge)
         contenders.push_back({ std::string(transport.bare.front().name) + ", a body made first", [&]
-                               {
-                                   const std::string made = body->bytes;
-                                   Demand(!clients.front()->Request(path, &made).empty());
-                               } });
+        {
+            const std::string made = body->bytes;
+            Demand(!clients.front()->Request(path, &made).empty());
+        } });
     if (!transport.pooled)
         contenders.push_back({ "a new handle each", [&] { request(*transport.bare.front().make(server)); } });
     Benchmark::Compare(title, contenders, options);
@@ -163,18 +162,16 @@ void CompareThreads(const CTransport& transport, const Bare::CServer& server, co
     {
         std::vector<std::jthread> threads;
         for (size_t i = 0; i < kThreads; ++i)
-            threads.emplace_back(
-                [&request, i]
-                {
-                    for (int number = 0; number < kRequests; ++number)
-                        request(i);
-                });
+            threads.emplace_back([&request, i]
+            {
+                for (int number = 0; number < kRequests; ++number)
+                    request(i);
+            });
     };
     std::vector<Benchmark::CContender> contenders;
     for (size_t kind = 0; kind < transport.bare.size(); ++kind)
-        contenders.push_back(
-            { transport.bare[kind].name,
-              [&, kind] { onAll([&](size_t i) { Demand(clients[i][kind]->Request(path, nullptr).size() == expected); }); } });
+        contenders.push_back({ transport.bare[kind].name, [&, kind]
+        { onAll([&](size_t i) { Demand(clients[i][kind]->Request(path, nullptr).size() == expected); }); } });
     contenders.push_back({ "the library, a message each", [&] { onAll([&](size_t i) { messages[i].Get(expected); }); } });
     Benchmark::Compare(title, contenders, { .samples = 15, .runs = 1, .maximumSeconds = 5 });
 }
@@ -186,18 +183,16 @@ void Run(const CTransport& transport)
     const CBody large(kLarge);
     Loopback::COptions options;
     options.keepBodies = false;
-    Loopback::CLoopbackServer loopback(
-        [&](const Loopback::CRequest& request, Loopback::CConnection& connection)
-        {
-            const std::string_view all = large.bytes;
-            const std::string_view path = request.Path();
-            const size_t size = path == kEcho              ? request.bodySize
-                                : path == "/files/10k.bin" ? kSmall
-                                : path == "/files/10m.bin" ? kLarge
-                                                           : 0;
-            connection.SendResponse(200, { { "Content-Type", "application/octet-stream" } }, all.substr(0, size));
-        },
-        options);
+    Loopback::CLoopbackServer loopback([&](const Loopback::CRequest& request, Loopback::CConnection& connection)
+    {
+        const std::string_view all = large.bytes;
+        const std::string_view path = request.Path();
+        const size_t size = path == kEcho              ? request.bodySize
+                            : path == "/files/10k.bin" ? kSmall
+                            : path == "/files/10m.bin" ? kLarge
+                                                       : 0;
+        connection.SendResponse(200, { { "Content-Type", "application/octet-stream" } }, all.substr(0, size));
+    }, options);
     const auto run = [&](const Bare::CServer& server, const char* security)
     {
         const std::string place = std::string(transport.name) + ", " + security;
@@ -224,22 +219,18 @@ void Run(const CTransport& transport)
 }
 
 const Benchmark::CGroup kCURL("http-curl", [] { Run({ "libcurl", 2, { { "one handle", &Bare::MakeCURL } }, false }); });
-const Benchmark::CGroup kWinHttp("http-winhttp",
-                                 []
-                                 {
-                                     Run({ "WinHTTP",
-                                           1,
-                                           { { "synchronous calls", &Bare::MakeWinHttp },
-                                             { "asynchronous calls", &Bare::MakeAsynchronousWinHttp } },
-                                           true });
-                                 });
-const Benchmark::CGroup kWinINet("http-wininet",
-                                 []
-                                 {
-                                     Run({ "WinINet",
-                                           0,
-                                           { { "the body in the call", &Bare::MakeWinINet },
-                                             { "the body in pieces", &Bare::MakeWinINetInPieces } },
-                                           true });
-                                 });
+const Benchmark::CGroup kWinHttp("http-winhttp", []
+{
+    Run({ "WinHTTP",
+          1,
+          { { "synchronous calls", &Bare::MakeWinHttp }, { "asynchronous calls", &Bare::MakeAsynchronousWinHttp } },
+          true });
+});
+const Benchmark::CGroup kWinINet("http-wininet", []
+{
+    Run({ "WinINet",
+          0,
+          { { "the body in the call", &Bare::MakeWinINet }, { "the body in pieces", &Bare::MakeWinINetInPieces } },
+          true });
+});
 } // namespace

@@ -109,7 +109,7 @@ TEST_F(ProxyTransportTest, KeepsTheCredentialsThatAProxyAccepted)
         EXPECT_EQ(Send(url, body, 5, true).result, kResultCancelled);
         EXPECT_EQ(ProxyFor(*m_store.Get(), Wide(url)), proxy + L" - -");
         // The question names the server and the proxy.
-        EXPECT_THAT(m_callback->Questions(), ElementsAre(L"proxy " + Address(Wide(url)).BaseURL() + L' ' + proxy));
+        EXPECT_THAT(m_callback->Questions(), ElementsAre(L"proxy " + Address(Wide(url)).PathURL() + L' ' + proxy));
         // Refused ones are asked for again, and not kept.
         m_callback->AnswerProxy({ { user, L"wrong" } });
         EXPECT_EQ(Send(url, body).result, kResultCancelled);
@@ -137,18 +137,17 @@ TEST_F(ProxyTransportTest, KeepsTheCredentialsThatAProxyAccepted)
 TEST_F(ProxyTransportTest, ShowsTheServersCredentialsToTheServerOnly)
 {
     VO_NEEDS_TEST_SERVERS();
-    const CServer proxy(
-        [](const Loopback::CRequest& request, Loopback::CConnection& connection)
-        {
-            if (!Authenticate(request, connection, true))
-                return;
-            if (request.method == "CONNECT")
-                connection.Tunnel(TestServers()->tlsPort, "HTTP/1.1 200 Connection established\r\n\r\n");
-            else if (request.target != "http://first.test/private")
-                connection.SendResponse(200, {}, "&&other");
-            else if (Authenticate(request, connection, false))
-                connection.SendResponse(302, { { "Location", "http://second.test/" } });
-        });
+    const CServer proxy([](const Loopback::CRequest& request, Loopback::CConnection& connection)
+    {
+        if (!Authenticate(request, connection, true))
+            return;
+        if (request.method == "CONNECT")
+            connection.Tunnel(TestServers()->tlsPort, "HTTP/1.1 200 Connection established\r\n\r\n");
+        else if (request.target != "http://first.test/private")
+            connection.SendResponse(200, {}, "&&other");
+        else if (Authenticate(request, connection, false))
+            connection.SendResponse(302, { { "Location", "http://second.test/" } });
+    });
     UseProxy(proxy.Port());
     m_callback->AnswerProxy({ { L"proxy", L"password" } });
     // What the proxy accepted is kept, also when nobody answers the server.
@@ -182,7 +181,7 @@ TEST_F(ProxyTransportTest, ShowsTheServersCredentialsToTheServerOnly)
 TEST_F(ProxyTransportTest, ShowsNoProxyCredentialsToAServerThatPretendsToBeAProxy)
 {
     const CServer server([](const Loopback::CRequest& request, Loopback::CConnection& connection)
-                         { Authenticate(request, connection, true); });
+    { Authenticate(request, connection, true); });
     m_callback->AnswerProxy({ { L"proxy", L"password" } });
     EXPECT_TRUE(FAILED(Send(server.URL("/")).result));
     for (const Loopback::CRequest& seen : server.Requests())
@@ -199,18 +198,17 @@ TEST_F(ProxyTransportTest, EndsWithinItsTimeOutsBehindABadProxy)
 
     // Slow: the answer would come when the server stops.
     const Loopback::CLoopbackServer slow([](const Loopback::CRequest&, Loopback::CConnection& connection)
-                                         { connection.WaitUntilStopped(std::chrono::minutes(1)); });
+    { connection.WaitUntilStopped(std::chrono::minutes(1)); });
     UseProxy(slow.Port());
     EXPECT_EQ(Send("http://server.test/", "x", 1).result, kResultTimeout);
     EXPECT_EQ(Send("https://server.test/", "x", 1).result, kResultTimeout);
 
     // Silent about the credentials that it asked for: that is no refusal of them.
-    const Loopback::CLoopbackServer silent(
-        [](const Loopback::CRequest& request, Loopback::CConnection& connection)
-        {
-            if (Authenticate(request, connection, true))
-                connection.WaitUntilStopped(std::chrono::minutes(1));
-        });
+    const Loopback::CLoopbackServer silent([](const Loopback::CRequest& request, Loopback::CConnection& connection)
+    {
+        if (Authenticate(request, connection, true))
+            connection.WaitUntilStopped(std::chrono::minutes(1));
+    });
     UseProxy(silent.Port());
     m_callback->AnswerProxy({ { L"proxy", L"password" } });
     EXPECT_EQ(Send("https://server.test/", "x", 3).result, kResultTimeout);

@@ -34,9 +34,7 @@ struct CTransport
     HRESULT timeOut = S_OK;
     // Credentials are asked for through the callback. WinINet shows the system's dialog instead, and only while connecting.
     bool asksCallback = true;
-    // Cookies of the answers that redirect are kept, and each hop is sent its own: WinINet follows redirects inside.
-    bool seesRedirects = true;
-    // The answer waits with the connection until it is read, so that connecting anew loses it.
+    // The response waits in the connection until it is read, so that connecting again loses it.
     bool answerWaitsAtConnection = false;
     // The client's own address is known. It is for the trace; Wine's WinINet has no socket to show, and Wine's WinHTTP has it
     // only until the answer has been read.
@@ -45,12 +43,10 @@ struct CTransport
     bool receivesWhileSending = false;
     // A server on this machine is connected to as "localhost.localhost".
     bool rewritesLoopback = false;
-    // Wine's Windows services take a connection that ends among the headers or the chunks for the end of the answer, follow
-    // redirects for ever, and lose a body that a redirect says to send again; Windows' do not.
+    // Wine's Windows services take a connection that ends among the headers or the chunks for the end of the response; Windows'
+    // do not.
     bool documentedUnderWine = false;
-    // Wine's WinHTTP follows a redirect to a path, and of a request without a body only;
-    bool redirectsUnderWine = true;
-    // and keeps connections for the process, not for the message.
+    // Wine's WinHTTP keeps connections for the process, not for the message.
     bool dropsConnectionsUnderWine = true;
     // An https server must show a good certificate when that is asked for. Wine's Schannel looks at none for libcurl.
     bool checksCertificatesUnderWine = true;
@@ -60,8 +56,8 @@ struct CTransport
 {
     return { .kind = kind,
              .name = name,
+             .answerWaitsAtConnection = true,
              .rewritesLoopback = rewritesLoopback,
-             .redirectsUnderWine = false,
              .dropsConnectionsUnderWine = false };
 }
 
@@ -70,7 +66,6 @@ inline constexpr CTransport kTransports[] = {
       .name = "WinINet",
       .unanswered = kResultUnexpectedStatus,
       .asksCallback = false,
-      .seesRedirects = false,
       .answerWaitsAtConnection = true },
     WinHTTPTransport(1, "WinHTTP", false),
     { .kind = 2,
@@ -126,22 +121,21 @@ class CServer
 {
 public:
     explicit CServer(Loopback::CHandler handler)
-        : m_server(
-              [this, handler = std::move(handler)](const Loopback::CRequest& request, Loopback::CConnection& connection)
-              {
-                  if (request.version == "HTTP/1.0")
-                  {
-                      connection.SendResponse(200, { { "Connection", "close" } });
-                      connection.CloseNow();
-                      return;
-                  }
-                  {
-                      const std::scoped_lock lock(m_lock);
-                      m_requests.push_back(request);
-                      m_connections.insert(request.connection);
-                  }
-                  handler(request, connection);
-              })
+        : m_server([this, handler = std::move(handler)](const Loopback::CRequest& request, Loopback::CConnection& connection)
+    {
+        if (request.version == "HTTP/1.0")
+        {
+            connection.SendResponse(200, { { "Connection", "close" } });
+            connection.CloseNow();
+            return;
+        }
+        {
+            const std::scoped_lock lock(m_lock);
+            m_requests.push_back(request);
+            m_connections.insert(request.connection);
+        }
+        handler(request, connection);
+    })
     {
     }
 
@@ -174,10 +168,10 @@ protected:
         if (GetParam().rewritesLoopback)
             m_resolver.emplace("winhttp.dll", "WinHttpConnect",
                                [](auto original, HINTERNET session, LPCWSTR host, INTERNET_PORT port, DWORD reserved)
-                               {
-                                   const bool rewritten = std::wstring_view(host) == L"localhost.localhost";
-                                   return original(session, rewritten ? L"127.0.0.1" : host, port, reserved);
-                               });
+            {
+                const bool rewritten = std::wstring_view(host) == L"localhost.localhost";
+                return original(session, rewritten ? L"127.0.0.1" : host, port, reserved);
+            });
     }
 
     [[nodiscard]] Message Connect(const std::string& url, UINT32 connectTimeout = 10, UINT32 requestTimeout = 20,

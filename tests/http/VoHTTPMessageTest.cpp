@@ -1,6 +1,9 @@
 #include "support/HTTPSupport.h"
 #include "support/ImportHook.h"
 
+#include "VoHTTPTransport.h"
+
+#include <base/VoModuleInformation.h>
 #include <base/VoUtils.h>
 
 #include <gtest/gtest.h>
@@ -14,7 +17,6 @@ using testing::ElementsAre;
 class CVoHTTPMessageTestAccess
 {
 public:
-    static bool NamesUtf8(std::wstring_view contentType) { return CVoHTTPMessage::NamesUtf8(contentType); }
     static bool VerifiesServerCertificate(const CVoHTTPMessage& message) { return message.m_verifyServerCertificate; }
     static bool ChecksRevocation(const CVoHTTPMessage& message) { return message.m_checkCertificateRevocation; }
 };
@@ -90,12 +92,11 @@ TEST(HTTPMessage, TheUserAgentNamesTheProcessorArchitecture)
     EXPECT_NE(version.find(L"."), std::wstring::npos) << "the version resource is missing";
 
     WORD architecture = 0;
-    const CCallHook<decltype(&::GetSystemInfo)> hook("kernel32.dll", "GetSystemInfo",
-                                                     [&](auto, SYSTEM_INFO* info)
-                                                     {
-                                                         *info = {};
-                                                         info->wProcessorArchitecture = architecture;
-                                                     });
+    const CCallHook<decltype(&::GetSystemInfo)> hook("kernel32.dll", "GetSystemInfo", [&](auto, SYSTEM_INFO* info)
+    {
+        *info = {};
+        info->wProcessorArchitecture = architecture;
+    });
     for (const auto& [number, text] : { std::pair(0, L"x64"), { 9, L"x64" }, { 5, L"ARM64" }, { 6, L"IA64" }, { 12, L"" } })
     {
         architecture = static_cast<WORD>(number);
@@ -118,13 +119,18 @@ TEST(HTTPMessage, TheSignatureBaseCoversTypeLengthAndDigest)
     EXPECT_EQ(digest, L"sha-256=:RK/0qy18MlBSVnWgjwz6lZEWjP/lF5HF9bvEF8FabDg=:");
 }
 
-TEST(HTTPMessage, OnlyACharsetParameterNamesUtf8)
+TEST(HTTPMessage, CharsetAndUtf8AnywhereInTheContentTypeNameUtf8)
 {
-    for (const wchar_t* const type :
-         { L"text/plain; charset=UTF-8", L"text/plain;charset=utf-8", L"text/plain; boundary=x; CharSet = \"Utf-8\" ; q=1" })
-        EXPECT_TRUE(Access::NamesUtf8(type)) << type;
-    for (const wchar_t* const type : { L"text/plain; charset=iso-8859-1", L"", L"text/plain; charset=utf-80",
-                                       L"text/plain; x-charset=utf-8", L"charset=utf-8" })
-        EXPECT_FALSE(Access::NamesUtf8(type)) << type;
+    for (const wchar_t* const type : { L"text/plain; charset=UTF-8", L"text/plain;CharSet = \"utf-8\"", L"utf-8; charset=x" })
+        EXPECT_TRUE(CVoHTTPTransport::NamesUtf8(type)) << type;
+    for (const wchar_t* const type : { L"text/plain; charset=iso-8859-1", L"", L"text/utf-8", L"text/plain; charset=utf8" })
+        EXPECT_FALSE(CVoHTTPTransport::NamesUtf8(type)) << type;
+}
+
+TEST(HTTPMessage, ATimeOutIsRecognisedWhateverTheTransport)
+{
+    for (const DWORD code : { 0x800705B4U, 0x80072EE2U, 0x8007274CU })
+        EXPECT_TRUE(CVoHTTPMessage::IsTimeOut(static_cast<HRESULT>(code))) << code;
+    EXPECT_FALSE(CVoHTTPMessage::IsTimeOut(S_OK) || CVoHTTPMessage::IsTimeOut(E_FAIL));
 }
 } // namespace

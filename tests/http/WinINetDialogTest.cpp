@@ -42,21 +42,19 @@ TEST(WinINetDialog, AsksForCredentials)
     {
         SCOPED_TRACE(row.sent);
         std::string sent;
-        const Loopback::CLoopbackServer server(
-            [&](const Loopback::CRequest& request, Loopback::CConnection& connection)
-            {
-                sent = request.Header("Authorization");
-                if (sent == table[2].sent)
-                    connection.SendResponse(200, {}, "a=1");
-                else
-                    connection.SendResponse(401, { { "WWW-Authenticate", "Basic realm=\"r\"" } });
-            });
-        const CDialogUser user(
-            [&](HWND dialog)
-            {
-                ::EnumChildWindows(dialog, &Fill, reinterpret_cast<LPARAM>(row.password));
-                ::PostMessageW(dialog, WM_COMMAND, MAKEWPARAM(row.button, BN_CLICKED), 0);
-            });
+        const Loopback::CLoopbackServer server([&](const Loopback::CRequest& request, Loopback::CConnection& connection)
+        {
+            sent = request.Header("Authorization");
+            if (sent == table[2].sent)
+                connection.SendResponse(200, {}, "a=1");
+            else
+                connection.SendResponse(401, { { "WWW-Authenticate", "Basic realm=\"r\"" } });
+        });
+        const CDialogUser user([&](HWND dialog)
+        {
+            ::EnumChildWindows(dialog, &Fill, reinterpret_cast<LPARAM>(row.password));
+            ::PostMessageW(dialog, WM_COMMAND, MAKEWPARAM(row.button, BN_CLICKED), 0);
+        });
         Message message;
         EXPECT_EQ(ConnectTo(Wide(server.URL()), { .kind = 0 }, message), row.result);
         EXPECT_EQ(user.Shown(), 1);

@@ -21,7 +21,7 @@ namespace TestSupport
 {
 // Stands in for WinINet in the program's imports while it lives: notes each call with its arguments, and answers as the
 // platform's documentation says and the test has set it up. Handles are named h1 (session), h2 (connection), h3, h4, ... (a
-// session's requests), h0 for none.
+// session's requests and further connections), h0 for none.
 class CFakeWinINet
 {
 public:
@@ -29,11 +29,10 @@ public:
     // Of the next calls of a function, as it is named in `calls` ("SetOption 31" by option); 0 and an end of the list are
     // success.
     std::map<std::string, std::deque<DWORD>> errors;
-    std::deque<DWORD> statuses{ 200 };          // of the next answers; the last one stays
-    std::multimap<DWORD, std::wstring> headers; // of an answer, by query number
-    std::map<DWORD, std::wstring> texts{ { INTERNET_OPTION_URL, L"http://server.example/" } };
+    std::deque<DWORD> statuses{ 200 };                 // of the next answers; the last one stays
+    std::multimap<std::wstring, std::wstring> headers; // of each response, by name
+    std::map<DWORD, std::wstring> texts;               // by option
     std::string answer = "a=1";
-    std::wstring redirect; // where each answer leads first; none by default
     std::string written;
     DWORD writtenShort = 0; // so many bytes of each piece are not taken
     DWORD securityFlags = 0x10000001;
@@ -100,12 +99,10 @@ private:
     {
         Note("Connect", Name(session), Text(host), ' ', port, Text(user), Text(password), ' ', service, ' ', flags, ' ',
              context);
-        return Opened(2);
+        return Opened(open.count(2) == 0 ? 2 : ++m_lastRequest);
     }
     BOOL SetOption(HINTERNET handle, DWORD option, void* value, DWORD length)
     {
-        if (option == INTERNET_OPTION_CONTEXT_VALUE) // of every request
-            return length == sizeof(DWORD_PTR) && *static_cast<DWORD_PTR*>(value) != 0;
         if (option == INTERNET_OPTION_PROXY_USERNAME || option == INTERNET_OPTION_PROXY_PASSWORD)
             Note("SetOption", Name(handle), ' ', option, Text(static_cast<wchar_t*>(value)), ' ', length);
         else
@@ -152,16 +149,6 @@ private:
         written.clear();
         return !Fails("SendRequestEx");
     }
-    INTERNET_STATUS_CALLBACK SetCallback(HINTERNET /*request*/, INTERNET_STATUS_CALLBACK callback)
-    {
-        return Fails("SetCallback") ? INTERNET_INVALID_STATUS_CALLBACK : std::exchange(m_callback, callback);
-    }
-    BOOL AddHeaders(HINTERNET request, LPCWSTR header, DWORD length, DWORD flags)
-    {
-        EXPECT_TRUE(length == std::wcslen(header) || length == static_cast<DWORD>(-1));
-        Note("AddHeaders", Name(request), Text(header), ' ', std::hex, flags);
-        return !Fails("AddHeaders");
-    }
     BOOL Write(HINTERNET request, LPCVOID bytes, DWORD length, DWORD* done)
     {
         Note("Write", Name(request), ' ', length);
@@ -173,8 +160,6 @@ private:
     {
         Note("EndRequest", Name(request), ' ', out != nullptr, ' ', flags, ' ', context);
         m_unread = answer;
-        if (!redirect.empty() && m_callback)
-            m_callback(request, 1, INTERNET_STATUS_REDIRECT, redirect.data(), static_cast<DWORD>(redirect.size()));
         return !Fails("EndRequest");
     }
     BOOL QueryInfo(HINTERNET request, DWORD query, void* buffer, DWORD* bytes, DWORD* index)
@@ -187,7 +172,8 @@ private:
                 statuses.pop_front();
             return !Fails("QueryStatus");
         }
-        const auto [begin, end] = headers.equal_range(query);
+        EXPECT_EQ(query, DWORD{ HTTP_QUERY_CUSTOM });
+        const auto [begin, end] = headers.equal_range(static_cast<const wchar_t*>(buffer));
         if (std::distance(begin, end) <= static_cast<ptrdiff_t>(*index))
             return ::SetLastError(ERROR_HTTP_HEADER_NOT_FOUND), FALSE;
         return GiveText(std::next(begin, static_cast<ptrdiff_t>((*index)++))->second, buffer, bytes);
@@ -222,7 +208,6 @@ private:
         return !Fails("Close");
     }
 
-    INTERNET_STATUS_CALLBACK m_callback = nullptr;
     UINT_PTR m_lastRequest = 2;
     std::string m_unread;
 
@@ -238,8 +223,6 @@ private:
     VO_REPLACE(HttpOpenRequestW, OpenRequest);
     VO_REPLACE(HttpSendRequestW, SendRequest);
     VO_REPLACE(HttpSendRequestExW, SendRequestEx);
-    VO_REPLACE(InternetSetStatusCallbackW, SetCallback);
-    VO_REPLACE(HttpAddRequestHeadersW, AddHeaders);
     VO_REPLACE(InternetWriteFile, Write);
     VO_REPLACE(HttpEndRequestW, EndRequest);
     VO_REPLACE(HttpQueryInfoW, QueryInfo);

@@ -1,12 +1,11 @@
-// What the tests of messages share: a transport chosen for a scope, stand-ins for the callback and the proxy store, short ways
-// to build and read messages.
+// What the tests of messages share: stand-ins for the callback and the proxy store, short ways to build, send and read
+// messages.
 #pragma once
 
 #include "support/LogCapture.h"
 
 #include <VoHTTPMessage.h>
 
-#include <base/VoModuleInformation.h>
 #include <base/VoUtils.h>
 #include <base/com/VoComHelper.h>
 
@@ -35,22 +34,6 @@ inline void ExpectNotLogged(const CLogCapture& log, std::wstring_view secret)
     for (const CLogLine& line : log.Lines())
         EXPECT_EQ(line.text.find(secret), std::wstring::npos);
 }
-
-// Makes the factory choose a transport kind while it lives.
-class CTransportScope
-{
-public:
-    explicit CTransportScope(UINT32 kind) noexcept : m_before(CVoModuleInformation::Get().HTTPEngine())
-    {
-        CVoModuleInformation::Get().SetHTTPEngine(kind);
-    }
-    ~CTransportScope() { CVoModuleInformation::Get().SetHTTPEngine(m_before); }
-    CTransportScope(const CTransportScope&) = delete;
-    CTransportScope& operator=(const CTransportScope&) = delete;
-
-private:
-    UINT32 m_before;
-};
 
 // Answers challenges from a list, then declines, and notes who asked.
 class CScriptedAuthCallback final : public CVoIUnknownImplWithFreeThreadedMarshaller<IVoAuthenticationCallback>
@@ -265,9 +248,8 @@ struct CConnecting
 };
 [[nodiscard]] inline HRESULT ConnectTo(std::wstring_view url, const CConnecting& how, Message& message)
 {
-    const CTransportScope scope(how.kind);
-    return CVoHTTPMessage::Connect(Address(url), how.callback, how.proxies, how.cookies, how.connectTimeout, how.requestTimeout,
-                                   how.verify, how.revocation, message);
+    return CVoHTTPMessage::Connect(how.kind, Address(url), how.callback, how.proxies, how.cookies, how.connectTimeout,
+                                   how.requestTimeout, how.verify, how.revocation, message);
 }
 
 [[nodiscard]] inline Request Open(CVoHTTPMessage& message)

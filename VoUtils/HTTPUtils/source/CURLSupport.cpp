@@ -1,3 +1,4 @@
+// The parts of the libcurl transport; see CURLSupport.h.
 #include "CURLSupport.h"
 
 #include "VoDataLog.h"
@@ -14,7 +15,7 @@ namespace VoHTTPMessageCURL
 {
 namespace
 {
-// An answer's announced length is only a promise: no more than this is reserved on its word.
+// The announced length of a response is only a promise: reserve at most this much for it.
 constexpr curl_off_t kMaximumReserve = curl_off_t{ 256 } * 1024 * 1024;
 
 HRESULT ReportCURLError(CURLcode code, const std::wstring& context)
@@ -28,55 +29,6 @@ HRESULT ReportCURLError(CURLcode code, const std::wstring& context)
 std::wstring_view HeaderValue(std::wstring_view line, size_t nameLength) noexcept
 {
     return VoTrim(line.substr(nameLength));
-}
-
-// The URL that a relative or absolute reference means, seen from `base`.
-std::wstring ResolveUrl(const char* base, std::wstring_view reference)
-{
-    std::string bytes;
-    if (FAILED(VoUrlToBytes(reference, bytes)))
-        return {};
-    const std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> url(curl_url(), &curl_url_cleanup);
-    char* text = nullptr;
-    if (!url || curl_url_set(url.get(), CURLUPART_URL, base, 0) != CURLUE_OK ||
-        curl_url_set(url.get(), CURLUPART_URL, bytes.c_str(), 0) != CURLUE_OK ||
-        curl_url_get(url.get(), CURLUPART_URL, &text, 0) != CURLUE_OK)
-        return {};
-    const std::unique_ptr<char, decltype(&curl_free)> owned(text, &curl_free);
-    std::wstring result;
-    return SUCCEEDED(VoUTF8ToString(text, result)) ? VoWithoutUserInfo(result) : std::wstring();
-}
-
-// The URL of the answer that is being read, which is libcurl's own to tell: redirects change it.
-std::wstring AnsweredUrl(const CHeaderContext& context)
-{
-    const char* url = nullptr;
-    std::wstring result;
-    if (curl_easy_getinfo(context.handle, CURLINFO_EFFECTIVE_URL, &url) != CURLE_OK || !url ||
-        FAILED(VoUTF8ToString(url, result)))
-        return context.requestUrl;
-    return VoWithoutUserInfo(result);
-}
-
-// libcurl would send the Cookie header of the first URL to wherever it is redirected. The header is replaced by the one for
-// the target, so that no cookie leaves its site and one set by the redirecting answer is sent at once.
-void FollowRedirect(CHeaderContext& context)
-{
-    const char* current = nullptr;
-    if (curl_easy_getinfo(context.handle, CURLINFO_EFFECTIVE_URL, &current) != CURLE_OK || !current)
-        return;
-    const std::wstring target = ResolveUrl(current, context.location);
-    context.location.clear();
-
-    CVoBstr cookie;
-    std::string cookieBytes;
-    CServerAddressData address;
-    if (context.cookieStore && SUCCEEDED(address.SetAddress(target, false, true, true)) &&
-        SUCCEEDED(context.cookieStore->GetCookieStringForHTTPRequest(
-            CVoBstr(address.FullURL()).Get(), address.IsSecure() ? VARIANT_TRUE : VARIANT_FALSE, cookie.Put())))
-        (void)VoStringToUTF8(cookie.View(), cookieBytes);
-    (void)CURLSetOpt(context.handle, CURLOPT_COOKIE, cookieBytes.empty() ? nullptr : cookieBytes.c_str());
-    context.cookieReplaced = true;
 }
 
 const wchar_t* EndpointFormat(curl_infotype type) noexcept
@@ -215,9 +167,16 @@ size_t read_callback(char* buffer, size_t size, size_t count, void* source) noex
     }
     auto& body = *static_cast<CBodySource*>(source);
     const size_t copied = std::min(size * count, body.length - body.position);
-    if (copied > 0)
-        std::memcpy(buffer, body.data + body.position, copied);
-    body.position += copied;
+    try
+    {
+        if (copied > 0)
+            std::memcpy(buffer, body.data + body.position, copied);
+        body.position += copied;
+    }
+    catch (...)
+    {
+        report(387, kResultCallbackException);
+    }
     if (body.sent)
         body.sent->store(body.position, std::memory_order_relaxed);
     return copied;
@@ -257,12 +216,12 @@ try
     const std::string_view bytes(line, length);
     constexpr std::string_view kStatusLine = "HTTP/";
     const bool isStatusLine = length >= kStatusLine.size() && ::_strnicmp(line, kStatusLine.data(), kStatusLine.size()) == 0;
-    // Behind the headers come the next answer's or, behind a body, trailer fields, which are no headers (RFC 9110, section
-    // 6.5.1).
+    // After the headers come those of the next response or, after a body, trailer fields, which are no headers (RFC 9110,
+    // section 6.5.1).
     if (headers.complete && !isStatusLine)
         return length;
 
-    // Header fields are bytes; those beyond ASCII are kept one to one when they are not UTF-8 (RFC 9110, section 5.5).
+    // Header fields are bytes. When they are not UTF-8, each byte becomes one character (RFC 9110, section 5.5).
     std::wstring text;
     if (const HRESULT hr = VoUTF8ToString(bytes, text); FAILED(hr))
     {
@@ -277,12 +236,12 @@ try
     constexpr size_t kVersionLength = 3;
     if (VoStartsWithNoCase(text, kSetCookie))
     {
-        // A proxy's demand for credentials is no answer of the server, so its cookies are not either.
+        // A 407 is the proxy's response, so its cookies are not the server's.
         if (headers.cookieStore && headers.statusCode != L"407")
         {
             const HRESULT hr = headers.cookieStore->AddCookieFromString(CVoBstr(HeaderValue(text, kSetCookie.size())).Get(),
-                                                                        CVoBstr(AnsweredUrl(headers)).Get());
-            if (FAILED(hr)) // the cookie is dropped, the answer stands
+                                                                        CVoBstr(headers.requestUrl).Get());
+            if (FAILED(hr)) // the cookie is dropped, the response stands
                 report(433, hr);
         }
     }
@@ -299,28 +258,94 @@ try
     }
     else if (VoStartsWithNoCase(text, kLocation))
     {
-        // libcurl follows the first that says something.
+        // libcurl follows the first one that is not empty.
         if (headers.location.empty())
             headers.location = HeaderValue(text, kLocation.size());
     }
     else if (text == L"\r\n" || text == L"\n")
-    {
         headers.complete = true;
-        if (headers.statusCode.starts_with(L'3') && !headers.location.empty())
-            FollowRedirect(headers);
-    }
     return length;
 }
 catch (...)
 {
     CVoReporter{ kSource, L"VoHTTPMessageCURL::header_callback" }(463, kResultCallbackException);
-    // Where a redirect leads, the cookies of this server must not go.
-    if (auto* const headers = static_cast<CHeaderContext*>(context))
-    {
-        (void)curl_easy_setopt(headers->handle, CURLOPT_COOKIE, nullptr);
-        headers->cookieReplaced = true;
-    }
     return size * count;
+}
+
+HRESULT ParseCURLUrl(const char* url, CServerAddressData& address) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::ParseCURLUrl" };
+    return report.Guard(343, [&]() -> HRESULT
+    {
+        const std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> parsed(curl_url(), &curl_url_cleanup);
+        // The flags that libcurl itself uses for the URL of a request.
+        if (!parsed || !url ||
+            curl_url_set(parsed.get(), CURLUPART_URL, url, CURLU_GUESS_SCHEME | CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK)
+            return report(330, E_INVALIDARG);
+        std::string text;
+        const auto append = [&](CURLUPart part, std::string_view before, std::string_view ifMissing)
+        {
+            char* value = nullptr;
+            if (curl_url_get(parsed.get(), part, &value, 0) != CURLUE_OK)
+            {
+                text += ifMissing;
+                return;
+            }
+            const std::unique_ptr<char, decltype(&curl_free)> owned(value, &curl_free);
+            text.append(before).append(value);
+        };
+        append(CURLUPART_SCHEME, "", "");
+        append(CURLUPART_HOST, "://", "://");
+        append(CURLUPART_PORT, ":", "");
+        append(CURLUPART_PATH, "", "/");
+        append(CURLUPART_QUERY, "?", "");
+        std::wstring wide;
+        HRESULT hr = VoUTF8ToString(text, wide);
+        if (SUCCEEDED(hr))
+            hr = address.SetAddress(wide, false, true, true);
+        return SUCCEEDED(hr) ? hr : report(340, hr);
+    });
+}
+
+int prereq_callback(void* context, char* /*serverAddress*/, char* /*clientAddress*/, int /*serverPort*/,
+                    int /*clientPort*/) noexcept
+try
+{
+    constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::prereq_callback" };
+    auto& headers = *static_cast<CHeaderContext*>(context);
+    const char* url = nullptr;
+    curl_easy_getinfo(headers.handle, CURLINFO_EFFECTIVE_URL, &url);
+    CServerAddressData address;
+    if (FAILED(ParseCURLUrl(url, address)))
+        return CURL_PREREQFUNC_ABORT;
+    const bool isRedirect = !headers.isFirstRequest && address.FullURL() != headers.requestUrl;
+    if (isRedirect && headers.isSecure && !address.IsSecure())
+    {
+        report(347, E_ACCESSDENIED);
+        return CURL_PREREQFUNC_ABORT;
+    }
+    headers.requestUrl = address.FullURL();
+    headers.isSecure = address.IsSecure();
+    headers.isFirstRequest = false;
+    if (!isRedirect)
+        return CURL_PREREQFUNC_OK;
+    CVoBstr cookie;
+    std::string cookieBytes;
+    if (headers.cookieStore)
+        if (const HRESULT hr = headers.cookieStore->GetCookieStringForHTTPRequest(
+                CVoBstr(headers.requestUrl).Get(), headers.isSecure ? VARIANT_TRUE : VARIANT_FALSE, cookie.Put());
+            FAILED(hr))
+            report(350, hr); // the redirect is sent without cookies
+    (void)VoStringToUTF8(cookie.View(), cookieBytes);
+    headers.cookieReplaced = true;
+    const char* const value = cookieBytes.empty() ? nullptr : cookieBytes.c_str();
+    return SUCCEEDED(CURLSetOpt(headers.handle, CURLOPT_COOKIE, value)) ? CURL_PREREQFUNC_OK : CURL_PREREQFUNC_ABORT;
+}
+catch (...)
+{
+    // Nothing is sent when it is unknown whose cookies would travel.
+    CVoReporter{ kSource, L"VoHTTPMessageCURL::prereq_callback" }.CurrentException(355);
+    return CURL_PREREQFUNC_ABORT;
 }
 
 size_t write_callback(char* data, size_t size, size_t count, void* context) noexcept

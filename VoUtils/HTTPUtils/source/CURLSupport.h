@@ -1,5 +1,5 @@
-// What the libcurl transport is made of: checked calls, header lists, the shared connections, the callbacks of a transfer.
-// All of it reports under the transport's source name, so its trace points share the transport's numbers.
+// The parts of the libcurl transport: checked calls, header lists, shared connections, the callbacks of a transfer. All of them
+// report under the transport's source name, so their trace points share the transport's numbers.
 #pragma once
 
 #include <VoHTTPMessage.h>
@@ -7,7 +7,7 @@
 #include <base/VoLock.h>
 #include <base/VoMultiThreading.h>
 
-// Some options that this transport sets are marked as superseded by newer ones that older releases lack.
+// Some options that this transport sets are marked as deprecated; older releases lack their successors.
 #define CURL_DISABLE_DEPRECATION
 #include <curl/curl.h>
 
@@ -16,13 +16,14 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace VoHTTPMessageCURL
 {
 inline constexpr const wchar_t* kSource = L"..\\source\\VoHTTPMessageCURL";
 
-// S_OK for CURLE_OK. Any other code is reported with its name and the context, a printf format with one argument, and gives
+// S_OK for CURLE_OK. Any other code is reported with its name and the context (a printf format with one argument) and gives
 // E_FAIL.
 [[nodiscard]] HRESULT CheckCURLError(CURLcode code, const wchar_t* format, int argument) noexcept;
 [[nodiscard]] HRESULT CheckCURLError(CURLcode code, const std::wstring& context) noexcept;
@@ -39,7 +40,7 @@ template <class Value>
     return CheckCURLError(curl_easy_getinfo(handle, info, value), L"curl_easy_getinfo(%d)", static_cast<int>(info));
 }
 
-// Sets options one after the other; the first that is refused is reported at its trace point and stops the rest.
+// Sets options one after the other. The first refused option is reported at its trace point; the rest is not set.
 class CCURLOptions
 {
 public:
@@ -68,7 +69,7 @@ struct CCURLHandleDeleter
 };
 using CCURLHandle = std::unique_ptr<CURL, CCURLHandleDeleter>;
 
-// Makes libcurl ready for the process, once; a new easy handle, or null.
+// A new easy handle, or null. The first call initialises libcurl for the process.
 [[nodiscard]] CCURLHandle MakeCURLHandle() noexcept;
 
 // Owns one list of request headers.
@@ -81,15 +82,16 @@ public:
     CURLSListWrapper& operator=(const CURLSListWrapper&) = delete;
 
     [[nodiscard]] HRESULT Append(std::wstring_view text) noexcept;
+    void Clear() noexcept { curl_slist_free_all(std::exchange(m_list, nullptr)); }
     [[nodiscard]] curl_slist* Get() const noexcept { return m_list; }
 
 private:
     curl_slist* m_list = nullptr;
 };
 
-// The open connections of one message, and the easy handles that its past requests have left, which save making and filling
-// new ones. The requests of the message transfer one at a time, under its lock, but a request may be let go on any thread at
-// any time, so both lock what they guard.
+// The open connections of one message, and the easy handles of its past requests, which new requests use again. The requests
+// of the message transfer one at a time, under its lock. A request may be destroyed on any thread at any time, so both parts
+// have locks of their own.
 class CCURLConnections
 {
 public:
@@ -98,11 +100,11 @@ public:
     CCURLConnections(const CCURLConnections&) = delete;
     CCURLConnections& operator=(const CCURLConnections&) = delete;
 
-    // A handle that uses these connections, with no other option set; null when there can be none.
+    // A handle that uses these connections, with no other option set; null when libcurl gives none.
     [[nodiscard]] CCURLHandle TakeHandle() noexcept;
-    // Keeps a handle made by TakeHandle for the next request, without anything that its options held.
+    // Keeps a handle of TakeHandle for the next request. All its options are cleared, credentials included.
     void GiveBack(CCURLHandle handle) noexcept;
-    // Makes a handle from elsewhere use these connections.
+    // Makes any other handle use these connections.
     [[nodiscard]] HRESULT Attach(CURL* handle) const noexcept;
 
 private:
@@ -126,7 +128,7 @@ struct CBodySource
     std::atomic<UINT64>* sent = nullptr; // progress; may be null
 };
 
-// Where the answer of one transfer goes.
+// Receives the body of one transfer's response.
 struct CCURLWriteCallbackData
 {
     CURL* handle = nullptr;
@@ -136,27 +138,36 @@ struct CCURLWriteCallbackData
     std::atomic<UINT64>* expected = nullptr;
 };
 
-// What the headers of one transfer said.
+// What the headers of one transfer contain, and where its requests go.
 struct CHeaderContext
 {
     CURL* handle = nullptr;
     IVoHTTPCookieStore* cookieStore = nullptr; // may be null
-    std::wstring requestUrl;                   // as it was sent; redirects lead to others
+    std::wstring requestUrl;                   // of the request that is being answered; prereq_callback changes it
     std::wstring location;
     std::wstring contentType;
     std::wstring protocolVersion;
     std::wstring statusCode;
-    bool complete = false;       // the empty line behind the headers has come
-    bool cookieReplaced = false; // a redirect made the handle's Cookie header that of another URL
+    bool complete = false;       // the empty line after the headers has arrived
+    bool isFirstRequest = true;  // of the transfer; the next ones are redirects
+    bool isSecure = false;       // requestUrl is https
+    bool cookieReplaced = false; // a redirect replaced the handle's Cookie header
 };
 
-// Told when the whole body has left.
+// Receives notice when the whole body has been sent.
 struct CProgressContext
 {
     CVoHTTPMessage::CallBack* callBack = nullptr; // may be null
     bool notified = false;
 };
 
+// The address that libcurl reads out of a URL, by libcurl's own parser, which decides where libcurl goes. User information is
+// dropped. E_INVALIDARG: libcurl or CServerAddressData refuses the URL. `address` is untouched on failure.
+[[nodiscard]] HRESULT ParseCURLUrl(const char* url, CServerAddressData& address) noexcept;
+
+// Called on the connection before each request of a transfer is sent, the first one and each redirect. It gives a redirect the
+// cookies of the URL that libcurl really goes to, and ends the transfer when a redirect leads from https to http.
+int prereq_callback(void* context, char* serverAddress, char* clientAddress, int serverPort, int clientPort) noexcept;
 size_t read_callback(char* buffer, size_t size, size_t count, void* source) noexcept;
 curlioerr ioctl_callback(CURL* handle, int command, void* source) noexcept;
 size_t header_callback(char* line, size_t size, size_t count, void* context) noexcept;

@@ -1,188 +1,226 @@
+// The WinINet transport: the hooks of the transport core on the platform's WinINet service.
 #include <VoHTTPMessageWinINet.h>
 
+#include "VoHTTPTransport.h"
 #include "VoUrl.h"
 #include "WinINetSupport.h"
 #include "WindowsTransport.h"
 
 #include <base/VoUtils.h>
-#include <base/com/VoComHelper.h>
 
 #include <algorithm>
-#include <optional>
-#include <utility>
 
 namespace VoHTTPMessageWinINet
 {
 namespace
 {
-constexpr UINT32 kStatusUnauthorized = 401;
-constexpr UINT32 kStatusProxyAuthenticationRequired = 407;
 constexpr UINT32 kStatusServerError = 500;
-
-constexpr wchar_t kNoCookie[] = L"Cookie:\r\n"; // the empty value takes the header away
-constexpr DWORD kToTheEnd = static_cast<DWORD>(-1);
-constexpr DWORD kReplaceHeader = HTTP_ADDREQ_FLAG_ADD | HTTP_ADDREQ_FLAG_REPLACE;
 
 constexpr DWORD kMaximumConnections = 128;
 constexpr DWORD kOptionMaximumConnectionsPerProxy = 103;
-constexpr DWORD kRequestFlags =
-    INTERNET_FLAG_RELOAD | INTERNET_FLAG_NO_CACHE_WRITE | INTERNET_FLAG_KEEP_CONNECTION | INTERNET_FLAG_NO_COOKIES;
-constexpr DWORD kMaximumPiece = 32'000;           // of a body, per write
+// The transport core follows redirects.
+constexpr DWORD kRequestFlags = INTERNET_FLAG_RELOAD | INTERNET_FLAG_NO_CACHE_WRITE | INTERNET_FLAG_KEEP_CONNECTION |
+                                INTERNET_FLAG_NO_COOKIES | INTERNET_FLAG_NO_AUTO_REDIRECT;
+constexpr DWORD kMaximumPiece = 32'000;           // bytes of a body, per write
 constexpr int kMaximumResends = 2;                // of a body: NTLM, the longest of the schemes, takes two
-constexpr size_t kReadStep = size_t{ 16 } * 1024; // the answer's buffer grows in these steps
+constexpr size_t kReadStep = size_t{ 16 } * 1024; // bytes by which the response's buffer grows
 constexpr size_t kMaximumReserve = size_t{ 256 } * 1024 * 1024;
+constexpr size_t kMaximumProbeBody = size_t{ 64 } * 1024; // bytes of the probe's response that are read
 constexpr DWORD kDialogFlags =
     FLAGS_ERROR_UI_FILTER_FOR_ERRORS | FLAGS_ERROR_UI_FLAGS_CHANGE_OPTIONS | FLAGS_ERROR_UI_FLAGS_GENERATE_DATA;
 constexpr DWORD kIgnoreRevocation = 0x80; // SECURITY_FLAG_IGNORE_REVOCATION
 constexpr DWORD kIgnoreCertificate = SECURITY_FLAG_IGNORE_UNKNOWN_CA | SECURITY_FLAG_IGNORE_WRONG_USAGE |
                                      SECURITY_FLAG_IGNORE_CERT_CN_INVALID | SECURITY_FLAG_IGNORE_CERT_DATE_INVALID |
                                      kIgnoreRevocation;
+constexpr DWORD_PTR kContext = 1;
 
-// A dialog without an owner is not shown at all.
-HWND DialogOwner() noexcept
-{
-    const HWND active = ::GetActiveWindow();
-    return active ? active : ::GetDesktopWindow();
-}
-} // namespace
+constexpr CVoTransportTracePoints kTracePoints{
+    .source = kSource,
+    .destructor = { .function = L"CVoHTTPMessageWinINet::~CVoHTTPMessageWinINet", .close = 300 },
+    .close = { .function = L"CVoHTTPMessageWinINet::internalClose", .request = 308, .session = 314 },
+    .connect = { .function = L"CVoHTTPMessageWinINet::Connect", .close = 330, .address = 333, .open = 335, .exception = 340 },
+    .openRequest = { .function = L"CVoHTTPMessageWinINet::OpenRequest", .open = 580, .exception = 585 },
+    .internalOpenRequest = { .function = L"CVoHTTPMessageWinINet::internalOpenRequest",
+                             .notConnected = 600,
+                             .proxy = 601,
+                             .cookies = 670,
+                             .handle = 602 },
+    .sendMessage = { .function = L"CVoHTTPMessageWinINet::SendMessage",
+                     .request = 760,
+                     .content = { .raw = 765,
+                                  .multipart = 766,
+                                  .formPayload = 767,
+                                  .form = 768,
+                                  .signedKey = 769,
+                                  .signedName = 770,
+                                  .signedPayload = 771,
+                                  .signedForm = 772,
+                                  .sign = 773,
+                                  .emptyPayload = 774,
+                                  .unknownKind = 775 },
+                     .send = 780,
+                     .exception = 785 },
+    .sendMultipleMessages = { .function = L"CVoHTTPMessageWinINet::SendMultipleMessages",
+                              .request = 800,
+                              .content = 805,
+                              .send = 810,
+                              .exception = 815 },
+    .sendGetRequest = { .function = L"CVoHTTPMessageWinINet::SendGetRequest",
+                        .path = 830,
+                        .open = 835,
+                        .send = 840,
+                        .exception = 845 },
+    .internalSend = { .function = L"CVoHTTPMessageWinINet::internalSend",
+                      .attempt = 630,
+                      .exception = 632,
+                      .reset = 634,
+                      .callBack = 636 },
+    .internalSendRAW = { .function = L"CVoHTTPMessageWinINet::internalSendRAW",
+                         .open = 625,
+                         .cookie = 740,
+                         .redirect = 675,
+                         .address = 680,
+                         .status = 685 },
+    .readResponse = { .function = L"CVoHTTPMessageWinINet::ReadResponse",
+                      .request = 900,
+                      .fetch = 905,
+                      .read = 910,
+                      .exception = 915 },
+    .readMultipleResponses = { .function = L"CVoHTTPMessageWinINet::ReadMultipleResponses",
+                               .request = 930,
+                               .fetch = 935,
+                               .read = 940,
+                               .exception = 945 },
+    .internalReadResponse = { .function = L"CVoHTTPMessageWinINet::internalReadResponse", .length = 885 },
+};
+constexpr CVoTransportFacts kFacts{
+    .unexpectedStatus = kResultUnexpectedStatus, .usesProxyStore = false, .cookiesAtSend = true, .tracesEveryAddress = true
+};
 
-class CVoHTTPMessageWinINet::CHTTPRequestDataWinINet final : public CHTTPRequestData
+// The invisible owner of the system's dialog, which is not shown without one. The desktop would disable every window.
+class CDialogOwner
 {
 public:
-    explicit CHTTPRequestDataWinINet(std::shared_ptr<CVoHTTPMessageWinINet> message) : m_message(std::move(message)) {}
+    CDialogOwner() noexcept
+        : m_window(::CreateWindowExW(0, L"STATIC", nullptr, WS_POPUP, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr))
+    {
+    }
+    ~CDialogOwner()
+    {
+        if (m_window)
+            ::DestroyWindow(m_window);
+    }
+    CDialogOwner(const CDialogOwner&) = delete;
+    CDialogOwner& operator=(const CDialogOwner&) = delete;
+
+    // The thread's active window where it has one.
+    [[nodiscard]] HWND Get() const noexcept
+    {
+        const HWND active = ::GetActiveWindow();
+        return active ? active : m_window;
+    }
+
+private:
+    HWND m_window;
+};
+} // namespace
+
+class CVoHTTPMessageWinINet final : public CVoHTTPTransport
+{
+public:
+    CVoHTTPMessageWinINet() : CVoHTTPTransport(kTracePoints, kFacts) {}
+    ~CVoHTTPMessageWinINet() override { CloseInDestructor(); }
+    CVoHTTPMessageWinINet(const CVoHTTPMessageWinINet&) = delete;
+    CVoHTTPMessageWinINet& operator=(const CVoHTTPMessageWinINet&) = delete;
+
+    class CHTTPRequestDataWinINet;
+
+private:
+    [[nodiscard]] HRESULT OpenSession() override;
+    [[nodiscard]] HRESULT CloseSession() noexcept override;
+    [[nodiscard]] std::shared_ptr<CRequest> MakeRequest() override;
+    [[nodiscard]] HRESULT OpenHandle(CRequest& request) override;
+    [[nodiscard]] HRESULT CloseHandle(CRequest& request) noexcept override;
+    [[nodiscard]] HRESULT SendOnce(CRequest& request, std::span<const BYTE> body, const std::wstring& contentType) override;
+    [[nodiscard]] std::optional<std::wstring> CheckHeader(const CRequest& request, const wchar_t* name) const override;
+    [[nodiscard]] bool ReadSetCookie(const CRequest& request, DWORD index, std::wstring& value) const override;
+    [[nodiscard]] HRESULT FetchBody(CRequest& request, std::vector<BYTE>& bytes) override;
+
+    [[nodiscard]] HRESULT OpenConnection(const CServerAddressData& address, CInternetHandle& connection) const;
+    [[nodiscard]] HRESULT SetTimeoutsAndLimits(const CInternetHandle& connection) const noexcept;
+    [[nodiscard]] HRESULT SetProxyCredentials() noexcept;
+    [[nodiscard]] HRESULT ProbeForCredentials();
+    [[nodiscard]] HRESULT AskForProxyCredentials(HINTERNET probe);
+    [[nodiscard]] HRESULT SendProbe(HINTERNET probe, UINT32& status) const noexcept;
+    [[nodiscard]] HRESULT WidenSecurity(HINTERNET request, const CServerAddressData& target, DWORD error) const noexcept;
+
+    [[nodiscard]] HRESULT BeginSend(HINTERNET request, const CServerAddressData& target, DWORD bodyLength,
+                                    const std::wstring& headers) const noexcept;
+    [[nodiscard]] HRESULT WriteBody(CHTTPRequestDataWinINet& request, std::span<const BYTE> body) const noexcept;
+
+    CInternetHandle m_session;
+    CInternetHandle m_connection;
+    CCredentials m_proxyCredentials; // what the system's dialog gave, or the store
+};
+
+class CVoHTTPMessageWinINet::CHTTPRequestDataWinINet final : public CRequest
+{
+public:
+    explicit CHTTPRequestDataWinINet(std::shared_ptr<CVoHTTPMessage> owner) noexcept : m_owner(std::move(owner)) {}
     ~CHTTPRequestDataWinINet() override
     {
         constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::CHTTPRequestDataWinINet::~CHTTPRequestDataWinINet" };
-        if (const HRESULT hr = m_handle.Close(); FAILED(hr))
+        if (const HRESULT hr = CloseHandles(); FAILED(hr))
             report(260, hr);
     }
     [[nodiscard]] HRESULT Close() noexcept
     {
         constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::CHTTPRequestDataWinINet::Close" };
-        m_answered = false;
-        if (const HRESULT hr = m_handle.Close(); FAILED(hr))
-            return report(270, hr);
-        return S_OK;
+        const HRESULT hr = CloseHandles();
+        return SUCCEEDED(hr) ? S_OK : report(270, hr);
     }
 
-    using CHTTPRequestData::m_cookieHeader;
-    using CHTTPRequestData::m_received;
-    using CHTTPRequestData::m_sent;
-    using CHTTPRequestData::m_toReceive;
-    using CHTTPRequestData::m_toSend;
-
-    // The request's handle lives under the message's connection, so the message is kept; the handle goes first.
-    std::shared_ptr<CVoHTTPMessageWinINet> m_message;
+    std::shared_ptr<CVoHTTPMessage> m_owner; // the handles live under the message's connection or session
+    CInternetHandle m_targetConnection;      // to the target of a redirect on another server
     CInternetHandle m_handle;
-    // The request that this thread sends: the platform's callback comes on the thread that waits for it.
-    static thread_local CHTTPRequestDataWinINet* t_sending;
-    bool m_isHandleUsed = false; // something was sent with it
-    const wchar_t* m_verb = L"POST";
-    CServerAddressData m_address;
-    std::wstring m_localIPAddress;
-    UINT32 m_statusCode = 0;
-    bool m_answered = false; // an answer waits at the handle
-    CAnswer m_answer;        // one that was read from there
-};
-thread_local CVoHTTPMessageWinINet::CHTTPRequestDataWinINet* CVoHTTPMessageWinINet::CHTTPRequestDataWinINet::t_sending =
-    nullptr;
-
-// Names the request that this thread sends.
-class CVoHTTPMessageWinINet::CSending
-{
-public:
-    explicit CSending(CHTTPRequestDataWinINet& request) noexcept
-        : m_outer(std::exchange(CHTTPRequestDataWinINet::t_sending, &request))
-    {
-    }
-    ~CSending() { CHTTPRequestDataWinINet::t_sending = m_outer; }
-    CSending(const CSending&) = delete;
-    CSending& operator=(const CSending&) = delete;
 
 private:
-    CHTTPRequestDataWinINet* m_outer;
+    [[nodiscard]] HRESULT CloseHandles() noexcept
+    {
+        const HRESULT handle = m_handle.Close();
+        const HRESULT connection = m_targetConnection.Close();
+        return FAILED(handle) ? handle : connection;
+    }
 };
 
-CVoHTTPMessageWinINet::~CVoHTTPMessageWinINet()
+std::shared_ptr<CVoHTTPMessage> MakeMessage()
 {
-    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::~CVoHTTPMessageWinINet" };
-    if (const HRESULT hr = internalClose(); FAILED(hr))
-        report(300, hr);
+    return std::make_shared<CVoHTTPMessageWinINet>();
 }
 
-HRESULT CVoHTTPMessageWinINet::internalClose() noexcept
+HRESULT CVoHTTPMessageWinINet::CloseHandle(CRequest& request) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalClose" };
-    HRESULT result = S_OK;
-    const auto note = [&](int line, HRESULT hr)
-    {
-        if (SUCCEEDED(hr))
-            return;
-        report(line, hr);
-        if (SUCCEEDED(result))
-            result = hr;
-    };
-    // A handle's children are closed before it. A request that is going away just now closes its own.
-    for (const std::weak_ptr<CHTTPRequestDataWinINet>& open : m_requests)
-        if (const std::shared_ptr<CHTTPRequestDataWinINet> request = open.lock())
-            note(308, request->Close());
-    m_requests.clear();
-    note(310, m_connection.Close());
-    note(312, m_session.Close());
-    m_proxyUser.clear();
-    m_proxyPassword = CVoSecret<wchar_t>();
-    ForgetConnection();
-    return result;
+    return static_cast<CHTTPRequestDataWinINet&>(request).Close();
 }
 
-HRESULT CVoHTTPMessageWinINet::Connect(const CServerAddressData& serverAddress, IVoAuthenticationCallback* authCallback,
-                                       IVoHTTPProxyStore* proxyStore, IVoHTTPCookieStore* cookieStore, UINT32 connectTimeout,
-                                       UINT32 requestTimeout, bool verifyServerCertificate, bool checkRevocation) noexcept
-try
-{
-    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::Connect" };
-    const CAutoLock lock(&m_lock);
-    if (const HRESULT hr = internalClose(); FAILED(hr))
-        return report(330, hr);
-    StoreConnection(serverAddress, authCallback, proxyStore, cookieStore, connectTimeout, requestTimeout,
-                    verifyServerCertificate, checkRevocation);
-    if (const HRESULT hr = internalConnect(); FAILED(hr))
-    {
-        (void)internalClose();
-        return report(335, hr);
-    }
-    m_connected = true;
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoHTTPMessageWinINet::Connect" }.CurrentException(340);
-}
-
-HRESULT CVoHTTPMessageWinINet::internalConnect()
+HRESULT CVoHTTPMessageWinINet::OpenSession()
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalConnect" };
-    static const std::wstring userAgent = L"CVoHTTPMessageWinINet";
-    m_session = CInternetHandle(::InternetOpenW(userAgent.c_str(), INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0));
+    m_session = CInternetHandle(::InternetOpenW(L"CVoHTTPMessageWinINet", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0));
     if (!m_session)
         return report.LastError(360, 361);
-    m_connection = CInternetHandle(::InternetConnectW(m_session.Get(), m_serverAddress.Host().c_str(),
-                                                      m_serverAddress.EffectivePort(), L"", L"", INTERNET_SERVICE_HTTP, 0, 1));
-    if (!m_connection)
-        return report.LastError(365, 366);
-    if (const HRESULT hr = SetTimeoutsAndLimits(); FAILED(hr))
+    if (const HRESULT hr = OpenConnection(m_serverAddress, m_connection); FAILED(hr))
         return report(370, hr);
 
-    CProxy proxy;
-    if (const HRESULT hr = GetProxy(nullptr, proxy); FAILED(hr))
+    std::wstring proxy;
+    std::optional<CCredentials> known;
+    if (const HRESULT hr = GetProxy(nullptr, proxy, known); FAILED(hr))
         return report(375, hr);
-    m_proxyUser = std::move(proxy.user);
-    m_proxyPassword.Get().swap(proxy.password);
-
-    // The store names a user only where its credentials are known and to be used: then nobody need be asked.
-    if (!m_proxyUser.empty())
+    // The store names credentials only where they are known and to be used: then nobody needs to be asked.
+    if (known)
     {
-        if (m_proxyPassword.Get().empty())
+        m_proxyCredentials = std::move(*known);
+        if (m_proxyCredentials.password.Get().empty())
             return S_OK;
         if (const HRESULT hr = SetProxyCredentials(); FAILED(hr))
             return report(380, hr);
@@ -193,7 +231,28 @@ HRESULT CVoHTTPMessageWinINet::internalConnect()
     return S_OK;
 }
 
-HRESULT CVoHTTPMessageWinINet::SetTimeoutsAndLimits() noexcept
+HRESULT CVoHTTPMessageWinINet::CloseSession() noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalClose" };
+    const HRESULT connection = m_connection.Close();
+    const HRESULT session = m_session.Close();
+    m_proxyCredentials = CCredentials();
+    if (FAILED(connection))
+        return report(310, connection);
+    return SUCCEEDED(session) ? S_OK : report(312, session);
+}
+
+HRESULT CVoHTTPMessageWinINet::OpenConnection(const CServerAddressData& address, CInternetHandle& connection) const
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalConnect" };
+    connection = CInternetHandle(::InternetConnectW(m_session.Get(), address.Host().c_str(), address.EffectivePort(), L"", L"",
+                                                    INTERNET_SERVICE_HTTP, 0, kContext));
+    if (!connection)
+        return report.LastError(365, 366);
+    return SetTimeoutsAndLimits(connection);
+}
+
+HRESULT CVoHTTPMessageWinINet::SetTimeoutsAndLimits(const CInternetHandle& connection) const noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalConnect" };
     struct CSetting
@@ -214,7 +273,7 @@ HRESULT CVoHTTPMessageWinINet::SetTimeoutsAndLimits() noexcept
         DWORD value = setting.value;
         const auto set = [&](HINTERNET handle)
         { return ::InternetSetOptionW(handle, setting.option, &value, sizeof value) ? ERROR_SUCCESS : ::GetLastError(); };
-        DWORD error = set(setting.onConnection ? m_connection.Get() : nullptr);
+        DWORD error = set(setting.onConnection ? connection.Get() : nullptr);
         if (error == WindowsTransport::kErrorInvalidOperation && setting.onConnection)
         {
             report.Message(400, L"Option %u is set for the process", setting.option);
@@ -232,28 +291,30 @@ HRESULT CVoHTTPMessageWinINet::SetTimeoutsAndLimits() noexcept
 HRESULT CVoHTTPMessageWinINet::SetProxyCredentials() noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::SetProxyCredentials" };
-    if (!::InternetSetOptionW(m_connection.Get(), INTERNET_OPTION_PROXY_USERNAME, m_proxyUser.data(),
-                              static_cast<DWORD>(m_proxyUser.size())))
+    if (!::InternetSetOptionW(m_connection.Get(), INTERNET_OPTION_PROXY_USERNAME, m_proxyCredentials.user.data(),
+                              static_cast<DWORD>(m_proxyCredentials.user.size())))
         return report.LastError(430, 431);
-    if (!::InternetSetOptionW(m_connection.Get(), INTERNET_OPTION_PROXY_PASSWORD, m_proxyPassword.Get().data(),
-                              static_cast<DWORD>(m_proxyPassword.Get().size())))
+    if (!::InternetSetOptionW(m_connection.Get(), INTERNET_OPTION_PROXY_PASSWORD, m_proxyCredentials.password.Get().data(),
+                              static_cast<DWORD>(m_proxyCredentials.password.Get().size())))
         return report.LastError(435, 436);
     return S_OK;
 }
 
-// Sends the probe and reads its answer away.
-HRESULT CVoHTTPMessageWinINet::SendProbe(void* probe, UINT32& status) noexcept
+// Sends the probe and reads its response.
+HRESULT CVoHTTPMessageWinINet::SendProbe(HINTERNET probe, UINT32& status) const noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::SendProbe" };
     if (!::HttpSendRequestW(probe, nullptr, 0, nullptr, 0))
     {
         const DWORD error = ::GetLastError();
-        if (const HRESULT hr = WidenSecurity(probe, error); FAILED(hr))
+        if (const HRESULT hr = WidenSecurity(probe, m_serverAddress, error); FAILED(hr))
             return report(450, hr);
         if (!::HttpSendRequestW(probe, nullptr, 0, nullptr, 0))
             return report.LastError(452, 453);
     }
-    for (;;)
+    // Bounded in size and time: the rest of a long response is of no use here.
+    const INT64 end = VoGetMicroseconds() + INT64{ m_requestTimeout } * 1'000'000;
+    for (size_t received = 0; received < kMaximumProbeBody && VoGetMicroseconds() < end; ++received)
     {
         BYTE byte = 0;
         DWORD read = 0;
@@ -262,7 +323,7 @@ HRESULT CVoHTTPMessageWinINet::SendProbe(void* probe, UINT32& status) noexcept
         if (read == 0)
             break;
     }
-    return QueryStatus(probe, status, report, 465);
+    return QueryStatus(probe, status, report, 465, 466);
 }
 
 HRESULT CVoHTTPMessageWinINet::ProbeForCredentials()
@@ -279,54 +340,59 @@ HRESULT CVoHTTPMessageWinINet::ProbeForCredentials()
     UINT32 status = 0;
     if (const HRESULT hr = SendProbe(probe.Get(), status); FAILED(hr))
     {
-        // Nobody was there to ask for credentials. The request will meet the same and fail with its own code.
+        // Nobody was there to ask for credentials. The request will meet the same failure and return its code.
         report(485, hr);
         return S_OK;
     }
     if (status != kStatusUnauthorized && status != kStatusProxyAuthenticationRequired)
         return S_OK;
-    if (const HRESULT hr = AskForCredentials(probe.Get()); FAILED(hr))
+    if (const HRESULT hr = AskForProxyCredentials(probe.Get()); FAILED(hr))
         return report(490, hr);
     return S_OK;
 }
 
-// Shows the system's dialog for a probe that was answered 401 or 407, and keeps what was entered for the proxy.
-HRESULT CVoHTTPMessageWinINet::AskForCredentials(void* probe)
+// Shows the system's dialog for a probe whose status was 401 or 407, and saves what was typed for the proxy.
+HRESULT CVoHTTPMessageWinINet::AskForProxyCredentials(HINTERNET probe)
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::AskForCredentials" };
-    const DWORD answer = ::InternetErrorDlg(DialogOwner(), probe, ERROR_INTERNET_INCORRECT_PASSWORD, kDialogFlags, nullptr);
+    const CDialogOwner owner;
+    const DWORD answer = ::InternetErrorDlg(owner.Get(), probe, ERROR_INTERNET_INCORRECT_PASSWORD, kDialogFlags, nullptr);
     if (answer == ERROR_CANCELLED)
         return S_OK; // the request will meet the same challenge
+    // A dialog that the system cannot show gives -1, which is no error number.
+    constexpr DWORD kNoDialog = static_cast<DWORD>(-1);
+    if (answer == kNoDialog)
+        return report(508, HResultFromWin32(ERROR_INVALID_WINDOW_HANDLE));
     if (answer != ERROR_SUCCESS && answer != ERROR_INTERNET_FORCE_RETRY)
         return report.Win32(510, 511, answer);
 
-    // What was entered for a server leaves none for the proxy.
-    if (!QueryOptionText(probe, INTERNET_OPTION_PROXY_USERNAME, m_proxyUser))
+    // Credentials typed for a server leave none for the proxy.
+    if (!QueryOptionText(probe, INTERNET_OPTION_PROXY_USERNAME, m_proxyCredentials.user))
         report.LastError(513, 514);
-    if (!QueryOptionText(probe, INTERNET_OPTION_PROXY_PASSWORD, m_proxyPassword.Get()))
+    if (!QueryOptionText(probe, INTERNET_OPTION_PROXY_PASSWORD, m_proxyCredentials.password.Get()))
         report.LastError(516, 517);
     UINT32 status = 0;
     if (const HRESULT hr = SendProbe(probe, status); FAILED(hr))
         return report(520, hr);
-    if (status != WindowsTransport::kStatusOk && status < kStatusServerError)
+    if (status != kStatusOk && status < kStatusServerError)
         return report(525, kResultUnexpectedStatus);
-    if (!m_proxyStore || m_proxyUser.empty())
+    if (!m_proxyStore || m_proxyCredentials.user.empty())
         return S_OK;
-    // They are kept for the proxy that stands before this server, which need not be one that was configured by hand.
+    // They are saved for the proxy of this server's URL, which need not be one that is configured by hand.
     const std::wstring url = m_serverAddress.FullURL();
-    CProxy proxy;
-    if (const HRESULT hr = GetProxy(&url, proxy); FAILED(hr))
+    std::wstring proxy;
+    std::optional<CCredentials> known;
+    if (const HRESULT hr = GetProxy(&url, proxy, known); FAILED(hr))
         return report(527, hr);
-    if (proxy.proxy.empty())
+    if (proxy.empty())
         return S_OK; // the platform found a proxy that the store does not know
-    if (const HRESULT hr = SaveProxyCredentials(*m_proxyStore.Get(), proxy.proxy, m_proxyUser, m_proxyPassword.Get());
-        FAILED(hr))
+    if (const HRESULT hr = SaveProxyCredentials(proxy, m_proxyCredentials); FAILED(hr))
         return report(530, hr);
     return S_OK;
 }
 
-// Passes over a certificate error as far as the switches allow: S_OK when the request may be tried again, else the error.
-HRESULT CVoHTTPMessageWinINet::WidenSecurity(void* request, DWORD error) noexcept
+// Passes over a certificate error as far as the switches allow. S_OK: the request may be tried again. Otherwise the error.
+HRESULT CVoHTTPMessageWinINet::WidenSecurity(HINTERNET request, const CServerAddressData& target, DWORD error) const noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::WidenSecurity" };
     DWORD flags = 0;
@@ -338,13 +404,13 @@ HRESULT CVoHTTPMessageWinINet::WidenSecurity(void* request, DWORD error) noexcep
     case ERROR_INTERNET_SEC_CERT_CN_INVALID:
     case ERROR_INTERNET_INVALID_CA:
     case ERROR_INTERNET_SEC_CERT_ERRORS:
-        if (m_verifyServerCertificate)
+        if (VerifiesCertificateOf(target))
             return report.Win32(550, 551, error);
         flags |= kIgnoreCertificate;
         break;
     case ERROR_INTERNET_SEC_CERT_NO_REV:
     case ERROR_INTERNET_SEC_CERT_REV_FAILED:
-        if (m_checkCertificateRevocation)
+        if (ChecksRevocationOf(target))
             return report.Win32(555, 556, error);
         flags |= kIgnoreRevocation;
         break;
@@ -356,182 +422,72 @@ HRESULT CVoHTTPMessageWinINet::WidenSecurity(void* request, DWORD error) noexcep
     return S_OK;
 }
 
-HRESULT CVoHTTPMessageWinINet::OpenRequest(std::shared_ptr<CHTTPRequestData>& request) noexcept
-try
+std::shared_ptr<CVoHTTPTransport::CRequest> CVoHTTPMessageWinINet::MakeRequest()
 {
-    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::OpenRequest" };
-    const CAutoLock lock(&m_lock);
-    if (const HRESULT hr = internalOpenRequest(m_serverAddress, L"POST", request); FAILED(hr))
-        return report(580, hr);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoHTTPMessageWinINet::OpenRequest" }.CurrentException(585);
+    return std::make_shared<CHTTPRequestDataWinINet>(shared_from_this());
 }
 
-HRESULT CVoHTTPMessageWinINet::internalOpenRequest(const CServerAddressData& address, const wchar_t* verb,
-                                                   std::shared_ptr<CHTTPRequestData>& request)
-{
-    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalOpenRequest" };
-    if (!m_connected)
-        return report(600, HRESULT_FROM_WIN32(ERROR_NOT_CONNECTED));
-    auto made = std::make_shared<CHTTPRequestDataWinINet>(std::static_pointer_cast<CVoHTTPMessageWinINet>(shared_from_this()));
-    made->m_address = address;
-    if (const HRESULT hr = OpenHandle(*made, verb); FAILED(hr))
-        return report(602, hr);
-    std::erase_if(m_requests, [](const auto& open) { return open.expired(); });
-    m_requests.push_back(made);
-    request = std::move(made);
-    return S_OK;
-}
-
-// The request behind a caller's pointer, kept from here on, as a callback may drop the caller's; null unless this message made
-// it.
-std::shared_ptr<CVoHTTPMessageWinINet::CHTTPRequestDataWinINet> CVoHTTPMessageWinINet::OwnRequest(
-    const std::shared_ptr<CHTTPRequestData>& request) const noexcept
-{
-    std::shared_ptr<CHTTPRequestDataWinINet> data = std::dynamic_pointer_cast<CHTTPRequestDataWinINet>(request);
-    return data && data->m_message.get() == this ? data : nullptr;
-}
-
-// Gives a request a fresh handle, which owes nothing to what an earlier one left unread.
-HRESULT CVoHTTPMessageWinINet::OpenHandle(CHTTPRequestDataWinINet& request, const wchar_t* verb)
+HRESULT CVoHTTPMessageWinINet::OpenHandle(CRequest& opened)
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::OpenHandle" };
+    auto& request = static_cast<CHTTPRequestDataWinINet&>(opened);
+    const CServerAddressData& target = request.m_target;
+    (void)request.Close(); // reported
     std::wstring objectName;
-    if (const HRESULT hr = VoEncodeUrl(request.m_address.ObjectName(), objectName); FAILED(hr))
+    if (const HRESULT hr = VoEncodeUrl(target.ObjectName(), objectName); FAILED(hr))
         return report(604, hr);
+    const bool isConnected = target.BaseURL() == m_serverAddress.BaseURL();
+    if (!isConnected)
+        if (const HRESULT hr = OpenConnection(target, request.m_targetConnection); FAILED(hr))
+            return report(607, hr);
     const wchar_t* acceptTypes[] = { L"*/*", nullptr };
-    const DWORD flags = kRequestFlags | (request.m_address.IsSecure() ? INTERNET_FLAG_SECURE : 0);
-    CInternetHandle handle(
-        ::HttpOpenRequestW(m_connection.Get(), verb, objectName.c_str(), L"HTTP/1.1", nullptr, acceptTypes, flags, 0));
-    if (!handle)
-        return report.LastError(605, 606);
-    if (::InternetSetStatusCallbackW(handle.Get(), &OnStatus) == INTERNET_INVALID_STATUS_CALLBACK)
-        return report.LastError(607, 608);
-    // Calls back come for handles with a context only; the one that a send names may be 0.
-    DWORD_PTR context = 1;
-    if (!::InternetSetOptionW(handle.Get(), INTERNET_OPTION_CONTEXT_VALUE, &context, sizeof context))
-        report.LastError(609, 610); // that of the send serves too
-    request.m_handle = std::move(handle);
-    request.m_isHandleUsed = false;
-    request.m_verb = verb;
-    return S_OK;
+    const DWORD flags = kRequestFlags | (target.IsSecure() ? INTERNET_FLAG_SECURE : 0);
+    const CInternetHandle& connection = isConnected ? m_connection : request.m_targetConnection;
+    request.m_handle = CInternetHandle(::HttpOpenRequestW(connection.Get(), request.m_targetVerb, objectName.c_str(),
+                                                          L"HTTP/1.1", nullptr, acceptTypes, flags, 0));
+    return request.m_handle ? S_OK : report.LastError(605, 606);
 }
 
-HRESULT CVoHTTPMessageWinINet::internalSend(CHTTPRequestDataWinINet& request, std::span<const BYTE> body,
-                                            const std::wstring& contentTypeHeader, bool allowRetry, CSendResult* result)
-{
-    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalSend" };
-    request.m_statusCode = 0;
-    request.m_localIPAddress.clear();
-    request.m_answered = false;
-    request.m_answer = {};
-    CAttempts attempts(allowRetry, m_connectTimeout);
-    HRESULT hr = S_OK;
-    for (;;)
-    {
-        attempts.Begin();
-        // A handle that was sent once keeps the headers and the length of that body.
-        if (request.m_isHandleUsed)
-            if (hr = OpenHandle(request, request.m_verb); FAILED(hr))
-            {
-                report(625, hr);
-                break;
-            }
-        if (hr = internalSendRAW(request, body, contentTypeHeader, S_OK); SUCCEEDED(hr))
-            break;
-        report(630, hr);
-        if (!attempts.MayRetry(hr, request.m_statusCode))
-            break;
-    }
-    if (result)
-    {
-        result->retried = attempts.Retried();
-        result->statusCode = request.m_statusCode;
-        result->localAddress = request.m_localIPAddress;
-    }
-    return hr;
-}
-
-// Takes over the cookies that the store has for the request.
-HRESULT CVoHTTPMessageWinINet::GetCookiesForRequest(CHTTPRequestDataWinINet& request) const
-{
-    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::GetCookiesForRequest" };
-    request.m_cookieHeader.clear(); // those of an earlier send are not this one's
-    if (const HRESULT hr = GetCookieHeader(request.m_address, request.m_cookieHeader); FAILED(hr))
-        return report(650, hr);
-    return S_OK;
-}
-
-HRESULT CVoHTTPMessageWinINet::internalSendRAW(CHTTPRequestDataWinINet& request, std::span<const BYTE> body,
-                                               const std::wstring& contentTypeHeader, HRESULT expectedResult)
-{
-    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalSendRAW" };
-    request.m_isHandleUsed = true;
-    request.m_statusCode = 0;
-    request.m_localIPAddress.clear();
-    request.m_sent = 0;
-    request.m_toSend = body.size();
-    request.m_received = 0;
-    request.m_toReceive = 0;
-
-    if (const HRESULT hr = GetCookiesForRequest(request); FAILED(hr))
-        report(670, hr); // the request goes without cookies
-
-    HRESULT hr = SendBody(request, body, contentTypeHeader);
-    if (SUCCEEDED(hr) && request.m_statusCode != WindowsTransport::kStatusOk)
-        hr = kResultUnexpectedStatus;
-    if (SUCCEEDED(hr))
-    {
-        ReadCookiesFromWinINetResponse(request);
-        request.m_toReceive = AnnouncedLength(request.m_handle.Get()).value_or(0);
-        request.m_answered = true;
-        return S_OK;
-    }
-    report.Message(680, L"Addr:%ls", request.m_address.PathURL().c_str());
-    return hr == expectedResult ? hr : report(685, hr);
-}
-
-// Sends headers and body and waits for the status.
-HRESULT CVoHTTPMessageWinINet::SendBody(CHTTPRequestDataWinINet& request, std::span<const BYTE> body,
-                                        const std::wstring& contentTypeHeader)
+HRESULT CVoHTTPMessageWinINet::SendOnce(CRequest& sent, std::span<const BYTE> body, const std::wstring& contentType)
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::SendBody" };
-    const CSending sending(request);
+    auto& request = static_cast<CHTTPRequestDataWinINet&>(sent);
     const HINTERNET handle = request.m_handle.Get();
+    std::wstring headers;
+    if (!request.m_cookieHeader.empty())
+        headers = VoFormat(L"Cookie: %ls\r\n", request.m_cookieHeader.c_str());
+    if (VoHasHeaderValue(contentType))
+        headers += contentType + L"\r\n";
     for (int resends = 0;; ++resends)
     {
-        // Made for each send, because a redirect changes the cookies.
-        std::wstring headers;
-        if (!request.m_cookieHeader.empty())
-            headers = VoFormat(L"Cookie: %ls\r\n", request.m_cookieHeader.c_str());
-        if (HasValue(contentTypeHeader))
-            headers += contentTypeHeader + L"\r\n";
-        if (const HRESULT hr = BeginSend(handle, static_cast<DWORD>(body.size()), headers); FAILED(hr))
+        if (const HRESULT hr = BeginSend(handle, request.m_target, static_cast<DWORD>(body.size()), headers); FAILED(hr))
             return report(690, hr);
         if (std::wstring address = internalGetClientIPAddressAndSendBufferSize(handle); !address.empty())
-            request.m_localIPAddress = std::move(address);
+            request.m_localAddress = std::move(address);
         if (const HRESULT hr = WriteBody(request, body); FAILED(hr))
             return report(692, hr);
         if (CallBack* const callBack = GetCallBack(); callBack && !body.empty())
             callBack->OnRequestSent();
         if (::HttpEndRequestW(handle, nullptr, HSR_SYNC, 0))
-            return QueryStatus(handle, request.m_statusCode, report, 694);
-        // Credentials that the platform has are sent with the whole request anew, once for each challenge.
+            break;
+        // The platform has credentials and wants the whole request again, once for each challenge.
         const DWORD error = ::GetLastError();
         if (error != ERROR_INTERNET_FORCE_RETRY || resends == kMaximumResends)
             return report.Win32(696, 697, error);
         report.Message(698, L"The platform asks for the request again");
     }
+    if (const HRESULT hr = QueryStatus(handle, request.m_statusCode, report, 694, 695); FAILED(hr))
+        return hr;
+    if (request.m_statusCode == kStatusOk)
+        request.m_toReceive = AnnouncedLength(request).value_or(0);
+    return S_OK;
 }
 
 // Sends the headers, twice where a certificate error may be passed over.
-HRESULT CVoHTTPMessageWinINet::BeginSend(void* request, DWORD bodyLength, const std::wstring& headers) noexcept
+HRESULT CVoHTTPMessageWinINet::BeginSend(HINTERNET request, const CServerAddressData& target, DWORD bodyLength,
+                                         const std::wstring& headers) const noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::BeginSend" };
-    constexpr DWORD_PTR kContext = 1;
     INTERNET_BUFFERSW buffers{};
     buffers.dwStructSize = sizeof buffers;
     buffers.lpcszHeader = headers.c_str();
@@ -539,7 +495,7 @@ HRESULT CVoHTTPMessageWinINet::BeginSend(void* request, DWORD bodyLength, const 
     buffers.dwBufferTotal = bodyLength;
     if (::HttpSendRequestExW(request, &buffers, nullptr, HSR_SYNC, kContext))
         return S_OK;
-    if (const HRESULT hr = WidenSecurity(request, ::GetLastError()); FAILED(hr))
+    if (const HRESULT hr = WidenSecurity(request, target, ::GetLastError()); FAILED(hr))
         return report(700, hr);
     if (!::HttpSendRequestExW(request, &buffers, nullptr, HSR_SYNC, 0))
         return report.LastError(705, 706);
@@ -565,170 +521,25 @@ HRESULT CVoHTTPMessageWinINet::WriteBody(CHTTPRequestDataWinINet& request, std::
     return S_OK;
 }
 
-void CALLBACK CVoHTTPMessageWinINet::OnStatus(void* /*handle*/, DWORD_PTR /*context*/, DWORD status, void* information,
-                                              DWORD /*length*/) noexcept
+std::optional<std::wstring> CVoHTTPMessageWinINet::CheckHeader(const CRequest& request, const wchar_t* name) const
 {
-    CHTTPRequestDataWinINet* const request = CHTTPRequestDataWinINet::t_sending;
-    if (status == INTERNET_STATUS_REDIRECT && request && information)
-        request->m_message->OnRedirect(*request, static_cast<const wchar_t*>(information));
+    std::wstring value;
+    return QueryHeader(static_cast<const CHTTPRequestDataWinINet&>(request).m_handle.Get(), name, 0, value)
+               ? std::optional(std::move(value))
+               : std::nullopt;
 }
 
-// Headers travel on to wherever a redirect leads unless they are corrected here (the platform's documentation of
-// HttpAddRequestHeaders): cookies of one server are not for another.
-void CVoHTTPMessageWinINet::OnRedirect(CHTTPRequestDataWinINet& request, const wchar_t* url) const noexcept
-try
+bool CVoHTTPMessageWinINet::ReadSetCookie(const CRequest& request, DWORD index, std::wstring& value) const
 {
-    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::OnRedirect" };
-    CServerAddressData target;
-    std::wstring cookies;
-    if (SUCCEEDED(target.SetAddress(VoWithoutUserInfo(url), false, true, true)))
-        if (const HRESULT hr = GetCookieHeader(target, cookies); FAILED(hr))
-            report(720, hr); // the next hop gets none
-    if (cookies.empty() && request.m_cookieHeader.empty())
-        return;
-    const std::wstring header = cookies.empty() ? kNoCookie : VoFormat(L"Cookie: %ls\r\n", cookies.c_str());
-    if (!::HttpAddRequestHeadersW(request.m_handle.Get(), header.c_str(), static_cast<DWORD>(header.size()), kReplaceHeader))
-    {
-        report.LastError(722, 723);
-        cookies.clear();
-        (void)::HttpAddRequestHeadersW(request.m_handle.Get(), kNoCookie, kToTheEnd, kReplaceHeader);
-    }
-    request.m_cookieHeader = std::move(cookies);
-}
-catch (...)
-{
-    CVoReporter{ kSource, L"CVoHTTPMessageWinINet::OnRedirect" }.CurrentException(725);
-    // Taking the header away needs no memory here.
-    (void)::HttpAddRequestHeadersW(request.m_handle.Get(), kNoCookie, kToTheEnd, kReplaceHeader);
-    request.m_cookieHeader.clear();
+    return QueryHeader(static_cast<const CHTTPRequestDataWinINet&>(request).m_handle.Get(), L"Set-Cookie", index, value);
 }
 
-// Hands the answer's cookies to the store, as those of where the answer came from: redirects may have led to another server.
-void CVoHTTPMessageWinINet::ReadCookiesFromWinINetResponse(const CHTTPRequestDataWinINet& request) const noexcept
-try
-{
-    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::ReadCookiesFromWinINetResponse" };
-    if (!m_cookieStore)
-        return;
-    const HINTERNET handle = request.m_handle.Get();
-    std::wstring url;
-    DWORD index = 0;
-    for (;;)
-    {
-        std::wstring value;
-        if (!NextHeader(handle, HTTP_QUERY_SET_COOKIE, index, value))
-            return;
-        if (url.empty() && !QueryOptionText(handle, INTERNET_OPTION_URL, url))
-        {
-            report.LastError(735, 736); // whose they are is unknown: the cookies are dropped, the answer stands
-            return;
-        }
-        if (const HRESULT hr = StoreCookie(m_cookieStore.Get(), value, url); FAILED(hr))
-            report(740, hr); // the cookie is dropped, the answer stands
-    }
-}
-catch (...)
-{
-    CVoReporter{ kSource, L"CVoHTTPMessageWinINet::ReadCookiesFromWinINetResponse" }.CurrentException(745);
-}
-
-HRESULT CVoHTTPMessageWinINet::SendMessage(const std::shared_ptr<CHTTPRequestData>& request,
-                                           const CVoBinaryDataParser& parameters, EContentKind contentKind, bool utf8,
-                                           std::wstring_view signingKey, std::wstring_view signatureParameterName,
-                                           bool allowRetry, CSendResult* result) noexcept
-try
-{
-    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::SendMessage" };
-    constexpr CContentTracePoints kPoints{ .raw = 765,
-                                           .multipart = 766,
-                                           .formPayload = 767,
-                                           .form = 768,
-                                           .signedKey = 769,
-                                           .signedName = 770,
-                                           .signedPayload = 771,
-                                           .signedForm = 772,
-                                           .sign = 773,
-                                           .emptyPayload = 774,
-                                           .unknownKind = 775,
-                                           .exception = 776 };
-    const auto data = OwnRequest(request);
-    const CAutoLock lock(&m_lock);
-    if (!data || !data->m_handle)
-        return report(760, E_INVALIDARG);
-    CContent content;
-    if (const HRESULT hr =
-            CreateContent(parameters, contentKind, utf8, signingKey, signatureParameterName, report, kPoints, content);
-        FAILED(hr))
-        return hr;
-    if (const HRESULT hr = internalSend(*data, content.body.Bytes(), content.contentTypeHeader, allowRetry, result); FAILED(hr))
-        return report(780, hr);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoHTTPMessageWinINet::SendMessage" }.CurrentException(785);
-}
-
-HRESULT CVoHTTPMessageWinINet::SendMultipleMessages(const std::shared_ptr<CHTTPRequestData>& request,
-                                                    std::span<const CVoBinaryDataParser> messages, bool utf8, bool allowRetry,
-                                                    CSendResult* result) noexcept
-try
-{
-    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::SendMultipleMessages" };
-    const auto data = OwnRequest(request);
-    const CAutoLock lock(&m_lock);
-    if (!data || !data->m_handle)
-        return report(800, E_INVALIDARG);
-    CContent content;
-    if (const HRESULT hr = CreateMultipleContent(messages, utf8, content); FAILED(hr))
-        return report(805, hr);
-    if (const HRESULT hr = internalSend(*data, content.body.Bytes(), content.contentTypeHeader, allowRetry, result); FAILED(hr))
-        return report(810, hr);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoHTTPMessageWinINet::SendMultipleMessages" }.CurrentException(815);
-}
-
-HRESULT CVoHTTPMessageWinINet::SendGetRequest(std::shared_ptr<CHTTPRequestData>& request, std::wstring_view objectPath,
-                                              bool allowRetry, CSendResult* result) noexcept
-try
-{
-    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::SendGetRequest" };
-    auto data = objectPath.empty() ? OwnRequest(request) : nullptr;
-    const CAutoLock lock(&m_lock);
-    if (data && data->m_handle)
-    {
-        if (const HRESULT hr = OpenHandle(*data, L"GET"); FAILED(hr))
-            return report(828, hr);
-    }
-    else
-    {
-        CServerAddressData address = m_serverAddress;
-        if (!objectPath.empty())
-            if (const HRESULT hr = address.SetObjectPath(objectPath); FAILED(hr))
-                return report(830, hr);
-        std::shared_ptr<CHTTPRequestData> made;
-        if (const HRESULT hr = internalOpenRequest(address, L"GET", made); FAILED(hr))
-            return report(835, hr);
-        request = std::move(made);
-        data = std::static_pointer_cast<CHTTPRequestDataWinINet>(request);
-    }
-    if (const HRESULT hr = internalSend(*data, {}, L"Content-Type:", allowRetry, result); FAILED(hr))
-        return report(840, hr);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoHTTPMessageWinINet::SendGetRequest" }.CurrentException(845);
-}
-
-HRESULT CVoHTTPMessageWinINet::internalReadRAW(CHTTPRequestDataWinINet& request, std::vector<BYTE>& bytes)
+HRESULT CVoHTTPMessageWinINet::FetchBody(CRequest& answered, std::vector<BYTE>& bytes)
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalReadRAW" };
+    auto& request = static_cast<CHTTPRequestDataWinINet&>(answered);
     const HINTERNET handle = request.m_handle.Get();
-    const std::optional<UINT64> announced = AnnouncedLength(handle);
+    const std::optional<UINT64> announced = AnnouncedLength(request);
     std::vector<BYTE> received;
     if (announced)
         received.reserve(static_cast<size_t>(std::min<UINT64>(*announced, kMaximumReserve)) + kReadStep);
@@ -740,7 +551,7 @@ HRESULT CVoHTTPMessageWinINet::internalReadRAW(CHTTPRequestDataWinINet& request,
             return report.LastError(860, 861);
         if (available == 0)
             break;
-        // In whole steps; the vector's own growth keeps the cost linear.
+        // In whole steps. The vector's own growth keeps the cost linear.
         received.resize((used + available + kReadStep - 1) / kReadStep * kReadStep);
         DWORD read = 0;
         if (!::InternetReadFile(handle, received.data() + used, available, &read))
@@ -751,74 +562,8 @@ HRESULT CVoHTTPMessageWinINet::internalReadRAW(CHTTPRequestDataWinINet& request,
         used += read;
         request.m_received = used;
     }
-    if (announced && used != *announced)
-        return report(870, E_FAIL); // the connection ended before the answer did
     received.resize(used);
     bytes = std::move(received);
-    return S_OK;
-}
-
-// Reads the answer that waits at the request's handle into the request.
-HRESULT CVoHTTPMessageWinINet::internalReadResponse(CHTTPRequestDataWinINet& request)
-{
-    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalReadResponse" };
-    if (!request.m_answered)
-        return S_OK;
-    request.m_answered = false;
-    CAnswer answer;
-    if (const HRESULT hr = internalReadRAW(request, answer.bytes); FAILED(hr))
-        return report(885, hr);
-    answer.utf8 = NamesUtf8(CheckHeader(request.m_handle.Get(), HTTP_QUERY_CONTENT_TYPE).value_or(std::wstring()));
-    answer.isThere = true;
-    request.m_answer = std::move(answer);
-    return S_OK;
-}
-
-HRESULT CVoHTTPMessageWinINet::ReadResponse(const std::shared_ptr<CHTTPRequestData>& request, CVoBinaryDataParser& response,
-                                            EResponseKind kind, bool* isUtf8, bool* isEmpty) noexcept
-try
-{
-    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::ReadResponse" };
-    const auto data = OwnRequest(request);
-    const CAutoLock lock(&m_lock);
-    if (!data)
-        return report(900, E_INVALIDARG);
-    if (const HRESULT hr = internalReadResponse(*data); FAILED(hr))
-        return report(905, hr);
-    if (const HRESULT hr = ReadAnswer(data->m_answer, kind, response, isUtf8, isEmpty); FAILED(hr))
-        return report(910, hr);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoHTTPMessageWinINet::ReadResponse" }.CurrentException(915);
-}
-
-HRESULT CVoHTTPMessageWinINet::ReadMultipleResponses(const std::shared_ptr<CHTTPRequestData>& request,
-                                                     std::vector<CVoBinaryDataParser>& responses, UINT32 expectedCount,
-                                                     UINT32* count) noexcept
-try
-{
-    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::ReadMultipleResponses" };
-    const auto data = OwnRequest(request);
-    const CAutoLock lock(&m_lock);
-    if (!data)
-        return report(930, E_INVALIDARG);
-    if (const HRESULT hr = internalReadResponse(*data); FAILED(hr))
-        return report(935, hr);
-    if (const HRESULT hr = ReadAnswers(data->m_answer, responses, expectedCount, count); FAILED(hr))
-        return report(940, hr);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoHTTPMessageWinINet::ReadMultipleResponses" }.CurrentException(945);
-}
-
-HRESULT CVoHTTPMessageWinINet::SetUserContext(UINT64 userContext) noexcept
-{
-    const CAutoLock lock(&m_lock);
-    m_userContext = userContext;
     return S_OK;
 }
 } // namespace VoHTTPMessageWinINet

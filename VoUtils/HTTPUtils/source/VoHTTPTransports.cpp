@@ -1,38 +1,70 @@
-#include "VoHTTPTransports.h"
-
-#include "VoHTTPMessageWinHTTP.h"
+// The table of transports and the factory that chooses from it: the only place that knows them all.
+#include <VoHTTPTransports.h>
 
 #include <VoHTTPMessageCURL.h>
+#include <VoHTTPMessageWinHTTP.h>
 #include <VoHTTPMessageWinINet.h>
+
+#include <base/VoErrorHandler.h>
+#include <base/VoModuleInformation.h>
+
+#include <algorithm>
+#include <array>
 
 namespace
 {
-using Maker = std::shared_ptr<CVoHTTPMessage> (*)();
+constexpr const wchar_t* kSource = L"..\\source\\VoHTTPMessage";
 
-template <class Transport, auto... kArguments>
-std::shared_ptr<CVoHTTPMessage> Make()
-{
-    return std::make_shared<Transport>(kArguments...);
-}
-
-struct CTransport
-{
-    UINT32 kind; // the values of the setting HTTPEngine
-    Maker make;
-};
-
-constexpr CTransport kTransports[] = {
-    { 0, &Make<VoHTTPMessageWinINet::CVoHTTPMessageWinINet> },
-    { 1, &Make<VoHTTPMessageWinHTTP::CVoHTTPMessageWinHTTP, false> },
-    { 2, &Make<VoHTTPMessageCURL::CVoHTTPMessageCURL> },
-    { 3, &Make<VoHTTPMessageWinHTTP::CVoHTTPMessageWinHTTP, true> },
+constexpr std::array kTransports{
+    CVoHTTPTransportRow{ 0, "wininet", &VoHTTPMessageWinINet::MakeMessage },
+    CVoHTTPTransportRow{ 1, "winhttp", [] { return VoHTTPMessageWinHTTP::MakeMessage(false); } },
+    CVoHTTPTransportRow{ 2, "curl", &VoHTTPMessageCURL::MakeMessage },
+    CVoHTTPTransportRow{ 3, "winhttp-loopback", [] { return VoHTTPMessageWinHTTP::MakeMessage(true); } },
 };
 } // namespace
 
-std::shared_ptr<CVoHTTPMessage> VoMakeHTTPTransport(UINT32 kind)
+std::span<const CVoHTTPTransportRow> VoHTTPTransports() noexcept
 {
-    for (const CTransport& transport : kTransports)
-        if (transport.kind == kind)
-            return transport.make();
-    return nullptr;
+    return kTransports;
+}
+
+const CVoHTTPTransportRow* VoFindHTTPTransport(UINT32 kind) noexcept
+{
+    const auto row =
+        std::find_if(kTransports.begin(), kTransports.end(), [=](const auto& known) { return known.kind == kind; });
+    return row != kTransports.end() ? &*row : nullptr;
+}
+
+HRESULT CVoHTTPMessage::Connect(const CServerAddressData& serverAddress, IVoAuthenticationCallback* authCallback,
+                                IVoHTTPProxyStore* proxyStore, IVoHTTPCookieStore* cookieStore, UINT32 connectTimeout,
+                                UINT32 requestTimeout, bool verifyServerCertificate, bool checkRevocation,
+                                std::shared_ptr<CVoHTTPMessage>& message) noexcept
+{
+    return Connect(CVoModuleInformation::Get().HTTPEngine(), serverAddress, authCallback, proxyStore, cookieStore,
+                   connectTimeout, requestTimeout, verifyServerCertificate, checkRevocation, message);
+}
+
+HRESULT CVoHTTPMessage::Connect(UINT32 transportKind, const CServerAddressData& serverAddress,
+                                IVoAuthenticationCallback* authCallback, IVoHTTPProxyStore* proxyStore,
+                                IVoHTTPCookieStore* cookieStore, UINT32 connectTimeout, UINT32 requestTimeout,
+                                bool verifyServerCertificate, bool checkRevocation,
+                                std::shared_ptr<CVoHTTPMessage>& message) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessage::Connect" };
+    return report.Guard(336, [&]() -> HRESULT
+    {
+        const CVoHTTPTransportRow* const row = VoFindHTTPTransport(transportKind);
+        if (!row)
+        {
+            report(325, static_cast<HRESULT>(transportKind));
+            return report(326, E_NOTIMPL);
+        }
+        std::shared_ptr<CVoHTTPMessage> made = row->make();
+        if (const HRESULT hr = made->Connect(serverAddress, authCallback, proxyStore, cookieStore, connectTimeout,
+                                             requestTimeout, verifyServerCertificate, checkRevocation);
+            FAILED(hr))
+            return report(332, hr);
+        message = std::move(made);
+        return S_OK;
+    });
 }

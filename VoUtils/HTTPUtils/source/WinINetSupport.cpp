@@ -7,6 +7,7 @@
 #include <base/VoUtils.h>
 #include <base/VoWipe.h>
 
+#include <algorithm>
 #include <cwchar>
 #include <utility>
 
@@ -77,46 +78,30 @@ bool QueryOptionText(HINTERNET handle, DWORD option, std::wstring& text)
                      text);
 }
 
-bool NextHeader(HINTERNET request, DWORD query, DWORD& index, std::wstring& value)
+bool QueryHeader(HINTERNET request, const wchar_t* name, DWORD index, std::wstring& value)
 {
-    DWORD position = index; // each query moves its index on, so that both calls start from the same one
-    const bool isThere = QueryText(
-        [&](wchar_t* buffer, DWORD* bytes)
-        {
-            position = index;
-            return ::HttpQueryInfoW(request, query, buffer, bytes, &position);
-        },
-        value);
-    if (isThere)
-        index = position > index ? position : index + 1;
-    return isThere;
+    const std::wstring nameText = name;
+    return QueryText([&](wchar_t* buffer, DWORD* bytes)
+    {
+        // A custom query takes the name in the buffer. Each call moves the index on, so each starts from a copy.
+        DWORD position = index;
+        std::wstring room(std::max<size_t>(*bytes / sizeof(wchar_t), nameText.size() + 1), L'\0');
+        std::copy(nameText.begin(), nameText.end(), room.begin());
+        DWORD length = *bytes;
+        const BOOL answered = ::HttpQueryInfoW(request, HTTP_QUERY_CUSTOM, room.data(), &length, &position);
+        *bytes = length;
+        if (answered && buffer)
+            std::copy_n(room.begin(), length / sizeof(wchar_t) + 1, buffer);
+        return answered;
+    }, value);
 }
 
-std::optional<std::wstring> CheckHeader(HINTERNET request, DWORD query)
-{
-    DWORD index = 0;
-    std::wstring value;
-    return NextHeader(request, query, index, value) ? std::optional<std::wstring>(std::move(value)) : std::nullopt;
-}
-
-std::optional<UINT64> GetHeaderLongValue(HINTERNET request, DWORD query)
-{
-    const std::optional<std::wstring> text = CheckHeader(request, query);
-    return text ? WindowsTransport::ParseLength(*text) : std::nullopt;
-}
-
-std::optional<UINT64> AnnouncedLength(HINTERNET request)
-{
-    return CheckHeader(request, HTTP_QUERY_TRANSFER_ENCODING) ? std::nullopt
-                                                              : GetHeaderLongValue(request, HTTP_QUERY_CONTENT_LENGTH);
-}
-
-HRESULT QueryStatus(HINTERNET request, UINT32& status, const CVoReporter& report, int line) noexcept
+HRESULT QueryStatus(HINTERNET request, UINT32& status, const CVoReporter& report, int line, int lineWhenZero) noexcept
 {
     DWORD value = 0;
     DWORD length = sizeof value;
     if (!::HttpQueryInfoW(request, HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &value, &length, nullptr))
-        return report.LastError(line, line + 1);
+        return report.LastError(line, lineWhenZero);
     status = value;
     return S_OK;
 }

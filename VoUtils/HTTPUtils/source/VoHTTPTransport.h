@@ -1,0 +1,318 @@
+// The transport core: everything that the transports share. It implements the eight operations of CVoHTTPMessage once: lock,
+// owner check, request state, content, retries, challenges, redirects and their cookies, data log, result, reading.
+//
+// A transport derives from CVoHTTPTransport and supplies the hooks (the private virtual functions below), its facts
+// (CVoTransportFacts) and its table of trace points. It knows neither the stores nor retries.
+#pragma once
+
+#include "VoHTTPContent.h"
+
+#include <VoHTTPMessage.h>
+
+#include <base/VoErrorHandler.h>
+#include <base/VoMultiThreading.h>
+#include <base/VoWipe.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// The functions and numbers under which the core reports for one transport. Each transport fills in a table of its own.
+struct CVoTransportTracePoints
+{
+    const wchar_t* source;
+    struct CDestructor
+    {
+        const wchar_t* function;
+        int close; // the connection could not be closed
+    } destructor;
+    struct CClose
+    {
+        const wchar_t* function;
+        int request; // a request's handle could not be closed
+        int session; // the connection could not be closed
+    } close;
+    struct CConnect
+    {
+        const wchar_t* function;
+        int close; // the connection that was open could not be closed
+        int address;
+        int open;
+        int exception;
+    } connect;
+    struct COpenRequest
+    {
+        const wchar_t* function;
+        int open;
+        int exception;
+    } openRequest;
+    struct COpen
+    {
+        const wchar_t* function;
+        int notConnected;
+        int proxy;   // the proxy store failed
+        int cookies; // the cookie store failed; the request is sent without cookies
+        int handle;
+    } internalOpenRequest;
+    struct CSendMessage
+    {
+        const wchar_t* function;
+        int request; // no request of this connection
+        CVoContentTracePoints content;
+        int send;
+        int exception;
+    } sendMessage;
+    struct CSendMultiple
+    {
+        const wchar_t* function;
+        int request;
+        int content;
+        int send;
+        int exception;
+    } sendMultipleMessages;
+    struct CSendGet
+    {
+        const wchar_t* function;
+        int path;
+        int open;
+        int send;
+        int exception;
+    } sendGetRequest;
+    struct CSend
+    {
+        const wchar_t* function;
+        int attempt; // an attempt failed
+        int exception;
+        int reset; // no further attempt is possible
+        int callBack;
+    } internalSend;
+    struct CAttempt
+    {
+        const wchar_t* function;
+        int open;     // no fresh handle
+        int cookie;   // a cookie was refused; it is dropped
+        int redirect; // a redirect is not followed
+        int address;  // "Addr:..."
+        int status;   // the status is not 200, or (for some) any other failure
+    } internalSendRAW;
+    struct CRead
+    {
+        const wchar_t* function;
+        int request;
+        int fetch;
+        int read;
+        int exception;
+    } readResponse, readMultipleResponses;
+    struct CFetch
+    {
+        const wchar_t* function;
+        int length; // the connection ended before the announced length was reached
+    } internalReadResponse;
+};
+
+// What a transport does by itself or differently.
+struct CVoTransportFacts
+{
+    HRESULT unexpectedStatus;      // the code for a status other than 200
+    bool followsRedirects = false; // by itself; otherwise the core follows
+    bool keepsHandle = false;      // one handle serves all sends of a request and holds its response
+    bool usesProxyStore = true;    // for requests; false: the platform's proxy settings
+    bool asksBetweenSends =
+        false; // the core answers 401 and 407 between two sends; otherwise the transport asks while it sends
+    bool savesProxyAtOnce = false;    // typed proxy credentials are saved when they are typed, otherwise when they are accepted
+    bool cookiesAtSend = false;       // cookies are looked up for each attempt, otherwise when the request is opened
+    bool storesCookies = false;       // by itself, while it receives
+    bool notifiesAfterStatus = false; // the call back is also called after a status of 200
+    bool tracesEveryAddress = false;  // "Addr:..." for every failure, otherwise for a status other than 200
+};
+
+class CVoHTTPTransport : public CVoHTTPMessage
+{
+public:
+    [[nodiscard]] HRESULT Connect(const CServerAddressData& serverAddress, IVoAuthenticationCallback* authCallback,
+                                  IVoHTTPProxyStore* proxyStore, IVoHTTPCookieStore* cookieStore, UINT32 connectTimeout,
+                                  UINT32 requestTimeout, bool verifyServerCertificate, bool checkRevocation) noexcept final;
+    [[nodiscard]] HRESULT OpenRequest(std::shared_ptr<CHTTPRequestData>& request) noexcept final;
+    [[nodiscard]] HRESULT SendMessage(const std::shared_ptr<CHTTPRequestData>& request, const CVoBinaryDataParser& parameters,
+                                      EContentKind contentKind, bool utf8, std::wstring_view signingKey,
+                                      std::wstring_view signatureParameterName, bool allowRetry,
+                                      CSendResult* result) noexcept final;
+    [[nodiscard]] HRESULT SendMultipleMessages(const std::shared_ptr<CHTTPRequestData>& request,
+                                               std::span<const CVoBinaryDataParser> messages, bool utf8, bool allowRetry,
+                                               CSendResult* result) noexcept final;
+    [[nodiscard]] HRESULT SendGetRequest(std::shared_ptr<CHTTPRequestData>& request, std::wstring_view objectPath,
+                                         bool allowRetry, CSendResult* result) noexcept final;
+    [[nodiscard]] HRESULT ReadResponse(const std::shared_ptr<CHTTPRequestData>& request, CVoBinaryDataParser& response,
+                                       EResponseKind kind, bool* isUtf8, bool* isEmpty) noexcept final;
+    [[nodiscard]] HRESULT ReadMultipleResponses(const std::shared_ptr<CHTTPRequestData>& request,
+                                                std::vector<CVoBinaryDataParser>& responses, UINT32 expectedCount,
+                                                UINT32* count) noexcept final;
+    HRESULT SetUserContext(UINT64 userContext) noexcept final;
+    // Ends the connection and forgets what Connect was given. Requests that still wait for their response fail with E_FAIL.
+    // Returns the first failure. S_OK when there is no connection.
+    [[nodiscard]] HRESULT Close() noexcept;
+
+    static constexpr UINT32 kStatusOk = 200;
+    static constexpr UINT32 kStatusUnauthorized = 401;
+    static constexpr UINT32 kStatusProxyAuthenticationRequired = 407;
+
+    // Whether a Content-Type value names UTF-8: its upper-cased text holds "CHARSET" and "UTF-8".
+    // Throws std::bad_alloc.
+    [[nodiscard]] static bool NamesUtf8(std::wstring_view contentType);
+    // Whether a failed attempt is repeated. `status` is the last response's (0: none). Times are in microseconds. Declined
+    // credentials and an unanswered 407 are final: the next attempt would meet the same question.
+    [[nodiscard]] static constexpr bool ShouldRetry(bool allowRetry, HRESULT failure, UINT32 status, INT64 elapsed,
+                                                    INT64 budget) noexcept
+    {
+        const bool isFinal =
+            failure == kResultCancelled || (status >= 400 && status <= 405) || status == kStatusProxyAuthenticationRequired;
+        return allowRetry && !isFinal && elapsed < budget;
+    }
+
+protected:
+    struct CCredentials
+    {
+        std::wstring user;
+        CVoSecret<wchar_t> password;
+
+        [[nodiscard]] bool operator==(const CCredentials& other) const noexcept
+        {
+            return user == other.user && password.Get() == other.password.Get();
+        }
+    };
+
+    // The state that all transports' requests share.
+    class CRequest : public CHTTPRequestData
+    {
+    public:
+        using CHTTPRequestData::m_cookieHeader;
+        using CHTTPRequestData::m_received;
+        using CHTTPRequestData::m_sent;
+        using CHTTPRequestData::m_toReceive;
+        using CHTTPRequestData::m_toSend;
+
+        std::weak_ptr<CVoHTTPTransport> m_message; // challenges that arrive after the message's end are not answered
+        UINT64 m_connection = 0;                   // the number of the message's connection that the request belongs to
+        const wchar_t* m_verb = L"POST";
+        CServerAddressData m_address; // where each attempt begins
+        // Where the attempt has come to: m_address, or the target of the last redirect, with the verb for it.
+        CServerAddressData m_target;
+        const wchar_t* m_targetVerb = L"POST";
+
+        std::wstring m_proxy;     // the proxy store's answer, a list
+        std::wstring m_proxyName; // "host:port" of the list for the target's scheme; empty: a direct connection
+        std::optional<CCredentials> m_proxyCredentials;  // for m_proxyName
+        bool m_proxyCredentialsEntered = false;          // typed for this request: saved once the proxy has accepted them
+        std::optional<CCredentials> m_serverCredentials; // typed during this send, for m_serverOrigin only
+        std::wstring m_serverOrigin;                     // a base URL
+
+        std::wstring m_localAddress;
+        UINT32 m_statusCode = 0;           // of the last response
+        bool m_isUsed = false;             // the handle has been used: the next send needs a fresh one
+        bool m_isFinal = false;            // no further attempt of this send makes sense
+        bool m_hasPendingResponse = false; // the body waits in the transport
+
+        // A body that the transport has received, until the caller reads it.
+        struct CResponse
+        {
+            bool isThere = false;
+            std::vector<BYTE> bytes;
+            bool utf8 = false;
+        } m_response;
+    };
+
+    CVoHTTPTransport(const CVoTransportTracePoints& points, const CVoTransportFacts& facts);
+    // Call it in the destructor of the transport, while the hooks still exist.
+    void CloseInDestructor() noexcept;
+
+    // Asks the authentication callback for credentials for the server at the request's target, or for its proxy, and remembers
+    // them in the request. Any thread. E_FAIL: there is no callback. kResultCancelled: the user declined, gave no name, or gave
+    // the credentials that were refused just before. Otherwise the callback's own failure.
+    [[nodiscard]] HRESULT AskForCredentials(CRequest& request, bool proxy, CCredentials& credentials) noexcept;
+    // Saves typed proxy credentials that the proxy has accepted.
+    void KeepProxyCredentials(CRequest& request) noexcept;
+    // The Cookie header's value for an address; empty without a store or a matching cookie.
+    [[nodiscard]] HRESULT GetCookieHeader(const CServerAddressData& address, std::wstring& cookie) const noexcept;
+    // The proxy store's answer: the proxy list for `url`, or the configured one for a null `url`. Direct without a store.
+    [[nodiscard]] HRESULT GetProxy(const std::wstring* url, std::wstring& proxy,
+                                   std::optional<CCredentials>& credentials) const noexcept;
+    [[nodiscard]] HRESULT SaveProxyCredentials(const std::wstring& proxy, const CCredentials& credentials) const noexcept;
+    // The switches that hold for a target: those of Connect for the connected host. Another host's certificate is verified.
+    [[nodiscard]] bool VerifiesCertificateOf(const CServerAddressData& target) const noexcept;
+    [[nodiscard]] bool ChecksRevocationOf(const CServerAddressData& target) const noexcept;
+    [[nodiscard]] bool IsConnectedServer(const CServerAddressData& target) const noexcept;
+    // The number of a header's value; nothing where it is missing or no number (Content-Length: RFC 9110, section 8.6).
+    [[nodiscard]] std::optional<UINT64> GetHeaderLongValue(const CRequest& request, const wchar_t* name) const;
+    // The length of the response's body; nothing where it is unknown. A transfer coding overrides Content-Length (RFC 9112,
+    // section 6.3).
+    [[nodiscard]] std::optional<UINT64> AnnouncedLength(const CRequest& request) const;
+
+private:
+    // The hooks. Each is called with the message's lock held, by the thread that called the operation.
+
+    // Opens what all requests share, for m_serverAddress, and may change that address. The time-outs and switches are stored.
+    [[nodiscard]] virtual HRESULT OpenSession() = 0;
+    // Closes it again; called also when there is nothing to close. Returns the first failure.
+    [[nodiscard]] virtual HRESULT CloseSession() noexcept = 0;
+    [[nodiscard]] virtual std::shared_ptr<CRequest> MakeRequest() = 0;
+    // Gives the request a fresh handle for m_target and m_targetVerb, with its proxy, proxy credentials and cookies.
+    [[nodiscard]] virtual HRESULT OpenHandle(CRequest& request) = 0;
+    // Closes the request's handle. Nothing of the request refers to a body any more.
+    [[nodiscard]] virtual HRESULT CloseHandle(CRequest& request) noexcept = 0;
+    // Sends the request once to m_target and waits for the status: sets m_statusCode (when there is one), the progress counters
+    // and m_localAddress. S_OK with any status; a failure has been reported.
+    [[nodiscard]] virtual HRESULT SendOnce(CRequest& request, std::span<const BYTE> body, const std::wstring& contentType) = 0;
+    // Sets credentials that AskForCredentials gave for the next SendOnce (asksBetweenSends only).
+    [[nodiscard]] virtual HRESULT UseCredentials(CRequest& /*request*/, bool /*proxy*/, const CCredentials& /*credentials*/)
+    {
+        return E_NOTIMPL;
+    }
+    // Prepares another attempt after a failed one.
+    [[nodiscard]] virtual HRESULT ResetConnection(CRequest& /*request*/) noexcept { return S_OK; }
+    // The send is over.
+    virtual void EndSend(CRequest& /*request*/) noexcept {}
+    // The value of a response header; nothing where the response has none.
+    [[nodiscard]] virtual std::optional<std::wstring> CheckHeader(const CRequest& request, const wchar_t* name) const = 0;
+    // The value of Set-Cookie header number `index`. False when there is none.
+    [[nodiscard]] virtual bool ReadSetCookie(const CRequest& /*request*/, DWORD /*index*/, std::wstring& /*value*/) const
+    {
+        return false;
+    }
+    // Takes the body of the response (m_hasPendingResponse).
+    [[nodiscard]] virtual HRESULT FetchBody(CRequest& request, std::vector<BYTE>& bytes) = 0;
+    // Which URL the proxy store is asked about; null: the configured proxy.
+    [[nodiscard]] virtual const std::wstring* ProxyQuestion(const CRequest& request) const
+    {
+        return &request.m_target.FullURL();
+    }
+
+    [[nodiscard]] HRESULT internalClose() noexcept;
+    void ForgetConnection() noexcept;
+    [[nodiscard]] std::shared_ptr<CRequest> OwnRequest(const std::shared_ptr<CHTTPRequestData>& request) const noexcept;
+    [[nodiscard]] HRESULT internalOpenRequest(const CServerAddressData& address, const wchar_t* verb,
+                                              std::shared_ptr<CHTTPRequestData>& request);
+    [[nodiscard]] HRESULT OpenTarget(CRequest& request);
+    [[nodiscard]] HRESULT LookUpProxy(CRequest& request) const;
+    void LookUpCookies(CRequest& request) const;
+
+    [[nodiscard]] HRESULT internalSend(CRequest& request, const CVoHTTPContent& content, bool allowRetry, CSendResult* result);
+    [[nodiscard]] HRESULT Attempt(CRequest& request, const CVoHTTPContent& content);
+    [[nodiscard]] HRESULT SendToTarget(CRequest& request, std::span<const BYTE> body, const std::wstring& contentType);
+    [[nodiscard]] HRESULT Judge(const CRequest& request, HRESULT result) const;
+    void StoreCookies(const CRequest& request) const;
+    [[nodiscard]] bool FollowRedirect(CRequest& request) const;
+    [[nodiscard]] INT64 RetryDelay(const CRequest& request, UINT32 attempt) const;
+
+    [[nodiscard]] HRESULT internalReadResponse(CRequest& request);
+
+    const CVoTransportTracePoints& m_points;
+    const CVoTransportFacts m_facts;
+    UINT64 m_connectionNumber = 0;
+    std::vector<std::weak_ptr<CRequest>> m_requests; // of the current connection
+    CEvent m_closing{ false, true };                 // ends the pause between two attempts
+    // Guards the stores, the callback and the requests' credentials against the transport's own threads, which meet challenges
+    // while the caller's thread waits with the message's lock held. Taken after that lock.
+    mutable CCriticalSection m_storesLock;
+};
