@@ -118,10 +118,9 @@ void CompareHeaders(size_t count)
                          { "GetCookieStringForHTTPRequest", [&] { Benchmark::Keep(header()); } } });
 }
 
-const Benchmark::CGroup kCookies("cookies",
-                                 []
-                                 {
-                                     for (const size_t count : { size_t{ 10 }, size_t{ 300 }, size_t{ 3000 } })
-                                         CompareHeaders(count);
-                                 });
+const Benchmark::CGroup kCookies("cookies", []
+{
+    for (const size_t count : { size_t{ 10 }, size_t{ 300 }, size_t{ 3000 } })
+        CompareHeaders(count);
+});
 } // namespace

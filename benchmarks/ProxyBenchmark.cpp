@@ -97,12 +97,11 @@ private:
 
 void CompareLookUps()
 {
-    const Loopback::CLoopbackServer server(
-        [](const Loopback::CRequest&, Loopback::CConnection& connection)
-        {
-            connection.SendResponse(200, { { "Content-Type", "application/x-ns-proxy-autoconfig" } },
-                                    "function FindProxyForURL(url, host) { return 'PROXY p:8080'; }");
-        });
+    const Loopback::CLoopbackServer server([](const Loopback::CRequest&, Loopback::CConnection& connection)
+    {
+        connection.SendResponse(200, { { "Content-Type", "application/x-ns-proxy-autoconfig" } },
+                                "function FindProxyForURL(url, host) { return 'PROXY p:8080'; }");
+    });
     const std::string script = server.URL("/proxy.pac");
     CHTTPProxyConfigData config;
     config.pacFileUrl.assign(script.begin(), script.end());
@@ -129,15 +128,15 @@ void CompareLookUps()
     Demand(session != nullptr);
     Benchmark::Compare("Proxy of a known server", { { "WinHttpGetProxyForUrl",
                                                       [&]
-                                                      {
-                                                          WINHTTP_AUTOPROXY_OPTIONS options{};
-                                                          options.dwFlags = WINHTTP_AUTOPROXY_CONFIG_URL;
-                                                          options.lpszAutoConfigUrl = config.pacFileUrl.c_str();
-                                                          WINHTTP_PROXY_INFO info{};
-                                                          Demand(::WinHttpGetProxyForUrl(session, url.Get(), &options, &info));
-                                                          ::GlobalFree(info.lpszProxy);
-                                                          ::GlobalFree(info.lpszProxyBypass);
-                                                      } },
+    {
+        WINHTTP_AUTOPROXY_OPTIONS options{};
+        options.dwFlags = WINHTTP_AUTOPROXY_CONFIG_URL;
+        options.lpszAutoConfigUrl = config.pacFileUrl.c_str();
+        WINHTTP_PROXY_INFO info{};
+        Demand(::WinHttpGetProxyForUrl(session, url.Get(), &options, &info));
+        ::GlobalFree(info.lpszProxy);
+        ::GlobalFree(info.lpszProxyBypass);
+    } },
                                                     { "GetProxyForUrl", [&] { lookUp(url.Get()); } },
                                                     { "GetProxyForUrl, URL in capitals", [&] { lookUp(upperCase.Get()); } } });
     ::WinHttpCloseHandle(session);

@@ -75,12 +75,11 @@ protected:
         BSTR user = answer.user.Detach();
         BSTR password = answer.password.Detach();
         const CCallHook<decltype(&::SysFreeString)> hook(
-            "oleaut32.dll", "SysFreeString",
-            [&answer, oldUser = user, oldPassword = password](auto original, BSTR text)
-            {
-                answer.freed += text == oldUser || text == oldPassword;
-                original(text);
-            });
+            "oleaut32.dll", "SysFreeString", [&answer, oldUser = user, oldPassword = password](auto original, BSTR text)
+        {
+            answer.freed += text == oldUser || text == oldPassword;
+            original(text);
+        });
         answer.hr = (m_callback.Get()->*ask)(CVoBstr(kTitle).Get(), CVoBstr(kAddress).Get(), nullptr, &user, &password,
                                              &answer.cancelled);
         *answer.user.Put() = user;
@@ -110,15 +109,14 @@ TEST_F(AuthCallback, GivesWhatTheUserEntered)
             for (const HWND parent : { HWND{ nullptr }, m_parent })
             {
                 SCOPED_TRACE(testing::Message() << rule << ", parent " << parent << ", " << text.size() << " characters");
-                const CDialogUser user(
-                    [&](HWND dialog)
-                    {
-                        EXPECT_EQ(::FindWindowW(nullptr, kTitle), dialog);
-                        EXPECT_EQ(::GetWindow(dialog, GW_OWNER), parent);
-                        EXPECT_NE(::IsWindowEnabled(m_parent) != FALSE, parent != nullptr);
-                        Enter(dialog, text.c_str(), (text + L"p").c_str());
-                        end(dialog);
-                    });
+                const CDialogUser user([&](HWND dialog)
+                {
+                    EXPECT_EQ(::FindWindowW(nullptr, kTitle), dialog);
+                    EXPECT_EQ(::GetWindow(dialog, GW_OWNER), parent);
+                    EXPECT_NE(::IsWindowEnabled(m_parent) != FALSE, parent != nullptr);
+                    Enter(dialog, text.c_str(), (text + L"p").c_str());
+                    end(dialog);
+                });
                 EXPECT_EQ(m_callback->SetParentWindow(parent), S_OK);
                 const CAnswer answer = Ask(parent == nullptr);
                 EXPECT_EQ(answer.hr, S_OK);
@@ -134,23 +132,22 @@ TEST_F(AuthCallback, GivesWhatTheUserEntered)
 
 TEST_F(AuthCallback, TheDialogIsReadyForTheKeyboard)
 {
-    const CDialogUser user(
-        [](HWND dialog)
+    const CDialogUser user([](HWND dialog)
+    {
+        wchar_t text[200]{};
+        ::GetDlgItemTextW(dialog, CAuthDlg::kServerAddress, text, 200);
+        EXPECT_STREQ(text, kAddress);
+        EXPECT_TRUE(::GetWindowLongPtrW(::GetDlgItem(dialog, CAuthDlg::kServerAddress), GWL_STYLE) & SS_NOPREFIX);
+        EXPECT_NE(::SendDlgItemMessageW(dialog, CAuthDlg::kPassword, EM_GETPASSWORDCHAR, 0, 0), 0);
+        EXPECT_EQ(::SendMessageW(dialog, DM_GETDEFID, 0, 0), MAKELONG(IDOK, DC_HASDEFID));
+        HWND next = ::GetFocus();
+        for (const int id : { int{ CAuthDlg::kUserName }, int{ CAuthDlg::kPassword }, IDOK, IDCANCEL })
         {
-            wchar_t text[200]{};
-            ::GetDlgItemTextW(dialog, CAuthDlg::kServerAddress, text, 200);
-            EXPECT_STREQ(text, kAddress);
-            EXPECT_TRUE(::GetWindowLongPtrW(::GetDlgItem(dialog, CAuthDlg::kServerAddress), GWL_STYLE) & SS_NOPREFIX);
-            EXPECT_NE(::SendDlgItemMessageW(dialog, CAuthDlg::kPassword, EM_GETPASSWORDCHAR, 0, 0), 0);
-            EXPECT_EQ(::SendMessageW(dialog, DM_GETDEFID, 0, 0), MAKELONG(IDOK, DC_HASDEFID));
-            HWND next = ::GetFocus();
-            for (const int id : { int{ CAuthDlg::kUserName }, int{ CAuthDlg::kPassword }, IDOK, IDCANCEL })
-            {
-                EXPECT_EQ(::GetDlgCtrlID(next), id);
-                next = ::GetNextDlgTabItem(dialog, next, FALSE);
-            }
-            Press(dialog, IDCANCEL);
-        });
+            EXPECT_EQ(::GetDlgCtrlID(next), id);
+            next = ::GetNextDlgTabItem(dialog, next, FALSE);
+        }
+        Press(dialog, IDCANCEL);
+    });
     EXPECT_EQ(Ask().cancelled, VARIANT_TRUE);
 }
 
@@ -159,15 +156,14 @@ TEST_F(AuthCallback, QuittingTheLoopOrClosingTheOwnerCancels)
     EXPECT_EQ(m_callback->SetParentWindow(m_parent), S_OK);
     for (const bool quits : { true, false })
     {
-        const CDialogUser user(
-            [&](HWND dialog)
-            {
-                Enter(dialog, L"u", L"p");
-                if (quits)
-                    ::PostQuitMessage(7);
-                else
-                    ::PostMessageW(m_parent, WM_CLOSE, 0, 0);
-            });
+        const CDialogUser user([&](HWND dialog)
+        {
+            Enter(dialog, L"u", L"p");
+            if (quits)
+                ::PostQuitMessage(7);
+            else
+                ::PostMessageW(m_parent, WM_CLOSE, 0, 0);
+        });
         const CLogCapture log;
         const CAnswer answer = Ask();
         EXPECT_EQ(answer.hr, S_OK);
@@ -206,13 +202,12 @@ TEST_F(AuthCallback, FailuresChangeNoOutArgument)
 
     // No memory for the second out text.
     std::optional<CFailOnCall<decltype(&::SysAllocStringLen)>> noMemory;
-    const CDialogUser user(
-        [&](HWND dialog)
-        {
-            Enter(dialog, L"u", L"secret word");
-            noMemory.emplace("oleaut32.dll", "SysAllocStringLen", 2, nullptr, ERROR_SUCCESS);
-            Press(dialog, IDOK);
-        });
+    const CDialogUser user([&](HWND dialog)
+    {
+        Enter(dialog, L"u", L"secret word");
+        noMemory.emplace("oleaut32.dll", "SysAllocStringLen", 2, nullptr, ERROR_SUCCESS);
+        Press(dialog, IDOK);
+    });
     answer = Ask();
     noMemory.reset();
     EXPECT_EQ(answer.hr, E_OUTOFMEMORY);

@@ -77,10 +77,10 @@ LPWSTR GlobalText(std::wstring_view text)
 CCallHook<decltype(&::GlobalFree)> CountFreedTexts()
 {
     return { "kernel32.dll", "GlobalFree", [](auto original, HGLOBAL memory)
-             {
-                 g_openTexts -= memory != nullptr;
-                 return original(memory);
-             } };
+    {
+        g_openTexts -= memory != nullptr;
+        return original(memory);
+    } };
 }
 
 // Answers discoveries in place of the platform and records the questions.
@@ -127,10 +127,10 @@ private:
     std::vector<std::wstring> m_questions;
     CCallHook<decltype(&::WinHttpGetProxyForUrl)> m_hook{ "winhttp.dll", "WinHttpGetProxyForUrl",
                                                           [this](auto, auto session, auto url, auto options, auto info)
-                                                          {
-                                                              EXPECT_NE(session, nullptr);
-                                                              return Ask(url, *options, *info);
-                                                          } };
+    {
+        EXPECT_NE(session, nullptr);
+        return Ask(url, *options, *info);
+    } };
 };
 
 CDiscovery::CAnswer Finds(std::wstring_view proxy, std::wstring_view bypass = {})
@@ -167,13 +167,11 @@ TEST(ProxyConfiguration, TakesOneSourceOfTheUsersSettings)
     {
         SCOPED_TRACE(row.rule);
         const auto frees = CountFreedTexts();
-        const CSettingsHook hook("winhttp.dll", "WinHttpGetIEProxyConfigForCurrentUser",
-                                 [&](auto, auto settings)
-                                 {
-                                     *settings = { row.autoDetect, GlobalText(row.script), GlobalText(row.proxy),
-                                                   GlobalText(row.bypass) };
-                                     return TRUE;
-                                 });
+        const CSettingsHook hook("winhttp.dll", "WinHttpGetIEProxyConfigForCurrentUser", [&](auto, auto settings)
+        {
+            *settings = { row.autoDetect, GlobalText(row.script), GlobalText(row.proxy), GlobalText(row.bypass) };
+            return TRUE;
+        });
         // The record keeps none of its old values.
         CHTTPProxyConfigData config{ true, L"old", L"old", L"old", Credentials(L"old", L"old") };
         const bool isLeftOut = !row.expected.UsesDiscovery() && row.expected.manualProxy != row.proxy;
@@ -198,15 +196,14 @@ TEST(ProxyConfiguration, ReportsSettingsThatCannotBeHadAndAsksAgain)
     {
         int failures = 3;
         const auto frees = CountFreedTexts();
-        const CSettingsHook hook("winhttp.dll", "WinHttpGetIEProxyConfigForCurrentUser",
-                                 [&](auto, auto settings)
-                                 {
-                                     ::SetLastError(error);
-                                     if (--failures >= 0)
-                                         return FALSE;
-                                     *settings = { FALSE, nullptr, GlobalText(L"p:1"), nullptr };
-                                     return TRUE;
-                                 });
+        const CSettingsHook hook("winhttp.dll", "WinHttpGetIEProxyConfigForCurrentUser", [&](auto, auto settings)
+        {
+            ::SetLastError(error);
+            if (--failures >= 0)
+                return FALSE;
+            *settings = { FALSE, nullptr, GlobalText(L"p:1"), nullptr };
+            return TRUE;
+        });
         const CLogCapture log;
         const HRESULT code = error == 0 ? E_FAIL : HResultFromWin32(error);
         CHTTPProxyConfigData config = Manual(L"p:1");

@@ -45,23 +45,21 @@ TEST(GlobalHTTPStores, BelongToTheModuleWithoutAProvider)
     CLogCapture log;
     constexpr int kNoApartment = -1;
     for (const int apartment : { int{ COINIT_APARTMENTTHREADED }, kNoApartment, int{ COINIT_MULTITHREADED } })
-        std::thread(
-            [&]
-            {
-                SCOPED_TRACE(apartment);
-                EXPECT_EQ(apartment < 0 ? S_OK : ::CoInitializeEx(nullptr, static_cast<DWORD>(apartment)), S_OK);
-                CStores stores;
-                EXPECT_EQ(stores.Create(), S_OK);
-                EXPECT_TRUE(first.IsEmpty() || stores.AreSame(first));
-                first = stores;
-                EXPECT_EQ(CreateGlobalHTTPStores(nullptr, nullptr, nullptr), S_OK);
-                CVoComPtr<IVoHTTPProxyStore> one;
-                EXPECT_EQ(CreateGlobalHTTPStores(nullptr, one.Put(), nullptr), S_OK);
-                EXPECT_EQ(one.Get(), first.proxies.Get());
-                if (apartment >= 0)
-                    ::CoUninitialize();
-            })
-            .join();
+        std::thread([&]
+        {
+            SCOPED_TRACE(apartment);
+            EXPECT_EQ(apartment < 0 ? S_OK : ::CoInitializeEx(nullptr, static_cast<DWORD>(apartment)), S_OK);
+            CStores stores;
+            EXPECT_EQ(stores.Create(), S_OK);
+            EXPECT_TRUE(first.IsEmpty() || stores.AreSame(first));
+            first = stores;
+            EXPECT_EQ(CreateGlobalHTTPStores(nullptr, nullptr, nullptr), S_OK);
+            CVoComPtr<IVoHTTPProxyStore> one;
+            EXPECT_EQ(CreateGlobalHTTPStores(nullptr, one.Put(), nullptr), S_OK);
+            EXPECT_EQ(one.Get(), first.proxies.Get());
+            if (apartment >= 0)
+                ::CoUninitialize();
+        }).join();
     EXPECT_THAT(log.Lines(), testing::IsEmpty());
 
     // A query object gives the same stores and holds them. The content goes with the last reference.

@@ -94,7 +94,7 @@ private:
     std::vector<ADDRINFOW> m_entries;
     CCallHook<decltype(&::GetAddrInfoW)> m_get{ "ws2_32.dll", "GetAddrInfoW",
                                                 [this](auto, PCWSTR, PCWSTR, auto hints, auto results)
-                                                { return Get(*hints, results); } };
+    { return Get(*hints, results); } };
     CCallHook<decltype(&::FreeAddrInfoW)> m_free{ "ws2_32.dll", "FreeAddrInfoW", [this](auto, auto) { --open; } };
 };
 

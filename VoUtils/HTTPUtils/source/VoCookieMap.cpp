@@ -5,12 +5,11 @@
 
 bool CVoCookieMap::ShadowsSecure(const CVoCookieData& cookie) const noexcept
 {
-    return std::any_of(m_domains.begin(), m_domains.end(),
-                       [&](const auto& domain)
-                       {
-                           return std::any_of(domain.second.begin(), domain.second.end(),
-                                              [&](const CEntry& entry) { return cookie.ShadowsSecure(entry.cookie); });
-                       });
+    return std::any_of(m_domains.begin(), m_domains.end(), [&](const auto& domain)
+    {
+        return std::any_of(domain.second.begin(), domain.second.end(),
+                           [&](const CEntry& entry) { return cookie.ShadowsSecure(entry.cookie); });
+    });
 }
 
 bool CVoCookieMap::Add(CVoCookieData&& cookie, bool fromSecure, double now)
@@ -31,7 +30,7 @@ bool CVoCookieMap::Add(CVoCookieData&& cookie, bool fromSecure, double now)
 
     CEntries& entries = domain->second;
     const auto stored = std::find_if(entries.begin(), entries.end(), [&](const CEntry& entry)
-                                     { return entry.cookie.name == cookie.name && entry.cookie.path == cookie.path; });
+    { return entry.cookie.name == cookie.name && entry.cookie.path == cookie.path; });
     if (isExpired)
     {
         if (stored != entries.end())
@@ -85,13 +84,12 @@ std::vector<const CVoCookieData*> CVoCookieMap::Match(const CVoCookieRequest& re
         const size_t dot = domain.find(L'.');
         domain = dot == std::wstring_view::npos ? std::wstring_view() : domain.substr(dot + 1);
     }
-    std::sort(matches.begin(), matches.end(),
-              [](const CEntry* a, const CEntry* b)
-              {
-                  const size_t lengthOfA = a->cookie.path.size();
-                  const size_t lengthOfB = b->cookie.path.size();
-                  return lengthOfA != lengthOfB ? lengthOfA > lengthOfB : a->creation < b->creation;
-              });
+    std::sort(matches.begin(), matches.end(), [](const CEntry* a, const CEntry* b)
+    {
+        const size_t lengthOfA = a->cookie.path.size();
+        const size_t lengthOfB = b->cookie.path.size();
+        return lengthOfA != lengthOfB ? lengthOfA > lengthOfB : a->creation < b->creation;
+    });
 
     std::vector<const CVoCookieData*> result;
     result.reserve(matches.size());

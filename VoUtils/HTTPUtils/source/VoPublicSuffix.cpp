@@ -40,7 +40,7 @@ char MarkOf(std::wstring_view domain) noexcept
     // The block is the last one whose first domain is not behind the domain.
     const auto* const next = std::upper_bound(std::begin(kPublicSuffixBlocks), std::end(kPublicSuffixBlocks), domain,
                                               [](std::wstring_view wanted, std::string_view block)
-                                              { return IsBefore(wanted, DomainOf(TakeEntry(block))); });
+    { return IsBefore(wanted, DomainOf(TakeEntry(block))); });
     if (next == std::begin(kPublicSuffixBlocks))
         return kNone;
     for (std::string_view block = *std::prev(next); !block.empty();)

@@ -45,9 +45,8 @@ std::wstring_view CutFrom(std::wstring_view& text, wchar_t separator) noexcept
 bool IsValidHostName(std::wstring_view host) noexcept
 {
     constexpr std::wstring_view kForbidden = L" \"#%/:<>?@[\\]^`{|}";
-    return std::none_of(
-        host.begin(), host.end(), [&](wchar_t character)
-        { return IsControl(character) || kForbidden.find(character) != std::wstring_view::npos || iswspace(character) != 0; });
+    return std::none_of(host.begin(), host.end(), [&](wchar_t character)
+    { return IsControl(character) || kForbidden.find(character) != std::wstring_view::npos || iswspace(character) != 0; });
 }
 
 // An IPv6 literal without its brackets. A zone behind "%" is allowed (RFC 6874).
