@@ -24,7 +24,7 @@ SOURCE = r'(?:k\w*|L"(?:\\.|[^"\\])*")'
 MADE = re.compile(rf"CVoReporter\s*(?P<variable>\w*)\s*[({{]\s*(?P<source>{SOURCE})\s*,\s*(?P<function>[^;]*?)[)}}]", re.S)
 USED = (
     r"(?:\b(?P<variable>{names})|CVoReporter\s*[({{][^;{{}}]*?[)}}])\s*"
-    r"(?:\(|\.\s*(?P<call>CurrentException|Message|LastError|Win32)\s*\()\s*(?P<first>\d+)\s*(?:,\s*(?P<second>\d+)\s*[,)])?"
+    r"(?:\(|\.\s*(?P<call>CurrentException|Message|LastError|Win32|Guard)\s*\()\s*(?P<first>\d+)\s*(?:,\s*(?P<second>\d+)\s*[,)])?"
 )
 # A helper that the reporter is passed to, with the number behind it.
 PASSED_ON = rf"\(\s*(?:\{{{{\s*(?P<source>{SOURCE})\s*,(?P<function>[^{{{{}}}}]*)\}}}}|(?P<variable>{{names}}))\s*,\s*(?P<number>\d+)\b(?:\s*,\s*(?P<second>\d+)\b)?"

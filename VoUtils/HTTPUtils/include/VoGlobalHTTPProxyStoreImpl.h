@@ -48,7 +48,7 @@ public:
     [[nodiscard]] HRESULT SetProxy(std::wstring_view serverKey, std::wstring_view name, CProxyPtr* proxy) noexcept
     {
         constexpr CVoReporter report{ L"VoGlobalHTTPProxyStoreImpl.h", L"CProxyCache::SetProxy" };
-        try
+        return report.Guard(215, [&]() -> HRESULT
         {
             CAutoLock lock(&m_lock);
             const size_t index = name.empty() ? kDirect : IndexOf(name);
@@ -56,11 +56,7 @@ public:
             if (proxy)
                 *proxy = At(index);
             return S_OK;
-        }
-        catch (...)
-        {
-            return report.CurrentException(215);
-        }
+        });
     }
     // Keeps credentials for a proxy. They count at once for every server behind it. `asDefault` changes nothing when the proxy
     // has credentials already.

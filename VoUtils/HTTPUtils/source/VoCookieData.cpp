@@ -246,7 +246,7 @@ bool BreaksPromiseOfName(const CVoCookieData& cookie, bool hasPath) noexcept
 HRESULT CVoCookieRequest::FromUrl(std::wstring_view url, CVoCookieRequest& request) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoCookieRequest::FromUrl" };
-    try
+    return report.Guard(240, [&]() -> HRESULT
     {
         CServerAddressData address;
         if (const HRESULT hr = address.SetAddress(url, false, true, false); FAILED(hr))
@@ -268,11 +268,7 @@ HRESULT CVoCookieRequest::FromUrl(std::wstring_view url, CVoCookieRequest& reque
             path = L"/";
         request = std::move(made);
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(240);
-    }
+    });
 }
 
 std::wstring VoCanonicalHost(std::wstring_view host)
@@ -302,7 +298,7 @@ HRESULT CVoCookieData::CreateCookieFromString(std::wstring_view setCookieValue, 
                                               CVoCookieData& cookie) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoCookieData::CreateCookieFromString" };
-    try
+    return report.Guard(331, [&]() -> HRESULT
     {
         if (!IsSendable(setCookieValue, true))
             return report(276, E_INVALIDARG);
@@ -366,17 +362,13 @@ HRESULT CVoCookieData::CreateCookieFromString(std::wstring_view setCookieValue, 
             return report(327, E_INVALIDARG);
         cookie = std::move(made);
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(331);
-    }
+    });
 }
 
 HRESULT CVoCookieData::SerializeCookie(std::wstring& text) const noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoCookieData::SerializeCookie" };
-    try
+    return report.Guard(363, [&]() -> HRESULT
     {
         CVoBinaryDataParser parser;
         HRESULT hr = kCookieFields.Write(*this, parser);
@@ -385,17 +377,13 @@ HRESULT CVoCookieData::SerializeCookie(std::wstring& text) const noexcept
         if (SUCCEEDED(hr))
             hr = parser.GetParamsAsString(text);
         return FAILED(hr) ? report(359, hr) : hr;
-    }
-    catch (...)
-    {
-        return report.CurrentException(363);
-    }
+    });
 }
 
 HRESULT CVoCookieData::CreateCookieFromSerializedData(std::wstring_view text, CVoCookieData& cookie) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoCookieData::CreateCookieFromSerializedData" };
-    try
+    return report.Guard(416, [&]() -> HRESULT
     {
         CVoBinaryDataParser parser;
         CVoCookieData made;
@@ -423,11 +411,7 @@ HRESULT CVoCookieData::CreateCookieFromSerializedData(std::wstring_view text, CV
             return report(410, E_INVALIDARG);
         cookie = std::move(made);
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(416);
-    }
+    });
 }
 
 std::wstring_view CVoCookieData::ReadNextDateTimeField(std::wstring_view& text, wchar_t& sign) noexcept

@@ -71,7 +71,7 @@ HRESULT CVoGlobalHTTPCookieStoreImpl::GetCookieStringForHTTPRequest(BSTR url, VA
     constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::GetCookieStringForHTTPRequest" };
     if (!cookie)
         return report(70, E_POINTER);
-    try
+    return report.Guard(86, [&]() -> HRESULT
     {
         CVoCookieRequest request;
         if (const HRESULT hr = CVoCookieRequest::FromUrl(CVoBstr::ViewOf(url), request); FAILED(hr))
@@ -83,17 +83,13 @@ HRESULT CVoGlobalHTTPCookieStoreImpl::GetCookieStringForHTTPRequest(BSTR url, VA
             return report(80, E_OUTOFMEMORY);
         *cookie = text;
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(86);
-    }
+    });
 }
 
 HRESULT CVoGlobalHTTPCookieStoreImpl::AddCookieFromString(BSTR setCookieValue, BSTR requestUrl) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::AddCookieFromString" };
-    try
+    return report.Guard(110, [&]() -> HRESULT
     {
         CVoCookieRequest request;
         if (const HRESULT hr = CVoCookieRequest::FromUrl(CVoBstr::ViewOf(requestUrl), request); FAILED(hr))
@@ -106,33 +102,25 @@ HRESULT CVoGlobalHTTPCookieStoreImpl::AddCookieFromString(BSTR setCookieValue, B
         if (const HRESULT hr = AddCookie(std::move(cookie), request.secure, now); FAILED(hr))
             return report(105, hr);
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(110);
-    }
+    });
 }
 
 HRESULT CVoGlobalHTTPCookieStoreImpl::AddCookie(CVoCookieData&& cookie, bool fromSecure, double now) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::AddCookie" };
-    try
+    return report.Guard(125, [&]() -> HRESULT
     {
         CAutoLock lock(&m_lock);
         if (!m_cookies->Add(std::move(cookie), fromSecure, now))
             return report(120, E_INVALIDARG);
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(125);
-    }
+    });
 }
 
 HRESULT CVoGlobalHTTPCookieStoreImpl::SerializeCookies(CVoBinaryDataParser& parser) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::SerializeCookies" };
-    try
+    return report.Guard(150, [&]() -> HRESULT
     {
         const double now = m_clock();
         CAutoLock lock(&m_lock);
@@ -146,17 +134,13 @@ HRESULT CVoGlobalHTTPCookieStoreImpl::SerializeCookies(CVoBinaryDataParser& pars
                 return report(144, hr);
         }
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(150);
-    }
+    });
 }
 
 HRESULT CVoGlobalHTTPCookieStoreImpl::DeserializeCookies(const CVoBinaryDataParser& parser) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::DeserializeCookies" };
-    try
+    return report.Guard(178, [&]() -> HRESULT
     {
         const double now = m_clock();
         CVoCookieMap cookies;
@@ -173,11 +157,7 @@ HRESULT CVoGlobalHTTPCookieStoreImpl::DeserializeCookies(const CVoBinaryDataPars
         CAutoLock lock(&m_lock);
         *m_cookies = std::move(cookies);
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(178);
-    }
+    });
 }
 
 HRESULT CVoGlobalHTTPCookieStoreImpl::Serialize(BSTR* data) noexcept
@@ -185,7 +165,7 @@ HRESULT CVoGlobalHTTPCookieStoreImpl::Serialize(BSTR* data) noexcept
     constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::Serialize" };
     if (!data)
         return report(186, E_POINTER);
-    try
+    return report.Guard(200, [&]() -> HRESULT
     {
         CVoBinaryDataParser parser;
         if (const HRESULT hr = SerializeCookies(parser); FAILED(hr))
@@ -195,11 +175,7 @@ HRESULT CVoGlobalHTTPCookieStoreImpl::Serialize(BSTR* data) noexcept
             return report(194, hr);
         *data = CVoBstr(text).Detach();
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(200);
-    }
+    });
 }
 
 HRESULT CVoGlobalHTTPCookieStoreImpl::Deserialize(BSTR data) noexcept
@@ -278,16 +254,12 @@ HRESULT CreateGlobalHTTPCookieStoreForModule(IVoHTTPCookieStore** store) noexcep
     constexpr CVoReporter report{ kSource, L"CreateGlobalHTTPCookieStoreForModule" };
     if (!store)
         return report(279, E_POINTER);
-    try
+    return report.Guard(290, [&]() -> HRESULT
     {
         CVoComPtr<CVoGlobalHTTPCookieStoreImpl> made = VoMakeComObject<CVoGlobalHTTPCookieStoreImpl>();
         if (!made)
             return report(284, E_OUTOFMEMORY);
         *store = made.Detach();
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(290);
-    }
+    });
 }

@@ -96,18 +96,14 @@ HRESULT CProxyCache::SetAuthDataForProxy(std::wstring_view name, const CHTTPProx
                                          bool asDefault) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CProxyCache::SetAuthDataForProxy" };
-    try
+    return report.Guard(771, [&]() -> HRESULT
     {
         CAutoLock lock(&m_lock);
         CProxyPtr& proxy = m_proxies[IndexOf(name)];
         if (!asDefault || !proxy->isAuthenticationKnown)
             proxy = std::make_shared<CProxy>(CProxy{ proxy->name, authentication, true });
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(771);
-    }
+    });
 }
 
 CProxyCache::CProxyPtr CProxyCache::FindProxy(std::wstring_view name) noexcept
@@ -180,7 +176,7 @@ HRESULT CProxyCache::SerializeEntries(CVoBinaryDataParser& parser) const
 HRESULT CProxyCache::Serialize(CVoSecret<wchar_t>& text) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CProxyCache::Serialize" };
-    try
+    return report.Guard(855, [&]() -> HRESULT
     {
         CSecretParser parser;
         CAutoLock lock(&m_lock);
@@ -189,11 +185,7 @@ HRESULT CProxyCache::Serialize(CVoSecret<wchar_t>& text) noexcept
         if (const HRESULT hr = parser.GetParamsAsString(text.Get()); FAILED(hr))
             return report(850, hr);
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(855);
-    }
+    });
 }
 
 HRESULT CProxyCache::DeserializeEntries(const CVoBinaryDataParser& parser)
@@ -242,7 +234,7 @@ HRESULT CProxyCache::DeserializeEntries(const CVoBinaryDataParser& parser)
 HRESULT CProxyCache::Deserialize(std::wstring_view text) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CProxyCache::Deserialize" };
-    try
+    return report.Guard(916, [&]() -> HRESULT
     {
         CSecretParser parser;
         if (const HRESULT hr = parser.ReadParamsFromString(text); FAILED(hr))
@@ -250,11 +242,7 @@ HRESULT CProxyCache::Deserialize(std::wstring_view text) noexcept
         if (const HRESULT hr = DeserializeEntries(parser); FAILED(hr))
             return report(911, hr);
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(916);
-    }
+    });
 }
 
 CVoGlobalHTTPProxyStoreImpl::~CVoGlobalHTTPProxyStoreImpl()
@@ -319,7 +307,7 @@ void CVoGlobalHTTPProxyStoreImpl::ReadMissingUserSettings() noexcept
 HRESULT CVoGlobalHTTPProxyStoreImpl::GetProxyForURL(std::wstring_view url, CProxyCache::CProxyPtr& proxy) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::GetProxyForURL" };
-    try
+    return report.Guard(1005, [&]() -> HRESULT
     {
         // A known server does not wait for the discovery of another.
         if (m_cache.GetProxyAndAuthData(CQuickServerKey(url).Get(), proxy))
@@ -342,11 +330,7 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::GetProxyForURL(std::wstring_view url, CProx
             return S_OK;
         }
         return FindProxyForServer(address, serverKey, proxy);
-    }
-    catch (...)
-    {
-        return report.CurrentException(1005);
-    }
+    });
 }
 
 HRESULT CVoGlobalHTTPProxyStoreImpl::FindProxyForServer(const CServerAddressData& address, const std::wstring& serverKey,
@@ -387,7 +371,7 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::FindProxyForServer(const CServerAddressData
 HRESULT CVoGlobalHTTPProxyStoreImpl::GetManualProxy(CProxyCache::CProxyPtr& proxy) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::GetManualProxy" };
-    try
+    return report.Guard(1113, [&]() -> HRESULT
     {
         CAutoLock lock(&m_lock);
         ReadMissingUserSettings();
@@ -414,11 +398,7 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::GetManualProxy(CProxyCache::CProxyPtr& prox
         }
         proxy = std::make_shared<CProxyCache::CProxy>(std::move(found));
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(1113);
-    }
+    });
 }
 
 HRESULT CVoGlobalHTTPProxyStoreImpl::GetProxyForUrl(BSTR url, BSTR* proxy, BSTR* user, BSTR* password) noexcept
@@ -426,7 +406,7 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::GetProxyForUrl(BSTR url, BSTR* proxy, BSTR*
     constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::GetProxyForUrl" };
     if (!proxy)
         return report(1121, E_POINTER);
-    try
+    return report.Guard(1147, [&]() -> HRESULT
     {
         const std::wstring_view urlText = CVoBstr::ViewOf(url);
         CProxyCache::CProxyPtr found;
@@ -447,18 +427,14 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::GetProxyForUrl(BSTR url, BSTR* proxy, BSTR*
         if (password)
             *password = foundPassword.Detach();
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(1147);
-    }
+    });
 }
 
 HRESULT CVoGlobalHTTPProxyStoreImpl::SetAuthDataForProxy(BSTR proxy, BSTR user, BSTR password, VARIANT_BOOL valid,
                                                          VARIANT_BOOL required) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::SetAuthDataForProxy" };
-    try
+    return report.Guard(1172, [&]() -> HRESULT
     {
         const std::wstring name = VoProxyList::OnlyProxy(CVoBstr::ViewOf(proxy));
         if (name.empty())
@@ -472,11 +448,7 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::SetAuthDataForProxy(BSTR proxy, BSTR user, 
         if (const HRESULT hr = m_cache.SetAuthDataForProxy(name, authentication, false); FAILED(hr))
             return report(1167, hr);
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(1172);
-    }
+    });
 }
 
 HRESULT CVoGlobalHTTPProxyStoreImpl::Serialize(BSTR* data) noexcept
@@ -484,7 +456,7 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::Serialize(BSTR* data) noexcept
     constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::Serialize" };
     if (!data)
         return report(1180, E_POINTER);
-    try
+    return report.Guard(1206, [&]() -> HRESULT
     {
         CSecretParser parser;
         CVoSecret<wchar_t> config;
@@ -506,11 +478,7 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::Serialize(BSTR* data) noexcept
             return report(1200, hr);
         *data = CVoBstr(text.Get()).Detach();
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(1206);
-    }
+    });
 }
 
 HRESULT CVoGlobalHTTPProxyStoreImpl::Deserialize(BSTR data) noexcept
@@ -521,7 +489,7 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::Deserialize(BSTR data) noexcept
         const HRESULT hr = Clear();
         return FAILED(hr) ? report(1216, hr) : hr;
     }
-    try
+    return report.Guard(1243, [&]() -> HRESULT
     {
         CHTTPProxyConfigData config;
         CProxyCache cache;
@@ -547,11 +515,7 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::Deserialize(BSTR data) noexcept
         m_isUserSettingsMissing = false;
         m_cache.Swap(cache);
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(1243);
-    }
+    });
 }
 
 std::span<const CVoProperty<CVoGlobalHTTPProxyStoreImpl>> CVoGlobalHTTPProxyStoreImpl::PropertyTable() noexcept
@@ -590,7 +554,7 @@ HRESULT CreateGlobalHTTPProxyStoreForModule(IVoHTTPProxyStore** store) noexcept
     constexpr CVoReporter report{ kSource, L"CreateGlobalHTTPProxyStoreForModule" };
     if (!store)
         return report(1278, E_POINTER);
-    try
+    return report.Guard(1296, [&]() -> HRESULT
     {
         CVoComPtr<CVoGlobalHTTPProxyStoreImpl> made = VoMakeComObject<CVoGlobalHTTPProxyStoreImpl>();
         if (!made)
@@ -598,9 +562,5 @@ HRESULT CreateGlobalHTTPProxyStoreForModule(IVoHTTPProxyStore** store) noexcept
         made->InitFromUserSettings();
         *store = made.Detach();
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(1296);
-    }
+    });
 }

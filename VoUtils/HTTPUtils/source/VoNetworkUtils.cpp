@@ -61,7 +61,7 @@ HRESULT CVoIPAddress::InitFromIPAddress(const SOCKADDR& socketAddress, bool quie
     constexpr CVoReporter report{ kSource, kInitFromIPAddress };
     Clear();
     taken = false;
-    try
+    return report.Guard(170, [&]() -> HRESULT
     {
         wchar_t text[kTextLength];
         if (socketAddress.sa_family == AF_INET)
@@ -93,11 +93,7 @@ HRESULT CVoIPAddress::InitFromIPAddress(const SOCKADDR& socketAddress, bool quie
         }
         taken = true;
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(170);
-    }
+    });
 }
 
 // The text is a copy: the caller may pass the record's own text, and the record is cleared first.
@@ -106,7 +102,7 @@ HRESULT CVoIPAddress::InitFromIPAddress(std::wstring addressText) noexcept
 {
     constexpr CVoReporter report{ kSource, kInitFromIPAddress };
     Clear();
-    try
+    return report.Guard(234, [&]() -> HRESULT
     {
         // InetPtonW gives 0 for a text of the other family: no failure.
         const std::wstring bare = WithoutBrackets(addressText);
@@ -147,11 +143,7 @@ HRESULT CVoIPAddress::InitFromIPAddress(std::wstring addressText) noexcept
         address.SetValid(isIPv6);
         *this = std::move(address);
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(234);
-    }
+    });
 }
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): a copy, as above

@@ -110,7 +110,7 @@ HRESULT CHTTPProxyAuthenticationData::Deserialize(const CVoBinaryDataParser& par
 HRESULT CHTTPProxyConfigData::InitFromIE() noexcept
 {
     constexpr CVoReporter report{ kSource, L"CHTTPProxyConfigData::InitFromIE" };
-    try
+    return report.Guard(340, [&]() -> HRESULT
     {
         CInternetSettings settings;
         if (!::WinHttpGetIEProxyConfigForCurrentUser(&settings))
@@ -130,11 +130,7 @@ HRESULT CHTTPProxyConfigData::InitFromIE() noexcept
         const bool isComplete = LeaveOutUnusable(report, config);
         *this = std::move(config);
         return isComplete ? S_OK : S_FALSE;
-    }
-    catch (...)
-    {
-        return report.CurrentException(340);
-    }
+    });
 }
 
 HRESULT CHTTPProxyConfigData::Serialize(CVoSecret<wchar_t>& text) const noexcept
@@ -183,7 +179,7 @@ CProxyConfigHandler::~CProxyConfigHandler() = default;
 HRESULT CProxyConfigHandler::Init(const CHTTPProxyConfigData& config, bool& changed) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CProxyConfigHandler::Init" };
-    try
+    return report.Guard(612, [&]() -> HRESULT
     {
         CAutoLock lock(&m_lock);
         const bool differs = config != m_config;
@@ -204,17 +200,13 @@ HRESULT CProxyConfigHandler::Init(const CHTTPProxyConfigData& config, bool& chan
         m_config = std::move(copy);
         changed = differs;
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(612);
-    }
+    });
 }
 
 HRESULT CProxyConfigHandler::OpenSession() noexcept
 {
     constexpr CVoReporter report{ kSource, L"CProxyConfigHandler::Init" };
-    try
+    return report.Guard(640, [&]() -> HRESULT
     {
         if (m_session)
             return S_OK;
@@ -228,11 +220,7 @@ HRESULT CProxyConfigHandler::OpenSession() noexcept
             return report(634, hr);
         m_session = std::move(session);
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(640);
-    }
+    });
 }
 
 HRESULT CProxyConfigHandler::DiscoverProxy(const std::wstring& url, std::wstring& proxyList, std::wstring& bypassList) noexcept
@@ -247,7 +235,7 @@ HRESULT CProxyConfigHandler::GetProxyForURL(const std::wstring& url, std::wstrin
                                             CHTTPProxyAuthenticationData& authentication) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CProxyConfigHandler::GetProxyForURL" };
-    try
+    return report.Guard(671, [&]() -> HRESULT
     {
         CAutoLock lock(&m_lock);
         CHTTPProxyConfigData found;
@@ -259,17 +247,13 @@ HRESULT CProxyConfigHandler::GetProxyForURL(const std::wstring& url, std::wstrin
         bypassList.swap(found.manualProxyBypassList);
         authentication = std::move(found.manualProxyAuthenticationData);
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(671);
-    }
+    });
 }
 
 HRESULT CProxyConfigHandler::GetManualProxy(std::wstring& proxyList, CHTTPProxyAuthenticationData& authentication) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CProxyConfigHandler::GetManualProxy" };
-    try
+    return report.Guard(689, [&]() -> HRESULT
     {
         CAutoLock lock(&m_lock);
         CHTTPProxyConfigData found;
@@ -278,11 +262,7 @@ HRESULT CProxyConfigHandler::GetManualProxy(std::wstring& proxyList, CHTTPProxyA
         proxyList.swap(found.manualProxy);
         authentication = std::move(found.manualProxyAuthenticationData);
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(689);
-    }
+    });
 }
 
 HRESULT CProxyConfigHandler::Clear() noexcept

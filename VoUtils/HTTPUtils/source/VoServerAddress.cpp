@@ -85,7 +85,7 @@ CServerAddressData& CServerAddressData::operator=(const CServerAddressData& othe
 HRESULT CServerAddressData::SetAddress(std::wstring_view url, bool defaultSecure, bool keepPath, bool keepQuery) noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoGlobalHTTPUtils::CServerAddressData::SetAddress" };
-    try
+    return report.Guard(330, [&]() -> HRESULT
     {
         std::wstring_view rest = VoTrim(url);
 
@@ -163,17 +163,13 @@ HRESULT CServerAddressData::SetAddress(std::wstring_view url, bool defaultSecure
         parsed.BuildTexts();
         *this = std::move(parsed);
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(330);
-    }
+    });
 }
 
 HRESULT CServerAddressData::SetObjectPath(std::wstring_view objectPath) noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoGlobalHTTPUtils::CServerAddressData::SetObjectPath" };
-    try
+    return report.Guard(361, [&]() -> HRESULT
     {
         CutFrom(objectPath, L'#');
         if (HasControls(objectPath))
@@ -188,11 +184,7 @@ HRESULT CServerAddressData::SetObjectPath(std::wstring_view objectPath) noexcept
         changed.BuildTexts();
         *this = std::move(changed);
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(361);
-    }
+    });
 }
 
 UINT16 CServerAddressData::EffectivePort() const noexcept
@@ -205,17 +197,13 @@ UINT16 CServerAddressData::EffectivePort() const noexcept
 HRESULT CServerAddressData::Rebuild() noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoGlobalHTTPUtils::CServerAddressData::Rebuild" };
-    try
+    return report.Guard(380, [&]() -> HRESULT
     {
         CServerAddressData rebuilt(*this);
         rebuilt.BuildTexts();
         *this = std::move(rebuilt);
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(380);
-    }
+    });
 }
 
 void CServerAddressData::BuildTexts()

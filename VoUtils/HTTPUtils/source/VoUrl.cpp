@@ -14,7 +14,7 @@ constexpr const wchar_t* kSource = L"..\\source\\VoUrl";
 HRESULT VoUrlToBytes(std::wstring_view url, std::string& bytes) noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoUrlToBytes" };
-    try
+    return report.Guard(40, [&]() -> HRESULT
     {
         constexpr std::string_view kNotInUrls = "\"<>\\^`{|}"; // of the printable characters
         constexpr char kDigits[] = "0123456789ABCDEF";
@@ -33,28 +33,20 @@ HRESULT VoUrlToBytes(std::wstring_view url, std::string& bytes) noexcept
         }
         bytes = std::move(encoded);
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(40);
-    }
+    });
 }
 
 HRESULT VoEncodeUrl(std::wstring_view url, std::wstring& encoded) noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoEncodeUrl" };
-    try
+    return report.Guard(55, [&]() -> HRESULT
     {
         std::string bytes;
         if (const HRESULT hr = VoUrlToBytes(url, bytes); FAILED(hr))
             return report(50, hr);
         encoded.assign(bytes.begin(), bytes.end());
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(55);
-    }
+    });
 }
 
 std::wstring VoWithoutUserInfo(std::wstring_view url)
