@@ -1,3 +1,4 @@
+// CAuthAnswers: the targets of challenges and the credentials that they get.
 #include "AuthAnswers.h"
 
 #include <VoGlobalHTTPUtils.h>
@@ -5,7 +6,7 @@
 
 namespace
 {
-// Scheme, host and port of a URL; the text itself when it is none.
+// The scheme, host and port of a URL; the text itself if it is not a URL.
 std::wstring ServerTarget(BSTR serverAddress, BSTR url)
 {
     CServerAddressData address;

@@ -1,4 +1,4 @@
-// Answers to authentication challenges that the command line gave.
+// Answers authentication challenges with the credentials of the command line.
 #pragma once
 
 #include <VoHTTPStores.h>
@@ -17,8 +17,9 @@ struct CCredentials
     CVoSecret<wchar_t> password;
 };
 
-// Gives the credentials once to each target that asks: who asks a second time did not take them, and asking on would lock an
-// account. Challenges without credentials are declined. With a dialog the user is asked instead, every time. Any thread.
+// Gives the credentials once to each target. A second challenge of the same target means that it refused them; more attempts
+// could lock an account. Without credentials a challenge is declined. With a dialog the user is asked instead, each time. Any
+// thread.
 class CAuthAnswers : public CVoIUnknownImplWithFreeThreadedMarshaller<IVoAuthenticationCallback>
 {
 public:
@@ -28,7 +29,7 @@ public:
     {
     }
 
-    // A request went through: what was answered was right, and may be answered to the next request's challenge.
+    // A request succeeded: its credentials were accepted, and may be given again to the challenge of the next request.
     void OnRequestAccepted();
 
     STDMETHODIMP SetParentWindow(HWND parent) noexcept override;
@@ -43,7 +44,7 @@ private:
 
     const std::optional<CCredentials> m_server;
     const std::optional<CCredentials> m_proxy;
-    const CVoComPtr<IVoAuthenticationCallback> m_dialog; // null: nobody is asked
+    const CVoComPtr<IVoAuthenticationCallback> m_dialog; // null: no dialog
     std::mutex m_lock;
     std::set<std::wstring> m_answered;
 };

@@ -1,3 +1,4 @@
+// CContext and CProcessState: input, results and the shared stores.
 #include "Command.h"
 
 #include "Files.h"
@@ -103,7 +104,7 @@ std::wstring CContext::ReadValue(std::string_view value)
 void CContext::PutLine(const char* key, std::wstring_view text)
 {
     if (m_options.json)
-        m_answer[key] = ToUtf8(text);
+        m_object[key] = ToUtf8(text);
     else
         m_streams.out.Write(ToUtf8(text) + '\n');
 }
@@ -111,7 +112,7 @@ void CContext::PutLine(const char* key, std::wstring_view text)
 void CContext::PutText(const char* key, std::wstring_view text)
 {
     if (m_options.json)
-        m_answer[key] = ToUtf8(text);
+        m_object[key] = ToUtf8(text);
     else
         m_streams.out.Write(ToUtf8(text));
 }
@@ -128,7 +129,7 @@ void CContext::PutValidity(bool valid)
 void CContext::PutBytes(const char* key, std::span<const BYTE> bytes)
 {
     if (m_options.json)
-        m_answer[key] = ToBase64(bytes);
+        m_object[key] = ToBase64(bytes);
     else
         m_streams.out.Write(bytes);
 }
@@ -136,7 +137,7 @@ void CContext::PutBytes(const char* key, std::span<const BYTE> bytes)
 void CContext::PutObject(const CJson& object)
 {
     if (m_options.json)
-        m_answer.update(object);
+        m_object.update(object);
     else
         m_streams.out.Write(object.dump(2, ' ', false, CJson::error_handler_t::replace) + '\n');
 }
@@ -157,15 +158,15 @@ int CContext::Finish(HRESULT result, std::string_view detail)
         if (!detail.empty())
             error += (error.empty() ? "" : " ") + ("(" + std::string(detail) + ")");
     }
-    if (m_options.json && !m_answersByLine)
+    if (m_options.json && !m_writesLines)
     {
-        CJson answer = CJson::object();
-        answer["result"] = ResultCode(result);
+        CJson object = CJson::object();
+        object["result"] = ResultCode(result);
         if (FAILED(result))
-            answer["error"] = error;
-        for (const auto& [key, value] : m_answer.items())
-            answer[key] = std::move(value);
-        m_streams.out.Write(JsonLine(answer));
+            object["error"] = error;
+        for (const auto& [key, value] : m_object.items())
+            object[key] = std::move(value);
+        m_streams.out.Write(JsonLine(object));
     }
     if (FAILED(result))
     {

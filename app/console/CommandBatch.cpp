@@ -13,7 +13,7 @@ struct CBatchLine
     std::vector<BYTE> input;
 };
 
-// Throws CUsageError for a line that is no such object.
+// Throws CUsageError if the line is not such an object.
 CBatchLine ParseLine(const std::string& line)
 {
     const CJson json = CJson::parse(line, nullptr, false);
@@ -45,18 +45,17 @@ CBatchLine ParseLine(const std::string& line)
 class CBatchCommand : public ICommand
 {
 public:
-    void Declare(CLI::App& app) override
+    void Declare(COptions& options) override
     {
-        app.footer(
+        options.SetFooter(
             "Each line of standard input is {\"args\": [\"encode\", \"hex\"], \"stdinBase64\": \"...\"}, each line of standard "
             "output {\"exit\": 0, \"stdoutBase64\": \"...\", \"stderr\": \"...\"}, in order, written as soon as its command "
             "has "
-            "ended. The commands share the process's cookies.\n" +
-            app.get_footer());
+            "ended. The commands share the process's cookies.\n");
     }
     void Run(CContext& context) override
     {
-        context.SetAnswersByLine();
+        context.SetWritesLines();
         CLineReader lines(context.Streams().in);
         for (std::string line; lines.Next(line);)
             context.Streams().out.Write(JsonLine(RunLine(line, context.Process())));

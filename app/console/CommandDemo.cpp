@@ -1,34 +1,20 @@
-// demo: every kind of request through every transport, to a server of our own.
+// demo: every kind of request through every transport, to a server of this program.
 #include "Console.h"
 #include "DemoServer.h"
 #include "Parameters.h"
-#include "RequestOptions.h"
 
+#include <VoHTTPTransports.h>
 #include <base/VoUtils.h>
 #include <base/VoWipe.h>
 #include <win/OrvDigSign.h>
 
 #include <algorithm>
 #include <array>
-#include <map>
+#include <optional>
 
 namespace
 {
 using EContentKind = CVoHTTPMessage::EContentKind;
-
-struct CTransport
-{
-    const char* name;
-    UINT32 engine;
-    uint8_t host; // of the server: 127.0.0.HOST
-};
-constexpr std::array kTransports{
-    CTransport{ "wininet", 0, 1 },
-    CTransport{ "winhttp", 1, 1 },
-    CTransport{ "curl", 2, 1 },
-    // It gives "localhost" and 127.0.0.1 a name that few resolvers know, for a proxy to see; another address stays as it is.
-    CTransport{ "winhttp-loopback", 3, 2 },
-};
 
 struct CKind
 {
@@ -48,7 +34,7 @@ constexpr UINT32 kRequestTimeout = 20;
 constexpr UINT32 kKeyBits = 2048;
 constexpr size_t kPayloadSize = size_t{ 64 } * 1024;
 
-// Texts with everything that an encoding can get wrong.
+// Texts with characters that encodings must escape or convert.
 constexpr std::array<std::pair<const wchar_t*, const wchar_t*>, 3> kParameters{ {
     { L"customer", L"M\u00FCller & S\u00F6hne" },
     { L"price", L"12 $ = 11 \u20AC" },
@@ -63,7 +49,7 @@ std::vector<BYTE> MakePayload()
     return payload;
 }
 
-// What one row tells.
+// One row of the table.
 struct CRow
 {
     const char* kind;
@@ -85,9 +71,14 @@ std::string Describe(size_t parameters, size_t payload)
 class CDemo
 {
 public:
-    CDemo() { Check(OrvDigSign::COrvRSAKey::Generate(kKeyBits, m_privateKey.Get(), m_publicKey)); }
+    CDemo()
+    {
+        std::wstring publicKey;
+        Check(OrvDigSign::COrvRSAKey::Generate(kKeyBits, m_privateKey.Get(), publicKey));
+        m_server.emplace(std::move(publicKey));
+    }
 
-    CRow Run(const CKind& kind, const CTransport& transport)
+    CRow Run(const CKind& kind, const CVoHTTPTransportRow& transport)
     {
         CRow row{ kind.name, transport.name, {}, {} };
         CVoBinaryDataParser request;
@@ -102,9 +93,9 @@ public:
         if (kind.content == EContentKind::SignedForm)
             row.sent += ", signature";
 
-        CVoBinaryDataParser answer;
+        CVoBinaryDataParser response;
         const INT64 begin = VoGetMicroseconds();
-        const HRESULT hr = Exchange(kind, transport, request, answer);
+        const HRESULT hr = Exchange(kind, transport, request, response);
         row.milliseconds = static_cast<double>(VoGetMicroseconds() - begin) / 1000;
         if (FAILED(hr))
         {
@@ -112,24 +103,22 @@ public:
             return row;
         }
         const size_t extra = kind.content == EContentKind::SignedForm ? 2 : 0;
-        row.received = Describe(answer.GetCount() - std::min(extra, answer.GetCount()), answer.Payload().size());
-        if (answer.ParamExists(kDemoSignatureValid))
+        row.received = Describe(response.GetCount() - std::min(extra, response.GetCount()), response.Payload().size());
+        if (response.ParamExists(kDemoSignatureValid))
             row.received += ", signature valid";
-        row.right = IsRight(request, answer, extra);
+        row.right = IsRight(request, response, extra);
         return row;
     }
 
 private:
-    HRESULT Exchange(const CKind& kind, const CTransport& transport, const CVoBinaryDataParser& request,
-                     CVoBinaryDataParser& answer)
+    HRESULT Exchange(const CKind& kind, const CVoHTTPTransportRow& transport, const CVoBinaryDataParser& request,
+                     CVoBinaryDataParser& response)
     {
-        const CEngineChoice engine(transport.engine);
         CServerAddressData address;
-        const CDemoServer& server = m_servers.try_emplace(transport.host, m_publicKey, transport.host).first->second;
-        Check(address.SetAddress(server.URL(kind.content ? L"/demo" : Query(request)), false, true, true));
+        Check(address.SetAddress(m_server->URL(kind.content ? L"/demo" : Query(request)), false, true, true));
         std::shared_ptr<CVoHTTPMessage> message;
-        if (const HRESULT hr = CVoHTTPMessage::Connect(address, nullptr, nullptr, nullptr, kConnectTimeout, kRequestTimeout,
-                                                       true, false, message);
+        if (const HRESULT hr = CVoHTTPMessage::Connect(transport.kind, address, nullptr, nullptr, nullptr, kConnectTimeout,
+                                                       kRequestTimeout, true, false, message);
             FAILED(hr))
             return hr;
         std::shared_ptr<CVoHTTPMessage::CHTTPRequestData> data;
@@ -143,7 +132,7 @@ private:
                               : message->SendGetRequest(data, {}, false, nullptr);
         }
         if (SUCCEEDED(hr))
-            hr = message->ReadResponse(data, answer, CVoHTTPMessage::EResponseKind::Parameters, nullptr, nullptr);
+            hr = message->ReadResponse(data, response, CVoHTTPMessage::EResponseKind::Parameters, nullptr, nullptr);
         return hr;
     }
 
@@ -156,31 +145,29 @@ private:
         return L"/demo?" + text;
     }
 
-    // Whether the answer holds what was sent, in its order, and `extra` parameters about the signature.
-    static bool IsRight(const CVoBinaryDataParser& request, const CVoBinaryDataParser& answer, size_t extra)
+    // Whether the response holds what was sent, in the same order, and `extra` parameters about the signature.
+    static bool IsRight(const CVoBinaryDataParser& request, const CVoBinaryDataParser& response, size_t extra)
     {
-        if (answer.GetCount() != request.GetCount() + extra || (extra != 0 && !answer.ParamExists(kDemoSignatureValid)))
+        if (response.GetCount() != request.GetCount() + extra || (extra != 0 && !response.ParamExists(kDemoSignatureValid)))
             return false;
         for (size_t i = 0; i < request.GetCount(); ++i)
-            if (request.GetAt(i).Name() != answer.GetAt(i).Name() || request.GetAt(i).Value() != answer.GetAt(i).Value())
+            if (request.GetAt(i).Name() != response.GetAt(i).Name() || request.GetAt(i).Value() != response.GetAt(i).Value())
                 return false;
-        return std::ranges::equal(request.Payload(), answer.Payload());
+        return std::ranges::equal(request.Payload(), response.Payload());
     }
 
     CVoSecret<wchar_t> m_privateKey;
-    std::wstring m_publicKey;
-    std::map<uint8_t, CDemoServer> m_servers; // by host
+    std::optional<CDemoServer> m_server;
 };
 
 class CDemoCommand : public ICommand
 {
 public:
-    void Declare(CLI::App& app) override
+    void Declare(COptions& options) override
     {
-        app.footer(
+        options.SetFooter(
             "Starts a small server on this machine, sends it one request of every content kind through every transport, and "
-            "prints what was sent, what came back and how long it took. Exit code 0 only if every row is right.\n" +
-            app.get_footer());
+            "prints what was sent, what came back and how long it took. Exit code 0 only if every row is right.\n");
     }
     void Run(CContext& context) override
     {
@@ -188,7 +175,7 @@ public:
         CJson rows = CJson::array();
         bool right = true;
         PutRow(context, "kind", "transport", "sent", "came back", "ms", "");
-        for (const CTransport& transport : kTransports)
+        for (const CVoHTTPTransportRow& transport : VoHTTPTransports())
         {
             for (const CKind& kind : kKinds)
             {

@@ -15,16 +15,15 @@ namespace
 class CAddressCommand : public ICommand
 {
 public:
-    void Declare(CLI::App& app) override
+    void Declare(COptions& options) override
     {
-        app.add_option("URL", m_url, "[http[s]://]HOST[:PORT][/PATH][?QUERY]; an IPv6 address in brackets")->required();
-        app.add_flag("--default-secure", m_defaultSecure, "A text without a scheme means https");
-        app.add_flag("--no-path", m_noPath, "Keep neither path nor query");
-        app.add_flag("--no-query", m_noQuery, "Keep no query");
-        app.footer(
+        options.Add("URL", m_url, "[http[s]://]HOST[:PORT][/PATH][?QUERY]; an IPv6 address in brackets").Required();
+        options.AddFlag("--default-secure", m_defaultSecure, "A text without a scheme means https");
+        options.AddFlag("--no-path", m_noPath, "Keep neither path nor query");
+        options.AddFlag("--no-query", m_noQuery, "Keep no query");
+        options.SetFooter(
             "Prints JSON: host, path, query, secure, port (0: the scheme's default) and the texts made of them: authority, "
-            "baseURL, pathURL, fullURL, objectName.\n" +
-            app.get_footer());
+            "baseURL, pathURL, fullURL, objectName.\n");
     }
     void Run(CContext& context) override
     {
@@ -52,18 +51,18 @@ private:
 class CResolveCommand : public ICommand
 {
 public:
-    void Declare(CLI::App& app) override
+    void Declare(COptions& options) override
     {
-        app.add_option("HOST", m_host, "A host name, or an IPv4 or IPv6 address")->required();
-        app.footer("Prints JSON: address, ipv6, private (whether the address belongs to a private or link-local network).\n" +
-                   app.get_footer());
+        options.Add("HOST", m_host, "A host name, or an IPv4 or IPv6 address").Required();
+        options.SetFooter(
+            "Prints JSON: address, ipv6, private (whether the address belongs to a private or link-local network).\n");
     }
     void Run(CContext& context) override
     {
         VoNetworkUtils::CVoIPAddress resolved;
         bool found = false;
         Check(resolved.InitFromDNSAddress(FromUtf8(m_host), false, found));
-        // A resolved record keeps bytes of the resolver's answer that are not the address; its text says what the address is.
+        // A resolved record holds other bytes than the address (see CVoIPAddress). Its text is exact.
         VoNetworkUtils::CVoIPAddress address;
         Check(address.InitFromIPAddress(resolved.Text()));
         context.PutObject(
@@ -77,16 +76,16 @@ private:
 class CProxyCommand : public ICommand
 {
 public:
-    void Declare(CLI::App& app) override
+    void Declare(COptions& options) override
     {
-        app.add_option("URL", m_url, "The URL that a request would go to")->required();
-        m_options.Declare(app);
-        app.footer("Prints JSON: proxy (\"\" is a direct connection), user (of the credentials known for it, or \"\").\n" +
-                   app.get_footer());
+        options.Add("URL", m_url, "The URL that a request would go to").Required();
+        m_options.Declare(options);
+        options.SetFooter(
+            "Prints JSON: proxy (\"\" is a direct connection), user (of the credentials known for it, or \"\").\n");
     }
     void Run(CContext& context) override
     {
-        // Without a URL the store would answer another question.
+        // An empty URL has another meaning for the store.
         const std::wstring url = context.ReadValue(m_url);
         if (url.empty())
             Check(E_INVALIDARG);
@@ -106,49 +105,48 @@ private:
 class CCookiesCommand : public ICommand
 {
 public:
-    void Declare(CLI::App& app) override
+    void Declare(COptions& options) override
     {
-        app.add_option("--jar", m_jar, "Load the cookies from FILE if it exists, and save them there afterwards")
-            ->type_name("FILE")
-            ->check(kNotEmpty);
-        app.footer(
+        options.Add("--jar", m_jar, "Load the cookies from FILE if it exists, and save them there afterwards")
+            .TypeName("FILE")
+            .NotEmpty();
+        options.SetFooter(
             "Each line of standard input is one JSON object: {\"set\": SET_COOKIE_VALUE, \"url\": URL}, {\"get\": URL} or "
             "{\"clear\": true}. Each is answered with one: {\"result\": \"0x00000000\"}, with \"error\" on failure and for a "
             "get "
-            "with \"cookie\", the Cookie header's value.\n" +
-            app.get_footer());
+            "with \"cookie\", the Cookie header's value.\n");
     }
     void Run(CContext& context) override
     {
         context.CheckOutputFile(m_jar);
         LoadCookies(context, m_jar);
-        context.SetAnswersByLine();
+        context.SetWritesLines();
         CLineReader lines(context.Streams().in);
         for (std::string line; lines.Next(line);)
-            context.Streams().out.Write(JsonLine(AnswerLine(context, line)));
+            context.Streams().out.Write(JsonLine(RunLine(context, line)));
         SaveCookies(context, m_jar);
     }
 
 private:
-    static CJson AnswerLine(CContext& context, const std::string& line)
+    static CJson RunLine(CContext& context, const std::string& line)
     {
-        CJson answer = CJson::object();
+        CJson output = CJson::object();
         HRESULT result = S_OK;
         try
         {
-            result = Do(context, CJson::parse(line, nullptr, false), answer);
+            result = Do(context, CJson::parse(line, nullptr, false), output);
         }
         catch (const CVoHResultException& failure)
         {
             result = failure.Result();
         }
-        answer["result"] = ResultCode(result);
+        output["result"] = ResultCode(result);
         if (FAILED(result))
-            answer["error"] = ErrorLine(result);
-        return answer;
+            output["error"] = ErrorLine(result);
+        return output;
     }
 
-    static HRESULT Do(CContext& context, const CJson& request, CJson& answer)
+    static HRESULT Do(CContext& context, const CJson& request, CJson& output)
     {
         IVoHTTPCookieStore& store = context.Process().CookieStore();
         if (const std::optional<std::wstring> url = Text(request, "get"))
@@ -158,7 +156,7 @@ private:
             const HRESULT hr =
                 store.GetCookieStringForHTTPRequest(CVoBstr(*url).Get(), secure ? VARIANT_TRUE : VARIANT_FALSE, cookie.Put());
             if (SUCCEEDED(hr))
-                answer["cookie"] = ToUtf8(cookie.View());
+                output["cookie"] = ToUtf8(cookie.View());
             return hr;
         }
         const std::optional<std::wstring> value = Text(request, "set");

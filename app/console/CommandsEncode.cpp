@@ -26,22 +26,22 @@ INT32 CountOf(const std::vector<BYTE>& bytes)
 class CEncodeCommand : public ICommand
 {
 public:
-    void Declare(CLI::App& app) override
+    void Declare(COptions& options) override
     {
-        AddChoice<EFormat>(app, "FORMAT", m_format,
-                           { { "hex", EFormat::Hex },
-                             { "base64", EFormat::Base64 },
-                             { "base64url", EFormat::Base64Url },
-                             { "base32", EFormat::Base32 } },
-                           "The text's encoding")
-            ->required();
-        app.add_option("--line", m_line, "Break lines near this many characters; without it or with 0 there is one line")
-            ->type_name("N");
-        app.add_flag("--pad", m_pad, "base32: pad a tail of two characters");
-        app.footer(
+        options
+            .AddChoice<EFormat>("FORMAT", m_format,
+                                { { "hex", EFormat::Hex },
+                                  { "base64", EFormat::Base64 },
+                                  { "base64url", EFormat::Base64Url },
+                                  { "base32", EFormat::Base32 } },
+                                "The text's encoding")
+            .Required();
+        options.Add("--line", m_line, "Break lines near this many characters; without it or with 0 there is one line")
+            .TypeName("N");
+        options.AddFlag("--pad", m_pad, "base32: pad a tail of two characters");
+        options.SetFooter(
             "Reads bytes from standard input and writes text, with nothing added.\nExample: voutils encode base64 --line 76 < "
-            "photo.jpg\n" +
-            app.get_footer());
+            "photo.jpg\n");
     }
     void Run(CContext& context) override
     {
@@ -72,14 +72,14 @@ private:
 class CDecodeCommand : public ICommand
 {
 public:
-    void Declare(CLI::App& app) override
+    void Declare(COptions& options) override
     {
-        AddChoice<EFormat>(app, "FORMAT", m_format,
-                           { { "hex", EFormat::Hex }, { "base64", EFormat::Base64 }, { "base32", EFormat::Base32 } },
-                           "The text's encoding; base64 takes either alphabet")
-            ->required();
-        app.footer("Reads text from standard input and writes the bytes.\nExample: echo 56 6F | voutils decode hex\n" +
-                   app.get_footer());
+        options
+            .AddChoice<EFormat>("FORMAT", m_format,
+                                { { "hex", EFormat::Hex }, { "base64", EFormat::Base64 }, { "base32", EFormat::Base32 } },
+                                "The text's encoding; base64 takes either alphabet")
+            .Required();
+        options.SetFooter("Reads text from standard input and writes the bytes.\nExample: echo 56 6F | voutils decode hex\n");
     }
     void Run(CContext& context) override
     {

@@ -1,4 +1,4 @@
-// ini: the canonical text of an INI file, its signature and the check of it.
+// ini: the canonical text of an INI file, signing and verifying.
 #include "Console.h"
 
 #include <base/VoWipe.h>
@@ -10,9 +10,9 @@ namespace
 {
 using OrvSignedIniFileHandler::CVoSignedIniFileHandler2;
 
-void AddFile(CLI::App& app, std::string& file, const char* description)
+void AddFile(COptions& options, std::string& file, const char* description)
 {
-    app.add_option("FILE", file, description)->required();
+    options.Add("FILE", file, description).Required();
 }
 
 // The file's content; "-" is standard input.
@@ -25,11 +25,11 @@ void Read(CContext& context, const std::string& file, CVoSignedIniFileHandler2& 
 class CIniCanonicalCommand : public ICommand
 {
 public:
-    void Declare(CLI::App& app) override
+    void Declare(COptions& options) override
     {
-        AddFile(app, m_file, "The INI file");
-        app.footer("Prints exactly what a signature of the file is made of: lines end with CR LF, and none ends the text.\n" +
-                   app.get_footer());
+        AddFile(options, m_file, "The INI file");
+        options.SetFooter(
+            "Prints exactly what a signature of the file is made of: lines end with CR LF, and none ends the text.\n");
     }
     void Run(CContext& context) override
     {
@@ -47,14 +47,14 @@ private:
 class CIniSignCommand : public ICommand
 {
 public:
-    void Declare(CLI::App& app) override
+    void Declare(COptions& options) override
     {
-        AddFile(app, m_file, "The INI file, which is rewritten");
-        app.add_option("--key", m_key, "The private key")->required()->type_name("FILE");
-        app.add_option("--line", m_line, "Characters of the signature in each of its lines; default 0, all in one")
-            ->check(CLI::Range(0U, 1000000000U).description(""))
-            ->type_name("N");
-        app.footer("Only the section \"Signature\" changes, or is added at the end.\n" + app.get_footer());
+        AddFile(options, m_file, "The INI file, which is rewritten");
+        options.Add("--key", m_key, "The private key").Required().TypeName("FILE");
+        options.Add("--line", m_line, "Characters of the signature in each of its lines; default 0, all in one")
+            .InRange(0, 1000000000)
+            .TypeName("N");
+        options.SetFooter("Only the section \"Signature\" changes, or is added at the end.\n");
     }
     void Run(CContext& context) override
     {
@@ -76,11 +76,11 @@ private:
 class CIniVerifyCommand : public ICommand
 {
 public:
-    void Declare(CLI::App& app) override
+    void Declare(COptions& options) override
     {
-        AddFile(app, m_file, "The INI file");
-        app.add_option("--key", m_key, "The public key")->required()->type_name("FILE");
-        app.footer("Prints \"valid\" (exit code 0) or \"not valid\" (exit code 1).\n" + app.get_footer());
+        AddFile(options, m_file, "The INI file");
+        options.Add("--key", m_key, "The public key").Required().TypeName("FILE");
+        options.SetFooter("Prints \"valid\" (exit code 0) or \"not valid\" (exit code 1).\n");
     }
     void Run(CContext& context) override
     {

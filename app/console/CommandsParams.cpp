@@ -9,20 +9,18 @@ namespace
 class CParamsBuildCommand : public ICommand
 {
 public:
-    void Declare(CLI::App& app) override
+    void Declare(COptions& options) override
     {
-        m_parameters.Declare(app);
-        CLI::Option* const prefix =
-            app.add_flag("--size-prefix", m_sizePrefix, "Put the message's length in front, 4 bytes, low byte first");
-        CLI::Option* const skip =
-            app.add_flag("--skip-params", m_skipParameters, "Leave out the parameter text and its \"&&\"");
-        app.add_flag("--no-utf8", m_noUtf8, "Write texts in the system's ANSI code page");
-        app.add_flag("--urlencode", m_urlEncode, "URL-encode every value first");
-        app.add_flag("--text", m_text, "Print the parameter text alone")->excludes(prefix)->excludes(skip);
-        app.footer(
+        m_parameters.Declare(options);
+        COption prefix =
+            options.AddFlag("--size-prefix", m_sizePrefix, "Put the message's length in front, 4 bytes, low byte first");
+        COption skip = options.AddFlag("--skip-params", m_skipParameters, "Leave out the parameter text and its \"&&\"");
+        options.AddFlag("--no-utf8", m_noUtf8, "Write texts in the system's ANSI code page");
+        options.AddFlag("--urlencode", m_urlEncode, "URL-encode every value first");
+        options.AddFlag("--text", m_text, "Print the parameter text alone").Excludes(prefix).Excludes(skip);
+        options.SetFooter(
             "Writes the message's bytes.\nExample: voutils params build -p user=ann -p note=@note.txt --payload photo.jpg > "
-            "message.bin\n" +
-            app.get_footer());
+            "message.bin\n");
     }
     void Run(CContext& context) override
     {
@@ -55,16 +53,15 @@ private:
 class CParamsFormCommand : public ICommand
 {
 public:
-    void Declare(CLI::App& app) override
+    void Declare(COptions& options) override
     {
-        m_parameters.Declare(app);
-        app.add_flag("--no-utf8", m_noUtf8, "Write texts in the system's ANSI code page");
-        app.footer(
+        m_parameters.Declare(options);
+        options.AddFlag("--no-utf8", m_noUtf8, "Write texts in the system's ANSI code page");
+        options.SetFooter(
             "Writes a multipart/form-data body. The parameters FileName and ContentType describe the payload and are no "
             "fields; "
             "without a FileName there is no file part. --json tells the boundary.\nExample: voutils params form -p a=1 -p "
-            "FileName=photo.jpg --payload photo.jpg --json\n" +
-            app.get_footer());
+            "FileName=photo.jpg --payload photo.jpg --json\n");
     }
     void Run(CContext& context) override
     {
@@ -85,12 +82,12 @@ private:
 class CParamsParseCommand : public ICommand
 {
 public:
-    void Declare(CLI::App& app) override
+    void Declare(COptions& options) override
     {
-        app.add_flag("--binary-only", m_binaryOnly, "Take the whole input as the payload");
-        app.add_flag("--no-utf8", m_noUtf8, "Read texts in the thread's ANSI code page");
-        app.add_flag("--urldecode", m_urlDecode, "URL-decode every value afterwards");
-        app.footer("Reads a message's bytes from standard input and prints JSON: params, payloadBase64.\n" + app.get_footer());
+        options.AddFlag("--binary-only", m_binaryOnly, "Take the whole input as the payload");
+        options.AddFlag("--no-utf8", m_noUtf8, "Read texts in the thread's ANSI code page");
+        options.AddFlag("--urldecode", m_urlDecode, "URL-decode every value afterwards");
+        options.SetFooter("Reads a message's bytes from standard input and prints JSON: params, payloadBase64.\n");
     }
     void Run(CContext& context) override
     {

@@ -19,7 +19,7 @@ constexpr const char* kOutput = R"(Output: the parameters as NAME=VALUE lines, t
 answer), retried, seconds (a list, one a request), cookie (the Cookie header that was sent).
 )";
 
-// What the requests of one run have in common.
+// The common part of send and get.
 class CRequestCommand : public ICommand
 {
 public:
@@ -35,8 +35,7 @@ public:
         context.CheckOutputFile(m_output);
         context.CheckOutputFile(m_connection.CookieFile());
         LoadCookies(context, m_connection.CookieFile());
-        const CEngineChoice engine(m_connection.Engine());
-        context.PutKey("engine", engine.Name());
+        context.PutKey("engine", m_connection.TransportName());
         HRESULT result = S_OK;
         CResponse response;
         try
@@ -49,7 +48,7 @@ public:
             SaveCookies(context, m_connection.CookieFile());
             throw;
         }
-        // A failed request may have set cookies as well.
+        // A failed request may have set cookies, too.
         SaveCookies(context, m_connection.CookieFile());
         Check(result);
         PutResponse(context, response);
@@ -58,7 +57,7 @@ public:
 protected:
     struct CResponse
     {
-        std::vector<CVoBinaryDataParser> messages; // one, but for several messages
+        std::vector<CVoBinaryDataParser> messages; // one, except with --messages
     };
     struct CRequest
     {
@@ -66,22 +65,22 @@ protected:
         std::shared_ptr<CVoHTTPMessage::CHTTPRequestData> data;
     };
 
-    void DeclareCommon(CLI::App& app, const char* defaultResponse)
+    void DeclareCommon(COptions& options, const char* defaultResponse)
     {
-        app.add_option("URL", m_url, "[http[s]://]HOST[:PORT][/PATH][?QUERY]")->required();
-        m_connection.Declare(app);
-        AddChoice<EResponseKind>(
-            app, "--response", m_response, { { "params", EResponseKind::Parameters }, { "raw", EResponseKind::Binary } },
+        options.Add("URL", m_url, "[http[s]://]HOST[:PORT][/PATH][?QUERY]").Required();
+        m_connection.Declare(options);
+        options.AddChoice<EResponseKind>(
+            "--response", m_response, { { "params", EResponseKind::Parameters }, { "raw", EResponseKind::Binary } },
             std::string("Read the answer as parameter text and payload, or as bytes; default ") + defaultResponse);
-        app.add_option("-o,--output", m_output, "Put the answer's payload (or its bytes) in FILE; - is standard output")
-            ->type_name("FILE")
-            ->check(kNotEmpty);
-        app.add_option("--repeat", m_repeat, "Make the request N times on one connection and show the last answer")
-            ->type_name("N")
-            ->check(CLI::Range(1U, 1000000000U).description(""));
+        options.Add("-o,--output", m_output, "Put the answer's payload (or its bytes) in FILE; - is standard output")
+            .TypeName("FILE")
+            .NotEmpty();
+        options.Add("--repeat", m_repeat, "Make the request N times on one connection and show the last answer")
+            .TypeName("N")
+            .InRange(1, 1000000000);
     }
 
-    // Reads what the command line names, before anything is sent.
+    // Reads the files that the command line names, before anything is sent.
     virtual void Prepare(CContext& context) = 0;
     virtual void AdaptAddress(CContext&, CServerAddressData&) {}
     [[nodiscard]] virtual HRESULT Open(CRequest& request) = 0;
@@ -216,12 +215,12 @@ class CSendCommand final : public CRequestCommand
 public:
     CSendCommand() : CRequestCommand(EResponseKind::Parameters) {}
 
-    void Declare(CLI::App& app) override
+    void Declare(COptions& options) override
     {
-        DeclareCommon(app, "params");
-        m_parameters.Declare(app);
-        AddChoice<EContentKind>(
-            app, "--kind", m_kind,
+        DeclareCommon(options, "params");
+        m_parameters.Declare(options);
+        options.AddChoice<EContentKind>(
+            "--kind", m_kind,
             { { "raw", EContentKind::Raw },
               { "multipart", EContentKind::Multipart },
               { "form", EContentKind::Form },
@@ -230,25 +229,25 @@ public:
             "What the body carries: raw (default) the library's message; multipart a form with a file (the parameters "
             "FileName and ContentType describe it; default: the payload's name, image/pjpeg); form and signed a form without "
             "payload");
-        app.add_flag("--no-utf8", m_noUtf8, "Write texts in the system's ANSI code page");
-        app.add_option("--key", m_key, "signed: the private key, hexadecimal text of a key blob (see 'key new')")
-            ->type_name("FILE")
-            ->check(kNotEmpty);
-        app.add_option("--signature-name", m_signatureName, "signed: the parameter that carries the signature")
-            ->type_name("NAME")
-            ->check(kNotEmpty);
-        app.add_option("--messages", m_messagesFile,
-                       "Send several messages in one exchange: a JSON array of {\"params\":[[NAME,VALUE],...],"
-                       "\"payloadBase64\":\"...\"}")
-            ->type_name("FILE")
-            ->check(kNotEmpty);
-        app.footer(
+        options.AddFlag("--no-utf8", m_noUtf8, "Write texts in the system's ANSI code page");
+        options.Add("--key", m_key, "signed: the private key, hexadecimal text of a key blob (see 'key new')")
+            .TypeName("FILE")
+            .NotEmpty();
+        options.Add("--signature-name", m_signatureName, "signed: the parameter that carries the signature")
+            .TypeName("NAME")
+            .NotEmpty();
+        options
+            .Add("--messages", m_messagesFile,
+                 "Send several messages in one exchange: a JSON array of {\"params\":[[NAME,VALUE],...],"
+                 "\"payloadBase64\":\"...\"}")
+            .TypeName("FILE")
+            .NotEmpty();
+        options.SetFooter(
             "Sends one POST request.\n" + std::string(kOutput) +
             "Examples:\n  voutils send http://localhost:8080/service --engine curl -p user=ann --payload photo.jpg --kind "
             "multipart -p FileName=photo.jpg\n  voutils send https://server.example/order --engine curl --kind signed --key "
-            "private.key --signature-name sig -p order=17\n" +
-            app.get_footer());
-        m_app = &app;
+            "private.key --signature-name sig -p order=17\n");
+        m_options = options;
     }
 
 protected:
@@ -257,13 +256,13 @@ protected:
         if (!m_messagesFile.empty())
         {
             for (const char* const other : { "--param", "--payload", "--kind", "--key", "--signature-name" })
-                if (m_app->count(other) != 0)
+                if (m_options.WasGiven(other))
                     throw CUsageError(std::string(other) + " does not go with --messages");
             m_messages = ParseMessages(context.ReadFile(m_messagesFile));
             return;
         }
         m_parameters.Fill(context, m_message);
-        // A form carries its payload as a file, which needs a name.
+        // The payload of a form is a file, which needs a name.
         if (m_kind == EContentKind::Multipart && m_parameters.HasPayload() && !m_message.ParamExists(L"FileName"))
             Check(m_message.AddParam(L"FileName", std::wstring_view(m_parameters.PayloadName())));
         if (!m_key.empty())
@@ -288,7 +287,7 @@ protected:
     [[nodiscard]] bool HasSeveralMessages() const noexcept override { return !m_messages.empty(); }
 
 private:
-    const CLI::App* m_app = nullptr;
+    COptions m_options;
     CParameterOptions m_parameters;
     EContentKind m_kind = EContentKind::Raw;
     bool m_noUtf8 = false;
@@ -305,13 +304,13 @@ class CGetCommand final : public CRequestCommand
 public:
     CGetCommand() : CRequestCommand(EResponseKind::Binary) {}
 
-    void Declare(CLI::App& app) override
+    void Declare(COptions& options) override
     {
-        DeclareCommon(app, "raw");
-        m_parameters.Declare(app, false);
-        app.add_flag("--no-utf8", m_noUtf8, "URL-encode the parameters as one byte a character");
-        app.footer("Sends one GET request; parameters become part of the URL's query.\n" + std::string(kOutput) +
-                   "Example: voutils get https://server.example/list --engine curl -p page=2 -o list.bin\n" + app.get_footer());
+        DeclareCommon(options, "raw");
+        m_parameters.Declare(options, false);
+        options.AddFlag("--no-utf8", m_noUtf8, "URL-encode the parameters as one byte a character");
+        options.SetFooter("Sends one GET request; parameters become part of the URL's query.\n" + std::string(kOutput) +
+                          "Example: voutils get https://server.example/list --engine curl -p page=2 -o list.bin\n");
     }
 
 protected:

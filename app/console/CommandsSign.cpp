@@ -14,7 +14,7 @@ namespace
 {
 using CHash = std::unique_ptr<OrvDigSign::COrvHashBase>;
 
-// The library's factory knows the hashes that signatures use; MD5 stands beside them.
+// The library's factory makes the hashes for signatures. MD5 is not one of them.
 CHash MakeHash(const std::string& name)
 {
     if (name == "md5")
@@ -22,14 +22,14 @@ CHash MakeHash(const std::string& name)
     return OrvDigSign::CreateHashByName(FromUtf8(name));
 }
 
-void AddHashName(CLI::App& app, const std::string& option, std::string& name, bool withMd5)
+void AddHashName(COptions& options, const std::string& option, std::string& name, bool withMd5)
 {
     std::vector<std::pair<const char*, std::string>> names{ { "sha1", "sha1" },
                                                             { "sha256", "sha256" },
                                                             { "sha512", "sha512" } };
     if (withMd5)
         names.insert(names.begin(), { "md5", "md5" });
-    AddChoice(app, option, name, std::move(names), "The hash")->required();
+    options.AddChoice(option, name, std::move(names), "The hash").Required();
 }
 
 UINT32 LengthOf(const std::vector<BYTE>& bytes)
@@ -42,12 +42,12 @@ UINT32 LengthOf(const std::vector<BYTE>& bytes)
 class CHashCommand : public ICommand
 {
 public:
-    void Declare(CLI::App& app) override
+    void Declare(COptions& options) override
     {
-        AddHashName(app, "NAME", m_name, true);
-        app.footer("Reads bytes from standard input and prints their hash in hexadecimal.\nExample: voutils hash sha256 < "
-                   "photo.jpg\n" +
-                   app.get_footer());
+        AddHashName(options, "NAME", m_name, true);
+        options.SetFooter(
+            "Reads bytes from standard input and prints their hash in hexadecimal.\nExample: voutils hash sha256 < "
+            "photo.jpg\n");
     }
     void Run(CContext& context) override
     {
@@ -66,13 +66,13 @@ private:
 class CKeyNewCommand : public ICommand
 {
 public:
-    void Declare(CLI::App& app) override
+    void Declare(COptions& options) override
     {
-        app.add_option("--private", m_privateFile, "Where the private key goes")->required()->type_name("FILE");
-        app.add_option("--public", m_publicFile, "Where the public key goes")->required()->type_name("FILE");
-        app.add_option("--bits", m_bits, "The key's length, 384 to 16384 in steps of 8; default 2048. SHA-512 needs 752")
-            ->type_name("N");
-        app.footer("Both files hold hexadecimal text of key blobs. Guard the private one.\n" + app.get_footer());
+        options.Add("--private", m_privateFile, "Where the private key goes").Required().TypeName("FILE");
+        options.Add("--public", m_publicFile, "Where the public key goes").Required().TypeName("FILE");
+        options.Add("--bits", m_bits, "The key's length, 384 to 16384 in steps of 8; default 2048. SHA-512 needs 752")
+            .TypeName("N");
+        options.SetFooter("Both files hold hexadecimal text of key blobs. Guard the private one.\n");
     }
     void Run(CContext&) override
     {
@@ -85,7 +85,7 @@ public:
         Check(OrvDigSign::COrvRSAKey::Generate(m_bits, privateKey.Get(), publicKey));
         const CVoSecret<char> privateText(ToUtf8(privateKey.Get()) + '\n');
         const std::string publicText = ToUtf8(publicKey) + '\n';
-        // Both are written before either takes its place.
+        // Both files are written before one of them replaces an old file.
         COutputFile privateFile(privatePath, AsBytes(privateText.Get()));
         COutputFile publicFile(publicPath, AsBytes(publicText));
         privateFile.Commit();
@@ -106,9 +106,9 @@ private:
 class CKeyPublicCommand : public ICommand
 {
 public:
-    void Declare(CLI::App& app) override
+    void Declare(COptions& options) override
     {
-        app.add_option("--private", m_privateFile, "The private key")->required()->type_name("FILE");
+        options.Add("--private", m_privateFile, "The private key").Required().TypeName("FILE");
     }
     void Run(CContext& context) override
     {
@@ -125,12 +125,11 @@ private:
 class CSignCommand : public ICommand
 {
 public:
-    void Declare(CLI::App& app) override
+    void Declare(COptions& options) override
     {
-        AddHashName(app, "--hash", m_hash, false);
-        app.add_option("--key", m_key, "The private key")->required()->type_name("FILE");
-        app.footer("Reads bytes from standard input and writes the signature's bytes, least significant first.\n" +
-                   app.get_footer());
+        AddHashName(options, "--hash", m_hash, false);
+        options.Add("--key", m_key, "The private key").Required().TypeName("FILE");
+        options.SetFooter("Reads bytes from standard input and writes the signature's bytes, least significant first.\n");
     }
     void Run(CContext& context) override
     {
@@ -150,13 +149,13 @@ private:
 class CVerifyCommand : public ICommand
 {
 public:
-    void Declare(CLI::App& app) override
+    void Declare(COptions& options) override
     {
-        AddHashName(app, "--hash", m_hash, false);
-        app.add_option("--key", m_key, "The public key")->required()->type_name("FILE");
-        app.add_option("--signature", m_signature, "The signature's bytes")->required()->type_name("FILE");
-        app.footer("Reads bytes from standard input and prints \"valid\" (exit code 0) or \"not valid\" (exit code 1).\n" +
-                   app.get_footer());
+        AddHashName(options, "--hash", m_hash, false);
+        options.Add("--key", m_key, "The public key").Required().TypeName("FILE");
+        options.Add("--signature", m_signature, "The signature's bytes").Required().TypeName("FILE");
+        options.SetFooter(
+            "Reads bytes from standard input and prints \"valid\" (exit code 0) or \"not valid\" (exit code 1).\n");
     }
     void Run(CContext& context) override
     {

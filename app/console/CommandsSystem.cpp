@@ -1,4 +1,4 @@
-// time, error, log, system: what a supporter asks a machine.
+// time, error, log, system: date-times, error texts, the application log, the system check.
 #include "Console.h"
 
 #include <base/VoErrorHandler.h>
@@ -10,7 +10,7 @@
 
 namespace
 {
-// A whole number as the command line has it: decimal, or hexadecimal behind "0x".
+// A whole number: decimal, or hexadecimal behind "0x".
 std::optional<INT64> ParseNumber(std::string_view text)
 {
     const bool negative = text.starts_with('-');
@@ -34,7 +34,7 @@ HRESULT ParseCode(const std::string& text)
     return static_cast<HRESULT>(*value);
 }
 
-// Reads "YYYY-MM-DD hh:mm:ss.mmm" from the front; the time, its seconds and their fraction may be left out.
+// Reads "YYYY-MM-DD hh:mm:ss.mmm". The time, its seconds and their fraction are optional.
 class CDateTimeReader
 {
 public:
@@ -78,13 +78,13 @@ private:
 class CTimeIsoCommand : public ICommand
 {
 public:
-    void Declare(CLI::App& app) override
+    void Declare(COptions& options) override
     {
-        app.add_option("TIME", m_time, "The date-time")->required()->type_name("\"YYYY-MM-DD hh:mm:ss.mmm\"");
-        app.add_option("--offset", m_offset, "Minutes from UTC, -1439 to 1439; default 0")->type_name("MIN");
-        app.add_flag("--no-time", m_noTime, "Write the date alone");
-        app.add_flag("--ms", m_milliseconds, "Write milliseconds unless they are zero");
-        app.footer("Example: voutils time iso --offset 60 --ms \"2024-02-29 12:00:00.250\"\n" + app.get_footer());
+        options.Add("TIME", m_time, "The date-time").Required().TypeName("\"YYYY-MM-DD hh:mm:ss.mmm\"");
+        options.Add("--offset", m_offset, "Minutes from UTC, -1439 to 1439; default 0").TypeName("MIN");
+        options.AddFlag("--no-time", m_noTime, "Write the date alone");
+        options.AddFlag("--ms", m_milliseconds, "Write milliseconds unless they are zero");
+        options.SetFooter("Example: voutils time iso --offset 60 --ms \"2024-02-29 12:00:00.250\"\n");
     }
     void Run(CContext& context) override
     {
@@ -107,11 +107,10 @@ private:
 class CTimeParseCommand : public ICommand
 {
 public:
-    void Declare(CLI::App& app) override
+    void Declare(COptions& options) override
     {
-        app.add_option("VALUE", m_text, "The ISO 8601 text")->required()->type_name("TEXT");
-        app.footer("Prints JSON: year, month, day, hour, minute, second, milliseconds, offset (minutes from UTC).\n" +
-                   app.get_footer());
+        options.Add("VALUE", m_text, "The ISO 8601 text").Required().TypeName("TEXT");
+        options.SetFooter("Prints JSON: year, month, day, hour, minute, second, milliseconds, offset (minutes from UTC).\n");
     }
     void Run(CContext& context) override
     {
@@ -135,18 +134,17 @@ private:
 class CErrorCommand : public ICommand
 {
 public:
-    void Declare(CLI::App& app) override
+    void Declare(COptions& options) override
     {
-        app.add_option("CODE", m_code, "The result code: 0x80070057, 2147942487 or -2147024809")
-            ->required()
-            ->type_name("HRESULT");
-        app.add_flag("--no-fallback", m_noFallback, "Fail for a code that has no text, instead of saying that it is unknown");
+        options.Add("CODE", m_code, "The result code: 0x80070057, 2147942487 or -2147024809").Required().TypeName("HRESULT");
+        options.AddFlag("--no-fallback", m_noFallback,
+                        "Fail for a code that has no text, instead of saying that it is unknown");
     }
     void Run(CContext& context) override
     {
         std::wstring text;
         Check(VoGetErrorText(ParseCode(m_code), !m_noFallback, &text));
-        // The system's texts bring their own line end.
+        // Texts of the system end with a line end.
         std::erase(text, L'\r');
         context.PutLine("text", VoTrim(text));
     }
@@ -159,30 +157,29 @@ private:
 class CLogWriteCommand : public ICommand
 {
 public:
-    void Declare(CLI::App& app) override
+    void Declare(COptions& options) override
     {
-        app.add_option("--source", m_source, "The source file that the line names")->type_name("S");
-        app.add_option("--line", m_line, "The line number; negative: none")->type_name("N");
-        app.add_option("--function", m_function, "The function that the line names")->type_name("F");
-        CLI::Option* const code = app.add_option("--code", m_code, "Report this result code")->type_name("HR");
-        app.add_option("--message", m_message, "Report this text; @FILE is a UTF-8 file's text, - is standard input")
-            ->type_name("TEXT")
-            ->excludes(code);
-        app.footer(
+        options.Add("--source", m_source, "The source file that the line names").TypeName("S");
+        options.Add("--line", m_line, "The line number; negative: none").TypeName("N");
+        options.Add("--function", m_function, "The function that the line names").TypeName("F");
+        COption code = options.Add("--code", m_code, "Report this result code").TypeName("HR");
+        options.Add("--message", m_message, "Report this text; @FILE is a UTF-8 file's text, - is standard input")
+            .TypeName("TEXT")
+            .Excludes(code);
+        options.SetFooter(
             "Writes one line to the application log, when that is on: by APPLOG=1 in section DEBUG of ModuleSettings.ini, or "
             "with --log.\nExample: voutils log write --log --source ..\\\\source\\\\Setup --line 12 --message \"Setup "
-            "began\"\n" +
-            app.get_footer());
-        m_app = &app;
+            "began\"\n");
+        m_options = options;
     }
     void Run(CContext& context) override
     {
         const std::wstring source = FromUtf8(m_source);
         const std::wstring function = FromUtf8(m_function);
-        const wchar_t* const sourceText = m_app->count("--source") != 0 ? source.c_str() : nullptr;
-        const wchar_t* const functionText = m_app->count("--function") != 0 ? function.c_str() : nullptr;
-        const bool isCode = m_app->count("--code") != 0;
-        if (!isCode && m_app->count("--message") == 0)
+        const wchar_t* const sourceText = m_options.WasGiven("--source") ? source.c_str() : nullptr;
+        const wchar_t* const functionText = m_options.WasGiven("--function") ? function.c_str() : nullptr;
+        const bool isCode = m_options.WasGiven("--code");
+        if (!isCode && !m_options.WasGiven("--message"))
             throw CUsageError("either --code or --message is required");
         if (isCode)
             VoErrorLog().WriteCode(sourceText, m_line, functionText, ParseCode(m_code));
@@ -193,7 +190,7 @@ public:
     }
 
 private:
-    const CLI::App* m_app = nullptr;
+    COptions m_options;
     std::string m_source;
     int m_line = -1;
     std::string m_function;
@@ -204,18 +201,18 @@ private:
 class CLogPathCommand : public ICommand
 {
 public:
-    void Declare(CLI::App&) override {}
+    void Declare(COptions&) override {}
     void Run(CContext& context) override { context.PutLine("path", VoErrorLog().LogFilePath()); }
 };
 
 class CSystemCommand : public ICommand
 {
 public:
-    void Declare(CLI::App& app) override
+    void Declare(COptions& options) override
     {
-        app.footer("Prints JSON: processors, nt, osClass (0 unknown to 6 Windows 10 or later), frequency (ticks a second), "
-                   "ticksPerMicrosecond, vendorIntel, family, model, stepping, features.\n" +
-                   app.get_footer());
+        options.SetFooter(
+            "Prints JSON: processors, nt, osClass (0 unknown to 6 Windows 10 or later), frequency (ticks a second), "
+            "ticksPerMicrosecond, vendorIntel, family, model, stepping, features.\n");
     }
     void Run(CContext& context) override
     {

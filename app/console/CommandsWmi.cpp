@@ -1,4 +1,4 @@
-// wmi: what Windows Management Instrumentation knows about a machine.
+// wmi: queries of Windows Management Instrumentation.
 #include "Console.h"
 
 #include <win/VoWMIQuery.h>
@@ -8,7 +8,7 @@
 
 namespace
 {
-// What WMI's own failures mean: the system has no texts for them where it looks for those of other codes.
+// Texts for WMI's failure codes, for which the system finds none.
 const char* WmiErrorText(HRESULT result) noexcept
 {
     struct SText
@@ -39,16 +39,15 @@ void CheckWmi(HRESULT result)
 class CWmiCommand : public ICommand
 {
 public:
-    void Declare(CLI::App& app) override
+    void Declare(COptions& options) override
     {
-        app.add_option("QUERY", m_query, "The WQL query; @FILE is a UTF-8 file's text, - is standard input")->required();
-        app.add_option("FIELD", m_fields, "The properties to show, in this order")->required()->expected(1, -1);
-        app.add_option("--namespace", m_namespace, "The WMI namespace; default " + m_namespace)->type_name("PATH");
-        app.footer(
+        options.Add("QUERY", m_query, "The WQL query; @FILE is a UTF-8 file's text, - is standard input").Required();
+        options.AddList("FIELD", m_fields, "The properties to show, in this order").Required();
+        options.Add("--namespace", m_namespace, "The WMI namespace; default " + m_namespace).TypeName("PATH");
+        options.SetFooter(
             "Prints one line a row, the fields separated by tabs; a tab or a line end inside a value is shown as a blank. "
             "--json gives rows: a list of lists of texts, as they are.\n"
-            "Example: voutils wmi \"SELECT * FROM Win32_OperatingSystem\" Caption LastBootUpTime\n" +
-            app.get_footer());
+            "Example: voutils wmi \"SELECT * FROM Win32_OperatingSystem\" Caption LastBootUpTime\n");
     }
     void Run(CContext& context) override
     {
@@ -61,7 +60,7 @@ public:
             throw CUsageError("a FIELD is empty");
 
         VoWMIQuery::CVoWMIQueryStringFields wmi(FromUtf8(m_namespace));
-        CheckWmi(wmi.Start()); // a query would not tell why the worker could not start
+        CheckWmi(wmi.Start()); // a query does not return why the worker could not start
         std::vector<std::vector<std::wstring>> rows;
         CheckWmi(wmi.QueryWMIStringFields(query, fields, rows));
 
@@ -76,8 +75,8 @@ public:
                     lines += L'\t';
                 texts.push_back(ToUtf8(text));
                 std::wstring shown = text;
-                std::replace_if(
-                    shown.begin(), shown.end(), [](wchar_t c) { return c == L'\t' || c == L'\r' || c == L'\n'; }, L' ');
+                std::replace_if(shown.begin(), shown.end(), [](wchar_t c) { return c == L'\t' || c == L'\r' || c == L'\n'; },
+                                L' ');
                 lines += shown;
             }
             lines += L'\n';

@@ -1,9 +1,12 @@
+// The program's command line: global options, help, wrong usage, and the run of the named command.
 #include "Console.h"
 
 #include <base/VoErrorHandler.h>
 #include <base/VoHResult.h>
 #include <base/VoModuleInformation.h>
 #include <base/VoUtils.h>
+
+#include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <map>
@@ -53,7 +56,7 @@ std::string Version()
     return "voutils " + version + '\n';
 }
 
-// The switches of the process that hold for one run and go back to what they were.
+// Sets the switches of the process for one run, and restores them at its end.
 class CRunSwitches
 {
 public:
@@ -80,7 +83,7 @@ public:
         }
         catch (...)
         {
-            // Nobody listens on the error stream any more.
+            // The error stream is closed.
         }
     }
     CRunSwitches(const CRunSwitches&) = delete;
@@ -93,7 +96,7 @@ private:
             throw CDetailedFailure(hr, directory);
     }
 
-    // The settings are read with functions that look a relative path up in the system's folder.
+    // The functions that read the settings look for a relative path in the system's folder.
     static std::wstring FullPath(const std::wstring& path)
     {
         const DWORD size = ::GetFullPathNameW(path.c_str(), 0, nullptr, nullptr);
@@ -111,24 +114,24 @@ private:
     bool m_wasDebug = false;
 };
 
-// The program's command line. Only the command that is asked for declares its options, so that a batch pays for one a line.
+// The parser of the command line. Only the named command declares its options, which keeps the lines of a batch cheap.
 class CCommandLine
 {
 public:
     explicit CCommandLine(CGlobalOptions& options)
         : m_app("Puts every part of the VoUtils library in reach of a shell.", "voutils")
     {
-        // A path of the host may begin with a slash.
+        // A path may begin with a slash.
         m_app.allow_windows_style_options(false);
         m_app.require_subcommand(1);
         m_app.set_version_flag("--version", Version, "Print the program's version and end");
         m_app.add_flag("--json", options.json,
                        "Print one JSON object: \"result\", on failure \"error\", and the command's own keys");
-        m_app
-            .add_option("--settings-dir", options.settingsDirectory,
-                        "The folder of ModuleSettings.ini; without it the program's own folder")
-            ->type_name("DIR")
-            ->check(kNotEmpty);
+        COptions(m_app)
+            .Add("--settings-dir", options.settingsDirectory,
+                 "The folder of ModuleSettings.ini; without it the program's own folder")
+            .TypeName("DIR")
+            .NotEmpty();
         m_app.add_flag("--log", options.log,
                        "Write the application log in this run; its path goes to the error stream at the end");
         m_app.add_flag("--debug", options.debug,
@@ -144,16 +147,16 @@ public:
     CCommandLine(const CCommandLine&) = delete;
     CCommandLine& operator=(const CCommandLine&) = delete;
 
-    // Throws what CLI11 throws: CLI::ParseError, which requests for help are as well.
+    // Throws CLI::ParseError for wrong usage, and also for a request for help.
     void Parse(const std::vector<std::string>& arguments)
     {
         m_app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
     }
     [[nodiscard]] ICommand& Command() const noexcept { return *m_command; }
-    // The help of the command that was named so far, or of the program.
+    // The help of the named command, or of the program.
     [[nodiscard]] std::string Help() const { return m_app.help(); }
-    // What the parser said about wrong usage. Of arguments that nobody expects only the first is named: a password may follow a
-    // misspelt option.
+    // The message about wrong usage. It names only the first of several unexpected arguments: a password may follow a misspelt
+    // option.
     [[nodiscard]] std::string Message(const CLI::ParseError& error) const
     {
         const std::vector<std::string> remaining = m_app.remaining(true);
@@ -172,7 +175,7 @@ public:
     [[nodiscard]] std::string Hint() const { return "Try 'voutils " + NamedCommand().second + "--help'."; }
 
 private:
-    // What was named so far, and its words, each with a blank behind it.
+    // The command named so far, and its words, each with a blank behind it.
     [[nodiscard]] std::pair<const CLI::App*, std::string> NamedCommand() const
     {
         const CLI::App* app = &m_app;
@@ -190,13 +193,13 @@ private:
         CLI::App& parent = entry.group ? Group(entry.group) : m_app;
         CLI::App* const app = parent.add_subcommand(entry.name, entry.description);
         app->fallthrough();
-        // Called when the command's name was met, before what follows it is looked at.
-        app->preparse_callback(
-            [this, app, make = entry.make](size_t)
-            {
-                m_command = make();
-                m_command->Declare(*app);
-            });
+        // The parser calls this at the command's name, before it reads the arguments behind it.
+        app->preparse_callback([this, app, make = entry.make](size_t)
+        {
+            m_command = make();
+            COptions options(*app);
+            m_command->Declare(options);
+        });
     }
     CLI::App& Group(const std::string& name)
     {
@@ -283,14 +286,14 @@ int RunConsole(const std::vector<std::string>& arguments, CStreams streams, CPro
     {
         result = HResultFromCurrentException();
     }
-    // The answer itself could not be written: its stream is closed, or memory ran out.
+    // The result could not be written: the stream is closed, or memory ran out.
     try
     {
         streams.err.Write("voutils: " + ResultCode(result) + ' ' + ErrorLine(result) + '\n');
     }
     catch (...)
     {
-        // The exit code has to say it alone.
+        // Only the exit code is left.
     }
     return kExitFailure;
 }

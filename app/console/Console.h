@@ -7,11 +7,11 @@
 #include <string>
 #include <vector>
 
-// Runs one command line (without the program's name; UTF-8) on the given streams. Never throws: whatever goes wrong is told on
-// the error stream. Commands of a batch come through here as well.
+// Runs one command line (UTF-8, without the program's name) on the given streams and returns the exit code. Failures are
+// written to the error stream. The commands of a batch run with it, too.
 [[nodiscard]] int RunConsole(const std::vector<std::string>& arguments, CStreams streams, CProcessState& process) noexcept;
 
-// The command families, a file each.
+// The families of commands. Each is in a file of its own.
 [[nodiscard]] std::span<const CCommandEntry> EncodingCommands();  // encode, decode
 [[nodiscard]] std::span<const CCommandEntry> ParameterCommands(); // params ...
 [[nodiscard]] std::span<const CCommandEntry> SignatureCommands(); // hash, key ..., sign, verify

@@ -1,3 +1,4 @@
+// --cookies and --jar: the cookie store in a file.
 #include "CookieFile.h"
 
 #include "Files.h"

@@ -1,9 +1,9 @@
-// The cookie store in a file of the user's.
+// Loads the cookie store from a file and saves it.
 #pragma once
 
 #include "Command.h"
 
-// Loads the process's cookie store from a file, if that exists; what the store held is replaced. An empty name does nothing.
+// Replaces the cookies of the process's store by those of a file, if the file exists. An empty name does nothing.
 void LoadCookies(CContext& context, const std::string& file);
 // Saves the store to the file. An empty name does nothing.
 void SaveCookies(CContext& context, const std::string& file);

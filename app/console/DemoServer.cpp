@@ -1,3 +1,4 @@
+// The demo server: parses the bodies with code of its own, apart from the library's message format.
 #include "DemoServer.h"
 
 #include "Text.h"
@@ -11,13 +12,13 @@
 
 namespace
 {
-// A malformed request: nothing that the library may send.
+// Refuses a malformed request. The library must not send such a request.
 [[noreturn]] void Refuse()
 {
     throw CVoHResultException(E_INVALIDARG);
 }
 
-// What stands between two texts; nothing when either is missing.
+// The text between two texts; nullopt if one of them is missing.
 std::optional<std::string_view> Between(std::string_view text, std::string_view begin, std::string_view end)
 {
     const size_t from = text.find(begin);
@@ -36,13 +37,13 @@ void AddParam(CVoBinaryDataParser& parser, std::string_view name, std::string_vi
     Check(parser.AddParam(FromUtf8(name), std::wstring_view(wideValue)));
 }
 
-// multipart/form-data (RFC 7578), as far as clients of one file send it.
+// multipart/form-data (RFC 7578) with at most one file.
 void ParseMultipart(std::string_view contentType, std::string_view body, CVoBinaryDataParser& parser)
 {
     const size_t boundaryAt = contentType.find("boundary=");
     if (boundaryAt == std::string_view::npos)
         Refuse();
-    // Every delimiter but the first ends the line before it.
+    // Every delimiter except the first begins with a line end.
     std::string lineEndAndDelimiter("\r\n--");
     lineEndAndDelimiter += contentType.substr(boundaryAt + 9);
     const std::string_view delimiter = std::string_view(lineEndAndDelimiter).substr(2);
@@ -75,7 +76,7 @@ void ParseMultipart(std::string_view contentType, std::string_view body, CVoBina
         Refuse();
 }
 
-// The signature is the last field, made over everything before it.
+// The signature is the last field. It covers all bytes before it.
 bool IsSigned(std::string_view body, const std::wstring& publicKey)
 {
     const std::string field = ToUtf8(L"&" + std::wstring(kDemoSignatureName) + L"=");
@@ -126,7 +127,7 @@ void ParseRequest(const Loopback::CRequest& request, const std::wstring& publicK
         Refuse();
 }
 
-void Answer(const Loopback::CRequest& request, const std::wstring& publicKey, Loopback::CConnection& connection)
+void Respond(const Loopback::CRequest& request, const std::wstring& publicKey, Loopback::CConnection& connection)
 {
     CVoBinaryDataParser parser;
     CVoByteBuffer body;
@@ -144,17 +145,18 @@ void Answer(const Loopback::CRequest& request, const std::wstring& publicKey, Lo
                             { reinterpret_cast<const char*>(body.Data()), body.Length() });
 }
 
-Loopback::COptions ListenOn(uint8_t host)
+// One transport replaces "localhost" and 127.0.0.1 by a name that few resolvers know. It leaves other addresses unchanged.
+Loopback::COptions ServerOptions()
 {
     Loopback::COptions options;
-    options.host = host;
+    options.host = 2;
     return options;
 }
 } // namespace
 
-CDemoServer::CDemoServer(std::wstring publicKey, uint8_t host)
+CDemoServer::CDemoServer(std::wstring publicKey)
     : m_publicKey(std::move(publicKey)), m_server([this](const Loopback::CRequest& request, Loopback::CConnection& connection)
-                                                  { Answer(request, m_publicKey, connection); }, ListenOn(host))
+{ Respond(request, m_publicKey, connection); }, ServerOptions())
 {
 }
 

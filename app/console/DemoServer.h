@@ -1,4 +1,4 @@
-// The server of the demo: it takes each kind of request apart by itself and sends back what it found.
+// The server of the demo: it parses each kind of request and sends the content back.
 #pragma once
 
 #include <LoopbackServer.h>
@@ -7,17 +7,17 @@
 
 #include <string>
 
-// The parameter that carries the demo's signature, and the one by which the server says that it found it right.
+// The parameter that carries the demo's signature, and the parameter with which the server confirms it.
 inline constexpr const wchar_t* kDemoSignatureName = L"signature";
 inline constexpr const wchar_t* kDemoSignatureValid = L"signature checked";
 
-// Answers requests with the parameters and the payload that they carried, as a message of the library; a request that cannot be
-// read, or whose signature is not right, with status 500.
+// Responds to a request with its parameters and payload, as a message of the library. The response to a malformed request, or
+// to a wrong signature, has status 500.
 class CDemoServer
 {
 public:
-    // Listens on 127.0.0.HOST. `publicKey` checks the signed requests.
-    CDemoServer(std::wstring publicKey, uint8_t host);
+    // `publicKey` checks the signed requests.
+    explicit CDemoServer(std::wstring publicKey);
 
     [[nodiscard]] std::wstring URL(std::wstring_view target) const;
 

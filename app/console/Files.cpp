@@ -1,3 +1,4 @@
+// Reads and writes whole files.
 #include "Files.h"
 
 #include "Streams.h"
@@ -13,7 +14,7 @@ CVoHandle OpenExisting(const std::wstring& path, DWORD access)
                                    OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
 }
 
-// A device or a pipe, which renaming must not replace.
+// Whether it is a device or a pipe, which a rename must not replace.
 bool IsDevice(const CVoHandle& file)
 {
     return file && ::GetFileType(file.Get()) != FILE_TYPE_DISK;
@@ -39,7 +40,7 @@ bool FileExists(const std::wstring& path)
 COutputFile::COutputFile(const std::wstring& path, std::span<const BYTE> bytes)
 {
     const std::wstring fullPath = VoGetFullPath(path);
-    // Opened once: the reader of a pipe takes its writer's end for the end of all.
+    // Open a pipe only once: for its reader, the first close is the end of the data.
     if (const CVoHandle file = OpenExisting(fullPath, GENERIC_WRITE); IsDevice(file))
     {
         CHandleSink(file.Get()).Write(bytes);
@@ -60,10 +61,10 @@ void COutputFile::Commit()
 void CheckReplaceable(const std::wstring& path)
 {
     const std::wstring fullPath = VoGetFullPath(path);
-    // Without access, so that the reader of a pipe does not notice.
+    // Open it without access, so that the reader of a pipe does not notice.
     if (IsDevice(OpenExisting(fullPath, 0)))
         return;
-    // What is there must be a file that may be written; beside it there must be room for its replacement.
+    // An existing file must be writable, and its folder must accept a replacement.
     if (const CVoHandle file = OpenExisting(fullPath, GENERIC_WRITE); !file)
     {
         const DWORD error = ::GetLastError();

@@ -1,4 +1,4 @@
-// Whole files in and out.
+// Reads and writes whole files.
 #pragma once
 
 #include <base/VoPlatform.h>
@@ -10,13 +10,13 @@
 #include <string_view>
 #include <vector>
 
-// The file's bytes. Throws CVoHResultException.
+// Returns the bytes of a file. Throws CVoHResultException.
 [[nodiscard]] std::vector<BYTE> ReadWholeFile(const std::wstring& path);
-// Whether something of that name exists.
+// Whether a file or folder of that name exists.
 [[nodiscard]] bool FileExists(const std::wstring& path);
 
-// A new content for a file, see CVoFileReplacement: a failure on the way leaves the old content as it was and no half-written
-// file behind. What is no disk file (a device, a pipe) is written directly.
+// New content for a file, see CVoFileReplacement: a failure leaves the old content unchanged and no half-written file. Devices
+// and pipes are written directly.
 class COutputFile
 {
 public:
@@ -25,11 +25,10 @@ public:
     void Commit(); // throws CVoHResultException
 
 private:
-    std::unique_ptr<CVoFileReplacement> m_replacement; // null when there is nothing to be put in place
+    std::unique_ptr<CVoFileReplacement> m_replacement; // null for a device, or after Commit
 };
 
-// Finds out whether a COutputFile of this name can be made and committed, and leaves everything as it is. Throws
-// CVoHResultException.
+// Checks whether a COutputFile of this name can be written and committed. Changes nothing. Throws CVoHResultException if not.
 void CheckReplaceable(const std::wstring& path);
 
 // COutputFile with its Commit.

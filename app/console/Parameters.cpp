@@ -1,12 +1,14 @@
+// -p and --payload.
 #include "Parameters.h"
 
-void CParameterOptions::Declare(CLI::App& app, bool withPayload)
+void CParameterOptions::Declare(COptions& options, bool withPayload)
 {
-    AddRepeatable(app, "-p,--param", m_parameters,
-                  "A parameter; repeatable, kept in order. VALUE: @FILE is a UTF-8 file's text, - is standard input")
-        ->type_name("NAME=VALUE");
+    options
+        .AddRepeatable("-p,--param", m_parameters,
+                       "A parameter; repeatable, kept in order. VALUE: @FILE is a UTF-8 file's text, - is standard input")
+        .TypeName("NAME=VALUE");
     if (withPayload)
-        app.add_option("--payload", m_payload, "The binary payload; - is standard input")->type_name("FILE")->check(kNotEmpty);
+        options.Add("--payload", m_payload, "The binary payload; - is standard input").TypeName("FILE").NotEmpty();
 }
 
 std::vector<std::pair<std::wstring, std::wstring>> CParameterOptions::Read(CContext& context) const
@@ -34,7 +36,7 @@ void CParameterOptions::Fill(CContext& context, CVoBinaryDataParser& parser) con
 std::wstring CParameterOptions::PayloadName() const
 {
     const std::wstring path = FromUtf8(m_payload);
-    return path.substr(path.find_last_of(L"/\\") + 1); // the whole of it without a folder
+    return path.substr(path.find_last_of(L"/\\") + 1); // the whole path if it has no folder
 }
 
 CJson ParametersAsJson(const CVoDataParser& parser)

@@ -1,4 +1,4 @@
-// The options that fill a message: parameters in their order, and a payload.
+// The options for the content of a message: parameters, in order, and a payload.
 #pragma once
 
 #include "Command.h"
@@ -8,10 +8,10 @@
 class CParameterOptions
 {
 public:
-    void Declare(CLI::App& app, bool withPayload = true);
-    // Adds what the command line gave to a parser.
+    void Declare(COptions& options, bool withPayload = true);
+    // Adds the parameters and the payload to a parser.
     void Fill(CContext& context, CVoBinaryDataParser& parser) const;
-    // The parameters alone, values read.
+    // The parameters alone, with "@FILE" and "-" replaced by their texts.
     [[nodiscard]] std::vector<std::pair<std::wstring, std::wstring>> Read(CContext& context) const;
     [[nodiscard]] bool HasPayload() const noexcept { return !m_payload.empty(); }
     // The payload's file name without its folder.

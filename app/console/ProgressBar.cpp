@@ -1,3 +1,4 @@
+// The progress bar: a thread that draws while a request runs.
 #include "ProgressBar.h"
 
 #include "Text.h"
@@ -18,7 +19,7 @@ constexpr auto kRefresh = 200ms;
 
 std::string Draw(const CVoHTTPMessage::CProgress& progress)
 {
-    // The answer begins when the request has gone.
+    // The response begins after the whole request was sent.
     const bool receiving = progress.received != 0;
     const UINT64 done = receiving ? progress.received : progress.sent;
     const UINT64 whole = receiving ? progress.toReceive : progress.toSend;
@@ -57,7 +58,7 @@ try
     {
         std::string text = Draw(request.GetProgress());
         const size_t length = text.size();
-        // What is left of a longer text before.
+        // Overwrite the rest of a longer text.
         text.append(shown > length ? shown - length : 0, ' ');
         err.Write('\r' + text);
         shown = length;
@@ -67,5 +68,5 @@ try
 }
 catch (...)
 {
-    // The bar is an ornament; the transfer goes on without it.
+    // The transfer goes on without the bar.
 }

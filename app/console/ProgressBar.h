@@ -8,8 +8,8 @@
 #include <memory>
 #include <thread>
 
-// Shows the progress of one request on a terminal from one second on, until it goes. On anything but a terminal, or without a
-// request, it does nothing.
+// Shows the progress of one request on a terminal, from the first second until the object is destroyed. Does nothing if the
+// error stream is not a terminal, or without a request.
 class CProgressBar
 {
 public:
@@ -18,5 +18,5 @@ public:
 private:
     static void Show(const std::stop_token& stop, IByteSink& err, const CVoHTTPMessage::CHTTPRequestData& request);
 
-    std::jthread m_thread; // ends and is waited for with the object
+    std::jthread m_thread; // the destructor stops it and waits
 };

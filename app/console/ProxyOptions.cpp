@@ -1,26 +1,28 @@
+// --proxy, --bypass, --pac, --auto-detect and --no-proxy.
 #include "ProxyOptions.h"
 
 #include <VoGlobalHTTPUtils.h>
 #include <VoProxyList.h>
 
-void CProxyOptions::Declare(CLI::App& app)
+void CProxyOptions::Declare(COptions& options)
 {
-    CLI::Option* const list =
-        app.add_option("--proxy", m_proxy,
-                       "The proxies to use, as the Internet settings list them: HOST:PORT, or http=HOST:PORT;https=HOST:PORT");
-    list->type_name("LIST")->check(kNotEmpty);
-    app.add_option("--bypass", m_bypass,
-                   "The hosts that are reached without that proxy; * is any part, <local> every name without a dot")
-        ->type_name("LIST")
-        ->needs(list);
-    CLI::Option* const script = app.add_option("--pac", m_pac, "The address of a proxy script");
-    script->type_name("URL")->check(kNotEmpty)->excludes(list);
-    CLI::Option* const detection = app.add_flag("--auto-detect", m_autoDetect, "Find the proxy script in the network");
-    detection->excludes(list)->excludes(script);
-    app.add_flag("--no-proxy", m_noProxy, "Connect directly; default: the user's Internet settings")
-        ->excludes(list)
-        ->excludes(script)
-        ->excludes(detection);
+    COption list =
+        options.Add("--proxy", m_proxy,
+                    "The proxies to use, as the Internet settings list them: HOST:PORT, or http=HOST:PORT;https=HOST:PORT");
+    list.TypeName("LIST").NotEmpty();
+    options
+        .Add("--bypass", m_bypass,
+             "The hosts that are reached without that proxy; * is any part, <local> every name without a dot")
+        .TypeName("LIST")
+        .Needs(list);
+    COption script = options.Add("--pac", m_pac, "The address of a proxy script");
+    script.TypeName("URL").NotEmpty().Excludes(list);
+    COption detection = options.AddFlag("--auto-detect", m_autoDetect, "Find the proxy script in the network");
+    detection.Excludes(list).Excludes(script);
+    options.AddFlag("--no-proxy", m_noProxy, "Connect directly; default: the user's Internet settings")
+        .Excludes(list)
+        .Excludes(script)
+        .Excludes(detection);
 }
 
 IVoHTTPProxyStore& CProxyOptions::Apply(CContext& context) const
@@ -32,7 +34,7 @@ IVoHTTPProxyStore& CProxyOptions::Apply(CContext& context) const
     {
         config.pacFileUrl = FromUtf8(m_pac);
         CServerAddressData address;
-        // The platform wants the scheme as well.
+        // The platform needs the scheme, too.
         if (config.pacFileUrl.find(L"://") == std::wstring::npos ||
             FAILED(address.SetAddress(config.pacFileUrl, false, true, true)))
             throw CUsageError("--pac: the value is no http or https URL");

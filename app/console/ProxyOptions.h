@@ -1,14 +1,14 @@
-// The options that say how the proxy is found.
+// The options for the proxy.
 #pragma once
 
 #include "Command.h"
 
-// Without any of them the user's Internet settings hold.
+// Without any of them the user's Internet settings apply.
 class CProxyOptions
 {
 public:
-    void Declare(CLI::App& app);
-    // The process's store, set to what the options say. What it found before stays where that is the same as before.
+    void Declare(COptions& options);
+    // Configures the process's store by the options and returns it. The store keeps its cache if the configuration is the same.
     [[nodiscard]] IVoHTTPProxyStore& Apply(CContext& context) const;
 
 private:

@@ -11,30 +11,15 @@
 #include <optional>
 #include <string>
 
-// The transport of this run: chosen by --engine, else by the settings. The process's choice comes back afterwards.
-class CEngineChoice
-{
-public:
-    explicit CEngineChoice(std::optional<UINT32> kind) noexcept;
-    ~CEngineChoice();
-    CEngineChoice(const CEngineChoice&) = delete;
-    CEngineChoice& operator=(const CEngineChoice&) = delete;
-
-    // The name that --engine has for it.
-    [[nodiscard]] const char* Name() const noexcept { return m_name; }
-
-private:
-    UINT32 m_previous;
-    const char* m_name;
-};
-
-// What is said about the connection.
+// The options for the transport and the connection.
 class CConnectionOptions
 {
 public:
-    void Declare(CLI::App& app);
+    void Declare(COptions& options);
 
-    [[nodiscard]] std::optional<UINT32> Engine() const noexcept { return m_engine; }
+    // The transport of --engine, or that of the settings. The name is empty for a kind that the library does not know.
+    [[nodiscard]] UINT32 TransportKind() const;
+    [[nodiscard]] std::string TransportName() const;
     [[nodiscard]] const std::string& CookieFile() const noexcept { return m_cookies; }
     [[nodiscard]] bool AllowsRetry() const noexcept { return m_retry; }
 
@@ -47,7 +32,7 @@ private:
     [[nodiscard]] static std::optional<CCredentials> ReadCredentials(CContext& context, const char* option,
                                                                      const std::string& value);
 
-    const CLI::App* m_app = nullptr;
+    COptions m_options;
     std::optional<UINT32> m_engine;
     bool m_retry = false;
     UINT32 m_connectTimeout = 30;

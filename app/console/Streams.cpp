@@ -1,3 +1,4 @@
+// Byte streams on handles and in memory.
 #include "Streams.h"
 
 #include <base/VoHResult.h>
@@ -7,9 +8,9 @@
 
 namespace
 {
-// A pipe hands out what it has; a larger block costs nothing and serves files.
+// Large, for files. A read from a pipe returns the bytes that are there.
 constexpr size_t kReadBlock = size_t{ 1 } << 20;
-// One write of a large block keeps a file in one piece; consoles refuse more than 64 KiB at once.
+// Files are written in large blocks. Consoles refuse more than 64 KiB in one write.
 constexpr size_t kWriteBlock = size_t{ 64 } << 20;
 constexpr size_t kTerminalWriteBlock = size_t{ 16 } << 10;
 } // namespace
@@ -26,7 +27,7 @@ size_t CHandleSource::Read(BYTE* buffer, size_t size)
     DWORD read = 0;
     if (::ReadFile(m_handle, buffer, static_cast<DWORD>(std::min(size, kWriteBlock)), &read, nullptr))
         return read;
-    // The writer's end of a pipe is closed: that is how the input of a pipeline ends.
+    // The writer closed the pipe: the normal end of a pipeline's input.
     const DWORD error = ::GetLastError();
     if (error == ERROR_BROKEN_PIPE || error == ERROR_HANDLE_EOF)
         return 0;

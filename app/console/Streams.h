@@ -1,4 +1,4 @@
-// The byte streams of a command. Commands never touch the process's own streams, so that a batch can run them on memory.
+// The byte streams of a command. Commands do not use the process's own streams, so that a batch can run them on memory.
 #pragma once
 
 #include <base/VoPlatform.h>
@@ -20,7 +20,7 @@ class IByteSink
 {
 public:
     virtual ~IByteSink() = default;
-    // Writes all of it, at once: nothing is held back. Throws CVoHResultException when the write fails.
+    // Writes all bytes at once, without a buffer. Throws CVoHResultException when the write fails.
     virtual void Write(std::span<const BYTE> bytes) = 0;
     [[nodiscard]] virtual bool IsTerminal() const noexcept { return false; }
 
@@ -34,7 +34,7 @@ struct CStreams
     IByteSink& err;
 };
 
-// An open handle of somebody else's: a file, a pipe, a console. A null handle is empty.
+// Reads from an open handle (file, pipe, console) that it does not own. A null handle has no bytes.
 class CHandleSource : public IByteSource
 {
 public:
@@ -45,7 +45,7 @@ private:
     HANDLE m_handle;
 };
 
-// An open handle of somebody else's. Writes to a null handle vanish: a program without a console has nobody to tell.
+// Writes to an open handle that it does not own. Writes to a null handle are dropped: the program has no console.
 class CHandleSink : public IByteSink
 {
 public:
@@ -83,8 +83,7 @@ private:
 
 [[nodiscard]] std::vector<BYTE> ReadAll(IByteSource& source);
 
-// Takes a source apart into lines as they arrive. A line ends with "\n" or "\r\n"; what stands behind the last one is a line
-// when it is not empty.
+// Splits a source into lines as they arrive. A line ends with "\n" or "\r\n". Text behind the last line end is a line, too.
 class CLineReader
 {
 public:

@@ -1,3 +1,4 @@
+// Conversions of texts, Base64 and result codes.
 #include "Text.h"
 
 #include <base/VoCArray.h>
@@ -51,7 +52,7 @@ std::wstring FromUtf8(std::string_view text)
 std::string ToBase64(std::span<const BYTE> bytes)
 {
     std::wstring text;
-    // The longest line: without a line length the library breaks the text of a single byte.
+    // With the largest line length: without one the library adds a line break to the text of a single byte.
     if (!bytes.empty())
         Check(VoDataConversion::BinToBase64(bytes.data(), CheckedLength(bytes.size()), false, text, kMaxLine));
     return std::string(text.begin(), text.end());
@@ -80,7 +81,7 @@ std::string ErrorLine(HRESULT result)
     std::wstring text;
     if (FAILED(VoGetErrorText(result, true, &text)))
         return {};
-    // The system ends its texts with a line break, and some hold breaks inside.
+    // Texts of the system end with a line break, and some contain others.
     std::wstring line;
     for (const wchar_t c : VoTrim(text))
         if (c != L'\r')

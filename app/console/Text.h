@@ -1,4 +1,4 @@
-// Texts on the console's edge: UTF-8 outside, UTF-16 inside, Base64 for bytes in JSON, result codes for readers.
+// Conversions at the console's edge: UTF-8 outside, UTF-16 inside, Base64 for bytes in JSON, texts for result codes.
 #pragma once
 
 #include <base/VoPlatform.h>
@@ -10,15 +10,15 @@
 #include <string_view>
 #include <vector>
 
-// Keys keep the order in which they were put.
+// Keys keep the order in which they were added.
 using CJson = nlohmann::ordered_json;
 
-// UTF-8 of any text: what is no well-formed UTF-16 becomes U+FFFD, so that it can be shown.
+// UTF-8 of any text. Malformed UTF-16 becomes U+FFFD.
 [[nodiscard]] std::string ToUtf8(std::wstring_view text);
 // UTF-16 of well-formed UTF-8; throws CVoHResultException for anything else.
 [[nodiscard]] std::wstring FromUtf8(std::string_view text);
 
-// Standard Base64 on one line, and back; the way back throws CVoHResultException for malformed text.
+// Standard Base64 on one line, and back. FromBase64 throws CVoHResultException for malformed text.
 [[nodiscard]] std::string ToBase64(std::span<const BYTE> bytes);
 [[nodiscard]] std::vector<BYTE> FromBase64(std::string_view text);
 
@@ -30,5 +30,5 @@ using CJson = nlohmann::ordered_json;
 // The library's text for a code on one line.
 [[nodiscard]] std::string ErrorLine(HRESULT result);
 
-// Stores what a call answered about its success: throws CVoHResultException for a failure.
+// Throws CVoHResultException if the result of a call is a failure.
 void Check(HRESULT result);

@@ -5,7 +5,7 @@
 
 namespace
 {
-// COM for the stores' provider; without it the stores are this module's own.
+// Initialises COM for the shared stores. If that fails, the stores belong to this module.
 class CComLibrary
 {
 public:
@@ -22,7 +22,7 @@ private:
     bool m_initialised;
 };
 
-// A console shows our UTF-8 only while its code page says so.
+// Sets the console's output code page to UTF-8, and restores it at the end.
 class CConsoleCodePage
 {
 public:
