@@ -8,23 +8,23 @@ namespace Loopback
 {
 namespace
 {
-// How long a closing connection waits for its peer's end, so that unread input does not turn the close into a reset.
+// How long a close waits for the peer's close, so that unread input does not turn it into a reset.
 constexpr std::chrono::milliseconds kLinger{ 2000 };
-// Of a line of chunked framing.
+// The longest line of chunked framing.
 constexpr size_t kMaxLine = 4096;
-// A body of unknown truth is not given more memory than this ahead of its bytes.
+// The most memory that is reserved for a body before its bytes arrive.
 constexpr uint64_t kMaxReserve = 256 << 20;
-// By how much a body grows at a time.
+// The step by which a body grows.
 constexpr uint64_t kGrowth = 1 << 20;
 
-// Statuses whose answers end with their headers.
+// Statuses whose responses have no body.
 bool IsBodiless(int status) noexcept
 {
     return status < 200 || status == 204 || status == 304;
 }
 } // namespace
 
-// Receives more into the buffer, which then holds nothing that was consumed.
+// Receives more bytes into the buffer, and drops consumed bytes.
 bool CConnection::CState::Fill()
 {
     std::copy(buffer.data() + position, buffer.data() + filled, buffer.data());
@@ -44,7 +44,7 @@ void CConnection::CState::Append(std::string_view input)
     filled += input.size();
 }
 
-// Takes the input up to and with the mark. Nothing when the peer ends before it, or when it is longer than the limit.
+// Consumes the input up to the mark, with the mark. nullopt if the peer closes before it, or if it is longer than the limit.
 std::optional<std::string> CConnection::CState::ReadThrough(std::string_view mark, size_t limit, bool& tooLarge)
 {
     size_t searched = 0;
@@ -81,7 +81,7 @@ CConnection::CState::ERead CConnection::CState::ReadLine(std::string& line)
 
 CConnection::CState::ERead CConnection::CState::ReadHead(CRequest& into)
 {
-    // Empty lines before a request line are passed over (RFC 9112, section 2.2).
+    // Ignore empty lines before a request line (RFC 9112, section 2.2).
     while (Buffered().size() < 2 || Buffered().starts_with("\r\n"))
     {
         if (Buffered().starts_with("\r\n"))
@@ -108,7 +108,7 @@ CConnection::CState::ERead CConnection::CState::ReadBody(CRequest& into)
     return size ? ReadCounted(into, *size) : ERead::Malformed;
 }
 
-// Adds that many bytes of input to the body, past the buffer once that is empty.
+// Adds that many bytes of input to the body; when the buffer is empty, it receives directly into the body.
 CConnection::CState::ERead CConnection::CState::ReadCounted(CRequest& into, uint64_t size)
 {
     if (into.bodySize + size > server.options.maxBodySize || into.bodySize + size < size)
@@ -129,7 +129,7 @@ CConnection::CState::ERead CConnection::CState::ReadCounted(CRequest& into, uint
     size_t filledBody = into.body.size();
     while (left > 0)
     {
-        // The body grows by large steps, because a string fills what it grows by.
+        // The body grows in large steps, because a string fills the new bytes with zeros.
         if (keep && filledBody == into.body.size())
             into.body.resize(filledBody + static_cast<size_t>(std::min<uint64_t>(left, kGrowth)));
         const int received =
@@ -151,7 +151,7 @@ CConnection::CState::ERead CConnection::CState::ReadChunked(CRequest& into)
     {
         if (const ERead result = ReadLine(line); result != ERead::Done)
             return result;
-        // What follows a ";" are extensions of the chunk.
+        // Extensions of the chunk follow a ";".
         const std::optional<uint64_t> size = ParseNumber(Trim(std::string_view(line).substr(0, line.find(';'))), 16);
         if (!size)
             return ERead::Malformed;
@@ -164,7 +164,7 @@ CConnection::CState::ERead CConnection::CState::ReadChunked(CRequest& into)
         if (!line.empty())
             return ERead::Malformed;
     }
-    // Trailer fields, up to the empty line, are passed over.
+    // Ignore trailer fields, up to the empty line.
     do
     {
         if (const ERead result = ReadLine(line); result != ERead::Done)
@@ -300,7 +300,7 @@ bool CConnection::Tunnel(uint16_t port, std::string_view established)
     const CTrackedSocket upstream(socket, m_state.server.sockets);
     if (m_state.server.IsStopping())
         return true;
-    // Bytes that came along with the request belong to the tunnel already.
+    // Bytes behind the request belong to the tunnel.
     const bool begun = m_state.Send(established) && SendAll(upstream.Get(), m_state.Buffered());
     m_state.end = CState::EEnd::Gone;
     if (!begun)

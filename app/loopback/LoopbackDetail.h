@@ -1,4 +1,4 @@
-// What the loopback server's source files share; not for its users.
+// Private declarations that the loopback server's sources share.
 #pragma once
 
 #include "LoopbackServer.h"
@@ -15,13 +15,13 @@
 namespace Loopback
 {
 [[nodiscard]] std::string_view Trim(std::string_view text) noexcept;
-// Whether a comma-separated header value holds the token, without regard to case.
+// Whether a comma-separated header value holds the token; the case does not matter.
 [[nodiscard]] bool HasToken(std::string_view value, std::string_view token) noexcept;
-// The whole text as a number; nothing when it is none.
+// The whole text as a number; nullopt if it is not a number.
 [[nodiscard]] std::optional<uint64_t> ParseNumber(std::string_view text, int base) noexcept;
-// Splits a head, which ends with an empty line, into the request's parts. False when it is none of HTTP.
+// Parses a request's head, which ends with an empty line. False if it is not HTTP.
 [[nodiscard]] bool ParseHead(std::string_view head, CRequest& request);
-// Whether the client asks for the connection's end after the answer.
+// Whether the client asks to close the connection after the response.
 [[nodiscard]] bool WantsClose(const CRequest& request) noexcept;
 
 class CWinsock
@@ -52,8 +52,8 @@ class CSocketSet
 {
 public:
     void Add(SOCKET socket);
-    // Takes the socket out of the set and closes it, in this order, so that an interrupt cannot meet a number that means
-    // another socket already.
+    // Removes the socket from the set, then closes it: after the close its number may belong to another socket, which an
+    // interrupt must not reach.
     void Close(SOCKET socket) noexcept;
     void InterruptAll() noexcept;
 
@@ -62,7 +62,7 @@ private:
     std::set<SOCKET> m_sockets;
 };
 
-// Owns a socket and keeps it in the set for as long.
+// Owns a socket, and keeps it in the set as long as it lives.
 class CTrackedSocket
 {
 public:
@@ -81,19 +81,19 @@ private:
 constexpr size_t kBufferSize = 64 << 10;
 
 [[nodiscard]] sockaddr_in LoopbackAddress(uint16_t port, uint8_t host = 1) noexcept;
-// The socket interface takes every kind of address by one type.
+// The socket functions take every kind of address as one type.
 [[nodiscard]] sockaddr* Generic(sockaddr_in& address) noexcept;
-// A socket connected to that port; INVALID_SOCKET when nobody listens there.
+// Returns a socket that is connected to that port; INVALID_SOCKET if nobody listens there.
 [[nodiscard]] SOCKET ConnectTo(uint16_t port) noexcept;
-// Ends whatever a thread does with the socket: calls that wait are cancelled, later ones fail.
+// Cancels the calls that wait on the socket, and makes later calls fail.
 void Interrupt(SOCKET socket) noexcept;
 void SetBlocking(SOCKET socket) noexcept;
 void SetNoDelay(SOCKET socket) noexcept;
-// At least one byte; 0 at the stream's end, -1 on an error.
+// Receives at least one byte; 0 at the end of the stream, -1 for an error.
 [[nodiscard]] int Receive(SOCKET socket, char* data, size_t size) noexcept;
-// Sends both texts, the first ones together in one call.
+// Sends both texts; the beginning of both goes out in one call.
 bool SendAll(SOCKET socket, std::string_view first, std::string_view second = {}) noexcept;
-// Carries bytes from one socket to the other until either ends. An orderly end is handed on as one, any other ends both.
+// Copies bytes from one socket to the other until one closes. A normal close is passed on; any other end closes both.
 void Carry(SOCKET from, SOCKET to) noexcept;
 
 struct CLoopbackServer::CImpl
@@ -120,7 +120,7 @@ struct CLoopbackServer::CImpl
 
     std::mutex lock; // guards the two lists
     std::condition_variable retired;
-    std::list<std::thread> running;  // one a connection
+    std::list<std::thread> running;  // one for each connection
     std::list<std::thread> finished; // to be joined
     std::thread acceptor;
 };
@@ -130,9 +130,9 @@ struct CConnection::CState
     enum class EEnd
     {
         KeepAlive,
-        Close, // in order
+        Close, // normally
         Reset,
-        Gone // the peer ended it, or a call failed
+        Gone // the peer closed it, or a call failed
     };
     enum class ERead
     {
@@ -151,12 +151,12 @@ struct CConnection::CState
     [[nodiscard]] ERead ReadHead(CRequest& into);
     [[nodiscard]] ERead ReadBody(CRequest& into);
     bool Send(std::string_view first, std::string_view second = {});
-    // The head of an answer to the current request, with the headers that frame it added.
+    // The head of a response to the current request, with the headers for its length added.
     [[nodiscard]] std::string BuildHead(int status, const CHeaders& headers, uint64_t bodySize) const;
-    // Waits until the peer closes its side or the server stops; false when the time is over first. Input is kept for the next
-    // read or dropped.
+    // Waits until the peer closes its side or the server stops; false if the time ends first. Input is kept for the next read,
+    // or dropped.
     bool AwaitClose(std::chrono::milliseconds time, bool keepInput);
-    // Brings the connection to the end that was chosen. Closing the socket is the owner's.
+    // Ends the connection in the chosen way. The owner closes the socket.
     void Finish();
 
     [[nodiscard]] std::string_view Buffered() const noexcept { return { buffer.data() + position, filled - position }; }
@@ -176,7 +176,7 @@ private:
     [[nodiscard]] ERead ReadCounted(CRequest& into, uint64_t size);
     [[nodiscard]] ERead ReadChunked(CRequest& into);
 
-    // What was received and not consumed lies between the two places.
+    // The received bytes that are not consumed are between the two positions.
     std::string buffer;
     size_t position = 0;
     size_t filled = 0;

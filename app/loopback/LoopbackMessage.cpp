@@ -1,4 +1,4 @@
-// The parts of the loopback server that only handle text: finding headers, taking a target apart, building an answer's head.
+// The text functions of the loopback server: finding headers, parsing a target, building the head of a response.
 #include "LoopbackDetail.h"
 
 #include <algorithm>

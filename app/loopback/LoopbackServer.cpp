@@ -7,7 +7,7 @@ namespace Loopback
 {
 namespace
 {
-// After this time Stop interrupts again what still runs.
+// After this time Stop interrupts the running connections again.
 constexpr std::chrono::milliseconds kInterruptInterval{ 200 };
 
 [[noreturn]] void ThrowSocketError(const char* what)
@@ -23,7 +23,7 @@ CLoopbackServer::CImpl::CImpl(CHandler theHandler, COptions theOptions)
         ThrowSocketError("socket");
     try
     {
-        // Without it another program could take the port over, or share it.
+        // Otherwise another program could take the port, or share it.
         const BOOL on = TRUE;
         ::setsockopt(listener, SOL_SOCKET, SO_EXCLUSIVEADDRUSE, static_cast<const char*>(static_cast<const void*>(&on)),
                      sizeof on);
@@ -49,8 +49,8 @@ CLoopbackServer::CImpl::CImpl(CHandler theHandler, COptions theOptions)
 
 void CLoopbackServer::CImpl::Accept() noexcept
 {
-    // A connection that arrives while another is accepted may leave the event unset (seen under load, one in some thousands;
-    // the peer would wait for ever): the queue is looked at again from time to time.
+    // A connection that arrives while another is accepted may leave the event unset (seen under load, one in some thousands),
+    // and its peer would wait for ever. So the queue is checked from time to time.
     constexpr DWORD kLookAgain = 200; // ms
     const std::array<HANDLE, 2> events = { stop.Get(), acceptable.Get() };
     for (DWORD woken = 0;
@@ -62,7 +62,7 @@ void CLoopbackServer::CImpl::Accept() noexcept
     }
 }
 
-// Gives a new connection its thread.
+// Starts the thread of a new connection.
 void CLoopbackServer::CImpl::Start(SOCKET socket) noexcept
 {
     SetBlocking(socket); // an accepted socket inherits the listener's event
@@ -83,7 +83,7 @@ void CLoopbackServer::CImpl::Start(SOCKET socket) noexcept
                     }
                     catch (const std::exception&)
                     {
-                        // Out of memory or of handles: the connection is closed, which is all that its peer can be told.
+                        // Out of memory or handles: close the connection.
                     }
                     const std::scoped_lock retire(lock);
                     finished.splice(finished.end(), running, self);
@@ -98,7 +98,7 @@ void CLoopbackServer::CImpl::Start(SOCKET socket) noexcept
     }
     catch (const std::exception&)
     {
-        ::closesocket(socket); // no thread for it
+        ::closesocket(socket); // there is no thread for it
     }
 }
 
@@ -107,7 +107,7 @@ void CLoopbackServer::CImpl::Serve(SOCKET socket, size_t number)
     using EEnd = CConnection::CState::EEnd;
     using ERead = CConnection::CState::ERead;
     const CTrackedSocket tracked(socket, sockets);
-    // Either Stop finds the socket in the set, or this finds the event.
+    // Either Stop finds the socket in the set, or this call sees the event.
     if (IsStopping())
         return;
 
@@ -186,7 +186,7 @@ void CLoopbackServer::CImpl::Stop() noexcept
     ::closesocket(std::exchange(listener, INVALID_SOCKET));
     {
         std::unique_lock hold(lock);
-        // Repeated, because a thread may be between its last look at the event and a call that waits.
+        // Repeated: a thread may be between its last check of the event and a call that waits.
         do
             sockets.InterruptAll();
         while (!retired.wait_for(hold, kInterruptInterval, [this] { return running.empty(); }));

@@ -5,9 +5,9 @@
 //     });
 //     ... "http://127.0.0.1:" + std::to_string(server.Port()) ...
 //
-// One thread accepts, and one serves each connection: the handler is called on the connection's thread, for several connections
-// at once. It reads requests with Content-Length or chunked bodies and keeps connections alive; it checks no more of HTTP than
-// it needs to find the requests' ends. It is not meant to face a network.
+// One thread accepts connections, and each connection has a thread of its own. The handler is called on the connection's
+// thread, on several threads at once. The server reads requests with Content-Length or chunked bodies and keeps connections
+// alive. It checks only the parts of HTTP that it needs to find the end of a request. Do not expose it to a network.
 #pragma once
 
 #include <base/VoPlatform.h>
@@ -31,13 +31,13 @@ struct CHeader
 };
 using CHeaders = std::vector<CHeader>;
 
-// The value of the first header of that name, without regard to case; null when there is none.
+// The value of the first header of that name; the case does not matter. Null if there is none.
 [[nodiscard]] const std::string* FindHeader(const CHeaders& headers, std::string_view name) noexcept;
 
 struct CRequest
 {
     std::string method;
-    std::string target;    // as the request line has it: "/path?query", "http://host/path" or "host:port"
+    std::string target;    // from the request line: "/path?query", "http://host/path" or "host:port"
     std::string version;   // "HTTP/1.1"
     CHeaders headers;      // in order, names as they were sent
     std::string body;      // a chunked body without its framing
@@ -46,48 +46,49 @@ struct CRequest
     size_t connection = 0; // of the server, from 1
     size_t number = 0;     // of the request on its connection, from 1
 
-    // The first header of that name, without regard to case; empty when there is none.
+    // The first header of that name; the case does not matter. Empty if there is none.
     [[nodiscard]] std::string_view Header(std::string_view name) const noexcept;
-    // The target up to its query.
+    // The target without its query.
     [[nodiscard]] std::string_view Path() const noexcept;
-    // What follows the target's "?"; empty without one.
+    // The text behind the target's "?"; empty without a "?".
     [[nodiscard]] std::string_view Query() const noexcept;
 };
 
 class CLoopbackServer;
 
-// One connection, as a handler answers through it. It is valid during the handler's call only, on the handler's thread. Every
-// sending function gives false when the peer is gone or the server stops; a handler then just returns.
+// The connection that a handler responds on. Valid during the handler's call only, on the handler's thread. Every function that
+// sends returns false if the peer has closed the connection or the server stops; the handler then returns.
 class CConnection
 {
 public:
-    // Sends a whole answer. A Content-Length header is added unless the headers frame the body themselves (Content-Length or
-    // Transfer-Encoding) or the status has none (1xx, 204, 304); an answer to HEAD carries the header and no body. When the
-    // client asked for the connection's end, "Connection: close" is added.
+    // Sends a whole response. A Content-Length header is added unless the headers frame the body themselves (Content-Length or
+    // Transfer-Encoding) or the status has none (1xx, 204, 304); a response to HEAD has the header and no body. If the
+    // client asked to close the connection, "Connection: close" is added.
     bool SendResponse(int status, const CHeaders& headers = {}, std::string_view body = {});
-    // The same, with the body made by the caller afterwards through Send: sends the head of an answer of `bodySize` bytes.
+    // Sends the head of a response of `bodySize` bytes. The caller sends the body afterwards with Send.
     bool SendResponseHead(int status, const CHeaders& headers, uint64_t bodySize);
-    // Sends bytes as they are. The connection is kept alive afterwards, unless CloseNow or Reset is called.
+    // Sends bytes unchanged. The connection stays open afterwards, unless CloseNow or Reset is called.
     bool Send(std::string_view bytes);
-    // Sends the bytes `piece` at a time, waiting the interval after each piece but the last.
+    // Sends the bytes in pieces of `piece` bytes, and waits the interval after each piece except the last.
     bool Drip(std::string_view bytes, size_t piece, std::chrono::milliseconds interval);
 
-    // Waits for the time given, or until the server stops: true when it stops. Bounds every stall by the server's life.
+    // Waits for the given time. Returns true, early, if the server stops.
     bool WaitUntilStopped(std::chrono::milliseconds time) noexcept;
-    // Waits until the peer closes its side, resets the connection, or the server stops: true then, false when the time is over.
+    // Waits until the peer closes its side or resets the connection, or the server stops, and returns true; false after the
+    // time.
     bool WaitForPeerClose(std::chrono::milliseconds time);
 
-    // Ends the connection after what was sent so far: the peer reads all of it, then the end of the stream.
+    // Closes the connection: the peer reads all bytes that were sent, then the end of the stream.
     void CloseNow();
-    // Ends the connection with a reset: the peer's calls fail, and it may lose what was sent before.
-    // (Wine cannot: there the peer sees the stream's end.)
+    // Resets the connection: the peer's calls fail, and it may lose bytes that were sent before. Under Wine the peer sees the
+    // end of the stream instead.
     void Reset();
 
-    // Connects to that port on 127.0.0.1; false when nobody listens there (nothing was sent). Otherwise sends `established` to
-    // the client and carries bytes both ways until either side ends; then the connection is over. For CONNECT.
+    // Connects to that port on 127.0.0.1; false if nobody listens there (nothing was sent). Otherwise sends `established` to
+    // the client and copies bytes both ways until one side closes; then the connection is closed. For CONNECT.
     bool Tunnel(uint16_t port, std::string_view established);
-    // Connects to that port on 127.0.0.1; false when nobody listens there (nothing was sent). Otherwise sends it the bytes and
-    // carries its answer back until it closes its side; then the connection is over. For requests in absolute form.
+    // Connects to that port on 127.0.0.1; false if nobody listens there (nothing was sent). Otherwise sends it the bytes and
+    // copies its response back until it closes its side; then the connection is closed. For requests in absolute form.
     bool Forward(uint16_t port, std::string_view bytes);
 
     // The client's port.
@@ -108,36 +109,36 @@ using CHandler = std::function<void(const CRequest&, CConnection&)>;
 
 struct COptions
 {
-    uint16_t port = 0;              // 0: a free one is chosen
+    uint16_t port = 0;              // 0: the system chooses a free one
     uint8_t host = 1;               // listens on 127.0.0.HOST; all of 127/8 is this machine (RFC 1122, section 3.2.1.3)
-    size_t maxHeadSize = 256 << 10; // of the request line and headers together; above it the answer is 431
-    uint64_t maxBodySize = 1 << 30; // above it the answer is 413
+    size_t maxHeadSize = 256 << 10; // of the request line and headers together; above it the response is 431
+    uint64_t maxBodySize = 1 << 30; // above it the response is 413
     bool keepBodies = true;         // false: bodies are read and counted, not kept
-    // Called before a request's body is read, with the request as it is then. False: the body is not read, the handler not
-    // called, and the connection ends with what this hook sent.
+    // Called with the head of a request, before its body is read. False: the body is not read, the handler is not called, and
+    // the connection is closed after the bytes that this hook sent.
     std::function<bool(const CRequest&, CConnection&)> beforeBody;
 };
 
 class CLoopbackServer
 {
 public:
-    // Listens from here on. Throws std::system_error when it cannot. The handler is called on several threads at once; an
-    // exception that leaves it is answered with status 500 where nothing was sent, and ends the connection.
+    // Starts to listen. Throws std::system_error on failure. The handler is called on several threads at once. An exception
+    // that leaves it gives a response of status 500 if nothing was sent yet, and closes the connection.
     explicit CLoopbackServer(CHandler handler, COptions options = {});
-    // Stops.
+    // Calls Stop.
     ~CLoopbackServer();
     CLoopbackServer(const CLoopbackServer&) = delete;
     CLoopbackServer& operator=(const CLoopbackServer&) = delete;
 
-    // Stops accepting, ends every connection whatever it is doing, and waits for the threads. May be called again; not by a
-    // handler.
+    // Stops accepting, closes every connection at once, and waits for the threads. May be called again. A handler must not call
+    // it.
     void Stop() noexcept;
 
     [[nodiscard]] uint16_t Port() const noexcept;
     // "http://127.0.0.HOST:PORT" and the target, which begins with "/".
     [[nodiscard]] std::string URL(std::string_view target = "/") const;
 
-    // Connections accepted, requests read whole (each before its handler is called), and connections that are open now.
+    // The number of accepted connections, of requests read (each counts before its handler is called), and of open connections.
     [[nodiscard]] size_t ConnectionCount() const noexcept;
     [[nodiscard]] size_t RequestCount() const noexcept;
     [[nodiscard]] size_t OpenConnectionCount() const;
@@ -151,6 +152,6 @@ private:
 // The reason phrase of a status: "Not Found"; "Status" for an unknown one.
 [[nodiscard]] std::string_view ReasonPhrase(int status) noexcept;
 
-// The head of an answer, byte for byte as SendResponse builds it, without any header added: status line, headers, empty line.
+// The head of a response as SendResponse builds it, without added headers: status line, headers, empty line.
 [[nodiscard]] std::string ResponseHead(int status, const CHeaders& headers);
 } // namespace Loopback

@@ -7,7 +7,7 @@ namespace Loopback
 {
 namespace
 {
-// The most that one call of the platform is given: a larger call locks as much memory at once.
+// The largest size for one call: the platform locks that much memory at once.
 constexpr size_t kMaxTransfer = 4 << 20;
 } // namespace
 
@@ -95,7 +95,7 @@ void Interrupt(SOCKET socket) noexcept
 void SetBlocking(SOCKET socket) noexcept
 {
     u_long nonBlocking = 0;
-    ::WSAEventSelect(socket, nullptr, 0); // while an event is selected, the socket cannot be made to wait
+    ::WSAEventSelect(socket, nullptr, 0); // a socket with a selected event cannot be blocking
     ::ioctlsocket(socket, static_cast<long>(FIONBIO), &nonBlocking);
 }
 
