@@ -1,4 +1,5 @@
-// A first request: sends one parameter to the URL on the command line and prints the parameters of the answer.
+// A first request: sends one parameter to the URL on the command line and prints the parameters of the response.
+#include <VoGlobalHTTPUtils.h>
 #include <VoHTTPMessage.h>
 
 #include <cstdio>
@@ -17,13 +18,13 @@ try
     check(CVoHTTPMessage::Connect(address, credentials.Get(), proxies.Get(), cookies.Get(), 30, 60, true, false, message));
     std::shared_ptr<CVoHTTPMessage::CHTTPRequestData> request;
     check(message->OpenRequest(request));
-    CVoBinaryDataParser question;
-    CVoBinaryDataParser answer;
-    check(question.AddParam(L"name", L"value"));
-    check(message->SendMessage(request, question, CVoHTTPMessage::EContentKind::Raw, true, {}, {}, false, nullptr));
-    check(message->ReadResponse(request, answer, CVoHTTPMessage::EResponseKind::Parameters, nullptr, nullptr));
-    for (size_t i = 0; i < answer.GetCount(); ++i)
-        std::printf("%ls=%ls\n", answer.GetAt(i).Name().c_str(), answer.GetAt(i).Value().c_str());
+    CVoBinaryDataParser parameters;
+    CVoBinaryDataParser response;
+    check(parameters.AddParam(L"name", L"value"));
+    check(message->SendMessage(request, parameters, CVoHTTPMessage::EContentKind::Raw, true, {}, {}, false, nullptr));
+    check(message->ReadResponse(request, response, CVoHTTPMessage::EResponseKind::Parameters, nullptr, nullptr));
+    for (size_t i = 0; i < response.GetCount(); ++i)
+        std::printf("%ls=%ls\n", response.GetAt(i).Name().c_str(), response.GetAt(i).Value().c_str());
     return 0;
 }
 catch (const CVoHResultException& failure)

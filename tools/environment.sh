@@ -1,23 +1,23 @@
 # shellcheck shell=bash
-# The environment of every program that the project's scripts run under Wine, and what those scripts share; sourced, not run.
+# The environment of the programs that the project's scripts run under Wine, and functions that the scripts share. Sourced, not run.
 # Expects `root`, the project's folder.
 build="${root:?}/build"
 # shellcheck disable=SC2034 # for the scripts that source this file
 deps="$build/deps"
 export WINEPREFIX="$build/wine"
 export WINEDEBUG=-all
-# No .NET or HTML engine (their installers would ask), no crash dialog (with it a crash can end with exit code 0, or wait for
-# a click), and nothing written into the user's desktop menus.
+# No .NET and no HTML engine: their installers would ask. No crash dialog: with it a crash can end with exit code 0 or wait for a
+# click. No entries in the user's desktop menus.
 export WINEDLLOVERRIDES="mscoree,mshtml,winedbg.exe,winemenubuilder.exe="
 # Arguments reach the program as UTF-8.
 export LC_ALL=C.UTF-8
 # The host's proxy variables would become the programs' default proxy.
 unset http_proxy https_proxy HTTP_PROXY HTTPS_PROXY all_proxy ALL_PROXY no_proxy NO_PROXY
 
-# start_wine SECONDS: has the prefix's wineserver run and its services started, so that programs start in hundredths of a
-# second; it ends by itself SECONDS after the last program. The services are started by a program without streams of the
-# caller: they keep those of the first program for life, and a pipe to the caller's reader would stay open as long. The
-# desktop belongs to the display of whoever came first: for another display it is made anew, because windows would open unseen.
+# start_wine SECONDS: starts the prefix's wineserver and its services, so that programs start in hundredths of a second. The server
+# ends SECONDS after the last program. The services keep the streams of the first program as long as they live; that program gets
+# none of the caller's, because a pipe to a reader would stay open as long. The desktop belongs to the display of the first program:
+# for another display it is started again, because windows would open on the old one.
 start_wine() {
     local display="$WINEPREFIX/.display"
     (
@@ -27,26 +27,28 @@ start_wine() {
             wine cmd /c exit
             echo "${DISPLAY:-}" >"$display"
         elif [ -n "${DISPLAY:-}" ] && ! grep -qxF "$DISPLAY" "$display"; then
-            wine taskkill /f /im explorer.exe || true # none: no window was ever made
+            wine taskkill /f /im explorer.exe || true # it fails when no window was ever made
             echo "$DISPLAY" >"$display"
         fi </dev/null >/dev/null 2>&1 9>&-
     ) 9>"$build/.wine.lock"
 }
 
-# build_targets PRESET TARGET...: configures the preset's build when that was never done, and builds the targets. One at a
-# time, because a build folder takes no two builds at once.
+# build_targets PRESET TARGET...: configures the preset's build folder if it is new, and builds the targets. A lock keeps a second
+# build out of the folder.
 build_targets() {
     local preset="$1"
     shift
     (
         flock 9
         cd "$root" || exit
-        # A folder that was copied or moved from elsewhere still names its old place: it cannot be built in.
+        # A build folder that was copied or moved names its old place: it cannot be used.
         if [ -f "$build/$preset/CMakeCache.txt" ] &&
             ! grep -qxF "CMAKE_HOME_DIRECTORY:INTERNAL=$root" "$build/$preset/CMakeCache.txt"; then
             rm -rf "${build:?}/$preset"
         fi
         [ -f "$build/$preset/build.ninja" ] || cmake --preset "$preset" 9>&- || exit
+        # Where editors look for it.
+        ln -sfn "build/$preset/compile_commands.json" compile_commands.json
         cmake --build "$build/$preset" --target "$@" 9>&-
     ) 9>"$build/.build.lock"
 }

@@ -1,3 +1,5 @@
+// The main of the test programs: a crash, an abort and a hang end the program with an exit code and with the stack of the
+// thread.
 #include "TestMain.h"
 
 #include <base/VoErrorHandler.h>
@@ -31,6 +33,7 @@ constexpr DWORD kDefaultTimeoutSeconds = 120;
 char g_running[256] = "the set-up";
 ULONGLONG g_timeout = 0; // in milliseconds; 0 switches the watchdog off
 std::atomic<ULONGLONG> g_deadline{ 0 };
+HANDLE g_testThread = nullptr; // open for the life of the process
 std::filesystem::path g_folder;
 
 void WriteError(const char* text) noexcept
@@ -49,27 +52,78 @@ void WriteError(const char* text) noexcept
     std::_Exit(exitCode);
 }
 
+// One line: the module of an address and the offset in it. ./test turns it into a function and a source line.
+void WriteFrame(DWORD64 address) noexcept
+{
+    HMODULE module = nullptr;
+    char path[MAX_PATH] = "?";
+    if (::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                             reinterpret_cast<const wchar_t*>(address), &module))
+        ::GetModuleFileNameA(module, path, MAX_PATH - 1);
+    const char* const separator = std::strrchr(path, '\\');
+    char text[MAX_PATH + 50];
+    std::snprintf(text, sizeof text, "  frame %s + 0x%llX\n", separator ? separator + 1 : path,
+                  static_cast<unsigned long long>(address - reinterpret_cast<DWORD64>(module)));
+    WriteError(text);
+}
+
+// Writes the stack of a thread, the innermost frame first. Allocates nothing.
+void WriteStack(CONTEXT context) noexcept
+{
+    constexpr int kMostFrames = 64;
+    WriteError("\n");
+    for (int i = 0; i < kMostFrames && (i == 0 || context.Rip != 0); ++i)
+    {
+        // A caller's frame holds the address behind its call; the call itself names the right line.
+        WriteFrame(i == 0 ? context.Rip : context.Rip - 1);
+        DWORD64 base = 0;
+        if (const auto function = ::RtlLookupFunctionEntry(context.Rip, &base, nullptr))
+        {
+            void* data = nullptr;
+            DWORD64 frame = 0;
+            ::RtlVirtualUnwind(UNW_FLAG_NHANDLER, base, context.Rip, function, &context, &data, &frame, nullptr);
+        }
+        else
+        {
+            // A function without unwind data has pushed nothing: the return address is on top of the stack.
+            context.Rip = *reinterpret_cast<const DWORD64*>(context.Rsp);
+            context.Rsp += sizeof context.Rip;
+        }
+    }
+}
+
 LONG WINAPI OnUnhandledException(EXCEPTION_POINTERS* pointers)
 {
     const EXCEPTION_RECORD& record = *pointers->ExceptionRecord;
-    // The module and the offset in it are what addr2line and a map file need.
-    HMODULE module = nullptr;
-    char file[MAX_PATH] = "?";
-    if (::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                             static_cast<const wchar_t*>(record.ExceptionAddress), &module))
-        ::GetModuleFileNameA(module, file, MAX_PATH - 1);
-    const auto address = static_cast<const char*>(record.ExceptionAddress);
-    char reason[500];
-    std::snprintf(reason, sizeof reason, "unhandled exception 0x%08lX at %p (%s + 0x%llX)", record.ExceptionCode,
-                  record.ExceptionAddress, file,
-                  static_cast<unsigned long long>(module ? address - static_cast<const char*>(static_cast<void*>(module)) : 0));
+    char reason[100];
+    std::snprintf(reason, sizeof reason, "unhandled exception 0x%08lX at %p", record.ExceptionCode, record.ExceptionAddress);
+    // A damaged stack may fault again while it is read.
+    static std::atomic<bool> s_reading{ false };
+    if (!s_reading.exchange(true))
+        WriteStack(*pointers->ContextRecord);
     Die(reason, kExitCrashed);
 }
 
 // Also where std::terminate ends, whose default handler prints the exception.
 void OnAbort(int)
 {
+    CONTEXT context;
+    ::RtlCaptureContext(&context);
+    WriteStack(context);
     Die("abort", kExitAborted);
+}
+
+// The stack of the thread that runs the tests. The thread goes on before its stack is read: it may hold a lock that the reading
+// needs.
+void WriteStackOfTests() noexcept
+{
+    CONTEXT context{};
+    context.ContextFlags = CONTEXT_FULL;
+    ::SuspendThread(g_testThread);
+    const BOOL got = ::GetThreadContext(g_testThread, &context);
+    ::ResumeThread(g_testThread);
+    if (got)
+        WriteStack(context);
 }
 
 void Watch()
@@ -79,7 +133,10 @@ void Watch()
         const ULONGLONG now = ::GetTickCount64();
         const ULONGLONG deadline = g_deadline.load();
         if (now >= deadline)
+        {
+            WriteStackOfTests();
             Die("the watchdog's time is up", kExitHung);
+        }
         // The deadline only moves on, so there is nothing to see before it.
         ::Sleep(static_cast<DWORD>(deadline - now));
     }
@@ -112,6 +169,8 @@ void InstallHandlers()
     const char* const seconds = std::getenv("VOUTILS_TEST_TIMEOUT");
     g_timeout = 1000ull * (seconds ? std::strtoul(seconds, nullptr, 10) : kDefaultTimeoutSeconds);
     Running("the set-up");
+    ::DuplicateHandle(::GetCurrentProcess(), ::GetCurrentThread(), ::GetCurrentProcess(), &g_testThread, 0, FALSE,
+                      DUPLICATE_SAME_ACCESS);
     if (g_timeout != 0)
         std::thread(Watch).detach();
 }
