@@ -1,7 +1,7 @@
 // Where a redirect leads: the one reader of Location for the transports whose redirects the transport core follows.
 #pragma once
 
-#include <VoGlobalHTTPUtils.h>
+#include <VoServerAddress.h>
 
 #include <string_view>
 
