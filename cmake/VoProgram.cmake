@@ -1,5 +1,5 @@
-# vo_program(target DESCRIPTION): what every program needs: the manifest (supported systems, common controls 6), a VERSIONINFO
-# resource, static run-time libraries, wide-character entry and warnings as errors.
+# vo_program(target DESCRIPTION): adds the manifest (supported systems, common controls 6), a VERSIONINFO resource, static run-time
+# libraries and warnings as errors to a program.
 function(vo_program target description)
   set(VO_PROGRAM_NAME ${target})
   set(VO_PROGRAM_DESCRIPTION "${description}")

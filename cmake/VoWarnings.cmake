@@ -1,5 +1,5 @@
-# Warnings are errors, on every compiler. -Wnon-virtual-dtor is left out: every COM interface would raise it, because IUnknown has
-# no virtual destructor by design; a delete through such a base is caught all the same (-Wdelete-non-virtual-dtor, in -Wall).
+# Warnings are errors with every compiler. -Wnon-virtual-dtor is off: every COM interface would raise it, because IUnknown has no virtual
+# destructor by design. A delete through such a base is still an error (-Wdelete-non-virtual-dtor, in -Wall).
 function(vo_warnings target)
   if(MSVC)
     target_compile_options(${target} PRIVATE /W4 /WX /permissive- /utf-8)

@@ -4,9 +4,9 @@ set(CMAKE_C_COMPILER clang-19)
 set(CMAKE_CXX_COMPILER clang++-19)
 set(CMAKE_C_COMPILER_TARGET ${VO_TRIPLE})
 set(CMAKE_CXX_COMPILER_TARGET ${VO_TRIPLE})
-# The GNU linker that clang would call does not find everything of a static program; its own does. It must be told of the
-# threads library, which g++ adds by itself.
+# clang's own linker: the GNU linker that clang would call does not find all parts of a static program. g++ adds the threads library by
+# itself, clang does not.
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-fuse-ld=lld -lpthread")
-# g++'s library holds its thread-local variables as g++ does for Windows. And instantiations of its templates call what it
-# deprecates; what the code itself calls is seen by g++.
+# g++'s standard library uses emulated thread-local variables. Its own templates call deprecated functions; g++ still warns where our
+# code calls them.
 set(CMAKE_CXX_FLAGS_INIT "-femulated-tls -Wno-deprecated-declarations")

@@ -7,9 +7,9 @@ set(CMAKE_CXX_COMPILER ${VO_TRIPLE}-g++-posix)
 set(CMAKE_RC_COMPILER ${VO_TRIPLE}-windres)
 set(CMAKE_FIND_ROOT_PATH /usr/${VO_TRIPLE})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-# What the set-up script built is outside the compiler's root, so that both are searched.
+# The set-up script builds libraries outside the compiler's root: search both.
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY BOTH)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE BOTH)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
-# Programs take zlib in; its DLL is not beside them.
+# Link zlib statically: programs come without its DLL.
 set(ZLIB_USE_STATIC_LIBS ON)
