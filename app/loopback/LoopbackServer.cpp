@@ -74,21 +74,20 @@ void CLoopbackServer::CImpl::Start(SOCKET socket) noexcept
         const auto self = running.emplace(running.end());
         try
         {
-            *self = std::thread(
-                [this, socket, number, self]
+            *self = std::thread([this, socket, number, self]
+            {
+                try
                 {
-                    try
-                    {
-                        Serve(socket, number);
-                    }
-                    catch (const std::exception&)
-                    {
-                        // Out of memory or handles: close the connection.
-                    }
-                    const std::scoped_lock retire(lock);
-                    finished.splice(finished.end(), running, self);
-                    retired.notify_all();
-                });
+                    Serve(socket, number);
+                }
+                catch (const std::exception&)
+                {
+                    // Out of memory or handles: close the connection.
+                }
+                const std::scoped_lock retire(lock);
+                finished.splice(finished.end(), running, self);
+                retired.notify_all();
+            });
         }
         catch (...)
         {
