@@ -14,8 +14,6 @@
 using VoWinHttpInterface::WinHttpConnectionHandle;
 using VoWinHttpInterface::WinHttpHandle;
 using VoWinHttpInterface::WinHttpRequestHandle;
-using VoWinHttpInterface::WinHttpSessionHandle;
-using VoWinHttpRequest::CVoWinHttpGetRequest;
 using VoWinHttpRequest::CVoWinHttpPostRequest;
 using VoWinHttpRequest::CVoWinHttpRequest;
 using VoWinHttpRequest::HRESULTexc;
@@ -165,7 +163,7 @@ private:
                                                   DWORD& chosenScheme, std::wstring& user, std::wstring& password);
 
     const bool m_rewriteLoopback;
-    WinHttpSessionHandle m_session;
+    VoWinHttpInterface::WinHttpSessionHandle m_session;
     WinHttpConnectionHandle m_connection;
 };
 
@@ -223,6 +221,7 @@ HRESULT CVoHTTPMessageWinHTTP::CloseSession() noexcept
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinHTTP::internalClose" };
     const HRESULT connection = m_connection.Close();
     const HRESULT session = m_session.Close();
+    m_userContext = 0;
     if (FAILED(connection))
         return report(160, connection);
     return SUCCEEDED(session) ? S_OK : report(162, session);
@@ -347,7 +346,7 @@ HRESULT CVoHTTPMessageWinHTTP::SetProxy(CHTTPRequestDataWinHTTP& request) const
         info.lpszProxy = request.m_proxyName.empty() ? request.m_proxy.data() : request.m_proxyName.data();
         if (const HRESULT hr = request.m_handle.SetOption(WINHTTP_OPTION_PROXY, &info, sizeof info); FAILED(hr))
             return report(350, hr);
-        report.Message(352, L"Proxy: %ls", info.lpszProxy);
+        report.Message(352, L"Proxy: %ls", request.m_proxyName.empty() ? L"the list" : request.m_proxyName.c_str());
     }
     else if (VoIsWindows81OrLater())
         report.Message(354, L"Proxy: WinHTTP decides by the system's settings");
@@ -389,7 +388,7 @@ HRESULT CVoHTTPMessageWinHTTP::MakeExchange(CHTTPRequestDataWinHTTP& request, st
 
     std::unique_ptr<IVoWinHttpRequest> exchange;
     if (request.m_targetVerb == std::wstring_view(L"GET"))
-        exchange = std::make_unique<CVoWinHttpRequest<CVoWinHttpGetRequest>>();
+        exchange = std::make_unique<CVoWinHttpRequest<VoWinHttpRequest::CVoWinHttpGetRequest>>();
     else
         exchange = std::make_unique<CVoWinHttpRequest<CVoWinHttpPostRequest>>();
     if (const HRESULT hr = exchange->Init(&request.m_handle, &AuthenticationCallback, &request); FAILED(hr))

@@ -20,8 +20,9 @@ constexpr INT64 kMicrosecondsPerSecond = 1'000'000;
 // The pause before another attempt doubles from the first value to the last.
 constexpr INT64 kFirstRetryDelay = 50'000; // microseconds
 constexpr INT64 kLastRetryDelay = 2'000'000;
-constexpr int kMaximumRedirects = 30; // what libcurl allows by itself
-constexpr size_t kLoggedText = 1024;  // bytes of a body that cannot be parsed
+constexpr int kMaximumRedirects = 30;  // what libcurl allows by itself
+constexpr DWORD kMaximumCookies = 200; // of one response; the rest is dropped
+constexpr size_t kLoggedText = 1024;   // bytes of a body that cannot be parsed
 
 // Statuses that redirect (RFC 9110, section 15.4).
 constexpr bool IsRedirect(UINT32 status) noexcept
@@ -183,7 +184,6 @@ void CVoHTTPTransport::ForgetConnection() noexcept
     m_requestTimeout = 0;
     m_verifyServerCertificate = false;
     m_checkCertificateRevocation = false;
-    m_userContext = 0;
 }
 
 HRESULT CVoHTTPTransport::SetUserContext(UINT64 userContext) noexcept
@@ -395,6 +395,7 @@ HRESULT CVoHTTPTransport::internalSend(CRequest& request, const CVoHTTPContent& 
         }
         if (SUCCEEDED(hr))
             break;
+        const INT64 delay = RetryDelay(request, attempts.Count()); // reads the response, which the next call drops
         if (const HRESULT reset = ResetConnection(request); FAILED(reset))
         {
             report(m_points.internalSend.reset, reset);
@@ -403,7 +404,6 @@ HRESULT CVoHTTPTransport::internalSend(CRequest& request, const CVoHTTPContent& 
         if (request.m_isFinal || !attempts.MayRetry(hr, request.m_statusCode))
             break;
         // A server that names a time beyond the budget would refuse every attempt until then.
-        const INT64 delay = RetryDelay(request, attempts.Count());
         const INT64 remaining = attempts.Remaining();
         if (delay > std::max(remaining, kLastRetryDelay))
             break;
@@ -548,7 +548,7 @@ void CVoHTTPTransport::StoreCookies(const CRequest& request) const
         return;
     const CVoBstr url(request.m_target.FullURL());
     std::wstring value;
-    for (DWORD index = 0; ReadSetCookie(request, index, value); ++index)
+    for (DWORD index = 0; index < kMaximumCookies && ReadSetCookie(request, index, value); ++index)
         if (const HRESULT hr = m_cookieStore->AddCookieFromString(CVoBstr(value).Get(), url.Get()); FAILED(hr))
             report(m_points.internalSendRAW.cookie, hr); // the cookie is dropped, the response stands
 }
