@@ -276,26 +276,6 @@ TEST(WinHttpRequest, AFunctionMayClearOrDestroyItsExchange)
 
 // ---- Failing calls; the transport's tests fail each call of WinHTTP ----
 
-TEST(WinHttpRequest, ARefusedRedirectEndsTheExchange)
-{
-    for (const bool throws : { false, true })
-    {
-        std::atomic<int> requests{ 0 };
-        CLoopbackServer server([&](const CRequest&, CConnection& connection)
-                               { connection.SendResponse(++requests == 1 ? 302 : 200, { { "Location", "/next" } }); });
-        CExchangeOwner owner(server.Port());
-        EXPECT_EQ(owner.Init(), S_OK);
-        EXPECT_EQ(owner.exchange.SetRedirectHandler([throws](const std::wstring&) -> HRESULT
-                                                    { return throws ? throw std::bad_alloc() : E_ACCESSDENIED; }),
-                  S_OK);
-        EXPECT_EQ(owner.exchange.Send(), S_OK);
-        EXPECT_EQ(owner.Status(), throws ? E_OUTOFMEMORY : E_ACCESSDENIED);
-        EXPECT_FALSE(owner.request.IsOpen());
-        EXPECT_EQ(owner.exchange.Clear(), S_OK);
-        EXPECT_TRUE(requests == 1 || TestSupport::IsWine()); // Wine follows although the handle is closed
-    }
-}
-
 TEST(WinHttpRequest, AFailedSendMayBeRepeated)
 {
     CLoopbackServer server(Echo);

@@ -54,7 +54,6 @@ public:
     virtual std::vector<BYTE> GetResponseData() = 0;
     // Sets or, when empty, removes a function. E_FAIL before Init and while an exchange runs.
     virtual HRESULT SetSendCompleteHandler(SendCompleteHandler handler) noexcept = 0;
-    virtual HRESULT SetRedirectHandler(RedirectHandler handler) noexcept = 0;
     virtual HRESULT SetReceiveHandler(ReceiveHandler handler) noexcept = 0;
     // Gives credentials that are known before a challenge. They are set before each send of this exchange, because WinHTTP uses
     // credentials for a single request only; those that the authentication function gives replace them. `target`:
@@ -96,7 +95,6 @@ public:
     DWORD GetStatusCode() override;
     std::vector<BYTE> GetResponseData() override;
     HRESULT SetSendCompleteHandler(SendCompleteHandler handler) noexcept override;
-    HRESULT SetRedirectHandler(RedirectHandler handler) noexcept override;
     HRESULT SetReceiveHandler(ReceiveHandler handler) noexcept override;
     HRESULT SetCredentials(DWORD target, DWORD scheme, const std::wstring& user,
                            const std::wstring& password) noexcept override;

@@ -50,11 +50,6 @@ using AuthenticationFunction =
 // Called when the request has been sent, with the arguments of WinHTTP's notification.
 using SendCompleteHandler = std::function<HRESULT(DWORD status, void* information, DWORD length)>;
 
-// Called before WinHTTP follows a redirect. It may read the headers of the redirect response and change those of the request;
-// unchanged request headers are sent to the new target. `url`: the text that WinHTTP gives. A failure also closes the request
-// handle, because WinHTTP offers no other way to stop it from following.
-using RedirectHandler = std::function<HRESULT(const std::wstring& url)>;
-
 // Called for each piece of the response body that has arrived. `length` in bytes.
 using ReceiveHandler = std::function<HRESULT(DWORD length)>;
 } // namespace VoWinHttpRequest

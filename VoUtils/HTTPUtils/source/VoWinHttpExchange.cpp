@@ -286,10 +286,7 @@ HRESULT CExchange::OnCallback(DWORD status, const void* information, DWORD lengt
     case WINHTTP_CALLBACK_STATUS_REDIRECT:
         m_url = information ? static_cast<const wchar_t*>(information) : L"";
         if (status == WINHTTP_CALLBACK_STATUS_REDIRECT)
-        {
             m_credentials.ForgetServer();
-            OnRedirect();
-        }
         break;
     case WINHTTP_CALLBACK_STATUS_SENDREQUEST_COMPLETE:
         hr = OnSendrequestComplete(status, information, length);
@@ -313,32 +310,6 @@ HRESULT CExchange::OnCallback(DWORD status, const void* information, DWORD lengt
         break;
     }
     return SUCCEEDED(hr) ? hr : report(240, hr);
-}
-
-void CExchange::OnRedirect() noexcept
-{
-    const CExchangeReporter report = Reporter(L"OnRedirect");
-    HRESULT hr = S_OK;
-    try
-    {
-        hr = Call(&CFunctions::redirect, std::as_const(m_url));
-        if (SUCCEEDED(hr))
-            return;
-        report(244, hr);
-    }
-    catch (...)
-    {
-        hr = report.CurrentException(247);
-    }
-    if (IsAbandoned())
-        return;
-    // Only a closed handle keeps WinHTTP from following the redirect. Closing reports a cancellation to the promises, which is
-    // not the reason: take them out first.
-    CPromises promises = TakePromises();
-    if (const HRESULT closed = m_request.Close(); FAILED(closed))
-        report(251, closed);
-    // Touch nothing after this line: the woken thread may send again.
-    promises.SetException(hr);
 }
 
 HRESULT CExchange::OnSendrequestComplete(DWORD status, const void* information, DWORD length)

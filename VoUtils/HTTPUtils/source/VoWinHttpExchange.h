@@ -77,7 +77,6 @@ public:
     {
         std::shared_ptr<const AuthenticationFunction> authenticate = nullptr;
         std::shared_ptr<const SendCompleteHandler> sendComplete = nullptr;
-        std::shared_ptr<const RedirectHandler> redirect = nullptr;
         std::shared_ptr<const ReceiveHandler> receive = nullptr;
     };
 
@@ -174,7 +173,6 @@ private:
     // Sends again after ERROR_WINHTTP_RESEND_REQUEST, which `hr` is. Returns `hr` when that is not possible.
     [[nodiscard]] HRESULT Resend(HRESULT hr) noexcept;
     [[nodiscard]] HRESULT OnCallback(DWORD status, const void* information, DWORD length);
-    void OnRedirect() noexcept;
     [[nodiscard]] HRESULT OnSendrequestComplete(DWORD status, const void* information, DWORD length);
     [[nodiscard]] HRESULT OnHeadersAvailable();
     [[nodiscard]] HRESULT OnAuthenticationRequested();

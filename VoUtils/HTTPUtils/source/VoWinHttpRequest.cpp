@@ -147,13 +147,6 @@ HRESULT CVoWinHttpRequestBase::SetSendCompleteHandler(SendCompleteHandler handle
     return SUCCEEDED(hr) ? hr : report(176, hr);
 }
 
-HRESULT CVoWinHttpRequestBase::SetRedirectHandler(RedirectHandler handler) noexcept
-{
-    const CExchangeReporter report{ kSource, m_className, L"SetRedirectHandler" };
-    const HRESULT hr = SetFunction(Exchange(), &CExchange::CFunctions::redirect, std::move(handler));
-    return SUCCEEDED(hr) ? hr : report(182, hr);
-}
-
 HRESULT CVoWinHttpRequestBase::SetReceiveHandler(ReceiveHandler handler) noexcept
 {
     const CExchangeReporter report{ kSource, m_className, L"SetReceiveHandler" };
