@@ -1,11 +1,12 @@
-// Random redirects of a hostile server over each transport: nothing that belongs to one host may reach another. The number of
-// requests is the value of VOUTILS_REDIRECTS, else a few; a failure names its seed.
+// Random redirects of a hostile server over each transport: nothing that belongs to one host may reach another. The environment
+// variables VOUTILS_REDIRECTS and VOUTILS_SEED give the number of requests and the first seed. A failure names its seed.
 #include "http/TransportFixture.h"
 
 #include <base/VoUtils.h>
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <random>
 
@@ -85,8 +86,13 @@ private:
 
 TEST_P(RedirectCampaign, RandomRedirectsKeepSecretsOnTheirHost)
 {
-    const char* const wanted = std::getenv("VOUTILS_REDIRECTS");
-    const unsigned count = wanted ? static_cast<unsigned>(std::strtoul(wanted, nullptr, 10)) : 150;
+    const auto setting = [](const char* name, unsigned otherwise)
+    {
+        const char* const text = std::getenv(name);
+        return text ? static_cast<unsigned>(std::strtoul(text, nullptr, 10)) : otherwise;
+    };
+    const unsigned count = setting("VOUTILS_REDIRECTS", 150);
+    const unsigned first = setting("VOUTILS_SEED", 1);
     // The bank's server sees what reaches it and answers. Cookies know no ports, so it has a host name of its own.
     std::mutex lock;
     std::string stolen;
@@ -118,7 +124,7 @@ TEST_P(RedirectCampaign, RandomRedirectsKeepSecretsOnTheirHost)
     m_auth = VoMakeComObject<CScriptedAuthCallback>();
     const Message message = Connect(server.URL(), 5, 5);
     const CLogCapture log;
-    for (unsigned seed = 1; seed <= count && stolen.empty() && !HasFailure(); ++seed)
+    for (unsigned seed = first; seed < first + count && stolen.empty() && !HasFailure(); ++seed)
     {
         SCOPED_TRACE(testing::Message() << "seed " << seed);
         attacker.Seed(seed);
@@ -126,10 +132,15 @@ TEST_P(RedirectCampaign, RandomRedirectsKeepSecretsOnTheirHost)
         EXPECT_EQ(m_cookies->AddCookieFromString(CVoBstr(Wide(kBankCookie)).Get(), CVoBstr(bankUrl).Get()), S_OK);
         EXPECT_EQ(m_cookies->AddCookieFromString(CVoBstr(Wide(kOwnCookie)).Get(), CVoBstr(ownUrl).Get()), S_OK);
         m_auth->AnswerServer({ { L"ann", L"s3cret" } });
-        (void)Send(*message, MakeMessage({ { L"p", Wide(kParameter) } }), seed % 2 == 0 ? Kind::Raw : Kind::Form);
+        // Wine's services take 40 ms for a body, so not every request has one.
+        if (seed % 4 == 0)
+            (void)Send(*message, MakeMessage({ { L"p", Wide(kParameter) } }), seed % 8 == 0 ? Kind::Raw : Kind::Form);
+        else
+            (void)Get(*message);
         EXPECT_EQ(CookiesFor(*m_cookies.Get(), bankUrl), Wide(kBankCookie)) << "a cookie was planted";
         EXPECT_EQ(stolen, "");
     }
     EXPECT_GE(server.RequestCount(), count);
+    std::printf("%s: %zu requests to the hostile server\n", GetParam().name, server.RequestCount());
 }
 } // namespace
