@@ -64,8 +64,14 @@ bool VoIsPublicSuffix(std::wstring_view domain) noexcept
     // The domain is a public suffix when the rule that prevails has all of its labels: a plain rule, or a wildcard of its
     // parent. An exception prevails over both. The domain of a wildcard counts as a public suffix itself: strangers register
     // the names below it too.
-    const char own = MarkOf(domain);
-    if (own != kNone)
-        return own != kException;
-    return MarkOf(domain.substr(dot + 1)) == kWildcard;
+    switch (MarkOf(domain))
+    {
+    case kPlain:
+    case kWildcard:
+        return true;
+    case kException:
+        return false;
+    default:
+        return MarkOf(domain.substr(dot + 1)) == kWildcard;
+    }
 }
