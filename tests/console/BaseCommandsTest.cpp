@@ -1,4 +1,4 @@
-// The base commands, most of them through one batch.
+// The commands of the base utilities, most of them in one batch.
 #include "ConsoleProcess.h"
 
 #include <support/TestMain.h>
@@ -38,11 +38,11 @@ protected:
     static inline std::unique_ptr<CConsoleBatch> s_batch;
 };
 
-TEST_F(ConsoleCommands, ResultsGoToStandardOutputAsTheyAre)
+TEST_F(ConsoleCommands, ResultsGoToStandardOutputUnchanged)
 {
     const std::tuple<std::vector<std::string>, std::string, int, std::string> cases[] = {
         { { "encode", "hex" }, std::string("\x00\xFF\n", 3), 0, "00FF0A" },
-        // The JSON's Base64 is plain, also where the library's own text of a single byte has a line break.
+        // The Base64 in JSON has no line break; the library's own text of a single byte has one.
         { { "encode", "base64" }, "x", 0, "eA=\r\n=" },
         { { "decode", "hex", "--json" }, "78", 0, "{\"result\":\"0x00000000\",\"bytesBase64\":\"eA==\"}\n" },
         { { "encode", "base64", "--json" }, "hello", 0, "{\"result\":\"0x00000000\",\"text\":\"aGVsbG8=\"}\n" },
@@ -108,7 +108,7 @@ TEST_F(ConsoleCommands, WrongUsageWritesNothingToStandardOutput)
     EXPECT_THAT(Run({ "params", "build", "-h" }).out, HasSubstr("--size-prefix"));
 }
 
-TEST_F(ConsoleCommands, AMessageComesBackFromParse)
+TEST_F(ConsoleCommands, ParseReadsWhatBuildWrites)
 {
     const std::string payload("\x00&&\xFFpayload", 11);
     WriteTestFile(m_folder / L"\u00FCber.bin", payload);
@@ -147,7 +147,7 @@ TEST_F(ConsoleCommands, AFreshKeyPairSignsAndVerifies)
     verify.emplace_back("--json");
     EXPECT_EQ(Run(verify, "Letter").Json()["result"], "0x00000000");
 
-    // INI files too.
+    // The same keys sign INI files.
     const std::filesystem::path path = m_folder / L"settings \u00E4.ini";
     const std::string file = Utf8(path.wstring());
     const std::string content = "; kept\n[A]\nx = \xC3\xA4 \n[Empty]\n";
@@ -168,7 +168,7 @@ TEST_F(ConsoleCommands, AFreshKeyPairSignsAndVerifies)
     EXPECT_EQ(Run(verifyIni).out, "not valid\n");
 }
 
-TEST_F(ConsoleCommands, AFailedRequestLeavesFilesAsTheyWere)
+TEST_F(ConsoleCommands, AFailedCommandLeavesFilesUnchanged)
 {
     const std::filesystem::path kept = m_folder / L"kept.key";
     WriteTestFile(kept, "old");
@@ -179,7 +179,7 @@ TEST_F(ConsoleCommands, AFailedRequestLeavesFilesAsTheyWere)
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(m_folder), {}), 1);
 }
 
-TEST_F(ConsoleCommands, AddressesAreTakenApart)
+TEST_F(ConsoleCommands, AddressPrintsThePartsOfAUrl)
 {
     EXPECT_EQ(Run({ "address", "https://[::1]:8443/a/b?c=d", "--json" }).Json(), json::parse(R"({
         "result": "0x00000000", "host": "::1", "path": "/a/b", "query": "?c=d", "secure": true, "port": 8443,
@@ -202,7 +202,7 @@ not JSON
 {"set":"=","url":"http://h.test/"})");
     EXPECT_EQ(first.exitCode, 0);
     std::istringstream lines(first.out);
-    std::vector<std::string> answers; // the cookies, else the result
+    std::vector<std::string> answers; // the cookies, or the result
     for (std::string line; std::getline(lines, line);)
         answers.push_back(json::parse(line).value("cookie", json::parse(line)["result"].get<std::string>()));
     EXPECT_THAT(answers, ElementsAre("0x00000000", "0x00000000", "a=1", "a=1; s=2", "0x80070057", "0x80070057"));
@@ -214,7 +214,7 @@ not JSON
     EXPECT_EQ(Run({ "cookies", "--jar", jar }, get).Json()["cookie"], "a=1");
 }
 
-TEST_F(ConsoleCommands, ABatchGoesOnAfterALineThatIsNoCommand)
+TEST_F(ConsoleCommands, BatchContinuesAfterAMalformedLine)
 {
     for (const char* const line :
          { "", "nonsense", "[]", "{}", R"({"args":"encode"})", R"({"args":[1]})",

@@ -11,7 +11,7 @@ namespace
 {
 constexpr DWORD kBlockSize = 1 << 16;
 
-// A pipe, the end of which that the child gets is inherited.
+// A pipe. The child inherits its end.
 struct CPipe
 {
     explicit CPipe(bool childReads)
@@ -27,7 +27,7 @@ struct CPipe
     CVoHandle ours;
 };
 
-// As CommandLineToArgvW takes it apart again.
+// Quotes an argument for CommandLineToArgvW.
 std::wstring Quote(const std::wstring& argument)
 {
     std::wstring quoted = L"\"";
@@ -42,7 +42,7 @@ std::wstring Quote(const std::wstring& argument)
     return quoted.append(backslashes, L'\\') + L'"';
 }
 
-// Appends what comes next; false at the stream's end.
+// Appends the next bytes; false at the end of the stream.
 bool ReadBlock(const CVoHandle& stream, std::string& text)
 {
     char block[kBlockSize];
@@ -97,7 +97,7 @@ void CConsoleProcess::Write(std::string_view bytes)
 
 std::string CConsoleProcess::ReadLine()
 {
-    // Nobody but us makes the process write, so nothing follows a line.
+    // The process writes only after our input, so nothing follows a line.
     std::string line;
     while (!line.ends_with('\n') && ReadBlock(m_out, line))
     {
@@ -133,12 +133,11 @@ nlohmann::json CConsoleResult::Json() const
 CConsoleResult RunConsoleProcess(const std::vector<std::wstring>& arguments, std::string_view input)
 {
     CConsoleProcess process(arguments);
-    const std::jthread writer(
-        [&]
-        {
-            process.Write(input);
-            process.CloseInput();
-        });
+    const std::jthread writer([&]
+    {
+        process.Write(input);
+        process.CloseInput();
+    });
     return process.Finish();
 }
 

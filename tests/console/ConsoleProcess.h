@@ -1,4 +1,4 @@
-// The console program as a user starts it: a process of its own with pipes for its standard streams.
+// Starts the console program as a process with pipes for its standard streams.
 #pragma once
 
 #include <base/VoHandle.h>
@@ -16,22 +16,22 @@ struct CConsoleResult
     std::string out;
     std::string err;
 
-    // What --json printed; it must be one object and a line end.
+    // The object that --json printed. Throws if it is not one object and a line end.
     [[nodiscard]] nlohmann::json Json() const;
 };
 
-// A process whose standard streams are pipes to us.
+// A running console whose standard streams are pipes.
 class CConsoleProcess
 {
 public:
     explicit CConsoleProcess(const std::vector<std::wstring>& arguments); // throws std::runtime_error
 
-    // Until all is written, or the process no longer reads.
+    // Returns when all bytes are written, or the process no longer reads.
     void Write(std::string_view bytes);
     void CloseInput() { m_in.Reset(); }
     // The next line of standard output without its end; empty at the end.
     [[nodiscard]] std::string ReadLine();
-    // Reads the streams to their ends and waits for the process's own.
+    // Reads the streams to their ends and waits for the end of the process.
     [[nodiscard]] CConsoleResult Finish();
 
 private:
@@ -39,21 +39,21 @@ private:
     CVoHandle m_out;
     CVoHandle m_err;
     std::string m_errors;
-    std::jthread m_errorReader; // the process never waits for us to read its remarks
+    std::jthread m_errorReader; // reads all the time, so that the process never waits for it
     CVoHandle m_in;             // closed first: the process ends with its input
 };
 
-// One run, from the first byte of its input to its end.
+// Runs the console once with all its input.
 [[nodiscard]] CConsoleResult RunConsoleProcess(const std::vector<std::wstring>& arguments, std::string_view input = {});
 
-// A running `batch`, for many commands at the price of one start.
+// A running `batch`: many commands with one start of the program.
 class CConsoleBatch
 {
 public:
     [[nodiscard]] CConsoleResult Run(const std::vector<std::string>& arguments, std::string_view input = {});
-    // Sends a line as it is.
+    // Sends a line unchanged.
     [[nodiscard]] CConsoleResult RunLine(const std::string& line);
-    // Ends the input and waits for the end.
+    // Closes the input and waits for the end of the process.
     [[nodiscard]] int Finish();
 
 private:

@@ -1,4 +1,4 @@
-// The proxy options, and the command that shows what they make.
+// The proxy options and the command proxy.
 #include "ConsoleProcess.h"
 
 #include <LoopbackServer.h>
@@ -16,13 +16,13 @@ CConsoleResult Batch(std::vector<std::string> arguments)
     return s_batch.Run(arguments);
 }
 
-TEST(ConsoleProxy, TellsTheProxyOfAUrl)
+TEST(ConsoleProxy, PrintsTheProxyOfAUrl)
 {
     const std::tuple<std::vector<std::string>, int, std::string> table[] = {
         { { "http://www.test/", "--proxy", "http=a:1;https=b:2" }, 0, "a:1" },
         { { "https://www.test/", "--proxy", "http=a:1;https=b:2" }, 0, "b:2" },
         { { "http://intranet/", "--proxy", "a:1", "--bypass", "<local>;*.test" }, 0, "" },
-        { { "http://www.test/", "--auto-detect" }, 0, "" }, // nothing to be found on loopback
+        { { "http://www.test/", "--auto-detect" }, 0, "" }, // there is no script in the network
         { { "ftp://www.test/", "--no-proxy" }, 1, "" },
         { { "http://www.test/", "--proxy", "socks=s:1" }, 2, "" },
         { { "http://www.test/", "--proxy", "http = a:1" }, 0, "a:1" },
@@ -47,31 +47,29 @@ TEST(ConsoleProxy, TellsTheProxyOfAUrl)
 
 TEST(ConsoleProxy, RunsAScript)
 {
-    const Loopback::CLoopbackServer server(
-        [](const Loopback::CRequest&, Loopback::CConnection& connection)
-        {
-            connection.SendResponse(200, { { "Content-Type", "application/x-ns-proxy-autoconfig" } },
-                                    "function FindProxyForURL(url, host) { return 'PROXY p:8080'; }");
-        });
+    const Loopback::CLoopbackServer server([](const Loopback::CRequest&, Loopback::CConnection& connection)
+    {
+        connection.SendResponse(200, { { "Content-Type", "application/x-ns-proxy-autoconfig" } },
+                                "function FindProxyForURL(url, host) { return 'PROXY p:8080'; }");
+    });
     const CConsoleResult result = Batch({ "proxy", "http://www.test/", "--pac", server.URL("/proxy.pac") });
     EXPECT_EQ(result.exitCode, 0) << result.err;
     EXPECT_EQ(result.Json()["proxy"], "p:8080");
 }
 
-TEST(ConsoleProxy, SendsThroughItAndRemembersItsCredentials)
+TEST(ConsoleProxy, SendsThroughAProxyAndKeepsItsCredentials)
 {
     std::atomic<int> challenges{ 0 };
-    const Loopback::CLoopbackServer proxy(
-        [&](const Loopback::CRequest& request, Loopback::CConnection& connection)
+    const Loopback::CLoopbackServer proxy([&](const Loopback::CRequest& request, Loopback::CConnection& connection)
+    {
+        if (request.Header("Proxy-Authorization") == "Basic dXNlcjpzZWNyZXQ=") // user:secret
+            connection.SendResponse(200, {}, request.target);
+        else
         {
-            if (request.Header("Proxy-Authorization") == "Basic dXNlcjpzZWNyZXQ=") // user:secret
-                connection.SendResponse(200, {}, request.target);
-            else
-            {
-                ++challenges;
-                connection.SendResponse(407, { { "Proxy-Authenticate", "Basic realm=\"r\"" } });
-            }
-        });
+            ++challenges;
+            connection.SendResponse(407, { { "Proxy-Authenticate", "Basic realm=\"r\"" } });
+        }
+    });
     const std::string name = "127.0.0.1:" + std::to_string(proxy.Port());
     const std::vector<std::string> get{ "get", "http://www.test/x", "--engine", "curl", "--proxy", name };
     EXPECT_EQ(Batch(get).Json()["result"], "0x800704C7");

@@ -1,4 +1,4 @@
-// send and get against a server of this test program, and the demo.
+// send and get with a server of this test program, and demo.
 #include "ConsoleProcess.h"
 
 #include <LoopbackServer.h>
@@ -17,8 +17,8 @@ using ::testing::HasSubstr;
 
 constexpr const char* kMessageType = "application/octet-stream; charset=UTF-8";
 
-// Answers by path: /echo the body, /reply the message "b=2&&bytes", /secret only with the right credentials, /cookie with a
-// Set-Cookie, /missing with 404, anything else with the target. Keeps what it was asked.
+// Responds by path: /echo with the body, /reply with the message "b=2&&bytes", /secret with 401 without the right credentials,
+// /cookie with a Set-Cookie, /missing with 404, any other path with the target. Keeps the requests.
 class CServer
 {
 public:
@@ -89,7 +89,7 @@ TEST_F(ConsoleRequests, EachKindSendsItsBody)
         const Loopback::CRequest request = m_server.TakeRequests().at(0);
         EXPECT_EQ(request.method, "POST");
         const std::string type(request.Header("Content-Type"));
-        const bool isWhole = !std::string_view(contentType).ends_with('='); // a boundary is made afresh
+        const bool isWhole = !std::string_view(contentType).ends_with('='); // a boundary is random
         EXPECT_TRUE(isWhole ? type == contentType : type.starts_with(contentType)) << type;
         EXPECT_TRUE(isWhole ? request.body == body : request.body.find(body) != std::string::npos) << request.body;
     }
@@ -98,7 +98,7 @@ TEST_F(ConsoleRequests, EachKindSendsItsBody)
               "0x80070057");
 }
 
-TEST_F(ConsoleRequests, JsonTellsAllOfAnExchange)
+TEST_F(ConsoleRequests, JsonHasAllKeysOfAnExchange)
 {
     json answer =
         Run({ "send", m_server.URL("/echo"), "-p", "a=1", "--payload", "-", "--repeat", "3", "--json" }, "xyz").Json();
@@ -107,7 +107,7 @@ TEST_F(ConsoleRequests, JsonTellsAllOfAnExchange)
     EXPECT_EQ(answer,
               json::parse(R"({ "result": "0x00000000", "engine": "curl", "params": [["a", "1"]], "payloadBase64": "eHl6",
                                        "localAddress": "127.0.0.1", "status": 200, "retried": false, "cookie": "" })"));
-    // One connected message keeps its connection.
+    // All requests of a connected message use one connection.
     EXPECT_EQ(m_server.TakeRequests().at(2).number, 3U);
 }
 
@@ -144,7 +144,7 @@ TEST_F(ConsoleRequests, OutputGoesToItsFileOnlyAfterSuccess)
     EXPECT_EQ(Read(L"out"), "bytes\n");
 }
 
-TEST_F(ConsoleRequests, NothingIsSentWhenItsAnswerCannotBeKept)
+TEST_F(ConsoleRequests, NothingIsSentIfTheOutputFileCannotBeWritten)
 {
     std::filesystem::create_directory(m_folder / L"folder");
     TestSupport::WriteTestFile(m_folder / L"read-only", "old");
@@ -178,7 +178,7 @@ TEST_F(ConsoleRequests, CredentialsAreGivenOnceAndThenDeclined)
     EXPECT_EQ(Run({ "get", url, "--auth", std::string("@").append(File(L"login")) }).exitCode, 0);
 }
 
-TEST_F(ConsoleRequests, CookiesComeFromTheFileAndGoBackToIt)
+TEST_F(ConsoleRequests, CookiesAreLoadedFromTheFileAndSavedToIt)
 {
     EXPECT_EQ(Run({ "get", m_server.URL("/cookie"), "--cookies", File(L"jar") }).exitCode, 0);
     const json second = Run({ "get", m_server.URL("/x"), "--cookies", File(L"jar"), "--json" }).Json();

@@ -1,4 +1,4 @@
-// The commands that ask the machine about itself.
+// The commands wmi and system.
 #include "ConsoleProcess.h"
 
 #include <gmock/gmock.h>
@@ -10,8 +10,8 @@ using nlohmann::json;
 class ConsoleMachine : public testing::Test
 {
 protected:
-    // Under Wine, WMI makes a process have a desktop. Its helper program, when the console were the first to need it, would
-    // keep the console's streams open for as long as this program lives.
+    // Under Wine, WMI starts the desktop's helper program. If the console were the first to start it, the helper would keep the
+    // console's streams open as long as this program lives.
     static void SetUpTestSuite() { static_cast<void>(::GetDesktopWindow()); }
     static CConsoleResult Run(const std::vector<std::string>& arguments, std::string_view input = {})
     {
@@ -32,7 +32,7 @@ TEST_F(ConsoleMachine, WmiPrintsOneLineARow)
     EXPECT_EQ(rows.Json()["rows"], json::array({ { "Win32_OperatingSystem", "TRUE" } }));
 }
 
-TEST_F(ConsoleMachine, WmiSaysWhatIsWrong)
+TEST_F(ConsoleMachine, WmiExplainsAFailure)
 {
     const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
         { { "wmi", kOperatingSystem, "Caption", "--namespace", "ROOT\\NoSuch" }, 1, "voutils: 0x8004100E " },
@@ -49,7 +49,7 @@ TEST_F(ConsoleMachine, WmiSaysWhatIsWrong)
     }
 }
 
-TEST_F(ConsoleMachine, SystemTellsWhatTheLibraryFindsOut)
+TEST_F(ConsoleMachine, SystemPrintsTheSystemCheck)
 {
     const CConsoleResult result = RunConsoleProcess({ L"system", L"--json" });
     EXPECT_EQ(result.exitCode, 0);
