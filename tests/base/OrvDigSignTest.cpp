@@ -107,6 +107,7 @@ TEST(DigSign, SignatureThatDoesNotFitIsNotValidAndNoError)
     flipped[17] ^= 0x20;
     std::vector<BYTE> longer = good;
     longer.push_back(0);
+    const std::vector<BYTE> modulus = FromHex(std::wstring(kKnownPublicKey).substr(40));
     const std::tuple<std::wstring, std::string_view, const wchar_t*, std::vector<BYTE>> cases[] = {
         { kKnownPublicKey, kMessage, L"sha256", { good.rbegin(), good.rend() } },
         { kKnownPublicKey, kMessage, L"sha256", { good.begin(), good.end() - 1 } },
@@ -116,6 +117,8 @@ TEST(DigSign, SignatureThatDoesNotFitIsNotValidAndNoError)
         { kKnownPublicKey, "VoUtils known answes", L"sha256", good },
         { kKnownPublicKey, kMessage, L"sha1", good },
         { kOtherPublicKey, kMessage, L"sha256", good },
+        { kKnownPublicKey, kMessage, L"sha256", std::vector<BYTE>(good.size(), 0xFF) },
+        { kKnownPublicKey, kMessage, L"sha256", modulus },
     };
     CLogCapture log;
     for (const auto& [key, data, hash, signature] : cases)
@@ -150,6 +153,19 @@ TEST(DigSign, UnusableKeysAreRefusedAndReportedUpTheChainWithoutTheKey)
         EXPECT_EQ(signature.Data(), nullptr);
         for (const CLogLine& line : log.Lines())
             EXPECT_EQ(line.text.find(key.substr(300, 16)), std::wstring::npos) << "A part of the private key is in the log";
+    }
+    // A blob shorter than its own header says is refused before the platform sees it.
+    {
+        const CFailOnCall<decltype(&::CryptImportKey)> imports("advapi32.dll", "CryptImportKey", 0, FALSE, 0);
+        COrvSHA256Hash hash;
+        bool valid = true;
+        CVoByteBuffer signature;
+        for (const std::wstring& bad : { key.substr(0, key.size() - 2), std::wstring(kKnownPublicKey).substr(0, 294) })
+        {
+            EXPECT_EQ(Verify(bad, hash, kMessage, FromHex(kSignatureSHA256), valid), NTE_BAD_DATA);
+            EXPECT_EQ(Sign(bad, hash, kMessage, signature), NTE_BAD_DATA);
+        }
+        EXPECT_EQ(imports.Calls(), 0);
     }
     // A public key signs nothing.
     COrvSHA256Hash hash;

@@ -22,8 +22,7 @@ constexpr const wchar_t* kKnownPublicKey =
     L"0602000000240000525341310004000001000100B98B2D6A83D7CBB880F26DDB0785FF230ECE46B23161CFCE44A48D2FCA6E906F3F7EFBD5614E"
     L"78F71B1BF3F9F4B9D9B34D49711400982C58CB6AF743A375EEF60E258829CE862AE0EECC31513585A0C5071B782B441AF3F28E670EA58666B67C"
     L"ACA576B3AB7F8B5D496A2B26051AB48588920139671270880C29D446180A4BAA";
-// A key of the same length that the first has signed nothing for. Its modulus is the larger one: for a signature that is a
-// larger number than the key's modulus, Wine 8 answers a failure (NTE_FAIL), while Windows says that it does not match.
+// A key of the same length that has signed nothing. Its modulus is smaller than the signatures of the first key.
 inline const std::wstring kOtherPublicKey =
-    std::wstring(kKnownPublicKey).replace(std::wstring(kKnownPublicKey).size() - 2, 2, L"FF");
+    std::wstring(kKnownPublicKey).replace(std::wstring(kKnownPublicKey).size() - 2, 2, L"01");
 } // namespace TestSupport

@@ -9,16 +9,73 @@
 // takes it in); a null buffer pointer asks for the length alone.
 #pragma once
 
+#include <base/VoHResult.h>
 #include <base/VoPlatform.h>
 
 #include <wincrypt.h>
 
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace OrvDigSign
 {
+// How each kind of handle of CryptoAPI is released.
+struct COrvProviderTraits
+{
+    using Handle = HCRYPTPROV;
+    static BOOL Release(Handle handle) noexcept { return ::CryptReleaseContext(handle, 0); }
+};
+struct COrvKeyTraits
+{
+    using Handle = HCRYPTKEY;
+    static BOOL Release(Handle handle) noexcept { return ::CryptDestroyKey(handle); }
+};
+struct COrvHashTraits
+{
+    using Handle = HCRYPTHASH;
+    static BOOL Release(Handle handle) noexcept { return ::CryptDestroyHash(handle); }
+};
+
+// Owns one handle of CryptoAPI, or none (0). Not to be shared between threads.
+template <class Traits>
+class COrvCryptHandle
+{
+public:
+    using Handle = typename Traits::Handle;
+
+    COrvCryptHandle() noexcept = default;
+    explicit COrvCryptHandle(Handle handle) noexcept : m_handle(handle) {}
+    COrvCryptHandle(const COrvCryptHandle&) = delete;
+    COrvCryptHandle& operator=(const COrvCryptHandle&) = delete;
+    // Owners that report a failing release call Close before. Keeps the calling thread's last error.
+    ~COrvCryptHandle()
+    {
+        const CVoLastErrorKeeper keeper;
+        (void)Close();
+    }
+
+    [[nodiscard]] Handle Get() const noexcept { return m_handle; }
+    [[nodiscard]] explicit operator bool() const noexcept { return m_handle != 0; }
+    // Releases the handle and owns none; also when the platform refuses, which false and the last error tell.
+    [[nodiscard]] bool Close() noexcept
+    {
+        const Handle handle = std::exchange(m_handle, 0);
+        return handle == 0 || Traits::Release(handle) != FALSE;
+    }
+    // Takes over a handle. The object must own none.
+    void Attach(Handle handle) noexcept { m_handle = handle; }
+
+private:
+    Handle m_handle = 0;
+};
+using COrvProviderHandle = COrvCryptHandle<COrvProviderTraits>;
+using COrvKeyHandle = COrvCryptHandle<COrvKeyTraits>;
+using COrvHashHandle = COrvCryptHandle<COrvHashTraits>;
+
 // A hash under construction: CreateHash, AddBinData as often as needed, then GetHashValue or a signature.
 class COrvHashBase
 {
@@ -40,13 +97,13 @@ public:
     HRESULT Clear() noexcept;
 
     // 0 while no hash is begun.
-    [[nodiscard]] HCRYPTHASH Handle() const noexcept { return m_hash; }
+    [[nodiscard]] HCRYPTHASH Handle() const noexcept { return m_hash.Get(); }
 
 protected:
     COrvHashBase() noexcept = default;
 
 private:
-    HCRYPTHASH m_hash = 0;
+    COrvHashHandle m_hash;
 };
 
 template <ALG_ID kAlgorithm>
@@ -96,15 +153,15 @@ public:
     HRESULT Done() noexcept;
 
     // 0 while there is none. They belong to the object.
-    [[nodiscard]] HCRYPTPROV Provider() const noexcept { return m_provider; }
-    [[nodiscard]] HCRYPTKEY Key() const noexcept { return m_key; }
+    [[nodiscard]] HCRYPTPROV Provider() const noexcept { return m_provider.Get(); }
+    [[nodiscard]] HCRYPTKEY Key() const noexcept { return m_key.Get(); }
     // Empty and 0 until a provider has been acquired.
     [[nodiscard]] const std::wstring& ProviderName() const noexcept { return m_providerName; }
     [[nodiscard]] DWORD ProviderType() const noexcept { return m_providerType; }
 
 protected:
-    HCRYPTPROV m_provider = 0;
-    HCRYPTKEY m_key = 0;
+    COrvProviderHandle m_provider; // outlives the key, which is in it
+    COrvKeyHandle m_key;
 
 private:
     std::wstring m_providerName;
@@ -122,7 +179,8 @@ public:
     // InitProvider.
     [[nodiscard]] HRESULT Init() noexcept;
     // Imports a key after Init; keys of the context are destroyed first. E_INVALIDARG for malformed hexadecimal text, the
-    // provider's error for a blob that it does not take. What was decoded is wiped.
+    // provider's error for a blob that it does not take, NTE_BAD_DATA (0x80090005) for an RSA key blob that is shorter than its
+    // own header says. The decoded bytes are wiped.
     [[nodiscard]] HRESULT ImportKey(std::wstring_view hexText) noexcept;
     [[nodiscard]] HRESULT ImportKeyForSigning(std::wstring_view hexText) noexcept;
     [[nodiscard]] HRESULT ImportKeyForVerifying(std::wstring_view hexText) noexcept;
@@ -137,6 +195,9 @@ public:
     // Whether the key is long enough for signatures over a hash (RFC 8017, section 9.2): 368 bits are for SHA-1, 496 for
     // SHA-256, 752 for SHA-512.
     [[nodiscard]] bool HasRoomFor(const COrvHashBase& hash) const noexcept;
+    // Whether bytes can be a signature of the key at all: as long as the modulus, and a number below it (RFC 8017, section
+    // 5.2.2). `signature` is in CryptoAPI's order, least significant byte first.
+    [[nodiscard]] bool IsPossibleSignature(std::span<const BYTE> signature) const noexcept;
 
 private:
     [[nodiscard]] HRESULT DestroyUserKey(DWORD keySpec) noexcept;
@@ -144,6 +205,7 @@ private:
 
     bool m_isPrivate = false;
     DWORD m_bits = 0;
+    std::vector<BYTE> m_modulus; // least significant byte first; empty while no key is imported
 };
 
 // Data for a hash that comes piece by piece.

@@ -1,3 +1,4 @@
+// RSA signatures and hashes over CryptoAPI (OrvDigSign.h).
 #include <win/OrvDigSign.h>
 
 #include <base/VoCArray.h>
@@ -5,7 +6,9 @@
 #include <base/VoWipe.h>
 #include <base/utils/VoDataConversion.h>
 
+#include <algorithm>
 #include <cstring>
+#include <span>
 #include <utility>
 
 namespace OrvDigSign
@@ -36,6 +39,41 @@ struct SKeyBlob
     }
 };
 
+// What a blob says of an RSA key. For other blobs all is empty, and the platform decides.
+struct CRSABlob
+{
+    bool isPrivate = false;
+    bool isCutOff = false; // shorter than its own header says
+    DWORD bits = 0;
+    std::span<const BYTE> modulus; // within the blob, least significant byte first
+};
+CRSABlob ReadBlob(std::span<const BYTE> blob) noexcept
+{
+    CRSABlob result;
+    PUBLICKEYSTRUC header{};
+    RSAPUBKEY key{};
+    constexpr size_t kHeader = sizeof header + sizeof key;
+    if (blob.empty())
+        return result;
+    result.isPrivate = blob[0] == PRIVATEKEYBLOB;
+    if (blob.size() < kHeader)
+        return result;
+    std::memcpy(&header, blob.data(), sizeof header);
+    std::memcpy(&key, blob.data() + sizeof header, sizeof key);
+    if (header.bType != PRIVATEKEYBLOB && header.bType != PUBLICKEYBLOB)
+        return result;
+    result.bits = key.bitlen;
+    // A public key is the modulus. A private one has five numbers of half the length and one of the full length behind it
+    // (the platform's documentation, "RSA/Schannel Key BLOBs").
+    const UINT64 length = (UINT64{ key.bitlen } + 7) / 8;
+    const UINT64 half = (UINT64{ key.bitlen } + 15) / 16;
+    const UINT64 needed = kHeader + (result.isPrivate ? 2 * length + 5 * half : length);
+    result.isCutOff = blob.size() < needed;
+    if (!result.isCutOff)
+        result.modulus = blob.subspan(kHeader, static_cast<size_t>(length));
+    return result;
+}
+
 CVoByteBuffer MakeBuffer(DWORD length)
 {
     return { std::make_unique<BYTE[]>(length), length };
@@ -65,7 +103,7 @@ HRESULT COrvHashBase::CreateHash(HCRYPTPROV provider) noexcept
     HCRYPTHASH hash = 0;
     if (!::CryptCreateHash(provider, AlgorithmId(), 0, 0, &hash))
         return report.LastError(74, 75);
-    m_hash = hash;
+    m_hash.Attach(hash);
     return S_OK;
 }
 
@@ -77,7 +115,7 @@ HRESULT COrvHashBase::AddBinData(const BYTE* bytes, UINT32 length) noexcept
     // Nothing to add is no error, and providers differ about it.
     if (length == 0 && m_hash)
         return S_OK;
-    if (!::CryptHashData(m_hash, bytes, length, 0))
+    if (!::CryptHashData(m_hash.Get(), bytes, length, 0))
         return report.LastError(88, 89);
     return S_OK;
 }
@@ -87,11 +125,11 @@ HRESULT COrvHashBase::GetHashValue(BYTE** buffer, UINT32* length) noexcept
     constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvHashBase::GetHashValue" };
     if (!length)
         return report(96, E_INVALIDARG);
-    try
+    const auto body = [&]() -> HRESULT
     {
         DWORD size = 0;
         DWORD sizeLength = sizeof(size);
-        if (!::CryptGetHashParam(m_hash, HP_HASHSIZE, reinterpret_cast<BYTE*>(&size), &sizeLength, 0))
+        if (!::CryptGetHashParam(m_hash.Get(), HP_HASHSIZE, reinterpret_cast<BYTE*>(&size), &sizeLength, 0))
             return report.LastError(103, 104);
         if (sizeLength != sizeof(size))
             return report(106, E_FAIL);
@@ -102,24 +140,20 @@ HRESULT COrvHashBase::GetHashValue(BYTE** buffer, UINT32* length) noexcept
         }
         CVoByteBuffer value = MakeBuffer(size);
         DWORD valueLength = size;
-        if (!::CryptGetHashParam(m_hash, HP_HASHVAL, value.Data(), &valueLength, 0))
+        if (!::CryptGetHashParam(m_hash.Get(), HP_HASHVAL, value.Data(), &valueLength, 0))
             return report.LastError(115, 116);
         if (valueLength != size)
             return report(118, E_FAIL);
         HandOut(value, buffer, length);
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(124);
-    }
+    };
+    return report.Guard(124, body);
 }
 
 HRESULT COrvHashBase::Clear() noexcept
 {
     constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvHashBase::Clear" };
-    const HCRYPTHASH hash = std::exchange(m_hash, 0);
-    if (hash && !::CryptDestroyHash(hash))
+    if (!m_hash.Close())
         return report.LastError(133, 134);
     return S_OK;
 }
@@ -159,32 +193,27 @@ HRESULT COrvCryptKeyBase::InitProvider() noexcept
     constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvCryptKeyBase::InitProvider" };
     if (const HRESULT hr = Done(); FAILED(hr))
         return report(172, hr);
-    try
+    const auto body = [&]() -> HRESULT
     {
         std::wstring name = kProviderName;
-        if (!::CryptAcquireContextW(&m_provider, nullptr, kProviderName, kProviderType, kProviderFlags))
-        {
-            const DWORD error = ::GetLastError();
-            m_provider = 0;
-            return report.Win32(180, 181, error);
-        }
+        HCRYPTPROV provider = 0;
+        if (!::CryptAcquireContextW(&provider, nullptr, kProviderName, kProviderType, kProviderFlags))
+            return report.LastError(180, 181);
+        m_provider.Attach(provider);
         m_providerName = std::move(name);
         m_providerType = kProviderType;
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(188);
-    }
+    };
+    return report.Guard(188, body);
 }
 
 HRESULT COrvCryptKeyBase::Done() noexcept
 {
     constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvCryptKeyBase::Done" };
     HRESULT result = S_OK;
-    if (const HCRYPTKEY key = std::exchange(m_key, 0); key && !::CryptDestroyKey(key))
+    if (!m_key.Close())
         result = report.LastError(197, 198);
-    if (const HCRYPTPROV provider = std::exchange(m_provider, 0); provider && !::CryptReleaseContext(provider, 0))
+    if (!m_provider.Close())
     {
         const HRESULT hr = report.LastError(201, 202);
         if (SUCCEEDED(result))
@@ -201,17 +230,17 @@ HRESULT COrvRSAKey::Init() noexcept
     return S_OK;
 }
 
-// Destroys a key of the context; that there is none is what it is for.
+// Destroys a key of the context; S_OK when there is none.
 HRESULT COrvRSAKey::DestroyUserKey(DWORD keySpec) noexcept
 {
     constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvRSAKey::ImportKey" };
-    HCRYPTKEY key = 0;
-    if (!::CryptGetUserKey(m_provider, keySpec, &key))
+    HCRYPTKEY found = 0;
+    if (!::CryptGetUserKey(m_provider.Get(), keySpec, &found))
     {
         const DWORD error = ::GetLastError();
         return static_cast<HRESULT>(error) == NTE_NO_KEY ? S_OK : report.Win32(225, 226, error);
     }
-    if (!::CryptDestroyKey(key))
+    if (COrvKeyHandle key(found); !key.Close())
         return report.LastError(229, 230);
     return S_OK;
 }
@@ -219,33 +248,32 @@ HRESULT COrvRSAKey::DestroyUserKey(DWORD keySpec) noexcept
 HRESULT COrvRSAKey::ImportKey(std::wstring_view hexText) noexcept
 {
     constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvRSAKey::ImportKey" };
-    try
+    const auto body = [&]() -> HRESULT
     {
         SKeyBlob blob;
         if (const HRESULT hr = VoDataConversion::HexToBin(hexText, blob.bytes.PutBytes(), blob.bytes.PutLength()); FAILED(hr))
             return report(241, hr);
-        if (const HCRYPTKEY key = std::exchange(m_key, 0); key && !::CryptDestroyKey(key))
+        if (!m_key.Close())
             return report.LastError(243, 244);
         for (const DWORD keySpec : { DWORD{ AT_SIGNATURE }, DWORD{ AT_KEYEXCHANGE } })
         {
             if (const HRESULT hr = DestroyUserKey(keySpec); FAILED(hr))
                 return report(248, hr);
         }
+        const CRSABlob parts = ReadBlob(blob.bytes.Bytes());
+        if (parts.isCutOff)
+            return report(250, NTE_BAD_DATA);
+        std::vector<BYTE> modulus(parts.modulus.begin(), parts.modulus.end());
         HCRYPTKEY key = 0;
-        if (!::CryptImportKey(m_provider, blob.bytes.Data(), blob.bytes.Length(), 0, CRYPT_NO_SALT, &key))
+        if (!::CryptImportKey(m_provider.Get(), blob.bytes.Data(), blob.bytes.Length(), 0, CRYPT_NO_SALT, &key))
             return report.LastError(252, 253);
-        m_key = key;
-        m_isPrivate = *blob.bytes.Data() == PRIVATEKEYBLOB;
-        RSAPUBKEY description{};
-        if (blob.bytes.Length() >= sizeof(PUBLICKEYSTRUC) + sizeof description)
-            std::memcpy(&description, blob.bytes.Data() + sizeof(PUBLICKEYSTRUC), sizeof description);
-        m_bits = description.bitlen;
+        m_key.Attach(key);
+        m_isPrivate = parts.isPrivate;
+        m_bits = parts.bits;
+        m_modulus = std::move(modulus);
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(260);
-    }
+    };
+    return report.Guard(260, body);
 }
 
 HRESULT COrvRSAKey::ImportKeyForSigning(std::wstring_view hexText) noexcept
@@ -262,6 +290,12 @@ HRESULT COrvRSAKey::ImportKeyForVerifying(std::wstring_view hexText) noexcept
     if (const HRESULT hr = ImportKey(hexText); FAILED(hr))
         return report(276, hr);
     return S_OK;
+}
+
+bool COrvRSAKey::IsPossibleSignature(std::span<const BYTE> signature) const noexcept
+{
+    return !m_modulus.empty() && signature.size() == m_modulus.size() &&
+           std::lexicographical_compare(signature.rbegin(), signature.rend(), m_modulus.rbegin(), m_modulus.rend());
 }
 
 bool COrvRSAKey::HasRoomFor(const COrvHashBase& hash) const noexcept
@@ -289,20 +323,17 @@ bool COrvRSAKey::HasRoomFor(const COrvHashBase& hash) const noexcept
 HRESULT COrvRSAKey::ExportKey(DWORD blobType, std::wstring& hexText) const noexcept
 {
     constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvRSAKey::ExportKey" };
-    try
+    const auto body = [&]() -> HRESULT
     {
         DWORD length = 0;
-        if (!::CryptExportKey(m_key, 0, blobType, 0, nullptr, &length))
+        if (!::CryptExportKey(m_key.Get(), 0, blobType, 0, nullptr, &length))
             return report.LastError(287, 288);
         const SKeyBlob blob(MakeBuffer(length));
-        if (!::CryptExportKey(m_key, 0, blobType, 0, const_cast<BYTE*>(blob.bytes.Data()), &length))
+        if (!::CryptExportKey(m_key.Get(), 0, blobType, 0, const_cast<BYTE*>(blob.bytes.Data()), &length))
             return report.LastError(291, 292);
         return VoDataConversion::BinToHex(blob.bytes.Data(), static_cast<INT32>(length), hexText, 0);
-    }
-    catch (...)
-    {
-        return report.CurrentException(297);
-    }
+    };
+    return report.Guard(297, body);
 }
 
 HRESULT COrvRSAKey::Generate(UINT32 bits, std::wstring& privateKey, std::wstring& publicKey) noexcept
@@ -313,12 +344,10 @@ HRESULT COrvRSAKey::Generate(UINT32 bits, std::wstring& privateKey, std::wstring
     COrvRSAKey key;
     if (const HRESULT hr = key.Init(); FAILED(hr))
         return report(308, hr);
-    if (!::CryptGenKey(key.m_provider, AT_SIGNATURE, (bits << kKeyLengthShift) | CRYPT_EXPORTABLE, &key.m_key))
-    {
-        const DWORD error = ::GetLastError();
-        key.m_key = 0;
-        return report.Win32(313, 314, error);
-    }
+    HCRYPTKEY made = 0;
+    if (!::CryptGenKey(key.m_provider.Get(), AT_SIGNATURE, (bits << kKeyLengthShift) | CRYPT_EXPORTABLE, &made))
+        return report.LastError(313, 314);
+    key.m_key.Attach(made);
     std::wstring privateText;
     std::wstring publicText;
     HRESULT hr = key.ExportKey(PRIVATEKEYBLOB, privateText);
@@ -357,16 +386,6 @@ HRESULT COrvRSAKey::GetPublicKeyFromPrivate(std::wstring_view privateKey, std::w
 
 namespace
 {
-// Makes the hash of data in a provider's context.
-HRESULT MakeHash(const CVoReporter& report, int line, COrvHashBase& hash, HCRYPTPROV provider, IVoHashInput& data) noexcept
-{
-    if (const HRESULT hr = hash.CreateHash(provider); FAILED(hr))
-        return report(line, hr);
-    if (const HRESULT hr = data.AddTo(hash); FAILED(hr))
-        return report(line + 1, hr);
-    return S_OK;
-}
-
 HRESULT SignHash(const CVoReporter& report, HCRYPTHASH hash, CVoByteBuffer& signature)
 {
     DWORD length = 0;
@@ -393,8 +412,10 @@ HRESULT HashBytes(COrvHashBase& hash, const BYTE* bytes, UINT32 length, BYTE** v
     {
         const CVoHashGuard guard(hash);
         CVoHashBlock block(bytes, length);
-        if (const HRESULT hr = MakeHash(report, 392, hash, context.Provider(), block); FAILED(hr))
-            return hr;
+        if (const HRESULT hr = hash.CreateHash(context.Provider()); FAILED(hr))
+            return report(392, hr);
+        if (const HRESULT hr = block.AddTo(hash); FAILED(hr))
+            return report(393, hr);
         if (const HRESULT hr = hash.GetHashValue(result.PutBytes(), result.PutLength()); FAILED(hr))
             return report(395, hr);
     }
@@ -410,7 +431,7 @@ HRESULT COrvDigitalSignature::SignString(const BYTE* data, UINT32 length, COrvHa
     constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvDigitalSignature::SignString" };
     if (!signatureLength)
         return report(409, E_INVALIDARG);
-    try
+    const auto body = [&]() -> HRESULT
     {
         COrvRSAKey key;
         if (const HRESULT hr = key.Init(); FAILED(hr))
@@ -421,8 +442,10 @@ HRESULT COrvDigitalSignature::SignString(const BYTE* data, UINT32 length, COrvHa
         {
             const CVoHashGuard guard(hash);
             CVoHashBlock block(data, length);
-            if (const HRESULT hr = MakeHash(report, 420, hash, key.Provider(), block); FAILED(hr))
-                return hr;
+            if (const HRESULT hr = hash.CreateHash(key.Provider()); FAILED(hr))
+                return report(420, hr);
+            if (const HRESULT hr = block.AddTo(hash); FAILED(hr))
+                return report(421, hr);
             if (!key.HasRoomFor(hash))
                 return report(422, NTE_BAD_LEN);
             if (const HRESULT hr = SignHash(report, hash.Handle(), result); FAILED(hr))
@@ -432,11 +455,8 @@ HRESULT COrvDigitalSignature::SignString(const BYTE* data, UINT32 length, COrvHa
             return report(426, hr);
         HandOut(result, signature, signatureLength);
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(432);
-    }
+    };
+    return report.Guard(432, body);
 }
 
 HRESULT COrvDigitalSignature::VerifyString(const BYTE* data, UINT32 length, COrvHashBase& hash, const BYTE* signature,
@@ -451,6 +471,8 @@ HRESULT COrvDigitalSignature::VerifyString(IVoHashInput& data, COrvHashBase& has
 {
     constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvDigitalSignature::VerifyString" };
     result = false;
+    if (!signature && signatureLength > 0)
+        return report(440, E_INVALIDARG);
     COrvRSAKey key;
     if (const HRESULT hr = key.Init(); FAILED(hr))
         return report(443, hr);
@@ -459,9 +481,12 @@ HRESULT COrvDigitalSignature::VerifyString(IVoHashInput& data, COrvHashBase& has
     bool isValid = false;
     {
         const CVoHashGuard guard(hash);
-        if (const HRESULT hr = MakeHash(report, 449, hash, key.Provider(), data); FAILED(hr))
-            return hr;
-        const bool isPossible = key.HasRoomFor(hash);
+        if (const HRESULT hr = hash.CreateHash(key.Provider()); FAILED(hr))
+            return report(449, hr);
+        if (const HRESULT hr = data.AddTo(hash); FAILED(hr))
+            return report(450, hr);
+        // Decided here, because providers disagree about such signatures: some give an error in place of "not valid".
+        const bool isPossible = key.HasRoomFor(hash) && key.IsPossibleSignature({ signature, signatureLength });
         isValid =
             isPossible && ::CryptVerifySignatureW(hash.Handle(), signature, signatureLength, key.Key(), nullptr, 0) != FALSE;
         if (isPossible && !isValid)
