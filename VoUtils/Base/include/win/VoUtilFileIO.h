@@ -18,6 +18,7 @@
 #pragma once
 
 #include <base/VoPlatform.h>
+#include <win/VoIniText.h>
 
 #include <memory>
 #include <optional>
@@ -26,27 +27,6 @@
 #include <vector>
 
 class CVoIniContent;
-
-enum class EVoTextEncoding
-{
-    Ansi,
-    Utf8,
-    Utf8WithMark,
-    Utf16LittleEndian, // with a mark, like the next
-    Utf16BigEndian
-};
-
-// The text without the white space at both ends, or at its end. White space is Unicode's (the property White_Space), here and
-// in all rules above: the run-time's own notion differs between run-times, and signatures of files depend on what is trimmed.
-[[nodiscard]] std::wstring_view VoIniTrim(std::wstring_view text) noexcept;
-[[nodiscard]] std::wstring_view VoIniTrimRight(std::wstring_view text) noexcept;
-
-// One entry of a section. The texts belong to the file that they come from and live until it changes.
-struct CVoIniEntry
-{
-    std::wstring_view key;
-    std::wstring_view value; // white space at its end belongs to it
-};
 
 // An INI file in memory. Until Save the file on disk is untouched. Not thread-safe, reading included (indexes are built when
 // they are first needed): callers guard it.

@@ -1,13 +1,16 @@
+// Signed INI files (OrvSignedIniFileHandler.h).
 #include <win/OrvSignedIniFileHandler.h>
+
+#include "../base/utils/VoCodecKernels.h"
 
 #include <base/VoCArray.h>
 #include <base/VoErrorHandler.h>
-#include <base/VoUtils.h>
+#include <base/VoText.h>
+#include <base/VoTextConversion.h>
 #include <base/utils/VoDataConversion.h>
 #include <win/OrvDigSign.h>
 
 #include <algorithm>
-#include <emmintrin.h>
 #include <limits>
 #include <memory>
 
@@ -119,7 +122,7 @@ private:
     // Writes a text and gives the place behind it.
     [[nodiscard]] static char* Put(std::wstring_view text, char* to)
     {
-        if (NarrowAscii(text, to))
+        if (VoCodecKernels::NarrowAscii(text, to))
             return to + text.size();
         const auto length = static_cast<int>(text.size());
         const int written = ::WideCharToMultiByte(CP_UTF8, WC_ERR_INVALID_CHARS, text.data(), length, to,
@@ -130,33 +133,6 @@ private:
         std::string none;
         const HRESULT hr = VoStringToUTF8(text, none);
         throw CVoHResultException(FAILED(hr) ? hr : E_FAIL);
-    }
-    // Writes ASCII text; false when it is something else.
-    [[nodiscard]] static bool NarrowAscii(std::wstring_view text, char* to) noexcept
-    {
-        constexpr size_t kBlock = 8;
-        if (text.size() < kBlock)
-        {
-            unsigned seen = 0;
-            for (size_t i = 0; i < text.size(); ++i)
-            {
-                seen |= text[i];
-                to[i] = static_cast<char>(text[i]);
-            }
-            return seen < 0x80;
-        }
-        __m128i seen = _mm_setzero_si128();
-        const auto narrow = [&](size_t at)
-        {
-            const __m128i units = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text.data() + at));
-            seen = _mm_or_si128(seen, units);
-            _mm_storel_epi64(reinterpret_cast<__m128i*>(to + at), _mm_packus_epi16(units, units));
-        };
-        for (size_t at = 0; at + kBlock <= text.size(); at += kBlock)
-            narrow(at);
-        narrow(text.size() - kBlock); // what is left, with some of what was done
-        const __m128i beyondAscii = _mm_and_si128(seen, _mm_set1_epi16(static_cast<short>(0xFF80)));
-        return _mm_movemask_epi8(_mm_cmpeq_epi16(beyondAscii, _mm_setzero_si128())) == 0xFFFF;
     }
     OrvDigSign::COrvHashBase* m_hash;
     size_t m_room;
@@ -182,35 +158,33 @@ private:
 } // namespace
 
 HRESULT CVoSignedIniFileHandler2::Open(std::wstring_view path) noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::Open" };
-    CVoIniFileIO file;
-    if (const HRESULT hr = file.Open(path); FAILED(hr))
-        return report(128, hr);
-    CAutoLock lock(&m_lock);
-    m_file = std::move(file);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::Open" }.CurrentException(135);
+    const auto body = [&]() -> HRESULT
+    {
+        CVoIniFileIO file;
+        if (const HRESULT hr = file.Open(path); FAILED(hr))
+            return report(128, hr);
+        CAutoLock lock(&m_lock);
+        m_file = std::move(file);
+        return S_OK;
+    };
+    return report.Guard(135, body);
 }
 
 HRESULT CVoSignedIniFileHandler2::Parse(std::string_view bytes) noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::Parse" };
-    CVoIniFileIO file;
-    if (const HRESULT hr = file.Parse(bytes); FAILED(hr))
-        return report(144, hr);
-    CAutoLock lock(&m_lock);
-    m_file = std::move(file);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::Parse" }.CurrentException(151);
+    const auto body = [&]() -> HRESULT
+    {
+        CVoIniFileIO file;
+        if (const HRESULT hr = file.Parse(bytes); FAILED(hr))
+            return report(144, hr);
+        CAutoLock lock(&m_lock);
+        m_file = std::move(file);
+        return S_OK;
+    };
+    return report.Guard(151, body);
 }
 
 // The canonical text of a handler's file, hashed as it is made.
@@ -219,18 +193,17 @@ class CVoSignedIniFileHandler2::CDataInput final : public OrvDigSign::IVoHashInp
 public:
     explicit CDataInput(const CVoSignedIniFileHandler2& handler) noexcept : m_handler(handler) {}
     [[nodiscard]] HRESULT AddTo(OrvDigSign::COrvHashBase& hash) noexcept override
-    try
     {
-        CHashedText text(&hash);
-        if (const HRESULT hr = m_handler.AppendData(text); FAILED(hr))
-            return hr;
-        text.Flush();
-        return S_OK;
-    }
-    catch (...)
-    {
-        return CVoReporter{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::GetDataString" }.CurrentException(
-            158);
+        constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::GetDataString" };
+        const auto body = [&]() -> HRESULT
+        {
+            CHashedText text(&hash);
+            if (const HRESULT hr = m_handler.AppendData(text); FAILED(hr))
+                return hr;
+            text.Flush();
+            return S_OK;
+        };
+        return report.Guard(158, body);
     }
 
 private:
@@ -238,34 +211,33 @@ private:
 };
 
 HRESULT CVoSignedIniFileHandler2::Verify(std::wstring_view publicKey, bool& valid) noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::Verify" };
-    valid = false;
-    if (publicKey.empty())
-        return report(162, E_INVALIDARG);
-    CAutoLock lock(&m_lock);
-    std::vector<CVoIniEntry> lines;
-    if (const HRESULT hr = m_file.GetSection(kSignatureSection, lines); FAILED(hr))
-        return report(166, hr);
-    std::wstring signature;
-    for (const CVoIniEntry& line : lines)
-        signature += line.value;
-    // What is wrong with the file shows before what is wrong with the key. Only 16-bit units can be something that UTF-8 has
-    // no form of.
-    if (m_file.Encoding() == EVoTextEncoding::Utf16LittleEndian || m_file.Encoding() == EVoTextEncoding::Utf16BigEndian)
+    const auto body = [&]() -> HRESULT
     {
-        CHashedText text(nullptr);
-        if (const HRESULT hr = AppendData(text); FAILED(hr))
-            return report(172, hr);
-    }
-    CDataInput data(*this);
-    const HRESULT hr = VerifyData(data, publicKey, signature, valid);
-    return FAILED(hr) ? report(174, hr) : S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::Verify" }.CurrentException(178);
+        valid = false;
+        if (publicKey.empty())
+            return report(162, E_INVALIDARG);
+        CAutoLock lock(&m_lock);
+        std::vector<CVoIniEntry> lines;
+        if (const HRESULT hr = m_file.GetSection(kSignatureSection, lines); FAILED(hr))
+            return report(166, hr);
+        std::wstring signature;
+        for (const CVoIniEntry& line : lines)
+            signature += line.value;
+        // What is wrong with the file shows before what is wrong with the key. Only 16-bit units can be
+        // something that UTF-8 has no form of.
+        if (m_file.Encoding() == EVoTextEncoding::Utf16LittleEndian || m_file.Encoding() == EVoTextEncoding::Utf16BigEndian)
+        {
+            CHashedText text(nullptr);
+            if (const HRESULT hr = AppendData(text); FAILED(hr))
+                return report(172, hr);
+        }
+        CDataInput data(*this);
+        const HRESULT hr = VerifyData(data, publicKey, signature, valid);
+        return FAILED(hr) ? report(174, hr) : S_OK;
+    };
+    return report.Guard(178, body);
 }
 
 template <class Text>
@@ -306,35 +278,34 @@ HRESULT CVoSignedIniFileHandler2::AppendSectionData(std::wstring_view section, s
 }
 
 HRESULT CVoSignedIniFileHandler2::GetDataString(std::wstring& text) noexcept
-try
 {
-    CAutoLock lock(&m_lock);
-    CWideText all(m_file.Size());
-    if (const HRESULT hr = AppendData(all); FAILED(hr))
-        return hr;
-    text = std::move(all.Text());
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::GetDataString" }.CurrentException(232);
+    constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::GetDataString" };
+    const auto body = [&]() -> HRESULT
+    {
+        CAutoLock lock(&m_lock);
+        CWideText all(m_file.Size());
+        if (const HRESULT hr = AppendData(all); FAILED(hr))
+            return hr;
+        text = std::move(all.Text());
+        return S_OK;
+    };
+    return report.Guard(232, body);
 }
 
 HRESULT CVoSignedIniFileHandler2::GetSectionDataString(std::wstring_view section, std::wstring& text) noexcept
-try
 {
-    CAutoLock lock(&m_lock);
-    std::vector<CVoIniEntry> entries;
-    CWideText data(0);
-    if (const HRESULT hr = AppendSectionData(section, entries, data); FAILED(hr))
-        return hr;
-    text = std::move(data.Text());
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::GetSectionDataString" }.CurrentException(
-        248);
+    constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::GetSectionDataString" };
+    const auto body = [&]() -> HRESULT
+    {
+        CAutoLock lock(&m_lock);
+        std::vector<CVoIniEntry> entries;
+        CWideText data(0);
+        if (const HRESULT hr = AppendSectionData(section, entries, data); FAILED(hr))
+            return hr;
+        text = std::move(data.Text());
+        return S_OK;
+    };
+    return report.Guard(248, body);
 }
 
 HRESULT CVoSignedIniFileHandler2::GetSignedText(std::wstring& text) noexcept
@@ -350,67 +321,65 @@ HRESULT CVoSignedIniFileHandler2::GetSignedText(std::wstring& text) noexcept
 
 HRESULT CVoSignedIniFileHandler2::VerifySign(std::wstring_view dataText, std::wstring_view publicKey,
                                              std::wstring_view signatureText, bool& valid) noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::VerifySign" };
-    valid = false;
-    std::string data;
-    if (const HRESULT hr = VoStringToUTF8(dataText, data); FAILED(hr))
-        return report(270, hr);
-    OrvDigSign::CVoHashBlock block(reinterpret_cast<const BYTE*>(data.data()), static_cast<UINT32>(data.size()));
-    return VerifyData(block, publicKey, signatureText, valid);
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::VerifySign" }.CurrentException(274);
+    const auto body = [&]() -> HRESULT
+    {
+        valid = false;
+        std::string data;
+        if (const HRESULT hr = VoStringToUTF8(dataText, data); FAILED(hr))
+            return report(270, hr);
+        OrvDigSign::CVoHashBlock block(reinterpret_cast<const BYTE*>(data.data()), static_cast<UINT32>(data.size()));
+        return VerifyData(block, publicKey, signatureText, valid);
+    };
+    return report.Guard(274, body);
 }
 
 HRESULT CVoSignedIniFileHandler2::SignFile(std::wstring_view privateKey, UINT32 lineLength) noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::SignFile" };
-    if (privateKey.empty())
-        return report(280, E_INVALIDARG);
-    CAutoLock lock(&m_lock);
-    std::wstring text;
-    if (const HRESULT hr = GetSignedText(text); FAILED(hr))
-        return report(284, hr);
-    std::string data;
-    if (const HRESULT hr = VoStringToUTF8(text, data); FAILED(hr))
-        return report(287, hr);
-    OrvDigSign::COrvSHA512Hash hash;
-    CVoByteBuffer signature;
-    if (const HRESULT hr = OrvDigSign::COrvDigitalSignature::SignString(reinterpret_cast<const BYTE*>(data.data()),
-                                                                        static_cast<UINT32>(data.size()), hash, privateKey,
-                                                                        signature.PutBytes(), signature.PutLength());
-        FAILED(hr))
-        return report(294, hr);
-    std::wstring signatureText;
-    VoDataConversion::BinToBase64(signature.Data(), static_cast<INT32>(signature.Length()), false, signatureText, 0);
-
-    // A copy is changed, so that a failure leaves what was read.
-    std::string bytes;
-    if (const HRESULT hr = m_file.GetBytes(bytes); FAILED(hr))
-        return report(301, hr);
-    CVoIniFileIO signedFile;
-    if (const HRESULT hr = signedFile.Parse(bytes); FAILED(hr))
-        return report(304, hr);
-    if (const HRESULT hr = signedFile.ClearSection(kSignatureSection); FAILED(hr))
-        return report(306, hr);
-    const size_t step = lineLength > 0 ? lineLength : signatureText.size();
-    UINT32 number = 0;
-    for (std::wstring_view rest = signatureText; !rest.empty(); rest.remove_prefix(std::min(step, rest.size())))
-        if (const HRESULT hr = signedFile.AddValue(kSignatureSection, VoFormat(L"Line%u", ++number), rest.substr(0, step));
+    const auto body = [&]() -> HRESULT
+    {
+        if (privateKey.empty())
+            return report(280, E_INVALIDARG);
+        CAutoLock lock(&m_lock);
+        std::wstring text;
+        if (const HRESULT hr = GetSignedText(text); FAILED(hr))
+            return report(284, hr);
+        std::string data;
+        if (const HRESULT hr = VoStringToUTF8(text, data); FAILED(hr))
+            return report(287, hr);
+        OrvDigSign::COrvSHA512Hash hash;
+        CVoByteBuffer signature;
+        if (const HRESULT hr = OrvDigSign::COrvDigitalSignature::SignString(reinterpret_cast<const BYTE*>(data.data()),
+                                                                            static_cast<UINT32>(data.size()), hash, privateKey,
+                                                                            signature.PutBytes(), signature.PutLength());
             FAILED(hr))
-            return report(312, hr);
-    if (!m_file.Path().empty())
-        if (const HRESULT hr = signedFile.SaveAs(m_file.Path()); FAILED(hr))
-            return report(315, hr);
-    m_file = std::move(signedFile);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::SignFile" }.CurrentException(321);
+            return report(294, hr);
+        std::wstring signatureText;
+        VoDataConversion::BinToBase64(signature.Data(), static_cast<INT32>(signature.Length()), false, signatureText, 0);
+
+        // A copy is changed, so that a failure leaves what was read.
+        std::string bytes;
+        if (const HRESULT hr = m_file.GetBytes(bytes); FAILED(hr))
+            return report(301, hr);
+        CVoIniFileIO signedFile;
+        if (const HRESULT hr = signedFile.Parse(bytes); FAILED(hr))
+            return report(304, hr);
+        if (const HRESULT hr = signedFile.ClearSection(kSignatureSection); FAILED(hr))
+            return report(306, hr);
+        const size_t step = lineLength > 0 ? lineLength : signatureText.size();
+        UINT32 number = 0;
+        for (std::wstring_view rest = signatureText; !rest.empty(); rest.remove_prefix(std::min(step, rest.size())))
+            if (const HRESULT hr = signedFile.AddValue(kSignatureSection, VoFormat(L"Line%u", ++number), rest.substr(0, step));
+                FAILED(hr))
+                return report(312, hr);
+        if (!m_file.Path().empty())
+            if (const HRESULT hr = signedFile.SaveAs(m_file.Path()); FAILED(hr))
+                return report(315, hr);
+        m_file = std::move(signedFile);
+        return S_OK;
+    };
+    return report.Guard(321, body);
 }
 } // namespace OrvSignedIniFileHandler

@@ -1,34 +1,29 @@
+// The lines of an INI file (VoIniContent.h).
 #include "VoIniContent.h"
 
-#include "../base/VoTextConversion.h"
+#include "../base/utils/VoCodecKernels.h"
+#include "VoIniEncoding.h"
 
 #include <base/VoHResult.h>
-#include <base/VoUtils.h>
+#include <base/VoText.h>
+#include <win/VoFile.h>
 
 #include <algorithm>
 #include <array>
-#include <bit>
 #include <cstring>
-#include <emmintrin.h>
 #include <ranges>
+
+using VoIniEncoding::Encode;
+using VoIniEncoding::EncodingOfMark;
+using VoIniEncoding::IsUtf16;
+using VoIniEncoding::MarkOf;
+using VoIniEncoding::SwapBytes;
 
 namespace
 {
-constexpr std::string_view kUtf8Mark = "\xEF\xBB\xBF";
-constexpr std::string_view kUtf16LittleEndianMark = "\xFF\xFE";
-constexpr std::string_view kUtf16BigEndianMark = "\xFE\xFF";
-
 [[noreturn]] void Throw(HRESULT result)
 {
     throw CVoHResultException(result);
-}
-
-[[nodiscard]] bool IsSpace(wchar_t c) noexcept
-{
-    if (c < 0x80)
-        return c == L' ' || (c >= L'\t' && c <= L'\r');
-    return c == 0x85 || c == 0xA0 || c == 0x1680 || (c >= 0x2000 && c <= 0x200A) || c == 0x2028 || c == 0x2029 || c == 0x202F ||
-           c == 0x205F || c == 0x3000;
 }
 
 [[nodiscard]] bool IsBlank(std::wstring_view text) noexcept
@@ -71,104 +66,6 @@ template <class Character>
     return std::min(at, line.size());
 }
 
-[[nodiscard]] std::string_view MarkOf(EVoTextEncoding encoding) noexcept
-{
-    switch (encoding)
-    {
-    case EVoTextEncoding::Utf8WithMark:
-        return kUtf8Mark;
-    case EVoTextEncoding::Utf16LittleEndian:
-        return kUtf16LittleEndianMark;
-    case EVoTextEncoding::Utf16BigEndian:
-        return kUtf16BigEndianMark;
-    case EVoTextEncoding::Ansi:
-    case EVoTextEncoding::Utf8:
-        break;
-    }
-    return {};
-}
-
-[[nodiscard]] bool IsUtf16(EVoTextEncoding encoding) noexcept
-{
-    return encoding == EVoTextEncoding::Utf16LittleEndian || encoding == EVoTextEncoding::Utf16BigEndian;
-}
-
-// The encoding that a mark tells.
-[[nodiscard]] std::optional<EVoTextEncoding> EncodingOfMark(std::string_view bytes) noexcept
-{
-    for (const EVoTextEncoding encoding :
-         { EVoTextEncoding::Utf8WithMark, EVoTextEncoding::Utf16LittleEndian, EVoTextEncoding::Utf16BigEndian })
-        if (bytes.starts_with(MarkOf(encoding)))
-            return encoding;
-    return std::nullopt;
-}
-
-[[nodiscard]] constexpr wchar_t SwapBytes(wchar_t c) noexcept
-{
-    return static_cast<wchar_t>(((c & 0xFF) << 8) | (c >> 8));
-}
-
-// Text in an encoding, without a mark.
-[[nodiscard]] std::string Encode(std::wstring_view text, EVoTextEncoding encoding)
-{
-    std::string bytes;
-    if (IsUtf16(encoding))
-    {
-        std::wstring units(text);
-        if (encoding == EVoTextEncoding::Utf16BigEndian)
-            std::transform(units.begin(), units.end(), units.begin(), SwapBytes);
-        bytes.resize(units.size() * sizeof(wchar_t));
-        std::memcpy(bytes.data(), units.data(), bytes.size());
-        return bytes;
-    }
-    const UINT codePage = encoding == EVoTextEncoding::Ansi ? CP_ACP : CP_UTF8;
-    if (const HRESULT hr = VoTextConversion::ToCodePage(codePage, text, bytes); FAILED(hr))
-        Throw(hr);
-    if (encoding == EVoTextEncoding::Ansi)
-    {
-        // The platform writes a similar character, or "?", for one that the code page does not have.
-        std::wstring readBack;
-        if (FAILED(VoTextConversion::FromCodePage(codePage, bytes, readBack)) || readBack != text)
-            Throw(HResultFromWin32(ERROR_NO_UNICODE_TRANSLATION));
-    }
-    return bytes;
-}
-
-// Finds the end of the line that `from` begins with, and writes what stands in front of it as 16-bit units: its text, if it is
-// all ASCII. Up to 15 units behind it are written as well.
-[[nodiscard]] size_t WidenLine(const char* from, size_t size, wchar_t* to, bool& isAscii) noexcept
-{
-    const __m128i lineFeed = _mm_set1_epi8('\n');
-    const __m128i carriageReturn = _mm_set1_epi8('\r');
-    const __m128i zero = _mm_setzero_si128();
-    unsigned high = 0;
-    size_t at = 0;
-    for (; at + 16 <= size; at += 16)
-    {
-        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + at));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(to + at), _mm_unpacklo_epi8(bytes, zero));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(to + at + 8), _mm_unpackhi_epi8(bytes, zero));
-        const auto ends = static_cast<unsigned>(
-            _mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(bytes, lineFeed), _mm_cmpeq_epi8(bytes, carriageReturn))));
-        const auto highHere = static_cast<unsigned>(_mm_movemask_epi8(bytes));
-        if (ends != 0)
-        {
-            const auto length = static_cast<unsigned>(std::countr_zero(ends));
-            isAscii = (high | (highHere & ((1U << length) - 1))) == 0;
-            return at + length;
-        }
-        high |= highHere;
-    }
-    for (; at < size && !IsLineEnd(from[at]); ++at)
-    {
-        const auto byte = static_cast<unsigned char>(from[at]);
-        high |= byte & 0x80U;
-        to[at] = byte;
-    }
-    isAscii = high == 0;
-    return at;
-}
-
 // Makes room for one more element, so that adding it cannot fail.
 template <class Element>
 void ReserveOne(std::vector<Element>& elements)
@@ -177,89 +74,7 @@ void ReserveOne(std::vector<Element>& elements)
         elements.reserve(2 * elements.size() + 4);
 }
 
-// The upper case of every unit, as the platform's ordinal comparison has it: of each character alone, the same in every locale.
-class CUpperCase
-{
-public:
-    CUpperCase() : m_upper(kCount)
-    {
-        std::wstring all(kCount, L'\0');
-        for (size_t i = 0; i < kCount; ++i)
-            all[i] = static_cast<wchar_t>(i);
-        const auto count = static_cast<int>(kCount);
-        if (::LCMapStringEx(LOCALE_NAME_INVARIANT, LCMAP_UPPERCASE, all.data(), count, m_upper.data(), count, nullptr, nullptr,
-                            0) != count)
-            Throw(HResultFromLastError());
-    }
-    [[nodiscard]] wchar_t operator[](wchar_t c) const noexcept { return m_upper[c]; }
-
-private:
-    static constexpr size_t kCount = 0x10000;
-    std::vector<wchar_t> m_upper;
-};
-
-[[nodiscard]] wchar_t ToUpper(wchar_t c)
-{
-    if (c < 0x80)
-        return c >= L'a' && c <= L'z' ? static_cast<wchar_t>(c - (L'a' - L'A')) : c;
-    static const CUpperCase s_upperCase;
-    return s_upperCase[c];
-}
 } // namespace
-
-std::wstring_view VoIniTrimRight(std::wstring_view text) noexcept
-{
-    while (!text.empty() && IsSpace(text.back()))
-        text.remove_suffix(1);
-    return text;
-}
-
-std::wstring_view VoIniTrim(std::wstring_view text) noexcept
-{
-    while (!text.empty() && IsSpace(text.front()))
-        text.remove_prefix(1);
-    return VoIniTrimRight(text);
-}
-
-UINT32 CVoNameIndex::Hash(std::wstring_view name)
-{
-    UINT64 hash = name.size();
-    for (const wchar_t c : name)
-        hash = (hash ^ ToUpper(c)) * 0x9E3779B97F4A7C15U;
-    return static_cast<UINT32>(hash >> 32);
-}
-
-void CVoNameIndex::Reserve(size_t count)
-{
-    if (2 * count <= m_slots.size())
-        return;
-    std::vector<SSlot> slots(std::bit_ceil(4 * count));
-    m_slots.swap(slots);
-    for (const SSlot& slot : slots)
-        if (slot.ordinal != kNone)
-            Place(slot);
-}
-
-void CVoNameIndex::Add(UINT32 hash, UINT32 ordinal)
-{
-    Reserve(m_count + 1);
-    Place({ hash, ordinal });
-    ++m_count;
-}
-
-void CVoNameIndex::Place(const SSlot& slot) noexcept
-{
-    size_t at = slot.hash & (m_slots.size() - 1);
-    while (m_slots[at].ordinal != kNone)
-        at = (at + 1) & (m_slots.size() - 1);
-    m_slots[at] = slot;
-}
-
-void CVoNameIndex::Clear() noexcept
-{
-    m_slots.clear();
-    m_count = 0;
-}
 
 CVoIniContent::CVoIniContent() : m_blocks(1) {}
 CVoIniContent::~CVoIniContent() = default;
@@ -289,14 +104,6 @@ void CVoIniContent::Read(std::string bytes, std::optional<EVoTextEncoding> encod
     }
 }
 
-EVoTextEncoding CVoIniContent::Detect(std::string_view bytes)
-{
-    if (const std::optional<EVoTextEncoding> marked = EncodingOfMark(bytes))
-        return *marked;
-    std::wstring text;
-    return SUCCEEDED(VoTextConversion::FromCodePage(CP_UTF8, bytes, text)) ? EVoTextEncoding::Utf8 : EVoTextEncoding::Ansi;
-}
-
 void CVoIniContent::Forget() noexcept
 {
     m_blocks.resize(1);
@@ -315,7 +122,7 @@ bool CVoIniContent::ReadByteLines(std::string_view bytes, UINT codePage, EMalfor
         SLine line;
         bool isAscii = true;
         wchar_t* const text = m_text.get() + begin;
-        const size_t length = WidenLine(bytes.data() + begin, bytes.size() - begin, text, isAscii);
+        const size_t length = VoCodecKernels::WidenLine(bytes.data() + begin, bytes.size() - begin, text, isAscii);
         line.text = text;
         line.textSize = static_cast<UINT32>(length);
         if (!isAscii && !DecodeLine(bytes.substr(begin, length), codePage, malformed, text, line))
@@ -387,7 +194,7 @@ void CVoIniContent::TakeApart(SLine& line) noexcept
 {
     const std::wstring_view text = line.Text();
     size_t begin = 0;
-    while (begin < text.size() && IsSpace(text[begin]))
+    while (begin < text.size() && VoIniIsSpace(text[begin]))
         ++begin;
     line.kind = EKind::Other;
     if (begin == text.size() || text[begin] == L';' || text[begin] == L'#')
@@ -401,13 +208,13 @@ void CVoIniContent::TakeApart(SLine& line) noexcept
     if (end == text.size())
         return;
     size_t value = end + 1;
-    while (isHeader && begin < end && IsSpace(text[begin]))
+    while (isHeader && begin < end && VoIniIsSpace(text[begin]))
         ++begin;
-    while (end > begin && IsSpace(text[end - 1]))
+    while (end > begin && VoIniIsSpace(text[end - 1]))
         --end;
     if (begin == end && !isHeader)
         return;
-    while (value < text.size() && IsSpace(text[value]))
+    while (value < text.size() && VoIniIsSpace(text[value]))
         ++value;
     line.kind = isHeader ? EKind::Header : EKind::Entry;
     line.keyBegin = static_cast<UINT32>(begin);

@@ -1,6 +1,8 @@
+// INI files in memory and on disk (VoUtilFileIO.h).
 #include <win/VoUtilFileIO.h>
 
 #include "VoIniContent.h"
+#include "VoIniEncoding.h"
 
 #include <base/VoErrorHandler.h>
 #include <win/VoFile.h>
@@ -28,56 +30,54 @@ CVoIniFileIO& CVoIniFileIO::operator=(CVoIniFileIO&& other) noexcept = default;
 CVoIniFileIO::~CVoIniFileIO() = default;
 
 HRESULT CVoIniFileIO::Open(std::wstring_view path, bool mayBeMissing) noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"CVoIniFileIO::Open" };
-    std::wstring fullPath = VoGetFullPath(path);
-    std::string bytes;
-    // Asked beforehand, so that a file which may be missing leaves no report of a failure.
-    const bool isMissing = mayBeMissing && ::GetFileAttributesW(fullPath.c_str()) == INVALID_FILE_ATTRIBUTES &&
-                           ::GetLastError() == ERROR_FILE_NOT_FOUND;
-    if (!isMissing)
-        if (const HRESULT hr = VoReadFile(fullPath, bytes); FAILED(hr))
-            return report(41, hr);
-    m_content = ReadContent(std::move(bytes));
-    m_path = std::move(fullPath);
-    m_isModified = false;
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoIniFileIO::Open" }.CurrentException(49);
+    const auto body = [&]() -> HRESULT
+    {
+        std::wstring fullPath = VoGetFullPath(path);
+        std::string bytes;
+        // Asked beforehand, so that a file which may be missing leaves no report of a failure.
+        const bool isMissing = mayBeMissing && ::GetFileAttributesW(fullPath.c_str()) == INVALID_FILE_ATTRIBUTES &&
+                               ::GetLastError() == ERROR_FILE_NOT_FOUND;
+        if (!isMissing)
+            if (const HRESULT hr = VoReadFile(fullPath, bytes); FAILED(hr))
+                return report(41, hr);
+        m_content = ReadContent(std::move(bytes));
+        m_path = std::move(fullPath);
+        m_isModified = false;
+        return S_OK;
+    };
+    return report.Guard(49, body);
 }
 
 HRESULT CVoIniFileIO::Parse(std::string_view bytes) noexcept
-try
 {
-    m_content = ReadContent(std::string(bytes));
-    m_isModified = true;
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoIniFileIO::Parse" }.CurrentException(61);
+    constexpr CVoReporter report{ kSource, L"CVoIniFileIO::Parse" };
+    const auto body = [&]() -> HRESULT
+    {
+        m_content = ReadContent(std::string(bytes));
+        m_isModified = true;
+        return S_OK;
+    };
+    return report.Guard(61, body);
 }
 
 HRESULT CVoIniFileIO::GetBytes(std::string& bytes) const noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"CVoIniFileIO::GetBytes" };
-    std::string rendered = m_content->Render();
-    // Only text in a code page can look like something else, and what stood first may have gone.
-    const EVoTextEncoding detected = CVoIniContent::Detect(rendered);
-    const bool isPlain = detected == EVoTextEncoding::Utf8 &&
-                         std::all_of(rendered.begin(), rendered.end(), [](char c) { return static_cast<signed char>(c) >= 0; });
-    if (detected != Encoding() && !(isPlain && Encoding() == EVoTextEncoding::Ansi))
-        return report(75, HResultFromWin32(ERROR_NO_UNICODE_TRANSLATION));
-    bytes = std::move(rendered);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoIniFileIO::GetBytes" }.CurrentException(81);
+    const auto body = [&]() -> HRESULT
+    {
+        std::string rendered = m_content->Render();
+        // Only text in a code page can look like something else, and what stood first may have gone.
+        const EVoTextEncoding detected = VoIniEncoding::Detect(rendered);
+        const bool isPlain = detected == EVoTextEncoding::Utf8 && std::all_of(rendered.begin(), rendered.end(), [](char c)
+                                                                              { return static_cast<signed char>(c) >= 0; });
+        if (detected != Encoding() && !(isPlain && Encoding() == EVoTextEncoding::Ansi))
+            return report(75, HResultFromWin32(ERROR_NO_UNICODE_TRANSLATION));
+        bytes = std::move(rendered);
+        return S_OK;
+    };
+    return report.Guard(81, body);
 }
 
 HRESULT CVoIniFileIO::Save() noexcept
@@ -92,18 +92,17 @@ HRESULT CVoIniFileIO::Save() noexcept
 }
 
 HRESULT CVoIniFileIO::SaveAs(std::wstring_view path) noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"CVoIniFileIO::SaveAs" };
-    std::wstring fullPath = VoGetFullPath(path);
-    if (const HRESULT hr = WriteTo(fullPath); FAILED(hr))
-        return report(101, hr);
-    m_path = std::move(fullPath);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoIniFileIO::SaveAs" }.CurrentException(107);
+    const auto body = [&]() -> HRESULT
+    {
+        std::wstring fullPath = VoGetFullPath(path);
+        if (const HRESULT hr = WriteTo(fullPath); FAILED(hr))
+            return report(101, hr);
+        m_path = std::move(fullPath);
+        return S_OK;
+    };
+    return report.Guard(107, body);
 }
 
 HRESULT CVoIniFileIO::WriteTo(const std::wstring& path) noexcept
@@ -132,28 +131,28 @@ size_t CVoIniFileIO::Size() const noexcept
 }
 
 HRESULT CVoIniFileIO::SetEncoding(EVoTextEncoding encoding) noexcept
-try
 {
-    if (encoding == Encoding())
+    constexpr CVoReporter report{ kSource, L"CVoIniFileIO::SetEncoding" };
+    const auto body = [&]() -> HRESULT
+    {
+        if (encoding == Encoding())
+            return S_OK;
+        m_content = ReadContent(m_content->RenderAs(encoding), encoding);
+        m_isModified = true;
         return S_OK;
-    m_content = ReadContent(m_content->RenderAs(encoding), encoding);
-    m_isModified = true;
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoIniFileIO::SetEncoding" }.CurrentException(142);
+    };
+    return report.Guard(142, body);
 }
 
 HRESULT CVoIniFileIO::GetSectionNames(std::vector<std::wstring_view>& names) const noexcept
-try
 {
-    names = m_content->SectionNames();
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoIniFileIO::GetSectionNames" }.CurrentException(153);
+    constexpr CVoReporter report{ kSource, L"CVoIniFileIO::GetSectionNames" };
+    const auto body = [&]() -> HRESULT
+    {
+        names = m_content->SectionNames();
+        return S_OK;
+    };
+    return report.Guard(153, body);
 }
 
 bool CVoIniFileIO::HasSection(std::wstring_view section) const
@@ -162,18 +161,17 @@ bool CVoIniFileIO::HasSection(std::wstring_view section) const
 }
 
 HRESULT CVoIniFileIO::GetSection(std::wstring_view section, std::vector<CVoIniEntry>& entries) const noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"CVoIniFileIO::GetSection" };
-    const UINT32 found = m_content->FindSection(section);
-    if (found == CVoNameIndex::kNone)
-        return report(167, HResultFromWin32(ERROR_NOT_FOUND));
-    m_content->GetEntries(found, entries);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoIniFileIO::GetSection" }.CurrentException(173);
+    const auto body = [&]() -> HRESULT
+    {
+        const UINT32 found = m_content->FindSection(section);
+        if (found == CVoNameIndex::kNone)
+            return report(167, HResultFromWin32(ERROR_NOT_FOUND));
+        m_content->GetEntries(found, entries);
+        return S_OK;
+    };
+    return report.Guard(173, body);
 }
 
 std::optional<std::wstring_view> CVoIniFileIO::FindValue(std::wstring_view section, std::wstring_view key) const
@@ -185,68 +183,68 @@ std::optional<std::wstring_view> CVoIniFileIO::FindValue(std::wstring_view secti
 }
 
 HRESULT CVoIniFileIO::SetValue(std::wstring_view section, std::wstring_view key, std::wstring_view value) noexcept
-try
 {
-    if (m_content->SetValue(section, key, value))
-        m_isModified = true;
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoIniFileIO::SetValue" }.CurrentException(193);
+    constexpr CVoReporter report{ kSource, L"CVoIniFileIO::SetValue" };
+    const auto body = [&]() -> HRESULT
+    {
+        if (m_content->SetValue(section, key, value))
+            m_isModified = true;
+        return S_OK;
+    };
+    return report.Guard(193, body);
 }
 
 HRESULT CVoIniFileIO::AddValue(std::wstring_view section, std::wstring_view key, std::wstring_view value) noexcept
-try
 {
-    m_content->AddValue(section, key, value);
-    m_isModified = true;
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoIniFileIO::AddValue" }.CurrentException(205);
+    constexpr CVoReporter report{ kSource, L"CVoIniFileIO::AddValue" };
+    const auto body = [&]() -> HRESULT
+    {
+        m_content->AddValue(section, key, value);
+        m_isModified = true;
+        return S_OK;
+    };
+    return report.Guard(205, body);
 }
 
 HRESULT CVoIniFileIO::RemoveValue(std::wstring_view section, std::wstring_view key) noexcept
-try
 {
-    const UINT32 found = m_content->FindSection(section);
-    if (found == CVoNameIndex::kNone || !m_content->RemoveValue(found, key))
-        return S_FALSE;
-    m_isModified = true;
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoIniFileIO::RemoveValue" }.CurrentException(219);
+    constexpr CVoReporter report{ kSource, L"CVoIniFileIO::RemoveValue" };
+    const auto body = [&]() -> HRESULT
+    {
+        const UINT32 found = m_content->FindSection(section);
+        if (found == CVoNameIndex::kNone || !m_content->RemoveValue(found, key))
+            return S_FALSE;
+        m_isModified = true;
+        return S_OK;
+    };
+    return report.Guard(219, body);
 }
 
 HRESULT CVoIniFileIO::ClearSection(std::wstring_view section) noexcept
-try
 {
-    const UINT32 found = m_content->FindSection(section);
-    if (found == CVoNameIndex::kNone || !m_content->ClearSection(found))
-        return S_FALSE;
-    m_isModified = true;
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoIniFileIO::ClearSection" }.CurrentException(233);
+    constexpr CVoReporter report{ kSource, L"CVoIniFileIO::ClearSection" };
+    const auto body = [&]() -> HRESULT
+    {
+        const UINT32 found = m_content->FindSection(section);
+        if (found == CVoNameIndex::kNone || !m_content->ClearSection(found))
+            return S_FALSE;
+        m_isModified = true;
+        return S_OK;
+    };
+    return report.Guard(233, body);
 }
 
 HRESULT CVoIniFileIO::RemoveSection(std::wstring_view section) noexcept
-try
 {
-    const UINT32 found = m_content->FindSection(section);
-    if (found == CVoNameIndex::kNone)
-        return S_FALSE;
-    m_content->RemoveSection(found);
-    m_isModified = true;
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoIniFileIO::RemoveSection" }.CurrentException(248);
+    constexpr CVoReporter report{ kSource, L"CVoIniFileIO::RemoveSection" };
+    const auto body = [&]() -> HRESULT
+    {
+        const UINT32 found = m_content->FindSection(section);
+        if (found == CVoNameIndex::kNone)
+            return S_FALSE;
+        m_content->RemoveSection(found);
+        m_isModified = true;
+        return S_OK;
+    };
+    return report.Guard(248, body);
 }

@@ -1,6 +1,8 @@
+// The inner loops of the encodings and of text conversion (VoCodecKernels.h).
 #include "VoCodecKernels.h"
 
 #include <array>
+#include <bit>
 #include <cstring>
 #include <emmintrin.h>
 
@@ -224,8 +226,7 @@ void EncodeHex(const BYTE* bytes, size_t groups, wchar_t* text) noexcept
         StoreWide16(_mm_unpacklo_epi8(high, low), text + 2 * i);
         StoreWide16(_mm_unpackhi_epi8(high, low), text + 2 * i + 16);
     }
-    for (; i < groups; ++i)
-        std::memcpy(text + 2 * i, &kHexPairs[bytes[i]], sizeof(UINT32));
+    Scalar::EncodeHex(bytes + i, groups - i, text + 2 * i);
 }
 
 void EncodeBase64(const BYTE* bytes, size_t groups, bool urlSafe, wchar_t* text) noexcept
@@ -263,15 +264,7 @@ size_t DecodeHex(const wchar_t* text, size_t groups, BYTE* bytes) noexcept
             break;
         _mm_storeu_si128(reinterpret_cast<__m128i*>(bytes + i), _mm_packus_epi16(JoinNibbles(first), JoinNibbles(second)));
     }
-    for (; i < groups; ++i)
-    {
-        const BYTE high = HexDigitValue(text[2 * i]);
-        const BYTE low = HexDigitValue(text[2 * i + 1]);
-        if (high == kNoDigit || low == kNoDigit)
-            break;
-        bytes[i] = static_cast<BYTE>(high << 4 | low);
-    }
-    return i;
+    return i + Scalar::DecodeHex(text + 2 * i, groups - i, bytes + i);
 }
 
 size_t DecodeBase64(const wchar_t* text, size_t groups, BYTE* bytes) noexcept
@@ -287,14 +280,7 @@ size_t DecodeBase64(const wchar_t* text, size_t groups, BYTE* bytes) noexcept
         _mm_storel_epi64(reinterpret_cast<__m128i*>(bytes), joined);
         _mm_storel_epi64(reinterpret_cast<__m128i*>(bytes + 6), _mm_srli_si128(joined, 8));
     }
-    for (; i < groups; ++i, text += 4, bytes += 3)
-    {
-        const UINT32 bits = Base64Group(text);
-        if (bits & kBadGroup)
-            break;
-        std::memcpy(bytes, &bits, 3);
-    }
-    return i;
+    return i + Scalar::DecodeBase64(text, groups - i, bytes);
 }
 
 size_t DecodeBase32(const wchar_t* text, size_t groups, BYTE* bytes) noexcept
@@ -337,4 +323,108 @@ BYTE Base32DigitValue(wchar_t character) noexcept
 {
     return ValueIn(kBase32Values, character);
 }
+
+size_t WidenLine(const char* from, size_t size, wchar_t* to, bool& isAscii) noexcept
+{
+    const __m128i lineFeed = _mm_set1_epi8('\n');
+    const __m128i carriageReturn = _mm_set1_epi8('\r');
+    unsigned high = 0;
+    size_t at = 0;
+    for (; at + 16 <= size; at += 16)
+    {
+        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + at));
+        StoreWide16(bytes, to + at);
+        const auto ends = static_cast<unsigned>(
+            _mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(bytes, lineFeed), _mm_cmpeq_epi8(bytes, carriageReturn))));
+        const auto highHere = static_cast<unsigned>(_mm_movemask_epi8(bytes));
+        if (ends != 0)
+        {
+            const auto length = static_cast<unsigned>(std::countr_zero(ends));
+            isAscii = (high | (highHere & ((1U << length) - 1))) == 0;
+            return at + length;
+        }
+        high |= highHere;
+    }
+    const size_t rest = Scalar::WidenLine(from + at, size - at, to + at, isAscii);
+    isAscii = isAscii && high == 0;
+    return at + rest;
+}
+
+bool NarrowAscii(std::wstring_view text, char* to) noexcept
+{
+    constexpr size_t kBlock = 8;
+    if (text.size() < kBlock)
+        return Scalar::NarrowAscii(text, to);
+    __m128i seen = _mm_setzero_si128();
+    const auto narrow = [&](size_t at)
+    {
+        const __m128i units = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text.data() + at));
+        seen = _mm_or_si128(seen, units);
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(to + at), _mm_packus_epi16(units, units));
+    };
+    for (size_t at = 0; at + kBlock <= text.size(); at += kBlock)
+        narrow(at);
+    narrow(text.size() - kBlock); // the rest, together with some units that are done already
+    const __m128i beyondAscii = _mm_and_si128(seen, _mm_set1_epi16(static_cast<short>(0xFF80)));
+    return _mm_movemask_epi8(_mm_cmpeq_epi16(beyondAscii, _mm_setzero_si128())) == 0xFFFF;
+}
+
+namespace Scalar
+{
+void EncodeHex(const BYTE* bytes, size_t groups, wchar_t* text) noexcept
+{
+    for (size_t i = 0; i < groups; ++i)
+        std::memcpy(text + 2 * i, &kHexPairs[bytes[i]], sizeof(UINT32));
+}
+
+size_t DecodeHex(const wchar_t* text, size_t groups, BYTE* bytes) noexcept
+{
+    for (size_t i = 0; i < groups; ++i)
+    {
+        const BYTE high = HexDigitValue(text[2 * i]);
+        const BYTE low = HexDigitValue(text[2 * i + 1]);
+        if (high == kNoDigit || low == kNoDigit)
+            return i;
+        bytes[i] = static_cast<BYTE>(high << 4 | low);
+    }
+    return groups;
+}
+
+size_t DecodeBase64(const wchar_t* text, size_t groups, BYTE* bytes) noexcept
+{
+    for (size_t i = 0; i < groups; ++i, text += 4, bytes += 3)
+    {
+        const UINT32 bits = Base64Group(text);
+        if (bits & kBadGroup)
+            return i;
+        std::memcpy(bytes, &bits, 3);
+    }
+    return groups;
+}
+
+size_t WidenLine(const char* from, size_t size, wchar_t* to, bool& isAscii) noexcept
+{
+    unsigned seen = 0;
+    size_t at = 0;
+    for (; at < size && from[at] != '\n' && from[at] != '\r'; ++at)
+    {
+        const auto byte = static_cast<unsigned char>(from[at]);
+        seen |= byte;
+        to[at] = byte;
+    }
+    isAscii = seen < 0x80;
+    return at;
+}
+
+bool NarrowAscii(std::wstring_view text, char* to) noexcept
+{
+    unsigned seen = 0;
+    for (size_t i = 0; i < text.size(); ++i)
+    {
+        seen |= text[i];
+        to[i] = static_cast<char>(text[i]);
+    }
+    return seen < 0x80;
+}
+} // namespace Scalar
 } // namespace VoCodecKernels

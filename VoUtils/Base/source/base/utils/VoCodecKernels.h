@@ -1,4 +1,5 @@
-// The inner loops of the encodings: whole groups only, no allocation, no reports, nothing tolerated.
+// The inner loops of the encodings and of text conversion, the only place with vector instructions. No allocation, no reports,
+// no tolerance. Data conversion, the data parser and INI files call them.
 //
 // A group is the smallest piece that stands for itself: 2 characters and 1 byte in hexadecimal, 4 and 3 in Base64, 8 and 5 in
 // base-32. Every kernel touches exactly the characters and bytes of its groups. All are re-entrant.
@@ -32,4 +33,22 @@ inline constexpr BYTE kNoDigit = 0xFF;
 [[nodiscard]] BYTE HexDigitValue(wchar_t character) noexcept;
 [[nodiscard]] BYTE Base64DigitValue(wchar_t character) noexcept;
 [[nodiscard]] BYTE Base32DigitValue(wchar_t character) noexcept;
+
+// Finds the end of the first line of `size` bytes (a CR, a LF, or the end of the bytes) and returns its length. Writes each
+// byte of the line as one 16-bit unit; with `isAscii` these are the line's text. Up to 15 units behind the line are written as
+// well.
+[[nodiscard]] size_t WidenLine(const char* from, size_t size, wchar_t* to, bool& isAscii) noexcept;
+// Writes each unit of a text as one byte; false when a unit is not ASCII, the bytes are worthless then.
+[[nodiscard]] bool NarrowAscii(std::wstring_view text, char* to) noexcept;
+
+// What the kernels above must compute, one element at a time: tests compare both.
+namespace Scalar
+{
+void EncodeHex(const BYTE* bytes, size_t groups, wchar_t* text) noexcept;
+[[nodiscard]] size_t DecodeHex(const wchar_t* text, size_t groups, BYTE* bytes) noexcept;
+[[nodiscard]] size_t DecodeBase64(const wchar_t* text, size_t groups, BYTE* bytes) noexcept;
+// Writes nothing behind the line.
+[[nodiscard]] size_t WidenLine(const char* from, size_t size, wchar_t* to, bool& isAscii) noexcept;
+[[nodiscard]] bool NarrowAscii(std::wstring_view text, char* to) noexcept;
+} // namespace Scalar
 } // namespace VoCodecKernels

@@ -3,7 +3,7 @@
 #include "VoCodecKernels.h"
 
 #include <base/VoErrorHandler.h>
-#include <base/VoUtils.h>
+#include <base/VoText.h>
 
 #include <algorithm>
 #include <iterator>
