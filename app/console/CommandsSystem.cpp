@@ -2,6 +2,7 @@
 #include "Console.h"
 
 #include <base/VoErrorHandler.h>
+#include <base/VoErrorText.h>
 #include <base/VoSystemProperties.h>
 #include <base/VoUtils.h>
 

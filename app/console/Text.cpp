@@ -3,6 +3,7 @@
 
 #include <base/VoCArray.h>
 #include <base/VoErrorHandler.h>
+#include <base/VoErrorText.h>
 #include <base/VoHResult.h>
 #include <base/VoUtils.h>
 #include <base/utils/VoDataConversion.h>

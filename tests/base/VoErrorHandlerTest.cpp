@@ -142,6 +142,12 @@ TEST(LogSetup, TheLogIsNamedAfterTheApplicationTheModuleOrTheProcess)
         { L"", L"php-cgi.exe", L"mod.dll", L"mod" },
         { L"", L"dllhost.exe.exe", L"mod.dll", L"dllhost.exe" },
         { L"", L"dllhost.exe", L"", L"Application" },
+        { L"-ap ..\\x", L"prog.exe", L"mod.dll", L"prog" },
+        { L"-ap a:b", L"prog.exe", L"mod.dll", L"prog" },
+        { L"-ap \"x.\"", L"prog.exe", L"mod.dll", L"prog" },
+        { L"-ap nul.x", L"prog.exe", L"mod.dll", L"prog" },
+        { L"-ap Com1", L"prog.exe", L"mod.dll", L"prog" },
+        { L"-ap Com", L"prog.exe", L"mod.dll", L"Com" },
     };
     for (const auto& [commandLine, process, module, expected] : kCases)
         EXPECT_EQ(VoLogSetup::LogName(VoLogSetup::FindApplicationName(commandLine), process, module), expected)
@@ -175,7 +181,10 @@ TEST(LogSetup, TheDirectoryIsTheFirstThatIsKnownExpandedAndWithTheVersion)
     EXPECT_EQ(pathOf(L"%VO_TEST_LOGS%\\a\\\\", L"1.2", true), L"C:\\some\\logs\\a\\1.2");
     EXPECT_EQ(pathOf(L"%VO_TEST_LOGS%", L"1.2", false), L"C:\\some\\logs");
     EXPECT_EQ(pathOf(L"%VO_TEST_LOGS%", L"", true), L"C:\\some\\logs");
-    EXPECT_EQ(pathOf(L"%VO_TEST_LONG%", L"", true), L"%VO_TEST_LONG%");
+    wchar_t current[MAX_PATH];
+    ASSERT_GT(::GetCurrentDirectoryW(MAX_PATH, current), 0u);
+    EXPECT_EQ(pathOf(L"%VO_TEST_LONG%", L"", true), std::wstring(current) + L"\\%VO_TEST_LONG%");
+    EXPECT_EQ(pathOf(L"logs", L"", false), std::wstring(current) + L"\\logs") << "a relative folder is made absolute once";
 }
 
 TEST(Settings, AreReadWithDefaultsAndLimits)
@@ -203,7 +212,8 @@ TEST(Settings, AreReadWithDefaultsAndLimits)
              "[WatchDogSettings]\r\nNeedWatchDog=0\r\n[SETTINGS]\r\nHTTPEngine=3\r\nHTTPCheckServerCert=FALSE\r\n"
              "HTTPCheckServerCertRevocation=YES\r\n"),
         L"1100 110 01 10000 3 [C:\\logs] [1.2]");
-    for (const auto& [text, size] : { std::pair("8191", 8192), { "1048577", 1048576 } })
+    for (const auto& [text, size] :
+         { std::pair("8191", 8192), { "1048577", 1048576 }, { "99999999999", 1048576 }, { "-99999999999", 8192 } })
     {
         read(std::string("[DEBUG]\r\nAPPLOGCUTOFFSIZEINKBYTE=") + text);
         EXPECT_EQ(VoReadModuleSettings(folder.wstring()).cutOffSizeKiB, size) << text;
@@ -251,13 +261,61 @@ TEST(LogFile, WithTheLogOffThereIsNoFileAndNoWait)
     EXPECT_EQ(waits.Calls(), 0);
 }
 
-TEST(LogFile, TextThatIsNotUTF16IsReplacedByNoData)
+TEST(LogFile, UnpairedSurrogatesAreReplacedAndTheLineStays)
+{
+    CVoErrorLogFile log;
+    log.Init(OwnLog());
+    log.WriteLine(kSource, 1, L"f", L"\xDC00 \xD83D\xDE00 \xD800");
+    EXPECT_EQ(ParseLog(ReadTestFile(log.LogFilePath())).back().message, L"\xFFFD \xD83D\xDE00 \xFFFD");
+}
+
+TEST(LogFile, TextThatCannotBeConvertedIsReplacedByNoData)
 {
     CVoErrorLogFile log;
     log.Init(OwnLog());
     const std::string before = ReadTestFile(log.LogFilePath());
-    log.WriteLine(kSource, 1, L"f", L"lone \xD800 surrogate");
+    const CFailOnCall<decltype(&::WideCharToMultiByte)> failing("kernel32.dll", "WideCharToMultiByte", 1, 0,
+                                                                ERROR_INVALID_PARAMETER);
+    log.WriteLine(kSource, 1, L"f", L"text");
     EXPECT_EQ(ReadTestFile(log.LogFilePath()), before + "NO DATA");
+}
+
+TEST(LogFile, AMissingFolderIsCreatedByTheFirstLineWithTheVersionFolder)
+{
+    CVoModuleSettings settings = OwnLog();
+    settings.directory += L"\\new";
+    settings.versionString = L"1.2";
+    settings.appendVersionToDirectory = true;
+    settings.applicationLog = false;
+    CVoErrorLogFile log;
+    log.Init(settings);
+    EXPECT_FALSE(std::filesystem::exists(settings.directory));
+    log.SetApplicationLog(true);
+    EXPECT_THAT(ParseLog(ReadTestFile(log.LogFilePath())), SizeIs(1)) << "the start line, written when the log is switched on";
+    EXPECT_EQ(log.LastWriteError(), DWORD{ ERROR_SUCCESS });
+
+    settings.directory += L"\\two\\levels\\deep";
+    CVoErrorLogFile lost;
+    lost.Init(settings);
+    lost.SetApplicationLog(true);
+    EXPECT_EQ(lost.LastWriteError(), DWORD{ ERROR_PATH_NOT_FOUND });
+}
+
+TEST(LogFile, SettingsThatDoNotParseAreTheLinesBehindTheStartLine)
+{
+    const std::filesystem::path folder = MakeTestFolder(L"remarks");
+    WriteTestFile(folder / L"ModuleSettings.ini", "[DEBUG]\r\nAPPLOGCUTOFFSIZEINKBYTE=8192 KiB\r\nUseTempDirectory=0 ; no\r\n");
+    std::vector<std::wstring> remarks;
+    (void)VoReadModuleSettings(folder.wstring(), &remarks);
+    CVoErrorLogFile log;
+    log.Init(OwnLog(), remarks);
+    log.SetApplicationLog(false);
+    log.SetApplicationLog(true);
+    const std::vector<CLogLine> lines = ParseLog(ReadTestFile(log.LogFilePath()));
+    ASSERT_THAT(lines, SizeIs(3));
+    EXPECT_EQ(lines[0].line, 484);
+    EXPECT_EQ(lines[1].message, L"Setting [DEBUG] UseTempDirectory=0 ; no does not parse, the default 1 holds");
+    EXPECT_EQ(lines[2].message, L"Setting [DEBUG] APPLOGCUTOFFSIZEINKBYTE=8192 KiB does not parse, the default 8192 holds");
 }
 
 TEST(LogFile, ALineThatCannotBeWrittenIsDroppedAndLeavesTheHeaderPending)
@@ -272,8 +330,13 @@ TEST(LogFile, ALineThatCannotBeWrittenIsDroppedAndLeavesTheHeaderPending)
         settings.applicationLog = false;
         CVoErrorLogFile log;
         log.Init(settings);
-        log.SetApplicationLog(true);
         const DWORD handles = CountProcessHandles();
+        {
+            const auto failing = fault.inject(1);
+            log.SetApplicationLog(true); // the start line is lost
+            EXPECT_EQ(failing->Calls(), 1);
+            EXPECT_NE(log.LastWriteError(), DWORD{ ERROR_SUCCESS });
+        }
         {
             const auto failing = fault.inject(1);
             ::SetLastError(4711);
@@ -393,7 +456,10 @@ TEST(LogFile, LinesOfManyThreadsAndProcessesStayWhole)
     const std::string bytes = ReadTestFile(VoErrorLog().LogFilePath()).substr(before.size());
     EXPECT_EQ(CountHeaders(bytes), processes.size()) << "each process adds its run header";
     const std::vector<CLogLine> lines = ParseLog(bytes);
-    EXPECT_THAT(lines, SizeIs(processes.size() * 2 * kLinesOfAWriter));
+    EXPECT_THAT(lines, SizeIs(processes.size() * (1 + 2 * kLinesOfAWriter))) << "with the start line of each process";
     for (const CLogLine& line : lines)
-        EXPECT_EQ(line.message, VoFormat(L"line %d of %d", line.line, line.threadId));
+    {
+        if (line.line != 484)
+            EXPECT_EQ(line.message, VoFormat(L"line %d of %d", line.line, line.threadId));
+    }
 }

@@ -1,4 +1,5 @@
 #include <base/VoErrorHandler.h>
+#include <base/VoErrorText.h>
 #include <base/VoErrorTranslator.h>
 #include <base/VoUtils.h>
 

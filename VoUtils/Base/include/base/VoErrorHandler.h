@@ -1,4 +1,4 @@
-// Error reporting: the process-wide trace log, the module's settings, error texts.
+// Error reporting: the process-wide trace log, and the reporters that write to it. Every failing function uses it.
 //
 // A function that fails reports where it happened and returns the code; each caller that passes the failure on reports again
 // under its own name, so that the log shows the chain:
@@ -14,35 +14,16 @@
 #pragma once
 
 #include <base/VoHResult.h>
+#include <base/VoHandle.h>
 #include <base/VoLock.h>
+#include <base/VoModuleSettings.h>
 #include <base/VoPlatform.h>
 
 #include <atomic>
 #include <string>
 #include <string_view>
 #include <utility>
-
-// What ModuleSettings.ini switches, with the defaults that hold where a key is missing or does not parse.
-struct CVoModuleSettings
-{
-    bool applicationLog = false;             // DEBUG/APPLOG
-    bool otherLog = false;                   // DEBUG/OTHERLOG; read and stored for the application
-    bool cutOff = true;                      // DEBUG/APPLOGCUTOFF
-    INT32 cutOffSizeKiB = 8192;              // DEBUG/APPLOGCUTOFFSIZEINKBYTE, 8192..1048576
-    bool useTempDirectory = true;            // DEBUG/UseTempDirectory
-    std::wstring directory;                  // DEBUG/Directory
-    std::wstring versionString;              // DEBUG/VersionString
-    bool appendVersionToDirectory = false;   // DEBUG/AppendSoftwareVersionToLogDir
-    bool localizerGenerate = false;          // OrvLocalizer/Generate; read and stored for the application
-    bool needWatchdog = true;                // WatchDogSettings/NeedWatchDog; read and stored for the application
-    UINT32 httpEngine = 0;                   // SETTINGS/HTTPEngine, 0..3
-    bool checkServerCertificate = true;      // SETTINGS/HTTPCheckServerCert
-    bool checkCertificateRevocation = false; // SETTINGS/HTTPCheckServerCertRevocation
-};
-
-// Reads ModuleSettings.ini in the given folder. A missing file or key, or a value that does not parse, leaves the default;
-// values out of range are clamped as noted above, an HTTPEngine out of range is 0. Throws std::bad_alloc.
-[[nodiscard]] CVoModuleSettings VoReadModuleSettings(const std::wstring& directory);
+#include <vector>
 
 // Names the folder in which ModuleSettings.ini is looked up, in place of the folder of the module's file. Call it before the
 // first report or settings query of the process; afterwards it answers HRESULT_FROM_WIN32(ERROR_ALREADY_INITIALIZED) and
@@ -58,15 +39,18 @@ class CVoErrorLogFile
 {
 public:
     CVoErrorLogFile() = default;
-    ~CVoErrorLogFile();
     CVoErrorLogFile(const CVoErrorLogFile&) = delete;
     CVoErrorLogFile& operator=(const CVoErrorLogFile&) = delete;
 
-    // Takes over the settings, resolves the log's path and mutex, builds the run header, and writes the start line. A second
-    // call does nothing. Call it before other threads know the object.
-    void Init(const CVoModuleSettings& settings) noexcept;
+    // Reads ModuleSettings.ini, resolves the log's path and mutex, builds the run header, and writes the start line when the
+    // log is on. A second call does nothing. Call it before other threads know the object. The process's log needs no call.
+    void Init() noexcept;
+    // The same with settings that the caller has read, and the remarks that VoReadModuleSettings made on them; each remark
+    // becomes a line behind the start line.
+    void Init(const CVoModuleSettings& settings, std::vector<std::wstring> remarks = {}) noexcept;
 
-    // Switches the application log on or off for this run, whatever the settings say. Any thread.
+    // Switches the application log on or off for this run, whatever the settings say. The first time that it is on, the start
+    // line is written. Any thread.
     void SetApplicationLog(bool on) noexcept;
     [[nodiscard]] bool IsApplicationLogOn() const noexcept { return m_applicationLog.load(std::memory_order_relaxed); }
 
@@ -74,10 +58,15 @@ public:
     void SetUseErrorTranslator(bool on) noexcept { m_useErrorTranslator.store(on, std::memory_order_relaxed); }
     [[nodiscard]] bool UsesErrorTranslator() const noexcept { return m_useErrorTranslator.load(std::memory_order_relaxed); }
 
-    // Full path of the log file; empty means that lines go nowhere. Fixed by Init.
+    // Full path of the log file; empty means that lines go nowhere. Fixed by Init. The file and its folder are created by the
+    // first line.
     [[nodiscard]] const std::wstring& LogFilePath() const noexcept { return m_logFilePath; }
     [[nodiscard]] const std::wstring& ModuleName() const noexcept { return m_moduleName; }
     [[nodiscard]] const CVoModuleSettings& Settings() const noexcept { return m_settings; }
+
+    // The platform's error of the last line that could not be written; 0 (ERROR_SUCCESS) after a line was written, and before
+    // the first.
+    [[nodiscard]] DWORD LastWriteError() const noexcept { return m_writeError.load(std::memory_order_relaxed); }
 
     // Writes one line. A null source leaves out module and file, a negative line number the line, a null function the function.
     // Keeps the calling thread's last error.
@@ -89,19 +78,25 @@ private:
     friend CVoErrorLogFile& VoErrorLog() noexcept;
 
     void ResolveNames();
+    void WriteStartLines() noexcept;
     void Write(std::wstring_view line) noexcept;
 
     CVoModuleSettings m_settings;
     std::atomic<bool> m_applicationLog{ false };
     std::atomic<bool> m_useErrorTranslator{ false };
+    std::atomic<bool> m_startLinesWritten{ false };
+    std::atomic<DWORD> m_writeError{ ERROR_SUCCESS };
     bool m_initialised = false;
     bool m_isProcessLog = false;
     bool m_headerWritten = false; // guarded by m_writeLock and, across processes, by the mutex
     std::wstring m_moduleName;
     std::wstring m_modulePart; // " Module=NAME File=", as it stands in every line
+    std::wstring m_directory;
+    std::wstring m_parentDirectory; // of a folder named after the version; else empty
     std::wstring m_logFilePath;
+    std::vector<std::wstring> m_remarks;
     std::wstring m_runHeader;
-    HANDLE m_mutex = nullptr;
+    CVoHandle m_mutex;
     CVoLock m_writeLock;
     CVoLock m_switchLock;
 };
@@ -185,11 +180,13 @@ public:
     //     HRESULT CVoThing::Read(std::wstring& text) const noexcept
     //     {
     //         constexpr CVoReporter report{ kSource, L"CVoThing::Read" };
-    //         return report.Guard(120, [&]() -> HRESULT {
+    //         const auto body = [&]() -> HRESULT
+    //         {
     //             if (const HRESULT hr = m_file.Read(text); FAILED(hr))
     //                 return report(112, hr);
     //             return S_OK;
-    //         });
+    //         };
+    //         return report.Guard(120, body);
     //     }
     template <class Body>
     [[nodiscard]] HRESULT Guard(int exceptionLine, Body&& body) const noexcept
@@ -215,24 +212,3 @@ private:
     const wchar_t* m_source;
     const wchar_t* m_function;
 };
-
-// The text for the user of a result code, without a line end behind it. Any thread.
-//   facility 7 (Win32): the system's text, in the user's language; for the Internet errors 12000..12192 from wininet.dll
-//   facility 259: the library's own table (VoHResult.h)
-//   facility 260: the error translator module, when the log's translator switch is on
-//   any other: the system's text for the whole code
-// Where there is no text, `useFallback` gives "Unknown system error occured!"; without it the call fails with E_FAIL. Answers
-// S_FALSE (1) when `text` is null. `text` is untouched on failure.
-[[nodiscard]] HRESULT VoGetErrorText(HRESULT code, bool useFallback, std::wstring* text) noexcept;
-
-// Shows the text of a code in a message box with the caption "Error", or, for facility 260 with the translator switched on, in
-// the translator module's own window; blocks until the user closes it.
-[[nodiscard]] HRESULT VoShowError(HRESULT code, bool useFallback) noexcept;
-
-// Loads the error translator module now, before the first text of facility 260 does: null loads the file
-// "Kestrelan\ErrorTranslator.dll" in the folder of common program files, a name takes a module that the process has loaded
-// already. The module is loaded once per process, and a failure (shown in a message box) is final: later calls give
-// HRESULT_FROM_WIN32(ERROR_MOD_NOT_FOUND). The module exports, in the platform's calling convention,
-//     HRESULT GetErrorString(HRESULT code, BSTR* text)                    the caller frees the text
-//     HRESULT ShowErrorMessageWindow(HRESULT code, const wchar_t* text)   modal
-[[nodiscard]] HRESULT VoLoadErrorTranslator(const wchar_t* loadedModule) noexcept;

@@ -3,6 +3,8 @@
 
 #include <base/VoPlatform.h>
 
+#include <mutex>
+
 // Not to be taken twice by one thread. Unlike a mutex of some C++ libraries it allocates nothing, so that functions that
 // promise not to throw may take it. Named as the standard library's guards ask.
 class CVoLock
@@ -21,3 +23,7 @@ public:
 private:
     SRWLOCK m_lock = SRWLOCK_INIT;
 };
+
+// Holds a CVoLock for a scope, and may release it earlier (unlock). The only holder of this kind of lock; CLockObject has
+// CAutoLock (VoMultiThreading.h).
+using CVoLockHolder = std::unique_lock<CVoLock>;

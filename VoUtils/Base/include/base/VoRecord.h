@@ -13,7 +13,7 @@ template <class Record, class Value>
 struct CVoField
 {
     const wchar_t* key;
-    Value Record::*member;
+    Value Record::* member;
 };
 
 // The fields of a struct, in the order in which they are written:

@@ -21,6 +21,18 @@
 // The text without white space (iswspace) at both ends.
 [[nodiscard]] std::wstring_view VoTrim(std::wstring_view text) noexcept;
 
+// "TRUE", "1", "YES", "ON" and "FALSE", "0", "NO", "OFF" without regard to case; nothing for any other text.
+[[nodiscard]] std::optional<bool> VoParseBool(std::wstring_view text) noexcept;
+
+// A path without the prefix that lifts its length limit: "\\?\C:\x" becomes "C:\x", "\\?\UNC\server\share"
+// "\\server\share". A path that needs its prefix (MAX_PATH characters or more, or a volume's name) keeps it. Throws
+// std::bad_alloc.
+[[nodiscard]] std::wstring VoWithoutLongPathPrefix(std::wstring_view path);
+
+// The text with each unpaired surrogate replaced by U+FFFD, so that every encoding of Unicode can hold it. Throws
+// std::bad_alloc.
+[[nodiscard]] std::wstring VoWithoutLoneSurrogates(std::wstring_view text);
+
 namespace VoTextDetail
 {
 // A decimal number as it is written. A magnitude above UINT64_MAX is clamped to it and sets `isAboveMaximum`.

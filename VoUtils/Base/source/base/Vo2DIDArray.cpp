@@ -11,24 +11,23 @@ constexpr UINT32 kMaximumSize = std::numeric_limits<INT32>::max();
 } // namespace
 
 HRESULT CVo2DIDArray::SetSize(UINT32 rows, UINT32 columns) noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"CVo2DIDArray::SetSize" };
-    if (rows > kMaximumSize || columns > kMaximumSize)
-        return report(20, E_INVALIDARG);
-    const UINT64 count = UINT64{ rows } * columns;
-    std::vector<std::unique_ptr<CCell>> cells;
-    if (count > cells.max_size())
-        return report(24, E_OUTOFMEMORY);
-    cells.resize(static_cast<size_t>(count));
-    m_cells = std::move(cells);
-    m_rows = rows;
-    m_columns = columns;
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVo2DIDArray::SetSize" }.CurrentException(33);
+    const auto body = [&]() -> HRESULT
+    {
+        if (rows > kMaximumSize || columns > kMaximumSize)
+            return report(20, E_INVALIDARG);
+        const UINT64 count = UINT64{ rows } * columns;
+        std::vector<std::unique_ptr<CCell>> cells;
+        if (count > cells.max_size())
+            return report(24, E_OUTOFMEMORY);
+        cells.resize(static_cast<size_t>(count));
+        m_cells = std::move(cells);
+        m_rows = rows;
+        m_columns = columns;
+        return S_OK;
+    };
+    return report.Guard(33, body);
 }
 
 void CVo2DIDArray::Clear() noexcept
@@ -49,20 +48,19 @@ HRESULT CVo2DIDArray::SetCell(UINT32 row, UINT32 column, std::wstring_view id, c
 }
 
 HRESULT CVo2DIDArray::SetCell(UINT32 row, UINT32 column, std::wstring_view id, CVoVariant&& value) noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"CVo2DIDArray::SetCell" };
-    if (!IsInside(row, column))
-        return report(58, E_INVALIDARG);
-    auto cell = std::make_unique<CCell>();
-    cell->id = id;
-    cell->value = std::move(value);
-    m_cells[Index(row, column)] = std::move(cell);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVo2DIDArray::SetCell" }.CurrentException(68);
+    const auto body = [&]() -> HRESULT
+    {
+        if (!IsInside(row, column))
+            return report(58, E_INVALIDARG);
+        auto cell = std::make_unique<CCell>();
+        cell->id = id;
+        cell->value = std::move(value);
+        m_cells[Index(row, column)] = std::move(cell);
+        return S_OK;
+    };
+    return report.Guard(68, body);
 }
 
 HRESULT CVo2DIDArray::ClearCell(UINT32 row, UINT32 column) noexcept

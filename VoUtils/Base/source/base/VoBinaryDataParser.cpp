@@ -1,7 +1,8 @@
 #include <base/VoDataParser.h>
 
 #include <base/VoErrorHandler.h>
-#include <base/VoUtils.h>
+#include <base/VoText.h>
+#include <base/VoTextConversion.h>
 
 #include <algorithm>
 #include <cstring>
@@ -109,42 +110,40 @@ HRESULT CVoBinaryDataParser::ReadParams(std::span<const BYTE> text, bool useUtf8
 }
 
 HRESULT CVoBinaryDataParser::Parse(UINT32 length, const BYTE* bytes, bool binaryOnly, bool useUtf8) noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::Parse" };
-    if (!bytes && length > 0)
-        return report(700, E_INVALIDARG);
-    // The old payload is released only at the end: the bytes may be its own.
-    const std::vector<BYTE> oldPayload = TakePayload();
-    const CMessageParts parts = Split({ bytes, length }, binaryOnly, useUtf8);
-    std::vector<BYTE> payload(parts.payload.begin(), parts.payload.end());
-    if (const HRESULT hr = ReadParams(parts.text, useUtf8); FAILED(hr))
-        return report(707, hr);
-    m_payload = std::move(payload);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoBinaryDataParser::Parse" }.CurrentException(713);
+    const auto body = [&]() -> HRESULT
+    {
+        if (!bytes && length > 0)
+            return report(700, E_INVALIDARG);
+        // The old payload is released only at the end: the bytes may be its own.
+        const std::vector<BYTE> oldPayload = TakePayload();
+        const CMessageParts parts = Split({ bytes, length }, binaryOnly, useUtf8);
+        std::vector<BYTE> payload(parts.payload.begin(), parts.payload.end());
+        if (const HRESULT hr = ReadParams(parts.text, useUtf8); FAILED(hr))
+            return report(707, hr);
+        m_payload = std::move(payload);
+        return S_OK;
+    };
+    return report.Guard(713, body);
 }
 
 HRESULT CVoBinaryDataParser::Parse(std::vector<BYTE>&& bytes, bool binaryOnly, bool useUtf8) noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::Parse" };
-    if (bytes.size() > kMaximumLength)
-        return report(721, E_INVALIDARG);
-    m_payload = {};
-    const CMessageParts parts = Split(bytes, binaryOnly, useUtf8);
-    if (const HRESULT hr = ReadParams(parts.text, useUtf8); FAILED(hr))
-        return report(725, hr);
-    bytes.erase(bytes.begin(), bytes.end() - static_cast<std::ptrdiff_t>(parts.payload.size()));
-    m_payload = std::move(bytes);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoBinaryDataParser::Parse" }.CurrentException(732);
+    const auto body = [&]() -> HRESULT
+    {
+        if (bytes.size() > kMaximumLength)
+            return report(721, E_INVALIDARG);
+        m_payload = {};
+        const CMessageParts parts = Split(bytes, binaryOnly, useUtf8);
+        if (const HRESULT hr = ReadParams(parts.text, useUtf8); FAILED(hr))
+            return report(725, hr);
+        bytes.erase(bytes.begin(), bytes.end() - static_cast<std::ptrdiff_t>(parts.payload.size()));
+        m_payload = std::move(bytes);
+        return S_OK;
+    };
+    return report.Guard(732, body);
 }
 
 HRESULT CVoBinaryDataParser::StringToMessageData(std::wstring_view text, bool useUtf8, std::string& bytes)
@@ -167,44 +166,43 @@ HRESULT CVoBinaryDataParser::internalGetParamData(bool useUtf8, std::string_view
 }
 
 HRESULT CVoBinaryDataParser::GetParamData(bool useUtf8, UINT32* length, BYTE** buffer) const noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::GetParamData" };
-    std::string text;
-    if (const HRESULT hr = internalGetParamData(useUtf8, {}, text); FAILED(hr))
-        return report(759, hr);
-    const std::span<const BYTE> pieces[] = { BytesOf(text) };
-    if (const HRESULT hr = HandOut(pieces, length, buffer); FAILED(hr))
-        return report(762, hr);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoBinaryDataParser::GetParamData" }.CurrentException(767);
+    const auto body = [&]() -> HRESULT
+    {
+        std::string text;
+        if (const HRESULT hr = internalGetParamData(useUtf8, {}, text); FAILED(hr))
+            return report(759, hr);
+        const std::span<const BYTE> pieces[] = { BytesOf(text) };
+        if (const HRESULT hr = HandOut(pieces, length, buffer); FAILED(hr))
+            return report(762, hr);
+        return S_OK;
+    };
+    return report.Guard(767, body);
 }
 
 HRESULT CVoBinaryDataParser::internalGetMessageData(bool withSizePrefix, UINT32* length, BYTE** buffer, bool skipParams,
                                                     bool useUtf8) const noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::GetMessageData" };
-    std::string text;
-    if (!skipParams)
-        if (const HRESULT hr = internalGetParamData(useUtf8, kTerminator, text); FAILED(hr))
-            return report(778, hr);
-    const size_t messageLength = text.size() + m_payload.size();
-    // Little-endian whatever the machine. It does not count itself; a length that does not fit is refused below.
-    BYTE prefix[kSizePrefixLength];
-    for (size_t i = 0; i < kSizePrefixLength; ++i)
-        prefix[i] = static_cast<BYTE>(messageLength >> (8 * i) & 0xFF);
-    const std::span<const BYTE> pieces[] = { { prefix, withSizePrefix ? kSizePrefixLength : 0 }, BytesOf(text), m_payload };
-    if (const HRESULT hr = HandOut(pieces, length, buffer); FAILED(hr))
-        return report(786, hr);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoBinaryDataParser::GetMessageData" }.CurrentException(791);
+    const auto body = [&]() -> HRESULT
+    {
+        std::string text;
+        if (!skipParams)
+            if (const HRESULT hr = internalGetParamData(useUtf8, kTerminator, text); FAILED(hr))
+                return report(778, hr);
+        const size_t messageLength = text.size() + m_payload.size();
+        // Little-endian whatever the machine. It does not count itself; a length that does not fit is
+        // refused below.
+        BYTE prefix[kSizePrefixLength];
+        for (size_t i = 0; i < kSizePrefixLength; ++i)
+            prefix[i] = static_cast<BYTE>(messageLength >> (8 * i) & 0xFF);
+        const std::span<const BYTE> pieces[] = { { prefix, withSizePrefix ? kSizePrefixLength : 0 }, BytesOf(text), m_payload };
+        if (const HRESULT hr = HandOut(pieces, length, buffer); FAILED(hr))
+            return report(786, hr);
+        return S_OK;
+    };
+    return report.Guard(791, body);
 }
 
 HRESULT CVoBinaryDataParser::GetMessageData(UINT32* length, BYTE** buffer, bool skipParams, bool useUtf8) const noexcept
@@ -223,68 +221,66 @@ HRESULT CVoBinaryDataParser::GetMessageDataWithSizePrefix(UINT32* length, BYTE**
 
 HRESULT CVoBinaryDataParser::GetFormMessageData(UINT32* length, BYTE** buffer, std::wstring& boundary,
                                                 bool useUtf8) const noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::GetFormMessageData" };
-    GUID guid;
-    if (const HRESULT hr = ::CoCreateGuid(&guid); FAILED(hr))
-        return report(815, hr);
-    // The GUID's last seven bytes: all of them random.
-    const unsigned char* const random = guid.Data4 + 1;
-    std::wstring line = VoFormat(L"---------------------------%.2X%.2X%.2X%.2X%.2X%.2X%.2X", random[0], random[1], random[2],
-                                 random[3], random[4], random[5], random[6]);
-
-    std::wstring head;
-    for (size_t i = 0; i < GetCount(); ++i)
+    const auto body = [&]() -> HRESULT
     {
-        const CParamRec& param = GetAt(i);
-        if (VoEqualsNoCase(param.Name(), kFileNameParam) || VoEqualsNoCase(param.Name(), kContentTypeParam))
-            continue;
-        head.append(L"--").append(line).append(L"\r\nContent-Disposition: form-data; name=\"");
-        head.append(HeaderText(param.Name(), true)).append(L"\"\r\n\r\n").append(param.Value()).append(L"\r\n");
-    }
+        GUID guid;
+        if (const HRESULT hr = ::CoCreateGuid(&guid); FAILED(hr))
+            return report(815, hr);
+        // The GUID's last seven bytes: all of them random.
+        const unsigned char* const random = guid.Data4 + 1;
+        std::wstring line = VoFormat(L"---------------------------%.2X%.2X%.2X%.2X%.2X%.2X%.2X", random[0], random[1],
+                                     random[2], random[3], random[4], random[5], random[6]);
 
-    const CParamRec* const fileName = FindParam(kFileNameParam);
-    const bool hasFile = fileName && !fileName->Value().empty();
-    std::wstring foot;
-    if (hasFile)
-    {
-        const CParamRec* const contentType = FindParam(kContentTypeParam);
-        head.append(L"--").append(line).append(L"\r\nContent-Disposition: form-data; name=\"file\"; filename=\"");
-        head.append(HeaderText(fileName->Value(), true)).append(L"\"\r\nContent-Type: ");
-        head.append(contentType ? HeaderText(contentType->Value(), false) : L"image/pjpeg").append(L"\r\n\r\n");
-        foot = L"\r\n";
-    }
-    foot.append(L"--").append(line).append(L"--");
+        std::wstring head;
+        for (size_t i = 0; i < GetCount(); ++i)
+        {
+            const CParamRec& param = GetAt(i);
+            if (VoEqualsNoCase(param.Name(), kFileNameParam) || VoEqualsNoCase(param.Name(), kContentTypeParam))
+                continue;
+            head.append(L"--").append(line).append(L"\r\nContent-Disposition: form-data; name=\"");
+            head.append(HeaderText(param.Name(), true)).append(L"\"\r\n\r\n").append(param.Value()).append(L"\r\n");
+        }
 
-    std::string headBytes;
-    if (const HRESULT hr = StringToMessageData(head, useUtf8, headBytes); FAILED(hr))
-        return report(846, hr);
-    std::string footBytes;
-    if (const HRESULT hr = StringToMessageData(foot, useUtf8, footBytes); FAILED(hr))
-        return report(849, hr);
-    const std::span<const BYTE> payload = hasFile ? Payload() : std::span<const BYTE>();
-    const std::span<const BYTE> pieces[] = { BytesOf(headBytes), payload, BytesOf(footBytes) };
-    if (const HRESULT hr = HandOut(pieces, length, buffer); FAILED(hr))
-        return report(853, hr);
-    boundary = std::move(line);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoBinaryDataParser::GetFormMessageData" }.CurrentException(859);
+        const CParamRec* const fileName = FindParam(kFileNameParam);
+        const bool hasFile = fileName && !fileName->Value().empty();
+        std::wstring foot;
+        if (hasFile)
+        {
+            const CParamRec* const contentType = FindParam(kContentTypeParam);
+            head.append(L"--").append(line).append(L"\r\nContent-Disposition: form-data; name=\"file\"; filename=\"");
+            head.append(HeaderText(fileName->Value(), true)).append(L"\"\r\nContent-Type: ");
+            head.append(contentType ? HeaderText(contentType->Value(), false) : L"image/pjpeg").append(L"\r\n\r\n");
+            foot = L"\r\n";
+        }
+        foot.append(L"--").append(line).append(L"--");
+
+        std::string headBytes;
+        if (const HRESULT hr = StringToMessageData(head, useUtf8, headBytes); FAILED(hr))
+            return report(846, hr);
+        std::string footBytes;
+        if (const HRESULT hr = StringToMessageData(foot, useUtf8, footBytes); FAILED(hr))
+            return report(849, hr);
+        const std::span<const BYTE> payload = hasFile ? Payload() : std::span<const BYTE>();
+        const std::span<const BYTE> pieces[] = { BytesOf(headBytes), payload, BytesOf(footBytes) };
+        if (const HRESULT hr = HandOut(pieces, length, buffer); FAILED(hr))
+            return report(853, hr);
+        boundary = std::move(line);
+        return S_OK;
+    };
+    return report.Guard(859, body);
 }
 
 HRESULT CVoBinaryDataParser::SetPayload(const BYTE* bytes, UINT32 length) noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::SetPayload" };
-    if (!bytes && length > 0)
-        return report(867, E_INVALIDARG);
-    m_payload = std::vector<BYTE>(bytes, bytes + length);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoBinaryDataParser::SetPayload" }.CurrentException(873);
+    const auto body = [&]() -> HRESULT
+    {
+        if (!bytes && length > 0)
+            return report(867, E_INVALIDARG);
+        m_payload = std::vector<BYTE>(bytes, bytes + length);
+        return S_OK;
+    };
+    return report.Guard(873, body);
 }

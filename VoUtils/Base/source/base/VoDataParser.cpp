@@ -3,12 +3,15 @@
 #include "utils/VoCodecKernels.h"
 
 #include <base/VoErrorHandler.h>
-#include <base/VoUtils.h>
+#include <base/VoText.h>
+#include <base/VoTextConversion.h>
+#include <base/VoVariant.h>
 #include <base/utils/VoDataConversion.h>
 
 #include <algorithm>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <type_traits>
 
 namespace
@@ -191,18 +194,17 @@ void CVoDataParser::WipeAll() noexcept
 }
 
 HRESULT CVoDataParser::AddParam(std::wstring_view name, std::wstring_view value) noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"CVoDataParser::AddParam" };
-    auto record = std::make_unique<CParamRec>(name, value);
-    if (const HRESULT hr = m_params.Add(record.get()); FAILED(hr))
-        return report(118, hr);
-    (void)record.release(); // the list owns it now
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoDataParser::AddParam" }.CurrentException(124);
+    const auto body = [&]() -> HRESULT
+    {
+        auto record = std::make_unique<CParamRec>(name, value);
+        if (const HRESULT hr = m_params.Add(record.get()); FAILED(hr))
+            return report(118, hr);
+        (void)record.release(); // the list owns it now
+        return S_OK;
+    };
+    return report.Guard(124, body);
 }
 
 HRESULT CVoDataParser::AddParam(std::wstring_view name, const wchar_t* value) noexcept
@@ -236,36 +238,34 @@ HRESULT CVoDataParser::AddParam(std::wstring_view name, bool value) noexcept
 }
 
 HRESULT CVoDataParser::AddParam(std::wstring_view name, const VARIANT& value) noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"CVoDataParser::AddParam" };
-    std::wstring text;
-    if (const HRESULT hr = VariantToText(value, text); FAILED(hr))
-        return report(163, hr);
-    return AddParam(name, std::wstring_view(text));
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoDataParser::AddParam" }.CurrentException(168);
+    const auto body = [&]() -> HRESULT
+    {
+        std::wstring text;
+        if (const HRESULT hr = VariantToText(value, text); FAILED(hr))
+            return report(163, hr);
+        return AddParam(name, std::wstring_view(text));
+    };
+    return report.Guard(168, body);
 }
 
 HRESULT CVoDataParser::AddParam(std::wstring_view name, const CVo2DIDArray& value) noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"CVoDataParser::AddParam" };
-    CVoDataParser cells;
-    if (const HRESULT hr = cells.AppendCells(name, value); FAILED(hr))
-        return report(178, hr);
-    const size_t count = GetCount();
-    if (const HRESULT hr = m_params.SetSize(count + cells.GetCount()); FAILED(hr))
-        return report(181, hr);
-    for (size_t i = 0; i < cells.GetCount(); ++i)
-        m_params[count + i] = std::exchange(cells.m_params[i], nullptr);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoDataParser::AddParam" }.CurrentException(188);
+    const auto body = [&]() -> HRESULT
+    {
+        CVoDataParser cells;
+        if (const HRESULT hr = cells.AppendCells(name, value); FAILED(hr))
+            return report(178, hr);
+        const size_t count = GetCount();
+        if (const HRESULT hr = m_params.SetSize(count + cells.GetCount()); FAILED(hr))
+            return report(181, hr);
+        for (size_t i = 0; i < cells.GetCount(); ++i)
+            m_params[count + i] = std::exchange(cells.m_params[i], nullptr);
+        return S_OK;
+    };
+    return report.Guard(188, body);
 }
 
 HRESULT CVoDataParser::AppendCells(std::wstring_view name, const CVo2DIDArray& value)
@@ -305,19 +305,18 @@ const CParamRec* CVoDataParser::FindParam(std::wstring_view name) const noexcept
 }
 
 HRESULT CVoDataParser::GetParam(std::wstring_view name, std::wstring& value) const noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"CVoDataParser::GetParam" };
-    const CParamRec* const record = FindParam(name);
-    if (!record)
-        return report(234, HResultFromWin32(ERROR_NOT_FOUND));
-    std::wstring text = record->Value();
-    value = std::move(text);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoDataParser::GetParam" }.CurrentException(241);
+    const auto body = [&]() -> HRESULT
+    {
+        const CParamRec* const record = FindParam(name);
+        if (!record)
+            return report(234, HResultFromWin32(ERROR_NOT_FOUND));
+        std::wstring text = record->Value();
+        value = std::move(text);
+        return S_OK;
+    };
+    return report.Guard(241, body);
 }
 
 template <class CValue>
@@ -357,38 +356,36 @@ HRESULT CVoDataParser::GetParam(std::wstring_view name, VARIANT& value) const no
 }
 
 HRESULT CVoDataParser::GetParam(std::wstring_view name, VARIANT& value, VARTYPE type) const noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"CVoDataParser::GetParam" };
-    const CParamRec* const record = FindParam(name);
-    if (!record)
-        return report(288, HResultFromWin32(ERROR_NOT_FOUND));
-    CVoVariant converted;
-    if (const HRESULT hr = TextToVariant(record->Value(), type, converted); FAILED(hr))
-        return report(291, hr);
-    if (const HRESULT hr = ::VariantClear(&value); FAILED(hr))
-        return report(293, hr);
-    value = converted.Detach();
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoDataParser::GetParam" }.CurrentException(299);
+    const auto body = [&]() -> HRESULT
+    {
+        const CParamRec* const record = FindParam(name);
+        if (!record)
+            return report(288, HResultFromWin32(ERROR_NOT_FOUND));
+        CVoVariant converted;
+        if (const HRESULT hr = TextToVariant(record->Value(), type, converted); FAILED(hr))
+            return report(291, hr);
+        if (const HRESULT hr = ::VariantClear(&value); FAILED(hr))
+            return report(293, hr);
+        value = converted.Detach();
+        return S_OK;
+    };
+    return report.Guard(299, body);
 }
 
 HRESULT CVoDataParser::GetParam(std::wstring_view name, CVo2DIDArray& value) const noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"CVoDataParser::GetParam" };
-    CVo2DIDArray read;
-    if (const HRESULT hr = ReadCells(name, read); FAILED(hr))
-        return report(308, hr);
-    value = std::move(read);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoDataParser::GetParam" }.CurrentException(314);
+    const auto body = [&]() -> HRESULT
+    {
+        CVo2DIDArray read;
+        if (const HRESULT hr = ReadCells(name, read); FAILED(hr))
+            return report(308, hr);
+        value = std::move(read);
+        return S_OK;
+    };
+    return report.Guard(314, body);
 }
 
 namespace
@@ -416,17 +413,13 @@ struct CCellRecords
 // A cell's number as the keys write it: decimal digits without leading zeros, below `limit`.
 bool ParseIndex(std::wstring_view text, UINT32 limit, UINT32& index) noexcept
 {
-    if (text.empty() || text.size() > 10 || (text.size() > 1 && text.front() == L'0'))
+    if (text.size() > 1 && text.front() == L'0')
         return false;
-    UINT64 number = 0;
-    for (const wchar_t c : text)
-    {
-        if (c < L'0' || c > L'9')
-            return false;
-        number = number * 10 + static_cast<UINT64>(c - L'0');
-    }
-    index = static_cast<UINT32>(number);
-    return number < limit;
+    const std::optional<UINT32> number = VoParseDecimal<UINT32>(text);
+    if (!number || *number >= limit)
+        return false;
+    index = *number;
+    return true;
 }
 
 // Takes "_text" off the end of `key`; false when there is no "_".
@@ -518,135 +511,133 @@ HRESULT CVoDataParser::ReadCells(std::wstring_view name, CVo2DIDArray& value) co
 }
 
 HRESULT CVoDataParser::ReadParamsFromString(std::wstring_view text) noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"CVoDataParser::ReadParamsFromString" };
-    for (size_t begin = 0; begin < text.size();)
+    const auto body = [&]() -> HRESULT
     {
-        const size_t end = FindPairEnd(text, begin);
-        if (end > begin)
+        for (size_t begin = 0; begin < text.size();)
         {
-            auto record = std::make_unique<CParamRec>();
-            if (const HRESULT hr = record->PutParamString(text.data() + begin, end - begin); FAILED(hr))
-                return report(446, hr);
-            if (const HRESULT hr = m_params.Add(record.get()); FAILED(hr))
-                return report(448, hr);
-            (void)record.release(); // the list owns it now
+            const size_t end = FindPairEnd(text, begin);
+            if (end > begin)
+            {
+                auto record = std::make_unique<CParamRec>();
+                if (const HRESULT hr = record->PutParamString(text.data() + begin, end - begin); FAILED(hr))
+                    return report(446, hr);
+                if (const HRESULT hr = m_params.Add(record.get()); FAILED(hr))
+                    return report(448, hr);
+                (void)record.release(); // the list owns it now
+            }
+            begin = end + 1;
         }
-        begin = end + 1;
-    }
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoDataParser::ReadParamsFromString" }.CurrentException(457);
+        return S_OK;
+    };
+    return report.Guard(457, body);
 }
 
 HRESULT CVoDataParser::GetParamsAsString(std::wstring& text) const noexcept
-try
 {
-    size_t size = GetCount() > 0 ? GetCount() - 1 : 0;
-    for (const CParamRec* record : m_params)
+    constexpr CVoReporter report{ kSource, L"CVoDataParser::GetParamsAsString" };
+    const auto body = [&]() -> HRESULT
     {
-        const std::wstring& value = record->Value();
-        size += record->Name().size() + 1 + value.size() +
-                static_cast<size_t>(std::count_if(value.begin(), value.end(), IsReserved));
-    }
-    std::wstring written(size, L'\0');
-    wchar_t* to = written.data();
-    for (const CParamRec* record : m_params)
-    {
-        if (to != written.data())
-            *to++ = L'&';
-        to = std::copy(record->Name().begin(), record->Name().end(), to);
-        *to++ = L'=';
-        for (const wchar_t character : record->Value())
+        size_t size = GetCount() > 0 ? GetCount() - 1 : 0;
+        for (const CParamRec* record : m_params)
         {
-            if (IsReserved(character))
-                *to++ = L'$';
-            *to++ = character;
+            const std::wstring& value = record->Value();
+            size += record->Name().size() + 1 + value.size() +
+                    static_cast<size_t>(std::count_if(value.begin(), value.end(), IsReserved));
         }
-    }
-    text = std::move(written);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoDataParser::GetParamsAsString" }.CurrentException(489);
+        std::wstring written(size, L'\0');
+        wchar_t* to = written.data();
+        for (const CParamRec* record : m_params)
+        {
+            if (to != written.data())
+                *to++ = L'&';
+            to = std::copy(record->Name().begin(), record->Name().end(), to);
+            *to++ = L'=';
+            for (const wchar_t character : record->Value())
+            {
+                if (IsReserved(character))
+                    *to++ = L'$';
+                *to++ = character;
+            }
+        }
+        text = std::move(written);
+        return S_OK;
+    };
+    return report.Guard(489, body);
 }
 
 HRESULT CVoDataParser::ToUTF8AndUrlEncode(bool useUtf8, std::wstring& value) noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"CVoDataParser::ToUTF8AndUrlEncode" };
-    std::string bytes;
-    if (useUtf8)
+    const auto body = [&]() -> HRESULT
     {
-        if (const HRESULT hr = VoStringToUTF8(value, bytes); FAILED(hr))
-            return report(500, hr);
-    }
-    else
-    {
-        if (std::any_of(value.begin(), value.end(), [](wchar_t c) { return c > 0xFF; }))
-            return report(505, E_FAIL);
-        bytes.resize(value.size());
-        std::transform(value.begin(), value.end(), bytes.begin(), [](wchar_t c) { return static_cast<char>(c); });
-    }
-
-    constexpr const wchar_t* kDigits = L"0123456789ABCDEF";
-    const auto kept = static_cast<size_t>(std::count_if(bytes.begin(), bytes.end(), IsAsciiLetterOrDigit));
-    std::wstring encoded(kept + 3 * (bytes.size() - kept), L'%');
-    wchar_t* to = encoded.data();
-    for (const char character : bytes)
-    {
-        if (IsAsciiLetterOrDigit(character))
+        std::string bytes;
+        if (useUtf8)
         {
-            *to++ = static_cast<wchar_t>(character);
-            continue;
+            if (const HRESULT hr = VoStringToUTF8(value, bytes); FAILED(hr))
+                return report(500, hr);
         }
-        const auto code = static_cast<BYTE>(character);
-        to[1] = kDigits[code >> 4];
-        to[2] = kDigits[code & 15];
-        to += 3;
-    }
-    value = std::move(encoded);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoDataParser::ToUTF8AndUrlEncode" }.CurrentException(535);
+        else
+        {
+            if (std::any_of(value.begin(), value.end(), [](wchar_t c) { return c > 0xFF; }))
+                return report(505, E_FAIL);
+            bytes.resize(value.size());
+            std::transform(value.begin(), value.end(), bytes.begin(), [](wchar_t c) { return static_cast<char>(c); });
+        }
+
+        constexpr const wchar_t* kDigits = L"0123456789ABCDEF";
+        const auto kept = static_cast<size_t>(std::count_if(bytes.begin(), bytes.end(), IsAsciiLetterOrDigit));
+        std::wstring encoded(kept + 3 * (bytes.size() - kept), L'%');
+        wchar_t* to = encoded.data();
+        for (const char character : bytes)
+        {
+            if (IsAsciiLetterOrDigit(character))
+            {
+                *to++ = static_cast<wchar_t>(character);
+                continue;
+            }
+            const auto code = static_cast<BYTE>(character);
+            to[1] = kDigits[code >> 4];
+            to[2] = kDigits[code & 15];
+            to += 3;
+        }
+        value = std::move(encoded);
+        return S_OK;
+    };
+    return report.Guard(535, body);
 }
 
 HRESULT CVoDataParser::FromUTF8AndUrlEncode(bool useUtf8, std::wstring& value) noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"CVoDataParser::FromUTF8AndUrlEncode" };
-    if (value.find(L'%') == std::wstring::npos)
+    const auto body = [&]() -> HRESULT
+    {
+        if (value.find(L'%') == std::wstring::npos)
+            return S_OK;
+        std::wstring decoded;
+        if (useUtf8)
+        {
+            // Characters that were never encoded join the escaped bytes as UTF-8, so that they come out as
+            // they were.
+            std::string bytes;
+            if (const HRESULT hr = VoStringToUTF8(value, bytes); FAILED(hr))
+                return report(549, hr);
+            if (!DecodePercent(bytes))
+                return report(551, E_FAIL);
+            if (const HRESULT hr = VoUTF8ToString(bytes, decoded); FAILED(hr))
+                return report(553, hr);
+        }
+        else
+        {
+            decoded = value;
+            if (!DecodePercent(decoded))
+                return report(559, E_FAIL);
+        }
+        value = std::move(decoded);
         return S_OK;
-    std::wstring decoded;
-    if (useUtf8)
-    {
-        // Characters that were never encoded join the escaped bytes as UTF-8, so that they come out as they were.
-        std::string bytes;
-        if (const HRESULT hr = VoStringToUTF8(value, bytes); FAILED(hr))
-            return report(549, hr);
-        if (!DecodePercent(bytes))
-            return report(551, E_FAIL);
-        if (const HRESULT hr = VoUTF8ToString(bytes, decoded); FAILED(hr))
-            return report(553, hr);
-    }
-    else
-    {
-        decoded = value;
-        if (!DecodePercent(decoded))
-            return report(559, E_FAIL);
-    }
-    value = std::move(decoded);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoDataParser::FromUTF8AndUrlEncode" }.CurrentException(566);
+    };
+    return report.Guard(566, body);
 }
 
 HRESULT CVoDataParser::ConvertValues(HRESULT (*convert)(bool, std::wstring&) noexcept, bool useUtf8)
@@ -662,27 +653,25 @@ HRESULT CVoDataParser::ConvertValues(HRESULT (*convert)(bool, std::wstring&) noe
 }
 
 HRESULT CVoDataParser::ConvertParamValuesToUTF8URLEncodedString(bool useUtf8) noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"CVoDataParser::ConvertParamValuesToUTF8URLEncodedString" };
-    if (const HRESULT hr = ConvertValues(&ToUTF8AndUrlEncode, useUtf8); FAILED(hr))
-        return report(585, hr);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoDataParser::ConvertParamValuesToUTF8URLEncodedString" }.CurrentException(590);
+    const auto body = [&]() -> HRESULT
+    {
+        if (const HRESULT hr = ConvertValues(&ToUTF8AndUrlEncode, useUtf8); FAILED(hr))
+            return report(585, hr);
+        return S_OK;
+    };
+    return report.Guard(590, body);
 }
 
 HRESULT CVoDataParser::ConvertParamValuesFromUTF8URLEncodedString(bool useUtf8) noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"CVoDataParser::ConvertParamValuesFromUTF8URLEncodedString" };
-    if (const HRESULT hr = ConvertValues(&FromUTF8AndUrlEncode, useUtf8); FAILED(hr))
-        return report(598, hr);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoDataParser::ConvertParamValuesFromUTF8URLEncodedString" }.CurrentException(603);
+    const auto body = [&]() -> HRESULT
+    {
+        if (const HRESULT hr = ConvertValues(&FromUTF8AndUrlEncode, useUtf8); FAILED(hr))
+            return report(598, hr);
+        return S_OK;
+    };
+    return report.Guard(603, body);
 }

@@ -1,12 +1,14 @@
+// The log file and the reports that it writes (VoErrorHandler.h).
 #include <base/VoErrorHandler.h>
 
+#include "VoCodePage.h"
 #include "VoLogSetup.h"
 #include "VoModuleVersion.h"
 #include "VoNeverDestroyed.h"
-#include "VoTextConversion.h"
+#include "VoSystemPaths.h"
 
 #include <base/VoHandle.h>
-#include <base/VoUtils.h>
+#include <base/VoText.h>
 
 #include <algorithm>
 #include <cstdarg>
@@ -14,7 +16,8 @@
 #include <memory>
 #include <mutex>
 #include <new>
-#include <stdexcept>
+#include <optional>
+#include <vector>
 
 // Whoever builds a release may name the branch; nothing else depends on it.
 #ifndef VO_BUILD_BRANCH
@@ -28,7 +31,6 @@ namespace
 {
 constexpr const wchar_t* kSource = L"..\\..\\source\\base\\VoErrorHandler";
 
-constexpr DWORD kMaxDirectory = 260;
 constexpr INT64 kBytesPerKiB = 1024;
 constexpr INT64 kMaxKeptKiB = 524288;
 constexpr DWORD kCutBuffer = 262144;
@@ -76,6 +78,13 @@ bool WriteAll(HANDLE file, const char* bytes, size_t size) noexcept
     return size <= MAXDWORD && ::WriteFile(file, bytes, static_cast<DWORD>(size), &written, nullptr) && written == size;
 }
 
+// The last error, or a general failure where the platform named none.
+DWORD ErrorOrFailure() noexcept
+{
+    const DWORD error = ::GetLastError();
+    return error != ERROR_SUCCESS ? error : DWORD{ ERROR_WRITE_FAULT };
+}
+
 // Moves the newest part of the file to its start and ends the file behind it. A failure may leave old lines twice in the file,
 // but never takes a new one.
 bool CutToNewest(HANDLE file, INT64 size, INT64 kept) noexcept
@@ -116,40 +125,30 @@ std::optional<SYSTEMTIME> ProcessCreationTime() noexcept
     return local;
 }
 
-std::wstring CurrentDirectory()
+// Opens a log file for appending, and creates its folder when that is missing. `parent` is a folder to create first; empty for
+// none. A null handle on failure; the last error tells why.
+CVoHandle OpenLogFile(const std::wstring& path, const std::wstring& directory, const std::wstring& parent) noexcept
 {
-    wchar_t buffer[kMaxDirectory + 1];
-    const DWORD length = ::GetCurrentDirectoryW(static_cast<DWORD>(std::size(buffer)), buffer);
-    return std::wstring(buffer, length < std::size(buffer) ? length : 0);
-}
-
-// Text with its environment variables replaced; as it stands where the result would be too long.
-std::wstring ExpandEnvironment(const std::wstring& text)
-{
-    wchar_t buffer[kMaxDirectory + 1];
-    const DWORD size = ::ExpandEnvironmentStringsW(text.c_str(), buffer, static_cast<DWORD>(std::size(buffer)));
-    return size > 0 && size <= std::size(buffer) ? std::wstring(buffer) : text;
-}
-
-std::wstring FullPath(const std::wstring& path)
-{
-    std::wstring full(MAX_PATH, L'\0');
-    for (int attempt = 0; attempt < 2; ++attempt)
+    const auto open = [&path]
     {
-        const DWORD length = ::GetFullPathNameW(path.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
-        const bool fits = length < full.size();
-        full.resize(length);
-        if (fits)
-            return full;
-    }
-    return std::wstring();
+        return CVoHandle(::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
+                                       OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    };
+    CVoHandle file = open();
+    if (file || ::GetLastError() != ERROR_PATH_NOT_FOUND)
+        return file;
+    if (!parent.empty())
+        (void)::CreateDirectoryW(parent.c_str(), nullptr); // fails where it exists already
+    if (!::CreateDirectoryW(directory.c_str(), nullptr))
+        return file;
+    return open();
 }
 
-// What the process's log is made from, and how far it is.
+// The state of the process's log and of its settings.
 struct CProcessLogState
 {
     CVoLock lock;
-    std::wstring settingsDirectory; // empty: the folder of the module's file
+    std::wstring settingsDirectory; // guarded by `lock`; empty: the folder of the module's file
     std::atomic<CVoErrorLogFile*> ready{ nullptr };
     std::atomic<DWORD> initialisingThread{ 0 };
 };
@@ -158,6 +157,15 @@ CProcessLogState& ProcessLogState() noexcept
 {
     static CVoNeverDestroyed<CProcessLogState> state;
     return state.Get();
+}
+
+// The settings of the process. The caller holds the state's lock. Throws std::bad_alloc.
+CVoModuleSettings ReadProcessSettings(CProcessLogState& state, std::vector<std::wstring>& remarks)
+{
+    if (state.settingsDirectory.empty())
+        if (std::optional<VoSystemPaths::CModuleFile> module = VoSystemPaths::ModuleFile(VoOwnModule()))
+            state.settingsDirectory = std::move(module->directory);
+    return VoReadModuleSettings(state.settingsDirectory, &remarks);
 }
 
 void ReportFormatted(const wchar_t* source, int line, const wchar_t* format, va_list arguments) noexcept
@@ -174,67 +182,13 @@ void ReportFormatted(const wchar_t* source, int line, const wchar_t* format, va_
 }
 } // namespace
 
-HRESULT HResultFromCurrentException() noexcept
-{
-    try
-    {
-        throw;
-    }
-    catch (const CVoHResultException& e)
-    {
-        return e.Result();
-    }
-    catch (const std::bad_alloc&)
-    {
-        return E_OUTOFMEMORY;
-    }
-    catch (const std::length_error&)
-    {
-        return E_INVALIDARG;
-    }
-    catch (const std::out_of_range&)
-    {
-        return E_INVALIDARG;
-    }
-    catch (const std::invalid_argument&)
-    {
-        return E_INVALIDARG;
-    }
-    catch (...)
-    {
-        return E_FAIL;
-    }
-}
-
-CVoModuleSettings VoReadModuleSettings(const std::wstring& directory)
-{
-    // The profile functions would look for a path that is not full in the Windows folder.
-    const std::wstring file = FullPath(directory + L"\\ModuleSettings.ini");
-    CVoModuleSettings s;
-    s.applicationLog = VoGetIniBool(file, L"DEBUG", L"APPLOG", s.applicationLog);
-    s.otherLog = VoGetIniBool(file, L"DEBUG", L"OTHERLOG", s.otherLog);
-    s.cutOff = VoGetIniBool(file, L"DEBUG", L"APPLOGCUTOFF", s.cutOff);
-    s.useTempDirectory = VoGetIniBool(file, L"DEBUG", L"UseTempDirectory", s.useTempDirectory);
-    s.cutOffSizeKiB = VoLogSetup::ClampCutOffSize(VoGetIniInt(file, L"DEBUG", L"APPLOGCUTOFFSIZEINKBYTE", s.cutOffSizeKiB));
-    s.directory = VoGetIniString(file, L"DEBUG", L"Directory", s.directory);
-    s.versionString = VoGetIniString(file, L"DEBUG", L"VersionString", s.versionString);
-    s.appendVersionToDirectory = VoGetIniBool(file, L"DEBUG", L"AppendSoftwareVersionToLogDir", s.appendVersionToDirectory);
-    s.localizerGenerate = VoGetIniBool(file, L"OrvLocalizer", L"Generate", s.localizerGenerate);
-    s.needWatchdog = VoGetIniBool(file, L"WatchDogSettings", L"NeedWatchDog", s.needWatchdog);
-    s.httpEngine = VoLogSetup::ClampHTTPEngine(VoGetIniInt(file, L"SETTINGS", L"HTTPEngine", static_cast<INT32>(s.httpEngine)));
-    s.checkServerCertificate = VoGetIniBool(file, L"SETTINGS", L"HTTPCheckServerCert", s.checkServerCertificate);
-    s.checkCertificateRevocation =
-        VoGetIniBool(file, L"SETTINGS", L"HTTPCheckServerCertRevocation", s.checkCertificateRevocation);
-    return s;
-}
-
 HRESULT VoSetModuleSettingsDirectory(std::wstring_view directory) noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoSetModuleSettingsDirectory" };
     try
     {
         CProcessLogState& state = ProcessLogState();
-        std::unique_lock lock(state.lock);
+        CVoLockHolder lock(state.lock);
         if (state.ready.load(std::memory_order_acquire))
         {
             lock.unlock();
@@ -243,7 +197,7 @@ HRESULT VoSetModuleSettingsDirectory(std::wstring_view directory) noexcept
         constexpr size_t kMaximumPath = 32767; // of the platform's paths, the ending zero counted
         if (directory.empty() || directory.size() >= kMaximumPath || directory.find(L'\0') != std::wstring_view::npos)
             return E_INVALIDARG;
-        std::wstring full = FullPath(std::wstring(directory));
+        std::wstring full = VoSystemPaths::FullPath(std::wstring(directory));
         if (full.empty())
             return E_INVALIDARG;
         const DWORD attributes = ::GetFileAttributesW(full.c_str());
@@ -258,36 +212,33 @@ HRESULT VoSetModuleSettingsDirectory(std::wstring_view directory) noexcept
     }
 }
 
-CVoErrorLogFile::~CVoErrorLogFile()
-{
-    if (m_mutex)
-        ::CloseHandle(m_mutex);
-}
-
 void CVoErrorLogFile::ResolveNames()
 {
     const HMODULE module = VoOwnModule();
-    std::wstring moduleDirectory;
-    std::wstring moduleFile;
-    std::wstring processFile;
     // A name that cannot be read stays empty; the log has a fallback for each.
-    (void)GetModuleDirAndFileName(module, &moduleDirectory, &moduleFile);
-    (void)GetModuleDirAndFileName(nullptr, nullptr, &processFile);
+    const VoSystemPaths::CModuleFile moduleFile = VoSystemPaths::ModuleFile(module).value_or(VoSystemPaths::CModuleFile());
+    const std::wstring processFile = VoSystemPaths::ModuleFile(nullptr).value_or(VoSystemPaths::CModuleFile()).name;
     const std::wstring logName(
-        VoLogSetup::LogName(VoLogSetup::FindApplicationName(::GetCommandLineW()), processFile, moduleFile));
+        VoLogSetup::LogName(VoLogSetup::FindApplicationName(::GetCommandLineW()), processFile, moduleFile.name));
 
-    m_moduleName = VoLogSetup::BaseName(moduleFile);
+    m_moduleName = VoLogSetup::BaseName(moduleFile.name);
     m_modulePart = L" Module=" + m_moduleName + L" File=";
 
     std::wstring temporary;
     if (m_settings.useTempDirectory)
-        (void)VoGetTempPath(temporary);
-    std::wstring directory =
-        ExpandEnvironment(VoLogSetup::ChooseDirectory(m_settings, temporary, moduleDirectory, CurrentDirectory()));
+        temporary = VoSystemPaths::TemporaryDirectory().value_or(std::wstring());
+    m_directory = VoSystemPaths::ExpandEnvironment(
+        VoLogSetup::ChooseDirectory(m_settings, temporary, moduleFile.directory, VoSystemPaths::CurrentDirectory()));
+    // A relative folder is made absolute once: the process may change its current directory later.
+    if (std::wstring full = VoSystemPaths::FullPath(m_directory); !full.empty())
+        m_directory = std::move(full);
     if (m_settings.appendVersionToDirectory && !m_settings.versionString.empty())
-        directory += L'\\' + m_settings.versionString;
-    m_logFilePath = directory + L'\\' + logName + L".log";
-    m_mutex = ::CreateMutexW(nullptr, FALSE, (L"Mutex_ErrorLogFile_" + logName).c_str());
+    {
+        m_parentDirectory = m_directory;
+        m_directory += L'\\' + m_settings.versionString;
+    }
+    m_logFilePath = m_directory + L'\\' + logName + L".log";
+    m_mutex.Reset(::CreateMutexW(nullptr, FALSE, (L"Mutex_ErrorLogFile_" + logName).c_str()));
 
     VoLogSetup::CRunFacts facts;
     const CVoModuleVersion version = VoReadModuleVersion(module);
@@ -301,7 +252,28 @@ void CVoErrorLogFile::ResolveNames()
     m_runHeader = VoLogSetup::RunHeader(facts);
 }
 
-void CVoErrorLogFile::Init(const CVoModuleSettings& settings) noexcept
+void CVoErrorLogFile::Init() noexcept
+{
+    if (m_initialised)
+        return;
+    const CVoLastErrorKeeper keeper;
+    CVoModuleSettings settings;
+    std::vector<std::wstring> remarks;
+    try
+    {
+        CProcessLogState& state = ProcessLogState();
+        const CVoLockHolder lock(state.lock);
+        settings = ReadProcessSettings(state, remarks);
+    }
+    catch (...)
+    {
+        // Out of memory: the defaults hold.
+        settings = {};
+    }
+    Init(settings, std::move(remarks));
+}
+
+void CVoErrorLogFile::Init(const CVoModuleSettings& settings, std::vector<std::wstring> remarks) noexcept
 {
     if (m_initialised)
         return;
@@ -310,26 +282,48 @@ void CVoErrorLogFile::Init(const CVoModuleSettings& settings) noexcept
     try
     {
         m_settings = settings;
+        m_remarks = std::move(remarks);
         ResolveNames();
         m_applicationLog.store(settings.applicationLog, std::memory_order_relaxed);
         if (settings.applicationLog)
-            WriteLine(kSource, 484, L"CVoErrorLogFile::Init",
-                      VoFormat(L"Module: %ls,Logging started, logging switched on", m_moduleName.c_str()));
+            WriteStartLines();
     }
     catch (...)
     {
-        // Out of memory: the log stays as far as it came, and a path that is missing drops the lines.
+        // Out of memory: initialisation stops here. Without a path, lines are dropped.
+        return;
+    }
+}
+
+void CVoErrorLogFile::WriteStartLines() noexcept
+{
+    if (m_startLinesWritten.exchange(true))
+        return;
+    try
+    {
+        WriteLine(kSource, 484, L"CVoErrorLogFile::Init",
+                  VoFormat(L"Module: %ls,Logging started, logging switched on", m_moduleName.c_str()));
+        for (const std::wstring& remark : m_remarks)
+            WriteLine(kSource, 488, L"CVoErrorLogFile::Init", remark);
+    }
+    catch (...)
+    {
+        // The log never reports its own failures; the lines are dropped.
         return;
     }
 }
 
 void CVoErrorLogFile::SetApplicationLog(bool on) noexcept
 {
-    const std::scoped_lock lock(m_switchLock);
-    m_applicationLog.store(on, std::memory_order_relaxed);
-    if (m_isProcessLog)
-        VoReportDetail::g_logState.store(on ? VoReportDetail::ELogState::On : VoReportDetail::ELogState::Off,
-                                         std::memory_order_relaxed);
+    {
+        const CVoLockHolder lock(m_switchLock);
+        m_applicationLog.store(on, std::memory_order_relaxed);
+        if (m_isProcessLog)
+            VoReportDetail::g_logState.store(on ? VoReportDetail::ELogState::On : VoReportDetail::ELogState::Off,
+                                             std::memory_order_relaxed);
+    }
+    if (on && m_initialised)
+        WriteStartLines();
 }
 
 void CVoErrorLogFile::WriteLine(const wchar_t* source, int line, const wchar_t* function, std::wstring_view message) noexcept
@@ -362,8 +356,8 @@ void CVoErrorLogFile::WriteCode(const wchar_t* source, int line, const wchar_t* 
 void CVoErrorLogFile::Write(std::wstring_view line) noexcept
 try
 {
-    const std::scoped_lock lock(m_writeLock);
-    const CMutexHolder mutex(m_mutex);
+    const CVoLockHolder lock(m_writeLock);
+    const CMutexHolder mutex(m_mutex.Get());
     if (m_logFilePath.empty())
         return;
 
@@ -374,30 +368,34 @@ try
         line = withHeader;
     }
     std::string bytes;
-    if (FAILED(VoTextConversion::ToCodePage(CP_UTF8, line, bytes)))
+    HRESULT hr = VoCodePage::FromText(CP_UTF8, line, bytes);
+    if (hr == HResultFromWin32(ERROR_NO_UNICODE_TRANSLATION))
+        hr = VoCodePage::FromText(CP_UTF8, VoWithoutLoneSurrogates(line), bytes);
+    if (FAILED(hr))
         bytes = "NO DATA";
 
-    const CVoHandle file(::CreateFileW(m_logFilePath.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_DELETE,
-                                       nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    const CVoHandle file = OpenLogFile(m_logFilePath, m_directory, m_parentDirectory);
     INT64 size = 0;
     if (!file || !Seek(file.Get(), 0, FILE_END, &size))
-        return;
+        return m_writeError.store(ErrorOrFailure(), std::memory_order_relaxed);
     const INT64 cutOffKiB = m_settings.cutOffSizeKiB;
     if (m_settings.cutOff && size > cutOffKiB * kBytesPerKiB)
     {
         const INT64 kept = std::min(cutOffKiB / 2, kMaxKeptKiB) * kBytesPerKiB;
-        // The line comes behind whatever the file holds now, also after a cut that failed.
+        // The line goes behind whatever the file holds now, also after a cut that failed.
         (void)CutToNewest(file.Get(), size, kept);
         if (!Seek(file.Get(), 0, FILE_END))
-            return;
+            return m_writeError.store(ErrorOrFailure(), std::memory_order_relaxed);
     }
-    if (WriteAll(file.Get(), bytes.data(), bytes.size()))
-        m_headerWritten = true;
+    if (!WriteAll(file.Get(), bytes.data(), bytes.size()))
+        return m_writeError.store(ErrorOrFailure(), std::memory_order_relaxed);
+    m_headerWritten = true;
+    m_writeError.store(ERROR_SUCCESS, std::memory_order_relaxed);
 }
 catch (...)
 {
     // The log never reports its own failures; the line is dropped.
-    return;
+    m_writeError.store(ERROR_NOT_ENOUGH_MEMORY, std::memory_order_relaxed);
 }
 
 CVoErrorLogFile& VoErrorLog() noexcept
@@ -408,27 +406,26 @@ CVoErrorLogFile& VoErrorLog() noexcept
 
     static CVoNeverDestroyed<CVoErrorLogFile> instance;
     CVoErrorLogFile& log = instance.Get();
-    // What initialisation itself reports finds the log switched off.
+    // Reports of the initialisation itself find the log switched off.
     if (state.initialisingThread.load(std::memory_order_relaxed) == ::GetCurrentThreadId())
         return log;
     const CVoLastErrorKeeper keeper;
-    const std::scoped_lock lock(state.lock);
+    const CVoLockHolder lock(state.lock);
     if (!state.ready.load(std::memory_order_relaxed))
     {
         state.initialisingThread.store(::GetCurrentThreadId(), std::memory_order_relaxed);
         CVoModuleSettings settings;
+        std::vector<std::wstring> remarks;
         try
         {
-            if (state.settingsDirectory.empty())
-                (void)GetModuleDirAndFileName(VoOwnModule(), &state.settingsDirectory, nullptr);
-            settings = VoReadModuleSettings(state.settingsDirectory);
+            settings = ReadProcessSettings(state, remarks);
         }
         catch (...)
         {
             // Out of memory: the defaults hold.
             settings = {};
         }
-        log.Init(settings);
+        log.Init(settings, std::move(remarks));
         log.m_isProcessLog = true;
         log.SetApplicationLog(log.IsApplicationLogOn());
         state.ready.store(&log, std::memory_order_release);
@@ -465,7 +462,7 @@ void ReportMessage(const char* source, int line, const wchar_t* format, ...) noe
     std::wstring wideSource;
     try
     {
-        if (source && FAILED(VoTextConversion::FromCodePage(CP_ACP, source, wideSource)))
+        if (source && FAILED(VoCodePage::ToText(CP_ACP, source, wideSource)))
             wideSource = L"?";
     }
     catch (...)

@@ -1,7 +1,10 @@
+// Texts of result codes and the error message box (VoErrorText.h).
+#include <base/VoErrorText.h>
+
 #include "VoErrorTranslator.h"
 
 #include <base/VoErrorHandler.h>
-#include <base/VoUtils.h>
+#include <base/VoText.h>
 
 #include <algorithm>
 #include <iterator>
@@ -110,7 +113,7 @@ HRESULT VoGetErrorText(HRESULT code, bool useFallback, std::wstring* text) noexc
     constexpr CVoReporter report{ kSource, L"VoGetErrorText" };
     if (!text)
         return S_FALSE;
-    try
+    const auto body = [&]() -> HRESULT
     {
         std::optional<std::wstring> found = FindText(code);
         if (!found)
@@ -121,11 +124,8 @@ HRESULT VoGetErrorText(HRESULT code, bool useFallback, std::wstring* text) noexc
         }
         *text = std::move(*found);
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(126);
-    }
+    };
+    return report.Guard(126, body);
 }
 
 HRESULT VoShowError(HRESULT code, bool useFallback) noexcept

@@ -3,7 +3,7 @@
 #include "VoNeverDestroyed.h"
 
 #include <base/VoLock.h>
-#include <base/VoUtils.h>
+#include <base/VoText.h>
 #include <base/com/VoComHelper.h>
 
 #include <mutex>
@@ -39,12 +39,12 @@ CProcessTranslator& ProcessTranslator() noexcept
 HRESULT LoadOnce(const wchar_t* loadedModule) noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoLoadErrorTranslator" };
-    try
+    const auto body = [&]() -> HRESULT
     {
         CProcessTranslator& process = ProcessTranslator();
         std::wstring failure;
         {
-            const std::scoped_lock lock(process.lock);
+            const CVoLockHolder lock(process.lock);
             if (process.tried)
                 return process.translator.IsLoaded() ? S_OK : HResultFromWin32(ERROR_MOD_NOT_FOUND);
             process.tried = true;
@@ -73,11 +73,8 @@ HRESULT LoadOnce(const wchar_t* loadedModule) noexcept
         // Outside the lock, so that no other thread waits for the user.
         (void)VoShowErrorBox(failure);
         return report(62, HResultFromWin32(ERROR_MOD_NOT_FOUND));
-    }
-    catch (...)
-    {
-        return report.CurrentException(66);
-    }
+    };
+    return report.Guard(66, body);
 }
 } // namespace
 
@@ -133,15 +130,12 @@ HRESULT CVoErrorTranslator::GetErrorString(HRESULT code, std::wstring& text) con
     CVoBstr found;
     if (const HRESULT hr = m_getErrorString(code, found.Put()); FAILED(hr))
         return report(123, hr);
-    try
+    const auto body = [&]() -> HRESULT
     {
         text = found.View();
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(131);
-    }
+    };
+    return report.Guard(131, body);
 }
 
 HRESULT CVoErrorTranslator::ShowErrorMessageWindow(HRESULT code, const std::wstring& text) const noexcept

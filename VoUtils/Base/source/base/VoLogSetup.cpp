@@ -1,6 +1,7 @@
+// Decisions behind the log's set-up (VoLogSetup.h).
 #include "VoLogSetup.h"
 
-#include <base/VoUtils.h>
+#include <base/VoText.h>
 
 #include <algorithm>
 #include <cwctype>
@@ -11,21 +12,8 @@ namespace VoLogSetup
 {
 namespace
 {
-constexpr INT32 kMinCutOffKiB = 8192;
-constexpr INT32 kMaxCutOffKiB = 1048576;
-constexpr INT32 kMaxHTTPEngine = 3;
 constexpr size_t kRuleWidth = 144;
 } // namespace
-
-INT32 ClampCutOffSize(INT32 sizeKiB) noexcept
-{
-    return std::clamp(sizeKiB, kMinCutOffKiB, kMaxCutOffKiB);
-}
-
-UINT32 ClampHTTPEngine(INT32 engine) noexcept
-{
-    return engine >= 0 && engine <= kMaxHTTPEngine ? static_cast<UINT32>(engine) : 0;
-}
 
 bool IsHostingProcess(std::wstring_view fileName) noexcept
 {
@@ -67,10 +55,27 @@ std::wstring_view BaseName(std::wstring_view fileName) noexcept
     return fileName.substr(0, fileName.rfind(L'.'));
 }
 
+bool IsFileName(std::wstring_view name) noexcept
+{
+    constexpr size_t kMaximumName = 255; // of the platform's file systems
+    if (name.empty() || name.size() > kMaximumName || name.back() == L'.' || name.back() == L' ')
+        return false;
+    if (std::any_of(name.begin(), name.end(),
+                    [](wchar_t c) { return c < 0x20 || std::wstring_view(L"<>:\"/\\|?*").find(c) != std::wstring_view::npos; }))
+        return false;
+    // A device's name stays one with an extension behind it.
+    const std::wstring_view device = name.substr(0, name.find(L'.'));
+    for (const wchar_t* word : { L"CON", L"PRN", L"AUX", L"NUL" })
+        if (VoEqualsNoCase(device, word))
+            return false;
+    const bool isPort = VoStartsWithNoCase(device, L"COM") || VoStartsWithNoCase(device, L"LPT");
+    return !(isPort && device.size() == 4 && device[3] >= L'1' && device[3] <= L'9');
+}
+
 std::wstring_view LogName(std::wstring_view applicationName, std::wstring_view processFile,
                           std::wstring_view moduleFile) noexcept
 {
-    if (!applicationName.empty())
+    if (IsFileName(applicationName))
         return applicationName;
     const std::wstring_view name = BaseName(IsHostingProcess(processFile) ? moduleFile : processFile);
     return name.empty() ? L"Application" : name;

@@ -1,7 +1,7 @@
-// The decisions behind the log's set-up, apart from the platform's calls that feed them: limits, names, folder, texts.
+// Decisions behind the log's set-up: limits, names, folder, texts. Pure functions; the log and the settings reader call them.
 #pragma once
 
-#include <base/VoErrorHandler.h>
+#include <base/VoModuleSettings.h>
 
 #include <optional>
 #include <string>
@@ -9,11 +9,6 @@
 
 namespace VoLogSetup
 {
-// The cut-off size in KiB within its limits, 8192..1048576.
-[[nodiscard]] INT32 ClampCutOffSize(INT32 sizeKiB) noexcept;
-// The transport selector; anything outside 0..3 is 0.
-[[nodiscard]] UINT32 ClampHTTPEngine(INT32 engine) noexcept;
-
 // Whether a program (its file name) hosts other people's modules, so that its own name says nothing about the application.
 [[nodiscard]] bool IsHostingProcess(std::wstring_view fileName) noexcept;
 
@@ -24,8 +19,12 @@ namespace VoLogSetup
 // A file name without its last extension.
 [[nodiscard]] std::wstring_view BaseName(std::wstring_view fileName) noexcept;
 
-// The log's name: the application name, else the base name of the module (inside a hosting process) or of the process, else
-// "Application".
+// Whether a text can be the name of a file: no path, no character that Windows forbids in names, no device (NUL, COM1), no dot
+// or blank at its end ("Naming Files, Paths, and Namespaces").
+[[nodiscard]] bool IsFileName(std::wstring_view name) noexcept;
+
+// The log's name: the application name where it can be the name of a file, else the base name of the module (inside a hosting
+// process) or of the process, else "Application".
 [[nodiscard]] std::wstring_view LogName(std::wstring_view applicationName, std::wstring_view processFile,
                                         std::wstring_view moduleFile) noexcept;
 

@@ -1,7 +1,7 @@
 #include <base/VoMultiThreading.h>
 
 #include <base/VoErrorHandler.h>
-#include <base/VoUtils.h>
+#include <base/VoTextConversion.h>
 
 #include <array>
 #include <cstring>

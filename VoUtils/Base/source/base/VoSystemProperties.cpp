@@ -4,7 +4,8 @@
 #include "VoNeverDestroyed.h"
 
 #include <base/VoErrorHandler.h>
-#include <base/VoUtils.h>
+#include <base/VoPaths.h>
+#include <base/VoText.h>
 
 #if defined(_MSC_VER)
 #include <intrin.h>

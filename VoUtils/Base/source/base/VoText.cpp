@@ -9,6 +9,7 @@
 #include <climits>
 #include <cwchar>
 #include <cwctype>
+#include <initializer_list>
 #include <iterator>
 
 std::wstring VoFormat(const wchar_t* format, ...)
@@ -108,5 +109,44 @@ std::optional<VoTextDetail::CDecimal> VoTextDetail::ReadDecimal(std::wstring_vie
     }
     result.magnitude = UINT64_MAX;
     result.isAboveMaximum = true;
+    return result;
+}
+
+std::optional<bool> VoParseBool(std::wstring_view text) noexcept
+{
+    const auto isOneOf = [text](std::initializer_list<const wchar_t*> words)
+    { return std::any_of(words.begin(), words.end(), [text](const wchar_t* word) { return VoEqualsNoCase(text, word); }); };
+    if (isOneOf({ L"TRUE", L"1", L"YES", L"ON" }))
+        return true;
+    if (isOneOf({ L"FALSE", L"0", L"NO", L"OFF" }))
+        return false;
+    return std::nullopt;
+}
+
+std::wstring VoWithoutLongPathPrefix(std::wstring_view path)
+{
+    constexpr std::wstring_view kPrefix = L"\\\\?\\";
+    constexpr std::wstring_view kServerPrefix = L"\\\\?\\UNC\\";
+    std::wstring result(path);
+    if (VoStartsWithNoCase(path, kServerPrefix))
+        result = L"\\\\" + result.substr(kServerPrefix.size());
+    else if (path.starts_with(kPrefix) && path.size() > kPrefix.size() + 1 && path[kPrefix.size() + 1] == L':')
+        result.erase(0, kPrefix.size());
+    // Without its prefix a path of this length names nothing, and a volume's name has no other form.
+    return result.size() < MAX_PATH ? result : std::wstring(path);
+}
+
+std::wstring VoWithoutLoneSurrogates(std::wstring_view text)
+{
+    const auto isHigh = [](wchar_t c) { return (c & 0xFC00) == 0xD800; };
+    const auto isLow = [](wchar_t c) { return (c & 0xFC00) == 0xDC00; };
+    std::wstring result(text);
+    for (size_t i = 0; i < result.size(); ++i)
+    {
+        if (isHigh(result[i]) && i + 1 < result.size() && isLow(result[i + 1]))
+            ++i;
+        else if (isHigh(result[i]) || isLow(result[i]))
+            result[i] = L'\xFFFD';
+    }
     return result;
 }

@@ -1,82 +1,79 @@
-#include "VoTextConversion.h"
+// Conversions of text that report their failures (VoTextConversion.h).
+#include <base/VoTextConversion.h>
 
-#include <base/VoHResult.h>
+#include "VoCodePage.h"
 
-#include <climits>
+#include <base/VoErrorHandler.h>
+#include <base/VoText.h>
 
-namespace VoTextConversion
-{
+#include <optional>
+
 namespace
 {
-// Texts up to this length are converted in one call through a buffer on the stack; longer ones are measured first.
-constexpr size_t kShortText = 512;
+constexpr const wchar_t* kSource = L"..\\..\\source\\base\\VoUtils";
 } // namespace
 
-HRESULT ToCodePage(UINT codePage, std::wstring_view text, std::string& bytes)
+HRESULT VoStringToBool(std::wstring_view text, bool& value) noexcept
 {
-    if (text.empty())
-    {
-        bytes.clear();
-        return S_OK;
-    }
-    if (text.size() > INT_MAX)
-        return E_INVALIDARG;
-    const auto length = static_cast<int>(text.size());
-    const DWORD flags = codePage == CP_UTF8 ? WC_ERR_INVALID_CHARS : 0;
-    if (text.size() <= kShortText)
-    {
-        char buffer[4 * kShortText];
-        const int size =
-            ::WideCharToMultiByte(codePage, flags, text.data(), length, buffer, int{ sizeof buffer }, nullptr, nullptr);
-        if (size > 0)
-        {
-            bytes.assign(buffer, static_cast<size_t>(size));
-            return S_OK;
-        }
-        // A stateful code page can need more; it is measured like a long text.
-        if (::GetLastError() != ERROR_INSUFFICIENT_BUFFER)
-            return HResultFromLastError();
-    }
-    const int size = ::WideCharToMultiByte(codePage, flags, text.data(), length, nullptr, 0, nullptr, nullptr);
-    if (size <= 0)
-        return HResultFromLastError();
-    std::string result(static_cast<size_t>(size), '\0');
-    if (::WideCharToMultiByte(codePage, flags, text.data(), length, result.data(), size, nullptr, nullptr) != size)
-        return HResultFromLastError();
-    bytes = std::move(result);
+    constexpr CVoReporter report{ kSource, L"VoStringToBool" };
+    const std::optional<bool> parsed = VoParseBool(text);
+    if (!parsed)
+        return report(85, E_INVALIDARG);
+    value = *parsed;
     return S_OK;
 }
 
-HRESULT FromCodePage(UINT codePage, std::string_view bytes, std::wstring& text)
+HRESULT VoStringToASCII(std::wstring_view text, std::string& bytes) noexcept
 {
-    if (bytes.empty())
+    constexpr CVoReporter report{ kSource, L"VoStringToASCII" };
+    const auto body = [&]() -> HRESULT
     {
-        text.clear();
-        return S_OK;
-    }
-    if (bytes.size() > INT_MAX)
-        return E_INVALIDARG;
-    const auto size = static_cast<int>(bytes.size());
-    const DWORD flags = codePage == CP_UTF8 ? MB_ERR_INVALID_CHARS : 0;
-    if (bytes.size() <= kShortText)
-    {
-        wchar_t buffer[kShortText];
-        const int length = ::MultiByteToWideChar(codePage, flags, bytes.data(), size, buffer, int{ kShortText });
-        if (length > 0)
-        {
-            text.assign(buffer, static_cast<size_t>(length));
-            return S_OK;
-        }
-        if (::GetLastError() != ERROR_INSUFFICIENT_BUFFER)
-            return HResultFromLastError();
-    }
-    const int length = ::MultiByteToWideChar(codePage, flags, bytes.data(), size, nullptr, 0);
-    if (length <= 0)
-        return HResultFromLastError();
-    std::wstring result(static_cast<size_t>(length), L'\0');
-    if (::MultiByteToWideChar(codePage, flags, bytes.data(), size, result.data(), length) != length)
-        return HResultFromLastError();
-    text = std::move(result);
-    return S_OK;
+        const HRESULT hr = VoCodePage::FromText(CP_ACP, text, bytes);
+        return FAILED(hr) ? report(94, hr) : S_OK;
+    };
+    return report.Guard(95, body);
 }
-} // namespace VoTextConversion
+
+HRESULT VoStringToUTF8(std::wstring_view text, std::string& bytes) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"VoStringToUTF8" };
+    const auto body = [&]() -> HRESULT
+    {
+        const HRESULT hr = VoCodePage::FromText(CP_UTF8, text, bytes);
+        return FAILED(hr) ? report(104, hr) : S_OK;
+    };
+    return report.Guard(105, body);
+}
+
+HRESULT VoUTF8ToString(std::string_view bytes, std::wstring& text) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"VoUTF8ToString" };
+    const auto body = [&]() -> HRESULT
+    {
+        const HRESULT hr = VoCodePage::ToText(CP_UTF8, bytes, text);
+        return FAILED(hr) ? report(114, hr) : S_OK;
+    };
+    return report.Guard(115, body);
+}
+
+HRESULT VoStringToCodePage(UINT codePage, std::wstring_view text, std::string& bytes) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"VoStringToCodePage" };
+    const auto body = [&]() -> HRESULT
+    {
+        const HRESULT hr = VoCodePage::FromText(codePage, text, bytes);
+        return FAILED(hr) ? report(124, hr) : S_OK;
+    };
+    return report.Guard(125, body);
+}
+
+HRESULT VoCodePageToString(UINT codePage, std::string_view bytes, std::wstring& text) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"VoCodePageToString" };
+    const auto body = [&]() -> HRESULT
+    {
+        const HRESULT hr = VoCodePage::ToText(codePage, bytes, text);
+        return FAILED(hr) ? report(134, hr) : S_OK;
+    };
+    return report.Guard(135, body);
+}

@@ -2,7 +2,7 @@
 
 #include <base/VoErrorHandler.h>
 #include <base/VoHandle.h>
-#include <base/VoUtils.h>
+#include <base/VoText.h>
 
 #include <atomic>
 #include <vector>
@@ -87,52 +87,51 @@ struct SFileFacts
 } // namespace
 
 HRESULT VoReadFile(std::wstring_view path, std::string& bytes) noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"VoReadFile" };
-    if (!IsPath(path))
-        return report(103, HResultFromWin32(ERROR_INVALID_NAME));
-    const CVoHandle file(::CreateFileW(std::wstring(path).c_str(), GENERIC_READ,
-                                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
-                                       FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
-    if (!file)
-        return report.LastError(108, 109);
-    LARGE_INTEGER size{};
-    if (!::GetFileSizeEx(file.Get(), &size))
-        return report.LastError(112, 113);
-    if (static_cast<UINT64>(size.QuadPart) > kMaximumFileSize)
-        return report(115, HResultFromWin32(ERROR_FILE_TOO_LARGE));
-
-    // The size is a hint: a writer may be at work, and a pipe has none.
-    std::string read(static_cast<size_t>(size.QuadPart) + 1, '\0');
-    size_t length = 0;
-    for (;;)
+    const auto body = [&]() -> HRESULT
     {
-        if (length == read.size())
-            read.resize(2 * read.size());
-        const size_t room = read.size() - length;
-        DWORD count = 0;
-        if (!::ReadFile(file.Get(), read.data() + length, room < kPieceSize ? static_cast<DWORD>(room) : kPieceSize, &count,
-                        nullptr))
+        if (!IsPath(path))
+            return report(103, HResultFromWin32(ERROR_INVALID_NAME));
+        const CVoHandle file(::CreateFileW(std::wstring(path).c_str(), GENERIC_READ,
+                                           FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+                                           FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+        if (!file)
+            return report.LastError(108, 109);
+        LARGE_INTEGER size{};
+        if (!::GetFileSizeEx(file.Get(), &size))
+            return report.LastError(112, 113);
+        if (static_cast<UINT64>(size.QuadPart) > kMaximumFileSize)
+            return report(115, HResultFromWin32(ERROR_FILE_TOO_LARGE));
+
+        // The size is a hint: a writer may be at work, and a pipe has none.
+        std::string read(static_cast<size_t>(size.QuadPart) + 1, '\0');
+        size_t length = 0;
+        for (;;)
         {
-            // How a pipe says that its writer is done.
-            if (::GetLastError() == ERROR_BROKEN_PIPE)
+            if (length == read.size())
+                read.resize(2 * read.size());
+            const size_t room = read.size() - length;
+            DWORD count = 0;
+            if (!::ReadFile(file.Get(), read.data() + length, room < kPieceSize ? static_cast<DWORD>(room) : kPieceSize, &count,
+                            nullptr))
+            {
+                // How a pipe says that its writer is done.
+                if (::GetLastError() == ERROR_BROKEN_PIPE)
+                    break;
+                return report.LastError(134, 135);
+            }
+            if (count == 0)
                 break;
-            return report.LastError(134, 135);
+            length += count;
+            if (length > kMaximumFileSize)
+                return report(140, HResultFromWin32(ERROR_FILE_TOO_LARGE));
         }
-        if (count == 0)
-            break;
-        length += count;
-        if (length > kMaximumFileSize)
-            return report(140, HResultFromWin32(ERROR_FILE_TOO_LARGE));
-    }
-    read.resize(length);
-    bytes = std::move(read);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"VoReadFile" }.CurrentException(148);
+        read.resize(length);
+        bytes = std::move(read);
+        return S_OK;
+    };
+    return report.Guard(148, body);
 }
 
 std::wstring VoGetFullPath(std::wstring_view path)
@@ -161,45 +160,44 @@ CVoFileReplacement::~CVoFileReplacement()
 }
 
 HRESULT CVoFileReplacement::Write(std::wstring_view path, std::string_view bytes) noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"CVoFileReplacement::Write" };
-    if (!m_path.empty())
-        return report(181, E_UNEXPECTED);
-    if (!IsPath(path))
-        return report(183, HResultFromWin32(ERROR_INVALID_NAME));
-    if (bytes.size() > kMaximumFileSize)
-        return report(185, HResultFromWin32(ERROR_FILE_TOO_LARGE));
-    m_path = VoGetFullPath(path);
-
-    SFileFacts facts;
-    if (const HRESULT hr = ReadFacts(m_path, facts); FAILED(hr))
-        return report(190, hr);
-    SECURITY_ATTRIBUTES security{ sizeof(SECURITY_ATTRIBUTES), facts.security.data(), FALSE };
-
-    static std::atomic<unsigned> s_number{ 0 };
-    CVoHandle file;
-    for (int i = 0; !file; ++i)
+    const auto body = [&]() -> HRESULT
     {
-        std::wstring name = m_path + VoFormat(L".%lu-%u.tmp", ::GetCurrentProcessId(), ++s_number);
-        file.Reset(::CreateFileW(name.c_str(), GENERIC_WRITE, 0, facts.security.empty() ? nullptr : &security, CREATE_NEW,
-                                 facts.attributes, nullptr));
-        if (file)
-            m_temporaryPath = std::move(name);
-        else if (const DWORD error = ::GetLastError(); error != ERROR_FILE_EXISTS || i == kNameTries)
-            return report.Win32(204, 205, error);
-    }
-    if (const HRESULT hr = WriteAll(file.Get(), bytes); FAILED(hr))
-        return report(208, hr);
-    // Some file systems tell only now that a write has failed.
-    if (!::CloseHandle(file.Detach()))
-        return report.LastError(211, 212);
-    m_isWritten = true;
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoFileReplacement::Write" }.CurrentException(217);
+        if (!m_path.empty())
+            return report(181, E_UNEXPECTED);
+        if (!IsPath(path))
+            return report(183, HResultFromWin32(ERROR_INVALID_NAME));
+        if (bytes.size() > kMaximumFileSize)
+            return report(185, HResultFromWin32(ERROR_FILE_TOO_LARGE));
+        m_path = VoGetFullPath(path);
+
+        SFileFacts facts;
+        if (const HRESULT hr = ReadFacts(m_path, facts); FAILED(hr))
+            return report(190, hr);
+        SECURITY_ATTRIBUTES security{ sizeof(SECURITY_ATTRIBUTES), facts.security.data(), FALSE };
+
+        static std::atomic<unsigned> s_number{ 0 };
+        CVoHandle file;
+        for (int i = 0; !file; ++i)
+        {
+            std::wstring name = m_path + VoFormat(L".%lu-%u.tmp", ::GetCurrentProcessId(), ++s_number);
+            file.Reset(::CreateFileW(name.c_str(), GENERIC_WRITE, 0, facts.security.empty() ? nullptr : &security, CREATE_NEW,
+                                     facts.attributes, nullptr));
+            if (file)
+                m_temporaryPath = std::move(name);
+            else if (const DWORD error = ::GetLastError(); error != ERROR_FILE_EXISTS || i == kNameTries)
+                return report.Win32(204, 205, error);
+        }
+        if (const HRESULT hr = WriteAll(file.Get(), bytes); FAILED(hr))
+            return report(208, hr);
+        // Some file systems tell only now that a write has failed.
+        if (!::CloseHandle(file.Detach()))
+            return report.LastError(211, 212);
+        m_isWritten = true;
+        return S_OK;
+    };
+    return report.Guard(217, body);
 }
 
 HRESULT CVoFileReplacement::Commit() noexcept

@@ -2,8 +2,11 @@
 
 #include <base/VoCArray.h>
 #include <base/VoDataParser.h>
+#include <base/VoDateTime.h>
 #include <base/VoErrorHandler.h>
-#include <base/VoUtils.h>
+#include <base/VoText.h>
+#include <base/VoTextConversion.h>
+#include <base/VoVariant.h>
 #include <base/com/VoComHelper.h>
 #include <base/utils/VoDataConversion.h>
 
@@ -38,15 +41,29 @@ void ChangeType(VARIANT& variant, VARTYPE type)
 template <class Number>
 void ParseNumber(std::wstring_view text, Number& number)
 {
-    std::string ascii;
-    for (const wchar_t c : VoIniTrim(text))
-        ascii += c < 0x80 ? static_cast<char>(c) : '?';
-    const char* const end = ascii.data() + ascii.size();
-    const auto [rest, error] = std::from_chars(ascii.data(), end, number);
-    if (error == std::errc::result_out_of_range)
-        Check(HResultFromWin32(ERROR_ARITHMETIC_OVERFLOW));
-    if (error != std::errc() || rest != end)
-        Check(E_INVALIDARG);
+    text = VoIniTrim(text);
+    if constexpr (std::is_integral_v<Number>)
+    {
+        bool isOutOfRange = false;
+        const std::optional<Number> parsed = VoParseDecimalClamped<Number>(text, &isOutOfRange);
+        if (!parsed)
+            Check(E_INVALIDARG);
+        if (isOutOfRange)
+            Check(HResultFromWin32(ERROR_ARITHMETIC_OVERFLOW));
+        number = *parsed;
+    }
+    else
+    {
+        std::string ascii;
+        for (const wchar_t c : text)
+            ascii += c < 0x80 ? static_cast<char>(c) : '?';
+        const char* const end = ascii.data() + ascii.size();
+        const auto [rest, error] = std::from_chars(ascii.data(), end, number);
+        if (error == std::errc::result_out_of_range)
+            Check(HResultFromWin32(ERROR_ARITHMETIC_OVERFLOW));
+        if (error != std::errc() || rest != end)
+            Check(E_INVALIDARG);
+    }
 }
 
 template <class Number>
@@ -358,19 +375,18 @@ catch (const CVoHResultException&)
 } // namespace
 
 HRESULT CVoParamHandler::Open(std::wstring_view path) noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"CVoParamHandler::Open" };
-    CVoIniFileIO file;
-    if (const HRESULT hr = file.Open(path, true); FAILED(hr))
-        return report(330, hr);
-    CAutoLock lock(&m_lock);
-    m_file = std::move(file);
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoParamHandler::Open" }.CurrentException(337);
+    const auto body = [&]() -> HRESULT
+    {
+        CVoIniFileIO file;
+        if (const HRESULT hr = file.Open(path, true); FAILED(hr))
+            return report(330, hr);
+        CAutoLock lock(&m_lock);
+        m_file = std::move(file);
+        return S_OK;
+    };
+    return report.Guard(337, body);
 }
 
 HRESULT CVoParamHandler::Save() noexcept
@@ -389,40 +405,40 @@ bool CVoParamHandler::IsChanged() const noexcept
 
 template <class Value>
 HRESULT CVoParamHandler::Read(std::wstring_view section, std::wstring_view name, Value& value, bool* present) const noexcept
-try
 {
-    CAutoLock lock(&m_lock);
-    const std::optional<std::wstring_view> text = m_file.FindValue(section, name);
-    Value read = MakeAlike(value);
-    if (present)
-        *present = text.has_value();
-    if (text)
+    constexpr CVoReporter report{ kSource, L"CVoParamHandler::Get" };
+    const auto body = [&]() -> HRESULT
     {
-        CVoParamText::To(*text, read);
-        value = std::move(read);
-    }
-    return S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoParamHandler::Get" }.CurrentException(373);
+        CAutoLock lock(&m_lock);
+        const std::optional<std::wstring_view> text = m_file.FindValue(section, name);
+        Value read = MakeAlike(value);
+        if (present)
+            *present = text.has_value();
+        if (text)
+        {
+            CVoParamText::To(*text, read);
+            value = std::move(read);
+        }
+        return S_OK;
+    };
+    return report.Guard(373, body);
 }
 
 template <class Value>
 HRESULT CVoParamHandler::Write(std::wstring_view section, std::wstring_view name, const Value& value) noexcept
-try
 {
     constexpr CVoReporter report{ kSource, L"CVoParamHandler::Set" };
-    const std::wstring text = CVoParamText::From(value);
-    CAutoLock lock(&m_lock);
-    if (const std::optional<std::wstring_view> old = m_file.FindValue(section, name); old && MeansTheSame(*old, text, value))
-        return S_OK;
-    const HRESULT hr = m_file.SetValue(section, name, text);
-    return FAILED(hr) ? report(386, hr) : S_OK;
-}
-catch (...)
-{
-    return CVoReporter{ kSource, L"CVoParamHandler::Set" }.CurrentException(390);
+    const auto body = [&]() -> HRESULT
+    {
+        const std::wstring text = CVoParamText::From(value);
+        CAutoLock lock(&m_lock);
+        if (const std::optional<std::wstring_view> old = m_file.FindValue(section, name);
+            old && MeansTheSame(*old, text, value))
+            return S_OK;
+        const HRESULT hr = m_file.SetValue(section, name, text);
+        return FAILED(hr) ? report(386, hr) : S_OK;
+    };
+    return report.Guard(390, body);
 }
 
 HRESULT CVoParamHandler::Get(std::wstring_view section, std::wstring_view name, std::wstring& value,

@@ -164,7 +164,7 @@ HRESULT CVoWMIQueryBase::Run()
 HRESULT CVoWMIQueryBase::ProcessQuery() noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoWMIQuery::CVoWMIQueryBase::ProcessQuery" };
-    try
+    const auto body = [&]() -> HRESULT
     {
         const CVoBstr language(L"WQL");
         CVoComPtr<IEnumWbemClassObject> objects;
@@ -185,11 +185,8 @@ HRESULT CVoWMIQueryBase::ProcessQuery() noexcept
             if (hr = CallBack(object.Get()); FAILED(hr))
                 return report(244, hr);
         }
-    }
-    catch (...)
-    {
-        return report.CurrentException(249);
-    }
+    };
+    return report.Guard(249, body);
 }
 
 HRESULT CVoWMIQueryBase::CallBack(IWbemClassObject* object) noexcept
@@ -296,7 +293,7 @@ HRESULT CVoWMIQueryStringFields::QueryWMIStringFields(std::wstring_view query, s
     const auto isEmpty = [](const std::wstring& name) { return name.empty(); };
     if (fieldNames.empty() || std::any_of(fieldNames.begin(), fieldNames.end(), isEmpty))
         return report(355, E_INVALIDARG);
-    try
+    const auto body = [&]() -> HRESULT
     {
         SFieldRows fields{ fieldNames, std::vector<bool>(fieldNames.size()), {} };
         if (const HRESULT hr = QueryWMI(query, &ReadFields, &fields); FAILED(hr))
@@ -310,10 +307,7 @@ HRESULT CVoWMIQueryStringFields::QueryWMIStringFields(std::wstring_view query, s
         }
         rows = std::move(fields.rows);
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(373);
-    }
+    };
+    return report.Guard(373, body);
 }
 } // namespace VoWMIQuery

@@ -1,6 +1,7 @@
 #include <win/VoWMIValue.h>
 
 #include <base/VoHResult.h>
+#include <base/VoText.h>
 #include <base/com/VoComHelper.h>
 #include <base/com/VoIUnknown.h>
 
@@ -28,17 +29,13 @@ public:
         const std::wstring_view field = Take(length);
         if (field.find_first_not_of(L'*') == std::wstring_view::npos)
             return std::nullopt;
-        int number = 0;
-        for (const wchar_t c : field)
+        const std::optional<UINT32> number = VoParseDecimal<UINT32>(field);
+        if (!number)
         {
-            if (c < L'0' || c > L'9')
-            {
-                m_isBad = true;
-                return std::nullopt;
-            }
-            number = number * 10 + (c - L'0');
+            m_isBad = true;
+            return std::nullopt;
         }
-        return number;
+        return static_cast<int>(*number);
     }
     // The digits of the fraction of a second, without the zeros at their end and the asterisks behind them.
     [[nodiscard]] std::wstring_view Fraction() noexcept

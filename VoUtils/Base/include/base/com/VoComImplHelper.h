@@ -2,7 +2,7 @@
 #pragma once
 
 #include <base/VoErrorHandler.h>
-#include <base/VoUtils.h>
+#include <base/VoText.h>
 #include <base/com/VoComHelper.h>
 #include <base/com/VoIUnknown.h>
 
@@ -34,7 +34,7 @@ public:
         constexpr CVoReporter report{ kHeader, L"CVoPropertyBagImpl::GetPropertyTags" };
         if (!tags)
             return report(34, E_POINTER);
-        try
+        const auto body = [&]() -> HRESULT
         {
             std::vector<std::wstring_view> texts;
             for (const CVoProperty<Object>& property : Object::PropertyTable())
@@ -47,11 +47,8 @@ public:
                 return report(46, hr);
             *tags = array.Detach();
             return S_OK;
-        }
-        catch (...)
-        {
-            return report.CurrentException(59);
-        }
+        };
+        return report.Guard(59, body);
     }
 
     // E_INVALIDARG for an unknown name. The caller clears the value; what `value` holds on entry is not looked at.

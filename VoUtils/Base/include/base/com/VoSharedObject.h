@@ -1,6 +1,7 @@
 // One object for the whole module, for as long as somebody uses it.
 #pragma once
 
+#include <base/VoLock.h>
 #include <base/com/VoIUnknown.h>
 
 // Hands out one object of a kind: the one that lives, or, when nobody holds one, a new one. It owns nothing itself, so that the
@@ -23,7 +24,7 @@ public:
     {
         CVoComPtr<Interface> found;
         {
-            const CHolder holder(m_lock);
+            const CVoLockHolder holder(m_lock);
             if (m_object && m_object->AddRefIfAlive())
                 found = CVoComPtr<Interface>::Attach(m_object);
             else
@@ -39,27 +40,14 @@ public:
     }
 
 private:
-    class CHolder
-    {
-    public:
-        explicit CHolder(SRWLOCK& lock) noexcept : m_lock(lock) { ::AcquireSRWLockExclusive(&m_lock); }
-        ~CHolder() { ::ReleaseSRWLockExclusive(&m_lock); }
-        CHolder(const CHolder&) = delete;
-        CHolder& operator=(const CHolder&) = delete;
-
-    private:
-        SRWLOCK& m_lock;
-    };
-
     // The object that goes may have a successor already.
     void OnLastRelease(IUnknown* object) noexcept override
     {
-        const CHolder holder(m_lock);
+        const CVoLockHolder holder(m_lock);
         if (m_object == object)
             m_object = nullptr;
     }
 
-    // The platform's lock without construction and destruction; a critical section has both.
-    SRWLOCK m_lock = SRWLOCK_INIT;
+    CVoLock m_lock;
     CVoIUnknownImpl<Interface>* m_object = nullptr;
 };

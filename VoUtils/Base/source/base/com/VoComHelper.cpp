@@ -67,15 +67,12 @@ HRESULT VoVariantToBytes(const VARIANT& value, std::vector<BYTE>& bytes) noexcep
     const CSafeArrayData data(array);
     if (FAILED(data.Result()))
         return report(68, data.Result());
-    try
+    const auto body = [&]() -> HRESULT
     {
         bytes.assign(data.Bytes(), data.Bytes() + array->rgsabound[0].cElements);
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(76);
-    }
+    };
+    return report.Guard(76, body);
 }
 
 HRESULT VoStringsToSafeArray(std::span<const std::wstring_view> texts, CVoSafeArray& array, UINT32 columns) noexcept
@@ -123,7 +120,7 @@ HRESULT VoSafeArrayToStrings(SAFEARRAY* array, std::vector<std::wstring>& texts)
     const CSafeArrayData data(array);
     if (FAILED(data.Result()))
         return report(125, data.Result());
-    try
+    const auto body = [&]() -> HRESULT
     {
         std::vector<std::wstring> read;
         read.reserve(rows * columns);
@@ -132,9 +129,6 @@ HRESULT VoSafeArrayToStrings(SAFEARRAY* array, std::vector<std::wstring>& texts)
                 read.emplace_back(CVoBstr::ViewOf(data.Texts()[(column * rows) + row]));
         texts = std::move(read);
         return S_OK;
-    }
-    catch (...)
-    {
-        return report.CurrentException(137);
-    }
+    };
+    return report.Guard(137, body);
 }
