@@ -86,7 +86,7 @@ struct CEncoding
     const wchar_t* digits;
     DWORD platformFormat; // 0 for none
     HRESULT (*encode)(const BYTE*, INT32, std::wstring&, INT32);
-    HRESULT (*decode)(std::wstring_view, BYTE**, UINT32*);
+    HRESULT (*decode)(CVoTextView, BYTE**, UINT32*);
     INT32 line;
 };
 

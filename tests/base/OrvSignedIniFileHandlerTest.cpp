@@ -108,7 +108,8 @@ TEST(SignedIniFile, OnlyWhatIsReadIsProtected)
         { "; top", "x=1\n;; other\n", true },
         { "[Signature]", "[sIGNATURE]", true },
         { "Line1", "Any name", true },
-        { "[Empty]", "[Void]", true }, // the name of an empty section is not signed
+        { "\r\nLine2", " \t\r\nLine2", true }, // white space behind a line of the signature
+        { "[Empty]", "[Void]", true },         // the name of an empty section is not signed
         { "x=1", "x=2", false },
         { "x=1\r\nkey=value", "key=value\r\nx=1", false },
         { "[Empty]\r\n", "[Empty]\r\na=\r\n", false },

@@ -20,7 +20,7 @@ using CBytes = std::vector<BYTE>;
 
 constexpr const wchar_t* kSource = L"..\\..\\source\\base\\utils\\VoDataConversion";
 
-using CDecoder = HRESULT (*)(std::wstring_view, BYTE**, UINT32*);
+using CDecoder = HRESULT (*)(CVoTextView, BYTE**, UINT32*);
 constexpr CDecoder kFromHex = &VoDataConversion::HexToBin;
 constexpr CDecoder kFromBase64 = &VoDataConversion::Base64ToBin;
 constexpr CDecoder kFromBase32 = &VoDataConversion::Base32ModifiedCrockfordToBin;
@@ -188,6 +188,60 @@ TEST(VoDataConversion, KernelsStayWithinTheirGroups)
                     text.Data()[at] = good;
                 }
         }
+}
+
+TEST(CodecKernels, ComputeWhatTheScalarReferenceComputes)
+{
+    std::mt19937 random(7);
+    for (int round = 0; round < 2000; ++round)
+    {
+        const size_t groups = random() % 40;
+        const CBytes bytes = RandomBytes(random, 3 * groups);
+        std::wstring hex(6 * groups, L'\0');
+        std::wstring scalarHex = hex;
+        VoCodecKernels::EncodeHex(bytes.data(), bytes.size(), hex.data());
+        VoCodecKernels::Scalar::EncodeHex(bytes.data(), bytes.size(), scalarHex.data());
+        ASSERT_EQ(hex, scalarHex);
+        std::wstring base64(4 * groups, L'\0');
+        VoCodecKernels::EncodeBase64(bytes.data(), groups, false, base64.data());
+        for (std::wstring* text : { &hex, &base64 })
+            if (!text->empty() && random() % 2 == 0)
+                (*text)[random() % text->size()] = static_cast<wchar_t>(random() % 0x180);
+        CBytes decoded(bytes.size());
+        CBytes scalar(bytes.size());
+        size_t good = VoCodecKernels::DecodeHex(hex.data(), bytes.size(), decoded.data());
+        ASSERT_EQ(good, VoCodecKernels::Scalar::DecodeHex(hex.data(), bytes.size(), scalar.data()));
+        ASSERT_TRUE(std::equal(scalar.begin(), scalar.begin() + static_cast<std::ptrdiff_t>(good), decoded.begin()));
+        good = VoCodecKernels::DecodeBase64(base64.data(), groups, decoded.data());
+        ASSERT_EQ(good, VoCodecKernels::Scalar::DecodeBase64(base64.data(), groups, scalar.data()));
+        ASSERT_TRUE(std::equal(scalar.begin(), scalar.begin() + static_cast<std::ptrdiff_t>(3 * good), decoded.begin()));
+
+        // Mostly ASCII, with a line end now and then.
+        std::string line(random() % 70, 'x');
+        for (char& c : line)
+            c = random() % 64 == 0 ? (random() % 2 ? '\n' : '\r')
+                                   : static_cast<char>(random() % (random() % 32 == 0 ? 256 : 128));
+        std::wstring wide(line.size() + 16, L'\0');
+        std::wstring scalarWide(line.size() + 16, L'\0');
+        bool isAscii = false;
+        bool isScalarAscii = false;
+        const size_t length = VoCodecKernels::WidenLine(line.data(), line.size(), wide.data(), isAscii);
+        ASSERT_EQ(length, VoCodecKernels::Scalar::WidenLine(line.data(), line.size(), scalarWide.data(), isScalarAscii));
+        ASSERT_EQ(isAscii, isScalarAscii);
+        ASSERT_EQ(wide.substr(0, length), scalarWide.substr(0, length));
+
+        std::wstring text(random() % 40, L'x');
+        for (wchar_t& c : text)
+            c = static_cast<wchar_t>(random() % (random() % 32 == 0 ? 0x10000 : 0x80));
+        std::string narrow(text.size(), '\0');
+        std::string scalarNarrow(text.size(), '\0');
+        const bool isNarrow = VoCodecKernels::NarrowAscii(text, narrow.data());
+        ASSERT_EQ(isNarrow, VoCodecKernels::Scalar::NarrowAscii(text, scalarNarrow.data()));
+        if (isNarrow)
+        {
+            ASSERT_EQ(narrow, scalarNarrow);
+        }
+    }
 }
 
 TEST(VoDataConversion, ReportsNameTheBadQuantityFirst)

@@ -318,6 +318,116 @@ TEST(BinaryDataParser, MessagesAreTakenApart)
     EXPECT_EQ(Message(parser), "old=1&a=1&&" + mark + "a=1");
 }
 
+TEST(DataParser, EveryIntegerOf32BitsIsAddedAndRead)
+{
+    CVoDataParser parser;
+    EXPECT_EQ(parser.AddParam(L"a", DWORD{ 0xFFFFFFFE }), S_OK);
+    EXPECT_EQ(parser.AddParam(L"b", long{ -3 }), S_OK);
+    EXPECT_EQ(parser.AddParam(L"c", ULONG{ 4 }), S_OK);
+    EXPECT_EQ(TextOf(parser), L"a=-2&b=-3&c=4");
+    DWORD unsignedNumber = 0;
+    long number = 0;
+    INT32 integer = 0;
+    EXPECT_EQ(parser.GetParam(L"a", unsignedNumber), S_OK);
+    EXPECT_EQ(parser.GetParam(L"b", number), S_OK);
+    EXPECT_EQ(parser.GetParam(L"c", integer), S_OK);
+    EXPECT_TRUE(unsignedNumber == 0xFFFFFFFE && number == -3 && integer == 4);
+    EXPECT_EQ(parser.GetParam(L"none", number), kNotFound);
+    EXPECT_EQ(number, -3);
+}
+
+TEST(DataParser, AVariantOfTwoDimensionsIsFlattened)
+{
+    SAFEARRAYBOUND bounds[] = { { 2, 5 }, { 2, -1 } };
+    CVoVariant numbers;
+    V_VT(&numbers.Get()) = VT_ARRAY | VT_I4;
+    V_ARRAY(&numbers.Get()) = ::SafeArrayCreate(VT_I4, 2, bounds);
+    CVoVariant mixed;
+    V_VT(&mixed.Get()) = VT_ARRAY | VT_VARIANT;
+    V_ARRAY(&mixed.Get()) = ::SafeArrayCreate(VT_VARIANT, 2, bounds);
+    for (LONG row = 0; row < 2; ++row)
+        for (LONG column = 0; column < 2; ++column)
+        {
+            LONG place[] = { 5 + row, column - 1 };
+            LONG number = 10 * row + column;
+            ASSERT_EQ(::SafeArrayPutElement(V_ARRAY(&numbers.Get()), place, &number), S_OK);
+            CVoVariant element;
+            if (row == column)
+            {
+                ASSERT_EQ(VoTypeToVariant(L"t", element.Get()), S_OK);
+            }
+            ASSERT_EQ(::SafeArrayPutElement(V_ARRAY(&mixed.Get()), place, &element.Get()), S_OK);
+        }
+    CVoDataParser parser;
+    EXPECT_EQ(parser.AddParam(L"N", numbers.Get()), S_OK);
+    EXPECT_EQ(parser.AddParam(L"M", mixed.Get()), S_OK);
+    CVo2DIDArray read;
+    ASSERT_EQ(parser.GetParam(L"N", read), S_OK);
+    ASSERT_TRUE(read.Rows() == 2 && read.Columns() == 2);
+    EXPECT_EQ(V_I4(&read.GetCell(1, 0)->value.Get()), 10);
+    EXPECT_EQ(V_I4(&read.GetCell(0, 1)->value.Get()), 1);
+    ASSERT_EQ(parser.GetParam(L"M", read), S_OK);
+    EXPECT_EQ(CVoBstr::ViewOf(V_BSTR(&read.GetCell(1, 1)->value.Get())), L"t");
+    EXPECT_EQ(read.GetCell(0, 1), nullptr);
+}
+
+TEST(BinaryDataParser, TheStepsOfAMessageAreCallable)
+{
+    const auto parser = Read(L"x=1");
+    CVoByteBuffer bytes;
+    EXPECT_EQ(parser.internalGetParamData(true, bytes.PutLength(), bytes.PutBytes()), S_OK);
+    EXPECT_EQ(CBytes(bytes.Bytes().begin(), bytes.Bytes().end()), Bytes("x=1&&"));
+    EXPECT_EQ(CVoBinaryDataParser::StringToMessageData(L"\u20AC", true, bytes.PutLength(), bytes.PutBytes()), S_OK);
+    EXPECT_EQ(CBytes(bytes.Bytes().begin(), bytes.Bytes().end()), Bytes("\xE2\x82\xAC"));
+    UINT32 length = 0;
+    EXPECT_EQ(CVoBinaryDataParser::StringToMessageData(nullptr, true, &length, nullptr), S_OK);
+    EXPECT_EQ(CVoBinaryDataParser::StringToMessageData(L"x", true, nullptr, nullptr), E_INVALIDARG);
+}
+
+TEST(BinaryDataParser, ExhaustedMemoryIsReportedAsTheGrowableArraysAndNothingChanges)
+{
+    const std::wstring pair = L"name=" + std::wstring(100, L'v');
+    const CBytes payload(1000);
+    CVoBinaryDataParser parser;
+    ASSERT_EQ(parser.SetPayload(payload.data(), 3), S_OK);
+    CLogCapture log;
+    {
+        const CFailOnCall<void*(WINAPI*)(size_t)> fail("msvcrt.dll", "malloc", 1, nullptr, ERROR_NOT_ENOUGH_MEMORY);
+        EXPECT_EQ(parser.SetPayload(payload.data(), 1000), kResultNotEnoughMemory);
+    }
+    EXPECT_EQ(parser.Payload().size(), 3u);
+    EXPECT_THAT(log.Lines(), ElementsAre(IsReportBy(L"CArray<unsigned char,unsigned char>::SetSize", kResultNotEnoughMemory),
+                                         IsReportBy(L"CVoBinaryDataParser::SetPayload", kResultNotEnoughMemory)));
+    log.Clear();
+    CParamRec record(L"old", L"value");
+    {
+        const CFailOnCall<void*(WINAPI*)(size_t)> fail("msvcrt.dll", "malloc", 1, nullptr, ERROR_NOT_ENOUGH_MEMORY);
+        EXPECT_EQ(record.PutParamString(pair.data(), pair.size()), kResultNotEnoughMemory);
+    }
+    EXPECT_EQ(record.Name() + record.Value(), L"oldvalue");
+    EXPECT_THAT(log.Lines(), ElementsAre(IsReportBy(L"CArray<wchar_t,wchar_t>::SetSize", kResultNotEnoughMemory),
+                                         IsReportBy(L"CParamRec::PutParamString", kResultNotEnoughMemory)));
+    EXPECT_EQ(record.PutParamString(nullptr, 1), E_INVALIDARG);
+
+    // A copy assignment that fails changes neither the parameters nor the payload.
+    CVoBinaryDataParser other = Read(L"a=1");
+    ASSERT_EQ(other.SetPayload(payload.data(), 1000), S_OK);
+    for (int call = 1;; ++call)
+    {
+        const CFailOnCall<void*(WINAPI*)(size_t)> fail("msvcrt.dll", "malloc", call, nullptr, ERROR_NOT_ENOUGH_MEMORY);
+        try
+        {
+            parser = other;
+            break;
+        }
+        catch (const std::exception&)
+        {
+            ASSERT_TRUE(parser.GetCount() == 0 && parser.Payload().size() == 3) << call;
+        }
+    }
+    EXPECT_EQ(parser.Payload().size(), 1000u);
+}
+
 TEST(BinaryDataParser, AFailureIsReportedUpTheChainAndLeavesTheOutputs)
 {
     const auto parser = Read(L"x=\xD83D");

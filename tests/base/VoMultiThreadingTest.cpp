@@ -75,9 +75,19 @@ struct CTestLock final : CLockObject
     int answer = 1;
     int calls = 0;
 
-    int Unlock() noexcept override { return ++calls, answer; }
-    int Lock() noexcept override { return ++calls, answer; }
-    int Lock(DWORD) noexcept override { return Lock(); }
+    // A lock may be written without noexcept; -1 makes it throw.
+    int Unlock() override { return Answer(); }
+    int Lock() override { return Answer(); }
+    int Lock(DWORD) override { return Lock(); }
+
+private:
+    int Answer()
+    {
+        ++calls;
+        if (answer < 0)
+            throw std::runtime_error("lock");
+        return answer;
+    }
 };
 
 TEST(AutoLock, LocksOnceUnlocksOnceAndBelievesTheLock)
@@ -97,6 +107,30 @@ TEST(AutoLock, LocksOnceUnlocksOnceAndBelievesTheLock)
         EXPECT_EQ(holder.Lock(), 1);
     }
     EXPECT_EQ(lock.calls, 5);
+}
+
+TEST(AutoLock, ANullLockAndOneThatThrowsAreReportedAndNotHeld)
+{
+    CLogCapture log;
+    {
+        CAutoLock holder(nullptr);
+        EXPECT_FALSE(holder.IsLocked());
+        EXPECT_EQ(holder.Unlock(), 1);
+    }
+    EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kSource, 430, L"CAutoLock::Lock", E_POINTER)));
+    log.Clear();
+    CTestLock lock;
+    CAutoLock holder(&lock);
+    lock.answer = -1;
+    EXPECT_EQ(holder.Unlock(), 0);
+    EXPECT_TRUE(holder.IsLocked());
+    lock.answer = 1;
+    EXPECT_EQ(holder.Unlock(), 1);
+    lock.answer = -1;
+    EXPECT_EQ(holder.Lock(), 0);
+    EXPECT_FALSE(holder.IsLocked());
+    EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kSource, 455, L"CAutoLock::Unlock", E_FAIL),
+                                         IsReport(kSource, 439, L"CAutoLock::Lock", E_FAIL)));
 }
 
 TEST(Thread, IsIdleThenRunsThenEndsAndStartsAgain)
@@ -121,6 +155,40 @@ TEST(Thread, IsIdleThenRunsThenEndsAndStartsAgain)
             EXPECT_EQ(exitCode, 0U);
             EXPECT_TRUE(thread.IsFinished());
         }
+    }
+}
+
+TEST(Thread, AnObjectWhoseThreadHasFinishedStartsAgainAlsoWhileTheThreadIsNotQuiteGone)
+{
+    CTestThread thread;
+    for (int round = 0; round < 200; ++round)
+    {
+        ASSERT_EQ(thread.CreateThread(false, false, true, nullptr, true), S_OK);
+        while (!thread.IsFinished())
+            ::SwitchToThread();
+        ASSERT_EQ(thread.CreateThread(false, false, true, nullptr, false), S_OK) << round;
+        ASSERT_EQ(thread.Stop(true), S_OK);
+    }
+}
+
+TEST(Thread, ACreationThatThrowsReportsTheExceptionAndThenTheError)
+{
+    CTestThread thread;
+    CLogCapture log;
+    for (const DWORD error : { DWORD{ ERROR_MAX_THRDS_REACHED }, DWORD{ ERROR_SUCCESS } })
+    {
+        CCallHook<decltype(&::CreateThread)> hook("kernel32.dll", "CreateThread",
+                                                  [error](auto, auto...) -> HANDLE
+                                                  {
+                                                      ::SetLastError(error);
+                                                      throw std::runtime_error("creation");
+                                                  });
+        const HRESULT expected = HResultFromWin32(error);
+        EXPECT_EQ(thread.CreateThread(false, true, true, nullptr, false), expected);
+        EXPECT_THAT(log.Lines(),
+                    ElementsAre(CreateReport(802, E_FAIL), CreateReport(error != ERROR_SUCCESS ? 810 : 811, expected)));
+        EXPECT_TRUE(thread.IsFinished());
+        log.Clear();
     }
 }
 

@@ -227,6 +227,9 @@ TEST(IniFile, RefusesWhatCouldNotBeReadBack)
     for (const wchar_t* section : { L"", L"B]", L" B", L"B\n" })
         refuses(section, L"x", L"1");
     EXPECT_EQ(file.SetValue(L"A", L"x", L"\xD800"), HResultFromWin32(ERROR_NO_UNICODE_TRANSLATION));
+    for (const int encoding : { -1, 5 })
+        EXPECT_EQ(file.SetEncoding(static_cast<EVoTextEncoding>(encoding)), E_INVALIDARG);
+    EXPECT_EQ(file.Encoding(), EVoTextEncoding::Utf8);
     EXPECT_EQ(BytesOf(file), "[A]\nx=0\n");
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <base/VoPlatform.h>
+#include <base/VoText.h>
 #include <base/com/VoComHelper.h>
 
 #include <memory>
@@ -32,6 +33,12 @@ public:
 
     // Makes every cell hold nothing. Either size may be 0. E_INVALIDARG for a size above INT32_MAX, E_OUTOFMEMORY.
     [[nodiscard]] HRESULT SetSize(UINT32 rows, UINT32 columns) noexcept;
+    // Takes over a variant's safe array of two dimensions, rows first, whatever its lower bounds and its element type. The
+    // cells have empty IDs; an element that is VT_EMPTY becomes a cell that holds nothing. DISP_E_TYPEMISMATCH for any other
+    // variant, and for an array of records.
+    [[nodiscard]] HRESULT SetFromVariant(const VARIANT& value) noexcept;
+    // Whether a variant holds such an array, or a reference to one.
+    [[nodiscard]] static bool IsTwoDimensional(const VARIANT& value) noexcept;
     // Back to 0 rows and columns.
     void Clear() noexcept;
 
@@ -40,9 +47,9 @@ public:
 
     // Copies an ID and a value into a cell; a value held by reference is copied as what it refers to. E_INVALIDARG outside the
     // array, or the platform's code for a value that cannot be copied.
-    [[nodiscard]] HRESULT SetCell(UINT32 row, UINT32 column, std::wstring_view id, const VARIANT& value) noexcept;
+    [[nodiscard]] HRESULT SetCell(UINT32 row, UINT32 column, CVoTextView id, const VARIANT& value) noexcept;
     // Moves the value in; `value` is empty afterwards, on success.
-    [[nodiscard]] HRESULT SetCell(UINT32 row, UINT32 column, std::wstring_view id, CVoVariant&& value) noexcept;
+    [[nodiscard]] HRESULT SetCell(UINT32 row, UINT32 column, CVoTextView id, CVoVariant&& value) noexcept;
     // Makes a cell hold nothing. E_INVALIDARG outside the array.
     [[nodiscard]] HRESULT ClearCell(UINT32 row, UINT32 column) noexcept;
 

@@ -79,6 +79,14 @@ inline constexpr const wchar_t* kCArraySetSizeName<unsigned char, unsigned char>
 template <>
 inline constexpr const wchar_t* kCArraySetSizeName<wchar_t, wchar_t> = L"CArray<wchar_t,wchar_t>::SetSize";
 
+// Reports that an array of these types could not grow, and returns the code for it. Also for other containers that take the
+// place of such an array.
+template <class Type, class ArgType>
+HRESULT VoReportFullArray() noexcept
+{
+    return CVoReporter{ L"VoCArray.h", kCArraySetSizeName<Type, ArgType> }(110, kResultNotEnoughMemory);
+}
+
 // A growable array that answers an HRESULT, instead of throwing, when there is no room. `ArgType` is the type in which items
 // are passed in. New items are value-initialised; growing one by one is amortised. Not thread-safe.
 //
@@ -109,7 +117,7 @@ public:
         }
         catch (...)
         {
-            return CVoReporter{ L"VoCArray.h", kCArraySetSizeName<Type, ArgType> }(110, kResultNotEnoughMemory);
+            return VoReportFullArray<Type, ArgType>();
         }
     }
 

@@ -10,6 +10,8 @@
 #include <base/Vo2DIDArray.h>
 #include <base/VoCArray.h>
 #include <base/VoPlatform.h>
+#include <base/VoText.h>
+#include <base/VoVariant.h>
 #include <base/VoWipe.h>
 
 #include <span>
@@ -23,11 +25,12 @@ class CParamRec
 {
 public:
     CParamRec() = default;
-    CParamRec(std::wstring_view name, std::wstring_view value) : m_name(name), m_value(value) {}
+    CParamRec(CVoTextView name, CVoTextView value) : m_name(name), m_value(value) {}
 
     // Fills the record from one pair of parameter text: the first "=" splits it, the name loses white space at both ends, the
-    // value its escapes ("$&" and "$$"; any other "$" stands for itself). E_FAIL for a pair without "=".
-    [[nodiscard]] HRESULT PutParamString(const wchar_t* text, size_t length);
+    // value its escapes ("$&" and "$$"; any other "$" stands for itself). E_FAIL for a pair without "=", E_INVALIDARG for a
+    // null text with a length, kResultNotEnoughMemory (reported as a growable array's). The record is untouched on failure.
+    [[nodiscard]] HRESULT PutParamString(const wchar_t* text, size_t length) noexcept;
 
     [[nodiscard]] const std::wstring& Name() const noexcept { return m_name; }
     [[nodiscard]] const std::wstring& Value() const noexcept { return m_value; }
@@ -59,34 +62,44 @@ public:
     // Append a parameter. A null text is an empty one. A variant is converted by its type; a byte array (VT_ARRAY|VT_UI1)
     // becomes upper-case hexadecimal. An array of identified values becomes the parameters name_dim1, name_dim2 and for each
     // cell name_empty_r_c, and unless that is true name_ID_r_c, name_type_r_c and name_val_r_c. All or nothing is appended.
-    [[nodiscard]] HRESULT AddParam(std::wstring_view name, std::wstring_view value) noexcept;
-    [[nodiscard]] HRESULT AddParam(std::wstring_view name, const wchar_t* value) noexcept;
-    [[nodiscard]] HRESULT AddParam(std::wstring_view name, UINT32 value) noexcept;
-    // A negative number reads back through GetParam as the same bits.
-    [[nodiscard]] HRESULT AddParam(std::wstring_view name, INT32 value) noexcept
+    [[nodiscard]] HRESULT AddParam(CVoTextView name, CVoTextView value) noexcept;
+    [[nodiscard]] HRESULT AddParam(CVoTextView name, const wchar_t* value) noexcept;
+    [[nodiscard]] HRESULT AddParam(CVoTextView name, UINT32 value) noexcept;
+    // Any other integer of 32 bits (DWORD, long, INT32). A negative number reads back through GetParam as the same bits.
+    template <CVoOther32BitInteger T>
+    [[nodiscard]] HRESULT AddParam(CVoTextView name, T value) noexcept
     {
         return AddParam(name, static_cast<UINT32>(value));
     }
-    [[nodiscard]] HRESULT AddParam(std::wstring_view name, double value) noexcept;
-    [[nodiscard]] HRESULT AddParam(std::wstring_view name, bool value) noexcept;
-    [[nodiscard]] HRESULT AddParam(std::wstring_view name, const VARIANT& value) noexcept;
-    [[nodiscard]] HRESULT AddParam(std::wstring_view name, const CVo2DIDArray& value) noexcept;
+    [[nodiscard]] HRESULT AddParam(CVoTextView name, double value) noexcept;
+    [[nodiscard]] HRESULT AddParam(CVoTextView name, bool value) noexcept;
+    [[nodiscard]] HRESULT AddParam(CVoTextView name, const VARIANT& value) noexcept;
+    [[nodiscard]] HRESULT AddParam(CVoTextView name, const CVo2DIDArray& value) noexcept;
 
     // Read the first parameter of that name, converted. HRESULT_FROM_WIN32(ERROR_NOT_FOUND) when there is none, else the code
     // of the conversion. A variant becomes of the type asked for, or of the type that it holds on entry (text for VT_EMPTY); it
     // must be a valid one, and what it held is cleared.
-    [[nodiscard]] HRESULT GetParam(std::wstring_view name, std::wstring& value) const noexcept;
-    [[nodiscard]] HRESULT GetParam(std::wstring_view name, UINT32& value) const noexcept;
-    [[nodiscard]] HRESULT GetParam(std::wstring_view name, double& value) const noexcept;
-    [[nodiscard]] HRESULT GetParam(std::wstring_view name, bool& value) const noexcept;
-    [[nodiscard]] HRESULT GetParam(std::wstring_view name, VARIANT& value) const noexcept;
-    [[nodiscard]] HRESULT GetParam(std::wstring_view name, VARIANT& value, VARTYPE type) const noexcept;
+    [[nodiscard]] HRESULT GetParam(CVoTextView name, std::wstring& value) const noexcept;
+    [[nodiscard]] HRESULT GetParam(CVoTextView name, UINT32& value) const noexcept;
+    template <CVoOther32BitInteger T>
+    [[nodiscard]] HRESULT GetParam(CVoTextView name, T& value) const noexcept
+    {
+        UINT32 number = 0;
+        const HRESULT hr = GetParam(name, number);
+        if (SUCCEEDED(hr))
+            value = static_cast<T>(number);
+        return hr;
+    }
+    [[nodiscard]] HRESULT GetParam(CVoTextView name, double& value) const noexcept;
+    [[nodiscard]] HRESULT GetParam(CVoTextView name, bool& value) const noexcept;
+    [[nodiscard]] HRESULT GetParam(CVoTextView name, VARIANT& value) const noexcept;
+    [[nodiscard]] HRESULT GetParam(CVoTextView name, VARIANT& value, VARTYPE type) const noexcept;
     // E_INVALIDARG for sizes that are negative or ask for more cells than the list can describe.
-    [[nodiscard]] HRESULT GetParam(std::wstring_view name, CVo2DIDArray& value) const noexcept;
+    [[nodiscard]] HRESULT GetParam(CVoTextView name, CVo2DIDArray& value) const noexcept;
 
     // The first record of that name, or null. It belongs to the parser and lives until the list changes.
-    [[nodiscard]] const CParamRec* FindParam(std::wstring_view name) const noexcept;
-    [[nodiscard]] bool ParamExists(std::wstring_view name) const noexcept { return FindParam(name) != nullptr; }
+    [[nodiscard]] const CParamRec* FindParam(CVoTextView name) const noexcept;
+    [[nodiscard]] bool ParamExists(CVoTextView name) const noexcept { return FindParam(name) != nullptr; }
 
     // The list in its order, for walking it.
     [[nodiscard]] size_t GetCount() const noexcept { return m_params.GetSize(); }
@@ -97,7 +110,7 @@ public:
 
     // Appends the pairs found in parameter text. Empty pairs are passed over. A pair without "=" ends it with E_FAIL; pairs
     // read before stay in the list.
-    [[nodiscard]] HRESULT ReadParamsFromString(std::wstring_view text) noexcept;
+    [[nodiscard]] HRESULT ReadParamsFromString(CVoTextView text) noexcept;
     // The whole list as parameter text.
     [[nodiscard]] HRESULT GetParamsAsString(std::wstring& text) const noexcept;
 
@@ -115,8 +128,8 @@ private:
     [[nodiscard]] HRESULT AddTyped(std::wstring_view name, const CValue& value) noexcept;
     template <class CValue>
     [[nodiscard]] HRESULT GetTyped(std::wstring_view name, CValue& value) const noexcept;
-    [[nodiscard]] HRESULT AppendCells(std::wstring_view name, const CVo2DIDArray& value);
-    [[nodiscard]] HRESULT ReadCells(std::wstring_view name, CVo2DIDArray& value) const;
+    [[nodiscard]] HRESULT AppendCells(CVoTextView name, const CVo2DIDArray& value);
+    [[nodiscard]] HRESULT ReadCells(CVoTextView name, CVo2DIDArray& value) const;
     [[nodiscard]] HRESULT ConvertValues(HRESULT (*convert)(bool, std::wstring&) noexcept, bool useUtf8);
 
     CArray<CParamRec*, CParamRec*> m_params; // owned
@@ -126,6 +139,14 @@ private:
 class CVoBinaryDataParser : public CVoDataParser
 {
 public:
+    CVoBinaryDataParser() = default;
+    CVoBinaryDataParser(const CVoBinaryDataParser&) = default;
+    CVoBinaryDataParser(CVoBinaryDataParser&&) noexcept = default;
+    // All or nothing: throws CVoHResultException or std::bad_alloc and has changed nothing then.
+    CVoBinaryDataParser& operator=(const CVoBinaryDataParser& other) { return *this = CVoBinaryDataParser(other); }
+    CVoBinaryDataParser& operator=(CVoBinaryDataParser&&) noexcept = default;
+    ~CVoBinaryDataParser() override = default;
+
     // Takes a message apart: replaces the payload and appends the parameters found. `binaryOnly` makes the whole input the
     // payload. With `useUtf8` the text is UTF-8 (a byte-order mark is skipped), else in the thread's ANSI code page. Without
     // "&&" the whole input is parameter text. E_INVALIDARG for null bytes with a length changes nothing; any later failure
@@ -152,6 +173,11 @@ public:
     // The parameters as parameter text in bytes, without "&&" and payload (the body of a form); the buffer as above.
     [[nodiscard]] HRESULT GetParamData(bool useUtf8, UINT32* length, BYTE** buffer) const noexcept;
 
+    // The steps of GetMessageData: the parameter text with "&&" behind it as bytes, and any text as bytes; UTF-8 with
+    // `useUtf8`, else in the system's ANSI code page. The buffer as above.
+    [[nodiscard]] HRESULT internalGetParamData(bool useUtf8, UINT32* length, BYTE** buffer) const noexcept;
+    [[nodiscard]] static HRESULT StringToMessageData(CVoTextView text, bool useUtf8, UINT32* length, BYTE** buffer) noexcept;
+
     // The payload is copied in; what Payload() gives stays valid until the payload changes.
     [[nodiscard]] HRESULT SetPayload(const BYTE* bytes, UINT32 length) noexcept;
     void SetPayload(std::vector<BYTE>&& bytes) noexcept { m_payload = std::move(bytes); }
@@ -160,8 +186,7 @@ public:
     [[nodiscard]] std::vector<BYTE> TakePayload() noexcept { return std::exchange(m_payload, {}); }
 
 private:
-    [[nodiscard]] HRESULT internalGetParamData(bool useUtf8, std::string_view terminator, std::string& bytes) const;
-    [[nodiscard]] static HRESULT StringToMessageData(std::wstring_view text, bool useUtf8, std::string& bytes);
+    [[nodiscard]] HRESULT ParamBytes(bool useUtf8, std::string_view terminator, std::string& bytes) const;
     [[nodiscard]] HRESULT internalGetMessageData(bool withSizePrefix, UINT32* length, BYTE** buffer, bool skipParams,
                                                  bool useUtf8) const noexcept;
     [[nodiscard]] HRESULT ReadParams(std::span<const BYTE> text, bool useUtf8);

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <base/VoPlatform.h>
+#include <base/VoText.h>
 
 #include <string>
 #include <string_view>
@@ -16,7 +17,7 @@
 // Reads the forms that the function above writes; a fraction of a second may have 1 to 9 digits (cut to milliseconds), a blank
 // may stand for the "T", and the zone may be missing (offset 0). `time` receives the fields as written, `offsetMinutes` (may be
 // null) the offset. E_INVALIDARG for anything else, impossible dates included.
-[[nodiscard]] HRESULT VoISO8601DateTimeStrToSystemTime(std::wstring_view text, SYSTEMTIME& time, int* offsetMinutes) noexcept;
+[[nodiscard]] HRESULT VoISO8601DateTimeStrToSystemTime(CVoTextView text, SYSTEMTIME& time, int* offsetMinutes) noexcept;
 
 // The process's high-resolution clock (QueryPerformanceCounter), in microseconds from an arbitrary start. Never goes back.
 [[nodiscard]] INT64 VoGetMicroseconds() noexcept;

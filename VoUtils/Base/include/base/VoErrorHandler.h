@@ -18,6 +18,7 @@
 #include <base/VoLock.h>
 #include <base/VoModuleSettings.h>
 #include <base/VoPlatform.h>
+#include <base/VoText.h>
 
 #include <atomic>
 #include <string>
@@ -29,7 +30,7 @@
 // first report or settings query of the process; afterwards it answers HRESULT_FROM_WIN32(ERROR_ALREADY_INITIALIZED) and
 // changes nothing. An empty or over-long path and one with a zero in it are E_INVALIDARG, a folder that does not exist
 // ERROR_PATH_NOT_FOUND; these two are not reported, because a report would settle the folder.
-[[nodiscard]] HRESULT VoSetModuleSettingsDirectory(std::wstring_view directory) noexcept;
+[[nodiscard]] HRESULT VoSetModuleSettingsDirectory(CVoTextView directory) noexcept;
 
 // The application's log file. One object serves the process (VoErrorLog()); others exist only in tests. Any thread may report.
 // Every line opens, writes and closes the file, so that several processes can share it and a reader may delete it; writers in
@@ -70,7 +71,7 @@ public:
 
     // Writes one line. A null source leaves out module and file, a negative line number the line, a null function the function.
     // Keeps the calling thread's last error.
-    void WriteLine(const wchar_t* source, int line, const wchar_t* function, std::wstring_view message) noexcept;
+    void WriteLine(const wchar_t* source, int line, const wchar_t* function, CVoTextView message) noexcept;
     // WriteLine with the message "Code=0x%X".
     void WriteCode(const wchar_t* source, int line, const wchar_t* function, HRESULT code) noexcept;
 

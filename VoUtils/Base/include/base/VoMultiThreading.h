@@ -4,22 +4,25 @@
 #include <base/VoHResult.h>
 #include <base/VoHandle.h>
 #include <base/VoPlatform.h>
+#include <base/VoText.h>
 
 #include <atomic>
 #include <memory>
 #include <string>
 #include <string_view>
 
-// A lock that one thread holds at a time. Both operations return nonzero on success.
+// A lock that one thread holds at a time. Both operations return nonzero on success. An implementation may throw: CAutoLock
+// takes that for a refusal.
 class CLockObject
 {
 public:
     virtual ~CLockObject() = default;
-    virtual int Unlock() noexcept = 0;
+    virtual int Unlock() = 0;
     // Waits until the lock is free and takes it.
-    virtual int Lock() noexcept = 0;
-    // The same with room for an argument that derived kinds may interpret (a time-out in milliseconds, 0 for the kind's own).
-    virtual int Lock(DWORD argument) noexcept = 0;
+    virtual int Lock() = 0;
+    // The same with an argument that implementations may interpret (a time-out in milliseconds, 0 for the implementation's
+    // own).
+    virtual int Lock(DWORD argument) = 0;
 
     CLockObject(const CLockObject&) = delete;
     CLockObject& operator=(const CLockObject&) = delete;
@@ -51,12 +54,12 @@ private:
     CRITICAL_SECTION m_section;
 };
 
-// Holds a lock for a scope. It may be unlocked and locked again inside the scope; a lock that it holds at the end is released.
-// Not to be shared between threads.
+// Holds a CLockObject for a scope; the only holder of this kind of lock (a CVoLock has CVoLockHolder). It may be unlocked and
+// locked again inside the scope; a lock that it holds at the end is released. Not to be shared between threads.
 class CAutoLock
 {
 public:
-    // The lock is not owned and must outlive the holder.
+    // The lock is not owned and must outlive the holder. A null lock is reported (E_POINTER); the holder then holds nothing.
     explicit CAutoLock(CLockObject* lock, bool lockNow = true) noexcept : m_lock(lock)
     {
         if (lockNow)
@@ -66,22 +69,10 @@ public:
     CAutoLock(const CAutoLock&) = delete;
     CAutoLock& operator=(const CAutoLock&) = delete;
 
-    // Takes the lock unless this holder has it already. 1 on success, 0 when the lock refuses.
-    int Lock() noexcept
-    {
-        if (m_locked)
-            return 1;
-        m_locked = m_lock->Lock(0) != 0;
-        return m_locked ? 1 : 0;
-    }
+    // Takes the lock unless this holder has it already. 1 on success, 0 when the lock refuses or throws (which is reported).
+    int Lock() noexcept;
     // Releases the lock if this holder has it. 1 on success; a lock that refuses, with 0, stays marked as held.
-    int Unlock() noexcept
-    {
-        if (!m_locked)
-            return 1;
-        m_locked = m_lock->Unlock() == 0;
-        return m_locked ? 0 : 1;
-    }
+    int Unlock() noexcept;
     [[nodiscard]] bool IsLocked() const noexcept { return m_locked; }
 
 private:
@@ -151,7 +142,7 @@ public:
     // E_FAIL while the previous thread runs (only the name and the two flags are taken over); the platform's error when no
     // thread could be made (E_FAIL when it gives none, or throws). When the thread ended without having signalled that it
     // started: its exit code, as it is, or S_FALSE in place of 0.
-    [[nodiscard]] HRESULT CreateThread(bool startSuspended, bool waitUntilStarted, bool waitOnDestroy, std::wstring_view name,
+    [[nodiscard]] HRESULT CreateThread(bool startSuspended, bool waitUntilStarted, bool waitOnDestroy, CVoTextView name,
                                        bool useFinishedEvent) noexcept;
     // Lets a thread that was created suspended go.
     [[nodiscard]] HRESULT Resume() noexcept;

@@ -4,11 +4,29 @@
 #include <base/VoPlatform.h>
 
 #include <cstdarg>
+#include <cstddef>
 #include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <type_traits>
+
+// Text that a public function takes: any string, literal or view. A null pointer is an empty text. The text is not owned.
+template <class Character>
+class CVoBasicTextView : public std::basic_string_view<Character>
+{
+    using CView = std::basic_string_view<Character>;
+
+public:
+    constexpr CVoBasicTextView() noexcept = default;
+    constexpr CVoBasicTextView(std::nullptr_t) noexcept {}
+    constexpr CVoBasicTextView(const Character* text) noexcept : CView(text ? CView(text) : CView()) {}
+    constexpr CVoBasicTextView(const Character* text, size_t length) noexcept : CView(text, length) {}
+    constexpr CVoBasicTextView(CView text) noexcept : CView(text) {}
+    CVoBasicTextView(const std::basic_string<Character>& text) noexcept : CView(text) {}
+};
+using CVoTextView = CVoBasicTextView<wchar_t>;
+using CVoBytesView = CVoBasicTextView<char>;
 
 // Formats text as printf does from a wide format. Write %ls for wide and %hs for narrow text: they mean the same in every C
 // library. Throws std::bad_alloc, or CVoHResultException (E_INVALIDARG) for a narrow text that has no wide form.
@@ -16,22 +34,22 @@
 [[nodiscard]] std::wstring VoFormatV(const wchar_t* format, va_list arguments);
 
 // Compare without regard to case, ordinal and independent of the locale (CompareStringOrdinal).
-[[nodiscard]] bool VoEqualsNoCase(std::wstring_view a, std::wstring_view b) noexcept;
-[[nodiscard]] bool VoStartsWithNoCase(std::wstring_view text, std::wstring_view prefix) noexcept;
+[[nodiscard]] bool VoEqualsNoCase(CVoTextView a, CVoTextView b) noexcept;
+[[nodiscard]] bool VoStartsWithNoCase(CVoTextView text, CVoTextView prefix) noexcept;
 // The text without white space (iswspace) at both ends.
-[[nodiscard]] std::wstring_view VoTrim(std::wstring_view text) noexcept;
+[[nodiscard]] std::wstring_view VoTrim(CVoTextView text) noexcept;
 
 // "TRUE", "1", "YES", "ON" and "FALSE", "0", "NO", "OFF" without regard to case; nothing for any other text.
-[[nodiscard]] std::optional<bool> VoParseBool(std::wstring_view text) noexcept;
+[[nodiscard]] std::optional<bool> VoParseBool(CVoTextView text) noexcept;
 
 // A path without the prefix that lifts its length limit: "\\?\C:\x" becomes "C:\x", "\\?\UNC\server\share"
 // "\\server\share". A path that needs its prefix (MAX_PATH characters or more, or a volume's name) keeps it. Throws
 // std::bad_alloc.
-[[nodiscard]] std::wstring VoWithoutLongPathPrefix(std::wstring_view path);
+[[nodiscard]] std::wstring VoWithoutLongPathPrefix(CVoTextView path);
 
 // The text with each unpaired surrogate replaced by U+FFFD, so that every encoding of Unicode can hold it. Throws
 // std::bad_alloc.
-[[nodiscard]] std::wstring VoWithoutLoneSurrogates(std::wstring_view text);
+[[nodiscard]] std::wstring VoWithoutLoneSurrogates(CVoTextView text);
 
 namespace VoTextDetail
 {
@@ -43,14 +61,14 @@ struct CDecimal
     bool isAboveMaximum = false;
 };
 // Reads an optional "-" and ASCII digits; nothing for any other text.
-[[nodiscard]] std::optional<CDecimal> ReadDecimal(std::wstring_view text) noexcept;
+[[nodiscard]] std::optional<CDecimal> ReadDecimal(CVoTextView text) noexcept;
 } // namespace VoTextDetail
 
 // Reads the whole text as a decimal number: ASCII digits, with an optional "-" in front for signed types. Leading zeros are
 // allowed. A number outside the range of `Integer` becomes the nearest limit. Nothing for any other text: an empty text, "+",
 // white space, digits of other scripts. Callers that allow a "+" or white space remove it first.
 template <class Integer>
-[[nodiscard]] std::optional<Integer> VoParseDecimalClamped(std::wstring_view text, bool* isOutOfRange = nullptr) noexcept
+[[nodiscard]] std::optional<Integer> VoParseDecimalClamped(CVoTextView text, bool* isOutOfRange = nullptr) noexcept
 {
     static_assert(std::is_integral_v<Integer> && !std::is_same_v<Integer, bool> && sizeof(Integer) <= sizeof(UINT64));
     using Limits = std::numeric_limits<Integer>;
@@ -69,7 +87,7 @@ template <class Integer>
 
 // The same without clamping: nothing for a number outside the range of `Integer`.
 template <class Integer>
-[[nodiscard]] std::optional<Integer> VoParseDecimal(std::wstring_view text) noexcept
+[[nodiscard]] std::optional<Integer> VoParseDecimal(CVoTextView text) noexcept
 {
     bool isOutOfRange = false;
     const std::optional<Integer> value = VoParseDecimalClamped<Integer>(text, &isOutOfRange);

@@ -11,6 +11,7 @@
 
 #include <base/VoHResult.h>
 #include <base/VoPlatform.h>
+#include <base/VoText.h>
 
 #include <wincrypt.h>
 
@@ -119,7 +120,7 @@ using COrvSHA256Hash = COrvHash<CALG_SHA_256>;
 using COrvSHA512Hash = COrvHash<CALG_SHA_512>;
 
 // "sha1", "sha256" or "sha512", compared exactly; null for any other name. Throws std::bad_alloc.
-[[nodiscard]] std::unique_ptr<COrvHashBase> CreateHashByName(std::wstring_view name);
+[[nodiscard]] std::unique_ptr<COrvHashBase> CreateHashByName(CVoTextView name);
 // The name of the hash that the library uses where none is asked for: "sha256".
 [[nodiscard]] const wchar_t* DefaultHashName() noexcept;
 
@@ -181,16 +182,16 @@ public:
     // Imports a key after Init; keys of the context are destroyed first. E_INVALIDARG for malformed hexadecimal text, the
     // provider's error for a blob that it does not take, NTE_BAD_DATA (0x80090005) for an RSA key blob that is shorter than its
     // own header says. The decoded bytes are wiped.
-    [[nodiscard]] HRESULT ImportKey(std::wstring_view hexText) noexcept;
-    [[nodiscard]] HRESULT ImportKeyForSigning(std::wstring_view hexText) noexcept;
-    [[nodiscard]] HRESULT ImportKeyForVerifying(std::wstring_view hexText) noexcept;
+    [[nodiscard]] HRESULT ImportKey(CVoTextView hexText) noexcept;
+    [[nodiscard]] HRESULT ImportKeyForSigning(CVoTextView hexText) noexcept;
+    [[nodiscard]] HRESULT ImportKeyForVerifying(CVoTextView hexText) noexcept;
 
     // Makes a fresh pair of signature keys. E_INVALIDARG for a length that is out of range or no multiple of 8. The private
     // key's text is the caller's to guard and to wipe.
     [[nodiscard]] static HRESULT Generate(UINT32 bits, std::wstring& privateKey, std::wstring& publicKey) noexcept;
     // The public key of a private one. E_INVALIDARG for a public key and for malformed hexadecimal text, the provider's error
     // for a blob that it does not take.
-    [[nodiscard]] static HRESULT GetPublicKeyFromPrivate(std::wstring_view privateKey, std::wstring& publicKey) noexcept;
+    [[nodiscard]] static HRESULT GetPublicKeyFromPrivate(CVoTextView privateKey, std::wstring& publicKey) noexcept;
 
     // Whether the key is long enough for signatures over a hash (RFC 8017, section 9.2): 368 bits are for SHA-1, 496 for
     // SHA-256, 752 for SHA-512.
@@ -244,13 +245,13 @@ private:
 class COrvDigitalSignature
 {
 public:
-    [[nodiscard]] static HRESULT SignString(const BYTE* data, UINT32 length, COrvHashBase& hash, std::wstring_view privateKey,
+    [[nodiscard]] static HRESULT SignString(const BYTE* data, UINT32 length, COrvHashBase& hash, CVoTextView privateKey,
                                             BYTE** signature, UINT32* signatureLength) noexcept;
     // S_OK with `result` false for a signature that is simply not valid, which is not reported. `result` is false on failure.
     [[nodiscard]] static HRESULT VerifyString(const BYTE* data, UINT32 length, COrvHashBase& hash, const BYTE* signature,
-                                              UINT32 signatureLength, std::wstring_view publicKey, bool& result) noexcept;
+                                              UINT32 signatureLength, CVoTextView publicKey, bool& result) noexcept;
     // The same for data that need not be in memory at once. Also what the data answers.
     [[nodiscard]] static HRESULT VerifyString(IVoHashInput& data, COrvHashBase& hash, const BYTE* signature,
-                                              UINT32 signatureLength, std::wstring_view publicKey, bool& result) noexcept;
+                                              UINT32 signatureLength, CVoTextView publicKey, bool& result) noexcept;
 };
 } // namespace OrvDigSign

@@ -9,6 +9,7 @@
 
 #include <base/VoMultiThreading.h>
 #include <base/VoPlatform.h>
+#include <base/VoText.h>
 #include <win/VoUtilFileIO.h>
 
 #include <string>
@@ -29,9 +30,9 @@ class CVoSignedIniFileHandler2
 {
 public:
     // The file's content is read here, once: what becomes of the file on disk afterwards has no influence.
-    [[nodiscard]] HRESULT Open(std::wstring_view path) noexcept;
+    [[nodiscard]] HRESULT Open(CVoTextView path) noexcept;
     // A content that is in memory already, in place of a file.
-    [[nodiscard]] HRESULT Parse(std::string_view bytes) noexcept;
+    [[nodiscard]] HRESULT Parse(CVoBytesView bytes) noexcept;
     // What is checked and signed. For one thread at a time (see CVoIniFileIO), and not while another calls a function of the
     // handler.
     [[nodiscard]] const CVoIniFileIO& File() const noexcept { return m_file; }
@@ -40,20 +41,20 @@ public:
     // blob. S_OK with `valid` false for a signature that does not match. E_INVALIDARG for an empty key or malformed Base64
     // text, ERROR_NOT_FOUND for a file without a signature section, ERROR_NO_UNICODE_TRANSLATION for text that is not well
     // formed, or CryptoAPI's error for an unusable key.
-    [[nodiscard]] HRESULT Verify(std::wstring_view publicKey, bool& valid) noexcept;
+    [[nodiscard]] HRESULT Verify(CVoTextView publicKey, bool& valid) noexcept;
 
     // The canonical text of all sections but the signature's, in file order. Verify and SignFile take white space off its end.
     [[nodiscard]] HRESULT GetDataString(std::wstring& text) noexcept;
     // The canonical text of one section: "[name]\r\n", then "key=value\r\n" for each entry in file order, without white space
     // at the end of key and value. A section without entries is "<EMPTY>", without its name and without a line end: signatures
     // depend on it. ERROR_NOT_FOUND when there is no such section.
-    [[nodiscard]] HRESULT GetSectionDataString(std::wstring_view section, std::wstring& text) noexcept;
+    [[nodiscard]] HRESULT GetSectionDataString(CVoTextView section, std::wstring& text) noexcept;
     // Exactly what is signed: GetDataString without white space at its end.
     [[nodiscard]] HRESULT GetSignedText(std::wstring& text) noexcept;
 
     // The check itself: whether `signatureText` is the Base64 text of a signature of `dataText`. The codes of Verify.
-    [[nodiscard]] static HRESULT VerifySign(std::wstring_view dataText, std::wstring_view publicKey,
-                                            std::wstring_view signatureText, bool& valid) noexcept;
+    [[nodiscard]] static HRESULT VerifySign(CVoTextView dataText, CVoTextView publicKey, CVoTextView signatureText,
+                                            bool& valid) noexcept;
 
     // Signs the content as it was read and writes the file with its new signature section: entries that the section had are
     // replaced at their place, a new section goes to the file's end, all other bytes stay. `privateKey` is the hexadecimal text
@@ -61,14 +62,14 @@ public:
     // values of `lineLength` characters take; 0 makes it one. The file is replaced as CVoIniFileIO::Save does, without a path
     // (after Parse) it only changes in memory. E_INVALIDARG for an empty key, the codes of COrvDigitalSignature::SignString and
     // CVoIniFileIO::Save.
-    [[nodiscard]] HRESULT SignFile(std::wstring_view privateKey, UINT32 lineLength = 0) noexcept;
+    [[nodiscard]] HRESULT SignFile(CVoTextView privateKey, UINT32 lineLength = 0) noexcept;
 
 private:
     class CDataInput;
     template <class Text>
     [[nodiscard]] HRESULT AppendData(Text& text) const;
     template <class Text>
-    [[nodiscard]] HRESULT AppendSectionData(std::wstring_view section, std::vector<CVoIniEntry>& entries, Text& text) const;
+    [[nodiscard]] HRESULT AppendSectionData(CVoTextView section, std::vector<CVoIniEntry>& entries, Text& text) const;
 
     CVoIniFileIO m_file;
     CCriticalSection m_lock;

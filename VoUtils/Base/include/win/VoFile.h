@@ -2,6 +2,7 @@
 #pragma once
 
 #include <base/VoPlatform.h>
+#include <base/VoText.h>
 
 #include <string>
 #include <string_view>
@@ -12,11 +13,11 @@ inline constexpr size_t kMaximumFileSize = 0x7FFFFFFF;
 // The whole content of a file; other programs may have it open, also for writing. ERROR_INVALID_NAME for an empty path or one
 // with a zero in it, ERROR_FILE_TOO_LARGE above kMaximumFileSize, otherwise the platform's error, each as an HRESULT and
 // reported. `bytes` is untouched on failure.
-[[nodiscard]] HRESULT VoReadFile(std::wstring_view path, std::string& bytes) noexcept;
+[[nodiscard]] HRESULT VoReadFile(CVoTextView path, std::string& bytes) noexcept;
 
 // The path from the root, as the process's current directory has it now. Throws CVoHResultException (unreported) and
 // std::bad_alloc.
-[[nodiscard]] std::wstring VoGetFullPath(std::wstring_view path);
+[[nodiscard]] std::wstring VoGetFullPath(CVoTextView path);
 
 // A new content for a file, written beside it and put in its place by one rename, so that whatever happens on the way (a full
 // disk, a killed process, a power cut) leaves the old file or the new one, whole, under its name:
@@ -42,7 +43,7 @@ public:
     CVoFileReplacement& operator=(const CVoFileReplacement&) = delete;
 
     // Writes the content beside the file and has the disk take it. The codes of VoReadFile; E_UNEXPECTED for a second call.
-    [[nodiscard]] HRESULT Write(std::wstring_view path, std::string_view bytes) noexcept;
+    [[nodiscard]] HRESULT Write(CVoTextView path, CVoBytesView bytes) noexcept;
     // Puts it in place. The platform's error; E_UNEXPECTED unless Write succeeded. It may be tried again after a failure, which
     // is what another program that has the file open without sharing causes.
     [[nodiscard]] HRESULT Commit() noexcept;

@@ -23,6 +23,7 @@
 #include <base/Vo2DIDArray.h>
 #include <base/VoMultiThreading.h>
 #include <base/VoPlatform.h>
+#include <base/VoText.h>
 #include <win/VoUtilFileIO.h>
 
 #include <concepts>
@@ -44,7 +45,7 @@ class CVoParamHandler
 public:
     // Reads a file; one that is missing is made by the first Save. Changes that were not saved are dropped. The codes of
     // CVoIniFileIO::Open.
-    [[nodiscard]] HRESULT Open(std::wstring_view path) noexcept;
+    [[nodiscard]] HRESULT Open(CVoTextView path) noexcept;
     // Writes the changes, all at once and so that a crash leaves the old file or the new one. S_FALSE when nothing has changed:
     // the file is not touched then. What other programs have written into it since Open is lost. The codes of
     // CVoIniFileIO::Save.
@@ -55,27 +56,22 @@ public:
     // Read a parameter. `value` holds the default on entry, and keeps it when there is no such parameter (S_OK) or when its
     // text is none of the type asked for (E_INVALIDARG; ERROR_ARITHMETIC_OVERFLOW for a number out of range; for an array
     // also the codes of CVoDataParser). `present` (may be null) tells whether it is in the file, whatever its text.
-    [[nodiscard]] HRESULT Get(std::wstring_view section, std::wstring_view name, std::wstring& value,
+    [[nodiscard]] HRESULT Get(CVoTextView section, CVoTextView name, std::wstring& value,
                               bool* present = nullptr) const noexcept;
-    [[nodiscard]] HRESULT Get(std::wstring_view section, std::wstring_view name, double& value,
-                              bool* present = nullptr) const noexcept;
-    [[nodiscard]] HRESULT Get(std::wstring_view section, std::wstring_view name, bool& value,
-                              bool* present = nullptr) const noexcept;
+    [[nodiscard]] HRESULT Get(CVoTextView section, CVoTextView name, double& value, bool* present = nullptr) const noexcept;
+    [[nodiscard]] HRESULT Get(CVoTextView section, CVoTextView name, bool& value, bool* present = nullptr) const noexcept;
     // In UTC, from the year 1601 on.
-    [[nodiscard]] HRESULT Get(std::wstring_view section, std::wstring_view name, SYSTEMTIME& value,
+    [[nodiscard]] HRESULT Get(CVoTextView section, CVoTextView name, SYSTEMTIME& value, bool* present = nullptr) const noexcept;
+    [[nodiscard]] HRESULT Get(CVoTextView section, CVoTextView name, std::vector<BYTE>& value,
                               bool* present = nullptr) const noexcept;
-    [[nodiscard]] HRESULT Get(std::wstring_view section, std::wstring_view name, std::vector<BYTE>& value,
-                              bool* present = nullptr) const noexcept;
-    [[nodiscard]] HRESULT Get(std::wstring_view section, std::wstring_view name, CVo2DIDArray& value,
+    [[nodiscard]] HRESULT Get(CVoTextView section, CVoTextView name, CVo2DIDArray& value,
                               bool* present = nullptr) const noexcept;
     // As the type that the variant holds on entry, text for VT_EMPTY: VT_BSTR, an integer, real or boolean type, VT_DATE (UTC,
     // whole seconds), VT_CY, VT_DECIMAL, or VT_ARRAY|VT_UI1 for bytes. DISP_E_TYPEMISMATCH for any other. What the variant held
     // is cleared when it is replaced.
-    [[nodiscard]] HRESULT Get(std::wstring_view section, std::wstring_view name, VARIANT& value,
-                              bool* present = nullptr) const noexcept;
+    [[nodiscard]] HRESULT Get(CVoTextView section, CVoTextView name, VARIANT& value, bool* present = nullptr) const noexcept;
     template <CVoParamInteger T>
-    [[nodiscard]] HRESULT Get(std::wstring_view section, std::wstring_view name, T& value,
-                              bool* present = nullptr) const noexcept
+    [[nodiscard]] HRESULT Get(CVoTextView section, CVoTextView name, T& value, bool* present = nullptr) const noexcept
     {
         SInteger integer = ToInteger(value);
         const HRESULT hr = GetInteger(section, name, integer, ToInteger(std::numeric_limits<T>::min()),
@@ -88,27 +84,27 @@ public:
     // Set a parameter. One whose text means the same value already is left as it is written, and is no change. E_INVALIDARG for
     // a double that is no number, an impossible date-time, and for names that cannot be; ERROR_NO_UNICODE_TRANSLATION for text
     // that is not well formed or that the file's encoding does not have.
-    [[nodiscard]] HRESULT Set(std::wstring_view section, std::wstring_view name, std::wstring_view value) noexcept;
+    [[nodiscard]] HRESULT Set(CVoTextView section, CVoTextView name, CVoTextView value) noexcept;
     // A null pointer is an empty text.
-    [[nodiscard]] HRESULT Set(std::wstring_view section, std::wstring_view name, const wchar_t* value) noexcept
+    [[nodiscard]] HRESULT Set(CVoTextView section, CVoTextView name, const wchar_t* value) noexcept
     {
         return Set(section, name, value ? std::wstring_view(value) : std::wstring_view());
     }
-    [[nodiscard]] HRESULT Set(std::wstring_view section, std::wstring_view name, double value) noexcept;
-    [[nodiscard]] HRESULT Set(std::wstring_view section, std::wstring_view name, bool value) noexcept;
-    [[nodiscard]] HRESULT Set(std::wstring_view section, std::wstring_view name, const SYSTEMTIME& value) noexcept;
-    [[nodiscard]] HRESULT Set(std::wstring_view section, std::wstring_view name, std::span<const BYTE> value) noexcept;
-    [[nodiscard]] HRESULT Set(std::wstring_view section, std::wstring_view name, const CVo2DIDArray& value) noexcept;
+    [[nodiscard]] HRESULT Set(CVoTextView section, CVoTextView name, double value) noexcept;
+    [[nodiscard]] HRESULT Set(CVoTextView section, CVoTextView name, bool value) noexcept;
+    [[nodiscard]] HRESULT Set(CVoTextView section, CVoTextView name, const SYSTEMTIME& value) noexcept;
+    [[nodiscard]] HRESULT Set(CVoTextView section, CVoTextView name, std::span<const BYTE> value) noexcept;
+    [[nodiscard]] HRESULT Set(CVoTextView section, CVoTextView name, const CVo2DIDArray& value) noexcept;
     // By the variant's type, see Get; a value held by reference is read through it. DISP_E_TYPEMISMATCH for any other type.
-    [[nodiscard]] HRESULT Set(std::wstring_view section, std::wstring_view name, const VARIANT& value) noexcept;
+    [[nodiscard]] HRESULT Set(CVoTextView section, CVoTextView name, const VARIANT& value) noexcept;
     template <CVoParamInteger T>
-    [[nodiscard]] HRESULT Set(std::wstring_view section, std::wstring_view name, T value) noexcept
+    [[nodiscard]] HRESULT Set(CVoTextView section, CVoTextView name, T value) noexcept
     {
         return SetInteger(section, name, ToInteger(value));
     }
 
     // Removes a parameter. S_FALSE when there is none.
-    [[nodiscard]] HRESULT Remove(std::wstring_view section, std::wstring_view name) noexcept;
+    [[nodiscard]] HRESULT Remove(CVoTextView section, CVoTextView name) noexcept;
 
 private:
     // Any integer of 64 bits.
@@ -122,15 +118,15 @@ private:
     {
         return { static_cast<UINT64>(value), value < T{ 0 } };
     }
-    [[nodiscard]] HRESULT GetInteger(std::wstring_view section, std::wstring_view name, SInteger& value, SInteger minimum,
-                                     SInteger maximum, bool* present) const noexcept;
-    [[nodiscard]] HRESULT SetInteger(std::wstring_view section, std::wstring_view name, SInteger value) noexcept;
+    [[nodiscard]] HRESULT GetInteger(CVoTextView section, CVoTextView name, SInteger& value, SInteger minimum, SInteger maximum,
+                                     bool* present) const noexcept;
+    [[nodiscard]] HRESULT SetInteger(CVoTextView section, CVoTextView name, SInteger value) noexcept;
 
     friend struct CVoParamText;
     template <class Value>
-    [[nodiscard]] HRESULT Read(std::wstring_view section, std::wstring_view name, Value& value, bool* present) const noexcept;
+    [[nodiscard]] HRESULT Read(CVoTextView section, CVoTextView name, Value& value, bool* present) const noexcept;
     template <class Value>
-    [[nodiscard]] HRESULT Write(std::wstring_view section, std::wstring_view name, const Value& value) noexcept;
+    [[nodiscard]] HRESULT Write(CVoTextView section, CVoTextView name, const Value& value) noexcept;
 
     CVoIniFileIO m_file;
     mutable CCriticalSection m_lock;

@@ -18,6 +18,7 @@
 #pragma once
 
 #include <base/VoPlatform.h>
+#include <base/VoText.h>
 #include <win/VoIniText.h>
 
 #include <memory>
@@ -45,14 +46,14 @@ public:
 
     // Reads a file, which Save will write; a relative path is settled now. With `mayBeMissing` a file that does not exist reads
     // as an empty one and is made by the first Save that has something to write. The codes of VoReadFile.
-    [[nodiscard]] HRESULT Open(std::wstring_view path, bool mayBeMissing = false) noexcept;
+    [[nodiscard]] HRESULT Open(CVoTextView path, bool mayBeMissing = false) noexcept;
     // Reads bytes in place of a file; the path stays what it was. ERROR_FILE_TOO_LARGE above kMaximumFileSize.
-    [[nodiscard]] HRESULT Parse(std::string_view bytes) noexcept;
+    [[nodiscard]] HRESULT Parse(CVoBytesView bytes) noexcept;
     // Writes the changes in one piece (see CVoFileReplacement) over whatever is on disk by now. S_FALSE when nothing was
     // changed: the file is not touched then. ERROR_INVALID_NAME without a path, the codes of GetBytes and CVoFileReplacement.
     [[nodiscard]] HRESULT Save() noexcept;
     // Writes everything, changed or not, to another path, which becomes the file's.
-    [[nodiscard]] HRESULT SaveAs(std::wstring_view path) noexcept;
+    [[nodiscard]] HRESULT SaveAs(CVoTextView path) noexcept;
     // The bytes that would be written. ERROR_NO_UNICODE_TRANSLATION for ANSI text that by chance would be read back as another
     // encoding.
     [[nodiscard]] HRESULT GetBytes(std::string& bytes) const noexcept;
@@ -64,16 +65,17 @@ public:
     [[nodiscard]] bool IsModified() const noexcept { return m_isModified; }
     // UTF-8 without a mark for a file that is new.
     [[nodiscard]] EVoTextEncoding Encoding() const noexcept;
-    // Writes the file in another encoding from now on. ERROR_NO_UNICODE_TRANSLATION when it cannot hold all of the text.
+    // Writes the file in another encoding from now on. E_INVALIDARG for a value that is no EVoTextEncoding,
+    // ERROR_NO_UNICODE_TRANSLATION when the encoding cannot hold all of the text.
     [[nodiscard]] HRESULT SetEncoding(EVoTextEncoding encoding) noexcept;
 
     // The names of all sections, in file order. They live until the file changes.
     [[nodiscard]] HRESULT GetSectionNames(std::vector<std::wstring_view>& names) const noexcept;
-    [[nodiscard]] bool HasSection(std::wstring_view section) const;
+    [[nodiscard]] bool HasSection(CVoTextView section) const;
     // All entries of a section, in file order. ERROR_NOT_FOUND when there is no such section.
-    [[nodiscard]] HRESULT GetSection(std::wstring_view section, std::vector<CVoIniEntry>& entries) const noexcept;
+    [[nodiscard]] HRESULT GetSection(CVoTextView section, std::vector<CVoIniEntry>& entries) const noexcept;
     // The first value of that name, or nothing. It lives until the file changes. Throws std::bad_alloc.
-    [[nodiscard]] std::optional<std::wstring_view> FindValue(std::wstring_view section, std::wstring_view key) const;
+    [[nodiscard]] std::optional<std::wstring_view> FindValue(CVoTextView section, CVoTextView key) const;
 
     // The functions below make the section (at the file's end) when there is none. E_INVALIDARG for a name or value that could
     // not be read back as it is: with a line end, white space where it would be lost, an empty name, a "]" in a section, a key
@@ -81,17 +83,17 @@ public:
     // encoding does not have (see SetEncoding).
 
     // Changes the first value of that name, or adds an entry at the section's end. A value that is so already changes nothing.
-    [[nodiscard]] HRESULT SetValue(std::wstring_view section, std::wstring_view key, std::wstring_view value) noexcept;
+    [[nodiscard]] HRESULT SetValue(CVoTextView section, CVoTextView key, CVoTextView value) noexcept;
     // Adds an entry at the section's end, also when the key stands there already.
-    [[nodiscard]] HRESULT AddValue(std::wstring_view section, std::wstring_view key, std::wstring_view value) noexcept;
+    [[nodiscard]] HRESULT AddValue(CVoTextView section, CVoTextView key, CVoTextView value) noexcept;
 
     // Removes all entries of that name. S_FALSE when there is none.
-    [[nodiscard]] HRESULT RemoveValue(std::wstring_view section, std::wstring_view key) noexcept;
+    [[nodiscard]] HRESULT RemoveValue(CVoTextView section, CVoTextView key) noexcept;
     // Removes all entries of a section; headers, comments and blank lines stay. S_FALSE when there is none.
-    [[nodiscard]] HRESULT ClearSection(std::wstring_view section) noexcept;
+    [[nodiscard]] HRESULT ClearSection(CVoTextView section) noexcept;
     // Removes a section. What stands behind its last entry stays: it mostly belongs to the section that follows. S_FALSE when
     // there is none.
-    [[nodiscard]] HRESULT RemoveSection(std::wstring_view section) noexcept;
+    [[nodiscard]] HRESULT RemoveSection(CVoTextView section) noexcept;
 
 private:
     [[nodiscard]] HRESULT WriteTo(const std::wstring& path) noexcept;

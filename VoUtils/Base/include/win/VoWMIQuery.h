@@ -2,6 +2,7 @@
 #pragma once
 
 #include <base/VoMultiThreading.h>
+#include <base/VoText.h>
 #include <base/com/VoComHelper.h>
 #include <base/com/VoIUnknown.h>
 
@@ -42,7 +43,7 @@ public:
     // texts ("MS_409" is English) and null the user's own; `context` holds settings for WMI's providers (such as
     // "__ProviderArchitecture"), is passed on with every call, must be free-threaded, and may be null.
     // Throws CVoHResultException when an event cannot be created, and std::bad_alloc.
-    explicit CVoWMIQueryBase(std::wstring_view namespacePath, const wchar_t* locale = nullptr, IWbemContext* context = nullptr);
+    explicit CVoWMIQueryBase(CVoTextView namespacePath, const wchar_t* locale = nullptr, IWbemContext* context = nullptr);
     // Ends the worker, and waits for a query that still runs.
     ~CVoWMIQueryBase() override;
 
@@ -56,7 +57,7 @@ public:
     // (Start tells why), has ended, or cannot be waited for, from when on every query fails; 0x8007046B when called on the
     // worker itself; E_ABORT when Stop ended the query between two objects; otherwise the failure of WMI (0x80041017 for a
     // malformed query, 0x80041010 for an unknown class) or of the callback.
-    [[nodiscard]] HRESULT QueryWMI(std::wstring_view query, Callback callback, void* context) noexcept;
+    [[nodiscard]] HRESULT QueryWMI(CVoTextView query, Callback callback, void* context) noexcept;
 
     // Stop(false) asks the worker to end; a running query then ends before its next object. Every later query fails, also when
     // nothing had been started yet.
@@ -118,7 +119,7 @@ public:
     // name that not one of them knows is a mistake, and gives WBEM_E_NOT_FOUND (0x80041002).
     // E_INVALIDARG without a name, or for an empty one, without a query being run; otherwise as QueryWMI. `rows` is replaced on
     // success only.
-    [[nodiscard]] HRESULT QueryWMIStringFields(std::wstring_view query, std::span<const std::wstring> fieldNames,
+    [[nodiscard]] HRESULT QueryWMIStringFields(CVoTextView query, std::span<const std::wstring> fieldNames,
                                                std::vector<std::vector<std::wstring>>& rows) noexcept;
 };
 } // namespace VoWMIQuery

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <base/VoPlatform.h>
+#include <base/VoText.h>
 
 #include <string>
 #include <string_view>
@@ -34,5 +35,5 @@ namespace VoWMIQuery
 //   out. An interval "ddddddddHHMMSS.mmmmmm:000" becomes a duration, "P8DT13H12M11.5S": parts that are zero are left out, and
 //   "PT0S" is the empty one.
 // E_INVALIDARG for anything else, impossible dates included.
-[[nodiscard]] HRESULT WMIDateTimeToISO8601(std::wstring_view value, std::wstring& text) noexcept;
+[[nodiscard]] HRESULT WMIDateTimeToISO8601(CVoTextView value, std::wstring& text) noexcept;
 } // namespace VoWMIQuery

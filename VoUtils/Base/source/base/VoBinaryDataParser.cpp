@@ -51,6 +51,20 @@ BYTE* Put(BYTE* to, const void* bytes, size_t length) noexcept
     return to + length;
 }
 
+// Copies bytes; memory exhaustion is reported as the growable array's.
+HRESULT CopyBytes(std::span<const BYTE> from, std::vector<BYTE>& to)
+{
+    try
+    {
+        to.assign(from.begin(), from.end());
+        return S_OK;
+    }
+    catch (const std::bad_alloc&)
+    {
+        return VoReportFullArray<unsigned char, unsigned char>();
+    }
+}
+
 // Hands out the pieces in one buffer of their exact size, or the size alone.
 HRESULT HandOut(std::span<const std::span<const BYTE>> pieces, UINT32* length, BYTE** buffer)
 {
@@ -73,14 +87,14 @@ HRESULT HandOut(std::span<const std::span<const BYTE>> pieces, UINT32* length, B
     return S_OK;
 }
 
-std::span<const BYTE> BytesOf(std::string_view text) noexcept
+std::span<const BYTE> BytesOf(CVoBytesView text) noexcept
 {
     return { reinterpret_cast<const BYTE*>(text.data()), text.size() };
 }
 
 // A text inside a header line, without the characters that would end the line, or the quoted text where it stands in one. HTML
 // forms write them the same way (the "multipart/form-data encoding algorithm" of the HTML standard).
-std::wstring HeaderText(std::wstring_view text, bool isQuoted)
+std::wstring HeaderText(CVoTextView text, bool isQuoted)
 {
     std::wstring safe;
     safe.reserve(text.size());
@@ -119,7 +133,9 @@ HRESULT CVoBinaryDataParser::Parse(UINT32 length, const BYTE* bytes, bool binary
         // The old payload is released only at the end: the bytes may be its own.
         const std::vector<BYTE> oldPayload = TakePayload();
         const CMessageParts parts = Split({ bytes, length }, binaryOnly, useUtf8);
-        std::vector<BYTE> payload(parts.payload.begin(), parts.payload.end());
+        std::vector<BYTE> payload;
+        if (const HRESULT hr = CopyBytes(parts.payload, payload); FAILED(hr))
+            return report(705, hr);
         if (const HRESULT hr = ReadParams(parts.text, useUtf8); FAILED(hr))
             return report(707, hr);
         m_payload = std::move(payload);
@@ -146,20 +162,54 @@ HRESULT CVoBinaryDataParser::Parse(std::vector<BYTE>&& bytes, bool binaryOnly, b
     return report.Guard(732, body);
 }
 
-HRESULT CVoBinaryDataParser::StringToMessageData(std::wstring_view text, bool useUtf8, std::string& bytes)
+namespace
+{
+// StringToMessageData's conversion.
+HRESULT TextToBytes(std::wstring_view text, bool useUtf8, std::string& bytes) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::StringToMessageData" };
     const HRESULT hr = useUtf8 ? VoStringToUTF8(text, bytes) : VoStringToCodePage(CP_ACP, text, bytes);
     return FAILED(hr) ? report(739, hr) : S_OK;
 }
+} // namespace
 
-HRESULT CVoBinaryDataParser::internalGetParamData(bool useUtf8, std::string_view terminator, std::string& bytes) const
+HRESULT CVoBinaryDataParser::StringToMessageData(CVoTextView text, bool useUtf8, UINT32* length, BYTE** buffer) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::StringToMessageData" };
+    const auto body = [&]() -> HRESULT
+    {
+        std::string bytes;
+        if (const HRESULT hr = TextToBytes(text, useUtf8, bytes); FAILED(hr))
+            return hr;
+        const std::span<const BYTE> pieces[] = { BytesOf(bytes) };
+        const HRESULT hr = HandOut(pieces, length, buffer);
+        return FAILED(hr) ? report(740, hr) : S_OK;
+    };
+    return report.Guard(741, body);
+}
+
+HRESULT CVoBinaryDataParser::internalGetParamData(bool useUtf8, UINT32* length, BYTE** buffer) const noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::internalGetParamData" };
+    const auto body = [&]() -> HRESULT
+    {
+        std::string bytes;
+        if (const HRESULT hr = ParamBytes(useUtf8, kTerminator, bytes); FAILED(hr))
+            return hr;
+        const std::span<const BYTE> pieces[] = { BytesOf(bytes) };
+        const HRESULT hr = HandOut(pieces, length, buffer);
+        return FAILED(hr) ? report(751, hr) : S_OK;
+    };
+    return report.Guard(752, body);
+}
+
+HRESULT CVoBinaryDataParser::ParamBytes(bool useUtf8, std::string_view terminator, std::string& bytes) const
 {
     constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::internalGetParamData" };
     std::wstring text;
     if (const HRESULT hr = GetParamsAsString(text); FAILED(hr))
         return report(747, hr);
-    if (const HRESULT hr = StringToMessageData(text, useUtf8, bytes); FAILED(hr))
+    if (const HRESULT hr = TextToBytes(text, useUtf8, bytes); FAILED(hr))
         return report(749, hr);
     bytes += terminator;
     return S_OK;
@@ -171,7 +221,7 @@ HRESULT CVoBinaryDataParser::GetParamData(bool useUtf8, UINT32* length, BYTE** b
     const auto body = [&]() -> HRESULT
     {
         std::string text;
-        if (const HRESULT hr = internalGetParamData(useUtf8, {}, text); FAILED(hr))
+        if (const HRESULT hr = ParamBytes(useUtf8, {}, text); FAILED(hr))
             return report(759, hr);
         const std::span<const BYTE> pieces[] = { BytesOf(text) };
         if (const HRESULT hr = HandOut(pieces, length, buffer); FAILED(hr))
@@ -189,7 +239,7 @@ HRESULT CVoBinaryDataParser::internalGetMessageData(bool withSizePrefix, UINT32*
     {
         std::string text;
         if (!skipParams)
-            if (const HRESULT hr = internalGetParamData(useUtf8, kTerminator, text); FAILED(hr))
+            if (const HRESULT hr = ParamBytes(useUtf8, kTerminator, text); FAILED(hr))
                 return report(778, hr);
         const size_t messageLength = text.size() + m_payload.size();
         // Little-endian whatever the machine. It does not count itself; a length that does not fit is
@@ -257,10 +307,10 @@ HRESULT CVoBinaryDataParser::GetFormMessageData(UINT32* length, BYTE** buffer, s
         foot.append(L"--").append(line).append(L"--");
 
         std::string headBytes;
-        if (const HRESULT hr = StringToMessageData(head, useUtf8, headBytes); FAILED(hr))
+        if (const HRESULT hr = TextToBytes(head, useUtf8, headBytes); FAILED(hr))
             return report(846, hr);
         std::string footBytes;
-        if (const HRESULT hr = StringToMessageData(foot, useUtf8, footBytes); FAILED(hr))
+        if (const HRESULT hr = TextToBytes(foot, useUtf8, footBytes); FAILED(hr))
             return report(849, hr);
         const std::span<const BYTE> payload = hasFile ? Payload() : std::span<const BYTE>();
         const std::span<const BYTE> pieces[] = { BytesOf(headBytes), payload, BytesOf(footBytes) };
@@ -279,7 +329,10 @@ HRESULT CVoBinaryDataParser::SetPayload(const BYTE* bytes, UINT32 length) noexce
     {
         if (!bytes && length > 0)
             return report(867, E_INVALIDARG);
-        m_payload = std::vector<BYTE>(bytes, bytes + length);
+        std::vector<BYTE> payload;
+        if (const HRESULT hr = CopyBytes({ bytes, length }, payload); FAILED(hr))
+            return report(869, hr);
+        m_payload = std::move(payload);
         return S_OK;
     };
     return report.Guard(873, body);

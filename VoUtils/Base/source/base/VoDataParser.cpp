@@ -27,7 +27,7 @@ bool IsReserved(wchar_t character) noexcept
 
 // A value with its escapes taken out. One pass does what replacing every "$&" and then every "$$" would: an escape cannot
 // begin inside another one.
-std::wstring Unescape(std::wstring_view value)
+std::wstring Unescape(CVoTextView value)
 {
     size_t dollar = value.find(L'$');
     std::wstring plain;
@@ -129,17 +129,26 @@ bool DecodePercent(CString& text) noexcept
 }
 } // namespace
 
-HRESULT CParamRec::PutParamString(const wchar_t* text, size_t length)
+HRESULT CParamRec::PutParamString(const wchar_t* text, size_t length) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CParamRec::PutParamString" };
+    if (!text && length > 0)
+        return report(47, E_INVALIDARG);
     const std::wstring_view pair(text, length);
     const size_t equals = pair.find(L'=');
     if (equals == std::wstring_view::npos)
         return report(52, E_FAIL);
-    std::wstring name(VoTrim(pair.substr(0, equals)));
-    m_value = Unescape(pair.substr(equals + 1));
-    m_name = std::move(name);
-    return S_OK;
+    try
+    {
+        std::wstring name(VoTrim(pair.substr(0, equals)));
+        m_value = Unescape(pair.substr(equals + 1));
+        m_name = std::move(name);
+        return S_OK;
+    }
+    catch (...)
+    {
+        return report(63, VoReportFullArray<wchar_t, wchar_t>());
+    }
 }
 
 CVoDataParser::CVoDataParser(const CVoDataParser& other)
@@ -193,7 +202,7 @@ void CVoDataParser::WipeAll() noexcept
     RemoveAll();
 }
 
-HRESULT CVoDataParser::AddParam(std::wstring_view name, std::wstring_view value) noexcept
+HRESULT CVoDataParser::AddParam(CVoTextView name, CVoTextView value) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoDataParser::AddParam" };
     const auto body = [&]() -> HRESULT
@@ -207,7 +216,7 @@ HRESULT CVoDataParser::AddParam(std::wstring_view name, std::wstring_view value)
     return report.Guard(124, body);
 }
 
-HRESULT CVoDataParser::AddParam(std::wstring_view name, const wchar_t* value) noexcept
+HRESULT CVoDataParser::AddParam(CVoTextView name, const wchar_t* value) noexcept
 {
     return AddParam(name, value ? std::wstring_view(value) : std::wstring_view());
 }
@@ -222,26 +231,33 @@ HRESULT CVoDataParser::AddTyped(std::wstring_view name, const CValue& value) noe
     return AddParam(name, variant.Get());
 }
 
-HRESULT CVoDataParser::AddParam(std::wstring_view name, UINT32 value) noexcept
+HRESULT CVoDataParser::AddParam(CVoTextView name, UINT32 value) noexcept
 {
     return AddTyped(name, value);
 }
 
-HRESULT CVoDataParser::AddParam(std::wstring_view name, double value) noexcept
+HRESULT CVoDataParser::AddParam(CVoTextView name, double value) noexcept
 {
     return AddTyped(name, value);
 }
 
-HRESULT CVoDataParser::AddParam(std::wstring_view name, bool value) noexcept
+HRESULT CVoDataParser::AddParam(CVoTextView name, bool value) noexcept
 {
     return AddTyped(name, value);
 }
 
-HRESULT CVoDataParser::AddParam(std::wstring_view name, const VARIANT& value) noexcept
+HRESULT CVoDataParser::AddParam(CVoTextView name, const VARIANT& value) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoDataParser::AddParam" };
     const auto body = [&]() -> HRESULT
     {
+        if (CVo2DIDArray::IsTwoDimensional(value))
+        {
+            CVo2DIDArray cells;
+            if (const HRESULT hr = cells.SetFromVariant(value); FAILED(hr))
+                return report(159, hr);
+            return AddParam(name, cells);
+        }
         std::wstring text;
         if (const HRESULT hr = VariantToText(value, text); FAILED(hr))
             return report(163, hr);
@@ -250,7 +266,7 @@ HRESULT CVoDataParser::AddParam(std::wstring_view name, const VARIANT& value) no
     return report.Guard(168, body);
 }
 
-HRESULT CVoDataParser::AddParam(std::wstring_view name, const CVo2DIDArray& value) noexcept
+HRESULT CVoDataParser::AddParam(CVoTextView name, const CVo2DIDArray& value) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoDataParser::AddParam" };
     const auto body = [&]() -> HRESULT
@@ -268,7 +284,7 @@ HRESULT CVoDataParser::AddParam(std::wstring_view name, const CVo2DIDArray& valu
     return report.Guard(188, body);
 }
 
-HRESULT CVoDataParser::AppendCells(std::wstring_view name, const CVo2DIDArray& value)
+HRESULT CVoDataParser::AppendCells(CVoTextView name, const CVo2DIDArray& value)
 {
     const auto key = [name](const wchar_t* suffix) { return std::wstring(name) + suffix; };
     if (const HRESULT hr = AddParam(key(L"_dim1"), value.Rows()); FAILED(hr))
@@ -297,14 +313,14 @@ HRESULT CVoDataParser::AppendCells(std::wstring_view name, const CVo2DIDArray& v
     return S_OK;
 }
 
-const CParamRec* CVoDataParser::FindParam(std::wstring_view name) const noexcept
+const CParamRec* CVoDataParser::FindParam(CVoTextView name) const noexcept
 {
     const auto found = std::find_if(m_params.begin(), m_params.end(),
                                     [name](const CParamRec* record) { return VoEqualsNoCase(record->Name(), name); });
     return found == m_params.end() ? nullptr : *found;
 }
 
-HRESULT CVoDataParser::GetParam(std::wstring_view name, std::wstring& value) const noexcept
+HRESULT CVoDataParser::GetParam(CVoTextView name, std::wstring& value) const noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoDataParser::GetParam" };
     const auto body = [&]() -> HRESULT
@@ -334,28 +350,28 @@ HRESULT CVoDataParser::GetTyped(std::wstring_view name, CValue& value) const noe
     return S_OK;
 }
 
-HRESULT CVoDataParser::GetParam(std::wstring_view name, UINT32& value) const noexcept
+HRESULT CVoDataParser::GetParam(CVoTextView name, UINT32& value) const noexcept
 {
     return GetTyped(name, value);
 }
 
-HRESULT CVoDataParser::GetParam(std::wstring_view name, double& value) const noexcept
+HRESULT CVoDataParser::GetParam(CVoTextView name, double& value) const noexcept
 {
     return GetTyped(name, value);
 }
 
-HRESULT CVoDataParser::GetParam(std::wstring_view name, bool& value) const noexcept
+HRESULT CVoDataParser::GetParam(CVoTextView name, bool& value) const noexcept
 {
     return GetTyped(name, value);
 }
 
-HRESULT CVoDataParser::GetParam(std::wstring_view name, VARIANT& value) const noexcept
+HRESULT CVoDataParser::GetParam(CVoTextView name, VARIANT& value) const noexcept
 {
     const VARTYPE type = V_VT(&value);
     return GetParam(name, value, type == VT_EMPTY ? VARTYPE{ VT_BSTR } : type);
 }
 
-HRESULT CVoDataParser::GetParam(std::wstring_view name, VARIANT& value, VARTYPE type) const noexcept
+HRESULT CVoDataParser::GetParam(CVoTextView name, VARIANT& value, VARTYPE type) const noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoDataParser::GetParam" };
     const auto body = [&]() -> HRESULT
@@ -374,7 +390,7 @@ HRESULT CVoDataParser::GetParam(std::wstring_view name, VARIANT& value, VARTYPE 
     return report.Guard(299, body);
 }
 
-HRESULT CVoDataParser::GetParam(std::wstring_view name, CVo2DIDArray& value) const noexcept
+HRESULT CVoDataParser::GetParam(CVoTextView name, CVo2DIDArray& value) const noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoDataParser::GetParam" };
     const auto body = [&]() -> HRESULT
@@ -411,7 +427,7 @@ struct CCellRecords
 };
 
 // A cell's number as the keys write it: decimal digits without leading zeros, below `limit`.
-bool ParseIndex(std::wstring_view text, UINT32 limit, UINT32& index) noexcept
+bool ParseIndex(CVoTextView text, UINT32 limit, UINT32& index) noexcept
 {
     if (text.size() > 1 && text.front() == L'0')
         return false;
@@ -444,7 +460,7 @@ HRESULT TextToType(const CParamRec& record, CValue& value) noexcept
 }
 } // namespace
 
-HRESULT CVoDataParser::ReadCells(std::wstring_view name, CVo2DIDArray& value) const
+HRESULT CVoDataParser::ReadCells(CVoTextView name, CVo2DIDArray& value) const
 {
     constexpr CVoReporter report{ kSource, L"CVoDataParser::GetParam" };
     constexpr UINT32 kMaximumSize = std::numeric_limits<INT32>::max();
@@ -510,7 +526,7 @@ HRESULT CVoDataParser::ReadCells(std::wstring_view name, CVo2DIDArray& value) co
     return S_OK;
 }
 
-HRESULT CVoDataParser::ReadParamsFromString(std::wstring_view text) noexcept
+HRESULT CVoDataParser::ReadParamsFromString(CVoTextView text) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoDataParser::ReadParamsFromString" };
     const auto body = [&]() -> HRESULT

@@ -75,7 +75,7 @@ bool ReadTime(std::wstring_view& text, SYSTEMTIME& time)
            (!SkipCharacter(text, L'.') || ReadMilliseconds(text, time.wMilliseconds));
 }
 
-bool ReadDateTime(std::wstring_view text, SYSTEMTIME& time, int& offsetMinutes)
+bool ReadDateTime(CVoTextView text, SYSTEMTIME& time, int& offsetMinutes)
 {
     if (!voutils_getNextField(text, 4, time.wYear) || !SkipCharacter(text, L'-') ||
         !voutils_getNextField(text, 2, time.wMonth) || !SkipCharacter(text, L'-') || !voutils_getNextField(text, 2, time.wDay))
@@ -126,7 +126,7 @@ HRESULT VoSystemTimeToISO8601DateTimeStr(const SYSTEMTIME& time, int offsetMinut
     return report.Guard(172, body);
 }
 
-HRESULT VoISO8601DateTimeStrToSystemTime(std::wstring_view text, SYSTEMTIME& time, int* offsetMinutes) noexcept
+HRESULT VoISO8601DateTimeStrToSystemTime(CVoTextView text, SYSTEMTIME& time, int* offsetMinutes) noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoISO8601DateTimeStrToSystemTime" };
     SYSTEMTIME result{};

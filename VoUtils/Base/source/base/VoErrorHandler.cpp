@@ -139,7 +139,8 @@ CVoHandle OpenLogFile(const std::wstring& path, const std::wstring& directory, c
         return file;
     if (!parent.empty())
         (void)::CreateDirectoryW(parent.c_str(), nullptr); // fails where it exists already
-    if (!::CreateDirectoryW(directory.c_str(), nullptr))
+    // Another process may create it at the same time.
+    if (!::CreateDirectoryW(directory.c_str(), nullptr) && ::GetLastError() != ERROR_ALREADY_EXISTS)
         return file;
     return open();
 }
@@ -182,7 +183,7 @@ void ReportFormatted(const wchar_t* source, int line, const wchar_t* format, va_
 }
 } // namespace
 
-HRESULT VoSetModuleSettingsDirectory(std::wstring_view directory) noexcept
+HRESULT VoSetModuleSettingsDirectory(CVoTextView directory) noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoSetModuleSettingsDirectory" };
     try
@@ -326,7 +327,7 @@ void CVoErrorLogFile::SetApplicationLog(bool on) noexcept
         WriteStartLines();
 }
 
-void CVoErrorLogFile::WriteLine(const wchar_t* source, int line, const wchar_t* function, std::wstring_view message) noexcept
+void CVoErrorLogFile::WriteLine(const wchar_t* source, int line, const wchar_t* function, CVoTextView message) noexcept
 {
     if (!IsApplicationLogOn())
         return;

@@ -41,6 +41,43 @@ CEvent::CEvent(bool initiallySignalled, bool manualReset, const wchar_t* name, S
         throw CVoHResultException(report.LastError(410, 411));
 }
 
+int CAutoLock::Lock() noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CAutoLock::Lock" };
+    if (m_locked)
+        return 1;
+    if (!m_lock)
+    {
+        report(430, E_POINTER);
+        return 0;
+    }
+    try
+    {
+        m_locked = m_lock->Lock(0) != 0;
+    }
+    catch (...)
+    {
+        (void)report.CurrentException(439);
+    }
+    return m_locked ? 1 : 0;
+}
+
+int CAutoLock::Unlock() noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CAutoLock::Unlock" };
+    if (!m_locked)
+        return 1;
+    try
+    {
+        m_locked = m_lock->Unlock() == 0;
+    }
+    catch (...)
+    {
+        (void)report.CurrentException(455);
+    }
+    return m_locked ? 0 : 1;
+}
+
 CVoThread::CVoThread() : m_shared(std::make_shared<SShared>()) {}
 
 CVoThread::~CVoThread()
@@ -115,7 +152,7 @@ DWORD WINAPI CVoThread::VoThreadProc(void* argument) noexcept
     return static_cast<DWORD>(exitCode);
 }
 
-HRESULT CVoThread::CreateThread(bool startSuspended, bool waitUntilStarted, bool waitOnDestroy, std::wstring_view name,
+HRESULT CVoThread::CreateThread(bool startSuspended, bool waitUntilStarted, bool waitOnDestroy, CVoTextView name,
                                 bool useFinishedEvent) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoThread::CreateThread" };
@@ -134,6 +171,10 @@ HRESULT CVoThread::CreateThread(bool startSuspended, bool waitUntilStarted, bool
     }
     m_waitOnDestroy = waitOnDestroy;
     m_useFinishedEvent = useFinishedEvent;
+    // A thread that has set the finished event is past the object's functions and ends by itself: wait until it is gone, so
+    // that a restart does not depend on how fast the platform is. A thread that restarts its own object cannot wait for itself.
+    if (shared->thread && shared->finished.IsSignalled() && ::GetCurrentThreadId() != m_threadId.load())
+        (void)::WaitForSingleObject(shared->thread.Get(), INFINITE);
     if (!IsFinished())
         return report(786, E_FAIL);
 
@@ -146,22 +187,23 @@ HRESULT CVoThread::CreateThread(bool startSuspended, bool waitUntilStarted, bool
         shared->object = this;
         shared->forThread = shared;
         DWORD error = ERROR_SUCCESS;
-        HRESULT thrown = S_OK;
         try
         {
             const DWORD flags = startSuspended ? CREATE_SUSPENDED : 0;
+            ::SetLastError(ERROR_SUCCESS);
             shared->thread.Reset(::CreateThread(nullptr, 0, &VoThreadProc, shared.get(), flags, &threadId));
             error = ::GetLastError();
         }
         catch (...)
         {
-            thrown = report(802, E_FAIL);
+            report(802, E_FAIL);
+            error = ::GetLastError();
         }
         if (!shared->thread)
         {
             shared->forThread.reset();
             static_cast<void>(shared->finished.Set());
-            return FAILED(thrown) ? thrown : report.Win32(810, 811, error);
+            return report.Win32(810, 811, error);
         }
         m_threadId.store(threadId);
         m_isSuspended.store(startSuspended);

@@ -66,7 +66,7 @@ std::wstring VoFormatV(const wchar_t* format, va_list arguments)
     return text;
 }
 
-bool VoEqualsNoCase(std::wstring_view a, std::wstring_view b) noexcept
+bool VoEqualsNoCase(CVoTextView a, CVoTextView b) noexcept
 {
     // The comparison folds each UTF-16 unit to one unit, so equal texts have equal lengths.
     if (a.size() != b.size() || a.size() > INT_MAX)
@@ -75,12 +75,12 @@ bool VoEqualsNoCase(std::wstring_view a, std::wstring_view b) noexcept
     return length == 0 || ::CompareStringOrdinal(a.data(), length, b.data(), length, TRUE) == CSTR_EQUAL;
 }
 
-bool VoStartsWithNoCase(std::wstring_view text, std::wstring_view prefix) noexcept
+bool VoStartsWithNoCase(CVoTextView text, CVoTextView prefix) noexcept
 {
     return text.size() >= prefix.size() && VoEqualsNoCase(text.substr(0, prefix.size()), prefix);
 }
 
-std::wstring_view VoTrim(std::wstring_view text) noexcept
+std::wstring_view VoTrim(CVoTextView text) noexcept
 {
     while (!text.empty() && std::iswspace(text.front()))
         text.remove_prefix(1);
@@ -89,7 +89,7 @@ std::wstring_view VoTrim(std::wstring_view text) noexcept
     return text;
 }
 
-std::optional<VoTextDetail::CDecimal> VoTextDetail::ReadDecimal(std::wstring_view text) noexcept
+std::optional<VoTextDetail::CDecimal> VoTextDetail::ReadDecimal(CVoTextView text) noexcept
 {
     CDecimal result;
     result.isNegative = text.starts_with(L'-');
@@ -112,7 +112,7 @@ std::optional<VoTextDetail::CDecimal> VoTextDetail::ReadDecimal(std::wstring_vie
     return result;
 }
 
-std::optional<bool> VoParseBool(std::wstring_view text) noexcept
+std::optional<bool> VoParseBool(CVoTextView text) noexcept
 {
     const auto isOneOf = [text](std::initializer_list<const wchar_t*> words)
     { return std::any_of(words.begin(), words.end(), [text](const wchar_t* word) { return VoEqualsNoCase(text, word); }); };
@@ -123,7 +123,7 @@ std::optional<bool> VoParseBool(std::wstring_view text) noexcept
     return std::nullopt;
 }
 
-std::wstring VoWithoutLongPathPrefix(std::wstring_view path)
+std::wstring VoWithoutLongPathPrefix(CVoTextView path)
 {
     constexpr std::wstring_view kPrefix = L"\\\\?\\";
     constexpr std::wstring_view kServerPrefix = L"\\\\?\\UNC\\";
@@ -136,7 +136,7 @@ std::wstring VoWithoutLongPathPrefix(std::wstring_view path)
     return result.size() < MAX_PATH ? result : std::wstring(path);
 }
 
-std::wstring VoWithoutLoneSurrogates(std::wstring_view text)
+std::wstring VoWithoutLoneSurrogates(CVoTextView text)
 {
     const auto isHigh = [](wchar_t c) { return (c & 0xFC00) == 0xD800; };
     const auto isLow = [](wchar_t c) { return (c & 0xFC00) == 0xDC00; };

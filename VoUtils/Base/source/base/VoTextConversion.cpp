@@ -13,7 +13,7 @@ namespace
 constexpr const wchar_t* kSource = L"..\\..\\source\\base\\VoUtils";
 } // namespace
 
-HRESULT VoStringToBool(std::wstring_view text, bool& value) noexcept
+HRESULT VoStringToBool(CVoTextView text, bool& value) noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoStringToBool" };
     const std::optional<bool> parsed = VoParseBool(text);
@@ -23,7 +23,7 @@ HRESULT VoStringToBool(std::wstring_view text, bool& value) noexcept
     return S_OK;
 }
 
-HRESULT VoStringToASCII(std::wstring_view text, std::string& bytes) noexcept
+HRESULT VoStringToASCII(CVoTextView text, std::string& bytes) noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoStringToASCII" };
     const auto body = [&]() -> HRESULT
@@ -34,7 +34,7 @@ HRESULT VoStringToASCII(std::wstring_view text, std::string& bytes) noexcept
     return report.Guard(95, body);
 }
 
-HRESULT VoStringToUTF8(std::wstring_view text, std::string& bytes) noexcept
+HRESULT VoStringToUTF8(CVoTextView text, std::string& bytes) noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoStringToUTF8" };
     const auto body = [&]() -> HRESULT
@@ -45,7 +45,7 @@ HRESULT VoStringToUTF8(std::wstring_view text, std::string& bytes) noexcept
     return report.Guard(105, body);
 }
 
-HRESULT VoUTF8ToString(std::string_view bytes, std::wstring& text) noexcept
+HRESULT VoUTF8ToString(CVoBytesView bytes, std::wstring& text) noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoUTF8ToString" };
     const auto body = [&]() -> HRESULT
@@ -56,7 +56,7 @@ HRESULT VoUTF8ToString(std::string_view bytes, std::wstring& text) noexcept
     return report.Guard(115, body);
 }
 
-HRESULT VoStringToCodePage(UINT codePage, std::wstring_view text, std::string& bytes) noexcept
+HRESULT VoStringToCodePage(UINT codePage, CVoTextView text, std::string& bytes) noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoStringToCodePage" };
     const auto body = [&]() -> HRESULT
@@ -67,7 +67,7 @@ HRESULT VoStringToCodePage(UINT codePage, std::wstring_view text, std::string& b
     return report.Guard(125, body);
 }
 
-HRESULT VoCodePageToString(UINT codePage, std::string_view bytes, std::wstring& text) noexcept
+HRESULT VoCodePageToString(UINT codePage, CVoBytesView bytes, std::wstring& text) noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoCodePageToString" };
     const auto body = [&]() -> HRESULT

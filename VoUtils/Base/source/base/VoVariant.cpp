@@ -109,7 +109,7 @@ HRESULT VoChangeVariantTypeNoLocale(VARIANT& destination, const VARIANT& source,
     return FAILED(hr) ? report(224, hr) : S_OK;
 }
 
-HRESULT VoTypeToVariant(std::wstring_view value, VARIANT& variant) noexcept
+HRESULT VoTypeToVariant(CVoTextView value, VARIANT& variant) noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoTypeToVariant" };
     if (value.size() > UINT_MAX)

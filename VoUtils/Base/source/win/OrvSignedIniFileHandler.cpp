@@ -157,7 +157,7 @@ private:
 }
 } // namespace
 
-HRESULT CVoSignedIniFileHandler2::Open(std::wstring_view path) noexcept
+HRESULT CVoSignedIniFileHandler2::Open(CVoTextView path) noexcept
 {
     constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::Open" };
     const auto body = [&]() -> HRESULT
@@ -172,7 +172,7 @@ HRESULT CVoSignedIniFileHandler2::Open(std::wstring_view path) noexcept
     return report.Guard(135, body);
 }
 
-HRESULT CVoSignedIniFileHandler2::Parse(std::string_view bytes) noexcept
+HRESULT CVoSignedIniFileHandler2::Parse(CVoBytesView bytes) noexcept
 {
     constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::Parse" };
     const auto body = [&]() -> HRESULT
@@ -210,7 +210,7 @@ private:
     const CVoSignedIniFileHandler2& m_handler;
 };
 
-HRESULT CVoSignedIniFileHandler2::Verify(std::wstring_view publicKey, bool& valid) noexcept
+HRESULT CVoSignedIniFileHandler2::Verify(CVoTextView publicKey, bool& valid) noexcept
 {
     constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::Verify" };
     const auto body = [&]() -> HRESULT
@@ -224,7 +224,7 @@ HRESULT CVoSignedIniFileHandler2::Verify(std::wstring_view publicKey, bool& vali
             return report(166, hr);
         std::wstring signature;
         for (const CVoIniEntry& line : lines)
-            signature += line.value;
+            signature += VoIniTrimRight(line.value);
         // What is wrong with the file shows before what is wrong with the key. Only 16-bit units can be
         // something that UTF-8 has no form of.
         if (m_file.Encoding() == EVoTextEncoding::Utf16LittleEndian || m_file.Encoding() == EVoTextEncoding::Utf16BigEndian)
@@ -259,8 +259,7 @@ HRESULT CVoSignedIniFileHandler2::AppendData(Text& text) const
 }
 
 template <class Text>
-HRESULT CVoSignedIniFileHandler2::AppendSectionData(std::wstring_view section, std::vector<CVoIniEntry>& entries,
-                                                    Text& text) const
+HRESULT CVoSignedIniFileHandler2::AppendSectionData(CVoTextView section, std::vector<CVoIniEntry>& entries, Text& text) const
 {
     constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::GetSectionDataString" };
     // Keys and values come as pairs, so that there cannot be more of the one than of the other.
@@ -292,7 +291,7 @@ HRESULT CVoSignedIniFileHandler2::GetDataString(std::wstring& text) noexcept
     return report.Guard(232, body);
 }
 
-HRESULT CVoSignedIniFileHandler2::GetSectionDataString(std::wstring_view section, std::wstring& text) noexcept
+HRESULT CVoSignedIniFileHandler2::GetSectionDataString(CVoTextView section, std::wstring& text) noexcept
 {
     constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::GetSectionDataString" };
     const auto body = [&]() -> HRESULT
@@ -319,8 +318,8 @@ HRESULT CVoSignedIniFileHandler2::GetSignedText(std::wstring& text) noexcept
     return S_OK;
 }
 
-HRESULT CVoSignedIniFileHandler2::VerifySign(std::wstring_view dataText, std::wstring_view publicKey,
-                                             std::wstring_view signatureText, bool& valid) noexcept
+HRESULT CVoSignedIniFileHandler2::VerifySign(CVoTextView dataText, CVoTextView publicKey, CVoTextView signatureText,
+                                             bool& valid) noexcept
 {
     constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::VerifySign" };
     const auto body = [&]() -> HRESULT
@@ -335,7 +334,7 @@ HRESULT CVoSignedIniFileHandler2::VerifySign(std::wstring_view dataText, std::ws
     return report.Guard(274, body);
 }
 
-HRESULT CVoSignedIniFileHandler2::SignFile(std::wstring_view privateKey, UINT32 lineLength) noexcept
+HRESULT CVoSignedIniFileHandler2::SignFile(CVoTextView privateKey, UINT32 lineLength) noexcept
 {
     constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::SignFile" };
     const auto body = [&]() -> HRESULT

@@ -86,7 +86,7 @@ struct SFileFacts
 }
 } // namespace
 
-HRESULT VoReadFile(std::wstring_view path, std::string& bytes) noexcept
+HRESULT VoReadFile(CVoTextView path, std::string& bytes) noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoReadFile" };
     const auto body = [&]() -> HRESULT
@@ -134,7 +134,7 @@ HRESULT VoReadFile(std::wstring_view path, std::string& bytes) noexcept
     return report.Guard(148, body);
 }
 
-std::wstring VoGetFullPath(std::wstring_view path)
+std::wstring VoGetFullPath(CVoTextView path)
 {
     if (!IsPath(path))
         throw CVoHResultException(HResultFromWin32(ERROR_INVALID_NAME));
@@ -159,7 +159,7 @@ CVoFileReplacement::~CVoFileReplacement()
         ::DeleteFileW(m_temporaryPath.c_str());
 }
 
-HRESULT CVoFileReplacement::Write(std::wstring_view path, std::string_view bytes) noexcept
+HRESULT CVoFileReplacement::Write(CVoTextView path, CVoBytesView bytes) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoFileReplacement::Write" };
     const auto body = [&]() -> HRESULT

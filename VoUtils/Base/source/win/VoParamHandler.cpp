@@ -39,7 +39,7 @@ void ChangeType(VARIANT& variant, VARTYPE type)
 
 // Reads the whole of a text as a number.
 template <class Number>
-void ParseNumber(std::wstring_view text, Number& number)
+void ParseNumber(CVoTextView text, Number& number)
 {
     text = VoIniTrim(text);
     if constexpr (std::is_integral_v<Number>)
@@ -374,7 +374,7 @@ catch (const CVoHResultException&)
 }
 } // namespace
 
-HRESULT CVoParamHandler::Open(std::wstring_view path) noexcept
+HRESULT CVoParamHandler::Open(CVoTextView path) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoParamHandler::Open" };
     const auto body = [&]() -> HRESULT
@@ -404,7 +404,7 @@ bool CVoParamHandler::IsChanged() const noexcept
 }
 
 template <class Value>
-HRESULT CVoParamHandler::Read(std::wstring_view section, std::wstring_view name, Value& value, bool* present) const noexcept
+HRESULT CVoParamHandler::Read(CVoTextView section, CVoTextView name, Value& value, bool* present) const noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoParamHandler::Get" };
     const auto body = [&]() -> HRESULT
@@ -425,7 +425,7 @@ HRESULT CVoParamHandler::Read(std::wstring_view section, std::wstring_view name,
 }
 
 template <class Value>
-HRESULT CVoParamHandler::Write(std::wstring_view section, std::wstring_view name, const Value& value) noexcept
+HRESULT CVoParamHandler::Write(CVoTextView section, CVoTextView name, const Value& value) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoParamHandler::Set" };
     const auto body = [&]() -> HRESULT
@@ -441,40 +441,37 @@ HRESULT CVoParamHandler::Write(std::wstring_view section, std::wstring_view name
     return report.Guard(390, body);
 }
 
-HRESULT CVoParamHandler::Get(std::wstring_view section, std::wstring_view name, std::wstring& value,
-                             bool* present) const noexcept
+HRESULT CVoParamHandler::Get(CVoTextView section, CVoTextView name, std::wstring& value, bool* present) const noexcept
 {
     return Read(section, name, value, present);
 }
 
-HRESULT CVoParamHandler::Get(std::wstring_view section, std::wstring_view name, double& value, bool* present) const noexcept
+HRESULT CVoParamHandler::Get(CVoTextView section, CVoTextView name, double& value, bool* present) const noexcept
 {
     return Read(section, name, value, present);
 }
 
-HRESULT CVoParamHandler::Get(std::wstring_view section, std::wstring_view name, bool& value, bool* present) const noexcept
+HRESULT CVoParamHandler::Get(CVoTextView section, CVoTextView name, bool& value, bool* present) const noexcept
 {
     return Read(section, name, value, present);
 }
 
-HRESULT CVoParamHandler::Get(std::wstring_view section, std::wstring_view name, SYSTEMTIME& value, bool* present) const noexcept
+HRESULT CVoParamHandler::Get(CVoTextView section, CVoTextView name, SYSTEMTIME& value, bool* present) const noexcept
 {
     return Read(section, name, value, present);
 }
 
-HRESULT CVoParamHandler::Get(std::wstring_view section, std::wstring_view name, std::vector<BYTE>& value,
-                             bool* present) const noexcept
+HRESULT CVoParamHandler::Get(CVoTextView section, CVoTextView name, std::vector<BYTE>& value, bool* present) const noexcept
 {
     return Read(section, name, value, present);
 }
 
-HRESULT CVoParamHandler::Get(std::wstring_view section, std::wstring_view name, CVo2DIDArray& value,
-                             bool* present) const noexcept
+HRESULT CVoParamHandler::Get(CVoTextView section, CVoTextView name, CVo2DIDArray& value, bool* present) const noexcept
 {
     return Read(section, name, value, present);
 }
 
-HRESULT CVoParamHandler::Get(std::wstring_view section, std::wstring_view name, VARIANT& value, bool* present) const noexcept
+HRESULT CVoParamHandler::Get(CVoTextView section, CVoTextView name, VARIANT& value, bool* present) const noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoParamHandler::Get" };
     const VARTYPE type = V_VT(&value);
@@ -498,8 +495,8 @@ HRESULT CVoParamHandler::Get(std::wstring_view section, std::wstring_view name, 
     return S_OK;
 }
 
-HRESULT CVoParamHandler::GetInteger(std::wstring_view section, std::wstring_view name, SInteger& value, SInteger minimum,
-                                    SInteger maximum, bool* present) const noexcept
+HRESULT CVoParamHandler::GetInteger(CVoTextView section, CVoTextView name, SInteger& value, SInteger minimum, SInteger maximum,
+                                    bool* present) const noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoParamHandler::Get" };
     SInteger read = value;
@@ -512,37 +509,37 @@ HRESULT CVoParamHandler::GetInteger(std::wstring_view section, std::wstring_view
     return S_OK;
 }
 
-HRESULT CVoParamHandler::Set(std::wstring_view section, std::wstring_view name, std::wstring_view value) noexcept
+HRESULT CVoParamHandler::Set(CVoTextView section, CVoTextView name, CVoTextView value) noexcept
+{
+    return Write(section, name, std::wstring_view(value));
+}
+
+HRESULT CVoParamHandler::Set(CVoTextView section, CVoTextView name, double value) noexcept
 {
     return Write(section, name, value);
 }
 
-HRESULT CVoParamHandler::Set(std::wstring_view section, std::wstring_view name, double value) noexcept
+HRESULT CVoParamHandler::Set(CVoTextView section, CVoTextView name, bool value) noexcept
 {
     return Write(section, name, value);
 }
 
-HRESULT CVoParamHandler::Set(std::wstring_view section, std::wstring_view name, bool value) noexcept
+HRESULT CVoParamHandler::Set(CVoTextView section, CVoTextView name, const SYSTEMTIME& value) noexcept
 {
     return Write(section, name, value);
 }
 
-HRESULT CVoParamHandler::Set(std::wstring_view section, std::wstring_view name, const SYSTEMTIME& value) noexcept
+HRESULT CVoParamHandler::Set(CVoTextView section, CVoTextView name, std::span<const BYTE> value) noexcept
 {
     return Write(section, name, value);
 }
 
-HRESULT CVoParamHandler::Set(std::wstring_view section, std::wstring_view name, std::span<const BYTE> value) noexcept
+HRESULT CVoParamHandler::Set(CVoTextView section, CVoTextView name, const CVo2DIDArray& value) noexcept
 {
     return Write(section, name, value);
 }
 
-HRESULT CVoParamHandler::Set(std::wstring_view section, std::wstring_view name, const CVo2DIDArray& value) noexcept
-{
-    return Write(section, name, value);
-}
-
-HRESULT CVoParamHandler::Set(std::wstring_view section, std::wstring_view name, const VARIANT& value) noexcept
+HRESULT CVoParamHandler::Set(CVoTextView section, CVoTextView name, const VARIANT& value) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoParamHandler::Set" };
     CVoVariant copy;
@@ -554,12 +551,12 @@ HRESULT CVoParamHandler::Set(std::wstring_view section, std::wstring_view name, 
     return Write(section, name, copy);
 }
 
-HRESULT CVoParamHandler::SetInteger(std::wstring_view section, std::wstring_view name, SInteger value) noexcept
+HRESULT CVoParamHandler::SetInteger(CVoTextView section, CVoTextView name, SInteger value) noexcept
 {
     return Write(section, name, value);
 }
 
-HRESULT CVoParamHandler::Remove(std::wstring_view section, std::wstring_view name) noexcept
+HRESULT CVoParamHandler::Remove(CVoTextView section, CVoTextView name) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoParamHandler::Remove" };
     CAutoLock lock(&m_lock);

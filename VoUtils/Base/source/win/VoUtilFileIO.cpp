@@ -29,7 +29,7 @@ CVoIniFileIO::CVoIniFileIO(CVoIniFileIO&& other) noexcept = default;
 CVoIniFileIO& CVoIniFileIO::operator=(CVoIniFileIO&& other) noexcept = default;
 CVoIniFileIO::~CVoIniFileIO() = default;
 
-HRESULT CVoIniFileIO::Open(std::wstring_view path, bool mayBeMissing) noexcept
+HRESULT CVoIniFileIO::Open(CVoTextView path, bool mayBeMissing) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoIniFileIO::Open" };
     const auto body = [&]() -> HRESULT
@@ -50,7 +50,7 @@ HRESULT CVoIniFileIO::Open(std::wstring_view path, bool mayBeMissing) noexcept
     return report.Guard(49, body);
 }
 
-HRESULT CVoIniFileIO::Parse(std::string_view bytes) noexcept
+HRESULT CVoIniFileIO::Parse(CVoBytesView bytes) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoIniFileIO::Parse" };
     const auto body = [&]() -> HRESULT
@@ -91,7 +91,7 @@ HRESULT CVoIniFileIO::Save() noexcept
     return FAILED(hr) ? report(92, hr) : S_OK;
 }
 
-HRESULT CVoIniFileIO::SaveAs(std::wstring_view path) noexcept
+HRESULT CVoIniFileIO::SaveAs(CVoTextView path) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoIniFileIO::SaveAs" };
     const auto body = [&]() -> HRESULT
@@ -135,6 +135,8 @@ HRESULT CVoIniFileIO::SetEncoding(EVoTextEncoding encoding) noexcept
     constexpr CVoReporter report{ kSource, L"CVoIniFileIO::SetEncoding" };
     const auto body = [&]() -> HRESULT
     {
+        if (encoding < EVoTextEncoding::Ansi || encoding > EVoTextEncoding::Utf16BigEndian)
+            return report(133, E_INVALIDARG);
         if (encoding == Encoding())
             return S_OK;
         m_content = ReadContent(m_content->RenderAs(encoding), encoding);
@@ -155,12 +157,12 @@ HRESULT CVoIniFileIO::GetSectionNames(std::vector<std::wstring_view>& names) con
     return report.Guard(153, body);
 }
 
-bool CVoIniFileIO::HasSection(std::wstring_view section) const
+bool CVoIniFileIO::HasSection(CVoTextView section) const
 {
     return m_content->FindSection(section) != CVoNameIndex::kNone;
 }
 
-HRESULT CVoIniFileIO::GetSection(std::wstring_view section, std::vector<CVoIniEntry>& entries) const noexcept
+HRESULT CVoIniFileIO::GetSection(CVoTextView section, std::vector<CVoIniEntry>& entries) const noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoIniFileIO::GetSection" };
     const auto body = [&]() -> HRESULT
@@ -174,7 +176,7 @@ HRESULT CVoIniFileIO::GetSection(std::wstring_view section, std::vector<CVoIniEn
     return report.Guard(173, body);
 }
 
-std::optional<std::wstring_view> CVoIniFileIO::FindValue(std::wstring_view section, std::wstring_view key) const
+std::optional<std::wstring_view> CVoIniFileIO::FindValue(CVoTextView section, CVoTextView key) const
 {
     const UINT32 found = m_content->FindSection(section);
     if (found == CVoNameIndex::kNone)
@@ -182,7 +184,7 @@ std::optional<std::wstring_view> CVoIniFileIO::FindValue(std::wstring_view secti
     return m_content->FindValue(found, key);
 }
 
-HRESULT CVoIniFileIO::SetValue(std::wstring_view section, std::wstring_view key, std::wstring_view value) noexcept
+HRESULT CVoIniFileIO::SetValue(CVoTextView section, CVoTextView key, CVoTextView value) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoIniFileIO::SetValue" };
     const auto body = [&]() -> HRESULT
@@ -194,7 +196,7 @@ HRESULT CVoIniFileIO::SetValue(std::wstring_view section, std::wstring_view key,
     return report.Guard(193, body);
 }
 
-HRESULT CVoIniFileIO::AddValue(std::wstring_view section, std::wstring_view key, std::wstring_view value) noexcept
+HRESULT CVoIniFileIO::AddValue(CVoTextView section, CVoTextView key, CVoTextView value) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoIniFileIO::AddValue" };
     const auto body = [&]() -> HRESULT
@@ -206,7 +208,7 @@ HRESULT CVoIniFileIO::AddValue(std::wstring_view section, std::wstring_view key,
     return report.Guard(205, body);
 }
 
-HRESULT CVoIniFileIO::RemoveValue(std::wstring_view section, std::wstring_view key) noexcept
+HRESULT CVoIniFileIO::RemoveValue(CVoTextView section, CVoTextView key) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoIniFileIO::RemoveValue" };
     const auto body = [&]() -> HRESULT
@@ -220,7 +222,7 @@ HRESULT CVoIniFileIO::RemoveValue(std::wstring_view section, std::wstring_view k
     return report.Guard(219, body);
 }
 
-HRESULT CVoIniFileIO::ClearSection(std::wstring_view section) noexcept
+HRESULT CVoIniFileIO::ClearSection(CVoTextView section) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoIniFileIO::ClearSection" };
     const auto body = [&]() -> HRESULT
@@ -234,7 +236,7 @@ HRESULT CVoIniFileIO::ClearSection(std::wstring_view section) noexcept
     return report.Guard(233, body);
 }
 
-HRESULT CVoIniFileIO::RemoveSection(std::wstring_view section) noexcept
+HRESULT CVoIniFileIO::RemoveSection(CVoTextView section) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoIniFileIO::RemoveSection" };
     const auto body = [&]() -> HRESULT

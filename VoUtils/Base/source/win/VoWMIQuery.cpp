@@ -26,7 +26,7 @@ HRESULT InitialiseSecurity() noexcept
 }
 } // namespace
 
-CVoWMIQueryBase::CVoWMIQueryBase(std::wstring_view namespacePath, const wchar_t* locale, IWbemContext* context)
+CVoWMIQueryBase::CVoWMIQueryBase(CVoTextView namespacePath, const wchar_t* locale, IWbemContext* context)
     : m_namespacePath(namespacePath), m_locale(locale ? std::optional<std::wstring>(locale) : std::nullopt),
       m_wmiContext(context)
 {
@@ -204,7 +204,7 @@ HRESULT CVoWMIQueryBase::CallBack(IWbemClassObject* object) noexcept
     }
 }
 
-HRESULT CVoWMIQueryBase::QueryWMI(std::wstring_view query, Callback callback, void* context) noexcept
+HRESULT CVoWMIQueryBase::QueryWMI(CVoTextView query, Callback callback, void* context) noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoWMIQuery::CVoWMIQueryBase::QueryWMI" };
     if (query.empty() || !callback)
@@ -286,7 +286,7 @@ HRESULT ReadFields(IWbemClassObject* object, void* context)
 }
 } // namespace
 
-HRESULT CVoWMIQueryStringFields::QueryWMIStringFields(std::wstring_view query, std::span<const std::wstring> fieldNames,
+HRESULT CVoWMIQueryStringFields::QueryWMIStringFields(CVoTextView query, std::span<const std::wstring> fieldNames,
                                                       std::vector<std::vector<std::wstring>>& rows) noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoWMIQuery::CVoWMIQueryStringFields::QueryWMIStringFields" };

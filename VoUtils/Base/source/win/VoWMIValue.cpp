@@ -74,7 +74,7 @@ void AppendNumber(std::wstring& text, int number, size_t digits)
 }
 
 // Empty when the value is no time stamp.
-std::wstring TimeStampText(std::wstring_view value)
+std::wstring TimeStampText(CVoTextView value)
 {
     struct SField
     {
@@ -133,7 +133,7 @@ std::wstring TimeStampText(std::wstring_view value)
 }
 
 // Empty when the value is no interval.
-std::wstring IntervalText(std::wstring_view value)
+std::wstring IntervalText(CVoTextView value)
 {
     CFieldReader reader(value);
     const std::optional<int> days = reader.Number(8);
@@ -315,7 +315,7 @@ HRESULT WMIValueToText(const VARIANT& value, long type, std::wstring& text) noex
     }
 }
 
-HRESULT WMIDateTimeToISO8601(std::wstring_view value, std::wstring& text) noexcept
+HRESULT WMIDateTimeToISO8601(CVoTextView value, std::wstring& text) noexcept
 {
     try
     {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <base/VoPlatform.h>
+#include <base/VoText.h>
 
 #include <limits>
 #include <new>
@@ -18,7 +19,7 @@ class CVoBstr
 public:
     CVoBstr() noexcept = default;
     // Throws std::bad_alloc, or std::length_error for a text that no BSTR can hold. Embedded zeros are kept.
-    explicit CVoBstr(std::wstring_view text)
+    explicit CVoBstr(CVoTextView text)
     {
         // The platform keeps the length in bytes in 32 bits.
         if (text.size() > std::numeric_limits<INT32>::max() / sizeof(wchar_t))

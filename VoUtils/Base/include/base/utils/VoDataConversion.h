@@ -10,6 +10,7 @@
 #pragma once
 
 #include <base/VoPlatform.h>
+#include <base/VoText.h>
 
 #include <string>
 #include <string_view>
@@ -18,21 +19,21 @@ namespace VoDataConversion
 {
 // Skips every character that is no hexadecimal digit, without complaint (so the "0" of a "0x" prefix counts as a digit).
 // E_INVALIDARG for an odd number of digits.
-[[nodiscard]] HRESULT HexToBin(std::wstring_view text, BYTE** buffer, UINT32* length);
+[[nodiscard]] HRESULT HexToBin(CVoTextView text, BYTE** buffer, UINT32* length);
 
 // A line ends behind the pair that reaches the line length, so an odd one gives lines one character longer; a break may end
 // the text.
 HRESULT BinToHex(const BYTE* bytes, INT32 count, std::wstring& text, INT32 line);
 
 // Accepts both alphabets, even mixed. Inner blanks are malformed; the unused low bits of the last character are not checked.
-[[nodiscard]] HRESULT Base64ToBin(std::wstring_view text, BYTE** buffer, UINT32* length);
+[[nodiscard]] HRESULT Base64ToBin(CVoTextView text, BYTE** buffer, UINT32* length);
 
 // Lines hold one character more than `line` asks for: readers of stored text depend on it, so it must stay. URL-safe text has
 // neither padding nor line breaks.
 HRESULT BinToBase64(const BYTE* bytes, INT32 count, bool urlSafe, std::wstring& text, INT32 line);
 
 // Crockford's alphabet with B read as 8 and U as a digit of its own; bits run from the lowest.
-[[nodiscard]] HRESULT Base32ModifiedCrockfordToBin(std::wstring_view text, BYTE** buffer, UINT32* length);
+[[nodiscard]] HRESULT Base32ModifiedCrockfordToBin(CVoTextView text, BYTE** buffer, UINT32* length);
 
 // `pad` pads a tail of two characters to four, and nothing else: readers of stored text depend on it.
 HRESULT BinToBase32ModifiedCrockford(const BYTE* bytes, INT32 count, bool pad, std::wstring& text, INT32 line);

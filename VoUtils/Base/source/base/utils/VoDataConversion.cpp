@@ -174,7 +174,7 @@ size_t DecodedSize(size_t characters) noexcept
 
 // Decodes clean text, which is the usual case, in one pass. False, without a report, when there is anything else in the text.
 template <class TCodec>
-bool TryDecodeClean(std::wstring_view text, CDecoded& decoded)
+bool TryDecodeClean(CVoTextView text, CDecoded& decoded)
 {
     const size_t groups = text.size() / TCodec::kCharacters;
     const std::wstring_view tail = text.substr(groups * TCodec::kCharacters);
@@ -220,7 +220,7 @@ void TakeKept(std::wstring_view& text, wchar_t* kept, size_t count) noexcept
 // Decodes text with skipped characters in it; `count` others. The kernel runs straight over the text from one interruption to
 // the next; only the group that it stops at is put together by hand, and reported when it is bad.
 template <class TCodec>
-HRESULT DecodeFiltered(std::wstring_view text, size_t count, BYTE* bytes) noexcept
+HRESULT DecodeFiltered(CVoTextView text, size_t count, BYTE* bytes) noexcept
 {
     for (size_t groups = count / TCodec::kCharacters;;)
     {
@@ -244,7 +244,7 @@ HRESULT DecodeFiltered(std::wstring_view text, size_t count, BYTE* bytes) noexce
 
 // Decodes text as it arrives, with characters to skip or malformed, and reports what is wrong with it.
 template <class TCodec>
-HRESULT DecodeTolerant(const CVoReporter& report, std::wstring_view text, CDecoded& decoded)
+HRESULT DecodeTolerant(const CVoReporter& report, CVoTextView text, CDecoded& decoded)
 {
     const size_t count = text.size() - CountSkipped<TCodec>(text);
     if (!TCodec::IsPossible(count % TCodec::kCharacters))
@@ -271,7 +271,7 @@ HRESULT HandOver(const CVoReporter& report, int line, CDecoded& decoded, BYTE** 
 }
 
 // The text without any occurrence of `part`. What closes up is not looked at again.
-std::wstring Without(std::wstring_view text, std::wstring_view part)
+std::wstring Without(CVoTextView text, CVoTextView part)
 {
     std::wstring rest;
     rest.reserve(text.size());
@@ -353,7 +353,7 @@ std::span<const BYTE> BytesOf(const BYTE* bytes, INT32 count) noexcept
 }
 } // namespace
 
-HRESULT HexToBin(std::wstring_view text, BYTE** buffer, UINT32* length)
+HRESULT HexToBin(CVoTextView text, BYTE** buffer, UINT32* length)
 {
     constexpr CVoReporter report{ kSource, L"VoDataConversion::HexToBin" };
     CDecoded decoded;
@@ -371,7 +371,7 @@ HRESULT BinToHex(const BYTE* bytes, INT32 count, std::wstring& text, INT32 line)
     return S_OK;
 }
 
-HRESULT Base64ToBin(std::wstring_view text, BYTE** buffer, UINT32* length)
+HRESULT Base64ToBin(CVoTextView text, BYTE** buffer, UINT32* length)
 {
     constexpr CVoReporter report{ kSource, L"VoDataConversion::Base64ToBin" };
     text = VoTrim(text);
@@ -407,7 +407,7 @@ HRESULT BinToBase64(const BYTE* bytes, INT32 count, bool urlSafe, std::wstring& 
     return S_OK;
 }
 
-HRESULT Base32ModifiedCrockfordToBin(std::wstring_view text, BYTE** buffer, UINT32* length)
+HRESULT Base32ModifiedCrockfordToBin(CVoTextView text, BYTE** buffer, UINT32* length)
 {
     constexpr CVoReporter report{ kSource, L"VoDataConversion::Base32ModifiedCrockfordToBin" };
     text = VoTrim(text);

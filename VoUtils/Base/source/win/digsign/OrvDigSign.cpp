@@ -158,7 +158,7 @@ HRESULT COrvHashBase::Clear() noexcept
     return S_OK;
 }
 
-std::unique_ptr<COrvHashBase> CreateHashByName(std::wstring_view name)
+std::unique_ptr<COrvHashBase> CreateHashByName(CVoTextView name)
 {
     if (name == L"sha1")
         return std::make_unique<COrvSHA1Hash>();
@@ -245,7 +245,7 @@ HRESULT COrvRSAKey::DestroyUserKey(DWORD keySpec) noexcept
     return S_OK;
 }
 
-HRESULT COrvRSAKey::ImportKey(std::wstring_view hexText) noexcept
+HRESULT COrvRSAKey::ImportKey(CVoTextView hexText) noexcept
 {
     constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvRSAKey::ImportKey" };
     const auto body = [&]() -> HRESULT
@@ -276,7 +276,7 @@ HRESULT COrvRSAKey::ImportKey(std::wstring_view hexText) noexcept
     return report.Guard(260, body);
 }
 
-HRESULT COrvRSAKey::ImportKeyForSigning(std::wstring_view hexText) noexcept
+HRESULT COrvRSAKey::ImportKeyForSigning(CVoTextView hexText) noexcept
 {
     constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvRSAKey::ImportKeyForSigning" };
     if (const HRESULT hr = ImportKey(hexText); FAILED(hr))
@@ -284,7 +284,7 @@ HRESULT COrvRSAKey::ImportKeyForSigning(std::wstring_view hexText) noexcept
     return S_OK;
 }
 
-HRESULT COrvRSAKey::ImportKeyForVerifying(std::wstring_view hexText) noexcept
+HRESULT COrvRSAKey::ImportKeyForVerifying(CVoTextView hexText) noexcept
 {
     constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvRSAKey::ImportKeyForVerifying" };
     if (const HRESULT hr = ImportKey(hexText); FAILED(hr))
@@ -365,7 +365,7 @@ HRESULT COrvRSAKey::Generate(UINT32 bits, std::wstring& privateKey, std::wstring
     return S_OK;
 }
 
-HRESULT COrvRSAKey::GetPublicKeyFromPrivate(std::wstring_view privateKey, std::wstring& publicKey) noexcept
+HRESULT COrvRSAKey::GetPublicKeyFromPrivate(CVoTextView privateKey, std::wstring& publicKey) noexcept
 {
     constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvRSAKey::GetPublicKeyFromPrivate" };
     COrvRSAKey key;
@@ -425,7 +425,7 @@ HRESULT HashBytes(COrvHashBase& hash, const BYTE* bytes, UINT32 length, BYTE** v
     return S_OK;
 }
 
-HRESULT COrvDigitalSignature::SignString(const BYTE* data, UINT32 length, COrvHashBase& hash, std::wstring_view privateKey,
+HRESULT COrvDigitalSignature::SignString(const BYTE* data, UINT32 length, COrvHashBase& hash, CVoTextView privateKey,
                                          BYTE** signature, UINT32* signatureLength) noexcept
 {
     constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvDigitalSignature::SignString" };
@@ -460,14 +460,14 @@ HRESULT COrvDigitalSignature::SignString(const BYTE* data, UINT32 length, COrvHa
 }
 
 HRESULT COrvDigitalSignature::VerifyString(const BYTE* data, UINT32 length, COrvHashBase& hash, const BYTE* signature,
-                                           UINT32 signatureLength, std::wstring_view publicKey, bool& result) noexcept
+                                           UINT32 signatureLength, CVoTextView publicKey, bool& result) noexcept
 {
     CVoHashBlock block(data, length);
     return VerifyString(block, hash, signature, signatureLength, publicKey, result);
 }
 
 HRESULT COrvDigitalSignature::VerifyString(IVoHashInput& data, COrvHashBase& hash, const BYTE* signature,
-                                           UINT32 signatureLength, std::wstring_view publicKey, bool& result) noexcept
+                                           UINT32 signatureLength, CVoTextView publicKey, bool& result) noexcept
 {
     constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvDigitalSignature::VerifyString" };
     result = false;
