@@ -1,3 +1,4 @@
+// Tests of the test support that injects failures.
 #include <base/VoHandle.h>
 
 #include "support/ImportHook.h"

@@ -1,3 +1,4 @@
+// Tests of hashes, keys and signatures.
 #include <win/OrvDigSign.h>
 
 #include <base/VoCArray.h>
@@ -65,7 +66,7 @@ HRESULT Verify(std::wstring_view key, COrvHashBase& hash, std::string_view data,
                                               static_cast<UINT32>(signature.size()), key, result);
 }
 
-TEST(DigSign, HashesAreThePublishedOnes)
+TEST(DigSign, HashesEqualThePublishedValues)
 {
     // FIPS 180-2 and RFC 1321 vectors.
     const std::tuple<std::unique_ptr<COrvHashBase>, std::string_view, const wchar_t*> cases[] = {
@@ -89,7 +90,7 @@ TEST(DigSign, HashesAreThePublishedOnes)
         EXPECT_EQ(CreateHashByName(name), nullptr) << name;
 }
 
-TEST(DigSign, SignaturesAreThoseOfAnIndependentImplementation)
+TEST(DigSign, SignaturesEqualThoseOfAnIndependentImplementation)
 {
     COrvSHA256Hash hash;
     CVoByteBuffer signature;
@@ -100,7 +101,7 @@ TEST(DigSign, SignaturesAreThoseOfAnIndependentImplementation)
     EXPECT_TRUE(valid);
 }
 
-TEST(DigSign, SignatureThatDoesNotFitIsNotValidAndNoError)
+TEST(DigSign, AWrongOrImpossibleSignatureIsNotValidAndNoError)
 {
     const std::vector<BYTE> good = FromHex(kSignatureSHA256);
     std::vector<BYTE> flipped = good;
@@ -188,7 +189,7 @@ TEST(DigSign, KeyPairsBelongTogether)
         EXPECT_EQ(COrvRSAKey::Generate(bits, privateKey, publicKey), E_INVALIDARG) << bits;
 }
 
-TEST(DigSign, ProviderIsTheLaidDownOneAndDoneWithoutItSucceeds)
+TEST(DigSign, TheProviderIsTheDocumentedOneAndDoneWithoutItSucceeds)
 {
     std::wstring seen;
     const auto watch = [&](auto original, auto* handle, LPCWSTR container, LPCWSTR provider, DWORD type, DWORD flags)
@@ -203,7 +204,7 @@ TEST(DigSign, ProviderIsTheLaidDownOneAndDoneWithoutItSucceeds)
     EXPECT_EQ(seen, L"0 Microsoft Enhanced RSA and AES Cryptographic Provider 24 F0000048");
 }
 
-TEST(DigSign, DecodedKeyIsWipedBeforeItsMemoryIsGivenBack)
+TEST(DigSign, TheDecodedKeyIsWipedBeforeItsMemoryIsReleased)
 {
     std::span<const BYTE> blob;
     bool wasWiped = false;

@@ -1,3 +1,4 @@
+// Tests of signed INI files.
 #include <win/OrvDigSign.h>
 #include <win/OrvSignedIniFileHandler.h>
 
@@ -63,7 +64,7 @@ std::string Replaced(std::string text, std::string_view from, std::string_view t
     return at == std::string::npos ? text : text.replace(at, from.size(), to);
 }
 
-TEST(SignedIniFile, CanonicalTextIsTheLaidDownOne)
+TEST(SignedIniFile, CanonicalTextIsAsDocumented)
 {
     for (const auto& [file, data, signedText] : std::vector<std::array<std::wstring, 3>>{
              { L"", L"", L"" },
@@ -89,14 +90,14 @@ TEST(SignedIniFile, CanonicalTextIsTheLaidDownOne)
     EXPECT_EQ(text, L"[a]\r\nx=1\r\n");
 }
 
-TEST(SignedIniFile, AcceptsASignatureMadeElsewhere)
+TEST(SignedIniFile, AcceptsASignatureOfAnIndependentImplementation)
 {
     bool valid = false;
     EXPECT_EQ(Verify(kSignedFile, kKnownPublicKey, valid), S_OK);
     EXPECT_TRUE(valid);
 }
 
-TEST(SignedIniFile, OnlyWhatIsReadIsProtected)
+TEST(SignedIniFile, ProtectsExactlyWhatCanBeRead)
 {
     const std::string file =
         Signed("; top\r\n[A]\r\nx=1\r\nkey=value\r\n\r\n[Empty]\r\n[B]\r\ny=\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80 2\r\n", 40);
@@ -130,7 +131,7 @@ TEST(SignedIniFile, OnlyWhatIsReadIsProtected)
 }
 
 // Verify hashes the text piece by piece, SignFile as a whole.
-TEST(SignedIniFile, AFileOfManyPiecesIsSignedWhole)
+TEST(SignedIniFile, AFileOfManyPiecesIsSignedCompletely)
 {
     std::string file;
     for (const size_t length : { 3u, 5000u, 16379u, 16384u, 70000u, 1u, 40000u })
@@ -148,7 +149,7 @@ TEST(SignedIniFile, AFileOfManyPiecesIsSignedWhole)
     EXPECT_FALSE(valid);
 }
 
-TEST(SignedIniFile, SpreadsTheSignatureAndKeepsTheRestOfTheFile)
+TEST(SignedIniFile, SplitsTheSignatureIntoKeysAndKeepsTheRestOfTheFile)
 {
     const std::string file = Signed("[A]\nx=1\n\n[SIGNATURE]\n; keep\nold=AAAA\nold=BBBB\n\n[B]\ny=2\n", 76);
     // 172 characters of Base64, in lines of 76
@@ -188,7 +189,7 @@ TEST(SignedIniFile, FailuresAreReportedThroughTheChain)
     EXPECT_EQ(FileBytes(handler), "");
 }
 
-TEST(SignedIniFile, SigningAFileOnDiskChangesItWholeOrNotAtAll)
+TEST(SignedIniFile, SigningAFileOnDiskReplacesItCompletelyOrNotAtAll)
 {
     const std::filesystem::path path = MakeTestFolder(L"signed") / L"file.ini";
     const std::string plain = "[A]\nx=1\n";

@@ -1,3 +1,4 @@
+// Tests of the growable array.
 #include <base/VoCArray.h>
 #include <base/VoDataParser.h>
 
@@ -42,7 +43,7 @@ void ExpectRefusal(const wchar_t* name)
     EXPECT_EQ(array.GetSize(), 2U);
 }
 
-TEST(CArray, WithoutRoomItKeepsItsItemsAndReportsItsName)
+TEST(CArray, KeepsItsItemsAndReportsItsNameWhenMemoryIsExhausted)
 {
     ExpectRefusal<CParamRec*>(L"CArray<class CParamRec *,class CParamRec *>::SetSize");
     ExpectRefusal<wchar_t>(L"CArray<wchar_t,wchar_t>::SetSize");

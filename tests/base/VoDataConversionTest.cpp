@@ -1,3 +1,4 @@
+// Tests of the encodings and their kernels.
 #include <base/utils/VoDataConversion.h>
 
 #include <base/VoCArray.h>
@@ -81,7 +82,7 @@ CBytes FromText(std::string_view text)
 }
 } // namespace
 
-TEST(VoDataConversion, DecodersTakeTextAsItArrives)
+TEST(VoDataConversion, DecodersAcceptLineBreaksBlanksAndPadding)
 {
     // Each text gives these bytes.
     const std::tuple<CDecoder, std::optional<CBytes>, std::vector<std::wstring_view>> cases[] = {
@@ -108,7 +109,7 @@ TEST(VoDataConversion, DecodersTakeTextAsItArrives)
             EXPECT_EQ(Decode(decoder, text), bytes) << testing::PrintToString(std::wstring(text));
 }
 
-TEST(VoDataConversion, LinesBreakWhereStoredTextHasThem)
+TEST(VoDataConversion, EncodersBreakLinesAtTheDocumentedPlaces)
 {
     const std::tuple<CEncoder, CBytes, INT32, const wchar_t*> cases[] = {
         { kToHex, { 0xAB, 0x01, 0xFF }, 3, L"AB01\r\nFF" },
@@ -131,7 +132,7 @@ TEST(VoDataConversion, LinesBreakWhereStoredTextHasThem)
     }
 }
 
-TEST(VoDataConversion, WhatIsEncodedReadsBackAndBreaksWhenALineIsFull)
+TEST(VoDataConversion, EncodedBytesReadBackAndFullLinesBreak)
 {
     std::mt19937 random(20240601);
     for (size_t size = 2; size < 200; ++size)

@@ -1,3 +1,4 @@
+// Tests of parameter text, messages and form bodies.
 #include <base/VoDataParser.h>
 
 #include <base/VoUtils.h>
@@ -84,7 +85,7 @@ CVoVariant Variant(const CBytes& bytes)
 }
 } // namespace
 
-TEST(DataParser, EveryValueReadsBackAndUnescapingIsThatOfTwoReplacements)
+TEST(DataParser, EveryValueReadsBackAndUnescapingEqualsTwoReplacements)
 {
     std::mt19937 random(11);
     constexpr std::wstring_view kAlphabet = L"$$$&&=a \u00FC";
@@ -189,7 +190,7 @@ TEST(DataParser, ATwoDimensionalArrayIsFlattenedAndReadBack)
     EXPECT_EQ(TextOf(again), TextOf(parser));
 }
 
-TEST(DataParser, ArraysThatLieAreRefused)
+TEST(DataParser, ArraysWithWrongSizesAreRefused)
 {
     const std::wstring size = L"N_dim1=1&N_dim2=1";
     const std::wstring cell = size + L"&N_empty_0_0=False&N_ID_0_0=a&N_type_0_0=";
@@ -276,7 +277,7 @@ TEST(BinaryDataParser, MessagesAreBuiltByteForByte)
     }
 }
 
-TEST(BinaryDataParser, MessagesAreTakenApart)
+TEST(BinaryDataParser, MessagesAreParsed)
 {
     const std::string mark = "\xEF\xBB\xBF";
     const HRESULT notText = HResultFromWin32(ERROR_NO_UNICODE_TRANSLATION);

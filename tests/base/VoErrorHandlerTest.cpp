@@ -1,3 +1,4 @@
+// Tests of reports, the log file and the settings.
 #include <base/VoErrorHandler.h>
 #include <base/VoHandle.h>
 #include <base/VoLogSetup.h>
@@ -67,7 +68,7 @@ TEST(ErrorLog, EachCallerOfAFailureLeavesItsLineAndTheCodeComesThrough)
     EXPECT_EQ(log.Lines()[0].threadId, static_cast<int>(::GetCurrentThreadId()));
 }
 
-TEST(ErrorLog, AReportKeepsTheLastErrorAndWithTheLogOffAllocatesNothing)
+TEST(ErrorLog, AReportKeepsTheLastErrorAndAllocatesNothingWhenTheLogIsOff)
 {
     CLogCapture log;
     const auto allocations = [](bool on)
@@ -154,7 +155,7 @@ TEST(LogSetup, TheLogIsNamedAfterTheApplicationTheModuleOrTheProcess)
             << commandLine << process;
 }
 
-TEST(LogSetup, TheDirectoryIsTheFirstThatIsKnownExpandedAndWithTheVersion)
+TEST(LogSetup, TheDirectoryIsTheFirstKnownOneExpandedAndWithTheVersion)
 {
     ASSERT_TRUE(::SetEnvironmentVariableW(L"VO_TEST_LOGS", L"C:\\some\\logs"));
     ASSERT_TRUE(::SetEnvironmentVariableW(L"VO_TEST_LONG", std::wstring(300, L'x').c_str()));
@@ -220,7 +221,7 @@ TEST(Settings, AreReadWithDefaultsAndLimits)
     }
 }
 
-TEST(Settings, TheFolderIsFixedOnceTheLogIsThere)
+TEST(Settings, TheFolderIsFixedOnceTheLogExists)
 {
     const HRESULT tooLate = HResultFromWin32(ERROR_ALREADY_INITIALIZED);
     const CLogCapture log;
@@ -430,7 +431,7 @@ TEST(LogFile, DISABLED_WriterProcess)
     other.join();
 }
 
-TEST(LogFile, LinesOfManyThreadsAndProcessesStayWhole)
+TEST(LogFile, LinesOfManyThreadsAndProcessesStayComplete)
 {
     const std::string before = ReadTestFile(VoErrorLog().LogFilePath());
     wchar_t program[MAX_PATH];
@@ -459,7 +460,7 @@ TEST(LogFile, LinesOfManyThreadsAndProcessesStayWhole)
     EXPECT_THAT(lines, SizeIs(processes.size() * (1 + 2 * kLinesOfAWriter))) << "with the start line of each process";
     for (const CLogLine& line : lines)
     {
-        if (line.line != 484)
-            EXPECT_EQ(line.message, VoFormat(L"line %d of %d", line.line, line.threadId));
+        const bool isStartLine = line.line == 484;
+        EXPECT_TRUE(isStartLine || line.message == VoFormat(L"line %d of %d", line.line, line.threadId)) << line.message;
     }
 }

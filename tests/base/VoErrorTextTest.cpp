@@ -1,3 +1,4 @@
+// Tests of error texts, the error box and the translator module.
 #include <base/VoErrorHandler.h>
 #include <base/VoErrorText.h>
 #include <base/VoErrorTranslator.h>
@@ -49,7 +50,7 @@ std::wstring ProgramName()
     return name;
 }
 
-TEST(ErrorText, TheFacilityDecidesWhereTheTextIsLookedUp)
+TEST(ErrorText, TheFacilityDecidesWhereTheTextComesFrom)
 {
     // What FormatMessageW is asked for; the wording is the platform's own.
     DWORD id = 0;
@@ -86,7 +87,7 @@ TEST(ErrorText, TheFacilityDecidesWhereTheTextIsLookedUp)
     }
 }
 
-TEST(ErrorText, WithoutATextTheFlagDecides)
+TEST(ErrorText, TheFlagDecidesWhenThereIsNoText)
 {
     for (const unsigned code : { 0x81030000u, 0x81030006u, 0x01030001u, 0x81040001u })
     {
@@ -163,7 +164,7 @@ void ShowOutcome(const wchar_t* loadedModule)
     std::exit(0);
 }
 
-TEST(ErrorTranslatorDeathTest, IsLoadedOnceAndAFailureIsShownOnce)
+TEST(ErrorTranslatorDeathTest, IsLoadedOnceAndShowsAFailureOnce)
 {
     const std::pair<std::wstring, const char*> cases[] = {
         { ProgramName(), " 0 0 0 0 [translated] [81040001 translated]" },

@@ -1,3 +1,4 @@
+// Tests of the COM base class, the property bag and safe arrays.
 #include <base/com/VoComHelper.h>
 #include <base/com/VoComImplHelper.h>
 #include <base/com/VoIUnknown.h>
@@ -65,7 +66,7 @@ private:
     VARIANT m_number{};
 };
 
-TEST(ComBase, ThreadsShareOneObjectAndOneMarshallerAndTheLastReferenceEndsIt)
+TEST(ComBase, ThreadsShareOneObjectAndMarshallerAndTheLastReleaseDeletesIt)
 {
     ASSERT_TRUE(SUCCEEDED(::CoInitializeEx(nullptr, COINIT_MULTITHREADED)));
     int alive = 0;
@@ -153,7 +154,7 @@ TEST(ComValues, OnlyArraysOfBytesBecomeBytes)
     }
 }
 
-TEST(ComValues, TextsTravelInSafeArrays)
+TEST(ComValues, TextsAreConvertedToSafeArraysAndBack)
 {
     const std::vector<std::wstring_view> texts{ L"a", L"", std::wstring_view(L"b\0c", 3), L"\u20AC", L"e", L"f" };
     for (const UINT32 columns : { 0U, 2U })

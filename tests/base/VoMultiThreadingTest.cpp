@@ -1,3 +1,4 @@
+// Tests of locks and worker threads.
 #include <base/VoMultiThreading.h>
 #include <base/VoUtils.h>
 
@@ -90,7 +91,7 @@ private:
     }
 };
 
-TEST(AutoLock, LocksOnceUnlocksOnceAndBelievesTheLock)
+TEST(AutoLock, LocksAndUnlocksOnceAndFollowsTheLocksResult)
 {
     CTestLock lock;
     {
@@ -192,7 +193,7 @@ TEST(Thread, ACreationThatThrowsReportsTheExceptionAndThenTheError)
     }
 }
 
-TEST(Thread, ThatEndsBeforeItStartsGivesItsExitCode)
+TEST(Thread, ThatEndsBeforeItSignalsItsStartReturnsItsExitCode)
 {
     const auto proc = [](int line, HRESULT code) { return IsReport(kSource, line, L"VoThreadProc", code); };
     const auto succeeds = [](auto&...) { return S_OK; };
@@ -228,7 +229,7 @@ TEST(Thread, ThatEndsBeforeItStartsGivesItsExitCode)
         }
 }
 
-TEST(Thread, SuspendedOneRunsOnlyAfterResumeOrStop)
+TEST(Thread, RunsOnlyAfterResumeOrStopWhenCreatedSuspended)
 {
     for (const bool resume : { true, false })
     {
@@ -278,7 +279,7 @@ TEST(Thread, DestroyingWithoutWaitDoesNotBlockAndNothingOfTheObjectIsUsedAfterwa
     EXPECT_EQ(CountProcessHandles(), handles);
 }
 
-TEST(Thread, DestroyedWhileItBeginsDoesNotRun)
+TEST(Thread, DoesNotRunWhenDestroyedWhileItBegins)
 {
     CEvent inside(false, true);
     CEvent release(false, true);

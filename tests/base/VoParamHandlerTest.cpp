@@ -1,3 +1,4 @@
+// Tests of typed parameters in INI files.
 #include <win/VoParamHandler.h>
 
 #include <base/VoUtils.h>
@@ -49,7 +50,7 @@ protected:
     CVoParamHandler m_params;
 };
 
-TEST_F(ParamHandler, EveryTypeComesBackAsItWas)
+TEST_F(ParamHandler, EveryTypeReadsBackUnchanged)
 {
     for (const std::wstring_view text : { L"", L"plain = text; # [x]", L" in front", L"behind ", L"\"quoted\"", L"a\r\nb$n$$\"",
                                           L"$", L"C:\\new\\temp", L"\u00E4\u20AC\u3000", L"\n", L"x\ry" })
@@ -73,7 +74,7 @@ TEST_F(ParamHandler, EveryTypeComesBackAsItWas)
     EXPECT_EQ(Through(array).GetCell(0, 0)->id, L"id & $\r\n");
 }
 
-TEST_F(ParamHandler, ReadsWhatPeopleWriteAndKeepsTheDefaultOtherwise)
+TEST_F(ParamHandler, ReadsValuesWrittenByHandAndKeepsTheDefaultForOthers)
 {
     Write("[S]\nflag=yes \nnumber= 42 \nhuge=70000\nminus=-1\nword=abc\nreal=1e3\ncomma=1,5\n"
           "date=2024-01-02T03:04:05+02:00\nbytes=0a 1B\nodd=0a1\nhalf=\"x\nempty=\n");
@@ -119,7 +120,7 @@ TEST_F(ParamHandler, ReadsWhatPeopleWriteAndKeepsTheDefaultOtherwise)
     keeps(L"odd", std::vector<BYTE>{ 1 }, E_INVALIDARG);
 }
 
-TEST_F(ParamHandler, VariantsCrossByTheirType)
+TEST_F(ParamHandler, VariantsAreWrittenAndReadByTheirType)
 {
     Write("[S]\ntext=\" a \"\nnumber=-5\nflag=on\nreal=2.5\nmoney=12.3456\ndate=2024-01-02T03:04:05Z\nbytes=01FF\nword=x\n");
     const auto get = [&](const wchar_t* name, int type, HRESULT expected = S_OK)

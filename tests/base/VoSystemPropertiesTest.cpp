@@ -1,3 +1,4 @@
+// Tests of the system check and its decisions.
 #include <base/VoErrorHandler.h>
 #include <base/VoSystemProperties.h>
 

@@ -1,3 +1,4 @@
+// Tests of the text functions without reports, and of null text arguments.
 #include <base/VoDataParser.h>
 #include <base/VoMultiThreading.h>
 #include <base/VoText.h>

@@ -1,3 +1,4 @@
+// Tests of INI files: reading, changing, saving.
 #include <win/VoUtilFileIO.h>
 
 #include <base/VoUtils.h>
@@ -78,7 +79,7 @@ std::string Utf16(std::wstring_view text, bool isBigEndian)
     return bytes;
 }
 
-TEST(IniFile, ReadsLinesAsTheyAreMeant)
+TEST(IniFile, ReadsHeadersEntriesAndComments)
 {
     const std::pair<std::string, std::wstring> cases[] = {
         { "", L"" },
@@ -100,7 +101,7 @@ TEST(IniFile, ReadsLinesAsTheyAreMeant)
     }
 }
 
-TEST(IniFile, FindsNamesWithoutRegardToCaseAndTheFirstOfSeveral)
+TEST(IniFile, FindsNamesWithoutRegardToCaseAndTheFirstOfDuplicates)
 {
     const CVoIniFileIO file = Parsed("[Stra\xC3\x9F]\nGr\xC3\xB6\xC3\x9F=1\nGR\xC3\x96\xC3\x9F=2\n[\xD0\x9C]\n\xD1\x91=3\n");
     EXPECT_EQ(file.FindValue(L"STRA\u00DF", L"gr\u00F6\u00DF"), L"1");
@@ -135,7 +136,7 @@ TEST(IniFile, ReadsAndKeepsEveryEncoding)
     }
 }
 
-TEST(IniFile, TakesWhatIsNoUtf8ForTheAnsiCodePage)
+TEST(IniFile, ReadsBytesThatAreNotUtf8InTheAnsiCodePage)
 {
     if (::GetACP() != 1252)
         GTEST_SKIP() << "the table is for code page 1252";
@@ -211,7 +212,7 @@ TEST(IniFile, ChangesOnlyTheLinesThatChange)
     }
 }
 
-TEST(IniFile, RefusesWhatCouldNotBeReadBack)
+TEST(IniFile, RefusesNamesAndValuesThatWouldNotReadBack)
 {
     CVoIniFileIO file = Parsed("[A]\nx=0\n");
     const auto refuses = [&file](const std::wstring& section, const std::wstring& key, const std::wstring& value)
@@ -234,7 +235,7 @@ TEST(IniFile, RefusesWhatCouldNotBeReadBack)
 }
 
 // What any file must stand: bytes come back as they were, and the file that is written says what the edited one said.
-TEST(IniFile, AnyFileComesBackAndAnyEditDoesWhatItSays)
+TEST(IniFile, RandomFilesAreKeptAndRandomEditsReadBack)
 {
     std::mt19937 random(5);
     const auto oneOf = [&random](const auto& texts) { return texts[random() % std::size(texts)]; };
@@ -363,7 +364,7 @@ TEST_F(IniFileOnDisk, EveryFailureOfThePlatformLeavesTheOldFile)
 }
 
 // A process that is killed at any of these calls leaves what is seen there.
-TEST_F(IniFileOnDisk, AtEveryCallOfASaveTheOldFileOrTheNewOneIsThereWhole)
+TEST_F(IniFileOnDisk, AtEveryCallOfASaveTheOldFileOrTheNewFileIsComplete)
 {
     std::vector<std::string> seen;
     const auto look = [&](auto original, auto... args)

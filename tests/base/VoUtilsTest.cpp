@@ -1,3 +1,4 @@
+// Tests of text conversions, dates, variants, paths and INI values.
 #include <base/VoErrorHandler.h>
 #include <base/VoUtils.h>
 #include <base/com/VoComHelper.h>
@@ -68,7 +69,7 @@ TEST(Text, RefusesMalformedTextAndKeepsTheOutput)
     EXPECT_THAT(log.Lines(), Contains(IsReportBy(L"VoUTF8ToString", kNoTranslation)).Times(5));
 }
 
-TEST(Text, UsesTheCodePageThatIsAskedForAndGivesThePlatformsErrors)
+TEST(Text, UsesTheRequestedCodePageAndReturnsThePlatformsErrors)
 {
     std::string bytes;
     EXPECT_EQ(VoStringToCodePage(1252, L"\u20AC\u00E4", bytes), S_OK);
@@ -114,7 +115,7 @@ TEST(ISO8601, WritesDatesAndTimes)
     EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kSource, 151, L"VoSystemTimeToISO8601DateTimeStr", E_INVALIDARG)));
 }
 
-TEST(ISO8601, ReadsWhatItWritesAndItsCloseRelatives)
+TEST(ISO8601, ReadsTheWrittenFormsAndTheirVariants)
 {
     const std::tuple<const wchar_t*, SYSTEMTIME, int> kCases[] = {
         { L"2024-02-29", Time(2024, 2, 29), 0 },
@@ -191,7 +192,7 @@ TEST(Variants, AFailedChangeIsReportedAndLeavesTheDestination)
                                          IsReport(kSource, 224, L"VoChangeVariantTypeNoLocale", DISP_E_TYPEMISMATCH)));
 }
 
-TEST(Paths, LongPathPrefixesComeOffWhereThePathCanDoWithoutThem)
+TEST(Paths, LongPathPrefixesAreRemovedWhereThePathDoesNotNeedThem)
 {
     EXPECT_EQ(VoWithoutLongPathPrefix(L"\\\\?\\C:\\folder\\x.exe"), L"C:\\folder\\x.exe");
     EXPECT_EQ(VoWithoutLongPathPrefix(L"\\\\?\\unc\\server\\share"), L"\\\\server\\share");
@@ -233,7 +234,7 @@ TEST(Paths, TheTemporaryFolderHasNoBackslashAtItsEnd)
     EXPECT_FALSE(path.ends_with(L'\\'));
 }
 
-TEST(IniValues, AreTypedWithDefaultsAndTellWhetherTheyWereThere)
+TEST(IniValues, AreTypedHaveDefaultsAndTellWhetherTheKeyWasPresent)
 {
     const std::wstring file = (MakeTestFolder(L"ini") / L"Values.ini").wstring();
     WriteTestFile(file, "[S]\r\nodd=perhaps\r\nempty=\r\nnumber= -42 \r\nplus=+7\r\nbig=2147483648\r\nhex=0x10\r\npart=12x\r\n"

@@ -1,3 +1,4 @@
+// Tests of WMI queries, on the real service and with injected failures.
 #include <base/VoUtils.h>
 #include <win/VoWMIQuery.h>
 
@@ -169,7 +170,7 @@ void ExpectNoAnswer(CVoWMIQueryBase& wmi)
     EXPECT_EQ(count, 0);
 }
 
-TEST(WmiQuery, ThreadsAskOneObjectInTurnAndTwoObjectsAtOnce)
+TEST(WmiQuery, QueriesOfOneObjectRunInTurnAndThoseOfTwoObjectsAtOnce)
 {
     CVoWMIQueryStringFields one(kNamespace);
     CVoWMIQueryStringFields two(kNamespace);
@@ -201,7 +202,7 @@ TEST(WmiQuery, ArgumentsAreCheckedBeforeAnythingStarts)
     EXPECT_EQ(threads.Calls(), 0);
 }
 
-TEST(WmiQuery, ObjectsOfDifferentClassesGiveEmptyTextForWhatTheyLack)
+TEST(WmiQuery, APropertyThatAnObjectLacksIsAnEmptyText)
 {
     SScenario scenario;
     scenario.objects = { { { L"A", L"1" } }, { { L"A", L"2" }, { L"B", L"x" } } };
@@ -274,7 +275,7 @@ TEST(WmiQuery, ACallbackEndsTheQueryByFailingOrThrowing)
     EXPECT_EQ(count, 5);
 }
 
-TEST(WmiQuery, EveryFailureOfTheStartIsToldAndMakesEveryQueryFail)
+TEST(WmiQuery, EveryFailureOfTheStartIsReportedAndMakesEveryQueryFail)
 {
     CLogCapture log;
     const auto wasReported = [&](HRESULT code)
@@ -328,7 +329,7 @@ TEST(WmiQuery, AWorkerThatCannotAnswerIsAFailure)
     }
 }
 
-TEST(WmiQuery, AWorkerThatEndsOrDiesIsAFailureAndNoHang)
+TEST(WmiQuery, AWorkerThatEndsOrDiesIsAFailureAndDoesNotHang)
 {
     SScenario scenario;
     scenario.objects.resize(2);

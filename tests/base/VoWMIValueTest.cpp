@@ -1,3 +1,4 @@
+// Tests of the text of WMI values.
 #include <win/VoWMIValue.h>
 
 #include <base/com/VoComHelper.h>

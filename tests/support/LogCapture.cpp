@@ -1,3 +1,4 @@
+// Captures the process's log for tests (LogCapture.h).
 #include "LogCapture.h"
 
 #include "TestMain.h"

@@ -1,4 +1,4 @@
-// A two-dimensional array of identified values, which the data parser flattens into parameters.
+// A two-dimensional array of values with IDs. The data parser flattens it into parameters.
 #pragma once
 
 #include <base/VoPlatform.h>
@@ -11,8 +11,8 @@
 #include <utility>
 #include <vector>
 
-// Rows by columns of cells; a cell holds an ID text and a value, or nothing. Rows and columns count from 0. The array owns its
-// texts and values. Not thread-safe. Functions that answer an HRESULT report their failures and then leave the array untouched.
+// Rows by columns of cells. A cell holds an ID text and a value, or nothing. Rows and columns count from 0. The array owns its
+// texts and values. Not thread-safe. Functions that return an HRESULT report a failure and leave the array untouched then.
 class CVo2DIDArray
 {
 public:
@@ -39,22 +39,21 @@ public:
     [[nodiscard]] HRESULT SetFromVariant(const VARIANT& value) noexcept;
     // Whether a variant holds such an array, or a reference to one.
     [[nodiscard]] static bool IsTwoDimensional(const VARIANT& value) noexcept;
-    // Back to 0 rows and columns.
+    // Removes all cells: 0 rows and 0 columns.
     void Clear() noexcept;
 
     [[nodiscard]] UINT32 Rows() const noexcept { return m_rows; }
     [[nodiscard]] UINT32 Columns() const noexcept { return m_columns; }
 
-    // Copies an ID and a value into a cell; a value held by reference is copied as what it refers to. E_INVALIDARG outside the
-    // array, or the platform's code for a value that cannot be copied.
+    // Copies an ID and a value into a cell. Of a value that is a reference (VT_BYREF), the referenced value is copied.
+    // E_INVALIDARG outside the array, or the platform's code for a value that cannot be copied.
     [[nodiscard]] HRESULT SetCell(UINT32 row, UINT32 column, CVoTextView id, const VARIANT& value) noexcept;
     // Moves the value in; `value` is empty afterwards, on success.
     [[nodiscard]] HRESULT SetCell(UINT32 row, UINT32 column, CVoTextView id, CVoVariant&& value) noexcept;
     // Makes a cell hold nothing. E_INVALIDARG outside the array.
     [[nodiscard]] HRESULT ClearCell(UINT32 row, UINT32 column) noexcept;
 
-    // Null for a cell that holds nothing and for one outside the array. It belongs to the array and lives until the cell
-    // changes.
+    // Null for a cell that holds nothing, and outside the array. The cell belongs to the array and is valid until it changes.
     [[nodiscard]] const CCell* GetCell(UINT32 row, UINT32 column) const noexcept;
 
 private:

@@ -1,4 +1,4 @@
-// Containers of the library: the growable array, and an owner for the byte buffers that operations hand out.
+// Containers of the library: the growable array, and an owner for the byte buffers that operations return. Used everywhere.
 #pragma once
 
 #include <base/VoErrorHandler.h>
@@ -21,7 +21,7 @@
 class CVoByteBuffer
 {
 public:
-    // For out arguments; a buffer held is released first.
+    // For out arguments. The buffer that it owns is released first.
     [[nodiscard]] BYTE** PutBytes() noexcept
     {
         Reset();
@@ -57,7 +57,7 @@ public:
         delete[] std::exchange(m_bytes, nullptr);
         m_length = 0;
     }
-    // Gives the buffer to the caller, who releases it with delete[].
+    // Returns the buffer and no longer owns it. The caller releases it with delete[].
     [[nodiscard]] BYTE* Detach() noexcept
     {
         m_length = 0;
@@ -69,8 +69,8 @@ private:
     UINT32 m_length = 0;
 };
 
-// The name under which an array reports that it could not grow. Support knows these texts, so they stand as they are whatever
-// the compiler calls the types; an array of another type may be given its own the same way.
+// The name under which an array reports that it could not grow. Support looks for these texts, so they do not depend on how a
+// compiler spells the types. An array of another type may specialise its own name.
 template <class Type, class ArgType>
 inline constexpr const wchar_t* kCArraySetSizeName = L"CArray::SetSize";
 template <>
@@ -87,11 +87,11 @@ HRESULT VoReportFullArray() noexcept
     return CVoReporter{ L"VoCArray.h", kCArraySetSizeName<Type, ArgType> }(110, kResultNotEnoughMemory);
 }
 
-// A growable array that answers an HRESULT, instead of throwing, when there is no room. `ArgType` is the type in which items
+// A growable array that returns an HRESULT, instead of throwing, when there is no room. `ArgType` is the type in which items
 // are passed in. New items are value-initialised; growing one by one is amortised. Not thread-safe.
 //
-// Functions that grow answer kResultNotEnoughMemory (0x80070008), reported under SetSize's name, and then leave the array
-// untouched.
+// Functions that grow the array return kResultNotEnoughMemory (0x80070008) on failure. They report it under SetSize's name and
+// leave the array untouched.
 template <class Type, class ArgType = const Type&>
 class CArray
 {
@@ -107,7 +107,7 @@ public:
     [[nodiscard]] size_t GetSize() const noexcept { return m_items.size(); }
     [[nodiscard]] bool IsEmpty() const noexcept { return m_items.empty(); }
 
-    // Items are kept, cut off or added at the end.
+    // Keeps the first items; removes items at the end or adds new ones there.
     [[nodiscard]] HRESULT SetSize(size_t size) noexcept
     {
         try
@@ -127,13 +127,14 @@ public:
         return InsertAt(GetSize(), item);
     }
 
-    // Puts an item in front of the one at `index`; an index behind the end grows the array up to it. The item may be one of the
+    // Inserts an item before the one at `index`. An index behind the end grows the array up to it. The item may be one of the
     // array's own.
     [[nodiscard]] HRESULT InsertAt(size_t index, ArgType item) noexcept(std::is_nothrow_copy_constructible_v<Type>)
     {
         Type copy(item);
         const size_t size = GetSize();
-        // No array can hold SIZE_MAX items: asking for as many fails as it should, where counting one more would give 0.
+        // Adding 1 to SIZE_MAX would overflow to 0. No array can hold SIZE_MAX items, so asking for that many fails as it
+        // should.
         const size_t last = std::max(index, size);
         if (const HRESULT hr = SetSize(last < SIZE_MAX ? last + 1 : SIZE_MAX); FAILED(hr))
             return hr;
@@ -143,7 +144,7 @@ public:
         return S_OK;
     }
 
-    // Takes items out; those outside the array are passed over.
+    // Removes items. Places outside the array are ignored.
     void RemoveAt(size_t index, size_t count = 1) noexcept
     {
         const size_t first = std::min(index, GetSize());

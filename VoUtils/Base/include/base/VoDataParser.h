@@ -1,9 +1,10 @@
-// The library's parameter text, and the bodies that carry parameters with a binary payload.
+// The library's parameter text, and the message bodies made of parameters and a binary payload. The HTTP layer builds request
+// bodies with it; the stores serialise their records with it.
 //
 // Parameter text is name=value pairs joined by "&"; inside a value "$" is written "$$" and "&" is written "$&", names are
 // written as they are. A message is parameter text as bytes, "&&", then the payload.
 //
-// Parsers are not thread-safe; use one per request. Operations answer HRESULTs, report each failure, and leave outputs
+// Parsers are not thread-safe; use one per request. Operations return HRESULTs, report each failure, and leave outputs
 // untouched when they fail.
 #pragma once
 
@@ -35,7 +36,7 @@ public:
     [[nodiscard]] const std::wstring& Name() const noexcept { return m_name; }
     [[nodiscard]] const std::wstring& Value() const noexcept { return m_value; }
     void SetValue(std::wstring value) noexcept { m_value = std::move(value); }
-    // Overwrites the value and empties it.
+    // Overwrites the value's memory, then empties it.
     void WipeValue() noexcept { VoWipe(m_value); }
 
 private:
@@ -47,8 +48,8 @@ template <>
 inline constexpr const wchar_t* kCArraySetSizeName<CParamRec*, CParamRec*> =
     L"CArray<class CParamRec *,class CParamRec *>::SetSize";
 
-// An ordered list of named parameters, all kept as text. Names are found without regard to case, the first match wins, and a
-// name may stand twice. Numbers, booleans and dates cross in the form of VoChangeVariantTypeNoLocale.
+// An ordered list of named parameters, all kept as text. Names are compared without regard to case. A name may occur twice;
+// then the first is found. Numbers, booleans and dates are converted by VoChangeVariantTypeNoLocale.
 class CVoDataParser
 {
 public:
@@ -101,14 +102,14 @@ public:
     [[nodiscard]] const CParamRec* FindParam(CVoTextView name) const noexcept;
     [[nodiscard]] bool ParamExists(CVoTextView name) const noexcept { return FindParam(name) != nullptr; }
 
-    // The list in its order, for walking it.
+    // The list in its order, for iteration.
     [[nodiscard]] size_t GetCount() const noexcept { return m_params.GetSize(); }
     [[nodiscard]] const CParamRec& GetAt(size_t index) const noexcept { return *m_params[index]; }
     void RemoveAll() noexcept;
-    // The same for a list that holds secrets: values are overwritten before their memory goes back.
+    // The same for a list that holds secrets: values are overwritten before their memory is released.
     void WipeAll() noexcept;
 
-    // Appends the pairs found in parameter text. Empty pairs are passed over. A pair without "=" ends it with E_FAIL; pairs
+    // Appends the pairs found in parameter text. Empty pairs are ignored. A pair without "=" ends it with E_FAIL; pairs
     // read before stay in the list.
     [[nodiscard]] HRESULT ReadParamsFromString(CVoTextView text) noexcept;
     // The whole list as parameter text.
@@ -152,15 +153,15 @@ public:
     // "&&" the whole input is parameter text. E_INVALIDARG for null bytes with a length changes nothing; any later failure
     // leaves no payload, and after a pair without "=" (E_FAIL) the pairs in front of it stay in the list.
     [[nodiscard]] HRESULT Parse(UINT32 length, const BYTE* bytes, bool binaryOnly, bool useUtf8) noexcept;
-    // The same, taking the bytes over, so that a large payload is moved within its buffer and never stands twice in memory.
-    // `bytes` is untouched on failure. E_INVALIDARG above UINT32_MAX bytes.
+    // The same, but takes over the bytes: a large payload is moved within its buffer and is never in memory twice. `bytes` is
+    // untouched on failure. E_INVALIDARG above UINT32_MAX bytes.
     [[nodiscard]] HRESULT Parse(std::vector<BYTE>&& bytes, bool binaryOnly, bool useUtf8) noexcept;
 
     // Builds a message. Without `useUtf8` the text goes out in the system's ANSI code page; `skipParams` leaves text and "&&"
     // out. The buffer is allocated with new BYTE[] and belongs to the caller; a null buffer pointer asks for the length alone.
     // HRESULT_FROM_WIN32(ERROR_ARITHMETIC_OVERFLOW) for a message of more than UINT32_MAX bytes.
     [[nodiscard]] HRESULT GetMessageData(UINT32* length, BYTE** buffer, bool skipParams, bool useUtf8) const noexcept;
-    // The same behind its length as an unsigned 32-bit little-endian number.
+    // The same with a prefix: the message's length as an unsigned 32-bit little-endian number.
     [[nodiscard]] HRESULT GetMessageDataWithSizePrefix(UINT32* length, BYTE** buffer, bool skipParams,
                                                        bool useUtf8) const noexcept;
     // A multipart/form-data body (RFC 7578): every parameter but "FileName" and "ContentType" as a field, then the payload as a
@@ -178,7 +179,8 @@ public:
     [[nodiscard]] HRESULT internalGetParamData(bool useUtf8, UINT32* length, BYTE** buffer) const noexcept;
     [[nodiscard]] static HRESULT StringToMessageData(CVoTextView text, bool useUtf8, UINT32* length, BYTE** buffer) noexcept;
 
-    // The payload is copied in; what Payload() gives stays valid until the payload changes.
+    // Copies the payload. What Payload() returns is valid until the payload changes. E_INVALIDARG for null bytes with a length;
+    // kResultNotEnoughMemory, reported as a growable array's.
     [[nodiscard]] HRESULT SetPayload(const BYTE* bytes, UINT32 length) noexcept;
     void SetPayload(std::vector<BYTE>&& bytes) noexcept { m_payload = std::move(bytes); }
     [[nodiscard]] std::span<const BYTE> Payload() const noexcept { return m_payload; }

@@ -27,7 +27,7 @@
 #include <vector>
 
 // Names the folder in which ModuleSettings.ini is looked up, in place of the folder of the module's file. Call it before the
-// first report or settings query of the process; afterwards it answers HRESULT_FROM_WIN32(ERROR_ALREADY_INITIALIZED) and
+// first report or settings query of the process; afterwards it returns HRESULT_FROM_WIN32(ERROR_ALREADY_INITIALIZED) and
 // changes nothing. An empty or over-long path and one with a zero in it are E_INVALIDARG, a folder that does not exist
 // ERROR_PATH_NOT_FOUND; these two are not reported, because a report would settle the folder.
 [[nodiscard]] HRESULT VoSetModuleSettingsDirectory(CVoTextView directory) noexcept;
@@ -102,12 +102,12 @@ private:
     CVoLock m_switchLock;
 };
 
-// The process's log, made and initialised by the first call (which reads ModuleSettings.ini). It lives until the process ends.
+// The process's log. The first call creates and initialises it, and reads ModuleSettings.ini. It lives until the process ends.
 [[nodiscard]] CVoErrorLogFile& VoErrorLog() noexcept;
 
 namespace VoReportDetail
 {
-// Whether reports go anywhere, so that a report with the log off costs one load. Follows the switch of the process's log.
+// Whether reports are written: a report with the log off costs one load. Follows the switch of the process's log.
 enum class ELogState : int
 {
     Uninitialised,
@@ -150,22 +150,22 @@ void VoReportMessage(const char* source, int line, const wchar_t* format, Args..
         VoReportDetail::ReportMessage(source, line, format, args...);
 }
 
-// Reports for one function: bind it once at the function's top, then return what it returns.
+// Reports for one function. Make one at the function's top, and return what it returns.
 class CVoReporter
 {
 public:
     // Both texts must outlive the reporter; they are literals everywhere.
     constexpr CVoReporter(const wchar_t* source, const wchar_t* function) noexcept : m_source(source), m_function(function) {}
 
-    // Reports a code at a trace point and gives it back.
+    // Reports a code at a trace point and returns it.
     HRESULT operator()(int line, HRESULT code) const noexcept
     {
         VoReportCode(m_source, line, m_function, code);
         return code;
     }
 
-    // Reports an error number of the platform: as its HRESULT at `line`, or as E_FAIL at `lineWhenZero` when the platform
-    // failed without saying why. Gives the HRESULT back.
+    // Reports an error number of the platform: its HRESULT at `line`, or E_FAIL at `lineWhenZero` for the number 0, which means
+    // that the platform failed without a reason. Returns the HRESULT.
     HRESULT Win32(int line, int lineWhenZero, DWORD error) const noexcept
     {
         return (*this)(error != ERROR_SUCCESS ? line : lineWhenZero, HResultFromWin32(error));

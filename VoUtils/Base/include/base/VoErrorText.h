@@ -10,7 +10,7 @@
 //   facility 259: the library's own table (VoHResult.h)
 //   facility 260: the error translator module, when the log's translator switch is on
 //   any other: the system's text for the whole code
-// Where there is no text, `useFallback` gives "Unknown system error occured!"; without it the call fails with E_FAIL. Answers
+// Where there is no text, `useFallback` gives "Unknown system error occured!"; without it the call fails with E_FAIL. Returns
 // S_FALSE (1) when `text` is null. `text` is untouched on failure.
 [[nodiscard]] HRESULT VoGetErrorText(HRESULT code, bool useFallback, std::wstring* text) noexcept;
 

@@ -1,4 +1,4 @@
-// Result codes: how the errors of the platform and the exceptions of the library become an HRESULT.
+// Result codes: how errors of the platform and exceptions become an HRESULT. Every other header may use it.
 #pragma once
 
 #include <base/VoPlatform.h>
@@ -59,7 +59,7 @@ private:
 // memory exhaustion E_OUTOFMEMORY, a length or an argument out of bounds E_INVALIDARG, anything else E_FAIL.
 [[nodiscard]] HRESULT HResultFromCurrentException() noexcept;
 
-// Keeps the calling thread's last error over a scope, for clean-up code that must not disturb it.
+// Saves the calling thread's last error, and restores it at the end of the scope. For clean-up code that must not change it.
 class CVoLastErrorKeeper
 {
 public:

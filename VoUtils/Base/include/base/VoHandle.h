@@ -1,4 +1,4 @@
-// The owner of a kernel handle.
+// The owner of a kernel handle. Used wherever a handle is released with CloseHandle.
 #pragma once
 
 #include <base/VoHResult.h>
@@ -6,7 +6,7 @@
 
 #include <utility>
 
-// Owns one handle of the kind that CloseHandle releases, or none. INVALID_HANDLE_VALUE, which some functions answer on failure,
+// Owns one handle of the kind that CloseHandle releases, or none. INVALID_HANDLE_VALUE, which some functions return on failure,
 // counts as none. Releasing keeps the calling thread's last error. Not to be shared between threads without a lock.
 class CVoHandle
 {
@@ -27,7 +27,7 @@ public:
     [[nodiscard]] HANDLE Get() const noexcept { return m_handle; }
     [[nodiscard]] explicit operator bool() const noexcept { return m_handle != nullptr; }
 
-    // Closes the handle held and takes over another.
+    // Closes the handle that it owns and takes over another.
     void Reset(HANDLE handle = nullptr) noexcept
     {
         const HANDLE old = std::exchange(m_handle, handle == INVALID_HANDLE_VALUE ? nullptr : handle);
@@ -36,7 +36,7 @@ public:
         const CVoLastErrorKeeper keeper;
         ::CloseHandle(old);
     }
-    // Gives the handle to the caller.
+    // Returns the handle and no longer owns it.
     [[nodiscard]] HANDLE Detach() noexcept { return std::exchange(m_handle, nullptr); }
 
 private:

@@ -1,12 +1,12 @@
-// A lock that costs nothing to make and cannot fail.
+// A lock that needs no initialisation and cannot fail. For the base's own state, the log included.
 #pragma once
 
 #include <base/VoPlatform.h>
 
 #include <mutex>
 
-// Not to be taken twice by one thread. Unlike a mutex of some C++ libraries it allocates nothing, so that functions that
-// promise not to throw may take it. Named as the standard library's guards ask.
+// Not recursive. Unlike the mutex of some C++ libraries it never allocates, so functions that are noexcept may take it. The
+// names lock and unlock are those that the standard library's holders call.
 class CVoLock
 {
 public:

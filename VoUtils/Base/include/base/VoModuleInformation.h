@@ -1,4 +1,4 @@
-// The record of this module: what it is called, its version, whether it is debugged, and the HTTP settings in force.
+// The record of this module: its name, its version, its debug flag, and the HTTP settings. The HTTP layer reads it.
 #pragma once
 
 #include <base/VoPlatform.h>

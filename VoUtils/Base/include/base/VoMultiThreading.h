@@ -1,4 +1,4 @@
-// Locks, events and worker threads.
+// Locks, events and worker threads. The stores, the messages and the WMI queries use them.
 #pragma once
 
 #include <base/VoHResult.h>
@@ -115,8 +115,9 @@ private:
 //     CWorker worker;
 //     hr = worker.CreateThread(false, true, true, L"Worker", false);
 //
-// An object is idle, running or ended. An ended one can be started again. Stopping is cooperative: Run is expected to end when
-// the stop event or the stop flag is set; nothing ends a thread by force.
+// An object is idle, running or ended. An ended one can be started again: CreateThread then waits until the old thread is gone,
+// which ends by itself. Stopping is cooperative: Run must end when the stop event or the stop flag is set. No thread is
+// terminated by force.
 //
 // The object belongs to its maker, or to its own thread after SetDeleteWhenDone(true) and a CreateThread that made a thread: it
 // is then made with new and must not be touched once it may have ended. One thread at a time calls CreateThread or destroys the
@@ -130,25 +131,23 @@ public:
     CVoThread& operator=(const CVoThread&) = delete;
 
     // Starts the thread.
-    //   startSuspended: it waits for Resume before it does anything. Together with waitUntilStarted, another thread must resume
-    //   it. waitUntilStarted: return only when Run has called SignalStarted or the thread has ended, without time-out
-    //   waitOnDestroy: the destructor stops and joins the thread; otherwise it only asks it to stop, and Run must use nothing
-    //   of
-    //     the object from then on (a handle that StopEvent gave before stays open until Run has ended)
-    //   name: for debuggers; empty keeps the name given before. The thread is named only when waitUntilStarted is set, and
-    //   after
-    //     it has started
-    //   useFinishedEvent: "ended" means that ExitInstance has returned, otherwise that the thread is gone
-    // E_FAIL while the previous thread runs (only the name and the two flags are taken over); the platform's error when no
-    // thread could be made (E_FAIL when it gives none, or throws). When the thread ended without having signalled that it
-    // started: its exit code, as it is, or S_FALSE in place of 0.
+    //   startSuspended    the thread does nothing before Resume. With waitUntilStarted, another thread must call Resume
+    //   waitUntilStarted  return only when Run has called SignalStarted or the thread has ended; without time-out
+    //   waitOnDestroy     the destructor stops and joins the thread. Otherwise it only asks the thread to stop, and Run must
+    //   use
+    //                     nothing of the object from then on (a handle from StopEvent stays open until Run has ended)
+    //   name              for debuggers; empty or null keeps the earlier name. Only with waitUntilStarted is the thread named
+    //   useFinishedEvent  "ended" means that ExitInstance has returned; otherwise that the thread is gone
+    // E_FAIL while the previous thread runs; only the name and the two flags are changed then. The platform's error when no
+    // thread could be created (E_FAIL when it gives none). When the thread ended without SignalStarted: its exit code, or
+    // S_FALSE in place of 0.
     [[nodiscard]] HRESULT CreateThread(bool startSuspended, bool waitUntilStarted, bool waitOnDestroy, CVoTextView name,
                                        bool useFinishedEvent) noexcept;
-    // Lets a thread that was created suspended go.
+    // Resumes a thread that was created suspended. S_OK for any other.
     [[nodiscard]] HRESULT Resume() noexcept;
-    // Asks the thread to stop and, when `wait` is set, waits without time-out until it has ended; a thread that is still
-    // suspended is let go first, and the worker itself does not wait. `exitCode` (may be null) receives the thread's exit code
-    // after a wait. The first of the platform's errors met on the way. S_OK when there is no thread.
+    // Asks the thread to stop. With `wait`, also waits without time-out until it has ended; a suspended thread is resumed
+    // before. The worker itself never waits. `exitCode` (may be null) receives the thread's exit code after a wait. Returns the
+    // first error of the platform; S_OK when there is no thread.
     HRESULT Stop(bool wait, DWORD* exitCode = nullptr) noexcept;
     // True when there is no thread or it has ended; never waits.
     [[nodiscard]] bool IsFinished() const noexcept;
@@ -160,7 +159,7 @@ public:
     void SetDeleteWhenDone(bool deleteWhenDone) noexcept { m_shared->deleteWhenDone.store(deleteWhenDone); }
 
 protected:
-    // All three run on the thread. What they throw is reported and goes no further.
+    // All three run on the thread. Their exceptions are reported and do not leave the thread procedure.
 
     // False ends the thread, with exit code 0, without a call of Run.
     virtual bool InitInstance() { return true; }
@@ -174,7 +173,7 @@ public:
     virtual ~CVoThread();
 
 protected:
-    // To be called by Run, at the point from which CreateThread may return.
+    // Run calls it when CreateThread may return.
     void SignalStarted() noexcept;
     [[nodiscard]] bool StopRequested() const noexcept { return m_stopRequested.load(); }
     // Manual-reset events, for wait functions.
@@ -182,21 +181,21 @@ protected:
     [[nodiscard]] HANDLE StartedEvent() const noexcept { return m_shared->started.Handle(); }
 
 private:
-    // What the thread, and a caller that waits for it, need beyond the life of an object that its thread deletes, or that is
-    // destroyed without waiting.
+    // The state that outlives the object. The thread and a waiting caller need it when the thread deletes the object, or when
+    // the object is destroyed without waiting.
     struct SShared
     {
         CVoHandle thread;
         CEvent started{ true, true };
         CEvent finished{ true, true };
         CEvent stop{ false, true };
-        // Held while a thread is created, so that it does not run before its handle is stored.
+        // Held while a thread is created: the thread does not run before its handle is stored.
         CCriticalSection creation;
-        // The exit code of a thread that has set the finished event and is about to be gone.
+        // The exit code of a thread that has set the finished event but still exists.
         std::atomic<DWORD> exitCode{ 0 };
         std::atomic<bool> deleteWhenDone{ false };
         std::atomic<bool> isObjectGone{ false };
-        // The object, and the thread's own share of this, which it takes as it begins.
+        // The object, and a reference to this state that the thread takes over when it begins.
         CVoThread* object = nullptr;
         std::shared_ptr<SShared> forThread;
 

@@ -1,5 +1,5 @@
-// The one place for lines that are bound to a compiler or to the order in which the platform's headers must come.
-// Every public header of the library includes this one instead of the platform's headers themselves.
+// The platform's headers in their order, and the lines that depend on the compiler. Every header of the library includes this
+// one instead of the platform's headers.
 #pragma once
 
 #ifndef WIN32_LEAN_AND_MEAN
@@ -27,7 +27,7 @@
 #include <oleauto.h>
 // clang-format on
 
-// A function that must stay a function of its own: out of the callers' hot path, or a frame that a handler needs.
+// A function that must not be inlined: it is outside the callers' hot path, or a handler needs its frame.
 #if defined(_MSC_VER) && !defined(__clang__)
 #define VO_NOINLINE __declspec(noinline)
 #else

@@ -1,4 +1,4 @@
-// What an application needs to decide whether a machine meets its requirements.
+// The system's version, the processor and the clock: whether a machine meets an application's requirements.
 #pragma once
 
 #include <base/VoPlatform.h>
@@ -36,12 +36,11 @@ struct CProcessorProperties
     bool isIntel = false; // "GenuineIntel"; false for all other vendors
 };
 
-// Collected by the constructor, from the system's documented functions; read-only afterwards. What cannot be found out is
-// reported and left at its default.
+// The constructor reads all of it; read-only afterwards. A value that cannot be read is reported and keeps its default.
 class CSystemCheckResult
 {
 public:
-    // Always completes, short of memory: then it throws CVoHResultException (E_OUTOFMEMORY).
+    // Throws CVoHResultException (E_OUTOFMEMORY) when memory is exhausted; otherwise it always completes.
     CSystemCheckResult();
 
     UINT32 numberOfProcessors = 0;
@@ -54,7 +53,7 @@ public:
     CProcessorProperties processor; // features are known for the two vendors "GenuineIntel" and "AuthenticAMD"
 };
 
-// The process's own result, made by the first call. Any thread. Throws as the constructor does.
+// The process's result. The first call makes it. Any thread. Throws as the constructor does.
 [[nodiscard]] const CSystemCheckResult& VoSystemInformation();
 
 // Whether the system is Windows 8.1 (6.3) or later: VerifyVersionInfoW with 6.3 and service pack 0, each greater or equal. All
@@ -62,7 +61,7 @@ public:
 // later systems pass for 6.2. Any thread; asked anew by each call.
 [[nodiscard]] bool VoIsWindows81OrLater() noexcept;
 
-// The decisions, apart from the calls that feed them.
+// The decisions as pure functions.
 namespace VoSystemProperties
 {
 struct CVersionFacts
@@ -78,9 +77,10 @@ struct CVersionNumbers
     DWORD minor = 0;
 };
 
-// Whether the version call's answer needs the registry: it says 6.2 on all later systems to programs that do not name them.
+// Whether the version must be read from the registry: to programs without a manifest, GetVersionExW reports 6.2 on all later
+// systems.
 [[nodiscard]] bool NeedsRegistry(const CVersionFacts& facts) noexcept;
-// The class of a system; `registry` is looked at for 6.2 only and is nothing where it could not be read.
+// The class of a system. `registry` is used for 6.2 only; nothing where it could not be read.
 [[nodiscard]] ESystemClass ClassOf(const CVersionFacts& facts, const std::optional<CVersionNumbers>& registry) noexcept;
 
 // The family from what GetSystemInfo says: the processor level on NT (x86 and x64 only), else the processor type.
@@ -100,6 +100,6 @@ enum class EVendor
     AMD
 };
 [[nodiscard]] EVendor VendorOf(const CCpuidRegisters& leaf0) noexcept;
-// What leaf 1 says of a processor of a known vendor. The extended family and model bits are not used.
+// The processor of a known vendor, from leaf 1. The extended family and model bits are not used.
 [[nodiscard]] CProcessorProperties ProcessorOf(EVendor vendor, const CCpuidRegisters& leaf1) noexcept;
 } // namespace VoSystemProperties

@@ -1,4 +1,4 @@
-// Wiping of texts that hold secrets (passwords, private keys) before their memory goes back.
+// Wipes texts that hold secrets (passwords, private keys) before their memory is released.
 #pragma once
 
 #include <base/VoPlatform.h>
@@ -14,14 +14,14 @@ void VoWipe(std::basic_string<Character>& text) noexcept
     text.clear();
 }
 
-// Overwrites a BSTR that somebody owns; its length stays. Null is allowed.
+// Overwrites a BSTR; its length stays. The caller keeps it. Null is allowed.
 inline void VoWipe(BSTR text) noexcept
 {
     if (text)
         ::SecureZeroMemory(text, ::SysStringByteLen(text));
 }
 
-// A text that is wiped when it goes and before it changes.
+// A text that is wiped when it is destroyed and before it is replaced.
 template <class Character>
 class CVoSecret
 {
@@ -43,7 +43,7 @@ public:
     [[nodiscard]] std::basic_string<Character>& Get() noexcept { return m_text; }
 
 private:
-    // Short texts live inside the object, where a move would leave them behind: swapping the empty text in moves both.
+    // Short texts are stored inside the object, and a move would leave them there. Swapping with the empty text does not.
     void Swap(CVoSecret& other) noexcept
     {
         m_text.swap(other.m_text);

@@ -1,10 +1,10 @@
-// RSA signatures and hashes over the platform's CryptoAPI.
+// RSA signatures and hashes with the platform's CryptoAPI. Signed requests and signed INI files use them.
 //
 // Keys are hexadecimal text of CryptoAPI key blobs (PRIVATEKEYBLOB, PUBLICKEYBLOB with signature keys). Signatures are raw
 // bytes in CryptoAPI's order, least significant byte first. Every operation works in a provider context of its own that nothing
 // is stored in. Objects are not shared between threads; different objects may be used at the same time. Lengths are in bytes.
 //
-// Functions that give an HRESULT report their failures. The platform's error comes as an HRESULT (NTE_... as it is). Out
+// Functions that return an HRESULT report their failures. The platform's error comes as an HRESULT (NTE_... as it is). Out
 // arguments are written on success only. A buffer handed out is made with new BYTE[] and belongs to the caller (CVoByteBuffer
 // takes it in); a null buffer pointer asks for the length alone.
 #pragma once
@@ -61,7 +61,7 @@ public:
 
     [[nodiscard]] Handle Get() const noexcept { return m_handle; }
     [[nodiscard]] explicit operator bool() const noexcept { return m_handle != 0; }
-    // Releases the handle and owns none; also when the platform refuses, which false and the last error tell.
+    // Releases the handle; afterwards the object owns none. False when the platform refuses; the last error tells why.
     [[nodiscard]] bool Close() noexcept
     {
         const Handle handle = std::exchange(m_handle, 0);
@@ -94,7 +94,7 @@ public:
     [[nodiscard]] HRESULT AddBinData(const BYTE* bytes, UINT32 length) noexcept;
     // Ends the hash: nothing can be added afterwards.
     [[nodiscard]] HRESULT GetHashValue(BYTE** buffer, UINT32* length) noexcept;
-    // Destroys the hash; S_OK when there is none. A handle that cannot be destroyed is given up.
+    // Destroys the hash; S_OK when there is none. A handle that cannot be destroyed is reported and dropped.
     HRESULT Clear() noexcept;
 
     // 0 while no hash is begun.
@@ -209,7 +209,7 @@ private:
     std::vector<BYTE> m_modulus; // least significant byte first; empty while no key is imported
 };
 
-// Data for a hash that comes piece by piece.
+// Data that is hashed piece by piece.
 class IVoHashInput
 {
 public:
@@ -217,7 +217,7 @@ public:
     IVoHashInput(const IVoHashInput&) = delete;
     IVoHashInput& operator=(const IVoHashInput&) = delete;
 
-    // Gives all of it to the hash, which is begun (AddBinData). Called once; reports its failures.
+    // Adds all data to a hash that was begun (AddBinData). Called once. Reports its failures.
     [[nodiscard]] virtual HRESULT AddTo(COrvHashBase& hash) noexcept = 0;
 
 protected:
@@ -250,7 +250,7 @@ public:
     // S_OK with `result` false for a signature that is simply not valid, which is not reported. `result` is false on failure.
     [[nodiscard]] static HRESULT VerifyString(const BYTE* data, UINT32 length, COrvHashBase& hash, const BYTE* signature,
                                               UINT32 signatureLength, CVoTextView publicKey, bool& result) noexcept;
-    // The same for data that need not be in memory at once. Also what the data answers.
+    // The same for data that need not be in memory at once. Also returns the failures of `data`.
     [[nodiscard]] static HRESULT VerifyString(IVoHashInput& data, COrvHashBase& hash, const BYTE* signature,
                                               UINT32 signatureLength, CVoTextView publicKey, bool& result) noexcept;
 };

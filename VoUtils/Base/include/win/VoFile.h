@@ -1,4 +1,4 @@
-// Whole files: read at once, and replaced at once.
+// Reads whole files, and replaces them in one step. INI files are read and saved with it.
 #pragma once
 
 #include <base/VoPlatform.h>
@@ -42,10 +42,11 @@ public:
     CVoFileReplacement(const CVoFileReplacement&) = delete;
     CVoFileReplacement& operator=(const CVoFileReplacement&) = delete;
 
-    // Writes the content beside the file and has the disk take it. The codes of VoReadFile; E_UNEXPECTED for a second call.
+    // Writes the content to a file beside the old one and flushes it to the disk. The codes of VoReadFile; E_UNEXPECTED for a
+    // second call.
     [[nodiscard]] HRESULT Write(CVoTextView path, CVoBytesView bytes) noexcept;
-    // Puts it in place. The platform's error; E_UNEXPECTED unless Write succeeded. It may be tried again after a failure, which
-    // is what another program that has the file open without sharing causes.
+    // Renames the new file over the old one. The platform's error; E_UNEXPECTED unless Write succeeded. After a failure it may
+    // be tried again: another program may have the file open without sharing.
     [[nodiscard]] HRESULT Commit() noexcept;
 
 private:

@@ -16,7 +16,7 @@
 //   double       the shortest decimal form that reads back as the same number, with "."; an exponent is allowed
 //   boolean      TRUE or FALSE; on reading also the other words of VoStringToBool
 //   date-time    ISO 8601 in UTC, with milliseconds unless they are zero; on reading with any zone, converted to UTC
-//   bytes        upper-case hexadecimal; blanks between are passed over on reading
+//   bytes        upper-case hexadecimal; blanks between are ignored on reading
 //   CVo2DIDArray the parameter text of CVoDataParser for an array of the empty name, as a text
 #pragma once
 
@@ -39,7 +39,7 @@ concept CVoParamInteger = std::integral<T> && !std::same_as<T, bool> && !std::sa
                           !std::same_as<T, char8_t> && !std::same_as<T, char16_t> && !std::same_as<T, char32_t>;
 
 // Any thread may call; each call is one step for the others. Failures are reported and leave the object and all outputs
-// untouched. What names may look like is told in VoUtilFileIO.h.
+// untouched. What names may look like is described in VoUtilFileIO.h.
 class CVoParamHandler
 {
 public:

@@ -32,7 +32,7 @@ class CVoIniContent;
 // An INI file in memory. Until Save the file on disk is untouched. Not thread-safe, reading included (indexes are built when
 // they are first needed): callers guard it.
 //
-// Functions that answer an HRESULT report their failures and leave the object, and their outputs, untouched when they fail.
+// Functions that return an HRESULT report their failures and leave the object, and their outputs, untouched when they fail.
 class CVoIniFileIO
 {
 public:
@@ -60,7 +60,7 @@ public:
 
     // Full path; empty before the first Open or SaveAs.
     [[nodiscard]] const std::wstring& Path() const noexcept { return m_path; }
-    // Of what was read, in bytes.
+    // The size of what was read, in bytes.
     [[nodiscard]] size_t Size() const noexcept;
     [[nodiscard]] bool IsModified() const noexcept { return m_isModified; }
     // UTF-8 without a mark for a file that is new.
@@ -82,17 +82,17 @@ public:
     // with "=" or one that would be taken for a comment or a header. ERROR_NO_UNICODE_TRANSLATION for text that the file's
     // encoding does not have (see SetEncoding).
 
-    // Changes the first value of that name, or adds an entry at the section's end. A value that is so already changes nothing.
+    // Changes the first value of that name, or adds an entry at the section's end. A value that is the same changes nothing.
     [[nodiscard]] HRESULT SetValue(CVoTextView section, CVoTextView key, CVoTextView value) noexcept;
-    // Adds an entry at the section's end, also when the key stands there already.
+    // Adds an entry at the section's end, also when the section has the key already.
     [[nodiscard]] HRESULT AddValue(CVoTextView section, CVoTextView key, CVoTextView value) noexcept;
 
     // Removes all entries of that name. S_FALSE when there is none.
     [[nodiscard]] HRESULT RemoveValue(CVoTextView section, CVoTextView key) noexcept;
     // Removes all entries of a section; headers, comments and blank lines stay. S_FALSE when there is none.
     [[nodiscard]] HRESULT ClearSection(CVoTextView section) noexcept;
-    // Removes a section. What stands behind its last entry stays: it mostly belongs to the section that follows. S_FALSE when
-    // there is none.
+    // Removes a section. Lines behind its last entry stay: mostly they belong to the section that follows. S_FALSE when there
+    // is no such section.
     [[nodiscard]] HRESULT RemoveSection(CVoTextView section) noexcept;
 
 private:

@@ -1,3 +1,4 @@
+// The two-dimensional array of values with IDs (Vo2DIDArray.h).
 #include <base/Vo2DIDArray.h>
 
 #include <base/VoErrorHandler.h>

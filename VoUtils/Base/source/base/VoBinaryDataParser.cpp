@@ -1,3 +1,4 @@
+// Messages of parameters and a payload: CVoBinaryDataParser (VoDataParser.h).
 #include <base/VoDataParser.h>
 
 #include <base/VoErrorHandler.h>
@@ -11,7 +12,7 @@
 
 namespace
 {
-// Both parsers report under one name, so that the numbers here go on behind those of VoDataParser.cpp.
+// Both parsers report under one source name. The numbers here follow those of VoDataParser.cpp.
 constexpr const wchar_t* kSource = L"..\\..\\source\\base\\VoDataParser";
 
 constexpr std::string_view kTerminator = "&&";
@@ -19,7 +20,7 @@ constexpr BYTE kByteOrderMark[] = { 0xEF, 0xBB, 0xBF };
 constexpr size_t kSizePrefixLength = sizeof(UINT32);
 constexpr UINT32 kMaximumLength = std::numeric_limits<UINT32>::max();
 
-// Where the parts of a message lie.
+// The parts of a message, as views.
 struct CMessageParts
 {
     std::span<const BYTE> text;
@@ -43,7 +44,7 @@ CMessageParts Split(std::span<const BYTE> message, bool binaryOnly, bool useUtf8
     return { message, {} };
 }
 
-// Copies bytes behind `to` and gives the place behind them.
+// Copies bytes to `to` and returns the place behind them.
 BYTE* Put(BYTE* to, const void* bytes, size_t length) noexcept
 {
     if (length > 0)
@@ -65,7 +66,7 @@ HRESULT CopyBytes(std::span<const BYTE> from, std::vector<BYTE>& to)
     }
 }
 
-// Hands out the pieces in one buffer of their exact size, or the size alone.
+// Returns the pieces in one buffer of their exact size, or the size alone.
 HRESULT HandOut(std::span<const std::span<const BYTE>> pieces, UINT32* length, BYTE** buffer)
 {
     if (!length)
@@ -118,7 +119,7 @@ HRESULT CVoBinaryDataParser::ReadParams(std::span<const BYTE> text, bool useUtf8
 {
     const std::string_view bytes(reinterpret_cast<const char*>(text.data()), text.size());
     std::wstring decoded;
-    // Text is read in the thread's code page although it is written in the system's: a peer may rely on either, so both stay.
+    // Text is read in the thread's code page but written in the system's. Intended: peers may rely on either.
     const HRESULT hr = useUtf8 ? VoUTF8ToString(bytes, decoded) : VoCodePageToString(CP_THREAD_ACP, bytes, decoded);
     return FAILED(hr) ? hr : ReadParamsFromString(decoded);
 }

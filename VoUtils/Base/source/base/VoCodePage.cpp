@@ -1,3 +1,4 @@
+// Conversions between UTF-16 and code pages without reports (VoCodePage.h).
 #include "VoCodePage.h"
 
 #include <base/VoHResult.h>

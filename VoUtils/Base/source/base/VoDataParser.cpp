@@ -1,3 +1,4 @@
+// Parameters and parameter text: CParamRec and CVoDataParser (VoDataParser.h).
 #include <base/VoDataParser.h>
 
 #include "utils/VoCodecKernels.h"
@@ -25,8 +26,7 @@ bool IsReserved(wchar_t character) noexcept
     return character == L'$' || character == L'&';
 }
 
-// A value with its escapes taken out. One pass does what replacing every "$&" and then every "$$" would: an escape cannot
-// begin inside another one.
+// A value without its escapes. One pass gives the same as replacing every "$&" and then every "$$": escapes do not overlap.
 std::wstring Unescape(CVoTextView value)
 {
     size_t dollar = value.find(L'$');
@@ -80,7 +80,7 @@ HRESULT TextToVariant(const std::wstring& text, VARTYPE type, CVoVariant& value)
     return VoChangeVariantTypeNoLocale(value.Get(), value.Get(), type);
 }
 
-// Values that have no text: a cell keeps them by their type alone.
+// Values without a text: a cell stores their type only.
 bool IsWithoutText(VARTYPE type) noexcept
 {
     return type == VT_EMPTY || type == VT_NULL;
@@ -470,7 +470,7 @@ HRESULT CVoDataParser::ReadCells(CVoTextView name, CVo2DIDArray& value) const
         return hr;
     if (const HRESULT hr = GetParam(std::wstring(name) + L"_dim2", columns); FAILED(hr))
         return hr;
-    // Every cell has a parameter of its own, so that sizes which lie are found out before anything is allocated for them.
+    // Each cell needs a parameter. So check the sizes against the number of parameters before allocating.
     const UINT64 cellCount = UINT64{ rows } * columns;
     if (rows > kMaximumSize || columns > kMaximumSize || cellCount > GetCount())
         return report(383, E_INVALIDARG);

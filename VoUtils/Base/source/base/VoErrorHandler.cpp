@@ -19,7 +19,7 @@
 #include <optional>
 #include <vector>
 
-// Whoever builds a release may name the branch; nothing else depends on it.
+// The build may name the branch. It appears in the run header only.
 #ifndef VO_BUILD_BRANCH
 #define VO_BUILD_BRANCH L"UNKNOWN"
 #endif
@@ -43,7 +43,7 @@ public:
     {
         if (!m_mutex)
             return;
-        // A writer that died with the mutex left at worst a torn line; the file is ours all the same.
+        // WAIT_ABANDONED: the previous writer died. At worst it left a torn line; the mutex is held.
         const DWORD result = ::WaitForSingleObject(m_mutex, INFINITE);
         m_held = result == WAIT_OBJECT_0 || result == WAIT_ABANDONED;
     }
@@ -439,7 +439,7 @@ namespace VoReportDetail
 {
 void ReportCode(const wchar_t* source, int line, const wchar_t* function, HRESULT code) noexcept
 {
-    // Also the first report of the process, which makes the log.
+    // The first report of the process creates the log.
     const CVoLastErrorKeeper keeper;
     VoErrorLog().WriteCode(source, line, function, code);
 }

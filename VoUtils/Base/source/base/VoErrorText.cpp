@@ -52,14 +52,14 @@ std::optional<std::wstring> FormatSystemMessage(HMODULE module, DWORD id)
     const std::unique_ptr<void, decltype(&::LocalFree)> owner(buffer, ::LocalFree);
     if (length == 0 || !buffer)
         return std::nullopt;
-    // The tables end their texts for a console; a user's text has no line end behind it.
+    // The tables' texts end with a line end, which a text for the user must not have.
     const std::wstring_view text = VoTrim(std::wstring_view(buffer, length));
     return text.empty() ? std::nullopt : std::optional<std::wstring>(text);
 }
 
 std::optional<std::wstring> InternetText(DWORD error)
 {
-    // As data, because only its message table is wanted.
+    // Load it as data: only its message table is needed.
     const HMODULE module = ::LoadLibraryExW(L"wininet.dll", nullptr, LOAD_LIBRARY_AS_DATAFILE | LOAD_LIBRARY_AS_IMAGE_RESOURCE);
     if (!module)
         return std::nullopt;

@@ -1,3 +1,4 @@
+// The error translator module (VoErrorTranslator.h).
 #include "VoErrorTranslator.h"
 
 #include "VoNeverDestroyed.h"
@@ -17,11 +18,11 @@ constexpr const wchar_t* kSource = L"..\\..\\source\\base\\VoErrorTranslator";
 template <class Function>
 Function FindExport(HMODULE module, const char* name) noexcept
 {
-    // By way of a plain pointer, because compilers warn of a direct cast between function types.
+    // Cast through a plain pointer: compilers warn about a direct cast between function types.
     return reinterpret_cast<Function>(reinterpret_cast<void*>(::GetProcAddress(module, name)));
 }
 
-// What the process asked for, and what came of it.
+// The process's translator, and whether it was loaded.
 struct CProcessTranslator
 {
     CVoLock lock;
@@ -61,7 +62,7 @@ HRESULT LoadOnce(const wchar_t* loadedModule) noexcept
                 const std::wstring path = VoFormat(L"%ls\\Kestrelan\\ErrorTranslator.dll", common);
                 if (FAILED(hr))
                 {
-                    // Without the folder the path would be one below the root of whatever drive is current.
+                    // Without the folder, the path would be below the root of the current drive.
                     (void)report(52, hr);
                     ::SetLastError(ERROR_PATH_NOT_FOUND);
                 }

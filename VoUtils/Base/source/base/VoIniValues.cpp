@@ -32,7 +32,10 @@ INT32 VoGetIniInt(const std::wstring& file, const wchar_t* section, const wchar_
         *present = text.has_value();
     if (!text)
         return defaultValue;
-    const std::optional<INT32> value = VoProfile::ParseInteger(*text);
+    bool isOutOfRange = false;
+    std::optional<INT32> value = VoProfile::ParseInteger(*text, &isOutOfRange);
+    if (isOutOfRange)
+        value.reset();
     if (!value)
         VoReportMessage(kSource, 404, L"[%ls] %ls=%ls is no integer, the default %d holds", section, key, text->c_str(),
                         defaultValue);

@@ -24,7 +24,7 @@ public:
     void Read(const wchar_t* section, const wchar_t* key, bool& value) const { ReadAs(section, key, VoParseBool, value); }
     void Read(const wchar_t* section, const wchar_t* key, INT32& value) const
     {
-        ReadAs(section, key, VoProfile::ParseInteger, value);
+        ReadAs(section, key, [](const std::wstring& text) { return VoProfile::ParseInteger(text); }, value);
     }
     void Read(const wchar_t* section, const wchar_t* key, std::wstring& value) const
     {

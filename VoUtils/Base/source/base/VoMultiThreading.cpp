@@ -1,3 +1,4 @@
+// Locks, events and worker threads (VoMultiThreading.h).
 #include <base/VoMultiThreading.h>
 
 #include <base/VoErrorHandler.h>
@@ -82,12 +83,12 @@ CVoThread::CVoThread() : m_shared(std::make_shared<SShared>()) {}
 
 CVoThread::~CVoThread()
 {
-    // A thread that is not waited for calls nothing of the object any more.
+    // The thread that nobody waits for must not call the object any more.
     if (!m_waitOnDestroy)
         m_shared->isObjectGone.store(true);
     Stop(m_waitOnDestroy);
     m_shared->isObjectGone.store(true);
-    // Nobody else could let a thread go that is still suspended; it ends at once.
+    // Resume a thread that is still suspended: nobody else can. It ends at once.
     static_cast<void>(Resume());
 }
 
@@ -95,7 +96,7 @@ bool CVoThread::SShared::ReadExitCode(DWORD& code) const noexcept
 {
     if (!::GetExitCodeThread(thread.Get(), &code))
         return false;
-    // A thread that has set the finished event may not be gone yet.
+    // A thread that has set the finished event may still exist.
     if (code == STILL_ACTIVE && finished.IsSignalled())
         code = exitCode.load();
     return true;
@@ -134,7 +135,7 @@ DWORD WINAPI CVoThread::VoThreadProc(void* argument) noexcept
     }
 
     shared->exitCode.store(static_cast<DWORD>(exitCode));
-    // From the finished event on the object may go at any time, unless it is this thread that deletes it.
+    // From the finished event on another thread may destroy the object, unless this thread deletes it.
     const bool deleteObject = shared->deleteWhenDone.load() && !shared->isObjectGone.load();
     if (const HRESULT hr = shared->finished.Set(); FAILED(hr))
         report(715, hr);
@@ -156,7 +157,7 @@ HRESULT CVoThread::CreateThread(bool startSuspended, bool waitUntilStarted, bool
                                 bool useFinishedEvent) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoThread::CreateThread" };
-    // A thread that deletes the object may do so while this function still waits: what is used then is held here.
+    // The thread may delete the object while this function waits: keep the state alive here.
     const std::shared_ptr<SShared> shared = m_shared;
     std::wstring threadName;
     try
@@ -244,7 +245,7 @@ HRESULT CVoThread::PrepareEvents(bool waitUntilStarted) noexcept
 HRESULT CVoThread::WaitUntilStarted(const SShared& shared, bool useFinishedEvent) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoThread::CreateThread" };
-    // When both are signalled the wait answers the first in the list, and it was the start that came first.
+    // When both are signalled, the wait returns the first in the list: the start came first.
     const std::array<HANDLE, 2> events{ shared.started.Handle(),
                                         useFinishedEvent ? shared.finished.Handle() : shared.thread.Get() };
     const DWORD event = ::WaitForMultipleObjects(static_cast<DWORD>(events.size()), events.data(), FALSE, INFINITE);
@@ -289,7 +290,7 @@ HRESULT CVoThread::Stop(bool wait, DWORD* exitCode) noexcept
     m_stopRequested.store(true);
     if (const HRESULT hr = shared->stop.Set(); FAILED(hr))
         result = report(880, hr);
-    // A thread that deletes its object may have done so from here on, unless it is to be let go first.
+    // From here on the thread may have deleted its object, unless the thread is still suspended.
     if (isSuspended)
         KeepFirst(result, Resume());
     if (!isWaiting)
@@ -334,7 +335,7 @@ HRESULT SetThreadNameWP(DWORD threadId, const char* name) noexcept
     static_assert(sizeof(record) <= sizeof(arguments));
     std::memcpy(arguments.data(), &record, sizeof(record));
 
-    // A vectored handler is the one filter that every compiler can express. Without it the exception would end the process.
+    // A vectored handler works with every compiler. Without a handler the exception would end the process.
     void* const filter = ::AddVectoredExceptionHandler(FALSE, &ContinueAfterThreadName);
     if (!filter)
         return report(1149, E_FAIL);

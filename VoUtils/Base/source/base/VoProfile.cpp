@@ -21,11 +21,11 @@ std::optional<std::wstring> ReadValue(const std::wstring& file, const wchar_t* s
     return value;
 }
 
-std::optional<INT32> ParseInteger(std::wstring_view text) noexcept
+std::optional<INT32> ParseInteger(std::wstring_view text, bool* isOutOfRange) noexcept
 {
     text = VoTrim(text);
     if (text.starts_with(L'+') && !text.starts_with(L"+-"))
         text.remove_prefix(1);
-    return VoParseDecimalClamped<INT32>(text);
+    return VoParseDecimalClamped<INT32>(text, isOutOfRange);
 }
 } // namespace VoProfile

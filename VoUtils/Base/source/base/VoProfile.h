@@ -15,6 +15,6 @@ namespace VoProfile
 [[nodiscard]] std::optional<std::wstring> ReadValue(const std::wstring& file, const wchar_t* section, const wchar_t* key);
 
 // A decimal number with an optional sign and white space around it; nothing for any other text. A number that does not fit
-// into 32 bits becomes the nearest limit.
-[[nodiscard]] std::optional<INT32> ParseInteger(std::wstring_view text) noexcept;
+// into 32 bits becomes the nearest limit and sets `isOutOfRange` (may be null).
+[[nodiscard]] std::optional<INT32> ParseInteger(std::wstring_view text, bool* isOutOfRange = nullptr) noexcept;
 } // namespace VoProfile

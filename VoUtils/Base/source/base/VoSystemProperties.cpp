@@ -1,3 +1,4 @@
+// The system's version, the processor and the clock (VoSystemProperties.h).
 #include <base/VoSystemProperties.h>
 
 #include "VoModuleVersion.h"

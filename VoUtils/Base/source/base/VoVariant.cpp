@@ -69,11 +69,10 @@ bool ChangeToText(VARIANT& result, const VARIANT& source, LCID locale, HRESULT& 
     return true;
 }
 
-// The change itself, unreported. `destination` is replaced on success only.
+// Changes a variant's type without a report. `destination` is replaced on success only.
 HRESULT ChangeVariantType(VARIANT& destination, const VARIANT& source, VARTYPE type, LCID locale) noexcept
 {
-    // What a reference stands for is changed as it would be by itself. Some of the platform's headers leave out the source's
-    // const.
+    // Of a reference, the referenced value is changed. Some of the platform's headers declare the source without const.
     CVoVariant referred;
     const bool isReference = (V_VT(&source) & VT_BYREF) != 0;
     if (isReference)
@@ -168,7 +167,7 @@ HRESULT VoVariantToTypeNoLocale(const VARIANT& variant, UINT32& value) noexcept
     const HRESULT direct = ChangeVariantType(result.Get(), variant, VT_I4, LOCALE_INVARIANT);
     if (FAILED(direct))
     {
-        // The upper half of the unsigned range may also stand as what it means.
+        // Text may also hold a number of the upper half of the unsigned range.
         const VARTYPE type = direct == DISP_E_OVERFLOW ? VARTYPE{ VT_UI4 } : VARTYPE{ VT_I4 };
         if (const HRESULT hr = VoChangeVariantTypeNoLocale(result.Get(), variant, type); FAILED(hr))
             return report(301, hr);

@@ -20,16 +20,16 @@ namespace
 {
 constexpr const wchar_t* kSource = L"..\\..\\source\\win\\OrvSignedIniFileHandler";
 constexpr const wchar_t* kSignatureSection = L"Signature";
-// Stands for a section without entries; signatures depend on it.
+// The canonical text of a section without entries. Signatures depend on it.
 constexpr const wchar_t* kEmptySection = L"<EMPTY>";
 
-// VoIniTrimRight, without a call for what mostly needs none.
+// VoIniTrimRight; most texts end with a visible ASCII character and need no call.
 [[nodiscard]] std::wstring_view TrimRight(std::wstring_view text) noexcept
 {
     return !text.empty() && text.back() > L' ' && text.back() < 0x7F ? text : VoIniTrimRight(text);
 }
 
-// Where canonical text goes, as such.
+// Collects canonical text as UTF-16.
 class CWideText
 {
 public:
@@ -47,12 +47,12 @@ private:
     std::wstring m_text;
 };
 
-// Where it goes on its way into a hash: in UTF-8, a piece at a time, without the line end that the whole text ends with. Text
-// that is built, converted and hashed as a whole takes half as long again as the hashing.
+// Hashes canonical text as UTF-8, piece by piece, without the line end at the end of the whole text. Building, converting and
+// hashing the text as a whole would take half as long again.
 class CHashedText
 {
 public:
-    // Without a hash, the text is only looked at. AddBinData's failures come as exceptions, and what VoStringToUTF8 refuses.
+    // `hash` may be null: the text is only checked. Failures of AddBinData and of the conversion come as CVoHResultException.
     explicit CHashedText(OrvDigSign::COrvHashBase* hash)
         : m_hash(hash), m_room(kPieceSize), m_bytes(std::make_unique_for_overwrite<char[]>(m_room)), m_end(m_bytes.get())
     {
@@ -80,7 +80,7 @@ public:
         m_end = Put(value, to);
         m_isLineOpen = true;
     }
-    // Hashes what has not been hashed yet.
+    // Hashes the bytes collected so far.
     void Flush()
     {
         const auto size = static_cast<UINT32>(m_end - m_bytes.get());
@@ -96,7 +96,7 @@ private:
     static constexpr size_t kMaximumPieceSize = std::numeric_limits<int>::max(); // what a conversion takes
     static constexpr size_t kMostBytesPerUnit = 3;
 
-    // Ends the line before, and makes room for one of that many units.
+    // Ends the previous line and makes room for a line of that many units.
     void BeginLine(size_t units)
     {
         const size_t needed = kMostBytesPerUnit * units + 2;
@@ -119,7 +119,7 @@ private:
         }
         m_isLineOpen = false;
     }
-    // Writes a text and gives the place behind it.
+    // Writes a text and returns the place behind it.
     [[nodiscard]] static char* Put(std::wstring_view text, char* to)
     {
         if (VoCodecKernels::NarrowAscii(text, to))
@@ -129,7 +129,7 @@ private:
                                                   static_cast<int>(kMostBytesPerUnit) * length, nullptr, nullptr);
         if (written > 0)
             return to + written;
-        // What the library says to it, in the log too.
+        // Take the code from the library's conversion, which also reports it.
         std::string none;
         const HRESULT hr = VoStringToUTF8(text, none);
         throw CVoHResultException(FAILED(hr) ? hr : E_FAIL);
@@ -187,7 +187,7 @@ HRESULT CVoSignedIniFileHandler2::Parse(CVoBytesView bytes) noexcept
     return report.Guard(151, body);
 }
 
-// The canonical text of a handler's file, hashed as it is made.
+// The canonical text of a handler's file, hashed while it is built.
 class CVoSignedIniFileHandler2::CDataInput final : public OrvDigSign::IVoHashInput
 {
 public:
@@ -225,8 +225,8 @@ HRESULT CVoSignedIniFileHandler2::Verify(CVoTextView publicKey, bool& valid) noe
         std::wstring signature;
         for (const CVoIniEntry& line : lines)
             signature += VoIniTrimRight(line.value);
-        // What is wrong with the file shows before what is wrong with the key. Only 16-bit units can be
-        // something that UTF-8 has no form of.
+        // Check the file before the key, so that a bad file is reported as such. Only UTF-16 files can hold text that UTF-8
+        // cannot.
         if (m_file.Encoding() == EVoTextEncoding::Utf16LittleEndian || m_file.Encoding() == EVoTextEncoding::Utf16BigEndian)
         {
             CHashedText text(nullptr);
@@ -262,7 +262,7 @@ template <class Text>
 HRESULT CVoSignedIniFileHandler2::AppendSectionData(CVoTextView section, std::vector<CVoIniEntry>& entries, Text& text) const
 {
     constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::GetSectionDataString" };
-    // Keys and values come as pairs, so that there cannot be more of the one than of the other.
+    // Keys and values come as pairs, so their numbers are always equal.
     if (const HRESULT hr = m_file.GetSection(section, entries); FAILED(hr))
         return report(206, hr);
     if (entries.empty())
@@ -358,7 +358,7 @@ HRESULT CVoSignedIniFileHandler2::SignFile(CVoTextView privateKey, UINT32 lineLe
         std::wstring signatureText;
         VoDataConversion::BinToBase64(signature.Data(), static_cast<INT32>(signature.Length()), false, signatureText, 0);
 
-        // A copy is changed, so that a failure leaves what was read.
+        // Change a copy: a failure leaves the content as it was read.
         std::string bytes;
         if (const HRESULT hr = m_file.GetBytes(bytes); FAILED(hr))
             return report(301, hr);

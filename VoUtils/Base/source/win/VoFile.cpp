@@ -1,3 +1,4 @@
+// Reads and replaces whole files (VoFile.h).
 #include <win/VoFile.h>
 
 #include <base/VoErrorHandler.h>
@@ -11,15 +12,15 @@ namespace
 {
 constexpr const wchar_t* kSource = L"..\\..\\source\\win\\VoFile";
 
-// What one call reads or writes at most; a network file system may refuse more.
+// The most that one call reads or writes. A network file system may refuse more.
 constexpr DWORD kPieceSize = 16U << 20;
-// Names tried for the file beside the file, should a dead process of the same id have left some behind.
+// How many names are tried for the temporary file: a dead process of the same id may have left some.
 constexpr int kNameTries = 100;
-// The attributes that go over to the new file. Others (compressed, encrypted) are the folder's to give.
+// The attributes that the new file takes over. The others (compressed, encrypted) come from the folder.
 constexpr DWORD kKeptAttributes =
     FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_NOT_CONTENT_INDEXED;
 
-// The platform would cut such a name off without a word.
+// The platform would cut such a name silently.
 [[nodiscard]] bool IsPath(std::wstring_view path) noexcept
 {
     return !path.empty() && path.find(L'\0') == std::wstring_view::npos;
@@ -32,19 +33,19 @@ struct SFileFacts
     std::vector<BYTE> security; // a self-relative descriptor; empty for what the folder gives
 };
 
-// The facts of a file that may be missing.
+// The facts of a file. The file may be missing.
 [[nodiscard]] HRESULT ReadFacts(const std::wstring& path, SFileFacts& facts)
 {
     constexpr CVoReporter report{ kSource, L"CVoFileReplacement::Write" };
     const DWORD attributes = ::GetFileAttributesW(path.c_str());
     if (attributes == INVALID_FILE_ATTRIBUTES)
     {
-        // The file is to be made then, and a missing folder shows when it is.
+        // The file will be created; a missing folder fails then.
         if (const DWORD error = ::GetLastError(); error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND)
             return report.Win32(47, 48, error);
         return S_OK;
     }
-    // The rename would find out too, after all the writing.
+    // The rename would fail as well, but only after all the writing.
     if (attributes & (FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_DIRECTORY))
         return report(53, HResultFromWin32(ERROR_ACCESS_DENIED));
     if (const DWORD kept = attributes & kKeptAttributes)
@@ -81,7 +82,7 @@ struct SFileFacts
             return report(89, HResultFromWin32(ERROR_WRITE_FAULT));
         bytes.remove_prefix(written);
     }
-    // Or the rename could reach the disk before the content does, and a power cut leave an empty file.
+    // Without it the rename may reach the disk before the content, and a power cut may leave an empty file.
     return ::FlushFileBuffers(file) ? S_OK : report.LastError(93, 94);
 }
 } // namespace
@@ -104,7 +105,7 @@ HRESULT VoReadFile(CVoTextView path, std::string& bytes) noexcept
         if (static_cast<UINT64>(size.QuadPart) > kMaximumFileSize)
             return report(115, HResultFromWin32(ERROR_FILE_TOO_LARGE));
 
-        // The size is a hint: a writer may be at work, and a pipe has none.
+        // The size is only a hint: the file may grow meanwhile, and a pipe has no size.
         std::string read(static_cast<size_t>(size.QuadPart) + 1, '\0');
         size_t length = 0;
         for (;;)
@@ -116,7 +117,7 @@ HRESULT VoReadFile(CVoTextView path, std::string& bytes) noexcept
             if (!::ReadFile(file.Get(), read.data() + length, room < kPieceSize ? static_cast<DWORD>(room) : kPieceSize, &count,
                             nullptr))
             {
-                // How a pipe says that its writer is done.
+                // A pipe reports its end this way.
                 if (::GetLastError() == ERROR_BROKEN_PIPE)
                     break;
                 return report.LastError(134, 135);
@@ -205,7 +206,7 @@ HRESULT CVoFileReplacement::Commit() noexcept
     constexpr CVoReporter report{ kSource, L"CVoFileReplacement::Commit" };
     if (!m_isWritten)
         return report(223, E_UNEXPECTED);
-    // One rename: the platform's ReplaceFile would move the old file away first, and a death in between leave none.
+    // One rename. The platform's ReplaceFile moves the old file away first: a crash in between would leave no file.
     if (!::MoveFileExW(m_temporaryPath.c_str(), m_path.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH))
         return report.LastError(226, 227);
     m_temporaryPath.clear();

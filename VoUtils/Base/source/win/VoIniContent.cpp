@@ -55,7 +55,7 @@ template <class Character>
     return isCarriageReturn ? L"\r" : L"\n";
 }
 
-// Everything through the first "=" and the blanks behind it.
+// The length of everything through the first "=" and the blanks behind it.
 template <class Character>
 [[nodiscard]] size_t ValuePrefix(std::basic_string_view<Character> line) noexcept
 {
@@ -93,7 +93,7 @@ void CVoIniContent::Read(std::string bytes, std::optional<EVoTextEncoding> encod
         ReadUnitLines(content);
         return;
     }
-    // A mark, or the caller, decides; otherwise one malformed line is enough to make it another encoding's.
+    // A mark or the caller decides the encoding. Otherwise one malformed line means that the file is not UTF-8.
     const EMalformed malformed = encoding ? EMalformed::Replaced : EMalformed::Refused;
     const UINT codePage = m_encoding == EVoTextEncoding::Ansi ? CP_ACP : CP_UTF8;
     if (!ReadByteLines(content, codePage, malformed))
@@ -289,7 +289,7 @@ std::string CVoIniContent::RenderAs(EVoTextEncoding encoding) const
                 {
                     std::wstring text(line.Text());
                     text += LineEndOf(line);
-                    // What was malformed has been read as something else, which must not take its place.
+                    // Malformed bytes were read as replacement characters, which must not be written in their place.
                     if (Encode(text, m_encoding) != line.raw)
                         Throw(HResultFromWin32(ERROR_NO_UNICODE_TRANSLATION));
                     bytes += Encode(text, encoding);
@@ -401,7 +401,7 @@ CVoIniContent::SLine CVoIniContent::MakeEntry(std::wstring_view key, std::wstrin
     text += value;
     std::string raw = Encode(text, m_encoding) + Encode(m_lineEnd, m_encoding);
     SLine line = MakeLine(std::move(text), std::move(raw));
-    // Reading the line is the test of all rules for names and values at once.
+    // Reading the line back checks all rules for names and values at once.
     if (line.kind != EKind::Entry || line.Key() != key || line.Value() != value)
         Throw(E_INVALIDARG);
     return line;
@@ -436,7 +436,7 @@ std::wstring_view CVoIniContent::LineEndOf(const SLine& line) const noexcept
         return unit == 1 || m_encoding == EVoTextEncoding::Utf16LittleEndian ? line.raw[begin] : line.raw[begin + 1];
     };
     const bool isCarriageReturn = at(1) == '\r';
-    // In UTF-16 the unit in front could only look like a carriage return by half.
+    // In UTF-16 one byte of the unit in front may look like a carriage return.
     const bool isPair = !isCarriageReturn && line.raw.size() >= 2 * unit && at(2) == '\r' &&
                         (unit == 1 || line.raw.size() == (line.textSize + 2) * unit);
     return LineEndText(isCarriageReturn, isPair ? 2 : 1);
@@ -556,7 +556,7 @@ bool CVoIniContent::RemoveEntries(SSection& section, IsRemoved isRemoved)
 
 bool CVoIniContent::RemoveValue(UINT32 section, std::wstring_view key)
 {
-    // The key may be one of the lines that go.
+    // The key may be a view of a line that is removed.
     const std::wstring removed(key);
     return RemoveEntries(m_sections[section], [&](const SLine& line) { return VoEqualsNoCase(line.Key(), removed); });
 }

@@ -2,7 +2,7 @@
 // a line that changes gets bytes of its own.
 //
 // Functions throw CVoHResultException or std::bad_alloc and then have changed nothing. What is read and what names may look
-// like is told in VoUtilFileIO.h.
+// like is described in VoUtilFileIO.h.
 #pragma once
 
 #include "VoNameIndex.h"

@@ -1,3 +1,4 @@
+// Typed parameters in an INI file (VoParamHandler.h).
 #include <win/VoParamHandler.h>
 
 #include <base/VoCArray.h>
@@ -213,7 +214,7 @@ struct CVoParamText
     [[nodiscard]] static std::wstring From(const std::vector<BYTE>& value) { return From(std::span<const BYTE>(value)); }
     static void To(std::wstring_view text, std::vector<BYTE>& value)
     {
-        // The decoder passes over what is no digit.
+        // The decoder ignores what is no digit.
         if (text.find_first_not_of(L"0123456789abcdefABCDEF \t") != std::wstring_view::npos)
             Check(E_INVALIDARG);
         CVoByteBuffer bytes;

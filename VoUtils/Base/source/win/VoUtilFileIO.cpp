@@ -36,7 +36,7 @@ HRESULT CVoIniFileIO::Open(CVoTextView path, bool mayBeMissing) noexcept
     {
         std::wstring fullPath = VoGetFullPath(path);
         std::string bytes;
-        // Asked beforehand, so that a file which may be missing leaves no report of a failure.
+        // Ask first: a file that may be missing must not leave a report.
         const bool isMissing = mayBeMissing && ::GetFileAttributesW(fullPath.c_str()) == INVALID_FILE_ATTRIBUTES &&
                                ::GetLastError() == ERROR_FILE_NOT_FOUND;
         if (!isMissing)
@@ -68,7 +68,7 @@ HRESULT CVoIniFileIO::GetBytes(std::string& bytes) const noexcept
     const auto body = [&]() -> HRESULT
     {
         std::string rendered = m_content->Render();
-        // Only text in a code page can look like something else, and what stood first may have gone.
+        // ANSI text can look like another encoding after a change: the line that prevented it may have been removed.
         const EVoTextEncoding detected = VoIniEncoding::Detect(rendered);
         const bool isPlain = detected == EVoTextEncoding::Utf8 && std::all_of(rendered.begin(), rendered.end(), [](char c)
                                                                               { return static_cast<signed char>(c) >= 0; });

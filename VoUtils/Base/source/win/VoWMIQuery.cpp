@@ -1,3 +1,4 @@
+// WMI queries on a worker thread (VoWMIQuery.h).
 #include <win/VoWMIQuery.h>
 
 #include <base/VoErrorHandler.h>
@@ -17,7 +18,7 @@ constexpr const wchar_t* kSource = L"..\\..\\source\\win\\VoWMIQuery";
 constexpr LONG kNextWithoutLimit = -1;                                        // WBEM_INFINITE
 constexpr HRESULT kPropertyNotFound = static_cast<HRESULT>(WBEM_E_NOT_FOUND); // 0x80041002
 
-// Security that somebody else in the process has set already serves as well.
+// Security that was set earlier in the process is accepted.
 HRESULT InitialiseSecurity() noexcept
 {
     const HRESULT hr = ::CoInitializeSecurity(nullptr, -1, nullptr, nullptr, RPC_C_AUTHN_LEVEL_DEFAULT,
@@ -40,7 +41,7 @@ CVoWMIQueryBase::~CVoWMIQueryBase()
 HRESULT CVoWMIQueryBase::Start() noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoWMIQuery::CVoWMIQueryBase::Start" };
-    // The worker runs, and the lock is held by whoever waits for it.
+    // The worker runs already; the waiting caller holds the lock.
     if (::GetCurrentThreadId() == ThreadId())
         return S_OK;
     CAutoLock lock(&m_lock);
@@ -48,15 +49,15 @@ HRESULT CVoWMIQueryBase::Start() noexcept
     return SUCCEEDED(hr) ? S_OK : report(92, hr);
 }
 
-// Gives the result of the one start that there is.
+// Starts the worker once, and returns the result of that start.
 HRESULT CVoWMIQueryBase::StartWorker() noexcept
 {
     if (!m_startResult)
     {
         const HRESULT hr = m_isStopped.load() ? E_FAIL : CreateThread(false, true, true, L"WMI query", false);
-        // A worker that ended without a failure did not start either.
+        // A worker that ended without a failure did not start.
         m_startResult = hr == S_FALSE ? E_FAIL : hr;
-        // Also when it was stopped as it began.
+        // Stop may have been called while it began.
         if (FAILED(*m_startResult) || m_isStopped.load())
             Stop(false);
     }
@@ -112,7 +113,7 @@ HRESULT CVoWMIQueryBase::Connect()
         return report(164, hr);
     const CVoBstr path(m_namespacePath);
     const CVoBstr locale = m_locale ? CVoBstr(*m_locale) : CVoBstr();
-    // A computer that does not answer is given up after two minutes; without the flag the call may never return.
+    // With this flag a computer that does not respond fails after two minutes. Without it the call may never return.
     hr = m_locator->ConnectServer(path.Get(), nullptr, nullptr, locale.Get(), WBEM_FLAG_CONNECT_USE_MAX_WAIT, nullptr,
                                   m_wmiContext.Get(), m_services.Put());
     if (SUCCEEDED(hr) && !m_services)
@@ -139,7 +140,7 @@ HRESULT CVoWMIQueryBase::Run()
     if (FAILED(m_connectResult))
         return m_connectResult;
     SignalStarted();
-    // Whoever waits for the start would wait for ever when the event could not be set; the thread's end frees it.
+    // If the event cannot be set, end the thread: the caller that waits for the start also waits for its end.
     if (::WaitForSingleObject(StartedEvent(), 0) != WAIT_OBJECT_0)
         return report(200, E_FAIL);
 
@@ -209,13 +210,13 @@ HRESULT CVoWMIQueryBase::QueryWMI(CVoTextView query, Callback callback, void* co
     constexpr CVoReporter report{ kSource, L"VoWMIQuery::CVoWMIQueryBase::QueryWMI" };
     if (query.empty() || !callback)
         return report(272, E_INVALIDARG);
-    // A callback that waits for its own thread would wait for ever.
+    // A callback must not wait for its own thread.
     if (::GetCurrentThreadId() == ThreadId())
         return report(275, HResultFromWin32(ERROR_POSSIBLE_DEADLOCK));
     CAutoLock lock(&m_lock);
     if (FAILED(StartWorker()))
         return report(278, E_FAIL);
-    // After a wait that failed the worker may still hold the query.
+    // After a failed wait the worker may still use the query.
     if (m_isStopped.load())
         return report(281, E_FAIL);
     try
@@ -236,17 +237,17 @@ HRESULT CVoWMIQueryBase::QueryWMI(CVoTextView query, Callback callback, void* co
     return SUCCEEDED(hr) ? S_OK : report(297, hr);
 }
 
-// The query's result, or E_FAIL when there will be none.
+// Waits for the worker. Returns the query's result, or E_FAIL when there will be none.
 HRESULT CVoWMIQueryBase::WaitForAnswer() noexcept
 {
-    // The answer comes first in the list, as it counts when the worker has ended since.
+    // The answer is first in the list: it counts even when the worker has ended meanwhile.
     const std::array<HANDLE, 2> events{ m_answer.Handle(), ThreadHandle() };
     const DWORD event = ::WaitForMultipleObjects(static_cast<DWORD>(events.size()), events.data(), FALSE, INFINITE);
     if (event == WAIT_OBJECT_0)
         return m_queryResult;
     if (event != WAIT_OBJECT_0 + 1)
     {
-        // The worker may be at work still: let it end, and see to it that the callback is called no more.
+        // The worker may still run: ask it to end, and wait until no callback runs.
         Stop(false);
         CAutoLock callbackEnded(&m_callbackLock);
     }

@@ -1,3 +1,4 @@
+// The text of WMI values (VoWMIValue.h).
 #include <win/VoWMIValue.h>
 
 #include <base/VoHResult.h>

@@ -1,4 +1,4 @@
-// Owners for the values that cross COM edges; bytes and texts to and from safe arrays.
+// Owners of BSTRs, variants and safe arrays; bytes and texts to and from safe arrays. Used at COM interfaces only.
 #pragma once
 
 #include <base/VoPlatform.h>
@@ -39,13 +39,13 @@ public:
     ~CVoBstr() { ::SysFreeString(m_text); }
 
     [[nodiscard]] BSTR Get() const noexcept { return m_text; }
-    // For out arguments; a text held is freed first.
+    // For out arguments. The text that it owns is freed first.
     [[nodiscard]] BSTR* Put() noexcept
     {
         ::SysFreeString(std::exchange(m_text, nullptr));
         return &m_text;
     }
-    // Gives the text to the caller.
+    // Returns the text and no longer owns it.
     [[nodiscard]] BSTR Detach() noexcept { return std::exchange(m_text, nullptr); }
     [[nodiscard]] bool IsEmpty() const noexcept { return ::SysStringLen(m_text) == 0; }
     [[nodiscard]] std::wstring_view View() const noexcept { return ViewOf(m_text); }
@@ -76,13 +76,13 @@ public:
 
     [[nodiscard]] const VARIANT& Get() const noexcept { return m_value; }
     [[nodiscard]] VARIANT& Get() noexcept { return m_value; }
-    // For out arguments; a value held is cleared first.
+    // For out arguments. The value that it owns is cleared first.
     [[nodiscard]] VARIANT* Put() noexcept
     {
         ::VariantClear(&m_value);
         return &m_value;
     }
-    // Gives the value to the caller.
+    // Returns the value and no longer owns it.
     [[nodiscard]] VARIANT Detach() noexcept
     {
         const VARIANT value = m_value;
@@ -117,13 +117,13 @@ public:
             ::SafeArrayDestroy(array);
     }
     [[nodiscard]] SAFEARRAY* Get() const noexcept { return m_array; }
-    // For out arguments; an array held is destroyed first.
+    // For out arguments. The array that it owns is destroyed first.
     [[nodiscard]] SAFEARRAY** Put() noexcept
     {
         Reset();
         return &m_array;
     }
-    // Gives the array to the caller.
+    // Returns the array and no longer owns it.
     [[nodiscard]] SAFEARRAY* Detach() noexcept { return std::exchange(m_array, nullptr); }
 
 private:

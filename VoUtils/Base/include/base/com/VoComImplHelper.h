@@ -1,4 +1,4 @@
-// The property bag of the stores: named properties, each with a text that describes it.
+// The property bag of the stores: named properties with descriptions, implemented once from a table.
 #pragma once
 
 #include <base/VoErrorHandler.h>
@@ -11,7 +11,7 @@
 #include <vector>
 
 // One named property of `Object`. The functions lock for themselves; the getter gets an empty variant and fills it on success
-// only, the setter gets a value without references (VT_BYREF) and answers DISP_E_TYPEMISMATCH for a type that it does not take.
+// only, the setter gets a value without references (VT_BYREF) and returns DISP_E_TYPEMISMATCH for a type that it does not take.
 template <class Object>
 struct CVoProperty
 {

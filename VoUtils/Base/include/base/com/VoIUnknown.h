@@ -1,4 +1,4 @@
-// The base of the library's COM objects, and an owning interface pointer.
+// The base class of the library's COM objects, and an owning interface pointer.
 #pragma once
 
 #include <base/VoErrorHandler.h>
@@ -38,7 +38,7 @@ public:
     CVoComPtr(CVoComPtr&& other) noexcept : m_object(std::exchange(other.m_object, nullptr)) {}
     ~CVoComPtr() { Reset(); }
 
-    // Adds the new reference before the old one goes.
+    // Adds the new reference before it releases the old one.
     CVoComPtr& operator=(const CVoComPtr& other) noexcept
     {
         if (this != &other)
@@ -58,7 +58,7 @@ public:
         result.m_object = object;
         return result;
     }
-    // Gives the reference to the caller.
+    // Returns the reference and no longer owns it.
     [[nodiscard]] Interface* Detach() noexcept { return std::exchange(m_object, nullptr); }
     void Reset() noexcept
     {
@@ -67,7 +67,7 @@ public:
     }
     void Swap(CVoComPtr& other) noexcept { std::swap(m_object, other.m_object); }
 
-    // The address for an out argument; what is held is released first.
+    // For out arguments. The reference that it owns is released first.
     [[nodiscard]] Interface** Put() noexcept
     {
         Reset();
@@ -97,11 +97,11 @@ private:
     Interface* m_object = nullptr;
 };
 
-// Somebody who remembers an object without owning it (CVoSharedObject).
+// Observes an object without owning it (CVoSharedObject).
 class IVoReleaseObserver
 {
 public:
-    // The object's last reference has gone; it is deleted when this returns. Called on the thread that released it.
+    // The last reference was released. The object is deleted when this returns. Called on the releasing thread.
     virtual void OnLastRelease(IUnknown* object) noexcept = 0;
 
 protected:
@@ -145,8 +145,8 @@ public:
         return left;
     }
 
-    // Adds a reference unless the last one has gone; says whether it did. For an observer, which keeps OnLastRelease from
-    // returning meanwhile.
+    // Adds a reference unless the last one was released; returns whether it did. For an observer, which keeps OnLastRelease
+    // from returning meanwhile.
     [[nodiscard]] bool AddRefIfAlive() noexcept
     {
         ULONG count = m_references.load(std::memory_order_relaxed);
@@ -178,7 +178,7 @@ class CVoIUnknownImplWithFreeThreadedMarshaller : public CVoIUnknownImpl<Interfa
 protected:
     ~CVoIUnknownImplWithFreeThreadedMarshaller() override
     {
-        // This is the marshaller's own count, apart from the object's that its interfaces share.
+        // The marshaller has a reference count of its own; its interfaces share the object's.
         if (IUnknown* const marshaller = m_marshaller.load(std::memory_order_acquire))
             marshaller->Release();
     }

@@ -1,4 +1,4 @@
-// One object for the whole module, for as long as somebody uses it.
+// One object for the whole module, while anybody uses it. The global stores are such objects.
 #pragma once
 
 #include <base/VoLock.h>
@@ -40,7 +40,7 @@ public:
     }
 
 private:
-    // The object that goes may have a successor already.
+    // A new object may already have taken the place of the released one.
     void OnLastRelease(IUnknown* object) noexcept override
     {
         const CVoLockHolder holder(m_lock);

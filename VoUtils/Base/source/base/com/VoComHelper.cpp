@@ -1,3 +1,4 @@
+// Bytes and texts to and from safe arrays (VoComHelper.h).
 #include <base/com/VoComHelper.h>
 
 #include <base/VoErrorHandler.h>

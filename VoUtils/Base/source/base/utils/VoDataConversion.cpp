@@ -1,3 +1,4 @@
+// Hexadecimal, Base64 and base-32 (VoDataConversion.h).
 #include <base/utils/VoDataConversion.h>
 
 #include "VoCodecKernels.h"
@@ -151,7 +152,7 @@ struct CBase32
     }
 };
 
-// A decoded text on its way to the caller.
+// The buffer that a decoder fills and then gives to the caller.
 struct CDecoded
 {
     std::unique_ptr<BYTE[]> bytes;
@@ -270,7 +271,7 @@ HRESULT HandOver(const CVoReporter& report, int line, CDecoded& decoded, BYTE** 
     return S_OK;
 }
 
-// The text without any occurrence of `part`. What closes up is not looked at again.
+// The text without any occurrence of `part`. An occurrence that a removal creates stays.
 std::wstring Without(CVoTextView text, CVoTextView part)
 {
     std::wstring rest;
@@ -295,7 +296,7 @@ public:
         const size_t size = characters + (line > 0 ? characters / line * 2 : 0);
         if (m_text.capacity() < size)
         {
-            // The old text stays until the new room is there, and does not make it larger than needed.
+            // Keep the old text until the new room is allocated; do not reuse its larger capacity.
             std::wstring room;
             room.reserve(size);
             m_text.swap(room);
