@@ -18,9 +18,6 @@ using testing::SizeIs;
 
 namespace
 {
-constexpr const char* kBasicUser = "Basic dXNlcjpzZWNyZXQ=";      // user:secret
-constexpr const char* kBasicProxy = "Basic cHJveHk6cGFzc3dvcmQ="; // proxy:password
-
 class ProxyTransportTest : public testing::Test
 {
 protected:
@@ -32,14 +29,14 @@ protected:
     }
     [[nodiscard]] static std::wstring NameOf(uint16_t port) { return L"127.0.0.1:" + std::to_wstring(port); }
     // A payload sent to a URL on a connection of its own.
-    [[nodiscard]] CAnswer Send(const std::string& url, std::string_view body = "x", UINT32 timeout = 20,
-                               bool allowRetry = false)
+    [[nodiscard]] CResponse Send(const std::string& url, std::string_view body = "x", UINT32 timeout = 20,
+                                 bool allowRetry = false)
     {
         Message message;
-        CAnswer answer;
+        CResponse response;
         const CConnecting how{ m_kind, m_callback.Get(), m_store.Get(), nullptr, timeout, timeout };
-        if (answer.result = ConnectTo(Wide(url), how, message); FAILED(answer.result))
-            return answer;
+        if (response.result = ConnectTo(Wide(url), how, message); FAILED(response.result))
+            return response;
         return TestSupport::Send(*message, MakeMessage({}, body), Kind::Raw, allowRetry);
     }
     // The payload that came back.
@@ -50,21 +47,12 @@ protected:
 
     CVoComPtr<CScriptedAuthCallback> m_callback = VoMakeComObject<CScriptedAuthCallback>();
     CVoComPtr<CVoGlobalHTTPProxyStoreImpl> m_store = VoMakeComObject<CVoGlobalHTTPProxyStoreImpl>();
-    UINT32 m_kind = 2; // libcurl shows everything
+    UINT32 m_kind = 2; // libcurl does all of this under Wine too
 };
-// Whether a request has the credentials; otherwise it was answered with the challenge.
-bool Authenticate(const Loopback::CRequest& request, Loopback::CConnection& connection, bool proxy)
-{
-    if (request.Header(proxy ? "Proxy-Authorization" : "Authorization") == (proxy ? kBasicProxy : kBasicUser))
-        return true;
-    connection.SendResponse(proxy ? 407 : 401, { { proxy ? "Proxy-Authenticate" : "WWW-Authenticate", "Basic realm=\"r\"" } });
-    return false;
-}
-
 // --- squid
 
-// Wine's services take no proxy for a request: their sessions are given one, under another name than the server's. What they do
-// with its credentials is tested call by call with these transports.
+// Wine's services ignore the proxy of a request, so their sessions get one, under another name than the server's. Proxy
+// credentials are tested call by call with these transports.
 TEST_F(ProxyTransportTest, EveryTransportGoesThroughAnOpenProxy)
 {
     VO_NEEDS_TEST_SERVERS();
@@ -105,12 +93,12 @@ TEST_F(ProxyTransportTest, KeepsTheCredentialsThatAProxyAccepted)
         UseProxy(TestServers()->squidAuthPort);
         m_callback = VoMakeComObject<CScriptedAuthCallback>();
 
-        // Declined: nothing is sent on, nothing kept, and nobody is asked twice.
+        // Declined: the request is not sent on, nothing is saved, and the callback is asked once.
         EXPECT_EQ(Send(url, body, 5, true).result, kResultCancelled);
         EXPECT_EQ(ProxyFor(*m_store.Get(), Wide(url)), proxy + L" - -");
         // The question names the server and the proxy.
         EXPECT_THAT(m_callback->Questions(), ElementsAre(L"proxy " + Address(Wide(url)).PathURL() + L' ' + proxy));
-        // Refused ones are asked for again, and not kept.
+        // Rejected credentials are asked for again and not saved.
         m_callback->AnswerProxy({ { user, L"wrong" } });
         EXPECT_EQ(Send(url, body).result, kResultCancelled);
         EXPECT_THAT(m_callback->Questions(), SizeIs(3));
@@ -118,7 +106,7 @@ TEST_F(ProxyTransportTest, KeepsTheCredentialsThatAProxyAccepted)
         m_callback->AnswerProxy({ { L"wrong", password }, { user, password } });
         EXPECT_TRUE(Get(url, body) == body);
         EXPECT_THAT(m_callback->Questions(), SizeIs(5));
-        // Accepted ones serve every later request, to any server.
+        // Accepted credentials serve every later request, to any server.
         for (const std::string& later : urls)
         {
             EXPECT_EQ(ProxyFor(*m_store.Get(), Wide(later)), proxy + L' ' + user + L' ' + password);
@@ -126,7 +114,7 @@ TEST_F(ProxyTransportTest, KeepsTheCredentialsThatAProxyAccepted)
         }
         EXPECT_THAT(m_callback->Questions(), SizeIs(5));
     }
-    // Saved ones that the proxy does not take, and nobody to ask.
+    // Saved credentials that the proxy rejects, and no callback.
     m_callback.Reset();
     EXPECT_EQ(SaveCredentials(*m_store.Get(), NameOf(TestServers()->squidAuthPort), L"x", L"y"), S_OK);
     EXPECT_TRUE(FAILED(Send(urls[0]).result));
@@ -145,20 +133,21 @@ TEST_F(ProxyTransportTest, ShowsTheServersCredentialsToTheServerOnly)
             connection.Tunnel(TestServers()->tlsPort, "HTTP/1.1 200 Connection established\r\n\r\n");
         else if (request.target != "http://first.test/private")
             connection.SendResponse(200, {}, "&&other");
-        else if (Authenticate(request, connection, false))
+        else if (Authenticate(request, connection))
             connection.SendResponse(302, { { "Location", "http://second.test/" } });
     });
     UseProxy(proxy.Port());
-    m_callback->AnswerProxy({ { L"proxy", L"password" } });
-    // What the proxy accepted is kept, also when nobody answers the server.
+    m_callback->AnswerProxy({ { L"ann", kPassword } });
+    // Credentials that the proxy accepted are kept, also when the server's question is declined.
     EXPECT_EQ(Send("http://first.test/private").result, kResultCancelled);
-    EXPECT_EQ(ProxyFor(*m_store.Get(), L"http://first.test/"), NameOf(proxy.Port()) + L" proxy password");
-    m_callback->AnswerServer({ { L"user", L"secret" }, { L"user", L"secret" } });
+    EXPECT_EQ(ProxyFor(*m_store.Get(), L"http://first.test/"), NameOf(proxy.Port()) + L" ann " + kPassword);
+    m_callback->AnswerServer({ { L"ann", kPassword }, { L"user", L"secret" } }); // of first.test, of nginx
 
     // After a redirect the other server gets none.
     EXPECT_EQ(Get("http://first.test/private"), "other");
     const size_t before = proxy.RequestCount();
-    // Outside a tunnel stand the proxy's only, without a question since they are saved, and inside the server's only.
+    // Outside a tunnel only the proxy's credentials are sent, without a question because they are saved; inside only the
+    // server's.
     EXPECT_EQ(Get(TestServers()->SecureURL("/private"), "private body"), "private body");
     EXPECT_THAT(m_callback->Questions(), SizeIs(4)); // once for the proxy, then for each request to a server
     const std::vector<Loopback::CRequest> seen = proxy.Requests();
@@ -166,23 +155,23 @@ TEST_F(ProxyTransportTest, ShowsTheServersCredentialsToTheServerOnly)
     for (const Loopback::CRequest& request : seen)
     {
         SCOPED_TRACE(request.target);
-        // A transport may ask without first, to hear of the schemes.
-        EXPECT_THAT(request.Header("Proxy-Authorization"), AnyOf("", kBasicProxy));
+        // A transport may send without credentials first, to learn the schemes.
+        EXPECT_THAT(request.Header("Proxy-Authorization"), AnyOf("", kBasicCredentials));
         EXPECT_TRUE(request.Header("Authorization").empty() || request.target == "http://first.test/private");
     }
     for (const auto& [last, target] : { std::pair(before - 1, std::string("http://second.test/")),
                                         { seen.size() - 1, "localhost:" + std::to_string(TestServers()->tlsPort) } })
     {
         EXPECT_EQ(seen[last].target, target);
-        EXPECT_EQ(seen[last].Header("Proxy-Authorization"), kBasicProxy);
+        EXPECT_EQ(seen[last].Header("Proxy-Authorization"), kBasicCredentials);
     }
 }
 
 TEST_F(ProxyTransportTest, ShowsNoProxyCredentialsToAServerThatPretendsToBeAProxy)
 {
     const CServer server([](const Loopback::CRequest& request, Loopback::CConnection& connection)
-    { Authenticate(request, connection, true); });
-    m_callback->AnswerProxy({ { L"proxy", L"password" } });
+    { (void)Authenticate(request, connection, true); });
+    m_callback->AnswerProxy({ { L"ann", kPassword } });
     EXPECT_TRUE(FAILED(Send(server.URL("/")).result));
     for (const Loopback::CRequest& seen : server.Requests())
         EXPECT_EQ(seen.Header("Proxy-Authorization"), "");
@@ -191,12 +180,12 @@ TEST_F(ProxyTransportTest, ShowsNoProxyCredentialsToAServerThatPretendsToBeAProx
 
 TEST_F(ProxyTransportTest, EndsWithinItsTimeOutsBehindABadProxy)
 {
-    // Dead: nobody listens there.
+    // Dead: the port is closed.
     UseProxy(ClosedPort());
     EXPECT_TRUE(FAILED(Send("http://server.test/").result));
     EXPECT_TRUE(FAILED(Send("https://server.test/").result));
 
-    // Slow: the answer would come when the server stops.
+    // Slow: the response would come when the server stops.
     const Loopback::CLoopbackServer slow([](const Loopback::CRequest&, Loopback::CConnection& connection)
     { connection.WaitUntilStopped(std::chrono::minutes(1)); });
     UseProxy(slow.Port());
@@ -210,7 +199,7 @@ TEST_F(ProxyTransportTest, EndsWithinItsTimeOutsBehindABadProxy)
             connection.WaitUntilStopped(std::chrono::minutes(1));
     });
     UseProxy(silent.Port());
-    m_callback->AnswerProxy({ { L"proxy", L"password" } });
+    m_callback->AnswerProxy({ { L"ann", kPassword } });
     EXPECT_EQ(Send("https://server.test/", "x", 3).result, kResultTimeout);
     EXPECT_THAT(m_callback->Questions(), SizeIs(1));
 

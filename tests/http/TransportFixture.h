@@ -1,4 +1,4 @@
-// The suite over all transports: the table of where they may differ, and what its tests share.
+// The suite over all transports: the table of their permitted differences, and what its tests share.
 #pragma once
 
 #include "support/HTTPSupport.h"
@@ -20,26 +20,26 @@
 
 namespace TestSupport
 {
-// A transport, and where it may differ from the others. What stands here by default is what the transports share.
+// A transport, and where it may differ from the others. The defaults are what the transports share.
 struct CTransport
 {
     UINT32 kind;
     const char* name;
-    // The code of an answer other than 200.
+    // The code of a status other than 200.
     HRESULT unexpectedStatus = kResultUnexpectedStatus;
-    // The code of a challenge that nobody answers.
+    // The code of a challenge without a callback.
     HRESULT unanswered = E_FAIL;
     // The code of a time-out. The Windows services have numbers of their own, and Wine's are others than Windows', so that only
-    // failure is asked for (S_OK).
+    // a failure is expected (S_OK).
     HRESULT timeOut = S_OK;
     // Credentials are asked for through the callback. WinINet shows the system's dialog instead, and only while connecting.
     bool asksCallback = true;
     // The response waits in the connection until it is read, so that connecting again loses it.
-    bool answerWaitsAtConnection = false;
+    bool responseWaitsAtConnection = false;
     // The client's own address is known. It is for the trace; Wine's WinINet has no socket to show, and Wine's WinHTTP has it
-    // only until the answer has been read.
+    // only until the response has been read.
     bool knowsLocalAddress = false;
-    // Progress of the answer is seen while the request is sent, not only while the answer is read.
+    // Progress of the response is seen while the request is sent, not only while the response is read.
     bool receivesWhileSending = false;
     // A server on this machine is connected to as "localhost.localhost".
     bool rewritesLoopback = false;
@@ -56,7 +56,7 @@ struct CTransport
 {
     return { .kind = kind,
              .name = name,
-             .answerWaitsAtConnection = true,
+             .responseWaitsAtConnection = true,
              .rewritesLoopback = rewritesLoopback,
              .dropsConnectionsUnderWine = false };
 }
@@ -66,7 +66,7 @@ inline constexpr CTransport kTransports[] = {
       .name = "WinINet",
       .unanswered = kResultUnexpectedStatus,
       .asksCallback = false,
-      .answerWaitsAtConnection = true },
+      .responseWaitsAtConnection = true },
     WinHTTPTransport(1, "WinHTTP", false),
     { .kind = 2,
       .name = "CURL",
@@ -91,8 +91,8 @@ inline constexpr CTransport kTransports[] = {
     return tested.param.name;
 }
 
-// What servers do: the same answer to all, bytes as they are and the end of the connection, or the request's own body.
-[[nodiscard]] inline Loopback::CHandler Answers(int status, Loopback::CHeaders headers = {}, std::string body = {})
+// What servers do: the same response to all, bytes as they are and the end of the connection, or the request's own body.
+[[nodiscard]] inline Loopback::CHandler Responds(int status, Loopback::CHeaders headers = {}, std::string body = {})
 {
     return [=](const Loopback::CRequest& /*request*/, Loopback::CConnection& connection)
     { connection.SendResponse(status, headers, body); };
@@ -110,13 +110,26 @@ inline void Echo(const Loopback::CRequest& request, Loopback::CConnection& conne
     connection.SendResponse(200, {}, request.body);
 }
 
-// A port of this machine that nobody listens on: of a server that is gone.
+// Whether a request has the user "ann" with the password "p\u00E4ss" (for a proxy or for the server). Otherwise sends a Basic
+// challenge.
+inline constexpr wchar_t kPassword[] = L"p\x00E4ss";
+inline constexpr const char* kBasicCredentials = "Basic YW5uOnDDpHNz";
+[[nodiscard]] inline bool Authenticate(const Loopback::CRequest& request, Loopback::CConnection& connection, bool proxy = false)
+{
+    if (request.Header(proxy ? "Proxy-Authorization" : "Authorization") == kBasicCredentials)
+        return true;
+    connection.SendResponse(proxy ? 407 : 401, { { proxy ? "Proxy-Authenticate" : "WWW-Authenticate", "Basic realm=\"r\"" } },
+                            "login=please");
+    return false;
+}
+
+// A closed port of this machine: that of a server that has ended.
 [[nodiscard]] inline uint16_t ClosedPort()
 {
     return Loopback::CLoopbackServer(&Echo).Port();
 }
 
-// A server that leaves the WinINet transport's probe for credentials out of what a test sees: it is told by its version.
+// A server that does not show the WinINet transport's probe for credentials to the test. The probe is recognised by HTTP/1.0.
 class CServer
 {
 public:
@@ -192,18 +205,18 @@ protected:
         return L"http://" + SeenHost() + L':' + std::to_wstring(server.Port()) + target;
     }
 
-    [[nodiscard]] CAnswer SendTo(const std::string& url, const CVoBinaryDataParser& parameters = {}, Kind kind = Kind::Raw,
-                                 bool allowRetry = false, Response read = Response::Parameters)
+    [[nodiscard]] CResponse SendTo(const std::string& url, const CVoBinaryDataParser& parameters = {}, Kind kind = Kind::Raw,
+                                   bool allowRetry = false, Response read = Response::Parameters)
     {
         const auto message = Connect(url);
-        return message ? Send(*message, parameters, kind, allowRetry, read) : CAnswer();
+        return message ? Send(*message, parameters, kind, allowRetry, read) : CResponse();
     }
 
     CVoComPtr<CScriptedAuthCallback> m_auth;
     const CVoComPtr<CVoGlobalHTTPCookieStoreImpl> m_cookies = VoMakeComObject<CVoGlobalHTTPCookieStoreImpl>();
 
 private:
-    // The name that a server on this machine is given is known to the resolvers of Windows only.
+    // Only the resolvers of Windows know the rewritten name.
     std::optional<CCallHook<decltype(&::WinHttpConnect)>> m_resolver;
 };
 } // namespace TestSupport

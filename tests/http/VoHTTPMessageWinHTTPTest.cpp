@@ -1,15 +1,15 @@
-// What the WinHTTP transport asks of the platform, call by call: much of it has no effect that a server under Wine would see.
-#include "http/TransportFixture.h"
-#include "support/WinHttpHandles.h"
+// What the WinHTTP transport asks of the platform, call by call, against a stand-in that responds as the platform's
+// documentation says.
+#include "support/FakeWinHttp.h"
+#include "support/HTTPSupport.h"
+
+#include <VoGlobalHTTPCookieStoreImpl.h>
 
 #include <base/VoUtils.h>
 
 #include <gmock/gmock.h>
 
-#include <map>
-
 using namespace TestSupport;
-using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -20,7 +20,7 @@ namespace
 constexpr UINT32 kKind = 1;
 constexpr UINT32 kRewritingKind = 3;
 
-// The answer to whether this is Windows 8.1 or later; Wine's is that of Windows 7.
+// Sets the result of the check for Windows 8.1; Wine's prefix may be an older version.
 CCallHook<decltype(&::VerifyVersionInfoW)> WindowsIs81(bool is81)
 {
     return { "kernel32.dll", "VerifyVersionInfoW", [is81](auto, OSVERSIONINFOEXW* version, DWORD fields, DWORDLONG)
@@ -31,119 +31,66 @@ CCallHook<decltype(&::VerifyVersionInfoW)> WindowsIs81(bool is81)
     } };
 }
 
-// Notes what is asked of the platform and passes it on; refuses some options.
-class CPlatform
+class WinHTTPTransport : public testing::TestWithParam<bool>
 {
-public:
-    std::map<DWORD, DWORD> refused; // the errors of options
-
-    // The calls so far that begin so; forgets all. Credentials are set on a thread of the service.
-    [[nodiscard]] std::vector<std::wstring> Take(std::wstring_view prefix = {})
+protected:
+    Message Connect(const wchar_t* url = L"http://server.test/a", CConnecting how = {}, UINT32 kind = kKind)
     {
-        const std::scoped_lock lock(m_lock);
-        std::erase_if(m_calls, [=](const std::wstring& call) { return !call.starts_with(prefix); });
-        return std::exchange(m_calls, {});
+        how.kind = kind;
+        how.connectTimeout = 7;
+        how.requestTimeout = 9;
+        how.callback = m_callback.Get();
+        how.cookies = m_cookies.Get();
+        Message message;
+        EXPECT_EQ(ConnectTo(url, how, message), S_OK);
+        return message;
     }
-
-private:
-    template <class... Parts>
-    bool Note(const wchar_t* format, Parts... parts)
+    void AddCookie(const wchar_t* cookie, const wchar_t* url)
     {
-        const std::scoped_lock lock(m_lock);
-        m_calls.push_back(VoFormat(format, parts...));
-        return true;
-    }
-    bool Open(LPCWSTR agent, DWORD access, LPCWSTR proxy, LPCWSTR bypass, DWORD flags)
-    {
-        return Note(L"Open %ls %lu %d %lx", agent, access, proxy || bypass, flags);
-    }
-    bool Connect(HINTERNET /*session*/, LPCWSTR host, INTERNET_PORT port, DWORD reserved)
-    {
-        return Note(L"Connect %ls %hu %lu", host, port, reserved);
-    }
-    bool OpenRequest(HINTERNET /*connection*/, LPCWSTR verb, LPCWSTR object, LPCWSTR version, LPCWSTR referrer, LPCWSTR* types,
-                     DWORD flags)
-    {
-        return Note(L"Request %ls %ls %ls %d %lx", verb, object, version, referrer || types, flags);
-    }
-    bool SetOption(HINTERNET /*handle*/, DWORD option, void* value, DWORD length)
-    {
-        const auto& proxy = *static_cast<const WINHTTP_PROXY_INFO*>(value);
-        if (option == WINHTTP_OPTION_PROXY)
-            Note(L"Use %lu %ls %d", proxy.dwAccessType, proxy.lpszProxy, proxy.lpszProxyBypass != nullptr);
-        else if (length == sizeof(DWORD))
-            Note(L"Option %lu %lx", option, *static_cast<const DWORD*>(value));
-        const auto error = refused.find(option);
-        if (error == refused.end())
-            return true;
-        ::SetLastError(error->second);
-        return false;
-    }
-    bool SetCredentials(HINTERNET /*request*/, DWORD target, DWORD scheme, LPCWSTR user, LPCWSTR password, void* /*more*/)
-    {
-        return Note(L"Use %lu %lu %ls %ls", target, scheme, user, password);
+        EXPECT_EQ(m_cookies->AddCookieFromString(CVoBstr(cookie).Get(), CVoBstr(url).Get()), S_OK);
     }
 
-    std::mutex m_lock;
-    std::vector<std::wstring> m_calls;
-#define VO_SEE(function, member)                                                                                               \
-    const CCallHook<decltype(&::function)> m_##member                                                                          \
-    {                                                                                                                          \
-        "winhttp.dll", #function, [this](auto original, auto... call)                                                          \
-        { return member(call...) ? original(call...) : decltype(original(call...)){}; }                                        \
-    }
-    VO_SEE(WinHttpOpen, Open);
-    VO_SEE(WinHttpConnect, Connect);
-    VO_SEE(WinHttpOpenRequest, OpenRequest);
-    VO_SEE(WinHttpSetOption, SetOption);
-    VO_SEE(WinHttpSetCredentials, SetCredentials);
-#undef VO_SEE
+    CFakeWinHttp m_platform{ GetParam() };
+    CVoComPtr<CScriptedAuthCallback> m_callback = VoMakeComObject<CScriptedAuthCallback>();
+    CVoComPtr<CVoGlobalHTTPCookieStoreImpl> m_cookies = VoMakeComObject<CVoGlobalHTTPCookieStoreImpl>();
 };
+INSTANTIATE_TEST_SUITE_P(Notifications, WinHTTPTransport, testing::Bool(),
+                         [](const auto& tested) { return tested.param ? "OnThreadsOfTheService" : "OnTheCallingThread"; });
 
-Message Connect(const std::wstring& url, CConnecting how = {}, UINT32 kind = kKind)
-{
-    how.kind = kind;
-    how.connectTimeout = 7;
-    how.requestTimeout = 9;
-    Message message;
-    EXPECT_EQ(ConnectTo(url, how, message), S_OK);
-    return message;
-}
-
-TEST(WinHTTPTransport, SetsTheSessionUpAsTheSystemAllows)
+TEST_P(WinHTTPTransport, SetsTheSessionUpAsTheSystemAllows)
 {
     for (const bool is81 : { false, true })
     {
         const auto version = WindowsIs81(is81);
-        CPlatform platform;
-        ASSERT_TRUE(Connect(L"http://127.0.0.1:9/"));
-        EXPECT_THAT(platform.Take(),
-                    ElementsAre(is81 ? L"Open CVoHTTPMessageWinHTTP 4 0 10000000" : L"Open CVoHTTPMessageWinHTTP 0 0 10000000",
-                                L"Option 3 1b58", L"Option 5 1b58", L"Option 6 2328", L"Option 73 80", L"Option 74 4a",
-                                L"Option 7 2328", L"Connect 127.0.0.1 9 0"));
+        ASSERT_TRUE(Connect(L"http://server.test:81/"));
+        EXPECT_THAT(m_platform.Take(),
+                    ElementsAre(is81 ? "Open CVoHTTPMessageWinHTTP 4 0 10000000" : "Open CVoHTTPMessageWinHTTP 0 0 10000000",
+                                "Option h1 3 1b58", "Option h1 5 1b58", "Option h1 6 2328", "Option h1 73 80",
+                                "Option h1 74 4a", "Option h1 7 2328", "Connect h1 server.test 81 0", "Close h2", "Close h1"));
     }
 }
 
-TEST(WinHTTPTransport, OpensARequestWithTheSwitchesOfItsAddress)
+TEST_P(WinHTTPTransport, OpensARequestWithTheSwitchesOfItsAddress)
 {
-    const std::tuple<const wchar_t*, bool, bool, const wchar_t*, const wchar_t*, const wchar_t*> cases[] = {
-        { L"http://server.test/a?b", true, true, L"Request POST /a?b HTTP/1.1 0 100", L"Option 31 3300", L"Option 79 0" },
-        { L"https://server.test/", false, false, L"Request POST / HTTP/1.1 0 800100", L"Option 31 3300", L"Option 79 0" },
-        { L"https://server.test/", true, false, L"Request POST / HTTP/1.1 0 800100", L"Option 31 0", L"Option 79 0" },
-        { L"https://server.test/", true, true, L"Request POST / HTTP/1.1 0 800100", L"Option 31 0", L"Option 79 1" },
+    const std::tuple<const wchar_t*, bool, bool, const char*, const char*, const char*> cases[] = {
+        { L"http://server.test/a?b", true, true, "/a?b HTTP/1.1 0 100", "31 3300", "79 0" },
+        { L"https://server.test/", false, false, "/ HTTP/1.1 0 800100", "31 3300", "79 0" },
+        { L"https://server.test/", true, false, "/ HTTP/1.1 0 800100", "31 0", "79 0" },
+        { L"https://server.test/", true, true, "/ HTTP/1.1 0 800100", "31 0", "79 1" },
     };
     for (const auto& [url, verify, revocation, request, security, features] : cases)
     {
         SCOPED_TRACE(testing::Message() << url << verify << revocation);
-        CPlatform platform;
         const Message message = Connect(url, { .verify = verify, .revocation = revocation });
-        (void)platform.Take();
-        (void)Open(*message);
-        EXPECT_THAT(platform.Take(), UnorderedElementsAre(request, security, features, L"Option 88 0", L"Option 63 1"));
+        (void)m_platform.Take();
+        const Request opened = Open(*message);
+        EXPECT_THAT(m_platform.Take(),
+                    UnorderedElementsAre(std::string("Request h2 POST ") + request, std::string("Option h3 ") + security,
+                                         std::string("Option h3 ") + features, "Option h3 88 0", "Option h3 63 1"));
     }
 }
 
-TEST(WinHTTPTransport, PassesOverARefusedTuningAndOverNothingElse)
+TEST_P(WinHTTPTransport, IgnoresARefusedTuningOptionAndNoOtherFailure)
 {
     struct
     {
@@ -157,8 +104,7 @@ TEST(WinHTTPTransport, PassesOverARefusedTuningAndOverNothingElse)
     for (const auto& item : cases)
     {
         SCOPED_TRACE(testing::Message() << item.option << " " << item.error << " " << item.revocation);
-        CPlatform platform;
-        platform.refused = { { item.option, item.error } };
+        m_platform.errors = { { "Option " + std::to_string(item.option), { item.error } } };
         const HRESULT code = HResultFromWin32(item.error);
         const CLogCapture log;
         Message message;
@@ -171,55 +117,51 @@ TEST(WinHTTPTransport, PassesOverARefusedTuningAndOverNothingElse)
     }
 }
 
-TEST(WinHTTPTransport, RewritesALoopbackAddress)
+TEST_P(WinHTTPTransport, RewritesALoopbackAddress)
 {
-    const std::tuple<const wchar_t*, std::wstring, std::wstring> cases[] = {
-        { L"http://LOCALHOST:81/a", L"localhost.localhost", L"/a" },
-        { L"http://127.0.0.1/to/127.0.0.1?at=localhost", L"localhost.localhost", L"/to/localhost.localhost?at=localhost" },
-        { L"http://localhost/LocalHost", L"localhost.localhost", L"/localhost.localhost" },
-        { L"http://127.0.0.10/", L"127.0.0.10", L"/" },
-        { L"http://localhost.test/localhost", L"localhost.test", L"/localhost" },
+    const std::tuple<const wchar_t*, const char*, const char*> cases[] = {
+        { L"http://LOCALHOST:81/a", "localhost.localhost 81", "/a" },
+        { L"http://127.0.0.1/to/127.0.0.1?at=localhost", "localhost.localhost 80", "/to/localhost.localhost?at=localhost" },
+        { L"http://localhost/LocalHost", "localhost.localhost 80", "/localhost.localhost" },
+        { L"http://127.0.0.10/", "127.0.0.10 80", "/" },
+        { L"http://localhost.test/localhost", "localhost.test 80", "/localhost" },
     };
     for (const auto& [url, host, path] : cases)
-        for (const UINT32 kind : { kKind, kRewritingKind })
-        {
-            CPlatform platform;
-            (void)Open(*Connect(url, {}, kind));
-            const CServerAddressData address = Address(url);
-            const bool rewrites = kind == kRewritingKind;
-            const std::vector<std::wstring> calls = platform.Take();
-            EXPECT_THAT(calls, Contains(VoFormat(L"Connect %ls %hu 0", (rewrites ? host : address.Host()).c_str(),
-                                                 address.EffectivePort())));
-            EXPECT_THAT(calls, Contains(L"Request POST " + (rewrites ? path : address.ObjectName()) + L" HTTP/1.1 0 100"));
-        }
+    {
+        (void)Open(*Connect(url, {}, kRewritingKind));
+        EXPECT_THAT(
+            m_platform.Take({ "Connect", "Request" }),
+            ElementsAre(std::string("Connect h1 ") + host + " 0", std::string("Request h2 POST ") + path + " HTTP/1.1 0 100"));
+    }
+    (void)Open(*Connect(L"http://localhost/localhost"));
+    EXPECT_THAT(m_platform.Take("Connect"), ElementsAre("Connect h1 localhost 80 0")) << "the other kind rewrites nothing";
 }
 
-TEST(WinHTTPTransport, TakesItsProxyFromTheStore)
+TEST_P(WinHTTPTransport, TakesItsProxyFromTheStore)
 {
     struct
     {
         bool is81;
         const wchar_t *url, *list, *user;
-        std::vector<std::wstring> calls;
+        std::vector<std::string> calls;
     } const cases[] = {
         { false, L"http://server.test/a?b", L"", L"", {} },
-        { false, L"http://server.test/", L"proxy:8080", L"", { L"Use 3 proxy:8080 0" } },
-        { false, L"http://server.test/", L"proxy:8080", L"user", { L"Use 3 proxy:8080 0", L"Use 1 1 user hunter2" } },
-        { true, L"https://server.test/", L"http=a:1;https=b:2", L"", { L"Use 3 b:2 0" } },
-        { true, L"https://server.test/", L"socks=a:1", L"", { L"Use 3 socks=a:1 0" } },
+        { false, L"http://server.test/", L"proxy:8080", L"", { "Use h3 3 proxy:8080 0" } },
+        { false, L"http://server.test/", L"proxy:8080", L"user", { "Use h3 3 proxy:8080 0", "Use h3 1 1 user hunter2" } },
+        { true, L"https://server.test/", L"http=a:1;https=b:2", L"", { "Use h3 3 b:2 0" } },
+        { true, L"https://server.test/", L"socks=a:1", L"", { "Use h3 3 socks=a:1 0" } },
     };
     for (const auto& item : cases)
     {
         SCOPED_TRACE(item.url);
         const auto version = WindowsIs81(item.is81);
-        CPlatform platform;
         const auto store = VoMakeComObject<CFixedProxyStore>(item.list, item.user, L"hunter2");
         const CLogCapture log;
         const Message message = Connect(item.url, { .proxies = store.Get() });
         (void)Open(*message);
         // From Windows 8.1 on the store is asked for the configured proxy: the platform finds that of a URL itself.
         EXPECT_THAT(store->asked, ElementsAre(item.is81 ? L"" : item.url));
-        EXPECT_EQ(platform.Take(L"Use"), item.calls);
+        EXPECT_EQ(m_platform.Take("Use"), item.calls);
         store->queryResult = E_ACCESSDENIED;
         Request refused;
         EXPECT_EQ(message->OpenRequest(refused), E_ACCESSDENIED);
@@ -228,86 +170,145 @@ TEST(WinHTTPTransport, TakesItsProxyFromTheStore)
     }
 }
 
-// A server that demands credentials as a proxy would: Wine sends requests there directly, whatever option 38 says.
-TEST(WinHTTPTransport, AnswersAProxyAndKeepsTheCredentials)
+TEST_P(WinHTTPTransport, AsksForProxyCredentialsOnceAndSetsThemBeforeEachSend)
 {
-    const CServer server([](const Loopback::CRequest& request, Loopback::CConnection& connection)
-    {
-        if (request.Header("Proxy-Authorization") == "Basic dXNlcjpodW50ZXIy") // user:hunter2
-            connection.SendResponse(200, {}, request.body);
-        else
-            connection.SendResponse(407, { { "Proxy-Authenticate", "Basic realm=\"r\"" } });
-    });
-    const std::wstring base = Wide(server.URL(""));
-    const auto callback = VoMakeComObject<CScriptedAuthCallback>();
-    callback->AnswerProxy({ { L"user", L"hunter2" } });
+    m_callback->AnswerProxy({ { L"user", L"hunter2" } });
     const auto store = VoMakeComObject<CFixedProxyStore>(L"proxy.test:8080");
-    CPlatform platform;
     const CLogCapture log;
-    const Message message = Connect(base + L"/x", { .callback = callback.Get(), .proxies = store.Get() });
+    const Message message = Connect(L"http://server.test/x?secret=1", { .proxies = store.Get() });
     const Request request = Open(*message);
-    EXPECT_THAT(platform.Take(L"Use"), ElementsAre(L"Use 3 proxy.test:8080 0"));
+    m_platform.responses = { { .status = 407 }, {} };
+    (void)m_platform.Take();
     EXPECT_EQ(SendOn(*message, request), S_OK);
-    EXPECT_THAT(callback->Questions(), ElementsAre(L"proxy " + base + L"/x proxy.test:8080"));
+    EXPECT_THAT(m_platform.Take({ "Use", "Send" }), ElementsAre("Send h3 2", "Use h3 1 1 user hunter2", "Send h3 2"));
+    EXPECT_THAT(m_callback->Questions(), ElementsAre(L"proxy http://server.test/x proxy.test:8080"));
     EXPECT_THAT(store->saved, ElementsAre(L"proxy.test:8080 user hunter2"));
-    // From now on they are sent without being asked for, by this request and by others.
-    EXPECT_EQ(SendOn(*message, request), S_OK);
-    EXPECT_EQ(SendOn(*message, Open(*message)), S_OK);
-    EXPECT_THAT(callback->Questions(), SizeIs(1));
-    const std::vector<std::wstring> uses = platform.Take(L"Use 1");
-    EXPECT_GE(uses.size(), 3U);
-    EXPECT_THAT(uses, testing::Each(L"Use 1 1 user hunter2"));
+    // Both this request and the next send them from the start.
+    for (const Request& next : { request, Open(*message) })
+    {
+        (void)m_platform.Take();
+        EXPECT_EQ(SendOn(*message, next), S_OK);
+        const std::vector<std::string> calls = m_platform.Take({ "Use", "Send" });
+        ASSERT_THAT(calls, testing::SizeIs(testing::Ge(2U)));
+        EXPECT_THAT(calls[calls.size() - 2], testing::EndsWith(" 1 1 user hunter2"));
+        EXPECT_THAT(calls.back(), testing::StartsWith("Send"));
+    }
+    EXPECT_THAT(m_callback->Questions(), SizeIs(1));
     ExpectNotLogged(log, L"hunter2");
 }
 
-TEST(WinHTTPTransport, AnswersNothingButBasic)
+TEST_P(WinHTTPTransport, AnswersNothingButBasic)
 {
-    for (const auto& [status, challenge, scheme] :
-         { std::tuple(401U, "WWW-Authenticate", "Negotiate"), { 407U, "Proxy-Authenticate", "NTLM" } })
+    m_platform.schemes = WINHTTP_AUTH_SCHEME_NTLM | WINHTTP_AUTH_SCHEME_NEGOTIATE;
+    for (const DWORD status : { 401U, 407U })
     {
-        const CServer server(Answers(static_cast<int>(status), { { challenge, scheme } }));
-        const auto callback = VoMakeComObject<CScriptedAuthCallback>();
-        const CAnswer answer = Send(*Connect(Wide(server.URL("")), { .callback = callback.Get() }), {});
-        EXPECT_EQ(answer.result, E_NOTIMPL) << scheme;
-        EXPECT_EQ(answer.send.statusCode, status);
-        EXPECT_THAT(callback->Questions(), IsEmpty());
+        m_platform.responses = { { .status = status } };
+        const CResponse response = Send(*Connect(), {});
+        EXPECT_EQ(response.result, E_NOTIMPL);
+        EXPECT_EQ(response.send.statusCode, status);
+        EXPECT_THAT(m_callback->Questions(), IsEmpty());
     }
 }
 
-TEST(WinHTTPTransport, NamesTheServerThatARedirectLedTo)
+TEST_P(WinHTTPTransport, ARedirectToAnotherHostCarriesNoCredentialsAndNoCookies)
 {
-    const CServer second(Answers(401, { { "WWW-Authenticate", "Basic realm=\"r\"" } }));
-    const std::string target = "http://localhost:" + std::to_string(second.Port()) + "/private";
-    const CServer first(Answers(302, { { "Location", target } }));
-    const auto callback = VoMakeComObject<CScriptedAuthCallback>();
-    const Message message = Connect(Wide(first.URL("")), { .callback = callback.Get() });
-    EXPECT_EQ(Send(*message, {}, Kind::Empty).result, kResultCancelled);
-    EXPECT_THAT(callback->Questions(), ElementsAre(L"server localhost " + Wide(target)));
+    AddCookie(L"own=1", L"http://server.test/");
+    AddCookie(L"other=2", L"http://other.test/");
+    m_callback->AnswerServer({ { L"ann", L"s3cret" }, { L"bob", L"word" } });
+    m_platform.responses = {
+        { .status = 401 }, { .status = 307, .headers = { { L"Location", L"http://other.test:81/x?y" } } }, { .status = 401 }, {}
+    };
+    const Message message = Connect();
+    const Request request = Open(*message);
+    EXPECT_EQ(SendOn(*message, request), S_OK);
+    EXPECT_EQ(m_platform.sent, "&&") << "307 keeps the body";
+    EXPECT_THAT(m_platform.Take({ "Connect", "Request", "Header h3 Cookie", "Header h5 Cookie", "Use", "Send", "Close" }),
+                ElementsAre("Connect h1 server.test 80 0", "Request h2 POST /a HTTP/1.1 0 100", "Header h3 Cookie:own=1",
+                            "Send h3 2", "Use h3 0 1 ann s3cret", "Send h3 2", "Close h3", "Connect h1 other.test 81 0",
+                            "Request h4 POST /x?y HTTP/1.1 0 100", "Header h5 Cookie:other=2", "Send h5 2",
+                            "Use h5 0 1 bob word", "Send h5 2"));
+    EXPECT_THAT(m_callback->Questions(),
+                ElementsAre(L"server server.test http://server.test/a", L"server other.test http://other.test:81/x"));
 }
 
-TEST(WinHTTPTransport, EveryFailureOfTheServiceIsHandled)
+TEST_P(WinHTTPTransport, RedirectsEnd)
 {
-    const CServer server([](const Loopback::CRequest& request, Loopback::CConnection& connection)
+    const std::tuple<const wchar_t*, DWORD, const wchar_t*, size_t> cases[] = {
+        { L"https://server.test/", 302, L"http://server.test/", 1 },
+        { L"http://server.test/", 302, L"http://a@b/", 1 },
+        { L"http://server.test/", 304, L"/x", 1 },
+        { L"http://server.test/", 303, L"https://server.test/", 31 },
+    };
+    for (const auto& [url, status, location, sends] : cases)
     {
-        if (request.Header("Authorization").empty())
-            connection.SendResponse(401, { { "WWW-Authenticate", "Basic realm=\"r\"" } });
-        else
-            connection.SendResponse(200, { { "Connection", "close" } }, "a=1");
-    });
+        SCOPED_TRACE(testing::Message() << url << " " << status << " " << location);
+        m_platform.responses = { { .status = status, .headers = { { L"Location", location } } } };
+        const CResponse response = Send(*Connect(url), {});
+        EXPECT_EQ(response.result, kResultUnexpectedStatus);
+        EXPECT_EQ(response.send.statusCode, status);
+        EXPECT_THAT(m_platform.Take("Send"), SizeIs(sends));
+        EXPECT_EQ(m_platform.sent, sends == 1 ? "&&" : "") << "a redirect by 303 is a GET";
+        EXPECT_THAT(m_platform.open, IsEmpty());
+    }
+}
+
+TEST_P(WinHTTPTransport, ARetryUsesAFreshHandle)
+{
+    m_platform.responses = { { .status = 500 }, { .error = ERROR_WINHTTP_CONNECTION_ERROR }, {} };
+    const CResponse response = Send(*Connect(), {}, Kind::Raw, true);
+    EXPECT_EQ(response.result, S_OK);
+    EXPECT_TRUE(response.send.retried);
+    EXPECT_EQ(ParamsOf(response.message), (Params{ { L"a", L"1" } }));
+    const std::vector<std::string> calls = m_platform.Take({ "Send", "Close" });
+    EXPECT_THAT(calls,
+                ElementsAre("Send h3 2", "Close h3", "Send h4 2", "Close h4", "Send h5 2", "Close h5", "Close h2", "Close h1"));
+}
+
+TEST_P(WinHTTPTransport, HandlesAreClosedChildrenFirstAndAPendingResponseIsLost)
+{
+    m_platform.responses = { { .status = 302, .headers = { { L"Location", L"http://other.test/" } } }, {} };
+    Message message = Connect();
+    const Request sent = Open(*message);
+    ASSERT_EQ(SendOn(*message, sent), S_OK);
+    (void)m_platform.Take();
+    ASSERT_EQ(message->Connect(Address(L"http://other.test/"), nullptr, nullptr, nullptr, 5, 5, false, false), S_OK);
+    EXPECT_THAT(m_platform.Take("Close"), ElementsAre("Close h5", "Close h4", "Close h2", "Close h1"));
+    CVoBinaryDataParser response;
+    EXPECT_EQ(message->ReadResponse(sent, response, Response::Parameters, nullptr, nullptr), E_FAIL);
+    EXPECT_EQ(SendOn(*message, sent), E_INVALIDARG);
+}
+
+TEST_P(WinHTTPTransport, ARequestThatCouldNotBeOpenedAgainCanBeSentLater)
+{
+    const Message message = Connect();
+    const Request request = Open(*message);
+    EXPECT_EQ(SendOn(*message, request), S_OK);
+    m_platform.errors["Request"] = { ERROR_NOT_ENOUGH_MEMORY };
+    EXPECT_EQ(SendOn(*message, request), HResultFromWin32(ERROR_NOT_ENOUGH_MEMORY));
+    EXPECT_EQ(SendOn(*message, request), S_OK);
+}
+
+TEST_P(WinHTTPTransport, EveryFailureOfTheServiceIsHandled)
+{
     CLogCapture log;
-    const CAcquireBalance handles = WinHttpHandleBalance();
     const auto run = [&]
     {
-        const auto callback = VoMakeComObject<CScriptedAuthCallback>();
-        callback->AnswerServer({ { L"user", L"hunter2" } });
-        Message message;
-        const HRESULT connected = ConnectTo(Wide(server.URL()), { .kind = kKind, .callback = callback.Get() }, message);
-        EXPECT_EQ(SUCCEEDED(connected), message != nullptr);
-        if (!message)
-            return connected;
-        const CAnswer answer = Send(*message, MakeMessage({}, "x"));
-        EXPECT_EQ(answer.message.GetCount(), SUCCEEDED(answer.result) ? 1U : 0U);
-        return answer.result;
+        m_platform.responses = { { .status = 401 }, {} };
+        m_callback->AnswerServer({ { L"user", L"hunter2" } });
+        HRESULT result = S_OK;
+        {
+            Message message;
+            result = ConnectTo(L"http://server.test/", { .kind = kKind, .callback = m_callback.Get() }, message);
+            EXPECT_EQ(SUCCEEDED(result), message != nullptr);
+            if (message)
+            {
+                const CResponse response = Send(*message, MakeMessage({}, "x"));
+                EXPECT_EQ(response.message.GetCount(), SUCCEEDED(response.result) ? 1U : 0U);
+                result = response.result;
+            }
+        }
+        EXPECT_THAT(m_platform.open, IsEmpty());
+        return result;
     };
     constexpr DWORD kError = ERROR_WINHTTP_INTERNAL_ERROR;
     ExpectEveryFailureIsHandled(
@@ -324,6 +325,6 @@ TEST(WinHTTPTransport, EveryFailureOfTheServiceIsHandled)
             VO_FAULT("winhttp.dll", WinHttpQueryDataAvailable, FALSE, kError),
             VO_FAULT("winhttp.dll", WinHttpReadData, FALSE, kError),
         },
-        run, [&](HRESULT code) { return TakeReport(log, code); }, { &handles }, false);
+        run, [&](HRESULT code) { return TakeReport(log, code); }, {}, false);
 }
 } // namespace

@@ -1,5 +1,6 @@
-// What the WinINet transport asks of the platform, call by call, against a stand-in that answers as the platform's
+// What the WinINet transport asks of the platform, call by call, against a stand-in that responds as the platform's
 // documentation says.
+#include "support/DialogUser.h"
 #include "support/FakeWinINet.h"
 #include "support/HTTPSupport.h"
 #include "support/ImportHook.h"
@@ -49,12 +50,12 @@ protected:
         EXPECT_TRUE(SUCCEEDED(hr) || m_platform.open.empty());
         return hr;
     }
-    // One request on the connected message, its answer read.
+    // Sends one request on the connected message and reads its response.
     HRESULT Exchange(std::string_view payload = "p")
     {
-        const CAnswer answer = Send(*m_message, MakeMessage({}, payload));
-        EXPECT_EQ(ParamsOf(answer.message), SUCCEEDED(answer.result) ? (Params{ { L"a", L"1" } }) : Params{});
-        return answer.result;
+        const CResponse response = Send(*m_message, MakeMessage({}, payload));
+        EXPECT_EQ(ParamsOf(response.message), SUCCEEDED(response.result) ? (Params{ { L"a", L"1" } }) : Params{});
+        return response.result;
     }
     // Whether a code was reported; forgets the log. No secret may be there.
     bool WasReported(HRESULT code)
@@ -63,12 +64,12 @@ protected:
             EXPECT_EQ(line.text.find(kPassword), std::wstring::npos) << "a password in the log";
         return TakeReport(m_log, code);
     }
-    // What the probes are answered, and what the platform has of the user afterwards.
+    // Sets the statuses of the probes, the dialog's result, and what the platform knows of the user afterwards.
     void AnswerDialog(const std::deque<DWORD>& statuses, const wchar_t* user = L"ann",
-                      DWORD answer = ERROR_INTERNET_FORCE_RETRY)
+                      DWORD result = ERROR_INTERNET_FORCE_RETRY)
     {
         m_platform.statuses = statuses;
-        m_platform.dialogAnswer = answer;
+        m_platform.dialogResult = result;
         m_platform.texts = { { INTERNET_OPTION_PROXY_USERNAME, user },
                              { INTERNET_OPTION_PROXY_PASSWORD, *user ? kPassword : L"" } };
     }
@@ -111,7 +112,30 @@ TEST_F(WinINetTransport, ConnectsAndProbesUnlessTheStoreKnowsCredentials)
     EXPECT_THAT(m_platform.Take("OpenRequest"), ElementsAre("OpenRequest h2 POST / HTTP/1.0 null null 84e80000 0"));
 }
 
-TEST_F(WinINetTransport, ARefusedTuningIsNoReasonNotToConnect)
+TEST_F(WinINetTransport, ReadsAtMost64KBOfTheProbesBody)
+{
+    m_platform.probeBody.assign(70'000, 'x');
+    ASSERT_EQ(Connect(), S_OK);
+    EXPECT_EQ(m_platform.Take("Read h3 1").size(), 65'536U);
+}
+
+TEST_F(WinINetTransport, RedirectsEnd)
+{
+    const std::tuple<const wchar_t*, const wchar_t*, size_t> table[] = {
+        { L"https://server.example/", L"http://server.example/", 1 },
+        { L"http://server.example/", L"https://server.example/", 31 },
+    };
+    for (const auto& [url, location, sends] : table)
+    {
+        m_platform.statuses = { 200, 302 };
+        m_platform.headers = { { L"Location", location } };
+        ASSERT_EQ(Connect(url), S_OK);
+        EXPECT_EQ(Exchange(), kResultUnexpectedStatus);
+        EXPECT_THAT(m_platform.Take("SendRequestEx"), testing::SizeIs(sends));
+    }
+}
+
+TEST_F(WinINetTransport, ConnectsDespiteARefusedTuningOption)
 {
     const std::tuple<const char*, std::vector<DWORD>, HRESULT> table[] = {
         { "SetOption 2", { 12009U }, S_OK },           { "SetOption 6", { 87U }, Code(87) },
@@ -129,7 +153,7 @@ TEST_F(WinINetTransport, ARefusedTuningIsNoReasonNotToConnect)
     }
 }
 
-TEST_F(WinINetTransport, AnswersToTheDialogAreTriedAndKept)
+TEST_F(WinINetTransport, CredentialsFromTheDialogAreTriedAndSaved)
 {
     constexpr DWORD kRetry = ERROR_INTERNET_FORCE_RETRY;
     struct
@@ -144,7 +168,7 @@ TEST_F(WinINetTransport, AnswersToTheDialogAreTriedAndKept)
         { 401, kRetry, 200, L"", S_OK, 0 },
         { 407, ERROR_CANCELLED, 0, L"", S_OK, 0 },
         { 401, ERROR_CANCELLED, 0, L"", S_OK, 0 },
-        { 401, ERROR_SUCCESS, 401, L"", kResultUnexpectedStatus, 0 }, // what Wine makes of a user who cancels
+        { 401, ERROR_SUCCESS, 401, L"", kResultUnexpectedStatus, 0 }, // the result of a cancelled dialog under Wine
         { 407, kRetry, 407, L"ann", kResultUnexpectedStatus, 0 },
         { 407, ERROR_INVALID_HANDLE, 0, L"ann", Code(ERROR_INVALID_HANDLE), 0 },
     };
@@ -163,13 +187,17 @@ TEST_F(WinINetTransport, AnswersToTheDialogAreTriedAndKept)
             EXPECT_EQ(WasReported(row.result), FAILED(row.result));
         }
 
-    // It belongs to the active window, and what was entered is kept for the proxy of this server's URL.
-    const HWND window = ::GetDesktopWindow();
-    const CCallHook<decltype(&::GetActiveWindow)> hook("user32.dll", "GetActiveWindow", [=](auto) { return window; });
+    // The dialog's owner is a window of this thread: the desktop as its owner would disable every window. What was entered is
+    // kept for the proxy of this server's URL.
     UseStore();
     AnswerDialog({ 407, 200 });
     ASSERT_EQ(Connect(), S_OK);
-    EXPECT_EQ(m_platform.dialogOwner, window);
+    if (HasDisplay())
+    {
+        EXPECT_NE(m_platform.dialogOwner, ::GetDesktopWindow());
+        EXPECT_EQ(m_platform.dialogOwnerThread, ::GetCurrentThreadId());
+        EXPECT_FALSE(::IsWindow(m_platform.dialogOwner)) << "the library's own window is gone again";
+    }
     const Calls dialog = { "ErrorDialog h3 12014 7 0", "QueryOption h3 43", "QueryOption h3 43", "QueryOption h3 44",
                            "QueryOption h3 44" };
     EXPECT_THAT(m_platform.Take(), ElementsAreArray(kOpening + kOpenProbe + kProbe + dialog + kProbe + Calls{ "Close h3" }));
@@ -208,7 +236,7 @@ TEST_F(WinINetTransport, EveryFailureOfConnectingIsHandled)
         EXPECT_EQ(run(L""), Code(kReset));
         EXPECT_TRUE(WasReported(Code(kReset)));
     }
-    // What was entered cannot be read back: there is nothing to keep.
+    // The typed credentials cannot be read back, so nothing is saved.
     m_platform.errors["QueryOption"] = { kReset, kReset };
     EXPECT_EQ(run(L""), S_OK);
     EXPECT_TRUE(WasReported(Code(kReset)));
@@ -241,7 +269,7 @@ TEST_F(WinINetTransport, BodiesAreWrittenInPieces)
     EXPECT_EQ(Exchange(), E_FAIL);
 }
 
-TEST_F(WinINetTransport, CertificateErrorsArePassedOverAsTheSwitchesAllow)
+TEST_F(WinINetTransport, CertificateErrorsAreIgnoredAsTheSwitchesAllow)
 {
     // The error, the flags that pass it over, and whether it is the verification that forbids it, or the revocation.
     const std::tuple<DWORD, DWORD, bool> table[] = {
@@ -256,17 +284,17 @@ TEST_F(WinINetTransport, CertificateErrorsArePassedOverAsTheSwitchesAllow)
             {
                 SCOPED_TRACE(testing::Message() << error << ' ' << verify << ' ' << revocation);
                 ASSERT_EQ(Connect(L"https://server.example/", verify, revocation), S_OK);
-                EXPECT_THAT(m_platform.Take("QueryOption"), IsEmpty()); // nothing is passed over in advance
+                EXPECT_THAT(m_platform.Take("QueryOption"), IsEmpty()); // no error is ignored in advance
                 const bool widens = widening != 0 && !(byVerification ? verify : revocation);
                 m_platform.errors["SendRequestEx"] = { error };
                 EXPECT_EQ(Exchange(), widens ? S_OK : Code(error));
                 EXPECT_THAT(m_platform.Take("SetOption"), widens ? widened("h4", widening) : Calls());
                 EXPECT_EQ(WasReported(Code(error)), !widens);
             }
-    // What the second attempt says stands.
+    // The result of the second attempt is final.
     m_platform.errors = { { "SendRequestEx", { 12045, 12045 } } };
     EXPECT_EQ(Exchange(), Code(12045));
-    // The probe is no different.
+    // The same holds for the probe.
     m_platform.errors["SendRequest"] = { ERROR_INTERNET_INVALID_CA };
     ASSERT_EQ(Connect(L"https://server.example/"), S_OK);
     EXPECT_THAT(m_platform.calls, testing::IsSupersetOf(widened("h3", 0x3380)));
@@ -277,7 +305,7 @@ TEST_F(WinINetTransport, CertificateErrorsArePassedOverAsTheSwitchesAllow)
     EXPECT_EQ(Exchange(), Code(ERROR_INTERNET_INTERNAL_ERROR));
 }
 
-TEST_F(WinINetTransport, ARequestIsSentAgainWhenThePlatformAsksForItTwiceAtMost)
+TEST_F(WinINetTransport, ARequestIsSentAgainAtMostTwiceWhenThePlatformAsksForIt)
 {
     ASSERT_EQ(Connect(), S_OK);
     for (const size_t times : { 2U, 3U })
@@ -342,7 +370,7 @@ TEST_F(WinINetTransport, EveryFailureOfAnExchangeIsHandled)
     EXPECT_EQ(run(), Code(ERROR_INVALID_HANDLE));
 }
 
-TEST_F(WinINetTransport, HandlesAreClosedFromTheLeavesUp)
+TEST_F(WinINetTransport, HandlesAreClosedChildrenFirst)
 {
     for (const bool fails : { false, true })
     {
@@ -358,7 +386,7 @@ TEST_F(WinINetTransport, HandlesAreClosedFromTheLeavesUp)
         const Calls closed = m_platform.Take("Close");
         EXPECT_THAT(Calls(closed.begin(), closed.begin() + 3), ElementsAre("Close h4", "Close h2", "Close h1"));
 
-        // The request is of no use any more.
+        // The request cannot be used any more.
         CVoBinaryDataParser response;
         EXPECT_EQ(message->ReadResponse(request, response, Response::Parameters, nullptr, nullptr), E_FAIL);
         EXPECT_EQ(SendOn(*message, request), E_INVALIDARG);

@@ -1,6 +1,6 @@
 // WinINet asks for credentials in the system's own dialog, which only the real platform can show.
+#include "http/TransportFixture.h"
 #include "support/DialogUser.h"
-#include "support/HTTPSupport.h"
 #include "support/TestMain.h"
 
 #include <LoopbackServer.h>
@@ -35,8 +35,8 @@ TEST(WinINetDialog, AsksForCredentials)
         HRESULT result;
     } const table[] = {
         { L"wrong", IDOK, "Basic YW5uOndyb25n", kResultUnexpectedStatus },
-        { L"right", IDCANCEL, "", kResultUnexpectedStatus }, // S_OK on Windows, which tells that the user cancelled
-        { L"right", IDOK, "Basic YW5uOnJpZ2h0", S_OK },
+        { kPassword, IDCANCEL, "", kResultUnexpectedStatus }, // S_OK on Windows, which returns ERROR_CANCELLED
+        { kPassword, IDOK, kBasicCredentials, S_OK },
     };
     for (const auto& row : table)
     {
@@ -45,10 +45,8 @@ TEST(WinINetDialog, AsksForCredentials)
         const Loopback::CLoopbackServer server([&](const Loopback::CRequest& request, Loopback::CConnection& connection)
         {
             sent = request.Header("Authorization");
-            if (sent == table[2].sent)
+            if (Authenticate(request, connection))
                 connection.SendResponse(200, {}, "a=1");
-            else
-                connection.SendResponse(401, { { "WWW-Authenticate", "Basic realm=\"r\"" } });
         });
         const CDialogUser user([&](HWND dialog)
         {

@@ -1,93 +1,32 @@
+// A stand-in for WinINet, for what the platform does under Wine in another way or not at all.
 #pragma once
 
+#include "support/FakeService.h"
 #include "support/ImportHook.h"
-
-#include <gtest/gtest.h>
 
 #include <wininet.h>
 
-#include <algorithm>
-#include <deque>
-#include <iterator>
-#include <map>
-#include <set>
-#include <sstream>
-#include <string>
-#include <string_view>
-#include <utility>
-#include <vector>
-
 namespace TestSupport
 {
-// Stands in for WinINet in the program's imports while it lives: notes each call with its arguments, and answers as the
-// platform's documentation says and the test has set it up. Handles are named h1 (session), h2 (connection), h3, h4, ... (a
-// session's requests and further connections), h0 for none.
-class CFakeWinINet
+// Replaces WinINet in the program's imports while it lives: notes each call with its arguments, and responds as the platform's
+// documentation says and the test has set it up. h1 is the session, h2 its connection, h3, h4, ... its requests and further
+// connections.
+class CFakeWinINet : public CFakeService
 {
 public:
-    std::vector<std::string> calls;
-    // Of the next calls of a function, as it is named in `calls` ("SetOption 31" by option); 0 and an end of the list are
-    // success.
-    std::map<std::string, std::deque<DWORD>> errors;
-    std::deque<DWORD> statuses{ 200 };                 // of the next answers; the last one stays
-    std::multimap<std::wstring, std::wstring> headers; // of each response, by name
-    std::map<DWORD, std::wstring> texts;               // by option
-    std::string answer = "a=1";
+    std::deque<DWORD> statuses{ 200 };   // of the next responses; the last one stays
+    Headers headers;                     // of each response
+    std::map<DWORD, std::wstring> texts; // by option
+    std::string body = "a=1";            // of each response
+    std::string probeBody = "xyz";       // of the responses to the probe
     std::string written;
     DWORD writtenShort = 0; // so many bytes of each piece are not taken
     DWORD securityFlags = 0x10000001;
-    DWORD dialogAnswer = ERROR_INTERNET_FORCE_RETRY;
+    DWORD dialogResult = ERROR_INTERNET_FORCE_RETRY;
     HWND dialogOwner = nullptr;
-    std::multiset<UINT_PTR> open;
-
-    // The calls that begin so, and forgets all.
-    [[nodiscard]] std::vector<std::string> Take(std::string_view prefix = {})
-    {
-        std::erase_if(calls, [&](const std::string& call) { return !call.starts_with(prefix); });
-        return std::exchange(calls, {});
-    }
+    DWORD dialogOwnerThread = 0;
 
 private:
-    template <class... Parts>
-    void Note(const Parts&... parts)
-    {
-        std::ostringstream text;
-        (text << ... << parts);
-        calls.push_back(text.str());
-    }
-    static std::string Name(HINTERNET handle) { return " h" + std::to_string(reinterpret_cast<UINT_PTR>(handle)); }
-    static std::string Text(const wchar_t* text)
-    {
-        const std::wstring_view view = !text ? L"null" : *text ? text : L"empty";
-        return " " + std::string(view.begin(), view.end());
-    }
-    [[nodiscard]] bool Fails(const std::string& function)
-    {
-        std::deque<DWORD>& list = errors[function];
-        if (list.empty())
-            return false;
-        const DWORD error = list.front();
-        list.pop_front();
-        ::SetLastError(error);
-        return error != 0;
-    }
-    HINTERNET Opened(UINT_PTR value)
-    {
-        open.insert(value);
-        return reinterpret_cast<HINTERNET>(value);
-    }
-    static BOOL GiveText(const std::wstring& text, void* buffer, DWORD* bytes)
-    {
-        const DWORD needed = static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t));
-        const bool fits = buffer && *bytes >= needed;
-        if (fits)
-            std::copy_n(text.c_str(), text.size() + 1, static_cast<wchar_t*>(buffer));
-        else
-            ::SetLastError(ERROR_INSUFFICIENT_BUFFER);
-        *bytes = fits ? needed - DWORD{ sizeof(wchar_t) } : needed;
-        return fits;
-    }
-
     HINTERNET Open(LPCWSTR agent, DWORD type, LPCWSTR proxy, LPCWSTR bypass, DWORD flags)
     {
         Note("Open", Text(agent), ' ', type, Text(proxy), Text(bypass), ' ', flags);
@@ -134,10 +73,10 @@ private:
         EXPECT_FALSE(types && types[1]);
         return Opened(++m_lastRequest);
     }
-    BOOL SendRequest(HINTERNET request, LPCWSTR header, DWORD headerLength, LPVOID body, DWORD length)
+    BOOL SendRequest(HINTERNET request, LPCWSTR header, DWORD headerLength, LPVOID data, DWORD length)
     {
-        Note("SendRequest", Name(request), Text(header), ' ', headerLength, ' ', body != nullptr, ' ', length);
-        m_unread = "xyz";
+        Note("SendRequest", Name(request), Text(header), ' ', headerLength, ' ', data != nullptr, ' ', length);
+        m_unread = probeBody;
         return !Fails("SendRequest");
     }
     BOOL SendRequestEx(HINTERNET request, INTERNET_BUFFERSW* in, INTERNET_BUFFERSW* out, DWORD flags, DWORD_PTR context)
@@ -159,7 +98,7 @@ private:
     BOOL EndRequest(HINTERNET request, INTERNET_BUFFERSW* out, DWORD flags, DWORD_PTR context)
     {
         Note("EndRequest", Name(request), ' ', out != nullptr, ' ', flags, ' ', context);
-        m_unread = answer;
+        m_unread = body;
         return !Fails("EndRequest");
     }
     BOOL QueryInfo(HINTERNET request, DWORD query, void* buffer, DWORD* bytes, DWORD* index)
@@ -173,10 +112,7 @@ private:
             return !Fails("QueryStatus");
         }
         EXPECT_EQ(query, DWORD{ HTTP_QUERY_CUSTOM });
-        const auto [begin, end] = headers.equal_range(static_cast<const wchar_t*>(buffer));
-        if (std::distance(begin, end) <= static_cast<ptrdiff_t>(*index))
-            return ::SetLastError(ERROR_HTTP_HEADER_NOT_FOUND), FALSE;
-        return GiveText(std::next(begin, static_cast<ptrdiff_t>((*index)++))->second, buffer, bytes);
+        return GiveHeader(headers, static_cast<const wchar_t*>(buffer), buffer, bytes, index);
     }
     BOOL Available(HINTERNET /*request*/, DWORD* count, DWORD flags, DWORD_PTR context) const
     {
@@ -196,18 +132,9 @@ private:
     {
         Note("ErrorDialog", Name(request), ' ', error, ' ', flags, ' ', data != nullptr);
         dialogOwner = owner;
-        return dialogAnswer;
+        dialogOwnerThread = ::GetWindowThreadProcessId(owner, nullptr);
+        return dialogResult;
     }
-    BOOL Close(HINTERNET handle)
-    {
-        Note("Close", Name(handle));
-        const auto found = open.find(reinterpret_cast<UINT_PTR>(handle));
-        EXPECT_NE(found, open.end()) << "closed twice";
-        if (found != open.end())
-            open.erase(found);
-        return !Fails("Close");
-    }
-
     UINT_PTR m_lastRequest = 2;
     std::string m_unread;
 

@@ -95,7 +95,7 @@ public:
     std::vector<std::wstring> saved;
     // The URL of each query, empty for the configured proxy.
     std::vector<std::wstring> asked;
-    // What the two operations answer, where they are to fail.
+    // The results of the two operations.
     HRESULT queryResult = S_OK;
     HRESULT saveResult = S_OK;
 
@@ -265,7 +265,7 @@ struct CConnecting
     return message.SendMessage(request, parameters, kind, true, {}, {}, false, result);
 }
 
-struct CAnswer
+struct CResponse
 {
     HRESULT result = E_UNEXPECTED;
     CVoHTTPMessage::CSendResult send;
@@ -273,29 +273,30 @@ struct CAnswer
     bool isUtf8 = false;
     bool isEmpty = false;
 };
-// One request on a connected message, its answer read.
-[[nodiscard]] inline CAnswer Send(CVoHTTPMessage& message, const CVoBinaryDataParser& parameters, Kind kind = Kind::Raw,
-                                  bool allowRetry = false, Response read = Response::Parameters, bool utf8 = true,
-                                  std::wstring_view key = {}, std::wstring_view signatureName = {})
+// Sends one request on a connected message and reads its response.
+[[nodiscard]] inline CResponse Send(CVoHTTPMessage& message, const CVoBinaryDataParser& parameters, Kind kind = Kind::Raw,
+                                    bool allowRetry = false, Response read = Response::Parameters, bool utf8 = true,
+                                    std::wstring_view key = {}, std::wstring_view signatureName = {})
 {
-    CAnswer answer;
+    CResponse response;
     Request request;
-    answer.result = message.OpenRequest(request);
-    EXPECT_EQ(SUCCEEDED(answer.result), request != nullptr);
-    if (SUCCEEDED(answer.result))
-        answer.result = message.SendMessage(request, parameters, kind, utf8, key, signatureName, allowRetry, &answer.send);
-    if (SUCCEEDED(answer.result))
-        answer.result = message.ReadResponse(request, answer.message, read, &answer.isUtf8, &answer.isEmpty);
-    return answer;
+    response.result = message.OpenRequest(request);
+    EXPECT_EQ(SUCCEEDED(response.result), request != nullptr);
+    if (SUCCEEDED(response.result))
+        response.result = message.SendMessage(request, parameters, kind, utf8, key, signatureName, allowRetry, &response.send);
+    if (SUCCEEDED(response.result))
+        response.result = message.ReadResponse(request, response.message, read, &response.isUtf8, &response.isEmpty);
+    return response;
 }
 // The bytes that a GET of a path brings; none for the message's own path.
-[[nodiscard]] inline CAnswer Get(CVoHTTPMessage& message, std::wstring_view path = {})
+[[nodiscard]] inline CResponse Get(CVoHTTPMessage& message, std::wstring_view path = {})
 {
-    CAnswer answer;
+    CResponse response;
     Request request;
-    answer.result = message.SendGetRequest(request, path, false, &answer.send);
-    if (SUCCEEDED(answer.result))
-        answer.result = message.ReadResponse(request, answer.message, Response::Binary, &answer.isUtf8, &answer.isEmpty);
-    return answer;
+    response.result = message.SendGetRequest(request, path, false, &response.send);
+    if (SUCCEEDED(response.result))
+        response.result =
+            message.ReadResponse(request, response.message, Response::Binary, &response.isUtf8, &response.isEmpty);
+    return response;
 }
 } // namespace TestSupport

@@ -1,0 +1,110 @@
+// What the stand-ins of WinHTTP and WinINet share: the transcript of calls, failures on demand, handles and response headers.
+#pragma once
+
+#include <base/VoPlatform.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <deque>
+#include <iterator>
+#include <map>
+#include <mutex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace TestSupport
+{
+// Handles are named h1, h2, ... in `calls`, h0 for none. Calls and notifications may come from any thread.
+class CFakeService
+{
+public:
+    using Headers = std::multimap<std::wstring, std::wstring>; // of a response, by name
+
+    std::vector<std::string> calls;
+    // The errors of the next calls of a function, named as in `calls` ("SetOption 31": by option); 0 and the end of the list
+    // mean success.
+    std::map<std::string, std::deque<DWORD>> errors;
+    std::multiset<UINT_PTR> open;
+
+    // The calls whose text begins with one of the prefixes, all without prefixes; forgets all calls.
+    [[nodiscard]] std::vector<std::string> Take(std::initializer_list<std::string_view> prefixes = { "" })
+    {
+        const std::scoped_lock lock(m_lock);
+        std::erase_if(calls, [&](const std::string& call)
+        { return std::ranges::none_of(prefixes, [&](std::string_view prefix) { return call.starts_with(prefix); }); });
+        return std::exchange(calls, {});
+    }
+    [[nodiscard]] std::vector<std::string> Take(std::string_view prefix) { return Take({ prefix }); }
+
+protected:
+    template <class... Parts>
+    void Note(const Parts&... parts)
+    {
+        std::ostringstream text;
+        (text << ... << parts);
+        const std::scoped_lock lock(m_lock);
+        calls.push_back(text.str());
+    }
+    static std::string Name(void* handle) { return " h" + std::to_string(reinterpret_cast<UINT_PTR>(handle)); }
+    static std::string Text(const wchar_t* text)
+    {
+        const std::wstring_view view = !text ? L"null" : *text ? text : L"empty";
+        return " " + std::string(view.begin(), view.end());
+    }
+    [[nodiscard]] bool Fails(const std::string& function)
+    {
+        const std::scoped_lock lock(m_lock);
+        std::deque<DWORD>& list = errors[function];
+        if (list.empty())
+            return false;
+        const DWORD error = list.front();
+        list.pop_front();
+        ::SetLastError(error);
+        return error != 0;
+    }
+    void* Opened(UINT_PTR value)
+    {
+        const std::scoped_lock lock(m_lock);
+        open.insert(value);
+        return reinterpret_cast<void*>(value);
+    }
+    BOOL Close(void* handle)
+    {
+        const std::scoped_lock lock(m_lock);
+        Note("Close", Name(handle));
+        const auto found = open.find(reinterpret_cast<UINT_PTR>(handle));
+        EXPECT_NE(found, open.end()) << "closed twice";
+        if (found != open.end())
+            open.erase(found);
+        return !Fails("Close");
+    }
+    static BOOL GiveText(const std::wstring& text, void* buffer, DWORD* bytes)
+    {
+        const DWORD needed = static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t));
+        const bool fits = buffer && *bytes >= needed;
+        if (fits)
+            std::copy_n(text.c_str(), text.size() + 1, static_cast<wchar_t*>(buffer));
+        else
+            ::SetLastError(ERROR_INSUFFICIENT_BUFFER);
+        *bytes = fits ? needed - DWORD{ sizeof(wchar_t) } : needed;
+        return fits;
+    }
+    // The header number `index` (null: 0) of a name, as both services give it.
+    static BOOL GiveHeader(const Headers& headers, const wchar_t* name, void* buffer, DWORD* bytes, DWORD* index)
+    {
+        constexpr DWORD kHeaderNotFound = 12150; // ERROR_HTTP_HEADER_NOT_FOUND, ERROR_WINHTTP_HEADER_NOT_FOUND
+        const auto [begin, end] = headers.equal_range(name);
+        const DWORD number = index ? (*index)++ : 0;
+        if (std::distance(begin, end) <= static_cast<ptrdiff_t>(number))
+            return ::SetLastError(kHeaderNotFound), FALSE;
+        return GiveText(std::next(begin, static_cast<ptrdiff_t>(number))->second, buffer, bytes);
+    }
+
+    std::recursive_mutex m_lock; // a notification may call the service
+};
+} // namespace TestSupport

@@ -1,0 +1,238 @@
+// A stand-in for WinHTTP in asynchronous mode, for what the platform does under Wine in another way or not at all.
+#pragma once
+
+#include "support/FakeService.h"
+#include "support/ImportHook.h"
+
+#include <winhttp.h>
+
+#include <thread>
+
+namespace TestSupport
+{
+struct CWinHttpResponse
+{
+    DWORD status = 200;
+    CFakeService::Headers headers = {};
+    std::string body = "a=1";
+    DWORD error = 0; // instead of a response, when it is not 0
+};
+
+// Replaces WinHTTP in the program's imports while it lives: notes each call with its arguments, and responds as the platform's
+// documentation says and the test has set it up. Handles are numbered in the order in which they are opened, from 1 again once
+// all are closed. Notifications come on threads of the stand-in, or on the thread that makes the call; the platform may do
+// both.
+class CFakeWinHttp : public CFakeService
+{
+public:
+    std::deque<CWinHttpResponse> responses{ CWinHttpResponse() }; // to the next sends; the last one stays
+    DWORD schemes = WINHTTP_AUTH_SCHEME_BASIC;
+    std::string sent; // the last body
+
+    explicit CFakeWinHttp(bool ownThreads) : m_ownThreads(ownThreads) {}
+    ~CFakeWinHttp()
+    {
+        for (std::vector<std::thread> ended;; ended.clear())
+        {
+            {
+                const std::scoped_lock lock(m_lock);
+                ended.swap(m_threads);
+            }
+            if (ended.empty())
+                return;
+            for (std::thread& thread : ended)
+                thread.join();
+        }
+    }
+
+private:
+    struct CRequest
+    {
+        WINHTTP_STATUS_CALLBACK callback = nullptr;
+        DWORD_PTR context = 0;
+        CWinHttpResponse response = {};
+    };
+
+    HINTERNET OpenNext(const std::string& function)
+    {
+        const std::scoped_lock lock(m_lock);
+        return Fails(function) ? nullptr : Opened(open.empty() ? m_last = 1 : ++m_last);
+    }
+    CRequest& RequestOf(HINTERNET handle) { return m_requests[reinterpret_cast<UINT_PTR>(handle)]; }
+    // Completes an operation with the notification that `notify` makes, unless the request has been closed by then.
+    template <class Notify>
+    BOOL Complete(const std::string& function, HINTERNET handle, Notify notify)
+    {
+        const std::scoped_lock lock(m_lock);
+        if (Fails(function))
+            return FALSE;
+        const auto complete = [this, handle, notify]
+        {
+            const std::scoped_lock serving(m_lock);
+            if (m_requests.count(reinterpret_cast<UINT_PTR>(handle)) != 0)
+                notify(RequestOf(handle), [&](DWORD status, auto& information, DWORD length)
+                {
+                    const CRequest& request = RequestOf(handle);
+                    const auto [callback, context] = std::pair(request.callback, request.context);
+                    callback(handle, context, status, &information, length);
+                });
+        };
+        if (m_ownThreads)
+            m_threads.emplace_back(complete);
+        else
+            complete();
+        return TRUE;
+    }
+
+    HINTERNET Open(LPCWSTR agent, DWORD access, LPCWSTR proxy, LPCWSTR bypass, DWORD flags)
+    {
+        Note("Open", Text(agent), ' ', access, ' ', proxy || bypass, ' ', std::hex, flags);
+        return OpenNext("Open");
+    }
+    HINTERNET Connect(HINTERNET session, LPCWSTR host, INTERNET_PORT port, DWORD reserved)
+    {
+        Note("Connect", Name(session), Text(host), ' ', port, ' ', reserved);
+        return OpenNext("Connect");
+    }
+    HINTERNET OpenRequest(HINTERNET connection, LPCWSTR verb, LPCWSTR object, LPCWSTR version, LPCWSTR referrer, LPCWSTR* types,
+                          DWORD flags)
+    {
+        Note("Request", Name(connection), Text(verb), Text(object), Text(version), ' ', referrer || types, ' ', std::hex,
+             flags);
+        const std::scoped_lock lock(m_lock);
+        const HINTERNET request = OpenNext("Request");
+        if (request)
+            RequestOf(request) = {};
+        return request;
+    }
+    BOOL SetOption(HINTERNET handle, DWORD option, void* value, DWORD length)
+    {
+        const auto& proxy = *static_cast<const WINHTTP_PROXY_INFO*>(value);
+        const std::scoped_lock lock(m_lock);
+        if (option == WINHTTP_OPTION_PROXY)
+            Note("Use", Name(handle), ' ', proxy.dwAccessType, Text(proxy.lpszProxy), ' ', proxy.lpszProxyBypass != nullptr);
+        else if (option == WINHTTP_OPTION_CONTEXT_VALUE)
+            RequestOf(handle).context = *static_cast<const DWORD_PTR*>(value);
+        else if (length == sizeof(DWORD))
+            Note("Option", Name(handle), ' ', option, ' ', std::hex, *static_cast<const DWORD*>(value));
+        return !Fails("Option " + std::to_string(option));
+    }
+    BOOL QueryOption(HINTERNET handle, DWORD option, void* buffer, DWORD* length)
+    {
+        const std::scoped_lock lock(m_lock);
+        if (option == WINHTTP_OPTION_CONTEXT_VALUE && *length >= sizeof(DWORD_PTR))
+            return *static_cast<DWORD_PTR*>(buffer) = RequestOf(handle).context, TRUE;
+        ::SetLastError(ERROR_WINHTTP_INVALID_OPTION);
+        return FALSE;
+    }
+    WINHTTP_STATUS_CALLBACK SetCallback(HINTERNET handle, WINHTTP_STATUS_CALLBACK callback, DWORD /*mask*/, DWORD_PTR /*none*/)
+    {
+        const std::scoped_lock lock(m_lock);
+        return std::exchange(RequestOf(handle).callback, callback);
+    }
+    BOOL AddHeaders(HINTERNET handle, LPCWSTR text, DWORD length, DWORD /*modifiers*/)
+    {
+        Note("Header", Name(handle), Text(std::wstring(text, length).c_str()));
+        return TRUE;
+    }
+    BOOL SetCredentials(HINTERNET handle, DWORD target, DWORD scheme, LPCWSTR user, LPCWSTR password, void* /*none*/)
+    {
+        Note("Use", Name(handle), ' ', target, ' ', scheme, Text(user), Text(password));
+        return TRUE;
+    }
+    BOOL Send(HINTERNET handle, LPCWSTR /*headers*/, DWORD /*length*/, void* body, DWORD length, DWORD total, DWORD_PTR context)
+    {
+        EXPECT_EQ(length, total);
+        const std::scoped_lock lock(m_lock);
+        Note("Send", Name(handle), ' ', length);
+        sent.assign(static_cast<const char*>(body), length);
+        RequestOf(handle).context = context;
+        RequestOf(handle).response = responses.front();
+        if (responses.size() > 1)
+            responses.pop_front();
+        return Complete("Send", handle, [](CRequest& request, auto notify)
+        { notify(WINHTTP_CALLBACK_STATUS_SENDREQUEST_COMPLETE, request, 0); });
+    }
+    BOOL Receive(HINTERNET handle, void* /*none*/)
+    {
+        return Complete("Receive", handle, [](CRequest& request, auto notify)
+        {
+            WINHTTP_ASYNC_RESULT result{ API_RECEIVE_RESPONSE, request.response.error };
+            notify(result.dwError ? WINHTTP_CALLBACK_STATUS_REQUEST_ERROR : WINHTTP_CALLBACK_STATUS_HEADERS_AVAILABLE, result,
+                   DWORD{ sizeof result });
+        });
+    }
+    BOOL QueryHeaders(HINTERNET handle, DWORD level, LPCWSTR name, void* buffer, DWORD* bytes, DWORD* index)
+    {
+        const std::scoped_lock lock(m_lock);
+        const CWinHttpResponse& response = RequestOf(handle).response;
+        if (level == (WINHTTP_QUERY_STATUS_CODE | WINHTTP_QUERY_FLAG_NUMBER))
+            return *static_cast<DWORD*>(buffer) = response.status, TRUE;
+        EXPECT_TRUE(level == WINHTTP_QUERY_CUSTOM || level == WINHTTP_QUERY_SET_COOKIE);
+        return GiveHeader(response.headers, level == WINHTTP_QUERY_CUSTOM ? name : L"Set-Cookie", buffer, bytes, index);
+    }
+    BOOL QuerySchemes(HINTERNET handle, DWORD* supported, DWORD* first, DWORD* target)
+    {
+        const std::scoped_lock lock(m_lock);
+        *supported = *first = schemes;
+        *target = RequestOf(handle).response.status == 407 ? WINHTTP_AUTH_TARGET_PROXY : WINHTTP_AUTH_TARGET_SERVER;
+        return TRUE;
+    }
+    BOOL Available(HINTERNET handle, DWORD* /*none*/)
+    {
+        return Complete("Available", handle, [](CRequest& request, auto notify)
+        {
+            DWORD count = static_cast<DWORD>(request.response.body.size());
+            notify(WINHTTP_CALLBACK_STATUS_DATA_AVAILABLE, count, DWORD{ sizeof count });
+        });
+    }
+    BOOL Read(HINTERNET handle, void* buffer, DWORD size, DWORD* /*none*/)
+    {
+        return Complete("Read", handle, [=](CRequest& request, auto notify)
+        {
+            std::string& unread = request.response.body;
+            const size_t count = unread.copy(static_cast<char*>(buffer), size);
+            unread.erase(0, count);
+            notify(WINHTTP_CALLBACK_STATUS_READ_COMPLETE, *static_cast<char*>(buffer), static_cast<DWORD>(count));
+        });
+    }
+    BOOL CloseHandle(HINTERNET handle)
+    {
+        const std::scoped_lock lock(m_lock);
+        const auto request = m_requests.extract(reinterpret_cast<UINT_PTR>(handle));
+        if (!Close(handle))
+            return FALSE;
+        if (request && request.mapped().callback)
+            request.mapped().callback(handle, request.mapped().context, WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING, &handle,
+                                      sizeof handle);
+        return TRUE;
+    }
+
+    const bool m_ownThreads;
+    UINT_PTR m_last = 0;
+    std::map<UINT_PTR, CRequest> m_requests;
+    std::vector<std::thread> m_threads; // one for each notification
+
+#define VO_REPLACE(function, member)                                                                                           \
+    const CCallHook<decltype(&::function)> m_##member                                                                          \
+    {                                                                                                                          \
+        "winhttp.dll", #function, [this](auto, auto... arguments) { return member(arguments...); }                             \
+    }
+    VO_REPLACE(WinHttpOpen, Open);
+    VO_REPLACE(WinHttpConnect, Connect);
+    VO_REPLACE(WinHttpOpenRequest, OpenRequest);
+    VO_REPLACE(WinHttpSetOption, SetOption);
+    VO_REPLACE(WinHttpQueryOption, QueryOption);
+    VO_REPLACE(WinHttpSetStatusCallback, SetCallback);
+    VO_REPLACE(WinHttpAddRequestHeaders, AddHeaders);
+    VO_REPLACE(WinHttpSetCredentials, SetCredentials);
+    VO_REPLACE(WinHttpSendRequest, Send);
+    VO_REPLACE(WinHttpReceiveResponse, Receive);
+    VO_REPLACE(WinHttpQueryHeaders, QueryHeaders);
+    VO_REPLACE(WinHttpQueryAuthSchemes, QuerySchemes);
+    VO_REPLACE(WinHttpQueryDataAvailable, Available);
+    VO_REPLACE(WinHttpReadData, Read);
+    VO_REPLACE(WinHttpCloseHandle, CloseHandle);
+#undef VO_REPLACE
+};
+} // namespace TestSupport
