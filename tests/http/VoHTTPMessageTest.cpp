@@ -5,6 +5,8 @@
 
 #include <base/VoModuleInformation.h>
 #include <base/VoUtils.h>
+#include <base/utils/VoDataConversion.h>
+#include <win/OrvDigSign.h>
 
 #include <gtest/gtest.h>
 
@@ -117,6 +119,43 @@ TEST(HTTPMessage, TheSignatureBaseCoversTypeLengthAndDigest)
     std::wstring digest;
     EXPECT_EQ(CVoHTTPMessage::CreateContentDigest({ reinterpret_cast<const BYTE*>(body.data()), body.size() }, digest), S_OK);
     EXPECT_EQ(digest, L"sha-256=:RK/0qy18MlBSVnWgjwz6lZEWjP/lF5HF9bvEF8FabDg=:");
+}
+
+TEST(HTTPMessage, BothFormsOfSignMessageAppendTheSignatureOfTheBody)
+{
+    std::wstring privateKey, publicKey;
+    ASSERT_EQ(OrvDigSign::COrvRSAKey::Generate(2048, privateKey, publicKey), S_OK);
+    const auto signedBody = [&](bool sign)
+    {
+        CVoByteBuffer buffer(std::unique_ptr<BYTE[]>(new BYTE[3]{ 'a', '=', '1' }), 3);
+        BYTE* bytes = new BYTE[3]{ 'a', '=', '1' };
+        UINT32 length = 3;
+        EXPECT_EQ(CVoHTTPMessage::SignMessage(sign, buffer, privateKey, L"sig"), sign ? S_OK : E_INVALIDARG);
+        EXPECT_EQ(CVoHTTPMessage::SignMessage(sign, bytes, length, privateKey, L"sig"), sign ? S_OK : E_INVALIDARG);
+        const CVoByteBuffer owned(std::unique_ptr<BYTE[]>(bytes), length);
+        EXPECT_TRUE(std::equal(bytes, bytes + length, buffer.Data(), buffer.Data() + buffer.Length()));
+        return std::string(bytes, bytes + length);
+    };
+    EXPECT_EQ(signedBody(false), "a=1");
+    const std::string body = signedBody(true);
+    ASSERT_TRUE(body.starts_with("a=1&sig=")) << body;
+    const std::string encoded = body.substr(8);
+    EXPECT_EQ(encoded.find_first_of("+/="), std::string::npos) << "the signature must survive as a form value";
+    CVoByteBuffer signature;
+    ASSERT_EQ(VoDataConversion::Base64ToBin(Wide(encoded), signature.PutBytes(), signature.PutLength()), S_OK);
+    OrvDigSign::COrvSHA1Hash hash;
+    bool valid = false;
+    EXPECT_EQ(OrvDigSign::COrvDigitalSignature::VerifyString(reinterpret_cast<const BYTE*>(body.data()), 3, hash,
+                                                             signature.Data(), signature.Length(), publicKey, valid),
+              S_OK);
+    EXPECT_TRUE(valid);
+    // A signed form is built the same way.
+    CVoHTTPContent content;
+    EXPECT_EQ(VoCreateContent(MakeMessage({ { L"a", L"1" } }), Kind::SignedForm, true, privateKey, L"sig",
+                              CVoReporter{ kSource, L"test" }, {}, content),
+              S_OK);
+    EXPECT_EQ(std::string(content.body.Data(), content.body.Data() + content.body.Length()), body);
+    EXPECT_EQ(content.header, L"Content-Type: application/x-www-form-urlencoded; charset=UTF-8");
 }
 
 TEST(HTTPMessage, CharsetAndUtf8AnywhereInTheContentTypeNameUtf8)
