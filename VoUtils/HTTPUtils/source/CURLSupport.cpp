@@ -1,6 +1,7 @@
 // The parts of the libcurl transport; see CURLSupport.h.
 #include "CURLSupport.h"
 
+#include "VoCookieBytes.h"
 #include "VoDataLog.h"
 #include "VoUrl.h"
 
@@ -239,7 +240,8 @@ try
         // A 407 is the proxy's response, so its cookies are not the server's.
         if (headers.cookieStore && headers.statusCode != L"407")
         {
-            const HRESULT hr = headers.cookieStore->AddCookieFromString(CVoBstr(HeaderValue(text, kSetCookie.size())).Get(),
+            const std::wstring cookie = VoCookieTextFromBytes(bytes.substr(kSetCookie.size()));
+            const HRESULT hr = headers.cookieStore->AddCookieFromString(CVoBstr(HeaderValue(cookie, 0)).Get(),
                                                                         CVoBstr(headers.requestUrl).Get());
             if (FAILED(hr)) // the cookie is dropped, the response stands
                 report(433, hr);
@@ -336,7 +338,7 @@ try
                 CVoBstr(headers.requestUrl).Get(), headers.isSecure ? VARIANT_TRUE : VARIANT_FALSE, cookie.Put());
             FAILED(hr))
             report(350, hr); // the redirect is sent without cookies
-    (void)VoStringToUTF8(cookie.View(), cookieBytes);
+    cookieBytes = VoCookieBytesFromText(cookie.View());
     headers.cookieReplaced = true;
     const char* const value = cookieBytes.empty() ? nullptr : cookieBytes.c_str();
     return SUCCEEDED(CURLSetOpt(headers.handle, CURLOPT_COOKIE, value)) ? CURL_PREREQFUNC_OK : CURL_PREREQFUNC_ABORT;

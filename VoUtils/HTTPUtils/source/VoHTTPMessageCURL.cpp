@@ -2,6 +2,7 @@
 #include <VoHTTPMessageCURL.h>
 
 #include "CURLSupport.h"
+#include "VoCookieBytes.h"
 #include "VoHTTPTransport.h"
 #include "VoUrl.h"
 
@@ -72,6 +73,8 @@ constexpr CVoTransportTracePoints kTracePoints{
                          .open = 1005,
                          .cookie = 1010,
                          .redirect = 1015,
+                         .ask = 969,
+                         .declined = 972,
                          .address = 1025,
                          .status = 1026 },
     .readResponse = { .function = L"VoHTTPMessageCURL::CVoHTTPMessageCURL::ReadResponse",
@@ -125,18 +128,18 @@ private:
     [[nodiscard]] HRESULT OpenSession() override;
     [[nodiscard]] HRESULT CloseSession() noexcept override;
     [[nodiscard]] std::shared_ptr<CRequest> MakeRequest() override;
-    [[nodiscard]] HRESULT OpenHandle(CRequest& request) override;
+    [[nodiscard]] HRESULT OpenHandle(CRequest& opened) override;
     [[nodiscard]] HRESULT CloseHandle(CRequest& /*request*/) noexcept override { return S_OK; } // its connections are its own
-    [[nodiscard]] HRESULT SendOnce(CRequest& request, std::span<const BYTE> body, const std::wstring& contentType) override;
-    [[nodiscard]] HRESULT UseCredentials(CRequest& request, bool proxy, const CCredentials& credentials) override;
-    [[nodiscard]] HRESULT ResetConnection(CRequest& request) noexcept override;
-    void EndSend(CRequest& request) noexcept override;
-    [[nodiscard]] std::optional<std::wstring> CheckHeader(const CRequest& request, const wchar_t* name) const override;
+    [[nodiscard]] HRESULT SendOnce(CRequest& sent, std::span<const BYTE> body, const std::wstring& contentType) override;
+    [[nodiscard]] HRESULT UseCredentials(CRequest& asked, bool proxy, const CCredentials& typed) override;
+    [[nodiscard]] HRESULT ResetConnection(CRequest& failed) noexcept override;
+    void EndSend(CRequest& sent) noexcept override;
+    [[nodiscard]] std::optional<std::wstring> CheckHeader(const CRequest& asked, const wchar_t* name) const override;
     [[nodiscard]] HRESULT FetchBody(CRequest& request, std::vector<BYTE>& bytes) override;
 
     [[nodiscard]] HRESULT PrepareSend(CHTTPRequestDataCURL& request, const std::wstring& contentType);
     [[nodiscard]] HRESULT Perform(CHTTPRequestDataCURL& request, std::span<const BYTE> body);
-    [[nodiscard]] HRESULT ReadTarget(CHTTPRequestDataCURL& request) const;
+    [[nodiscard]] static HRESULT ReadTarget(CHTTPRequestDataCURL& request);
     [[nodiscard]] HRESULT GoToTarget(CHTTPRequestDataCURL& request) const;
 
     std::shared_ptr<CCURLConnections> m_connections; // shared by the requests, so that they use one connection after the other
@@ -405,8 +408,7 @@ HRESULT CVoHTTPMessageCURL::OpenHandle(CRequest& opened)
                 .Set(1282, CURLOPT_PROXYPASSWORD, credentials.password.Get().c_str());
     }
     options.Set(1287, CURLOPT_ERRORBUFFER, request.m_errorText.data());
-    if (hr = VoStringToUTF8(request.m_cookieHeader, request.m_cookie); FAILED(hr))
-        return report(1300, hr);
+    request.m_cookie = VoCookieBytesFromText(request.m_cookieHeader);
     if (request.m_cookie.empty())
         options.Set(1310, CURLOPT_COOKIE, static_cast<const char*>(nullptr));
     else
@@ -534,7 +536,7 @@ HRESULT CVoHTTPMessageCURL::Perform(CHTTPRequestDataCURL& request, std::span<con
 }
 
 // The server that sent the response, as libcurl names it: redirects may have led to another.
-HRESULT CVoHTTPMessageCURL::ReadTarget(CHTTPRequestDataCURL& request) const
+HRESULT CVoHTTPMessageCURL::ReadTarget(CHTTPRequestDataCURL& request)
 {
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::internalSendRAW" };
     const char* effectiveUrl = nullptr;
@@ -588,7 +590,7 @@ HRESULT CVoHTTPMessageCURL::GoToTarget(CHTTPRequestDataCURL& request) const
     std::wstring cookie;
     std::string cookieBytes;
     if (SUCCEEDED(GetCookieHeader(request.m_target, cookie)))
-        (void)VoStringToUTF8(cookie, cookieBytes);
+        cookieBytes = VoCookieBytesFromText(cookie);
     options.Set(981, CURLOPT_COOKIE, NullIfEmpty(cookieBytes));
     request.m_isRetargeted = true;
     request.m_handleOrigin = request.m_target.BaseURL();

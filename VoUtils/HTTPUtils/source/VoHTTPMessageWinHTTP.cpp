@@ -77,6 +77,8 @@ constexpr CVoTransportTracePoints kTracePoints{
                          .open = 475,
                          .cookie = 605,
                          .redirect = 580,
+                         .ask = 582,
+                         .declined = 583,
                          .address = 485,
                          .status = 487 },
     .readResponse = { .function = L"CVoHTTPMessageWinHTTP::ReadResponse",
@@ -140,18 +142,18 @@ private:
     [[nodiscard]] HRESULT OpenSession() override;
     [[nodiscard]] HRESULT CloseSession() noexcept override;
     [[nodiscard]] std::shared_ptr<CRequest> MakeRequest() override;
-    [[nodiscard]] HRESULT OpenHandle(CRequest& request) override;
-    [[nodiscard]] HRESULT CloseHandle(CRequest& request) noexcept override;
-    [[nodiscard]] HRESULT SendOnce(CRequest& request, std::span<const BYTE> body, const std::wstring& contentType) override;
+    [[nodiscard]] HRESULT OpenHandle(CRequest& opened) override;
+    [[nodiscard]] HRESULT CloseHandle(CRequest& opened) noexcept override;
+    [[nodiscard]] HRESULT SendOnce(CRequest& sent, std::span<const BYTE> body, const std::wstring& contentType) override;
     [[nodiscard]] std::optional<std::wstring> CheckHeader(const CRequest& request, const wchar_t* name) const override;
     [[nodiscard]] bool ReadSetCookie(const CRequest& request, DWORD index, std::wstring& value) const override;
-    [[nodiscard]] HRESULT FetchBody(CRequest& request, std::vector<BYTE>& bytes) override;
+    [[nodiscard]] HRESULT FetchBody(CRequest& answered, std::vector<BYTE>& bytes) override;
     [[nodiscard]] const std::wstring* ProxyQuestion(const CRequest& request) const override;
 
     [[nodiscard]] HRESULT RewriteLoopback();
     [[nodiscard]] HRESULT InitSession() noexcept;
-    [[nodiscard]] HRESULT SetProxy(CHTTPRequestDataWinHTTP& request) const;
-    [[nodiscard]] HRESULT SetCookie(CHTTPRequestDataWinHTTP& request) const;
+    [[nodiscard]] static HRESULT SetProxy(CHTTPRequestDataWinHTTP& request);
+    [[nodiscard]] static HRESULT SetCookie(CHTTPRequestDataWinHTTP& request);
     [[nodiscard]] HRESULT MakeExchange(CHTTPRequestDataWinHTTP& request, std::span<const BYTE> body,
                                        const std::wstring& contentType);
 
@@ -335,7 +337,7 @@ HRESULT CVoHTTPMessageWinHTTP::CloseHandle(CRequest& opened) noexcept
     return SUCCEEDED(connection) ? S_OK : report(330, connection);
 }
 
-HRESULT CVoHTTPMessageWinHTTP::SetProxy(CHTTPRequestDataWinHTTP& request) const
+HRESULT CVoHTTPMessageWinHTTP::SetProxy(CHTTPRequestDataWinHTTP& request)
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinHTTP::SetProxy" };
     if (!request.m_proxy.empty())
@@ -360,7 +362,7 @@ HRESULT CVoHTTPMessageWinHTTP::SetProxy(CHTTPRequestDataWinHTTP& request) const
     return S_OK;
 }
 
-HRESULT CVoHTTPMessageWinHTTP::SetCookie(CHTTPRequestDataWinHTTP& request) const
+HRESULT CVoHTTPMessageWinHTTP::SetCookie(CHTTPRequestDataWinHTTP& request)
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinHTTP::SetCookie" };
     // WinHTTP would keep cookies of its own beside the store's.

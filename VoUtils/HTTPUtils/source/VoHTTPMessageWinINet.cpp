@@ -79,6 +79,8 @@ constexpr CVoTransportTracePoints kTracePoints{
                          .open = 625,
                          .cookie = 740,
                          .redirect = 675,
+                         .ask = 676,
+                         .declined = 677,
                          .address = 680,
                          .status = 685 },
     .readResponse = { .function = L"CVoHTTPMessageWinINet::ReadResponse",
@@ -139,12 +141,12 @@ private:
     [[nodiscard]] HRESULT OpenSession() override;
     [[nodiscard]] HRESULT CloseSession() noexcept override;
     [[nodiscard]] std::shared_ptr<CRequest> MakeRequest() override;
-    [[nodiscard]] HRESULT OpenHandle(CRequest& request) override;
+    [[nodiscard]] HRESULT OpenHandle(CRequest& opened) override;
     [[nodiscard]] HRESULT CloseHandle(CRequest& request) noexcept override;
-    [[nodiscard]] HRESULT SendOnce(CRequest& request, std::span<const BYTE> body, const std::wstring& contentType) override;
+    [[nodiscard]] HRESULT SendOnce(CRequest& sent, std::span<const BYTE> body, const std::wstring& contentType) override;
     [[nodiscard]] std::optional<std::wstring> CheckHeader(const CRequest& request, const wchar_t* name) const override;
     [[nodiscard]] bool ReadSetCookie(const CRequest& request, DWORD index, std::wstring& value) const override;
-    [[nodiscard]] HRESULT FetchBody(CRequest& request, std::vector<BYTE>& bytes) override;
+    [[nodiscard]] HRESULT FetchBody(CRequest& answered, std::vector<BYTE>& bytes) override;
 
     [[nodiscard]] HRESULT OpenConnection(const CServerAddressData& address, CInternetHandle& connection) const;
     [[nodiscard]] HRESULT SetTimeoutsAndLimits(const CInternetHandle& connection) const noexcept;
@@ -508,7 +510,7 @@ HRESULT CVoHTTPMessageWinINet::WriteBody(CHTTPRequestDataWinINet& request, std::
     request.m_sent = 0;
     for (size_t position = 0; position < body.size();)
     {
-        const DWORD piece = static_cast<DWORD>(std::min<size_t>(kMaximumPiece, body.size() - position));
+        const auto piece = static_cast<DWORD>(std::min<size_t>(kMaximumPiece, body.size() - position));
         DWORD written = 0;
         if (!::InternetWriteFile(request.m_handle.Get(), body.data() + position, piece, &written))
             return report.LastError(710, 711);

@@ -486,6 +486,7 @@ HRESULT CVoHTTPTransport::Attempt(CRequest& request, const CVoHTTPContent& conte
 // Sends to the request's target until nobody asks for credentials any more.
 HRESULT CVoHTTPTransport::SendToTarget(CRequest& request, std::span<const BYTE> body, const std::wstring& contentType)
 {
+    const CVoReporter report{ m_points.source, m_points.internalSendRAW.function };
     for (;;)
     {
         request.m_statusCode = 0;
@@ -501,7 +502,7 @@ HRESULT CVoHTTPTransport::SendToTarget(CRequest& request, std::span<const BYTE> 
             return S_OK;
         CCredentials credentials;
         if (const HRESULT hr = AskForCredentials(request, proxyAsks, credentials); FAILED(hr))
-            return hr;
+            return report(hr == kResultCancelled ? m_points.internalSendRAW.declined : m_points.internalSendRAW.ask, hr);
         if (const HRESULT hr = UseCredentials(request, proxyAsks, credentials); FAILED(hr))
             return hr;
     }

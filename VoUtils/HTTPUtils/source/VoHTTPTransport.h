@@ -94,6 +94,8 @@ struct CVoTransportTracePoints
         int open;     // no fresh handle
         int cookie;   // a cookie was refused; it is dropped
         int redirect; // a redirect is not followed
+        int ask;      // asking for credentials failed (asksBetweenSends only)
+        int declined; // nobody gave credentials (asksBetweenSends only)
         int address;  // "Addr:..."
         int status;   // the status is not 200, or (for some) any other failure
     } internalSendRAW;

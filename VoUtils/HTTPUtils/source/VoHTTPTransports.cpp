@@ -8,7 +8,6 @@
 #include <base/VoErrorHandler.h>
 #include <base/VoModuleInformation.h>
 
-#include <algorithm>
 #include <array>
 
 namespace

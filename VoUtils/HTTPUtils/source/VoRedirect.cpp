@@ -41,10 +41,11 @@ std::wstring_view SchemeOf(std::wstring_view reference) noexcept
 {
     if (reference.empty() || !IsAlpha(reference.front()))
         return {};
-    const auto end = std::find_if_not(reference.begin(), reference.end(),
-                                      [](wchar_t c) { return IsAlphaNumeric(c) || c == L'+' || c == L'-' || c == L'.'; });
-    return end != reference.end() && *end == L':' ? reference.substr(0, static_cast<size_t>(end - reference.begin()) + 1)
-                                                  : std::wstring_view();
+    const auto isPart = [](wchar_t c) { return IsAlphaNumeric(c) || c == L'+' || c == L'-' || c == L'.'; };
+    size_t end = 1;
+    while (end < reference.size() && isPart(reference[end]))
+        ++end;
+    return end < reference.size() && reference[end] == L':' ? reference.substr(0, end + 1) : std::wstring_view();
 }
 
 bool IsPlainAuthority(std::wstring_view authority) noexcept
