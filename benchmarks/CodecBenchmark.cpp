@@ -105,24 +105,24 @@ void CompareEncoding(const CEncoding& encoding, const char* sizeName, size_t siz
     (void)encoding.encode(bytes.data(), static_cast<INT32>(size), plain, 0);
 
     const Benchmark::CContender copy{ "memcpy of the bytes", [&]
-                                      {
-                                          std::memcpy(copied.data(), bytes.data(), bytes.size());
-                                          Benchmark::Keep(copied);
-                                      } };
+    {
+        std::memcpy(copied.data(), bytes.data(), bytes.size());
+        Benchmark::Keep(copied);
+    } };
     std::vector<Benchmark::CContender> encoders = {
         { "library",
           [&]
-          {
-              std::wstring made;
-              (void)encoding.encode(bytes.data(), static_cast<INT32>(bytes.size()), made, encoding.line);
-              Benchmark::Keep(made);
-          } },
+    {
+        std::wstring made;
+        (void)encoding.encode(bytes.data(), static_cast<INT32>(bytes.size()), made, encoding.line);
+        Benchmark::Keep(made);
+    } },
         { "library, into a text that is used again",
           [&]
-          {
-              (void)encoding.encode(bytes.data(), static_cast<INT32>(bytes.size()), text, encoding.line);
-              Benchmark::Keep(text);
-          } },
+    {
+        (void)encoding.encode(bytes.data(), static_cast<INT32>(bytes.size()), text, encoding.line);
+        Benchmark::Keep(text);
+    } },
         { "a new text of that size, filled", [&] { Benchmark::Keep(std::wstring(plain.size(), L'x')); } },
         copy,
         { "textbook loop", [&] { Benchmark::Keep(TextbookEncode(bytes, encoding.bits, encoding.digits)); } },
@@ -130,17 +130,17 @@ void CompareEncoding(const CEncoding& encoding, const char* sizeName, size_t siz
     std::vector<Benchmark::CContender> decoders = {
         { "library",
           [&]
-          {
-              (void)encoding.decode(plain, decoded.PutBytes(), decoded.PutLength());
-              Benchmark::Keep(decoded);
-          } },
+    {
+        (void)encoding.decode(plain, decoded.PutBytes(), decoded.PutLength());
+        Benchmark::Keep(decoded);
+    } },
         { "new bytes of that size, filled",
           [&]
-          {
-              const std::unique_ptr<BYTE[]> filled = std::make_unique_for_overwrite<BYTE[]>(size);
-              std::memset(filled.get(), 1, size);
-              Benchmark::Keep(filled);
-          } },
+    {
+        const std::unique_ptr<BYTE[]> filled = std::make_unique_for_overwrite<BYTE[]>(size);
+        std::memset(filled.get(), 1, size);
+        Benchmark::Keep(filled);
+    } },
         copy,
         { "textbook loop", [&] { Benchmark::Keep(TextbookDecode(plain, encoding.bits, encoding.digits)); } },
     };
@@ -151,16 +151,16 @@ void CompareEncoding(const CEncoding& encoding, const char* sizeName, size_t siz
     }
     if (encoding.platformFormat != 0 && PlatformEncode(bytes, encoding.platformFormat, platformText))
         encoders.push_back({ "CryptBinaryToStringW", [&]
-                             {
-                                 (void)PlatformEncode(bytes, encoding.platformFormat, platformText);
-                                 Benchmark::Keep(platformText);
-                             } });
+        {
+            (void)PlatformEncode(bytes, encoding.platformFormat, platformText);
+            Benchmark::Keep(platformText);
+        } });
     if (encoding.platformFormat != 0 && PlatformDecode(plain, encoding.platformFormat, platformBytes))
         decoders.push_back({ "CryptStringToBinaryW", [&]
-                             {
-                                 (void)PlatformDecode(plain, encoding.platformFormat, platformBytes);
-                                 Benchmark::Keep(platformBytes);
-                             } });
+        {
+            (void)PlatformDecode(plain, encoding.platformFormat, platformBytes);
+            Benchmark::Keep(platformBytes);
+        } });
     Benchmark::COptions options;
     options.bytes = static_cast<double>(size);
     Benchmark::Compare(std::string(encoding.name) + " encode, " + sizeName, encoders, options);

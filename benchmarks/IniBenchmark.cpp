@@ -96,17 +96,16 @@ void CompareValues()
     Benchmark::Compare("One value of a file of 20 kB",
                        { { "GetPrivateProfileStringW",
                            [&]
-                           {
-                               wchar_t value[260];
-                               Check(::GetPrivateProfileStringW(L"Section0", L"Key200", L"", value, 260, file.Path().c_str()) >
-                                     0);
-                           } },
+    {
+        wchar_t value[260];
+        Check(::GetPrivateProfileStringW(L"Section0", L"Key200", L"", value, 260, file.Path().c_str()) > 0);
+    } },
                          { "CVoIniFileIO::Open and FindValue",
                            [&]
-                           {
-                               CVoIniFileIO opened;
-                               Check(SUCCEEDED(opened.Open(file.Path())) && opened.FindValue(L"Section0", L"Key200"));
-                           } },
+    {
+        CVoIniFileIO opened;
+        Check(SUCCEEDED(opened.Open(file.Path())) && opened.FindValue(L"Section0", L"Key200"));
+    } },
                          { "FindValue of an open file", [&] { Check(ini.FindValue(L"Section0", L"Key200").has_value()); } } });
 }
 
@@ -172,12 +171,11 @@ void CompareVerification()
         { .samples = 51, .bytes = static_cast<double>(file.size()) });
 }
 
-const Benchmark::CGroup kIni("ini",
-                             []
-                             {
-                                 CompareReading("An INI file of 10 MB, ASCII", MakeIniFile(10'000'000, 0));
-                                 CompareReading("An INI file of 10 MB, all values accented", MakeIniFile(10'000'000, 1));
-                                 CompareValues();
-                                 CompareVerification();
-                             });
+const Benchmark::CGroup kIni("ini", []
+{
+    CompareReading("An INI file of 10 MB, ASCII", MakeIniFile(10'000'000, 0));
+    CompareReading("An INI file of 10 MB, all values accented", MakeIniFile(10'000'000, 1));
+    CompareValues();
+    CompareVerification();
+});
 } // namespace

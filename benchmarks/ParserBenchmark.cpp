@@ -38,24 +38,24 @@ void CompareText(size_t count, size_t characters)
                        {
                            { "write",
                              [&]
-                             {
-                                 std::wstring written;
-                                 (void)parser.GetParamsAsString(written);
-                                 Benchmark::Keep(written);
-                             } },
+    {
+        std::wstring written;
+        (void)parser.GetParamsAsString(written);
+        Benchmark::Keep(written);
+    } },
                            { "read (and release)",
                              [&]
-                             {
-                                 CVoDataParser read;
-                                 (void)read.ReadParamsFromString(text);
-                                 Benchmark::Keep(read);
-                             } },
+    {
+        CVoDataParser read;
+        (void)read.ReadParamsFromString(text);
+        Benchmark::Keep(read);
+    } },
                            { "memcpy of the text",
                              [&]
-                             {
-                                 std::memcpy(copy.data(), text.data(), text.size() * sizeof(wchar_t));
-                                 Benchmark::Keep(copy);
-                             } },
+    {
+        std::memcpy(copy.data(), text.data(), text.size() * sizeof(wchar_t));
+        Benchmark::Keep(copy);
+    } },
                        },
                        options);
 }
@@ -76,38 +76,38 @@ void CompareMessage()
                        {
                            { "new buffer and memcpy",
                              [&]
-                             {
-                                 const auto bytes = std::make_unique_for_overwrite<BYTE[]>(message.Length());
-                                 std::memcpy(bytes.get(), message.Data(), message.Length());
-                                 Benchmark::Keep(bytes);
-                             } },
+    {
+        const auto bytes = std::make_unique_for_overwrite<BYTE[]>(message.Length());
+        std::memcpy(bytes.get(), message.Data(), message.Length());
+        Benchmark::Keep(bytes);
+    } },
                            { "build",
                              [&]
-                             {
-                                 (void)parser.GetMessageData(built.PutLength(), built.PutBytes(), false, true);
-                                 Benchmark::Keep(built);
-                             } },
+    {
+        (void)parser.GetMessageData(built.PutLength(), built.PutBytes(), false, true);
+        Benchmark::Keep(built);
+    } },
                            { "build multipart",
                              [&]
-                             {
-                                 (void)parser.GetFormMessageData(built.PutLength(), built.PutBytes(), boundary, true);
-                                 Benchmark::Keep(built);
-                             } },
+    {
+        (void)parser.GetFormMessageData(built.PutLength(), built.PutBytes(), boundary, true);
+        Benchmark::Keep(built);
+    } },
                            { "parse, payload copied",
                              [&]
-                             {
-                                 CVoBinaryDataParser parsed;
-                                 (void)parsed.Parse(message.Length(), message.Data(), false, true);
-                                 Benchmark::Keep(parsed);
-                             } },
+    {
+        CVoBinaryDataParser parsed;
+        (void)parsed.Parse(message.Length(), message.Data(), false, true);
+        Benchmark::Keep(parsed);
+    } },
                            { "copy, then parse in place",
                              [&]
-                             {
-                                 CBytes bytes(message.Bytes().begin(), message.Bytes().end());
-                                 CVoBinaryDataParser parsed;
-                                 (void)parsed.Parse(std::move(bytes), false, true);
-                                 Benchmark::Keep(parsed);
-                             } },
+    {
+        CBytes bytes(message.Bytes().begin(), message.Bytes().end());
+        CVoBinaryDataParser parsed;
+        (void)parsed.Parse(std::move(bytes), false, true);
+        Benchmark::Keep(parsed);
+    } },
                        },
                        options);
 }

@@ -59,13 +59,12 @@ void RunWinHttp()
 {
     constexpr size_t kLarge = 10 << 20;
     const std::string large(kLarge, 'x');
-    Loopback::CLoopbackServer server(
-        [&](const Loopback::CRequest& request, Loopback::CConnection& connection)
-        {
-            if (!connection.SendResponseHead(200, {}, request.Path() == "/large" ? kLarge : 0) || request.Path() != "/large")
-                return;
-            connection.Send(large);
-        });
+    Loopback::CLoopbackServer server([&](const Loopback::CRequest& request, Loopback::CConnection& connection)
+    {
+        if (!connection.SendResponseHead(200, {}, request.Path() == "/large" ? kLarge : 0) || request.Path() != "/large")
+            return;
+        connection.Send(large);
+    });
     const std::unique_ptr<Bare::IClient> bare = Bare::MakeWinHttp({ .port = server.Port(), .secure = false });
     const std::unique_ptr<Bare::IClient> asynchronous =
         Bare::MakeAsynchronousWinHttp({ .port = server.Port(), .secure = false });

@@ -29,9 +29,8 @@ TEST(ImportHook, LoopOverFailuresFindsLeaksAndMissingReports)
         {
             const testing::ScopedFakeTestPartResultReporter reporter(
                 testing::ScopedFakeTestPartResultReporter::INTERCEPT_ONLY_CURRENT_THREAD, &failures);
-            ExpectEveryFailureIsHandled(
-                { VO_FAULT("kernel32.dll", CreateEventW, nullptr, ERROR_NOT_ENOUGH_MEMORY) },
-                [leaks] { return Operate(leaks); }, [reports](HRESULT) { return reports; });
+            ExpectEveryFailureIsHandled({ VO_FAULT("kernel32.dll", CreateEventW, nullptr, ERROR_NOT_ENOUGH_MEMORY) },
+                                        [leaks] { return Operate(leaks); }, [reports](HRESULT) { return reports; });
         }
         EXPECT_EQ(failures.size() > 0, leaks || !reports);
     }

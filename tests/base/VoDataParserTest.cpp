@@ -259,7 +259,7 @@ TEST(BinaryDataParser, MessagesAreBuiltByteForByte)
     const auto withPrefix = [&](bool skipParams)
     {
         return Built([&](UINT32* length, BYTE** buffer)
-                     { return parser.GetMessageDataWithSizePrefix(length, buffer, skipParams, true); });
+        { return parser.GetMessageDataWithSizePrefix(length, buffer, skipParams, true); });
     };
     EXPECT_EQ(withPrefix(false), std::string("\x05\0\0\0x=1&&", 9));
     EXPECT_EQ(withPrefix(true), std::string("\0\0\0\0", 4));

@@ -58,14 +58,14 @@ TEST(ErrorText, TheFacilityDecidesWhereTheTextComesFrom)
     const CCallHook<FormatMessageFunction> hook(
         "kernel32.dll", "FormatMessageW",
         [&](auto, DWORD askedFlags, LPCVOID, DWORD askedId, DWORD, LPWSTR buffer, DWORD, void*) -> DWORD
-        {
-            flags = askedFlags;
-            id = askedId;
-            // As the platform does: from the local heap.
-            auto* text = static_cast<wchar_t*>(::LocalAlloc(LMEM_FIXED, 100));
-            std::memcpy(buffer, &text, sizeof text);
-            return static_cast<DWORD>(std::wstring_view(L"The text.\r\n").copy(text, 50));
-        });
+    {
+        flags = askedFlags;
+        id = askedId;
+        // As the platform does: from the local heap.
+        auto* text = static_cast<wchar_t*>(::LocalAlloc(LMEM_FIXED, 100));
+        std::memcpy(buffer, &text, sizeof text);
+        return static_cast<DWORD>(std::wstring_view(L"The text.\r\n").copy(text, 50));
+    });
     const CAcquireBalance memory =
         CAcquireBalance::Of<decltype(&::LocalAlloc), decltype(&::LocalFree)>("kernel32.dll", "LocalAlloc", "LocalFree");
     const CAcquireBalance modules = CAcquireBalance::Of<decltype(&::LoadLibraryExW), decltype(&::FreeLibrary)>(
@@ -109,11 +109,11 @@ TEST(ErrorText, IsShownInABoxWithTheCaptionError)
     int result = IDOK;
     const CCallHook<decltype(&::MessageBoxW)> hook("user32.dll", "MessageBoxW",
                                                    [&](auto, HWND, LPCWSTR text, LPCWSTR title, UINT) -> int
-                                                   {
-                                                       shown += VoFormat(L"<%ls: %ls>", title, text);
-                                                       ::SetLastError(ERROR_INVALID_WINDOW_HANDLE);
-                                                       return result;
-                                                   });
+    {
+        shown += VoFormat(L"<%ls: %ls>", title, text);
+        ::SetLastError(ERROR_INVALID_WINDOW_HANDLE);
+        return result;
+    });
     constexpr HRESULT kWithoutText = static_cast<HRESULT>(0x81030000);
     EXPECT_EQ(VoShowError(kErrorSignature, false), S_OK);
     EXPECT_EQ(VoShowError(kWithoutText, true), S_OK);
@@ -151,10 +151,10 @@ void ShowOutcome(const wchar_t* loadedModule)
     VoErrorLog().SetUseErrorTranslator(true);
     const CCallHook<decltype(&::MessageBoxW)> hook("user32.dll", "MessageBoxW",
                                                    [](auto, HWND, LPCWSTR text, LPCWSTR caption, UINT) -> int
-                                                   {
-                                                       std::fprintf(stderr, "<%ls: %ls>", caption, text);
-                                                       return IDOK;
-                                                   });
+    {
+        std::fprintf(stderr, "<%ls: %ls>", caption, text);
+        return IDOK;
+    });
     std::wstring text;
     const HRESULT codes[] = { VoLoadErrorTranslator(loadedModule), VoGetErrorText(kTranslated, false, &text),
                               VoShowError(kTranslated, false), VoLoadErrorTranslator(nullptr) };

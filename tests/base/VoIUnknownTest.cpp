@@ -74,22 +74,21 @@ TEST(ComBase, ThreadsShareOneObjectAndMarshallerAndTheLastReleaseDeletesIt)
         CVoComPtr<CThing> thing = VoMakeComObject<CThing>(&alive);
         std::array<std::thread, 4> threads;
         for (std::thread& thread : threads)
-            thread = std::thread(
-                [thing]
+            thread = std::thread([thing]
+            {
+                for (int round = 0; round < 1000; ++round)
                 {
-                    for (int round = 0; round < 1000; ++round)
-                    {
-                        // Every interface leads to every other, and to one identity.
-                        CVoComPtr<IUnknown> unknown, unknownOfMarshal;
-                        CVoComPtr<IMarshal> marshal;
-                        CVoComPtr<IThing> back;
-                        EXPECT_EQ(thing.As(unknown), S_OK);
-                        EXPECT_EQ(unknown.As(marshal), S_OK);
-                        EXPECT_EQ(marshal.As(unknownOfMarshal), S_OK);
-                        EXPECT_EQ(marshal.As(back), S_OK);
-                        EXPECT_TRUE(unknownOfMarshal.Get() == unknown.Get() && back.Get() == thing.Get());
-                    }
-                });
+                    // Every interface leads to every other, and to one identity.
+                    CVoComPtr<IUnknown> unknown, unknownOfMarshal;
+                    CVoComPtr<IMarshal> marshal;
+                    CVoComPtr<IThing> back;
+                    EXPECT_EQ(thing.As(unknown), S_OK);
+                    EXPECT_EQ(unknown.As(marshal), S_OK);
+                    EXPECT_EQ(marshal.As(unknownOfMarshal), S_OK);
+                    EXPECT_EQ(marshal.As(back), S_OK);
+                    EXPECT_TRUE(unknownOfMarshal.Get() == unknown.Get() && back.Get() == thing.Get());
+                }
+            });
         for (std::thread& thread : threads)
             thread.join();
         const CVoComPtr<CThing> copy = thing;

@@ -178,12 +178,11 @@ TEST(Thread, ACreationThatThrowsReportsTheExceptionAndThenTheError)
     CLogCapture log;
     for (const DWORD error : { DWORD{ ERROR_MAX_THRDS_REACHED }, DWORD{ ERROR_SUCCESS } })
     {
-        CCallHook<decltype(&::CreateThread)> hook("kernel32.dll", "CreateThread",
-                                                  [error](auto, auto...) -> HANDLE
-                                                  {
-                                                      ::SetLastError(error);
-                                                      throw std::runtime_error("creation");
-                                                  });
+        CCallHook<decltype(&::CreateThread)> hook("kernel32.dll", "CreateThread", [error](auto, auto...) -> HANDLE
+        {
+            ::SetLastError(error);
+            throw std::runtime_error("creation");
+        });
         const HRESULT expected = HResultFromWin32(error);
         EXPECT_EQ(thread.CreateThread(false, true, true, nullptr, false), expected);
         EXPECT_THAT(log.Lines(),
@@ -393,15 +392,14 @@ TEST(Thread, EveryFailureOfThePlatformIsHandled)
         return last == code;
     };
     for (const bool useFinishedEvent : { false, true })
-        ExpectEveryFailureIsHandled(
-            { VO_FAULT("kernel32.dll", CreateEventW, nullptr, ERROR_NOT_ENOUGH_MEMORY),
-              VO_FAULT("kernel32.dll", CreateThread, nullptr, ERROR_MAX_THRDS_REACHED),
-              VO_FAULT_GIVES("kernel32.dll", CreateThread, nullptr, ERROR_SUCCESS, E_FAIL),
-              VO_FAULT("kernel32.dll", ResetEvent, FALSE, ERROR_INVALID_HANDLE),
-              VO_FAULT("kernel32.dll", WaitForMultipleObjects, WAIT_FAILED, ERROR_INVALID_HANDLE),
-              VO_FAULT("kernel32.dll", GetExitCodeThread, FALSE, ERROR_ACCESS_DENIED),
-              VO_FAULT("kernel32.dll", WideCharToMultiByte, 0, ERROR_NO_UNICODE_TRANSLATION),
-              VO_FAULT_GIVES("kernel32.dll", AddVectoredExceptionHandler, nullptr, 0, E_FAIL) },
-            [&] { return LiveOnce(useFinishedEvent, log); }, wasReported);
+        ExpectEveryFailureIsHandled({ VO_FAULT("kernel32.dll", CreateEventW, nullptr, ERROR_NOT_ENOUGH_MEMORY),
+                                      VO_FAULT("kernel32.dll", CreateThread, nullptr, ERROR_MAX_THRDS_REACHED),
+                                      VO_FAULT_GIVES("kernel32.dll", CreateThread, nullptr, ERROR_SUCCESS, E_FAIL),
+                                      VO_FAULT("kernel32.dll", ResetEvent, FALSE, ERROR_INVALID_HANDLE),
+                                      VO_FAULT("kernel32.dll", WaitForMultipleObjects, WAIT_FAILED, ERROR_INVALID_HANDLE),
+                                      VO_FAULT("kernel32.dll", GetExitCodeThread, FALSE, ERROR_ACCESS_DENIED),
+                                      VO_FAULT("kernel32.dll", WideCharToMultiByte, 0, ERROR_NO_UNICODE_TRANSLATION),
+                                      VO_FAULT_GIVES("kernel32.dll", AddVectoredExceptionHandler, nullptr, 0, E_FAIL) },
+                                    [&] { return LiveOnce(useFinishedEvent, log); }, wasReported);
 }
 } // namespace

@@ -19,14 +19,14 @@ constexpr const wchar_t* kConstructor = L"CSystemCheckResult::CSystemCheckResult
 CCallHook<decltype(&::GetVersionExW)> Version62()
 {
     return { "kernel32.dll", "GetVersionExW", [](auto, OSVERSIONINFOW* version) -> BOOL
-             {
-                 EXPECT_EQ(version->dwOSVersionInfoSize, 276u);
-                 version->dwPlatformId = VER_PLATFORM_WIN32_NT;
-                 version->dwMajorVersion = 6;
-                 version->dwMinorVersion = 2;
-                 version->szCSDVersion[0] = 0;
-                 return TRUE;
-             } };
+    {
+        EXPECT_EQ(version->dwOSVersionInfoSize, 276u);
+        version->dwPlatformId = VER_PLATFORM_WIN32_NT;
+        version->dwMajorVersion = 6;
+        version->dwMinorVersion = 2;
+        version->szCSDVersion[0] = 0;
+        return TRUE;
+    } };
 }
 
 // The registry's answer to the two version values.
@@ -34,13 +34,13 @@ CCallHook<decltype(&::RegQueryValueExW)> RegistryVersion(DWORD type, DWORD major
 {
     return { "advapi32.dll", "RegQueryValueExW",
              [=](auto, HKEY, LPCWSTR name, LPDWORD, LPDWORD typeOut, LPBYTE data, LPDWORD size) -> LSTATUS
-             {
-                 const DWORD value = std::wstring_view(name) == L"CurrentMajorVersionNumber" ? major : minor;
-                 *typeOut = type;
-                 std::memcpy(data, &value, sizeof value);
-                 *size = sizeof value;
-                 return ERROR_SUCCESS;
-             } };
+    {
+        const DWORD value = std::wstring_view(name) == L"CurrentMajorVersionNumber" ? major : minor;
+        *typeOut = type;
+        std::memcpy(data, &value, sizeof value);
+        *size = sizeof value;
+        return ERROR_SUCCESS;
+    } };
 }
 } // namespace
 

@@ -191,14 +191,13 @@ TEST(IniFile, ChangesOnlyTheLinesThatChange)
           "[A]\n; c\ny=3\n[a]\n" },
         { "[A]\n",
           [](CVoIniFileIO& file)
-          {
-              for (const wchar_t* const value : { L"1", L"2", L"3" })
-                  EXPECT_EQ(file.AddValue(L"A", L"a key that has its own memory", value), S_OK);
-              std::vector<CVoIniEntry> entries;
-              EXPECT_EQ(file.GetSection(L"A", entries), S_OK);
-              return file.RemoveValue(L"A", entries.at(0).key);
-          },
-          "[A]\n" },
+    {
+        for (const wchar_t* const value : { L"1", L"2", L"3" })
+            EXPECT_EQ(file.AddValue(L"A", L"a key that has its own memory", value), S_OK);
+        std::vector<CVoIniEntry> entries;
+        EXPECT_EQ(file.GetSection(L"A", entries), S_OK);
+        return file.RemoveValue(L"A", entries.at(0).key);
+    }, "[A]\n" },
         { "[A]\n; c\nx=1\n\ny=2\n[B]\nz=3\n", [](CVoIniFileIO& file) { return file.ClearSection(L"A"); },
           "[A]\n; c\n\n[B]\nz=3\n" },
         { "; top\n[A]\n; c\nx=1\n\n; about B\n[B]\nz=3\n[A]\ny=2\n",

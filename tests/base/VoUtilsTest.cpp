@@ -213,10 +213,10 @@ TEST(Paths, TheModulesPathIsReadWhateverItsLength)
     const std::wstring longPath = L"\\\\?\\UNC\\server\\" + std::wstring(1000, L'd') + L"\\x.dll";
     const CCallHook<decltype(&::GetModuleFileNameW)> hook("kernel32.dll", "GetModuleFileNameW",
                                                           [&longPath](auto, HMODULE, LPWSTR buffer, DWORD size) -> DWORD
-                                                          {
-                                                              const size_t length = longPath.copy(buffer, size);
-                                                              return static_cast<DWORD>(length);
-                                                          });
+    {
+        const size_t length = longPath.copy(buffer, size);
+        return static_cast<DWORD>(length);
+    });
     ASSERT_EQ(GetModuleDirAndFileName(nullptr, &directory, &file), S_OK);
     EXPECT_EQ(directory + L'\\' + file, longPath);
 

@@ -133,27 +133,25 @@ HRESULT STDMETHODCALLTYPE Connect(SFake* self, BSTR path, BSTR user, BSTR passwo
 struct CFakeWmi
 {
     explicit CFakeWmi(SScenario& scenario)
-        : create("ole32.dll", "CoCreateInstance",
-                 [&scenario](auto, REFCLSID classId, LPUNKNOWN, DWORD, REFIID, LPVOID* object)
-                 {
-                     EXPECT_EQ(classId, CLSID_WbemLocator);
-                     return SFake::Make<3, &Connect>(scenario, 0, object);
-                 })
+        : create("ole32.dll", "CoCreateInstance", [&scenario](auto, REFCLSID classId, LPUNKNOWN, DWORD, REFIID, LPVOID* object)
+    {
+        EXPECT_EQ(classId, CLSID_WbemLocator);
+        return SFake::Make<3, &Connect>(scenario, 0, object);
+    })
     {
     }
 
     CCallHook<decltype(&::CoCreateInstance)> create;
-    CCallHook<decltype(&::CoSetProxyBlanket)> blanket{
-        "ole32.dll", "CoSetProxyBlanket",
-        [](auto, IUnknown*, DWORD service, DWORD authorisation, OLECHAR* principal, DWORD level, DWORD impersonation,
-           void* identity, DWORD capabilities)
-        {
-            EXPECT_FALSE(principal || identity);
-            EXPECT_THAT((std::vector{ service, authorisation, level, impersonation, capabilities }),
-                        ElementsAre(10u, 0u, 3u, 3u, 0u)); // NTLM, no authorisation, each call, impersonate, none
-            return S_OK;
-        }
-    };
+    CCallHook<decltype(&::CoSetProxyBlanket)> blanket{ "ole32.dll", "CoSetProxyBlanket",
+                                                       [](auto, IUnknown*, DWORD service, DWORD authorisation,
+                                                          OLECHAR* principal, DWORD level, DWORD impersonation, void* identity,
+                                                          DWORD capabilities)
+    {
+        EXPECT_FALSE(principal || identity);
+        EXPECT_THAT((std::vector{ service, authorisation, level, impersonation, capabilities }),
+                    ElementsAre(10u, 0u, 3u, 3u, 0u)); // NTLM, no authorisation, each call, impersonate, none
+        return S_OK;
+    } };
 };
 
 HRESULT CountObjects(IWbemClassObject* /*object*/, void* count)

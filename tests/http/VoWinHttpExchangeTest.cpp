@@ -98,23 +98,22 @@ private:
     std::vector<DWORD> m_sends;
     CCallHook<decltype(&::WinHttpSendRequest)> m_send{ "winhttp.dll", "WinHttpSendRequest",
                                                        [this](auto, auto handle, auto, auto, auto, auto, auto, auto context)
-                                                       { return Take(handle, context); } };
+    { return Take(handle, context); } };
     CCallHook<decltype(&::WinHttpReceiveResponse)> m_receive{ "winhttp.dll", "WinHttpReceiveResponse",
                                                               [](auto&&...) { return TRUE; } };
     CCallHook<decltype(&::WinHttpQueryHeaders)> m_headers{ "winhttp.dll", "WinHttpQueryHeaders",
                                                            [this](auto, auto, auto, auto, void* value, auto, auto)
-                                                           { return *static_cast<DWORD*>(value) = m_status, TRUE; } };
+    { return *static_cast<DWORD*>(value) = m_status, TRUE; } };
     CCallHook<decltype(&::WinHttpQueryAuthSchemes)> m_schemes{ "winhttp.dll", "WinHttpQueryAuthSchemes",
                                                                [this](auto, auto, DWORD* supported, DWORD* first, DWORD* target)
-                                                               {
-                                                                   *supported = *first = WINHTTP_AUTH_SCHEME_BASIC;
-                                                                   *target = m_status == 407 ? WINHTTP_AUTH_TARGET_PROXY
-                                                                                             : WINHTTP_AUTH_TARGET_SERVER;
-                                                                   return TRUE;
-                                                               } };
+    {
+        *supported = *first = WINHTTP_AUTH_SCHEME_BASIC;
+        *target = m_status == 407 ? WINHTTP_AUTH_TARGET_PROXY : WINHTTP_AUTH_TARGET_SERVER;
+        return TRUE;
+    } };
     CCallHook<decltype(&::WinHttpSetCredentials)> m_set{ "winhttp.dll", "WinHttpSetCredentials",
                                                          [this](auto, auto, DWORD target, auto&&...)
-                                                         { return m_credentials |= 1U << target, TRUE; } };
+    { return m_credentials |= 1U << target, TRUE; } };
     CCallHook<decltype(&::WinHttpQueryDataAvailable)> m_query{ "winhttp.dll", "WinHttpQueryDataAvailable",
                                                                [](auto&&...) { return TRUE; } };
     CCallHook<decltype(&::WinHttpReadData)> m_read{ "winhttp.dll", "WinHttpReadData",
@@ -180,14 +179,13 @@ TEST(WinHttpExchange, AsksAtEachChallengeUntilTheFunctionFailsOrRepeatsRejectedC
 TEST(WinHttpExchange, CredentialsOfProxyAndServerAreSetBeforeEachResend)
 {
     int asked = 0;
-    CDriven driven(
-        [&](auto, auto, auto, const auto&, DWORD& chosen, auto& user, auto& password, auto)
-        {
-            chosen = WINHTTP_AUTH_SCHEME_BASIC;
-            user = L"u";
-            password = std::to_wstring(++asked);
-            return S_OK;
-        });
+    CDriven driven([&](auto, auto, auto, const auto&, DWORD& chosen, auto& user, auto& password, auto)
+    {
+        chosen = WINHTTP_AUTH_SCHEME_BASIC;
+        user = L"u";
+        password = std::to_wstring(++asked);
+        return S_OK;
+    });
     driven.Respond(407);
     driven.Respond(401);
     driven.RaiseError(ERROR_WINHTTP_RESEND_REQUEST);

@@ -85,7 +85,7 @@ TEST(WinHttpInterface, ParentsAreClosedAfterTheirChildren)
         std::vector<HINTERNET> closed;
         const CCallHook<decltype(&::WinHttpCloseHandle)> hook("winhttp.dll", "WinHttpCloseHandle",
                                                               [&](auto original, HINTERNET handle)
-                                                              { return closed.push_back(handle), original(handle); });
+        { return closed.push_back(handle), original(handle); });
         if (byDestructor)
         {
             handles.session.reset();
@@ -111,13 +111,11 @@ TEST(WinHttpInterface, AMissingHeaderGivesNoReportAndLeavesTheOutput)
     for (const int failingCall : { 1, 2 })
     {
         int call = 0;
-        const CCallHook<decltype(&::WinHttpQueryHeaders)> hook(
-            "winhttp.dll", "WinHttpQueryHeaders",
-            [&](auto&&...)
-            {
-                ::SetLastError(++call < failingCall ? ERROR_INSUFFICIENT_BUFFER : ERROR_WINHTTP_HEADER_NOT_FOUND);
-                return FALSE;
-            });
+        const CCallHook<decltype(&::WinHttpQueryHeaders)> hook("winhttp.dll", "WinHttpQueryHeaders", [&](auto&&...)
+        {
+            ::SetLastError(++call < failingCall ? ERROR_INSUFFICIENT_BUFFER : ERROR_WINHTTP_HEADER_NOT_FOUND);
+            return FALSE;
+        });
         const CLogCapture log;
         std::wstring text = L"kept";
         DWORD index = 3;

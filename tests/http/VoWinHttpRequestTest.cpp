@@ -70,13 +70,12 @@ TEST(WinHttpRequest, ResultsAreTakenOncePerSendAndARunningExchangeRefusesChanges
 {
     CGate arrived;
     CGate respond;
-    CLoopbackServer server(
-        [&](const CRequest& request, CConnection& connection)
-        {
-            arrived.Open();
-            respond.Wait();
-            Echo(request, connection);
-        });
+    CLoopbackServer server([&](const CRequest& request, CConnection& connection)
+    {
+        arrived.Open();
+        respond.Wait();
+        Echo(request, connection);
+    });
     CExchangeOwner owner(server.Port());
     CGet& exchange = owner.exchange;
     const auto expectNoneTaken = [&](HRESULT error)
@@ -148,31 +147,30 @@ TEST_P(ExchangeLife, EndsWithoutAHangOrALeak)
     CGate closed;  // the request handle. The server waits for it, because the platform here does not cancel a read in progress
     const CCallHook<decltype(&::WinHttpCloseHandle)> hook("winhttp.dll", "WinHttpCloseHandle",
                                                           [&](auto original, HINTERNET handle)
-                                                          {
-                                                              const BOOL result = original(handle);
-                                                              closed.Open();
-                                                              return result;
-                                                          });
-    CLoopbackServer server(
-        [&](const CRequest& request, CConnection& connection)
+    {
+        const BOOL result = original(handle);
+        closed.Open();
+        return result;
+    });
+    CLoopbackServer server([&](const CRequest& request, CConnection& connection)
+    {
+        if (name == "AtRest")
+            return DemandBasic(request, connection);
+        if (name == "ReadsBody")
         {
-            if (name == "AtRest")
-                return DemandBasic(request, connection);
-            if (name == "ReadsBody")
-            {
-                connection.SendResponseHead(200, {}, 20'000);
-                connection.Send(std::string(10'000, 'a'));
-            }
-            if (state.isHeld)
-            {
-                reached.Open();
-                closed.Wait();
-            }
-            if (name == "ReadsBody")
-                connection.Send(std::string(10'000, 'b'));
-            else
-                connection.SendResponse(name == "EndedWithoutBody" ? 500 : 200);
-        });
+            connection.SendResponseHead(200, {}, 20'000);
+            connection.Send(std::string(10'000, 'a'));
+        }
+        if (state.isHeld)
+        {
+            reached.Open();
+            closed.Wait();
+        }
+        if (name == "ReadsBody")
+            connection.Send(std::string(10'000, 'b'));
+        else
+            connection.SendResponse(name == "EndedWithoutBody" ? 500 : 200);
+    });
     if (name == "Failed")
         server.Stop();
 
@@ -242,7 +240,7 @@ TEST(WinHttpRequest, AFunctionMayClearOrDestroyItsExchange)
             SCOPED_TRACE(testing::Message() << fromAuthentication << isCleared << isSentAgain);
             std::atomic<int> requests{ 0 };
             CLoopbackServer server([&](const CRequest& request, CConnection& connection)
-                                   { ++requests == 1 ? DemandBasic(request, connection) : Echo(request, connection); });
+            { ++requests == 1 ? DemandBasic(request, connection) : Echo(request, connection); });
             auto owner = std::make_unique<CExchangeOwner>(server.Port());
             CExchangeOwner second(server.Port());
             CGate done;
@@ -264,7 +262,7 @@ TEST(WinHttpRequest, AFunctionMayClearOrDestroyItsExchange)
             };
             ASSERT_EQ(owner->Init([=](auto&&...) -> HRESULT { return fromAuthentication ? end() : E_UNEXPECTED; }), S_OK);
             ASSERT_EQ(owner->exchange.SetSendCompleteHandler(fromAuthentication ? SendCompleteHandler() : [end](auto&&...)
-                                                                 { return end(); }),
+            { return end(); }),
                       S_OK);
             ASSERT_EQ(owner->exchange.Send(), S_OK);
             done.Wait();
@@ -310,14 +308,13 @@ TEST(WinHttpRequest, ExchangesThatEndAtAnyMomentLeakNothing)
     constexpr int kRounds = 75;
     constexpr unsigned kThreads = 4;
     const std::string body(100'000, 'b');
-    CLoopbackServer server(
-        [&](const CRequest& request, CConnection& connection)
-        {
-            if (request.Path() == "/401" && request.Header("Authorization").empty())
-                DemandBasic(request, connection);
-            else
-                connection.SendResponse(request.Path() == "/404" ? 404 : 200, {}, request.Path() == "/big" ? body : "small");
-        });
+    CLoopbackServer server([&](const CRequest& request, CConnection& connection)
+    {
+        if (request.Path() == "/401" && request.Header("Authorization").empty())
+            DemandBasic(request, connection);
+        else
+            connection.SendResponse(request.Path() == "/404" ? 404 : 200, {}, request.Path() == "/big" ? body : "small");
+    });
     const auto run = [&](unsigned seed)
     {
         std::minstd_rand random(seed);

@@ -176,16 +176,15 @@ public:
     // and returns `returns`. All others go to the original.
     CFailOnCall(const char* module, const char* function, int call, R returns, DWORD error,
                 EInjectedFailure how = EInjectedFailure::InsteadOfCall)
-        : m_hook(module, function,
-                 [calls = m_calls, call, returns, error, how](auto original, Args... args) -> R
-                 {
-                     if (++*calls != call)
-                         return original(args...);
-                     if (how == EInjectedFailure::AfterCall)
-                         original(args...);
-                     ::SetLastError(error);
-                     return returns;
-                 })
+        : m_hook(module, function, [calls = m_calls, call, returns, error, how](auto original, Args... args) -> R
+    {
+        if (++*calls != call)
+            return original(args...);
+        if (how == EInjectedFailure::AfterCall)
+            original(args...);
+        ::SetLastError(error);
+        return returns;
+    })
     {
     }
 
@@ -291,7 +290,7 @@ template <class R, class... Args>
                                EInjectedFailure how = EInjectedFailure::InsteadOfCall)
 {
     return { function, expected, [=](int call) -> std::unique_ptr<CFailingCall>
-             { return std::make_unique<CFailOnCall<R(WINAPI*)(Args...)>>(module, function, call, returns, error, how); } };
+    { return std::make_unique<CFailOnCall<R(WINAPI*)(Args...)>>(module, function, call, returns, error, how); } };
 }
 
 // The fault "this function returns this with this last error", from which the operation gives HResultFromWin32(error).

@@ -63,12 +63,11 @@ struct CExchangeOwner
     }
     HRESULT Data(std::string_view expected = {})
     {
-        return ResultOf(
-            [&]
-            {
-                const std::vector<BYTE> data = exchange.GetResponseData();
-                EXPECT_TRUE(std::string(data.begin(), data.end()) == expected) << data.size();
-            });
+        return ResultOf([&]
+        {
+            const std::vector<BYTE> data = exchange.GetResponseData();
+            EXPECT_TRUE(std::string(data.begin(), data.end()) == expected) << data.size();
+        });
     }
 };
 } // namespace TestSupport

@@ -167,7 +167,7 @@ public:
     {
         constexpr CVoReporter report{ kSource, L"VoWinHttpInterface::WinHttpSessionHandle::Init" };
         return Replace(report, 170, 171, nullptr, [&](HINTERNET)
-                       { return ::WinHttpOpen(agent, accessType, WINHTTP_NO_PROXY_NAME, WINHTTP_NO_PROXY_BYPASS, flags); });
+        { return ::WinHttpOpen(agent, accessType, WINHTTP_NO_PROXY_NAME, WINHTTP_NO_PROXY_BYPASS, flags); });
     }
 
 private:
@@ -294,12 +294,11 @@ public:
                                DWORD flags) noexcept
     {
         constexpr CVoReporter report{ kSource, L"VoWinHttpInterface::WinHttpRequestHandle::Init" };
-        return Replace(report, 316, 317, &connection,
-                       [&](HINTERNET parent)
-                       {
-                           return ::WinHttpOpenRequest(parent, verb, path, L"HTTP/1.1", WINHTTP_NO_REFERER,
-                                                       WINHTTP_DEFAULT_ACCEPT_TYPES, flags);
-                       });
+        return Replace(report, 316, 317, &connection, [&](HINTERNET parent)
+        {
+            return ::WinHttpOpenRequest(parent, verb, path, L"HTTP/1.1", WINHTTP_NO_REFERER, WINHTTP_DEFAULT_ACCEPT_TYPES,
+                                        flags);
+        });
     }
 
     // `function` runs on WinHTTP's threads; null: none. `mask`: the notifications that it receives (WINHTTP_CALLBACK_FLAG_...).
@@ -307,7 +306,7 @@ public:
     {
         constexpr CVoReporter report{ kSource, L"VoWinHttpInterface::WinHttpRequestHandle::SetStatusCallback" };
         return Use(report, 330, [&](HINTERNET handle)
-                   { return ::WinHttpSetStatusCallback(handle, function, mask, 0) != WINHTTP_INVALID_STATUS_CALLBACK; });
+        { return ::WinHttpSetStatusCallback(handle, function, mask, 0) != WINHTTP_INVALID_STATUS_CALLBACK; });
     }
 
     // Adds header lines ("Name: value"; "\r\n" separates several). `length` in characters; -1: the text ends with a zero.
@@ -339,12 +338,11 @@ public:
     [[nodiscard]] HRESULT Send(const void* body, DWORD length, DWORD_PTR context) const noexcept
     {
         constexpr CVoReporter report{ kSource, L"VoWinHttpInterface::WinHttpRequestHandle::Send" };
-        return Use(report, 366,
-                   [&](HINTERNET handle)
-                   {
-                       return ::WinHttpSendRequest(handle, WINHTTP_NO_ADDITIONAL_HEADERS, 0, const_cast<void*>(body), length,
-                                                   length, context);
-                   });
+        return Use(report, 366, [&](HINTERNET handle)
+        {
+            return ::WinHttpSendRequest(handle, WINHTTP_NO_ADDITIONAL_HEADERS, 0, const_cast<void*>(body), length, length,
+                                        context);
+        });
     }
     [[nodiscard]] HRESULT ReceiveResponse() const noexcept
     {
@@ -386,12 +384,11 @@ public:
         constexpr CVoReporter report{ kSource, L"VoWinHttpInterface::WinHttpRequestHandle::QueryHeaders" };
         DWORD value = 0;
         DWORD length = sizeof(value);
-        const HRESULT hr = Use(report, 412,
-                               [&](HINTERNET handle)
-                               {
-                                   return ::WinHttpQueryHeaders(handle, infoLevel, WINHTTP_HEADER_NAME_BY_INDEX, &value,
-                                                                &length, WINHTTP_NO_HEADER_INDEX);
-                               });
+        const HRESULT hr = Use(report, 412, [&](HINTERNET handle)
+        {
+            return ::WinHttpQueryHeaders(handle, infoLevel, WINHTTP_HEADER_NAME_BY_INDEX, &value, &length,
+                                         WINHTTP_NO_HEADER_INDEX);
+        });
         if (SUCCEEDED(hr))
             number = value;
         return hr;

@@ -429,8 +429,7 @@ HRESULT CVoHTTPMessageCURL::PrepareSend(CHTTPRequestDataCURL& request, const std
             return report(1070, hr);
     CURL* const handle = request.m_handle.get();
     CCURLOptions options(handle, report);
-    if (request.m_isRetargeted)
-    // Credentials for the target of an earlier redirect are not for this server.
+    if (request.m_isRetargeted) // the credentials for a redirect's target are not for this server
     {
         request.m_handleOrigin = request.m_address.BaseURL();
         options.Set(1045, CURLOPT_URL, request.m_url.c_str())

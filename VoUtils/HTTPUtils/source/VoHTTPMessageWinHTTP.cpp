@@ -77,8 +77,6 @@ constexpr CVoTransportTracePoints kTracePoints{
                          .open = 475,
                          .cookie = 605,
                          .redirect = 580,
-                         .ask = 582,
-                         .declined = 583,
                          .address = 485,
                          .status = 487 },
     .readResponse = { .function = L"CVoHTTPMessageWinHTTP::ReadResponse",

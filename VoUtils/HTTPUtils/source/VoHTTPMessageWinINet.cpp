@@ -79,8 +79,6 @@ constexpr CVoTransportTracePoints kTracePoints{
                          .open = 625,
                          .cookie = 740,
                          .redirect = 675,
-                         .ask = 676,
-                         .declined = 677,
                          .address = 680,
                          .status = 685 },
     .readResponse = { .function = L"CVoHTTPMessageWinINet::ReadResponse",

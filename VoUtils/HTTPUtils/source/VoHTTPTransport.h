@@ -91,13 +91,13 @@ struct CVoTransportTracePoints
     struct CAttempt
     {
         const wchar_t* function;
-        int open;     // no fresh handle
-        int cookie;   // a cookie was refused; it is dropped
-        int redirect; // a redirect is not followed
-        int ask;      // asking for credentials failed (asksBetweenSends only)
-        int declined; // nobody gave credentials (asksBetweenSends only)
-        int address;  // "Addr:..."
-        int status;   // the status is not 200, or (for some) any other failure
+        int open;         // no fresh handle
+        int cookie;       // a cookie was refused; it is dropped
+        int redirect;     // a redirect is not followed
+        int ask = 0;      // asking for credentials failed (asksBetweenSends only)
+        int declined = 0; // nobody gave credentials (asksBetweenSends only)
+        int address;      // "Addr:..."
+        int status;       // the status is not 200, or (for some) any other failure
     } internalSendRAW;
     struct CRead
     {

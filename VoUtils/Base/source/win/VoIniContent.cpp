@@ -284,16 +284,15 @@ std::string CVoIniContent::RenderAs(EVoTextEncoding encoding) const
     if (!m_rest.empty())
         Throw(HResultFromWin32(ERROR_NO_UNICODE_TRANSLATION));
     std::string bytes(MarkOf(encoding));
-    AppendLines(bytes, encoding,
-                [&](const SLine& line)
-                {
-                    std::wstring text(line.Text());
-                    text += LineEndOf(line);
-                    // Malformed bytes were read as replacement characters, which must not be written in their place.
-                    if (Encode(text, m_encoding) != line.raw)
-                        Throw(HResultFromWin32(ERROR_NO_UNICODE_TRANSLATION));
-                    bytes += Encode(text, encoding);
-                });
+    AppendLines(bytes, encoding, [&](const SLine& line)
+    {
+        std::wstring text(line.Text());
+        text += LineEndOf(line);
+        // Malformed bytes were read as replacement characters, which must not be written in their place.
+        if (Encode(text, m_encoding) != line.raw)
+            Throw(HResultFromWin32(ERROR_NO_UNICODE_TRANSLATION));
+        bytes += Encode(text, encoding);
+    });
     return bytes;
 }
 
@@ -314,12 +313,11 @@ std::wstring_view CVoIniContent::NameOf(const SSection& section) const noexcept
 
 UINT32 CVoIniContent::FindSection(std::wstring_view name) const
 {
-    return m_sectionIndex.Find(CVoNameIndex::Hash(name),
-                               [&](UINT32 ordinal)
-                               {
-                                   const SSection& section = m_sections[ordinal];
-                                   return !section.blocks.empty() && VoEqualsNoCase(NameOf(section), name);
-                               });
+    return m_sectionIndex.Find(CVoNameIndex::Hash(name), [&](UINT32 ordinal)
+    {
+        const SSection& section = m_sections[ordinal];
+        return !section.blocks.empty() && VoEqualsNoCase(NameOf(section), name);
+    });
 }
 
 void CVoIniContent::GetEntries(UINT32 section, std::vector<CVoIniEntry>& entries) const

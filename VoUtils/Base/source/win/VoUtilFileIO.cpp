@@ -71,7 +71,7 @@ HRESULT CVoIniFileIO::GetBytes(std::string& bytes) const noexcept
         // ANSI text can look like another encoding after a change: the line that prevented it may have been removed.
         const EVoTextEncoding detected = VoIniEncoding::Detect(rendered);
         const bool isPlain = detected == EVoTextEncoding::Utf8 && std::all_of(rendered.begin(), rendered.end(), [](char c)
-                                                                              { return static_cast<signed char>(c) >= 0; });
+        { return static_cast<signed char>(c) >= 0; });
         if (detected != Encoding() && !(isPlain && Encoding() == EVoTextEncoding::Ansi))
             return report(75, HResultFromWin32(ERROR_NO_UNICODE_TRANSLATION));
         bytes = std::move(rendered);

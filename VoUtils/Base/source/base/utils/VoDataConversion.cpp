@@ -404,7 +404,7 @@ HRESULT BinToBase64(const BYTE* bytes, INT32 count, bool urlSafe, std::wstring& 
 
     Encode<CBase64>(source, text, lineLength, tailDigits, tailCharacters,
                     [urlSafe](const BYTE* from, size_t groups, wchar_t* to) noexcept
-                    { VoCodecKernels::EncodeBase64(from, groups, urlSafe, to); });
+    { VoCodecKernels::EncodeBase64(from, groups, urlSafe, to); });
     return S_OK;
 }
 
