@@ -232,7 +232,7 @@ HRESULT CVoHTTPTransport::internalOpenRequest(const CServerAddressData& address,
     made->m_message = std::static_pointer_cast<CVoHTTPTransport>(shared_from_this());
     made->m_connection = m_connectionNumber;
     made->m_address = made->m_target = address;
-    made->m_verb = made->m_targetVerb = verb;
+    made->m_verb = made->m_nextVerb = made->m_targetVerb = verb;
     if (const HRESULT hr = OpenTarget(*made); FAILED(hr))
         return hr;
     std::erase_if(m_requests, [](const auto& open) { return open.expired(); });
@@ -293,6 +293,14 @@ std::shared_ptr<CVoHTTPTransport::CRequest> CVoHTTPTransport::OwnRequest(
 
 // Sending
 
+// SendGetRequest asks for a GET; every other send is a POST. A handle that was opened for the other verb is not used.
+void CVoHTTPTransport::TakeNextVerb(CRequest& request) noexcept
+{
+    const wchar_t* const verb = std::exchange(request.m_nextVerb, L"POST");
+    request.m_isUsed = request.m_isUsed || request.m_verb != std::wstring_view(verb);
+    request.m_verb = verb;
+}
+
 HRESULT CVoHTTPTransport::SendMessage(const std::shared_ptr<CHTTPRequestData>& request, const CVoBinaryDataParser& parameters,
                                       EContentKind contentKind, bool utf8, std::wstring_view signingKey,
                                       std::wstring_view signatureParameterName, bool allowRetry, CSendResult* result) noexcept
@@ -305,6 +313,7 @@ HRESULT CVoHTTPTransport::SendMessage(const std::shared_ptr<CHTTPRequestData>& r
         const CAutoLock lock(&m_lock);
         if (!own || own->m_connection != m_connectionNumber)
             return report(m_points.sendMessage.request, E_INVALIDARG);
+        TakeNextVerb(*own);
         CVoHTTPContent content;
         if (const HRESULT hr = VoCreateContent(parameters, contentKind, utf8, signingKey, signatureParameterName, report,
                                                m_points.sendMessage.content, content);
@@ -328,6 +337,7 @@ HRESULT CVoHTTPTransport::SendMultipleMessages(const std::shared_ptr<CHTTPReques
         const CAutoLock lock(&m_lock);
         if (!own || own->m_connection != m_connectionNumber)
             return report(m_points.sendMultipleMessages.request, E_INVALIDARG);
+        TakeNextVerb(*own);
         CVoHTTPContent content;
         if (const HRESULT hr = VoCreateMultipleContent(messages, utf8, content); FAILED(hr))
             return report(m_points.sendMultipleMessages.content, hr);
@@ -347,11 +357,7 @@ HRESULT CVoHTTPTransport::SendGetRequest(std::shared_ptr<CHTTPRequestData>& requ
         const auto own = objectPath.empty() ? OwnRequest(request) : nullptr;
         const CAutoLock lock(&m_lock);
         if (own && own->m_connection == m_connectionNumber)
-        {
-            // The handle was opened for the other verb.
-            own->m_isUsed = own->m_isUsed || own->m_verb != std::wstring_view(L"GET");
-            own->m_verb = L"GET";
-        }
+            own->m_nextVerb = L"GET";
         else
         {
             CServerAddressData address = m_serverAddress;

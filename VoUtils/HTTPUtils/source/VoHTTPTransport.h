@@ -197,8 +197,9 @@ protected:
 
         std::weak_ptr<CVoHTTPTransport> m_message; // challenges that arrive after the message's end are not answered
         UINT64 m_connection = 0;                   // the number of the message's connection that the request belongs to
-        const wchar_t* m_verb = L"POST";
-        CServerAddressData m_address; // where each attempt begins
+        const wchar_t* m_verb = L"POST";           // of the handle, and of the send that uses it
+        const wchar_t* m_nextVerb = L"POST";       // of the next send
+        CServerAddressData m_address;              // where each attempt begins
         // Where the attempt has come to: m_address, or the target of the last redirect, with the verb for it.
         CServerAddressData m_target;
         const wchar_t* m_targetVerb = L"POST";
@@ -298,6 +299,7 @@ private:
     [[nodiscard]] HRESULT OpenTarget(CRequest& request);
     [[nodiscard]] HRESULT LookUpProxy(CRequest& request) const;
     void LookUpCookies(CRequest& request) const;
+    static void TakeNextVerb(CRequest& request) noexcept;
 
     [[nodiscard]] HRESULT internalSend(CRequest& request, const CVoHTTPContent& content, bool allowRetry, CSendResult* result);
     [[nodiscard]] HRESULT Attempt(CRequest& request, const CVoHTTPContent& content);
