@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <mutex>
 
 namespace VoHTTPMessageCURL
@@ -320,8 +321,14 @@ try
     CServerAddressData address;
     if (FAILED(ParseCURLUrl(url, address)))
         return CURL_PREREQFUNC_ABORT;
-    const bool isRedirect = !headers.isFirstRequest && address.FullURL() != headers.requestUrl;
-    if (isRedirect && headers.isSecure && !address.IsSecure())
+    // libcurl's own word counts: the header lines may hold what looks like another status line. libcurl follows every status of
+    // the form 3xx that has a Location; statuses other than these mean something else (RFC 9110, section 15.4).
+    long status = 0;
+    curl_easy_getinfo(headers.handle, CURLINFO_RESPONSE_CODE, &status);
+    const bool isRefused =
+        status >= 300 && status <= 399 && !(status >= 301 && status <= 303) && status != 307 && status != 308;
+    const bool isFirst = headers.isFirstRequest;
+    if (!isFirst && (isRefused || (headers.isSecure && !address.IsSecure())))
     {
         report(347, E_ACCESSDENIED);
         return CURL_PREREQFUNC_ABORT;
@@ -329,7 +336,7 @@ try
     headers.requestUrl = address.FullURL();
     headers.isSecure = address.IsSecure();
     headers.isFirstRequest = false;
-    if (!isRedirect)
+    if (isFirst)
         return CURL_PREREQFUNC_OK;
     CVoBstr cookie;
     std::string cookieBytes;
@@ -337,7 +344,7 @@ try
         if (const HRESULT hr = headers.cookieStore->GetCookieStringForHTTPRequest(
                 CVoBstr(headers.requestUrl).Get(), headers.isSecure ? VARIANT_TRUE : VARIANT_FALSE, cookie.Put());
             FAILED(hr))
-            report(350, hr); // the redirect is sent without cookies
+            report(350, hr); // the request is sent without cookies
     cookieBytes = VoCookieBytesFromText(cookie.View());
     headers.cookieReplaced = true;
     const char* const value = cookieBytes.empty() ? nullptr : cookieBytes.c_str();

@@ -149,7 +149,7 @@ struct CHeaderContext
     std::wstring protocolVersion;
     std::wstring statusCode;
     bool complete = false;       // the empty line after the headers has arrived
-    bool isFirstRequest = true;  // of the transfer; the next ones are redirects
+    bool isFirstRequest = true;  // of the transfer; the next ones are redirects and answers to challenges
     bool isSecure = false;       // requestUrl is https
     bool cookieReplaced = false; // a redirect replaced the handle's Cookie header
 };
@@ -165,8 +165,9 @@ struct CProgressContext
 // dropped. E_INVALIDARG: libcurl or CServerAddressData refuses the URL. `address` is untouched on failure.
 [[nodiscard]] HRESULT ParseCURLUrl(const char* url, CServerAddressData& address) noexcept;
 
-// Called on the connection before each request of a transfer is sent, the first one and each redirect. It gives a redirect the
-// cookies of the URL that libcurl really goes to, and ends the transfer when a redirect leads from https to http.
+// Called on the connection before each request of a transfer is sent. From the second request on it sets the cookies of the URL
+// that libcurl really goes to. It ends the transfer when a redirect leads from https to http, or has a status that is no
+// redirect.
 int prereq_callback(void* context, char* serverAddress, char* clientAddress, int serverPort, int clientPort) noexcept;
 size_t read_callback(char* buffer, size_t size, size_t count, void* source) noexcept;
 curlioerr ioctl_callback(CURL* handle, int command, void* source) noexcept;

@@ -121,7 +121,6 @@ public:
     ~CVoHTTPMessageCURL() override { CloseInDestructor(); }
     CVoHTTPMessageCURL(const CVoHTTPMessageCURL&) = delete;
     CVoHTTPMessageCURL& operator=(const CVoHTTPMessageCURL&) = delete;
-
     class CHTTPRequestDataCURL;
 
 private:
@@ -180,7 +179,7 @@ public:
     // Takes over the client's address on the transfer's connection.
     void ReadLocalAddress() noexcept;
 
-    std::shared_ptr<CVoHTTPMessage> m_owner; // the message
+    std::shared_ptr<CVoHTTPMessage> m_owner;
     // The handle is destroyed before the connections that it uses.
     std::shared_ptr<CCURLConnections> m_connections;
     CURLSListWrapper m_headers; // of the attempt; the handle refers to it
@@ -189,7 +188,8 @@ public:
     std::array<char, CURL_ERROR_SIZE> m_errorText{};
     std::string m_url;
     std::string m_cookie;        // for m_address
-    std::wstring m_handleOrigin; // the base URL of the handle's URL, where libcurl sends the server's credentials
+    std::wstring m_handleUrl;    // the handle's own; libcurl sends the server's credentials to its host
+    std::string m_handleCookie;  // for m_handleUrl
     bool m_isPrepared = false;   // the options of this attempt are set
     bool m_isRetargeted = false; // the handle's URL is not m_url
     std::vector<BYTE> m_body;    // of the response
@@ -356,8 +356,7 @@ HRESULT CVoHTTPMessageCURL::CHTTPRequestDataCURL::InitCURLHandle(UINT32 connectT
 
 HRESULT CVoHTTPMessageCURL::OpenSession()
 {
-    m_connections = std::make_shared<CCURLConnections>();
-    return S_OK;
+    return S_OK; // the first request makes the connections
 }
 
 HRESULT CVoHTTPMessageCURL::CloseSession() noexcept
@@ -386,7 +385,7 @@ HRESULT CVoHTTPMessageCURL::OpenHandle(CRequest& opened)
     CURL* const handle = request.m_handle.get();
     if (const HRESULT hr = CURLSetOpt(handle, CURLOPT_URL, request.m_url.c_str()); FAILED(hr))
         return report(1250, hr);
-    request.m_handleOrigin = request.m_address.BaseURL();
+    request.m_handleUrl = request.m_address.FullURL();
 
     std::string proxy;
     CCURLCredentials credentials;
@@ -408,7 +407,7 @@ HRESULT CVoHTTPMessageCURL::OpenHandle(CRequest& opened)
                 .Set(1282, CURLOPT_PROXYPASSWORD, credentials.password.Get().c_str());
     }
     options.Set(1287, CURLOPT_ERRORBUFFER, request.m_errorText.data());
-    request.m_cookie = VoCookieBytesFromText(request.m_cookieHeader);
+    request.m_handleCookie = request.m_cookie = VoCookieBytesFromText(request.m_cookieHeader);
     if (request.m_cookie.empty())
         options.Set(1310, CURLOPT_COOKIE, static_cast<const char*>(nullptr));
     else
@@ -431,7 +430,8 @@ HRESULT CVoHTTPMessageCURL::PrepareSend(CHTTPRequestDataCURL& request, const std
     CCURLOptions options(handle, report);
     if (request.m_isRetargeted) // the credentials for a redirect's target are not for this server
     {
-        request.m_handleOrigin = request.m_address.BaseURL();
+        request.m_handleUrl = request.m_address.FullURL();
+        request.m_handleCookie = request.m_cookie;
         options.Set(1045, CURLOPT_URL, request.m_url.c_str())
             .Set(1046, CURLOPT_COOKIE, NullIfEmpty(request.m_cookie))
             .Set(1047, CURLOPT_USERNAME, static_cast<const char*>(nullptr))
@@ -498,7 +498,7 @@ HRESULT CVoHTTPMessageCURL::Perform(CHTTPRequestDataCURL& request, std::span<con
     const CURLcode code = curl_easy_perform(handle);
     // The Cookie header of a redirect is for its target only.
     if (headers.cookieReplaced)
-        (void)CURLSetOpt(handle, CURLOPT_COOKIE, NullIfEmpty(request.m_cookie));
+        (void)CURLSetOpt(handle, CURLOPT_COOKIE, NullIfEmpty(request.m_handleCookie));
 
     long status = 0;
     if (code == CURLE_OK)
@@ -568,7 +568,7 @@ HRESULT CVoHTTPMessageCURL::UseCredentials(CRequest& asked, bool proxy, const CC
         .Set(977, CURLOPT_PASSWORD, credentials.password.Get().c_str());
     if (FAILED(options.Result()))
         return options.Result();
-    return request.m_target.BaseURL() == request.m_handleOrigin ? S_OK : GoToTarget(request);
+    return request.m_target.FullURL() == request.m_handleUrl ? S_OK : GoToTarget(request);
 }
 
 // Sends the request to the target of a redirect directly: libcurl gives credentials to the host of the URL only.
@@ -592,7 +592,8 @@ HRESULT CVoHTTPMessageCURL::GoToTarget(CHTTPRequestDataCURL& request) const
         cookieBytes = VoCookieBytesFromText(cookie);
     options.Set(981, CURLOPT_COOKIE, NullIfEmpty(cookieBytes));
     request.m_isRetargeted = true;
-    request.m_handleOrigin = request.m_target.BaseURL();
+    request.m_handleUrl = request.m_target.FullURL();
+    request.m_handleCookie = std::move(cookieBytes);
     return options.Result();
 }
 

@@ -305,7 +305,7 @@ HRESULT CVoHTTPMessageWinHTTP::OpenHandle(CRequest& opened)
     const DWORD securityFlags = VerifiesCertificateOf(target) ? 0 : kIgnoreCertificate;
     if (const HRESULT hr = request.m_handle.SetOption(WINHTTP_OPTION_SECURITY_FLAGS, securityFlags); FAILED(hr))
         return report(310, hr);
-    const DWORD features = ChecksRevocationOf(target) ? WINHTTP_ENABLE_SSL_REVOCATION : 0;
+    const DWORD features = m_checkCertificateRevocation ? WINHTTP_ENABLE_SSL_REVOCATION : 0;
     // Switching revocation checks on is no tuning: it must succeed.
     if (const HRESULT hr = features == 0
                                ? SetTuning(request.m_handle, WINHTTP_OPTION_ENABLE_FEATURE, features, report, 315, 316)
@@ -492,6 +492,8 @@ HRESULT CVoHTTPMessageWinHTTP::OnAuthenticationRequest(CHTTPRequestDataWinHTTP& 
         return report(540, E_FAIL);
     if ((supportedSchemes & WINHTTP_AUTH_SCHEME_BASIC) == 0)
         return report(545, E_NOTIMPL);
+    if (target == WINHTTP_AUTH_TARGET_SERVER)
+        StoreCookies(request); // the exchange goes on without showing this response
     CCredentials credentials;
     if (const HRESULT hr = AskForCredentials(request, target == WINHTTP_AUTH_TARGET_PROXY, credentials); FAILED(hr))
         return report(555, hr);

@@ -132,7 +132,6 @@ public:
     ~CVoHTTPMessageWinINet() override { CloseInDestructor(); }
     CVoHTTPMessageWinINet(const CVoHTTPMessageWinINet&) = delete;
     CVoHTTPMessageWinINet& operator=(const CVoHTTPMessageWinINet&) = delete;
-
     class CHTTPRequestDataWinINet;
 
 private:
@@ -358,10 +357,8 @@ HRESULT CVoHTTPMessageWinINet::AskForProxyCredentials(HINTERNET probe)
     const CDialogOwner owner;
     const DWORD answer = ::InternetErrorDlg(owner.Get(), probe, ERROR_INTERNET_INCORRECT_PASSWORD, kDialogFlags, nullptr);
     if (answer == ERROR_CANCELLED)
-        return S_OK; // the request will meet the same challenge
-    // A dialog that the system cannot show gives -1, which is no error number.
-    constexpr DWORD kNoDialog = static_cast<DWORD>(-1);
-    if (answer == kNoDialog)
+        return S_OK;        // the request will meet the same challenge
+    if (answer == MAXDWORD) // the system cannot show the dialog; this is no error number
         return report(508, HResultFromWin32(ERROR_INVALID_WINDOW_HANDLE));
     if (answer != ERROR_SUCCESS && answer != ERROR_INTERNET_FORCE_RETRY)
         return report.Win32(510, 511, answer);
@@ -410,7 +407,7 @@ HRESULT CVoHTTPMessageWinINet::WidenSecurity(HINTERNET request, const CServerAdd
         break;
     case ERROR_INTERNET_SEC_CERT_NO_REV:
     case ERROR_INTERNET_SEC_CERT_REV_FAILED:
-        if (ChecksRevocationOf(target))
+        if (m_checkCertificateRevocation)
             return report.Win32(555, 556, error);
         flags |= kIgnoreRevocation;
         break;

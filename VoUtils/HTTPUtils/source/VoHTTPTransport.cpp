@@ -59,6 +59,13 @@ private:
     UINT32 m_count = 0;
 };
 
+// Microseconds to wait before the next attempt: doubling, with jitter from the clock's low digits.
+INT64 RetryDelay(UINT32 attempt) noexcept
+{
+    const INT64 pause = std::min(kFirstRetryDelay << std::min(attempt - 1, UINT32{ 16 }), kLastRetryDelay);
+    return std::max(pause / 2 + VoGetMicroseconds() % (pause / 2) + 1, kFirstRetryDelay);
+}
+
 // The beginning of a body as one line of text, for the log.
 std::wstring StartOfText(std::span<const BYTE> bytes, bool utf8)
 {
@@ -200,12 +207,7 @@ bool CVoHTTPTransport::IsConnectedServer(const CServerAddressData& target) const
 
 bool CVoHTTPTransport::VerifiesCertificateOf(const CServerAddressData& target) const noexcept
 {
-    return m_verifyServerCertificate || !IsConnectedServer(target);
-}
-
-bool CVoHTTPTransport::ChecksRevocationOf(const CServerAddressData& target) const noexcept
-{
-    return m_checkCertificateRevocation && IsConnectedServer(target);
+    return target.IsSecure() && (m_verifyServerCertificate || !m_serverAddress.IsSecure() || !IsConnectedServer(target));
 }
 
 // Opening requests
@@ -356,7 +358,7 @@ HRESULT CVoHTTPTransport::SendGetRequest(std::shared_ptr<CHTTPRequestData>& requ
         const auto keep = weak_from_this().lock();
         const auto own = objectPath.empty() ? OwnRequest(request) : nullptr;
         const CAutoLock lock(&m_lock);
-        if (own && own->m_connection == m_connectionNumber)
+        if (own && own->m_connection == m_connectionNumber && own->m_address.FullURL() == m_serverAddress.FullURL())
             own->m_nextVerb = L"GET";
         else
         {
@@ -401,7 +403,7 @@ HRESULT CVoHTTPTransport::internalSend(CRequest& request, const CVoHTTPContent& 
         }
         if (SUCCEEDED(hr))
             break;
-        const INT64 delay = RetryDelay(request, attempts.Count()); // reads the response, which the next call drops
+        const std::optional<INT64> asked = RetryAfter(request); // reads the response, which the next call drops
         if (const HRESULT reset = ResetConnection(request); FAILED(reset))
         {
             report(m_points.internalSend.reset, reset);
@@ -410,10 +412,10 @@ HRESULT CVoHTTPTransport::internalSend(CRequest& request, const CVoHTTPContent& 
         if (request.m_isFinal || !attempts.MayRetry(hr, request.m_statusCode))
             break;
         // A server that names a time beyond the budget would refuse every attempt until then.
-        const INT64 remaining = attempts.Remaining();
-        if (delay > std::max(remaining, kLastRetryDelay))
+        const INT64 remaining = std::max(attempts.Remaining(), INT64{ 0 });
+        if (asked && *asked > remaining)
             break;
-        const INT64 pause = std::clamp(delay, INT64{ 0 }, std::max(remaining, INT64{ 0 }));
+        const INT64 pause = std::max(std::min(RetryDelay(attempts.Count()), remaining), asked.value_or(0));
         if (::WaitForSingleObject(m_closing.Handle(), static_cast<DWORD>(pause / 1000)) != WAIT_TIMEOUT)
             break; // another thread closes the connection
     }
@@ -438,18 +440,18 @@ HRESULT CVoHTTPTransport::internalSend(CRequest& request, const CVoHTTPContent& 
     return hr;
 }
 
-// Microseconds to wait before the next attempt: a doubling pause with jitter, or what the server asks for where that is longer
-// (Retry-After in seconds, RFC 9110, section 10.2.3).
-INT64 CVoHTTPTransport::RetryDelay(const CRequest& request, UINT32 attempt) const
+// Microseconds that the server asks to wait before the next attempt (Retry-After in seconds, RFC 9110, section 10.2.3).
+std::optional<INT64> CVoHTTPTransport::RetryAfter(const CRequest& request) const noexcept
+try
 {
-    const INT64 pause = std::min(kFirstRetryDelay << std::min(attempt - 1, UINT32{ 16 }), kLastRetryDelay);
-    const INT64 delay = pause / 2 + VoGetMicroseconds() % (pause / 2) + 1; // the clock's low digits are the jitter
-    const INT64 kLongest = INT64{ MAXDWORD } * 1000;
-    const std::optional<UINT64> asked = request.m_statusCode != 0 ? GetHeaderLongValue(request, L"Retry-After") : std::nullopt;
-    if (!asked)
-        return std::max(delay, kFirstRetryDelay);
-    return std::max(delay, *asked < kLongest / kMicrosecondsPerSecond ? static_cast<INT64>(*asked) * kMicrosecondsPerSecond
-                                                                      : kLongest);
+    constexpr UINT64 kLongest = MAXDWORD / 1000; // seconds that a wait function takes
+    const std::optional<UINT64> seconds =
+        request.m_statusCode != 0 ? GetHeaderLongValue(request, L"Retry-After") : std::nullopt;
+    return seconds ? std::optional(static_cast<INT64>(std::min(*seconds, kLongest)) * kMicrosecondsPerSecond) : std::nullopt;
+}
+catch (...)
+{
+    return std::nullopt; // no memory for the header: the usual pause
 }
 
 // One attempt: from the request's own address through its redirects.
@@ -472,11 +474,11 @@ HRESULT CVoHTTPTransport::Attempt(CRequest& request, const CVoHTTPContent& conte
         if (m_facts.cookiesAtSend)
             LookUpCookies(request);
         const HRESULT hr = SendToTarget(request, body, contentType);
+        // Also those of a challenge that nobody answered. A 407 is the proxy's answer, not the server's.
+        if (!m_facts.storesCookies && request.m_statusCode != 0 && request.m_statusCode != kStatusProxyAuthenticationRequired)
+            StoreCookies(request);
         if (FAILED(hr))
             return Judge(request, hr);
-        // A 407 is the proxy's answer, not the server's.
-        if (!m_facts.storesCookies && request.m_statusCode != kStatusProxyAuthenticationRequired)
-            StoreCookies(request);
         if (m_facts.followsRedirects || !IsRedirect(request.m_statusCode) || redirects == kMaximumRedirects ||
             !FollowRedirect(request))
             return Judge(request, S_OK);
@@ -493,7 +495,8 @@ HRESULT CVoHTTPTransport::Attempt(CRequest& request, const CVoHTTPContent& conte
 HRESULT CVoHTTPTransport::SendToTarget(CRequest& request, std::span<const BYTE> body, const std::wstring& contentType)
 {
     const CVoReporter report{ m_points.source, m_points.internalSendRAW.function };
-    for (;;)
+    std::wstring asking; // who asked last
+    for (int moves = 0;;)
     {
         request.m_statusCode = 0;
         request.m_sent = 0;
@@ -506,6 +509,9 @@ HRESULT CVoHTTPTransport::SendToTarget(CRequest& request, std::span<const BYTE> 
         const bool proxyAsks = request.m_statusCode == kStatusProxyAuthenticationRequired;
         if (!m_facts.asksBetweenSends || !m_authCallback || (!proxyAsks && request.m_statusCode != kStatusUnauthorized))
             return S_OK;
+        // Servers that redirect to each other and each ask for credentials would ask without end.
+        if (std::exchange(asking, request.m_target.BaseURL()) != request.m_target.BaseURL() && ++moves > kMaximumRedirects)
+            return report(m_points.internalSendRAW.declined, kResultCancelled);
         CCredentials credentials;
         if (const HRESULT hr = AskForCredentials(request, proxyAsks, credentials); FAILED(hr))
             return report(hr == kResultCancelled ? m_points.internalSendRAW.declined : m_points.internalSendRAW.ask, hr);

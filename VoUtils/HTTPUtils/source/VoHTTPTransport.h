@@ -242,10 +242,11 @@ protected:
     [[nodiscard]] HRESULT GetProxy(const std::wstring* url, std::wstring& proxy,
                                    std::optional<CCredentials>& credentials) const noexcept;
     [[nodiscard]] HRESULT SaveProxyCredentials(const std::wstring& proxy, const CCredentials& credentials) const noexcept;
-    // The switches that hold for a target: those of Connect for the connected host. Another host's certificate is verified.
+    // Whether a target's certificate is verified. The switch of Connect is only for the connected https host.
     [[nodiscard]] bool VerifiesCertificateOf(const CServerAddressData& target) const noexcept;
-    [[nodiscard]] bool ChecksRevocationOf(const CServerAddressData& target) const noexcept;
     [[nodiscard]] bool IsConnectedServer(const CServerAddressData& target) const noexcept;
+    // Gives the cookies of the response to the store.
+    void StoreCookies(const CRequest& request) const;
     // The number of a header's value; nothing where it is missing or no number (Content-Length: RFC 9110, section 8.6).
     [[nodiscard]] std::optional<UINT64> GetHeaderLongValue(const CRequest& request, const wchar_t* name) const;
     // The length of the response's body; nothing where it is unknown. A transfer coding overrides Content-Length (RFC 9112,
@@ -305,9 +306,8 @@ private:
     [[nodiscard]] HRESULT Attempt(CRequest& request, const CVoHTTPContent& content);
     [[nodiscard]] HRESULT SendToTarget(CRequest& request, std::span<const BYTE> body, const std::wstring& contentType);
     [[nodiscard]] HRESULT Judge(const CRequest& request, HRESULT result) const;
-    void StoreCookies(const CRequest& request) const;
     [[nodiscard]] bool FollowRedirect(CRequest& request) const;
-    [[nodiscard]] INT64 RetryDelay(const CRequest& request, UINT32 attempt) const;
+    [[nodiscard]] std::optional<INT64> RetryAfter(const CRequest& request) const noexcept;
 
     [[nodiscard]] HRESULT internalReadResponse(CRequest& request);
 

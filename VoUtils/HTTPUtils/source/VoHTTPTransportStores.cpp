@@ -68,11 +68,18 @@ HRESULT CVoHTTPTransport::AskForCredentials(CRequest& request, bool proxy, CCred
         const CVoComPtr<IVoAuthenticationCallback> callback = m_authCallback; // kept while it is called
         if (!callback)
             return report(120, E_FAIL);
+        // WinHTTP may have found a proxy that the request does not know. Without any proxy a 407 is an attempt to get its
+        // password.
+        std::wstring proxyName = request.m_proxyName;
+        std::optional<CCredentials> saved;
+        if (proxy && proxyName.empty() &&
+            (FAILED(GetProxy(&request.m_target.FullURL(), proxyName, saved)) || proxyName.empty()))
+            return report(122, E_FAIL);
         // A proxy is named beside the server behind it. Neither text holds a query, which may be secret.
         const CServerAddressData& address = request.m_target;
         const CVoBstr title{ std::wstring_view() };
         const CVoBstr server(proxy ? address.PathURL() : address.Host());
-        const CVoBstr detail(proxy ? request.m_proxyName : address.PathURL());
+        const CVoBstr detail(proxy ? proxyName : address.PathURL());
         CVoBstr user;
         CVoBstr password;
         VARIANT_BOOL cancelled = VARIANT_FALSE;
@@ -106,8 +113,8 @@ HRESULT CVoHTTPTransport::AskForCredentials(CRequest& request, bool proxy, CCred
         {
             request.m_proxyCredentialsEntered = true;
             if (m_facts.savesProxyAtOnce && m_proxyStore && !request.m_proxyName.empty())
-                if (const HRESULT saved = SaveProxyCredentials(request.m_proxyName, typed); FAILED(saved))
-                    report(132, saved); // they serve this request all the same
+                if (const HRESULT saving = SaveProxyCredentials(request.m_proxyName, typed); FAILED(saving))
+                    report(132, saving); // they serve this request all the same
         }
         credentials = std::move(typed);
         return S_OK;
