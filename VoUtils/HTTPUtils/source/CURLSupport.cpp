@@ -3,14 +3,13 @@
 
 #include "VoCookieBytes.h"
 #include "VoDataLog.h"
-#include "VoUrl.h"
+#include "VoRedirect.h"
 
 #include <base/VoUtils.h>
 #include <base/com/VoComHelper.h>
 
 #include <algorithm>
 #include <cstring>
-#include <iterator>
 #include <mutex>
 
 namespace VoHTTPMessageCURL
@@ -316,36 +315,32 @@ try
 {
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::prereq_callback" };
     auto& headers = *static_cast<CHeaderContext*>(context);
+    if (std::exchange(headers.isFirstRequest, false))
+        return CURL_PREREQFUNC_OK; // it goes where the request says, with the cookies that it was opened with
     const char* url = nullptr;
     curl_easy_getinfo(headers.handle, CURLINFO_EFFECTIVE_URL, &url);
     CServerAddressData address;
     if (FAILED(ParseCURLUrl(url, address)))
         return CURL_PREREQFUNC_ABORT;
     // libcurl's own word counts: the header lines may hold what looks like another status line. libcurl follows every status of
-    // the form 3xx that has a Location; statuses other than these mean something else (RFC 9110, section 15.4).
+    // the form 3xx that has a Location.
     long status = 0;
     curl_easy_getinfo(headers.handle, CURLINFO_RESPONSE_CODE, &status);
-    const bool isRefused =
-        status >= 300 && status <= 399 && !(status >= 301 && status <= 303) && status != 307 && status != 308;
-    const bool isFirst = headers.isFirstRequest;
-    if (!isFirst && (isRefused || (headers.isSecure && !address.IsSecure())))
+    const bool isRefused = status >= 300 && status <= 399 && !VoIsRedirect(static_cast<UINT32>(status));
+    if (isRefused || !VoMayRedirect(headers.isSecure, address.IsSecure()))
     {
         report(347, E_ACCESSDENIED);
         return CURL_PREREQFUNC_ABORT;
     }
     headers.requestUrl = address.FullURL();
     headers.isSecure = address.IsSecure();
-    headers.isFirstRequest = false;
-    if (isFirst)
-        return CURL_PREREQFUNC_OK;
     CVoBstr cookie;
-    std::string cookieBytes;
     if (headers.cookieStore)
         if (const HRESULT hr = headers.cookieStore->GetCookieStringForHTTPRequest(
                 CVoBstr(headers.requestUrl).Get(), headers.isSecure ? VARIANT_TRUE : VARIANT_FALSE, cookie.Put());
             FAILED(hr))
             report(350, hr); // the request is sent without cookies
-    cookieBytes = VoCookieBytesFromText(cookie.View());
+    const std::string cookieBytes = VoCookieBytesFromText(cookie.View());
     headers.cookieReplaced = true;
     const char* const value = cookieBytes.empty() ? nullptr : cookieBytes.c_str();
     return SUCCEEDED(CURLSetOpt(headers.handle, CURLOPT_COOKIE, value)) ? CURL_PREREQFUNC_OK : CURL_PREREQFUNC_ABORT;

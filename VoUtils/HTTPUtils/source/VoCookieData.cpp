@@ -32,15 +32,6 @@ constexpr bool IsDigit(wchar_t character) noexcept
     return character >= L'0' && character <= L'9';
 }
 
-// Removes the white space of a header, blanks and tabs (RFC 6265, section 5.2), and nothing else.
-std::wstring_view TrimBlanks(std::wstring_view text) noexcept
-{
-    const size_t begin = text.find_first_not_of(L" \t");
-    if (begin == std::wstring_view::npos)
-        return {};
-    return text.substr(begin, text.find_last_not_of(L" \t") - begin + 1);
-}
-
 // Cuts off the text before `separator` and returns it; the whole text when there is no separator.
 std::wstring_view CutUpTo(std::wstring_view& text, wchar_t separator) noexcept
 {
@@ -121,14 +112,14 @@ CSetCookieItems ParseSetCookie(std::wstring_view text) noexcept
     // Without a "=" there is no name (RFC 6265, section 5.2).
     if (pair.find(L'=') != std::wstring_view::npos)
     {
-        items.name = TrimBlanks(CutUpTo(pair, L'='));
-        items.value = TrimBlanks(pair);
+        items.name = VoTrimBlanks(CutUpTo(pair, L'='));
+        items.value = VoTrimBlanks(pair);
     }
     while (!text.empty())
     {
         std::wstring_view value = CutUpTo(text, L';');
-        const std::wstring_view name = TrimBlanks(CutUpTo(value, L'='));
-        value = TrimBlanks(value);
+        const std::wstring_view name = VoTrimBlanks(CutUpTo(value, L'='));
+        value = VoTrimBlanks(value);
         if (VoCookieByteLength(value) > kVoMaximumCookieAttributeBytes)
             continue; // RFC 6265bis, section 5.6, step 6
         if (VoEqualsNoCase(name, L"Expires"))

@@ -5,8 +5,6 @@
 
 #include <base/VoModuleInformation.h>
 #include <base/VoUtils.h>
-#include <base/VoWipe.h>
-#include <base/com/VoComHelper.h>
 #include <base/utils/VoDataConversion.h>
 #include <win/OrvDigSign.h>
 

@@ -4,6 +4,7 @@
 #include "CURLSupport.h"
 #include "VoCookieBytes.h"
 #include "VoHTTPTransport.h"
+#include "VoRedirect.h"
 #include "VoUrl.h"
 
 #include <base/VoModuleInformation.h>
@@ -20,8 +21,6 @@ namespace
 {
 // Schannel offers ALPN from Windows 8.1 on.
 constexpr ESystemClass kFirstSystemWithALPN = ESystemClass::Windows81;
-// The default of later releases of libcurl. This one would follow redirects until the time-out.
-constexpr long kMaximumRedirects = 30;
 constexpr UINT32 kMillisecondsPerSecond = 1000;
 
 constexpr CVoTransportTracePoints kTracePoints{
@@ -348,7 +347,7 @@ HRESULT CVoHTTPMessageCURL::CHTTPRequestDataCURL::InitCURLHandle(UINT32 connectT
         .Set(813, CURLOPT_FOLLOWLOCATION, 1L)
         // Not the server's words: a proxy's answer to CONNECT is judged by its code alone.
         .Set(822, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L)
-        .Set(827, CURLOPT_MAXREDIRS, kMaximumRedirects)
+        .Set(827, CURLOPT_MAXREDIRS, long{ kVoMaximumRedirects })
         .Set(830, CURLOPT_PREREQFUNCTION, &prereq_callback)
         .Set(832, CURLOPT_NOSIGNAL, 1L)
         .Result();
@@ -491,6 +490,7 @@ HRESULT CVoHTTPMessageCURL::Perform(CHTTPRequestDataCURL& request, std::span<con
     headers.handle = handle;
     headers.cookieStore = m_cookieStore.Get();
     headers.requestUrl = request.m_target.FullURL();
+    headers.isSecure = request.m_target.IsSecure();
     if (const HRESULT hr = request.SetBodySource(source); FAILED(hr))
         return hr;
     if (const HRESULT hr = request.SetTransfer(body.size(), headers, received); FAILED(hr))
@@ -587,13 +587,11 @@ HRESULT CVoHTTPMessageCURL::GoToTarget(CHTTPRequestDataCURL& request) const
         options.Set(980, CURLOPT_HTTPGET, 1L);
     // The first server's cookies are not the target's.
     std::wstring cookie;
-    std::string cookieBytes;
-    if (SUCCEEDED(GetCookieHeader(request.m_target, cookie)))
-        cookieBytes = VoCookieBytesFromText(cookie);
-    options.Set(981, CURLOPT_COOKIE, NullIfEmpty(cookieBytes));
+    (void)GetCookieHeader(request.m_target, cookie); // a failure is reported, and no cookies are sent
+    request.m_handleCookie = VoCookieBytesFromText(cookie);
+    options.Set(981, CURLOPT_COOKIE, NullIfEmpty(request.m_handleCookie));
     request.m_isRetargeted = true;
     request.m_handleUrl = request.m_target.FullURL();
-    request.m_handleCookie = std::move(cookieBytes);
     return options.Result();
 }
 

@@ -150,7 +150,7 @@ private:
 
     [[nodiscard]] HRESULT RewriteLoopback();
     [[nodiscard]] HRESULT InitSession() noexcept;
-    [[nodiscard]] static HRESULT SetProxy(CHTTPRequestDataWinHTTP& request);
+    [[nodiscard]] HRESULT SetProxy(CHTTPRequestDataWinHTTP& request) const;
     [[nodiscard]] static HRESULT SetCookie(CHTTPRequestDataWinHTTP& request);
     [[nodiscard]] HRESULT MakeExchange(CHTTPRequestDataWinHTTP& request, std::span<const BYTE> body,
                                        const std::wstring& contentType);
@@ -163,6 +163,7 @@ private:
                                                   DWORD& chosenScheme, std::wstring& user, std::wstring& password);
 
     const bool m_rewriteLoopback;
+    bool m_findsProxies = false; // the session finds the proxy of each URL by itself
     VoWinHttpInterface::WinHttpSessionHandle m_session;
     WinHttpConnectionHandle m_connection;
 };
@@ -249,7 +250,8 @@ HRESULT CVoHTTPMessageWinHTTP::RewriteLoopback()
 HRESULT CVoHTTPMessageWinHTTP::InitSession() noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinHTTP::InitSession" };
-    const DWORD accessType = VoIsWindows81OrLater() ? kAccessTypeAutomaticProxy : DWORD{ WINHTTP_ACCESS_TYPE_DEFAULT_PROXY };
+    m_findsProxies = VoIsWindows81OrLater();
+    const DWORD accessType = m_findsProxies ? kAccessTypeAutomaticProxy : DWORD{ WINHTTP_ACCESS_TYPE_DEFAULT_PROXY };
     if (const HRESULT hr = m_session.Init(L"CVoHTTPMessageWinHTTP", accessType, WINHTTP_FLAG_ASYNC); FAILED(hr))
         return report(240, hr);
     struct CSetting
@@ -280,7 +282,7 @@ std::shared_ptr<CVoHTTPTransport::CRequest> CVoHTTPMessageWinHTTP::MakeRequest()
 const std::wstring* CVoHTTPMessageWinHTTP::ProxyQuestion(const CRequest& request) const
 {
     // From Windows 8.1 on the session finds the proxy of a URL by itself. The store only names one that is configured by hand.
-    return VoIsWindows81OrLater() ? nullptr : &request.m_target.FullURL();
+    return m_findsProxies ? nullptr : &request.m_target.FullURL();
 }
 
 HRESULT CVoHTTPMessageWinHTTP::OpenHandle(CRequest& opened)
@@ -335,7 +337,7 @@ HRESULT CVoHTTPMessageWinHTTP::CloseHandle(CRequest& opened) noexcept
     return SUCCEEDED(connection) ? S_OK : report(330, connection);
 }
 
-HRESULT CVoHTTPMessageWinHTTP::SetProxy(CHTTPRequestDataWinHTTP& request)
+HRESULT CVoHTTPMessageWinHTTP::SetProxy(CHTTPRequestDataWinHTTP& request) const
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinHTTP::SetProxy" };
     if (!request.m_proxy.empty())
@@ -348,7 +350,7 @@ HRESULT CVoHTTPMessageWinHTTP::SetProxy(CHTTPRequestDataWinHTTP& request)
             return report(350, hr);
         report.Message(352, L"Proxy: %ls", request.m_proxyName.empty() ? L"the list" : request.m_proxyName.c_str());
     }
-    else if (VoIsWindows81OrLater())
+    else if (m_findsProxies)
         report.Message(354, L"Proxy: WinHTTP decides by the system's settings");
     // Before the first send, so that the proxy need not ask.
     if (request.m_proxyCredentials)

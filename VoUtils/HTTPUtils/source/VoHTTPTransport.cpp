@@ -20,15 +20,9 @@ constexpr INT64 kMicrosecondsPerSecond = 1'000'000;
 // The pause before another attempt doubles from the first value to the last.
 constexpr INT64 kFirstRetryDelay = 50'000; // microseconds
 constexpr INT64 kLastRetryDelay = 2'000'000;
-constexpr int kMaximumRedirects = 30;  // what libcurl allows by itself
 constexpr DWORD kMaximumCookies = 200; // of one response; the rest is dropped
 constexpr size_t kLoggedText = 1024;   // bytes of a body that cannot be parsed
 
-// Statuses that redirect (RFC 9110, section 15.4).
-constexpr bool IsRedirect(UINT32 status) noexcept
-{
-    return (status >= 301 && status <= 303) || status == 307 || status == 308;
-}
 // Whether a redirect keeps method and body. Clients make a GET of a POST after 301 and 302 (RFC 9110, sections 15.4.2 and
 // 15.4.3), and of every request after 303.
 constexpr bool KeepsMethod(UINT32 status) noexcept
@@ -83,12 +77,9 @@ CVoHTTPTransport::CVoHTTPTransport(const CVoTransportTracePoints& points, const 
 {
 }
 
-bool CVoHTTPTransport::NamesUtf8(std::wstring_view contentType)
+bool CVoHTTPTransport::NamesUtf8(std::wstring_view contentType) noexcept
 {
-    std::wstring upper(contentType);
-    std::transform(upper.begin(), upper.end(), upper.begin(),
-                   [](wchar_t c) { return c >= L'a' && c <= L'z' ? static_cast<wchar_t>(c - L'a' + L'A') : c; });
-    return upper.find(L"CHARSET") != std::wstring::npos && upper.find(L"UTF-8") != std::wstring::npos;
+    return VoContainsNoCase(contentType, L"CHARSET") && VoContainsNoCase(contentType, L"UTF-8");
 }
 
 // Connecting
@@ -200,14 +191,10 @@ HRESULT CVoHTTPTransport::SetUserContext(UINT64 userContext) noexcept
     return S_OK;
 }
 
-bool CVoHTTPTransport::IsConnectedServer(const CServerAddressData& target) const noexcept
-{
-    return VoEqualsNoCase(target.Host(), m_serverAddress.Host());
-}
-
 bool CVoHTTPTransport::VerifiesCertificateOf(const CServerAddressData& target) const noexcept
 {
-    return target.IsSecure() && (m_verifyServerCertificate || !m_serverAddress.IsSecure() || !IsConnectedServer(target));
+    const bool isConnectedServer = m_serverAddress.IsSecure() && VoEqualsNoCase(target.Host(), m_serverAddress.Host());
+    return target.IsSecure() && (m_verifyServerCertificate || !isConnectedServer);
 }
 
 // Opening requests
@@ -479,7 +466,7 @@ HRESULT CVoHTTPTransport::Attempt(CRequest& request, const CVoHTTPContent& conte
             StoreCookies(request);
         if (FAILED(hr))
             return Judge(request, hr);
-        if (m_facts.followsRedirects || !IsRedirect(request.m_statusCode) || redirects == kMaximumRedirects ||
+        if (m_facts.followsRedirects || !VoIsRedirect(request.m_statusCode) || redirects == kVoMaximumRedirects ||
             !FollowRedirect(request))
             return Judge(request, S_OK);
         if (!KeepsMethod(request.m_statusCode))
@@ -510,7 +497,7 @@ HRESULT CVoHTTPTransport::SendToTarget(CRequest& request, std::span<const BYTE> 
         if (!m_facts.asksBetweenSends || !m_authCallback || (!proxyAsks && request.m_statusCode != kStatusUnauthorized))
             return S_OK;
         // Servers that redirect to each other and each ask for credentials would ask without end.
-        if (std::exchange(asking, request.m_target.BaseURL()) != request.m_target.BaseURL() && ++moves > kMaximumRedirects)
+        if (std::exchange(asking, request.m_target.BaseURL()) != request.m_target.BaseURL() && ++moves > kVoMaximumRedirects)
             return report(m_points.internalSendRAW.declined, kResultCancelled);
         CCredentials credentials;
         if (const HRESULT hr = AskForCredentials(request, proxyAsks, credentials); FAILED(hr))
@@ -540,9 +527,7 @@ bool CVoHTTPTransport::FollowRedirect(CRequest& request) const
         return false;
     CServerAddressData target;
     HRESULT hr = VoResolveRedirect(request.m_target, *location, target);
-    // What was sent over TLS stays off plain connections, as the platform's own policy has it
-    // (WINHTTP_OPTION_REDIRECT_POLICY_DISALLOW_HTTPS_TO_HTTP).
-    if (SUCCEEDED(hr) && request.m_target.IsSecure() && !target.IsSecure())
+    if (SUCCEEDED(hr) && !VoMayRedirect(request.m_target.IsSecure(), target.IsSecure()))
         hr = E_ACCESSDENIED;
     if (FAILED(hr))
     {

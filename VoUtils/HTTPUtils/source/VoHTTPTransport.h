@@ -161,8 +161,7 @@ public:
     static constexpr UINT32 kStatusProxyAuthenticationRequired = 407;
 
     // Whether a Content-Type value names UTF-8: its upper-cased text holds "CHARSET" and "UTF-8".
-    // Throws std::bad_alloc.
-    [[nodiscard]] static bool NamesUtf8(std::wstring_view contentType);
+    [[nodiscard]] static bool NamesUtf8(std::wstring_view contentType) noexcept;
     // Whether a failed attempt is repeated. `status` is the last response's (0: none). Times are in microseconds. Declined
     // credentials and an unanswered 407 are final: the next attempt would meet the same question.
     [[nodiscard]] static constexpr bool ShouldRetry(bool allowRetry, HRESULT failure, UINT32 status, INT64 elapsed,
@@ -244,7 +243,6 @@ protected:
     [[nodiscard]] HRESULT SaveProxyCredentials(const std::wstring& proxy, const CCredentials& credentials) const noexcept;
     // Whether a target's certificate is verified. The switch of Connect is only for the connected https host.
     [[nodiscard]] bool VerifiesCertificateOf(const CServerAddressData& target) const noexcept;
-    [[nodiscard]] bool IsConnectedServer(const CServerAddressData& target) const noexcept;
     // Gives the cookies of the response to the store.
     void StoreCookies(const CRequest& request) const;
     // The number of a header's value; nothing where it is missing or no number (Content-Length: RFC 9110, section 8.6).

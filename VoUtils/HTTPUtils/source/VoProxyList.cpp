@@ -158,14 +158,6 @@ bool IsLocalName(std::wstring_view host) noexcept
 {
     return host.find_first_of(L".:") == std::wstring_view::npos;
 }
-
-bool ContainsNoCase(std::wstring_view text, std::wstring_view part) noexcept
-{
-    for (; text.size() >= part.size(); text.remove_prefix(1))
-        if (VoStartsWithNoCase(text, part))
-            return true;
-    return false;
-}
 } // namespace
 
 CContent Read(std::wstring_view list)
@@ -231,7 +223,7 @@ std::optional<CUnusableEntry> FindProblem(std::wstring_view list)
 
 bool IsBypassed(std::wstring_view bypassList, std::wstring_view host) noexcept
 {
-    if (IsLocalName(host) && ContainsNoCase(bypassList, kLocalHosts))
+    if (IsLocalName(host) && VoContainsNoCase(bypassList, kLocalHosts))
         return true;
     for (std::wstring_view item = TakeItem(bypassList, kItemSeparators); !item.empty();
          item = TakeItem(bypassList, kItemSeparators))

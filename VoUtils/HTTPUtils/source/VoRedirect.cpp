@@ -13,14 +13,6 @@ constexpr const wchar_t* kSource = L"..\\source\\VoRedirect";
 
 constexpr std::wstring_view kAuthorityMark = L"//";
 
-// Optional white space around a field's value (RFC 9110, section 5.6.3).
-std::wstring_view TrimFieldValue(std::wstring_view text) noexcept
-{
-    const size_t begin = text.find_first_not_of(L" \t");
-    return begin == std::wstring_view::npos ? std::wstring_view()
-                                            : text.substr(begin, text.find_last_not_of(L" \t") + 1 - begin);
-}
-
 bool IsControl(wchar_t character) noexcept
 {
     return character < 0x20 || (character >= 0x7F && character < 0xA0);
@@ -80,7 +72,7 @@ HRESULT VoResolveRedirect(const CServerAddressData& base, std::wstring_view loca
 try
 {
     constexpr CVoReporter report{ kSource, L"VoResolveRedirect" };
-    std::wstring_view reference = TrimFieldValue(location);
+    std::wstring_view reference = VoTrimBlanks(location);
     if (reference.empty() || std::any_of(reference.begin(), reference.end(), IsControl))
         return report(20, E_INVALIDARG);
     reference = reference.substr(0, reference.find(L'#'));

@@ -4,8 +4,6 @@
 #include <base/VoErrorHandler.h>
 #include <base/VoUtils.h>
 
-#include <algorithm>
-
 namespace
 {
 constexpr const wchar_t* kSource = L"..\\source\\VoUrl";
@@ -47,18 +45,4 @@ HRESULT VoEncodeUrl(std::wstring_view url, std::wstring& encoded) noexcept
         encoded.assign(bytes.begin(), bytes.end());
         return S_OK;
     });
-}
-
-std::wstring VoWithoutUserInfo(std::wstring_view url)
-{
-    constexpr std::wstring_view kMark = L"://";
-    const size_t mark = url.find(kMark);
-    if (mark == std::wstring_view::npos)
-        return std::wstring(url);
-    const size_t authority = mark + kMark.size();
-    const size_t end = std::min(url.find_first_of(L"/?#\\", authority), url.size());
-    const size_t at = url.substr(0, end).rfind(L'@');
-    if (at == std::wstring_view::npos || at < authority)
-        return std::wstring(url);
-    return std::wstring(url.substr(0, authority)).append(url.substr(at + 1));
 }

@@ -11,7 +11,3 @@
 [[nodiscard]] HRESULT VoUrlToBytes(std::wstring_view url, std::string& bytes) noexcept;
 // The same as UTF-16 text.
 [[nodiscard]] HRESULT VoEncodeUrl(std::wstring_view url, std::wstring& encoded) noexcept;
-
-// Removes user and password in front of the host (RFC 3986, section 3.2.1): a redirect may name them, and they are not used.
-// Text without a scheme and an authority stays as it is. Throws std::bad_alloc.
-[[nodiscard]] std::wstring VoWithoutUserInfo(std::wstring_view url);

@@ -36,8 +36,12 @@ using CVoBytesView = CVoBasicTextView<char>;
 // Compare without regard to case, ordinal and independent of the locale (CompareStringOrdinal).
 [[nodiscard]] bool VoEqualsNoCase(CVoTextView a, CVoTextView b) noexcept;
 [[nodiscard]] bool VoStartsWithNoCase(CVoTextView text, CVoTextView prefix) noexcept;
+[[nodiscard]] bool VoContainsNoCase(CVoTextView text, CVoTextView part) noexcept;
 // The text without white space (iswspace) at both ends.
 [[nodiscard]] std::wstring_view VoTrim(CVoTextView text) noexcept;
+// The text without blanks and tabs at both ends: the white space around a header's value (RFC 9110, section 5.6.3; for cookies
+// RFC 6265, section 5.2).
+[[nodiscard]] std::wstring_view VoTrimBlanks(CVoTextView text) noexcept;
 
 // "TRUE", "1", "YES", "ON" and "FALSE", "0", "NO", "OFF" without regard to case; nothing for any other text.
 [[nodiscard]] std::optional<bool> VoParseBool(CVoTextView text) noexcept;

@@ -80,6 +80,14 @@ bool VoStartsWithNoCase(CVoTextView text, CVoTextView prefix) noexcept
     return text.size() >= prefix.size() && VoEqualsNoCase(text.substr(0, prefix.size()), prefix);
 }
 
+bool VoContainsNoCase(CVoTextView text, CVoTextView part) noexcept
+{
+    for (; text.size() >= part.size(); text.remove_prefix(1))
+        if (VoStartsWithNoCase(text, part))
+            return true;
+    return false;
+}
+
 std::wstring_view VoTrim(CVoTextView text) noexcept
 {
     while (!text.empty() && std::iswspace(text.front()))
@@ -87,6 +95,14 @@ std::wstring_view VoTrim(CVoTextView text) noexcept
     while (!text.empty() && std::iswspace(text.back()))
         text.remove_suffix(1);
     return text;
+}
+
+std::wstring_view VoTrimBlanks(CVoTextView text) noexcept
+{
+    const size_t begin = text.find_first_not_of(L" \t");
+    if (begin == std::wstring_view::npos)
+        return {};
+    return text.substr(begin, text.find_last_not_of(L" \t") - begin + 1);
 }
 
 std::optional<VoTextDetail::CDecimal> VoTextDetail::ReadDecimal(CVoTextView text) noexcept
