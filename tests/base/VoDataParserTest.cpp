@@ -370,6 +370,16 @@ TEST(DataParser, AVariantOfTwoDimensionsIsFlattened)
     ASSERT_EQ(parser.GetParam(L"M", read), S_OK);
     EXPECT_EQ(CVoBstr::ViewOf(V_BSTR(&read.GetCell(1, 1)->value.Get())), L"t");
     EXPECT_EQ(read.GetCell(0, 1), nullptr);
+
+    // An array that holds a reference to itself; any array in a cell is refused.
+    LONG place[] = { 5, -1 };
+    VARIANT reference{};
+    V_VT(&reference) = VT_ARRAY | VT_VARIANT | VT_BYREF;
+    V_ARRAYREF(&reference) = &V_ARRAY(&mixed.Get());
+    ASSERT_EQ(::SafeArrayPutElement(V_ARRAY(&mixed.Get()), place, &reference), S_OK);
+    const size_t count = parser.GetCount();
+    EXPECT_EQ(parser.AddParam(L"O", mixed.Get()), DISP_E_TYPEMISMATCH);
+    EXPECT_EQ(parser.GetCount(), count);
 }
 
 TEST(BinaryDataParser, TheStepsOfAMessageAreCallable)

@@ -9,19 +9,37 @@ constexpr wchar_t kFirstRawByte = 0xF780; // stands for the byte 80
 constexpr wchar_t kLastRawByte = 0xF7FF;
 constexpr char32_t kReplacement = 0xFFFD;
 
+// The length of the UTF-8 sequence that begins with `first`; 0 where none does. C0 and C1 would begin an overlong sequence,
+// F5..FF a character above U+10FFFF.
+size_t LengthFromFirstByte(BYTE first) noexcept
+{
+    if (first < 0x80)
+        return 1;
+    if (first < 0xC2 || first > 0xF4)
+        return 0;
+    if (first < 0xE0)
+        return 2;
+    return first < 0xF0 ? 3 : 4;
+}
+
+// The number of bytes behind the first one in the UTF-8 sequence of a character.
+int FollowingBytes(char32_t character) noexcept
+{
+    if (character < 0x80)
+        return 0;
+    if (character < 0x800)
+        return 1;
+    return character < 0x10000 ? 2 : 3;
+}
+
 // The length of the UTF-8 sequence at the front of `bytes`, and its character. 0 for bytes that are no UTF-8 (RFC 3629).
 size_t ReadUtf8(std::string_view bytes, char32_t& character) noexcept
 {
     const auto first = static_cast<BYTE>(bytes.front());
-    if (first < 0x80)
-    {
-        character = first;
-        return 1;
-    }
-    const size_t length = first < 0xC2 ? 0 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : first < 0xF5 ? 4 : 0;
+    const size_t length = LengthFromFirstByte(first);
     if (length == 0 || bytes.size() < length)
         return 0;
-    character = first & (0x7FU >> length);
+    character = length == 1 ? first : first & (0x7FU >> length);
     for (const char c : bytes.substr(1, length - 1))
     {
         if ((static_cast<BYTE>(c) & 0xC0) != 0x80)
@@ -49,12 +67,7 @@ void ForEachByte(std::wstring_view text, const Put& put)
             character = 0x10000 + ((character - HIGH_SURROGATE_START) << 10) + (text[++i] - LOW_SURROGATE_START);
         else if (character >= HIGH_SURROGATE_START && character <= LOW_SURROGATE_END)
             character = kReplacement;
-        if (character < 0x80)
-        {
-            put(character);
-            continue;
-        }
-        const int following = character < 0x800 ? 1 : character < 0x10000 ? 2 : 3;
+        const int following = FollowingBytes(character);
         constexpr char32_t kLead[] = { 0, 0xC0, 0xE0, 0xF0 };
         put(kLead[following] | (character >> (6 * following)));
         for (int shift = 6 * (following - 1); shift >= 0; shift -= 6)

@@ -29,9 +29,10 @@ std::span<const CVoHTTPTransportRow> VoHTTPTransports() noexcept
 
 const CVoHTTPTransportRow* VoFindHTTPTransport(UINT32 kind) noexcept
 {
-    const auto row =
-        std::find_if(kTransports.begin(), kTransports.end(), [=](const auto& known) { return known.kind == kind; });
-    return row != kTransports.end() ? &*row : nullptr;
+    for (const CVoHTTPTransportRow& row : kTransports)
+        if (row.kind == kind)
+            return &row;
+    return nullptr;
 }
 
 HRESULT CVoHTTPMessage::Connect(const CServerAddressData& serverAddress, IVoAuthenticationCallback* authCallback,

@@ -62,7 +62,8 @@ public:
 
     // Append a parameter. A null text is an empty one. A variant is converted by its type; a byte array (VT_ARRAY|VT_UI1)
     // becomes upper-case hexadecimal. An array of identified values becomes the parameters name_dim1, name_dim2 and for each
-    // cell name_empty_r_c, and unless that is true name_ID_r_c, name_type_r_c and name_val_r_c. All or nothing is appended.
+    // cell name_empty_r_c, and unless that is true name_ID_r_c, name_type_r_c and name_val_r_c. A cell that holds an array
+    // other than a byte array is refused with DISP_E_TYPEMISMATCH. All or nothing is appended.
     [[nodiscard]] HRESULT AddParam(CVoTextView name, CVoTextView value) noexcept;
     [[nodiscard]] HRESULT AddParam(CVoTextView name, const wchar_t* value) noexcept;
     [[nodiscard]] HRESULT AddParam(CVoTextView name, UINT32 value) noexcept;
@@ -129,6 +130,7 @@ private:
     [[nodiscard]] HRESULT AddTyped(std::wstring_view name, const CValue& value) noexcept;
     template <class CValue>
     [[nodiscard]] HRESULT GetTyped(std::wstring_view name, CValue& value) const noexcept;
+    [[nodiscard]] HRESULT AddText(CVoTextView name, const VARIANT& value) noexcept;
     [[nodiscard]] HRESULT AppendCells(CVoTextView name, const CVo2DIDArray& value);
     [[nodiscard]] HRESULT ReadCells(CVoTextView name, CVo2DIDArray& value) const;
     [[nodiscard]] HRESULT ConvertValues(HRESULT (*convert)(bool, std::wstring&) noexcept, bool useUtf8);

@@ -45,6 +45,7 @@ private:
     template <class Value>
     [[nodiscard]] static Value& ValueOf(Value& value) noexcept
     {
+        // NOLINTNEXTLINE(bugprone-return-const-ref-from-parameter): a member of the caller's record, no temporary.
         return value;
     }
     [[nodiscard]] static std::wstring& ValueOf(CVoSecret<wchar_t>& secret) noexcept { return secret.Get(); }

@@ -228,7 +228,7 @@ HRESULT CVoDataParser::AddTyped(std::wstring_view name, const CValue& value) noe
     CVoVariant variant;
     if (const HRESULT hr = VoTypeToVariant(value, variant.Get()); FAILED(hr))
         return report(138, hr);
-    return AddParam(name, variant.Get());
+    return AddText(name, variant.Get());
 }
 
 HRESULT CVoDataParser::AddParam(CVoTextView name, UINT32 value) noexcept
@@ -249,15 +249,19 @@ HRESULT CVoDataParser::AddParam(CVoTextView name, bool value) noexcept
 HRESULT CVoDataParser::AddParam(CVoTextView name, const VARIANT& value) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoDataParser::AddParam" };
+    if (!CVo2DIDArray::IsTwoDimensional(value))
+        return AddText(name, value);
+    CVo2DIDArray cells;
+    if (const HRESULT hr = cells.SetFromVariant(value); FAILED(hr))
+        return report(159, hr);
+    return AddParam(name, cells);
+}
+
+HRESULT CVoDataParser::AddText(CVoTextView name, const VARIANT& value) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoDataParser::AddParam" };
     const auto body = [&]() -> HRESULT
     {
-        if (CVo2DIDArray::IsTwoDimensional(value))
-        {
-            CVo2DIDArray cells;
-            if (const HRESULT hr = cells.SetFromVariant(value); FAILED(hr))
-                return report(159, hr);
-            return AddParam(name, cells);
-        }
         std::wstring text;
         if (const HRESULT hr = VariantToText(value, text); FAILED(hr))
             return report(163, hr);
@@ -306,7 +310,8 @@ HRESULT CVoDataParser::AppendCells(CVoTextView name, const CVo2DIDArray& value)
             if (const HRESULT hr = AddParam(key(L"_type_") + place, UINT32{ type }); FAILED(hr))
                 return hr;
             const std::wstring valueKey = key(L"_val_") + place;
-            const HRESULT hr = IsWithoutText(type) ? AddParam(valueKey, L"") : AddParam(valueKey, cell->value.Get());
+            // This refuses an array in a cell, which has no text: GetParam could not read it back.
+            const HRESULT hr = IsWithoutText(type) ? AddParam(valueKey, L"") : AddText(valueKey, cell->value.Get());
             if (FAILED(hr))
                 return hr;
         }

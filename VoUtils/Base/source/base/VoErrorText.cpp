@@ -139,3 +139,8 @@ HRESULT VoShowError(HRESULT code, bool useFallback) noexcept
     const HRESULT hr = translated ? CVoErrorTranslator::ForProcess().ShowErrorMessageWindow(code, text) : VoShowErrorBox(text);
     return FAILED(hr) ? report(139, hr) : S_OK;
 }
+
+HRESULT VoLoadErrorTranslator(const wchar_t* loadedModule) noexcept
+{
+    return CVoErrorTranslator::LoadForProcess(loadedModule);
+}

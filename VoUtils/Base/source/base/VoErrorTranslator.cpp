@@ -35,9 +35,9 @@ CProcessTranslator& ProcessTranslator() noexcept
     static CVoNeverDestroyed<CProcessTranslator> instance;
     return instance.Get();
 }
+} // namespace
 
-// Loads the process's translator unless that was tried before, and tells the user of a failure. `loadedModule` may be null.
-HRESULT LoadOnce(const wchar_t* loadedModule) noexcept
+HRESULT CVoErrorTranslator::LoadForProcess(const wchar_t* loadedModule) noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoLoadErrorTranslator" };
     const auto body = [&]() -> HRESULT
@@ -77,7 +77,6 @@ HRESULT LoadOnce(const wchar_t* loadedModule) noexcept
     };
     return report.Guard(66, body);
 }
-} // namespace
 
 CVoErrorTranslator::~CVoErrorTranslator()
 {
@@ -151,13 +150,8 @@ HRESULT CVoErrorTranslator::ShowErrorMessageWindow(HRESULT code, const std::wstr
 const CVoErrorTranslator& CVoErrorTranslator::ForProcess() noexcept
 {
     // Whether it worked shows in the object.
-    (void)LoadOnce(nullptr);
+    (void)LoadForProcess(nullptr);
     return ProcessTranslator().translator;
-}
-
-HRESULT VoLoadErrorTranslator(const wchar_t* loadedModule) noexcept
-{
-    return LoadOnce(loadedModule);
 }
 
 HRESULT VoShowErrorBox(const std::wstring& text) noexcept

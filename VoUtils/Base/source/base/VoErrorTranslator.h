@@ -28,6 +28,8 @@ public:
     // The process's translator: loaded by the first call, which shows a message box when that fails. A load that failed is not
     // tried again. It is never unloaded.
     [[nodiscard]] static const CVoErrorTranslator& ForProcess() noexcept;
+    // Loads the process's translator unless that was tried before (VoLoadErrorTranslator). `loadedModule` may be null.
+    [[nodiscard]] static HRESULT LoadForProcess(const wchar_t* loadedModule) noexcept;
 
 private:
     using GetErrorStringFunction = HRESULT(WINAPI*)(HRESULT code, BSTR* text);

@@ -90,11 +90,12 @@ bool VoContainsNoCase(CVoTextView text, CVoTextView part) noexcept
 
 std::wstring_view VoTrim(CVoTextView text) noexcept
 {
-    while (!text.empty() && std::iswspace(text.front()))
-        text.remove_prefix(1);
-    while (!text.empty() && std::iswspace(text.back()))
-        text.remove_suffix(1);
-    return text;
+    std::wstring_view trimmed = text;
+    while (!trimmed.empty() && std::iswspace(trimmed.front()))
+        trimmed.remove_prefix(1);
+    while (!trimmed.empty() && std::iswspace(trimmed.back()))
+        trimmed.remove_suffix(1);
+    return trimmed;
 }
 
 std::wstring_view VoTrimBlanks(CVoTextView text) noexcept

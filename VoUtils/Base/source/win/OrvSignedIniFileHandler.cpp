@@ -192,6 +192,7 @@ class CVoSignedIniFileHandler2::CDataInput final : public OrvDigSign::IVoHashInp
 {
 public:
     explicit CDataInput(const CVoSignedIniFileHandler2& handler) noexcept : m_handler(handler) {}
+    // NOLINTNEXTLINE(bugprone-exception-escape): Guard catches what the body throws.
     [[nodiscard]] HRESULT AddTo(OrvDigSign::COrvHashBase& hash) noexcept override
     {
         constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::GetDataString" };
@@ -210,6 +211,7 @@ private:
     const CVoSignedIniFileHandler2& m_handler;
 };
 
+// NOLINTNEXTLINE(bugprone-exception-escape): Guard catches what the body throws.
 HRESULT CVoSignedIniFileHandler2::Verify(CVoTextView publicKey, bool& valid) noexcept
 {
     constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::Verify" };

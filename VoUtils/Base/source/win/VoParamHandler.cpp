@@ -48,7 +48,7 @@ void ParseNumber(CVoTextView text, Number& number)
         bool isOutOfRange = false;
         const std::optional<Number> parsed = VoParseDecimalClamped<Number>(text, &isOutOfRange);
         if (!parsed)
-            Check(E_INVALIDARG);
+            throw CVoHResultException(E_INVALIDARG);
         if (isOutOfRange)
             Check(HResultFromWin32(ERROR_ARITHMETIC_OVERFLOW));
         number = *parsed;
@@ -405,6 +405,7 @@ bool CVoParamHandler::IsChanged() const noexcept
 }
 
 template <class Value>
+// NOLINTNEXTLINE(bugprone-exception-escape): Guard catches what the body throws.
 HRESULT CVoParamHandler::Read(CVoTextView section, CVoTextView name, Value& value, bool* present) const noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoParamHandler::Get" };
@@ -426,6 +427,7 @@ HRESULT CVoParamHandler::Read(CVoTextView section, CVoTextView name, Value& valu
 }
 
 template <class Value>
+// NOLINTNEXTLINE(bugprone-exception-escape): Guard catches what the body throws.
 HRESULT CVoParamHandler::Write(CVoTextView section, CVoTextView name, const Value& value) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoParamHandler::Set" };

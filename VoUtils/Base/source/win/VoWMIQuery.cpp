@@ -162,6 +162,7 @@ HRESULT CVoWMIQueryBase::Run()
     }
 }
 
+// NOLINTNEXTLINE(bugprone-exception-escape): Guard catches what the body throws.
 HRESULT CVoWMIQueryBase::ProcessQuery() noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoWMIQuery::CVoWMIQueryBase::ProcessQuery" };
