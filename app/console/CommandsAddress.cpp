@@ -80,8 +80,11 @@ public:
     {
         options.Add("URL", m_url, "The URL that a request would go to").Required();
         m_options.Declare(options);
-        options.SetFooter(
-            "Prints JSON: proxy (\"\" is a direct connection), user (of the credentials known for it, or \"\").\n");
+        options.SetFooter("Prints JSON: proxy (\"\" is a direct connection), user (of the credentials known for it, or \"\"); "
+                          "how the store decided: "
+                          "source (none, manual, bypass, script, detection), rule (the bypass rule, or the list that the proxy "
+                          "is from), script, "
+                          "tried (what took time: what, result, ms).\n");
     }
     void Run(CContext& context) override
     {
@@ -92,9 +95,23 @@ public:
         CVoBstr proxy;
         CVoBstr user;
         CVoBstr password;
-        Check(m_options.Apply(context).GetProxyForUrl(CVoBstr(url).Get(), proxy.Put(), user.Put(), password.Put()));
+        // Before the answer is known, so that the script runs once.
+        CVoProxyExplanation explanation;
+        CVoGlobalHTTPProxyStoreImpl& store = m_options.Apply(context);
+        Check(store.ExplainProxyForUrl(url, explanation));
+        Check(store.GetProxyForUrl(CVoBstr(url).Get(), proxy.Put(), user.Put(), password.Put()));
         VoWipe(password.Get());
-        context.PutObject({ { "proxy", ToUtf8(proxy.View()) }, { "user", ToUtf8(user.View()) } });
+        CJson tried = CJson::array();
+        for (const CVoProxyExplanation::CTried& step : explanation.tried)
+            tried.push_back({ { "what", ToUtf8(step.what) },
+                              { "result", ResultCode(step.result) },
+                              { "ms", static_cast<double>(step.microseconds) / 1000 } });
+        context.PutObject({ { "proxy", ToUtf8(proxy.View()) },
+                            { "user", ToUtf8(user.View()) },
+                            { "source", ToUtf8(explanation.SourceName()) },
+                            { "rule", ToUtf8(explanation.rule) },
+                            { "script", ToUtf8(explanation.script) },
+                            { "tried", std::move(tried) } });
     }
 
 private:

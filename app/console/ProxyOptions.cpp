@@ -25,7 +25,7 @@ void CProxyOptions::Declare(COptions& options)
         .Excludes(detection);
 }
 
-IVoHTTPProxyStore& CProxyOptions::Apply(CContext& context) const
+CVoGlobalHTTPProxyStoreImpl& CProxyOptions::Apply(CContext& context) const
 {
     CHTTPProxyConfigData config;
     if (m_autoDetect)

@@ -9,7 +9,7 @@ class CProxyOptions
 public:
     void Declare(COptions& options);
     // Configures the process's store by the options and returns it. The store keeps its cache if the configuration is the same.
-    [[nodiscard]] IVoHTTPProxyStore& Apply(CContext& context) const;
+    [[nodiscard]] CVoGlobalHTTPProxyStoreImpl& Apply(CContext& context) const;
 
 private:
     std::string m_proxy;

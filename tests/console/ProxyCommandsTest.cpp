@@ -18,20 +18,23 @@ CConsoleResult Batch(std::vector<std::string> arguments)
 
 TEST(ConsoleProxy, PrintsTheProxyOfAUrl)
 {
-    const std::tuple<std::vector<std::string>, int, std::string> table[] = {
-        { { "http://www.test/", "--proxy", "http=a:1;https=b:2" }, 0, "a:1" },
-        { { "https://www.test/", "--proxy", "http=a:1;https=b:2" }, 0, "b:2" },
-        { { "http://intranet/", "--proxy", "a:1", "--bypass", "<local>;*.test" }, 0, "" },
-        { { "http://www.test/", "--auto-detect" }, 0, "" }, // there is no script in the network
-        { { "ftp://www.test/", "--no-proxy" }, 1, "" },
-        { { "http://www.test/", "--proxy", "socks=s:1" }, 2, "" },
-        { { "http://www.test/", "--proxy", "http = a:1" }, 0, "a:1" },
-        { { "http://www.test/", "--proxy", "a:1;https://b:2" }, 2, "" },
-        { { "http://www.test/", "--pac", "file:///x.pac" }, 2, "" },
-        { { "http://www.test/", "--proxy", "a:1", "--no-proxy" }, 2, "" },
-        { { "http://www.test/", "--auto-detect", "--pac", "http://x/" }, 2, "" },
+    // The last column: source, rule, how many steps were tried.
+    const std::tuple<std::vector<std::string>, int, std::string, std::string> table[] = {
+        { { "http://www.test/", "--proxy", "http=a:1;https=b:2" }, 0, "a:1", "manual http=a:1;https=b:2 0" },
+        { { "https://www.test/", "--proxy", "http=a:1;https=b:2" }, 0, "b:2", "manual http=a:1;https=b:2 0" },
+        { { "http://intranet/", "--proxy", "a:1", "--bypass", "<local>;*.test" }, 0, "", "bypass <local> 0" },
+        { { "http://www.test/", "--proxy", "a:1", "--bypass", "<local>;*.test" }, 0, "", "bypass *.test 0" },
+        { { "http://www.test/", "--no-proxy" }, 0, "", "none  0" },
+        { { "http://www.test/", "--auto-detect" }, 0, "", "detection  1" }, // there is no script in the network
+        { { "ftp://www.test/", "--no-proxy" }, 1, "", "" },
+        { { "http://www.test/", "--proxy", "socks=s:1" }, 2, "", "" },
+        { { "http://www.test/", "--proxy", "http = a:1" }, 0, "a:1", "manual http = a:1 0" },
+        { { "http://www.test/", "--proxy", "a:1;https://b:2" }, 2, "", "" },
+        { { "http://www.test/", "--pac", "file:///x.pac" }, 2, "", "" },
+        { { "http://www.test/", "--proxy", "a:1", "--no-proxy" }, 2, "", "" },
+        { { "http://www.test/", "--auto-detect", "--pac", "http://x/" }, 2, "", "" },
     };
-    for (auto [arguments, exitCode, proxy] : table)
+    for (auto [arguments, exitCode, proxy, why] : table)
     {
         SCOPED_TRACE(testing::PrintToString(arguments));
         arguments.insert(arguments.begin(), "proxy");
@@ -41,6 +44,9 @@ TEST(ConsoleProxy, PrintsTheProxyOfAUrl)
         {
             EXPECT_EQ(result.Json()["proxy"], proxy);
             EXPECT_EQ(result.Json()["user"], "");
+            EXPECT_EQ(result.Json()["source"].get<std::string>() + ' ' + result.Json()["rule"].get<std::string>() + ' ' +
+                          std::to_string(result.Json()["tried"].size()),
+                      why);
         }
     }
 }
@@ -52,9 +58,12 @@ TEST(ConsoleProxy, RunsAScript)
         connection.SendResponse(200, { { "Content-Type", "application/x-ns-proxy-autoconfig" } },
                                 "function FindProxyForURL(url, host) { return 'PROXY p:8080'; }");
     });
-    const CConsoleResult result = Batch({ "proxy", "http://www.test/", "--pac", server.URL("/proxy.pac") });
+    const CConsoleResult result = Batch({ "proxy", "http://www.test/", "--pac", server.URL("/proxy.pac?key=secret") });
     EXPECT_EQ(result.exitCode, 0) << result.err;
     EXPECT_EQ(result.Json()["proxy"], "p:8080");
+    EXPECT_EQ(result.Json()["source"], "script");
+    EXPECT_EQ(result.Json()["script"], server.URL("/proxy.pac"));
+    EXPECT_EQ(result.Json()["tried"].at(0)["result"], "0x00000000");
 }
 
 TEST(ConsoleProxy, SendsThroughAProxyAndKeepsItsCredentials)

@@ -111,6 +111,10 @@ public:
     // unknown server asks for them again. Only a user without any settings has direct connections for good.
     void InitFromUserSettings() noexcept;
 
+    // How the store decides for a URL. The answer is that of GetProxyForUrl. When it is known already, the decision is made
+    // once more to explain it, but the known answer stays. Codes as for GetProxyForUrl; `explanation` is untouched on failure.
+    [[nodiscard]] HRESULT ExplainProxyForUrl(std::wstring_view url, CVoProxyExplanation& explanation) noexcept;
+
     STDMETHODIMP Clear() noexcept override;
     // E_POINTER for a null `proxy`, E_INVALIDARG for a malformed URL. A discovery that fails gives a direct connection.
     // Credentials are given only when both `user` and `password` are given; otherwise the one that is given becomes null.
@@ -134,7 +138,8 @@ private:
 
     [[nodiscard]] HRESULT GetProxyForURL(std::wstring_view url, CProxyCache::CProxyPtr& proxy) noexcept;
     [[nodiscard]] HRESULT FindProxyForServer(const VoGlobalHTTPUtils::CServerAddressData& address,
-                                             const std::wstring& serverKey, CProxyCache::CProxyPtr& proxy);
+                                             const std::wstring& serverKey, CProxyCache::CProxyPtr& proxy,
+                                             CVoProxyExplanation* explanation = nullptr);
     [[nodiscard]] HRESULT GetManualProxy(CProxyCache::CProxyPtr& proxy) noexcept;
     void ReadMissingUserSettings() noexcept;
 

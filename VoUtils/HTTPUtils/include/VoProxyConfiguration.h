@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 class CVoBinaryDataParser;
 
@@ -70,6 +71,38 @@ struct CHTTPProxyConfigData
     CHTTPProxyAuthenticationData manualProxyAuthenticationData; // for each proxy of manualProxy
 };
 
+// How the proxy store decided for a URL. It can be shown as it is: scripts are named without the query of their address.
+struct CVoProxyExplanation
+{
+    enum class ESource
+    {
+        None,     // no proxy is configured
+        Manual,   // the manual list
+        Script,   // an auto-configuration script
+        Detection // a script that the platform finds in the network
+    };
+    // A step of the decision that took time.
+    struct CTried
+    {
+        std::wstring what;     // "run the proxy script http://wpad.example/proxy.pac"
+        HRESULT result = S_OK; // a discovery that fails gives a direct connection
+        INT64 microseconds = 0;
+    };
+
+    ESource source = ESource::None;
+    std::wstring proxy; // the answer: "host:port"; empty: direct
+    std::wstring rule;  // the item of the bypass list that sends the URL directly; else the list that the proxy is from
+    bool isBypassed = false;
+    std::wstring script;  // its address; empty without one
+    DWORD error = 0;      // of the platform, when the discovery failed
+    bool isKnown = false; // the answer was found earlier and kept
+    bool hasCredentials = false;
+    std::vector<CTried> tried;
+
+    // "none", "manual", "script", "detection"; "bypass" for a URL that a rule sends directly.
+    [[nodiscard]] const wchar_t* SourceName() const noexcept;
+};
+
 // Keeps the store's configuration, and the platform's session that discovers proxies for it. Any thread. Its lock is held while
 // a script is fetched and run.
 class CProxyConfigHandler
@@ -88,9 +121,10 @@ public:
     HRESULT Clear() noexcept;
 
     // What the configuration gives for a URL: a proxy list (empty: direct), a bypass list, and credentials for the proxies of
-    // the list. A discovery that fails finds no proxy.
+    // the list. A discovery that fails finds no proxy. `explanation` (may be null) receives the source and what was tried.
     [[nodiscard]] HRESULT GetProxyForURL(const std::wstring& url, std::wstring& proxyList, std::wstring& bypassList,
-                                         CHTTPProxyAuthenticationData& authentication) noexcept;
+                                         CHTTPProxyAuthenticationData& authentication,
+                                         CVoProxyExplanation* explanation = nullptr) noexcept;
     // The manual proxy list; empty when discovery is configured.
     [[nodiscard]] HRESULT GetManualProxy(std::wstring& proxyList, CHTTPProxyAuthenticationData& authentication) noexcept;
 
@@ -98,7 +132,8 @@ public:
 
 private:
     [[nodiscard]] HRESULT OpenSession() noexcept;
-    [[nodiscard]] HRESULT DiscoverProxy(const std::wstring& url, std::wstring& proxyList, std::wstring& bypassList) noexcept;
+    [[nodiscard]] HRESULT DiscoverProxy(const std::wstring& url, std::wstring& proxyList, std::wstring& bypassList,
+                                        CVoProxyExplanation* explanation) noexcept;
 
     CCriticalSection m_lock;
     CHTTPProxyConfigData m_config;                                       // guarded by m_lock

@@ -55,6 +55,8 @@ struct CContent
 // address;
 // "*" in it stands for any characters. When the list contains "<local>", host names without a dot are bypassed too.
 [[nodiscard]] bool IsBypassed(std::wstring_view bypassList, std::wstring_view host) noexcept;
+// The item of the list that does so, as it stands there ("<local>" or a part of `bypassList`); empty when there is none.
+[[nodiscard]] std::wstring_view FindBypass(std::wstring_view bypassList, std::wstring_view host) noexcept;
 // Whether a bypass list is "*" alone: no request uses the proxy.
 [[nodiscard]] bool BypassesAll(std::wstring_view bypassList) noexcept;
 } // namespace VoProxyList

@@ -222,9 +222,10 @@ public:
     // detects a script (DHCP and DNS). Blocks while the script is fetched and run. `proxy` receives the platform's proxy list,
     // empty for a direct connection; `bypass` receives the hosts that need no proxy. A failed discovery gives a direct
     // connection and S_OK, because it must not disconnect the user. It is reported, unless it only means that there is no
-    // script or that the script gave no result. Only E_OUTOFMEMORY is returned as a failure.
+    // script or that the script gave no result. Only E_OUTOFMEMORY is returned as a failure. `discoveryError` (may be null)
+    // receives the platform's error of a failed discovery, else 0.
     [[nodiscard]] HRESULT GetProxyForUrl(const std::wstring& url, const std::wstring& pacFileUrl, std::wstring& proxy,
-                                         std::wstring& bypass) const noexcept
+                                         std::wstring& bypass, DWORD* discoveryError = nullptr) const noexcept
     {
         constexpr CVoReporter report{ kSource, L"VoWinHttpInterface::WinHttpSessionHandle::GetProxyForUrl" };
         try
@@ -254,6 +255,8 @@ public:
             }
             else if (!found && !MeansNoProxy(error))
                 report.Win32(264, 265, error);
+            if (discoveryError)
+                *discoveryError = found ? ERROR_SUCCESS : error;
 
             std::wstring foundProxy;
             std::wstring foundBypass;

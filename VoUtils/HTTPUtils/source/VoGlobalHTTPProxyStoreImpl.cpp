@@ -334,7 +334,7 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::GetProxyForURL(std::wstring_view url, CProx
 }
 
 HRESULT CVoGlobalHTTPProxyStoreImpl::FindProxyForServer(const CServerAddressData& address, const std::wstring& serverKey,
-                                                        CProxyCache::CProxyPtr& proxy)
+                                                        CProxyCache::CProxyPtr& proxy, CVoProxyExplanation* explanation)
 {
     constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::GetProxyForURL" };
     std::wstring proxyList;
@@ -343,7 +343,7 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::FindProxyForServer(const CServerAddressData
     // A script may look at the whole URL; its result is kept for all URLs of the server. Path and query of a secure URL may be
     // secret, so a script that came over the network does not get them.
     const std::wstring url = address.IsSecure() ? address.BaseURL() + L'/' : address.FullURL();
-    if (const HRESULT hr = m_configuration.GetProxyForURL(url, proxyList, bypassList, authentication); FAILED(hr))
+    if (const HRESULT hr = m_configuration.GetProxyForURL(url, proxyList, bypassList, authentication, explanation); FAILED(hr))
         return report(1011, hr);
 
     std::wstring name;
@@ -361,11 +361,47 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::FindProxyForServer(const CServerAddressData
         // The configured credentials count only until others are saved for the proxy.
         if (const HRESULT hr = m_cache.SetAuthDataForProxy(name, authentication, true); FAILED(hr))
             return report(1019, hr);
-    if (VoProxyList::IsBypassed(bypassList, address.Host()))
+    const std::wstring_view bypass = VoProxyList::FindBypass(bypassList, address.Host());
+    if (explanation)
+    {
+        explanation->isBypassed = !bypass.empty() && !name.empty();
+        explanation->rule = explanation->isBypassed ? std::wstring(bypass) : proxyList;
+    }
+    if (!bypass.empty())
         name.clear();
+    // An answer that is known stays, also when the decision would be another one today.
+    if (explanation && m_cache.GetProxyAndAuthData(serverKey, proxy))
+        return S_OK;
     if (const HRESULT hr = m_cache.SetProxy(serverKey, name, &proxy); FAILED(hr))
         return report(1078, hr);
     return S_OK;
+}
+
+HRESULT CVoGlobalHTTPProxyStoreImpl::ExplainProxyForUrl(std::wstring_view url, CVoProxyExplanation& explanation) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::ExplainProxyForUrl" };
+    return report.Guard(1093, [&]() -> HRESULT
+    {
+        CServerAddressData address;
+        if (const HRESULT hr = address.SetAddress(url, false, true, true); FAILED(hr))
+            return report(1086, hr);
+        const std::wstring serverKey = CProxyCache::ServerKeyOf(address);
+        CVoProxyExplanation found;
+        CProxyCache::CProxyPtr proxy;
+        CAutoLock lock(&m_lock);
+        found.isKnown = m_cache.GetProxyAndAuthData(serverKey, proxy);
+        ReadMissingUserSettings();
+        if (!m_isUserSettingsMissing)
+            if (const HRESULT hr = FindProxyForServer(address, serverKey, proxy, &found); FAILED(hr))
+                return report(1090, hr);
+        if (proxy)
+        {
+            found.proxy = proxy->name;
+            found.hasCredentials = proxy->authentication.AreUsable();
+        }
+        explanation = std::move(found);
+        return S_OK;
+    });
 }
 
 HRESULT CVoGlobalHTTPProxyStoreImpl::GetManualProxy(CProxyCache::CProxyPtr& proxy) noexcept

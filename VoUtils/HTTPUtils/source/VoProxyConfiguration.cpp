@@ -8,6 +8,9 @@
 
 #include <base/VoRecord.h>
 #include <base/VoSystemProperties.h>
+#include <base/VoUtils.h>
+
+#include <algorithm>
 
 namespace
 {
@@ -64,6 +67,19 @@ bool LeaveOutUnusable(const CVoReporter& report, CHTTPProxyConfigData& config)
     return false;
 }
 
+// A script's address without its query and without user information.
+std::wstring WithoutSecrets(const std::wstring& url)
+{
+    std::wstring text = url.substr(0, url.find_first_of(L"?#"));
+    const size_t begin = text.find(L"://");
+    if (begin == std::wstring::npos)
+        return text;
+    const size_t end = std::min(text.find(L'/', begin + 3), text.size());
+    if (const size_t user = text.rfind(L'@', end); user != std::wstring::npos && user > begin)
+        text.erase(begin + 3, user + 1 - (begin + 3));
+    return text;
+}
+
 // Copies a password without leaving a part of it in freed memory.
 void CopySecret(std::wstring_view text, CVoSecret<wchar_t>& copy)
 {
@@ -72,6 +88,22 @@ void CopySecret(std::wstring_view text, CVoSecret<wchar_t>& copy)
     copy = std::move(made);
 }
 } // namespace
+
+const wchar_t* CVoProxyExplanation::SourceName() const noexcept
+{
+    switch (isBypassed ? ESource::None : source)
+    {
+    case ESource::Manual:
+        return L"manual";
+    case ESource::Script:
+        return L"script";
+    case ESource::Detection:
+        return L"detection";
+    case ESource::None:
+        break;
+    }
+    return isBypassed ? L"bypass" : L"none";
+}
 
 CHTTPProxyAuthenticationData::CHTTPProxyAuthenticationData(const CHTTPProxyAuthenticationData& other)
     : valid(other.valid), required(other.required), userName(other.userName)
@@ -223,16 +255,34 @@ HRESULT CProxyConfigHandler::OpenSession() noexcept
     });
 }
 
-HRESULT CProxyConfigHandler::DiscoverProxy(const std::wstring& url, std::wstring& proxyList, std::wstring& bypassList) noexcept
+HRESULT CProxyConfigHandler::DiscoverProxy(const std::wstring& url, std::wstring& proxyList, std::wstring& bypassList,
+                                           CVoProxyExplanation* explanation) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CProxyConfigHandler::DiscoverProxy" };
-    if (const HRESULT hr = m_session->GetProxyForUrl(url, m_config.pacFileUrl, proxyList, bypassList); FAILED(hr))
-        return report(652, hr);
-    return S_OK;
+    return report.Guard(654, [&]() -> HRESULT
+    {
+        const INT64 start = VoGetMicroseconds();
+        DWORD error = ERROR_SUCCESS;
+        if (const HRESULT hr = m_session->GetProxyForUrl(url, m_config.pacFileUrl, proxyList, bypassList, &error); FAILED(hr))
+            return report(652, hr);
+        if (explanation)
+        {
+            using ESource = CVoProxyExplanation::ESource;
+            explanation->script = WithoutSecrets(m_config.pacFileUrl);
+            explanation->source = m_config.pacFileUrl.empty() ? ESource::Detection : ESource::Script;
+            explanation->error = error;
+            explanation->tried.push_back({ explanation->script.empty() ? L"find a proxy script in the network, and run it"
+                                                                       : L"run the proxy script " + explanation->script,
+                                           error == ERROR_SUCCESS ? S_OK : HResultFromWin32(error),
+                                           VoGetMicroseconds() - start });
+        }
+        return S_OK;
+    });
 }
 
 HRESULT CProxyConfigHandler::GetProxyForURL(const std::wstring& url, std::wstring& proxyList, std::wstring& bypassList,
-                                            CHTTPProxyAuthenticationData& authentication) noexcept
+                                            CHTTPProxyAuthenticationData& authentication,
+                                            CVoProxyExplanation* explanation) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CProxyConfigHandler::GetProxyForURL" };
     return report.Guard(671, [&]() -> HRESULT
@@ -240,8 +290,12 @@ HRESULT CProxyConfigHandler::GetProxyForURL(const std::wstring& url, std::wstrin
         CAutoLock lock(&m_lock);
         CHTTPProxyConfigData found;
         if (!m_config.UsesDiscovery())
+        {
             found = m_config;
-        else if (const HRESULT hr = DiscoverProxy(url, found.manualProxy, found.manualProxyBypassList); FAILED(hr))
+            if (explanation && !found.manualProxy.empty())
+                explanation->source = CVoProxyExplanation::ESource::Manual;
+        }
+        else if (const HRESULT hr = DiscoverProxy(url, found.manualProxy, found.manualProxyBypassList, explanation); FAILED(hr))
             return report(657, hr);
         proxyList.swap(found.manualProxy);
         bypassList.swap(found.manualProxyBypassList);

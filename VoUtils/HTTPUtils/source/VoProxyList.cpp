@@ -223,17 +223,23 @@ std::optional<CUnusableEntry> FindProblem(std::wstring_view list)
 
 bool IsBypassed(std::wstring_view bypassList, std::wstring_view host) noexcept
 {
+    return !FindBypass(bypassList, host).empty();
+}
+
+std::wstring_view FindBypass(std::wstring_view bypassList, std::wstring_view host) noexcept
+{
     if (IsLocalName(host) && VoContainsNoCase(bypassList, kLocalHosts))
-        return true;
+        return kLocalHosts;
     for (std::wstring_view item = TakeItem(bypassList, kItemSeparators); !item.empty();
          item = TakeItem(bypassList, kItemSeparators))
     {
+        const std::wstring_view rule = item;
         if (item.starts_with(L'[') && item.ends_with(L']')) // an IPv6 address
             item = item.substr(1, item.size() - 2);
         if (Matches(item, host))
-            return true;
+            return rule;
     }
-    return false;
+    return {};
 }
 
 bool BypassesAll(std::wstring_view bypassList) noexcept

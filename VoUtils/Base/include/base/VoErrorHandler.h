@@ -31,6 +31,9 @@
 // changes nothing. An empty or over-long path and one with a zero in it are E_INVALIDARG, a folder that does not exist
 // ERROR_PATH_NOT_FOUND; these two are not reported, because a report would settle the folder.
 [[nodiscard]] HRESULT VoSetModuleSettingsDirectory(CVoTextView directory) noexcept;
+// The folder in which ModuleSettings.ini was looked up; empty when the module's file has none. Reads the settings first when
+// nobody has. Throws std::bad_alloc.
+[[nodiscard]] std::wstring VoModuleSettingsDirectory();
 
 // The application's log file. One object serves the process (VoErrorLog()); others exist only in tests. Any thread may report.
 // Every line opens, writes and closes the file, so that several processes can share it and a reader may delete it; writers in

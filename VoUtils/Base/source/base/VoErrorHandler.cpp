@@ -213,6 +213,14 @@ HRESULT VoSetModuleSettingsDirectory(CVoTextView directory) noexcept
     }
 }
 
+std::wstring VoModuleSettingsDirectory()
+{
+    (void)VoErrorLog();
+    CProcessLogState& state = ProcessLogState();
+    const CVoLockHolder lock(state.lock);
+    return state.settingsDirectory;
+}
+
 void CVoErrorLogFile::ResolveNames()
 {
     const HMODULE module = VoOwnModule();
