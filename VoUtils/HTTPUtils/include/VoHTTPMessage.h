@@ -14,6 +14,7 @@
 // an HRESULT and reports its failures.
 #pragma once
 
+#include <VoExchangeRecord.h>
 #include <VoGlobalHTTPUtils.h>
 #include <VoHTTPStores.h>
 
@@ -83,11 +84,35 @@ public:
         // transports. Empty: no cookies. Do not call it while the request is being sent.
         [[nodiscard]] const std::wstring& CookieHeader() const noexcept { return m_cookieHeader; }
 
+        // Cancels the request for ever, in whatever state it is: the operation that runs on it ends with kResultCancelled
+        // (0x800704C7), and later ones fail with it at once. The message stays usable; open a new request. Any thread, at any
+        // time, also more than once. The call returns at once. A transfer ends within a second over libcurl, which polls, and
+        // over the Windows transports as soon as the platform ends a call whose handle is closed. A question to the user ends
+        // when the authentication callback supports IVoAuthenticationCancel; otherwise when the user has answered it.
+        void Cancel() noexcept;
+        [[nodiscard]] bool IsCancelled() const noexcept { return m_isCancelled.load(std::memory_order_acquire); }
+
+        // The limits for the responses to this request. Set them before a send.
+        void SetResponseLimits(const CVoResponseLimits& limits) noexcept { m_limits = limits; }
+        [[nodiscard]] const CVoResponseLimits& ResponseLimits() const noexcept { return m_limits; }
+
+        // The following tell of the last send. They return E_FAIL while the request is being sent or read, and before its first
+        // send; E_OUTOFMEMORY. The outputs are untouched then.
+
+        // What happened.
+        [[nodiscard]] HRESULT GetExchangeRecord(CVoExchangeRecord& record) const noexcept;
+        // The headers of the last response, secrets included. Empty without a response.
+        [[nodiscard]] HRESULT GetResponseHeaders(std::vector<CVoHTTPHeader>& headers) const noexcept;
+        // The first 64 KiB of the body of a response whose status is not 200. Empty without such a response.
+        [[nodiscard]] HRESULT GetErrorBody(std::vector<BYTE>& bytes) const noexcept;
+
     protected:
         std::atomic<UINT64> m_sent{ 0 };
         std::atomic<UINT64> m_toSend{ 0 };
         std::atomic<UINT64> m_received{ 0 };
         std::atomic<UINT64> m_toReceive{ 0 };
+        std::atomic<bool> m_isCancelled{ false };
+        CVoResponseLimits m_limits;
         std::wstring m_cookieHeader;
     };
 

@@ -71,6 +71,15 @@ public:
                                                          BSTR* password, VARIANT_BOOL* cancelled) noexcept = 0;
 };
 
+// An authentication callback may also implement this interface, so that a request can be cancelled while its question is open.
+class IVoAuthenticationCancel : public IUnknown
+{
+public:
+    // Ends the question that the thread of this identifier is asking now, as if the user had declined it. S_OK also when the
+    // thread asks nothing. Any thread.
+    virtual HRESULT STDMETHODCALLTYPE CancelQuestion(DWORD threadId) noexcept = 0;
+};
+
 // Gives the stores that the modules of a process share.
 class IVoGlobalHTTPStoreQueryPrivate : public IUnknown
 {
@@ -105,4 +114,9 @@ template <>
 struct VoInterfaceId<IVoGlobalHTTPStoreQueryPrivate>
 {
     static constexpr IID value{ 0x827D6B8A, 0xC2DF, 0x4C9D, { 0xB4, 0xFD, 0x31, 0x0E, 0xED, 0x39, 0xEF, 0x80 } };
+};
+template <>
+struct VoInterfaceId<IVoAuthenticationCancel>
+{
+    static constexpr IID value{ 0x3B0A6C54, 0x7E0F, 0x4C2B, { 0x9D, 0x21, 0x5A, 0x8E, 0x44, 0xC7, 0x1B, 0xE6 } };
 };

@@ -20,6 +20,7 @@ inline constexpr HRESULT kErrorServerAnswer = static_cast<HRESULT>(0x81030002);
 inline constexpr HRESULT kErrorServerRefused = static_cast<HRESULT>(0x81030003);
 inline constexpr HRESULT kErrorServerCertificate = static_cast<HRESULT>(0x81030004);
 inline constexpr HRESULT kErrorServerCredentials = static_cast<HRESULT>(0x81030005);
+inline constexpr HRESULT kErrorResponseLimit = static_cast<HRESULT>(0x81030006); // see CVoResponseLimits
 inline constexpr HRESULT kErrorProxyNotReached = static_cast<HRESULT>(0x81030010);
 inline constexpr HRESULT kErrorProxyCredentials = static_cast<HRESULT>(0x81030011);
 inline constexpr HRESULT kErrorSignature = static_cast<HRESULT>(0x81030020);
