@@ -94,6 +94,14 @@ protected:
         *bytes = fits ? needed - DWORD{ sizeof(wchar_t) } : needed;
         return fits;
     }
+    // The header of a response as one text.
+    static BOOL GiveRawHeader(UINT32 status, const Headers& headers, void* buffer, DWORD* bytes)
+    {
+        std::wstring text = L"HTTP/1.1 " + std::to_wstring(status) + L" Reason\r\n";
+        for (const auto& [name, value] : headers)
+            text += name + L": " + value + L"\r\n";
+        return GiveText(text + L"\r\n", buffer, bytes);
+    }
     // The header number `index` (null: 0) of a name, as both services give it.
     static BOOL GiveHeader(const Headers& headers, const wchar_t* name, void* buffer, DWORD* bytes, DWORD* index)
     {

@@ -168,6 +168,8 @@ private:
         const CWinHttpResponse& response = RequestOf(handle).response;
         if (level == (WINHTTP_QUERY_STATUS_CODE | WINHTTP_QUERY_FLAG_NUMBER))
             return *static_cast<DWORD*>(buffer) = response.status, TRUE;
+        if (level == WINHTTP_QUERY_RAW_HEADERS_CRLF)
+            return GiveRawHeader(response.status, response.headers, buffer, bytes);
         EXPECT_TRUE(level == WINHTTP_QUERY_CUSTOM || level == WINHTTP_QUERY_SET_COOKIE);
         return GiveHeader(response.headers, level == WINHTTP_QUERY_CUSTOM ? name : L"Set-Cookie", buffer, bytes, index);
     }

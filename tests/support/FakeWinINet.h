@@ -111,6 +111,8 @@ private:
                 statuses.pop_front();
             return !Fails("QueryStatus");
         }
+        if (query == HTTP_QUERY_RAW_HEADERS_CRLF)
+            return GiveRawHeader(statuses.front(), headers, buffer, bytes);
         EXPECT_EQ(query, DWORD{ HTTP_QUERY_CUSTOM });
         return GiveHeader(headers, static_cast<const wchar_t*>(buffer), buffer, bytes, index);
     }

@@ -3,7 +3,12 @@
 
 #include <VoHTTPStores.h>
 
+#include <base/VoLock.h>
+
 #include <atomic>
+#include <vector>
+
+class CAuthDlg;
 
 // Asks the user for a name and a password in a small modal dialog on the calling thread. Calls on other threads have dialogs of
 // their own. It keeps no credentials: the proxy store keeps those that a proxy accepted.
@@ -14,9 +19,21 @@
 // `password`; the old texts are freed. When the user cancels, the result is S_OK, `cancelled` is VARIANT_TRUE, and `user` and
 // `password` are unchanged. The same holds when the dialog cannot be shown, which is reported: the process has no desktop, or
 // the parent window is gone. E_POINTER for a null out argument, E_OUTOFMEMORY; all out arguments are unchanged then.
-class CVoAuthCallbackImpl final : public CVoIUnknownImplWithFreeThreadedMarshaller<IVoAuthenticationCallback>
+//
+// A question can be cancelled (IVoAuthenticationCancel): its dialog closes as if the user had chosen Cancel.
+class CVoAuthCallbackImpl final : public CVoIUnknownImplWithFreeThreadedMarshaller<IVoAuthenticationCallback>,
+                                  public IVoAuthenticationCancel
 {
+    using CBase = CVoIUnknownImplWithFreeThreadedMarshaller<IVoAuthenticationCallback>;
+
 public:
+    STDMETHODIMP QueryInterface(REFIID iid, void** object) noexcept override { return CBase::QueryInterface(iid, object); }
+    STDMETHODIMP_(ULONG) AddRef() noexcept override { return CBase::AddRef(); }
+    STDMETHODIMP_(ULONG) Release() noexcept override { return CBase::Release(); }
+
+    STDMETHODIMP CancelQuestion(DWORD threadId) noexcept override;
+    STDMETHODIMP ResetQuestion(DWORD threadId) noexcept override;
+
     // Sets the owner of the next dialogs; null: no owner. The window is disabled while a dialog is open. The thread that owns
     // the window must process its messages meanwhile, also when the dialog runs on another thread.
     STDMETHODIMP SetParentWindow(HWND parent) noexcept override;
@@ -25,13 +42,20 @@ public:
     STDMETHODIMP OnServerAuthNeeded(BSTR title, BSTR serverAddress, BSTR reserved, BSTR* user, BSTR* password,
                                     VARIANT_BOOL* cancelled) noexcept override;
 
+protected:
+    HRESULT QueryOther(REFIID iid, void** object) noexcept override;
+
 private:
+    class COpenDialog;
+
     ~CVoAuthCallbackImpl() override = default;
 
-    [[nodiscard]] HRESULT AskUser(BSTR title, BSTR serverAddress, BSTR* user, BSTR* password,
-                                  VARIANT_BOOL* cancelled) const noexcept;
+    [[nodiscard]] HRESULT AskUser(BSTR title, BSTR serverAddress, BSTR* user, BSTR* password, VARIANT_BOOL* cancelled) noexcept;
 
     std::atomic<HWND> m_parent{ nullptr };
+    CVoLock m_lock;                 // guards the following
+    std::vector<DWORD> m_cancelled; // threads whose question is cancelled
+    std::vector<CAuthDlg*> m_open;  // the dialogs that are open
 };
 
 // Creates a callback without a parent window for the calling module. The caller owns one reference. E_POINTER, or

@@ -19,10 +19,39 @@ struct CVoHTTPHeader
     std::wstring value; // without the white space around it; bytes that are not UTF-8 become one character each
 };
 
+// Why an attempt failed, as far as the transport's service tells.
+enum class EVoFailure
+{
+    None,
+    Cancelled,
+    NameNotFound,
+    ConnectRefused,
+    ConnectFailed, // refused or unreachable: the service does not say which
+    ConnectTimeOut,
+    TlsHandshake,
+    Certificate, // refused; the service does not say why
+    CertificateName,
+    CertificateDate,
+    CertificateIssuer,
+    CertificateRevoked,
+    RevocationUnknown,
+    ConnectionLost,
+    ResponseTimeOut, // the request was on its way, or the TLS handshake
+    ResponseMalformed,
+    ResponseTruncated,
+    ResponseLimit,
+    RedirectLoop,
+    RedirectRefused,
+    Credentials,      // the server demands some, and none were given
+    ProxyCredentials, // the proxy demands some
+    Status,           // the response has another status than 200
+    Other
+};
+
 struct CVoExchangeRecord
 {
-    // Microseconds from the start of the attempt to the end of each phase, for its last connection. Nothing for a phase that did
-    // not happen (a connection that was used again has neither name, connect nor tls) or that the service does not tell.
+    // Microseconds from the start of the attempt to the end of each phase, for its last connection. Nothing for a phase that
+    // did not happen (a connection that was used again has neither name, connect nor tls) or that the service does not tell.
     struct CTimes
     {
         std::optional<INT64> name;      // the host's addresses were known
@@ -57,7 +86,9 @@ struct CVoExchangeRecord
         UINT64 bytesSent = 0;                // of the body
         UINT64 bytesReceived = 0;            // of the body, decoded
         HRESULT result = S_OK;
-        std::wstring reason; // one sentence, without a full stop, why the attempt failed; empty on success
+        EVoFailure failure = EVoFailure::None;
+        bool isProxyFailure = false; // the connection that failed was to the proxy
+        std::wstring reason;         // one sentence, without a full stop, why the attempt failed; empty on success
     };
 
     std::vector<CAttempt> attempts;
@@ -75,5 +106,8 @@ struct CVoResponseLimits
     UINT32 headerBytes = 1024 * 1024; // of one response, the status line included
     UINT32 headerFields = 1000;       // of one response
     UINT32 cookies = 200;             // of one response; the rest is dropped
-    UINT64 bodyBytes = 0;             // decoded; 0: no limit
+    // Decoded; 0: no limit. WinHTTP delivers a body in pieces that cost memory each: a body in very many small pieces reaches
+    // the limit earlier.
+    UINT64 bodyBytes = 0;
+    UINT32 errorBodyBytes = 64 * 1024; // that are kept of the body of a response whose status is not 200; 0: none
 };

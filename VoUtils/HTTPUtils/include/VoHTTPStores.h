@@ -75,9 +75,10 @@ public:
 class IVoAuthenticationCancel : public IUnknown
 {
 public:
-    // Ends the question that the thread of this identifier is asking now, as if the user had declined it. S_OK also when the
-    // thread asks nothing. Any thread.
+    // Ends the question that a thread asks now, or the next one that it asks, as if the user had declined it. Any thread.
     virtual HRESULT STDMETHODCALLTYPE CancelQuestion(DWORD threadId) noexcept = 0;
+    // Takes CancelQuestion back: the thread's question is over.
+    virtual HRESULT STDMETHODCALLTYPE ResetQuestion(DWORD threadId) noexcept = 0;
 };
 
 // Gives the stores that the modules of a process share.

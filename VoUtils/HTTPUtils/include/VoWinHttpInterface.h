@@ -446,6 +446,17 @@ public:
         }
     }
 
+    // The bytes of the response's header, with the status line; 0 without a response.
+    [[nodiscard]] size_t HeaderLength() const noexcept
+    {
+        const CVoLastErrorKeeper keeper;
+        const auto owned = Pin();
+        DWORD bytes = 0; // of the text, which has two for each character
+        ::WinHttpQueryHeaders(owned ? owned->handle : nullptr, WINHTTP_QUERY_RAW_HEADERS_CRLF, WINHTTP_HEADER_NAME_BY_INDEX,
+                              nullptr, &bytes, WINHTTP_NO_HEADER_INDEX);
+        return bytes / sizeof(wchar_t);
+    }
+
     // The value of a Set-Cookie header; see QueryCustomHeaders.
     [[nodiscard]] HRESULT QueryCookie(std::wstring* text, DWORD* index = WINHTTP_NO_HEADER_INDEX) const noexcept
     {

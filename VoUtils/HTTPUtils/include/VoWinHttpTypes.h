@@ -50,6 +50,9 @@ using AuthenticationFunction =
 // Called when the request has been sent, with the arguments of WinHTTP's notification.
 using SendCompleteHandler = std::function<HRESULT(DWORD status, void* information, DWORD length)>;
 
+// Called for each notification of WinHTTP that the exchange serves, before the exchange acts on it. It must not block.
+using NotificationHandler = std::function<void(DWORD status, const void* information, DWORD length)>;
+
 // Called for each piece of the response body that has arrived. `length` in bytes.
 using ReceiveHandler = std::function<HRESULT(DWORD length)>;
 } // namespace VoWinHttpRequest

@@ -1,10 +1,13 @@
 // The parts of the libcurl transport; see CURLSupport.h.
 #include "CURLSupport.h"
 
+#include "CURLTransferRecord.h"
 #include "VoCookieBytes.h"
 #include "VoDataLog.h"
+#include "VoExchangeText.h"
 #include "VoRedirect.h"
 
+#include <VoNetworkUtils.h>
 #include <base/VoUtils.h>
 #include <base/com/VoComHelper.h>
 
@@ -158,6 +161,22 @@ void CCURLConnections::Unlock(CURL* /*handle*/, curl_lock_data data, void* conte
     static_cast<CCURLConnections*>(context)->m_locks[data].Unlock();
 }
 
+curl_socket_t opensocket_callback(void* addresses, curlsocktype /*purpose*/, curl_sockaddr* address) noexcept
+try
+{
+    VoNetworkUtils::CVoIPAddress text;
+    bool taken = false;
+    if (SUCCEEDED(text.InitFromIPAddress(address->addr, false, taken)))
+        static_cast<std::vector<std::wstring>*>(addresses)->push_back(text.Text());
+    // As libcurl does it by itself.
+    return ::socket(address->family, address->socktype, address->protocol);
+}
+catch (...)
+{
+    CVoReporter{ kSource, L"VoHTTPMessageCURL::opensocket_callback" }.CurrentException(361);
+    return CURL_SOCKET_BAD;
+}
+
 size_t read_callback(char* buffer, size_t size, size_t count, void* source) noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::read_callback" };
@@ -180,6 +199,8 @@ size_t read_callback(char* buffer, size_t size, size_t count, void* source) noex
     }
     if (body.sent)
         body.sent->store(body.position, std::memory_order_relaxed);
+    if (body.end && body.position == body.length)
+        *body.end = VoGetMicroseconds();
     return copied;
 }
 
@@ -221,14 +242,23 @@ try
     // section 6.5.1).
     if (headers.complete && !isStatusLine)
         return length;
+    if (isStatusLine)
+        headers.bytes = headers.fields = headers.cookies = 0;
+    headers.bytes += length;
+    ++headers.fields; // the status line and the empty line too
+    if (headers.limits && (headers.bytes > headers.limits->headerBytes || headers.fields > headers.limits->headerFields + 2))
+    {
+        headers.isOverLimit = true;
+        return 0;
+    }
+    if (headers.record)
+        headers.record->AddHeaderLine(bytes);
 
-    // Header fields are bytes. When they are not UTF-8, each byte becomes one character (RFC 9110, section 5.5).
     std::wstring text;
     if (const HRESULT hr = VoUTF8ToString(bytes, text); FAILED(hr))
     {
         report(427, hr);
-        text.assign(length, L'\0');
-        std::transform(bytes.begin(), bytes.end(), text.begin(), [](char c) { return wchar_t{ static_cast<BYTE>(c) }; });
+        text = VoHeaderText(bytes);
     }
 
     constexpr std::wstring_view kSetCookie = L"Set-Cookie:";
@@ -238,7 +268,8 @@ try
     if (VoStartsWithNoCase(text, kSetCookie))
     {
         // A 407 is the proxy's response, so its cookies are not the server's.
-        if (headers.cookieStore && headers.statusCode != L"407")
+        const bool isKept = !headers.limits || headers.cookies++ < headers.limits->cookies;
+        if (isKept && headers.cookieStore && headers.statusCode != L"407")
         {
             const std::wstring cookie = VoCookieTextFromBytes(bytes.substr(kSetCookie.size()));
             const HRESULT hr = headers.cookieStore->AddCookieFromString(CVoBstr(HeaderValue(cookie, 0)).Get(),
@@ -334,6 +365,8 @@ try
     }
     headers.requestUrl = address.FullURL();
     headers.isSecure = address.IsSecure();
+    if (headers.record)
+        headers.record->AddRequest(headers.requestUrl);
     CVoBstr cookie;
     if (headers.cookieStore)
         if (const HRESULT hr = headers.cookieStore->GetCookieStringForHTTPRequest(
@@ -362,6 +395,11 @@ size_t write_callback(char* data, size_t size, size_t count, void* context) noex
     }
     auto& answer = *static_cast<CCURLWriteCallbackData*>(context);
     const size_t length = size * count;
+    if (answer.limit != 0 && answer.received.size() + length > answer.limit)
+    {
+        answer.result = report(489, kErrorResponseLimit);
+        return 0;
+    }
     try
     {
         if (answer.received.empty())
@@ -425,6 +463,8 @@ int progress_callback(void* context, curl_off_t /*dltotal*/, curl_off_t /*dlnow*
                       curl_off_t ulnow) noexcept
 {
     auto& progress = *static_cast<CProgressContext*>(context);
+    if (progress.request && progress.request->IsCancelled())
+        return 1;
     // Once for every report after the body has left, not once a request: receivers count on being told while they wait.
     if (progress.callBack && ultotal >= 1 && ulnow >= ultotal)
     {

@@ -21,6 +21,8 @@
 
 namespace VoHTTPMessageCURL
 {
+class CCURLTransferRecord;
+
 inline constexpr const wchar_t* kSource = L"..\\source\\VoHTTPMessageCURL";
 
 // S_OK for CURLE_OK. Any other code is reported with its name and the context (a printf format with one argument) and gives
@@ -126,6 +128,7 @@ struct CBodySource
     size_t length = 0;
     size_t position = 0;
     std::atomic<UINT64>* sent = nullptr; // progress; may be null
+    INT64* end = nullptr;                // when the last byte was taken (VoGetMicroseconds); may be null
 };
 
 // Receives the body of one transfer's response.
@@ -136,6 +139,7 @@ struct CCURLWriteCallbackData
     HRESULT result = S_OK;                // a failure means that bytes were lost
     std::atomic<UINT64>* count = nullptr; // progress; may be null
     std::atomic<UINT64>* expected = nullptr;
+    UINT64 limit = 0; // of the body, in bytes; 0: none
 };
 
 // What the headers of one transfer contain, and where its requests go.
@@ -152,13 +156,21 @@ struct CHeaderContext
     bool isFirstRequest = true;  // of the transfer; the next ones are redirects and answers to challenges
     bool isSecure = false;       // requestUrl is https
     bool cookieReplaced = false; // a redirect replaced the handle's Cookie header
+
+    CCURLTransferRecord* record = nullptr;     // null: nothing is kept
+    const CVoResponseLimits* limits = nullptr; // null: none
+    size_t bytes = 0;                          // of this response's header
+    UINT32 fields = 0;
+    UINT32 cookies = 0;
+    bool isOverLimit = false;
 };
 
-// Receives notice when the whole body has been sent.
+// Receives notice when the whole body has been sent, and ends a transfer that was cancelled.
 struct CProgressContext
 {
     CVoHTTPMessage::CallBack* callBack = nullptr; // may be null
     bool notified = false;
+    const CVoHTTPMessage::CHTTPRequestData* request = nullptr; // may be null
 };
 
 // The address that libcurl reads out of a URL, by libcurl's own parser, which decides where libcurl goes. User information is
@@ -169,10 +181,14 @@ struct CProgressContext
 // that libcurl really goes to. It ends the transfer when a redirect leads from https to http, or has a status that is no
 // redirect.
 int prereq_callback(void* context, char* serverAddress, char* clientAddress, int serverPort, int clientPort) noexcept;
+// Opens the socket for an address that libcurl tries, and keeps the address. `addresses` is a vector of texts.
+curl_socket_t opensocket_callback(void* addresses, curlsocktype purpose, curl_sockaddr* address) noexcept;
 size_t read_callback(char* buffer, size_t size, size_t count, void* source) noexcept;
 curlioerr ioctl_callback(CURL* handle, int command, void* source) noexcept;
+// These two return 0, which ends the transfer, when the response is larger than its limits allow.
 size_t header_callback(char* line, size_t size, size_t count, void* context) noexcept;
 size_t write_callback(char* data, size_t size, size_t count, void* context) noexcept;
 int debug_callback(CURL* handle, curl_infotype type, char* data, size_t size, void* request) noexcept;
+// Returns 0; 1, which ends the transfer, when the request was cancelled.
 int progress_callback(void* context, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal, curl_off_t ulnow) noexcept;
 } // namespace VoHTTPMessageCURL

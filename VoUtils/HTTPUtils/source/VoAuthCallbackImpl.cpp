@@ -5,6 +5,7 @@
 #include <base/VoErrorHandler.h>
 #include <base/com/VoComHelper.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace
@@ -26,14 +27,71 @@ HRESULT CVoAuthCallbackImpl::SetParentWindow(HWND parent) noexcept
     return S_OK;
 }
 
+HRESULT CVoAuthCallbackImpl::QueryOther(REFIID iid, void** object) noexcept
+{
+    if (!IsEqualIID(iid, kVoInterfaceId<IVoAuthenticationCancel>))
+        return CBase::QueryOther(iid, object);
+    *object = static_cast<IVoAuthenticationCancel*>(this);
+    AddRef();
+    return S_OK;
+}
+
+HRESULT CVoAuthCallbackImpl::CancelQuestion(DWORD threadId) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoAuthCallbackImpl::CancelQuestion" };
+    return report.Guard(50, [&]() -> HRESULT
+    {
+        const CVoLockHolder lock(m_lock);
+        m_cancelled.push_back(threadId);
+        for (CAuthDlg* const dialog : m_open)
+            dialog->Cancel(threadId);
+        return S_OK;
+    });
+}
+
+HRESULT CVoAuthCallbackImpl::ResetQuestion(DWORD threadId) noexcept
+{
+    const CVoLockHolder lock(m_lock);
+    std::erase(m_cancelled, threadId);
+    return S_OK;
+}
+
+// A dialog that CancelQuestion knows while it is open.
+class CVoAuthCallbackImpl::COpenDialog
+{
+public:
+    // Throws std::bad_alloc.
+    COpenDialog(CVoAuthCallbackImpl& callback, CAuthDlg& dialog) : m_callback(callback), m_dialog(dialog)
+    {
+        const CVoLockHolder lock(m_callback.m_lock);
+        m_callback.m_open.push_back(&m_dialog);
+        const DWORD thread = ::GetCurrentThreadId();
+        const auto& cancelled = m_callback.m_cancelled;
+        if (std::find(cancelled.begin(), cancelled.end(), thread) != cancelled.end())
+            m_dialog.Cancel(thread);
+    }
+    ~COpenDialog()
+    {
+        const CVoLockHolder lock(m_callback.m_lock);
+        std::erase(m_callback.m_open, &m_dialog);
+    }
+    COpenDialog(const COpenDialog&) = delete;
+    COpenDialog& operator=(const COpenDialog&) = delete;
+
+private:
+    CVoAuthCallbackImpl& m_callback;
+    CAuthDlg& m_dialog;
+};
+
 HRESULT CVoAuthCallbackImpl::AskUser(BSTR title, BSTR serverAddress, BSTR* user, BSTR* password,
-                                     VARIANT_BOOL* cancelled) const noexcept
+                                     VARIANT_BOOL* cancelled) noexcept
 {
     if (!user || !password || !cancelled)
         return E_POINTER;
     try
     {
         CAuthDlg dialog(CVoBstr::ViewOf(title), CVoBstr::ViewOf(serverAddress));
+        const COpenDialog open(*this, dialog);
         if (!dialog.DoModal(m_parent.load()))
         {
             *cancelled = VARIANT_TRUE;

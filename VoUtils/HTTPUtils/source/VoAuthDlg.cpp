@@ -179,7 +179,7 @@ INT_PTR CALLBACK CAuthDlg::DialogProc(HWND dialog, UINT message, WPARAM wParam, 
     {
     case WM_INITDIALOG:
         ::SetWindowLongPtrW(dialog, DWLP_USER, lParam);
-        reinterpret_cast<const CAuthDlg*>(lParam)->OnInitDialog(dialog);
+        reinterpret_cast<CAuthDlg*>(lParam)->OnInitDialog(dialog);
         return TRUE; // the platform sets the focus to the first field
     case WM_COMMAND:
         if (LOWORD(wParam) != IDOK && LOWORD(wParam) != IDCANCEL)
@@ -195,17 +195,41 @@ INT_PTR CALLBACK CAuthDlg::DialogProc(HWND dialog, UINT message, WPARAM wParam, 
     case WM_DESTROY:
         // The fields still exist here, however the dialog ended.
         WipeField(dialog, kPassword);
+        if (auto* const self = reinterpret_cast<CAuthDlg*>(::GetWindowLongPtrW(dialog, DWLP_USER)))
+            self->OnDestroy();
         return TRUE;
     default:
         return FALSE;
     }
 }
 
-void CAuthDlg::OnInitDialog(HWND dialog) const noexcept
+void CAuthDlg::Cancel(DWORD threadId) noexcept
 {
+    if (threadId != m_threadId)
+        return;
+    const CVoLockHolder lock(m_windowLock);
+    m_isCancelled = true;
+    if (m_window)
+        ::PostMessageW(m_window, WM_COMMAND, IDCANCEL, 0);
+}
+
+void CAuthDlg::OnInitDialog(HWND dialog) noexcept
+{
+    {
+        const CVoLockHolder lock(m_windowLock);
+        m_window = dialog;
+        if (m_isCancelled)
+            ::PostMessageW(dialog, WM_COMMAND, IDCANCEL, 0);
+    }
     ::SetWindowTextW(dialog, m_title.c_str());
     ::SetDlgItemTextW(dialog, kServerAddress, m_serverAddress.c_str());
     LayOut(dialog);
+}
+
+void CAuthDlg::OnDestroy() noexcept
+{
+    const CVoLockHolder lock(m_windowLock);
+    m_window = nullptr;
 }
 
 void CAuthDlg::OnEnd(HWND dialog, WORD result) noexcept

@@ -1,6 +1,7 @@
 // The dialog that asks the user for a name and a password. The authentication callback shows it.
 #pragma once
 
+#include <base/VoLock.h>
 #include <base/VoPlatform.h>
 #include <base/VoWipe.h>
 
@@ -34,6 +35,10 @@ public:
     // dialog and is disabled meanwhile; null for no owner. Throws std::bad_alloc.
     [[nodiscard]] bool DoModal(HWND parent);
 
+    // Ends the dialog as if the user had cancelled it, or keeps it from being shown, when it is the dialog of a thread. Any
+    // thread.
+    void Cancel(DWORD threadId) noexcept;
+
     // What the user entered.
     [[nodiscard]] const std::wstring& UserName() const noexcept { return m_userName; }
     [[nodiscard]] const CVoSecret<wchar_t>& Password() const noexcept { return m_password; }
@@ -41,8 +46,9 @@ public:
 private:
     static INT_PTR CALLBACK DialogProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam) noexcept;
 
-    void OnInitDialog(HWND dialog) const noexcept;
+    void OnInitDialog(HWND dialog) noexcept;
     void OnEnd(HWND dialog, WORD result) noexcept;
+    void OnDestroy() noexcept;
 
     std::wstring m_title;
     std::wstring m_serverAddress;
@@ -51,6 +57,10 @@ private:
     // How the user ended the dialog: IDOK, IDCANCEL, or 0 when the user did not end it. The platform's result is not reliable:
     // it may be IDOK when WM_QUIT ended the loop.
     WORD m_result = 0;
+    const DWORD m_threadId = ::GetCurrentThreadId();
+    CVoLock m_windowLock; // guards the following
+    HWND m_window = nullptr;
+    bool m_isCancelled = false;
     // The exception of reading the fields. An exception must not pass through the platform's window code.
     std::exception_ptr m_failure;
 };

@@ -2,6 +2,7 @@
 #include <VoHTTPMessageCURL.h>
 
 #include "CURLSupport.h"
+#include "CURLTransferRecord.h"
 #include "VoCookieBytes.h"
 #include "VoHTTPTransport.h"
 #include "VoRedirect.h"
@@ -72,6 +73,7 @@ constexpr CVoTransportTracePoints kTracePoints{
                          .open = 1005,
                          .cookie = 1010,
                          .redirect = 1015,
+                         .limit = 1017,
                          .ask = 969,
                          .declined = 972,
                          .address = 1025,
@@ -134,6 +136,9 @@ private:
     void EndSend(CRequest& sent) noexcept override;
     [[nodiscard]] std::optional<std::wstring> CheckHeader(const CRequest& asked, const wchar_t* name) const override;
     [[nodiscard]] HRESULT FetchBody(CRequest& request, std::vector<BYTE>& bytes) override;
+    void ReadResponseHeaders(const CRequest& answered, std::vector<CVoRawResponse>& responses) const override;
+    void CompleteRecord(const CRequest& sent, CVoExchangeRecord::CAttempt& attempt) const override;
+    [[nodiscard]] CVoFailure ExplainFailure(const CRequest& failed, HRESULT result) const override;
 
     [[nodiscard]] HRESULT PrepareSend(CHTTPRequestDataCURL& request, const std::wstring& contentType);
     [[nodiscard]] HRESULT Perform(CHTTPRequestDataCURL& request, std::span<const BYTE> body);
@@ -192,6 +197,8 @@ public:
     bool m_isPrepared = false;   // the options of this attempt are set
     bool m_isRetargeted = false; // the handle's URL is not m_url
     std::vector<BYTE> m_body;    // of the response
+
+    CCURLTransferRecord m_transfer; // the last one
 };
 
 std::shared_ptr<CVoHTTPMessage> MakeMessage()
@@ -348,6 +355,8 @@ HRESULT CVoHTTPMessageCURL::CHTTPRequestDataCURL::InitCURLHandle(UINT32 connectT
         // Not the server's words: a proxy's answer to CONNECT is judged by its code alone.
         .Set(822, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L)
         .Set(827, CURLOPT_MAXREDIRS, long{ kVoMaximumRedirects })
+        .Set(828, CURLOPT_OPENSOCKETFUNCTION, &opensocket_callback)
+        .Set(829, CURLOPT_OPENSOCKETDATA, static_cast<void*>(&m_trace.addresses))
         .Set(830, CURLOPT_PREREQFUNCTION, &prereq_callback)
         .Set(832, CURLOPT_NOSIGNAL, 1L)
         .Result();
@@ -419,7 +428,7 @@ HRESULT CVoHTTPMessageCURL::PrepareSend(CHTTPRequestDataCURL& request, const std
 {
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::internalSend" };
     const bool post = request.m_verb == std::wstring_view(L"POST");
-    request.m_progress = { GetCallBack(), false };
+    request.m_progress = { post ? GetCallBack() : nullptr, false, &request };
     request.m_headers.Clear();
     for (const wchar_t* const line :
          { contentType.c_str(), L"Connection: Keep-Alive", L"Pragma: no-cache", L"Expect:", L"Accept: */*" })
@@ -436,10 +445,10 @@ HRESULT CVoHTTPMessageCURL::PrepareSend(CHTTPRequestDataCURL& request, const std
             .Set(1047, CURLOPT_USERNAME, static_cast<const char*>(nullptr))
             .Set(1048, CURLOPT_PASSWORD, static_cast<const char*>(nullptr));
     }
-    if (post)
-        options.Set(1055, CURLOPT_XFERINFOFUNCTION, &progress_callback)
-            .Set(1057, CURLOPT_XFERINFODATA, static_cast<void*>(&request.m_progress))
-            .Set(1059, CURLOPT_NOPROGRESS, 0L);
+    // A GET needs it too, to be cancelled.
+    options.Set(1055, CURLOPT_XFERINFOFUNCTION, &progress_callback)
+        .Set(1057, CURLOPT_XFERINFODATA, static_cast<void*>(&request.m_progress))
+        .Set(1059, CURLOPT_NOPROGRESS, 0L);
     options.Set(1078, CURLOPT_HTTPHEADER, request.m_headers.Get());
     if (post)
         options.Set(1083, CURLOPT_POST, 1L);
@@ -484,9 +493,12 @@ HRESULT CVoHTTPMessageCURL::Perform(CHTTPRequestDataCURL& request, std::span<con
 {
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::internalSendRAW" };
     CURL* const handle = request.m_handle.get();
-    CBodySource source{ body.data(), body.size(), 0, &request.m_sent };
-    CCURLWriteCallbackData received{ handle, {}, S_OK, &request.m_received, &request.m_toReceive };
+    CBodySource source{ body.data(), body.size(), 0, &request.m_sent, &request.m_trace.sent };
+    CCURLWriteCallbackData received{ handle, {}, S_OK, &request.m_received, &request.m_toReceive, request.m_limits.bodyBytes };
     CHeaderContext headers;
+    request.m_transfer.Begin(request.m_target.FullURL());
+    headers.record = &request.m_transfer;
+    headers.limits = &request.m_limits;
     headers.handle = handle;
     headers.cookieStore = m_cookieStore.Get();
     headers.requestUrl = request.m_target.FullURL();
@@ -495,7 +507,7 @@ HRESULT CVoHTTPMessageCURL::Perform(CHTTPRequestDataCURL& request, std::span<con
         return hr;
     if (const HRESULT hr = request.SetTransfer(body.size(), headers, received); FAILED(hr))
         return hr;
-    const CURLcode code = curl_easy_perform(handle);
+    const CURLcode code = request.m_transfer.End(curl_easy_perform(handle));
     // The Cookie header of a redirect is for its target only.
     if (headers.cookieReplaced)
         (void)CURLSetOpt(handle, CURLOPT_COOKIE, NullIfEmpty(request.m_handleCookie));
@@ -507,7 +519,11 @@ HRESULT CVoHTTPMessageCURL::Perform(CHTTPRequestDataCURL& request, std::span<con
             return report(906, hr);
         request.m_statusCode = static_cast<UINT32>(status);
         if (request.m_statusCode != kStatusOk)
+        {
+            received.received.resize(std::min<size_t>(received.received.size(), request.m_limits.errorBodyBytes));
+            request.m_errorBody = std::move(received.received);
             return S_OK;
+        }
         if (FAILED(received.result))
             return report(1030, received.result);
         if (!headers.complete)
@@ -525,6 +541,11 @@ HRESULT CVoHTTPMessageCURL::Perform(CHTTPRequestDataCURL& request, std::span<con
     // A response that broke off has a status, which decides about another attempt.
     if (curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status) == CURLE_OK)
         request.m_statusCode = static_cast<UINT32>(status);
+    if (headers.isOverLimit || received.result == kErrorResponseLimit)
+    {
+        request.m_isFinal = true;
+        return report(908, kErrorResponseLimit);
+    }
     if (code == CURLE_OPERATION_TIMEDOUT)
         return report(911, kResultTimeout);
     if (static_cast<UINT32>(connectStatus) != kStatusProxyAuthenticationRequired)
@@ -639,5 +660,22 @@ HRESULT CVoHTTPMessageCURL::FetchBody(CRequest& request, std::vector<BYTE>& byte
 {
     bytes = std::move(static_cast<CHTTPRequestDataCURL&>(request).m_body);
     return S_OK;
+}
+
+void CVoHTTPMessageCURL::ReadResponseHeaders(const CRequest& answered, std::vector<CVoRawResponse>& responses) const
+{
+    static_cast<const CHTTPRequestDataCURL&>(answered).m_transfer.ReadResponses(responses);
+}
+
+void CVoHTTPMessageCURL::CompleteRecord(const CRequest& sent, CVoExchangeRecord::CAttempt& attempt) const
+{
+    const auto& request = static_cast<const CHTTPRequestDataCURL&>(sent);
+    request.m_transfer.Complete(request.m_handle.get(), request.m_attemptStart, attempt);
+}
+
+CVoFailure CVoHTTPMessageCURL::ExplainFailure(const CRequest& failed, HRESULT /*result*/) const
+{
+    const auto& request = static_cast<const CHTTPRequestDataCURL&>(failed);
+    return request.m_transfer.Explain(request.m_handle.get(), request.m_errorText.data(), !request.m_proxyName.empty());
 }
 } // namespace VoHTTPMessageCURL

@@ -77,6 +77,7 @@ constexpr CVoTransportTracePoints kTracePoints{
                          .open = 475,
                          .cookie = 605,
                          .redirect = 580,
+                         .limit = 582,
                          .address = 485,
                          .status = 487 },
     .readResponse = { .function = L"CVoHTTPMessageWinHTTP::ReadResponse",
@@ -147,6 +148,11 @@ private:
     [[nodiscard]] bool ReadSetCookie(const CRequest& request, DWORD index, std::wstring& value) const override;
     [[nodiscard]] HRESULT FetchBody(CRequest& answered, std::vector<BYTE>& bytes) override;
     [[nodiscard]] const std::wstring* ProxyQuestion(const CRequest& request) const override;
+    void CancelCall(CRequest& request) noexcept override;
+    void ReadResponseHeaders(const CRequest& request, std::vector<CVoRawResponse>& responses) const override;
+    [[nodiscard]] std::optional<size_t> HeaderLength(const CRequest& request) const override;
+    [[nodiscard]] CVoFailure ExplainFailure(const CRequest& request, HRESULT result) const override;
+    void FetchErrorBody(CRequest& request) override;
 
     [[nodiscard]] HRESULT RewriteLoopback();
     [[nodiscard]] HRESULT InitSession() noexcept;
@@ -177,6 +183,8 @@ public:
     std::unique_ptr<IVoWinHttpRequest> m_exchange;
 
     [[nodiscard]] HRESULT FillLocalIPAddress();
+    // Takes the addresses and times of a notification into the trace.
+    void Note(DWORD status, const void* information, DWORD length) noexcept;
 };
 
 std::shared_ptr<CVoHTTPMessage> MakeMessage(bool rewriteLoopback)
@@ -202,6 +210,46 @@ HRESULT CVoHTTPMessageWinHTTP::CHTTPRequestDataWinHTTP::FillLocalIPAddress()
         return report(128, hr);
     m_localAddress = address.Text();
     return S_OK;
+}
+
+void CVoHTTPMessageWinHTTP::CHTTPRequestDataWinHTTP::Note(DWORD status, const void* information, DWORD length) noexcept
+try
+{
+    switch (status)
+    {
+    case WINHTTP_CALLBACK_STATUS_NAME_RESOLVED:
+        m_trace.OnNameResolved();
+        break;
+    case WINHTTP_CALLBACK_STATUS_CONNECTING_TO_SERVER:
+        if (information)
+            m_trace.addresses.emplace_back(static_cast<const wchar_t*>(information));
+        break;
+    case WINHTTP_CALLBACK_STATUS_CONNECTED_TO_SERVER:
+        m_trace.OnConnected();
+        if (information)
+            m_trace.remoteAddress = static_cast<const wchar_t*>(information);
+        break;
+    case WINHTTP_CALLBACK_STATUS_SENDING_REQUEST:
+        m_trace.OnSending(m_target.IsSecure());
+        break;
+    case WINHTTP_CALLBACK_STATUS_SENDREQUEST_COMPLETE:
+        m_trace.sent = VoGetMicroseconds();
+        break;
+    case WINHTTP_CALLBACK_STATUS_RESPONSE_RECEIVED:
+    case WINHTTP_CALLBACK_STATUS_HEADERS_AVAILABLE:
+        m_trace.OnResponse();
+        break;
+    case WINHTTP_CALLBACK_STATUS_SECURE_FAILURE:
+        if (information && length >= sizeof(DWORD))
+            m_trace.secureFailure = *static_cast<const DWORD*>(information);
+        break;
+    default:
+        break;
+    }
+}
+catch (...)
+{
+    // No memory for an address: the request goes on, its record lacks it.
 }
 
 HRESULT CVoHTTPMessageWinHTTP::OpenSession()
@@ -412,6 +460,14 @@ HRESULT CVoHTTPMessageWinHTTP::MakeExchange(CHTTPRequestDataWinHTTP& request, st
     });
         FAILED(hr))
         return report(458, hr);
+    if (const HRESULT hr = exchange->SetNotificationHandler([&request](DWORD status, const void* information, DWORD length)
+    { request.Note(status, information, length); });
+        FAILED(hr))
+        return report(459, hr);
+    if (const HRESULT hr = exchange->SetReportChain(&request.m_chain); FAILED(hr))
+        return report(461, hr);
+    if (const HRESULT hr = exchange->SetBodyLimit(request.m_limits.bodyBytes); FAILED(hr))
+        return report(463, hr);
     if (const HRESULT hr = exchange->SetRequestData(body.data(), static_cast<DWORD>(body.size())); FAILED(hr))
         return report(460, hr);
     // WinHTTP uses credentials for one request only: the exchange sets those that are known before each send.
@@ -537,5 +593,46 @@ HRESULT CVoHTTPMessageWinHTTP::FetchBody(CRequest& answered, std::vector<BYTE>& 
     }
     WriteDataToLogFile(EDataDirection::Read, bytes.data(), static_cast<UINT32>(bytes.size()));
     return S_OK;
+}
+
+void CVoHTTPMessageWinHTTP::CancelCall(CRequest& request) noexcept
+{
+    // The wrapper keeps a handle that is in use open until the call returns. HANDLE_CLOSING ends the exchange.
+    (void)static_cast<CHTTPRequestDataWinHTTP&>(request).m_handle.Close();
+}
+
+void CVoHTTPMessageWinHTTP::ReadResponseHeaders(const CRequest& request, std::vector<CVoRawResponse>& responses) const
+{
+    CVoRawResponse response{ .url = request.m_target.FullURL(), .header = {} };
+    const auto& handle = static_cast<const CHTTPRequestDataWinHTTP&>(request).m_handle;
+    if (handle.IsOpen() && SUCCEEDED(handle.QueryCustomHeaders(WINHTTP_QUERY_RAW_HEADERS_CRLF, {}, &response.header)))
+        responses.push_back(std::move(response));
+}
+
+std::optional<size_t> CVoHTTPMessageWinHTTP::HeaderLength(const CRequest& request) const
+{
+    return static_cast<const CHTTPRequestDataWinHTTP&>(request).m_handle.HeaderLength();
+}
+
+CVoFailure CVoHTTPMessageWinHTTP::ExplainFailure(const CRequest& request, HRESULT result) const
+{
+    const CVoConnectionTrace& trace = request.m_trace;
+    return WindowsTransport::ExplainError(result, trace.connect != 0, trace.sending != 0, !request.m_proxyName.empty(),
+                                          trace.secureFailure);
+}
+
+void CVoHTTPMessageWinHTTP::FetchErrorBody(CRequest& request)
+{
+    auto& exchange = static_cast<CHTTPRequestDataWinHTTP&>(request).m_exchange;
+    if (!exchange || request.m_limits.errorBodyBytes == 0)
+        return;
+    try
+    {
+        request.m_errorBody = exchange->ReadErrorBody(request.m_limits.errorBodyBytes);
+    }
+    catch (const std::exception&)
+    {
+        // The response has failed already; it is shown without its body.
+    }
 }
 } // namespace VoHTTPMessageWinHTTP

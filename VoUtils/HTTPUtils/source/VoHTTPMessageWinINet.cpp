@@ -9,6 +9,7 @@
 #include <base/VoUtils.h>
 
 #include <algorithm>
+#include <limits>
 
 namespace VoHTTPMessageWinINet
 {
@@ -79,6 +80,7 @@ constexpr CVoTransportTracePoints kTracePoints{
                          .open = 625,
                          .cookie = 740,
                          .redirect = 675,
+                         .limit = 676,
                          .address = 680,
                          .status = 685 },
     .readResponse = { .function = L"CVoHTTPMessageWinINet::ReadResponse",
@@ -144,6 +146,11 @@ private:
     [[nodiscard]] std::optional<std::wstring> CheckHeader(const CRequest& request, const wchar_t* name) const override;
     [[nodiscard]] bool ReadSetCookie(const CRequest& request, DWORD index, std::wstring& value) const override;
     [[nodiscard]] HRESULT FetchBody(CRequest& answered, std::vector<BYTE>& bytes) override;
+    void CancelCall(CRequest& request) noexcept override;
+    void ReadResponseHeaders(const CRequest& request, std::vector<CVoRawResponse>& responses) const override;
+    [[nodiscard]] std::optional<size_t> HeaderLength(const CRequest& request) const override;
+    [[nodiscard]] CVoFailure ExplainFailure(const CRequest& request, HRESULT result) const override;
+    void FetchErrorBody(CRequest& request) override;
 
     [[nodiscard]] HRESULT OpenConnection(const CServerAddressData& address, CInternetHandle& connection) const;
     [[nodiscard]] HRESULT SetTimeoutsAndLimits(const CInternetHandle& connection) const noexcept;
@@ -153,8 +160,10 @@ private:
     [[nodiscard]] HRESULT SendProbe(HINTERNET probe, UINT32& status) const noexcept;
     [[nodiscard]] HRESULT WidenSecurity(HINTERNET request, const CServerAddressData& target, DWORD error) const noexcept;
 
-    [[nodiscard]] HRESULT BeginSend(HINTERNET request, const CServerAddressData& target, DWORD bodyLength,
+    [[nodiscard]] HRESULT BeginSend(CHTTPRequestDataWinINet& request, DWORD bodyLength,
                                     const std::wstring& headers) const noexcept;
+    // Reads the body until it ends, or until `maximum` bytes or more have come.
+    [[nodiscard]] HRESULT ReadBody(CHTTPRequestDataWinINet& request, std::vector<BYTE>& received, UINT64 maximum);
     [[nodiscard]] HRESULT WriteBody(CHTTPRequestDataWinINet& request, std::span<const BYTE> body) const noexcept;
 
     CInternetHandle m_session;
@@ -179,14 +188,59 @@ public:
         return SUCCEEDED(hr) ? S_OK : report(270, hr);
     }
 
+    // Makes a call on the handle that may wait. Cancel closes the handle meanwhile, which ends the call (documentation of
+    // InternetCloseHandle). False: the call failed, and the last error says why.
+    template <class Call>
+    [[nodiscard]] bool Use(Call call) noexcept
+    {
+        HINTERNET handle = nullptr;
+        {
+            const CVoLockHolder lock(m_handleLock);
+            if (!IsCancelled())
+                handle = m_handle.Get();
+            m_isInCall = handle != nullptr;
+        }
+        if (!handle)
+        {
+            ::SetLastError(ERROR_INTERNET_OPERATION_CANCELLED);
+            return false;
+        }
+        const bool done = call(handle) != FALSE;
+        const CVoLastErrorKeeper keeper;
+        const CVoLockHolder lock(m_handleLock);
+        m_isInCall = false;
+        return done;
+    }
+    // Any thread. Between two calls the handle stays open: its number could become that of another request's handle.
+    void CancelCall() noexcept
+    {
+        const CVoLockHolder lock(m_handleLock);
+        if (m_isInCall)
+            (void)m_handle.Close(); // reported
+    }
+    void Open(CInternetHandle handle) noexcept
+    {
+        const CVoLockHolder lock(m_handleLock);
+        m_handle = std::move(handle);
+    }
+    [[nodiscard]] HINTERNET Handle() const noexcept { return m_handle.Get(); }
+
     std::shared_ptr<CVoHTTPMessage> m_owner; // the handles live under the message's connection or session
     CInternetHandle m_targetConnection;      // to the target of a redirect on another server
-    CInternetHandle m_handle;
 
 private:
+    CVoLock m_handleLock;
+    CInternetHandle m_handle;
+    bool m_isInCall = false;
+
     [[nodiscard]] HRESULT CloseHandles() noexcept
     {
-        const HRESULT handle = m_handle.Close();
+        CInternetHandle closing;
+        {
+            const CVoLockHolder lock(m_handleLock);
+            closing = std::move(m_handle);
+        }
+        const HRESULT handle = closing.Close();
         const HRESULT connection = m_targetConnection.Close();
         return FAILED(handle) ? handle : connection;
     }
@@ -208,6 +262,8 @@ HRESULT CVoHTTPMessageWinINet::OpenSession()
     m_session = CInternetHandle(::InternetOpenW(L"CVoHTTPMessageWinINet", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0));
     if (!m_session)
         return report.LastError(360, 361);
+    // For the record only: without it the request works all the same.
+    (void)::InternetSetStatusCallbackW(m_session.Get(), &CStatusObservation::Callback);
     if (const HRESULT hr = OpenConnection(m_serverAddress, m_connection); FAILED(hr))
         return report(370, hr);
 
@@ -440,16 +496,20 @@ HRESULT CVoHTTPMessageWinINet::OpenHandle(CRequest& opened)
     const wchar_t* acceptTypes[] = { L"*/*", nullptr };
     const DWORD flags = kRequestFlags | (target.IsSecure() ? INTERNET_FLAG_SECURE : 0);
     const CInternetHandle& connection = isConnected ? m_connection : request.m_targetConnection;
-    request.m_handle = CInternetHandle(::HttpOpenRequestW(connection.Get(), request.m_targetVerb, objectName.c_str(),
-                                                          L"HTTP/1.1", nullptr, acceptTypes, flags, 0));
-    return request.m_handle ? S_OK : report.LastError(605, 606);
+    CInternetHandle handle(::HttpOpenRequestW(connection.Get(), request.m_targetVerb, objectName.c_str(), L"HTTP/1.1", nullptr,
+                                              acceptTypes, flags, 0));
+    if (!handle)
+        return report.LastError(605, 606);
+    request.Open(std::move(handle));
+    return S_OK;
 }
 
 HRESULT CVoHTTPMessageWinINet::SendOnce(CRequest& sent, std::span<const BYTE> body, const std::wstring& contentType)
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::SendBody" };
     auto& request = static_cast<CHTTPRequestDataWinINet&>(sent);
-    const HINTERNET handle = request.m_handle.Get();
+    const HINTERNET handle = request.Handle();
+    const CStatusObservation observation(handle, request.m_trace, request.m_target.IsSecure());
     std::wstring headers;
     if (!request.m_cookieHeader.empty())
         headers = VoFormat(L"Cookie: %ls\r\n", request.m_cookieHeader.c_str());
@@ -457,7 +517,7 @@ HRESULT CVoHTTPMessageWinINet::SendOnce(CRequest& sent, std::span<const BYTE> bo
         headers += contentType + L"\r\n";
     for (int resends = 0;; ++resends)
     {
-        if (const HRESULT hr = BeginSend(handle, request.m_target, static_cast<DWORD>(body.size()), headers); FAILED(hr))
+        if (const HRESULT hr = BeginSend(request, static_cast<DWORD>(body.size()), headers); FAILED(hr))
             return report(690, hr);
         if (std::wstring address = internalGetClientIPAddressAndSendBufferSize(handle); !address.empty())
             request.m_localAddress = std::move(address);
@@ -465,7 +525,8 @@ HRESULT CVoHTTPMessageWinINet::SendOnce(CRequest& sent, std::span<const BYTE> bo
             return report(692, hr);
         if (CallBack* const callBack = GetCallBack(); callBack && !body.empty())
             callBack->OnRequestSent();
-        if (::HttpEndRequestW(handle, nullptr, HSR_SYNC, 0))
+        request.m_trace.sent = VoGetMicroseconds();
+        if (request.Use([](HINTERNET used) { return ::HttpEndRequestW(used, nullptr, HSR_SYNC, 0); }))
             break;
         // The platform has credentials and wants the whole request again, once for each challenge.
         const DWORD error = ::GetLastError();
@@ -481,7 +542,7 @@ HRESULT CVoHTTPMessageWinINet::SendOnce(CRequest& sent, std::span<const BYTE> bo
 }
 
 // Sends the headers, twice where a certificate error may be passed over.
-HRESULT CVoHTTPMessageWinINet::BeginSend(HINTERNET request, const CServerAddressData& target, DWORD bodyLength,
+HRESULT CVoHTTPMessageWinINet::BeginSend(CHTTPRequestDataWinINet& request, DWORD bodyLength,
                                          const std::wstring& headers) const noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::BeginSend" };
@@ -490,13 +551,16 @@ HRESULT CVoHTTPMessageWinINet::BeginSend(HINTERNET request, const CServerAddress
     buffers.lpcszHeader = headers.c_str();
     buffers.dwHeadersLength = static_cast<DWORD>(headers.size());
     buffers.dwBufferTotal = bodyLength;
-    if (::HttpSendRequestExW(request, &buffers, nullptr, HSR_SYNC, kContext))
+    const auto send = [&](DWORD_PTR context)
+    {
+        return request.Use([&](HINTERNET handle)
+        { return ::HttpSendRequestExW(handle, &buffers, nullptr, HSR_SYNC, context); });
+    };
+    if (send(kContext))
         return S_OK;
-    if (const HRESULT hr = WidenSecurity(request, target, ::GetLastError()); FAILED(hr))
+    if (const HRESULT hr = WidenSecurity(request.Handle(), request.m_target, ::GetLastError()); FAILED(hr))
         return report(700, hr);
-    if (!::HttpSendRequestExW(request, &buffers, nullptr, HSR_SYNC, 0))
-        return report.LastError(705, 706);
-    return S_OK;
+    return send(0) ? S_OK : report.LastError(705, 706);
 }
 
 HRESULT CVoHTTPMessageWinINet::WriteBody(CHTTPRequestDataWinINet& request, std::span<const BYTE> body) const noexcept
@@ -507,7 +571,8 @@ HRESULT CVoHTTPMessageWinINet::WriteBody(CHTTPRequestDataWinINet& request, std::
     {
         const auto piece = static_cast<DWORD>(std::min<size_t>(kMaximumPiece, body.size() - position));
         DWORD written = 0;
-        if (!::InternetWriteFile(request.m_handle.Get(), body.data() + position, piece, &written))
+        if (!request.Use([&](HINTERNET handle)
+        { return ::InternetWriteFile(handle, body.data() + position, piece, &written); }))
             return report.LastError(710, 711);
         WriteDataToLogFile(EDataDirection::Written, body.data() + position, written);
         if (written != piece)
@@ -521,37 +586,32 @@ HRESULT CVoHTTPMessageWinINet::WriteBody(CHTTPRequestDataWinINet& request, std::
 std::optional<std::wstring> CVoHTTPMessageWinINet::CheckHeader(const CRequest& request, const wchar_t* name) const
 {
     std::wstring value;
-    return QueryHeader(static_cast<const CHTTPRequestDataWinINet&>(request).m_handle.Get(), name, 0, value)
+    return QueryHeader(static_cast<const CHTTPRequestDataWinINet&>(request).Handle(), name, 0, value)
                ? std::optional(std::move(value))
                : std::nullopt;
 }
 
 bool CVoHTTPMessageWinINet::ReadSetCookie(const CRequest& request, DWORD index, std::wstring& value) const
 {
-    return QueryHeader(static_cast<const CHTTPRequestDataWinINet&>(request).m_handle.Get(), L"Set-Cookie", index, value);
+    return QueryHeader(static_cast<const CHTTPRequestDataWinINet&>(request).Handle(), L"Set-Cookie", index, value);
 }
 
-HRESULT CVoHTTPMessageWinINet::FetchBody(CRequest& answered, std::vector<BYTE>& bytes)
+HRESULT CVoHTTPMessageWinINet::ReadBody(CHTTPRequestDataWinINet& request, std::vector<BYTE>& received, UINT64 maximum)
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalReadRAW" };
-    auto& request = static_cast<CHTTPRequestDataWinINet&>(answered);
-    const HINTERNET handle = request.m_handle.Get();
-    const std::optional<UINT64> announced = AnnouncedLength(request);
-    std::vector<BYTE> received;
-    if (announced)
-        received.reserve(static_cast<size_t>(std::min<UINT64>(*announced, kMaximumReserve)) + kReadStep);
     size_t used = 0;
-    for (;;)
+    while (used < maximum)
     {
         DWORD available = 0;
-        if (!::InternetQueryDataAvailable(handle, &available, 0, 0))
+        if (!request.Use([&](HINTERNET handle) { return ::InternetQueryDataAvailable(handle, &available, 0, 0); }))
             return report.LastError(860, 861);
         if (available == 0)
             break;
-        // In whole steps. The vector's own growth keeps the cost linear.
+        // The vector's own growth keeps the cost linear.
         received.resize((used + available + kReadStep - 1) / kReadStep * kReadStep);
         DWORD read = 0;
-        if (!::InternetReadFile(handle, received.data() + used, available, &read))
+        if (!request.Use([&](HINTERNET handle)
+        { return ::InternetReadFile(handle, received.data() + used, available, &read); }))
             return report.LastError(865, 866);
         if (read == 0)
             break;
@@ -560,7 +620,58 @@ HRESULT CVoHTTPMessageWinINet::FetchBody(CRequest& answered, std::vector<BYTE>& 
         request.m_received = used;
     }
     received.resize(used);
+    return S_OK;
+}
+
+HRESULT CVoHTTPMessageWinINet::FetchBody(CRequest& answered, std::vector<BYTE>& bytes)
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalReadRAW" };
+    auto& request = static_cast<CHTTPRequestDataWinINet&>(answered);
+    const std::optional<UINT64> announced = AnnouncedLength(request);
+    const UINT64 limit = request.m_limits.bodyBytes;
+    std::vector<BYTE> received;
+    if (announced)
+        received.reserve(static_cast<size_t>(std::min<UINT64>(*announced, kMaximumReserve)) + kReadStep);
+    if (const HRESULT hr = ReadBody(request, received, limit != 0 ? limit + 1 : std::numeric_limits<UINT64>::max()); FAILED(hr))
+        return hr;
+    if (limit != 0 && received.size() > limit)
+        return report(870, kErrorResponseLimit);
     bytes = std::move(received);
     return S_OK;
+}
+
+void CVoHTTPMessageWinINet::FetchErrorBody(CRequest& request)
+{
+    std::vector<BYTE> received;
+    const UINT32 maximum = request.m_limits.errorBodyBytes;
+    (void)ReadBody(static_cast<CHTTPRequestDataWinINet&>(request), received, maximum); // the response has failed already
+    received.resize(std::min<size_t>(received.size(), maximum));
+    request.m_errorBody = std::move(received);
+}
+
+void CVoHTTPMessageWinINet::CancelCall(CRequest& request) noexcept
+{
+    static_cast<CHTTPRequestDataWinINet&>(request).CancelCall();
+}
+
+void CVoHTTPMessageWinINet::ReadResponseHeaders(const CRequest& request, std::vector<CVoRawResponse>& responses) const
+{
+    CVoRawResponse response{ .url = request.m_target.FullURL(), .header = {} };
+    if (QueryRawHeaders(static_cast<const CHTTPRequestDataWinINet&>(request).Handle(), response.header))
+        responses.push_back(std::move(response));
+}
+
+std::optional<size_t> CVoHTTPMessageWinINet::HeaderLength(const CRequest& request) const
+{
+    DWORD bytes = 0;
+    ::HttpQueryInfoW(static_cast<const CHTTPRequestDataWinINet&>(request).Handle(), HTTP_QUERY_RAW_HEADERS_CRLF, nullptr,
+                     &bytes, nullptr);
+    return bytes / sizeof(wchar_t);
+}
+
+CVoFailure CVoHTTPMessageWinINet::ExplainFailure(const CRequest& request, HRESULT result) const
+{
+    const CVoConnectionTrace& trace = request.m_trace;
+    return WindowsTransport::ExplainError(result, trace.connect != 0, trace.sending != 0, false, 0);
 }
 } // namespace VoHTTPMessageWinINet

@@ -14,14 +14,10 @@
 
 namespace
 {
-constexpr CVoReporter kMessageReport{ L"..\\source\\VoHTTPMessage", L"CVoHTTPMessage::ReadResponse" };
-
 constexpr INT64 kMicrosecondsPerSecond = 1'000'000;
 // The pause before another attempt doubles from the first value to the last.
 constexpr INT64 kFirstRetryDelay = 50'000; // microseconds
 constexpr INT64 kLastRetryDelay = 2'000'000;
-constexpr DWORD kMaximumCookies = 200; // of one response; the rest is dropped
-constexpr size_t kLoggedText = 1024;   // bytes of a body that cannot be parsed
 
 // Whether a redirect keeps method and body. Clients make a GET of a POST after 301 and 302 (RFC 9110, sections 15.4.2 and
 // 15.4.3), and of every request after 303.
@@ -60,16 +56,6 @@ INT64 RetryDelay(UINT32 attempt) noexcept
     return std::max(pause / 2 + VoGetMicroseconds() % (pause / 2) + 1, kFirstRetryDelay);
 }
 
-// The beginning of a body as one line of text, for the log.
-std::wstring StartOfText(std::span<const BYTE> bytes, bool utf8)
-{
-    wchar_t text[kLoggedText]; // no code page makes more characters than bytes
-    const int length = ::MultiByteToWideChar(utf8 ? CP_UTF8 : CP_THREAD_ACP, 0, reinterpret_cast<const char*>(bytes.data()),
-                                             static_cast<int>(std::min(bytes.size(), std::size(text))), text,
-                                             static_cast<int>(std::size(text)));
-    std::replace_if(text, text + length, [](wchar_t character) { return character < L' '; }, L' ');
-    return { text, static_cast<size_t>(length) };
-}
 } // namespace
 
 CVoHTTPTransport::CVoHTTPTransport(const CVoTransportTracePoints& points, const CVoTransportFacts& facts)
@@ -84,6 +70,23 @@ bool CVoHTTPTransport::NamesUtf8(std::wstring_view contentType) noexcept
 
 // Connecting
 
+// Ends the pause between two attempts, so that the lock comes free.
+class CVoHTTPTransport::CClosing
+{
+public:
+    explicit CClosing(CVoHTTPTransport& transport) noexcept : m_transport(transport)
+    {
+        ++m_transport.m_closers;
+        (void)m_transport.m_wake.Set();
+    }
+    ~CClosing() { --m_transport.m_closers; }
+    CClosing(const CClosing&) = delete;
+    CClosing& operator=(const CClosing&) = delete;
+
+private:
+    CVoHTTPTransport& m_transport;
+};
+
 HRESULT CVoHTTPTransport::Connect(const CServerAddressData& serverAddress, IVoAuthenticationCallback* authCallback,
                                   IVoHTTPProxyStore* proxyStore, IVoHTTPCookieStore* cookieStore, UINT32 connectTimeout,
                                   UINT32 requestTimeout, bool verifyServerCertificate, bool checkRevocation) noexcept
@@ -95,9 +98,8 @@ HRESULT CVoHTTPTransport::Connect(const CServerAddressData& serverAddress, IVoAu
         CVoComPtr<IVoAuthenticationCallback> callback(authCallback);
         CVoComPtr<IVoHTTPProxyStore> proxies(proxyStore);
         CVoComPtr<IVoHTTPCookieStore> cookies(cookieStore);
-        (void)m_closing.Set();
+        const CClosing closing(*this);
         const CAutoLock lock(&m_lock);
-        (void)m_closing.Reset();
         CServerAddressData address = serverAddress;
         if (const HRESULT hr = internalClose(); FAILED(hr))
             return report(m_points.connect.close, hr);
@@ -135,9 +137,8 @@ HRESULT CVoHTTPTransport::Connect(const CServerAddressData& serverAddress, IVoAu
 
 HRESULT CVoHTTPTransport::Close() noexcept
 {
-    (void)m_closing.Set();
+    const CClosing closing(*this);
     const CAutoLock lock(&m_lock);
-    (void)m_closing.Reset();
     return internalClose();
 }
 
@@ -161,6 +162,8 @@ HRESULT CVoHTTPTransport::internalClose() noexcept
         if (const std::shared_ptr<CRequest> request = open.lock())
         {
             request->m_hasPendingResponse = request->m_hasPendingResponse && m_facts.keepsHandle;
+            const CVoLockHolder recordLock(request->m_recordLock);
+            DescribeSend(*request); // its handle has the response's header
             note(m_points.close.request, CloseHandle(*request));
         }
     m_requests.clear();
@@ -302,6 +305,9 @@ HRESULT CVoHTTPTransport::SendMessage(const std::shared_ptr<CHTTPRequestData>& r
         const CAutoLock lock(&m_lock);
         if (!own || own->m_connection != m_connectionNumber)
             return report(m_points.sendMessage.request, E_INVALIDARG);
+        const CUse use(*own);
+        if (own->IsCancelled())
+            return report(m_points.sendMessage.send, kResultCancelled);
         TakeNextVerb(*own);
         CVoHTTPContent content;
         if (const HRESULT hr = VoCreateContent(parameters, contentKind, utf8, signingKey, signatureParameterName, report,
@@ -326,6 +332,9 @@ HRESULT CVoHTTPTransport::SendMultipleMessages(const std::shared_ptr<CHTTPReques
         const CAutoLock lock(&m_lock);
         if (!own || own->m_connection != m_connectionNumber)
             return report(m_points.sendMultipleMessages.request, E_INVALIDARG);
+        const CUse use(*own);
+        if (own->IsCancelled())
+            return report(m_points.sendMultipleMessages.send, kResultCancelled);
         TakeNextVerb(*own);
         CVoHTTPContent content;
         if (const HRESULT hr = VoCreateMultipleContent(messages, utf8, content); FAILED(hr))
@@ -372,6 +381,8 @@ HRESULT CVoHTTPTransport::internalSend(CRequest& request, const CVoHTTPContent& 
     request.m_localAddress.clear();
     request.m_proxyCredentialsEntered = false;
     request.m_serverCredentials.reset();
+    request.m_errorBody.clear();
+    BeginRecord(request);
 
     CAttempts attempts(allowRetry, m_connectTimeout);
     HRESULT hr = S_OK;
@@ -381,7 +392,8 @@ HRESULT CVoHTTPTransport::internalSend(CRequest& request, const CVoHTTPContent& 
         request.m_isFinal = false;
         try
         {
-            if (hr = Attempt(request, content); FAILED(hr))
+            BeginAttempt(request);
+            if (hr = Reason(request, Attempt(request, content)); FAILED(hr))
                 report(m_points.internalSend.attempt, hr);
         }
         catch (...)
@@ -390,21 +402,28 @@ HRESULT CVoHTTPTransport::internalSend(CRequest& request, const CVoHTTPContent& 
         }
         if (SUCCEEDED(hr))
             break;
+        EndAttempt(request, hr);
         const std::optional<INT64> asked = RetryAfter(request); // reads the response, which the next call drops
+        const bool mayRetry = !request.m_isFinal && attempts.MayRetry(hr, request.m_statusCode);
+        if (!mayRetry && request.m_statusCode != 0 && hr != kResultCancelled)
+            FetchErrorBody(request);
         if (const HRESULT reset = ResetConnection(request); FAILED(reset))
         {
             report(m_points.internalSend.reset, reset);
             break;
         }
-        if (request.m_isFinal || !attempts.MayRetry(hr, request.m_statusCode))
+        if (!mayRetry)
             break;
         // A server that names a time beyond the budget would refuse every attempt until then.
         const INT64 remaining = std::max(attempts.Remaining(), INT64{ 0 });
         if (asked && *asked > remaining)
             break;
         const INT64 pause = std::max(std::min(RetryDelay(attempts.Count()), remaining), asked.value_or(0));
-        if (::WaitForSingleObject(m_closing.Handle(), static_cast<DWORD>(pause / 1000)) != WAIT_TIMEOUT)
-            break; // another thread closes the connection
+        if (!Pause(request, pause))
+        {
+            hr = Reason(request, hr);
+            break;
+        }
     }
     EndSend(request);
 
@@ -425,6 +444,21 @@ HRESULT CVoHTTPTransport::internalSend(CRequest& request, const CVoHTTPContent& 
         result->localAddress = request.m_localAddress;
     }
     return hr;
+}
+
+bool CVoHTTPTransport::Pause(const CRequest& request, INT64 microseconds) noexcept
+{
+    const INT64 end = VoGetMicroseconds() + microseconds;
+    for (;;)
+    {
+        // Reset before looking: what is set after the look ends the wait.
+        (void)m_wake.Reset();
+        if (request.IsCancelled() || m_closers.load() != 0)
+            return false;
+        const INT64 rest = end - VoGetMicroseconds();
+        if (rest <= 0 || ::WaitForSingleObject(m_wake.Handle(), static_cast<DWORD>(rest / 1000)) == WAIT_TIMEOUT)
+            return true;
+    }
 }
 
 // Microseconds that the server asks to wait before the next attempt (Retry-After in seconds, RFC 9110, section 10.2.3).
@@ -458,6 +492,8 @@ HRESULT CVoHTTPTransport::Attempt(CRequest& request, const CVoHTTPContent& conte
                 request.m_isFinal = true;
                 return report(m_points.internalSendRAW.open, hr);
             }
+        if (request.IsCancelled()) // after the handle was opened: Cancel closes the one that it finds
+            return kResultCancelled;
         if (m_facts.cookiesAtSend)
             LookUpCookies(request);
         const HRESULT hr = SendToTarget(request, body, contentType);
@@ -491,8 +527,14 @@ HRESULT CVoHTTPTransport::SendToTarget(CRequest& request, std::span<const BYTE> 
         request.m_received = 0;
         request.m_toReceive = 0;
         request.m_isUsed = true;
+        DescribeSend(request); // the previous one, whose response the next call drops
+        request.m_trace.BeginSend();
+        request.m_isUndescribed = true;
         if (const HRESULT hr = SendOnce(request, body, contentType); FAILED(hr))
             return hr;
+        request.m_trace.end = VoGetMicroseconds();
+        if (const HRESULT hr = CheckHeaderLimits(request); FAILED(hr))
+            return report(m_points.internalSendRAW.limit, hr);
         const bool proxyAsks = request.m_statusCode == kStatusProxyAuthenticationRequired;
         if (!m_facts.asksBetweenSends || !m_authCallback || (!proxyAsks && request.m_statusCode != kStatusUnauthorized))
             return S_OK;
@@ -534,7 +576,10 @@ bool CVoHTTPTransport::FollowRedirect(CRequest& request) const
         report(m_points.internalSendRAW.redirect, hr);
         return false;
     }
+    DescribeSend(request); // while the target is the one that was sent to
     request.m_target = std::move(target);
+    if (!request.m_record.attempts.empty())
+        request.m_record.attempts.back().redirects.push_back(VoHideQuery(request.m_target.FullURL()));
     return true;
 }
 
@@ -546,106 +591,7 @@ void CVoHTTPTransport::StoreCookies(const CRequest& request) const
         return;
     const CVoBstr url(request.m_target.FullURL());
     std::wstring value;
-    for (DWORD index = 0; index < kMaximumCookies && ReadSetCookie(request, index, value); ++index)
+    for (DWORD index = 0; index < request.m_limits.cookies && ReadSetCookie(request, index, value); ++index)
         if (const HRESULT hr = m_cookieStore->AddCookieFromString(CVoBstr(value).Get(), url.Get()); FAILED(hr))
             report(m_points.internalSendRAW.cookie, hr); // the cookie is dropped, the response stands
-}
-
-// Reading
-
-std::optional<UINT64> CVoHTTPTransport::GetHeaderLongValue(const CRequest& request, const wchar_t* name) const
-{
-    const std::optional<std::wstring> text = CheckHeader(request, name);
-    return text ? VoParseDecimal<UINT64>(VoTrim(*text)) : std::nullopt;
-}
-
-std::optional<UINT64> CVoHTTPTransport::AnnouncedLength(const CRequest& request) const
-{
-    return CheckHeader(request, L"Transfer-Encoding") ? std::nullopt : GetHeaderLongValue(request, L"Content-Length");
-}
-
-// Takes the response over from the transport.
-HRESULT CVoHTTPTransport::internalReadResponse(CRequest& request)
-{
-    const CVoReporter report{ m_points.source, m_points.internalReadResponse.function };
-    if (!request.m_hasPendingResponse)
-        return S_OK;
-    request.m_hasPendingResponse = false;
-    // libcurl checks the length itself, before it decodes the body.
-    const std::optional<UINT64> announced = m_facts.keepsHandle ? std::nullopt : AnnouncedLength(request);
-    CRequest::CResponse response;
-    if (const HRESULT hr = FetchBody(request, response.bytes); FAILED(hr))
-        return hr;
-    if (announced && response.bytes.size() != *announced)
-        return report(m_points.internalReadResponse.length, E_FAIL);
-    response.utf8 = NamesUtf8(CheckHeader(request, L"Content-Type").value_or(std::wstring()));
-    response.isThere = true;
-    request.m_response = std::move(response);
-    return S_OK;
-}
-
-HRESULT CVoHTTPTransport::ReadResponse(const std::shared_ptr<CHTTPRequestData>& request, CVoBinaryDataParser& response,
-                                       EResponseKind kind, bool* isUtf8, bool* isEmpty) noexcept
-{
-    const CVoReporter report{ m_points.source, m_points.readResponse.function };
-    return report.Guard(m_points.readResponse.exception, [&]() -> HRESULT
-    {
-        const auto keep = weak_from_this().lock();
-        const auto own = OwnRequest(request);
-        const CAutoLock lock(&m_lock);
-        if (!own)
-            return report(m_points.readResponse.request, E_INVALIDARG);
-        if (const HRESULT hr = internalReadResponse(*own); FAILED(hr))
-            return report(m_points.readResponse.fetch, hr);
-        CRequest::CResponse& received = own->m_response;
-        if (kind != EResponseKind::Parameters && kind != EResponseKind::Binary)
-            return report(m_points.readResponse.read, E_NOTIMPL);
-        if (!received.isThere)
-            return report(m_points.readResponse.read, E_FAIL);
-        const bool empty = received.bytes.empty();
-        // Of the caller's content only the parameters stay, in front of the new ones.
-        const CVoDataParser& parameters = response;
-        CVoBinaryDataParser parsed;
-        static_cast<CVoDataParser&>(parsed) = parameters;
-        if (const HRESULT hr = parsed.Parse(std::move(received.bytes), kind == EResponseKind::Binary, received.utf8);
-            FAILED(hr))
-        {
-            // A failed Parse leaves the bytes, so they can be read again as Binary.
-            kMessageReport.Message(384, L"Parsing error! Data: %ls", StartOfText(received.bytes, received.utf8).c_str());
-            return report(m_points.readResponse.read, hr);
-        }
-        response = std::move(parsed);
-        received.isThere = false;
-        if (isUtf8)
-            *isUtf8 = received.utf8;
-        if (isEmpty)
-            *isEmpty = empty;
-        return S_OK;
-    });
-}
-
-HRESULT CVoHTTPTransport::ReadMultipleResponses(const std::shared_ptr<CHTTPRequestData>& request,
-                                                std::vector<CVoBinaryDataParser>& responses, UINT32 expectedCount,
-                                                UINT32* count) noexcept
-{
-    const CVoReporter report{ m_points.source, m_points.readMultipleResponses.function };
-    return report.Guard(m_points.readMultipleResponses.exception, [&]() -> HRESULT
-    {
-        const auto keep = weak_from_this().lock();
-        const auto own = OwnRequest(request);
-        const CAutoLock lock(&m_lock);
-        if (!own)
-            return report(m_points.readMultipleResponses.request, E_INVALIDARG);
-        if (const HRESULT hr = internalReadResponse(*own); FAILED(hr))
-            return report(m_points.readMultipleResponses.fetch, hr);
-        CRequest::CResponse& received = own->m_response;
-        const HRESULT hr =
-            received.isThere ? internalParseMultipleResponses(received.bytes, received.utf8, expectedCount, responses) : E_FAIL;
-        if (FAILED(hr))
-            return report(m_points.readMultipleResponses.read, hr);
-        received = {};
-        if (count)
-            *count = static_cast<UINT32>(responses.size());
-        return S_OK;
-    });
 }

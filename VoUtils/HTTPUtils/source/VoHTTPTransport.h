@@ -5,14 +5,18 @@
 // (CVoTransportFacts) and its table of trace points. It knows neither the stores nor retries.
 #pragma once
 
+#include "VoExchangeText.h"
 #include "VoHTTPContent.h"
 
 #include <VoHTTPMessage.h>
 
 #include <base/VoErrorHandler.h>
 #include <base/VoMultiThreading.h>
+#include <base/VoReportChain.h>
 #include <base/VoWipe.h>
+#include <base/com/VoComHelper.h>
 
+#include <atomic>
 #include <memory>
 #include <optional>
 #include <string>
@@ -94,6 +98,7 @@ struct CVoTransportTracePoints
         int open;         // no fresh handle
         int cookie;       // a cookie was refused; it is dropped
         int redirect;     // a redirect is not followed
+        int limit;        // the response's header is larger than allowed
         int ask = 0;      // asking for credentials failed (asksBetweenSends only)
         int declined = 0; // nobody gave credentials (asksBetweenSends only)
         int address;      // "Addr:..."
@@ -189,6 +194,8 @@ protected:
     {
     public:
         using CHTTPRequestData::m_cookieHeader;
+        using CHTTPRequestData::m_isCancelled;
+        using CHTTPRequestData::m_limits;
         using CHTTPRequestData::m_received;
         using CHTTPRequestData::m_sent;
         using CHTTPRequestData::m_toReceive;
@@ -216,6 +223,9 @@ protected:
         bool m_isFinal = false;            // no further attempt of this send makes sense
         bool m_hasPendingResponse = false; // the body waits in the transport
 
+        CVoConnectionTrace m_trace;    // of the last SendOnce
+        std::vector<BYTE> m_errorBody; // the beginning of the body of a response whose status is not 200
+
         // A body that the transport has received, until the caller reads it.
         struct CResponse
         {
@@ -223,6 +233,22 @@ protected:
             std::vector<BYTE> bytes;
             bool utf8 = false;
         } m_response;
+
+        // The record of the send (VoHTTPTransportRecord.cpp). While the request is used, the thread that uses it owns these
+        // members; otherwise the lock guards them, and the handle that a response is read from.
+        mutable CVoLock m_recordLock;
+        bool m_isInUse = false;
+        mutable CVoExchangeRecord m_record;
+        mutable bool m_isUndescribed = false; // the last SendOnce is not in the record yet
+        mutable std::wstring m_lastHeader;    // of the last response, with its secrets
+        INT64 m_sendStart = 0;                // of VoGetMicroseconds
+        INT64 m_attemptStart = 0;
+        CVoReportChain m_chain; // of the last attempt
+
+        // The question that is open: whom to tell that the request was cancelled.
+        CVoLock m_questionLock;
+        CVoComPtr<IVoAuthenticationCallback> m_question; // null: none is open
+        DWORD m_questionThread = 0;
     };
 
     CVoHTTPTransport(const CVoTransportTracePoints& points, const CVoTransportFacts& facts);
@@ -284,6 +310,19 @@ private:
     }
     // Takes the body of the response (m_hasPendingResponse).
     [[nodiscard]] virtual HRESULT FetchBody(CRequest& request, std::vector<BYTE>& bytes) = 0;
+    // The request was cancelled: ends the call of the service that runs for it, if the service can end one. Called on any
+    // thread, without the message's lock, at any time in the life of the request.
+    virtual void CancelCall(CRequest& /*request*/) noexcept {}
+    // The responses to the last SendOnce, in order, while the request's handle exists.
+    virtual void ReadResponseHeaders(const CRequest& request, std::vector<CVoRawResponse>& responses) const = 0;
+    // The length of the last response's header in bytes. Nothing for a transport that limits it while it arrives.
+    [[nodiscard]] virtual std::optional<size_t> HeaderLength(const CRequest& /*request*/) const { return std::nullopt; }
+    // Completes the record of the last SendOnce with what the service tells afterwards.
+    virtual void CompleteRecord(const CRequest& /*request*/, CVoExchangeRecord::CAttempt& /*attempt*/) const {}
+    // Why SendOnce or FetchBody failed.
+    [[nodiscard]] virtual CVoFailure ExplainFailure(const CRequest& request, HRESULT result) const = 0;
+    // Reads the beginning of the body of a response whose status is not 200, where SendOnce has not received it.
+    virtual void FetchErrorBody(CRequest& /*request*/) {}
     // Which URL the proxy store is asked about; null: the configured proxy.
     [[nodiscard]] virtual const std::wstring* ProxyQuestion(const CRequest& request) const
     {
@@ -309,11 +348,47 @@ private:
 
     [[nodiscard]] HRESULT internalReadResponse(CRequest& request);
 
+    class CClosing;
+    class CQuestion;
+    // Holds a request for an operation: the record cannot be read meanwhile, and collects the reports of this thread.
+    class CUse
+    {
+    public:
+        explicit CUse(CRequest& request) noexcept;
+        ~CUse();
+        CUse(const CUse&) = delete;
+        CUse& operator=(const CUse&) = delete;
+
+    private:
+        CRequest& m_request;
+        CVoReportScope m_scope;
+    };
+    // The record of a send, in this order.
+    static void BeginRecord(CRequest& request) noexcept;
+    static void BeginAttempt(CRequest& request);
+    void DescribeSend(const CRequest& request) const noexcept;
+    void EndAttempt(const CRequest& request, HRESULT result) const noexcept;
+    [[nodiscard]] CVoFailure ExplainAttempt(const CRequest& request, HRESULT result) const;
+    template <class Read>
+    [[nodiscard]] static HRESULT ReadRecord(const CHTTPRequestData& data, Read read);
+    // Compares the last response's header with the limits.
+    [[nodiscard]] HRESULT CheckHeaderLimits(const CRequest& request) const;
+    // kResultCancelled for a failure of a cancelled request.
+    [[nodiscard]] static HRESULT Reason(const CRequest& request, HRESULT result) noexcept
+    {
+        return FAILED(result) && request.IsCancelled() ? kResultCancelled : result;
+    }
+    // Waits between two attempts. False: the request was cancelled, or another thread closes the connection.
+    [[nodiscard]] bool Pause(const CRequest& request, INT64 microseconds) noexcept;
+
+    friend class CVoHTTPMessage::CHTTPRequestData; // Cancel, the record
+
     const CVoTransportTracePoints& m_points;
     const CVoTransportFacts m_facts;
     UINT64 m_connectionNumber = 0;
     std::vector<std::weak_ptr<CRequest>> m_requests; // of the current connection
-    CEvent m_closing{ false, true };                 // ends the pause between two attempts
+    std::atomic<int> m_closers{ 0 };                 // threads that close the connection
+    CEvent m_wake{ false, true };                    // set when a pause between two attempts may have to end
     // Guards the stores, the callback and the requests' credentials against the transport's own threads, which meet challenges
     // while the caller's thread waits with the message's lock held. Taken after that lock.
     mutable CCriticalSection m_storesLock;

@@ -59,6 +59,34 @@ HRESULT CVoHTTPTransport::GetProxy(const std::wstring* url, std::wstring& proxy,
     });
 }
 
+// Exists while the user is asked, so that Cancel can end the question.
+class CVoHTTPTransport::CQuestion
+{
+public:
+    CQuestion(CRequest& request, const CVoComPtr<IVoAuthenticationCallback>& callback) noexcept : m_request(request)
+    {
+        const CVoLockHolder lock(m_request.m_questionLock);
+        m_request.m_question = callback;
+        m_request.m_questionThread = ::GetCurrentThreadId();
+    }
+    ~CQuestion()
+    {
+        CVoComPtr<IVoAuthenticationCallback> callback; // released without the lock
+        {
+            const CVoLockHolder lock(m_request.m_questionLock);
+            std::swap(callback, m_request.m_question);
+        }
+        CVoComPtr<IVoAuthenticationCancel> cancel;
+        if (m_request.IsCancelled() && SUCCEEDED(callback.As(cancel)))
+            (void)cancel->ResetQuestion(m_request.m_questionThread);
+    }
+    CQuestion(const CQuestion&) = delete;
+    CQuestion& operator=(const CQuestion&) = delete;
+
+private:
+    CRequest& m_request;
+};
+
 HRESULT CVoHTTPTransport::AskForCredentials(CRequest& request, bool proxy, CCredentials& credentials) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPTransport::AskForCredentials" };
@@ -84,8 +112,10 @@ HRESULT CVoHTTPTransport::AskForCredentials(CRequest& request, bool proxy, CCred
         CVoBstr password;
         VARIANT_BOOL cancelled = VARIANT_FALSE;
         const auto ask = proxy ? &IVoAuthenticationCallback::OnProxyAuthNeeded : &IVoAuthenticationCallback::OnServerAuthNeeded;
-        const HRESULT hr =
-            (callback.Get()->*ask)(title.Get(), server.Get(), detail.Get(), user.Put(), password.Put(), &cancelled);
+        const CQuestion question(request, callback);
+        const HRESULT hr = request.IsCancelled() ? kResultCancelled
+                                                 : (callback.Get()->*ask)(title.Get(), server.Get(), detail.Get(), user.Put(),
+                                                                          password.Put(), &cancelled);
         CCredentials typed;
         if (SUCCEEDED(hr))
         {

@@ -22,18 +22,25 @@ constexpr HRESULT kResend = HResultFromWin32(ERROR_WINHTTP_RESEND_REQUEST);
 // How often one send is repeated because WinHTTP asks for it. An authentication handshake takes two or three requests, and both
 // the proxy and the server may demand one.
 constexpr DWORD kMaximumResends = 8;
+// What a piece of a body costs beside its bytes, and how much of that is not counted against a limit of the body.
+constexpr UINT64 kPieceCost = 64;
+constexpr UINT64 kFreePieceCost = UINT64{ 1024 } * 1024;
 } // namespace
 
 // ---- Reports ----
 
 void CExchangeReporter::Write(int line, HRESULT code) const noexcept
 {
+    CVoReportScope::Add(m_source, line, m_function, code); // keeps the text, so it gets the literal
+    if (VoReportDetail::IsOff())
+        return;
     std::array<wchar_t, 160> name{}; // enough for every class and function here
     std::wstring_view parts[] = { m_className, L"::", m_function };
     size_t length = 0;
     for (const std::wstring_view part : parts)
         length += part.copy(name.data() + length, name.size() - 1 - length);
-    VoReportCode(m_source, line, name.data(), code);
+    const CVoLastErrorKeeper keeper;
+    VoErrorLog().WriteCode(m_source, line, name.data(), code);
 }
 
 CExchangeReporter CExchange::Reporter(const wchar_t* function) const noexcept
@@ -144,6 +151,39 @@ HRESULT CExchange::SetCredentials(DWORD target, DWORD scheme, const std::wstring
     return S_OK;
 }
 
+HRESULT CExchange::SetReportChain(CVoReportChain* chain) noexcept
+{
+    const std::lock_guard lock(m_lock);
+    if (IsRunning())
+        return E_FAIL;
+    m_chain = chain;
+    return S_OK;
+}
+
+HRESULT CExchange::SetBodyLimit(UINT64 bytes) noexcept
+{
+    const std::lock_guard lock(m_lock);
+    if (IsRunning())
+        return E_FAIL;
+    m_bodyLimit = bytes;
+    return S_OK;
+}
+
+HRESULT CExchange::StartErrorBody(UINT32 maximumBytes) noexcept
+{
+    {
+        const std::lock_guard lock(m_lock);
+        if (IsRunning() || !m_busy || !m_promises.data || m_statusCode < kFirstStatusWithoutBody)
+            return E_FAIL;
+        m_bodyLimit = maximumBytes;
+        m_cutsBody = true;
+    }
+    const HRESULT hr = Reason(m_request.QueryDataAvailable());
+    if (FAILED(hr))
+        Fail(hr);
+    return hr;
+}
+
 HRESULT CExchange::Prepare(CVoFuture<DWORD>& statusFuture, CVoFuture<std::vector<BYTE>>& dataFuture)
 {
     CVoPromise<DWORD> status;
@@ -152,6 +192,8 @@ HRESULT CExchange::Prepare(CVoFuture<DWORD>& statusFuture, CVoFuture<std::vector
     if (IsRunning())
         return E_FAIL;
     m_chunks.clear();
+    m_received = 0;
+    m_cutsBody = false;
     m_pending.reset();
     m_url.clear();
     m_credentials.ForgetRejections();
@@ -259,11 +301,21 @@ void CExchange::Notify(DWORD status, const void* information, DWORD length) noex
 {
     const CExchangeReporter report = Reporter(L"Callback");
     const CNotification notification(*this);
-    if (status != WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING && IsAbandoned())
-        return;
+    CVoReportChain* chain = nullptr;
+    std::shared_ptr<const NotificationHandler> handler;
+    {
+        const std::lock_guard lock(m_lock);
+        if (m_abandoned && status != WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING)
+            return;
+        chain = m_abandoned ? nullptr : m_chain;
+        handler = m_functions.notification;
+    }
+    const CVoReportScope scope(chain);
     HRESULT hr = S_OK;
     try
     {
+        if (handler && *handler)
+            (*handler)(status, information, length);
         hr = OnCallback(status, information, length);
         if (FAILED(hr))
             report(220, hr);
@@ -422,6 +474,9 @@ void CExchange::DeliverBody()
         chunk.bytes.reset(); // now, so that memory holds the body at most twice
     }
     m_chunks.clear();
+    m_received = 0;
+    if (m_cutsBody && body.size() > m_bodyLimit)
+        body.resize(static_cast<size_t>(m_bodyLimit));
     std::optional<CVoPromise<std::vector<BYTE>>> data;
     {
         const std::lock_guard lock(m_lock);
@@ -447,6 +502,16 @@ HRESULT CExchange::OnReadComplete(const void* information, DWORD length)
         return S_OK;
     }
     m_chunks.push_back({ length, std::move(bytes) });
+    m_received += length;
+    const bool isOverLimit =
+        m_bodyLimit != 0 && (m_received > m_bodyLimit || m_chunks.size() * kPieceCost > m_bodyLimit + kFreePieceCost);
+    if (m_cutsBody && (isOverLimit || m_received == m_bodyLimit))
+    {
+        DeliverBody();
+        return S_OK;
+    }
+    if (isOverLimit)
+        return report(386, kErrorResponseLimit);
     if (const HRESULT hr = Call(&CFunctions::receive, length); FAILED(hr))
         return report(388, hr);
     if (IsAbandoned())

@@ -36,7 +36,7 @@ public:
     // See CVoReporter.
     HRESULT operator()(int line, HRESULT code) const noexcept
     {
-        if (!VoReportDetail::IsOff())
+        if (!VoReportDetail::IsUnheard())
             Write(line, code);
         return code;
     }
@@ -78,6 +78,7 @@ public:
         std::shared_ptr<const AuthenticationFunction> authenticate = nullptr;
         std::shared_ptr<const SendCompleteHandler> sendComplete = nullptr;
         std::shared_ptr<const ReceiveHandler> receive = nullptr;
+        std::shared_ptr<const NotificationHandler> notification = nullptr;
     };
 
     [[nodiscard]] HRESULT SetRequestData(const void* data, DWORD length) noexcept;
@@ -94,6 +95,10 @@ public:
     }
     // See IVoWinHttpRequest. Throws std::bad_alloc.
     [[nodiscard]] HRESULT SetCredentials(DWORD target, DWORD scheme, const std::wstring& user, const std::wstring& password);
+    [[nodiscard]] HRESULT SetReportChain(CVoReportChain* chain) noexcept;
+    [[nodiscard]] HRESULT SetBodyLimit(UINT64 bytes) noexcept;
+    // Starts reading a body that the exchange itself does not read; see IVoWinHttpRequest::ReadErrorBody.
+    [[nodiscard]] HRESULT StartErrorBody(UINT32 maximumBytes) noexcept;
     // Prepares a send: makes a new promise for each that was set, and stores its future. E_FAIL while an exchange runs. Throws
     // std::bad_alloc and changes nothing then.
     [[nodiscard]] HRESULT Prepare(CVoFuture<DWORD>& statusFuture, CVoFuture<std::vector<BYTE>>& dataFuture);
@@ -188,6 +193,10 @@ private:
     const void* m_body = nullptr;
     DWORD m_bodyLength = 0;
     std::vector<CChunk> m_chunks;
+    UINT64 m_received = 0;             // bytes of m_chunks
+    UINT64 m_bodyLimit = 0;            // 0: none
+    bool m_cutsBody = false;           // a body that reaches the limit ends there
+    CVoReportChain* m_chain = nullptr; // null: none
     std::unique_ptr<BYTE[]> m_pending; // WinHTTP writes to it during a read
     std::wstring m_url;
     CExchangeCredentials m_credentials;

@@ -154,6 +154,38 @@ HRESULT CVoWinHttpRequestBase::SetReceiveHandler(ReceiveHandler handler) noexcep
     return SUCCEEDED(hr) ? hr : report(190, hr);
 }
 
+HRESULT CVoWinHttpRequestBase::SetNotificationHandler(NotificationHandler handler) noexcept
+{
+    const CExchangeReporter report{ kSource, m_className, L"SetNotificationHandler" };
+    const HRESULT hr = SetFunction(Exchange(), &CExchange::CFunctions::notification, std::move(handler));
+    return SUCCEEDED(hr) ? hr : report(182, hr);
+}
+
+HRESULT CVoWinHttpRequestBase::SetReportChain(CVoReportChain* chain) noexcept
+{
+    const CExchangeReporter report{ kSource, m_className, L"SetReportChain" };
+    const std::shared_ptr<CExchange> exchange = Exchange();
+    const HRESULT hr = exchange ? exchange->SetReportChain(chain) : E_FAIL;
+    return SUCCEEDED(hr) ? hr : report(184, hr);
+}
+
+HRESULT CVoWinHttpRequestBase::SetBodyLimit(UINT64 bytes) noexcept
+{
+    const CExchangeReporter report{ kSource, m_className, L"SetBodyLimit" };
+    const std::shared_ptr<CExchange> exchange = Exchange();
+    const HRESULT hr = exchange ? exchange->SetBodyLimit(bytes) : E_FAIL;
+    return SUCCEEDED(hr) ? hr : report(186, hr);
+}
+
+std::vector<BYTE> CVoWinHttpRequestBase::ReadErrorBody(UINT32 maximumBytes)
+{
+    const CExchangeReporter report{ kSource, m_className, L"ReadErrorBody" };
+    const std::shared_ptr<CExchange> exchange = Exchange();
+    if (const HRESULT hr = exchange ? exchange->StartErrorBody(maximumBytes) : E_FAIL; FAILED(hr))
+        throw HRESULTexc(report(188, hr));
+    return TakeValue(m_lock, m_data);
+}
+
 HRESULT CVoWinHttpRequestBase::SetCredentials(DWORD target, DWORD scheme, const std::wstring& user,
                                               const std::wstring& password) noexcept
 {

@@ -4,12 +4,15 @@
 
 #include <VoNetworkUtils.h>
 
+#include <base/VoLock.h>
 #include <base/VoUtils.h>
 #include <base/VoWipe.h>
 
 #include <algorithm>
+#include <cstring>
 #include <cwchar>
 #include <utility>
+#include <vector>
 
 namespace VoHTTPMessageWinINet
 {
@@ -96,6 +99,12 @@ bool QueryHeader(HINTERNET request, const wchar_t* name, DWORD index, std::wstri
     }, value);
 }
 
+bool QueryRawHeaders(HINTERNET request, std::wstring& header)
+{
+    return QueryText([&](wchar_t* buffer, DWORD* bytes)
+    { return ::HttpQueryInfoW(request, HTTP_QUERY_RAW_HEADERS_CRLF, buffer, bytes, nullptr); }, header);
+}
+
 HRESULT QueryStatus(HINTERNET request, UINT32& status, const CVoReporter& report, int line, int lineWhenZero) noexcept
 {
     DWORD value = 0;
@@ -121,6 +130,120 @@ std::wstring internalGetClientIPAddressAndSendBufferSize(HINTERNET request)
     if (int bytes = 0; internalGetSendBufferSizeFromSocket(info.Socket, bytes))
         report.Message(195, L"Send buffer: %d bytes", bytes);
     return ends.local;
+}
+
+namespace
+{
+// The observers of the process, by request handle.
+struct CObservers
+{
+    struct CRow
+    {
+        HINTERNET request;
+        CVoConnectionTrace* trace;
+        bool isSecure;
+    };
+    CVoLock lock;
+    std::vector<CRow> rows;
+};
+
+CObservers& Observers() noexcept
+{
+    // Never destroyed: a late notification may come while the process ends.
+    static CObservers& observers = *new CObservers;
+    return observers;
+}
+
+// The address in the information of INTERNET_STATUS_CONNECTING_TO_SERVER and _CONNECTED_TO_SERVER: a socket address as the
+// platform's documentation has it, or a text. Empty when it is neither.
+std::wstring StatusAddress(const void* information, DWORD length)
+{
+    if (!information)
+        return {};
+    USHORT family = 0;
+    if (length >= sizeof(SOCKADDR_IN))
+        std::memcpy(&family, information, sizeof family);
+    if (family == AF_INET || (family == AF_INET6 && length >= sizeof(SOCKADDR_IN6)))
+    {
+        SOCKADDR_STORAGE address{};
+        std::memcpy(&address, information, std::min<size_t>(length, sizeof address));
+        VoNetworkUtils::CVoIPAddress text;
+        bool taken = false;
+        return SUCCEEDED(text.InitFromIPAddress(reinterpret_cast<const SOCKADDR&>(address), true, taken)) && taken
+                   ? text.Text()
+                   : std::wstring();
+    }
+    // A text of one or of two bytes for each character: an address has ASCII characters only, so the second byte tells.
+    const auto* const bytes = static_cast<const char*>(information);
+    const bool isWide = length >= 2 * sizeof(wchar_t) && bytes[1] == 0;
+    const size_t step = isWide ? sizeof(wchar_t) : 1;
+    std::wstring text;
+    for (size_t i = 0; i < length && bytes[i] != 0; i += step)
+        text += static_cast<wchar_t>(static_cast<BYTE>(bytes[i]));
+    return text.find_first_not_of(L"0123456789abcdefABCDEF.:%") == std::wstring::npos ? text : std::wstring();
+}
+
+void Note(const CObservers::CRow& row, DWORD status, const void* information, DWORD length) noexcept
+try
+{
+    CVoConnectionTrace& trace = *row.trace;
+    switch (status)
+    {
+    case INTERNET_STATUS_NAME_RESOLVED:
+        trace.OnNameResolved();
+        break;
+    case INTERNET_STATUS_CONNECTING_TO_SERVER:
+        if (std::wstring address = StatusAddress(information, length); !address.empty())
+            trace.addresses.push_back(std::move(address));
+        break;
+    case INTERNET_STATUS_CONNECTED_TO_SERVER:
+        trace.OnConnected();
+        if (std::wstring address = StatusAddress(information, length); !address.empty())
+            trace.remoteAddress = std::move(address);
+        break;
+    case INTERNET_STATUS_SENDING_REQUEST:
+        trace.OnSending(row.isSecure);
+        break;
+    case INTERNET_STATUS_RESPONSE_RECEIVED:
+        trace.OnResponse();
+        break;
+    default:
+        break;
+    }
+}
+catch (...)
+{
+    // No memory for an address: the request goes on, its record lacks it.
+}
+} // namespace
+
+CStatusObservation::CStatusObservation(HINTERNET request, CVoConnectionTrace& trace, bool isSecure) noexcept
+    : m_request(request)
+{
+    try
+    {
+        const CVoLockHolder lock(Observers().lock);
+        Observers().rows.push_back({ request, &trace, isSecure });
+    }
+    catch (...)
+    {
+        m_request = nullptr;
+    }
+}
+
+CStatusObservation::~CStatusObservation()
+{
+    const CVoLockHolder lock(Observers().lock);
+    std::erase_if(Observers().rows, [this](const CObservers::CRow& row) { return row.request == m_request; });
+}
+
+void CALLBACK CStatusObservation::Callback(HINTERNET handle, DWORD_PTR /*context*/, DWORD status, void* information,
+                                           DWORD length) noexcept
+{
+    const CVoLockHolder lock(Observers().lock);
+    for (const CObservers::CRow& row : Observers().rows)
+        if (row.request == handle)
+            Note(row, status, information, length);
 }
 
 CInternetHandle::CInternetHandle(CInternetHandle&& other) noexcept : m_handle(std::exchange(other.m_handle, nullptr)) {}

@@ -3,6 +3,8 @@
 // file.
 #pragma once
 
+#include "VoExchangeText.h"
+
 #include <base/VoErrorHandler.h>
 #include <base/VoPlatform.h>
 
@@ -43,9 +45,31 @@ private:
 // The response header number `index` of a name, from 0. False when there is none.
 [[nodiscard]] bool QueryHeader(HINTERNET request, const wchar_t* name, DWORD index, std::wstring& value);
 
+// The header of the response: the status line and a line for each field. False when there is none.
+[[nodiscard]] bool QueryRawHeaders(HINTERNET request, std::wstring& header);
+
 // The status of the request's response. A failure is reported at `line`, one without an error number at `lineWhenZero`.
 [[nodiscard]] HRESULT QueryStatus(HINTERNET request, UINT32& status, const CVoReporter& report, int line,
                                   int lineWhenZero) noexcept;
+
+// Notes what WinINet notifies about a request in a trace while the object exists. WinINet may notify on any thread; the last
+// notification has returned when the destructor returns.
+class CStatusObservation
+{
+public:
+    // `request` is the handle. Without memory nothing is noted.
+    CStatusObservation(HINTERNET request, CVoConnectionTrace& trace, bool isSecure) noexcept;
+    ~CStatusObservation();
+    CStatusObservation(const CStatusObservation&) = delete;
+    CStatusObservation& operator=(const CStatusObservation&) = delete;
+
+    // The callback for InternetSetStatusCallbackW. It knows requests by their handle: a context value would have to be valid
+    // also for a late notification.
+    static void CALLBACK Callback(HINTERNET handle, DWORD_PTR context, DWORD status, void* information, DWORD length) noexcept;
+
+private:
+    HINTERNET m_request;
+};
 
 // Traces the two ends of the request's connection and the size of its send buffer. Returns the client's address; empty where
 // the platform shows no socket.

@@ -2,6 +2,8 @@
 // not meet in one file.
 #pragma once
 
+#include "VoExchangeText.h"
+
 #include <base/VoHResult.h>
 #include <base/VoPlatform.h>
 
@@ -39,4 +41,8 @@ inline constexpr DWORD kErrorInvalidOperation = 12016; // not with this handle
     return FAILED(result) && HRESULT_FACILITY(result) == FACILITY_WIN32 &&
            IsRefusedTuning(static_cast<DWORD>(HRESULT_CODE(result)), value);
 }
+
+// Why a call of a service failed. `isSending`: the request had begun to leave. `secureFailure`: the flags of WinHTTP's
+// WINHTTP_CALLBACK_STATUS_SECURE_FAILURE, 0 where there were none.
+[[nodiscard]] CVoFailure ExplainError(HRESULT result, bool isConnected, bool isSending, bool usesProxy, DWORD secureFailure);
 } // namespace WindowsTransport

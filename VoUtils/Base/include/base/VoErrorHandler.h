@@ -18,6 +18,7 @@
 #include <base/VoLock.h>
 #include <base/VoModuleSettings.h>
 #include <base/VoPlatform.h>
+#include <base/VoReportChain.h>
 #include <base/VoText.h>
 
 #include <atomic>
@@ -127,14 +128,20 @@ VO_NOINLINE void ReportMessage(const char* source, int line, const wchar_t* form
 {
     return g_logState.load(std::memory_order_relaxed) == ELogState::Off;
 }
+// Whether nobody wants codes: the log is off, and no operation collects its reports.
+[[nodiscard]] inline bool IsUnheard() noexcept
+{
+    return IsOff() && !CVoReportScope::Exists();
+}
 } // namespace VoReportDetail
 
 // Reports a code: one log line with the message "Code=0x%X". `source` is the source file as support knows it, without its
-// extension ("..\source\VoHTTPMessageCURL"), `function` the qualified name with its namespace. With the log off this is one
-// load: nothing is formatted or allocated. Never changes the last error.
+// extension ("..\source\VoHTTPMessageCURL"), `function` the qualified name with its namespace. Both texts are literals: a
+// CVoReportScope of the thread keeps them. With the log off and no such scope in the process this is two loads: nothing is
+// formatted or allocated. Never changes the last error.
 inline void VoReportCode(const wchar_t* source, int line, const wchar_t* function, HRESULT code) noexcept
 {
-    if (!VoReportDetail::IsOff())
+    if (!VoReportDetail::IsUnheard())
         VoReportDetail::ReportCode(source, line, function, code);
 }
 

@@ -447,9 +447,11 @@ namespace VoReportDetail
 {
 void ReportCode(const wchar_t* source, int line, const wchar_t* function, HRESULT code) noexcept
 {
-    // The first report of the process creates the log.
     const CVoLastErrorKeeper keeper;
-    VoErrorLog().WriteCode(source, line, function, code);
+    CVoReportScope::Add(source, line, function, code);
+    // The first report of the process creates the log.
+    if (!IsOff())
+        VoErrorLog().WriteCode(source, line, function, code);
 }
 
 void ReportMessage(const wchar_t* source, int line, const wchar_t* format, ...) noexcept

@@ -33,6 +33,7 @@ constexpr CTextRow kLibraryTexts[] = {
     { kErrorServerRefused, L"The server refused the request." },
     { kErrorServerCertificate, L"The server's certificate is not trusted." },
     { kErrorServerCredentials, L"The server refused the user name or the password." },
+    { kErrorResponseLimit, L"The server's response is larger than allowed." },
     { kErrorProxyNotReached, L"The proxy server could not be reached." },
     { kErrorProxyCredentials, L"The proxy server refused the user name or the password." },
     { kErrorSignature, L"The signature does not match the data." },

@@ -1,0 +1,135 @@
+// Reading responses; see VoHTTPTransport.h.
+#include "VoHTTPTransport.h"
+
+#include <base/VoUtils.h>
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+namespace
+{
+constexpr CVoReporter kMessageReport{ L"..\\source\\VoHTTPMessage", L"CVoHTTPMessage::ReadResponse" };
+
+constexpr size_t kLoggedText = 1024; // bytes of a body that cannot be parsed
+
+// The beginning of a body as one line of text, for the log.
+std::wstring StartOfText(std::span<const BYTE> bytes, bool utf8)
+{
+    wchar_t text[kLoggedText]; // no code page makes more characters than bytes
+    const int length = ::MultiByteToWideChar(utf8 ? CP_UTF8 : CP_THREAD_ACP, 0, reinterpret_cast<const char*>(bytes.data()),
+                                             static_cast<int>(std::min(bytes.size(), std::size(text))), text,
+                                             static_cast<int>(std::size(text)));
+    std::replace_if(text, text + length, [](wchar_t character) { return character < L' '; }, L' ');
+    return { text, static_cast<size_t>(length) };
+}
+} // namespace
+
+std::optional<UINT64> CVoHTTPTransport::GetHeaderLongValue(const CRequest& request, const wchar_t* name) const
+{
+    const std::optional<std::wstring> text = CheckHeader(request, name);
+    return text ? VoParseDecimal<UINT64>(VoTrim(*text)) : std::nullopt;
+}
+
+std::optional<UINT64> CVoHTTPTransport::AnnouncedLength(const CRequest& request) const
+{
+    return CheckHeader(request, L"Transfer-Encoding") ? std::nullopt : GetHeaderLongValue(request, L"Content-Length");
+}
+
+// Takes the response over from the transport.
+HRESULT CVoHTTPTransport::internalReadResponse(CRequest& request)
+{
+    const CVoReporter report{ m_points.source, m_points.internalReadResponse.function };
+    if (!request.m_hasPendingResponse)
+        return S_OK;
+    request.m_hasPendingResponse = false;
+    // libcurl checks the length itself, before it decodes the body.
+    const std::optional<UINT64> announced = m_facts.keepsHandle ? std::nullopt : AnnouncedLength(request);
+    CRequest::CResponse response;
+    if (const HRESULT hr = FetchBody(request, response.bytes); FAILED(hr))
+        return hr;
+    if (announced && response.bytes.size() != *announced)
+        return report(m_points.internalReadResponse.length, E_FAIL);
+    response.utf8 = NamesUtf8(CheckHeader(request, L"Content-Type").value_or(std::wstring()));
+    response.isThere = true;
+    request.m_response = std::move(response);
+    return S_OK;
+}
+
+HRESULT CVoHTTPTransport::ReadResponse(const std::shared_ptr<CHTTPRequestData>& request, CVoBinaryDataParser& response,
+                                       EResponseKind kind, bool* isUtf8, bool* isEmpty) noexcept
+{
+    const CVoReporter report{ m_points.source, m_points.readResponse.function };
+    return report.Guard(m_points.readResponse.exception, [&]() -> HRESULT
+    {
+        const auto keep = weak_from_this().lock();
+        const auto own = OwnRequest(request);
+        const CAutoLock lock(&m_lock);
+        if (!own)
+            return report(m_points.readResponse.request, E_INVALIDARG);
+        const CUse use(*own);
+        if (own->IsCancelled())
+            return report(m_points.readResponse.fetch, kResultCancelled);
+        if (const HRESULT hr = Reason(*own, internalReadResponse(*own)); FAILED(hr))
+        {
+            EndAttempt(*own, hr);
+            return report(m_points.readResponse.fetch, hr);
+        }
+        CRequest::CResponse& received = own->m_response;
+        if (kind != EResponseKind::Parameters && kind != EResponseKind::Binary)
+            return report(m_points.readResponse.read, E_NOTIMPL);
+        if (!received.isThere)
+            return report(m_points.readResponse.read, E_FAIL);
+        const bool empty = received.bytes.empty();
+        // Of the caller's content only the parameters stay, in front of the new ones.
+        const CVoDataParser& parameters = response;
+        CVoBinaryDataParser parsed;
+        static_cast<CVoDataParser&>(parsed) = parameters;
+        if (const HRESULT hr = parsed.Parse(std::move(received.bytes), kind == EResponseKind::Binary, received.utf8);
+            FAILED(hr))
+        {
+            // A failed Parse leaves the bytes, so they can be read again as Binary.
+            kMessageReport.Message(384, L"Parsing error! Data: %ls", StartOfText(received.bytes, received.utf8).c_str());
+            return report(m_points.readResponse.read, hr);
+        }
+        response = std::move(parsed);
+        received.isThere = false;
+        if (isUtf8)
+            *isUtf8 = received.utf8;
+        if (isEmpty)
+            *isEmpty = empty;
+        return S_OK;
+    });
+}
+
+HRESULT CVoHTTPTransport::ReadMultipleResponses(const std::shared_ptr<CHTTPRequestData>& request,
+                                                std::vector<CVoBinaryDataParser>& responses, UINT32 expectedCount,
+                                                UINT32* count) noexcept
+{
+    const CVoReporter report{ m_points.source, m_points.readMultipleResponses.function };
+    return report.Guard(m_points.readMultipleResponses.exception, [&]() -> HRESULT
+    {
+        const auto keep = weak_from_this().lock();
+        const auto own = OwnRequest(request);
+        const CAutoLock lock(&m_lock);
+        if (!own)
+            return report(m_points.readMultipleResponses.request, E_INVALIDARG);
+        const CUse use(*own);
+        if (own->IsCancelled())
+            return report(m_points.readMultipleResponses.fetch, kResultCancelled);
+        if (const HRESULT hr = Reason(*own, internalReadResponse(*own)); FAILED(hr))
+        {
+            EndAttempt(*own, hr);
+            return report(m_points.readMultipleResponses.fetch, hr);
+        }
+        CRequest::CResponse& received = own->m_response;
+        const HRESULT hr =
+            received.isThere ? internalParseMultipleResponses(received.bytes, received.utf8, expectedCount, responses) : E_FAIL;
+        if (FAILED(hr))
+            return report(m_points.readMultipleResponses.read, hr);
+        received = {};
+        if (count)
+            *count = static_cast<UINT32>(responses.size());
+        return S_OK;
+    });
+}
