@@ -90,6 +90,7 @@ TEST_P(ExchangeTest, TheRecordTellsEachResponseWithoutSecrets)
 
 TEST_P(ExchangeTest, TheRecordExplainsAFailure)
 {
+    const bool isCurl = GetParam().kind == 2; // the services tell less
     const uint16_t closed = ClosedPort();
     CServer missing(Responds(404, { { "Content-Type", "text/plain" } }, "no such page"));
     CServer challenge(
@@ -104,14 +105,15 @@ TEST_P(ExchangeTest, TheRecordExplainsAFailure)
         std::string errorBody;
     } cases[] = {
         { "refused", "http://127.0.0.1:" + std::to_string(closed) + "/x?k=SECRET",
-          GetParam().kind == 2 ? EVoFailure::ConnectRefused : EVoFailure::ConnectFailed,
+          isCurl ? EVoFailure::ConnectRefused : EVoFailure::ConnectFailed,
           L"could not connect to " + SeenHost() + L" port " + std::to_wstring(closed) + L": connection refused", "" },
         { "a status", missing.URL("/x?k=SECRET"), EVoFailure::Status,
           L"the response of " + SeenHost() + L" port " + std::to_wstring(missing.Port()) + L" has the status 404",
           "no such page" },
         { "a challenge", challenge.URL("/x?k=SECRET"), EVoFailure::Credentials,
           SeenHost() + L" port " + std::to_wstring(challenge.Port()) + L" demands credentials (status 401)", "" },
-        { "no response", silent.URL("/x?k=SECRET"), EVoFailure::ConnectionLost, L"the connection to " + SeenHost(), "" },
+        { "no response", silent.URL("/x?k=SECRET"), isCurl ? EVoFailure::ConnectionLost : EVoFailure::ResponseMalformed,
+          (isCurl ? L"the connection to " : L"the response of ") + SeenHost(), "" },
     };
     for (const auto& item : cases)
     {

@@ -42,6 +42,8 @@ private:
     }
     BOOL SetOption(HINTERNET handle, DWORD option, void* value, DWORD length)
     {
+        if (option == INTERNET_OPTION_CONTEXT_VALUE)
+            return TRUE; // for notifications, which this service does not make
         if (option == INTERNET_OPTION_PROXY_USERNAME || option == INTERNET_OPTION_PROXY_PASSWORD)
             Note("SetOption", Name(handle), ' ', option, Text(static_cast<wchar_t*>(value)), ' ', length);
         else

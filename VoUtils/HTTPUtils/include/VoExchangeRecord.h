@@ -109,5 +109,5 @@ struct CVoResponseLimits
     // Decoded; 0: no limit. WinHTTP delivers a body in pieces that cost memory each: a body in very many small pieces reaches
     // the limit earlier.
     UINT64 bodyBytes = 0;
-    UINT32 errorBodyBytes = 64 * 1024; // that are kept of the body of a response whose status is not 200; 0: none
+    UINT32 errorBodyBytes = 64 * 1024; // that are kept of the body of a response whose status is 400 or above; 0: none
 };

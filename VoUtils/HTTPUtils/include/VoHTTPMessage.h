@@ -103,7 +103,8 @@ public:
         [[nodiscard]] HRESULT GetExchangeRecord(CVoExchangeRecord& record) const noexcept;
         // The headers of the last response, secrets included. Empty without a response.
         [[nodiscard]] HRESULT GetResponseHeaders(std::vector<CVoHTTPHeader>& headers) const noexcept;
-        // The first 64 KiB of the body of a response whose status is not 200. Empty without such a response.
+        // The beginning of the body of a response whose status is 400 or above (CVoResponseLimits::errorBodyBytes). Empty
+        // without such a response, and over WinHTTP for a challenge that was not answered.
         [[nodiscard]] HRESULT GetErrorBody(std::vector<BYTE>& bytes) const noexcept;
 
     protected:

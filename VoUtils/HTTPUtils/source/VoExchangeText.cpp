@@ -104,7 +104,7 @@ constexpr CFailureRow kFailures[] = {
     { EVoFailure::RevocationUnknown, L"it could not be found out whether the certificate of %1 was revoked" },
     { EVoFailure::ConnectionLost, L"the connection to %1 was lost" },
     { EVoFailure::ResponseTimeOut, L"no complete response from %1 in time" },
-    { EVoFailure::ResponseMalformed, L"the response of %1 is malformed" },
+    { EVoFailure::ResponseMalformed, L"the response of %1 is malformed or missing" },
     { EVoFailure::ResponseTruncated, L"the response of %1 broke off" },
     { EVoFailure::ResponseLimit, L"the response of %1 is larger than allowed" },
     { EVoFailure::RedirectLoop, L"%1 redirects too often" },

@@ -500,6 +500,9 @@ HRESULT CVoHTTPMessageWinINet::OpenHandle(CRequest& opened)
                                               acceptTypes, flags, 0));
     if (!handle)
         return report.LastError(605, 606);
+    // WinINet notifies only about handles with a context. For the record only: without it the request works all the same.
+    DWORD_PTR context = kContext;
+    (void)::InternetSetOptionW(handle.Get(), INTERNET_OPTION_CONTEXT_VALUE, &context, sizeof context);
     request.Open(std::move(handle));
     return S_OK;
 }

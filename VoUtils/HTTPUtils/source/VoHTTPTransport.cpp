@@ -18,6 +18,7 @@ constexpr INT64 kMicrosecondsPerSecond = 1'000'000;
 // The pause before another attempt doubles from the first value to the last.
 constexpr INT64 kFirstRetryDelay = 50'000; // microseconds
 constexpr INT64 kLastRetryDelay = 2'000'000;
+constexpr UINT32 kFirstErrorStatus = 400; // whose body may explain it
 
 // Whether a redirect keeps method and body. Clients make a GET of a POST after 301 and 302 (RFC 9110, sections 15.4.2 and
 // 15.4.3), and of every request after 303.
@@ -405,7 +406,7 @@ HRESULT CVoHTTPTransport::internalSend(CRequest& request, const CVoHTTPContent& 
         EndAttempt(request, hr);
         const std::optional<INT64> asked = RetryAfter(request); // reads the response, which the next call drops
         const bool mayRetry = !request.m_isFinal && attempts.MayRetry(hr, request.m_statusCode);
-        if (!mayRetry && request.m_statusCode != 0 && hr != kResultCancelled)
+        if (!mayRetry && request.m_statusCode >= kFirstErrorStatus && hr != kResultCancelled)
             FetchErrorBody(request);
         if (const HRESULT reset = ResetConnection(request); FAILED(reset))
         {
