@@ -381,6 +381,14 @@ TEST_P(TransportTest, GetsAnyPathOfTheServer)
     EXPECT_EQ(server.Requests().back().body, "a=1&&");
     ASSERT_EQ(message->SendGetRequest(request, L"/new", false, nullptr), S_OK);
     EXPECT_NE(request, opened);
+
+    // One that was not sent yet fits every path.
+    const Request fresh = request = Open(*message);
+    ASSERT_EQ(message->SendGetRequest(request, L"/fresh?x", false, nullptr), S_OK);
+    EXPECT_EQ(request, fresh);
+    EXPECT_EQ(server.Requests().back().method + server.Requests().back().target, "GET/fresh?x");
+    ASSERT_EQ(message->SendGetRequest(request, {}, false, nullptr), S_OK);
+    EXPECT_NE(request, fresh);
 }
 
 TEST_P(TransportTest, ManyRequestsUseOneConnection)

@@ -181,7 +181,7 @@ public:
                                                        bool allowRetry, CSendResult* result) noexcept = 0;
 
     // Sends a GET for `objectPath` (a path and, behind "?", a query; empty: the server address's own) to the connected server.
-    // With an empty path and a request of this message, that request is used, so another thread may watch its progress.
+    // A request of this message is used when it has that path, or was not sent yet: another thread may then watch or cancel it.
     // Otherwise `request` may be null: a request made here replaces it as soon as that is open.
     [[nodiscard]] virtual HRESULT SendGetRequest(std::shared_ptr<CHTTPRequestData>& request, std::wstring_view objectPath,
                                                  bool allowRetry, CSendResult* result) noexcept = 0;

@@ -353,19 +353,29 @@ HRESULT CVoHTTPTransport::SendGetRequest(std::shared_ptr<CHTTPRequestData>& requ
     return report.Guard(m_points.sendGetRequest.exception, [&]() -> HRESULT
     {
         const auto keep = weak_from_this().lock();
-        const auto own = objectPath.empty() ? OwnRequest(request) : nullptr;
+        const auto own = OwnRequest(request);
         const CAutoLock lock(&m_lock);
-        if (own && own->m_connection == m_connectionNumber && own->m_address.FullURL() == m_serverAddress.FullURL())
+        CServerAddressData address = m_serverAddress;
+        if (!objectPath.empty())
+            if (const HRESULT hr = address.SetObjectPath(objectPath); FAILED(hr))
+                return report(m_points.sendGetRequest.path, hr);
+        const bool isCurrent = own && own->m_connection == m_connectionNumber;
+        if (isCurrent && own->m_address.FullURL() == address.FullURL())
             own->m_nextVerb = L"GET";
-        else
+        else if (isCurrent && !own->m_isUsed)
         {
-            CServerAddressData address = m_serverAddress;
-            if (!objectPath.empty())
-                if (const HRESULT hr = address.SetObjectPath(objectPath); FAILED(hr))
-                    return report(m_points.sendGetRequest.path, hr);
-            if (const HRESULT hr = internalOpenRequest(address, L"GET", request); FAILED(hr))
+            own->m_target = address;
+            CServerAddressData previous = std::exchange(own->m_address, std::move(address));
+            own->m_verb = own->m_nextVerb = own->m_targetVerb = L"GET";
+            if (const HRESULT hr = OpenTarget(*own); FAILED(hr))
+            {
+                own->m_address = std::move(previous);
+                own->m_isUsed = true; // the next send opens a fresh handle
                 return report(m_points.sendGetRequest.open, hr);
+            }
         }
+        else if (const HRESULT hr = internalOpenRequest(address, L"GET", request); FAILED(hr))
+            return report(m_points.sendGetRequest.open, hr);
         if (const HRESULT hr =
                 SendMessage(request, CVoBinaryDataParser(), EContentKind::Empty, true, {}, {}, allowRetry, result);
             FAILED(hr))
@@ -423,6 +433,8 @@ HRESULT CVoHTTPTransport::internalSend(CRequest& request, const CVoHTTPContent& 
         if (!Pause(request, pause))
         {
             hr = Reason(request, hr);
+            if (request.IsCancelled())
+                EndAttempt(request, hr); // the send ends for another reason than the attempt
             break;
         }
     }
