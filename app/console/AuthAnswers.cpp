@@ -22,6 +22,31 @@ void CAuthAnswers::OnRequestAccepted()
     m_answered.clear();
 }
 
+HRESULT CAuthAnswers::QueryOther(REFIID iid, void** object) noexcept
+{
+    // Without a dialog no question stays open.
+    CVoComPtr<IVoAuthenticationCancel> dialog;
+    if (!IsEqualIID(iid, kVoInterfaceId<IVoAuthenticationCancel>) || FAILED(m_dialog.As(dialog)))
+        return CBase::QueryOther(iid, object);
+    *object = static_cast<IVoAuthenticationCancel*>(this);
+    AddRef();
+    return S_OK;
+}
+
+STDMETHODIMP CAuthAnswers::CancelQuestion(DWORD threadId) noexcept
+{
+    CVoComPtr<IVoAuthenticationCancel> dialog;
+    const HRESULT hr = m_dialog.As(dialog);
+    return SUCCEEDED(hr) ? dialog->CancelQuestion(threadId) : hr;
+}
+
+STDMETHODIMP CAuthAnswers::ResetQuestion(DWORD threadId) noexcept
+{
+    CVoComPtr<IVoAuthenticationCancel> dialog;
+    const HRESULT hr = m_dialog.As(dialog);
+    return SUCCEEDED(hr) ? dialog->ResetQuestion(threadId) : hr;
+}
+
 STDMETHODIMP CAuthAnswers::SetParentWindow(HWND) noexcept
 {
     return S_OK;

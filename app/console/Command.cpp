@@ -139,7 +139,7 @@ void CContext::PutObject(const CJson& object)
     if (m_options.json)
         m_object.update(object);
     else
-        m_streams.out.Write(object.dump(2, ' ', false, CJson::error_handler_t::replace) + '\n');
+        m_streams.out.Write(EscapeControls(object.dump(2, ' ', false, CJson::error_handler_t::replace), true) + '\n');
 }
 
 void CContext::Remark(std::string_view text)
@@ -164,13 +164,21 @@ int CContext::Finish(HRESULT result, std::string_view detail)
         object["result"] = ResultCode(result);
         if (FAILED(result))
             object["error"] = error;
+        if (FAILED(result) && !m_failureReason.empty())
+            object["reason"] = m_failureReason;
         for (const auto& [key, value] : m_object.items())
             object[key] = std::move(value);
         m_streams.out.Write(JsonLine(object));
     }
     if (FAILED(result))
     {
-        m_streams.err.Write("voutils: " + ResultCode(result) + ' ' + error + '\n');
+        if (!m_failureReason.empty())
+        {
+            // "Call failed.", "could not connect" become "Call failed: could not connect".
+            error.erase(error.find_last_not_of(".! ") + 1);
+            error += (error.empty() ? "" : ": ") + m_failureReason;
+        }
+        m_streams.err.Write("voutils: " + ResultCode(result) + ' ' + EscapeControls(error, false) + '\n');
         if (!m_failureRemark.empty() && !m_options.json)
             Remark(m_failureRemark);
     }

@@ -51,7 +51,12 @@ public:
     // Without a configuration every connection is direct.
     [[nodiscard]] CVoGlobalHTTPProxyStoreImpl& ProxyStore();
 
+    // Whether the commands run in a batch.
+    void SetBatch() noexcept { m_isBatch = true; }
+    [[nodiscard]] bool IsBatch() const noexcept { return m_isBatch; }
+
 private:
+    bool m_isBatch = false;
     CVoComPtr<IVoHTTPCookieStore> m_cookieStore;
     CVoComPtr<CVoGlobalHTTPProxyStoreImpl> m_proxyStore;
 };
@@ -106,11 +111,14 @@ public:
     // Writes a remark to the error stream, unless --quiet.
     void Remark(std::string_view text);
 
+    // Sets why the command fails, for the error line. `reason` is one sentence without a full stop; empty: only the error's
+    // text is known. It may hold texts that a server sent.
+    void SetFailureReason(std::wstring_view reason) { m_failureReason = ToUtf8(reason); }
     // Sets a remark that follows the error line of a failure. Not with --json, which has keys for its content.
     void SetFailureRemark(std::string remark) { m_failureRemark = std::move(remark); }
 
-    // Ends the run: writes the JSON object and, for a failure, the error line with `detail` behind the error's text. Returns
-    // the exit code.
+    // Ends the run: writes the JSON object and, for a failure, the error line with `detail` and the reason behind the error's
+    // text. Returns the exit code.
     int Finish(HRESULT result, std::string_view detail = {});
 
 private:
@@ -118,6 +126,7 @@ private:
     const CGlobalOptions& m_options;
     CProcessState& m_process;
     CJson m_object = CJson::object();
+    std::string m_failureReason;
     std::string m_failureRemark;
     int m_exitCode = kExitSuccess;
     bool m_inputTaken = false;

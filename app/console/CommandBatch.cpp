@@ -51,11 +51,12 @@ public:
             "Each line of standard input is {\"args\": [\"encode\", \"hex\"], \"stdinBase64\": \"...\"}, each line of standard "
             "output {\"exit\": 0, \"stdoutBase64\": \"...\", \"stderr\": \"...\"}, in order, written as soon as its command "
             "has "
-            "ended. The commands share the process's cookies.\n");
+            "ended. The commands share the process's cookies. Ctrl+C ends the batch at once.\n");
     }
     void Run(CContext& context) override
     {
         context.SetWritesLines();
+        context.Process().SetBatch();
         CLineReader lines(context.Streams().in);
         for (std::string line; lines.Next(line);)
             context.Streams().out.Write(JsonLine(RunLine(line, context.Process())));

@@ -1,6 +1,7 @@
 // demo: every kind of request through every transport, to a server of this program.
 #include "Console.h"
 #include "DemoServer.h"
+#include "Interrupt.h"
 #include "Parameters.h"
 
 #include <VoHTTPTransports.h>
@@ -78,7 +79,7 @@ public:
         m_server.emplace(std::move(publicKey));
     }
 
-    CRow Run(const CKind& kind, const CVoHTTPTransportRow& transport)
+    CRow Run(const CKind& kind, const CVoHTTPTransportRow& transport, CRunningRequest& running)
     {
         CRow row{ kind.name, transport.name, {}, {} };
         CVoBinaryDataParser request;
@@ -95,7 +96,7 @@ public:
 
         CVoBinaryDataParser response;
         const INT64 begin = VoGetMicroseconds();
-        const HRESULT hr = Exchange(kind, transport, request, response);
+        const HRESULT hr = Exchange(kind, transport, request, response, running);
         row.milliseconds = static_cast<double>(VoGetMicroseconds() - begin) / 1000;
         if (FAILED(hr))
         {
@@ -112,7 +113,7 @@ public:
 
 private:
     HRESULT Exchange(const CKind& kind, const CVoHTTPTransportRow& transport, const CVoBinaryDataParser& request,
-                     CVoBinaryDataParser& response)
+                     CVoBinaryDataParser& response, CRunningRequest& running)
     {
         CServerAddressData address;
         Check(address.SetAddress(m_server->URL(kind.content ? L"/demo" : Query(request)), false, true, true));
@@ -123,6 +124,8 @@ private:
             return hr;
         std::shared_ptr<CVoHTTPMessage::CHTTPRequestData> data;
         HRESULT hr = message->OpenRequest(data);
+        if (SUCCEEDED(hr))
+            hr = running.Set(data);
         if (SUCCEEDED(hr))
         {
             const bool isSigned = kind.content == EContentKind::SignedForm;
@@ -179,7 +182,7 @@ public:
         {
             for (const CKind& kind : kKinds)
             {
-                const CRow row = demo.Run(kind, transport);
+                const CRow row = RunRow(context, demo, kind, transport);
                 right = right && row.right;
                 PutRow(context, row.kind, row.transport, row.sent, row.received, ToUtf8(VoFormat(L"%.1f", row.milliseconds)),
                        row.right ? "right" : "WRONG");
@@ -197,6 +200,16 @@ public:
     }
 
 private:
+    static CRow RunRow(CContext& context, CDemo& demo, const CKind& kind, const CVoHTTPTransportRow& transport)
+    {
+        CRunningRequest running;
+        const CInterruptScope scope(context, running);
+        CRow row = demo.Run(kind, transport, running);
+        if (running.IsCancelled())
+            throw CVoHResultException(kResultCancelled);
+        return row;
+    }
+
     static void PutRow(CContext& context, const std::string& kind, const std::string& transport, const std::string& sent,
                        const std::string& received, const std::string& time, const std::string& verdict)
     {

@@ -1,6 +1,8 @@
 // send, get: requests through the library.
 #include "Console.h"
 #include "CookieFile.h"
+#include "ExchangeJson.h"
+#include "Interrupt.h"
 #include "Parameters.h"
 #include "ProgressBar.h"
 #include "RequestOptions.h"
@@ -16,7 +18,11 @@ using EResponseKind = CVoHTTPMessage::EResponseKind;
 
 constexpr const char* kOutput = R"(Output: the parameters as NAME=VALUE lines, then the payload's bytes unless -o took them.
 --json: engine, params ([[name, value], ...]), payloadBase64, responses (with --messages), localAddress, status (of the last
-answer), retried, seconds (a list, one a request), cookie (the Cookie header that was sent).
+answer), retried, seconds (a list, one a request), cookie (the Cookie header that was sent), exchange (what happened in the
+last request: attempts, each with its addresses, times in milliseconds or null, answers and bytes; and the chain of reports of a
+failure); on failure also error (the code's text), reason (why, one sentence), and for an answer whose status is not 200
+errorBodyBase64 (its first 64 KiB).
+Ctrl+C cancels the request: exit code 1, 0x800704C7. A second Ctrl+C ends the program at once.
 )";
 
 // The common part of send and get.
@@ -36,12 +42,17 @@ public:
         context.CheckOutputFile(m_connection.CookieFile());
         LoadCookies(context, m_connection.CookieFile());
         context.PutKey("engine", m_connection.TransportName());
-        HRESULT result = S_OK;
-        CResponse response;
+        COutcome outcome;
+        const auto exchange = [&]
+        {
+            CRunningRequest running;
+            const CInterruptScope scope(context, running);
+            const std::shared_ptr<CVoHTTPMessage> message = m_connection.Connect(context, address, *answers.Get());
+            Exchange(context, *message, *answers.Get(), running, outcome);
+        };
         try
         {
-            const std::shared_ptr<CVoHTTPMessage> message = m_connection.Connect(context, address, *answers.Get());
-            result = Exchange(context, *message, *answers.Get(), response);
+            exchange();
         }
         catch (const CVoHResultException& failure)
         {
@@ -50,8 +61,9 @@ public:
         }
         // A failed request may have set cookies, too.
         SaveCookies(context, m_connection.CookieFile());
-        Check(result);
-        PutResponse(context, response);
+        PutOutcome(context, outcome);
+        Check(outcome.result);
+        PutResponse(context, outcome.response);
     }
 
 protected:
@@ -93,41 +105,80 @@ protected:
     [[nodiscard]] virtual bool HasSeveralMessages() const noexcept { return false; }
 
 private:
-    HRESULT Exchange(CContext& context, CVoHTTPMessage& message, CAuthAnswers& answers, CResponse& response)
+    // What came of the requests.
+    struct COutcome
     {
-        CJson seconds = CJson::array();
+        HRESULT result = S_OK;
+        CResponse response;
         CVoHTTPMessage::CSendResult sent;
+        CJson seconds = CJson::array();
+        bool isCancelled = false;    // by Ctrl+C
+        bool isAnswerUnread = false; // there is one, but reading it failed
         std::wstring cookie;
-        HRESULT hr = S_OK;
+        CVoExchangeRecord record;
+        std::vector<BYTE> errorBody;
+    };
+
+    void Exchange(CContext& context, CVoHTTPMessage& message, CAuthAnswers& answers, CRunningRequest& running,
+                  COutcome& outcome)
+    {
+        HRESULT& hr = outcome.result;
         for (UINT32 i = 0; i < m_repeat && SUCCEEDED(hr); ++i)
         {
             const INT64 begin = VoGetMicroseconds();
             CRequest request{ message, nullptr };
             hr = Open(request);
             if (SUCCEEDED(hr))
+                hr = running.Set(request.data);
+            if (SUCCEEDED(hr))
             {
                 const CProgressBar progress(context.Streams().err, request.data, context.Options().quiet);
-                hr = Send(request, m_connection.AllowsRetry(), sent);
+                hr = Send(request, m_connection.AllowsRetry(), outcome.sent);
                 if (SUCCEEDED(hr))
-                    hr = Read(request, m_response, response);
+                {
+                    hr = Read(request, m_response, outcome.response);
+                    outcome.isAnswerUnread = FAILED(hr);
+                }
             }
-            seconds.push_back(static_cast<double>(VoGetMicroseconds() - begin) / 1e6);
-            if (request.data)
-                cookie = request.data->CookieHeader();
+            outcome.seconds.push_back(static_cast<double>(VoGetMicroseconds() - begin) / 1e6);
             if (SUCCEEDED(hr))
                 answers.OnRequestAccepted();
+            if (!request.data || (SUCCEEDED(hr) && i + 1 < m_repeat))
+                continue;
+            outcome.cookie = request.data->CookieHeader();
+            // A request that was refused before its first attempt has neither.
+            (void)request.data->GetExchangeRecord(outcome.record);
+            (void)request.data->GetErrorBody(outcome.errorBody);
         }
-        context.PutKey("localAddress", ToUtf8(sent.localAddress));
-        context.PutKey("status", sent.statusCode);
-        context.PutKey("retried", sent.retried);
-        context.PutKey("seconds", std::move(seconds));
-        context.PutKey("cookie", ToUtf8(cookie));
-        constexpr DWORD kStatusOk = 200;
-        if (sent.statusCode != 0 && sent.statusCode != kStatusOk)
-            context.SetFailureRemark("the answer's status was " + std::to_string(sent.statusCode));
+        outcome.isCancelled = running.IsCancelled();
+    }
+
+    static void PutOutcome(CContext& context, const COutcome& outcome)
+    {
+        context.PutKey("localAddress", ToUtf8(outcome.sent.localAddress));
+        context.PutKey("status", outcome.sent.statusCode);
+        context.PutKey("retried", outcome.sent.retried);
+        context.PutKey("seconds", outcome.seconds);
+        context.PutKey("cookie", ToUtf8(outcome.cookie));
+        context.PutKey("exchange", ExchangeAsJson(outcome.record));
+        if (SUCCEEDED(outcome.result))
+            return;
+        const UINT32 status = outcome.sent.statusCode;
+        constexpr UINT32 kStatusOk = 200;
+        const bool isOtherStatus = status != 0 && status != kStatusOk;
+        if (isOtherStatus)
+            context.PutKey("errorBodyBase64", ToBase64(outcome.errorBody));
+        const std::wstring reason = outcome.record.Reason();
+        // The exchange itself succeeded, but the answer is no parameter text.
+        context.SetFailureReason(outcome.isAnswerUnread && reason.empty() ? L"the answer is not in the form that was asked for"
+                                                                          : reason);
+        if (outcome.isCancelled)
+            return;
+        if (isOtherStatus)
+            context.SetFailureRemark("the answer's status was " + std::to_string(status) +
+                                     (outcome.errorBody.empty() ? "" : "; its body is in errorBodyBase64 with --json"));
         else if (!context.Options().log)
             context.SetFailureRemark("more about it stands in the log; try again with --log");
-        return hr;
     }
 
     void PutResponse(CContext& context, const CResponse& response)
@@ -137,7 +188,10 @@ private:
         {
             for (const CVoBinaryDataParser& message : response.messages)
                 payloads.insert(payloads.end(), message.Payload().begin(), message.Payload().end());
-            context.WriteFile(m_output, payloads);
+            if (m_output == "-")
+                WriteContent(context.Streams().out, payloads);
+            else
+                context.WriteFile(m_output, payloads);
         }
         if (context.Options().json)
         {
@@ -149,10 +203,19 @@ private:
             std::string lines;
             for (size_t i = 0; i < message.GetCount(); ++i)
                 lines += ToUtf8(message.GetAt(i).Name()) + '=' + ToUtf8(message.GetAt(i).Value()) + '\n';
-            context.Streams().out.Write(lines);
+            WriteContent(context.Streams().out, { reinterpret_cast<const BYTE*>(lines.data()), lines.size() });
             if (m_output.empty())
-                context.Streams().out.Write(message.Payload());
+                WriteContent(context.Streams().out, message.Payload());
         }
+    }
+
+    // Writes what a server sent: as it is, but to a terminal without what could command it.
+    static void WriteContent(IByteSink& out, std::span<const BYTE> bytes)
+    {
+        if (out.IsTerminal())
+            out.Write(EscapeControls({ reinterpret_cast<const char*>(bytes.data()), bytes.size() }, true));
+        else
+            out.Write(bytes);
     }
 
     void PutJson(CContext& context, const CResponse& response)

@@ -22,7 +22,12 @@ using CJson = nlohmann::ordered_json;
 [[nodiscard]] std::string ToBase64(std::span<const BYTE> bytes);
 [[nodiscard]] std::vector<BYTE> FromBase64(std::string_view text);
 
-// One line of JSON text. Never fails for the content of a text.
+// UTF-8 text with escapes in place of what could command a terminal or change the order of the text beside it: control
+// characters and invisible format characters become \uXXXX (two for a character above U+FFFF), a byte that is not UTF-8 becomes
+// \xXX. `keepLines` leaves tabs and the ends of lines as they are.
+[[nodiscard]] std::string EscapeControls(std::string_view text, bool keepLines);
+
+// One line of JSON text, with EscapeControls. Never fails for the content of a text.
 [[nodiscard]] std::string JsonLine(const CJson& value);
 
 // "0x80070057".

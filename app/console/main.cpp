@@ -1,5 +1,6 @@
 // The program: the platform's arguments and streams for RunConsole.
 #include "Console.h"
+#include "Interrupt.h"
 
 #include <base/VoPlatform.h>
 
@@ -47,6 +48,7 @@ private:
 // NOLINTNEXTLINE(misc-use-internal-linkage): the C runtime calls it by its name.
 int wmain(int count, wchar_t** arguments)
 {
+    InstallInterruptHandler();
     const CComLibrary com;
     const CConsoleCodePage codePage;
     CHandleSource in(::GetStdHandle(STD_INPUT_HANDLE));

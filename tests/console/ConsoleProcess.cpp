@@ -3,6 +3,7 @@
 #include <base/VoCArray.h>
 #include <base/VoUtils.h>
 #include <base/utils/VoDataConversion.h>
+#include <support/TestMain.h>
 
 #include <algorithm>
 #include <stdexcept>
@@ -78,14 +79,38 @@ CConsoleProcess::CConsoleProcess(const std::vector<std::wstring>& arguments)
     startup.hStdOutput = out.child.Get();
     startup.hStdError = err.child.Get();
     PROCESS_INFORMATION process{};
-    if (!::CreateProcessW(VOUTILS_CONSOLE, commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process))
+    // A group of its own gets control events alone. Wine would make it deaf to signals.
+    const DWORD flags = TestSupport::IsWine() ? 0 : CREATE_NEW_PROCESS_GROUP;
+    if (!::CreateProcessW(VOUTILS_CONSOLE, commandLine.data(), nullptr, nullptr, TRUE, flags, nullptr, nullptr, &startup,
+                          &process))
         throw std::runtime_error("the console does not start: error " + std::to_string(::GetLastError()));
     ::CloseHandle(process.hThread);
     m_process.Reset(process.hProcess);
+    m_processId = process.dwProcessId;
     m_in = std::move(in.ours);
     m_out = std::move(out.ours);
     m_err = std::move(err.ours);
     m_errorReader = std::jthread([this] { m_errors = ReadToEnd(m_err); });
+}
+
+void CConsoleProcess::Interrupt(const std::string& mark) const
+{
+    if (!TestSupport::IsWine())
+    {
+        ::GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, m_processId);
+        return;
+    }
+    // The brackets keep the shell's own command line from matching.
+    const std::wstring pattern = L"voutils[.]exe.*" + std::wstring(mark.begin(), mark.end());
+    std::wstring command = L"sh -c \"for p in /proc/[0-9]*; do tr '\\0' ' ' <$p/cmdline | grep -q '" + pattern +
+                           L"' && kill -INT ${p#/proc/}; done 2>/dev/null\"";
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION shell{};
+    if (!::CreateProcessW(LR"(Z:\bin\sh)", command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &shell))
+        throw std::runtime_error("no shell: error " + std::to_string(::GetLastError()));
+    ::CloseHandle(shell.hThread);
+    ::CloseHandle(shell.hProcess);
 }
 
 void CConsoleProcess::Write(std::string_view bytes)

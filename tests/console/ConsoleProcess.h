@@ -29,6 +29,9 @@ public:
     // Returns when all bytes are written, or the process no longer reads.
     void Write(std::string_view bytes);
     void CloseInput() { m_in.Reset(); }
+    // Presses Ctrl+C. `mark` stands in the arguments of this process and of no other (an address of a server of the test): Wine
+    // has no control events, but takes the signal of a process that is found by it.
+    void Interrupt(const std::string& mark) const;
     // The next line of standard output without its end; empty at the end.
     [[nodiscard]] std::string ReadLine();
     // Reads the streams to their ends and waits for the end of the process.
@@ -36,6 +39,7 @@ public:
 
 private:
     CVoHandle m_process;
+    DWORD m_processId = 0;
     CVoHandle m_out;
     CVoHandle m_err;
     std::string m_errors;

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <future>
 #include <mutex>
 
 namespace
@@ -16,6 +17,11 @@ using nlohmann::json;
 using ::testing::HasSubstr;
 
 constexpr const char* kMessageType = "application/octet-stream; charset=UTF-8";
+
+std::wstring Wide(const std::string& ascii)
+{
+    return { ascii.begin(), ascii.end() };
+}
 
 // Responds by path: /echo with the body, /reply with the message "b=2&&bytes", /secret with 401 without the right credentials,
 // /cookie with a Set-Cookie, /missing with 404, any other path with the target. Keeps the requests.
@@ -64,8 +70,9 @@ protected:
     static CConsoleResult Run(std::vector<std::string> arguments, std::string_view input = {})
     {
         static CConsoleBatch s_batch;
-        for (const char* const argument : { "--engine", "curl", "--no-proxy" })
-            arguments.emplace_back(argument);
+        if (std::ranges::find(arguments, "--engine") == arguments.end())
+            arguments.insert(arguments.end(), { "--engine", "curl" });
+        arguments.emplace_back("--no-proxy");
         return s_batch.Run(arguments, input);
     }
     [[nodiscard]] std::string File(const wchar_t* name) const { return Utf8((m_folder / name).wstring()); }
@@ -104,9 +111,19 @@ TEST_F(ConsoleRequests, JsonHasAllKeysOfAnExchange)
         Run({ "send", m_server.URL("/echo"), "-p", "a=1", "--payload", "-", "--repeat", "3", "--json" }, "xyz").Json();
     EXPECT_EQ(answer["seconds"].size(), 3U);
     answer.erase("seconds");
+    const json exchange = answer.at("exchange");
+    answer.erase("exchange");
     EXPECT_EQ(answer,
               json::parse(R"({ "result": "0x00000000", "engine": "curl", "params": [["a", "1"]], "payloadBase64": "eHl6",
                                        "localAddress": "127.0.0.1", "status": 200, "retried": false, "cookie": "" })"));
+    EXPECT_TRUE(exchange.at("chain").empty());
+    const json attempt = exchange.at("attempts").at(0);
+    EXPECT_EQ(attempt.at("remoteAddress"), "127.0.0.1");
+    EXPECT_TRUE(attempt.at("times").at("tls").is_null());
+    EXPECT_GT(attempt.at("times").at("total"), 0);
+    EXPECT_EQ(attempt.at("responses").at(0).at("status"), 200);
+    EXPECT_EQ(attempt.at("responses").at(0).at("headers").at(0),
+              json::parse(R"(["Content-Type", "application/octet-stream; charset=UTF-8"])"));
     // All requests of a connected message use one connection.
     EXPECT_EQ(m_server.TakeRequests().at(2).number, 3U);
 }
@@ -141,6 +158,7 @@ TEST_F(ConsoleRequests, OutputGoesToItsFileOnlyAfterSuccess)
     const json failed = Run({ "get", m_server.URL("/missing"), "-o", File(L"out"), "--json" }).Json();
     EXPECT_EQ(failed["result"], "0x80004005");
     EXPECT_EQ(failed["status"], 404);
+    EXPECT_EQ(BytesOf(failed["errorBodyBase64"]), "not here");
     EXPECT_EQ(Read(L"out"), "bytes\n");
 }
 
@@ -188,6 +206,66 @@ TEST_F(ConsoleRequests, CookiesAreLoadedFromTheFileAndSavedToIt)
     EXPECT_EQ(Run({ "get", m_server.URL("/x"), "--cookies", File(L"jar") }).exitCode, 1);
     EXPECT_EQ(Read(L"jar"), "no cookie store");
     EXPECT_TRUE(m_server.TakeRequests().empty());
+}
+
+TEST_F(ConsoleRequests, TheErrorLineNamesTheReason)
+{
+    const std::string port = std::to_string(Loopback::CLoopbackServer([](const auto&, auto&) {}).Port());
+    for (const char* const engine : { "curl", "winhttp", "wininet" })
+        for (const auto& [url, reason] :
+             { std::pair("http://127.0.0.1:" + port, "could not connect to 127.0.0.1 port " + port + ": connection refused"),
+               { "http://no-such-host.invalid/", "the address of no-such-host.invalid could not be found" },
+               { m_server.URL("/missing"), "has the status 404" } })
+        {
+            const json answer = Run({ "get", url, "--engine", engine, "--json" }).Json();
+            EXPECT_THAT(answer["reason"].get<std::string>(), HasSubstr(reason)) << engine;
+            EXPECT_FALSE(answer["exchange"]["chain"].empty());
+            EXPECT_THAT(Run({ "get", url, "--engine", engine }).err,
+                        testing::ContainsRegex("^voutils: " + answer["result"].get<std::string>() + " .+: .*" + reason));
+        }
+}
+
+TEST_F(ConsoleRequests, WhatServersSendCannotCommandATerminal)
+{
+    // An escape sequence, a control of the second set (U+009B) and a mark that reverses text (U+202E).
+    const std::string hostile = "\x1B[31m\xC2\x9B\xE2\x80\xAE";
+    Loopback::CLoopbackServer server([&](const auto&, Loopback::CConnection& connection)
+    { connection.Send("HTTP/1.1 404 No" + hostile + "\r\nX-A: " + hostile + "\r\nContent-Length: 0\r\n\r\n"); });
+    for (const char* const option : { "--json", "--quiet" })
+    {
+        const CConsoleResult result = Run({ "get", server.URL("/"), option });
+        EXPECT_EQ(result.exitCode, 1);
+        for (const char* const raw : { "\x1B", "\x9B", "\xAE" })
+            EXPECT_THAT(result.out + result.err, testing::Not(HasSubstr(raw)));
+    }
+}
+
+TEST(ConsoleInterrupt, CancelsTheRequestWhateverItWaitsFor)
+{
+    for (const auto& [label, engine, status] : { std::tuple("curl waits for the response", L"curl", 0),
+                                                 { "curl waits to retry", L"curl", 503 },
+                                                 { "wininet waits for its probe", L"wininet", 0 } })
+    {
+        std::promise<void> asked;
+        Loopback::CLoopbackServer server([&, status = status](const auto&, Loopback::CConnection& connection)
+        {
+            if (status != 0)
+                connection.SendResponse(status, { { "Retry-After", "20" } });
+            asked.set_value();
+            if (status == 0)
+                connection.WaitForPeerClose(std::chrono::hours(1));
+        });
+        const std::filesystem::path output = TestSupport::MakeTestFolder(L"interrupt") / L"out";
+        CConsoleProcess process({ L"get", Wide(server.URL("/held")), L"--engine", engine, L"--no-proxy", L"--retry", L"--json",
+                                  L"-o", output.wstring() });
+        asked.get_future().wait();
+        process.Interrupt(server.URL("/held"));
+        const CConsoleResult result = process.Finish();
+        EXPECT_EQ(result.exitCode, 1) << label;
+        EXPECT_EQ(result.Json()["result"], "0x800704C7") << label;
+        EXPECT_THAT(result.err, testing::MatchesRegex("voutils: 0x800704C7 .+\n")) << label;
+        EXPECT_FALSE(std::filesystem::exists(output));
+    }
 }
 
 TEST(ConsoleDemo, EveryRowIsRight)
