@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <optional>
+#include <thread>
 
 #include <support/DialogUser.h>
 #include <support/ImportHook.h>
@@ -214,5 +215,22 @@ TEST_F(AuthCallback, FailuresChangeNoOutArgument)
     EXPECT_EQ(answer.user.View(), L"old user");
     EXPECT_EQ(answer.password.View(), L"old password");
     EXPECT_EQ(answer.cancelled, 99);
+}
+
+TEST_F(AuthCallback, AnotherThreadCancelsAQuestion)
+{
+    CVoComPtr<IVoAuthenticationCancel> cancel;
+    ASSERT_EQ(m_callback.As(cancel), S_OK);
+    const DWORD asking = ::GetCurrentThreadId();
+    {
+        const CDialogUser user([&](HWND) { std::thread([&] { EXPECT_EQ(cancel->CancelQuestion(asking), S_OK); }).join(); });
+        EXPECT_EQ(Ask().cancelled, VARIANT_TRUE);
+        EXPECT_EQ(user.Shown(), 1);
+    }
+    EXPECT_EQ(Ask().cancelled, VARIANT_TRUE) << "until it is taken back";
+    EXPECT_EQ(cancel->ResetQuestion(asking), S_OK);
+    EXPECT_EQ(cancel->CancelQuestion(asking + 4), S_OK);
+    const CDialogUser user([](HWND dialog) { Press(dialog, IDOK); });
+    EXPECT_EQ(Ask().cancelled, VARIANT_FALSE) << "another thread's question";
 }
 } // namespace

@@ -1,0 +1,46 @@
+// The texts of an exchange record: what is hidden, and how header blocks are read.
+#include <VoExchangeText.h>
+
+#include <gtest/gtest.h>
+
+namespace
+{
+TEST(ExchangeText, AddressesLoseUserAndQuery)
+{
+    const std::pair<const wchar_t*, const wchar_t*> cases[] = {
+        { L"http://h/p", L"http://h/p" },
+        { L"http://h/p?k=v#f", L"http://h/p?<3 characters>" },
+        { L"http://u:p@h:81/p?", L"http://h:81/p?<0 characters>" },
+        { L"http://u:p@x@h", L"http://h" },
+        { L"http://h/a@b", L"http://h/a@b" },
+        { L"http://h?u@x", L"http://h?<3 characters>" },
+        { L"/p?token=1", L"/p?<7 characters>" },
+        { L"", L"" },
+    };
+    for (const auto& [url, expected] : cases)
+        EXPECT_EQ(VoHideQuery(url), expected) << testing::PrintToString(std::wstring(url));
+}
+
+TEST(ExchangeText, HeadersKeepTheirOrderAndLoseTheirSecrets)
+{
+    std::wstring statusLine;
+    std::vector<CVoHTTPHeader> headers;
+    VoSplitHeader(L"HTTP/1.1 407 Who?\r\nX-A: 1\r\n \t2\r\nno colon\r\nSet-Cookie: id=s3cr3t; Path=/\r\nset-cookie: s3cr3t\r\n"
+                  L"Location: http://u:s3cr3t@h/p?s3cr3t\r\nProxy-Authenticate: NTLM s3cr3t==\r\n"
+                  L"Proxy-Authenticate: Digest realm=\"s3cr3t, Basic x\", nonce=s3cr3t, Basic realm=\"a\\\"b\"\r\n"
+                  L"Authentication-Info: s3cr3t\nX-a:  \r\n\r\n",
+                  statusLine, headers);
+    EXPECT_EQ(statusLine, L"HTTP/1.1 407 Who?");
+    EXPECT_EQ(VoStatusCode(statusLine), 407U);
+    EXPECT_EQ(VoChallengeSchemes(headers), (std::vector<std::wstring>{ L"NTLM", L"Digest", L"Basic" }));
+    VoHideSecrets(headers);
+    std::wstring text;
+    for (const CVoHTTPHeader& header : headers)
+        text += header.name + L"=" + header.value + L"\n";
+    EXPECT_EQ(text, L"X-A=1 2\nSet-Cookie=id=<hidden>; Path=/\nset-cookie=<hidden>\nLocation=http://h/p?<6 characters>\n"
+                    L"Proxy-Authenticate=NTLM <hidden>\nProxy-Authenticate=Digest, Basic <hidden>\n"
+                    L"Authentication-Info=<hidden>\nX-a=\n");
+    for (const wchar_t* const line : { L"", L"HTTP/1.1", L"HTTP/1.1 x", L"HTTP/1.1 99999999999" })
+        EXPECT_EQ(VoStatusCode(line), 0U);
+}
+} // namespace
