@@ -152,6 +152,53 @@ TEST_F(AuthCallback, TheDialogIsReadyForTheKeyboard)
     EXPECT_EQ(Ask().cancelled, VARIANT_TRUE);
 }
 
+TEST_F(AuthCallback, TheDialogSaysWhoAsks)
+{
+    const std::wstring longUrl = L"http://server.example/" + std::wstring(500, L'x');
+    const struct
+    {
+        bool proxy;
+        const wchar_t *title, *address, *detail, *caption, *question;
+    } cases[] = {
+        { true, L"", kAddress, L"proxy.example:3128", L"Sign in",
+          L"The proxy proxy.example:3128 asks for a user name and password." },
+        { false, kTitle, L"server.example", longUrl.c_str(), kTitle,
+          L"The server server.example asks for a user name and password." },
+        { true, L"", kAddress, L"", L"Sign in", L"The proxy asks for a user name and password." },
+    };
+    for (const auto& item : cases)
+    {
+        EXPECT_EQ(m_callback->SetParentWindow(m_parent), S_OK);
+        const CDialogUser user([&](HWND dialog)
+        {
+            const auto textOf = [&](int id)
+            {
+                wchar_t text[1000]{};
+                ::GetWindowTextW(id == 0 ? dialog : ::GetDlgItem(dialog, id), text, 1000);
+                return std::wstring(text);
+            };
+            EXPECT_EQ(textOf(0), item.caption);
+            EXPECT_EQ(textOf(CAuthDlg::kQuestion), item.question);
+            EXPECT_EQ(textOf(CAuthDlg::kServerAddress), item.address);
+            EXPECT_EQ(textOf(CAuthDlg::kDetail), item.detail);
+            EXPECT_EQ(::SendDlgItemMessageW(dialog, CAuthDlg::kPassword, EM_GETLIMITTEXT, 0, 0), 256);
+            RECT owner{}, own{};
+            ::GetWindowRect(m_parent, &owner);
+            ::GetWindowRect(dialog, &own);
+            EXPECT_LE(std::abs((owner.top + owner.bottom) - (own.top + own.bottom)), 2) << "in the middle of its owner";
+            Press(dialog, IDCANCEL);
+        });
+        BSTR name = nullptr, password = nullptr;
+        VARIANT_BOOL cancelled = VARIANT_FALSE;
+        const auto ask =
+            item.proxy ? &IVoAuthenticationCallback::OnProxyAuthNeeded : &IVoAuthenticationCallback::OnServerAuthNeeded;
+        EXPECT_EQ((m_callback.Get()->*ask)(CVoBstr(item.title).Get(), CVoBstr(item.address).Get(), CVoBstr(item.detail).Get(),
+                                           &name, &password, &cancelled),
+                  S_OK);
+        EXPECT_EQ(user.Shown(), 1);
+    }
+}
+
 TEST_F(AuthCallback, QuittingTheLoopOrClosingTheOwnerCancels)
 {
     EXPECT_EQ(m_callback->SetParentWindow(m_parent), S_OK);

@@ -13,7 +13,8 @@ class CAuthDlg;
 // Asks the user for a name and a password in a small modal dialog on the calling thread. Calls on other threads have dialogs of
 // their own. It keeps no credentials: the proxy store keeps those that a proxy accepted.
 //
-// The title becomes the dialog's caption. The server address stands above the fields. The reserved text is ignored.
+// The title becomes the dialog's caption; an empty one becomes "Sign in". A sentence says who asks: the proxy that the reserved
+// text names, or the server. The server address and the reserved text stand below it.
 //
 // After OK, `cancelled` is VARIANT_FALSE, and the entered texts, which may be empty, replace the texts in `user` and
 // `password`; the old texts are freed. When the user cancels, the result is S_OK, `cancelled` is VARIANT_TRUE, and `user` and
@@ -50,7 +51,8 @@ private:
 
     ~CVoAuthCallbackImpl() override = default;
 
-    [[nodiscard]] HRESULT AskUser(BSTR title, BSTR serverAddress, BSTR* user, BSTR* password, VARIANT_BOOL* cancelled) noexcept;
+    [[nodiscard]] HRESULT AskUser(bool proxy, BSTR title, BSTR serverAddress, BSTR detail, BSTR* user, BSTR* password,
+                                  VARIANT_BOOL* cancelled) noexcept;
 
     std::atomic<HWND> m_parent{ nullptr };
     CVoLock m_lock;                 // guards the following

@@ -83,14 +83,15 @@ private:
     CAuthDlg& m_dialog;
 };
 
-HRESULT CVoAuthCallbackImpl::AskUser(BSTR title, BSTR serverAddress, BSTR* user, BSTR* password,
+HRESULT CVoAuthCallbackImpl::AskUser(bool proxy, BSTR title, BSTR serverAddress, BSTR detail, BSTR* user, BSTR* password,
                                      VARIANT_BOOL* cancelled) noexcept
 {
     if (!user || !password || !cancelled)
         return E_POINTER;
     try
     {
-        CAuthDlg dialog(CVoBstr::ViewOf(title), CVoBstr::ViewOf(serverAddress));
+        CAuthDlg dialog(CVoBstr::ViewOf(title), CVoBstr::ViewOf(serverAddress),
+                        proxy ? CAuthDlg::EAsker::Proxy : CAuthDlg::EAsker::Server, CVoBstr::ViewOf(detail));
         const COpenDialog open(*this, dialog);
         if (!dialog.DoModal(m_parent.load()))
         {
@@ -110,20 +111,20 @@ HRESULT CVoAuthCallbackImpl::AskUser(BSTR title, BSTR serverAddress, BSTR* user,
     }
 }
 
-HRESULT CVoAuthCallbackImpl::OnProxyAuthNeeded(BSTR title, BSTR serverAddress, BSTR /*reserved*/, BSTR* user, BSTR* password,
+HRESULT CVoAuthCallbackImpl::OnProxyAuthNeeded(BSTR title, BSTR serverAddress, BSTR reserved, BSTR* user, BSTR* password,
                                                VARIANT_BOOL* cancelled) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoAuthCallbackImpl::OnProxyAuthNeeded" };
-    if (const HRESULT hr = AskUser(title, serverAddress, user, password, cancelled); FAILED(hr))
+    if (const HRESULT hr = AskUser(true, title, serverAddress, reserved, user, password, cancelled); FAILED(hr))
         return report(66, hr);
     return S_OK;
 }
 
-HRESULT CVoAuthCallbackImpl::OnServerAuthNeeded(BSTR title, BSTR serverAddress, BSTR /*reserved*/, BSTR* user, BSTR* password,
+HRESULT CVoAuthCallbackImpl::OnServerAuthNeeded(BSTR title, BSTR serverAddress, BSTR reserved, BSTR* user, BSTR* password,
                                                 VARIANT_BOOL* cancelled) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoAuthCallbackImpl::OnServerAuthNeeded" };
-    if (const HRESULT hr = AskUser(title, serverAddress, user, password, cancelled); FAILED(hr))
+    if (const HRESULT hr = AskUser(false, title, serverAddress, reserved, user, password, cancelled); FAILED(hr))
         return report(75, hr);
     return S_OK;
 }

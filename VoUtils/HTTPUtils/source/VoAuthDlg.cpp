@@ -4,6 +4,11 @@
 
 #include <base/VoErrorHandler.h>
 
+#include <base/VoText.h>
+
+#include <commctrl.h>
+
+#include <algorithm>
 #include <utility>
 
 namespace
@@ -11,6 +16,26 @@ namespace
 constexpr const wchar_t* kSource = L"..\\source\\VoAuthDlg";
 
 constexpr CDialogRect kDialogRect{ 0, 0, 308, 125 };
+
+// What the user reads: another language is another table. "%1" is who asks.
+struct CTexts
+{
+    const wchar_t* caption = L"Sign in";
+    const wchar_t* serverAsks = L"The server %1 asks for a user name and password.";
+    const wchar_t* proxyAsks = L"The proxy %1 asks for a user name and password.";
+    const wchar_t* anyProxyAsks = L"The proxy asks for a user name and password.";
+    const wchar_t* anyServerAsks = L"The server asks for a user name and password.";
+    const wchar_t* userName = L"Username:";
+    const wchar_t* password = L"Password:";
+    const wchar_t* ok = L"OK";
+    const wchar_t* cancel = L"Cancel";
+};
+constexpr CTexts kTexts;
+
+// The most characters that the platform's own credentials functions take (documentation of CREDUI_MAX_USERNAME_LENGTH and
+// CREDUI_MAX_PASSWORD_LENGTH).
+constexpr WPARAM kMaximumUserName = 513;
+constexpr WPARAM kMaximumPassword = 256;
 
 // How a control follows a change of the dialog's size.
 enum EAnchor : unsigned
@@ -32,18 +57,15 @@ struct CControl
     const wchar_t* text;
 };
 
-// In keyboard order, each label before its field: screen readers use that order. The address may contain ampersands, and it
-// wraps anywhere because it has no blanks. The size grip comes last and clips its siblings, so it lies under the button near
-// it.
+constexpr DWORD kLine = SS_LEFT | SS_NOPREFIX | SS_ENDELLIPSIS | SS_NOTIFY; // shortened; notifies, so that it has a tooltip
+
+// In keyboard order, each label before its field: screen readers use that order. Addresses may contain ampersands. The size
+// grip comes last and clips its siblings, so it lies under the button near it.
 constexpr CControl kControls[] = {
-    { EDialogControl::Static,
-      CAuthDlg::kServerAddress,
-      SS_LEFT | SS_NOPREFIX | SS_EDITCONTROL,
-      0,
-      { 7, 7, 294, 36 },
-      kGrowX | kGrowY,
-      L"<SERVERADDRESS>" },
-    { EDialogControl::Static, CAuthDlg::kUserNameLabel, SS_LEFT, 0, { 7, 54, 52, 10 }, kMoveY, L"Username:" },
+    { EDialogControl::Static, CAuthDlg::kQuestion, SS_LEFT | SS_NOPREFIX, 0, { 7, 5, 294, 18 }, kGrowX, L"" },
+    { EDialogControl::Static, CAuthDlg::kServerAddress, kLine, 0, { 7, 26, 294, 10 }, kGrowX, L"<SERVERADDRESS>" },
+    { EDialogControl::Static, CAuthDlg::kDetail, kLine, 0, { 7, 38, 294, 10 }, kGrowX, L"" },
+    { EDialogControl::Static, CAuthDlg::kUserNameLabel, SS_LEFT, 0, { 7, 54, 52, 10 }, kMoveY, kTexts.userName },
     { EDialogControl::Edit,
       CAuthDlg::kUserName,
       WS_TABSTOP | ES_AUTOHSCROLL,
@@ -51,7 +73,7 @@ constexpr CControl kControls[] = {
       { 62, 52, 239, 14 },
       kMoveY | kGrowX,
       L"" },
-    { EDialogControl::Static, CAuthDlg::kPasswordLabel, SS_LEFT, 0, { 7, 76, 52, 10 }, kMoveY, L"Password:" },
+    { EDialogControl::Static, CAuthDlg::kPasswordLabel, SS_LEFT, 0, { 7, 76, 52, 10 }, kMoveY, kTexts.password },
     { EDialogControl::Edit,
       CAuthDlg::kPassword,
       WS_TABSTOP | ES_AUTOHSCROLL | ES_PASSWORD,
@@ -59,8 +81,8 @@ constexpr CControl kControls[] = {
       { 62, 74, 239, 14 },
       kMoveY | kGrowX,
       L"" },
-    { EDialogControl::Button, IDOK, WS_TABSTOP | BS_DEFPUSHBUTTON, 0, { 198, 104, 50, 14 }, kMoveX | kMoveY, L"OK" },
-    { EDialogControl::Button, IDCANCEL, WS_TABSTOP | BS_PUSHBUTTON, 0, { 251, 104, 50, 14 }, kMoveX | kMoveY, L"Cancel" },
+    { EDialogControl::Button, IDOK, WS_TABSTOP | BS_DEFPUSHBUTTON, 0, { 198, 104, 50, 14 }, kMoveX | kMoveY, kTexts.ok },
+    { EDialogControl::Button, IDCANCEL, WS_TABSTOP | BS_PUSHBUTTON, 0, { 251, 104, 50, 14 }, kMoveX | kMoveY, kTexts.cancel },
     { EDialogControl::ScrollBar,
       CAuthDlg::kSizeGrip,
       WS_CLIPSIBLINGS | SBS_SIZEGRIP | SBS_SIZEBOXBOTTOMRIGHTALIGN,
@@ -128,6 +150,46 @@ void LimitSize(HWND dialog, MINMAXINFO& limits) noexcept
         limits.ptMinTrackSize = { rect.right - rect.left, rect.bottom - rect.top };
 }
 
+// Shows the whole text of a shortened line while the pointer is over it. Without a tooltip the dialog serves all the same.
+void AddTooltip(HWND dialog, WORD id, std::wstring& text) noexcept
+{
+    INITCOMMONCONTROLSEX classes{ sizeof classes, ICC_BAR_CLASSES };
+    if (!::InitCommonControlsEx(&classes))
+        return;
+    const HWND tooltip = ::CreateWindowExW(WS_EX_TOPMOST, TOOLTIPS_CLASSW, nullptr, WS_POPUP | TTS_ALWAYSTIP | TTS_NOPREFIX, 0,
+                                           0, 0, 0, dialog, nullptr, nullptr, nullptr); // the dialog destroys it
+    if (!tooltip)
+        return;
+    TTTOOLINFOW tool{};
+    tool.cbSize = TTTOOLINFOW_V1_SIZE; // the size that all versions of the common controls know
+    tool.uFlags = TTF_IDISHWND | TTF_SUBCLASS;
+    tool.hwnd = dialog;
+    tool.uId = reinterpret_cast<UINT_PTR>(::GetDlgItem(dialog, id));
+    tool.lpszText = text.data();
+    ::SendMessageW(tooltip, TTM_ADDTOOLW, 0, reinterpret_cast<LPARAM>(&tool));
+}
+
+// Places the dialog in the middle of its owner, whole on the owner's monitor. Without an owner the platform has placed it.
+void CenterOnOwner(HWND dialog) noexcept
+{
+    const HWND owner = ::GetWindow(dialog, GW_OWNER);
+    RECT around{};
+    RECT own{};
+    MONITORINFO monitor{};
+    monitor.cbSize = sizeof monitor;
+    if (!owner || !::IsWindowVisible(owner) || ::IsIconic(owner) || !::GetWindowRect(owner, &around) ||
+        !::GetWindowRect(dialog, &own) || !::GetMonitorInfoW(::MonitorFromWindow(owner, MONITOR_DEFAULTTONEAREST), &monitor))
+        return;
+    const RECT& area = monitor.rcWork;
+    const LONG width = own.right - own.left;
+    const LONG height = own.bottom - own.top;
+    const LONG x = (around.left + around.right - width) / 2;
+    const LONG y = (around.top + around.bottom - height) / 2;
+    // A dialog that is larger than the monitor begins at its upper left corner.
+    ::SetWindowPos(dialog, nullptr, std::max(area.left, std::min(x, area.right - width)),
+                   std::max(area.top, std::min(y, area.bottom - height)), 0, 0, SWP_NOSIZE | SWP_NOZORDER | SWP_NOACTIVATE);
+}
+
 void ReadField(HWND dialog, WORD id, std::wstring& text)
 {
     const HWND field = ::GetDlgItem(dialog, id);
@@ -153,6 +215,18 @@ void WipeField(HWND dialog, WORD id) noexcept
     ::SendMessageW(field, EM_EMPTYUNDOBUFFER, 0, 0);
 }
 } // namespace
+
+CAuthDlg::CAuthDlg(std::wstring_view title, std::wstring_view serverAddress, EAsker asker, std::wstring_view detail)
+    : m_title(title.empty() ? std::wstring_view(kTexts.caption) : title), m_serverAddress(serverAddress), m_detail(detail)
+{
+    const bool isProxy = asker == EAsker::Proxy;
+    const std::wstring_view name = isProxy ? detail : serverAddress;
+    m_question = isProxy ? (name.empty() ? kTexts.anyProxyAsks : kTexts.proxyAsks)
+                         : (name.empty() ? kTexts.anyServerAsks : kTexts.serverAsks);
+    constexpr std::wstring_view kMark = L"%1";
+    if (const size_t mark = m_question.find(kMark); mark != std::wstring::npos)
+        m_question.replace(mark, kMark.size(), name);
+}
 
 bool CAuthDlg::DoModal(HWND parent)
 {
@@ -222,8 +296,15 @@ void CAuthDlg::OnInitDialog(HWND dialog) noexcept
             ::PostMessageW(dialog, WM_COMMAND, IDCANCEL, 0);
     }
     ::SetWindowTextW(dialog, m_title.c_str());
+    ::SetDlgItemTextW(dialog, kQuestion, m_question.c_str());
     ::SetDlgItemTextW(dialog, kServerAddress, m_serverAddress.c_str());
+    ::SetDlgItemTextW(dialog, kDetail, m_detail.c_str());
+    AddTooltip(dialog, kServerAddress, m_serverAddress);
+    AddTooltip(dialog, kDetail, m_detail);
+    ::SendDlgItemMessageW(dialog, kUserName, EM_SETLIMITTEXT, kMaximumUserName, 0);
+    ::SendDlgItemMessageW(dialog, kPassword, EM_SETLIMITTEXT, kMaximumPassword, 0);
     LayOut(dialog);
+    CenterOnOwner(dialog);
 }
 
 void CAuthDlg::OnDestroy() noexcept

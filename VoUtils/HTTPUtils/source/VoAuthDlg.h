@@ -8,9 +8,10 @@
 #include <exception>
 #include <string>
 
-// A modal dialog for one question. The user may resize it: the fields and the address grow in width, the address also in
-// height, and the buttons stay in the lower right corner. One thread creates, shows and reads it; the thread needs no message
-// queue before.
+// A modal dialog for one question: a sentence that says who asks for what, the server's address, a detail, and two fields.
+// Texts that are too long end with "...", and a tooltip shows them whole. The user may resize it: the texts and the fields grow
+// in width, and the buttons stay in the lower right corner. It appears in the middle of its owner. One thread creates, shows
+// and reads it; the thread needs no message queue before.
 class CAuthDlg
 {
 public:
@@ -22,10 +23,20 @@ public:
         kPasswordLabel = 1002,
         kPassword = 1003,
         kServerAddress = 1004,
-        kSizeGrip = 1005
+        kSizeGrip = 1005,
+        kQuestion = 1006,
+        kDetail = 1007
     };
 
-    CAuthDlg(std::wstring_view title, std::wstring_view serverAddress) : m_title(title), m_serverAddress(serverAddress) {}
+    // Who asks.
+    enum class EAsker
+    {
+        Server, // `detail` is its address, which may be longer than the line
+        Proxy   // `detail` is the proxy, and `serverAddress` what is behind it
+    };
+
+    // An empty title becomes the dialog's own caption. Throws std::bad_alloc.
+    CAuthDlg(std::wstring_view title, std::wstring_view serverAddress, EAsker asker, std::wstring_view detail);
     CAuthDlg(const CAuthDlg&) = delete;
     CAuthDlg& operator=(const CAuthDlg&) = delete;
     ~CAuthDlg() = default;
@@ -52,6 +63,8 @@ private:
 
     std::wstring m_title;
     std::wstring m_serverAddress;
+    std::wstring m_question;
+    std::wstring m_detail;
     std::wstring m_userName;
     CVoSecret<wchar_t> m_password;
     // How the user ended the dialog: IDOK, IDCANCEL, or 0 when the user did not end it. The platform's result is not reliable:
