@@ -19,8 +19,7 @@ struct CSource
 size_t Read(char* buffer, size_t size, size_t count, void* context)
 {
     auto& source = *static_cast<CSource*>(context);
-    const size_t copied = std::min(size * count, source.body->size() - source.position);
-    std::memcpy(buffer, source.body->data() + source.position, copied);
+    const size_t copied = source.body->copy(buffer, size * count, source.position);
     source.position += copied;
     return copied;
 }

@@ -72,13 +72,6 @@ std::string Describe(size_t parameters, size_t payload)
 class CDemo
 {
 public:
-    CDemo()
-    {
-        std::wstring publicKey;
-        Check(OrvDigSign::COrvRSAKey::Generate(kKeyBits, m_privateKey.Get(), publicKey));
-        m_server.emplace(std::move(publicKey));
-    }
-
     CRow Run(const CKind& kind, const CVoHTTPTransportRow& transport, CRunningRequest& running)
     {
         CRow row{ kind.name, transport.name, {}, {} };
@@ -116,7 +109,7 @@ private:
                      CVoBinaryDataParser& response, CRunningRequest& running)
     {
         CServerAddressData address;
-        Check(address.SetAddress(m_server->URL(kind.content ? L"/demo" : Query(request)), false, true, true));
+        Check(address.SetAddress(m_server.URL(kind.content ? L"/demo" : Query(request)), false, true, true));
         std::shared_ptr<CVoHTTPMessage> message;
         if (const HRESULT hr = CVoHTTPMessage::Connect(transport.kind, address, nullptr, nullptr, nullptr, kConnectTimeout,
                                                        kRequestTimeout, true, false, message);
@@ -159,8 +152,16 @@ private:
         return std::ranges::equal(request.Payload(), response.Payload());
     }
 
+    // Makes a pair of keys and returns the public one.
+    static std::wstring Generate(std::wstring& privateKey)
+    {
+        std::wstring publicKey;
+        Check(OrvDigSign::COrvRSAKey::Generate(kKeyBits, privateKey, publicKey));
+        return publicKey;
+    }
+
     CVoSecret<wchar_t> m_privateKey;
-    std::optional<CDemoServer> m_server;
+    CDemoServer m_server{ Generate(m_privateKey.Get()) };
 };
 
 class CDemoCommand : public ICommand

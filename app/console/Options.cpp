@@ -81,7 +81,7 @@ COption COptions::AddFlag(const std::string& name, bool& target, const std::stri
     return COption(m_app->add_flag(name, target, description));
 }
 
-COption COptions::AddFunction(const std::string& name, std::function<void(const std::string&)> take,
+COption COptions::AddFunction(const std::string& name, const std::function<void(const std::string&)>& take,
                               const std::string& description)
 {
     return COption(m_app->add_option_function<std::string>(name, take, description));

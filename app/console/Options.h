@@ -70,7 +70,8 @@ public:
 
 private:
     // `take` gets the text of the value.
-    COption AddFunction(const std::string& name, std::function<void(const std::string&)> take, const std::string& description);
+    COption AddFunction(const std::string& name, const std::function<void(const std::string&)>& take,
+                        const std::string& description);
 
     CLI::App* m_app = nullptr;
 };

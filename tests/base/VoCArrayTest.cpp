@@ -31,6 +31,8 @@ TEST(CArray, InsertsAndRemovesAnywhere)
     EXPECT_THAT(array, ElementsAre(L"a", L"", L""));
 }
 
+namespace
+{
 template <class Type>
 void ExpectRefusal(const wchar_t* name)
 {
@@ -42,6 +44,7 @@ void ExpectRefusal(const wchar_t* name)
     EXPECT_THAT(log.Lines(), ElementsAre(IsReportBy(name, kResultNotEnoughMemory), IsReportBy(name, kResultNotEnoughMemory)));
     EXPECT_EQ(array.GetSize(), 2U);
 }
+} // namespace
 
 TEST(CArray, KeepsItsItemsAndReportsItsNameWhenMemoryIsExhausted)
 {

@@ -177,8 +177,7 @@ TEST(DataParser, ATwoDimensionalArrayIsFlattenedAndReadBack)
                               L"&N_empty_1_1=False&N_ID_1_1=null&N_type_1_1=1&N_val_1_1=&N_empty_1_2=True");
 
     // Keys are found without regard to case and in any order; what is no cell of this array does not disturb.
-    CVoDataParser received =
-        Read<CVoDataParser>(L"n_VAL_0_0=text&N_ID_00_0=x&N_empty_0_3=False&N__0_0=x&0_0=x&N_ID_0_4294967296=x");
+    auto received = Read<CVoDataParser>(L"n_VAL_0_0=text&N_ID_00_0=x&N_empty_0_3=False&N__0_0=x&0_0=x&N_ID_0_4294967296=x");
     ASSERT_EQ(received.ReadParamsFromString(TextOf(parser)), S_OK);
     CVo2DIDArray read;
     ASSERT_EQ(received.GetParam(L"n", read), S_OK);

@@ -21,7 +21,7 @@ using testing::SizeIs;
 namespace
 {
 constexpr const wchar_t* kSource = L"..\\source\\Example";
-constexpr size_t kMiB = 1024 * 1024;
+constexpr size_t kMiB = 0x100000;
 
 HRESULT Inner() noexcept
 {
@@ -57,7 +57,7 @@ size_t CountHeaders(const std::string& bytes)
 TEST(ErrorLog, EachCallerOfAFailureLeavesItsLineAndTheCodeComesThrough)
 {
     const CLogCapture log;
-    constexpr HRESULT kNotFound = static_cast<HRESULT>(0x80070002);
+    constexpr auto kNotFound = static_cast<HRESULT>(0x80070002);
     EXPECT_EQ(Outer(), kNotFound);
     VoReportMessage(kSource, 5, L"%ls and %hs: %d", L"\u20AC", "narrow", 7);
     VoReportMessage("narrow.h", 6, L"%ls", std::wstring(5000, L'x').c_str());

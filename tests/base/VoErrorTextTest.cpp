@@ -15,7 +15,10 @@ using namespace TestSupport;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-static std::wstring g_shown;
+namespace
+{
+std::wstring g_shown;
+} // namespace
 
 // The test program is a translator module too: it exports what one must.
 extern "C"
@@ -63,7 +66,7 @@ TEST(ErrorText, TheFacilityDecidesWhereTheTextComesFrom)
         id = askedId;
         // As the platform does: from the local heap.
         auto* text = static_cast<wchar_t*>(::LocalAlloc(LMEM_FIXED, 100));
-        std::memcpy(buffer, &text, sizeof text);
+        std::memcpy(buffer, static_cast<const void*>(&text), sizeof text);
         return static_cast<DWORD>(std::wstring_view(L"The text.\r\n").copy(text, 50));
     });
     const CAcquireBalance memory =
@@ -114,7 +117,7 @@ TEST(ErrorText, IsShownInABoxWithTheCaptionError)
         ::SetLastError(ERROR_INVALID_WINDOW_HANDLE);
         return result;
     });
-    constexpr HRESULT kWithoutText = static_cast<HRESULT>(0x81030000);
+    constexpr auto kWithoutText = static_cast<HRESULT>(0x81030000);
     EXPECT_EQ(VoShowError(kErrorSignature, false), S_OK);
     EXPECT_EQ(VoShowError(kWithoutText, true), S_OK);
     const CLogCapture log;

@@ -55,6 +55,7 @@ private:
         value = m_number;
         return S_OK;
     }
+    // NOLINTNEXTLINE(readability-convert-member-functions-to-static): the table of properties holds member functions.
     HRESULT GetBroken(VARIANT&) noexcept { return E_ABORT; }
     HRESULT PutNumber(const VARIANT& value) noexcept
     {

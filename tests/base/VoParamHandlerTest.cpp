@@ -83,9 +83,9 @@ TEST_F(ParamHandler, ReadsValuesWrittenByHandAndKeepsTheDefaultForOthers)
     EXPECT_EQ(m_params.Set(L"S", L"real", 1000.0), S_OK);
     EXPECT_EQ(m_params.Set(L"S", L"date", SYSTEMTIME{ 2024, 1, 0, 2, 1, 4, 5, 0 }), S_OK);
     EXPECT_FALSE(m_params.IsChanged());
-    const auto gives = [&](const wchar_t* name, auto expected)
+    const auto gives = [&](const wchar_t* name, const auto& expected)
     {
-        decltype(expected) value{};
+        std::remove_cvref_t<decltype(expected)> value{};
         bool isPresent = false;
         EXPECT_EQ(m_params.Get(L"S", name, value, &isPresent), S_OK) << name;
         EXPECT_TRUE(isPresent);

@@ -56,6 +56,7 @@ TEST(Promise, GivesItsExceptionAndTellsMisuse)
     CVoFuture<CValue> source = CVoPromise<CValue>().Future();
     const CVoFuture<CValue> target = std::move(source);
     EXPECT_TRUE(target.IsValid());
+    // NOLINTNEXTLINE(bugprone-use-after-move): the use is a misuse that has a code.
     EXPECT_EQ(MisuseOf([&] { source.Get(); }), std::future_errc::future_already_retrieved) << "moved from";
 }
 } // namespace

@@ -111,7 +111,7 @@ TEST(SystemCheck, VendorNeedsAllThreeRegisters)
     const auto vendor = [](const std::string& text)
     {
         CCpuidRegisters registers;
-        std::memcpy(&registers.ebx, &text[0], 4);
+        std::memcpy(&registers.ebx, text.data(), 4);
         std::memcpy(&registers.edx, &text[4], 4);
         std::memcpy(&registers.ecx, &text[8], 4);
         return VendorOf(registers);

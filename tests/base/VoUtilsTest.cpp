@@ -142,7 +142,7 @@ TEST(ISO8601, RefusesEverythingElse)
     std::vector<std::wstring> texts{ L"\u0662\u0660\u0662\u0664-01-02" };
     for (const wchar_t* date : { L"", L"2024", L"2024-1-2", L" 2024-01-02", L"2024-01-02Z", L"2024/01/02", L"+024-01-02",
                                  L"2023-02-29", L"1900-02-29", L"2024-00-01", L"2024-13-01", L"2024-01-00", L"1600-01-01" })
-        texts.push_back(date);
+        texts.emplace_back(date);
     for (const wchar_t* time : { L"", L"03:04", L"3:04:05", L"24:00:00", L"00:60:00", L"00:00:60" })
         texts.push_back(std::wstring(L"2024-01-02T") + time);
     for (const wchar_t* rest : { L".", L".1234567890", L"z", L"+0100", L"+24:00", L"+01:60", L"Z " })

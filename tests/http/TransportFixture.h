@@ -92,12 +92,13 @@ inline constexpr CTransport kTransports[] = {
 }
 
 // What servers do: the same response to all, bytes as they are and the end of the connection, or the request's own body.
-[[nodiscard]] inline Loopback::CHandler Responds(int status, Loopback::CHeaders headers = {}, std::string body = {})
+[[nodiscard]] inline Loopback::CHandler Responds(int status, const Loopback::CHeaders& headers = {},
+                                                 const std::string& body = {})
 {
     return [=](const Loopback::CRequest& /*request*/, Loopback::CConnection& connection)
     { connection.SendResponse(status, headers, body); };
 }
-[[nodiscard]] inline Loopback::CHandler SendsAndCloses(std::string bytes)
+[[nodiscard]] inline Loopback::CHandler SendsAndCloses(const std::string& bytes)
 {
     return [=](const Loopback::CRequest& /*request*/, Loopback::CConnection& connection)
     {

@@ -91,7 +91,7 @@ TEST(HTTPMessage, TheUserAgentNamesTheProcessorArchitecture)
     const CVoModuleInformation& module = CVoModuleInformation::Get();
     std::wstring version = module.Version();
     std::replace(version.begin(), version.end(), L',', L'.');
-    EXPECT_NE(version.find(L"."), std::wstring::npos) << "the version resource is missing";
+    EXPECT_NE(version.find(L'.'), std::wstring::npos) << "the version resource is missing";
 
     WORD architecture = 0;
     const CCallHook<decltype(&::GetSystemInfo)> hook("kernel32.dll", "GetSystemInfo", [&](auto, SYSTEM_INFO* info)

@@ -29,7 +29,7 @@ SOCKADDR_STORAGE SocketAddress(const std::wstring& text, USHORT port = 0)
     const bool isIPv6 = text.find(L':') != std::wstring::npos;
     v4.sin_port = ::htons(port); // both families have the port at this place
     v6.sin6_flowinfo = isIPv6 ? 0x44332211 : 0;
-    storage.ss_family = text.empty() ? AF_UNSPEC : isIPv6 ? AF_INET6 : AF_INET;
+    storage.ss_family = static_cast<decltype(storage.ss_family)>(text.empty() ? AF_UNSPEC : isIPv6 ? AF_INET6 : AF_INET);
     void* const bytes = isIPv6 ? static_cast<void*>(&v6.sin6_addr) : &v4.sin_addr;
     EXPECT_EQ(text.empty() ? 1 : ::InetPtonW(storage.ss_family, text.c_str(), bytes), 1);
     return storage;

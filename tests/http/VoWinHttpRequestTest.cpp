@@ -246,7 +246,9 @@ TEST(WinHttpRequest, AFunctionMayClearOrDestroyItsExchange)
             CGate done;
             const auto end = [&, token = std::make_shared<int>(0)]() -> HRESULT
             {
-                const std::shared_ptr<int> used = token; // the function must survive the exchange
+                // The function must survive the exchange.
+                // NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
+                const std::shared_ptr<int> used = token;
                 if (isCleared)
                 {
                     EXPECT_EQ(owner->exchange.Clear(), S_OK);

@@ -85,7 +85,7 @@ protected:
     }
     static BOOL GiveText(const std::wstring& text, void* buffer, DWORD* bytes)
     {
-        const DWORD needed = static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t));
+        const auto needed = static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t));
         const bool fits = buffer && *bytes >= needed;
         if (fits)
             std::copy_n(text.c_str(), text.size() + 1, static_cast<wchar_t*>(buffer));

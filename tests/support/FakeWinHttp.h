@@ -13,6 +13,7 @@ namespace TestSupport
 struct CWinHttpResponse
 {
     DWORD status = 200;
+    // NOLINTNEXTLINE(readability-redundant-member-init): without it g++ warns about designated initializers.
     CFakeService::Headers headers = {};
     std::string body = "a=1";
     DWORD error = 0; // instead of a response, when it is not 0
@@ -69,7 +70,7 @@ private:
         const auto complete = [this, handle, notify]
         {
             const std::scoped_lock serving(m_lock);
-            if (m_requests.count(reinterpret_cast<UINT_PTR>(handle)) != 0)
+            if (m_requests.contains(reinterpret_cast<UINT_PTR>(handle)))
                 notify(RequestOf(handle), [&](DWORD status, auto& information, DWORD length)
                 {
                     const CRequest& request = RequestOf(handle);
@@ -184,7 +185,7 @@ private:
     {
         return Complete("Available", handle, [](CRequest& request, auto notify)
         {
-            DWORD count = static_cast<DWORD>(request.response.body.size());
+            auto count = static_cast<DWORD>(request.response.body.size());
             notify(WINHTTP_CALLBACK_STATUS_DATA_AVAILABLE, count, DWORD{ sizeof count });
         });
     }
@@ -205,8 +206,8 @@ private:
         if (!Close(handle))
             return FALSE;
         if (request && request.mapped().callback)
-            request.mapped().callback(handle, request.mapped().context, WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING, &handle,
-                                      sizeof handle);
+            request.mapped().callback(handle, request.mapped().context, WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING,
+                                      static_cast<void*>(&handle), sizeof handle);
         return TRUE;
     }
 

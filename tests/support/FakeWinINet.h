@@ -38,7 +38,7 @@ private:
     {
         Note("Connect", Name(session), Text(host), ' ', port, Text(user), Text(password), ' ', service, ' ', flags, ' ',
              context);
-        return Opened(open.count(2) == 0 ? 2 : ++m_lastRequest);
+        return Opened(open.contains(2) ? ++m_lastRequest : 2);
     }
     BOOL SetOption(HINTERNET handle, DWORD option, void* value, DWORD length)
     {

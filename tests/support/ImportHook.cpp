@@ -109,7 +109,7 @@ void CImportHook::Write(FARPROC expected, FARPROC value) noexcept
     for (FARPROC* const entry : m_entries)
     {
         DWORD protection = 0;
-        if (!Platform().virtualProtect(entry, sizeof(*entry), PAGE_READWRITE, &protection))
+        if (!Platform().virtualProtect(static_cast<void*>(entry), sizeof(*entry), PAGE_READWRITE, &protection))
         {
             ADD_FAILURE() << "The import of " << m_name << " cannot be written";
             continue;
@@ -117,7 +117,7 @@ void CImportHook::Write(FARPROC expected, FARPROC value) noexcept
         const FARPROC found = std::atomic_ref(*entry).exchange(value);
         EXPECT_EQ(reinterpret_cast<void*>(found), reinterpret_cast<void*>(expected))
             << "Hooks of " << m_name << " must end in the reverse order of their beginning";
-        Platform().virtualProtect(entry, sizeof(*entry), protection, &protection);
+        Platform().virtualProtect(static_cast<void*>(entry), sizeof(*entry), protection, &protection);
     }
     Platform().setLastError(lastError);
 }
@@ -149,7 +149,7 @@ DWORD CountProcessHandles()
     };
     using Query = LONG(WINAPI*)(int, void*, ULONG, ULONG*);
     static const auto query = Resolve<Query>(::GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation");
-    std::vector<ULONG_PTR> buffer(64 * 1024);
+    std::vector<ULONG_PTR> buffer(0x10000);
     while (query(kSystemExtendedHandleInformation, buffer.data(), static_cast<ULONG>(buffer.size() * sizeof(buffer[0])),
                  nullptr) < 0)
         buffer.resize(buffer.size() * 2);

@@ -154,13 +154,13 @@ class CFailingCall
 {
 public:
     virtual ~CFailingCall() = default;
+    CFailingCall(const CFailingCall&) = delete;
+    CFailingCall& operator=(const CFailingCall&) = delete;
     // Calls so far, the failed one included.
     [[nodiscard]] int Calls() const noexcept { return m_calls->load(); }
 
 protected:
     CFailingCall() : m_calls(std::make_shared<std::atomic<int>>(0)) {}
-    CFailingCall(const CFailingCall&) = delete;
-    CFailingCall& operator=(const CFailingCall&) = delete;
 
     std::shared_ptr<std::atomic<int>> m_calls;
 };

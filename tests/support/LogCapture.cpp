@@ -72,7 +72,7 @@ std::vector<CLogLine> ParseLog(std::string_view bytes)
 CLogCapture::CLogCapture() : m_wasOn(VoErrorLog().IsApplicationLogOn())
 {
     // A small file cannot be cut within the scope, which would move what the capture points at.
-    constexpr size_t kSmall = 4 * 1024 * 1024;
+    constexpr size_t kSmall = 0x400000;
     if (ReadTestFile(VoErrorLog().LogFilePath()).size() > kSmall)
         ::DeleteFileW(VoErrorLog().LogFilePath().c_str());
     VoErrorLog().SetApplicationLog(true);
@@ -95,21 +95,19 @@ void CLogCapture::Clear()
     m_start = ReadTestFile(VoErrorLog().LogFilePath()).size();
 }
 
-Matcher<const CLogLine&> IsReport(std::wstring source, int line, std::wstring function, HRESULT code)
+Matcher<const CLogLine&> IsReport(const std::wstring& source, int line, const std::wstring& function, HRESULT code)
 {
-    return AllOf(Field("source", &CLogLine::source, std::move(source)), Field("line", &CLogLine::line, line),
-                 IsReportBy(std::move(function), code));
+    return AllOf(Field("source", &CLogLine::source, source), Field("line", &CLogLine::line, line), IsReportBy(function, code));
 }
 
-Matcher<const CLogLine&> IsReportBy(std::wstring function, HRESULT code)
+Matcher<const CLogLine&> IsReportBy(const std::wstring& function, HRESULT code)
 {
-    return AllOf(Field("function", &CLogLine::function, std::move(function)), Field("code", &CLogLine::code, Optional(code)));
+    return AllOf(Field("function", &CLogLine::function, function), Field("code", &CLogLine::code, Optional(code)));
 }
 
-Matcher<const CLogLine&> IsMessage(std::wstring source, int line, Matcher<const std::wstring&> message)
+Matcher<const CLogLine&> IsMessage(const std::wstring& source, int line, const Matcher<const std::wstring&>& message)
 {
-    return AllOf(Field("source", &CLogLine::source, std::move(source)), Field("line", &CLogLine::line, line),
-                 Field("function", &CLogLine::function, std::wstring()),
-                 Field("message", &CLogLine::message, std::move(message)));
+    return AllOf(Field("source", &CLogLine::source, source), Field("line", &CLogLine::line, line),
+                 Field("function", &CLogLine::function, std::wstring()), Field("message", &CLogLine::message, message));
 }
 } // namespace TestSupport

@@ -53,10 +53,11 @@ private:
 };
 
 // A line that reports a code at a trace point.
-[[nodiscard]] testing::Matcher<const CLogLine&> IsReport(std::wstring source, int line, std::wstring function, HRESULT code);
+[[nodiscard]] testing::Matcher<const CLogLine&> IsReport(const std::wstring& source, int line, const std::wstring& function,
+                                                         HRESULT code);
 // The same wherever in the function it was made.
-[[nodiscard]] testing::Matcher<const CLogLine&> IsReportBy(std::wstring function, HRESULT code);
+[[nodiscard]] testing::Matcher<const CLogLine&> IsReportBy(const std::wstring& function, HRESULT code);
 // A line that reports a message at a trace point.
-[[nodiscard]] testing::Matcher<const CLogLine&> IsMessage(std::wstring source, int line,
-                                                          testing::Matcher<const std::wstring&> message);
+[[nodiscard]] testing::Matcher<const CLogLine&> IsMessage(const std::wstring& source, int line,
+                                                          const testing::Matcher<const std::wstring&>& message);
 } // namespace TestSupport

@@ -77,7 +77,7 @@ void WriteStack(CONTEXT context) noexcept
         // A caller's frame holds the address behind its call; the call itself names the right line.
         WriteFrame(i == 0 ? context.Rip : context.Rip - 1);
         DWORD64 base = 0;
-        if (const auto function = ::RtlLookupFunctionEntry(context.Rip, &base, nullptr))
+        if (auto* const function = ::RtlLookupFunctionEntry(context.Rip, &base, nullptr))
         {
             void* data = nullptr;
             DWORD64 frame = 0;
@@ -242,6 +242,7 @@ void WriteTestFile(const std::filesystem::path& path, std::string_view bytes)
 }
 } // namespace TestSupport
 
+// NOLINTNEXTLINE(bugprone-exception-escape): an exception ends the program, and the handlers report it.
 int main(int argc, char** argv)
 {
     using namespace TestSupport;
