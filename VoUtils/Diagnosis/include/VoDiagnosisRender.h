@@ -1,0 +1,44 @@
+// Shows a report as text, as JSON and as a page. Pure functions: they read the report and nothing else.
+//
+// Every text that goes out is bounded and escaped: control characters and the marks that change the direction of text (U+202A
+// to U+202E, U+2066 to U+2069, U+200E, U+200F, U+061C) become visible as "\u001B".
+#pragma once
+
+#include <VoDiagnosisReport.h>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+// How a piece of a line looks on a terminal.
+enum class EVoTextStyle
+{
+    Plain,
+    Good,
+    Warning,
+    Bad,
+    Faint,
+    Strong
+};
+struct CVoTextPiece
+{
+    EVoTextStyle style = EVoTextStyle::Plain;
+    std::wstring text;
+};
+using CVoTextLine = std::vector<CVoTextPiece>; // without a line end
+
+// A text with its invisible characters made visible, cut to `limit` characters ("..." behind the cut). Throws std::bad_alloc.
+[[nodiscard]] std::wstring VoVisibleText(std::wstring_view text, size_t limit = 1000);
+
+// One check: its mark, its name, the evidence, and for a fault what to do on a second line. `unicode`: the marks of the page
+// (a tick, a cross); otherwise plain characters: + ! x o -. Throws std::bad_alloc.
+[[nodiscard]] std::vector<CVoTextLine> VoRenderCheck(const CVoCheck& check, bool unicode);
+// What stands behind the checks: the phases of each transport as bars on one scale, the summary, the advice. Throws
+// std::bad_alloc.
+[[nodiscard]] std::vector<CVoTextLine> VoRenderConclusion(const CVoDiagnosisReport& report, bool unicode);
+
+// One JSON object on one line (UTF-8, no line end). Throws std::bad_alloc.
+[[nodiscard]] std::string VoRenderJson(const CVoDiagnosisReport& report);
+
+// One self-contained HTML page (UTF-8): no script, no outside reference. Throws std::bad_alloc.
+[[nodiscard]] std::string VoRenderHtml(const CVoDiagnosisReport& report);

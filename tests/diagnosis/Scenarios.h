@@ -1,0 +1,32 @@
+// Scripted networks: facts as the probes would find them, and what must come out.
+#pragma once
+
+#include "VoDiagnosisFinding.h"
+#include "VoDiagnosisJudge.h"
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace Scenarios
+{
+struct CScenario
+{
+    const char* name;
+    std::function<void(VoDiagnosis::CFacts&)> change; // of a healthy network
+    const char* verdict;
+    const char* failed;      // "check cause", or "" for none
+    const char* recommended; // a transport, or ""
+    const char* others;      // the other findings, "check cause" joined with ", "; a trailing "!" marks a failure
+};
+
+// Stands in every place of the facts that may hold a secret, and must come out nowhere.
+inline constexpr const wchar_t* kSecret = L"planted-secret";
+// What a hostile server sends: a terminal's escape, HTML, a mark that turns the direction of text, a line end.
+inline constexpr const wchar_t* kHostile = L"\x1b[31m<script>alert('x')</script>\u202Egnp.exe\r\nX: \"&";
+
+[[nodiscard]] const std::vector<CScenario>& All();
+[[nodiscard]] VoDiagnosis::CFacts FactsOf(const CScenario& scenario);
+// The report of facts that are complete, as the runner makes it.
+[[nodiscard]] CVoDiagnosisReport ReportOf(const VoDiagnosis::CFacts& facts);
+} // namespace Scenarios

@@ -1,0 +1,214 @@
+// The judgement of facts, over the table of scripted networks, and the outputs of each.
+#include "Scenarios.h"
+
+#include <VoDiagnosisCauses.h>
+#include <VoDiagnosisRender.h>
+
+#include <base/VoTextConversion.h>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <random>
+#include <set>
+
+namespace
+{
+using namespace VoDiagnosis;
+using namespace Scenarios;
+
+std::string Narrow(std::wstring_view text)
+{
+    std::string bytes;
+    EXPECT_EQ(VoStringToUTF8(text, bytes), S_OK);
+    return bytes;
+}
+
+// The findings beside the first failure, as CScenario::others writes them.
+std::string OthersOf(const CVoDiagnosisReport& report)
+{
+    std::string others;
+    for (const CVoCheck& check : report.checks)
+        if (!check.cause.empty() && check.id != report.failedCheck)
+            others +=
+                (others.empty() ? "" : ", ") + check.id + ' ' + check.cause + (check.status == EVoCheckStatus::Fail ? "!" : "");
+    return others;
+}
+
+// The three forms of a report, one after the other.
+std::string OutputsOf(const CVoDiagnosisReport& report)
+{
+    std::wstring text;
+    const auto add = [&](const std::vector<CVoTextLine>& lines)
+    {
+        for (const CVoTextLine& line : lines)
+        {
+            for (const CVoTextPiece& piece : line)
+                text += piece.text;
+            text += L'\n';
+        }
+    };
+    for (const CVoCheck& check : report.checks)
+        add(VoRenderCheck(check, true));
+    add(VoRenderConclusion(report, true));
+    return Narrow(text) + VoRenderJson(report) + '\n' + VoRenderHtml(report);
+}
+
+TEST(DiagnosisJudge, FindsTheFaultOfEachScriptedNetwork)
+{
+    std::set<std::string> found;
+    for (const CScenario& scenario : All())
+    {
+        SCOPED_TRACE(scenario.name);
+        const CFacts facts = FactsOf(scenario);
+        ASSERT_TRUE(AreAllOver(facts));
+        const CVoDiagnosisReport report = ReportOf(facts);
+        EXPECT_STREQ(VoVerdictName(report.verdict), scenario.verdict);
+        EXPECT_EQ(report.failedCheck + (report.cause.empty() ? "" : ' ' + report.cause), scenario.failed);
+        EXPECT_EQ(report.recommendedEngine, scenario.recommended);
+        EXPECT_EQ(OthersOf(report), scenario.others);
+        EXPECT_FALSE(report.summary.empty());
+        EXPECT_FALSE(report.isCancelled) << "a check has no final state";
+        EXPECT_EQ(report.advice.empty(), report.verdict == EVoVerdict::Ok);
+        EXPECT_TRUE(AnyWorks(facts) || !report.failedCheck.empty()) << "nothing works, and nobody says why";
+        for (const CVoCheck& check : report.checks)
+        {
+            EXPECT_FALSE(check.detail.empty()) << check.id;
+            EXPECT_EQ(check.cause.empty(), check.status != EVoCheckStatus::Warn && check.status != EVoCheckStatus::Fail)
+                << check.id;
+            const CVoDiagnosisCause* const cause = VoFindDiagnosisCause(check.cause);
+            EXPECT_TRUE(check.cause.empty() ||
+                        (cause && std::string_view(check.id).starts_with(std::string_view(cause->check).substr(0, 5))))
+                << check.cause;
+            if (!check.cause.empty())
+                found.insert(check.cause);
+        }
+    }
+    for (const CVoDiagnosisCause& cause : VoDiagnosisCauses())
+        EXPECT_TRUE(found.contains(cause.id)) << "no network shows " << cause.id;
+}
+
+// A final state is told once. While other probes run, a check may only get the state that it has at the end.
+TEST(DiagnosisJudge, FactsThatComeLaterChangeNoFinalState)
+{
+    std::mt19937 random(7);
+    for (const CScenario& scenario : All())
+    {
+        SCOPED_TRACE(scenario.name);
+        const CFacts whole = FactsOf(scenario);
+        for (int round = 0; round < 20; ++round)
+        {
+            CFacts part = whole;
+            for (size_t i = 0; i < kProbeCount; ++i)
+                if (random() % 2 == 0 && i != static_cast<size_t>(EProbe::Address))
+                    part.states[i].state = EState::Running;
+            for (CHttpProbe& probe : part.http)
+                if (random() % 2 == 0)
+                    probe.state.state = EState::Running;
+            for (const CVoCheck& check : MakeChecks(whole))
+                if (const std::optional<CVoCheck> early = Judge(part, check.id); early && check.id != "clock")
+                {
+                    const std::optional<CVoCheck> late = Judge(whole, check.id);
+                    ASSERT_TRUE(late);
+                    EXPECT_EQ(early->status, late->status)
+                        << check.id << ' ' << Narrow(early->detail) << " | " << Narrow(late->detail);
+                    EXPECT_EQ(early->cause, late->cause) << check.id;
+                }
+        }
+    }
+}
+
+TEST(DiagnosisJudge, CancelledChecksAreSkippedAndTold)
+{
+    CFacts facts = FactsOf(All().front());
+    facts.http[1].state.state = EState::Running;
+    const CVoDiagnosisReport report = ReportOf(facts);
+    EXPECT_TRUE(report.isCancelled);
+    EXPECT_EQ(report.failedCheck, "");
+    EXPECT_EQ(nlohmann::json::parse(VoRenderJson(report))["result"], "0x800704C7");
+}
+
+TEST(DiagnosisRender, HoldsNoSecretAndNothingUnescaped)
+{
+    for (const CScenario& scenario : All())
+    {
+        SCOPED_TRACE(scenario.name);
+        const std::string outputs = OutputsOf(ReportOf(FactsOf(scenario)));
+        EXPECT_EQ(outputs.find(Narrow(kSecret)), std::string::npos);
+        EXPECT_EQ(outputs.find("<script"), std::string::npos);
+        EXPECT_EQ(outputs.find("\xE2\x80\xAE"), std::string::npos);
+        EXPECT_TRUE(std::none_of(outputs.begin(), outputs.end(),
+                                 [](char c) { return static_cast<unsigned char>(c) < 0x20 && c != '\n'; }));
+        for (const char* const outside : { "http-equiv=\"refresh", "src=", "href=", "url(" })
+            EXPECT_EQ(outputs.find(outside), std::string::npos) << outside;
+    }
+}
+
+TEST(DiagnosisRender, JsonHoldsTheContract)
+{
+    for (const CScenario& scenario : All())
+    {
+        SCOPED_TRACE(scenario.name);
+        const CVoDiagnosisReport report = ReportOf(FactsOf(scenario));
+        const std::string text = VoRenderJson(report);
+        EXPECT_EQ(text.find('\n'), std::string::npos);
+        const nlohmann::json json = nlohmann::json::parse(text);
+        for (const char* const key : { "result", "url", "verdict", "failedCheck", "cause", "summary", "advice",
+                                       "recommendedEngine", "checks", "timelines" })
+            EXPECT_TRUE(json.contains(key)) << key;
+        EXPECT_EQ(json["verdict"], scenario.verdict);
+        EXPECT_EQ(json["checks"].size(), report.checks.size());
+        for (const nlohmann::json& check : json["checks"])
+        {
+            EXPECT_TRUE(check.contains("id") && check.contains("name") && check.contains("detail") && check["ms"].is_number());
+            EXPECT_EQ(check.contains("cause"), check["status"] == "warn" || check["status"] == "fail");
+        }
+        for (const nlohmann::json& line : json["timelines"])
+            for (const char* const key :
+                 { "engine", "result", "statusCode", "remoteAddress", "name", "connect", "tls", "sent", "firstByte", "total" })
+                EXPECT_TRUE(line.contains(key)) << key;
+    }
+}
+
+TEST(DiagnosisRender, MakesInvisibleCharactersVisibleAndCutsLongTexts)
+{
+    EXPECT_EQ(VoVisibleText(L"a\x1b\u202E\u2066\x7F\x85z"), L"a\\u001B\\u202E\\u2066\\u007F\\u0085z");
+    EXPECT_EQ(VoVisibleText(std::wstring(50, L'x'), 3), L"xxx...");
+    EXPECT_EQ(VoVisibleText(L"\xD83D\xDE00", 1), L"\xFFFD...");
+}
+
+TEST(DiagnosisRender, BarsHaveOneScaleAndShowEachPhase)
+{
+    CFacts facts = FactsOf(All().front());
+    facts.http[2].facts.record.attempts.back().times.total = 32'000;
+    std::vector<std::wstring> bars;
+    for (const CVoTextLine& line : VoRenderConclusion(ReportOf(facts), false))
+        if (line.size() == 3)
+            bars.push_back(line[1].text);
+    EXPECT_EQ(bars, (std::vector<std::wstring>{ std::wstring(L"nctttttttttttttswwwwwwwwr") + L"",
+                                                std::wstring(L"nctttttttttttttswwwwwwwwr"),
+                                                L"ncttttttttttttswwwwwwwww" + std::wstring(27, L'r') }));
+}
+
+TEST(DiagnosisJudge, ShowsUrlsWithoutTheirSecrets)
+{
+    const std::pair<const wchar_t*, const wchar_t*> table[] = {
+        { L" https://h/p?abc#f ", L"https://h/p?<3 characters>" },
+        { L"https://user:pass@h/p", L"https://<hidden>@h/p" },
+        { L"user:pass@h", L"<hidden>@h" },
+        { L"h?user:pass@h", L"h?<11 characters>" },
+        { L"", L"" },
+    };
+    for (const auto& [url, shown] : table)
+        EXPECT_EQ(ReportedUrl(url), shown);
+}
+
+TEST(DiagnosisJudge, ReadsDatesOfHttp)
+{
+    EXPECT_EQ(ParseHttpDate(L"Sun, 06 Nov 1994 08:49:37 GMT"), 784111777);
+    for (const wchar_t* const text : { L"", L"Sun, 06 Nov 1994", L"Sun, 66 Nov 1994 08:49:37 GMT",
+                                       L"Sun, 06 Abc 1994 08:49:37 GMT", L"Sunday, 06-Nov-94 08:49:37 GMT" })
+        EXPECT_FALSE(ParseHttpDate(text)) << Narrow(text);
+}
+} // namespace
