@@ -90,6 +90,7 @@ void Fail(CHttpProbe& probe, EVoFailure failure, const wchar_t* reason, UINT32 s
     CVoExchangeRecord::CAttempt& attempt = probe.facts.record.attempts.back();
     attempt.failure = failure;
     attempt.reason = reason;
+    attempt.responses.resize(1);
     attempt.responses.back().statusCode = status;
     attempt.responses.back().schemes = std::move(schemes);
     if (status == 0)

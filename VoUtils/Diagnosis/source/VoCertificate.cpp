@@ -43,10 +43,11 @@ CNames AlternativeNames(const CERT_CONTEXT& certificate)
         return names;
     CERT_ALT_NAME_INFO* decoded = nullptr;
     DWORD size = 0;
-    if (!::CryptDecodeObjectEx(certificate.dwCertEncodingType, X509_ALTERNATE_NAME, extension->Value.pbData, extension->Value.cbData,
-                               CRYPT_DECODE_ALLOC_FLAG, nullptr, static_cast<void*>(&decoded), &size))
+    if (!::CryptDecodeObjectEx(certificate.dwCertEncodingType, X509_ALTERNATE_NAME, extension->Value.pbData,
+                               extension->Value.cbData, CRYPT_DECODE_ALLOC_FLAG, nullptr, static_cast<void*>(&decoded), &size))
         return names;
-    const std::unique_ptr<CERT_ALT_NAME_INFO, void (*)(CERT_ALT_NAME_INFO*)> owner(decoded, [](CERT_ALT_NAME_INFO* p) { ::LocalFree(p); });
+    const std::unique_ptr<CERT_ALT_NAME_INFO, void (*)(CERT_ALT_NAME_INFO*)> owner(decoded, [](CERT_ALT_NAME_INFO* p)
+    { ::LocalFree(p); });
     for (DWORD i = 0; i < decoded->cAltEntry; ++i)
     {
         const CERT_ALT_NAME_ENTRY& entry = decoded->rgAltEntry[i];
@@ -94,7 +95,8 @@ std::wstring AddressText(const std::vector<BYTE>& bytes)
 std::wstring KeyOf(const CERT_CONTEXT& certificate)
 {
     CERT_PUBLIC_KEY_INFO& key = certificate.pCertInfo->SubjectPublicKeyInfo;
-    const CRYPT_OID_INFO* const info = ::CryptFindOIDInfo(CRYPT_OID_INFO_OID_KEY, key.Algorithm.pszObjId, CRYPT_PUBKEY_ALG_OID_GROUP_ID);
+    const CRYPT_OID_INFO* const info =
+        ::CryptFindOIDInfo(CRYPT_OID_INFO_OID_KEY, key.Algorithm.pszObjId, CRYPT_PUBKEY_ALG_OID_GROUP_ID);
     std::wstring text = info && info->pwszName ? info->pwszName : L"key";
     // The length of a key on an elliptic curve is 0 on some systems.
     if (const DWORD bits = ::CertGetPublicKeyLength(certificate.dwCertEncodingType, &key); bits != 0)
@@ -143,7 +145,8 @@ CCertificateFacts FactsOf(const CERT_CONTEXT& certificate)
     facts.notBefore = info.NotBefore;
     facts.notAfter = info.NotAfter;
     facts.key = KeyOf(certificate);
-    const CRYPT_OID_INFO* const signature = ::CryptFindOIDInfo(CRYPT_OID_INFO_OID_KEY, info.SignatureAlgorithm.pszObjId, CRYPT_SIGN_ALG_OID_GROUP_ID);
+    const CRYPT_OID_INFO* const signature =
+        ::CryptFindOIDInfo(CRYPT_OID_INFO_OID_KEY, info.SignatureAlgorithm.pszObjId, CRYPT_SIGN_ALG_OID_GROUP_ID);
     facts.signature = signature && signature->pwszName ? signature->pwszName : L"";
     facts.thumbprint = ThumbprintOf(certificate);
     return facts;
@@ -155,7 +158,7 @@ bool IsNameRight(const CERT_CONTEXT& certificate, const std::wstring& host)
     std::array<BYTE, 16> bytes{};
     const size_t length = ::InetPtonW(AF_INET, host.c_str(), bytes.data()) == 1    ? 4
                           : ::InetPtonW(AF_INET6, host.c_str(), bytes.data()) == 1 ? 16
-                                                                                    : 0;
+                                                                                   : 0;
     if (length != 0)
     {
         for (const std::vector<BYTE>& address : names.addresses)
@@ -211,7 +214,8 @@ CRevocation CheckRevocation(const CERT_CONTEXT& certificate, DWORD timeout)
         return { ERevocation::Revoked, L"the issuer's list names it" };
     if ((status & CERT_TRUST_REVOCATION_STATUS_UNKNOWN) == 0)
         return { ERevocation::Good, {} };
-    return { ERevocation::Unknown, (status & CERT_TRUST_IS_OFFLINE_REVOCATION) != 0 ? L"the issuer's servers cannot be reached"
-                                                                                    : L"the certificate names no server that tells" };
+    return { ERevocation::Unknown, (status & CERT_TRUST_IS_OFFLINE_REVOCATION) != 0
+                                       ? L"the issuer's servers cannot be reached"
+                                       : L"the certificate names no server that tells" };
 }
 } // namespace VoDiagnosis

@@ -168,7 +168,8 @@ void CRunner::StartReady()
         CProbeState& state = StateOf(task);
         if (state.state != EState::Waiting)
             continue;
-        if (task.row && !std::all_of(task.row->needs.begin(), task.row->needs.end(), [&](EProbe need) { return m_facts.State(need).IsOver(); }))
+        if (task.row && !std::all_of(task.row->needs.begin(), task.row->needs.end(),
+                                     [&](EProbe need) { return m_facts.State(need).IsOver(); }))
             continue;
         const bool applies = task.row ? task.row->applies(m_facts) : m_facts.address.isValid;
         if (applies)
@@ -186,7 +187,8 @@ void CRunner::Start(CTask& task)
     const size_t index = static_cast<size_t>(&task - m_tasks.data());
     const CProbeContext context{ task.stop, task.deadline, m_options, m_proxyStore, m_facts };
     // Detached: what a service of the platform holds is left behind. The thread owns all that it uses.
-    std::thread([context, index, mailbox = m_mailbox, collect = task.row ? task.row->collect : nullptr, transport = task.transport]() noexcept
+    std::thread([context, index, mailbox = m_mailbox, collect = task.row ? task.row->collect : nullptr,
+                 transport = task.transport]() noexcept
     {
         try
         {
@@ -331,7 +333,8 @@ HRESULT CVoDiagnosis::Run(IVoDiagnosisObserver* observer, CVoDiagnosisReport& re
         if (m_state->isUsed.exchange(true))
             return reporter(10, E_UNEXPECTED);
         const CVoDiagnosisOptions& options = *m_state->options;
-        const bool isKnown = std::all_of(options.engines.begin(), options.engines.end(), [](UINT32 kind) { return VoFindHTTPTransport(kind); });
+        const bool isKnown =
+            std::all_of(options.engines.begin(), options.engines.end(), [](UINT32 kind) { return VoFindHTTPTransport(kind); });
         if (!isKnown || options.probeTimeout == 0)
             return reporter(20, E_INVALIDARG);
         CVoDiagnosisReport made = CRunner(m_state->options, m_state->cancel.Handle(), observer).Run();

@@ -1,5 +1,5 @@
-// What the probes of a diagnosis found out. The judges (VoDiagnosisJudge.h) read it; the probes fill it. Values only: no handle,
-// no service.
+// What the probes of a diagnosis found out. The judges (VoDiagnosisJudge.h) read it; the probes fill it. Values only: no
+// handle, no service.
 #pragma once
 
 #include <VoExchangeRecord.h>
@@ -96,7 +96,7 @@ enum class EOutcome
 struct CNameFacts
 {
     std::vector<std::wstring> addresses;
-    DWORD error = 0; // of the resolver
+    DWORD error = 0;        // of the resolver
     bool hasNetwork = true; // an adapter other than the loopback one is up
 };
 
@@ -136,8 +136,8 @@ struct CCertificateFacts
     std::vector<std::wstring> names;
     FILETIME notBefore{};
     FILETIME notAfter{};
-    std::wstring key;       // "RSA 2048"
-    std::wstring signature; // "sha256RSA"
+    std::wstring key;        // "RSA 2048"
+    std::wstring signature;  // "sha256RSA"
     std::wstring thumbprint; // SHA-256
 };
 enum class ERevocation

@@ -26,9 +26,15 @@ struct CCheckName
     const wchar_t* name;
 };
 constexpr CCheckName kNames[] = {
-    { "settings", L"Settings" },       { "address", L"Address" },         { "clock", L"Clock" },
-    { "name", L"Name" },               { "connect", L"Connection" },      { "proxy", L"Proxy" },
-    { "proxy-connect", L"Through the proxy" }, { "tls", L"TLS and certificate" }, { "portal", L"Sign-in page" },
+    { "settings", L"Settings" },
+    { "address", L"Address" },
+    { "clock", L"Clock" },
+    { "name", L"Name" },
+    { "connect", L"Connection" },
+    { "proxy", L"Proxy" },
+    { "proxy-connect", L"Through the proxy" },
+    { "tls", L"TLS and certificate" },
+    { "portal", L"Sign-in page" },
 };
 constexpr CCheckName kLastName{ "agreement", L"Agreement" };
 } // namespace
@@ -332,7 +338,9 @@ std::wstring HeaderOf(const CVoExchangeRecord::CResponse& response, std::wstring
 std::wstring HostOf(std::wstring_view url)
 {
     CServerAddressData address;
-    return url.find(L"://") != std::wstring_view::npos && SUCCEEDED(address.SetAddress(url, false, false, false)) ? address.Host() : std::wstring();
+    return url.find(L"://") != std::wstring_view::npos && SUCCEEDED(address.SetAddress(url, false, false, false))
+               ? address.Host()
+               : std::wstring();
 }
 
 bool IsSameSite(std::wstring_view a, std::wstring_view b) noexcept

@@ -78,7 +78,7 @@ private:
 [[nodiscard]] INT64 SecondsOf(const FILETIME& time) noexcept;
 // The same of a date of HTTP (RFC 9110, section 5.6.7, its first form). Nothing for any other text.
 [[nodiscard]] std::optional<INT64> ParseHttpDate(const std::wstring& text);
-[[nodiscard]] std::wstring DateText(const FILETIME& time); // "2026-11-22", UTC
+[[nodiscard]] std::wstring DateText(const FILETIME& time);   // "2026-11-22", UTC
 [[nodiscard]] std::wstring Milliseconds(INT64 microseconds); // "0.3 ms"
 [[nodiscard]] std::wstring HResultText(HRESULT result);      // "0x80070057"
 // The system's text for a code, in one line and without a full stop; the code itself where there is none.

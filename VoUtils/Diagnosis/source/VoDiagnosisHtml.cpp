@@ -140,12 +140,13 @@ void AppendFacts(std::string& page, const std::vector<CVoDiagnosisFact>& facts)
 void AppendCheck(std::string& page, const CVoCheck& check)
 {
     const CLook look = LookOf(check.status);
-    page += std::string("<details") + (check.cause.empty() ? "" : " open") + "><summary><span class=\"mark " + look.style + "\">" +
-            look.mark + "</span><b>" + Escaped(check.name) + "</b><span class=\"detail\">" + Escaped(check.detail) + "</span></summary>\n";
+    page += std::string("<details") + (check.cause.empty() ? "" : " open") + "><summary><span class=\"mark " + look.style +
+            "\">" + look.mark + "</span><b>" + Escaped(check.name) + "</b><span class=\"detail\">" + Escaped(check.detail) +
+            "</span></summary>\n";
     if (!check.fix.empty())
         page += "<p>" + Escaped(check.fix) + "</p>\n";
-    page += "<p class=\"soft\">" + std::string(VoCheckStatusName(check.status)) + (check.cause.empty() ? "" : ", cause " + check.cause) +
-            ", " + Milliseconds(check.microseconds) + "</p>\n";
+    page += "<p class=\"soft\">" + std::string(VoCheckStatusName(check.status)) +
+            (check.cause.empty() ? "" : ", cause " + check.cause) + ", " + Milliseconds(check.microseconds) + "</p>\n";
     if (!check.facts.empty())
         AppendFacts(page, check.facts);
     page += "</details>\n";
@@ -155,8 +156,9 @@ void AppendTimelines(std::string& page, const CVoDiagnosisReport& report)
 {
     const INT64 longest = VoDiagnosisText::LongestOf(report);
     page += "<section><h2>Phases of the requests</h2>\n<p class=\"soft\">";
-    constexpr std::pair<const char*, const char*> kPhases[] = { { "name", "name" }, { "connect", "connect" }, { "tls", "TLS" },
-                                                                { "sent", "send" }, { "firstByte", "wait" },  { "total", "receive" } };
+    constexpr std::pair<const char*, const char*> kPhases[] = { { "name", "name" },      { "connect", "connect" },
+                                                                { "tls", "TLS" },        { "sent", "send" },
+                                                                { "firstByte", "wait" }, { "total", "receive" } };
     for (const auto& [key, name] : kPhases)
         page += "<span class=\"key " + std::string(key) + "\"></span>" + name;
     page += "</p>\n";
@@ -165,11 +167,13 @@ void AppendTimelines(std::string& page, const CVoDiagnosisReport& report)
         const std::vector<VoDiagnosisText::CPhase> phases = VoDiagnosisText::PhasesOf(line);
         page += "<div class=\"line\"><span>" + line.engine + "</span><span class=\"bar\">";
         for (const VoDiagnosisText::CPhase& phase : phases)
-            page += "<span class=\"" + std::string(phase.key) + "\" title=\"" + Escaped(phase.name) + ' ' + Milliseconds(phase.end - phase.begin) +
-                    "\" style=\"width:" +
-                    VoDiagnosisText::Utf8(VoFormat(L"%.2f", 100.0 * static_cast<double>(phase.end - phase.begin) / static_cast<double>(longest))) +
+            page += "<span class=\"" + std::string(phase.key) + "\" title=\"" + Escaped(phase.name) + ' ' +
+                    Milliseconds(phase.end - phase.begin) + "\" style=\"width:" +
+                    VoDiagnosisText::Utf8(VoFormat(L"%.2f", 100.0 * static_cast<double>(phase.end - phase.begin) /
+                                                                static_cast<double>(longest))) +
                     "%\"></span>";
-        page += "</span><span>" + (phases.empty() ? std::string("&#8211;") : Milliseconds(phases.back().end)) + "</span></div>\n";
+        page +=
+            "</span><span>" + (phases.empty() ? std::string("&#8211;") : Milliseconds(phases.back().end)) + "</span></div>\n";
     }
     page += "</section>\n";
 }
@@ -177,15 +181,20 @@ void AppendTimelines(std::string& page, const CVoDiagnosisReport& report)
 
 std::string VoRenderHtml(const CVoDiagnosisReport& report)
 {
-    const char* const style = report.verdict == EVoVerdict::Ok ? "ok" : report.verdict == EVoVerdict::Degraded ? "degraded" : "bad";
-    std::string page = "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">\n"
-                       "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; style-src 'unsafe-inline'\">\n"
-                       "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n<title>Connection report</title>\n<style>";
+    const char* const style = report.verdict == EVoVerdict::Ok         ? "ok"
+                              : report.verdict == EVoVerdict::Degraded ? "degraded"
+                                                                       : "bad";
+    std::string page =
+        "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">\n"
+        "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; style-src 'unsafe-inline'\">\n"
+        "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n<title>Connection report</title>\n<style>";
     page += kStyle;
-    page += "</style></head><body><main>\n<section><h1>" + Escaped(report.url) + "</h1><p class=\"soft\">" + Escaped(report.time) +
-            ", checked in " + Milliseconds(report.microseconds) + (report.isCancelled ? ", cancelled" : "") + "</p></section>\n";
-    page += "<section class=\"verdict " + std::string(style) + "\"><h2>" + Escaped(report.summary) + "</h2>\n<p class=\"soft\">Verdict: " +
-            VoVerdictName(report.verdict) + (report.cause.empty() ? "" : "; cause: " + report.cause) +
+    page += "</style></head><body><main>\n<section><h1>" + Escaped(report.url) + "</h1><p class=\"soft\">" +
+            Escaped(report.time) + ", checked in " + Milliseconds(report.microseconds) +
+            (report.isCancelled ? ", cancelled" : "") + "</p></section>\n";
+    page += "<section class=\"verdict " + std::string(style) + "\"><h2>" + Escaped(report.summary) +
+            "</h2>\n<p class=\"soft\">Verdict: " + VoVerdictName(report.verdict) +
+            (report.cause.empty() ? "" : "; cause: " + report.cause) +
             (report.recommendedEngine.empty() ? "" : "; this transport works: " + report.recommendedEngine) + "</p>\n";
     if (!report.advice.empty())
     {

@@ -64,7 +64,8 @@ CFinding JudgeSettings(const CFacts& f)
         return finding.Fault("settings_value", EVoCheckStatus::Warn, s.problems.front());
     if (s.isLogOn && !s.logError.empty())
         return finding.Fault("log_not_writable", EVoCheckStatus::Warn, s.logFile + L": " + s.logError);
-    return finding.Pass(s.exists ? L"The settings come from " + s.file + L"." : L"There is no " + s.file + L"; the defaults hold.");
+    return finding.Pass(s.exists ? L"The settings come from " + s.file + L"."
+                                 : L"There is no " + s.file + L"; the defaults hold.");
 }
 
 CFinding JudgeAddress(const CFacts& f)
@@ -75,7 +76,8 @@ CFinding JudgeAddress(const CFacts& f)
         return finding.Fault("address_malformed", EVoCheckStatus::Fail, f.input.url);
     finding.Fact("host", a.host).Fact("port", INT64{ a.port }).Fact("secure", a.isSecure).Fact("path", a.path);
     finding.Fact("queryLength", static_cast<INT64>(a.queryLength));
-    return finding.Pass(std::wstring(a.isSecure ? L"https" : L"http") + L" to " + a.host + L" port " + std::to_wstring(a.port) + L".");
+    return finding.Pass(std::wstring(a.isSecure ? L"https" : L"http") + L" to " + a.host + L" port " + std::to_wstring(a.port) +
+                        L".");
 }
 
 // The server's time minus this machine's, in seconds, from the first response that carries a date.
@@ -86,7 +88,8 @@ struct CSkew
 };
 std::optional<CSkew> FindSkew(const CFacts& f)
 {
-    const auto skew = [](const std::wstring& date, const std::wstring& age, const FILETIME& now, const wchar_t* from) -> std::optional<CSkew>
+    const auto skew = [](const std::wstring& date, const std::wstring& age, const FILETIME& now,
+                         const wchar_t* from) -> std::optional<CSkew>
     {
         const std::optional<INT64> then = ParseHttpDate(date);
         if (!then)
@@ -97,14 +100,16 @@ std::optional<CSkew> FindSkew(const CFacts& f)
     };
     for (const CHttpProbe& probe : f.http)
     {
-        if (!probe.state.IsDone() || probe.facts.record.attempts.empty() || probe.facts.record.attempts.back().responses.empty())
+        if (!probe.state.IsDone() || probe.facts.record.attempts.empty() ||
+            probe.facts.record.attempts.back().responses.empty())
             continue;
         const auto& response = probe.facts.record.attempts.back().responses.back();
         if (const auto found = skew(HeaderOf(response, L"Date"), HeaderOf(response, L"Age"), probe.facts.now, L"the response"))
             return found;
     }
     if (f.State(EProbe::Tls).IsDone())
-        if (const auto found = skew(f.tls.date, {}, f.tls.now, L"the response of the server, whose certificate was not accepted"))
+        if (const auto found =
+                skew(f.tls.date, {}, f.tls.now, L"the response of the server, whose certificate was not accepted"))
             return found;
     if (f.State(EProbe::Portal).IsDone())
         if (const auto found = skew(f.portal.date, {}, f.portalTime, L"the response to plain HTTP"))
@@ -144,12 +149,14 @@ std::vector<CProblem> TlsProblems(const CFacts& f)
         else if (!isEarly && SecondsOf(certificate.notBefore) > now)
         {
             isEarly = true;
-            problems.push_back({ "certificate_not_yet_valid", certificate.subject + L" begins on " + DateText(certificate.notBefore) });
+            problems.push_back(
+                { "certificate_not_yet_valid", certificate.subject + L" begins on " + DateText(certificate.notBefore) });
         }
     }
-    constexpr DWORD kOtherFaults = CERT_TRUST_IS_UNTRUSTED_ROOT | CERT_TRUST_IS_PARTIAL_CHAIN | CERT_TRUST_IS_NOT_SIGNATURE_VALID |
-                                   CERT_TRUST_IS_NOT_VALID_FOR_USAGE | CERT_TRUST_INVALID_BASIC_CONSTRAINTS |
-                                   CERT_TRUST_IS_EXPLICIT_DISTRUST | CERT_TRUST_IS_CYCLIC;
+    constexpr DWORD kOtherFaults = CERT_TRUST_IS_UNTRUSTED_ROOT | CERT_TRUST_IS_PARTIAL_CHAIN |
+                                   CERT_TRUST_IS_NOT_SIGNATURE_VALID | CERT_TRUST_IS_NOT_VALID_FOR_USAGE |
+                                   CERT_TRUST_INVALID_BASIC_CONSTRAINTS | CERT_TRUST_IS_EXPLICIT_DISTRUST |
+                                   CERT_TRUST_IS_CYCLIC;
     if (!isExpired && !isEarly && (t.chainStatus & CERT_TRUST_IS_NOT_TIME_VALID) != 0)
         problems.push_back({ "certificate_expired", L"a certificate of the chain is outside of its dates" });
     if (!t.isNameRight)
@@ -201,7 +208,9 @@ std::optional<CFinding> JudgeClock(const CFacts& f)
     // The clock is behind when the server's is ahead.
     const std::wstring what = Duration(skew->seconds) + (skew->seconds > 0 ? L" behind" : L" ahead");
     return finding.Fault("clock_skew",
-                         DoesClockExplainCertificate(f, skew->seconds) && f.input.verify && !MainWorks(f) ? EVoCheckStatus::Fail : EVoCheckStatus::Warn,
+                         DoesClockExplainCertificate(f, skew->seconds) && f.input.verify && !MainWorks(f)
+                             ? EVoCheckStatus::Fail
+                             : EVoCheckStatus::Warn,
                          what + L", by " + skew->from);
 }
 
@@ -244,7 +253,8 @@ std::optional<CFinding> JudgeConnect(const CFacts& f)
     if (!state.IsOver() || !f.State(EProbe::Proxy).IsOver())
         return std::nullopt;
     if (state.state == EState::NotRun)
-        return NeedsProxy(f) ? finding.NotApplicable(L"The proxy connects to the server.") : finding.Skip(L"The address is not known.");
+        return NeedsProxy(f) ? finding.NotApplicable(L"The proxy connects to the server.")
+                             : finding.Skip(L"The address is not known.");
     finding.FactOf(AttemptsFact(f.connect));
     std::vector<std::wstring> good;
     std::vector<std::wstring> bad;
@@ -285,7 +295,9 @@ std::optional<CFinding> JudgeProxy(const CFacts& f)
     finding.Fact("configuration", settings).Fact("unused", f.proxy.unused).Fact("error", static_cast<INT64>(e.error));
     CVoDiagnosisFact::CRecords tried;
     for (const CVoProxyExplanation::CTried& step : e.tried)
-        tried.push_back({ { "what", step.what }, { "result", HResultText(step.result) }, { "ms", std::chrono::microseconds(step.microseconds) } });
+        tried.push_back({ { "what", step.what },
+                          { "result", HResultText(step.result) },
+                          { "ms", std::chrono::microseconds(step.microseconds) } });
     finding.FactOf({ "tried", std::move(tried) });
     const bool isUndecided = f.State(EProbe::Proxy).state != EState::Done || FAILED(f.proxy.result);
     if (!isUndecided && e.error == 0)
@@ -302,12 +314,13 @@ std::optional<CFinding> JudgeProxy(const CFacts& f)
     }
     if (!AreAllOver(f))
         return std::nullopt;
-    constexpr DWORD kBadScript = 12166;      // ERROR_WINHTTP_BAD_AUTO_PROXY_SCRIPT
+    constexpr DWORD kBadScript = 12166;       // ERROR_WINHTTP_BAD_AUTO_PROXY_SCRIPT
     constexpr DWORD kUnhandledScript = 12176; // ERROR_WINHTTP_UNHANDLED_SCRIPT_TYPE
-    constexpr DWORD kScriptError = 12177;    // ERROR_WINHTTP_SCRIPT_EXECUTION_ERROR
+    constexpr DWORD kScriptError = 12177;     // ERROR_WINHTTP_SCRIPT_EXECUTION_ERROR
     const std::wstring why = isUndecided ? L"it was not decided in time" : ErrorTextOf(HResultFromWin32(e.error));
     if (e.error == kBadScript || e.error == kUnhandledScript || e.error == kScriptError)
-        return finding.Fault("proxy_script_broken", WhenMainFails(f), e.script.empty() ? L"found in the network" : e.script, why);
+        return finding.Fault("proxy_script_broken", WhenMainFails(f), e.script.empty() ? L"found in the network" : e.script,
+                             why);
     if (e.source == ESource::Script)
         return finding.Fault("proxy_script_unreachable", WhenMainFails(f), e.script, why);
     // Most networks have no script: that alone is no fault. It counts when nothing can be reached without a proxy.
@@ -336,28 +349,36 @@ std::optional<CFinding> JudgeProxyConnect(const CFacts& f)
     const bool isFine = state.IsDone() && p.isHttp && p.outcome == EOutcome::Ok && p.statusCode != kProxyAuthentication &&
                         (p.isTunnel ? isSuccess : !p.isOwnStatus || isSuccess);
     if (isFine)
-        return finding.Pass(p.isTunnel ? L"It opens a connection to the server." : L"It answers with status " + std::to_wstring(p.statusCode) + L".");
+        return finding.Pass(p.isTunnel ? L"It opens a connection to the server."
+                                       : L"It answers with status " + std::to_wstring(p.statusCode) + L".");
     if (!AreAllOver(f))
         return std::nullopt;
     const EVoCheckStatus status = WhenMainFails(f);
-    const bool isConnected = std::any_of(p.attempts.begin(), p.attempts.end(), [](const auto& a) { return a.outcome == EOutcome::Ok; });
+    const bool isConnected =
+        std::any_of(p.attempts.begin(), p.attempts.end(), [](const auto& a) { return a.outcome == EOutcome::Ok; });
     if (!p.isNameKnown)
         return finding.Fault("proxy_name_not_found", status, L"the resolver does not know it");
     if (!isConnected && IsAny(EOutcome::Refused, p.attempts))
         return finding.Fault("proxy_refused", status, L"the connection was refused");
     if (!isConnected || !state.IsDone() || p.outcome == EOutcome::TimedOut)
-        return finding.Fault("proxy_timeout", status, isConnected ? L"it accepts the connection and sends no response" : L"no connection attempt is answered");
+        return finding.Fault("proxy_timeout", status,
+                             isConnected ? L"it accepts the connection and sends no response"
+                                         : L"no connection attempt is answered");
     if (!p.isHttp)
-        return finding.Fault("proxy_refused", status, p.outcome == EOutcome::Ok ? L"what it sends is no HTTP" : L"it ends the connection without a response");
+        return finding.Fault("proxy_refused", status,
+                             p.outcome == EOutcome::Ok ? L"what it sends is no HTTP"
+                                                       : L"it ends the connection without a response");
     if (p.statusCode == kProxyAuthentication)
     {
         const std::wstring schemes = p.schemes.empty() ? L"none" : Joined(p.schemes);
         if (AnyWorks(f))
             return finding.Pass(L"It asks for credentials (" + schemes + L") and accepts those of the request.");
-        return finding.Fault(IsAnySchemeKnown(p.schemes) ? "proxy_authentication" : "proxy_scheme_unsupported", status, schemes);
+        return finding.Fault(IsAnySchemeKnown(p.schemes) ? "proxy_authentication" : "proxy_scheme_unsupported", status,
+                             schemes);
     }
     // A proxy that cannot reach the server either does not prove that it is at fault itself.
-    const bool isDirectGood = std::any_of(f.connect.begin(), f.connect.end(), [](const auto& a) { return a.outcome == EOutcome::Ok; });
+    const bool isDirectGood =
+        std::any_of(f.connect.begin(), f.connect.end(), [](const auto& a) { return a.outcome == EOutcome::Ok; });
     if ((p.statusCode == 502 || p.statusCode == 503 || p.statusCode == 504) && !isDirectGood)
         finding.Area(EVoVerdict::Server);
     return finding.Fault("proxy_denied", status, L"status " + std::to_wstring(p.statusCode));
@@ -374,10 +395,14 @@ std::optional<CFinding> JudgeTls(const CFacts& f)
     if (!state.IsOver())
         return std::nullopt;
     if (state.state == EState::NotRun)
-        return finding.Skip(NeedsProxy(f) ? L"The proxy opens no connection to the server." : L"There is no connection to the server.");
+        return finding.Skip(NeedsProxy(f) ? L"The proxy opens no connection to the server."
+                                          : L"There is no connection to the server.");
     const CTlsFacts& t = f.tls;
-    finding.Fact("protocol", t.protocol).Fact("cipher", t.cipher).FactOf({ "handshakeMs", std::chrono::microseconds(t.handshakeMicroseconds) });
-    finding.Fact("chainStatus", static_cast<INT64>(t.chainStatus)).Fact("policyError", HResultText(static_cast<HRESULT>(t.policyError)));
+    finding.Fact("protocol", t.protocol)
+        .Fact("cipher", t.cipher)
+        .FactOf({ "handshakeMs", std::chrono::microseconds(t.handshakeMicroseconds) });
+    finding.Fact("chainStatus", static_cast<INT64>(t.chainStatus))
+        .Fact("policyError", HResultText(static_cast<HRESULT>(t.policyError)));
     finding.Fact("revocation", std::wstring(RevocationName(t.revocation)));
     CVoDiagnosisFact::CRecords chain;
     for (const CCertificateFacts& c : t.chain)
@@ -398,7 +423,8 @@ std::optional<CFinding> JudgeTls(const CFacts& f)
         names.emplace_back(problem.cause, problem.cause + std::char_traits<char>::length(problem.cause));
     finding.Fact("problems", std::move(names));
     if (problems.empty())
-        return finding.Pass(t.protocol + L", " + t.cipher + L"; issued by " + (t.chain.empty() ? L"nobody" : t.chain.front().issuer) +
+        return finding.Pass(t.protocol + L", " + t.cipher + L"; issued by " +
+                            (t.chain.empty() ? L"nobody" : t.chain.front().issuer) +
                             (t.chain.empty() ? L"" : L", valid until " + DateText(t.chain.front().notAfter)) + L".");
     if (!AreAllOver(f))
         return std::nullopt;
@@ -426,7 +452,8 @@ std::optional<CFinding> JudgePortalCheck(const CFacts& f)
     if (!AreAllOver(f))
         return std::nullopt;
     if (state.state == EState::NotRun)
-        return NeedsProxy(f) ? finding.NotApplicable(L"A proxy is used.") : finding.Skip(L"There is no connection to the server.");
+        return NeedsProxy(f) ? finding.NotApplicable(L"A proxy is used.")
+                             : finding.Skip(L"There is no connection to the server.");
     if (!state.IsDone() || !f.portal.isHttp)
         return finding.NotApplicable(L"Nothing answers by plain HTTP.");
     const CPortalFacts& p = f.portal;
@@ -437,10 +464,12 @@ std::optional<CFinding> JudgePortalCheck(const CFacts& f)
         return finding.Fault("captive_portal", WhenMainFails(f), L"status 511");
     if (p.hasGatewayMark && isKept)
         return finding.Fault("captive_portal", WhenMainFails(f), L"a page with the mark of an access gateway");
-    const bool isServerSilent = std::none_of(f.http.begin(), f.http.end(), [](const CHttpProbe& h) { return h.facts.statusCode >= 400; });
+    const bool isServerSilent =
+        std::none_of(f.http.begin(), f.http.end(), [](const CHttpProbe& h) { return h.facts.statusCode >= 400; });
     if (isOtherHost && isKept && (isServerSilent || p.isTargetPrivate))
         return finding.Fault("captive_portal", WhenMainFails(f), L"plain http is redirected to " + p.targetHost);
-    return finding.Pass(isOtherHost ? L"Plain HTTP is redirected to " + p.targetHost + L"." : L"Nobody answers in place of the server.");
+    return finding.Pass(isOtherHost ? L"Plain HTTP is redirected to " + p.targetHost + L"."
+                                    : L"Nobody answers in place of the server.");
 }
 
 std::optional<CFinding> JudgeTlsCheck(const CFacts& f)

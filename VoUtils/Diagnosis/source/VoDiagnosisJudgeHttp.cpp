@@ -59,8 +59,10 @@ std::optional<CProblem> ProblemOfStatus(UINT32 status, const CAttempt& attempt)
 {
     if (status == 401)
     {
-        const std::vector<std::wstring> schemes = attempt.responses.empty() ? std::vector<std::wstring>() : attempt.responses.back().schemes;
-        return CProblem{ schemes.empty() || IsAnySchemeKnown(schemes) ? "authentication" : "scheme_unsupported", SchemesOf(schemes) };
+        const std::vector<std::wstring> schemes =
+            attempt.responses.empty() ? std::vector<std::wstring>() : attempt.responses.back().schemes;
+        return CProblem{ schemes.empty() || IsAnySchemeKnown(schemes) ? "authentication" : "scheme_unsupported",
+                         SchemesOf(schemes) };
     }
     if (status == 407)
         return CProblem{ "authentication", L"the proxy of the system asks" };
@@ -160,7 +162,8 @@ std::optional<CFinding> JudgeHttp(const CFacts& f, const CHttpProbe& probe)
     {
         if (const std::wstring other = OtherHost(f, attempt); !other.empty())
             return finding.Fault("redirect_other_host", EVoCheckStatus::Warn, other);
-        return finding.Pass(L"Status 200, " + std::to_wstring(h.bodyBytes) + (h.isBodyCut ? L" bytes read of a longer body, " : L" bytes, ") +
+        return finding.Pass(L"Status 200, " + std::to_wstring(h.bodyBytes) +
+                            (h.isBodyCut ? L" bytes read of a longer body, " : L" bytes, ") +
                             Milliseconds(probe.state.microseconds) + L".");
     }
     if (!AreAllOver(f))
@@ -169,7 +172,8 @@ std::optional<CFinding> JudgeHttp(const CFacts& f, const CHttpProbe& probe)
         return finding.Skip(L"The sign-in page of the network answers in place of the server.");
     // Beside a configured transport that works, the failure of another one does not harm the program.
     const EVoCheckStatus status = f.input.isEngineListGiven ? EVoCheckStatus::Fail : WhenMainFails(f);
-    const std::wstring reason = probe.state.IsDone() ? (attempt.reason.empty() ? ErrorTextOf(h.result) : attempt.reason) : L"it does not end in time";
+    const std::wstring reason =
+        probe.state.IsDone() ? (attempt.reason.empty() ? ErrorTextOf(h.result) : attempt.reason) : L"it does not end in time";
     const ESameFault same = SameFaultOf(f, attempt.failure, attempt.isProxyFailure);
     const bool isProxyUsed = !f.proxy.explanation.proxy.empty();
     const bool isWaiting = probe.state.state == EState::TimedOut || CVoHTTPMessage::IsTimeOut(h.result);
@@ -189,7 +193,8 @@ std::optional<CFinding> JudgeHttp(const CFacts& f, const CHttpProbe& probe)
     if (same == ESameFault::Tls || same == ESameFault::Connect || same == ESameFault::Proxy)
         return finding.Fault("transport_failed", status, reason);
     const CProblem problem = ProblemOf(probe);
-    return finding.Fault(problem.cause, status, problem.what, problem.what == reason || attempt.reason.empty() ? std::wstring() : reason);
+    return finding.Fault(problem.cause, status, problem.what,
+                         problem.what == reason || attempt.reason.empty() ? std::wstring() : reason);
 }
 
 std::optional<CFinding> JudgeAgreement(const CFacts& f)
@@ -209,9 +214,12 @@ std::optional<CFinding> JudgeAgreement(const CFacts& f)
     for (const CHttpProbe& probe : f.http)
     {
         const CHttpProbe& first = f.http.front();
-        isSame = isSame && probe.Works() == first.Works() && (!probe.Works() || probe.facts.statusCode == first.facts.statusCode);
+        isSame =
+            isSame && probe.Works() == first.Works() && (!probe.Works() || probe.facts.statusCode == first.facts.statusCode);
         isSameSize = isSameSize && probe.facts.bodyBytes == first.facts.bodyBytes;
-        const std::wstring result = probe.Works() ? L"works" : probe.facts.statusCode != 0 ? L"gets status " + std::to_wstring(probe.facts.statusCode) : L"fails";
+        const std::wstring result = probe.Works()                 ? L"works"
+                                    : probe.facts.statusCode != 0 ? L"gets status " + std::to_wstring(probe.facts.statusCode)
+                                                                  : L"fails";
         differences += (differences.empty() ? L"" : L", ") + Wide(probe.engine) + L' ' + result;
         sizes += (sizes.empty() ? L"" : L", ") + Wide(probe.engine) + L' ' + std::to_wstring(probe.facts.bodyBytes);
     }
@@ -219,7 +227,8 @@ std::optional<CFinding> JudgeAgreement(const CFacts& f)
         return finding.Fault("transports_differ", EVoCheckStatus::Warn, differences);
     if (!AnyWorks(f))
         return finding.Pass(L"None of the transports works.");
-    return finding.Pass(isSameSize ? L"The transports get the same response." : L"The responses have different sizes, in bytes: " + sizes + L".");
+    return finding.Pass(isSameSize ? L"The transports get the same response."
+                                   : L"The responses have different sizes, in bytes: " + sizes + L".");
 }
 
 namespace
@@ -229,7 +238,9 @@ CVoTimeline TimelineOf(const CHttpProbe& probe)
     const CAttempt& attempt = LastAttempt(probe.facts);
     CVoTimeline line;
     line.engine = probe.engine;
-    line.result = probe.state.IsDone() ? probe.facts.result : probe.state.state == EState::Cancelled ? kResultCancelled : kResultTimeout;
+    line.result = probe.state.IsDone()                     ? probe.facts.result
+                  : probe.state.state == EState::Cancelled ? kResultCancelled
+                                                           : kResultTimeout;
     line.statusCode = probe.facts.statusCode;
     line.remoteAddress = attempt.remoteAddress;
     line.name = attempt.times.name;
@@ -266,7 +277,9 @@ void ConcludeFailure(const CFacts& f, CVoDiagnosisReport& report, const CVoCheck
             report.verdict = EVoVerdict::Settings;
         for (const CHttpProbe& probe : f.http)
             if (probe.engine == report.recommendedEngine)
-                report.advice.insert(report.advice.begin(), L"Use the transport " + Wide(probe.engine) + L", which works: set HTTPEngine=" + std::to_wstring(probe.kind) + L" in section SETTINGS of ModuleSettings.ini.");
+                report.advice.insert(report.advice.begin(),
+                                     L"Use the transport " + Wide(probe.engine) + L", which works: set HTTPEngine=" +
+                                         std::to_wstring(probe.kind) + L" in section SETTINGS of ModuleSettings.ini.");
     }
     for (const CVoCheck& check : report.checks)
         if (check.status == EVoCheckStatus::Fail && check.id != failed.id && check.cause != failed.cause)

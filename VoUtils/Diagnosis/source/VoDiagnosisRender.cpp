@@ -104,9 +104,12 @@ std::vector<CPhase> PhasesOf(const CVoTimeline& line)
         const wchar_t* name;
         const std::optional<INT64>* end;
     };
-    const CRow rows[] = { { "name", L'n', L"name", &line.name },       { "connect", L'c', L"connect", &line.connect },
-                          { "tls", L't', L"TLS", &line.tls },          { "sent", L's', L"send", &line.sent },
-                          { "firstByte", L'w', L"wait", &line.firstByte }, { "total", L'r', L"receive", &line.total } };
+    const CRow rows[] = { { "name", L'n', L"name", &line.name },
+                          { "connect", L'c', L"connect", &line.connect },
+                          { "tls", L't', L"TLS", &line.tls },
+                          { "sent", L's', L"send", &line.sent },
+                          { "firstByte", L'w', L"wait", &line.firstByte },
+                          { "total", L'r', L"receive", &line.total } };
     std::vector<CPhase> phases;
     INT64 begin = 0;
     for (const CRow& row : rows)
@@ -133,9 +136,10 @@ std::vector<CVoTextLine> VoRenderCheck(const CVoCheck& check, bool unicode)
 {
     const CMark mark = MarkOf(check.status);
     std::vector<CVoTextLine> lines;
-    lines.push_back({ { mark.style, unicode ? mark.unicode : mark.plain },
-                      { EStyle::Plain, L" " + Padded(check.name, kNameWidth) },
-                      { mark.style == EStyle::Faint ? EStyle::Faint : EStyle::Plain, VoVisibleText(check.detail, kDetailLimit) } });
+    lines.push_back(
+        { { mark.style, unicode ? mark.unicode : mark.plain },
+          { EStyle::Plain, L" " + Padded(check.name, kNameWidth) },
+          { mark.style == EStyle::Faint ? EStyle::Faint : EStyle::Plain, VoVisibleText(check.detail, kDetailLimit) } });
     if (!check.cause.empty() && !check.fix.empty())
         lines.push_back({ { EStyle::Plain, std::wstring(kNameWidth + 2, L' ') + VoVisibleText(check.fix, kDetailLimit) } });
     return lines;
@@ -145,7 +149,8 @@ std::vector<CVoTextLine> VoRenderConclusion(const CVoDiagnosisReport& report, bo
 {
     std::vector<CVoTextLine> lines;
     const INT64 longest = VoDiagnosisText::LongestOf(report);
-    const bool hasPhases = std::any_of(report.timelines.begin(), report.timelines.end(), [](const CVoTimeline& line) { return EndOf(line) != 0; });
+    const bool hasPhases =
+        std::any_of(report.timelines.begin(), report.timelines.end(), [](const CVoTimeline& line) { return EndOf(line) != 0; });
     if (hasPhases)
     {
         lines.emplace_back();
@@ -237,7 +242,8 @@ public:
             return Raw("null");
         char text[32];
         // Three digits behind the point, whatever the locale.
-        std::snprintf(text, sizeof text, "%lld.%03d", static_cast<long long>(*microseconds / 1000), static_cast<int>(*microseconds % 1000));
+        std::snprintf(text, sizeof text, "%lld.%03d", static_cast<long long>(*microseconds / 1000),
+                      static_cast<int>(*microseconds % 1000));
         Raw(text);
     }
     void Facts(const std::vector<CVoDiagnosisFact>& facts)
@@ -280,6 +286,12 @@ private:
         m_text += '"';
         for (const char c : utf8)
         {
+            // The last three so that JSON may stand inside of a page.
+            if (c == '<' || c == '>' || c == '&')
+            {
+                m_text += c == '<' ? "\\u003C" : c == '>' ? "\\u003E" : "\\u0026";
+                continue;
+            }
             if (c == '"' || c == '\\')
                 m_text += '\\';
             m_text += c;
@@ -316,9 +328,10 @@ void WriteTimeline(CJsonWriter& json, const CVoTimeline& line)
     json.Key("statusCode");
     json.Value(INT64{ line.statusCode });
     json.Member("remoteAddress", line.remoteAddress);
-    const std::pair<const char*, std::optional<INT64>> phases[] = { { "name", line.name }, { "connect", line.connect },
-                                                                    { "tls", line.tls },   { "sent", line.sent },
-                                                                    { "firstByte", line.firstByte }, { "total", line.total } };
+    const std::pair<const char*, std::optional<INT64>> phases[] = {
+        { "name", line.name }, { "connect", line.connect },     { "tls", line.tls },
+        { "sent", line.sent }, { "firstByte", line.firstByte }, { "total", line.total }
+    };
     for (const auto& [key, time] : phases)
     {
         json.Key(key);

@@ -32,7 +32,8 @@ CApply CollectSettings(const CProbeContext&)
     facts.file = folder + L"\\ModuleSettings.ini";
     facts.exists = ::GetFileAttributesW(facts.file.c_str()) != INVALID_FILE_ATTRIBUTES;
     (void)VoReadModuleSettings(folder, &facts.problems);
-    const auto add = [&](const wchar_t* key, const std::wstring& value) { facts.values.push_back(std::wstring(key) + L'=' + value); };
+    const auto add = [&](const wchar_t* key, const std::wstring& value)
+    { facts.values.push_back(std::wstring(key) + L'=' + value); };
     const auto flag = [](bool value) { return std::wstring(value ? L"1" : L"0"); };
     add(L"SETTINGS/HTTPEngine", std::to_wstring(s.httpEngine));
     add(L"SETTINGS/HTTPCheckServerCert", flag(s.checkServerCertificate));
@@ -60,7 +61,8 @@ bool HasNetwork()
     for (int attempt = 0; attempt < 3 && error == ERROR_BUFFER_OVERFLOW; ++attempt)
     {
         auto size = static_cast<ULONG>(bytes.size());
-        error = ::GetAdaptersAddresses(AF_UNSPEC, kFlags, nullptr, reinterpret_cast<IP_ADAPTER_ADDRESSES*>(bytes.data()), &size);
+        error =
+            ::GetAdaptersAddresses(AF_UNSPEC, kFlags, nullptr, reinterpret_cast<IP_ADAPTER_ADDRESSES*>(bytes.data()), &size);
         if (error == ERROR_BUFFER_OVERFLOW)
             bytes.resize(size);
     }
@@ -113,15 +115,18 @@ std::vector<std::wstring> UnusedProxies(bool isSecure)
         found.push_back(L"the environment: " + value);
     }
     HKEY key = nullptr;
-    if (::RegOpenKeyExW(HKEY_CURRENT_USER, L"Software\\Microsoft\\Windows\\CurrentVersion\\Internet Settings", 0, KEY_READ, &key) == ERROR_SUCCESS)
+    if (::RegOpenKeyExW(HKEY_CURRENT_USER, L"Software\\Microsoft\\Windows\\CurrentVersion\\Internet Settings", 0, KEY_READ,
+                        &key) == ERROR_SUCCESS)
     {
         const std::unique_ptr<HKEY__, void (*)(HKEY)> owner(key, [](HKEY k) { ::RegCloseKey(k); });
         DWORD enabled = 0;
         DWORD size = sizeof enabled;
         wchar_t server[1024]{};
         DWORD serverSize = sizeof server;
-        if (::RegGetValueW(key, nullptr, L"ProxyEnable", RRF_RT_REG_DWORD, nullptr, &enabled, &size) == ERROR_SUCCESS && enabled != 0 &&
-            ::RegGetValueW(key, nullptr, L"ProxyServer", RRF_RT_REG_SZ, nullptr, server, &serverSize) == ERROR_SUCCESS && server[0] != 0)
+        if (::RegGetValueW(key, nullptr, L"ProxyEnable", RRF_RT_REG_DWORD, nullptr, &enabled, &size) == ERROR_SUCCESS &&
+            enabled != 0 &&
+            ::RegGetValueW(key, nullptr, L"ProxyServer", RRF_RT_REG_SZ, nullptr, server, &serverSize) == ERROR_SUCCESS &&
+            server[0] != 0)
             if (const std::wstring proxy = VoProxyList::ProxyForScheme(server, isSecure); !proxy.empty())
                 found.push_back(L"the Internet settings: " + proxy);
     }
@@ -155,7 +160,8 @@ std::string ConnectRequest(const CAddressFacts& address)
     return "CONNECT " + target + " HTTP/1.1\r\nHost: " + target + "\r\n" + "User-Agent: VoUtils connection doctor\r\n\r\n";
 }
 
-EOutcome ConnectToProxy(const std::wstring& proxy, const CWaitLimit& limit, CProbeSocket& socket, bool& isNameKnown, std::vector<CConnectAttempt>& attempts)
+EOutcome ConnectToProxy(const std::wstring& proxy, const CWaitLimit& limit, CProbeSocket& socket, bool& isNameKnown,
+                        std::vector<CConnectAttempt>& attempts)
 {
     std::wstring host;
     UINT16 port = 0;
@@ -177,12 +183,15 @@ CApply CollectProxyConnect(const CProbeContext& context)
     const CAddressFacts& address = context.facts.address;
     facts.isTunnel = address.isSecure;
     CProbeSocket socket;
-    facts.outcome = ConnectToProxy(context.facts.proxy.explanation.proxy, context.Limit(), socket, facts.isNameKnown, facts.attempts);
+    facts.outcome =
+        ConnectToProxy(context.facts.proxy.explanation.proxy, context.Limit(), socket, facts.isNameKnown, facts.attempts);
     if (facts.outcome == EOutcome::Ok)
     {
         // The server's root, whatever the address: its path and query are for the server alone.
-        const std::string request = address.isSecure ? ConnectRequest(address)
-                                                     : "HEAD http://" + AuthorityOf(address) + "/ HTTP/1.1\r\nHost: " + AuthorityOf(address) + "\r\n" + kAgent + "\r\n";
+        const std::string request = address.isSecure
+                                        ? ConnectRequest(address)
+                                        : "HEAD http://" + AuthorityOf(address) +
+                                              "/ HTTP/1.1\r\nHost: " + AuthorityOf(address) + "\r\n" + kAgent + "\r\n";
         const CPlainResponse response = Ask(socket, request, false, context.Limit());
         facts.outcome = response.outcome;
         facts.isHttp = response.isHttp && response.statusCode != 0;
@@ -191,8 +200,9 @@ CApply CollectProxyConnect(const CProbeContext& context)
         facts.schemes = SchemesOf(response, L"Proxy-Authenticate");
         facts.date = response.Header(L"Date");
         // Marks of a proxy's own responses: RFC 9209, and the header of a widespread proxy.
-        facts.isOwnStatus = response.statusCode == 407 || !response.Header(L"Proxy-Status").empty() || !response.Header(L"X-Squid-Error").empty() ||
-                            response.statusCode == 502 || response.statusCode == 504;
+        facts.isOwnStatus = response.statusCode == 407 || !response.Header(L"Proxy-Status").empty() ||
+                            !response.Header(L"X-Squid-Error").empty() || response.statusCode == 502 ||
+                            response.statusCode == 504;
     }
     FILETIME now{};
     ::GetSystemTimeAsFileTime(&now);
@@ -220,13 +230,15 @@ CApply CollectPortal(const CProbeContext& context)
         if (!address.isSecure && attempt.outcome != EOutcome::Ok)
             continue;
         CProbeSocket socket;
-        facts.outcome = socket.Connect(MakeSocketAddress(attempt.address, address.isSecure ? kHttpPort : address.port), context.Limit());
+        facts.outcome =
+            socket.Connect(MakeSocketAddress(attempt.address, address.isSecure ? kHttpPort : address.port), context.Limit());
         if (facts.outcome != EOutcome::Ok)
             continue;
         CAddressFacts plain = address;
         plain.isSecure = false;
         plain.port = address.isSecure ? kHttpPort : address.port;
-        const CPlainResponse response = Ask(socket, "GET / HTTP/1.1\r\nHost: " + AuthorityOf(plain) + "\r\n" + kAgent + "\r\n", true, context.Limit());
+        const CPlainResponse response =
+            Ask(socket, "GET / HTTP/1.1\r\nHost: " + AuthorityOf(plain) + "\r\n" + kAgent + "\r\n", true, context.Limit());
         facts.outcome = response.outcome;
         facts.isHttp = response.isHttp && response.statusCode != 0;
         facts.statusCode = response.statusCode;
@@ -333,10 +345,13 @@ EOutcome OpenConnection(const CProbeContext& context, CProbeSocket& socket)
     {
         bool isNameKnown = false;
         std::vector<CConnectAttempt> attempts;
-        if (const EOutcome outcome = ConnectToProxy(f.proxy.explanation.proxy, context.Limit(), socket, isNameKnown, attempts); outcome != EOutcome::Ok)
+        if (const EOutcome outcome = ConnectToProxy(f.proxy.explanation.proxy, context.Limit(), socket, isNameKnown, attempts);
+            outcome != EOutcome::Ok)
             return outcome;
         const CPlainResponse response = Ask(socket, ConnectRequest(f.address), false, context.Limit());
-        return response.outcome != EOutcome::Ok ? response.outcome : response.statusCode / 100 == 2 ? EOutcome::Ok : EOutcome::Refused;
+        return response.outcome != EOutcome::Ok ? response.outcome
+               : response.statusCode / 100 == 2 ? EOutcome::Ok
+                                                : EOutcome::Refused;
     }
     EOutcome outcome = EOutcome::Unreachable;
     for (const CConnectAttempt& attempt : f.connect)

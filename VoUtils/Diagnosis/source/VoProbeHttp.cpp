@@ -34,7 +34,8 @@ public:
         }
         return hr;
     }
-    STDMETHODIMP SetAuthDataForProxy(BSTR proxy, BSTR user, BSTR password, VARIANT_BOOL valid, VARIANT_BOOL required) noexcept override
+    STDMETHODIMP SetAuthDataForProxy(BSTR proxy, BSTR user, BSTR password, VARIANT_BOOL valid,
+                                     VARIANT_BOOL required) noexcept override
     {
         return m_store->SetAuthDataForProxy(proxy, user, password, valid, required);
     }
@@ -79,9 +80,10 @@ HRESULT Exchange(const CProbeContext& context, UINT32 kind, CHttpFacts& facts)
         if (auto quiet = VoMakeComObject<CQuietProxyStore>(store))
             store = CVoComPtr<IVoHTTPProxyStore>(quiet.Get());
     std::shared_ptr<CVoHTTPMessage> message;
-    if (const HRESULT hr = CVoHTTPMessage::Connect(kind, address, callback.Get(), store.Get(), nullptr, std::min(options.connectTimeout, options.probeTimeout),
-                                                   std::min(options.requestTimeout, options.probeTimeout), options.verifyServerCertificate,
-                                                   options.checkRevocation, message);
+    if (const HRESULT hr = CVoHTTPMessage::Connect(kind, address, callback.Get(), store.Get(), nullptr,
+                                                   std::min(options.connectTimeout, options.probeTimeout),
+                                                   std::min(options.requestTimeout, options.probeTimeout),
+                                                   options.verifyServerCertificate, options.checkRevocation, message);
         FAILED(hr))
         return hr;
     std::shared_ptr<CVoHTTPMessage::CHTTPRequestData> request;
@@ -92,7 +94,8 @@ HRESULT Exchange(const CProbeContext& context, UINT32 kind, CHttpFacts& facts)
     request->SetResponseLimits(limits);
     context.stop->SetHook([request] { request->Cancel(); });
     CVoHTTPMessage::CSendResult sent;
-    HRESULT hr = options.post ? message->SendMessage(request, CVoBinaryDataParser(), CVoHTTPMessage::EContentKind::Empty, true, {}, {}, false, &sent)
+    HRESULT hr = options.post ? message->SendMessage(request, CVoBinaryDataParser(), CVoHTTPMessage::EContentKind::Empty, true,
+                                                     {}, {}, false, &sent)
                               : message->SendGetRequest(request, {}, false, &sent);
     facts.statusCode = sent.statusCode;
     // The response's head came: read the body, which may be cut off.

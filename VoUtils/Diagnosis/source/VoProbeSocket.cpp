@@ -142,7 +142,8 @@ EOutcome CProbeSocket::Begin(const CSocketAddress& address) noexcept
     m_event = ::WSACreateEvent();
     m_socket = ::socket(address.address.ss_family, SOCK_STREAM, IPPROTO_TCP);
     // The event makes the socket non-blocking.
-    if (!m_event || m_socket == INVALID_SOCKET || ::WSAEventSelect(m_socket, m_event, FD_CONNECT | FD_READ | FD_WRITE | FD_CLOSE) != 0)
+    if (!m_event || m_socket == INVALID_SOCKET ||
+        ::WSAEventSelect(m_socket, m_event, FD_CONNECT | FD_READ | FD_WRITE | FD_CLOSE) != 0)
         return OutcomeOf(::WSAGetLastError());
     if (::connect(m_socket, reinterpret_cast<const SOCKADDR*>(&address.address), address.length) == 0)
         return EOutcome::Ok;
@@ -161,7 +162,8 @@ EOutcome CProbeSocket::Finish() noexcept
 EOutcome CProbeSocket::Wait(const CWaitLimit& limit) const noexcept
 {
     const HANDLE handles[] = { limit.stop, m_event };
-    return ::WaitForMultipleObjects(2, handles, FALSE, limit.Remaining()) == WAIT_OBJECT_0 + 1 ? EOutcome::Ok : EOutcome::TimedOut;
+    return ::WaitForMultipleObjects(2, handles, FALSE, limit.Remaining()) == WAIT_OBJECT_0 + 1 ? EOutcome::Ok
+                                                                                               : EOutcome::TimedOut;
 }
 
 EOutcome CProbeSocket::Connect(const CSocketAddress& address, const CWaitLimit& limit) noexcept
@@ -220,7 +222,8 @@ std::vector<CConnectAttempt> ConnectToAll(const std::vector<CSocketAddress>& add
     for (size_t i = 0; i < sockets.size(); ++i)
     {
         const EOutcome outcome = sockets[i].Begin(addresses[i]);
-        attempts.push_back({ addresses[i].text, outcome == EOutcome::Ok ? EOutcome::TimedOut : outcome, VoGetMicroseconds() - start });
+        attempts.push_back(
+            { addresses[i].text, outcome == EOutcome::Ok ? EOutcome::TimedOut : outcome, VoGetMicroseconds() - start });
         if (outcome != EOutcome::Ok)
             continue;
         handles.push_back(sockets[i].Event());
@@ -228,7 +231,8 @@ std::vector<CConnectAttempt> ConnectToAll(const std::vector<CSocketAddress>& add
     }
     while (!owners.empty())
     {
-        const DWORD signalled = ::WaitForMultipleObjects(static_cast<DWORD>(handles.size()), handles.data(), FALSE, limit.Remaining());
+        const DWORD signalled =
+            ::WaitForMultipleObjects(static_cast<DWORD>(handles.size()), handles.data(), FALSE, limit.Remaining());
         if (signalled <= WAIT_OBJECT_0 || signalled >= WAIT_OBJECT_0 + handles.size())
             break;
         const size_t index = signalled - WAIT_OBJECT_0 - 1;

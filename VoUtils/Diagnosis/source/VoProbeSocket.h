@@ -1,5 +1,5 @@
-// A TCP connection of a probe: every step waits for the socket, for the stop event and for the deadline, so that it ends at once
-// when the diagnosis is cancelled, and never later than its time.
+// A TCP connection of a probe: every step waits for the socket, for the stop event and for the deadline, so that it ends at
+// once when the diagnosis is cancelled, and never later than its time.
 #pragma once
 
 #include "VoDiagnosisFacts.h"

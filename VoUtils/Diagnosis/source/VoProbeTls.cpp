@@ -1,5 +1,5 @@
-// The TLS probe: a client of Schannel on a socket of its own, so that each phase has its time, and the server's certificates can
-// be read whatever they are.
+// The TLS probe: a client of Schannel on a socket of its own, so that each phase has its time, and the server's certificates
+// can be read whatever they are.
 #define SECURITY_WIN32
 #include "VoCertificate.h"
 #include "VoProbe.h"
@@ -31,7 +31,8 @@ public:
         settings.dwFlags = SCH_CRED_MANUAL_CRED_VALIDATION | SCH_CRED_NO_DEFAULT_CREDS;
         wchar_t package[] = UNISP_NAME_W;
         TimeStamp expiry{};
-        m_status = ::AcquireCredentialsHandleW(nullptr, package, SECPKG_CRED_OUTBOUND, nullptr, &settings, nullptr, nullptr, &m_handle, &expiry);
+        m_status = ::AcquireCredentialsHandleW(nullptr, package, SECPKG_CRED_OUTBOUND, nullptr, &settings, nullptr, nullptr,
+                                               &m_handle, &expiry);
     }
     ~CCredentials()
     {
@@ -88,7 +89,8 @@ SECURITY_STATUS CTlsClient::Step(const std::wstring& host, std::string& received
 {
     constexpr ULONG kFlags = ISC_REQ_SEQUENCE_DETECT | ISC_REQ_REPLAY_DETECT | ISC_REQ_CONFIDENTIALITY | ISC_REQ_STREAM |
                              ISC_REQ_ALLOCATE_MEMORY | ISC_REQ_MANUAL_CRED_VALIDATION | ISC_REQ_USE_SUPPLIED_CREDS;
-    SecBuffer in[2]{ { static_cast<ULONG>(received.size()), SECBUFFER_TOKEN, received.data() }, { 0, SECBUFFER_EMPTY, nullptr } };
+    SecBuffer in[2]{ { static_cast<ULONG>(received.size()), SECBUFFER_TOKEN, received.data() },
+                     { 0, SECBUFFER_EMPTY, nullptr } };
     SecBufferDesc input{ SECBUFFER_VERSION, 2, in };
     SecBuffer out[1]{ { 0, SECBUFFER_TOKEN, nullptr } };
     SecBufferDesc output{ SECBUFFER_VERSION, 1, out };
@@ -166,14 +168,17 @@ void CTlsClient::ReadConnection(CTlsFacts& facts) noexcept
         DWORD bit;
         const wchar_t* name;
     };
-    static constexpr CProtocol kProtocols[] = { { 0x2000, L"TLS 1.3" }, { 0x800, L"TLS 1.2" }, { 0x200, L"TLS 1.1" }, { 0x80, L"TLS 1.0" }, { 0x20, L"SSL 3.0" } };
+    static constexpr CProtocol kProtocols[] = {
+        { 0x2000, L"TLS 1.3" }, { 0x800, L"TLS 1.2" }, { 0x200, L"TLS 1.1" }, { 0x80, L"TLS 1.0" }, { 0x20, L"SSL 3.0" }
+    };
     facts.protocol = L"an unknown protocol";
     for (const CProtocol& protocol : kProtocols)
         if ((info.dwProtocol & protocol.bit) != 0)
             facts.protocol = protocol.name;
-    const CRYPT_OID_INFO* const cipher = ::CryptFindOIDInfo(CRYPT_OID_INFO_ALGID_KEY, &info.aiCipher, CRYPT_ENCRYPT_ALG_OID_GROUP_ID);
-    facts.cipher = (cipher && cipher->pwszName ? std::wstring(cipher->pwszName) : VoFormat(L"cipher 0x%04X", info.aiCipher)) + L" with " +
-                   std::to_wstring(info.dwCipherStrength) + L" bits";
+    const CRYPT_OID_INFO* const cipher =
+        ::CryptFindOIDInfo(CRYPT_OID_INFO_ALGID_KEY, &info.aiCipher, CRYPT_ENCRYPT_ALG_OID_GROUP_ID);
+    facts.cipher = (cipher && cipher->pwszName ? std::wstring(cipher->pwszName) : VoFormat(L"cipher 0x%04X", info.aiCipher)) +
+                   L" with " + std::to_wstring(info.dwCipherStrength) + L" bits";
     constexpr DWORD kAes128 = 0x660E;
     constexpr DWORD kAes256 = 0x6610;
     if (info.aiCipher == kAes128 || info.aiCipher == kAes256)
@@ -206,7 +211,8 @@ std::wstring CTlsClient::AskForDate(std::string_view request, const CWaitLimit& 
                          { 0, SECBUFFER_EMPTY, nullptr },
                          { 0, SECBUFFER_EMPTY, nullptr } };
         SecBufferDesc input{ SECBUFFER_VERSION, 4, in };
-        const SECURITY_STATUS status = encrypted.empty() ? SEC_E_INCOMPLETE_MESSAGE : ::DecryptMessage(&m_context, &input, 0, nullptr);
+        const SECURITY_STATUS status =
+            encrypted.empty() ? SEC_E_INCOMPLETE_MESSAGE : ::DecryptMessage(&m_context, &input, 0, nullptr);
         if (status == SEC_E_INCOMPLETE_MESSAGE)
         {
             if (m_socket.Receive(encrypted, limit) != EOutcome::Ok)
@@ -263,7 +269,8 @@ CRevocation CheckRevocationWithin(const CERT_CONTEXT& certificate, const CWaitLi
 bool AreDatesWrong(const CTlsFacts& facts) noexcept
 {
     for (const CCertificateFacts& certificate : facts.chain)
-        if (::CompareFileTime(&facts.now, &certificate.notBefore) < 0 || ::CompareFileTime(&facts.now, &certificate.notAfter) > 0)
+        if (::CompareFileTime(&facts.now, &certificate.notBefore) < 0 ||
+            ::CompareFileTime(&facts.now, &certificate.notAfter) > 0)
             return true;
     return false;
 }
@@ -288,7 +295,8 @@ CApply CollectTls(const CProbeContext& context)
             JudgeChain(*certificate, host, context.Limit().Remaining(), facts);
             // Whose clock is wrong? Only the date is read, and nothing secret is sent.
             if (AreDatesWrong(facts))
-                facts.date = client.AskForDate("HEAD / HTTP/1.1\r\nHost: " + AuthorityOf(context.facts.address) + "\r\nConnection: close\r\n\r\n",
+                facts.date = client.AskForDate("HEAD / HTTP/1.1\r\nHost: " + AuthorityOf(context.facts.address) +
+                                                   "\r\nConnection: close\r\n\r\n",
                                                context.Limit());
             if (context.facts.input.checkRevocation && context.facts.input.verify)
             {
