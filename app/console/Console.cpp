@@ -24,6 +24,7 @@ Exit codes:
 Examples:
   voutils send http://localhost:8080/service -p user=ann -p note=@note.txt --payload photo.jpg --kind multipart --engine curl
   voutils get https://server.example/status --engine curl --json --log
+  voutils doctor https://server.example/service --html report.html
   voutils encode base64 --line 76 < photo.jpg
   voutils key new --private private.key --public public.key
   voutils sign --hash sha256 --key private.key < letter.txt > letter.sig
@@ -43,7 +44,7 @@ std::vector<CCommandEntry> AllCommands()
 {
     std::vector<CCommandEntry> all;
     for (const auto& family :
-         { RequestCommands(), AddressCommands(), EncodingCommands(), ParameterCommands(), SignatureCommands(), IniCommands(),
+         { RequestCommands(), DoctorCommands(), AddressCommands(), EncodingCommands(), ParameterCommands(), SignatureCommands(), IniCommands(),
            SystemCommands(), WmiCommands(), DemoCommands(), BatchCommands() })
         all.insert(all.end(), family.begin(), family.end());
     return all;

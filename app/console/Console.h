@@ -20,5 +20,6 @@
 [[nodiscard]] std::span<const CCommandEntry> WmiCommands();       // wmi
 [[nodiscard]] std::span<const CCommandEntry> AddressCommands();   // address, resolve, proxy, cookies
 [[nodiscard]] std::span<const CCommandEntry> RequestCommands();   // send, get
+[[nodiscard]] std::span<const CCommandEntry> DoctorCommands();    // doctor
 [[nodiscard]] std::span<const CCommandEntry> DemoCommands();      // demo
 [[nodiscard]] std::span<const CCommandEntry> BatchCommands();     // batch

@@ -11,6 +11,9 @@ public:
     // Configures the process's store by the options and returns it. The store keeps its cache if the configuration is the same.
     [[nodiscard]] CVoGlobalHTTPProxyStoreImpl& Apply(CContext& context) const;
 
+    // Whether an option says it; otherwise the user's Internet settings apply.
+    [[nodiscard]] bool IsGiven() const noexcept { return m_autoDetect || m_noProxy || !m_pac.empty() || !m_proxy.empty(); }
+
 private:
     std::string m_proxy;
     std::string m_bypass;

@@ -15,8 +15,16 @@ void CConnectionOptions::Declare(COptions& options)
         "The transport; default: HTTPEngine of ModuleSettings.ini. wininet goes by the system's proxy settings and asks "
         "for credentials in the system's dialog, whatever the options below say. winhttp-loopback calls this machine "
         "localhost.localhost, so that requests to it pass a proxy");
-    m_options = options;
     options.AddFlag("--retry", m_retry, "Repeat a failed attempt until the time-out to connect is spent");
+    DeclareShared(options);
+    options.Add("--cookies", m_cookies, "Load the cookies from FILE if it exists, and save them there afterwards")
+        .TypeName("FILE")
+        .NotEmpty();
+}
+
+void CConnectionOptions::DeclareShared(COptions& options)
+{
+    m_options = options;
     options.Add("--connect-timeout", m_connectTimeout, "Seconds to connect; default 30").TypeName("S");
     options.Add("--request-timeout", m_requestTimeout, "Seconds for the whole request; default 60").TypeName("S");
     COption verify = options.AddFlag("--verify", m_verify, "Check the server's certificate; default: the settings' value");
@@ -38,9 +46,6 @@ void CConnectionOptions::Declare(COptions& options)
         "Show a dialog when credentials are needed, instead of those answers. Without any of these three a challenge "
         "is declined");
     m_proxy.Declare(options);
-    options.Add("--cookies", m_cookies, "Load the cookies from FILE if it exists, and save them there afterwards")
-        .TypeName("FILE")
-        .NotEmpty();
 }
 
 UINT32 CConnectionOptions::TransportKind() const
@@ -80,18 +85,43 @@ CVoComPtr<CAuthAnswers> CConnectionOptions::MakeAuthAnswers(CContext& context) c
     return answers;
 }
 
+std::function<CVoComPtr<IVoAuthenticationCallback>()> CConnectionOptions::MakeAuthAnswersFactory(CContext& context) const
+{
+    const auto share = [](std::optional<CCredentials> credentials)
+    { return std::make_shared<const std::optional<CCredentials>>(std::move(credentials)); };
+    const auto copy = [](const std::optional<CCredentials>& c)
+    { return c ? std::optional(CCredentials{ c->user, CVoSecret<wchar_t>(c->password.Get()) }) : std::nullopt; };
+    CVoComPtr<IVoAuthenticationCallback> dialog;
+    if (m_ask)
+        Check(CreateGlobalAuthenticationCallbackForModule(dialog.Put()));
+    return [copy, dialog, server = share(ReadCredentials(context, "--auth", m_auth)),
+            proxy = share(ReadCredentials(context, "--proxy-auth", m_proxyAuth))]() -> CVoComPtr<IVoAuthenticationCallback>
+    {
+        // Null without memory: challenges are declined then.
+        const CVoComPtr<CAuthAnswers> answers = VoMakeComObject<CAuthAnswers>(copy(*server), copy(*proxy), dialog);
+        return { answers.Get() };
+    };
+}
+
+bool CConnectionOptions::Verifies() const
+{
+    return !m_noVerify && (m_verify || CVoModuleInformation::Get().CheckServerCertificate());
+}
+
+bool CConnectionOptions::ChecksRevocation() const
+{
+    return !m_noCheckRevocation && (m_checkRevocation || CVoModuleInformation::Get().CheckCertificateRevocation());
+}
+
 std::shared_ptr<CVoHTTPMessage> CConnectionOptions::Connect(CContext& context, const CServerAddressData& address,
                                                             IVoAuthenticationCallback& answers) const
 {
-    const CVoModuleInformation& settings = CVoModuleInformation::Get();
     if (constexpr UINT32 kWinINet = 0; TransportKind() == kWinINet)
         for (const char* const option : { "--auth", "--proxy-auth", "--ask", "--proxy", "--pac", "--auto-detect" })
             if (m_options.WasGiven(option))
                 context.Remark(std::string(option) + " has no effect: wininet goes by the system's settings and dialog");
-    const bool verify = !m_noVerify && (m_verify || settings.CheckServerCertificate());
-    const bool revocation = !m_noCheckRevocation && (m_checkRevocation || settings.CheckCertificateRevocation());
     std::shared_ptr<CVoHTTPMessage> message;
     Check(CVoHTTPMessage::Connect(TransportKind(), address, &answers, &m_proxy.Apply(context), &context.Process().CookieStore(),
-                                  m_connectTimeout, m_requestTimeout, verify, revocation, message));
+                                  m_connectTimeout, m_requestTimeout, Verifies(), ChecksRevocation(), message));
     return message;
 }

@@ -7,6 +7,7 @@
 
 #include <VoHTTPMessage.h>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -16,6 +17,8 @@ class CConnectionOptions
 {
 public:
     void Declare(COptions& options);
+    // Those that the doctor has, too: time-outs, certificates, credentials, proxy.
+    void DeclareShared(COptions& options);
 
     // The transport of --engine, or that of the settings. The name is empty for a kind that the library does not know.
     [[nodiscard]] UINT32 TransportKind() const;
@@ -25,8 +28,17 @@ public:
 
     // The callback with the answers of --auth and --proxy-auth, or with the dialog of --ask.
     [[nodiscard]] CVoComPtr<CAuthAnswers> MakeAuthAnswers(CContext& context) const;
+    // The same callback, new at each call. The credentials are read now; the function uses no context.
+    [[nodiscard]] std::function<CVoComPtr<IVoAuthenticationCallback>()> MakeAuthAnswersFactory(CContext& context) const;
     [[nodiscard]] std::shared_ptr<CVoHTTPMessage> Connect(CContext& context, const CServerAddressData& address,
                                                           IVoAuthenticationCallback& answers) const;
+
+    [[nodiscard]] UINT32 ConnectTimeout() const noexcept { return m_connectTimeout; }
+    [[nodiscard]] UINT32 RequestTimeout() const noexcept { return m_requestTimeout; }
+    [[nodiscard]] bool Verifies() const;
+    [[nodiscard]] bool ChecksRevocation() const;
+    [[nodiscard]] bool MayAsk() const noexcept { return m_ask; }
+    [[nodiscard]] const CProxyOptions& Proxy() const noexcept { return m_proxy; }
 
 private:
     [[nodiscard]] static std::optional<CCredentials> ReadCredentials(CContext& context, const char* option,

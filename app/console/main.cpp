@@ -2,6 +2,7 @@
 #include "Console.h"
 #include "Interrupt.h"
 
+#include <VoDiagnosis.h>
 #include <base/VoPlatform.h>
 
 namespace
@@ -43,10 +44,7 @@ public:
 private:
     UINT m_previous;
 };
-} // namespace
-
-// NOLINTNEXTLINE(misc-use-internal-linkage): the C runtime calls it by its name.
-int wmain(int count, wchar_t** arguments)
+int RunProgram(int count, wchar_t** arguments)
 {
     InstallInterruptHandler();
     const CComLibrary com;
@@ -59,4 +57,15 @@ int wmain(int count, wchar_t** arguments)
     for (int i = 1; i < count; ++i)
         utf8.push_back(ToUtf8(arguments[i]));
     return RunConsole(utf8, { in, out, err }, process);
+}
+} // namespace
+
+// NOLINTNEXTLINE(misc-use-internal-linkage): the C runtime calls it by its name.
+int wmain(int count, wchar_t** arguments)
+{
+    const int exitCode = RunProgram(count, arguments);
+    // Threads that the doctor left behind may be anywhere: nothing may be destroyed under them.
+    if (CVoDiagnosis::HasThreadsLeft())
+        ::TerminateProcess(::GetCurrentProcess(), static_cast<UINT>(exitCode));
+    return exitCode;
 }

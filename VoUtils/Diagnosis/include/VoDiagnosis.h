@@ -78,6 +78,10 @@ public:
     // Ends the run within 200 ms. Any thread, at any time, also before Run, also more than once.
     void Cancel() noexcept;
 
+    // Whether a probe of any diagnosis of the process still runs, left behind on its thread. A program that ends then should
+    // end by TerminateProcess, so that nothing is destroyed under the thread. Any thread.
+    [[nodiscard]] static bool HasThreadsLeft() noexcept;
+
 private:
     struct CState;
     std::shared_ptr<CState> m_state;

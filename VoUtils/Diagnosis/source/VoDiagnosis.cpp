@@ -23,6 +23,9 @@ constexpr INT64 kMicrosecondsPerSecond = 1'000'000;
 // A probe ends by itself at its time-out. The runner waits a little longer, because the probe then knows more.
 constexpr INT64 kGrace = 200'000;
 
+// Of the probes that run.
+std::atomic<int> g_threads{ 0 };
+
 // Where the threads of probes put their results. They own it, too: a thread that is left behind puts its result where nobody
 // looks.
 struct CMailbox
@@ -187,6 +190,7 @@ void CRunner::Start(CTask& task)
     const size_t index = static_cast<size_t>(&task - m_tasks.data());
     const CProbeContext context{ task.stop, task.deadline, m_options, m_proxyStore, m_facts };
     // Detached: what a service of the platform holds is left behind. The thread owns all that it uses.
+    g_threads.fetch_add(1);
     std::thread([context, index, mailbox = m_mailbox, collect = task.row ? task.row->collect : nullptr,
                  transport = task.transport]() noexcept
     {
@@ -199,8 +203,10 @@ void CRunner::Start(CTask& task)
         catch (...)
         {
             // Without memory there are no facts: the probe runs out of its time.
+            g_threads.fetch_sub(1);
             return;
         }
+        g_threads.fetch_sub(1);
         (void)mailbox->arrived.Set();
     }).detach();
     StateOf(task).state = EState::Running;
@@ -341,6 +347,11 @@ HRESULT CVoDiagnosis::Run(IVoDiagnosisObserver* observer, CVoDiagnosisReport& re
         report = std::move(made);
         return report.isCancelled ? kResultCancelled : S_OK;
     });
+}
+
+bool CVoDiagnosis::HasThreadsLeft() noexcept
+{
+    return g_threads.load() != 0;
 }
 
 void CVoDiagnosis::Cancel() noexcept
