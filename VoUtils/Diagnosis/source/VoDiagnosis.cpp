@@ -12,7 +12,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <thread>
 
 using namespace VoDiagnosis;
 
@@ -190,10 +189,10 @@ void CRunner::Start(CTask& task)
     const size_t index = static_cast<size_t>(&task - m_tasks.data());
     const CProbeContext context{ task.stop, task.deadline, m_options, m_proxyStore, m_facts };
     // Detached: what a service of the platform holds is left behind. The thread owns all that it uses.
-    g_threads.fetch_add(1);
-    std::thread([context, index, mailbox = m_mailbox, collect = task.row ? task.row->collect : nullptr,
-                 transport = task.transport]() noexcept
+    StartDetached(
+        [context, index, mailbox = m_mailbox, collect = task.row ? task.row->collect : nullptr, transport = task.transport]
     {
+        g_threads.fetch_add(1);
         try
         {
             CApply apply = collect ? collect(context) : CollectHttp(context, transport);
@@ -203,12 +202,10 @@ void CRunner::Start(CTask& task)
         catch (...)
         {
             // Without memory there are no facts: the probe runs out of its time.
-            g_threads.fetch_sub(1);
-            return;
         }
         g_threads.fetch_sub(1);
         (void)mailbox->arrived.Set();
-    }).detach();
+    });
     StateOf(task).state = EState::Running;
     SetRunning(task);
 }

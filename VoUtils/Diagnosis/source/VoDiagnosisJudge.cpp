@@ -223,7 +223,7 @@ std::optional<CFinding> JudgeName(const CFacts& f)
         return finding.NotApplicable(L"The address holds no name.");
     finding.Fact("addresses", f.name.addresses);
     if (f.State(EProbe::Name).IsDone() && !f.name.addresses.empty())
-        return finding.Pass(Joined(f.name.addresses));
+        return finding.Pass(Joined(f.name.addresses) + L".");
     if (!AreAllOver(f))
         return std::nullopt;
     if (NeedsProxy(f))
@@ -266,7 +266,7 @@ std::optional<CFinding> JudgeConnect(const CFacts& f)
     if (NeedsProxy(f))
         return finding.NotApplicable(L"The proxy is used; without it: " + Joined(good.empty() ? bad : good) + L".");
     if (!good.empty() && bad.empty())
-        return finding.Pass(Joined(good));
+        return finding.Pass(Joined(good) + L".");
     if (!good.empty())
         return finding.Fault("some_addresses_fail", EVoCheckStatus::Warn, Joined(bad) + L"; but " + Joined(good));
     if (!AreAllOver(f))

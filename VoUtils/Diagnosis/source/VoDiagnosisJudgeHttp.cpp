@@ -111,6 +111,13 @@ bool IsNoAddressReached(const CFacts& f)
     return std::none_of(f.connect.begin(), f.connect.end(), [](const CConnectAttempt& a) { return a.outcome == EOutcome::Ok; });
 }
 
+// Whether a target came more than once.
+bool IsLoop(const std::vector<std::wstring>& redirects)
+{
+    return std::any_of(redirects.begin(), redirects.end(),
+                       [&](const std::wstring& url) { return std::count(redirects.begin(), redirects.end(), url) > 1; });
+}
+
 // The failure of a request that no other check explains.
 CProblem ProblemOf(const CHttpProbe& probe)
 {
@@ -131,6 +138,8 @@ CProblem ProblemOf(const CHttpProbe& probe)
     case EVoFailure::RedirectLoop:
         return { "redirect_loop", attempt.redirects.empty() ? reason : attempt.redirects.back() };
     case EVoFailure::RedirectRefused:
+        if (IsLoop(attempt.redirects))
+            return { "redirect_loop", attempt.redirects.back() };
         return { "redirect_other_host", reason };
     default:
         break;
@@ -188,13 +197,15 @@ std::optional<CFinding> JudgeHttp(const CFacts& f, const CHttpProbe& probe)
     const bool isBeforeResponse = h.statusCode == 0;
     if (tls && tls->IsFailure() && isBeforeResponse)
         return finding.Skip(L"TLS does not let it through: " + reason + L".");
-    if (!probe.state.IsDone())
-        return finding.Fault("timeout", status, reason, reason);
+    constexpr UINT32 kWinINet = 0;
+    if (!probe.state.IsDone() || (isWaiting && isBeforeResponse))
+        return finding.Fault("timeout", status, reason);
     if (same == ESameFault::Tls || same == ESameFault::Connect || same == ESameFault::Proxy)
         return finding.Fault("transport_failed", status, reason);
     const CProblem problem = ProblemOf(probe);
-    return finding.Fault(problem.cause, status, problem.what,
-                         problem.what == reason || attempt.reason.empty() ? std::wstring() : reason);
+    if (probe.kind == kWinINet && std::string_view(problem.cause) == "authentication")
+        finding.Advise(L"WinINet asks in the system's dialog, which is shown only when it is allowed (--ask).");
+    return finding.Fault(problem.cause, status, problem.what);
 }
 
 std::optional<CFinding> JudgeAgreement(const CFacts& f)
@@ -256,6 +267,9 @@ CVoTimeline TimelineOf(const CHttpProbe& probe)
 std::string Recommended(const CFacts& f)
 {
     if (MainWorks(f))
+        return {};
+    // What passes over a fault of the certificate is no way out.
+    if (const auto tls = JudgeTlsCheck(f); tls && tls->IsFailure())
         return {};
     for (const CHttpProbe& probe : f.http)
         if (probe.Works())

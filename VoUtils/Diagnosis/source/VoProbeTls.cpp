@@ -12,7 +12,6 @@
 
 #include <atomic>
 #include <optional>
-#include <thread>
 
 namespace VoDiagnosis
 {
@@ -245,7 +244,7 @@ CRevocation CheckRevocationWithin(const CERT_CONTEXT& certificate, const CWaitLi
     const auto shared = std::make_shared<CShared>();
     shared->certificate.reset(::CertDuplicateCertificateContext(&certificate));
     const DWORD timeout = limit.Remaining();
-    std::thread([shared, timeout]() noexcept
+    StartDetached([shared, timeout]
     {
         try
         {
@@ -258,7 +257,7 @@ CRevocation CheckRevocationWithin(const CERT_CONTEXT& certificate, const CWaitLi
             // Unknown stays.
         }
         (void)shared->done.Set();
-    }).detach();
+    });
     const HANDLE handles[] = { limit.stop, shared->done.Handle() };
     if (::WaitForMultipleObjects(2, handles, FALSE, timeout) != WAIT_OBJECT_0 + 1)
         return { ERevocation::Unknown, L"the issuer's servers do not answer in time" };
