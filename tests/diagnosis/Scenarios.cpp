@@ -1,7 +1,12 @@
 // The table of scripted networks.
 #include "Scenarios.h"
 
+#include <VoDiagnosisRender.h>
+
 #include <base/VoHResult.h>
+#include <base/VoTextConversion.h>
+
+#include <gtest/gtest.h>
 
 #include <wincrypt.h>
 
@@ -521,4 +526,29 @@ CVoDiagnosisReport ReportOf(const CFacts& facts)
     report.time = L"2026-11-22T04:05:06Z";
     return report;
 }
+std::string Narrow(std::wstring_view text)
+{
+    std::string bytes;
+    EXPECT_EQ(VoStringToUTF8(text, bytes), S_OK);
+    return bytes;
+}
+
+std::string OutputsOf(const CVoDiagnosisReport& report)
+{
+    std::wstring text;
+    const auto add = [&](const std::vector<CVoTextLine>& lines)
+    {
+        for (const CVoTextLine& line : lines)
+        {
+            for (const CVoTextPiece& piece : line)
+                text += piece.text;
+            text += L'\n';
+        }
+    };
+    for (const CVoCheck& check : report.checks)
+        add(VoRenderCheck(check, true));
+    add(VoRenderConclusion(report, true));
+    return Narrow(text) + VoRenderJson(report) + '\n' + VoRenderHtml(report);
+}
+
 } // namespace Scenarios

@@ -29,4 +29,8 @@ inline constexpr const wchar_t* kHostile = L"\x1b[31m<script>alert('x')</script>
 [[nodiscard]] VoDiagnosis::CFacts FactsOf(const CScenario& scenario);
 // The report of facts that are complete, as the runner makes it.
 [[nodiscard]] CVoDiagnosisReport ReportOf(const VoDiagnosis::CFacts& facts);
+
+[[nodiscard]] std::string Narrow(std::wstring_view text);
+// The three forms of a report, one after the other: text, JSON, page.
+[[nodiscard]] std::string OutputsOf(const CVoDiagnosisReport& report);
 } // namespace Scenarios

@@ -4,7 +4,7 @@
 #include <VoDiagnosisCauses.h>
 #include <VoDiagnosisRender.h>
 
-#include <base/VoTextConversion.h>
+#include <support/TestMain.h>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -18,13 +18,6 @@ namespace
 using namespace VoDiagnosis;
 using namespace Scenarios;
 
-std::string Narrow(std::wstring_view text)
-{
-    std::string bytes;
-    EXPECT_EQ(VoStringToUTF8(text, bytes), S_OK);
-    return bytes;
-}
-
 // The findings beside the first failure, as CScenario::others writes them.
 std::string OthersOf(const CVoDiagnosisReport& report)
 {
@@ -34,25 +27,6 @@ std::string OthersOf(const CVoDiagnosisReport& report)
             others +=
                 (others.empty() ? "" : ", ") + check.id + ' ' + check.cause + (check.status == EVoCheckStatus::Fail ? "!" : "");
     return others;
-}
-
-// The three forms of a report, one after the other.
-std::string OutputsOf(const CVoDiagnosisReport& report)
-{
-    std::wstring text;
-    const auto add = [&](const std::vector<CVoTextLine>& lines)
-    {
-        for (const CVoTextLine& line : lines)
-        {
-            for (const CVoTextPiece& piece : line)
-                text += piece.text;
-            text += L'\n';
-        }
-    };
-    for (const CVoCheck& check : report.checks)
-        add(VoRenderCheck(check, true));
-    add(VoRenderConclusion(report, true));
-    return Narrow(text) + VoRenderJson(report) + '\n' + VoRenderHtml(report);
 }
 
 TEST(DiagnosisJudge, FindsTheFaultOfEachScriptedNetwork)
@@ -188,6 +162,14 @@ TEST(DiagnosisRender, BarsHaveOneScaleAndShowEachPhase)
             bars.push_back(line[1].text);
     EXPECT_EQ(bars, (std::vector<std::wstring>{ L"ncttttttttttttswwwwwwwwrr", L"ncttttttttttttswwwwwwwwrr",
                                                 L"ncttttttttttttswwwwwwww" + std::wstring(27, L'r') }));
+}
+
+// The page is made by hand, with the program: voutils doctor --causes.
+TEST(DiagnosisCauses, ThePageIsUpToDate)
+{
+    std::string page = TestSupport::ReadTestFile(VOUTILS_DOCTOR_PAGE);
+    std::erase(page, '\r');
+    EXPECT_TRUE(page == VoDiagnosisCausesPage()) << "make docs/doctor.md again: ./voutils doctor --causes > docs/doctor.md";
 }
 
 TEST(DiagnosisJudge, ShowsUrlsWithoutTheirSecrets)

@@ -6,7 +6,7 @@
 #include "VoDiagnosisFacts.h"
 #include "VoProbeSocket.h"
 
-#include <VoDiagnosis.h>
+#include <VoDiagnosisOptions.h>
 
 #include <base/VoLock.h>
 #include <base/VoMultiThreading.h>

@@ -1,0 +1,390 @@
+// The whole doctor against servers of this machine's loopback: probes, judgement, report.
+#include "Scenarios.h"
+
+#include <VoDiagnosis.h>
+
+#include <LoopbackServer.h>
+#include <support/HTTPSupport.h>
+#include <support/TestServers.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <future>
+#include <thread>
+
+namespace
+{
+using namespace Scenarios;
+using Loopback::CConnection;
+using Loopback::CRequest;
+using Options = CVoDiagnosisOptions;
+
+constexpr UINT32 kCurl = 2;
+// The secrets that stand in every request and response.
+constexpr const char* kSecrets[] = { "planted-secret", "planted-cookie", "planted-password", "cGxhbnRlZC" };
+
+// A store of its own, so that no test sees what another one found.
+void UseProxy(Options& options, const CHTTPProxyConfigData& config)
+{
+    options.proxyStore = VoMakeComObject<CVoGlobalHTTPProxyStoreImpl>();
+    EXPECT_EQ(options.proxyStore->Init(config), S_OK);
+    options.isProxyGiven = true;
+}
+void UseProxy(Options& options, const std::string& proxy)
+{
+    CHTTPProxyConfigData config;
+    config.manualProxy = TestSupport::Wide(proxy);
+    UseProxy(options, config);
+}
+void UseScript(Options& options, const std::string& url)
+{
+    CHTTPProxyConfigData config;
+    config.pacFileUrl = TestSupport::Wide(url);
+    UseProxy(options, config);
+}
+void OnlyCurl(Options& options)
+{
+    options.engines = { kCurl };
+    options.configuredEngine = kCurl;
+}
+
+CVoDiagnosisReport Diagnose(const std::string& url, const std::function<void(Options&)>& change = OnlyCurl)
+{
+    Options options;
+    options.url = TestSupport::Wide(url);
+    options.probeTimeout = 5;
+    UseProxy(options, CHTTPProxyConfigData());
+    change(options);
+    CVoDiagnosisReport report;
+    EXPECT_EQ(CVoDiagnosis(options).Run(nullptr, report), S_OK);
+    const std::string outputs = OutputsOf(report);
+    for (const char* const secret : kSecrets)
+        EXPECT_EQ(outputs.find(secret), std::string::npos) << secret;
+    EXPECT_TRUE(
+        std::none_of(outputs.begin(), outputs.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20 && c != '\n'; }));
+    return report;
+}
+std::string Result(const CVoDiagnosisReport& report)
+{
+    return std::string(VoVerdictName(report.verdict)) + ' ' + report.failedCheck + ' ' + report.cause;
+}
+std::string CauseOf(const CVoDiagnosisReport& report, const std::string& id)
+{
+    for (const CVoCheck& check : report.checks)
+        if (check.id == id)
+            return check.cause;
+    return "no such check";
+}
+
+CVoComPtr<IVoAuthenticationCallback> Answers()
+{
+    auto answers = VoMakeComObject<TestSupport::CScriptedAuthCallback>();
+    answers->AnswerServer({ { L"user", L"planted-password" } });
+    answers->AnswerProxy({ { L"user", L"planted-password" } });
+    return { answers.Get() };
+}
+
+// One server with a fault on each path; every other path is healthy.
+void Serve(const CRequest& request, CConnection& connection)
+{
+    const Loopback::CHeaders cookie{ { "Set-Cookie", "id=planted-cookie" }, { "X-Hostile", "\x1b[31m<script>" } };
+    const std::string_view path = request.Path();
+    if (path == "/404" || path == "/503" || path == "/511" || path == "/204")
+        connection.SendResponse(std::stoi(std::string(path.substr(1))), cookie);
+    else if (path == "/private" && request.Header("Authorization").empty())
+        connection.SendResponse(401, { { "WWW-Authenticate", "Basic realm=\"\x1b[2J\"" } });
+    else if (path == "/bearer")
+        connection.SendResponse(401, { { "WWW-Authenticate", "Bearer" } });
+    else if (path == "/loop")
+        connection.SendResponse(302, { { "Location", "/loop?planted-secret" } });
+    else if (path == "/truncated")
+    {
+        connection.Send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nhalf");
+        connection.CloseNow();
+    }
+    else if (path == "/lost")
+        connection.CloseNow();
+    else if (path == "/malformed")
+    {
+        connection.Send("\x1b[31mSMTP ready <script>\r\n\r\n");
+        connection.CloseNow();
+    }
+    else if (path == "/silent")
+        connection.WaitForPeerClose(std::chrono::seconds(30));
+    else if (path == "/old")
+        connection.SendResponse(200, { { "Date", "Sun, 06 Nov 1994 08:49:37 GMT" } }, "x");
+    else
+        connection.SendResponse(200, cookie, "<html>\x1b[31m</html>");
+}
+
+TEST(Diagnosis, FindsTheFaultOfARealServer)
+{
+    const Loopback::CLoopbackServer server(Serve);
+    const std::pair<const char*, const char*> table[] = {
+        { "/", "ok  " },
+        { "/404", "server http-curl status_4xx" },
+        { "/503", "server http-curl status_5xx" },
+        { "/204", "server http-curl response_malformed" },
+        { "/511", "portal portal captive_portal" },
+        { "/private", "credentials http-curl authentication" },
+        { "/bearer", "credentials http-curl scheme_unsupported" },
+        { "/loop", "server http-curl redirect_loop" },
+        { "/truncated", "server http-curl response_truncated" },
+        { "/lost", "server http-curl connection_lost" },
+        { "/malformed", "server http-curl response_malformed" },
+        { "/old", "degraded  " },
+    };
+    for (const auto& [path, result] : table)
+    {
+        SCOPED_TRACE(path);
+        const CVoDiagnosisReport report = Diagnose(server.URL(path) + "?planted-secret");
+        EXPECT_EQ(Result(report), result);
+        EXPECT_EQ(CauseOf(report, "clock"), std::string_view(path) == "/old" ? "clock_skew" : "");
+    }
+}
+
+TEST(Diagnosis, TriesAllTransportsSideBySide)
+{
+    const Loopback::CLoopbackServer server(Serve);
+    const auto all = [](Options&) {};
+    const CVoDiagnosisReport healthy = Diagnose(server.URL("/?planted-secret"), all);
+    EXPECT_EQ(Result(healthy), "ok  ");
+    EXPECT_EQ(healthy.timelines.size(), 3U);
+    for (const CVoTimeline& line : healthy.timelines)
+    {
+        EXPECT_EQ(line.statusCode, 200U) << line.engine;
+        EXPECT_TRUE(line.firstByte || line.total) << line.engine;
+    }
+    EXPECT_EQ(Result(Diagnose(server.URL("/404"), all)), "server http-wininet status_4xx");
+    // WinINet does not answer challenges; the others do. No dialog is shown.
+    const CVoDiagnosisReport answered = Diagnose(server.URL("/private"), [](Options& o) { o.makeAuthCallback = Answers; });
+    EXPECT_EQ(Result(answered), "credentials http-wininet authentication");
+    EXPECT_EQ(answered.recommendedEngine, "winhttp");
+    EXPECT_EQ(CauseOf(answered, "agreement"), "transports_differ");
+    EXPECT_EQ(Result(Diagnose(server.URL("/"), [](Options& o) { o.post = true; })), "ok  ");
+}
+
+TEST(Diagnosis, FindsThatNobodyListens)
+{
+    std::string url;
+    {
+        const Loopback::CLoopbackServer server(Serve);
+        url = server.URL("/?planted-secret");
+    }
+    EXPECT_EQ(Result(Diagnose(url, [](Options&) {})), "server connect connect_refused");
+    EXPECT_EQ(Result(Diagnose("http://no-such-name.invalid/")), "name name name_not_found");
+    EXPECT_EQ(Result(Diagnose("ftp://user:planted-password@h/?planted-secret")), "address address address_malformed");
+}
+
+TEST(Diagnosis, FollowsARedirectToAnotherHost)
+{
+    Loopback::COptions elsewhere;
+    elsewhere.host = 2;
+    const Loopback::CLoopbackServer other(Serve, elsewhere);
+    const Loopback::CLoopbackServer server([&](const CRequest&, CConnection& connection)
+    { connection.SendResponse(302, { { "Location", other.URL("/?planted-secret") } }); });
+    const CVoDiagnosisReport report = Diagnose(server.URL());
+    EXPECT_EQ(Result(report), "degraded  ");
+    EXPECT_EQ(CauseOf(report, "http-curl"), "redirect_other_host");
+}
+
+TEST(Diagnosis, FindsTheFaultOfAProxy)
+{
+    const Loopback::CLoopbackServer server(Serve);
+    std::atomic<int> mode{ 0 };
+    const Loopback::CLoopbackServer proxy([&](const CRequest& request, CConnection& connection)
+    {
+        if (mode == 1)
+            connection.SendResponse(403, { { "Proxy-Status", "proxy; error=http_request_denied" } });
+        else if (mode == 2 && request.Header("Proxy-Authorization").empty())
+            connection.SendResponse(407, { { "Proxy-Authenticate", "Basic realm=\"r\"" } });
+        else if (mode == 3)
+            connection.SendResponse(407, { { "Proxy-Authenticate", "Bearer" } });
+        else if (mode == 4)
+            connection.CloseNow();
+        else
+            Serve(request, connection);
+    });
+    const std::string name = "127.0.0.1:" + std::to_string(proxy.Port());
+    const auto through = [&](int how, bool answers = false)
+    {
+        mode = how;
+        return Diagnose("http://www.test/?planted-secret", [&](Options& o)
+        {
+            OnlyCurl(o);
+            UseProxy(o, name);
+            if (answers)
+                o.makeAuthCallback = Answers;
+        });
+    };
+    EXPECT_EQ(Result(through(0)), "ok  ");
+    EXPECT_EQ(Result(through(1)), "proxy proxy-connect proxy_denied");
+    EXPECT_EQ(Result(through(2)), "credentials proxy-connect proxy_authentication");
+    EXPECT_EQ(Result(through(2, true)), "ok  ");
+    EXPECT_EQ(Result(through(3)), "proxy proxy-connect proxy_scheme_unsupported");
+    EXPECT_EQ(Result(through(4)), "proxy proxy-connect proxy_refused");
+
+    std::string closed;
+    {
+        const Loopback::CLoopbackServer gone(Serve);
+        closed = "127.0.0.1:" + std::to_string(gone.Port());
+    }
+    EXPECT_EQ(Result(Diagnose(server.URL(),
+                              [&](Options& o)
+    {
+        OnlyCurl(o);
+        UseProxy(o, closed);
+    })),
+              "proxy proxy-connect proxy_refused");
+    EXPECT_EQ(Result(Diagnose(server.URL(),
+                              [&](Options& o)
+    {
+        OnlyCurl(o);
+        UseProxy(o, "no-such-proxy.invalid:8080");
+    })),
+              "proxy proxy-connect proxy_name_not_found");
+
+    // Scripts: one that is not there, and one that names a dead proxy.
+    const Loopback::CLoopbackServer scripts([&](const CRequest& request, CConnection& connection)
+    {
+        if (request.Path() == "/dead.pac")
+            connection.SendResponse(200, { { "Content-Type", "application/x-ns-proxy-autoconfig" } },
+                                    "function FindProxyForURL(u, h) { return 'PROXY " + closed + "'; }");
+        else
+            connection.SendResponse(404);
+    });
+    const CVoDiagnosisReport missing = Diagnose(server.URL(), [&](Options& o)
+    {
+        OnlyCurl(o);
+        UseScript(o, scripts.URL("/none.pac?planted-secret"));
+    });
+    EXPECT_EQ(Result(missing), "degraded  ");
+    EXPECT_EQ(CauseOf(missing, "proxy"), "proxy_script_unreachable");
+    EXPECT_EQ(Result(Diagnose("http://www.test/",
+                              [&](Options& o)
+    {
+        OnlyCurl(o);
+        UseScript(o, scripts.URL("/dead.pac"));
+    })),
+              "proxy proxy-connect proxy_refused");
+}
+
+TEST(Diagnosis, JudgesTheCertificatesOfARealServer)
+{
+    VO_NEEDS_TEST_SERVERS();
+    const TestSupport::CTestServers& servers = *TestSupport::TestServers();
+    const auto cause = [](uint16_t port, bool verify = true)
+    {
+        return CauseOf(Diagnose("https://localhost:" + std::to_string(port) + "/post",
+                                [=](Options& o)
+        {
+            OnlyCurl(o);
+            o.verifyServerCertificate = verify;
+        }),
+                       "tls");
+    };
+    EXPECT_EQ(cause(servers.tlsPort), "certificate_issuer");
+    EXPECT_EQ(cause(servers.otherHostPort), "certificate_name");
+    EXPECT_EQ(cause(servers.expiredPort), "certificate_expired");
+    EXPECT_EQ(cause(servers.port), "not_tls");
+    // With the check switched off the program accepts any certificate.
+    const CVoDiagnosisReport accepted = Diagnose(servers.SecureURL("/post"), [](Options& o)
+    {
+        OnlyCurl(o);
+        o.verifyServerCertificate = false;
+    });
+    EXPECT_EQ(Result(accepted), "degraded  ");
+    // The same through a tunnel.
+    const CVoDiagnosisReport tunnel = Diagnose(servers.SecureURL("/post"), [&](Options& o)
+    {
+        OnlyCurl(o);
+        UseProxy(o, "127.0.0.1:" + std::to_string(servers.squidPort));
+    });
+    EXPECT_EQ(CauseOf(tunnel, "tls"), "certificate_issuer");
+    EXPECT_EQ(CauseOf(tunnel, "proxy-connect"), "");
+}
+
+// What each state of a check was, in order.
+class CStates final : public IVoDiagnosisObserver
+{
+public:
+    void OnCheck(const CVoCheck& check) noexcept override { m_states[check.id].push_back(check.status); }
+    [[nodiscard]] const std::map<std::string, std::vector<EVoCheckStatus>>& States() const noexcept { return m_states; }
+
+private:
+    std::map<std::string, std::vector<EVoCheckStatus>> m_states;
+};
+
+TEST(Diagnosis, TellsEachFinalStateOnce)
+{
+    const Loopback::CLoopbackServer server(Serve);
+    Options options;
+    options.url = TestSupport::Wide(server.URL());
+    UseProxy(options, CHTTPProxyConfigData());
+    CStates states;
+    CVoDiagnosisReport report;
+    CVoDiagnosis diagnosis(options);
+    ASSERT_EQ(diagnosis.Run(&states, report), S_OK);
+    EXPECT_EQ(diagnosis.Run(&states, report), E_UNEXPECTED);
+    for (const CVoCheck& check : report.checks)
+    {
+        const auto found = states.States().find(check.id);
+        ASSERT_NE(found, states.States().end()) << check.id;
+        EXPECT_EQ(found->second.back(), check.status) << check.id;
+        EXPECT_LE(found->second.size(), 2U) << check.id;
+    }
+    options.engines = { 9 };
+    EXPECT_EQ(CVoDiagnosis(options).Run(nullptr, report), E_INVALIDARG);
+    options.engines = { kCurl };
+    options.probeTimeout = 0;
+    EXPECT_EQ(CVoDiagnosis(options).Run(nullptr, report), E_INVALIDARG);
+}
+
+TEST(Diagnosis, EndsWhenItIsCancelled)
+{
+    std::promise<void> arrived;
+    std::once_flag once;
+    const Loopback::CLoopbackServer server([&](const CRequest& request, CConnection& connection)
+    {
+        if (request.Path() == "/silent")
+            std::call_once(once, [&] { arrived.set_value(); });
+        Serve(request, connection);
+    });
+    Options options;
+    options.url = TestSupport::Wide(server.URL("/silent"));
+    options.probeTimeout = 3600;
+    UseProxy(options, CHTTPProxyConfigData());
+    OnlyCurl(options);
+    CVoDiagnosis diagnosis(options);
+    CVoDiagnosisReport report;
+    std::thread canceller([&]
+    {
+        arrived.get_future().wait();
+        diagnosis.Cancel();
+        diagnosis.Cancel();
+    });
+    EXPECT_EQ(diagnosis.Run(nullptr, report), kResultCancelled);
+    canceller.join();
+    EXPECT_TRUE(report.isCancelled);
+    EXPECT_EQ(report.failedCheck, "");
+    for (const CVoCheck& check : report.checks)
+        EXPECT_TRUE(check.IsFinal()) << check.id;
+    // Before its run, too.
+    CVoDiagnosis early(options);
+    early.Cancel();
+    EXPECT_EQ(early.Run(nullptr, report), kResultCancelled);
+}
+
+TEST(Diagnosis, TellsASilentServerAfterTheTimeOfAProbe)
+{
+    const Loopback::CLoopbackServer server(Serve);
+    EXPECT_EQ(Result(Diagnose(server.URL("/silent"),
+                              [](Options& o)
+    {
+        OnlyCurl(o);
+        o.probeTimeout = 1;
+    })),
+              "server http-curl timeout");
+}
+} // namespace
