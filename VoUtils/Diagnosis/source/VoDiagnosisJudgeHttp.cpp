@@ -43,7 +43,11 @@ void AddFacts(CFinding& finding, const CHttpProbe& probe)
         schemes = attempt.responses.back().schemes;
     finding.Fact("engine", Wide(probe.engine)).Fact("result", HResultText(h.result)).Fact("statusCode", INT64{ h.statusCode });
     finding.Fact("bodyBytes", static_cast<INT64>(h.bodyBytes)).Fact("attempts", static_cast<INT64>(h.record.attempts.size()));
-    finding.Fact("redirects", attempt.redirects).Fact("schemes", schemes).Fact("addresses", attempt.addresses);
+    std::vector<std::wstring> addresses;
+    for (const std::wstring& address : attempt.addresses)
+        if (std::find(addresses.begin(), addresses.end(), address) == addresses.end())
+            addresses.push_back(address);
+    finding.Fact("redirects", attempt.redirects).Fact("schemes", schemes).Fact("addresses", addresses);
     finding.Fact("remoteAddress", attempt.remoteAddress).Fact("proxy", attempt.proxy).Fact("reason", attempt.reason);
 }
 
@@ -111,11 +115,14 @@ bool IsNoAddressReached(const CFacts& f)
     return std::none_of(f.connect.begin(), f.connect.end(), [](const CConnectAttempt& a) { return a.outcome == EOutcome::Ok; });
 }
 
-// Whether a target came more than once.
-bool IsLoop(const std::vector<std::wstring>& redirects)
+// Whether a target came more than once, or more redirects came than any way needs.
+bool IsLoop(const CAttempt& attempt)
 {
-    return std::any_of(redirects.begin(), redirects.end(),
-                       [&](const std::wstring& url) { return std::count(redirects.begin(), redirects.end(), url) > 1; });
+    constexpr auto kMany = 10;
+    const auto isRedirect = [](const CVoExchangeRecord::CResponse& r) { return r.statusCode >= 300 && r.statusCode < 400; };
+    return std::count_if(attempt.responses.begin(), attempt.responses.end(), isRedirect) >= kMany ||
+           std::any_of(attempt.redirects.begin(), attempt.redirects.end(), [&](const std::wstring& url)
+    { return std::count(attempt.redirects.begin(), attempt.redirects.end(), url) > 1; });
 }
 
 // The failure of a request that no other check explains.
@@ -138,8 +145,8 @@ CProblem ProblemOf(const CHttpProbe& probe)
     case EVoFailure::RedirectLoop:
         return { "redirect_loop", attempt.redirects.empty() ? reason : attempt.redirects.back() };
     case EVoFailure::RedirectRefused:
-        if (IsLoop(attempt.redirects))
-            return { "redirect_loop", attempt.redirects.back() };
+        if (IsLoop(attempt))
+            return { "redirect_loop", attempt.redirects.empty() ? reason : attempt.redirects.back() };
         return { "redirect_other_host", reason };
     default:
         break;
