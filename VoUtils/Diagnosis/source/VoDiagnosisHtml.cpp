@@ -27,7 +27,10 @@ summary{cursor:pointer;display:grid;grid-template-columns:1.5rem 11rem 1fr;gap:.
 summary b{font-weight:600}
 summary::marker{content:""}
 summary .mark{font-weight:700}
-table{border-collapse:collapse;font-size:.875rem;margin:.5rem 0 0 1.75rem}
+details p,details>table{margin-left:1.75rem}
+table{border-collapse:collapse;font-size:.875rem;margin-top:.5rem}
+td table{margin:0 0 .5rem}
+td table tr:first-child>*{border-top:0}
 td,th{border:0;border-top:1px solid var(--line);padding:.125rem .5rem .125rem 0;text-align:left;vertical-align:top;font-weight:400}
 th{color:var(--soft);white-space:nowrap}
 .line{display:grid;grid-template-columns:8rem 1fr 5rem;gap:.5rem;align-items:center;margin:.25rem 0}
@@ -35,7 +38,7 @@ th{color:var(--soft);white-space:nowrap}
 .bar span{min-width:2px;height:100%}
 .name{background:#7b61c9}.connect{background:#2f7fd1}.tls{background:#1a9c8c}.sent{background:#8fae2d}.firstByte{background:#e09b2d}.total{background:#c95b76}
 .key{display:inline-block;width:.75rem;height:.75rem;margin:0 .25rem 0 .75rem;border-radius:2px}
-@media(max-width:40rem){summary{grid-template-columns:1.5rem 1fr}summary .detail{grid-column:2}.line{grid-template-columns:5.5rem 1fr 4.5rem}table{margin-left:0}}
+@media(max-width:40rem){summary{grid-template-columns:1.5rem 1fr}summary .detail{grid-column:2}.line{grid-template-columns:5.5rem 1fr 4.5rem}details p,details>table{margin-left:0}}
 @media print{body{background:#fff}section{break-inside:avoid}}
 )";
 
@@ -203,12 +206,12 @@ std::string VoRenderHtml(const CVoDiagnosisReport& report)
             page += "<li>" + Escaped(step) + "</li>\n";
         page += "</ol>\n";
     }
-    page += "</section>\n<section><h2>Checks</h2>\n";
-    for (const CVoCheck& check : report.checks)
-        AppendCheck(page, check);
     page += "</section>\n";
     if (!report.timelines.empty())
         AppendTimelines(page, report);
-    page += "</main></body></html>\n";
+    page += "<section><h2>Checks</h2>\n";
+    for (const CVoCheck& check : report.checks)
+        AppendCheck(page, check);
+    page += "</section>\n</main></body></html>\n";
     return page;
 }

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <iterator>
 
 namespace VoDiagnosis
 {
@@ -121,10 +122,18 @@ std::optional<CSkew> FindSkew(const CFacts& f)
 
 std::wstring Duration(INT64 seconds)
 {
+    struct CUnit
+    {
+        INT64 seconds;
+        const wchar_t* name;
+    };
+    static constexpr CUnit kUnits[] = { { kDay, L" day" }, { 3600, L" hour" }, { 60, L" minute" }, { 1, L" second" } };
     const INT64 size = std::abs(seconds);
-    const wchar_t* unit = size >= 2 * kDay ? L" days" : size >= 2 * 3600 ? L" hours" : size >= 120 ? L" minutes" : L" seconds";
-    const INT64 count = size >= 2 * kDay ? size / kDay : size >= 2 * 3600 ? size / 3600 : size >= 120 ? size / 60 : size;
-    return std::to_wstring(count) + unit;
+    // The largest unit of which there are two at least; seconds for less.
+    const CUnit& unit =
+        *std::find_if(std::begin(kUnits), std::end(kUnits) - 1, [=](const CUnit& u) { return size >= 2 * u.seconds; });
+    const INT64 count = size / unit.seconds;
+    return std::to_wstring(count) + unit.name + (count == 1 ? L"" : L"s");
 }
 
 // Faults of the certificate, and what TLS itself did, by priority.
