@@ -50,7 +50,7 @@ CFacts Healthy()
         state = { EState::Done, 1000 };
     f.State(EProbe::ProxyConnect).state = EState::NotRun;
     f.settings = { L"C:\\ModuleSettings.ini", true, { L"SETTINGS/HTTPEngine=0" }, {}, false, L"C:\\x.log", L"" };
-    f.address = { true, L"server.test", 443, true, L"/path", 20, false };
+    f.address = { true, L"server.test", L"server.test", 443, true, L"/path", 20, false };
     f.name.addresses = { L"192.0.2.1", L"2001:db8::1" };
     f.connect = { { L"192.0.2.1", EOutcome::Ok, 900 }, { L"2001:db8::1", EOutcome::Ok, 1100 } };
     f.tls.protocol = L"TLS 1.2";
@@ -434,6 +434,13 @@ const std::vector<CScenario>& All()
         f.portal.statusCode = 302;
         f.portal.targetHost = L"login.hotspot.test";
     }, "portal", "portal captive_portal", "", "" },
+        { "an expired certificate of the right name, plain http goes elsewhere",
+          [](CFacts& f)
+    {
+        f.tls.chain[0].notAfter = TimeAt(kNow - kDay);
+        BadCertificate(f, CERT_TRUST_IS_NOT_TIME_VALID);
+        f.portal.targetHost = L"shop.test";
+    }, "tls", "tls certificate_expired", "", "" },
         { "status 511",
           [](CFacts& f)
     {

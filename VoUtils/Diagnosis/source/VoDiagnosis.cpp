@@ -64,6 +64,10 @@ CAddressFacts ReadAddress(const std::wstring& url)
     if (!facts.isValid)
         return facts;
     facts.host = address.Host();
+    constexpr int kMaximumHost = 256;
+    wchar_t ascii[kMaximumHost]{};
+    const int length = ::IdnToAscii(0, facts.host.data(), static_cast<int>(facts.host.size()), ascii, kMaximumHost);
+    facts.asciiHost = length > 0 ? std::wstring(ascii, static_cast<size_t>(length)) : facts.host;
     facts.port = address.EffectivePort();
     facts.isSecure = address.IsSecure();
     facts.path = address.Path();
@@ -307,7 +311,14 @@ CVoDiagnosisReport CRunner::Run()
         if (!m_isCancelled)
             JudgeAll();
     }
+    std::vector<std::string> unfinished;
+    for (const CVoCheck& check : m_checks)
+        if (!check.IsFinal())
+            unfinished.push_back(check.id);
     CVoDiagnosisReport report = Conclude(m_facts, std::move(m_checks));
+    for (const CVoCheck& check : report.checks)
+        if (m_observer && std::find(unfinished.begin(), unfinished.end(), check.id) != unfinished.end())
+            m_observer->OnCheck(check);
     report.time = time;
     report.microseconds = VoGetMicroseconds() - start;
     return report;

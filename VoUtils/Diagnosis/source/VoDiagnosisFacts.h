@@ -75,7 +75,8 @@ struct CAddressFacts
 {
     bool isValid = false;
     std::wstring host;
-    UINT16 port = 0; // the one to connect to
+    std::wstring asciiHost; // the same in ASCII (RFC 5891), as the resolver, certificates and requests have it
+    UINT16 port = 0;        // the one to connect to
     bool isSecure = false;
     std::wstring path;
     size_t queryLength = 0;

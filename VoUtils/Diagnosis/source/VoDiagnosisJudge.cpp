@@ -188,6 +188,20 @@ std::vector<CProblem> TlsProblems(const CFacts& f)
     return problems;
 }
 
+// Whether the server that answers by TLS may be somebody else. A certificate of the right name and a trusted issuer is the
+// server's own, also when it has expired.
+bool MayAnotherAnswer(const CFacts& f)
+{
+    if (!f.address.isSecure || !f.State(EProbe::Tls).IsDone())
+        return true;
+    const std::vector<CProblem> problems = TlsProblems(f);
+    return std::any_of(problems.begin(), problems.end(), [](const CProblem& problem)
+    {
+        const std::string_view cause = problem.cause;
+        return cause == "certificate_name" || cause == "certificate_issuer" || cause == "not_tls" || cause == "tls_handshake";
+    });
+}
+
 // Whether the dates of all certificates are right at the server's time.
 bool DoesClockExplainCertificate(const CFacts& f, INT64 skew)
 {
@@ -468,7 +482,7 @@ std::optional<CFinding> JudgePortalCheck(const CFacts& f)
     const CPortalFacts& p = f.portal;
     finding.Fact("statusCode", INT64{ p.statusCode }).Fact("location", p.location);
     const bool isOtherHost = !p.targetHost.empty() && !IsSameSite(p.targetHost, f.address.host);
-    const bool isKept = !AnyWorks(f);
+    const bool isKept = !AnyWorks(f) && MayAnotherAnswer(f);
     if (p.statusCode == kNetworkAuthentication)
         return finding.Fault("captive_portal", WhenMainFails(f), L"status 511");
     if (p.hasGatewayMark && isKept)

@@ -244,7 +244,7 @@ std::optional<CFinding> JudgeAgreement(const CFacts& f)
     if (!isSame)
         return finding.Fault("transports_differ", EVoCheckStatus::Warn, differences);
     if (!AnyWorks(f))
-        return finding.Pass(L"None of the transports works.");
+        return finding.NotApplicable(L"None of the transports works.");
     return finding.Pass(isSameSize ? L"The transports get the same response."
                                    : L"The responses have different sizes, in bytes: " + sizes + L".");
 }

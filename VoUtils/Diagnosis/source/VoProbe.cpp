@@ -78,7 +78,7 @@ CApply CollectName(const CProbeContext& context)
 {
     CNameFacts facts;
     std::vector<CSocketAddress> addresses;
-    facts.error = Resolve(context.facts.address.host, context.facts.address.port, addresses);
+    facts.error = Resolve(context.facts.address.asciiHost, context.facts.address.port, addresses);
     for (const CSocketAddress& address : addresses)
         facts.addresses.push_back(address.text);
     if (addresses.empty())
@@ -155,7 +155,8 @@ void SplitProxy(const std::wstring& proxy, std::wstring& host, UINT16& port)
 
 std::string ConnectRequest(const CAddressFacts& address)
 {
-    const std::string host = AsciiOf(address.host.find(L':') == std::wstring::npos ? address.host : L'[' + address.host + L']');
+    const std::string host =
+        AsciiOf(address.asciiHost.find(L':') == std::wstring::npos ? address.asciiHost : L'[' + address.asciiHost + L']');
     const std::string target = host + ':' + std::to_string(address.port);
     return "CONNECT " + target + " HTTP/1.1\r\nHost: " + target + "\r\n" + "User-Agent: VoUtils connection doctor\r\n\r\n";
 }
@@ -388,8 +389,8 @@ std::string AsciiOf(std::wstring_view text)
 
 std::string AuthorityOf(const CAddressFacts& address)
 {
-    const bool isIPv6 = address.host.find(L':') != std::wstring::npos;
-    const std::string host = AsciiOf(isIPv6 ? L'[' + address.host + L']' : address.host);
+    const std::wstring& name = address.asciiHost;
+    const std::string host = AsciiOf(name.find(L':') != std::wstring::npos ? L'[' + name + L']' : name);
     const UINT16 standard = address.isSecure ? 443 : kHttpPort;
     return address.port == standard ? host : host + ':' + std::to_string(address.port);
 }

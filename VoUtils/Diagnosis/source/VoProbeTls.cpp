@@ -1,11 +1,14 @@
 // The TLS probe: a client of Schannel on a socket of its own, so that each phase has its time, and the server's certificates
 // can be read whatever they are.
 #define SECURITY_WIN32
+#define SCHANNEL_USE_BLACKLISTS // declares SCH_CREDENTIALS
 #include "VoCertificate.h"
 #include "VoProbe.h"
 
 #include <base/VoDateTime.h>
 #include <base/VoText.h>
+
+#include <winternl.h>
 
 #include <schannel.h>
 #include <security.h>
@@ -24,14 +27,18 @@ class CCredentials
 public:
     CCredentials() noexcept
     {
-        SCHANNEL_CRED settings{};
-        settings.dwVersion = SCHANNEL_CRED_VERSION;
         // The chain is judged by the probe itself. No certificate of the user is sent.
-        settings.dwFlags = SCH_CRED_MANUAL_CRED_VALIDATION | SCH_CRED_NO_DEFAULT_CREDS;
-        wchar_t package[] = UNISP_NAME_W;
-        TimeStamp expiry{};
-        m_status = ::AcquireCredentialsHandleW(nullptr, package, SECPKG_CRED_OUTBOUND, nullptr, &settings, nullptr, nullptr,
-                                               &m_handle, &expiry);
+        constexpr DWORD kFlags = SCH_CRED_MANUAL_CRED_VALIDATION | SCH_CRED_NO_DEFAULT_CREDS;
+        // Only this form knows TLS 1.3. Systems before Windows 10 1809 refuse it.
+        SCH_CREDENTIALS newer{};
+        newer.dwVersion = SCH_CREDENTIALS_VERSION;
+        newer.dwFlags = kFlags;
+        SCHANNEL_CRED older{};
+        older.dwVersion = SCHANNEL_CRED_VERSION;
+        older.dwFlags = kFlags;
+        Acquire(&newer);
+        if (m_status != SEC_E_OK)
+            Acquire(&older);
     }
     ~CCredentials()
     {
@@ -45,8 +52,16 @@ public:
     [[nodiscard]] CredHandle* Get() noexcept { return &m_handle; }
 
 private:
+    void Acquire(void* settings) noexcept
+    {
+        wchar_t package[] = UNISP_NAME_W;
+        TimeStamp expiry{};
+        m_status = ::AcquireCredentialsHandleW(nullptr, package, SECPKG_CRED_OUTBOUND, nullptr, settings, nullptr, nullptr,
+                                               &m_handle, &expiry);
+    }
+
     CredHandle m_handle{};
-    SECURITY_STATUS m_status;
+    SECURITY_STATUS m_status = SEC_E_INTERNAL_ERROR;
 };
 
 // One TLS connection.
@@ -284,7 +299,7 @@ CApply CollectTls(const CProbeContext& context)
     facts.connectMicroseconds = VoGetMicroseconds() - start;
     if (facts.outcome == EOutcome::Ok)
     {
-        const std::wstring& host = context.facts.address.host;
+        const std::wstring& host = context.facts.address.asciiHost;
         CTlsClient client(socket);
         client.Handshake(host, context.Limit(), facts);
         facts.handshakeMicroseconds = VoGetMicroseconds() - start - facts.connectMicroseconds;
