@@ -44,8 +44,8 @@ std::vector<CCommandEntry> AllCommands()
 {
     std::vector<CCommandEntry> all;
     for (const auto& family :
-         { RequestCommands(), DoctorCommands(), AddressCommands(), EncodingCommands(), ParameterCommands(), SignatureCommands(), IniCommands(),
-           SystemCommands(), WmiCommands(), DemoCommands(), BatchCommands() })
+         { RequestCommands(), DoctorCommands(), AddressCommands(), EncodingCommands(), ParameterCommands(), SignatureCommands(),
+           IniCommands(), SystemCommands(), WmiCommands(), DemoCommands(), BatchCommands() })
         all.insert(all.end(), family.begin(), family.end());
     return all;
 }
