@@ -15,10 +15,16 @@ TEST(ExchangeText, AddressesLoseUserAndQuery)
         { L"http://h/a@b", L"http://h/a@b" },
         { L"http://h?u@x", L"http://h?<3 characters>" },
         { L"/p?token=1", L"/p?<7 characters>" },
+        { L"//u:p@h/p", L"//h/p" },
+        { L"\\\\u:p@h", L"\\\\h" },
+        { L"<http://a/>; x, <http://u:p@b/?k>", L"<http://a/>; x, <http://b/?<2 characters>" },
         { L"", L"" },
     };
     for (const auto& [url, expected] : cases)
         EXPECT_EQ(VoHideQuery(url), expected) << testing::PrintToString(std::wstring(url));
+    for (const wchar_t* const proxy : { L"p:80", L"u:s3cr3t@p:80", L"u:s3cr3t@x@p:80" })
+        EXPECT_EQ(VoHideProxyUser(proxy), L"p:80");
+    EXPECT_EQ(VoHideProxyUser(L"http://u:s3cr3t@p:80"), L"http://p:80");
 }
 
 TEST(ExchangeText, HeadersKeepTheirOrderAndLoseTheirSecrets)
@@ -28,7 +34,7 @@ TEST(ExchangeText, HeadersKeepTheirOrderAndLoseTheirSecrets)
     VoSplitHeader(L"HTTP/1.1 407 Who?\r\nX-A: 1\r\n \t2\r\nno colon\r\nSet-Cookie: id=s3cr3t; Path=/\r\nset-cookie: s3cr3t\r\n"
                   L"Location: http://u:s3cr3t@h/p?s3cr3t\r\nProxy-Authenticate: NTLM s3cr3t==\r\n"
                   L"Proxy-Authenticate: Digest realm=\"s3cr3t, Basic x\", nonce=s3cr3t, Basic realm=\"a\\\"b\"\r\n"
-                  L"Authentication-Info: s3cr3t\nX-a:  \r\n\r\n",
+                  L"Authentication-Info: s3cr3t\nX-Auth-Token: s3cr3t\nX-From: http://h/?s3cr3t\nX-a:  \r\n\r\n",
                   statusLine, headers);
     EXPECT_EQ(statusLine, L"HTTP/1.1 407 Who?");
     EXPECT_EQ(VoStatusCode(statusLine), 407U);
@@ -39,7 +45,7 @@ TEST(ExchangeText, HeadersKeepTheirOrderAndLoseTheirSecrets)
         text += header.name + L"=" + header.value + L"\n";
     EXPECT_EQ(text, L"X-A=1 2\nSet-Cookie=id=<hidden>; Path=/\nset-cookie=<hidden>\nLocation=http://h/p?<6 characters>\n"
                     L"Proxy-Authenticate=NTLM <hidden>\nProxy-Authenticate=Digest, Basic <hidden>\n"
-                    L"Authentication-Info=<hidden>\nX-a=\n");
+                    L"Authentication-Info=<hidden>\nX-Auth-Token=<hidden>\nX-From=http://h/?<6 characters>\nX-a=\n");
     for (const wchar_t* const line : { L"", L"HTTP/1.1", L"HTTP/1.1 x", L"HTTP/1.1 99999999999" })
         EXPECT_EQ(VoStatusCode(line), 0U);
 }

@@ -13,9 +13,10 @@ namespace
 {
 constexpr std::wstring_view kHidden = L"<hidden>";
 
-// Headers whose whole value is hidden. A challenge keeps its scheme: see HideChallenge.
-constexpr const wchar_t* kSecretHeaders[] = { L"Authorization", L"Proxy-Authorization", L"Cookie", L"Authentication-Info",
-                                              L"Proxy-Authentication-Info" };
+// Parts of the names of headers whose whole value is hidden: the standard ones (Authorization, Cookie, Authentication-Info) and
+// what applications call theirs (X-Auth-Token, X-Api-Key). A challenge keeps its scheme: see HideChallenge.
+constexpr const wchar_t* kSecretParts[] = { L"Auth",      L"Cookie",  L"Token",   L"Secret", L"Password",
+                                            L"Signature", L"Session", L"Api-Key", L"ApiKey" };
 constexpr const wchar_t* kAddressHeaders[] = { L"Location", L"Content-Location", L"Refresh", L"Referer", L"Link" };
 constexpr const wchar_t* kChallengeHeaders[] = { L"WWW-Authenticate", L"Proxy-Authenticate" };
 
@@ -210,20 +211,43 @@ std::vector<std::wstring> VoChallengeSchemes(const std::vector<CVoHTTPHeader>& h
     return schemes;
 }
 
-std::wstring VoHideQuery(std::wstring_view url)
+std::wstring VoHideUser(std::wstring_view url)
 {
+    constexpr std::wstring_view kSlashes = L"/\\"; // clients take one for the other
     std::wstring text;
-    if (const size_t mark = url.find(L"://"); mark != std::wstring_view::npos)
+    for (size_t from = 0;;)
     {
-        const size_t authority = mark + 3;
+        const size_t mark = url.find_first_of(kSlashes, from);
+        const size_t authority = mark + 2;
+        if (mark == std::wstring_view::npos || authority > url.size())
+            break;
+        from = mark + 1;
+        if (kSlashes.find(url[mark + 1]) == std::wstring_view::npos)
+            continue;
         const size_t end = std::min(url.find_first_of(L"/?#\\", authority), url.size());
         const size_t at = url.substr(0, end).rfind(L'@');
-        text = url.substr(0, authority);
+        text += url.substr(0, authority);
         url.remove_prefix(at == std::wstring_view::npos || at < authority ? authority : at + 1);
+        from = 0;
     }
+    return text.append(url);
+}
+
+std::wstring VoHideProxyUser(std::wstring_view proxy)
+{
+    const size_t at = proxy.rfind(L'@');
+    if (at == std::wstring_view::npos)
+        return std::wstring(proxy);
+    const size_t mark = proxy.substr(0, at).find(L"://");
+    return std::wstring(mark == std::wstring_view::npos ? std::wstring_view() : proxy.substr(0, mark + 3))
+        .append(proxy.substr(at + 1));
+}
+
+std::wstring VoHideQuery(std::wstring_view url)
+{
     url = url.substr(0, url.find(L'#'));
     const size_t query = url.find(L'?');
-    text += url.substr(0, query);
+    std::wstring text = VoHideUser(url.substr(0, query));
     if (query != std::wstring_view::npos)
         text.append(L"?<").append(std::to_wstring(url.size() - query - 1)).append(L" characters>");
     return text;
@@ -233,13 +257,14 @@ void VoHideSecrets(std::vector<CVoHTTPHeader>& headers)
 {
     for (CVoHTTPHeader& header : headers)
     {
-        if (IsOneOf(header.name, kSecretHeaders))
-            header.value = kHidden;
-        else if (IsOneOf(header.name, kChallengeHeaders))
+        if (IsOneOf(header.name, kChallengeHeaders))
             header.value = HideChallenge(header.value);
         else if (VoEqualsNoCase(header.name, L"Set-Cookie"))
             header.value = HideCookie(header.value);
-        else if (IsOneOf(header.name, kAddressHeaders))
+        else if (std::any_of(std::begin(kSecretParts), std::end(kSecretParts),
+                             [&](const wchar_t* part) { return VoContainsNoCase(header.name, part); }))
+            header.value = kHidden;
+        else if (IsOneOf(header.name, kAddressHeaders) || header.value.find(L"://") != std::wstring::npos)
             header.value = VoHideQuery(header.value);
     }
 }

@@ -92,6 +92,10 @@ void VoSplitHeader(std::wstring_view text, std::wstring& statusLine, std::vector
 // std::bad_alloc.
 [[nodiscard]] std::vector<std::wstring> VoChallengeSchemes(const std::vector<CVoHTTPHeader>& headers);
 
+// The text of URLs without user information. Throws std::bad_alloc.
+[[nodiscard]] std::wstring VoHideUser(std::wstring_view url);
+// A proxy, "[scheme://][user:password@]host:port", without the user and the password. Throws std::bad_alloc.
+[[nodiscard]] std::wstring VoHideProxyUser(std::wstring_view proxy);
 // A URL with the length of its query in place of the query, and without user information. Throws std::bad_alloc.
 [[nodiscard]] std::wstring VoHideQuery(std::wstring_view url);
 // Hides what may be secret in the values of headers. Throws std::bad_alloc.
