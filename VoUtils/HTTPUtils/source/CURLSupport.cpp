@@ -237,12 +237,14 @@ try
     auto& headers = *static_cast<CHeaderContext*>(context);
     const std::string_view bytes(line, length);
     constexpr std::string_view kStatusLine = "HTTP/";
-    const bool isStatusLine = length >= kStatusLine.size() && ::_strnicmp(line, kStatusLine.data(), kStatusLine.size()) == 0;
+    // A field may begin like a status line, too: that one comes first, or after an empty line.
+    const bool isStatusLine = (headers.bytes == 0 || headers.complete) && length >= kStatusLine.size() &&
+                              ::_strnicmp(line, kStatusLine.data(), kStatusLine.size()) == 0;
     // After the headers come those of the next response or, after a body, trailer fields, which are no headers (RFC 9110,
     // section 6.5.1).
     if (headers.complete && !isStatusLine)
         return length;
-    if (isStatusLine)
+    if (isStatusLine && !headers.statusCode.starts_with(L'1')) // interim responses count with the one behind them
         headers.bytes = headers.fields = headers.cookies = 0;
     headers.bytes += length;
     ++headers.fields; // the status line and the empty line too

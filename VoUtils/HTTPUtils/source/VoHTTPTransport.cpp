@@ -547,7 +547,10 @@ HRESULT CVoHTTPTransport::SendToTarget(CRequest& request, std::span<const BYTE> 
             return hr;
         request.m_trace.end = VoGetMicroseconds();
         if (const HRESULT hr = CheckHeaderLimits(request); FAILED(hr))
+        {
+            request.m_isFinal = true; // the next response would be as large
             return report(m_points.internalSendRAW.limit, hr);
+        }
         const bool proxyAsks = request.m_statusCode == kStatusProxyAuthenticationRequired;
         if (!m_facts.asksBetweenSends || !m_authCallback || (!proxyAsks && request.m_statusCode != kStatusUnauthorized))
             return S_OK;
