@@ -121,6 +121,9 @@ void CCURLTransferRecord::Complete(CURL* handle, INT64 attemptStart, CVoExchange
 CVoFailure CCURLTransferRecord::Explain(CURL* handle, const char* errorText, bool usesProxy) const
 {
     const auto explain = [](EVoFailure kind, bool isProxy = false) { return CVoFailure{ .kind = kind, .isProxy = isProxy }; };
+    // libcurl has a limit of its own, 300 KiB for the headers of a transfer, and no code for it.
+    if (std::string_view(errorText).find("Too large response header") != std::string_view::npos)
+        return explain(EVoFailure::ResponseLimit);
     switch (m_code)
     {
     case CURLE_COULDNT_RESOLVE_PROXY:

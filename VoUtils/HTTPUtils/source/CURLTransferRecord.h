@@ -25,6 +25,9 @@ public:
     // The transfer ended. Returns the code.
     CURLcode End(CURLcode code) noexcept { return m_code = code; }
 
+    // Whether the transfer ended in order.
+    [[nodiscard]] bool IsComplete() const noexcept { return m_code == CURLE_OK; }
+
     // The following throw std::bad_alloc. `handle` is that of the transfer, which has made no other transfer since.
     void ReadResponses(std::vector<CVoRawResponse>& responses) const;
     // `attemptStart` is a time of VoGetMicroseconds.

@@ -142,6 +142,7 @@ private:
 
     [[nodiscard]] HRESULT PrepareSend(CHTTPRequestDataCURL& request, const std::wstring& contentType);
     [[nodiscard]] HRESULT Perform(CHTTPRequestDataCURL& request, std::span<const BYTE> body);
+    static void NoteTarget(CHTTPRequestDataCURL& request, CURLcode code) noexcept;
     [[nodiscard]] static HRESULT ReadTarget(CHTTPRequestDataCURL& request);
     [[nodiscard]] HRESULT GoToTarget(CHTTPRequestDataCURL& request) const;
 
@@ -520,6 +521,7 @@ HRESULT CVoHTTPMessageCURL::Perform(CHTTPRequestDataCURL& request, std::span<con
         request.m_statusCode = static_cast<UINT32>(status);
         if (request.m_statusCode != kStatusOk)
         {
+            NoteTarget(request, code);
             received.received.resize(std::min<size_t>(received.received.size(), request.m_limits.errorBodyBytes));
             request.m_errorBody = std::move(received.received);
             return S_OK;
@@ -541,6 +543,8 @@ HRESULT CVoHTTPMessageCURL::Perform(CHTTPRequestDataCURL& request, std::span<con
     // A response that broke off has a status, which decides about another attempt.
     if (curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status) == CURLE_OK)
         request.m_statusCode = static_cast<UINT32>(status);
+    if (static_cast<UINT32>(connectStatus) != kStatusProxyAuthenticationRequired)
+        NoteTarget(request, code);
     if (headers.isOverLimit || received.result == kErrorResponseLimit)
     {
         request.m_isFinal = true;
@@ -553,6 +557,17 @@ HRESULT CVoHTTPMessageCURL::Perform(CHTTPRequestDataCURL& request, std::span<con
                                                          request.ErrorText().c_str(), request.m_address.PathURL().c_str())));
     request.m_statusCode = kStatusProxyAuthenticationRequired;
     return S_OK;
+}
+
+// Where the last request of the transfer went, for the reason of its failure. The credentials of a 407 are for the same URL
+// again, and a redirect that was refused belongs to the server that sent it.
+void CVoHTTPMessageCURL::NoteTarget(CHTTPRequestDataCURL& request, CURLcode code) noexcept
+{
+    const char* url = nullptr;
+    if (request.m_statusCode != kStatusProxyAuthenticationRequired && code != CURLE_ABORTED_BY_CALLBACK &&
+        code != CURLE_UNSUPPORTED_PROTOCOL &&
+        curl_easy_getinfo(request.m_handle.get(), CURLINFO_EFFECTIVE_URL, &url) == CURLE_OK)
+        (void)ParseCURLUrl(url, request.m_target); // reported
 }
 
 // The server that sent the response, as libcurl names it: redirects may have led to another.
@@ -676,6 +691,8 @@ void CVoHTTPMessageCURL::CompleteRecord(const CRequest& sent, CVoExchangeRecord:
 CVoFailure CVoHTTPMessageCURL::ExplainFailure(const CRequest& failed, HRESULT /*result*/) const
 {
     const auto& request = static_cast<const CHTTPRequestDataCURL&>(failed);
+    if (VoIsRedirect(request.m_statusCode) && request.m_transfer.IsComplete())
+        return { .kind = EVoFailure::RedirectRefused };
     return request.m_transfer.Explain(request.m_handle.get(), request.m_errorText.data(), !request.m_proxyName.empty());
 }
 } // namespace VoHTTPMessageCURL

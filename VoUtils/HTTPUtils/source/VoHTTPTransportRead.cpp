@@ -69,7 +69,11 @@ HRESULT CVoHTTPTransport::ReadResponse(const std::shared_ptr<CHTTPRequestData>& 
             return report(m_points.readResponse.request, E_INVALIDARG);
         const CUse use(*own);
         if (own->IsCancelled())
+        {
+            if (own->m_hasPendingResponse)
+                EndAttempt(*own, kResultCancelled);
             return report(m_points.readResponse.fetch, kResultCancelled);
+        }
         if (const HRESULT hr = Reason(*own, internalReadResponse(*own)); FAILED(hr))
         {
             EndAttempt(*own, hr);
@@ -116,7 +120,11 @@ HRESULT CVoHTTPTransport::ReadMultipleResponses(const std::shared_ptr<CHTTPReque
             return report(m_points.readMultipleResponses.request, E_INVALIDARG);
         const CUse use(*own);
         if (own->IsCancelled())
+        {
+            if (own->m_hasPendingResponse)
+                EndAttempt(*own, kResultCancelled);
             return report(m_points.readMultipleResponses.fetch, kResultCancelled);
+        }
         if (const HRESULT hr = Reason(*own, internalReadResponse(*own)); FAILED(hr))
         {
             EndAttempt(*own, hr);

@@ -83,7 +83,7 @@ void CVoHTTPTransport::DescribeSend(const CRequest& request) const noexcept
     {
         CVoExchangeRecord::CAttempt& attempt = request.m_record.attempts.back();
         const CVoConnectionTrace& trace = request.m_trace;
-        attempt.proxy = request.m_proxyName;
+        attempt.proxy = VoHideProxyUser(request.m_proxyName);
         attempt.addresses = trace.addresses;
         attempt.remoteAddress = trace.remoteAddress;
         attempt.localAddress = request.m_localAddress;
@@ -124,12 +124,13 @@ void CVoHTTPTransport::EndAttempt(const CRequest& request, HRESULT result) const
     (void)report.Guard(140, [&]() -> HRESULT
     {
         const CVoFailure failure = ExplainAttempt(request, result);
+        const std::wstring proxy = VoHideProxyUser(request.m_proxyName);
         attempt.failure = failure.kind;
         attempt.isProxyFailure = failure.isProxy;
         attempt.reason =
             VoFailureText(failure, { .host = request.m_target.Host(),
                                      .port = request.m_target.EffectivePort(),
-                                     .proxy = request.m_proxyName,
+                                     .proxy = proxy,
                                      .statusCode = failure.statusCode != 0 ? failure.statusCode : request.m_statusCode,
                                      .result = result });
         return S_OK;
@@ -147,7 +148,9 @@ CVoFailure CVoHTTPTransport::ExplainAttempt(const CRequest& request, HRESULT res
         return { .kind = EVoFailure::ProxyCredentials, .isProxy = true };
     if (request.m_statusCode == kStatusUnauthorized || result == kResultCancelled)
         return is(EVoFailure::Credentials);
-    if (request.m_statusCode != 0 && request.m_statusCode != kStatusOk)
+    // A transport that follows redirects by itself may have failed on the way to the target.
+    const bool mayHaveFollowed = m_facts.followsRedirects && VoIsRedirect(request.m_statusCode);
+    if (request.m_statusCode != 0 && request.m_statusCode != kStatusOk && !mayHaveFollowed)
         return is(VoIsRedirect(request.m_statusCode) ? EVoFailure::RedirectRefused : EVoFailure::Status);
     return ExplainFailure(request, result);
 }
