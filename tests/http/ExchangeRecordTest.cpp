@@ -96,6 +96,7 @@ TEST_P(ExchangeTest, TheRecordExplainsAFailure)
     CServer challenge(
         Responds(401, { { "WWW-Authenticate", "Negotiate, Basic realm=\"a, Fake b=\\\"\", charset=\"UTF-8\"" } }));
     CServer silent(SendsAndCloses(""));
+    CServer elsewhere(Responds(302, { { "Location", "http://127.0.0.1:" + std::to_string(closed) + "/?k=SECRET" } }));
     const struct
     {
         const char* name;
@@ -112,6 +113,9 @@ TEST_P(ExchangeTest, TheRecordExplainsAFailure)
           "no such page" },
         { "a challenge", challenge.URL("/x?k=SECRET"), EVoFailure::Credentials,
           SeenHost() + L" port " + std::to_wstring(challenge.Port()) + L" demands credentials (status 401)", "" },
+        { "a redirect to a closed port", elsewhere.URL("/x?k=SECRET"),
+          isCurl ? EVoFailure::ConnectRefused : EVoFailure::ConnectFailed,
+          L"could not connect to 127.0.0.1 port " + std::to_wstring(closed) + L": connection refused", "" },
         { "no response", silent.URL("/x?k=SECRET"), isCurl ? EVoFailure::ConnectionLost : EVoFailure::ResponseMalformed,
           (isCurl ? L"the connection to " : L"the response of ") + SeenHost(), "" },
     };
@@ -191,6 +195,42 @@ TEST_P(ExchangeTest, CancelEndsARequestForEver)
     EXPECT_TRUE(request->IsCancelled());
 }
 
+TEST_P(ExchangeTest, AnUnreadResponseThatIsCancelledHasAReason)
+{
+    CServer server(Responds(200, {}, "ok"));
+    const auto message = Connect(server.URL());
+    const Request request = Open(*message);
+    ASSERT_EQ(SendOn(*message, request), S_OK);
+    request->Cancel();
+    CVoBinaryDataParser body;
+    EXPECT_EQ(message->ReadResponse(request, body, Response::Binary, nullptr, nullptr), kResultCancelled);
+    EXPECT_EQ(RecordOf(request).Reason(), L"the request was cancelled");
+}
+
+TEST_P(ExchangeTest, AFailedResponseIsNotHeldUpByItsBody)
+{
+    CEvent returned(false, true);
+    bool sawReturn = false;
+    std::optional<CServer> server;
+    server.emplace([&](const Loopback::CRequest& /*request*/, Loopback::CConnection& connection)
+    {
+        connection.Send("HTTP/1.1 404 Not Found\r\nContent-Length: 60000\r\n\r\n");
+        for (int piece = 0; piece < 200 && !sawReturn; ++piece)
+        {
+            connection.Send("x");
+            sawReturn = ::WaitForSingleObject(returned.Handle(), 100) == WAIT_OBJECT_0;
+        }
+        connection.CloseNow();
+    });
+    const auto message = Connect(server->URL(), 10, 1);
+    const Request request = Open(*message);
+    EXPECT_LT(SendOn(*message, request), 0);
+    (void)returned.Set();
+    EXPECT_EQ(RecordOf(request).attempts.back().failure, EVoFailure::Status);
+    server.reset(); // waits for the handler
+    EXPECT_TRUE(sawReturn) << "the body came to its end first";
+}
+
 TEST_P(ExchangeTest, AResponseBeyondItsLimitsIsAFailure)
 {
     Loopback::CHeaders fields;
@@ -224,6 +264,28 @@ TEST_P(ExchangeTest, AResponseBeyondItsLimitsIsAFailure)
         EXPECT_EQ(PayloadOf(body).size(), SUCCEEDED(item.expected) ? 5'000U : 0U);
         EXPECT_EQ(RecordOf(request).attempts.back().failure,
                   SUCCEEDED(item.expected) ? EVoFailure::None : EVoFailure::ResponseLimit);
+    }
+
+    // Lines that look like the start of another response do not count for less. The services read those themselves.
+    const bool isCurl = GetParam().kind == 2;
+    std::string likeStatus = "HTTP/1.1 200 OK\r\n";
+    std::string interim;
+    for (int i = 0; i < 40; ++i)
+    {
+        likeStatus += std::string(isCurl ? "HTTP/1: x\r\nX-" : "X-") + std::to_string(i) + ": y\r\n";
+        interim += "HTTP/1.1 103 Early Hints\r\nX: y\r\n\r\n";
+    }
+    std::vector<std::string> responses{ likeStatus + "Content-Length: 0\r\n\r\n" };
+    if (isCurl)
+        responses.push_back(interim + "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
+    for (const std::string& response : responses)
+    {
+        CServer flood(SendsAndCloses(response));
+        const auto message = Connect(flood.URL());
+        const Request request = Open(*message);
+        request->SetResponseLimits({ .headerFields = 30 });
+        EXPECT_EQ(message->SendMessage(request, {}, Kind::Raw, true, {}, {}, true, nullptr), kErrorResponseLimit);
+        EXPECT_EQ(flood.RequestCount(), 1U) << "the next response would be as large";
     }
 }
 } // namespace

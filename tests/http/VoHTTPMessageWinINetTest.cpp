@@ -370,6 +370,24 @@ TEST_F(WinINetTransport, EveryFailureOfAnExchangeIsHandled)
     EXPECT_EQ(run(), Code(ERROR_INVALID_HANDLE));
 }
 
+TEST_F(WinINetTransport, TheReasonMentionsTheSystemsProxy)
+{
+    ASSERT_EQ(Connect(), S_OK);
+    for (const bool hasProxy : { false, true })
+    {
+        m_platform.hasProxy = hasProxy;
+        m_platform.errors["SendRequestEx"] = { ERROR_INTERNET_CANNOT_CONNECT };
+        Request request;
+        ASSERT_EQ(m_message->OpenRequest(request), S_OK);
+        EXPECT_EQ(SendOn(*m_message, request), Code(ERROR_INTERNET_CANNOT_CONNECT));
+        CVoExchangeRecord record;
+        ASSERT_EQ(request->GetExchangeRecord(record), S_OK);
+        EXPECT_EQ(record.Reason(), std::wstring(L"could not connect to server.example port 81: connection refused or not "
+                                                L"reachable") +
+                                       (hasProxy ? L" (or the system's proxy could not be reached)" : L""));
+    }
+}
+
 TEST_F(WinINetTransport, HandlesAreClosedChildrenFirst)
 {
     for (const bool fails : { false, true })

@@ -22,6 +22,7 @@ public:
     std::string written;
     DWORD writtenShort = 0; // so many bytes of each piece are not taken
     DWORD securityFlags = 0x10000001;
+    bool hasProxy = false; // in the system's settings
     DWORD dialogResult = ERROR_INTERNET_FORCE_RETRY;
     HWND dialogOwner = nullptr;
     DWORD dialogOwnerThread = 0;
@@ -55,7 +56,9 @@ private:
     }
     BOOL QueryOption(HINTERNET handle, DWORD option, void* buffer, DWORD* bytes)
     {
-        if (option == INTERNET_OPTION_DIAGNOSTIC_SOCKET_INFO)
+        if (option == INTERNET_OPTION_PROXY && hasProxy) // for the record only
+            return static_cast<INTERNET_PROXY_INFO*>(buffer)->dwAccessType = INTERNET_OPEN_TYPE_PROXY, TRUE;
+        if (option == INTERNET_OPTION_DIAGNOSTIC_SOCKET_INFO || option == INTERNET_OPTION_PROXY)
             return ::SetLastError(ERROR_INTERNET_INVALID_OPTION), FALSE;
         Note("QueryOption", Name(handle), ' ', option);
         if (Fails("QueryOption"))

@@ -103,11 +103,15 @@ struct CVoExchangeRecord
 // kErrorResponseLimit.
 struct CVoResponseLimits
 {
-    UINT32 headerBytes = 1024 * 1024; // of one response, the status line included
+    // Of one response, the status line and the interim responses before it included. A service may have a lower limit of its
+    // own (libcurl: 300 KiB).
+    UINT32 headerBytes = 1024 * 1024;
     UINT32 headerFields = 1000;       // of one response
     UINT32 cookies = 200;             // of one response; the rest is dropped
     // Decoded; 0: no limit. WinHTTP delivers a body in pieces that cost memory each: a body in very many small pieces reaches
     // the limit earlier.
     UINT64 bodyBytes = 0;
-    UINT32 errorBodyBytes = 64 * 1024; // that are kept of the body of a response whose status is 400 or above; 0: none
+    // That are kept of the body of a response whose status is 400 or above; 0: none. The Windows transports wait five seconds
+    // for it at most.
+    UINT32 errorBodyBytes = 64 * 1024;
 };

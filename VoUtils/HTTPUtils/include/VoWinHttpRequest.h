@@ -63,9 +63,9 @@ public:
     // A body of more bytes fails the exchange with kErrorResponseLimit; 0: no limit. A body in very many small pieces fails
     // earlier, because each piece costs memory. E_FAIL before Init and while an exchange runs.
     virtual HRESULT SetBodyLimit(UINT64 bytes) noexcept = 0;
-    // Reads the beginning of the body of a response whose status is 300 or above. Waits for it; the time-outs of the request
-    // handle bound each piece. Throws as GetStatusCode does; E_FAIL when the exchange has no such response.
-    virtual std::vector<BYTE> ReadErrorBody(UINT32 maximumBytes) = 0;
+    // Reads the beginning of the body of a response whose status is 300 or above. Waits for it at most `milliseconds`; then
+    // throws kResultTimeout. Throws as GetStatusCode does; E_FAIL when the exchange has no such response.
+    virtual std::vector<BYTE> ReadErrorBody(UINT32 maximumBytes, DWORD milliseconds) = 0;
     // Gives credentials that are known before a challenge. They are set before each send of this exchange, because WinHTTP uses
     // credentials for a single request only; those that the authentication function gives replace them. `target`:
     // WINHTTP_AUTH_TARGET_...; `scheme`: WINHTTP_AUTH_SCHEME_... . E_FAIL before Init and while an exchange runs;
@@ -110,7 +110,7 @@ public:
     HRESULT SetNotificationHandler(NotificationHandler handler) noexcept override;
     HRESULT SetReportChain(CVoReportChain* chain) noexcept override;
     HRESULT SetBodyLimit(UINT64 bytes) noexcept override;
-    std::vector<BYTE> ReadErrorBody(UINT32 maximumBytes) override;
+    std::vector<BYTE> ReadErrorBody(UINT32 maximumBytes, DWORD milliseconds) override;
     HRESULT SetCredentials(DWORD target, DWORD scheme, const std::wstring& user,
                            const std::wstring& password) noexcept override;
 

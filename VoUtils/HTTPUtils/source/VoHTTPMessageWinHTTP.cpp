@@ -628,7 +628,7 @@ void CVoHTTPMessageWinHTTP::FetchErrorBody(CRequest& request)
         return;
     try
     {
-        request.m_errorBody = exchange->ReadErrorBody(request.m_limits.errorBodyBytes);
+        request.m_errorBody = exchange->ReadErrorBody(request.m_limits.errorBodyBytes, ErrorBodyTime());
     }
     catch (const std::exception&)
     {

@@ -162,8 +162,9 @@ private:
 
     [[nodiscard]] HRESULT BeginSend(CHTTPRequestDataWinINet& request, DWORD bodyLength,
                                     const std::wstring& headers) const noexcept;
-    // Reads the body until it ends, or until `maximum` bytes or more have come.
-    [[nodiscard]] HRESULT ReadBody(CHTTPRequestDataWinINet& request, std::vector<BYTE>& received, UINT64 maximum);
+    // Reads the body until it ends, until `maximum` bytes or more have come, or until `end`, a time of VoGetMicroseconds.
+    [[nodiscard]] HRESULT ReadBody(CHTTPRequestDataWinINet& request, std::vector<BYTE>& received, UINT64 maximum,
+                                   INT64 end = std::numeric_limits<INT64>::max());
     [[nodiscard]] HRESULT WriteBody(CHTTPRequestDataWinINet& request, std::span<const BYTE> body) const noexcept;
 
     CInternetHandle m_session;
@@ -209,7 +210,7 @@ public:
         const CVoLastErrorKeeper keeper;
         const CVoLockHolder lock(m_handleLock);
         m_isInCall = false;
-        return done;
+        return done && m_handle; // closed meanwhile: its number may be that of another request's handle
     }
     // Any thread. Between two calls the handle stays open: its number could become that of another request's handle.
     void CancelCall() noexcept
@@ -599,11 +600,12 @@ bool CVoHTTPMessageWinINet::ReadSetCookie(const CRequest& request, DWORD index, 
     return QueryHeader(static_cast<const CHTTPRequestDataWinINet&>(request).Handle(), L"Set-Cookie", index, value);
 }
 
-HRESULT CVoHTTPMessageWinINet::ReadBody(CHTTPRequestDataWinINet& request, std::vector<BYTE>& received, UINT64 maximum)
+HRESULT CVoHTTPMessageWinINet::ReadBody(CHTTPRequestDataWinINet& request, std::vector<BYTE>& received, UINT64 maximum,
+                                        INT64 end)
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalReadRAW" };
     size_t used = 0;
-    while (used < maximum)
+    while (used < maximum && VoGetMicroseconds() < end)
     {
         DWORD available = 0;
         if (!request.Use([&](HINTERNET handle) { return ::InternetQueryDataAvailable(handle, &available, 0, 0); }))
@@ -643,13 +645,23 @@ HRESULT CVoHTTPMessageWinINet::FetchBody(CRequest& answered, std::vector<BYTE>& 
     return S_OK;
 }
 
-void CVoHTTPMessageWinINet::FetchErrorBody(CRequest& request)
+void CVoHTTPMessageWinINet::FetchErrorBody(CRequest& failed)
+try
 {
-    std::vector<BYTE> received;
+    auto& request = static_cast<CHTTPRequestDataWinINet&>(failed);
     const UINT32 maximum = request.m_limits.errorBodyBytes;
-    (void)ReadBody(static_cast<CHTTPRequestDataWinINet&>(request), received, maximum); // the response has failed already
-    received.resize(std::min<size_t>(received.size(), maximum));
+    DWORD pieceTime = ErrorBodyTime();
+    const INT64 end = VoGetMicroseconds() + INT64{ pieceTime } * 1000;
+    // Where the platform refuses it, each piece has the time-out of the request.
+    (void)::InternetSetOptionW(request.Handle(), INTERNET_OPTION_RECEIVE_TIMEOUT, &pieceTime, sizeof pieceTime);
+    std::vector<BYTE> received;
+    (void)ReadBody(request, received, maximum, end); // the response has failed already
+    received.resize(std::min<size_t>({ received.size(), static_cast<size_t>(request.m_received), maximum }));
     request.m_errorBody = std::move(received);
+}
+catch (const std::bad_alloc&)
+{
+    // The response has failed already; it is shown without its body.
 }
 
 void CVoHTTPMessageWinINet::CancelCall(CRequest& request) noexcept
@@ -675,6 +687,10 @@ std::optional<size_t> CVoHTTPMessageWinINet::HeaderLength(const CRequest& reques
 CVoFailure CVoHTTPMessageWinINet::ExplainFailure(const CRequest& request, HRESULT result) const
 {
     const CVoConnectionTrace& trace = request.m_trace;
-    return WindowsTransport::ExplainError(result, trace.connect != 0, trace.sending != 0, false, 0);
+    // The service does not tell whether a request went to the proxy of the system's settings.
+    CVoFailure failure = WindowsTransport::ExplainError(result, trace.connect != 0, trace.sending != 0, true, 0);
+    if (std::exchange(failure.isProxy, false) && HasNamedProxy(m_session.Get()))
+        failure.detail = L"or the system's proxy could not be reached";
+    return failure;
 }
 } // namespace VoHTTPMessageWinINet

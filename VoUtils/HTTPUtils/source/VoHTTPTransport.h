@@ -16,6 +16,7 @@
 #include <base/VoWipe.h>
 #include <base/com/VoComHelper.h>
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <optional>
@@ -269,6 +270,9 @@ protected:
     [[nodiscard]] HRESULT SaveProxyCredentials(const std::wstring& proxy, const CCredentials& credentials) const noexcept;
     // Whether a target's certificate is verified. The switch of Connect is only for the connected https host.
     [[nodiscard]] bool VerifiesCertificateOf(const CServerAddressData& target) const noexcept;
+    // How long a send may wait for the body of a response that has failed already, in milliseconds: a server that never sends
+    // it must not hold up the failure.
+    [[nodiscard]] DWORD ErrorBodyTime() const noexcept { return std::min(m_requestTimeout, UINT32{ 5 }) * 1000; }
     // Gives the cookies of the response to the store.
     void StoreCookies(const CRequest& request) const;
     // The number of a header's value; nothing where it is missing or no number (Content-Length: RFC 9110, section 8.6).
@@ -321,7 +325,8 @@ private:
     virtual void CompleteRecord(const CRequest& /*request*/, CVoExchangeRecord::CAttempt& /*attempt*/) const {}
     // Why SendOnce or FetchBody failed.
     [[nodiscard]] virtual CVoFailure ExplainFailure(const CRequest& request, HRESULT result) const = 0;
-    // Reads the beginning of the body of a response whose status is not 200, where SendOnce has not received it.
+    // Reads the beginning of the body of a response whose status is not 200, where SendOnce has not received it. Waits for
+    // ErrorBodyTime at most, or for that and the piece that is on its way then.
     virtual void FetchErrorBody(CRequest& /*request*/) {}
     // Which URL the proxy store is asked about; null: the configured proxy.
     [[nodiscard]] virtual const std::wstring* ProxyQuestion(const CRequest& request) const

@@ -177,13 +177,20 @@ HRESULT CVoWinHttpRequestBase::SetBodyLimit(UINT64 bytes) noexcept
     return SUCCEEDED(hr) ? hr : report(186, hr);
 }
 
-std::vector<BYTE> CVoWinHttpRequestBase::ReadErrorBody(UINT32 maximumBytes)
+std::vector<BYTE> CVoWinHttpRequestBase::ReadErrorBody(UINT32 maximumBytes, DWORD milliseconds)
 {
     const CExchangeReporter report{ kSource, m_className, L"ReadErrorBody" };
     const std::shared_ptr<CExchange> exchange = Exchange();
     if (const HRESULT hr = exchange ? exchange->StartErrorBody(maximumBytes) : E_FAIL; FAILED(hr))
         throw HRESULTexc(report(188, hr));
-    return TakeValue(m_lock, m_data);
+    CVoFuture<std::vector<BYTE>> data;
+    {
+        const std::lock_guard lock(m_lock);
+        data = std::move(m_data);
+    }
+    if (!data.WaitFor(milliseconds))
+        throw HRESULTexc(report(189, kResultTimeout));
+    return data.Get();
 }
 
 HRESULT CVoWinHttpRequestBase::SetCredentials(DWORD target, DWORD scheme, const std::wstring& user,

@@ -105,6 +105,15 @@ bool QueryRawHeaders(HINTERNET request, std::wstring& header)
     { return ::HttpQueryInfoW(request, HTTP_QUERY_RAW_HEADERS_CRLF, buffer, bytes, nullptr); }, header);
 }
 
+bool HasNamedProxy(HINTERNET session) noexcept
+{
+    // The texts stand behind the structure.
+    alignas(INTERNET_PROXY_INFO) BYTE buffer[8 * 1024];
+    DWORD length = sizeof buffer;
+    return ::InternetQueryOptionW(session, INTERNET_OPTION_PROXY, buffer, &length) &&
+           reinterpret_cast<const INTERNET_PROXY_INFO*>(buffer)->dwAccessType == INTERNET_OPEN_TYPE_PROXY;
+}
+
 HRESULT QueryStatus(HINTERNET request, UINT32& status, const CVoReporter& report, int line, int lineWhenZero) noexcept
 {
     DWORD value = 0;

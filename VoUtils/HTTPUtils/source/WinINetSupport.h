@@ -48,6 +48,9 @@ private:
 // The header of the response: the status line and a line for each field. False when there is none.
 [[nodiscard]] bool QueryRawHeaders(HINTERNET request, std::wstring& header);
 
+// Whether the session uses a proxy that the system's settings name.
+[[nodiscard]] bool HasNamedProxy(HINTERNET session) noexcept;
+
 // The status of the request's response. A failure is reported at `line`, one without an error number at `lineWhenZero`.
 [[nodiscard]] HRESULT QueryStatus(HINTERNET request, UINT32& status, const CVoReporter& report, int line,
                                   int lineWhenZero) noexcept;

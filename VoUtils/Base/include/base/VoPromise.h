@@ -32,6 +32,21 @@ public:
         while (!predicate())
             ::SleepConditionVariableSRW(&m_condition, lock.mutex()->Native(), INFINITE, 0);
     }
+    // The same for at most `milliseconds`. Returns the predicate.
+    template <class Predicate>
+    bool WaitFor(std::unique_lock<CVoLock>& lock, DWORD milliseconds, Predicate predicate)
+    {
+        const ULONGLONG end = ::GetTickCount64() + milliseconds;
+        for (;;)
+        {
+            if (predicate())
+                return true;
+            const ULONGLONG now = ::GetTickCount64();
+            if (now >= end)
+                return false;
+            ::SleepConditionVariableSRW(&m_condition, lock.mutex()->Native(), static_cast<DWORD>(end - now), 0);
+        }
+    }
     void NotifyAll() noexcept { ::WakeAllConditionVariable(&m_condition); }
 
 private:
@@ -51,6 +66,11 @@ public:
         const std::lock_guard lock(m_lock);
         m_result = std::forward<Result>(result);
         m_isSet.NotifyAll();
+    }
+    [[nodiscard]] bool WaitFor(DWORD milliseconds)
+    {
+        std::unique_lock lock(m_lock);
+        return m_isSet.WaitFor(lock, milliseconds, [this] { return m_result.index() != 0; });
     }
     [[nodiscard]] Value Take()
     {
@@ -82,6 +102,8 @@ public:
 
     // Whether Get may be called.
     [[nodiscard]] bool IsValid() const noexcept { return m_state != nullptr; }
+    // Waits until the promise is set, for at most `milliseconds`. Whether it is set, that is, Get does not wait.
+    [[nodiscard]] bool WaitFor(DWORD milliseconds) const { return !m_state || m_state->WaitFor(milliseconds); }
     // Waits until the promise is set, and takes the value. Throws the promise's exception; std::future_error with
     // future_already_retrieved when the value was taken before, with no_state when the future never had a promise.
     Value Get()
