@@ -106,8 +106,8 @@ struct CVoResponseLimits
     // Of one response, the status line and the interim responses before it included. A service may have a lower limit of its
     // own (libcurl: 300 KiB).
     UINT32 headerBytes = 1024 * 1024;
-    UINT32 headerFields = 1000;       // of one response
-    UINT32 cookies = 200;             // of one response; the rest is dropped
+    UINT32 headerFields = 1000; // of one response
+    UINT32 cookies = 200;       // of one response; the rest is dropped
     // Decoded; 0: no limit. WinHTTP delivers a body in pieces that cost memory each: a body in very many small pieces reaches
     // the limit earlier.
     UINT64 bodyBytes = 0;
