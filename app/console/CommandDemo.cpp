@@ -72,7 +72,7 @@ std::string Describe(size_t parameters, size_t payload)
 class CDemo
 {
 public:
-    CRow Run(const CKind& kind, const CVoHTTPTransportRow& transport, CRunningRequest& running)
+    CRow Run(const CKind& kind, const CVoHTTPTransportRow& transport, const CInterruptScope& scope)
     {
         CRow row{ kind.name, transport.name, {}, {} };
         CVoBinaryDataParser request;
@@ -89,7 +89,7 @@ public:
 
         CVoBinaryDataParser response;
         const INT64 begin = VoGetMicroseconds();
-        const HRESULT hr = Exchange(kind, transport, request, response, running);
+        const HRESULT hr = Exchange(kind, transport, request, response, scope);
         row.milliseconds = static_cast<double>(VoGetMicroseconds() - begin) / 1000;
         if (FAILED(hr))
         {
@@ -106,7 +106,7 @@ public:
 
 private:
     HRESULT Exchange(const CKind& kind, const CVoHTTPTransportRow& transport, const CVoBinaryDataParser& request,
-                     CVoBinaryDataParser& response, CRunningRequest& running)
+                     CVoBinaryDataParser& response, const CInterruptScope& scope)
     {
         CServerAddressData address;
         Check(address.SetAddress(m_server.URL(kind.content ? L"/demo" : Query(request)), false, true, true));
@@ -118,7 +118,7 @@ private:
         std::shared_ptr<CVoHTTPMessage::CHTTPRequestData> data;
         HRESULT hr = message->OpenRequest(data);
         if (SUCCEEDED(hr))
-            hr = running.Set(data);
+            hr = scope.Set(data);
         if (SUCCEEDED(hr))
         {
             const bool isSigned = kind.content == EContentKind::SignedForm;
@@ -203,10 +203,9 @@ public:
 private:
     static CRow RunRow(CContext& context, CDemo& demo, const CKind& kind, const CVoHTTPTransportRow& transport)
     {
-        CRunningRequest running;
-        const CInterruptScope scope(context, running);
-        CRow row = demo.Run(kind, transport, running);
-        if (running.IsCancelled())
+        const CInterruptScope scope(context);
+        CRow row = demo.Run(kind, transport, scope);
+        if (scope.IsCancelled())
             throw CVoHResultException(kResultCancelled);
         return row;
     }

@@ -21,7 +21,7 @@ constexpr const char* kOutput = R"(Output: the parameters as NAME=VALUE lines, t
 answer), retried, seconds (a list, one a request), cookie (the Cookie header that was sent), exchange (what happened in the
 last request: attempts, each with its addresses, times in milliseconds or null, answers and bytes; and the chain of reports of a
 failure); on failure also error (the code's text), reason (why, one sentence), and for an answer whose status is not 200
-errorBodyBase64 (its first 64 KiB).
+errorBodyBase64 (of 400 and above: the first 64 KiB of its body).
 Ctrl+C cancels the request: exit code 1, 0x800704C7. A second Ctrl+C ends the program at once.
 )";
 
@@ -45,10 +45,9 @@ public:
         COutcome outcome;
         const auto exchange = [&]
         {
-            CRunningRequest running;
-            const CInterruptScope scope(context, running);
+            const CInterruptScope scope(context);
             const std::shared_ptr<CVoHTTPMessage> message = m_connection.Connect(context, address, *answers.Get());
-            Exchange(context, *message, *answers.Get(), running, outcome);
+            Exchange(context, *message, *answers.Get(), scope, outcome);
         };
         try
         {
@@ -119,7 +118,7 @@ private:
         std::vector<BYTE> errorBody;
     };
 
-    void Exchange(CContext& context, CVoHTTPMessage& message, CAuthAnswers& answers, CRunningRequest& running,
+    void Exchange(CContext& context, CVoHTTPMessage& message, CAuthAnswers& answers, const CInterruptScope& scope,
                   COutcome& outcome)
     {
         HRESULT& hr = outcome.result;
@@ -129,7 +128,7 @@ private:
             CRequest request{ message, nullptr };
             hr = Open(request);
             if (SUCCEEDED(hr))
-                hr = running.Set(request.data);
+                hr = scope.Set(request.data);
             if (SUCCEEDED(hr))
             {
                 const CProgressBar progress(context.Streams().err, request.data, context.Options().quiet);
@@ -150,7 +149,7 @@ private:
             (void)request.data->GetExchangeRecord(outcome.record);
             (void)request.data->GetErrorBody(outcome.errorBody);
         }
-        outcome.isCancelled = running.IsCancelled();
+        outcome.isCancelled = scope.IsCancelled();
     }
 
     static void PutOutcome(CContext& context, const COutcome& outcome)

@@ -46,6 +46,7 @@ COutputFile::COutputFile(const std::wstring& path, std::span<const BYTE> bytes)
         CHandleSink(file.Get()).Write(bytes);
         return;
     }
+    m_delay.emplace();
     m_replacement = std::make_unique<CVoFileReplacement>();
     Check(m_replacement->Write(fullPath, { reinterpret_cast<const char*>(bytes.data()), bytes.size() }));
 }

@@ -1,10 +1,13 @@
 // Reads and writes whole files.
 #pragma once
 
+#include "Interrupt.h"
+
 #include <base/VoPlatform.h>
 #include <win/VoFile.h>
 
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -15,8 +18,8 @@
 // Whether a file or folder of that name exists.
 [[nodiscard]] bool FileExists(const std::wstring& path);
 
-// New content for a file, see CVoFileReplacement: a failure leaves the old content unchanged and no half-written file. Devices
-// and pipes are written directly.
+// New content for a file, see CVoFileReplacement: a failure leaves the old content unchanged and no half-written file, also
+// with Ctrl+C. Devices and pipes are written directly.
 class COutputFile
 {
 public:
@@ -25,6 +28,7 @@ public:
     void Commit(); // throws CVoHResultException
 
 private:
+    std::optional<CInterruptDelay> m_delay;            // ends last: what is not committed has been deleted then
     std::unique_ptr<CVoFileReplacement> m_replacement; // null for a device, or after Commit
 };
 

@@ -1,9 +1,10 @@
 // The handler of Ctrl+C.
 #include "Interrupt.h"
 
-#include <base/VoHandle.h>
+#include "Command.h"
 
 #include <atomic>
+#include <cstdlib>
 #include <string>
 #include <thread>
 
@@ -12,8 +13,10 @@ namespace
 // A platform's call that cannot be interrupted may hold a cancelled request for as long as its time-outs allow.
 constexpr DWORD kPatience = 2000; // milliseconds
 
-CVoLock g_lock; // guards the scope, and is held while it is used
+CVoLock g_lock; // guards the following, and is held while the scope is used
 const CInterruptScope* g_scope = nullptr;
+int g_delays = 0;
+bool g_isEndDelayed = false;
 std::atomic<int> g_interrupts{ 0 };
 
 // Without destructors and without the platform's clean-up: other threads may be anywhere.
@@ -36,54 +39,99 @@ std::atomic<int> g_interrupts{ 0 };
     }
     EndProcess(kExitFailure);
 }
-
-void AbandonLater() noexcept
-{
-    ::Sleep(kPatience);
-    const CVoLockHolder lock(g_lock);
-    if (!g_scope)
-        return;
-    int exitCode = kExitFailure;
-    try
-    {
-        exitCode = g_scope->Abandon();
-    }
-    catch (...)
-    {
-        // The streams are closed.
-    }
-    EndProcess(exitCode);
-}
-
-// The platform calls it on a thread of its own, and may call it a second time only after it has returned.
-BOOL WINAPI OnControl(DWORD event) noexcept
-{
-    if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT)
-        return FALSE;
-    if (g_interrupts.fetch_add(1) != 0)
-        EndProcessAtOnce();
-    const CVoLockHolder lock(g_lock);
-    if (!g_scope)
-        EndProcessAtOnce();
-    g_scope->Cancel();
-    try
-    {
-        std::thread(AbandonLater).detach();
-    }
-    catch (...)
-    {
-        EndProcessAtOnce();
-    }
-    return TRUE;
-}
 } // namespace
+
+// The request of a scope. It outlives the scope while the handler cancels it.
+class CInterruptScope::CRequest
+{
+public:
+    using Request = std::shared_ptr<CVoHTTPMessage::CHTTPRequestData>;
+
+    void Cancel() noexcept
+    {
+        CVoLockHolder lock(m_lock);
+        m_isCancelled = true;
+        const Request request = m_running;
+        lock.unlock();
+        if (request)
+            request->Cancel();
+    }
+    [[nodiscard]] bool IsCancelled() noexcept
+    {
+        const CVoLockHolder lock(m_lock);
+        return m_isCancelled;
+    }
+    [[nodiscard]] HRESULT Set(Request request) noexcept
+    {
+        const CVoLockHolder lock(m_lock);
+        m_running.swap(request); // the earlier one is released without the lock
+        return m_isCancelled ? kResultCancelled : S_OK;
+    }
+
+private:
+    CVoLock m_lock;
+    bool m_isCancelled = false;
+    Request m_running;
+};
+
+class CInterruptHandler
+{
+public:
+    // The platform calls it on a thread of its own, and may call it a second time only after it has returned.
+    static BOOL WINAPI OnControl(DWORD event) noexcept
+    {
+        if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT)
+            return FALSE;
+        if (g_interrupts.fetch_add(1) != 0)
+            EndProcessAtOnce();
+        std::shared_ptr<CInterruptScope::CRequest> request;
+        {
+            const CVoLockHolder lock(g_lock);
+            g_isEndDelayed = g_delays != 0;
+            if (g_isEndDelayed)
+                return TRUE;
+            if (!g_scope)
+                EndProcessAtOnce();
+            request = g_scope->m_request;
+        }
+        try
+        {
+            std::thread(AbandonLater).detach();
+        }
+        catch (...)
+        {
+            EndProcessAtOnce();
+        }
+        request->Cancel();
+        return TRUE;
+    }
+
+private:
+    static void AbandonLater() noexcept
+    {
+        ::Sleep(kPatience);
+        const CVoLockHolder lock(g_lock);
+        if (!g_scope)
+            return;
+        int exitCode = kExitFailure;
+        try
+        {
+            exitCode = g_scope->m_context.Finish(kResultCancelled);
+        }
+        catch (...)
+        {
+            // The streams are closed.
+        }
+        EndProcess(exitCode);
+    }
+};
 
 void InstallInterruptHandler() noexcept
 {
-    (void)::SetConsoleCtrlHandler(OnControl, TRUE);
+    (void)::SetConsoleCtrlHandler(CInterruptHandler::OnControl, TRUE);
 }
 
-CInterruptScope::CInterruptScope(CContext& context, CRunningRequest& request) noexcept : m_context(context), m_request(request)
+CInterruptScope::CInterruptScope(CContext& context) : m_context(context), m_request(std::make_shared<CRequest>())
 {
     const CVoLockHolder lock(g_lock);
     if (!context.Process().IsBatch())
@@ -96,25 +144,25 @@ CInterruptScope::~CInterruptScope()
     g_scope = nullptr;
 }
 
-void CRunningRequest::Cancel() noexcept
+HRESULT CInterruptScope::Set(std::shared_ptr<CVoHTTPMessage::CHTTPRequestData> request) const noexcept
 {
-    CVoLockHolder lock(m_lock);
-    m_isCancelled = true;
-    const Request request = m_request;
-    lock.unlock();
-    if (request)
-        request->Cancel();
+    return m_request->Set(std::move(request));
 }
 
-bool CRunningRequest::IsCancelled() noexcept
+bool CInterruptScope::IsCancelled() const noexcept
 {
-    const CVoLockHolder lock(m_lock);
-    return m_isCancelled;
+    return m_request->IsCancelled();
 }
 
-HRESULT CRunningRequest::Set(Request request) noexcept
+CInterruptDelay::CInterruptDelay() noexcept
 {
-    const CVoLockHolder lock(m_lock);
-    m_request.swap(request); // the earlier one is released without the lock
-    return m_isCancelled ? kResultCancelled : S_OK;
+    const CVoLockHolder lock(g_lock);
+    ++g_delays;
+}
+
+CInterruptDelay::~CInterruptDelay()
+{
+    const CVoLockHolder lock(g_lock);
+    if (--g_delays == 0 && g_isEndDelayed)
+        EndProcessAtOnce();
 }

@@ -1,33 +1,15 @@
 // Ctrl+C: cancels the request that runs, and ends the program when that takes too long.
 #pragma once
 
-#include "Command.h"
-
 #include <VoHTTPMessage.h>
 
 #include <memory>
 
-// Handles Ctrl+C and Ctrl+Break from here on. Outside of a CInterruptScope they end the program at once, with exit code 1 and
+class CContext;
+
+// Handles Ctrl+C and Ctrl+Break from here on. Outside of the scopes below they end the program at once, with exit code 1 and
 // the error line of kResultCancelled.
 void InstallInterruptHandler() noexcept;
-
-// The request that a command waits for. Any thread.
-class CRunningRequest
-{
-public:
-    using Request = std::shared_ptr<CVoHTTPMessage::CHTTPRequestData>;
-
-    // Cancels the request, and each one that is set later.
-    void Cancel() noexcept;
-    [[nodiscard]] bool IsCancelled() noexcept;
-    // kResultCancelled after Cancel.
-    [[nodiscard]] HRESULT Set(Request request) noexcept;
-
-private:
-    CVoLock m_lock;
-    bool m_isCancelled = false;
-    Request m_request;
-};
 
 // While a command has one, the first Ctrl+C cancels its request. If the scope still exists two seconds later, because a call of
 // the platform holds the request, the command's result becomes kResultCancelled and the process ends. A second Ctrl+C ends it
@@ -35,17 +17,29 @@ private:
 class CInterruptScope
 {
 public:
-    CInterruptScope(CContext& context, CRunningRequest& request) noexcept;
+    explicit CInterruptScope(CContext& context);
     ~CInterruptScope();
     CInterruptScope(const CInterruptScope&) = delete;
     CInterruptScope& operator=(const CInterruptScope&) = delete;
 
-    // For the handler: cancels the request.
-    void Cancel() const noexcept { m_request.Cancel(); }
-    // For the handler: writes the result and returns the exit code.
-    [[nodiscard]] int Abandon() const { return m_context.Finish(kResultCancelled); }
+    // The request that runs from now on. kResultCancelled after Ctrl+C.
+    [[nodiscard]] HRESULT Set(std::shared_ptr<CVoHTTPMessage::CHTTPRequestData> request) const noexcept;
+    [[nodiscard]] bool IsCancelled() const noexcept;
 
 private:
+    class CRequest;
+    friend class CInterruptHandler;
+
     CContext& m_context;
-    CRunningRequest& m_request;
+    const std::shared_ptr<CRequest> m_request;
+};
+
+// While one exists, the first Ctrl+C waits for its end: a file is replaced as a whole.
+class CInterruptDelay
+{
+public:
+    CInterruptDelay() noexcept;
+    ~CInterruptDelay();
+    CInterruptDelay(const CInterruptDelay&) = delete;
+    CInterruptDelay& operator=(const CInterruptDelay&) = delete;
 };

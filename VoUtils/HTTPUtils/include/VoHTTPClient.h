@@ -96,7 +96,7 @@ struct CVoHTTPResponse
     CVoDataParser parameters;
     std::vector<BYTE> payload;
     std::vector<CVoBinaryDataParser> messages; // PostMultiple: a response for each message
-    // The first bytes of the body of a response whose status is not 200 (CVoResponseLimits::errorBodyBytes).
+    // The beginning of the body of a response whose status is 400 or above (CHTTPRequestData::GetErrorBody).
     std::vector<BYTE> errorBody;
     bool retried = false;       // more than one attempt was made
     std::wstring localAddress;  // the client's own IP address; empty: unknown
