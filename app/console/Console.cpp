@@ -80,7 +80,7 @@ public:
         VoErrorLog().SetApplicationLog(m_wasLogOn);
         try
         {
-            m_err.Write(ToUtf8(VoErrorLog().LogFilePath()) + '\n');
+            m_err.Write(WhereTheLogIs() + '\n');
         }
         catch (...)
         {
@@ -91,6 +91,18 @@ public:
     CRunSwitches& operator=(const CRunSwitches&) = delete;
 
 private:
+    // The log's path. A log that could not be written has no file there, or one that lacks the last line.
+    static std::string WhereTheLogIs()
+    {
+        const std::string path = ToUtf8(VoErrorLog().LogFilePath());
+        const DWORD error = path.empty() ? ERROR_PATH_NOT_FOUND : VoErrorLog().LastWriteError();
+        if (error == ERROR_SUCCESS)
+            return path;
+        const HRESULT result = HResultFromWin32(error);
+        return "voutils: the log could not be written: " + ResultCode(result) + ' ' + ErrorLine(result) +
+               (path.empty() ? path : " (" + path + ')');
+    }
+
     static void SetSettingsDirectory(const std::string& directory)
     {
         if (const HRESULT hr = VoSetModuleSettingsDirectory(FullPath(FromUtf8(directory))); FAILED(hr))

@@ -4,6 +4,33 @@
 #include <VoAuthCallbackImpl.h>
 #include <VoHTTPTransports.h>
 #include <base/VoModuleInformation.h>
+#include <base/VoSystemProperties.h>
+
+namespace
+{
+// Options that a transport passes over.
+struct CIgnoredOptions
+{
+    const char* engine;
+    std::vector<const char*> options;
+    const char* reason;
+};
+
+std::vector<CIgnoredOptions> IgnoredOptions()
+{
+    std::vector<CIgnoredOptions> ignored{ { "wininet",
+                                            { "--auth", "--proxy-auth", "--ask", "--proxy", "--pac", "--auto-detect" },
+                                            "wininet goes by the system's settings and dialog" } };
+    // Older systems leave the proxy of a URL to the proxy store.
+    if (VoIsWindows81OrLater())
+        for (const char* const engine : { "winhttp", "winhttp-loopback" })
+        {
+            ignored.push_back({ engine, { "--pac", "--auto-detect" }, "WinHTTP goes by the system's automatic settings" });
+            ignored.push_back({ engine, { "--bypass" }, "WinHTTP uses the proxy of --proxy for every host" });
+        }
+    return ignored;
+}
+} // namespace
 
 void CConnectionOptions::Declare(COptions& options)
 {
@@ -116,10 +143,10 @@ bool CConnectionOptions::ChecksRevocation() const
 std::shared_ptr<CVoHTTPMessage> CConnectionOptions::Connect(CContext& context, const CServerAddressData& address,
                                                             IVoAuthenticationCallback& answers) const
 {
-    if (constexpr UINT32 kWinINet = 0; TransportKind() == kWinINet)
-        for (const char* const option : { "--auth", "--proxy-auth", "--ask", "--proxy", "--pac", "--auto-detect" })
-            if (m_options.WasGiven(option))
-                context.Remark(std::string(option) + " has no effect: wininet goes by the system's settings and dialog");
+    for (const CIgnoredOptions& ignored : IgnoredOptions())
+        for (const char* const option : ignored.options)
+            if (ignored.engine == TransportName() && m_options.WasGiven(option))
+                context.Remark(std::string(option) + " has no effect: " + ignored.reason);
     std::shared_ptr<CVoHTTPMessage> message;
     Check(CVoHTTPMessage::Connect(TransportKind(), address, &answers, &m_proxy.Apply(context), &context.Process().CookieStore(),
                                   m_connectTimeout, m_requestTimeout, Verifies(), ChecksRevocation(), message));

@@ -89,6 +89,9 @@ CConnection::CState::ERead CConnection::CState::ReadHead(CRequest& into)
         else if (!Fill())
             return ERead::Gone;
     }
+    // A client that begins a TLS handshake waits for an answer and never sends the end of a head.
+    if (Buffered().front() <= ' ')
+        return ERead::Malformed;
     bool tooLarge = false;
     std::optional<std::string> head = ReadThrough("\r\n\r\n", server.options.maxHeadSize, tooLarge);
     if (!head)

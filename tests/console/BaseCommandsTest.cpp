@@ -266,5 +266,10 @@ TEST(ConsoleProcess, LogIsWrittenWhereTheSettingsSay)
     EXPECT_EQ(written.err, path.out);
     EXPECT_THAT(ReadTestFile(folder / L"voutils.log"),
                 testing::ContainsRegex(" File=S Line=7 Function=F ThreadID=.* Code=0x80004005\r\n"));
+
+    // A folder has the log's name.
+    std::filesystem::remove(folder / L"voutils.log");
+    std::filesystem::create_directory(folder / L"voutils.log");
+    EXPECT_THAT(RunConsoleProcess(write).err, testing::StartsWith("voutils: the log could not be written: 0x"));
 }
 } // namespace

@@ -51,6 +51,26 @@ TEST(ConsoleProxy, PrintsTheProxyOfAUrl)
     }
 }
 
+TEST(ConsoleProxy, SaysWhichOptionsATransportPassesOver)
+{
+    const std::tuple<const char*, std::vector<std::string>, const char*> table[] = {
+        { "curl", { "--proxy", "127.0.0.1:1", "--bypass", "x" }, "" },
+        { "winhttp", { "--auto-detect" }, "--auto-detect" },
+        { "winhttp", { "--proxy", "127.0.0.1:1", "--bypass", "x" }, "--bypass" },
+        { "winhttp-loopback", { "--pac", "http://127.0.0.1:1/" }, "--pac" },
+        { "wininet", { "--pac", "http://127.0.0.1:1/" }, "--pac" },
+    };
+    for (const auto& [engine, options, ignored] : table)
+    {
+        SCOPED_TRACE(testing::Message() << engine << ' ' << ignored);
+        std::vector<std::string> arguments{ "get", "http://127.0.0.1:1/", "--engine", engine };
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        const std::string remarks = Batch(arguments).err;
+        EXPECT_EQ(remarks.find(" has no effect: ") == std::string::npos, *ignored == 0) << remarks;
+        EXPECT_NE(remarks.find(ignored), std::string::npos) << remarks;
+    }
+}
+
 TEST(ConsoleProxy, RunsAScript)
 {
     const Loopback::CLoopbackServer server([](const Loopback::CRequest&, Loopback::CConnection& connection)

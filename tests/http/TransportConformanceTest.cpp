@@ -253,11 +253,14 @@ TEST_P(TransportTest, RetriesEndWithTheBudget)
 
 TEST_P(TransportTest, ARetryAfterBeyondTheBudgetEndsTheSend)
 {
-    CServer server(Responds(503, { { "Retry-After", "3600" } }));
-    const CResponse response = SendTo(server.URL(), {}, Kind::Raw, true);
-    EXPECT_EQ(response.result, GetParam().unexpectedStatus);
-    EXPECT_FALSE(response.send.retried);
-    EXPECT_EQ(server.RequestCount(), 1U);
+    for (const char* const asked : { "3600", "Fri, 31 Dec 2999 23:59:59 GMT" })
+    {
+        CServer server(Responds(503, { { "Retry-After", asked } }));
+        const CResponse response = SendTo(server.URL(), {}, Kind::Raw, true);
+        EXPECT_EQ(response.result, GetParam().unexpectedStatus);
+        EXPECT_FALSE(response.send.retried);
+        EXPECT_EQ(server.RequestCount(), 1U);
+    }
 }
 
 TEST_P(TransportTest, ConnectingOnAnotherThreadEndsThePauseBeforeARetry)

@@ -71,6 +71,28 @@ TEST_P(TransportTest, CookiesTravelOverSeveralRequests)
     EXPECT_EQ(server.Requests()[2].Header("Cookie"), "a=1");
 }
 
+TEST_P(TransportTest, CookiesTravelAsTheBytesThatCame)
+{
+    // UTF-8 (with a full-width semicolon and equals sign), no UTF-8, and bytes that Windows-1252 has no character for.
+    for (const std::string& value : { "\xC3\xBC\xE2\x82\xAC"s, "\xEF\xBC\x9B\xEF\xBC\x9D"s, "\xE9\xFF\x80;"s, "\x81\x8D\x90"s })
+    {
+        SCOPED_TRACE(testing::PrintToString(value));
+        CServer server(Responds(200, { { "Set-Cookie", "a=" + value + "; Path=/" } }));
+        EXPECT_EQ(m_cookies->Clear(), S_OK);
+        const auto message = Connect(server.URL());
+        for (int i = 0; i < 2; ++i)
+            EXPECT_EQ(Send(*message, {}).result, S_OK);
+        EXPECT_EQ(server.Requests()[1].Header("Cookie"), "a=" + value.substr(0, value.find(';')));
+    }
+    // Of the application's.
+    CServer server(Responds(200));
+    EXPECT_EQ(
+        m_cookies->AddCookieFromString(CVoBstr(L"b=\u00FC\uFF1B\u043B; Path=/").Get(), CVoBstr(SeenURL(server, L"/")).Get()),
+        S_OK);
+    EXPECT_EQ(SendTo(server.URL()).result, S_OK);
+    EXPECT_NE(server.Requests()[0].Header("Cookie").find("b=\xC3\xBC\xEF\xBC\x9B\xD0\xBB"), std::string_view::npos);
+}
+
 TEST_P(TransportTest, FollowsRedirectsWithTheCookiesOfEachHop)
 {
     CServer server([&](const Loopback::CRequest& request, Loopback::CConnection& connection)

@@ -117,6 +117,32 @@ TEST_P(WinHTTPTransport, IgnoresARefusedTuningOptionAndNoOtherFailure)
     }
 }
 
+// The platform's function for headers as bytes, which later releases of Windows 10 have.
+std::string g_addedBytes;
+DWORD WINAPI AddHeaderBytes(HINTERNET, DWORD, ULONGLONG flags, ULONGLONG, DWORD count, const std::pair<LPCSTR, LPCSTR>* header)
+{
+    EXPECT_TRUE(flags == 0 && count == 1);
+    g_addedBytes += header->first + std::string(": ") + header->second + '\n';
+    return ERROR_SUCCESS;
+}
+
+TEST_P(WinHTTPTransport, ExchangesCookiesBeyondAsciiAsBytes)
+{
+    const CCallHook<decltype(&::GetProcAddress)> hook("kernel32.dll", "GetProcAddress",
+                                                      [](auto original, HMODULE module, LPCSTR name)
+    {
+        const bool isAdd = reinterpret_cast<ULONG_PTR>(name) > 0xFFFF && name == std::string_view("WinHttpAddRequestHeadersEx");
+        return isAdd ? reinterpret_cast<FARPROC>(reinterpret_cast<void*>(&AddHeaderBytes)) : original(module, name);
+    });
+    m_platform.knowsBytes = true;
+    m_platform.responses = { { .headers = { { L"Set-Cookie", L"a=\x00C3\x00BC\x00FF; Path=/" } } } };
+    const Message message = Connect(L"http://server.test/");
+    EXPECT_EQ(Send(*message, {}).result, S_OK);
+    EXPECT_EQ(g_addedBytes, "") << "a cookie of ASCII characters needs no bytes";
+    EXPECT_EQ(Send(*message, {}).result, S_OK);
+    EXPECT_EQ(std::exchange(g_addedBytes, {}), "Cookie: a=\xC3\xBC\xFF\n");
+}
+
 TEST_P(WinHTTPTransport, RewritesALoopbackAddress)
 {
     const std::tuple<const wchar_t*, const char*, const char*> cases[] = {

@@ -102,6 +102,24 @@ protected:
             text += name + L": " + value + L"\r\n";
         return GiveText(text + L"\r\n", buffer, bytes);
     }
+    // The same for a query that gives a text whose characters stand for bytes.
+    template <class Query>
+    static BOOL GiveBytes(const Query& query, void* buffer, DWORD* bytes)
+    {
+        std::wstring text(1000, L'\0');
+        DWORD length = static_cast<DWORD>(text.size() * sizeof(wchar_t));
+        if (!query(text.data(), &length))
+            return FALSE;
+        length /= DWORD{ sizeof(wchar_t) };
+        const bool fits = buffer && *bytes > length;
+        if (fits)
+            std::transform(text.begin(), text.begin() + length + 1, static_cast<char*>(buffer),
+                           [](wchar_t character) { return static_cast<char>(character); });
+        else
+            ::SetLastError(ERROR_INSUFFICIENT_BUFFER);
+        *bytes = fits ? length : length + 1;
+        return fits;
+    }
     // The header number `index` (null: 0) of a name, as both services give it.
     static BOOL GiveHeader(const Headers& headers, const wchar_t* name, void* buffer, DWORD* bytes, DWORD* index)
     {

@@ -28,7 +28,8 @@ class CFakeWinHttp : public CFakeService
 public:
     std::deque<CWinHttpResponse> responses{ CWinHttpResponse() }; // to the next sends; the last one stays
     DWORD schemes = WINHTTP_AUTH_SCHEME_BASIC;
-    std::string sent; // the last body
+    std::string sent;        // the last body
+    bool knowsBytes = false; // hands out and takes headers as bytes, as later releases of Windows 10 do
 
     explicit CFakeWinHttp(bool ownThreads) : m_ownThreads(ownThreads) {}
     ~CFakeWinHttp()
@@ -47,6 +48,8 @@ public:
     }
 
 private:
+    static constexpr DWORD kWireEncoding = 0x01000000; // WINHTTP_QUERY_FLAG_WIRE_ENCODING
+
     struct CRequest
     {
         WINHTTP_STATUS_CALLBACK callback = nullptr;
@@ -171,6 +174,10 @@ private:
             return *static_cast<DWORD*>(buffer) = response.status, TRUE;
         if (level == WINHTTP_QUERY_RAW_HEADERS_CRLF)
             return GiveRawHeader(response.status, response.headers, buffer, bytes);
+        if (level == (WINHTTP_QUERY_SET_COOKIE | kWireEncoding))
+            return knowsBytes ? GiveBytes([&](void* text, DWORD* length)
+            { return GiveHeader(response.headers, L"Set-Cookie", text, length, index); }, buffer, bytes)
+                              : (::SetLastError(ERROR_INVALID_PARAMETER), FALSE);
         EXPECT_TRUE(level == WINHTTP_QUERY_CUSTOM || level == WINHTTP_QUERY_SET_COOKIE);
         return GiveHeader(response.headers, level == WINHTTP_QUERY_CUSTOM ? name : L"Set-Cookie", buffer, bytes, index);
     }

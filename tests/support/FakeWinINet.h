@@ -121,6 +121,15 @@ private:
         EXPECT_EQ(query, DWORD{ HTTP_QUERY_CUSTOM });
         return GiveHeader(headers, static_cast<const wchar_t*>(buffer), buffer, bytes, index);
     }
+    BOOL QueryInfoA(HINTERNET request, DWORD query, void* buffer, DWORD* bytes, DWORD* index)
+    {
+        const std::string name = static_cast<const char*>(buffer);
+        return GiveBytes([&](wchar_t* text, DWORD* length)
+        {
+            std::copy(name.begin(), name.end(), text);
+            return QueryInfo(request, query, text, length, index);
+        }, buffer, bytes);
+    }
     BOOL Available(HINTERNET /*request*/, DWORD* count, DWORD flags, DWORD_PTR context) const
     {
         EXPECT_TRUE(flags == 0 && context == 0);
@@ -160,6 +169,7 @@ private:
     VO_REPLACE(InternetWriteFile, Write);
     VO_REPLACE(HttpEndRequestW, EndRequest);
     VO_REPLACE(HttpQueryInfoW, QueryInfo);
+    VO_REPLACE(HttpQueryInfoA, QueryInfoA);
     VO_REPLACE(InternetQueryDataAvailable, Available);
     VO_REPLACE(InternetReadFile, Read);
     VO_REPLACE(InternetErrorDlg, ErrorDialog);

@@ -121,10 +121,11 @@ public:
     HRESULT Clear() noexcept;
 
     // What the configuration gives for a URL: a proxy list (empty: direct), a bypass list, and credentials for the proxies of
-    // the list. A discovery that fails finds no proxy. `explanation` (may be null) receives the source and what was tried.
+    // the list. A discovery that fails finds no proxy, and `failed` (may be null) says so: the result is not to be cached.
+    // `explanation` (may be null) receives the source and what was tried.
     [[nodiscard]] HRESULT GetProxyForURL(const std::wstring& url, std::wstring& proxyList, std::wstring& bypassList,
                                          CHTTPProxyAuthenticationData& authentication,
-                                         CVoProxyExplanation* explanation = nullptr) noexcept;
+                                         CVoProxyExplanation* explanation = nullptr, bool* failed = nullptr) noexcept;
     // The manual proxy list; empty when discovery is configured.
     [[nodiscard]] HRESULT GetManualProxy(std::wstring& proxyList, CHTTPProxyAuthenticationData& authentication) noexcept;
 
@@ -133,7 +134,7 @@ public:
 private:
     [[nodiscard]] HRESULT OpenSession() noexcept;
     [[nodiscard]] HRESULT DiscoverProxy(const std::wstring& url, std::wstring& proxyList, std::wstring& bypassList,
-                                        CVoProxyExplanation* explanation) noexcept;
+                                        CVoProxyExplanation* explanation, bool* failed) noexcept;
 
     CCriticalSection m_lock;
     CHTTPProxyConfigData m_config;                                       // guarded by m_lock

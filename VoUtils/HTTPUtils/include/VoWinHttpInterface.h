@@ -223,9 +223,11 @@ public:
     // empty for a direct connection; `bypass` receives the hosts that need no proxy. A failed discovery gives a direct
     // connection and S_OK, because it must not disconnect the user. It is reported, unless it only means that there is no
     // script or that the script gave no result. Only E_OUTOFMEMORY is returned as a failure. `discoveryError` (may be null)
-    // receives the platform's error of a failed discovery, else 0.
+    // receives the platform's error of a failed discovery, else 0. `failed` (may be null): whether it was reported, so that the
+    // next discovery may have another result.
     [[nodiscard]] HRESULT GetProxyForUrl(const std::wstring& url, const std::wstring& pacFileUrl, std::wstring& proxy,
-                                         std::wstring& bypass, DWORD* discoveryError = nullptr) const noexcept
+                                         std::wstring& bypass, DWORD* discoveryError = nullptr,
+                                         bool* failed = nullptr) const noexcept
     {
         constexpr CVoReporter report{ kSource, L"VoWinHttpInterface::WinHttpSessionHandle::GetProxyForUrl" };
         try
@@ -246,15 +248,20 @@ public:
             // First without the user's logon, which identifies the user to the server of the script.
             DWORD error = ERROR_SUCCESS;
             bool found = AskForProxy(url, options, info, error);
+            bool isFailure = false;
             if (!found && error == ERROR_WINHTTP_LOGIN_FAILURE)
             {
                 const HRESULT hr = AskForProxyWithLogon(report, url, options, info);
                 if (FAILED(hr))
                     report(249, hr);
                 found = hr == S_OK;
+                isFailure = FAILED(hr);
             }
             else if (!found && !MeansNoProxy(error))
+            {
                 report.Win32(264, 265, error);
+                isFailure = true;
+            }
             if (discoveryError)
                 *discoveryError = found ? ERROR_SUCCESS : error;
 
@@ -267,6 +274,8 @@ public:
             }
             proxy.swap(foundProxy);
             bypass.swap(foundBypass);
+            if (failed)
+                *failed = isFailure;
             return S_OK;
         }
         catch (...)
@@ -318,6 +327,31 @@ public:
     {
         constexpr CVoReporter report{ kSource, L"VoWinHttpInterface::WinHttpRequestHandle::AddHeader" };
         return Use(report, 340, [&](HINTERNET handle) { return ::WinHttpAddRequestHeaders(handle, text, length, modifiers); });
+    }
+
+    // Adds one header whose value may hold bytes beyond ASCII, which go out as they are. `name` is ASCII. S_FALSE, without a
+    // report, when the platform has no function for that (WinHttpAddRequestHeadersEx, a later addition to Windows 10).
+    [[nodiscard]] HRESULT AddHeaderBytes(const char* name, const char* value, DWORD modifiers) const noexcept
+    {
+        constexpr CVoReporter report{ kSource, L"VoWinHttpInterface::WinHttpRequestHandle::AddHeaderBytes" };
+        struct CHeader // WINHTTP_EXTENDED_HEADER with narrow texts
+        {
+            const char* name;
+            const char* value;
+        };
+        using Add = DWORD(WINAPI*)(HINTERNET, DWORD, ULONGLONG, ULONGLONG, DWORD, const CHeader*);
+        const HMODULE module = ::GetModuleHandleW(L"winhttp.dll");
+        const auto add = reinterpret_cast<Add>(
+            reinterpret_cast<void*>(module ? ::GetProcAddress(module, "WinHttpAddRequestHeadersEx") : nullptr));
+        if (!add)
+            return S_FALSE;
+        const CHeader header{ name, value };
+        return Use(report, 346, [&](HINTERNET handle)
+        {
+            const DWORD error = add(handle, modifiers, 0, 0, 1, &header);
+            ::SetLastError(error);
+            return error == ERROR_SUCCESS;
+        });
     }
 
     // Adds a Cookie header with the value `cookies` ("a=1; b=2").
@@ -463,6 +497,36 @@ public:
         constexpr CVoReporter report{ kSource, L"VoWinHttpInterface::WinHttpRequestHandle::QueryCookie" };
         const HRESULT hr = QueryCustomHeaders(WINHTTP_QUERY_SET_COOKIE, {}, text, index);
         return SUCCEEDED(hr) || hr == HResultFromWin32(ERROR_WINHTTP_HEADER_NOT_FOUND) ? hr : report(474, hr);
+    }
+
+    // The value of Set-Cookie header number `index`, from 0, in the bytes that were received. Not reported: the platform may
+    // not know the query (WINHTTP_QUERY_FLAG_WIRE_ENCODING, a later addition to Windows 10).
+    [[nodiscard]] HRESULT QueryCookieBytes(DWORD index, std::string& bytes) const noexcept
+    try
+    {
+        constexpr DWORD kWireEncoding = 0x01000000; // WINHTTP_QUERY_FLAG_WIRE_ENCODING
+        const auto owned = Pin();
+        const auto query = [&](void* buffer, DWORD& length)
+        {
+            DWORD position = index; // each call moves it on
+            return ::WinHttpQueryHeaders(owned ? owned->handle : nullptr, WINHTTP_QUERY_SET_COOKIE | kWireEncoding,
+                                         WINHTTP_HEADER_NAME_BY_INDEX, buffer, &length, &position);
+        };
+        DWORD length = 0; // as for QueryCustomHeaders
+        if (query(nullptr, length))
+            return E_FAIL;
+        if (::GetLastError() != ERROR_INSUFFICIENT_BUFFER)
+            return HResultFromLastError();
+        std::string value(size_t{ length } + 1, '\0');
+        if (!query(value.data(), length))
+            return HResultFromLastError();
+        value.resize(length);
+        bytes.swap(value);
+        return S_OK;
+    }
+    catch (...)
+    {
+        return HResultFromCurrentException();
     }
 
 private:

@@ -2,6 +2,7 @@
 #include "VoCookieBytes.h"
 
 #include <base/VoPlatform.h>
+#include <base/VoTextConversion.h>
 
 namespace
 {
@@ -115,4 +116,22 @@ size_t VoCookieByteLength(std::wstring_view text) noexcept
     size_t length = 0;
     ForEachByte(text, [&](char32_t) { ++length; });
     return length;
+}
+
+std::optional<std::wstring> VoWidenHeader(std::string_view bytes)
+{
+    std::wstring text;
+    std::string back;
+    const bool isExact = SUCCEEDED(VoCodePageToString(CP_ACP, bytes, text)) &&
+                         SUCCEEDED(VoStringToCodePage(CP_ACP, text, back)) && back == bytes;
+    return isExact ? std::optional(std::move(text)) : std::nullopt;
+}
+
+std::optional<std::string> VoNarrowHeader(std::wstring_view text)
+{
+    std::string bytes;
+    std::wstring back;
+    const bool isExact = SUCCEEDED(VoStringToCodePage(CP_ACP, text, bytes)) &&
+                         SUCCEEDED(VoCodePageToString(CP_ACP, bytes, back)) && back == text;
+    return isExact ? std::optional(std::move(bytes)) : std::nullopt;
 }

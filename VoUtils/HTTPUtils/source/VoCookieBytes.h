@@ -5,6 +5,7 @@
 // each byte of a UTF-8 sequence for one of these characters. Every sequence of bytes comes back as it was.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -14,3 +15,8 @@
 [[nodiscard]] std::string VoCookieBytesFromText(std::wstring_view text);
 // The number of bytes that VoCookieBytesFromText gives.
 [[nodiscard]] size_t VoCookieByteLength(std::wstring_view text) noexcept;
+
+// The text that a service makes of header bytes by the process's ANSI code page, and the bytes that it makes of such a text.
+// nullopt where that loses or changes a byte: a best fit could make ";" or "=" of another character. Throw std::bad_alloc.
+[[nodiscard]] std::optional<std::wstring> VoWidenHeader(std::string_view bytes);
+[[nodiscard]] std::optional<std::string> VoNarrowHeader(std::wstring_view text);

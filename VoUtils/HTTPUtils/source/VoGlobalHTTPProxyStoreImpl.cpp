@@ -343,8 +343,15 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::FindProxyForServer(const CServerAddressData
     // A script may look at the whole URL; its result is kept for all URLs of the server. Path and query of a secure URL may be
     // secret, so a script that came over the network does not get them.
     const std::wstring url = address.IsSecure() ? address.BaseURL() + L'/' : address.FullURL();
-    if (const HRESULT hr = m_configuration.GetProxyForURL(url, proxyList, bypassList, authentication, explanation); FAILED(hr))
+    bool failed = false;
+    if (const HRESULT hr = m_configuration.GetProxyForURL(url, proxyList, bypassList, authentication, explanation, &failed);
+        FAILED(hr))
         return report(1011, hr);
+    if (failed)
+    {
+        proxy.reset(); // direct, and not cached: the next discovery may find a proxy
+        return S_OK;
+    }
 
     std::wstring name;
     try

@@ -3,6 +3,7 @@
 
 #include "VoHTTPTransport.h"
 #include "VoUrl.h"
+#include "VoWinHttpCookies.h"
 #include "WindowsTransport.h"
 
 #include <VoNetworkUtils.h>
@@ -418,7 +419,7 @@ HRESULT CVoHTTPMessageWinHTTP::SetCookie(CHTTPRequestDataWinHTTP& request)
         return report(370, hr);
     if (request.m_cookieHeader.empty())
         return S_OK;
-    if (const HRESULT hr = request.m_handle.SetCookieString(request.m_cookieHeader); FAILED(hr))
+    if (const HRESULT hr = VoSetCookies(request.m_handle, request.m_cookieHeader); FAILED(hr))
         return report(380, hr);
     return S_OK;
 }
@@ -571,7 +572,7 @@ std::optional<std::wstring> CVoHTTPMessageWinHTTP::CheckHeader(const CRequest& r
 
 bool CVoHTTPMessageWinHTTP::ReadSetCookie(const CRequest& request, DWORD index, std::wstring& value) const
 {
-    return SUCCEEDED(static_cast<const CHTTPRequestDataWinHTTP&>(request).m_handle.QueryCookie(&value, &index));
+    return VoReadSetCookie(static_cast<const CHTTPRequestDataWinHTTP&>(request).m_handle, index, value);
 }
 
 HRESULT CVoHTTPMessageWinHTTP::FetchBody(CRequest& answered, std::vector<BYTE>& bytes)

@@ -1,6 +1,7 @@
 // The WinINet transport: the hooks of the transport core on the platform's WinINet service.
 #include <VoHTTPMessageWinINet.h>
 
+#include "VoCookieBytes.h"
 #include "VoHTTPTransport.h"
 #include "VoUrl.h"
 #include "WinINetSupport.h"
@@ -165,6 +166,7 @@ private:
     // Reads the body until it ends, until `maximum` bytes or more have come, or until `end`, a time of VoGetMicroseconds.
     [[nodiscard]] HRESULT ReadBody(CHTTPRequestDataWinINet& request, std::vector<BYTE>& received, UINT64 maximum,
                                    INT64 end = std::numeric_limits<INT64>::max());
+    [[nodiscard]] static HRESULT SetCookie(const CHTTPRequestDataWinINet& request, std::wstring& headers);
     [[nodiscard]] HRESULT WriteBody(CHTTPRequestDataWinINet& request, std::span<const BYTE> body) const noexcept;
 
     CInternetHandle m_session;
@@ -508,6 +510,25 @@ HRESULT CVoHTTPMessageWinINet::OpenHandle(CRequest& opened)
     return S_OK;
 }
 
+// Puts the request's cookies into the headers to send. A cookie beyond ASCII goes to the platform as bytes: it would turn text
+// into the code page's best fit.
+HRESULT CVoHTTPMessageWinINet::SetCookie(const CHTTPRequestDataWinINet& request, std::wstring& headers)
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::SetCookie" };
+    const std::wstring& cookies = request.m_cookieHeader;
+    if (cookies.empty())
+        return S_OK;
+    if (std::all_of(cookies.begin(), cookies.end(), [](wchar_t character) { return character < 0x80; }))
+    {
+        headers = VoFormat(L"Cookie: %ls\r\n", cookies.c_str());
+        return S_OK;
+    }
+    const std::string line = "Cookie: " + VoCookieBytesFromText(cookies) + "\r\n";
+    if (!::HttpAddRequestHeadersA(request.Handle(), line.c_str(), static_cast<DWORD>(line.size()), HTTP_ADDREQ_FLAG_ADD))
+        return report.LastError(671, 672);
+    return S_OK;
+}
+
 HRESULT CVoHTTPMessageWinINet::SendOnce(CRequest& sent, std::span<const BYTE> body, const std::wstring& contentType)
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::SendBody" };
@@ -515,8 +536,8 @@ HRESULT CVoHTTPMessageWinINet::SendOnce(CRequest& sent, std::span<const BYTE> bo
     const HINTERNET handle = request.Handle();
     const CStatusObservation observation(handle, request.m_trace, request.m_target.IsSecure());
     std::wstring headers;
-    if (!request.m_cookieHeader.empty())
-        headers = VoFormat(L"Cookie: %ls\r\n", request.m_cookieHeader.c_str());
+    if (const HRESULT hr = SetCookie(request, headers); FAILED(hr))
+        return report(688, hr);
     if (VoHasHeaderValue(contentType))
         headers += contentType + L"\r\n";
     for (int resends = 0;; ++resends)
@@ -597,7 +618,11 @@ std::optional<std::wstring> CVoHTTPMessageWinINet::CheckHeader(const CRequest& r
 
 bool CVoHTTPMessageWinINet::ReadSetCookie(const CRequest& request, DWORD index, std::wstring& value) const
 {
-    return QueryHeader(static_cast<const CHTTPRequestDataWinINet&>(request).Handle(), L"Set-Cookie", index, value);
+    std::string bytes;
+    if (!QueryHeaderBytes(static_cast<const CHTTPRequestDataWinINet&>(request).Handle(), "Set-Cookie", index, bytes))
+        return false;
+    value = VoCookieTextFromBytes(bytes);
+    return true;
 }
 
 HRESULT CVoHTTPMessageWinINet::ReadBody(CHTTPRequestDataWinINet& request, std::vector<BYTE>& received, UINT64 maximum,

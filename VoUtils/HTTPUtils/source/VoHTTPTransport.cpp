@@ -2,7 +2,9 @@
 #include "VoHTTPTransport.h"
 
 #include "VoRedirect.h"
+#include "VoRetryAfter.h"
 
+#include <VoGlobalHTTPCookieStoreImpl.h>
 #include <VoProxyList.h>
 
 #include <base/VoUtils.h>
@@ -474,14 +476,12 @@ bool CVoHTTPTransport::Pause(const CRequest& request, INT64 microseconds) noexce
     }
 }
 
-// Microseconds that the server asks to wait before the next attempt (Retry-After in seconds, RFC 9110, section 10.2.3).
+// Microseconds that the server asks to wait before the next attempt.
 std::optional<INT64> CVoHTTPTransport::RetryAfter(const CRequest& request) const noexcept
 try
 {
-    constexpr UINT64 kLongest = MAXDWORD / 1000; // seconds that a wait function takes
-    const std::optional<UINT64> seconds =
-        request.m_statusCode != 0 ? GetHeaderLongValue(request, L"Retry-After") : std::nullopt;
-    return seconds ? std::optional(static_cast<INT64>(std::min(*seconds, kLongest)) * kMicrosecondsPerSecond) : std::nullopt;
+    const std::optional<std::wstring> text = request.m_statusCode != 0 ? CheckHeader(request, L"Retry-After") : std::nullopt;
+    return text ? VoParseRetryAfter(*text, CVoGlobalHTTPCookieStoreImpl::GetCurrentSystemDate()) : std::nullopt;
 }
 catch (...)
 {

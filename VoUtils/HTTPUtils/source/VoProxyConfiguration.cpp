@@ -256,14 +256,15 @@ HRESULT CProxyConfigHandler::OpenSession() noexcept
 }
 
 HRESULT CProxyConfigHandler::DiscoverProxy(const std::wstring& url, std::wstring& proxyList, std::wstring& bypassList,
-                                           CVoProxyExplanation* explanation) noexcept
+                                           CVoProxyExplanation* explanation, bool* failed) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CProxyConfigHandler::DiscoverProxy" };
     return report.Guard(654, [&]() -> HRESULT
     {
         const INT64 start = VoGetMicroseconds();
         DWORD error = ERROR_SUCCESS;
-        if (const HRESULT hr = m_session->GetProxyForUrl(url, m_config.pacFileUrl, proxyList, bypassList, &error); FAILED(hr))
+        if (const HRESULT hr = m_session->GetProxyForUrl(url, m_config.pacFileUrl, proxyList, bypassList, &error, failed);
+            FAILED(hr))
             return report(652, hr);
         if (explanation)
         {
@@ -281,21 +282,24 @@ HRESULT CProxyConfigHandler::DiscoverProxy(const std::wstring& url, std::wstring
 }
 
 HRESULT CProxyConfigHandler::GetProxyForURL(const std::wstring& url, std::wstring& proxyList, std::wstring& bypassList,
-                                            CHTTPProxyAuthenticationData& authentication,
-                                            CVoProxyExplanation* explanation) noexcept
+                                            CHTTPProxyAuthenticationData& authentication, CVoProxyExplanation* explanation,
+                                            bool* failed) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CProxyConfigHandler::GetProxyForURL" };
     return report.Guard(671, [&]() -> HRESULT
     {
         CAutoLock lock(&m_lock);
         CHTTPProxyConfigData found;
+        if (failed)
+            *failed = false;
         if (!m_config.UsesDiscovery())
         {
             found = m_config;
             if (explanation && !found.manualProxy.empty())
                 explanation->source = CVoProxyExplanation::ESource::Manual;
         }
-        else if (const HRESULT hr = DiscoverProxy(url, found.manualProxy, found.manualProxyBypassList, explanation); FAILED(hr))
+        else if (const HRESULT hr = DiscoverProxy(url, found.manualProxy, found.manualProxyBypassList, explanation, failed);
+                 FAILED(hr))
             return report(657, hr);
         proxyList.swap(found.manualProxy);
         bypassList.swap(found.manualProxyBypassList);

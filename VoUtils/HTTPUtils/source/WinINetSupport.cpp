@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <cwchar>
 #include <utility>
 #include <vector>
 
@@ -20,8 +19,8 @@ namespace
 {
 // Runs a query that answers a text: once for the size, in bytes with its end, and once for the text, which is written where it
 // is to stay, because it may be a secret. False when the query failed, with its error as the last one; the text is empty then.
-template <class Query>
-bool QueryText(Query query, std::wstring& text)
+template <class Character, class Query>
+bool QueryText(Query query, std::basic_string<Character>& text)
 {
     VoWipe(text);
     DWORD bytes = 0;
@@ -29,11 +28,32 @@ bool QueryText(Query query, std::wstring& text)
         return true;
     if (::GetLastError() != ERROR_INSUFFICIENT_BUFFER)
         return false;
-    text.resize(bytes / sizeof(wchar_t) + 1);
-    bytes = static_cast<DWORD>(text.size() * sizeof(wchar_t));
+    text.resize(bytes / sizeof(Character) + 1);
+    bytes = static_cast<DWORD>(text.size() * sizeof(Character));
     const bool answered = query(text.data(), &bytes) != FALSE;
-    text.resize(answered ? std::wcslen(text.c_str()) : 0);
+    text.resize(answered ? std::char_traits<Character>::length(text.c_str()) : 0);
     return answered;
+}
+
+// Queries header number `index` of a name by one of the platform's two forms of HttpQueryInfo.
+template <class Character, class Query>
+bool QueryCustomHeader(Query queryInfo, HINTERNET request, const Character* name, DWORD index,
+                       std::basic_string<Character>& value)
+{
+    const std::basic_string<Character> nameText = name;
+    return QueryText([&](Character* buffer, DWORD* bytes)
+    {
+        // A custom query takes the name in the buffer. Each call moves the index on, so each starts from a copy.
+        DWORD position = index;
+        std::basic_string<Character> room(std::max<size_t>(*bytes / sizeof(Character), nameText.size() + 1), Character());
+        std::copy(nameText.begin(), nameText.end(), room.begin());
+        DWORD length = *bytes;
+        const BOOL answered = queryInfo(request, DWORD{ HTTP_QUERY_CUSTOM }, room.data(), &length, &position);
+        *bytes = length;
+        if (answered && buffer)
+            std::copy_n(room.begin(), length / sizeof(Character) + 1, buffer);
+        return answered;
+    }, value);
 }
 
 // The two ends of a request's connection, for the trace. The platform need not tell them.
@@ -83,20 +103,12 @@ bool QueryOptionText(HINTERNET handle, DWORD option, std::wstring& text)
 
 bool QueryHeader(HINTERNET request, const wchar_t* name, DWORD index, std::wstring& value)
 {
-    const std::wstring nameText = name;
-    return QueryText([&](wchar_t* buffer, DWORD* bytes)
-    {
-        // A custom query takes the name in the buffer. Each call moves the index on, so each starts from a copy.
-        DWORD position = index;
-        std::wstring room(std::max<size_t>(*bytes / sizeof(wchar_t), nameText.size() + 1), L'\0');
-        std::copy(nameText.begin(), nameText.end(), room.begin());
-        DWORD length = *bytes;
-        const BOOL answered = ::HttpQueryInfoW(request, HTTP_QUERY_CUSTOM, room.data(), &length, &position);
-        *bytes = length;
-        if (answered && buffer)
-            std::copy_n(room.begin(), length / sizeof(wchar_t) + 1, buffer);
-        return answered;
-    }, value);
+    return QueryCustomHeader([](auto... arguments) { return ::HttpQueryInfoW(arguments...); }, request, name, index, value);
+}
+
+bool QueryHeaderBytes(HINTERNET request, const char* name, DWORD index, std::string& value)
+{
+    return QueryCustomHeader([](auto... arguments) { return ::HttpQueryInfoA(arguments...); }, request, name, index, value);
 }
 
 bool QueryRawHeaders(HINTERNET request, std::wstring& header)

@@ -44,6 +44,8 @@ private:
 
 // The response header number `index` of a name, from 0. False when there is none.
 [[nodiscard]] bool QueryHeader(HINTERNET request, const wchar_t* name, DWORD index, std::wstring& value);
+// The same in the bytes that were received.
+[[nodiscard]] bool QueryHeaderBytes(HINTERNET request, const char* name, DWORD index, std::string& value);
 
 // The header of the response: the status line and a line for each field. False when there is none.
 [[nodiscard]] bool QueryRawHeaders(HINTERNET request, std::wstring& header);
