@@ -3,10 +3,11 @@
 
 #include "Command.h"
 
+#include <base/VoHandle.h>
+
 #include <atomic>
 #include <cstdlib>
 #include <string>
-#include <thread>
 
 namespace
 {
@@ -94,14 +95,15 @@ public:
                 EndProcessAtOnce();
             request = g_scope->m_request;
         }
-        try
+        // A thread of the platform: a detached one of some C++ libraries may lose its function.
+        constexpr LPTHREAD_START_ROUTINE kAbandonLater = [](void*) -> DWORD
         {
-            std::thread(AbandonLater).detach();
-        }
-        catch (...)
-        {
+            AbandonLater();
+            return 0;
+        };
+        const CVoHandle thread(::CreateThread(nullptr, 0, kAbandonLater, nullptr, 0, nullptr));
+        if (!thread)
             EndProcessAtOnce();
-        }
         request->Cancel();
         return TRUE;
     }

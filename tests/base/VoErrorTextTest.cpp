@@ -92,7 +92,7 @@ TEST(ErrorText, TheFacilityDecidesWhereTheTextComesFrom)
 
 TEST(ErrorText, TheFlagDecidesWhenThereIsNoText)
 {
-    for (const unsigned code : { 0x81030000u, 0x81030006u, 0x01030001u, 0x81040001u })
+    for (const unsigned code : { 0x81030000u, 0x81030007u, 0x01030001u, 0x81040001u })
     {
         std::wstring text = L"before";
         EXPECT_EQ(VoGetErrorText(static_cast<HRESULT>(code), false, &text), E_FAIL);

@@ -66,6 +66,10 @@ std::string ReadToEnd(const CVoHandle& stream)
 
 CConsoleProcess::CConsoleProcess(const std::vector<std::wstring>& arguments)
 {
+    // Wine starts a process for the desktop when a program needs it for the first time, and that process keeps the program's
+    // streams. Here it gets those of the tests; otherwise a console's pipes would stay open behind it.
+    static const HWND s_desktop = ::GetDesktopWindow();
+    (void)s_desktop;
     CPipe in(true);
     CPipe out(false);
     CPipe err(false);

@@ -247,12 +247,12 @@ TEST(ConsoleInterrupt, CancelsTheRequestWhateverItWaitsFor)
                                                  { "wininet waits for its probe", L"wininet", 0 } })
     {
         std::promise<void> asked;
-        Loopback::CLoopbackServer server([&, status = status](const auto&, Loopback::CConnection& connection)
+        Loopback::CLoopbackServer server([&, code = status](const auto&, Loopback::CConnection& connection)
         {
-            if (status != 0)
-                connection.SendResponse(status, { { "Retry-After", "20" } });
+            if (code != 0)
+                connection.SendResponse(code, { { "Retry-After", "20" } });
             asked.set_value();
-            if (status == 0)
+            if (code == 0)
                 connection.WaitForPeerClose(std::chrono::hours(1));
         });
         const std::filesystem::path output = TestSupport::MakeTestFolder(L"interrupt") / L"out";

@@ -1,5 +1,6 @@
 // One behaviour for all transports: every test here runs against each kind, over real sockets.
 #include "http/TransportFixture.h"
+#include "support/Compress.h"
 #include "support/LogCapture.h"
 
 #include <base/VoUtils.h>
@@ -113,6 +114,7 @@ TEST_P(TransportTest, ReadsResponsesOfEveryShape)
         { "a chunked body with a wrong Content-Length",
           "Transfer-Encoding: chunked\r\nContent-Length: 99\r\n\r\n3\r\na=1\r\n0\r\n\r\n", Response::Parameters, L"1", "" },
         { "a body that ends with the connection", "Connection: close\r\n\r\na=1&&xyz", Response::Parameters, L"1", "xyz" },
+        { "equal lengths", "Content-Length: 3\r\nContent-Length: 3, 3\r\n\r\na=1", Response::Parameters, L"1", "" },
         { "64 KB of headers", "X: " + longLine + "\r\nY: " + longLine + "\r\nContent-Length: 3\r\n\r\na=1",
           Response::Parameters, L"1", "" },
     };
@@ -131,6 +133,8 @@ TEST_P(TransportTest, ReadsResponsesOfEveryShape)
 TEST_P(TransportTest, ATruncatedOrMalformedResponseIsAFailure)
 {
     const std::string head = "HTTP/1.1 200 OK\r\n";
+    const std::string coding = "Content-Encoding: gzip\r\n";
+    const std::string gzip = Compress("a=1&&" + std::string(1000, 'x'), ECompression::Gzip);
     const std::tuple<const char*, std::string, bool> cases[] = {
         { "no bytes at all", "", false },
         { "the connection ends in the headers", head + "Content-Le", true },
@@ -138,6 +142,19 @@ TEST_P(TransportTest, ATruncatedOrMalformedResponseIsAFailure)
         { "the connection ends in a chunk", head + "Transfer-Encoding: chunked\r\n\r\n10\r\na=1", true },
         { "the last chunk is missing", head + "Transfer-Encoding: chunked\r\n\r\n3\r\na=1\r\n", true },
         { "another protocol", "SSH-2.0-Server\r\n\r\n", false },
+        { "a length with a sign", head + "Content-Length: +3\r\n\r\na=1", false },
+        { "a negative length", head + "Content-Length: -1\r\n\r\na=1", false },
+        { "a length with a unit", head + "Content-Length: 3B\r\n\r\na=1", false },
+        { "an empty length", head + "Content-Length:\r\n\r\na=1", false },
+        { "a length beyond 64 bits", head + "Content-Length: 99999999999999999999\r\n\r\na=1", false },
+        { "two lengths in a field", head + "Content-Length: 3, 4\r\n\r\na=1x", false },
+        { "two lengths", head + "Content-Length: 3\r\nContent-Length: 4\r\n\r\na=1x", false },
+        { "two lengths, the longer one first", head + "Content-Length: 4\r\nContent-Length: 3\r\n\r\na=1x", false },
+        { "a gzip stream that is cut off", head + coding + "Content-Length: 20\r\n\r\n" + gzip.substr(0, 20), false },
+        { "the same with the connection's end", head + coding + "\r\n" + gzip.substr(0, gzip.size() - 1), false },
+        { "the same in chunks",
+          head + coding + "Transfer-Encoding: chunked\r\n\r\na\r\n" + gzip.substr(0, 10) + "\r\n0\r\n\r\n", false },
+        { "no gzip stream", head + coding + "Content-Length: 3\r\n\r\na=1", false },
     };
     for (const auto& [name, wire, asDocumentedOnly] : cases)
     {
@@ -151,6 +168,16 @@ TEST_P(TransportTest, ATruncatedOrMalformedResponseIsAFailure)
         EXPECT_EQ(response.message.GetCount(), 0U);
         EXPECT_FALSE(log.Lines().empty());
     }
+}
+
+TEST_P(TransportTest, ACodedBodyIsDecodedOverLibcurlAndHandedOutAsItCameByTheServices)
+{
+    const std::string gzip = Compress("a=1&&xyz", ECompression::Gzip);
+    CServer server(Responds(200, { { "Content-Encoding", "gzip" } }, gzip));
+    const CResponse response = SendTo(server.URL(), {}, Kind::Raw, false, Response::Binary);
+    EXPECT_EQ(response.result, S_OK);
+    const bool decodes = !server.Requests()[0].Header("Accept-Encoding").empty();
+    EXPECT_EQ(PayloadOf(response.message), decodes ? "a=1&&xyz" : gzip);
 }
 
 TEST_P(TransportTest, OnlyStatus200IsSuccessAndClientErrorsAreNeverRetried)
@@ -300,6 +327,18 @@ TEST_P(TransportTest, ASilentServerEndsInATimeOut)
     }
 }
 
+TEST_P(TransportTest, AServerThatDripsEndsInATimeOut)
+{
+    CServer server([&](const auto&, Loopback::CConnection& connection)
+    {
+        connection.Send("HTTP/1.1 200 OK\r\nContent-Length: 80\r\n\r\n");
+        connection.Drip(std::string(80, 'x'), 1, std::chrono::milliseconds(100));
+        connection.CloseNow();
+    });
+    const HRESULT result = Send(*Connect(server.URL(), 1, 1), {}).result;
+    EXPECT_TRUE(CVoHTTPMessage::IsTimeOut(result)) << std::hex << result;
+}
+
 TEST_P(TransportTest, ARefusedConnectionIsReportedByEveryCaller)
 {
     const CLogCapture log;
@@ -350,6 +389,20 @@ TEST_P(TransportTest, ALengthThatRunsPastTheEndLeavesTheOutputs)
         EXPECT_EQ(responses.size(), 7U);
         EXPECT_EQ(count, 7U);
     }
+}
+
+TEST(MultipleResponses, AreCountedBeforeTheyAreParsed)
+{
+    std::vector<BYTE> empty(100'001 * 4); // as many messages of length 0
+    std::vector<CVoBinaryDataParser> responses(7);
+    const auto parse = [&](size_t bytes, UINT32 expected)
+    { return CVoHTTPMessage::internalParseMultipleResponses(std::span(empty).first(bytes), true, expected, responses); };
+    EXPECT_EQ(parse(empty.size(), 0), kErrorResponseLimit);
+    EXPECT_EQ(parse(empty.size(), 3), E_FAIL);
+    EXPECT_EQ(responses.size(), 7U);
+    EXPECT_EQ(parse(empty.size() - 4, 0), S_OK);
+    EXPECT_EQ(responses.size(), 100'000U);
+    EXPECT_EQ(parse(empty.size(), 100'001), S_OK) << "the caller expects them";
 }
 
 TEST_P(TransportTest, GetsAnyPathOfTheServer)

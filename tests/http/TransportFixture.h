@@ -46,6 +46,8 @@ struct CTransport
     // Wine's Windows services take a connection that ends among the headers or the chunks for the end of the response; Windows'
     // do not.
     bool documentedUnderWine = false;
+    // Wine's WinHTTP takes header texts only.
+    bool sendsBytesUnderWine = true;
     // Wine's WinHTTP keeps connections for the process, not for the message.
     bool dropsConnectionsUnderWine = true;
     // An https server must show a good certificate when that is asked for. Wine's Schannel looks at none for libcurl.
@@ -58,6 +60,7 @@ struct CTransport
              .name = name,
              .responseWaitsAtConnection = true,
              .rewritesLoopback = rewritesLoopback,
+             .sendsBytesUnderWine = false,
              .dropsConnectionsUnderWine = false };
 }
 

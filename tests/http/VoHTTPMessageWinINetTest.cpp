@@ -171,6 +171,7 @@ TEST_F(WinINetTransport, CredentialsFromTheDialogAreTriedAndSaved)
         { 401, ERROR_SUCCESS, 401, L"", kResultUnexpectedStatus, 0 }, // the result of a cancelled dialog under Wine
         { 407, kRetry, 407, L"ann", kResultUnexpectedStatus, 0 },
         { 407, ERROR_INVALID_HANDLE, 0, L"ann", Code(ERROR_INVALID_HANDLE), 0 },
+        { 407, MAXDWORD, 0, L"ann", Code(ERROR_INVALID_WINDOW_HANDLE), 0 }, // the system cannot show the dialog
     };
     for (const auto& row : table)
         for (const bool hasStore : { true, false })

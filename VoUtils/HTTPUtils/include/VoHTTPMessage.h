@@ -244,7 +244,8 @@ public:
     void WriteDataToLogFile(EDataDirection direction, const BYTE* data, UINT32 length) const noexcept;
 
     // Splits the response to several messages, each behind its length, into parsers. With an `expectedCount` other than 0 a
-    // different number of messages is E_FAIL. A length that runs past the end is E_FAIL. `responses` is untouched on failure.
+    // different number of messages is E_FAIL. A length that runs past the end is E_FAIL. kErrorResponseLimit: more than 100,000
+    // messages where no number is expected, or more than 1 GiB of messages and parsers. `responses` is untouched on failure.
     [[nodiscard]] static HRESULT internalParseMultipleResponses(std::span<const BYTE> bytes, bool utf8, UINT32 expectedCount,
                                                                 std::vector<CVoBinaryDataParser>& responses) noexcept;
 

@@ -79,9 +79,14 @@ catch (...)
 
 CCURLHandle MakeCURLHandle() noexcept
 {
-    // Never undone: the process may be using libcurl beside this library.
-    static const CURLcode ready = curl_global_init(CURL_GLOBAL_ALL);
-    return CCURLHandle(ready == CURLE_OK ? curl_easy_init() : nullptr);
+    // Never undone: the process may be using libcurl beside this library. A failure is not kept: memory may be there next time.
+    static CVoLock s_lock;
+    static bool s_isReady = false;
+    {
+        const CVoLockHolder lock(s_lock);
+        s_isReady = s_isReady || curl_global_init(CURL_GLOBAL_ALL) == CURLE_OK;
+    }
+    return CCURLHandle(s_isReady ? curl_easy_init() : nullptr);
 }
 
 HRESULT CURLSListWrapper::Append(std::wstring_view text) noexcept
@@ -266,6 +271,9 @@ try
     constexpr std::wstring_view kSetCookie = L"Set-Cookie:";
     constexpr std::wstring_view kContentType = L"Content-Type:";
     constexpr std::wstring_view kLocation = L"Location:";
+    constexpr std::wstring_view kContentEncoding = L"Content-Encoding:";
+    constexpr std::wstring_view kTransferEncoding = L"Transfer-Encoding:";
+    constexpr std::wstring_view kContentLength = L"Content-Length:";
     constexpr size_t kVersionLength = 3;
     if (VoStartsWithNoCase(text, kSetCookie))
     {
@@ -288,6 +296,9 @@ try
         const std::wstring_view rest = HeaderValue(text, kStatusLine.size() + kVersionLength);
         headers.statusCode = rest.substr(0, rest.find(L' '));
         headers.contentType.clear();
+        headers.contentCodings.clear();
+        headers.transferCodings.clear();
+        headers.contentLength = {};
         headers.location.clear();
         headers.complete = false;
     }
@@ -297,6 +308,12 @@ try
         if (headers.location.empty())
             headers.location = HeaderValue(text, kLocation.size());
     }
+    else if (VoStartsWithNoCase(text, kContentEncoding))
+        headers.contentCodings.append(HeaderValue(text, kContentEncoding.size())).append(L",");
+    else if (VoStartsWithNoCase(text, kTransferEncoding))
+        headers.transferCodings.append(HeaderValue(text, kTransferEncoding.size())).append(L",");
+    else if (VoStartsWithNoCase(text, kContentLength))
+        headers.contentLength.Add(HeaderValue(text, kContentLength.size()));
     else if (text == L"\r\n" || text == L"\n")
         headers.complete = true;
     return length;
@@ -348,6 +365,15 @@ try
 {
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::prereq_callback" };
     auto& headers = *static_cast<CHeaderContext*>(context);
+    const char* method = nullptr;
+    curl_easy_getinfo(headers.handle, CURLINFO_EFFECTIVE_METHOD, &method);
+    if (headers.bodilessHeaders && method && method == std::string_view("GET"))
+    {
+        // libcurl would send the Content-Type of a body that it does not send any more (RFC 9110, section 15.4).
+        headers.headersReplaced = true;
+        if (FAILED(CURLSetOpt(headers.handle, CURLOPT_HTTPHEADER, headers.bodilessHeaders)))
+            return CURL_PREREQFUNC_ABORT;
+    }
     if (std::exchange(headers.isFirstRequest, false))
         return CURL_PREREQFUNC_OK; // it goes where the request says, with the cookies that it was opened with
     const char* url = nullptr;
@@ -397,15 +423,15 @@ size_t write_callback(char* data, size_t size, size_t count, void* context) noex
     }
     auto& answer = *static_cast<CCURLWriteCallbackData*>(context);
     const size_t length = size * count;
-    if (answer.limit != 0 && answer.received.size() + length > answer.limit)
-    {
-        answer.result = report(489, kErrorResponseLimit);
-        return 0;
-    }
     try
     {
-        if (answer.received.empty())
+        if (!std::exchange(answer.hasBegun, true))
         {
+            if (answer.headers)
+                if (const HRESULT hr = CVoContentDecoder::Make(answer.headers->contentCodings + answer.headers->transferCodings,
+                                                               answer.decoder);
+                    FAILED(hr))
+                    answer.result = report(487, E_FAIL);
             curl_off_t announced = -1;
             if (curl_easy_getinfo(answer.handle, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced) == CURLE_OK && announced > 0)
             {
@@ -414,8 +440,19 @@ size_t write_callback(char* data, size_t size, size_t count, void* context) noex
                 answer.received.reserve(static_cast<size_t>(std::min(announced, kMaximumReserve)));
             }
         }
+        // After a failure the transfer runs on, so that the connection stays in step.
         const auto* const bytes = reinterpret_cast<const BYTE*>(data);
-        answer.received.insert(answer.received.end(), bytes, bytes + length);
+        if (answer.decoder && SUCCEEDED(answer.result))
+            answer.result = answer.decoder->Decode({ bytes, length }, &answer.received, answer.limit);
+        else if (SUCCEEDED(answer.result) && answer.limit != 0 && answer.received.size() + length > answer.limit)
+            answer.result = kErrorResponseLimit;
+        else if (SUCCEEDED(answer.result))
+            answer.received.insert(answer.received.end(), bytes, bytes + length);
+        if (answer.result == kErrorResponseLimit)
+        {
+            report(489, kErrorResponseLimit);
+            return 0;
+        }
     }
     catch (...)
     {

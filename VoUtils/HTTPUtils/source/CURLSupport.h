@@ -2,6 +2,9 @@
 // report under the transport's source name, so their trace points share the transport's numbers.
 #pragma once
 
+#include "VoContentDecoder.h"
+#include "VoContentLength.h"
+
 #include <VoHTTPMessage.h>
 
 #include <base/VoLock.h>
@@ -131,17 +134,6 @@ struct CBodySource
     INT64* end = nullptr;                // when the last byte was taken (VoGetMicroseconds); may be null
 };
 
-// Receives the body of one transfer's response.
-struct CCURLWriteCallbackData
-{
-    CURL* handle = nullptr;
-    std::vector<BYTE> received;
-    HRESULT result = S_OK;                // a failure means that bytes were lost
-    std::atomic<UINT64>* count = nullptr; // progress; may be null
-    std::atomic<UINT64>* expected = nullptr;
-    UINT64 limit = 0; // of the body, in bytes; 0: none
-};
-
 // What the headers of one transfer contain, and where its requests go.
 struct CHeaderContext
 {
@@ -150,12 +142,17 @@ struct CHeaderContext
     std::wstring requestUrl;                   // of the request that is being answered; prereq_callback changes it
     std::wstring location;
     std::wstring contentType;
+    std::wstring contentCodings;  // Content-Encoding
+    std::wstring transferCodings; // Transfer-Encoding
+    CVoContentLength contentLength;
     std::wstring protocolVersion;
     std::wstring statusCode;
-    bool complete = false;       // the empty line after the headers has arrived
-    bool isFirstRequest = true;  // of the transfer; the next ones are redirects and answers to challenges
-    bool isSecure = false;       // requestUrl is https
-    bool cookieReplaced = false; // a redirect replaced the handle's Cookie header
+    bool complete = false;                 // the empty line after the headers has arrived
+    bool isFirstRequest = true;            // of the transfer; the next ones are redirects and answers to challenges
+    bool isSecure = false;                 // requestUrl is https
+    bool cookieReplaced = false;           // a redirect replaced the handle's Cookie header
+    curl_slist* bodilessHeaders = nullptr; // the request's headers without Content-Type; may be null
+    bool headersReplaced = false;          // they replaced the handle's headers: a redirect made a GET of a POST
 
     CCURLTransferRecord* record = nullptr;     // null: nothing is kept
     const CVoResponseLimits* limits = nullptr; // null: none
@@ -163,6 +160,20 @@ struct CHeaderContext
     UINT32 fields = 0;
     UINT32 cookies = 0;
     bool isOverLimit = false;
+};
+
+// Receives the body of one transfer's response, and decodes it: libcurl takes a coded stream that is cut off for a short one.
+struct CCURLWriteCallbackData
+{
+    CURL* handle = nullptr;
+    std::vector<BYTE> received;
+    HRESULT result = S_OK;                // a failure means that bytes were lost
+    std::atomic<UINT64>* count = nullptr; // progress; may be null
+    std::atomic<UINT64>* expected = nullptr;
+    UINT64 limit = 0;                        // of the body, in bytes; 0: none
+    const CHeaderContext* headers = nullptr; // of the response; null: nothing is decoded
+    std::unique_ptr<CVoContentDecoder> decoder = nullptr;
+    bool hasBegun = false;
 };
 
 // Receives notice when the whole body has been sent, and ends a transfer that was cancelled.

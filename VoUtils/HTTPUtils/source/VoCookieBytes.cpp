@@ -118,15 +118,6 @@ size_t VoCookieByteLength(std::wstring_view text) noexcept
     return length;
 }
 
-std::optional<std::wstring> VoWidenHeader(std::string_view bytes)
-{
-    std::wstring text;
-    std::string back;
-    const bool isExact = SUCCEEDED(VoCodePageToString(CP_ACP, bytes, text)) &&
-                         SUCCEEDED(VoStringToCodePage(CP_ACP, text, back)) && back == bytes;
-    return isExact ? std::optional(std::move(text)) : std::nullopt;
-}
-
 std::optional<std::string> VoNarrowHeader(std::wstring_view text)
 {
     std::string bytes;
@@ -134,4 +125,21 @@ std::optional<std::string> VoNarrowHeader(std::wstring_view text)
     const bool isExact = SUCCEEDED(VoStringToCodePage(CP_ACP, text, bytes)) &&
                          SUCCEEDED(VoCodePageToString(CP_ACP, bytes, back)) && back == text;
     return isExact ? std::optional(std::move(bytes)) : std::nullopt;
+}
+
+bool VoIsSafeHeaderText(std::wstring_view text) noexcept
+{
+    constexpr wchar_t kFirstBeyondAscii = 0x80;
+    for (const wchar_t character : text)
+    {
+        if (character >= kFirstRawByte && character <= kLastRawByte)
+            return false;
+        char bytes[2];
+        const int length = character < kFirstBeyondAscii
+                               ? 0
+                               : ::WideCharToMultiByte(CP_ACP, 0, &character, 1, bytes, sizeof bytes, nullptr, nullptr);
+        if (length == 1 && static_cast<BYTE>(bytes[0]) < kFirstBeyondAscii && bytes[0] != '?') // "?": it has no such character
+            return false;
+    }
+    return true;
 }

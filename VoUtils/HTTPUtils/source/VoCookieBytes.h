@@ -16,7 +16,10 @@
 // The number of bytes that VoCookieBytesFromText gives.
 [[nodiscard]] size_t VoCookieByteLength(std::wstring_view text) noexcept;
 
-// The text that a service makes of header bytes by the process's ANSI code page, and the bytes that it makes of such a text.
-// nullopt where that loses or changes a byte: a best fit could make ";" or "=" of another character. Throw std::bad_alloc.
-[[nodiscard]] std::optional<std::wstring> VoWidenHeader(std::string_view bytes);
+// The bytes that a service has turned into text by the process's ANSI code page. nullopt where they cannot be told. Throws
+// std::bad_alloc.
 [[nodiscard]] std::optional<std::string> VoNarrowHeader(std::wstring_view text);
+
+// Whether a service may turn the text into header bytes by itself, as UTF-8 or by the ANSI code page: the text stands for no
+// byte that is not UTF-8, and no character beyond ASCII becomes an ASCII one, such as ";" or "=", as the code page's best fit.
+[[nodiscard]] bool VoIsSafeHeaderText(std::wstring_view text) noexcept;

@@ -18,6 +18,10 @@ namespace
 constexpr const wchar_t* kSource = L"..\\source\\VoHTTPMessage";
 
 constexpr size_t kSizePrefixLength = 4;
+// How much a response to several messages may hold: that many messages when the caller expects no certain number, and that many
+// bytes of messages and of the parsers that take them.
+constexpr size_t kMaximumMessages = 100'000;
+constexpr UINT64 kMaximumMessageMemory = UINT64{ 1 } << 30;
 constexpr UINT32 kMaximumLength = std::numeric_limits<UINT32>::max();
 
 // The architecture in the user agent. Intended: x86 gives "x64" and ARM gives "ARM64", because servers know these texts.
@@ -193,7 +197,9 @@ HRESULT CVoHTTPMessage::internalParseMultipleResponses(std::span<const BYTE> byt
 try
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessage::internalParseMultipleResponses" };
-    std::vector<CVoBinaryDataParser> found;
+    // First the lengths alone: four bytes announce a message, which takes far more memory.
+    std::vector<std::span<const BYTE>> messages;
+    UINT64 memory = 0;
     while (!bytes.empty())
     {
         if (bytes.size() < kSizePrefixLength)
@@ -202,12 +208,22 @@ try
         bytes = bytes.subspan(kSizePrefixLength);
         if (length > bytes.size())
             return report(405, E_FAIL);
-        if (const HRESULT hr = found.emplace_back().Parse(length, bytes.data(), false, utf8); FAILED(hr))
-            return report(410, hr);
+        memory += length + sizeof(CVoBinaryDataParser);
+        if (expectedCount != 0 && messages.size() == expectedCount)
+            return report(415, E_FAIL);
+        if ((expectedCount == 0 && messages.size() == kMaximumMessages) || memory > kMaximumMessageMemory)
+            return report(407, kErrorResponseLimit);
+        messages.push_back(bytes.first(length));
         bytes = bytes.subspan(length);
     }
-    if (expectedCount != 0 && found.size() != expectedCount)
-        return report(415, E_FAIL);
+    if (expectedCount != 0 && messages.size() != expectedCount)
+        return report(417, E_FAIL);
+    std::vector<CVoBinaryDataParser> found;
+    found.reserve(messages.size());
+    for (const std::span<const BYTE> message : messages)
+        if (const HRESULT hr = found.emplace_back().Parse(static_cast<UINT32>(message.size()), message.data(), false, utf8);
+            FAILED(hr))
+            return report(410, hr);
     responses = std::move(found);
     return S_OK;
 }

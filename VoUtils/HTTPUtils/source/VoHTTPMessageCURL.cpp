@@ -134,7 +134,8 @@ private:
     [[nodiscard]] HRESULT UseCredentials(CRequest& asked, bool proxy, const CCredentials& typed) override;
     [[nodiscard]] HRESULT ResetConnection(CRequest& failed) noexcept override;
     void EndSend(CRequest& sent) noexcept override;
-    [[nodiscard]] std::optional<std::wstring> CheckHeader(const CRequest& asked, const wchar_t* name) const override;
+    [[nodiscard]] std::optional<std::wstring> CheckHeader(const CRequest& asked, const wchar_t* name,
+                                                          DWORD index) const override;
     [[nodiscard]] HRESULT FetchBody(CRequest& request, std::vector<BYTE>& bytes) override;
     void ReadResponseHeaders(const CRequest& answered, std::vector<CVoRawResponse>& responses) const override;
     void CompleteRecord(const CRequest& sent, CVoExchangeRecord::CAttempt& attempt) const override;
@@ -231,6 +232,8 @@ HRESULT CVoHTTPMessageCURL::CHTTPRequestDataCURL::SetTransfer(size_t bodyLength,
         hr = CURLSetOpt(handle, CURLOPT_PREREQDATA, static_cast<void*>(&headers));
     if (SUCCEEDED(hr))
         hr = CURLSetOpt(handle, CURLOPT_WRITEDATA, static_cast<void*>(&received));
+    if (SUCCEEDED(hr)) // the write callback decodes
+        hr = CURLSetOpt(handle, CURLOPT_HTTP_CONTENT_DECODING, 0L);
     return SUCCEEDED(hr) ? hr : report(263, hr);
 }
 
@@ -504,6 +507,8 @@ HRESULT CVoHTTPMessageCURL::Perform(CHTTPRequestDataCURL& request, std::span<con
     headers.cookieStore = m_cookieStore.Get();
     headers.requestUrl = request.m_target.FullURL();
     headers.isSecure = request.m_target.IsSecure();
+    headers.bodilessHeaders = request.m_headers.Get() ? request.m_headers.Get()->next : nullptr; // Content-Type is the first
+    received.headers = &headers;
     if (const HRESULT hr = request.SetBodySource(source); FAILED(hr))
         return hr;
     if (const HRESULT hr = request.SetTransfer(body.size(), headers, received); FAILED(hr))
@@ -512,6 +517,8 @@ HRESULT CVoHTTPMessageCURL::Perform(CHTTPRequestDataCURL& request, std::span<con
     // The Cookie header of a redirect is for its target only.
     if (headers.cookieReplaced)
         (void)CURLSetOpt(handle, CURLOPT_COOKIE, NullIfEmpty(request.m_handleCookie));
+    if (headers.headersReplaced)
+        (void)CURLSetOpt(handle, CURLOPT_HTTPHEADER, request.m_headers.Get());
 
     long status = 0;
     if (code == CURLE_OK)
@@ -530,6 +537,10 @@ HRESULT CVoHTTPMessageCURL::Perform(CHTTPRequestDataCURL& request, std::span<con
             return report(1030, received.result);
         if (!headers.complete)
             return report(1034, E_FAIL); // libcurl takes a connection that ends among the headers for an empty response
+        if (headers.contentLength.IsInvalid() && headers.transferCodings.empty())
+            return report(1036, E_FAIL); // libcurl reads some of them
+        if (received.decoder && FAILED(received.decoder->Finish()))
+            return report(1038, E_FAIL); // the coded stream is cut off
         WriteDataToLogFile(EDataDirection::Read, received.received.data(), static_cast<UINT32>(received.received.size()));
         request.m_body = std::move(received.received);
         return S_OK;
@@ -651,7 +662,7 @@ void CVoHTTPMessageCURL::EndSend(CRequest& sent) noexcept
     request.m_isPrepared = false;
 }
 
-std::optional<std::wstring> CVoHTTPMessageCURL::CheckHeader(const CRequest& asked, const wchar_t* name) const
+std::optional<std::wstring> CVoHTTPMessageCURL::CheckHeader(const CRequest& asked, const wchar_t* name, DWORD /*index*/) const
 {
     CURL* const handle = static_cast<const CHTTPRequestDataCURL&>(asked).m_handle.get();
     if (name == std::wstring_view(L"Content-Type"))

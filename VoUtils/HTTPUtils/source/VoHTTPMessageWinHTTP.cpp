@@ -145,7 +145,8 @@ private:
     [[nodiscard]] HRESULT OpenHandle(CRequest& opened) override;
     [[nodiscard]] HRESULT CloseHandle(CRequest& opened) noexcept override;
     [[nodiscard]] HRESULT SendOnce(CRequest& sent, std::span<const BYTE> body, const std::wstring& contentType) override;
-    [[nodiscard]] std::optional<std::wstring> CheckHeader(const CRequest& request, const wchar_t* name) const override;
+    [[nodiscard]] std::optional<std::wstring> CheckHeader(const CRequest& request, const wchar_t* name,
+                                                          DWORD index) const override;
     [[nodiscard]] bool ReadSetCookie(const CRequest& request, DWORD index, std::wstring& value) const override;
     [[nodiscard]] HRESULT FetchBody(CRequest& answered, std::vector<BYTE>& bytes) override;
     [[nodiscard]] const std::wstring* ProxyQuestion(const CRequest& request) const override;
@@ -454,10 +455,13 @@ HRESULT CVoHTTPMessageWinHTTP::MakeExchange(CHTTPRequestDataWinHTTP& request, st
         FAILED(hr))
         return report(455, hr);
     if (const HRESULT hr = exchange->SetReceiveHandler(
-            [&request](DWORD length)
+            [&request, timeout = m_requestTimeout, start = INT64{ 0 }](DWORD length) mutable
     {
+        if (start == 0)
+            start = VoGetMicroseconds();
         request.m_received += length;
-        return S_OK;
+        const bool isTooSlow = WindowsTransport::IsTooSlow(VoGetMicroseconds() - start, request.m_received, timeout);
+        return isTooSlow ? HResultFromWin32(WindowsTransport::kErrorTimeout) : S_OK;
     });
         FAILED(hr))
         return report(458, hr);
@@ -562,11 +566,12 @@ HRESULT CVoHTTPMessageWinHTTP::OnAuthenticationRequest(CHTTPRequestDataWinHTTP& 
     return S_OK;
 }
 
-std::optional<std::wstring> CVoHTTPMessageWinHTTP::CheckHeader(const CRequest& request, const wchar_t* name) const
+std::optional<std::wstring> CVoHTTPMessageWinHTTP::CheckHeader(const CRequest& request, const wchar_t* name, DWORD index) const
 {
     std::wstring value;
-    const HRESULT hr =
-        static_cast<const CHTTPRequestDataWinHTTP&>(request).m_handle.QueryCustomHeaders(WINHTTP_QUERY_CUSTOM, name, &value);
+    DWORD position = index;
+    const HRESULT hr = static_cast<const CHTTPRequestDataWinHTTP&>(request).m_handle.QueryCustomHeaders(
+        WINHTTP_QUERY_CUSTOM, name, &value, &position);
     return SUCCEEDED(hr) ? std::optional(std::move(value)) : std::nullopt;
 }
 

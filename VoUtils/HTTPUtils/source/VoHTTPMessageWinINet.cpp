@@ -144,7 +144,8 @@ private:
     [[nodiscard]] HRESULT OpenHandle(CRequest& opened) override;
     [[nodiscard]] HRESULT CloseHandle(CRequest& request) noexcept override;
     [[nodiscard]] HRESULT SendOnce(CRequest& sent, std::span<const BYTE> body, const std::wstring& contentType) override;
-    [[nodiscard]] std::optional<std::wstring> CheckHeader(const CRequest& request, const wchar_t* name) const override;
+    [[nodiscard]] std::optional<std::wstring> CheckHeader(const CRequest& request, const wchar_t* name,
+                                                          DWORD index) const override;
     [[nodiscard]] bool ReadSetCookie(const CRequest& request, DWORD index, std::wstring& value) const override;
     [[nodiscard]] HRESULT FetchBody(CRequest& answered, std::vector<BYTE>& bytes) override;
     void CancelCall(CRequest& request) noexcept override;
@@ -608,10 +609,10 @@ HRESULT CVoHTTPMessageWinINet::WriteBody(CHTTPRequestDataWinINet& request, std::
     return S_OK;
 }
 
-std::optional<std::wstring> CVoHTTPMessageWinINet::CheckHeader(const CRequest& request, const wchar_t* name) const
+std::optional<std::wstring> CVoHTTPMessageWinINet::CheckHeader(const CRequest& request, const wchar_t* name, DWORD index) const
 {
     std::wstring value;
-    return QueryHeader(static_cast<const CHTTPRequestDataWinINet&>(request).Handle(), name, 0, value)
+    return QueryHeader(static_cast<const CHTTPRequestDataWinINet&>(request).Handle(), name, index, value)
                ? std::optional(std::move(value))
                : std::nullopt;
 }
@@ -630,6 +631,7 @@ HRESULT CVoHTTPMessageWinINet::ReadBody(CHTTPRequestDataWinINet& request, std::v
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalReadRAW" };
     size_t used = 0;
+    const INT64 start = VoGetMicroseconds();
     while (used < maximum && VoGetMicroseconds() < end)
     {
         DWORD available = 0;
@@ -648,6 +650,8 @@ HRESULT CVoHTTPMessageWinINet::ReadBody(CHTTPRequestDataWinINet& request, std::v
         WriteDataToLogFile(EDataDirection::Read, received.data() + used, read);
         used += read;
         request.m_received = used;
+        if (WindowsTransport::IsTooSlow(VoGetMicroseconds() - start, used, m_requestTimeout))
+            return report.Win32(867, 868, WindowsTransport::kErrorTimeout);
     }
     received.resize(used);
     return S_OK;

@@ -480,7 +480,7 @@ bool CVoHTTPTransport::Pause(const CRequest& request, INT64 microseconds) noexce
 std::optional<INT64> CVoHTTPTransport::RetryAfter(const CRequest& request) const noexcept
 try
 {
-    const std::optional<std::wstring> text = request.m_statusCode != 0 ? CheckHeader(request, L"Retry-After") : std::nullopt;
+    const std::optional<std::wstring> text = request.m_statusCode != 0 ? CheckHeader(request, L"Retry-After", 0) : std::nullopt;
     return text ? VoParseRetryAfter(*text, CVoGlobalHTTPCookieStoreImpl::GetCurrentSystemDate()) : std::nullopt;
 }
 catch (...)
@@ -580,7 +580,7 @@ HRESULT CVoHTTPTransport::Judge(const CRequest& request, HRESULT result) const
 bool CVoHTTPTransport::FollowRedirect(CRequest& request) const
 {
     const CVoReporter report{ m_points.source, m_points.internalSendRAW.function };
-    const std::optional<std::wstring> location = CheckHeader(request, L"Location");
+    const std::optional<std::wstring> location = CheckHeader(request, L"Location", 0);
     if (!location)
         return false;
     CServerAddressData target;

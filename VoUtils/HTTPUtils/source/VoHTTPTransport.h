@@ -305,8 +305,9 @@ private:
     [[nodiscard]] virtual HRESULT ResetConnection(CRequest& /*request*/) noexcept { return S_OK; }
     // The send is over.
     virtual void EndSend(CRequest& /*request*/) noexcept {}
-    // The value of a response header; nothing where the response has none.
-    [[nodiscard]] virtual std::optional<std::wstring> CheckHeader(const CRequest& request, const wchar_t* name) const = 0;
+    // The value of response header number `index` of a name, from 0; nothing where the response has none.
+    [[nodiscard]] virtual std::optional<std::wstring> CheckHeader(const CRequest& request, const wchar_t* name,
+                                                                  DWORD index) const = 0;
     // The value of Set-Cookie header number `index`. False when there is none.
     [[nodiscard]] virtual bool ReadSetCookie(const CRequest& /*request*/, DWORD /*index*/, std::wstring& /*value*/) const
     {
@@ -352,6 +353,7 @@ private:
     [[nodiscard]] std::optional<INT64> RetryAfter(const CRequest& request) const noexcept;
 
     [[nodiscard]] HRESULT internalReadResponse(CRequest& request);
+    [[nodiscard]] HRESULT CheckBody(const CRequest& request, std::span<const BYTE> body) const;
 
     class CClosing;
     class CQuestion;

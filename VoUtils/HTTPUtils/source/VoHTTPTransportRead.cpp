@@ -1,4 +1,6 @@
 // Reading responses; see VoHTTPTransport.h.
+#include "VoContentDecoder.h"
+#include "VoContentLength.h"
 #include "VoHTTPTransport.h"
 
 #include <base/VoUtils.h>
@@ -27,13 +29,31 @@ std::wstring StartOfText(std::span<const BYTE> bytes, bool utf8)
 
 std::optional<UINT64> CVoHTTPTransport::GetHeaderLongValue(const CRequest& request, const wchar_t* name) const
 {
-    const std::optional<std::wstring> text = CheckHeader(request, name);
+    const std::optional<std::wstring> text = CheckHeader(request, name, 0);
     return text ? VoParseDecimal<UINT64>(VoTrim(*text)) : std::nullopt;
 }
 
 std::optional<UINT64> CVoHTTPTransport::AnnouncedLength(const CRequest& request) const
 {
-    return CheckHeader(request, L"Transfer-Encoding") ? std::nullopt : GetHeaderLongValue(request, L"Content-Length");
+    return CheckHeader(request, L"Transfer-Encoding", 0) ? std::nullopt : GetHeaderLongValue(request, L"Content-Length");
+}
+
+// Whether the body is whole: its length is the announced one, and a coded stream is not cut off.
+HRESULT CVoHTTPTransport::CheckBody(const CRequest& request, std::span<const BYTE> body) const
+{
+    CVoContentLength length;
+    if (!CheckHeader(request, L"Transfer-Encoding", 0))
+        for (DWORD index = 0; const auto value = CheckHeader(request, L"Content-Length", index); ++index)
+            length.Add(*value);
+    if (length.IsInvalid() || length.Get().value_or(body.size()) != body.size())
+        return E_FAIL;
+    // The services hand the body out as it came.
+    std::unique_ptr<CVoContentDecoder> decoder;
+    if (const auto codings = CheckHeader(request, L"Content-Encoding", 0);
+        !codings || FAILED(CVoContentDecoder::Make(*codings, decoder)) || !decoder)
+        return S_OK;
+    const HRESULT hr = decoder->Decode(body, nullptr, 0);
+    return SUCCEEDED(hr) ? decoder->Finish() : hr;
 }
 
 // Takes the response over from the transport.
@@ -43,14 +63,13 @@ HRESULT CVoHTTPTransport::internalReadResponse(CRequest& request)
     if (!request.m_hasPendingResponse)
         return S_OK;
     request.m_hasPendingResponse = false;
-    // libcurl checks the length itself, before it decodes the body.
-    const std::optional<UINT64> announced = m_facts.keepsHandle ? std::nullopt : AnnouncedLength(request);
     CRequest::CResponse response;
     if (const HRESULT hr = FetchBody(request, response.bytes); FAILED(hr))
         return hr;
-    if (announced && response.bytes.size() != *announced)
-        return report(m_points.internalReadResponse.length, E_FAIL);
-    response.utf8 = NamesUtf8(CheckHeader(request, L"Content-Type").value_or(std::wstring()));
+    if (!m_facts.keepsHandle) // libcurl's transport checks it before the send ends
+        if (const HRESULT hr = CheckBody(request, response.bytes); FAILED(hr))
+            return report(m_points.internalReadResponse.length, hr);
+    response.utf8 = NamesUtf8(CheckHeader(request, L"Content-Type", 0).value_or(std::wstring()));
     response.isThere = true;
     request.m_response = std::move(response);
     return S_OK;

@@ -14,16 +14,16 @@ namespace
 {
 constexpr std::wstring_view kSeparator = L"; ";
 
-// The cookies as the text that WinHTTP turns into their bytes. A cookie without such a text is left out.
-std::wstring WidenCookies(std::wstring_view cookies)
+// The cookies that WinHTTP may turn into bytes by itself.
+std::wstring SafeCookies(std::wstring_view cookies)
 {
     constexpr CVoReporter report{ L"..\\source\\VoHTTPMessageWinHTTP", L"CVoHTTPMessageWinHTTP::SetCookie" };
     std::wstring all;
     while (!cookies.empty())
     {
         const size_t end = cookies.find(kSeparator);
-        if (const auto text = VoWidenHeader(VoCookieBytesFromText(cookies.substr(0, end))))
-            all.append(all.empty() ? std::wstring_view() : kSeparator).append(*text);
+        if (const std::wstring_view cookie = cookies.substr(0, end); VoIsSafeHeaderText(cookie))
+            all.append(all.empty() ? std::wstring_view() : kSeparator).append(cookie);
         else
             report(375, HRESULT_FROM_WIN32(ERROR_NO_UNICODE_TRANSLATION));
         cookies = end == std::wstring_view::npos ? std::wstring_view() : cookies.substr(end + kSeparator.size());
@@ -39,7 +39,7 @@ HRESULT VoSetCookies(const VoWinHttpInterface::WinHttpRequestHandle& request, co
     const HRESULT hr = request.AddHeaderBytes("Cookie", VoCookieBytesFromText(cookies).c_str(), WINHTTP_ADDREQ_FLAG_ADD);
     if (hr != S_FALSE)
         return hr;
-    const std::wstring text = WidenCookies(cookies);
+    const std::wstring text = SafeCookies(cookies);
     return text.empty() ? S_OK : request.SetCookieString(text);
 }
 

@@ -7,8 +7,8 @@
 
 namespace VoHTTPMessageWinHTTP
 {
-// Adds a Cookie header with the store's text (VoCookieBytes.h). Where the platform takes only text and has no exact one for a
-// cookie's bytes, that cookie is left out, and reported.
+// Adds a Cookie header with the store's text (VoCookieBytes.h), as bytes. Where the platform takes only text, a cookie whose
+// text is not safe to convert (VoIsSafeHeaderText) is left out, and reported.
 [[nodiscard]] HRESULT VoSetCookies(const VoWinHttpInterface::WinHttpRequestHandle& request, const std::wstring& cookies);
 
 // The store's text of Set-Cookie header number `index`, from 0. False: there is none. Where the bytes cannot be told from the

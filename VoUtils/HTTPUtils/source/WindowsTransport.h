@@ -16,7 +16,19 @@ namespace WindowsTransport
     return seconds <= MAXDWORD / kPerSecond ? seconds * kPerSecond : MAXDWORD;
 }
 
+// Whether a body comes too slowly. The services' time-out is for each piece, so a server that sends a byte now and then would
+// keep the caller for ever. A body may take the request time-out and one second more for each KiB that has come. Times: from
+// its first piece on, in microseconds; a time-out of 0 seconds is none.
+[[nodiscard]] constexpr bool IsTooSlow(INT64 elapsed, UINT64 received, UINT32 requestTimeout) noexcept
+{
+    constexpr UINT64 kLeastBytesPerSecond = 1024;
+    constexpr INT64 kMicroseconds = 1'000'000;
+    return requestTimeout != 0 &&
+           elapsed / kMicroseconds > static_cast<INT64>(requestTimeout + received / kLeastBytesPerSecond);
+}
+
 // Error numbers of both services (the platform's "Error messages" pages of WinHTTP and WinINet agree on them).
+inline constexpr DWORD kErrorTimeout = 12002;
 inline constexpr DWORD kErrorInvalidOption = 12009;    // no such option
 inline constexpr DWORD kErrorInvalidOperation = 12016; // not with this handle
 

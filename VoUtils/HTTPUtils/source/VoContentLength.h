@@ -1,0 +1,34 @@
+// Reads the Content-Length fields of a response. The transports use it.
+#pragma once
+
+#include <base/VoText.h>
+
+#include <optional>
+#include <string_view>
+
+// What a response's Content-Length fields say together. Equal numbers may stand in one field or in several; anything else makes
+// the length invalid, and the end of the body cannot be trusted (RFC 9110, section 8.6; RFC 9112, section 6.3).
+class CVoContentLength
+{
+public:
+    // Adds the value of one field.
+    void Add(std::wstring_view value) noexcept
+    {
+        for (size_t comma = 0; comma != std::wstring_view::npos; value.remove_prefix(comma + 1))
+        {
+            comma = value.find(L',');
+            const std::optional<UINT64> length = VoParseDecimal<UINT64>(VoTrim(value.substr(0, comma)));
+            m_isInvalid = m_isInvalid || !length || (m_length && m_length != length);
+            m_length = length;
+            if (comma == std::wstring_view::npos)
+                break;
+        }
+    }
+    [[nodiscard]] bool IsInvalid() const noexcept { return m_isInvalid; }
+    // Nothing without a field, and for an invalid length.
+    [[nodiscard]] std::optional<UINT64> Get() const noexcept { return m_isInvalid ? std::nullopt : m_length; }
+
+private:
+    std::optional<UINT64> m_length;
+    bool m_isInvalid = false;
+};
