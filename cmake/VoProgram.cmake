@@ -1,5 +1,5 @@
 # vo_program(target DESCRIPTION [MANIFEST]): adds the manifest (supported systems, common controls 6), a VERSIONINFO resource, static
-# run-time libraries and warnings as errors to a program.
+# run-time libraries and warnings as errors to a program. The linker writes no time into it: the same sources give the same program.
 function(vo_program target description)
   set(VO_PROGRAM_NAME ${target})
   set(VO_PROGRAM_DESCRIPTION "${description}")
@@ -10,7 +10,7 @@ function(vo_program target description)
   configure_file("${PROJECT_SOURCE_DIR}/cmake/program.rc.in" "${CMAKE_CURRENT_BINARY_DIR}/${target}.rc" @ONLY)
   target_sources(${target} PRIVATE "${CMAKE_CURRENT_BINARY_DIR}/${target}.rc")
   if(NOT MSVC)
-    target_link_options(${target} PRIVATE -static)
+    target_link_options(${target} PRIVATE -static -Wl,--no-insert-timestamp)
   endif()
   vo_warnings(${target})
 endfunction()

@@ -27,6 +27,12 @@
 #define VO_WIDEN_(text) L##text
 #define VO_WIDEN(text) VO_WIDEN_(text)
 
+// The build may fix its date and time, so that the same sources give the same bytes. They appear in the run header only.
+#ifndef VO_BUILD_DATE
+#define VO_BUILD_DATE VO_WIDEN(__DATE__)
+#define VO_BUILD_TIME VO_WIDEN(__TIME__)
+#endif
+
 namespace
 {
 constexpr const wchar_t* kSource = L"..\\..\\source\\base\\VoErrorHandler";
@@ -254,8 +260,8 @@ void CVoErrorLogFile::ResolveNames()
     facts.moduleName = m_moduleName;
     facts.processName = processFile;
     facts.processCreated = ProcessCreationTime();
-    facts.buildDate = VO_WIDEN(__DATE__);
-    facts.buildTime = VO_WIDEN(__TIME__);
+    facts.buildDate = VO_BUILD_DATE;
+    facts.buildTime = VO_BUILD_TIME;
     facts.version = version.version;
     facts.branch = VO_BUILD_BRANCH;
     m_runHeader = VoLogSetup::RunHeader(facts);
