@@ -55,6 +55,8 @@ private:
         const CVoLockHolder lock(s_lock);
         if ((event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) || !s_current)
             return FALSE;
+        if (s_current->m_event.IsSignalled())
+            return FALSE; // the second one ends the process at once
         (void)s_current->m_event.Set();
         if (s_current->m_diagnosis)
             s_current->m_diagnosis->Cancel();

@@ -107,7 +107,11 @@ TEST_P(ExchangeTest, TheRecordExplainsAFailure)
     } cases[] = {
         { "refused", "http://127.0.0.1:" + std::to_string(closed) + "/x?k=SECRET",
           isCurl ? EVoFailure::ConnectRefused : EVoFailure::ConnectFailed,
-          L"could not connect to " + SeenHost() + L" port " + std::to_wstring(closed) + L": connection refused", "" },
+          // To the service the address that the fixture connects to in place of the rewritten name is a proxy's.
+          GetParam().kind == 3
+              ? L"could not connect to the proxy 127.0.0.1: connection refused or not reachable"
+              : L"could not connect to " + SeenHost() + L" port " + std::to_wstring(closed) + L": connection refused",
+          "" },
         { "a status", missing.URL("/x?k=SECRET"), EVoFailure::Status,
           L"the response of " + SeenHost() + L" port " + std::to_wstring(missing.Port()) + L" has the status 404",
           "no such page" },

@@ -183,6 +183,32 @@ TEST_P(ClientTest, CancelAndDestructionEndWhatRuns)
         release.set_value();
 }
 
+TEST_P(ClientTest, CancelEndsAnOperationThatOpensItsConnection)
+{
+    CEvent searches(false, true);
+    CEvent released(false, true);
+    const auto proxies = VoMakeComObject<CFixedProxyStore>(L"");
+    proxies->onQuery = [&]
+    {
+        (void)searches.Set();
+        ::WaitForSingleObject(released.Handle(), 20'000);
+    };
+    CVoHTTPClientOptions options = Options();
+    options.proxies = CVoComPtr<IVoHTTPProxyStore>(proxies.Get());
+    auto client = std::make_unique<CVoHTTPClient>(L"http://127.0.0.1:9", std::move(options));
+    std::future<CVoHTTPResponse> cancelled = std::async(std::launch::async, [&] { return client->Get(); });
+    ASSERT_EQ(::WaitForSingleObject(searches.Handle(), 20'000), WAIT_OBJECT_0);
+    client->Cancel();
+    const CVoHTTPResponse response = cancelled.get();
+    EXPECT_EQ(response.result, kResultCancelled);
+    EXPECT_EQ(response.reason, L"the request was cancelled");
+    (void)released.Set();
+    // The thread that was left behind gives the store back.
+    client.reset();
+    while (proxies->AddRef(), proxies->Release() != 1)
+        ::SwitchToThread();
+}
+
 TEST(Client, MissingMemoryIsAResult)
 {
     // Without a server, which in this program would miss the memory, too.

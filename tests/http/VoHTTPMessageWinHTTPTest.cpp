@@ -290,6 +290,40 @@ TEST_P(WinHTTPTransport, ARetryUsesAFreshHandle)
                 ElementsAre("Send h3 2", "Close h3", "Send h4 2", "Close h4", "Send h5 2", "Close h5", "Close h2", "Close h1"));
 }
 
+TEST_P(WinHTTPTransport, CancelEndsEachCallThatWaits)
+{
+    for (const char* const function : { "Send", "Receive", "Available", "Read" })
+    {
+        SCOPED_TRACE(function);
+        const Message message = Connect();
+        const Request request = Open(*message);
+        m_platform.hanging = function;
+        EXPECT_EQ(CancelWhen(m_platform.hangs, *message, request), kResultCancelled);
+        m_platform.hanging.clear();
+        EXPECT_EQ(Send(*message, {}).result, S_OK) << "the message is usable";
+    }
+    EXPECT_THAT(m_platform.open, IsEmpty());
+}
+
+TEST_P(WinHTTPTransport, AFailedConnectNamesTheProxyThatTheServiceFound)
+{
+    const std::pair<const wchar_t*, const wchar_t*> table[] = {
+        { L"SERVER.test", L"could not connect to server.test port 80: connection refused or not reachable" },
+        { L"proxy.test", L"could not connect to the proxy proxy.test: connection refused or not reachable" },
+    };
+    for (const auto& [resolved, reason] : table)
+    {
+        m_platform.resolved = resolved;
+        m_platform.responses = { { .error = ERROR_WINHTTP_CANNOT_CONNECT } };
+        const Message message = Connect();
+        const Request request = Open(*message);
+        EXPECT_EQ(SendOn(*message, request), HResultFromWin32(ERROR_WINHTTP_CANNOT_CONNECT));
+        CVoExchangeRecord record;
+        ASSERT_EQ(request->GetExchangeRecord(record), S_OK);
+        EXPECT_EQ(record.Reason(), reason);
+    }
+}
+
 TEST_P(WinHTTPTransport, HandlesAreClosedChildrenFirstAndAPendingResponseIsLost)
 {
     m_platform.responses = { { .status = 302, .headers = { { L"Location", L"http://other.test/" } } }, {} };

@@ -371,6 +371,21 @@ TEST_F(WinINetTransport, EveryFailureOfAnExchangeIsHandled)
     EXPECT_EQ(run(), Code(ERROR_INVALID_HANDLE));
 }
 
+TEST_F(WinINetTransport, CancelEndsEachCallThatWaits)
+{
+    for (const char* const function : { "SendRequestEx", "Write", "EndRequest", "Available", "Read" })
+    {
+        SCOPED_TRACE(function);
+        ASSERT_EQ(Connect(), S_OK);
+        const Request request = Open(*m_message);
+        m_platform.hanging = function;
+        EXPECT_EQ(CancelWhen(m_platform.hangs, *m_message, request), kResultCancelled);
+        m_platform.hanging.clear();
+        EXPECT_THAT(m_platform.open, ElementsAre(1, 2)) << "the request's handle was closed, once";
+        EXPECT_EQ(Exchange(), S_OK) << "the message is usable";
+    }
+}
+
 TEST_F(WinINetTransport, TheReasonMentionsTheSystemsProxy)
 {
     ASSERT_EQ(Connect(), S_OK);

@@ -1,11 +1,14 @@
 // What the stand-ins of WinHTTP and WinINet share: the transcript of calls, failures on demand, handles and response headers.
 #pragma once
 
+#include <base/VoMultiThreading.h>
 #include <base/VoPlatform.h>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
+#include <condition_variable>
 #include <deque>
 #include <iterator>
 #include <map>
@@ -30,6 +33,9 @@ public:
     // mean success.
     std::map<std::string, std::deque<DWORD>> errors;
     std::multiset<UINT_PTR> open;
+    // The function whose calls wait until their handle is closed, and what is told when one waits.
+    std::string hanging;
+    CEvent hangs{ false, false };
 
     // The calls whose text begins with one of the prefixes, all without prefixes; forgets all calls.
     [[nodiscard]] std::vector<std::string> Take(std::initializer_list<std::string_view> prefixes = { "" })
@@ -77,11 +83,25 @@ protected:
     {
         const std::scoped_lock lock(m_lock);
         Note("Close", Name(handle));
+        m_closed.notify_all();
         const auto found = open.find(reinterpret_cast<UINT_PTR>(handle));
         EXPECT_NE(found, open.end()) << "closed twice";
         if (found != open.end())
             open.erase(found);
         return !Fails("Close");
+    }
+    // Waits for the end of the handle where the function is to hang. The platform ends such a call when another thread closes
+    // the handle (documentation of InternetCloseHandle and WinHttpCloseHandle).
+    [[nodiscard]] bool IsEndedByClose(const std::string& function, void* handle)
+    {
+        std::unique_lock lock(m_lock);
+        if (hanging != function)
+            return false;
+        (void)hangs.Set();
+        EXPECT_TRUE(m_closed.wait_for(lock, std::chrono::seconds(20),
+                                      [&] { return !open.contains(reinterpret_cast<UINT_PTR>(handle)); }));
+        ::SetLastError(kErrorCancelled);
+        return true;
     }
     static BOOL GiveText(const std::wstring& text, void* buffer, DWORD* bytes)
     {
@@ -131,6 +151,9 @@ protected:
         return GiveText(std::next(begin, static_cast<ptrdiff_t>(number))->second, buffer, bytes);
     }
 
+    static constexpr DWORD kErrorCancelled = 12017; // of both services
+
     std::recursive_mutex m_lock; // a notification may call the service
+    std::condition_variable_any m_closed;
 };
 } // namespace TestSupport

@@ -29,6 +29,7 @@ public:
     std::deque<CWinHttpResponse> responses{ CWinHttpResponse() }; // to the next sends; the last one stays
     DWORD schemes = WINHTTP_AUTH_SCHEME_BASIC;
     std::string sent;        // the last body
+    std::wstring resolved;   // the host that the service says it looks up; empty: it says nothing
     bool knowsBytes = false; // hands out and takes headers as bytes, as later releases of Windows 10 do
 
     explicit CFakeWinHttp(bool ownThreads) : m_ownThreads(ownThreads) {}
@@ -55,6 +56,7 @@ private:
         WINHTTP_STATUS_CALLBACK callback = nullptr;
         DWORD_PTR context = 0;
         CWinHttpResponse response = {};
+        bool isHanging = false; // in an operation that ends when the handle is closed
     };
 
     HINTERNET OpenNext(const std::string& function)
@@ -70,6 +72,11 @@ private:
         const std::scoped_lock lock(m_lock);
         if (Fails(function))
             return FALSE;
+        if (hanging == function)
+        {
+            (void)hangs.Set();
+            return RequestOf(handle).isHanging = true;
+        }
         const auto complete = [this, handle, notify]
         {
             const std::scoped_lock serving(m_lock);
@@ -154,8 +161,12 @@ private:
         RequestOf(handle).response = responses.front();
         if (responses.size() > 1)
             responses.pop_front();
-        return Complete("Send", handle, [](CRequest& request, auto notify)
-        { notify(WINHTTP_CALLBACK_STATUS_SENDREQUEST_COMPLETE, request, 0); });
+        return Complete("Send", handle, [this](CRequest& request, auto notify)
+        {
+            if (!resolved.empty())
+                notify(WINHTTP_CALLBACK_STATUS_RESOLVING_NAME, *resolved.data(), static_cast<DWORD>(resolved.size() + 1));
+            notify(WINHTTP_CALLBACK_STATUS_SENDREQUEST_COMPLETE, request, 0);
+        });
     }
     BOOL Receive(HINTERNET handle, void* /*none*/)
     {
@@ -212,6 +223,12 @@ private:
         const auto request = m_requests.extract(reinterpret_cast<UINT_PTR>(handle));
         if (!Close(handle))
             return FALSE;
+        if (request && request.mapped().callback && request.mapped().isHanging)
+        {
+            WINHTTP_ASYNC_RESULT result{ API_RECEIVE_RESPONSE, kErrorCancelled };
+            request.mapped().callback(handle, request.mapped().context, WINHTTP_CALLBACK_STATUS_REQUEST_ERROR, &result,
+                                      sizeof result);
+        }
         if (request && request.mapped().callback)
             request.mapped().callback(handle, request.mapped().context, WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING,
                                       static_cast<void*>(&handle), sizeof handle);

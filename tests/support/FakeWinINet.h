@@ -91,20 +91,20 @@ private:
         EXPECT_FALSE(in->lpvBuffer || in->dwBufferLength || out);
         Note("SendRequestEx", Name(request), Text(in->lpcszHeader), ' ', in->dwBufferTotal, ' ', flags, ' ', context);
         written.clear();
-        return !Fails("SendRequestEx");
+        return !IsEndedByClose("SendRequestEx", request) && !Fails("SendRequestEx");
     }
     BOOL Write(HINTERNET request, LPCVOID bytes, DWORD length, DWORD* done)
     {
         Note("Write", Name(request), ' ', length);
         *done = length - writtenShort;
         written.append(static_cast<const char*>(bytes), *done);
-        return !Fails("Write");
+        return !IsEndedByClose("Write", request) && !Fails("Write");
     }
     BOOL EndRequest(HINTERNET request, INTERNET_BUFFERSW* out, DWORD flags, DWORD_PTR context)
     {
         Note("EndRequest", Name(request), ' ', out != nullptr, ' ', flags, ' ', context);
         m_unread = body;
-        return !Fails("EndRequest");
+        return !IsEndedByClose("EndRequest", request) && !Fails("EndRequest");
     }
     BOOL QueryInfo(HINTERNET request, DWORD query, void* buffer, DWORD* bytes, DWORD* index)
     {
@@ -130,11 +130,11 @@ private:
             return QueryInfo(request, query, text, length, index);
         }, buffer, bytes);
     }
-    BOOL Available(HINTERNET /*request*/, DWORD* count, DWORD flags, DWORD_PTR context) const
+    BOOL Available(HINTERNET request, DWORD* count, DWORD flags, DWORD_PTR context)
     {
         EXPECT_TRUE(flags == 0 && context == 0);
         *count = static_cast<DWORD>(m_unread.size());
-        return TRUE;
+        return !IsEndedByClose("Available", request);
     }
     BOOL Read(HINTERNET request, LPVOID buffer, DWORD size, DWORD* done)
     {
@@ -142,7 +142,7 @@ private:
         *done = std::min(size, static_cast<DWORD>(m_unread.size()));
         std::copy_n(m_unread.data(), *done, static_cast<char*>(buffer));
         m_unread.erase(0, *done);
-        return !Fails("Read");
+        return !IsEndedByClose("Read", request) && !Fails("Read");
     }
     DWORD ErrorDialog(HWND owner, HINTERNET request, DWORD error, DWORD flags, LPVOID* data)
     {

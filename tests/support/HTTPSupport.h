@@ -6,12 +6,15 @@
 
 #include <VoHTTPMessage.h>
 
+#include <base/VoMultiThreading.h>
 #include <base/VoUtils.h>
 #include <base/com/VoComHelper.h>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
+#include <future>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -98,11 +101,14 @@ public:
     // The results of the two operations.
     HRESULT queryResult = S_OK;
     HRESULT saveResult = S_OK;
+    std::function<void()> onQuery;
 
     STDMETHODIMP Clear() noexcept override { return S_OK; }
     STDMETHODIMP GetProxyForUrl(BSTR url, BSTR* proxy, BSTR* user, BSTR* password) noexcept override
     {
         asked.emplace_back(CVoBstr::ViewOf(url));
+        if (onQuery)
+            onQuery();
         if (FAILED(queryResult))
             return queryResult;
         *proxy = CVoBstr(m_proxy).Detach();
@@ -263,6 +269,20 @@ struct CConnecting
                                     Kind kind = Kind::Raw, CVoHTTPMessage::CSendResult* result = nullptr)
 {
     return message.SendMessage(request, parameters, kind, true, {}, {}, false, result);
+}
+
+// Sends on a thread of its own and reads the response; cancels the request once `waits` is set. Returns how it ended.
+[[nodiscard]] inline HRESULT CancelWhen(const CEvent& waits, CVoHTTPMessage& message, const Request& request)
+{
+    auto sending = std::async(std::launch::async, [&]
+    {
+        const HRESULT hr = SendOn(message, request);
+        CVoBinaryDataParser response;
+        return FAILED(hr) ? hr : message.ReadResponse(request, response, Response::Parameters, nullptr, nullptr);
+    });
+    EXPECT_EQ(::WaitForSingleObject(waits.Handle(), 20'000), WAIT_OBJECT_0);
+    request->Cancel();
+    return sending.get();
 }
 
 struct CResponse

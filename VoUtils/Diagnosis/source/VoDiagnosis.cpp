@@ -8,6 +8,7 @@
 #include <VoHTTPTransports.h>
 
 #include <base/VoDateTime.h>
+#include <base/VoDetachedThread.h>
 #include <base/VoErrorHandler.h>
 
 #include <algorithm>
@@ -193,7 +194,7 @@ void CRunner::Start(CTask& task)
     const size_t index = static_cast<size_t>(&task - m_tasks.data());
     const CProbeContext context{ task.stop, task.deadline, m_options, m_proxyStore, m_facts };
     // Detached: what a service of the platform holds is left behind. The thread owns all that it uses.
-    StartDetached(
+    VoStartDetached(
         [context, index, mailbox = m_mailbox, collect = task.row ? task.row->collect : nullptr, transport = task.transport]
     {
         g_threads.fetch_add(1);

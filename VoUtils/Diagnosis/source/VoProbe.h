@@ -17,10 +17,6 @@
 
 namespace VoDiagnosis
 {
-// Runs a function on a thread of its own that nobody waits for. Exceptions must not leave it. The platform's threads, because a
-// detached thread of some C++ libraries may lose its function. Throws CVoHResultException when no thread can be made.
-void StartDetached(std::function<void()> work);
-
 // Stops a probe. Any thread.
 class CStop
 {

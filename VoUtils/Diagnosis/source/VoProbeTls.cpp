@@ -6,6 +6,7 @@
 #include "VoProbe.h"
 
 #include <base/VoDateTime.h>
+#include <base/VoDetachedThread.h>
 #include <base/VoText.h>
 
 #include <winternl.h>
@@ -259,7 +260,7 @@ CRevocation CheckRevocationWithin(const CERT_CONTEXT& certificate, const CWaitLi
     const auto shared = std::make_shared<CShared>();
     shared->certificate.reset(::CertDuplicateCertificateContext(&certificate));
     const DWORD timeout = limit.Remaining();
-    StartDetached([shared, timeout]
+    VoStartDetached([shared, timeout]
     {
         try
         {

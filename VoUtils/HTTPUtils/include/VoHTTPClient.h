@@ -146,7 +146,8 @@ public:
     [[nodiscard]] CVoHTTPResponse PostMultiple(std::span<const CVoBinaryDataParser> messages) noexcept;
 
     // Cancels the operations that run now, in whatever state they are; they return kResultCancelled (0x800704C7). Operations
-    // that begin later run. Returns at once; CVoHTTPMessage::CHTTPRequestData::Cancel tells how soon an operation ends.
+    // that begin later run. Returns at once; CVoHTTPMessage::CHTTPRequestData::Cancel tells how soon an operation ends. An
+    // operation that still opens its connection ends at once, and leaves the opening to its own time-outs.
     void Cancel() noexcept;
 
 private:

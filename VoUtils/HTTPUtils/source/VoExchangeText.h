@@ -16,6 +16,7 @@ struct CVoConnectionTrace
 {
     std::vector<std::wstring> addresses; // that were tried, also by the attempt's earlier exchanges
     std::wstring remoteAddress;
+    std::wstring resolved; // the host whose address the service looked up: the server's, or that of a proxy
     INT64 name = 0;
     INT64 connect = 0;
     INT64 tls = 0;
@@ -30,6 +31,7 @@ struct CVoConnectionTrace
     {
         name = connect = tls = sending = sent = firstByte = end = 0;
         secureFailure = 0;
+        resolved.clear();
     }
     // Events of Windows' services, which may notify several times. The first one counts.
     void OnNameResolved() noexcept { Stamp(name); }
@@ -63,6 +65,7 @@ struct CVoFailure
 {
     EVoFailure kind = EVoFailure::Other;
     bool isProxy = false;     // the connection that failed was to the proxy
+    std::wstring proxy = {};  // its name, where the service found it by itself
     UINT32 statusCode = 0;    // Status: of a proxy's response to CONNECT; 0: that of the response
     std::wstring detail = {}; // the service's own words; may be empty
 };

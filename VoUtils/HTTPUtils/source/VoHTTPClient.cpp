@@ -2,6 +2,7 @@
 #include <VoHTTPClient.h>
 
 #include <VoGlobalHTTPUtils.h>
+#include <base/VoDetachedThread.h>
 #include <base/VoErrorText.h>
 #include <base/VoModuleInformation.h>
 
@@ -65,6 +66,8 @@ try
     response.exchange.chain = chain.Get();
     (void)VoGetErrorText(response.result, true, &response.text);
     response.reason = response.exchange.Reason();
+    if (response.reason.empty() && response.result == kResultCancelled)
+        response.reason = L"the request was cancelled"; // before it was sent
     if (response.reason.empty())
         response.reason =
             response.statusCode == kStatusOk ? L"the response is not in the form that was asked for" : response.text;
@@ -127,6 +130,8 @@ public:
     COperation(const COperation&) = delete;
     COperation& operator=(const COperation&) = delete;
 
+    // Waits for an event that a thread sets. False: the operation was cancelled before. Throws CVoHResultException.
+    [[nodiscard]] bool WaitFor(const CEvent& done);
     // From here on Cancel reaches the request. kResultCancelled: the operation was cancelled before.
     [[nodiscard]] HRESULT SetRequest(const Request& request) noexcept;
     // Releases the request.
@@ -140,11 +145,12 @@ private:
     COperation* m_next = nullptr;
     UINT64 m_number = 0;
     bool m_isCancelled = false;
+    CEvent* m_cancelled = nullptr; // while it waits
     Request m_request;
 };
 
 // What the operations of a client share. It lives until the last of them has ended.
-class CVoHTTPClient::CState
+class CVoHTTPClient::CState : public std::enable_shared_from_this<CState>
 {
 public:
     CState(std::wstring_view url, CVoHTTPClientOptions&& options)
@@ -163,8 +169,10 @@ private:
     friend class COperation;
 
     [[nodiscard]] HRESULT GetStores(CStores& stores);
-    // A connection for one operation: one that is idle, or a new one.
-    [[nodiscard]] HRESULT TakeConnection(Message& message);
+    // A connection for one operation, one that is idle or a new one, and the operation's request.
+    [[nodiscard]] HRESULT Open(COperation& operation, Message& message, Request& request);
+    [[nodiscard]] Message TakeIdle() noexcept;
+    [[nodiscard]] HRESULT Connect(UINT32 kind, const CStores& stores, Message& message, Request& request) const;
     void KeepConnection(Message message) noexcept;
     [[nodiscard]] HRESULT Send(CVoHTTPMessage& message, Request& request, const CCall& call, const CVoBinaryDataParser& content,
                                CVoHTTPMessage::CSendResult& sent) const;
@@ -202,6 +210,22 @@ CVoHTTPClient::COperation::~COperation()
     *link = m_next;
 }
 
+bool CVoHTTPClient::COperation::WaitFor(const CEvent& done)
+{
+    CEvent cancelled(false, true);
+    {
+        const CVoLockHolder lock(m_state.m_lock);
+        if (m_isCancelled)
+            return false;
+        m_cancelled = &cancelled;
+    }
+    const HANDLE events[] = { done.Handle(), cancelled.Handle() };
+    const DWORD woken = ::WaitForMultipleObjects(static_cast<DWORD>(std::size(events)), events, FALSE, INFINITE);
+    const CVoLockHolder lock(m_state.m_lock);
+    m_cancelled = nullptr;
+    return woken == WAIT_OBJECT_0;
+}
+
 HRESULT CVoHTTPClient::COperation::SetRequest(const Request& request) noexcept
 {
     const CVoLockHolder lock(m_state.m_lock);
@@ -229,6 +253,8 @@ void CVoHTTPClient::CState::Cancel() noexcept
         if (!operation)
             return;
         operation->m_isCancelled = true;
+        if (operation->m_cancelled)
+            (void)operation->m_cancelled->Set();
         const Request request = operation->m_request;
         lock.unlock();
         if (request)
@@ -265,30 +291,72 @@ HRESULT CVoHTTPClient::CState::GetStores(CStores& stores)
     return S_OK;
 }
 
-HRESULT CVoHTTPClient::CState::TakeConnection(Message& message)
+Message CVoHTTPClient::CState::TakeIdle() noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoHTTPClient::TakeConnection" };
+    const CVoLockHolder lock(m_lock);
+    if (m_idle.empty())
+        return nullptr;
+    // The one that was used last: its server has probably not closed it yet.
+    Message message = std::move(m_idle.back());
+    m_idle.pop_back();
+    return message;
+}
+
+HRESULT CVoHTTPClient::CState::Open(COperation& operation, Message& message, Request& request)
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPClient::Open" };
+    if (message = TakeIdle(); message)
     {
-        const CVoLockHolder lock(m_lock);
-        if (!m_idle.empty())
-        {
-            // The one that was used last: its server has probably not closed it yet.
-            message = std::move(m_idle.back());
-            m_idle.pop_back();
-            return S_OK;
-        }
+        if (const HRESULT hr = message->OpenRequest(request); FAILED(hr))
+            return report(40, hr);
+        return S_OK;
     }
+    const UINT32 kind =
+        m_options.transport ? static_cast<UINT32>(*m_options.transport) : CVoModuleInformation::Get().HTTPEngine();
     CStores stores;
     if (const HRESULT hr = GetStores(stores); FAILED(hr))
-        return report(30, hr);
+        return report(42, hr);
+    // The search for a proxy and WinINet's probe may wait for the network and cannot be interrupted. A cancelled operation
+    // leaves them behind; their time-outs end them.
+    const bool mayWait = stores.proxies || kind == static_cast<UINT32>(EVoHTTPTransport::WinINet);
+    if (!mayWait)
+        return Connect(kind, stores, message, request);
+    struct COpening
+    {
+        CEvent done{ false, true };
+        HRESULT result = E_FAIL;
+        CVoReportChain chain;
+        Message message;
+        Request request;
+    };
+    const auto opening = std::make_shared<COpening>();
+    VoStartDetached([report, kind, stores, opening, state = shared_from_this()]
+    {
+        const CVoReportScope scope(&opening->chain);
+        opening->result = report.Guard(44, [&] { return state->Connect(kind, stores, opening->message, opening->request); });
+        (void)opening->done.Set();
+    });
+    if (!operation.WaitFor(opening->done))
+        return report(46, kResultCancelled);
+    for (const CVoReport& made : opening->chain.Get())
+        CVoReportScope::Add(made.source, made.line, made.function, made.code);
+    message = std::move(opening->message);
+    request = std::move(opening->request);
+    return opening->result;
+}
+
+HRESULT CVoHTTPClient::CState::Connect(UINT32 kind, const CStores& stores, Message& message, Request& request) const
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPClient::Connect" };
     const CVoModuleInformation& settings = CVoModuleInformation::Get();
-    const UINT32 kind = m_options.transport ? static_cast<UINT32>(*m_options.transport) : settings.HTTPEngine();
     if (const HRESULT hr = CVoHTTPMessage::Connect(
             kind, m_address, stores.credentials.Get(), stores.proxies.Get(), stores.cookies.Get(), m_connectTimeout,
             m_requestTimeout, m_options.verifyCertificate.value_or(settings.CheckServerCertificate()),
             m_options.checkRevocation.value_or(settings.CheckCertificateRevocation()), message);
         FAILED(hr))
         return report(35, hr);
+    if (const HRESULT hr = message->OpenRequest(request); FAILED(hr))
+        return report(37, hr);
     return S_OK;
 }
 
@@ -342,11 +410,9 @@ HRESULT CVoHTTPClient::CState::Run(const CCall& call, CVoHTTPResponse& response)
         return report(52, hr);
     COperation operation(*this);
     Message message;
-    if (const HRESULT hr = TakeConnection(message); FAILED(hr))
-        return report(55, hr);
     Request request;
-    if (const HRESULT hr = message->OpenRequest(request); FAILED(hr))
-        return report(60, hr);
+    if (const HRESULT hr = Open(operation, message, request); FAILED(hr))
+        return report(55, hr);
     request->SetResponseLimits(m_options.limits);
     if (const HRESULT hr = operation.SetRequest(request); FAILED(hr))
         return report(65, hr);

@@ -299,7 +299,11 @@ std::wstring CVoHTTPMessageCURL::CHTTPRequestDataCURL::ErrorText() const
 {
     std::wstring text;
     (void)VoCodePageToString(CP_ACP, m_errorText.data(), text);
-    return text;
+    // libcurl repeats a proxy that it does not understand, with its user and password.
+    const size_t proxy = m_proxy.find(L'@') == std::wstring::npos ? std::wstring::npos : text.find(m_proxy);
+    if (proxy != std::wstring::npos)
+        text.replace(proxy, m_proxy.size(), VoHideProxyUser(m_proxy));
+    return VoHideUser(text);
 }
 
 void CVoHTTPMessageCURL::CHTTPRequestDataCURL::ReadLocalAddress() noexcept

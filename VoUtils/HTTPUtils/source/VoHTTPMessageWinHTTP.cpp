@@ -123,6 +123,14 @@ std::wstring ReplaceAll(std::wstring_view text, std::wstring_view what, std::wst
     }
     return result.append(text);
 }
+
+// Whether the service has looked up another host than the server, which is a proxy then. It writes an international name, and
+// an IPv6 address, in a form of its own.
+bool IsOtherHost(std::wstring_view resolved, std::wstring_view server) noexcept
+{
+    return !resolved.empty() && !VoEqualsNoCase(resolved, server) && server.find(L':') == std::wstring_view::npos &&
+           !VoContainsNoCase(resolved, L"XN--");
+}
 } // namespace
 
 class CVoHTTPMessageWinHTTP final : public CVoHTTPTransport
@@ -219,6 +227,10 @@ try
 {
     switch (status)
     {
+    case WINHTTP_CALLBACK_STATUS_RESOLVING_NAME:
+        if (information)
+            m_trace.resolved = static_cast<const wchar_t*>(information);
+        break;
     case WINHTTP_CALLBACK_STATUS_NAME_RESOLVED:
         m_trace.OnNameResolved();
         break;
@@ -398,7 +410,8 @@ HRESULT CVoHTTPMessageWinHTTP::SetProxy(CHTTPRequestDataWinHTTP& request) const
         info.lpszProxy = request.m_proxyName.empty() ? request.m_proxy.data() : request.m_proxyName.data();
         if (const HRESULT hr = request.m_handle.SetOption(WINHTTP_OPTION_PROXY, &info, sizeof info); FAILED(hr))
             return report(350, hr);
-        report.Message(352, L"Proxy: %ls", request.m_proxyName.empty() ? L"the list" : request.m_proxyName.c_str());
+        report.Message(352, L"Proxy: %ls",
+                       request.m_proxyName.empty() ? L"the list" : VoHideProxyUser(request.m_proxyName).c_str());
     }
     else if (m_findsProxies)
         report.Message(354, L"Proxy: WinHTTP decides by the system's settings");
@@ -623,8 +636,13 @@ std::optional<size_t> CVoHTTPMessageWinHTTP::HeaderLength(const CRequest& reques
 CVoFailure CVoHTTPMessageWinHTTP::ExplainFailure(const CRequest& request, HRESULT result) const
 {
     const CVoConnectionTrace& trace = request.m_trace;
-    return WindowsTransport::ExplainError(result, trace.connect != 0, trace.sending != 0, !request.m_proxyName.empty(),
-                                          trace.secureFailure);
+    // A proxy that the service has found by itself shows only in the name that the service looks up.
+    const bool foundProxy = request.m_proxyName.empty() && IsOtherHost(trace.resolved, request.m_target.Host());
+    CVoFailure failure = WindowsTransport::ExplainError(result, trace.connect != 0, trace.sending != 0,
+                                                        foundProxy || !request.m_proxyName.empty(), trace.secureFailure);
+    if (foundProxy && failure.isProxy)
+        failure.proxy = trace.resolved;
+    return failure;
 }
 
 void CVoHTTPMessageWinHTTP::FetchErrorBody(CRequest& request)

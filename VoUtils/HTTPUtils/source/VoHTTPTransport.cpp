@@ -416,8 +416,11 @@ HRESULT CVoHTTPTransport::internalSend(CRequest& request, const CVoHTTPContent& 
         if (SUCCEEDED(hr))
             break;
         EndAttempt(request, hr);
-        const std::optional<INT64> asked = RetryAfter(request); // reads the response, which the next call drops
-        const bool mayRetry = !request.m_isFinal && attempts.MayRetry(hr, request.m_statusCode);
+        const std::optional<INT64> asked = RetryAfter(request); // reads the response, which ResetConnection drops
+        // A server that names a time beyond the budget would refuse every attempt until then.
+        const INT64 remaining = std::max(attempts.Remaining(), INT64{ 0 });
+        const bool mayRetry =
+            !request.m_isFinal && attempts.MayRetry(hr, request.m_statusCode) && asked.value_or(0) <= remaining;
         if (!mayRetry && request.m_statusCode >= kFirstErrorStatus && hr != kResultCancelled)
             FetchErrorBody(request);
         if (const HRESULT reset = ResetConnection(request); FAILED(reset))
@@ -426,10 +429,6 @@ HRESULT CVoHTTPTransport::internalSend(CRequest& request, const CVoHTTPContent& 
             break;
         }
         if (!mayRetry)
-            break;
-        // A server that names a time beyond the budget would refuse every attempt until then.
-        const INT64 remaining = std::max(attempts.Remaining(), INT64{ 0 });
-        if (asked && *asked > remaining)
             break;
         const INT64 pause = std::max(std::min(RetryDelay(attempts.Count()), remaining), asked.value_or(0));
         if (!Pause(request, pause))

@@ -70,6 +70,8 @@ HRESULT CVoHTTPTransport::internalReadResponse(CRequest& request)
         if (const HRESULT hr = CheckBody(request, response.bytes); FAILED(hr))
             return report(m_points.internalReadResponse.length, hr);
     response.utf8 = NamesUtf8(CheckHeader(request, L"Content-Type", 0).value_or(std::wstring()));
+    if (request.IsCancelled()) // the handle was closed meanwhile, and the checks may have found no header
+        return report(m_points.internalReadResponse.length, kResultCancelled);
     response.isThere = true;
     request.m_response = std::move(response);
     return S_OK;

@@ -124,7 +124,7 @@ void CVoHTTPTransport::EndAttempt(const CRequest& request, HRESULT result) const
     (void)report.Guard(140, [&]() -> HRESULT
     {
         const CVoFailure failure = ExplainAttempt(request, result);
-        const std::wstring proxy = VoHideProxyUser(request.m_proxyName);
+        const std::wstring proxy = failure.proxy.empty() ? VoHideProxyUser(request.m_proxyName) : failure.proxy;
         attempt.failure = failure.kind;
         attempt.isProxyFailure = failure.isProxy;
         attempt.reason =

@@ -238,8 +238,7 @@ catch (...)
 }
 } // namespace
 
-CStatusObservation::CStatusObservation(HINTERNET request, CVoConnectionTrace& trace, bool isSecure) noexcept
-    : m_request(request)
+CStatusObservation::CStatusObservation(HINTERNET request, CVoConnectionTrace& trace, bool isSecure) noexcept : m_trace(&trace)
 {
     try
     {
@@ -248,14 +247,14 @@ CStatusObservation::CStatusObservation(HINTERNET request, CVoConnectionTrace& tr
     }
     catch (...)
     {
-        m_request = nullptr;
+        // Nothing is noted.
     }
 }
 
 CStatusObservation::~CStatusObservation()
 {
     const CVoLockHolder lock(Observers().lock);
-    std::erase_if(Observers().rows, [this](const CObservers::CRow& row) { return row.request == m_request; });
+    std::erase_if(Observers().rows, [this](const CObservers::CRow& row) { return row.trace == m_trace; });
 }
 
 void CALLBACK CStatusObservation::Callback(HINTERNET handle, DWORD_PTR /*context*/, DWORD status, void* information,

@@ -73,7 +73,7 @@ public:
     static void CALLBACK Callback(HINTERNET handle, DWORD_PTR context, DWORD status, void* information, DWORD length) noexcept;
 
 private:
-    HINTERNET m_request;
+    const CVoConnectionTrace* m_trace;
 };
 
 // Traces the two ends of the request's connection and the size of its send buffer. Returns the client's address; empty where

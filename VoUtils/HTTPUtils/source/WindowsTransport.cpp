@@ -16,18 +16,18 @@ struct CErrorRow
 };
 // Of facility Win32: numbers of the services and of Windows Sockets.
 constexpr CErrorRow kErrors[] = {
-    { 12007, EVoFailure::NameNotFound },    { 12029, EVoFailure::ConnectFailed },      { 10061, EVoFailure::ConnectRefused },
-    { 10060, EVoFailure::ConnectTimeOut },  { 10051, EVoFailure::ConnectFailed },      { 10065, EVoFailure::ConnectFailed },
-    { 10053, EVoFailure::ConnectionLost },  { 10054, EVoFailure::ConnectionLost },     { 12030, EVoFailure::ConnectionLost },
-    { 12031, EVoFailure::ConnectionLost },  { 12150, EVoFailure::ResponseMalformed },  { 12152, EVoFailure::ResponseMalformed },
-    { 12181, EVoFailure::ResponseLimit },   { 12182, EVoFailure::ResponseLimit },      { 12183, EVoFailure::ResponseMalformed },
-    { 12156, EVoFailure::RedirectRefused }, { 12157, EVoFailure::TlsHandshake },       { 12044, EVoFailure::TlsHandshake },
-    { 12037, EVoFailure::CertificateDate }, { 12038, EVoFailure::CertificateName },    { 12045, EVoFailure::CertificateIssuer },
-    { 12055, EVoFailure::Certificate },     { 12056, EVoFailure::RevocationUnknown },  { 12057, EVoFailure::RevocationUnknown },
-    { 12169, EVoFailure::Certificate },     { 12170, EVoFailure::CertificateRevoked }, { 12175, EVoFailure::Certificate },
-    { 12179, EVoFailure::Certificate },
+    { 12007, EVoFailure::NameNotFound },       { 12029, EVoFailure::ConnectFailed },     { 10061, EVoFailure::ConnectRefused },
+    { 10051, EVoFailure::ConnectFailed },      { 10065, EVoFailure::ConnectFailed },     { 10053, EVoFailure::ConnectionLost },
+    { 10054, EVoFailure::ConnectionLost },     { 12030, EVoFailure::ConnectionLost },    { 12031, EVoFailure::ConnectionLost },
+    { 12150, EVoFailure::ResponseMalformed },  { 12152, EVoFailure::ResponseMalformed }, { 12181, EVoFailure::ResponseLimit },
+    { 12182, EVoFailure::ResponseLimit },      { 12183, EVoFailure::ResponseMalformed }, { 12156, EVoFailure::RedirectRefused },
+    { 12157, EVoFailure::TlsHandshake },       { 12044, EVoFailure::TlsHandshake },      { 12037, EVoFailure::CertificateDate },
+    { 12038, EVoFailure::CertificateName },    { 12045, EVoFailure::CertificateIssuer }, { 12055, EVoFailure::Certificate },
+    { 12056, EVoFailure::RevocationUnknown },  { 12057, EVoFailure::RevocationUnknown }, { 12169, EVoFailure::Certificate },
+    { 12170, EVoFailure::CertificateRevoked }, { 12175, EVoFailure::Certificate },       { 12179, EVoFailure::Certificate },
 };
 constexpr DWORD kErrorTimeOut = 12002;
+constexpr DWORD kErrorSocketTimeOut = 10060; // of a connect, or of a connection whose other end has become silent
 constexpr DWORD kErrorSecureFailure = 12175;
 
 // WINHTTP_CALLBACK_STATUS_FLAG_...; the most telling first.
@@ -74,7 +74,7 @@ EVoFailure FindFailure(HRESULT result, bool isConnected, bool isSending, DWORD s
     if (HRESULT_FACILITY(result) != FACILITY_WIN32)
         return EVoFailure::Other;
     const auto error = static_cast<DWORD>(HRESULT_CODE(result));
-    if (error == kErrorTimeOut)
+    if (error == kErrorTimeOut || error == kErrorSocketTimeOut)
         return isConnected || isSending ? EVoFailure::ResponseTimeOut : EVoFailure::ConnectTimeOut;
     if (error == kErrorSecureFailure)
         for (const CErrorRow& flag : kSecureFlags)
