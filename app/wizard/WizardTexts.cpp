@@ -1,6 +1,9 @@
 // Reads the string table (WizardTexts.h).
 #include "WizardTexts.h"
 
+#include <base/VoErrorText.h>
+#include <base/VoText.h>
+
 std::wstring WizardText(UINT id)
 {
     // With a size of 0 the platform gives the address of the text inside the resource.
@@ -26,4 +29,11 @@ std::wstring WizardText(UINT id, std::initializer_list<std::wstring_view> values
             text += format[i];
     }
     return text;
+}
+
+std::wstring WizardErrorText(HRESULT hr)
+{
+    std::wstring text;
+    (void)VoGetErrorText(hr, true, &text);
+    return std::wstring(VoTrim(text)) + VoFormat(L" (0x%08X)", static_cast<unsigned>(hr));
 }

@@ -1,4 +1,4 @@
-// The texts of the string table (Strings.rc).
+// The texts of the string table (Strings.rc), and those of result codes.
 #pragma once
 
 #include <base/VoPlatform.h>
@@ -11,3 +11,5 @@
 [[nodiscard]] std::wstring WizardText(UINT id);
 // The same with "%1", "%2" ... replaced. Throws std::bad_alloc.
 [[nodiscard]] std::wstring WizardText(UINT id, std::initializer_list<std::wstring_view> values);
+// The text of a result code with the code behind it. Throws std::bad_alloc.
+[[nodiscard]] std::wstring WizardErrorText(HRESULT hr);

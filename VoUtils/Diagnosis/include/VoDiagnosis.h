@@ -19,7 +19,8 @@
 class IVoDiagnosisObserver
 {
 public:
-    // A check has another state. A final state (CVoCheck::IsFinal) comes once.
+    // A check has another state. First each check comes as waiting, in the order of the report. A final state
+    // (CVoCheck::IsFinal) comes once.
     virtual void OnCheck(const CVoCheck& check) noexcept = 0;
 
 protected:

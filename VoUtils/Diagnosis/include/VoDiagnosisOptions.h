@@ -34,6 +34,9 @@ struct CVoDiagnosisOptions
     std::function<CVoComPtr<IVoAuthenticationCallback>()> makeAuthCallback;
     // Whether dialogs may be shown. Without it the system's own dialog, which WinINet shows for a 401 or 407, is kept away.
     bool mayAsk = false;
+    // Whether a question is open. The time of a request does not run out meanwhile. Null: none ever is. Called on the thread of
+    // Run, about once a second.
+    std::function<bool()> isAsking;
 
     bool post = false; // send a POST without a body; else a GET
 };

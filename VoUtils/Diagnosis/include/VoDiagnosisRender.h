@@ -37,6 +37,23 @@ using CVoTextLine = std::vector<CVoTextPiece>; // without a line end
 // std::bad_alloc.
 [[nodiscard]] std::vector<CVoTextLine> VoRenderConclusion(const CVoDiagnosisReport& report, bool unicode);
 
+// The phases of a request, for a drawing of one's own.
+namespace VoDiagnosisText
+{
+// A phase of a request, from the end of the one before to its own, in microseconds.
+struct CPhase
+{
+    const char* key;
+    wchar_t letter;
+    const wchar_t* name;
+    INT64 begin;
+    INT64 end;
+};
+[[nodiscard]] std::vector<CPhase> PhasesOf(const CVoTimeline& line);
+// The end of the longest timeline: the scale of the bars. At least 1.
+[[nodiscard]] INT64 LongestOf(const CVoDiagnosisReport& report) noexcept;
+} // namespace VoDiagnosisText
+
 // One JSON object on one line (UTF-8, no line end). Throws std::bad_alloc.
 [[nodiscard]] std::string VoRenderJson(const CVoDiagnosisReport& report);
 

@@ -259,11 +259,17 @@ void CRunner::TakeResults()
 void CRunner::EndOverdue()
 {
     const INT64 now = VoGetMicroseconds();
-    for (const CTask& task : m_tasks)
+    for (CTask& task : m_tasks)
     {
         CProbeState& state = StateOf(task);
         if (state.state != EState::Running || now < task.deadline + kGrace)
             continue;
+        // The user's time is not the request's.
+        if (!task.row && m_options->isAsking && m_options->isAsking())
+        {
+            task.deadline = now + kMicrosecondsPerSecond;
+            continue;
+        }
         state = { EState::TimedOut, now - task.start };
         task.stop->Signal();
     }
@@ -301,6 +307,9 @@ CVoDiagnosisReport CRunner::Run()
     const INT64 start = VoGetMicroseconds();
     const std::wstring time = TimeText();
     Prepare();
+    if (m_observer)
+        for (const CVoCheck& check : m_checks)
+            m_observer->OnCheck(check);
     StartReady();
     JudgeAll();
     while (!m_isCancelled && !AreAllOver(m_facts))
