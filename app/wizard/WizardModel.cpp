@@ -330,7 +330,7 @@ std::wstring CWizardModel::Summary() const
 std::wstring CWizardModel::Advice() const
 {
     if (m_report.advice.empty())
-        return WizardText(IDS_NO_ADVICE);
+        return WizardText(m_run == EWizardRun::Stopped ? IDS_ADVICE_STOPPED : IDS_NO_ADVICE);
     std::wstring lines;
     for (size_t i = 0; i < m_report.advice.size(); ++i)
     {

@@ -6,6 +6,7 @@
 #include <base/VoWipe.h>
 #include <base/com/VoIUnknown.h>
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <string>

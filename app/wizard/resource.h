@@ -58,6 +58,7 @@
 #define IDS_CHART_BAR 282
 #define IDS_CHART_PHASE 283
 #define IDS_NO_ADVICE 284
+#define IDS_ADVICE_STOPPED 288
 #define IDS_DETAIL_FIX 285
 #define IDS_DETAIL_TIME 286
 #define IDS_USE_TRANSPORT 287
@@ -72,14 +73,13 @@
 #define IDS_LOG_OFF 298
 #define IDS_OPEN_FAILED 299
 #define IDS_SAVED 300
-#define IDS_NO_MEMORY 301
-#define IDS_FINISH 302
 #define IDS_NO_WINDOW 310
 #define IDS_USAGE 311
 #define IDS_USAGE_OPTION 312
 #define IDS_USAGE_TWO_URLS 313
 #define IDS_USAGE_NO_VALUE 314
 #define IDS_USAGE_FOLDER 315
+#define IDS_HELP 316
 
 // Controls. Those above IDC_OWN_TEXT have a text of their own, which is no string.
 #define IDC_URL_LABEL 1000
@@ -127,6 +127,6 @@
 #define IDC_RESULT_CHECKS 1133
 #define IDC_DETAILS 1134
 #define IDC_USE_TRANSPORT 1135
-#define IDC_DONE_TEXT 1136
+#define IDC_STATUS 1136
 
 // The browser dialog: dialogs, controls and texts from 3000 on.
