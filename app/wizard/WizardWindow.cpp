@@ -63,9 +63,8 @@ HRESULT CWizardWindow::Show()
         pages[i] = m_pages[i]->Describe();
     PROPSHEETHEADERW sheet{};
     sheet.dwSize = sizeof sheet;
-    sheet.dwFlags = PSH_WIZARD97 | PSH_HEADER | PSH_PROPSHEETPAGE | PSH_USEICONID;
+    sheet.dwFlags = PSH_WIZARD97 | PSH_HEADER | PSH_PROPSHEETPAGE;
     sheet.hInstance = ::GetModuleHandleW(nullptr);
-    sheet.pszIcon = MAKEINTRESOURCEW(IDI_WIZARD);
     sheet.nPages = static_cast<UINT>(pages.size());
     sheet.ppsp = pages.data();
     ::SetLastError(ERROR_SUCCESS);
@@ -76,8 +75,19 @@ HRESULT CWizardWindow::Show()
     return result > 0 ? S_OK : S_FALSE;
 }
 
+CWizardWindow::CIcon::CIcon(int metric) noexcept
+    : m_icon(static_cast<HICON>(::LoadImageW(::GetModuleHandleW(nullptr), MAKEINTRESOURCEW(IDI_WIZARD), IMAGE_ICON,
+                                             ::GetSystemMetrics(metric), ::GetSystemMetrics(metric), 0)))
+{
+}
+
 void CWizardWindow::SetSheet(HWND sheet) noexcept
 {
+    if (m_sheet == sheet)
+        return;
+    // The sheet itself would load the icon in one size only.
+    ::SendMessageW(sheet, WM_SETICON, ICON_SMALL, reinterpret_cast<LPARAM>(m_smallIcon.Get()));
+    ::SendMessageW(sheet, WM_SETICON, ICON_BIG, reinterpret_cast<LPARAM>(m_bigIcon.Get()));
     m_sheet = sheet;
     m_signIn->SetOwner(sheet);
 }

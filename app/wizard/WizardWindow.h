@@ -55,6 +55,21 @@ public:
     void Forget() noexcept;
 
 private:
+    // The wizard's icon in a size of the system; null when it cannot be loaded.
+    class CIcon
+    {
+    public:
+        explicit CIcon(int metric) noexcept;
+        ~CIcon() { ::DestroyIcon(m_icon); }
+        CIcon(const CIcon&) = delete;
+        CIcon& operator=(const CIcon&) = delete;
+
+        [[nodiscard]] HICON Get() const noexcept { return m_icon; }
+
+    private:
+        HICON m_icon;
+    };
+
     static LRESULT CALLBACK OnQueueMessage(HWND window, UINT message, WPARAM wParam, LPARAM lParam, UINT_PTR id,
                                            DWORD_PTR self) noexcept;
     [[nodiscard]] CWizardPage& Page(EWizardPage page) noexcept { return *m_pages[static_cast<size_t>(page)]; }
@@ -70,5 +85,7 @@ private:
     std::unique_ptr<CWizardDoctor> m_doctor;
     std::array<std::unique_ptr<CWizardPage>, 4> m_pages;
     EWizardPage m_current = EWizardPage::Server;
+    const CIcon m_smallIcon{ SM_CXSMICON };
+    const CIcon m_bigIcon{ SM_CXICON };
     HWND m_sheet = nullptr;
 };
