@@ -1,8 +1,6 @@
 // What the renderers share.
 #pragma once
 
-#include <VoDiagnosisRender.h>
-
 #include <string>
 #include <string_view>
 
