@@ -13,6 +13,7 @@
 #include <base/com/VoComImplHelper.h>
 
 #include <algorithm>
+#include <map>
 
 namespace
 {
@@ -343,6 +344,7 @@ std::wstring CWizardModel::Advice() const
 CWizardChart CWizardModel::Chart() const
 {
     CWizardChart chart;
+    std::map<std::string, std::wstring> names;
     const INT64 longest = VoDiagnosisText::LongestOf(m_report);
     for (const CVoTimeline& timeline : m_report.timelines)
     {
@@ -355,13 +357,14 @@ CWizardChart CWizardModel::Chart() const
         {
             words += (words.empty() ? L"" : L", ") +
                      WizardText(IDS_CHART_PHASE, { phase.name, Milliseconds(phase.end - phase.begin) });
-            const bool isKnown = std::any_of(chart.legend.begin(), chart.legend.end(),
-                                             [&](const auto& entry) { return entry.first == phase.key; });
-            if (!isKnown)
-                chart.legend.emplace_back(phase.key, phase.name);
+            names.emplace(phase.key, phase.name);
         }
         AddLine(chart.text, WizardText(IDS_CHART_BAR, { chart.bars.back().name, words, chart.bars.back().time }));
     }
+    // In the order of a request.
+    for (const char* const phase : { "name", "connect", "tls", "sent", "firstByte", "total" })
+        if (const auto name = names.find(phase); name != names.end())
+            chart.legend.push_back(*name);
     chart.scale = chart.bars.empty() ? WizardText(IDS_CHART_NONE) : WizardText(IDS_CHART_SCALE, { Milliseconds(longest) });
     if (chart.bars.empty())
         chart.text = chart.scale;
@@ -381,7 +384,8 @@ std::wstring CWizardModel::Details(size_t row) const
         return {};
     const CVoCheck& check = m_checks[row];
     std::wstring lines = check.name + L": " + WizardText(StateText(check.status));
-    for (const std::wstring& text : { check.summary, check.detail })
+    // The evidence is often the same sentence.
+    for (const std::wstring& text : { check.summary, check.detail == check.summary ? std::wstring() : check.detail })
         if (!text.empty())
             AddLine(lines, VoVisibleText(text, kDetailLimit));
     if (!check.fix.empty())

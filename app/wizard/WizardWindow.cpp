@@ -11,6 +11,9 @@
 
 #include <commctrl.h>
 
+#include <algorithm>
+#include <utility>
+
 namespace
 {
 constexpr UINT kWorkPosted = WM_APP;
@@ -92,8 +95,25 @@ void CWizardWindow::SetSheet(HWND sheet) noexcept
     m_signIn->SetOwner(sheet);
 }
 
+// In the middle of the monitor: the platform would place a window without an owner in a corner.
+void CWizardWindow::Center() const noexcept
+{
+    RECT own{};
+    MONITORINFO monitor{};
+    monitor.cbSize = sizeof monitor;
+    if (!::GetWindowRect(m_sheet, &own) || !::GetMonitorInfoW(::MonitorFromWindow(m_sheet, MONITOR_DEFAULTTOPRIMARY), &monitor))
+        return;
+    const RECT& area = monitor.rcWork;
+    const LONG x = (area.left + area.right - (own.right - own.left)) / 2;
+    const LONG y = (area.top + area.bottom - (own.bottom - own.top)) / 2;
+    ::SetWindowPos(m_sheet, nullptr, std::max(area.left, x), std::max(area.top, y), 0, 0,
+                   SWP_NOSIZE | SWP_NOZORDER | SWP_NOACTIVATE);
+}
+
 void CWizardWindow::OnActivated(EWizardPage page)
 {
+    if (!std::exchange(m_isShown, true))
+        Center();
     m_current = page;
     UpdateButtons();
 }

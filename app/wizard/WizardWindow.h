@@ -73,6 +73,7 @@ private:
     static LRESULT CALLBACK OnQueueMessage(HWND window, UINT message, WPARAM wParam, LPARAM lParam, UINT_PTR id,
                                            DWORD_PTR self) noexcept;
     [[nodiscard]] CWizardPage& Page(EWizardPage page) noexcept { return *m_pages[static_cast<size_t>(page)]; }
+    void Center() const noexcept;
     void OnCheck(const CVoCheck& check);
     void OnFinished(HRESULT hr, CVoDiagnosisReport report);
 
@@ -88,4 +89,5 @@ private:
     const CIcon m_smallIcon{ SM_CXSMICON };
     const CIcon m_bigIcon{ SM_CXICON };
     HWND m_sheet = nullptr;
+    bool m_isShown = false;
 };
