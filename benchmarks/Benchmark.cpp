@@ -1,7 +1,9 @@
+// The measuring and the program's main (Benchmark.h).
 #include "Benchmark.h"
 
 #include <cstring>
 #include <exception>
+#include <fstream>
 
 namespace Benchmark
 {
@@ -21,6 +23,33 @@ std::vector<CRegistered>& Groups()
     return groups;
 }
 
+// What one contender gave, in seconds.
+struct CFigures
+{
+    std::string name;
+    double shortest = 0;
+    double median = 0;
+    double spread = 0; // the distance of the quartiles
+    double ratio = 0;  // of the shortest times
+    double pairedRatio = 0;
+};
+
+struct CResult
+{
+    std::string group;
+    std::string title;
+    double bytes = 0;
+    std::vector<CFigures> figures;
+};
+
+std::vector<CResult>& Results()
+{
+    static std::vector<CResult> results;
+    return results;
+}
+
+const char* g_group = ""; // that runs
+
 double Seconds(const std::function<void()>& run, size_t times)
 {
     const auto start = Clock::now();
@@ -29,10 +58,11 @@ double Seconds(const std::function<void()>& run, size_t times)
     return std::chrono::duration<double>(Clock::now() - start).count() / static_cast<double>(times);
 }
 
-double Median(std::vector<double> values)
+// The value that this part of the values lies below.
+double Quantile(std::vector<double> values, double part)
 {
     std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
+    return values[std::min(values.size() - 1, static_cast<size_t>(part * static_cast<double>(values.size())))];
 }
 
 std::string TimeText(double seconds)
@@ -45,6 +75,104 @@ std::string TimeText(double seconds)
     else
         std::snprintf(text, sizeof text, "%9.2f ms", seconds * 1e3);
     return text;
+}
+
+CFigures FiguresOf(const std::string& name, const std::vector<double>& samples, const std::vector<double>& first)
+{
+    std::vector<double> ratios;
+    for (size_t i = 0; i < samples.size(); ++i)
+        ratios.push_back(samples[i] / first[i]);
+    const double shortest = *std::min_element(samples.begin(), samples.end());
+    return { .name = name,
+             .shortest = shortest,
+             .median = Quantile(samples, 0.5),
+             .spread = Quantile(samples, 0.75) - Quantile(samples, 0.25),
+             .ratio = shortest / *std::min_element(first.begin(), first.end()),
+             .pairedRatio = Quantile(ratios, 0.5) };
+}
+
+void Print(const CResult& result)
+{
+    std::printf("%s\n", result.title.c_str());
+    for (const CFigures& figures : result.figures)
+    {
+        std::printf("  %-44s %s  median %s +-%3.0f%%", figures.name.c_str(), TimeText(figures.shortest).c_str(),
+                    TimeText(figures.median).c_str(), 100 * figures.spread / figures.median);
+        if (result.bytes > 0)
+            std::printf("  %8.2f GB/s", result.bytes / figures.shortest / 1e9);
+        std::printf("  x%.3f (pairs x%.3f)\n", figures.ratio, figures.pairedRatio);
+    }
+    std::fflush(stdout);
+}
+
+// Titles and names are ASCII text of this program.
+std::string Quoted(const std::string& text)
+{
+    std::string quoted = "\"";
+    for (const char c : text)
+    {
+        if (c == '"' || c == '\\')
+            quoted += '\\';
+        quoted += c;
+    }
+    return quoted + '"';
+}
+
+bool WriteJson(const char* path)
+{
+    std::ofstream file(path, std::ios::binary);
+    file.precision(9);
+    file << "{\n  \"format\": 1,\n  \"results\": [";
+    const char* separator = "\n";
+    for (const CResult& result : Results())
+    {
+        file << separator << "    { \"group\": " << Quoted(result.group) << ", \"title\": " << Quoted(result.title)
+             << ", \"bytes\": " << result.bytes << ", \"figures\": [";
+        const char* comma = "\n";
+        for (const CFigures& figures : result.figures)
+        {
+            file << comma << "      { \"name\": " << Quoted(figures.name) << ", \"min\": " << figures.shortest
+                 << ", \"median\": " << figures.median << ", \"spread\": " << figures.spread << ", \"ratio\": " << figures.ratio
+                 << ", \"paired_ratio\": " << figures.pairedRatio << " }";
+            comma = ",\n";
+        }
+        file << "\n    ] }";
+        separator = ",\n";
+    }
+    file << "\n  ]\n}\n";
+    file.flush();
+    return file.good();
+}
+
+int Run(const std::vector<const char*>& names)
+{
+    bool found = false;
+    for (const CRegistered& group : Groups())
+    {
+        const bool wanted = names.empty() || std::any_of(names.begin(), names.end(), [&group](const char* name)
+        { return std::strstr(group.name, name) != nullptr; });
+        if (!wanted)
+            continue;
+        found = true;
+        std::printf("== %s\n", group.name);
+        g_group = group.name;
+        try
+        {
+            group.run();
+        }
+        catch (const std::exception& failure)
+        {
+            std::fprintf(stderr, "bench: %s: %s\n", group.name, failure.what());
+            return 1;
+        }
+    }
+    if (found)
+        return 0;
+    std::fprintf(stderr, "bench: no group has such a name; there are:");
+    for (const CRegistered& group : Groups())
+        std::fprintf(stderr, " %s", group.name);
+    std::fprintf(stderr, "\n");
+    return 2;
 }
 } // namespace
 
@@ -77,44 +205,36 @@ std::vector<double> Compare(const std::string& title, const std::vector<CContend
         for (size_t i = 0; i < contenders.size(); ++i)
             samples[i].push_back(Seconds(contenders[i].run, times[i]));
 
-    std::printf("%s\n", title.c_str());
+    CResult result{ .group = g_group, .title = title, .bytes = options.bytes, .figures = {} };
     std::vector<double> medians;
     for (size_t i = 0; i < contenders.size(); ++i)
     {
-        std::vector<double> ratios;
-        for (size_t sample = 0; sample < samples[i].size(); ++sample)
-            ratios.push_back(samples[i][sample] / samples[0][sample]);
-        medians.push_back(Median(samples[i]));
-        std::printf("  %-44s %s", contenders[i].name.c_str(), TimeText(medians.back()).c_str());
-        if (options.bytes > 0)
-            std::printf("  %8.2f GB/s", options.bytes / medians.back() / 1e9);
-        std::printf("  x%.3f\n", Median(ratios));
+        result.figures.push_back(FiguresOf(contenders[i].name, samples[i], samples[0]));
+        medians.push_back(result.figures.back().median);
     }
-    std::fflush(stdout);
+    Print(result);
+    Results().push_back(std::move(result));
     return medians;
 }
 } // namespace Benchmark
 
-// Without arguments every group runs; with arguments, those whose name contains one of them.
+// VoBenchmarks [--json FILE] [NAME]...: every group, or those whose name contains one of the names.
 int main(int argc, char** argv)
 {
-    for (const auto& group : Benchmark::Groups())
+    const char* json = nullptr;
+    std::vector<const char*> names;
+    for (int i = 1; i < argc; ++i)
     {
-        bool wanted = argc < 2;
-        for (int i = 1; i < argc; ++i)
-            wanted = wanted || std::strstr(group.name, argv[i]);
-        if (!wanted)
-            continue;
-        std::printf("== %s\n", group.name);
-        try
-        {
-            group.run();
-        }
-        catch (const std::exception& failure)
-        {
-            std::printf("%s: %s\n", group.name, failure.what());
-            return 1;
-        }
+        if (std::strcmp(argv[i], "--json") != 0)
+            names.push_back(argv[i]);
+        else if (i + 1 < argc)
+            json = argv[++i];
     }
-    return 0;
+    const int code = Benchmark::Run(names);
+    if (code == 0 && json && !Benchmark::WriteJson(json))
+    {
+        std::fprintf(stderr, "bench: cannot write %s\n", json);
+        return 1;
+    }
+    return code;
 }

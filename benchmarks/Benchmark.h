@@ -1,4 +1,4 @@
-// Measures pieces of work side by side in one run and prints their times and ratios.
+// Measures pieces of work side by side in one run, prints their times and ratios, and can write them to a JSON file.
 #pragma once
 
 #include <algorithm>
@@ -27,15 +27,17 @@ struct CContender
 
 struct COptions
 {
-    double minimumSeconds = 0.02; // of one sample: fast work is repeated until it lasts that long
-    int samples = 15;             // taken in turn from all contenders, so that a slow spell of the machine hits them alike
-    double bytes = 0;             // bytes that one run handles, for a throughput column; 0 for none
-    size_t runs = 0;              // of one sample, whatever they last; 0: as many as the minimum takes
-    double maximumSeconds = 0;    // after which no more samples are taken, once there are five; 0 for no such end
+    double minimumSeconds = 0.003; // of one sample: fast work is repeated until it lasts that long. Short, so that some samples
+                                   // fall between the turns of other programs
+    int samples = 51;              // taken in turn from all contenders, so that a slow spell of the machine hits them alike
+    double bytes = 0;              // bytes that one run handles, for a throughput column; 0 for none
+    size_t runs = 0;               // of one sample, whatever they last; 0: as many as the minimum takes
+    double maximumSeconds = 0;     // after which no more samples are taken, once there are five; 0 for no such end
 };
 
-// Runs the contenders in turn and prints a line each: the median time of a run, the throughput, and the ratio of its time to
-// the first contender's (the median of the ratios of samples taken side by side). Returns the medians in seconds.
+// Runs the contenders in turn and prints a line each: the shortest and the median time of a run, the spread (the distance of
+// the quartiles, in percent of the median), the throughput at the shortest time, and two ratios to the first contender: of the
+// shortest times, and the median of the ratios of samples taken side by side. Returns the medians in seconds.
 std::vector<double> Compare(const std::string& title, const std::vector<CContender>& contenders, const COptions& options = {});
 
 // A group of comparisons, registered by each benchmark file and run by main when its name matches the command line.
