@@ -185,6 +185,7 @@ void Run()
     {
         CompareEncoding(encoding, "24 B", 24);
         CompareEncoding(encoding, "1 KB", 1024);
+        CompareEncoding(encoding, "64 KB", size_t{ 64 } << 10);
         CompareEncoding(encoding, "1 MB", 1 << 20);
     }
 }

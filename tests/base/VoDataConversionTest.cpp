@@ -3,11 +3,13 @@
 
 #include <base/VoCArray.h>
 #include <base/utils/VoCodecKernels.h>
+#include <base/utils/VoVectorKernels.h>
 #include <support/GuardPage.h>
 #include <support/LogCapture.h>
 
 #include <gmock/gmock.h>
 
+#include <functional>
 #include <optional>
 #include <random>
 #include <string>
@@ -135,6 +137,9 @@ TEST(VoDataConversion, EncodersBreakLinesAtTheDocumentedPlaces)
 TEST(VoDataConversion, EncodedBytesReadBackAndFullLinesBreak)
 {
     std::mt19937 random(20240601);
+    // Used again and again: what a text held before leaves no trace.
+    std::wstring digits;
+    std::wstring text;
     for (size_t size = 2; size < 200; ++size)
         for (const INT32 line : { 0, 1, 2, 3, 7, 8, 10, 64, 76, 1000 })
         {
@@ -147,8 +152,6 @@ TEST(VoDataConversion, EncodedBytesReadBackAndFullLinesBreak)
                                                          { kFromBase32, kToBase32<false>, line },
                                                          { kFromBase32, kToBase32<true>, line } })
             {
-                std::wstring digits;
-                std::wstring text;
                 ASSERT_EQ(encode(guarded.Data(), static_cast<INT32>(size), digits, 0), S_OK);
                 ASSERT_EQ(encode(guarded.Data(), static_cast<INT32>(size), text, line), S_OK);
                 ASSERT_EQ(text, Lines(digits, static_cast<size_t>(width))) << size << " " << line;
@@ -157,19 +160,38 @@ TEST(VoDataConversion, EncodedBytesReadBackAndFullLinesBreak)
         }
 }
 
+namespace
+{
+using VoCodecKernels::CVectorKernels;
+
+// The kernels that this machine can run.
+std::vector<const CVectorKernels*> UsableKernels()
+{
+    using VoSystemProperties::EVectors;
+    std::vector<const CVectorKernels*> usable;
+    for (const EVectors vectors : { EVectors::SSE2, EVectors::SSSE3, EVectors::AVX2 })
+        if (vectors <= VoProcessorVectors())
+            usable.push_back(&VoCodecKernels::KernelsFor(vectors));
+    return usable;
+}
+} // namespace
+
 // The kernels write to the very end of their room, and not beyond, wherever the first bad character stands.
 TEST(VoDataConversion, KernelsStayWithinTheirGroups)
 {
     using CDecode = size_t (*)(const wchar_t*, size_t, BYTE*) noexcept;
-    using CEncode = void (*)(const BYTE*, size_t, wchar_t*) noexcept;
-    constexpr CEncode kEncodeBase64 = [](auto bytes, auto groups, auto text) noexcept
-    { VoCodecKernels::EncodeBase64(bytes, groups, false, text); };
+    using CEncode = std::function<void(const BYTE*, size_t, wchar_t*)>;
     // With the characters and the bytes of a group.
-    const std::tuple<size_t, size_t, CDecode, CEncode> kernels[] = {
-        { 2, 1, &VoCodecKernels::DecodeHex, &VoCodecKernels::EncodeHex },
-        { 4, 3, &VoCodecKernels::DecodeBase64, kEncodeBase64 },
+    std::vector<std::tuple<size_t, size_t, CDecode, CEncode>> kernels = {
         { 8, 5, &VoCodecKernels::DecodeBase32, &VoCodecKernels::EncodeBase32 },
     };
+    for (const CVectorKernels* usable : UsableKernels())
+    {
+        kernels.emplace_back(2, 1, usable->decodeHex, usable->encodeHex);
+        for (const bool urlSafe : { false, true })
+            kernels.emplace_back(4, 3, usable->decodeBase64, [=](auto bytes, auto groups, auto text)
+            { usable->encodeBase64(bytes, groups, urlSafe, text); });
+    }
     std::mt19937 random(5);
     for (const auto& [characters, unitBytes, decode, encode] : kernels)
         for (size_t groups = 0; groups < 70; ++groups)
@@ -189,6 +211,69 @@ TEST(VoDataConversion, KernelsStayWithinTheirGroups)
                     text.Data()[at] = good;
                 }
         }
+}
+
+// Each of the 65,536 units, in places all over a block.
+TEST(CodecKernels, TakeTheSameUnitsAsDigitsAsTheScalarReference)
+{
+    constexpr size_t kSize = 128;
+    const CGuardedBuffer<BYTE> decoded(kSize);
+    const CGuardedBuffer<BYTE> expected(kSize);
+    const CGuardedBuffer<char> kept(kSize);
+    const CGuardedBuffer<char> expectedKept(kSize);
+    for (const CVectorKernels* usable : UsableKernels())
+        for (unsigned unit = 0; unit < 0x10000; ++unit)
+        {
+            std::wstring text(kSize, L'7');
+            text[unit * 37 % kSize] = static_cast<wchar_t>(unit);
+            const wchar_t* const units = text.data();
+            ASSERT_EQ(usable->decodeHex(units, kSize / 2, decoded.Data()),
+                      VoCodecKernels::Scalar::DecodeHex(units, kSize / 2, expected.Data()))
+                << unit;
+            const size_t groups = VoCodecKernels::Scalar::DecodeBase64(units, kSize / 4, expected.Data());
+            ASSERT_EQ(usable->decodeBase64(units, kSize / 4, decoded.Data()), groups) << unit;
+            ASSERT_TRUE(std::equal(expected.Data(), expected.Data() + 3 * groups, decoded.Data())) << unit;
+
+            const size_t digits = usable->keepHexDigits(units, kSize, kept.Data());
+            ASSERT_EQ(digits, VoCodecKernels::Scalar::KeepHexDigits(units, kSize, expectedKept.Data())) << unit;
+            ASSERT_EQ(kept.View().substr(0, digits), expectedKept.View().substr(0, digits)) << unit;
+            const size_t others = usable->keepNoLineBreaks(units, kSize, kept.Data());
+            ASSERT_EQ(others, VoCodecKernels::Scalar::KeepNoLineBreaks(units, kSize, expectedKept.Data())) << unit;
+            // A unit that is no digit may be kept as any byte that is none.
+            ASSERT_EQ(usable->decodeKeptBase64(kept.Data(), others / 4, decoded.Data()),
+                      VoCodecKernels::Scalar::DecodeKeptBase64(expectedKept.Data(), others / 4, expected.Data()))
+                << unit;
+        }
+}
+
+// Texts with separators anywhere, of every small size, give what removing the separators first gives, or the same refusal.
+TEST(VoDataConversion, SkippedCharactersChangeNothing)
+{
+    std::mt19937 random(11);
+    for (size_t size = 0; size < 400; ++size)
+    {
+        const CBytes bytes = RandomBytes(random, size * (size % 5 == 0 ? 20 : 1));
+        for (const auto& [decode, encode, separators] :
+             { std::tuple(kFromHex, kToHex, std::wstring_view(L"\r\n :-\u0141g")), { kFromBase64, kToBase64<true>, L"\r\n" } })
+        {
+            std::wstring digits;
+            ASSERT_EQ(encode(bytes.data(), static_cast<INT32>(bytes.size()), digits, 0), S_OK);
+            const auto rarity = random() % 90 + 1;
+            std::wstring text;
+            for (const wchar_t digit : digits)
+            {
+                text += digit;
+                while (random() % rarity == 1)
+                    text += separators[random() % separators.size()];
+            }
+            ASSERT_EQ(Decode(decode, text), bytes) << size;
+            if (text.empty())
+                continue;
+            // A character that is neither digit nor separator, anywhere.
+            text.insert(random() % text.size(), 1, L'*');
+            ASSERT_EQ(Decode(decode, L'7' + text + L'7').has_value(), decode == kFromHex) << size;
+        }
+    }
 }
 
 TEST(CodecKernels, ComputeWhatTheScalarReferenceComputes)

@@ -137,6 +137,22 @@ TEST(SystemCheck, FeaturesAndModelComeFromTheLeaf)
     EXPECT_FALSE(intel.mmx || intel.sse2 || intel.sse3 || intel.sse41 || intel.sse42);
 }
 
+TEST(SystemCheck, VectorsNeedTheProcessorAndTheSystem)
+{
+    constexpr UINT32 kSSSE3 = 1u << 9;
+    constexpr UINT32 kAll = kSSSE3 | 1u << 23 | 1u << 27 | 1u << 28; // POPCNT, OSXSAVE, AVX
+    constexpr UINT32 kAVX2 = 1u << 5;
+    // ECX of leaf 1, EBX of leaf 7, the states that the system saves.
+    for (const auto& [ecx, ebx, states, expected] : { std::tuple(kAll, kAVX2, UINT64{ 7 }, EVectors::AVX2),
+                                                      { kAll, kAVX2, 3, EVectors::SSSE3 },
+                                                      { kAll, 0u, 7, EVectors::SSSE3 },
+                                                      { kAll & ~(1u << 27), kAVX2, 7, EVectors::SSSE3 },
+                                                      { kAll & ~(1u << 28), kAVX2, 7, EVectors::SSSE3 },
+                                                      { kSSSE3, 0u, 0, EVectors::SSSE3 },
+                                                      { 0u, 0u, 0, EVectors::SSE2 } })
+        EXPECT_EQ(VectorsOf({ .ecx = ecx }, { .ebx = ebx }, states), expected) << ecx << " " << ebx << " " << states;
+}
+
 TEST(SystemCheck, TheMachineItself)
 {
     const CSystemCheckResult& result = VoSystemInformation();

@@ -100,6 +100,19 @@ enum class EVendor
     AMD
 };
 [[nodiscard]] EVendor VendorOf(const CCpuidRegisters& leaf0) noexcept;
+// The widest vector instructions that a program may use, in ascending order.
+enum class EVectors
+{
+    SSE2, // part of x86-64
+    SSSE3,
+    AVX2
+};
+// `leaf7` is sub-leaf 0, zeros where the processor has none. `savedStates` is the system's register XCR0 (XGETBV), 0 where it
+// cannot be read: AVX2 also needs a system that saves the registers (Intel's manual, volume 1, "Detection of AVX2").
+[[nodiscard]] EVectors VectorsOf(const CCpuidRegisters& leaf1, const CCpuidRegisters& leaf7, UINT64 savedStates) noexcept;
 // The processor of a known vendor, from leaf 1. The extended family and model bits are not used.
 [[nodiscard]] CProcessorProperties ProcessorOf(EVendor vendor, const CCpuidRegisters& leaf1) noexcept;
 } // namespace VoSystemProperties
+
+// The vector instructions of this machine. The first call asks the processor. Any thread.
+[[nodiscard]] VoSystemProperties::EVectors VoProcessorVectors() noexcept;

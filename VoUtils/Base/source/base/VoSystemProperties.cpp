@@ -3,6 +3,7 @@
 
 #include "VoModuleVersion.h"
 #include "VoNeverDestroyed.h"
+#include "VoTarget.h"
 
 #include <base/VoErrorHandler.h>
 #include <base/VoPaths.h>
@@ -12,6 +13,7 @@
 #include <intrin.h>
 #else
 #include <cpuid.h>
+#include <immintrin.h>
 #endif
 
 namespace
@@ -87,7 +89,7 @@ std::optional<CVersionNumbers> ReadRegistryVersion() noexcept
     return numbers;
 }
 
-// One leaf of the CPUID instruction; nothing where the processor does not have it.
+// One leaf (sub-leaf 0) of the CPUID instruction; nothing where the processor does not have it.
 std::optional<CCpuidRegisters> ReadCpuid(UINT32 leaf) noexcept
 {
 #if defined(_MSC_VER)
@@ -95,15 +97,21 @@ std::optional<CCpuidRegisters> ReadCpuid(UINT32 leaf) noexcept
     __cpuid(registers, 0);
     if (static_cast<UINT32>(registers[0]) < leaf)
         return std::nullopt;
-    __cpuid(registers, static_cast<int>(leaf));
+    __cpuidex(registers, static_cast<int>(leaf), 0);
     return CCpuidRegisters{ static_cast<UINT32>(registers[0]), static_cast<UINT32>(registers[1]),
                             static_cast<UINT32>(registers[2]), static_cast<UINT32>(registers[3]) };
 #else
     CCpuidRegisters result;
-    if (!__get_cpuid(leaf, &result.eax, &result.ebx, &result.ecx, &result.edx))
+    if (!__get_cpuid_count(leaf, 0, &result.eax, &result.ebx, &result.ecx, &result.edx))
         return std::nullopt;
     return result;
 #endif
+}
+
+// The register XCR0: the register states that the system saves. Only for processors with the bit OSXSAVE.
+VO_TARGET("xsave") UINT64 ReadSavedStates() noexcept
+{
+    return static_cast<UINT64>(_xgetbv(0));
 }
 
 void ReadProcessor(CProcessorProperties& processor) noexcept
@@ -128,6 +136,15 @@ void ReadProcessor(CProcessorProperties& processor) noexcept
 
 namespace VoSystemProperties
 {
+namespace
+{
+bool IsSet(UINT32 value, int bit) noexcept
+{
+    return ((value >> bit) & 1) != 0;
+}
+constexpr int kSystemSavesStatesBit = 27; // OSXSAVE of leaf 1, ECX
+} // namespace
+
 bool NeedsRegistry(const CVersionFacts& facts) noexcept
 {
     return facts.platform == VER_PLATFORM_WIN32_NT && facts.major == 6 && facts.minor == 2;
@@ -210,7 +227,29 @@ CProcessorProperties ProcessorOf(EVendor vendor, const CCpuidRegisters& leaf1) n
     result.isIntel = vendor == EVendor::Intel;
     return result;
 }
+
+EVectors VectorsOf(const CCpuidRegisters& leaf1, const CCpuidRegisters& leaf7, UINT64 savedStates) noexcept
+{
+    constexpr UINT64 kVectorStates = 6; // the registers XMM and YMM
+    const bool isSaved = IsSet(leaf1.ecx, kSystemSavesStatesBit) && (savedStates & kVectorStates) == kVectorStates;
+    const bool hasAVX2 = IsSet(leaf1.ecx, 28) && IsSet(leaf7.ebx, 5) && IsSet(leaf1.ecx, 23); // AVX, AVX2, POPCNT
+    if (isSaved && hasAVX2)
+        return EVectors::AVX2;
+    return IsSet(leaf1.ecx, 9) ? EVectors::SSSE3 : EVectors::SSE2;
+}
 } // namespace VoSystemProperties
+
+VoSystemProperties::EVectors VoProcessorVectors() noexcept
+{
+    static const VoSystemProperties::EVectors vectors = []() noexcept
+    {
+        const CCpuidRegisters features = ReadCpuid(1).value_or(CCpuidRegisters{});
+        const bool hasStates = VoSystemProperties::IsSet(features.ecx, VoSystemProperties::kSystemSavesStatesBit);
+        return VoSystemProperties::VectorsOf(features, ReadCpuid(7).value_or(CCpuidRegisters{}),
+                                             hasStates ? ReadSavedStates() : 0);
+    }();
+    return vectors;
+}
 
 CSystemCheckResult::CSystemCheckResult()
 {

@@ -1,6 +1,8 @@
 // The inner loops of the encodings and of text conversion (VoCodecKernels.h).
 #include "VoCodecKernels.h"
 
+#include "VoVectorKernels.h"
+
 #include <array>
 #include <bit>
 #include <cstring>
@@ -118,6 +120,26 @@ UINT32 Base64Group(const wchar_t* text) noexcept
     return kBase64Places0[characters & 0xFF] | kBase64Places1[characters >> 16 & 0xFF] |
            kBase64Places2[characters >> 32 & 0xFF] | kBase64Places3[characters >> 48];
 }
+UINT32 Base64Group(const char* text) noexcept
+{
+    UINT32 characters;
+    std::memcpy(&characters, text, sizeof characters);
+    return kBase64Places0[characters & 0xFF] | kBase64Places1[characters >> 8 & 0xFF] |
+           kBase64Places2[characters >> 16 & 0xFF] | kBase64Places3[characters >> 24];
+}
+
+template <class TCharacter>
+size_t DecodeBase64Groups(const TCharacter* text, size_t groups, BYTE* bytes) noexcept
+{
+    for (size_t i = 0; i < groups; ++i, text += 4, bytes += 3)
+    {
+        const UINT32 bits = Base64Group(text);
+        if (bits & kBadGroup)
+            return i;
+        std::memcpy(bytes, &bits, 3);
+    }
+    return groups;
+}
 
 // The 40 bits of a base-32 group in their place, to be masked.
 UINT64 Load5(const BYTE* bytes) noexcept
@@ -154,44 +176,6 @@ __m128i HexValues16(const wchar_t* text, __m128i& good) noexcept
     return _mm_or_si128(AddWhere(isDecimal, characters, -'0'), AddWhere(isLetter, folded, 10 - 'a'));
 }
 
-// 16 characters of Base64 to their values; false when one is no digit.
-bool Base64Values16(const wchar_t* text, __m128i& values) noexcept
-{
-    const __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text));
-    const __m128i second = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text + 8));
-    const __m128i characters = _mm_packus_epi16(first, second);
-    const __m128i isUpper = IsInRange(characters, 'A', 26);
-    const __m128i isLower = IsInRange(characters, 'a', 26);
-    const __m128i isDecimal = IsInRange(characters, '0', 10);
-    const __m128i is62 =
-        _mm_or_si128(_mm_cmpeq_epi8(characters, _mm_set1_epi8('+')), _mm_cmpeq_epi8(characters, _mm_set1_epi8('-')));
-    const __m128i is63 =
-        _mm_or_si128(_mm_cmpeq_epi8(characters, _mm_set1_epi8('/')), _mm_cmpeq_epi8(characters, _mm_set1_epi8('_')));
-    const __m128i isLetter = _mm_or_si128(isUpper, isLower);
-    const __m128i isSign = _mm_or_si128(is62, is63);
-    if (_mm_movemask_epi8(_mm_or_si128(_mm_or_si128(isLetter, isDecimal), isSign)) != 0xFFFF)
-        return false;
-    const __m128i letters = _mm_or_si128(AddWhere(isUpper, characters, -'A'), AddWhere(isLower, characters, 26 - 'a'));
-    const __m128i decimals = AddWhere(isDecimal, characters, 52 - '0');
-    const __m128i signs = _mm_or_si128(_mm_and_si128(is62, _mm_set1_epi8(62)), _mm_and_si128(is63, _mm_set1_epi8(63)));
-    values = _mm_or_si128(_mm_or_si128(letters, decimals), signs);
-    return true;
-}
-
-// Four groups of four values to six bytes in each half, lowest byte first.
-__m128i JoinSextets(__m128i values) noexcept
-{
-    const __m128i even = _mm_and_si128(values, _mm_set1_epi16(0xFF));
-    const __m128i pairs = _mm_or_si128(_mm_slli_epi16(even, 6), _mm_srli_epi16(values, 8));
-    // Each 32-bit place: the first pair times 2^12, plus the second.
-    const __m128i bits = _mm_madd_epi16(pairs, _mm_set1_epi32(0x00011000));
-    const __m128i reversed = _mm_or_si128(_mm_or_si128(_mm_srli_epi32(bits, 16), _mm_and_si128(bits, _mm_set1_epi32(0xFF00))),
-                                          _mm_slli_epi32(_mm_and_si128(bits, _mm_set1_epi32(0xFF)), 16));
-    const __m128i low = _mm_and_si128(reversed, _mm_set1_epi64x(0xFFFFFF));
-    const __m128i high = _mm_and_si128(_mm_srli_epi64(reversed, 8), _mm_set1_epi64x(0xFFFFFF000000));
-    return _mm_or_si128(low, high);
-}
-
 // Pairs of values, the high nibble first, to one byte in each 16-bit place.
 __m128i JoinNibbles(__m128i values) noexcept
 {
@@ -213,9 +197,9 @@ void StoreWide16(__m128i characters, wchar_t* text) noexcept
     _mm_storeu_si128(reinterpret_cast<__m128i*>(text), _mm_unpacklo_epi8(characters, zero));
     _mm_storeu_si128(reinterpret_cast<__m128i*>(text + 8), _mm_unpackhi_epi8(characters, zero));
 }
-} // namespace
 
-void EncodeHex(const BYTE* bytes, size_t groups, wchar_t* text) noexcept
+// Hexadecimal for every processor: SSE2 is part of x86-64.
+void EncodeHexSSE2(const BYTE* bytes, size_t groups, wchar_t* text) noexcept
 {
     size_t i = 0;
     for (; groups - i >= 16; i += 16)
@@ -229,29 +213,7 @@ void EncodeHex(const BYTE* bytes, size_t groups, wchar_t* text) noexcept
     Scalar::EncodeHex(bytes + i, groups - i, text + 2 * i);
 }
 
-void EncodeBase64(const BYTE* bytes, size_t groups, bool urlSafe, wchar_t* text) noexcept
-{
-    const UINT32* const pairs = urlSafe ? kBase64UrlSafePairs.data() : kBase64StandardPairs.data();
-    for (size_t i = 0; i < groups; ++i, bytes += 3, text += 4)
-    {
-        const size_t bits = static_cast<size_t>(bytes[0]) << 16 | static_cast<size_t>(bytes[1]) << 8 | bytes[2];
-        const UINT64 characters = pairs[bits >> 12] | static_cast<UINT64>(pairs[bits & 0xFFF]) << 32;
-        std::memcpy(text, &characters, sizeof characters);
-    }
-}
-
-void EncodeBase32(const BYTE* bytes, size_t groups, wchar_t* text) noexcept
-{
-    for (size_t i = 0; i < groups; ++i, bytes += 5, text += 8)
-    {
-        const UINT64 bits = Load5(bytes);
-        const UINT32 characters[] = { kBase32Pairs[bits & 0x3FF], kBase32Pairs[bits >> 10 & 0x3FF],
-                                      kBase32Pairs[bits >> 20 & 0x3FF], kBase32Pairs[bits >> 30] };
-        std::memcpy(text, characters, sizeof characters);
-    }
-}
-
-size_t DecodeHex(const wchar_t* text, size_t groups, BYTE* bytes) noexcept
+size_t DecodeHexSSE2(const wchar_t* text, size_t groups, BYTE* bytes) noexcept
 {
     size_t i = 0;
     for (; groups - i >= 16; i += 16)
@@ -267,20 +229,108 @@ size_t DecodeHex(const wchar_t* text, size_t groups, BYTE* bytes) noexcept
     return i + Scalar::DecodeHex(text + 2 * i, groups - i, bytes + i);
 }
 
+constexpr CVectorKernels kSSE2{
+    .encodeHex = &EncodeHexSSE2,
+    .decodeHex = &DecodeHexSSE2,
+    .encodeBase64 = &Scalar::EncodeBase64,
+    .decodeBase64 = &Scalar::DecodeBase64,
+    .keepHexDigits = &Scalar::KeepHexDigits,
+    .decodeKeptHex = &Scalar::DecodeKeptHex,
+    .keepNoLineBreaks = &Scalar::KeepNoLineBreaks,
+    .decodeKeptBase64 = &Scalar::DecodeKeptBase64,
+};
+
+constexpr CVectorKernels MakeSSSE3() noexcept
+{
+    CVectorKernels kernels = kSSE2;
+    kernels.encodeBase64 = &SSSE3::EncodeBase64;
+    kernels.decodeBase64 = &SSSE3::DecodeBase64;
+    kernels.decodeKeptBase64 = &SSSE3::DecodeKeptBase64;
+    return kernels;
+}
+constexpr CVectorKernels kSSSE3 = MakeSSSE3();
+
+constexpr CVectorKernels kAVX2{
+    .encodeHex = &AVX2::EncodeHex,
+    .decodeHex = &AVX2::DecodeHex,
+    .encodeBase64 = &AVX2::EncodeBase64,
+    .decodeBase64 = &AVX2::DecodeBase64,
+    .keepHexDigits = &AVX2::KeepHexDigits,
+    .decodeKeptHex = &AVX2::DecodeKeptHex,
+    .keepNoLineBreaks = &AVX2::KeepNoLineBreaks,
+    .decodeKeptBase64 = &AVX2::DecodeKeptBase64,
+};
+
+// The kernels for this machine's processor.
+const CVectorKernels& Best() noexcept
+{
+    static const CVectorKernels& kernels = KernelsFor(VoProcessorVectors());
+    return kernels;
+}
+} // namespace
+
+const CVectorKernels& KernelsFor(VoSystemProperties::EVectors vectors) noexcept
+{
+    switch (vectors)
+    {
+    case VoSystemProperties::EVectors::AVX2:
+        return kAVX2;
+    case VoSystemProperties::EVectors::SSSE3:
+        return kSSSE3;
+    default:
+        return kSSE2;
+    }
+}
+
+void EncodeHex(const BYTE* bytes, size_t groups, wchar_t* text) noexcept
+{
+    Best().encodeHex(bytes, groups, text);
+}
+
+void EncodeBase64(const BYTE* bytes, size_t groups, bool urlSafe, wchar_t* text) noexcept
+{
+    Best().encodeBase64(bytes, groups, urlSafe, text);
+}
+
+void EncodeBase32(const BYTE* bytes, size_t groups, wchar_t* text) noexcept
+{
+    for (size_t i = 0; i < groups; ++i, bytes += 5, text += 8)
+    {
+        const UINT64 bits = Load5(bytes);
+        const UINT32 characters[] = { kBase32Pairs[bits & 0x3FF], kBase32Pairs[bits >> 10 & 0x3FF],
+                                      kBase32Pairs[bits >> 20 & 0x3FF], kBase32Pairs[bits >> 30] };
+        std::memcpy(text, characters, sizeof characters);
+    }
+}
+
+size_t DecodeHex(const wchar_t* text, size_t groups, BYTE* bytes) noexcept
+{
+    return Best().decodeHex(text, groups, bytes);
+}
+
 size_t DecodeBase64(const wchar_t* text, size_t groups, BYTE* bytes) noexcept
 {
-    size_t i = 0;
-    // Each half is stored with two bytes too many, which the next groups overwrite; so this loop leaves one group over.
-    for (; groups - i > 4; i += 4, text += 16, bytes += 12)
-    {
-        __m128i values;
-        if (!Base64Values16(text, values))
-            break;
-        const __m128i joined = JoinSextets(values);
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(bytes), joined);
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(bytes + 6), _mm_srli_si128(joined, 8));
-    }
-    return i + Scalar::DecodeBase64(text, groups - i, bytes);
+    return Best().decodeBase64(text, groups, bytes);
+}
+
+size_t KeepHexDigits(std::wstring_view text, char* kept) noexcept
+{
+    return Best().keepHexDigits(text.data(), text.size(), kept);
+}
+
+size_t DecodeKeptHex(const char* kept, size_t groups, BYTE* bytes) noexcept
+{
+    return Best().decodeKeptHex(kept, groups, bytes);
+}
+
+size_t KeepNoLineBreaks(std::wstring_view text, char* kept) noexcept
+{
+    return Best().keepNoLineBreaks(text.data(), text.size(), kept);
+}
+
+size_t DecodeKeptBase64(const char* kept, size_t groups, BYTE* bytes) noexcept
+{
+    return Best().decodeKeptBase64(kept, groups, bytes);
 }
 
 size_t DecodeBase32(const wchar_t* text, size_t groups, BYTE* bytes) noexcept
@@ -390,16 +440,56 @@ size_t DecodeHex(const wchar_t* text, size_t groups, BYTE* bytes) noexcept
     return groups;
 }
 
+void EncodeBase64(const BYTE* bytes, size_t groups, bool urlSafe, wchar_t* text) noexcept
+{
+    const UINT32* const pairs = urlSafe ? kBase64UrlSafePairs.data() : kBase64StandardPairs.data();
+    for (size_t i = 0; i < groups; ++i, bytes += 3, text += 4)
+    {
+        const size_t bits = static_cast<size_t>(bytes[0]) << 16 | static_cast<size_t>(bytes[1]) << 8 | bytes[2];
+        const UINT64 characters = pairs[bits >> 12] | static_cast<UINT64>(pairs[bits & 0xFFF]) << 32;
+        std::memcpy(text, &characters, sizeof characters);
+    }
+}
+
 size_t DecodeBase64(const wchar_t* text, size_t groups, BYTE* bytes) noexcept
 {
-    for (size_t i = 0; i < groups; ++i, text += 4, bytes += 3)
+    return DecodeBase64Groups(text, groups, bytes);
+}
+
+size_t KeepHexDigits(const wchar_t* text, size_t size, char* kept) noexcept
+{
+    size_t count = 0;
+    for (size_t i = 0; i < size; ++i)
     {
-        const UINT32 bits = Base64Group(text);
-        if (bits & kBadGroup)
-            return i;
-        std::memcpy(bytes, &bits, 3);
+        const BYTE value = HexDigitValue(text[i]);
+        kept[count] = static_cast<char>(value);
+        count += value != kNoDigit ? 1U : 0U;
     }
+    return count;
+}
+
+size_t DecodeKeptHex(const char* kept, size_t groups, BYTE* bytes) noexcept
+{
+    for (size_t i = 0; i < groups; ++i)
+        bytes[i] = static_cast<BYTE>(kept[2 * i] << 4 | kept[2 * i + 1]);
     return groups;
+}
+
+size_t KeepNoLineBreaks(const wchar_t* text, size_t size, char* kept) noexcept
+{
+    size_t count = 0;
+    for (size_t i = 0; i < size; ++i)
+    {
+        const wchar_t character = text[i];
+        kept[count] = character > 0xFF ? '\0' : static_cast<char>(character);
+        count += character != L'\r' && character != L'\n' ? 1U : 0U;
+    }
+    return count;
+}
+
+size_t DecodeKeptBase64(const char* kept, size_t groups, BYTE* bytes) noexcept
+{
+    return DecodeBase64Groups(kept, groups, bytes);
 }
 
 size_t WidenLine(const char* from, size_t size, wchar_t* to, bool& isAscii) noexcept

@@ -1,5 +1,5 @@
-// The inner loops of the encodings and of text conversion, the only place with vector instructions. No allocation, no reports,
-// no tolerance. Data conversion, the data parser and INI files call them.
+// The inner loops of the encodings and of text conversion, with VoVectorKernels.h the only place with vector instructions. No
+// allocation, no reports, no tolerance. Data conversion, the data parser and INI files call them.
 //
 // A group is the smallest piece that stands for itself: 2 characters and 1 byte in hexadecimal, 4 and 3 in Base64, 8 and 5 in
 // base-32. Every kernel touches exactly the characters and bytes of its groups. All are re-entrant.
@@ -27,6 +27,15 @@ void EncodeBase32(const BYTE* bytes, size_t groups, wchar_t* text) noexcept;
 [[nodiscard]] size_t DecodeHex(const wchar_t* text, size_t groups, BYTE* bytes) noexcept;
 [[nodiscard]] size_t DecodeBase64(const wchar_t* text, size_t groups, BYTE* bytes) noexcept;
 [[nodiscard]] size_t DecodeBase32(const wchar_t* text, size_t groups, BYTE* bytes) noexcept;
+
+// To decode text with other characters between the digits: what is kept of it as bytes, then the groups of the kept bytes.
+// Hexadecimal text keeps its digits, as their values from 0 to 15; all groups of these are good. Base64 text keeps all but CR
+// and LF; a character above 255 becomes a byte that is no digit. `kept` has room for the whole text. Return the number of kept
+// bytes, and of good groups as above.
+[[nodiscard]] size_t KeepHexDigits(std::wstring_view text, char* kept) noexcept;
+[[nodiscard]] size_t DecodeKeptHex(const char* kept, size_t groups, BYTE* bytes) noexcept;
+[[nodiscard]] size_t KeepNoLineBreaks(std::wstring_view text, char* kept) noexcept;
+[[nodiscard]] size_t DecodeKeptBase64(const char* kept, size_t groups, BYTE* bytes) noexcept;
 
 // The value of one character, or kNoDigit.
 inline constexpr BYTE kNoDigit = 0xFF;

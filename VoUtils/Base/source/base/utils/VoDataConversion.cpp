@@ -7,9 +7,12 @@
 #include <base/VoText.h>
 
 #include <algorithm>
+#include <array>
+#include <cstring>
 #include <iterator>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <span>
 
 namespace VoDataConversion
@@ -77,7 +80,8 @@ HRESULT internal4To3(const BYTE (&values)[4], BYTE (&bytes)[3]) noexcept
 
 // What the shared code needs to know of an encoding. A group of kCharacters stands for kBytes; IsPossible tells whether so many
 // characters of a shorter one may end the text. DecodeGroup decodes one group, whole or short (the rest counts as zeros), with
-// reports; DecodeGroups is the fast kernel.
+// reports; DecodeGroups is the fast kernel. CountKept, Keep and DecodeKept are the kernels for text with skipped characters in
+// it, and kKeptZero is a kept digit of the value 0.
 struct CHex
 {
     static constexpr size_t kCharacters = 2;
@@ -94,6 +98,9 @@ struct CHex
         return static_cast<bool>(static_cast<unsigned>(decimal < 10) | static_cast<unsigned>(letter < 6));
     }
     static bool IsSkipped(wchar_t character) noexcept { return !IsDigit(character); }
+    static constexpr auto Keep = VoCodecKernels::KeepHexDigits;
+    static constexpr auto DecodeKept = VoCodecKernels::DecodeKeptHex;
+    static constexpr char kKeptZero = 0;
     static HRESULT DecodeGroup(const wchar_t* text, size_t count, BYTE (&bytes)[kBytes]) noexcept
     {
         const size_t groups = count / kCharacters;
@@ -110,11 +117,10 @@ struct CBase64
     static constexpr int kRemainderLine = 210;
 
     static bool IsPossible(size_t remainder) noexcept { return remainder != 1; }
-    static bool IsDigit(wchar_t character) noexcept
-    {
-        return VoCodecKernels::Base64DigitValue(character) != VoCodecKernels::kNoDigit;
-    }
     static bool IsSkipped(wchar_t character) noexcept { return character == L'\r' || character == L'\n'; }
+    static constexpr auto Keep = VoCodecKernels::KeepNoLineBreaks;
+    static constexpr auto DecodeKept = VoCodecKernels::DecodeKeptBase64;
+    static constexpr char kKeptZero = 'A';
     static HRESULT DecodeGroup(const wchar_t* text, size_t count, BYTE (&bytes)[kBytes]) noexcept
     {
         BYTE values[kCharacters] = {};
@@ -134,13 +140,39 @@ struct CBase32
     static constexpr int kRemainderLine = 220;
 
     static bool IsPossible(size_t remainder) noexcept { return remainder != 1 && remainder != 3 && remainder != 6; }
-    static bool IsDigit(wchar_t character) noexcept
-    {
-        return VoCodecKernels::Base32DigitValue(character) != VoCodecKernels::kNoDigit;
-    }
     static bool IsSkipped(wchar_t character) noexcept
     {
         return character == L'\r' || character == L'\n' || character == L'\t' || character == L' ' || character == L'=';
+    }
+    // Keeps values, kNoDigit among them.
+    static constexpr char kKeptZero = 0;
+    static size_t Keep(std::wstring_view text, char* kept) noexcept
+    {
+        size_t count = 0;
+        for (const wchar_t character : text)
+        {
+            kept[count] = static_cast<char>(VoCodecKernels::Base32DigitValue(character));
+            count += IsSkipped(character) ? 0U : 1U;
+        }
+        return count;
+    }
+    static size_t DecodeKept(const char* kept, size_t groups, BYTE* bytes) noexcept
+    {
+        for (size_t i = 0; i < groups; ++i, kept += kCharacters, bytes += kBytes)
+        {
+            UINT64 bits = 0;
+            BYTE all = 0;
+            for (size_t digit = 0; digit < kCharacters; ++digit)
+            {
+                const auto value = static_cast<BYTE>(kept[digit]);
+                all |= value;
+                bits |= static_cast<UINT64>(value) << 5 * digit;
+            }
+            if (all > 31)
+                return i;
+            std::memcpy(bytes, &bits, kBytes);
+        }
+        return groups;
     }
     static HRESULT DecodeGroup(const wchar_t* text, size_t count, BYTE (&bytes)[kBytes]) noexcept
     {
@@ -163,6 +195,17 @@ struct CDecoded
         bytes = std::make_unique_for_overwrite<BYTE[]>(size);
         length = size;
     }
+    // Keeps the first bytes, in the same buffer unless that leaves more than an eighth of it unused.
+    void Shorten(size_t size)
+    {
+        if (size < length - length / 8)
+        {
+            std::unique_ptr<BYTE[]> exact = std::make_unique_for_overwrite<BYTE[]>(size);
+            std::copy_n(bytes.get(), size, exact.get());
+            bytes = std::move(exact);
+        }
+        length = size;
+    }
 };
 
 // Whole bytes for that many characters. What is left of the bits of a short group is dropped.
@@ -173,38 +216,48 @@ size_t DecodedSize(size_t characters) noexcept
            characters % TCodec::kCharacters * TCodec::kBytes / TCodec::kCharacters;
 }
 
-// Decodes clean text, which is the usual case, in one pass. False, without a report, when there is anything else in the text.
+// Decodes the digits of a text, by way of a small block of kept characters; returns their number. Nothing, without a report,
+// for a character that is no digit.
 template <class TCodec>
-bool TryDecodeClean(CVoTextView text, CDecoded& decoded)
+std::optional<size_t> TryDecodeKept(std::wstring_view text, BYTE* bytes) noexcept
 {
-    const size_t groups = text.size() / TCodec::kCharacters;
-    const std::wstring_view tail = text.substr(groups * TCodec::kCharacters);
-    if (!TCodec::IsPossible(tail.size()) || !std::all_of(tail.begin(), tail.end(), TCodec::IsDigit))
-        return false;
-    decoded.Allocate(DecodedSize<TCodec>(text.size()));
-    if (TCodec::DecodeGroups(text.data(), groups, decoded.bytes.get()) != groups)
-        return false;
-    BYTE group[TCodec::kBytes];
-    if (FAILED(TCodec::DecodeGroup(tail.data(), tail.size(), group)))
-        return false;
-    std::copy_n(group, DecodedSize<TCodec>(tail.size()), decoded.bytes.get() + groups * TCodec::kBytes);
-    return true;
+    constexpr size_t kBlock = 4096;
+    std::array<char, kBlock + TCodec::kCharacters> kept;
+    size_t decoded = 0;
+    size_t held = 0; // of a group that the next block completes
+    while (!text.empty())
+    {
+        const std::wstring_view block = text.substr(0, kBlock);
+        text.remove_prefix(block.size());
+        held += TCodec::Keep(block, kept.data() + held);
+        const size_t groups = held / TCodec::kCharacters;
+        if (TCodec::DecodeKept(kept.data(), groups, bytes) != groups)
+            return std::nullopt;
+        bytes += groups * TCodec::kBytes;
+        decoded += groups * TCodec::kCharacters;
+        held %= TCodec::kCharacters;
+        std::copy_n(kept.data() + groups * TCodec::kCharacters, held, kept.data());
+    }
+    std::fill_n(kept.data() + held, TCodec::kCharacters - held, TCodec::kKeptZero);
+    std::array<BYTE, TCodec::kBytes> group;
+    if (TCodec::DecodeKept(kept.data(), 1, group.data()) != 1)
+        return std::nullopt;
+    std::copy_n(group.data(), DecodedSize<TCodec>(held), bytes);
+    return decoded + held;
 }
 
-// How many characters of the text are skipped. Counting in 16 bits lets compilers look at many characters at a time.
+// Decodes good text, which is the usual case, in one pass. False, without a report, for anything else.
 template <class TCodec>
-size_t CountSkipped(std::wstring_view text) noexcept
+bool TryDecode(CVoTextView text, CDecoded& decoded)
 {
-    constexpr size_t kBlock = 1 << 14;
-    size_t count = 0;
-    for (; !text.empty(); text.remove_prefix(std::min(text.size(), kBlock)))
-    {
-        UINT16 inBlock = 0;
-        for (const wchar_t character : text.substr(0, kBlock))
-            inBlock = static_cast<UINT16>(inBlock + static_cast<UINT16>(TCodec::IsSkipped(character)));
-        count += inBlock;
-    }
-    return count;
+    decoded.Allocate(DecodedSize<TCodec>(text.size()));
+    const size_t groups = TCodec::DecodeGroups(text.data(), text.size() / TCodec::kCharacters, decoded.bytes.get());
+    const size_t clean = groups * TCodec::kCharacters;
+    const std::optional<size_t> kept = TryDecodeKept<TCodec>(text.substr(clean), decoded.bytes.get() + groups * TCodec::kBytes);
+    if (!kept || !TCodec::IsPossible((clean + *kept) % TCodec::kCharacters))
+        return false;
+    decoded.Shorten(DecodedSize<TCodec>(clean + *kept));
+    return true;
 }
 
 // Takes the next `count` kept characters off the front of `text`, which must hold them.
@@ -247,7 +300,7 @@ HRESULT DecodeFiltered(CVoTextView text, size_t count, BYTE* bytes) noexcept
 template <class TCodec>
 HRESULT DecodeTolerant(const CVoReporter& report, CVoTextView text, CDecoded& decoded)
 {
-    const size_t count = text.size() - CountSkipped<TCodec>(text);
+    const size_t count = text.size() - static_cast<size_t>(std::count_if(text.begin(), text.end(), TCodec::IsSkipped));
     if (!TCodec::IsPossible(count % TCodec::kCharacters))
     {
         if constexpr (TCodec::kReportsRemainder)
@@ -286,14 +339,18 @@ std::wstring Without(CVoTextView text, CVoTextView part)
     }
 }
 
+// The characters that are encoded at a time: they fit the processor's first cache.
+constexpr size_t kBlockCharacters = 2048;
+
 // Collects the text of an encoder, with a line break behind every `line` characters (0 for none), so that a break may end the
-// text. Room for the whole text is made once.
+// text. Room for the whole text is made once. What the text held before is written over; it grows a block at a time, because
+// growing fills it with zeros, which costs least when the digits are written before the zeros leave the cache.
 class CLineWriter
 {
 public:
     CLineWriter(std::wstring& text, size_t characters, size_t line) : m_text(text), m_line(line), m_left(line)
     {
-        const size_t size = characters + (line > 0 ? characters / line * 2 : 0);
+        const size_t size = characters + (line > 0 ? characters / line * kLineBreak.size() : 0);
         if (m_text.capacity() < size)
         {
             // Keep the old text until the new room is allocated; do not reuse its larger capacity.
@@ -301,51 +358,104 @@ public:
             room.reserve(size);
             m_text.swap(room);
         }
-        m_text.clear();
     }
 
+    // Adds up to kBlockCharacters, with the breaks of lines.
     void Write(std::wstring_view characters)
     {
         while (m_line > 0 && characters.size() >= m_left)
         {
-            m_text.append(characters.substr(0, m_left)).append(L"\r\n", 2);
+            Put(characters.substr(0, m_left));
+            Put(kLineBreak);
             characters.remove_prefix(m_left);
             m_left = m_line;
         }
-        m_text.append(characters);
+        Put(characters);
         m_left -= characters.size();
     }
+    // Adds up to kBlockCharacters that hold whole lines and their breaks already, or belong to a text without lines: `fill`
+    // writes them. Only at the begin of a line.
+    template <class TFill>
+    void WriteWhole(size_t size, TFill fill)
+    {
+        if (m_text.size() < m_at + size)
+            m_text.resize(m_at + size);
+        fill(m_text.data() + m_at);
+        m_at += size;
+    }
+    // To be called once, at the end.
+    void Finish() { m_text.resize(m_at); }
+
+    static constexpr std::wstring_view kLineBreak = L"\r\n";
 
 private:
+    void Put(std::wstring_view characters)
+    {
+        if (m_at + characters.size() <= m_text.size())
+            std::copy(characters.begin(), characters.end(), m_text.data() + m_at);
+        else
+        {
+            m_text.resize(m_at);
+            m_text.append(characters);
+        }
+        m_at += characters.size();
+    }
+
     std::wstring& m_text;
+    size_t m_at = 0; // characters written
     size_t m_line;
     size_t m_left; // characters until the next break; without meaning when there are no lines
 };
 
-// Encodes bytes by way of a small block, so that the text itself is written once and in order. A last group that is not whole
-// is filled up with zeros; of its characters the first `tailDigits` count, and "=" fills the text up to `tailCharacters`.
+// Encodes bytes. A last group that is not whole is filled up with zeros; of its characters the first `tailDigits` count, and
+// "=" fills the text up to `tailCharacters`.
 template <class TCodec, class TEncodeGroups>
 void Encode(std::span<const BYTE> bytes, std::wstring& text, size_t line, size_t tailDigits, size_t tailCharacters,
             TEncodeGroups encodeGroups)
 {
-    constexpr size_t kBlockGroups = 4096 / TCodec::kCharacters;
-    wchar_t block[kBlockGroups * TCodec::kCharacters];
+    constexpr size_t kBlockGroups = kBlockCharacters / TCodec::kCharacters;
     const size_t tailBytes = bytes.size() % TCodec::kBytes;
-    CLineWriter writer(text, bytes.size() / TCodec::kBytes * TCodec::kCharacters + tailCharacters, line);
-    while (bytes.size() >= TCodec::kBytes)
+    const size_t size = bytes.size() / TCodec::kBytes * TCodec::kCharacters + tailCharacters;
+    if (size < line)
+        line = 0; // no line will be full
+    CLineWriter writer(text, size, line);
+    // Lines of whole groups, several at a time.
+    const size_t lineGroups = line / TCodec::kCharacters;
+    const size_t lineSize = line + CLineWriter::kLineBreak.size();
+    if (lineGroups > 0 && line % TCodec::kCharacters == 0 && lineSize <= kBlockCharacters)
+        while (const size_t lines = std::min(bytes.size() / (lineGroups * TCodec::kBytes), kBlockCharacters / lineSize))
+            writer.WriteWhole(lines * lineSize, [&](wchar_t* to) noexcept
+            {
+                for (size_t i = 0; i < lines; ++i)
+                {
+                    encodeGroups(bytes.data(), lineGroups, to);
+                    std::copy(CLineWriter::kLineBreak.begin(), CLineWriter::kLineBreak.end(), to + line);
+                    to += lineSize;
+                    bytes = bytes.subspan(lineGroups * TCodec::kBytes);
+                }
+            });
+    std::array<wchar_t, kBlockCharacters> block;
+    while (const size_t groups = std::min(bytes.size() / TCodec::kBytes, kBlockGroups))
     {
-        const size_t groups = std::min(bytes.size() / TCodec::kBytes, kBlockGroups);
-        encodeGroups(bytes.data(), groups, block);
-        writer.Write({ block, groups * TCodec::kCharacters });
+        const size_t characters = groups * TCodec::kCharacters;
+        if (line == 0)
+            writer.WriteWhole(characters, [&](wchar_t* to) noexcept { encodeGroups(bytes.data(), groups, to); });
+        else
+        {
+            encodeGroups(bytes.data(), groups, block.data());
+            writer.Write({ block.data(), characters });
+        }
         bytes = bytes.subspan(groups * TCodec::kBytes);
     }
-    if (tailBytes == 0)
-        return;
-    BYTE tail[TCodec::kBytes] = {};
-    std::copy(bytes.begin(), bytes.end(), tail);
-    encodeGroups(tail, 1, block);
-    std::fill(block + tailDigits, block + TCodec::kCharacters, L'=');
-    writer.Write({ block, tailCharacters });
+    if (tailBytes > 0)
+    {
+        std::array<BYTE, TCodec::kBytes> tail{};
+        std::copy(bytes.begin(), bytes.end(), tail.begin());
+        encodeGroups(tail.data(), 1, block.data());
+        std::fill(block.data() + tailDigits, block.data() + TCodec::kCharacters, L'=');
+        writer.Write({ block.data(), tailCharacters });
+    }
+    writer.Finish();
 }
 
 std::span<const BYTE> BytesOf(const BYTE* bytes, INT32 count) noexcept
@@ -358,7 +468,7 @@ HRESULT HexToBin(CVoTextView text, BYTE** buffer, UINT32* length)
 {
     constexpr CVoReporter report{ kSource, L"VoDataConversion::HexToBin" };
     CDecoded decoded;
-    if (!TryDecodeClean<CHex>(text, decoded))
+    if (!TryDecode<CHex>(text, decoded))
         if (const HRESULT hr = DecodeTolerant<CHex>(report, text, decoded); FAILED(hr))
             return hr;
     return HandOver(report, 384, decoded, buffer, length);
@@ -383,7 +493,7 @@ HRESULT Base64ToBin(CVoTextView text, BYTE** buffer, UINT32* length)
         if (text.ends_with(L"%3D") || text.ends_with(L"%3d"))
             text.remove_suffix(3);
     CDecoded decoded;
-    if (!TryDecodeClean<CBase64>(text, decoded))
+    if (!TryDecode<CBase64>(text, decoded))
         if (const HRESULT hr = DecodeTolerant<CBase64>(report, text, decoded); FAILED(hr))
             return hr;
     return HandOver(report, 410, decoded, buffer, length);
@@ -413,7 +523,7 @@ HRESULT Base32ModifiedCrockfordToBin(CVoTextView text, BYTE** buffer, UINT32* le
     constexpr CVoReporter report{ kSource, L"VoDataConversion::Base32ModifiedCrockfordToBin" };
     text = VoTrim(text);
     CDecoded decoded;
-    if (!TryDecodeClean<CBase32>(text, decoded))
+    if (!TryDecode<CBase32>(text, decoded))
     {
         std::wstring rest;
         if (text.find(L'%') != std::wstring_view::npos)
