@@ -5,9 +5,12 @@
 
 #include <LoopbackServer.h>
 #include <support/HTTPSupport.h>
+#include <support/ImportHook.h>
 #include <support/TestServers.h>
 
 #include <gtest/gtest.h>
+
+#include <wincrypt.h>
 
 #include <algorithm>
 #include <future>
@@ -303,6 +306,50 @@ TEST(Diagnosis, JudgesTheCertificatesOfARealServer)
     });
     EXPECT_EQ(CauseOf(tunnel, "tls"), "certificate_issuer");
     EXPECT_EQ(CauseOf(tunnel, "proxy-connect"), "");
+}
+
+// The platform's answer about revocation, in place of the issuer's servers.
+TEST(Diagnosis, FindsARevokedCertificateAndAnIssuerWhoseServersDoNotAnswer)
+{
+    VO_NEEDS_TEST_SERVERS();
+    constexpr DWORD kSilent = MAXDWORD; // the call does not return in time
+    static DWORD s_status;
+    static HANDLE s_end;
+    s_end = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    const CCallHook<decltype(&::CertGetCertificateChain)> hook("crypt32.dll", "CertGetCertificateChain",
+                                                               [](auto original, auto engine, auto certificate, auto time,
+                                                                  auto store, auto parameters, DWORD flags, auto reserved,
+                                                                  PCCERT_CHAIN_CONTEXT* chain)
+    {
+        const bool isRevocation = (flags & CERT_CHAIN_REVOCATION_CHECK_CHAIN_EXCLUDE_ROOT) != 0;
+        if (isRevocation && s_status == kSilent)
+            return ::WaitForSingleObject(s_end, INFINITE) == WAIT_FAILED ? TRUE : FALSE;
+        const BOOL isMade = original(engine, certificate, time, store, parameters, 0, reserved, chain);
+        const_cast<CERT_CHAIN_CONTEXT*>(*chain)->TrustStatus.dwErrorStatus = isRevocation ? s_status : 0;
+        return isMade;
+    });
+    const std::pair<DWORD, const char*> table[] = {
+        { 0, "" },
+        { CERT_TRUST_IS_REVOKED, "certificate_revoked" },
+        { CERT_TRUST_IS_REVOKED | CERT_TRUST_REVOCATION_STATUS_UNKNOWN, "certificate_revoked" },
+        { CERT_TRUST_REVOCATION_STATUS_UNKNOWN, "revocation_unknown" },
+        { CERT_TRUST_IS_OFFLINE_REVOCATION | CERT_TRUST_REVOCATION_STATUS_UNKNOWN, "revocation_unknown" },
+        { CERT_TRUST_IS_OFFLINE_REVOCATION, "revocation_unknown" },
+        { kSilent, "revocation_unknown" },
+    };
+    for (const auto& [status, cause] : table)
+    {
+        SCOPED_TRACE(status);
+        s_status = status;
+        const CVoDiagnosisReport report = Diagnose(TestSupport::TestServers()->SecureURL("/post"), [](Options& o)
+        {
+            OnlyCurl(o);
+            o.checkRevocation = true;
+            o.probeTimeout = 2;
+        });
+        EXPECT_EQ(CauseOf(report, "tls"), cause);
+    }
+    ::SetEvent(s_end);
 }
 
 // What each state of a check was, in order.

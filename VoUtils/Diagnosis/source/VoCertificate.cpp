@@ -212,7 +212,8 @@ CRevocation CheckRevocation(const CERT_CONTEXT& certificate, DWORD timeout)
     const DWORD status = chain->TrustStatus.dwErrorStatus;
     if ((status & CERT_TRUST_IS_REVOKED) != 0)
         return { ERevocation::Revoked, L"the issuer's list names it" };
-    if ((status & CERT_TRUST_REVOCATION_STATUS_UNKNOWN) == 0)
+    // Some systems set only the bit for the servers that cannot be reached.
+    if ((status & (CERT_TRUST_REVOCATION_STATUS_UNKNOWN | CERT_TRUST_IS_OFFLINE_REVOCATION)) == 0)
         return { ERevocation::Good, {} };
     return { ERevocation::Unknown, (status & CERT_TRUST_IS_OFFLINE_REVOCATION) != 0
                                        ? L"the issuer's servers cannot be reached"
