@@ -179,7 +179,9 @@ void ClockOff(CFacts& f, INT64 seconds)
 }
 void Redirect(CFacts& f, const wchar_t* target)
 {
-    f.http[2].facts.record.attempts.back().redirects = { target };
+    for (CHttpProbe& probe : f.http)
+        if (!probe.Works() || probe.kind == 2)
+            probe.facts.record.attempts.back().redirects = { target };
 }
 } // namespace
 
@@ -341,6 +343,25 @@ const std::vector<CScenario>& All()
     }, "proxy", "proxy-connect proxy_timeout", "", "" },
         { "the proxy wants credentials", [](CFacts& f) { ProxySays(f, 407, { L"Negotiate", L"Basic" }); }, "credentials",
           "proxy-connect proxy_authentication", "", "" },
+        { "the proxy takes the credentials, the server says 404",
+          [](CFacts& f)
+    {
+        ProxySays(f, 407, { L"Basic" });
+        FailAll(f, E::Status, L"status 404", 404);
+    }, "server", "http-wininet status_4xx", "", "http-winhttp status_4xx!, http-curl status_4xx!" },
+        { "the proxy takes the credentials, the certificate has expired",
+          [](CFacts& f)
+    {
+        ProxySays(f, 407, { L"Basic" });
+        FailAll(f, E::CertificateDate, L"the certificate is refused");
+    }, "tls", "tls certificate_expired", "", "" },
+        { "plain http is redirected to a server with an unknown issuer",
+          [](CFacts& f)
+    {
+        Plain(f);
+        FailAll(f, E::CertificateIssuer, L"the certificate is refused");
+        Redirect(f, L"https://server.test/");
+    }, "tls", "tls certificate_issuer", "", "" },
         { "the proxy wants credentials of an unknown kind", [](CFacts& f) { ProxySays(f, 407, { L"Bearer" }); }, "proxy",
           "proxy-connect proxy_scheme_unsupported", "", "" },
         { "the proxy denies the server", [](CFacts& f) { ProxySays(f, 403); }, "proxy", "proxy-connect proxy_denied", "", "" },

@@ -39,7 +39,7 @@ constexpr CCheckName kNames[] = {
 constexpr CCheckName kLastName{ "agreement", L"Agreement" };
 } // namespace
 
-CFinding::CFinding(const CFacts& facts, std::string id) : m_facts(&facts)
+CFinding::CFinding(const CFacts& facts, std::string id) : m_facts(&facts), m_host(facts.address.host)
 {
     m_check.id = std::move(id);
     for (const CVoCheck& check : MakeChecks(facts))
@@ -78,6 +78,11 @@ CFinding& CFinding::Advise(std::wstring step)
     m_advice.push_back(std::move(step));
     return *this;
 }
+CFinding& CFinding::Host(std::wstring host)
+{
+    m_host = std::move(host);
+    return *this;
+}
 CFinding& CFinding::Engine(std::string_view engine)
 {
     m_engine.assign(engine.begin(), engine.end());
@@ -105,7 +110,7 @@ std::wstring CFinding::Fill(std::wstring_view text, std::wstring_view what) cons
             break;
         const std::wstring_view name = text.substr(1, end - 1);
         if (name == L"host")
-            filled += address.host;
+            filled += m_host;
         else if (name == L"port")
             filled += std::to_wstring(address.port);
         else if (name == L"url")
@@ -164,6 +169,34 @@ std::vector<CVoCheck> MakeChecks(const CFacts& facts)
         add("http-" + probe.engine, L"Request over " + std::wstring(probe.engine.begin(), probe.engine.end()));
     add(kLastName.id, kLastName.name);
     return checks;
+}
+
+const CVoExchangeRecord::CAttempt& LastAttempt(const CHttpFacts& facts)
+{
+    static const CVoExchangeRecord::CAttempt kNone;
+    return facts.record.attempts.empty() ? kNone : facts.record.attempts.back();
+}
+
+const char* TlsCauseOf(EVoFailure failure) noexcept
+{
+    switch (failure)
+    {
+    case EVoFailure::TlsHandshake:
+        return "tls_handshake";
+    case EVoFailure::CertificateName:
+        return "certificate_name";
+    case EVoFailure::CertificateDate:
+        return "certificate_expired";
+    case EVoFailure::Certificate:
+    case EVoFailure::CertificateIssuer:
+        return "certificate_issuer";
+    case EVoFailure::CertificateRevoked:
+        return "certificate_revoked";
+    case EVoFailure::RevocationUnknown:
+        return "revocation_unknown";
+    default:
+        return nullptr;
+    }
 }
 
 bool AreAllOver(const CFacts& facts) noexcept

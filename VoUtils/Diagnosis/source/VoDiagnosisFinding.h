@@ -34,6 +34,8 @@ public:
     CFinding& Area(EVoVerdict area);
     // A step that stands before the table's.
     CFinding& Advise(std::wstring step);
+    // The host that the sentences name, in place of the address' own.
+    CFinding& Host(std::wstring host);
     // The transport that the sentences name.
     CFinding& Engine(std::string_view engine);
 
@@ -56,6 +58,7 @@ private:
     std::optional<EVoVerdict> m_area;
     std::vector<std::wstring> m_advice;
     std::wstring m_engine;
+    std::wstring m_host;
 };
 
 // The judges that need one another.
@@ -64,6 +67,11 @@ private:
 [[nodiscard]] std::optional<CFinding> JudgePortalCheck(const CFacts& facts);
 [[nodiscard]] std::optional<CFinding> JudgeHttp(const CFacts& facts, const CHttpProbe& probe);
 [[nodiscard]] std::optional<CFinding> JudgeAgreement(const CFacts& facts);
+
+// The last attempt of a request; an empty one for a send that made none.
+[[nodiscard]] const CVoExchangeRecord::CAttempt& LastAttempt(const CHttpFacts& facts);
+// The cause of the tls check that a transport's failure means; null when TLS did not fail.
+[[nodiscard]] const char* TlsCauseOf(EVoFailure failure) noexcept;
 
 // Whether every probe is over.
 [[nodiscard]] bool AreAllOver(const CFacts& facts) noexcept;

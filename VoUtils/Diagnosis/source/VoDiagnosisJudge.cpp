@@ -354,6 +354,16 @@ std::optional<CFinding> JudgeProxy(const CFacts& f)
     return finding.Fault("proxy_detection_failed", EVoCheckStatus::Warn, why);
 }
 
+// Whether the proxy let the request through to the server, which answered or began TLS.
+bool IsBehindProxy(const CHttpProbe& probe)
+{
+    constexpr UINT32 kProxyAuthentication = 407;
+    const CVoExchangeRecord::CAttempt& attempt = LastAttempt(probe.facts);
+    return probe.Works() ||
+           (probe.state.IsDone() && !attempt.isProxyFailure && attempt.failure != EVoFailure::ProxyCredentials &&
+            probe.facts.statusCode != kProxyAuthentication && (probe.facts.statusCode != 0 || TlsCauseOf(attempt.failure)));
+}
+
 std::optional<CFinding> JudgeProxyConnect(const CFacts& f)
 {
     CFinding finding(f, "proxy-connect");
@@ -394,7 +404,7 @@ std::optional<CFinding> JudgeProxyConnect(const CFacts& f)
     if (p.statusCode == kProxyAuthentication)
     {
         const std::wstring schemes = p.schemes.empty() ? L"none" : Joined(p.schemes);
-        if (AnyWorks(f))
+        if (std::any_of(f.http.begin(), f.http.end(), &IsBehindProxy))
             return finding.Pass(L"It asks for credentials (" + schemes + L") and accepts those of the request.");
         return finding.Fault(IsAnySchemeKnown(p.schemes) ? "proxy_authentication" : "proxy_scheme_unsupported", status,
                              schemes);
@@ -407,19 +417,41 @@ std::optional<CFinding> JudgeProxyConnect(const CFacts& f)
     return finding.Fault("proxy_denied", status, L"status " + std::to_wstring(p.statusCode));
 }
 
+// TLS where the probe has no connection of its own: the proxy wants credentials, or plain http is redirected to https.
+std::optional<CFinding> JudgeTlsOfTransports(const CFacts& f)
+{
+    CFinding finding(f, "tls");
+    if (!AreAllOver(f))
+        return std::nullopt;
+    for (const CHttpProbe& probe : f.http)
+    {
+        const CVoExchangeRecord::CAttempt& attempt = LastAttempt(probe.facts);
+        const char* const cause = probe.state.IsDone() ? TlsCauseOf(attempt.failure) : nullptr;
+        if (!cause)
+            continue;
+        if (!attempt.redirects.empty())
+            finding.Host(HostOf(attempt.redirects.back()));
+        return finding.Fault(cause, WhenMainFails(f), attempt.reason);
+    }
+    if (!f.address.isSecure)
+        return finding.NotApplicable(L"The address is plain http.");
+    constexpr UINT32 kProxyAuthentication = 407;
+    return finding.Skip(!NeedsProxy(f) ? L"There is no connection to the server."
+                        : f.proxyConnect.statusCode == kProxyAuthentication
+                            ? L"The proxy wants credentials, which this check does not send."
+                            : L"The proxy opens no connection to the server.");
+}
+
 std::optional<CFinding> JudgeTls(const CFacts& f)
 {
     CFinding finding(f, "tls");
     const CProbeState& state = f.State(EProbe::Tls);
-    if (f.address.isValid && !f.address.isSecure)
-        return finding.NotApplicable(L"The address is plain http.");
     if (!f.address.isValid)
         return finding.Skip(L"The address is malformed.");
     if (!state.IsOver())
         return std::nullopt;
     if (state.state == EState::NotRun)
-        return finding.Skip(NeedsProxy(f) ? L"The proxy opens no connection to the server."
-                                          : L"There is no connection to the server.");
+        return JudgeTlsOfTransports(f);
     const CTlsFacts& t = f.tls;
     finding.Fact("protocol", t.protocol)
         .Fact("cipher", t.cipher)

@@ -14,13 +14,6 @@ namespace
 {
 using CAttempt = CVoExchangeRecord::CAttempt;
 
-// The facts of the last attempt; an empty one for a send that made none.
-const CAttempt& LastAttempt(const CHttpFacts& facts)
-{
-    static const CAttempt kNone;
-    return facts.record.attempts.empty() ? kNone : facts.record.attempts.back();
-}
-
 std::wstring Wide(std::string_view text)
 {
     return { text.begin(), text.end() };
@@ -97,15 +90,9 @@ ESameFault SameFaultOf(const CFacts& f, EVoFailure failure, bool isProxyFailure)
         return isProxyFailure || isProxyBad ? ESameFault::Proxy : ESameFault::Connect;
     case EVoFailure::ProxyCredentials:
         return isProxyBad ? ESameFault::Proxy : ESameFault::No;
-    case EVoFailure::TlsHandshake:
-    case EVoFailure::Certificate:
-    case EVoFailure::CertificateName:
-    case EVoFailure::CertificateDate:
-    case EVoFailure::CertificateIssuer:
-    case EVoFailure::CertificateRevoked:
-    case EVoFailure::RevocationUnknown:
-        return ESameFault::Tls;
     default:
+        if (TlsCauseOf(failure))
+            return ESameFault::Tls;
         return isProxyFailure && isProxyBad ? ESameFault::Proxy : ESameFault::No;
     }
 }
