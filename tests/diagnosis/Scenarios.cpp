@@ -462,6 +462,42 @@ const std::vector<CScenario>& All()
         BadCertificate(f, CERT_TRUST_IS_NOT_TIME_VALID);
         f.portal.targetHost = L"shop.test";
     }, "tls", "tls certificate_expired", "", "" },
+        { "the root goes elsewhere, the server cuts its response off",
+          [](CFacts& f)
+    {
+        Plain(f);
+        f.portal.targetHost = L"shop.test";
+        FailAll(f, E::ResponseTruncated, L"50 of 100 bytes came", 200);
+    }, "server", "http-wininet response_truncated", "", "http-winhttp response_truncated!, http-curl response_truncated!" },
+        { "the root goes to a private address, the server says 404",
+          [](CFacts& f)
+    {
+        Plain(f);
+        f.portal.targetHost = L"10.0.0.1";
+        f.portal.isTargetPrivate = true;
+        FailAll(f, E::Status, L"status 404", 404);
+    }, "server", "http-wininet status_4xx", "", "http-winhttp status_4xx!, http-curl status_4xx!" },
+        { "the root goes elsewhere, the server hangs up",
+          [](CFacts& f)
+    {
+        Plain(f);
+        f.portal.targetHost = L"shop.test";
+        FailAll(f, E::ConnectionLost, L"the connection was lost");
+    }, "server", "http-wininet connection_lost", "", "http-winhttp connection_lost!, http-curl connection_lost!" },
+        { "a sign-in page by plain http",
+          [](CFacts& f)
+    {
+        Plain(f);
+        f.portal.targetHost = L"login.hotspot.test";
+        FailAll(f, E::NameNotFound, L"the name is unknown");
+        Redirect(f, L"http://login.hotspot.test/");
+    }, "portal", "portal captive_portal", "", "" },
+        { "an access gateway that answers every request with its page",
+          [](CFacts& f)
+    {
+        Plain(f);
+        f.portal.hasGatewayMark = true;
+    }, "portal", "portal captive_portal", "", "" },
         { "status 511",
           [](CFacts& f)
     {

@@ -517,11 +517,16 @@ std::optional<CFinding> JudgePortalCheck(const CFacts& f)
     const bool isKept = !AnyWorks(f) && MayAnotherAnswer(f);
     if (p.statusCode == kNetworkAuthentication)
         return finding.Fault("captive_portal", WhenMainFails(f), L"status 511");
-    if (p.hasGatewayMark && isKept)
-        return finding.Fault("captive_portal", WhenMainFails(f), L"a page with the mark of an access gateway");
-    const bool isServerSilent =
-        std::none_of(f.http.begin(), f.http.end(), [](const CHttpProbe& h) { return h.facts.statusCode >= 400; });
-    if (isOtherHost && isKept && (isServerSilent || p.isTargetPrivate))
+    // By plain http the gateway answers the request itself, too, with a status that looks like success.
+    if (p.hasGatewayMark && (isKept || !f.address.isSecure))
+        return finding.Fault("captive_portal", f.address.isSecure ? WhenMainFails(f) : EVoCheckStatus::Fail,
+                             L"a page with the mark of an access gateway");
+    // A gateway redirects every plain request. A server may send visitors of its root elsewhere, and answer the request itself.
+    const bool isOwnAnswer = std::any_of(f.http.begin(), f.http.end(), [](const CHttpProbe& h)
+    { return h.facts.statusCode >= 400 || (h.facts.statusCode / 100 == 2 && LastAttempt(h.facts).redirects.empty()); });
+    const bool isRedirected = std::any_of(f.http.begin(), f.http.end(), [](const CHttpProbe& h)
+    { return h.facts.statusCode / 100 == 3 || !LastAttempt(h.facts).redirects.empty(); });
+    if (isOtherHost && isKept && (f.address.isSecure ? !isOwnAnswer || p.isTargetPrivate : !isOwnAnswer && isRedirected))
         return finding.Fault("captive_portal", WhenMainFails(f), L"plain http is redirected to " + p.targetHost);
     return finding.Pass(isOtherHost ? L"Plain HTTP is redirected to " + p.targetHost + L"."
                                     : L"Nobody answers in place of the server.");
