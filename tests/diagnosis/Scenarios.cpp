@@ -526,6 +526,20 @@ const std::vector<CScenario>& All()
           "http-wininet redirect_loop", "", "http-winhttp redirect_loop!, http-curl redirect_loop!" },
         { "curl is sent to another host", [](CFacts& f) { Redirect(f, L"https://www2.server.test/x"); }, "degraded", "", "",
           "http-curl redirect_other_host" },
+        { "redirected to a host with an unknown name",
+          [](CFacts& f)
+    {
+        FailAll(f, E::NameNotFound, L"the name is unknown");
+        Redirect(f, L"https://www2.server.test/x");
+    }, "server", "http-wininet redirect_other_host", "", "http-winhttp redirect_other_host!, http-curl redirect_other_host!" },
+        { "redirected to a host with a bad certificate",
+          [](CFacts& f)
+    {
+        const auto curl = f.http[2];
+        FailAll(f, E::CertificateName, L"the certificate is refused");
+        Redirect(f, L"https://www2.server.test/x");
+        f.http[2] = curl;
+    }, "tls", "http-wininet redirect_other_host", "", "http-winhttp redirect_other_host!, agreement transports_differ" },
         { "a redirect to the same site", [](CFacts& f) { Redirect(f, L"https://www.server.test/x"); }, "ok", "", "", "" },
         { "curl alone fails, WinINet is configured", [](CFacts& f) { Fail(f.http[2], E::Other, L"an error of its own"); },
           "degraded", "", "", "http-curl transport_failed, agreement transports_differ" },

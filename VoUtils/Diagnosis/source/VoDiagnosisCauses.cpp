@@ -156,8 +156,12 @@ constexpr CVoDiagnosisCause kCauses[] = {
       L"Try again later.\nTell the server's operator the time of this report." },
     { "redirect_other_host", "http-*", V::Server, 50,
       L"The server sends requests on to another host. The program's address is out of date, or somebody else answers.",
-      L"The transport followed a redirect to another host, or refused to.", L"{host} redirects to another host: {what}.",
-      L"If the other host is right, write it into the program's address." },
+      L"The transport followed a redirect to another host, could not reach its target, or refused it: from https to http, with "
+      L"a "
+      L"user name, or to what is no http address.",
+      L"{host} redirects to another address: {what}.",
+      L"If the other address is right, write it into the program's settings.\n"
+      L"If it is wrong, ask the server's operator to correct the redirect." },
     { "redirect_loop", "http-*", V::Server, 60, L"The redirects have no end.",
       L"The transport gave up after its largest number of redirects.", L"{host} redirects without end: {what}.",
       L"Ask the server's operator to correct the redirects.\nA wrong scheme (http, https) in the address may cause them." },

@@ -112,6 +112,13 @@ bool IsLoop(const CAttempt& attempt)
     { return std::count(attempt.redirects.begin(), attempt.redirects.end(), url) > 1; });
 }
 
+// Where a redirect leads that was not followed.
+std::wstring RefusedTarget(const CAttempt& attempt, const std::wstring& reason)
+{
+    const std::wstring location = attempt.responses.empty() ? std::wstring() : HeaderOf(attempt.responses.back(), L"Location");
+    return location.empty() ? reason : ReportedUrl(location) + L", which is not followed";
+}
+
 // The failure of a request that no other check explains.
 CProblem ProblemOf(const CHttpProbe& probe)
 {
@@ -134,7 +141,9 @@ CProblem ProblemOf(const CHttpProbe& probe)
     case EVoFailure::RedirectRefused:
         if (IsLoop(attempt))
             return { "redirect_loop", attempt.redirects.empty() ? reason : attempt.redirects.back() };
-        return { "redirect_other_host", reason };
+        return { "redirect_other_host", RefusedTarget(attempt, reason) };
+    case EVoFailure::ResponseLimit:
+        return { "response_malformed", reason };
     default:
         break;
     }
@@ -143,8 +152,8 @@ CProblem ProblemOf(const CHttpProbe& probe)
     if (h.statusCode != 0 && h.statusCode != 200)
         if (const auto problem = ProblemOfStatus(h.statusCode, attempt))
             return *problem;
-    if (attempt.failure == EVoFailure::Credentials)
-        return *ProblemOfStatus(401, attempt);
+    if (attempt.failure == EVoFailure::Credentials || attempt.failure == EVoFailure::ProxyCredentials)
+        return *ProblemOfStatus(attempt.failure == EVoFailure::Credentials ? 401 : 407, attempt);
     return { "transport_failed", reason };
 }
 } // namespace
@@ -194,8 +203,17 @@ std::optional<CFinding> JudgeHttp(const CFacts& f, const CHttpProbe& probe)
     constexpr UINT32 kWinINet = 0;
     if (!probe.state.IsDone() || (isWaiting && isBeforeResponse))
         return finding.Fault("timeout", status, reason);
-    if (same == ESameFault::Tls || same == ESameFault::Connect || same == ESameFault::Proxy)
-        return finding.Fault("transport_failed", status, reason);
+    // The address itself is fine, and a redirect leads to one that is not.
+    if (!attempt.redirects.empty())
+        finding.Advise(L"The server redirects to " + attempt.redirects.back() + L": run the diagnosis for that address.");
+    if (same == ESameFault::Tls || same == ESameFault::Connect ||
+        (same == ESameFault::Proxy && attempt.failure != EVoFailure::ProxyCredentials))
+    {
+        if (same == ESameFault::Tls)
+            finding.Area(EVoVerdict::Tls);
+        return OtherHost(f, attempt).empty() ? finding.Fault("transport_failed", status, reason)
+                                             : finding.Fault("redirect_other_host", status, reason);
+    }
     const CProblem problem = ProblemOf(probe);
     if (probe.kind == kWinINet && std::string_view(problem.cause) == "authentication")
         finding.Advise(L"WinINet asks in the system's dialog, which is shown only when it is allowed (--ask).");
@@ -263,12 +281,21 @@ std::string Recommended(const CFacts& f)
     if (MainWorks(f))
         return {};
     // What passes over a fault of the certificate is no way out.
-    if (const auto tls = JudgeTlsCheck(f); tls && tls->IsFailure())
+    const auto tls = JudgeTlsCheck(f);
+    const CHttpProbe* const main = MainProbe(f);
+    if ((tls && tls->IsFailure()) || (main && TlsCauseOf(LastAttempt(main->facts).failure)))
         return {};
     for (const CHttpProbe& probe : f.http)
         if (probe.Works())
             return probe.engine;
     return {};
+}
+
+// Transports find the same fault: each step is told once.
+void AddAdvice(CVoDiagnosisReport& report, const std::wstring& step)
+{
+    if (std::find(report.advice.begin(), report.advice.end(), step) == report.advice.end())
+        report.advice.push_back(step);
 }
 
 void ConcludeFailure(const CFacts& f, CVoDiagnosisReport& report, const CVoCheck& failed)
@@ -291,7 +318,7 @@ void ConcludeFailure(const CFacts& f, CVoDiagnosisReport& report, const CVoCheck
     }
     for (const CVoCheck& check : report.checks)
         if (check.status == EVoCheckStatus::Fail && check.id != failed.id && check.cause != failed.cause)
-            report.advice.push_back(L"Also: " + check.summary + L' ' + check.fix);
+            AddAdvice(report, L"Also: " + check.summary + L' ' + check.fix);
 }
 } // namespace
 
@@ -328,7 +355,8 @@ CVoDiagnosisReport Conclude(const CFacts& f, std::vector<CVoCheck> checks)
         report.summary = L"The connection works, but: " + warned->summary;
         for (const CVoCheck& check : report.checks)
             if (check.status == EVoCheckStatus::Warn)
-                report.advice.insert(report.advice.end(), check.advice.begin(), check.advice.end());
+                for (const std::wstring& step : check.advice)
+                    AddAdvice(report, step);
     }
     else
         report.summary = L"The connection to " + f.address.host + L" works.";
