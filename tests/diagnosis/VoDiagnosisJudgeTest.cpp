@@ -178,6 +178,8 @@ TEST(DiagnosisJudge, ShowsUrlsWithoutTheirSecrets)
         { L" https://h/p?abc#f ", L"https://h/p?<3 characters>" },
         { L"https://user:pass@h/p", L"https://<hidden>@h/p" },
         { L"user:pass@h", L"<hidden>@h" },
+        { L"https://user:pa/ss@h/p", L"https://<hidden>@h/p" },
+        { L"https://h/people/me@h", L"https://h/people/me@h" },
         { L"h?user:pass@h", L"h?<11 characters>" },
         { L"", L"" },
     };

@@ -399,8 +399,10 @@ std::wstring ReportedUrl(std::wstring_view url)
     url = url.substr(0, url.find(L'#'));
     const size_t query = std::min(url.find(L'?'), url.size());
     std::wstring text(url.substr(0, query));
-    // A user and a password in front of the host: no address, but somebody may have typed them.
-    if (const size_t at = text.rfind(L'@'); at != std::wstring::npos)
+    // A user and a password in front of the host: no address, but somebody may have typed them. An address has none.
+    CServerAddressData address;
+    const bool isAddress = SUCCEEDED(address.SetAddress(text, false, false, false));
+    if (const size_t at = text.rfind(L'@'); at != std::wstring::npos && !isAddress)
     {
         const size_t scheme = text.find(L"://");
         const size_t begin = scheme == std::wstring::npos || scheme > at ? 0 : scheme + 3;

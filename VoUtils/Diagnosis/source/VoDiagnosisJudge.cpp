@@ -144,7 +144,8 @@ std::vector<CProblem> TlsProblems(const CFacts& f)
     if (!t.isTls)
         return { { "not_tls", L"the first bytes are those of another protocol" } };
     if (t.outcome != EOutcome::Ok)
-        return { { "tls_handshake", t.error != 0 ? ErrorTextOf(static_cast<HRESULT>(t.error)) : OutcomeText(t.outcome) } };
+        return { { "tls_handshake", t.error != 0 ? ErrorTextOf(static_cast<HRESULT>(t.error))
+                                                 : std::wstring(L"the server ") + OutcomeText(t.outcome) } };
     const INT64 now = SecondsOf(t.now);
     bool isExpired = false;
     bool isEarly = false;
