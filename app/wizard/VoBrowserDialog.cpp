@@ -101,6 +101,20 @@ bool LacksEngine(HRESULT code) noexcept
     return code == REGDB_E_CLASSNOTREG || code == INET_E_CANNOT_INSTANTIATE_OBJECT;
 }
 
+// Why the browser may not go to an address; nothing where it may.
+std::optional<std::wstring> RefusalOf(std::wstring_view url)
+{
+    switch (CVoBrowserPolicy::Judge(url))
+    {
+    case EVoBrowserVerdict::Go:
+        return std::nullopt;
+    case EVoBrowserVerdict::RefuseScheme:
+        return WizardText(IDS_BROWSER_SCHEME_REFUSED, { CVoBrowserPolicy::SchemeOf(url) });
+    default:
+        return WizardText(IDS_BROWSER_ADDRESS_REFUSED);
+    }
+}
+
 // Runs what an event of the browser asks for. No exception may pass through the browser; without memory the event is lost.
 template <class Body>
 void Guarded(Body body) noexcept
@@ -319,7 +333,10 @@ LRESULT CALLBACK CVoBrowserDialog::AreaProc(HWND area, UINT message, WPARAM wPar
     if (message == WM_SIZE)
         dialog.m_browser.Resize();
     else if (message == WM_SETFOCUS)
-        dialog.m_browser.Focus(dialog.m_lastKey.message == WM_KEYDOWN ? &dialog.m_lastKey : nullptr);
+    {
+        const bool isTab = dialog.m_lastKey.message == WM_KEYDOWN && dialog.m_lastKey.wParam == VK_TAB;
+        dialog.m_browser.Focus(isTab ? &dialog.m_lastKey : nullptr);
+    }
     else if (message == WM_NCDESTROY)
         ::RemoveWindowSubclass(area, &AreaProc, id);
     return result;
@@ -399,14 +416,10 @@ bool CVoBrowserDialog::MayGo(std::wstring_view url) noexcept
     bool mayGo = false;
     Guarded([&]
     {
-        const EVoBrowserVerdict verdict = CVoBrowserPolicy::Judge(url);
-        mayGo = verdict == EVoBrowserVerdict::Go;
-        if (mayGo)
-            return;
-        m_hasRefusal = true;
-        SetStatus(verdict == EVoBrowserVerdict::RefuseScheme
-                      ? WizardText(IDS_BROWSER_SCHEME_REFUSED, { CVoBrowserPolicy::SchemeOf(url) })
-                      : WizardText(IDS_BROWSER_ADDRESS_REFUSED));
+        const std::optional<std::wstring> refusal = RefusalOf(url);
+        mayGo = !refusal;
+        if (refusal)
+            Refuse(*refusal);
     });
     return mayGo;
 }
@@ -416,10 +429,17 @@ void CVoBrowserDialog::OnArrived() noexcept
     Guarded([&]
     {
         m_hasRefusal = false;
-        m_lastUrl = m_wantedUrl = m_browser.Location();
-        SetAddress(m_lastUrl);
+        // A redirect does not ask again where the browser may go.
+        const std::wstring url = m_browser.Location();
+        if (const std::optional<std::wstring> refusal = RefusalOf(url))
+        {
+            SetAddress({});
+            return ShowInstead(*refusal);
+        }
+        m_lastUrl = m_wantedUrl = url;
+        SetAddress(url);
         ShowInstead({});
-        if (m_policy.IsEnd(m_lastUrl))
+        if (m_policy.IsEnd(url))
             End(S_OK);
     });
 }
@@ -448,10 +468,7 @@ void CVoBrowserDialog::OnNewWindow(std::wstring_view url) noexcept
     {
         // A script fills an empty window: inside, it would replace the page that the script belongs to.
         if (!CVoBrowserAddress::FromUrl(url))
-        {
-            m_hasRefusal = true;
-            return SetStatus(WizardText(IDS_BROWSER_WINDOW_REFUSED));
-        }
+            return Refuse(WizardText(IDS_BROWSER_WINDOW_REFUSED));
         m_nextUrl = url;
         ::PostMessageW(m_dialog, kNewWindowMessage, 0, 0);
     });
@@ -459,11 +476,7 @@ void CVoBrowserDialog::OnNewWindow(std::wstring_view url) noexcept
 
 void CVoBrowserDialog::OnDownloadRefused() noexcept
 {
-    Guarded([&]
-    {
-        m_hasRefusal = true;
-        SetStatus(WizardText(IDS_BROWSER_DOWNLOAD_REFUSED));
-    });
+    Guarded([&] { Refuse(WizardText(IDS_BROWSER_DOWNLOAD_REFUSED)); });
 }
 
 void CVoBrowserDialog::OnBusy(bool isBusy) noexcept
@@ -484,8 +497,13 @@ void CVoBrowserDialog::OnTabOut(bool backwards) noexcept
 void CVoBrowserDialog::SetStatus(const std::wstring& text) noexcept
 {
     ::SetWindowTextW(Item(IDC_BROWSER_STATUS), text.c_str());
-    if (m_hasRefusal)
-        Announce(Item(IDC_BROWSER_STATUS));
+}
+
+void CVoBrowserDialog::Refuse(const std::wstring& text) noexcept
+{
+    m_hasRefusal = true;
+    SetStatus(text);
+    Announce(Item(IDC_BROWSER_STATUS));
 }
 
 void CVoBrowserDialog::SetAddress(const std::wstring& url)
@@ -503,11 +521,11 @@ void CVoBrowserDialog::ShowInstead(const std::wstring& text) noexcept
     ::SetWindowTextW(message, text.c_str());
     ::ShowWindow(area, text.empty() ? SW_SHOW : SW_HIDE);
     ::ShowWindow(message, text.empty() ? SW_HIDE : SW_SHOW);
+    // Without a page, Enter opens it outside, wherever the focus is but on a button. IDOK is no control: Enter does nothing.
+    ::SendMessageW(m_dialog, DM_SETDEFID, text.empty() ? IDOK : IDC_BROWSER_OUTSIDE, 0);
     if (text.empty())
         return;
     Announce(message);
-    // Enter opens the page outside, wherever the focus is but on a button.
-    ::SendMessageW(m_dialog, DM_SETDEFID, IDC_BROWSER_OUTSIDE, 0);
     if (hadFocus)
         ::PostMessageW(m_dialog, WM_NEXTDLGCTL, reinterpret_cast<WPARAM>(Item(IDC_BROWSER_OUTSIDE)), TRUE);
 }

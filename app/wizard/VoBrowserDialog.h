@@ -86,6 +86,8 @@ private:
     void HandOverCookies(const std::wstring& url);
 
     void SetStatus(const std::wstring& text) noexcept;
+    // Shows why something was refused, until the next page.
+    void Refuse(const std::wstring& text) noexcept;
     void SetAddress(const std::wstring& url);
     // Shows a text in the page's place; an empty one shows the page.
     void ShowInstead(const std::wstring& text) noexcept;

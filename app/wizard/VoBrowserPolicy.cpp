@@ -186,7 +186,10 @@ std::wstring CVoBrowserPolicy::Show(std::wstring_view url)
         return std::wstring(kBlank);
     const std::optional<CVoBrowserAddress> address = CVoBrowserAddress::FromUrl(url);
     if (!address)
-        return SchemeOf(url) + L':';
+    {
+        const std::wstring scheme = SchemeOf(url);
+        return scheme.empty() ? scheme : scheme + L':';
+    }
     std::wstring host = InAscii(address->host);
     if (host.size() > kShownHost)
         host = L"..." + host.substr(host.size() - kShownHost);

@@ -102,9 +102,13 @@ TEST_F(BrowserDialog, RefusesSchemesDownloadsAndEmptyWindowsWithAText)
                 << c.url << " " << TextOf(browser.Dialog(), IDC_BROWSER_STATUS);
         }
         EXPECT_EQ(kStart, TextOf(browser.Dialog(), IDC_BROWSER_ADDRESS));
+        browser.Arrive(L"ftp://redirected.example/"); // a redirect, which raises no BeforeNavigate2
+        EXPECT_EQ(L"", TextOf(browser.Dialog(), IDC_BROWSER_ADDRESS));
+        EXPECT_FALSE(::IsWindowVisible(::GetDlgItem(browser.Dialog(), IDC_BROWSER_AREA)));
         Press(browser.Dialog(), IDCANCEL);
     };
     EXPECT_EQ(S_FALSE, Show());
+    EXPECT_EQ(kStart, m_lastUrl);
 }
 
 TEST_F(BrowserDialog, NewWindowsOpenInside)
