@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 #include <ole2.h>
 
+#include <algorithm>
 #include <functional>
 #include <string>
 #include <vector>
