@@ -4,6 +4,7 @@
 #include "CURLSupport.h"
 #include "CURLTransferRecord.h"
 #include "VoCookieBytes.h"
+#include "VoHTTPMessageCURLTracePoints.h"
 #include "VoHTTPTransport.h"
 #include "VoRedirect.h"
 #include "VoUrl.h"
@@ -24,72 +25,6 @@ namespace
 constexpr ESystemClass kFirstSystemWithALPN = ESystemClass::Windows81;
 constexpr UINT32 kMillisecondsPerSecond = 1000;
 
-constexpr CVoTransportTracePoints kTracePoints{
-    .source = kSource,
-    .destructor = { .function = L"VoHTTPMessageCURL::CVoHTTPMessageCURL::~CVoHTTPMessageCURL", .close = 850 },
-    .close = { .function = L"VoHTTPMessageCURL::CVoHTTPMessageCURL::internalClose", .request = 860, .session = 862 },
-    .connect = { .function = L"VoHTTPMessageCURL::CVoHTTPMessageCURL::Connect",
-                 .close = 1180,
-                 .address = 1183,
-                 .open = 1186,
-                 .exception = 1190 },
-    .openRequest = { .function = L"VoHTTPMessageCURL::CVoHTTPMessageCURL::OpenRequest", .open = 1210, .exception = 1215 },
-    .internalOpenRequest = { .function = L"VoHTTPMessageCURL::CVoHTTPMessageCURL::internalOpenRequest",
-                             .notConnected = 1230,
-                             .proxy = 1260,
-                             .cookies = 1295,
-                             .handle = 1312 },
-    .sendMessage = { .function = L"VoHTTPMessageCURL::CVoHTTPMessageCURL::SendMessage",
-                     .request = 1338,
-                     .content = { .raw = 1350,
-                                  .multipart = 1359,
-                                  .formPayload = 1364,
-                                  .form = 1367,
-                                  .signedKey = 1372,
-                                  .signedName = 1374,
-                                  .signedPayload = 1376,
-                                  .signedForm = 1380,
-                                  .sign = 1382,
-                                  .emptyPayload = 1387,
-                                  .unknownKind = 1394 },
-                     .send = 1402,
-                     .exception = 1405 },
-    .sendMultipleMessages = { .function = L"VoHTTPMessageCURL::CVoHTTPMessageCURL::SendMultipleMessages",
-                              .request = 1420,
-                              .content = 1425,
-                              .send = 1430,
-                              .exception = 1435 },
-    .sendGetRequest = { .function = L"VoHTTPMessageCURL::CVoHTTPMessageCURL::SendGetRequest",
-                        .path = 1450,
-                        .open = 1455,
-                        .send = 1460,
-                        .exception = 1465 },
-    .internalSend = { .function = L"VoHTTPMessageCURL::CVoHTTPMessageCURL::internalSend",
-                      .attempt = 1116,
-                      .exception = 1122,
-                      .reset = 1144,
-                      .callBack = 1150 },
-    .internalSendRAW = { .function = L"VoHTTPMessageCURL::CVoHTTPMessageCURL::internalSendRAW",
-                         .open = 1005,
-                         .cookie = 1010,
-                         .redirect = 1015,
-                         .limit = 1017,
-                         .ask = 969,
-                         .declined = 972,
-                         .address = 1025,
-                         .status = 1026 },
-    .readResponse = { .function = L"VoHTTPMessageCURL::CVoHTTPMessageCURL::ReadResponse",
-                      .request = 1480,
-                      .fetch = 1485,
-                      .read = 1490,
-                      .exception = 1495 },
-    .readMultipleResponses = { .function = L"VoHTTPMessageCURL::CVoHTTPMessageCURL::ReadMultipleResponses",
-                               .request = 1510,
-                               .fetch = 1515,
-                               .read = 1520,
-                               .exception = 1525 },
-    .internalReadResponse = { .function = L"VoHTTPMessageCURL::CVoHTTPMessageCURL::internalReadResponse", .length = 1540 },
-};
 constexpr CVoTransportFacts kFacts{
     .unexpectedStatus = E_FAIL, .followsRedirects = true, .keepsHandle = true, .asksBetweenSends = true, .storesCookies = true
 };

@@ -1,6 +1,7 @@
 // The WinHTTP transport: the hooks of the transport core on the platform's WinHTTP service.
 #include <VoHTTPMessageWinHTTP.h>
 
+#include "VoHTTPMessageWinHTTPTracePoints.h"
 #include "VoHTTPTransport.h"
 #include "VoUrl.h"
 #include "VoWinHttpCookies.h"
@@ -25,74 +26,12 @@ namespace VoHTTPMessageWinHTTP
 {
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\source\\VoHTTPMessageWinHTTP";
-
 constexpr DWORD kAccessTypeAutomaticProxy = 4; // WINHTTP_ACCESS_TYPE_AUTOMATIC_PROXY, from Windows 8.1 on
 constexpr DWORD kMaximumConnections = 128;
 constexpr DWORD kMaximumConnections10 = 74; // Intended: it equals the option's own number.
 constexpr DWORD kIgnoreCertificate = SECURITY_FLAG_IGNORE_UNKNOWN_CA | SECURITY_FLAG_IGNORE_CERT_WRONG_USAGE |
                                      SECURITY_FLAG_IGNORE_CERT_CN_INVALID | SECURITY_FLAG_IGNORE_CERT_DATE_INVALID;
 
-constexpr CVoTransportTracePoints kTracePoints{
-    .source = kSource,
-    .destructor = { .function = L"CVoHTTPMessageWinHTTP::~CVoHTTPMessageWinHTTP", .close = 140 },
-    .close = { .function = L"CVoHTTPMessageWinHTTP::Close", .request = 150, .session = 155 },
-    .connect = { .function = L"CVoHTTPMessageWinHTTP::Connect", .close = 180, .address = 183, .open = 185, .exception = 190 },
-    .openRequest = { .function = L"CVoHTTPMessageWinHTTP::OpenRequest", .open = 260, .exception = 265 },
-    .internalOpenRequest = { .function = L"CVoHTTPMessageWinHTTP::internalOpenRequest",
-                             .notConnected = 280,
-                             .proxy = 282,
-                             .cookies = 284,
-                             .handle = 285 },
-    .sendMessage = { .function = L"CVoHTTPMessageWinHTTP::SendMessage",
-                     .request = 630,
-                     .content = { .raw = 635,
-                                  .multipart = 636,
-                                  .formPayload = 637,
-                                  .form = 638,
-                                  .signedKey = 639,
-                                  .signedName = 640,
-                                  .signedPayload = 641,
-                                  .signedForm = 642,
-                                  .sign = 643,
-                                  .emptyPayload = 644,
-                                  .unknownKind = 645 },
-                     .send = 650,
-                     .exception = 655 },
-    .sendMultipleMessages = { .function = L"CVoHTTPMessageWinHTTP::SendMultipleMessages",
-                              .request = 670,
-                              .content = 675,
-                              .send = 680,
-                              .exception = 685 },
-    .sendGetRequest = { .function = L"CVoHTTPMessageWinHTTP::SendGetRequest",
-                        .path = 705,
-                        .open = 710,
-                        .send = 715,
-                        .exception = 720 },
-    .internalSend = { .function = L"CVoHTTPMessageWinHTTP::internalSend",
-                      .attempt = 410,
-                      .exception = 412,
-                      .reset = 413,
-                      .callBack = 415 },
-    .internalSendRAW = { .function = L"CVoHTTPMessageWinHTTP::internalSend",
-                         .open = 475,
-                         .cookie = 605,
-                         .redirect = 580,
-                         .limit = 582,
-                         .address = 485,
-                         .status = 487 },
-    .readResponse = { .function = L"CVoHTTPMessageWinHTTP::ReadResponse",
-                      .request = 770,
-                      .fetch = 775,
-                      .read = 780,
-                      .exception = 785 },
-    .readMultipleResponses = { .function = L"CVoHTTPMessageWinHTTP::ReadMultipleResponses",
-                               .request = 800,
-                               .fetch = 805,
-                               .read = 810,
-                               .exception = 815 },
-    .internalReadResponse = { .function = L"CVoHTTPMessageWinHTTP::internalReadResponse", .length = 750 },
-};
 constexpr CVoTransportFacts kFacts{ .unexpectedStatus = kResultUnexpectedStatus,
                                     .savesProxyAtOnce = true,
                                     .notifiesAfterStatus = true };

@@ -2,6 +2,7 @@
 #include <VoHTTPMessageWinINet.h>
 
 #include "VoCookieBytes.h"
+#include "VoHTTPMessageWinINetTracePoints.h"
 #include "VoHTTPTransport.h"
 #include "VoUrl.h"
 #include "WinINetSupport.h"
@@ -36,66 +37,6 @@ constexpr DWORD kIgnoreCertificate = SECURITY_FLAG_IGNORE_UNKNOWN_CA | SECURITY_
                                      kIgnoreRevocation;
 constexpr DWORD_PTR kContext = 1;
 
-constexpr CVoTransportTracePoints kTracePoints{
-    .source = kSource,
-    .destructor = { .function = L"CVoHTTPMessageWinINet::~CVoHTTPMessageWinINet", .close = 300 },
-    .close = { .function = L"CVoHTTPMessageWinINet::internalClose", .request = 308, .session = 314 },
-    .connect = { .function = L"CVoHTTPMessageWinINet::Connect", .close = 330, .address = 333, .open = 335, .exception = 340 },
-    .openRequest = { .function = L"CVoHTTPMessageWinINet::OpenRequest", .open = 580, .exception = 585 },
-    .internalOpenRequest = { .function = L"CVoHTTPMessageWinINet::internalOpenRequest",
-                             .notConnected = 600,
-                             .proxy = 601,
-                             .cookies = 670,
-                             .handle = 602 },
-    .sendMessage = { .function = L"CVoHTTPMessageWinINet::SendMessage",
-                     .request = 760,
-                     .content = { .raw = 765,
-                                  .multipart = 766,
-                                  .formPayload = 767,
-                                  .form = 768,
-                                  .signedKey = 769,
-                                  .signedName = 770,
-                                  .signedPayload = 771,
-                                  .signedForm = 772,
-                                  .sign = 773,
-                                  .emptyPayload = 774,
-                                  .unknownKind = 775 },
-                     .send = 780,
-                     .exception = 785 },
-    .sendMultipleMessages = { .function = L"CVoHTTPMessageWinINet::SendMultipleMessages",
-                              .request = 800,
-                              .content = 805,
-                              .send = 810,
-                              .exception = 815 },
-    .sendGetRequest = { .function = L"CVoHTTPMessageWinINet::SendGetRequest",
-                        .path = 830,
-                        .open = 835,
-                        .send = 840,
-                        .exception = 845 },
-    .internalSend = { .function = L"CVoHTTPMessageWinINet::internalSend",
-                      .attempt = 630,
-                      .exception = 632,
-                      .reset = 634,
-                      .callBack = 636 },
-    .internalSendRAW = { .function = L"CVoHTTPMessageWinINet::internalSendRAW",
-                         .open = 625,
-                         .cookie = 740,
-                         .redirect = 675,
-                         .limit = 676,
-                         .address = 680,
-                         .status = 685 },
-    .readResponse = { .function = L"CVoHTTPMessageWinINet::ReadResponse",
-                      .request = 900,
-                      .fetch = 905,
-                      .read = 910,
-                      .exception = 915 },
-    .readMultipleResponses = { .function = L"CVoHTTPMessageWinINet::ReadMultipleResponses",
-                               .request = 930,
-                               .fetch = 935,
-                               .read = 940,
-                               .exception = 945 },
-    .internalReadResponse = { .function = L"CVoHTTPMessageWinINet::internalReadResponse", .length = 885 },
-};
 constexpr CVoTransportFacts kFacts{
     .unexpectedStatus = kResultUnexpectedStatus, .usesProxyStore = false, .cookiesAtSend = true, .tracesEveryAddress = true
 };
@@ -152,7 +93,7 @@ private:
     void ReadResponseHeaders(const CRequest& request, std::vector<CVoRawResponse>& responses) const override;
     [[nodiscard]] std::optional<size_t> HeaderLength(const CRequest& request) const override;
     [[nodiscard]] CVoFailure ExplainFailure(const CRequest& request, HRESULT result) const override;
-    void FetchErrorBody(CRequest& request) override;
+    void FetchErrorBody(CRequest& failed) override;
 
     [[nodiscard]] HRESULT OpenConnection(const CServerAddressData& address, CInternetHandle& connection) const;
     [[nodiscard]] HRESULT SetTimeoutsAndLimits(const CInternetHandle& connection) const noexcept;
@@ -678,7 +619,7 @@ void CVoHTTPMessageWinINet::FetchErrorBody(CRequest& failed)
 try
 {
     auto& request = static_cast<CHTTPRequestDataWinINet&>(failed);
-    const UINT32 maximum = request.m_limits.errorBodyBytes;
+    const size_t maximum = request.m_limits.errorBodyBytes;
     DWORD pieceTime = ErrorBodyTime();
     const INT64 end = VoGetMicroseconds() + INT64{ pieceTime } * 1000;
     // Where the platform refuses it, each piece has the time-out of the request.
