@@ -2,15 +2,14 @@
 #include "VoBrowserDialog.h"
 
 #include "VoBrowserCookies.h"
+#include "WizardShell.h"
 #include "WizardTexts.h"
 #include "resource.h"
 
 #include <base/VoHResult.h>
-#include <base/VoText.h>
 
 #include <commctrl.h>
 #include <ole2.h>
-#include <shellapi.h>
 
 #include <algorithm>
 
@@ -88,11 +87,6 @@ void DisableOwnScaling(HWND dialog) noexcept
 void Announce(HWND text) noexcept
 {
     ::NotifyWinEvent(EVENT_SYSTEM_ALERT, text, OBJID_CLIENT, CHILDID_SELF);
-}
-
-std::wstring CodeText(HRESULT code)
-{
-    return VoFormat(L"0x%08X", static_cast<unsigned>(code));
 }
 
 // Whether a page cannot be shown because the browser lacks what shows pages, its engine.
@@ -371,7 +365,7 @@ void CVoBrowserDialog::StartBrowser()
     const HWND area = Item(IDC_BROWSER_AREA);
     ::ShowWindow(area, SW_SHOW);
     if (const HRESULT hr = m_browser.Create(*this, area); FAILED(hr))
-        return ShowInstead(WizardText(IDS_BROWSER_NO_ENGINE, { CodeText(hr) }));
+        return ShowInstead(WizardText(IDS_BROWSER_NO_ENGINE, { WizardErrorText(hr) }));
     GoTo(m_wantedUrl);
     if (::IsWindowVisible(area))
         ::SetFocus(area);
@@ -392,15 +386,8 @@ void CVoBrowserDialog::OpenOutside()
     const std::optional<CVoBrowserAddress> address = CVoBrowserAddress::FromUrl(m_wantedUrl);
     if (!address)
         return SetStatus(WizardText(IDS_BROWSER_ADDRESS_REFUSED));
-    SHELLEXECUTEINFOW what{};
-    what.cbSize = sizeof what;
-    what.fMask = SEE_MASK_FLAG_NO_UI;
-    what.hwnd = m_dialog;
-    what.lpVerb = L"open";
-    what.lpFile = address->url.c_str();
-    what.nShow = SW_SHOWNORMAL;
-    if (!::ShellExecuteExW(&what))
-        SetStatus(WizardText(IDS_BROWSER_NOT_OPENED, { CodeText(HResultFromLastError()) }));
+    if (const HRESULT hr = OpenWithShell(m_dialog, address->url); FAILED(hr))
+        SetStatus(WizardText(IDS_BROWSER_NOT_OPENED, { WizardErrorText(hr) }));
 }
 
 void CVoBrowserDialog::HandOverCookies(const std::wstring& url)
@@ -457,8 +444,9 @@ void CVoBrowserDialog::OnFailed(std::wstring_view url, HRESULT code) noexcept
             m_wantedUrl = url;
         SetStatus({});
         SetAddress({}); // no page is shown
-        ShowInstead(LacksEngine(code) ? WizardText(IDS_BROWSER_NO_ENGINE, { CodeText(code) })
-                                      : WizardText(IDS_BROWSER_NO_PAGE, { CVoBrowserPolicy::Show(url), CodeText(code) }));
+        ShowInstead(LacksEngine(code)
+                        ? WizardText(IDS_BROWSER_NO_ENGINE, { WizardErrorText(code) })
+                        : WizardText(IDS_BROWSER_NO_PAGE, { CVoBrowserPolicy::Show(url), WizardErrorText(code) }));
     });
 }
 

@@ -18,6 +18,7 @@
 namespace
 {
 constexpr size_t kDetailLimit = 1000; // characters of what a server sent
+constexpr std::string_view kPortal = "captive_portal";
 
 std::optional<CServerAddressData> AddressOf(const std::wstring& url)
 {
@@ -338,6 +339,8 @@ std::wstring CWizardModel::Advice() const
         const std::wstring number = m_report.advice.size() == 1 ? std::wstring() : std::to_wstring(i + 1) + L". ";
         AddLine(lines, number + VoVisibleText(m_report.advice[i]));
     }
+    if (m_report.cause == kPortal && !PageToShow().empty())
+        AddLine(lines, WizardText(IDS_ADVICE_PORTAL));
     return lines;
 }
 
@@ -428,7 +431,7 @@ std::wstring CWizardModel::PageToShow() const
     const std::optional<CServerAddressData> address = AddressOf(m_inputs.url);
     if (!address)
         return {};
-    if (m_report.cause != "captive_portal")
+    if (m_report.cause != kPortal)
         return address->FullURL();
     // The gateway can only answer in place of plain http.
     const bool isIPv6 = address->Host().find(L':') != std::wstring::npos;

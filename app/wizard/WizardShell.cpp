@@ -1,9 +1,11 @@
 // Questions, files, clipboard and browser (WizardShell.h).
 #include "WizardShell.h"
 
+#include "VoBrowserDialog.h"
 #include "WizardTexts.h"
 #include "resource.h"
 
+#include <VoGlobalHTTPUtils.h>
 #include <base/VoHResult.h>
 #include <base/VoText.h>
 
@@ -16,18 +18,6 @@
 
 namespace
 {
-HRESULT OpenWithShell(HWND owner, const std::wstring& target) noexcept
-{
-    SHELLEXECUTEINFOW info{};
-    info.cbSize = sizeof info;
-    info.fMask = SEE_MASK_FLAG_NO_UI;
-    info.hwnd = owner;
-    info.lpVerb = L"open";
-    info.lpFile = target.c_str();
-    info.nShow = SW_SHOWNORMAL;
-    return ::ShellExecuteExW(&info) ? S_OK : HResultFromLastError();
-}
-
 // The clipboard, open for a scope.
 class CClipboard
 {
@@ -109,8 +99,22 @@ HRESULT CWizardDesktop::OpenFile(HWND owner, const std::wstring& path)
 
 HRESULT CWizardDesktop::ShowPage(HWND owner, const std::wstring& url)
 {
-    // Anything else could be a file or a program.
-    if (!VoStartsWithNoCase(url, L"http://") && !VoStartsWithNoCase(url, L"https://"))
-        return E_INVALIDARG;
-    return OpenWithShell(owner, url);
+    // Without a store the page is shown all the same.
+    if (!m_cookies)
+        (void)VoGlobalHTTPUtils::CreateGlobalHTTPStores(nullptr, nullptr, m_cookies.Put());
+    CVoBrowserDialog dialog({ url, {}, m_cookies });
+    const HRESULT hr = dialog.DoModal(owner);
+    return FAILED(hr) ? hr : S_OK;
+}
+
+HRESULT OpenWithShell(HWND owner, const std::wstring& target) noexcept
+{
+    SHELLEXECUTEINFOW info{};
+    info.cbSize = sizeof info;
+    info.fMask = SEE_MASK_FLAG_NO_UI;
+    info.hwnd = owner;
+    info.lpVerb = L"open";
+    info.lpFile = target.c_str();
+    info.nShow = SW_SHOWNORMAL;
+    return ::ShellExecuteExW(&info) ? S_OK : HResultFromLastError();
 }

@@ -1,6 +1,8 @@
 // Tests of the browser dialog with a stand-in for the browser.
 #include <VoBrowserDialog.h>
 #include <VoGlobalHTTPCookieStoreImpl.h>
+#include <VoGlobalHTTPUtils.h>
+#include <WizardShell.h>
 #include <resource.h>
 #include <support/DialogUser.h>
 #include <support/FakeBrowser.h>
@@ -232,6 +234,26 @@ TEST_F(BrowserDialog, CookiesOfTheVisitedSiteGoToTheStore)
     EXPECT_EQ(L"in=2; all=1; hidden=3", cookiesFor(L"http://cookies.example/in/x"));
     EXPECT_EQ(L"", cookiesFor(L"http://other.example/"));
     EXPECT_EQ(L"", cookiesFor(L"http://sub.cookies.example/"));
+}
+
+TEST_F(BrowserDialog, TheWizardShowsAPageAndKeepsItsCookies)
+{
+    constexpr const wchar_t* kPage = L"http://wizard-page.example/";
+    const CFakeBrowserClass browser(m_engine);
+    m_engine.onGo = [](CFakeBrowser& control, const std::wstring& url)
+    {
+        EXPECT_TRUE(::InternetSetCookieExW(url.c_str(), nullptr, L"signed-in=1; path=/", 0, 0));
+        control.Arrive(url);
+        Press(control.Dialog(), IDCANCEL);
+    };
+    CWizardDesktop desktop;
+    EXPECT_EQ(E_INVALIDARG, desktop.ShowPage(nullptr, L"file:///c:/windows/win.ini"));
+    EXPECT_EQ(S_OK, desktop.ShowPage(nullptr, kPage));
+    CVoComPtr<IVoHTTPCookieStore> store;
+    ASSERT_EQ(S_OK, VoGlobalHTTPUtils::CreateGlobalHTTPStores(nullptr, nullptr, store.Put()));
+    CVoBstr cookies;
+    EXPECT_EQ(S_OK, store->GetCookieStringForHTTPRequest(CVoBstr(kPage).Get(), VARIANT_FALSE, cookies.Put()));
+    EXPECT_EQ(L"signed-in=1", cookies.View());
 }
 
 TEST_F(BrowserDialog, TabLeavesThePageAndEscapeEndsTheDialogFromInside)

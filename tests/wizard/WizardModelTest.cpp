@@ -210,6 +210,8 @@ TEST(WizardModel, ThePageToShowIsThatOfTheGateway)
     portal.cause = "captive_portal";
     EXPECT_EQ(Finished(Report()).PageToShow(), L"https://server.example/a?token=secret");
     EXPECT_EQ(Finished(portal).PageToShow(), L"http://server.example/");
+    portal.advice = { L"Sign in." };
+    EXPECT_EQ(Finished(portal).Advice(), L"Sign in.\r\n" + WizardText(IDS_ADVICE_PORTAL));
     EXPECT_EQ(Finished(portal, S_OK, L"https://[::1]:8443/a").PageToShow(), L"http://[::1]/");
     EXPECT_EQ(Finished(portal, S_OK, L"javascript:x").PageToShow(), L"");
 }
