@@ -7,6 +7,7 @@
 #include "resource.h"
 
 #include <base/VoHResult.h>
+#include <base/VoText.h>
 
 #include <commctrl.h>
 #include <ole2.h>
@@ -93,6 +94,33 @@ void Announce(HWND text) noexcept
 bool LacksEngine(HRESULT code) noexcept
 {
     return code == REGDB_E_CLASSNOTREG || code == INET_E_CANNOT_INSTANTIATE_OBJECT;
+}
+
+// What a failure means, with its code. The platform has no texts for the codes of its browser.
+std::wstring ReasonOf(HRESULT code)
+{
+    UINT id = IDS_BROWSER_REASON_OTHER;
+    switch (code)
+    {
+    case INET_E_RESOURCE_NOT_FOUND:
+        id = IDS_BROWSER_REASON_NO_SERVER;
+        break;
+    case INET_E_CANNOT_CONNECT:
+    case INET_E_DOWNLOAD_FAILURE:
+        id = IDS_BROWSER_REASON_NO_CONNECTION;
+        break;
+    case INET_E_CONNECTION_TIMEOUT:
+        id = IDS_BROWSER_REASON_TIMEOUT;
+        break;
+    case INET_E_SECURITY_PROBLEM:
+    case INET_E_INVALID_CERTIFICATE:
+        id = IDS_BROWSER_REASON_CERTIFICATE;
+        break;
+    default:
+        if (HRESULT_FACILITY(code) != FACILITY_INTERNET)
+            return WizardErrorText(code);
+    }
+    return WizardText(id, { VoFormat(L"0x%08X", static_cast<unsigned>(code)) });
 }
 
 // Why the browser may not go to an address; nothing where it may.
@@ -444,9 +472,8 @@ void CVoBrowserDialog::OnFailed(std::wstring_view url, HRESULT code) noexcept
             m_wantedUrl = url;
         SetStatus({});
         SetAddress({}); // no page is shown
-        ShowInstead(LacksEngine(code)
-                        ? WizardText(IDS_BROWSER_NO_ENGINE, { WizardErrorText(code) })
-                        : WizardText(IDS_BROWSER_NO_PAGE, { CVoBrowserPolicy::Show(url), WizardErrorText(code) }));
+        ShowInstead(LacksEngine(code) ? WizardText(IDS_BROWSER_NO_ENGINE, { WizardErrorText(code) })
+                                      : WizardText(IDS_BROWSER_NO_PAGE, { CVoBrowserPolicy::Show(url), ReasonOf(code) }));
     });
 }
 

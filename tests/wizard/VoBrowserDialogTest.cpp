@@ -172,7 +172,9 @@ TEST_F(BrowserDialog, SaysWhyAPageCannotBeLoadedAndTriesAgain)
             EXPECT_FALSE(::IsWindowVisible(message));
             EXPECT_TRUE(browser.Raise(DISPID_NAVIGATEERROR, &browser, url, INET_E_RESOURCE_NOT_FOUND));
             EXPECT_TRUE(::IsWindowVisible(message));
-            EXPECT_NE(std::wstring::npos, TextOf(dialog, IDC_BROWSER_MESSAGE).find(L"http://start.example/ cannot be loaded"));
+            EXPECT_NE(std::wstring::npos,
+                      TextOf(dialog, IDC_BROWSER_MESSAGE)
+                          .find(L"http://start.example/ cannot be loaded: the server was not found (0x800C0005)"));
             Press(dialog, IDC_BROWSER_AGAIN);
             return;
         }
