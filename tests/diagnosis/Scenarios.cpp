@@ -526,11 +526,22 @@ const std::vector<CScenario>& All()
           "http-wininet redirect_loop", "", "http-winhttp redirect_loop!, http-curl redirect_loop!" },
         { "curl is sent to another host", [](CFacts& f) { Redirect(f, L"https://www2.server.test/x"); }, "degraded", "", "",
           "http-curl redirect_other_host" },
+        { "WinINet does not use the given proxy",
+          [](CFacts& f)
+    {
+        UseProxy(f);
+        f.input.isProxyGiven = true;
+        Fail(f.http[0], E::NameNotFound, L"the name is unknown");
+    }, "proxy", "http-wininet transport_failed", "winhttp", "agreement transports_differ" },
         { "redirected to a host with an unknown name",
           [](CFacts& f)
     {
         FailAll(f, E::NameNotFound, L"the name is unknown");
         Redirect(f, L"https://www2.server.test/x");
+        // As libcurl tells it.
+        f.http[2].facts.record.attempts.back().redirects.clear();
+        f.http[2].facts.record.attempts.back().responses.push_back(
+            { L"", 302, L"", { { L"Location", L"https://www2.server.test/x" } }, {} });
     }, "server", "http-wininet redirect_other_host", "", "http-winhttp redirect_other_host!, http-curl redirect_other_host!" },
         { "redirected to a host with a bad certificate",
           [](CFacts& f)

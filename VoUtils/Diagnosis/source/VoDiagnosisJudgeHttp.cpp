@@ -44,10 +44,21 @@ void AddFacts(CFinding& finding, const CHttpProbe& probe)
     finding.Fact("remoteAddress", attempt.remoteAddress).Fact("proxy", attempt.proxy).Fact("reason", attempt.reason);
 }
 
+// Where the last redirect leads, without its query; empty for none. A service that follows redirects itself may fail before it
+// tells that it does.
+std::wstring TargetOf(const CAttempt& attempt)
+{
+    const bool isRedirect = !attempt.responses.empty() && attempt.responses.back().statusCode / 100 == 3;
+    const std::wstring location = isRedirect ? HeaderOf(attempt.responses.back(), L"Location") : std::wstring();
+    if (!location.empty())
+        return ReportedUrl(location);
+    return attempt.redirects.empty() ? std::wstring() : attempt.redirects.back();
+}
+
 // The host that a request ended at, when it is another one.
 std::wstring OtherHost(const CFacts& f, const CAttempt& attempt)
 {
-    const std::wstring host = attempt.redirects.empty() ? std::wstring() : HostOf(attempt.redirects.back());
+    const std::wstring host = HostOf(TargetOf(attempt));
     return host.empty() || IsSameSite(host, f.address.host) ? std::wstring() : host;
 }
 
@@ -112,13 +123,6 @@ bool IsLoop(const CAttempt& attempt)
     { return std::count(attempt.redirects.begin(), attempt.redirects.end(), url) > 1; });
 }
 
-// Where a redirect leads that was not followed.
-std::wstring RefusedTarget(const CAttempt& attempt, const std::wstring& reason)
-{
-    const std::wstring location = attempt.responses.empty() ? std::wstring() : HeaderOf(attempt.responses.back(), L"Location");
-    return location.empty() ? reason : ReportedUrl(location) + L", which is not followed";
-}
-
 // The failure of a request that no other check explains.
 CProblem ProblemOf(const CHttpProbe& probe)
 {
@@ -141,7 +145,7 @@ CProblem ProblemOf(const CHttpProbe& probe)
     case EVoFailure::RedirectRefused:
         if (IsLoop(attempt))
             return { "redirect_loop", attempt.redirects.empty() ? reason : attempt.redirects.back() };
-        return { "redirect_other_host", RefusedTarget(attempt, reason) };
+        return { "redirect_other_host", TargetOf(attempt).empty() ? reason : TargetOf(attempt) + L", which is not followed" };
     case EVoFailure::ResponseLimit:
         return { "response_malformed", reason };
     default:
@@ -204,13 +208,17 @@ std::optional<CFinding> JudgeHttp(const CFacts& f, const CHttpProbe& probe)
     if (!probe.state.IsDone() || (isWaiting && isBeforeResponse))
         return finding.Fault("timeout", status, reason);
     // The address itself is fine, and a redirect leads to one that is not.
-    if (!attempt.redirects.empty())
-        finding.Advise(L"The server redirects to " + attempt.redirects.back() + L": run the diagnosis for that address.");
+    if (const std::wstring target = TargetOf(attempt); !target.empty())
+        finding.Advise(L"The server redirects to " + target + L": run the diagnosis for that address.");
     if (same == ESameFault::Tls || same == ESameFault::Connect ||
         (same == ESameFault::Proxy && attempt.failure != EVoFailure::ProxyCredentials))
     {
         if (same == ESameFault::Tls)
             finding.Area(EVoVerdict::Tls);
+        else if (probe.kind == kWinINet && isProxyUsed && f.input.isProxyGiven)
+            finding.Area(EVoVerdict::Proxy)
+                .Advise(L"WinINet uses the proxy of the Internet settings, not the given one: set " +
+                        f.proxy.explanation.proxy + L" there.");
         return OtherHost(f, attempt).empty() ? finding.Fault("transport_failed", status, reason)
                                              : finding.Fault("redirect_other_host", status, reason);
     }
