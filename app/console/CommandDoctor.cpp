@@ -179,7 +179,7 @@ public:
         options.Add("--html", m_html, "Also write the report as one page, which may be mailed and printed")
             .TypeName("FILE")
             .NotEmpty();
-        options.Add("--watch", m_watch, "Again every S seconds until Ctrl+C, for faults that come and go")
+        options.Add("--watch", m_watch, "Again every S seconds until Ctrl+C, one line a pass, for faults that come and go")
             .TypeName("S")
             .InRange(1, 86400);
         options.AddFlag("--causes", m_causes, "Print the page about all causes that can be found, and check nothing");
@@ -270,13 +270,15 @@ private:
         CPrinter printer(writer, diagnosis);
         CVoDiagnosisReport report;
         interruption.Watch(&diagnosis);
-        const HRESULT hr = diagnosis.Run(context.Options().json ? nullptr : &printer, report);
+        const HRESULT hr = diagnosis.Run(context.Options().json || m_watch != 0 ? nullptr : &printer, report);
         interruption.Watch(nullptr);
         Check(printer.Failure());
         if (FAILED(hr) && !report.isCancelled)
             Check(hr);
         if (context.Options().json)
             context.Streams().out.Write(VoRenderJson(report) + '\n');
+        else if (m_watch != 0)
+            writer.Write({ VoRenderPass(report, writer.IsUnicode()) });
         else
             writer.Write(VoRenderConclusion(report, writer.IsUnicode()));
         if (!m_html.empty())

@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cstring>
 #include <random>
 #include <set>
 
@@ -99,6 +100,7 @@ TEST(DiagnosisJudge, CancelledChecksAreSkippedAndTold)
     facts.http[1].state.state = EState::Running;
     const CVoDiagnosisReport report = ReportOf(facts);
     EXPECT_TRUE(report.isCancelled);
+    EXPECT_EQ(report.timelines[1].result, kResultCancelled);
     EXPECT_EQ(report.failedCheck, "");
     EXPECT_EQ(nlohmann::json::parse(VoRenderJson(report))["result"], "0x800704C7");
 }
@@ -150,6 +152,24 @@ TEST(DiagnosisRender, MakesInvisibleCharactersVisibleAndCutsLongTexts)
     EXPECT_EQ(VoVisibleText(L"a\x1b\u202E\u2066\x7F\x85z"), L"a\\u001B\\u202E\\u2066\\u007F\\u0085z");
     EXPECT_EQ(VoVisibleText(std::wstring(50, L'x'), 3), L"xxx...");
     EXPECT_EQ(VoVisibleText(L"\xD83D\xDE00", 1), L"\xFFFD...");
+}
+
+TEST(DiagnosisRender, OnePassIsOneLine)
+{
+    for (const CScenario& scenario : All())
+    {
+        const CVoDiagnosisReport report = ReportOf(FactsOf(scenario));
+        std::wstring text;
+        for (const CVoTextPiece& piece : VoRenderPass(report, false))
+            text += piece.text;
+        EXPECT_EQ(text.find(L'\n'), std::wstring::npos) << scenario.name;
+        EXPECT_TRUE(text.starts_with(report.time +
+                                     (report.verdict == EVoVerdict::Ok         ? L" + "
+                                      : report.verdict == EVoVerdict::Degraded ? L" ! "
+                                                                               : L" x ") +
+                                     std::wstring(scenario.verdict, scenario.verdict + std::strlen(scenario.verdict))))
+            << scenario.name;
+    }
 }
 
 TEST(DiagnosisRender, BarsHaveOneScaleAndShowEachPhase)

@@ -54,6 +54,9 @@ struct CPhase
 [[nodiscard]] INT64 LongestOf(const CVoDiagnosisReport& report) noexcept;
 } // namespace VoDiagnosisText
 
+// The whole report on one line, for a run that is repeated: when, the verdict, what is wrong. Throws std::bad_alloc.
+[[nodiscard]] CVoTextLine VoRenderPass(const CVoDiagnosisReport& report, bool unicode);
+
 // One JSON object on one line (UTF-8, no line end). Throws std::bad_alloc.
 [[nodiscard]] std::string VoRenderJson(const CVoDiagnosisReport& report);
 

@@ -269,9 +269,20 @@ CVoTimeline TimelineOf(const CHttpProbe& probe)
     const CAttempt& attempt = LastAttempt(probe.facts);
     CVoTimeline line;
     line.engine = probe.engine;
-    line.result = probe.state.IsDone()                     ? probe.facts.result
-                  : probe.state.state == EState::Cancelled ? kResultCancelled
-                                                           : kResultTimeout;
+    switch (probe.state.state)
+    {
+    case EState::Done:
+        line.result = probe.facts.result;
+        break;
+    case EState::TimedOut:
+        line.result = kResultTimeout;
+        break;
+    case EState::NotRun:
+        line.result = E_INVALIDARG; // the address is malformed
+        break;
+    default:
+        line.result = kResultCancelled;
+    }
     line.statusCode = probe.facts.statusCode;
     line.remoteAddress = attempt.remoteAddress;
     line.name = attempt.times.name;

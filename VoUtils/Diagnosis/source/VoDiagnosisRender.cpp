@@ -49,6 +49,13 @@ constexpr bool IsInvisible(wchar_t c) noexcept
            (c >= 0x2060 && c <= 0x206F) || c == 0xFEFF;
 }
 
+constexpr EStyle StyleOf(EVoVerdict verdict) noexcept
+{
+    if (verdict == EVoVerdict::Ok)
+        return EStyle::Good;
+    return verdict == EVoVerdict::Degraded ? EStyle::Warning : EStyle::Bad;
+}
+
 std::wstring Padded(std::wstring text, size_t width)
 {
     text.resize(std::max(text.size(), width), L' ');
@@ -174,13 +181,23 @@ std::vector<CVoTextLine> VoRenderConclusion(const CVoDiagnosisReport& report, bo
                           { EStyle::Plain, VoFormat(L" %.1f ms", static_cast<double>(EndOf(line)) / 1000) } });
     }
     lines.emplace_back();
-    const EStyle style = report.verdict == EVoVerdict::Ok         ? EStyle::Good
-                         : report.verdict == EVoVerdict::Degraded ? EStyle::Warning
-                                                                  : EStyle::Bad;
-    lines.push_back({ { style, VoVisibleText(report.summary) } });
+    lines.push_back({ { StyleOf(report.verdict), VoVisibleText(report.summary) } });
     for (const std::wstring& step : report.advice)
         lines.push_back({ { EStyle::Plain, (unicode ? L"  \u2192 " : L"  > ") + VoVisibleText(step) } });
     return lines;
+}
+
+CVoTextLine VoRenderPass(const CVoDiagnosisReport& report, bool unicode)
+{
+    constexpr size_t kVerdictWidth = 11; // "credentials"
+    EVoCheckStatus status = report.verdict == EVoVerdict::Ok ? EVoCheckStatus::Pass : EVoCheckStatus::Fail;
+    if (report.verdict == EVoVerdict::Degraded)
+        status = EVoCheckStatus::Warn;
+    const CMark mark = MarkOf(status);
+    return { { EStyle::Faint, VoVisibleText(report.time) + L' ' },
+             { mark.style, std::wstring(unicode ? mark.unicode : mark.plain) + L' ' +
+                               Padded(WideOf(VoVerdictName(report.verdict)), kVerdictWidth) + L' ' },
+             { EStyle::Plain, VoVisibleText(report.summary, kDetailLimit) } };
 }
 
 namespace
