@@ -226,6 +226,7 @@ private:
         options.mayAsk = m_connection.MayAsk();
         options.proxyStore = CVoComPtr<CVoGlobalHTTPProxyStoreImpl>(&m_connection.Proxy().Apply(context));
         options.isProxyGiven = m_connection.Proxy().IsGiven();
+        options.proxyScript = FromUtf8(m_connection.Proxy().Script());
         options.verifyServerCertificate = m_connection.Verifies();
         options.checkRevocation = m_connection.ChecksRevocation();
         options.connectTimeout = m_connection.ConnectTimeout();

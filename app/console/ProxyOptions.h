@@ -12,6 +12,7 @@ public:
     [[nodiscard]] CVoGlobalHTTPProxyStoreImpl& Apply(CContext& context) const;
 
     // Whether an option says it; otherwise the user's Internet settings apply.
+    [[nodiscard]] const std::string& Script() const noexcept { return m_pac; }
     [[nodiscard]] bool IsGiven() const noexcept { return m_autoDetect || m_noProxy || !m_pac.empty() || !m_proxy.empty(); }
 
 private:

@@ -235,6 +235,7 @@ CVoDiagnosisOptions CWizardModel::MakeOptions() const
         if (const HRESULT hr = options.proxyStore->Init(*config); FAILED(hr))
             throw CVoHResultException(hr);
         options.isProxyGiven = true;
+        options.proxyScript = config->pacFileUrl;
     }
     return options;
 }

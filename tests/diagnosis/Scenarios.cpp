@@ -166,6 +166,15 @@ void ScriptFails(CFacts& f, DWORD error)
     f.proxy.explanation.error = error;
     f.proxy.explanation.tried = { { L"run the proxy script", HResultFromWin32(error), 2000 } };
 }
+void ProxyIsUndecided(CFacts& f)
+{
+    f.State(EProbe::Proxy).state = EState::TimedOut;
+    for (CHttpProbe& probe : f.http)
+    {
+        probe.state.state = EState::TimedOut;
+        probe.facts = {};
+    }
+}
 void BadCertificate(CFacts& f, DWORD chainStatus, EVoFailure failure = EVoFailure::Certificate)
 {
     f.tls.chainStatus = chainStatus;
@@ -307,6 +316,14 @@ const std::vector<CScenario>& All()
         NoConnection(f, EOutcome::TimedOut);
         ScriptFails(f, 12167);
     }, "proxy", "proxy proxy_script_unreachable", "", "connect connect_timeout" },
+        { "the script's server is silent, and the requests wait for the script",
+          [](CFacts& f)
+    {
+        f.input.proxyScript = L"http://wpad.test/proxy.pac";
+        ProxyIsUndecided(f);
+    }, "proxy", "proxy proxy_script_unreachable", "", "" },
+        { "the detection does not end, and the requests wait for it", [](CFacts& f) { ProxyIsUndecided(f); }, "proxy",
+          "proxy proxy_detection_failed", "", "" },
         { "the script has an error",
           [](CFacts& f)
     {

@@ -22,6 +22,7 @@ struct CVoDiagnosisOptions
     // The proxies to use. Null: a store of the diagnosis' own with the user's Internet settings.
     CVoComPtr<CVoGlobalHTTPProxyStoreImpl> proxyStore;
     bool isProxyGiven = false; // the store was configured by the caller, not by the user's Internet settings
+    std::wstring proxyScript;  // with isProxyGiven: the address of the script that the store uses; empty: none
 
     bool verifyServerCertificate = true;
     bool checkRevocation = false;

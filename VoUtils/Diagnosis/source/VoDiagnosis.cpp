@@ -142,6 +142,10 @@ void CRunner::Prepare()
     input.verify = o.verifyServerCertificate;
     input.checkRevocation = o.checkRevocation;
     input.isProxyGiven = o.isProxyGiven;
+    CHTTPProxyConfigData user;
+    if (!o.isProxyGiven)
+        (void)user.InitFromIE(); // without settings there is no script
+    input.proxyScript = ReportedUrl(o.isProxyGiven ? o.proxyScript : user.pacFileUrl);
     input.probeTimeout = o.probeTimeout;
     for (const UINT32 kind : input.engines)
         m_facts.http.push_back({ kind, VoFindHTTPTransport(kind)->name, {}, {} });

@@ -57,6 +57,7 @@ struct CInput
     bool verify = true;
     bool checkRevocation = false;
     bool isProxyGiven = false;
+    std::wstring proxyScript; // that the store uses, without its query; empty for none
     UINT32 probeTimeout = 10; // seconds
 };
 

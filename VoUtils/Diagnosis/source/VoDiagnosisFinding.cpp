@@ -199,6 +199,11 @@ const char* TlsCauseOf(EVoFailure failure) noexcept
     }
 }
 
+bool IsProxyUndecided(const CFacts& facts) noexcept
+{
+    return facts.State(EProbe::Proxy).state == EState::TimedOut;
+}
+
 bool AreAllOver(const CFacts& facts) noexcept
 {
     return std::all_of(facts.states.begin(), facts.states.end(), [](const CProbeState& s) { return s.IsOver(); }) &&

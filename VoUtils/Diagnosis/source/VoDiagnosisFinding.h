@@ -73,6 +73,8 @@ private:
 // The cause of the tls check that a transport's failure means; null when TLS did not fail.
 [[nodiscard]] const char* TlsCauseOf(EVoFailure failure) noexcept;
 
+// The store used the whole time of its probe to find the proxy.
+[[nodiscard]] bool IsProxyUndecided(const CFacts& facts) noexcept;
 // Whether every probe is over.
 [[nodiscard]] bool AreAllOver(const CFacts& facts) noexcept;
 [[nodiscard]] bool AnyWorks(const CFacts& facts) noexcept;

@@ -51,6 +51,8 @@ bool NeedsProxy(const CFacts& f)
 // A script was to name the proxy and did not.
 bool IsScriptMissing(const CFacts& f)
 {
+    if (IsProxyUndecided(f))
+        return !f.input.proxyScript.empty();
     return f.State(EProbe::Proxy).IsDone() && f.proxy.explanation.proxy.empty() && f.proxy.explanation.error != 0 &&
            f.proxy.explanation.source == CVoProxyExplanation::ESource::Script;
 }
@@ -323,7 +325,7 @@ std::optional<CFinding> JudgeProxy(const CFacts& f)
                           { "result", HResultText(step.result) },
                           { "ms", std::chrono::microseconds(step.microseconds) } });
     finding.FactOf({ "tried", std::move(tried) });
-    const bool isUndecided = f.State(EProbe::Proxy).state != EState::Done || FAILED(f.proxy.result);
+    const bool isUndecided = IsProxyUndecided(f) || FAILED(f.proxy.result);
     if (!isUndecided && e.error == 0)
     {
         if (e.isBypassed)
@@ -345,14 +347,17 @@ std::optional<CFinding> JudgeProxy(const CFacts& f)
     if (e.error == kBadScript || e.error == kUnhandledScript || e.error == kScriptError)
         return finding.Fault("proxy_script_broken", WhenMainFails(f), e.script.empty() ? L"found in the network" : e.script,
                              why);
-    if (e.source == ESource::Script)
-        return finding.Fault("proxy_script_unreachable", WhenMainFails(f), e.script, why);
+    if (e.source == ESource::Script || IsScriptMissing(f))
+        return finding.Fault("proxy_script_unreachable", WhenMainFails(f), e.script.empty() ? f.input.proxyScript : e.script,
+                             why);
     // Most networks have no script: that alone is no fault. It counts when nothing can be reached without a proxy.
     const bool isReached = std::any_of(f.connect.begin(), f.connect.end(), [](const CConnectAttempt& a)
     { return a.outcome == EOutcome::Ok || a.outcome == EOutcome::Refused; });
     if (!isUndecided && (isReached || AnyWorks(f)))
         return finding.Pass(L"None: automatic detection, by " + settings + L", finds no script in the network.");
-    return finding.Fault("proxy_detection_failed", EVoCheckStatus::Warn, why);
+    // The transports wait for the same decision.
+    return finding.Fault("proxy_detection_failed", IsProxyUndecided(f) && isReached ? WhenMainFails(f) : EVoCheckStatus::Warn,
+                         why);
 }
 
 // Whether the proxy let the request through to the server, which answered or began TLS.

@@ -199,9 +199,11 @@ std::optional<CFinding> JudgeHttp(const CFacts& f, const CHttpProbe& probe)
     if ((same == ESameFault::Proxy || isWaiting || h.statusCode == f.proxyConnect.statusCode) && isProxyUsed && proxyConnect &&
         proxyConnect->status == EVoCheckStatus::Fail)
         return finding.Skip(L"The proxy does not let it through: " + reason + L".");
+    const bool isBeforeResponse = h.statusCode == 0;
+    if (IsProxyUndecided(f) && isWaiting && isBeforeResponse)
+        return finding.Skip(L"It waits for the proxy to be found: " + reason + L".");
     // The certificate is refused, or the connection ends where TLS does.
     const auto tls = JudgeTlsCheck(f);
-    const bool isBeforeResponse = h.statusCode == 0;
     if (tls && tls->IsFailure() && isBeforeResponse)
         return finding.Skip(L"TLS does not let it through: " + reason + L".");
     constexpr UINT32 kWinINet = 0;
