@@ -537,6 +537,13 @@ const std::vector<CScenario>& All()
           "server", "http-wininet response_truncated", "", "http-winhttp response_truncated!, http-curl response_truncated!" },
         { "the server is silent", [](CFacts& f) { FailAll(f, E::ResponseTimeOut, L"no response in time"); }, "server",
           "http-wininet timeout", "", "http-winhttp timeout!, http-curl timeout!" },
+        { "the server is silent, and WinINet calls that malformed",
+          [](CFacts& f)
+    {
+        FailAll(f, E::ResponseTimeOut, L"no response in time");
+        Fail(f.http[0], E::ResponseMalformed, L"malformed or missing");
+        f.http[0].state.microseconds = 10'000'000;
+    }, "server", "http-wininet timeout", "", "http-winhttp timeout!, http-curl timeout!" },
         { "the server hangs up", [](CFacts& f) { FailAll(f, E::ConnectionLost, L"the connection was lost"); }, "server",
           "http-wininet connection_lost", "", "http-winhttp connection_lost!, http-curl connection_lost!" },
         { "redirects without end", [](CFacts& f) { FailAll(f, E::RedirectLoop, L"too many redirects", 302); }, "server",

@@ -131,7 +131,8 @@ constexpr CVoDiagnosisCause kCauses[] = {
       L"Windows cannot find out whether the certificate was revoked. The request fails because the check is switched on.",
       L"The issuer's revocation list and its OCSP service could not be reached in time.",
       L"Whether the certificate of {host} was revoked cannot be checked: {what}.",
-      L"Let the issuer's servers through the firewall: {what}.\nOr switch HTTPCheckServerCertRevocation off in "
+      L"Let the issuer's revocation servers through the firewall: they use plain http, port 80.\nOr switch "
+      L"HTTPCheckServerCertRevocation off in "
       L"ModuleSettings.ini." },
     { "captive_portal", "portal", V::Portal, 10,
       L"The network answers in place of the server, because somebody must sign in or accept its terms first.",

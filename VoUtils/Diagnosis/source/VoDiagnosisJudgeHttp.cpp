@@ -192,7 +192,10 @@ std::optional<CFinding> JudgeHttp(const CFacts& f, const CHttpProbe& probe)
         probe.state.IsDone() ? (attempt.reason.empty() ? ErrorTextOf(h.result) : attempt.reason) : L"it does not end in time";
     const ESameFault same = SameFaultOf(f, attempt.failure, attempt.isProxyFailure);
     const bool isProxyUsed = !f.proxy.explanation.proxy.empty();
-    const bool isWaiting = probe.state.state == EState::TimedOut || CVoHTTPMessage::IsTimeOut(h.result);
+    // A service that gets no response in its time may call that a malformed one.
+    const bool isTimeUsed = attempt.failure == EVoFailure::ResponseMalformed && h.statusCode == 0 &&
+                            probe.state.microseconds >= INT64{ f.input.probeTimeout } * 1'000'000;
+    const bool isWaiting = probe.state.state == EState::TimedOut || CVoHTTPMessage::IsTimeOut(h.result) || isTimeUsed;
     if ((same == ESameFault::Connect || isWaiting) && !isProxyUsed && IsNoAddressReached(f))
         return finding.Skip(L"It cannot connect: " + reason + L".");
     const auto proxyConnect = Judge(f, "proxy-connect");
@@ -227,6 +230,9 @@ std::optional<CFinding> JudgeHttp(const CFacts& f, const CHttpProbe& probe)
     const CProblem problem = ProblemOf(probe);
     if (probe.kind == kWinINet && std::string_view(problem.cause) == "authentication")
         finding.Advise(L"WinINet asks in the system's dialog, which is shown only when it is allowed (--ask).");
+    if (isProxyUsed && !f.proxyConnect.isTunnel && h.statusCode >= 400)
+        finding.Advise(L"Ask the administrator of the proxy " + f.proxy.explanation.proxy +
+                       L", too: it may answer in place of the server.");
     return finding.Fault(problem.cause, status, problem.what);
 }
 

@@ -214,7 +214,6 @@ CApply CollectProxyConnect(const CProbeContext& context)
     };
 }
 
-// A redirect in a page: <meta http-equiv="refresh" ... url=...>.
 bool HasGatewayMark(std::string_view body) noexcept
 {
     // The mark of the Wi-Fi Alliance's protocol for access gateways.
