@@ -389,6 +389,60 @@ TEST(Diagnosis, TellsEachFinalStateOnce)
     EXPECT_EQ(CVoDiagnosis(options).Run(nullptr, report), E_INVALIDARG);
 }
 
+// Answers when it is told to.
+class CSlowUser final : public CVoIUnknownImplWithFreeThreadedMarshaller<IVoAuthenticationCallback>
+{
+public:
+    explicit CSlowUser(std::shared_future<void> decided) : m_decided(std::move(decided)) {}
+
+    STDMETHODIMP SetParentWindow(HWND) noexcept override { return S_OK; }
+    STDMETHODIMP OnProxyAuthNeeded(BSTR, BSTR, BSTR, BSTR*, BSTR*, VARIANT_BOOL*) noexcept override { return E_NOTIMPL; }
+    STDMETHODIMP OnServerAuthNeeded(BSTR, BSTR, BSTR, BSTR* user, BSTR* password, VARIANT_BOOL* cancelled) noexcept override
+    {
+        m_asked = VoGetMicroseconds();
+        m_decided.wait();
+        *user = ::SysAllocString(L"ann");
+        *password = ::SysAllocString(L"secret");
+        *cancelled = VARIANT_FALSE;
+        return S_OK;
+    }
+
+    // Since when it is asked; 0: it is not.
+    [[nodiscard]] INT64 Asked() const noexcept { return m_asked; }
+
+private:
+    std::shared_future<void> m_decided;
+    std::atomic<INT64> m_asked{ 0 };
+};
+
+TEST(Diagnosis, TimeDoesNotRunOutWhileTheUserIsAsked)
+{
+    const Loopback::CLoopbackServer server([](const CRequest& request, CConnection& connection)
+    {
+        const bool isKnown = !request.Header("Authorization").empty();
+        connection.SendResponse(isKnown ? 200 : 401, { { "WWW-Authenticate", "Basic realm=\"x\"" } });
+    });
+    std::promise<void> decided;
+    const auto user = VoMakeComObject<CSlowUser>(decided.get_future().share());
+    bool isDecided = false;
+    const CVoDiagnosisReport report = Diagnose(server.URL(), [&](Options& options)
+    {
+        OnlyCurl(options);
+        options.probeTimeout = 1;
+        options.makeAuthCallback = [&] { return CVoComPtr<IVoAuthenticationCallback>(user.Get()); };
+        options.isAsking = [&]
+        {
+            // Longer than a request may take.
+            const bool isAsking = user->Asked() != 0 && VoGetMicroseconds() - user->Asked() < 1'500'000;
+            if (user->Asked() != 0 && !isAsking && !std::exchange(isDecided, true))
+                decided.set_value();
+            return isAsking;
+        };
+    });
+    EXPECT_EQ(report.verdict, EVoVerdict::Ok) << Narrow(report.summary);
+    EXPECT_TRUE(isDecided);
+}
+
 TEST(Diagnosis, EndsWhenItIsCancelled)
 {
     std::promise<void> arrived;

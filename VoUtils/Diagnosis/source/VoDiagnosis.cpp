@@ -111,6 +111,7 @@ private:
     void Start(CTask& task);
     void Wait();
     void TakeResults();
+    void ExtendWhileAsking();
     void EndOverdue();
     void JudgeAll();
     [[nodiscard]] CProbeState& StateOf(const CTask& task) noexcept
@@ -233,7 +234,7 @@ void CRunner::SetRunning(const CTask& task)
 
 void CRunner::Wait()
 {
-    INT64 next = VoGetMicroseconds() + 3600 * kMicrosecondsPerSecond;
+    INT64 next = VoGetMicroseconds() + (m_options->isAsking ? 1 : 3600) * kMicrosecondsPerSecond;
     for (const CTask& task : m_tasks)
         if (StateOf(task).state == EState::Running)
             next = std::min(next, task.deadline + kGrace);
@@ -260,20 +261,25 @@ void CRunner::TakeResults()
     }
 }
 
+// The user's time is not the request's: while a question is open, each request has all of its time left.
+void CRunner::ExtendWhileAsking()
+{
+    if (!m_options->isAsking || !m_options->isAsking())
+        return;
+    const INT64 deadline = VoGetMicroseconds() + INT64{ m_options->probeTimeout } * kMicrosecondsPerSecond;
+    for (CTask& task : m_tasks)
+        if (!task.row)
+            task.deadline = deadline;
+}
+
 void CRunner::EndOverdue()
 {
     const INT64 now = VoGetMicroseconds();
-    for (CTask& task : m_tasks)
+    for (const CTask& task : m_tasks)
     {
         CProbeState& state = StateOf(task);
         if (state.state != EState::Running || now < task.deadline + kGrace)
             continue;
-        // The user's time is not the request's.
-        if (!task.row && m_options->isAsking && m_options->isAsking())
-        {
-            task.deadline = now + kMicrosecondsPerSecond;
-            continue;
-        }
         state = { EState::TimedOut, now - task.start };
         task.stop->Signal();
     }
@@ -320,6 +326,7 @@ CVoDiagnosisReport CRunner::Run()
     {
         Wait();
         TakeResults();
+        ExtendWhileAsking();
         EndOverdue();
         StartReady();
         if (!m_isCancelled)
