@@ -43,7 +43,6 @@ protected:
     }
     void OnActivate() override
     {
-        Refresh();
         m_list.Select(Model().FirstRow());
         ShowDetails();
         SetText(IDC_STATUS, {});

@@ -17,7 +17,9 @@
 
 namespace
 {
-constexpr size_t kDetailLimit = 1000; // characters of what a server sent
+// Characters of what a server sent. Each may become six to be visible, and a cell of a list holds about a thousand.
+constexpr size_t kDetailLimit = 1000;
+constexpr size_t kRowLimit = 160;
 constexpr std::string_view kPortal = "captive_portal";
 
 std::optional<CServerAddressData> AddressOf(const std::wstring& url)
@@ -298,7 +300,7 @@ std::vector<CWizardRow> CWizardModel::Rows() const
     std::vector<CWizardRow> rows;
     for (const CVoCheck& check : m_checks)
         rows.push_back(
-            { WizardText(StateText(check.status)), check.name, VoVisibleText(check.detail, kDetailLimit), check.status });
+            { WizardText(StateText(check.status)), check.name, VoVisibleText(check.detail, kRowLimit), check.status });
     return rows;
 }
 

@@ -164,15 +164,16 @@ INT_PTR CWizardPage::OnSheetNotify(const NMHDR& header)
     {
     case PSN_SETACTIVE:
         m_wizard.OnActivated(m_page);
-        OnActivate();
         Refresh();
+        OnActivate();
         return Result(0);
+    // A key may come before the button of the page is switched off.
     case PSN_WIZNEXT:
-        return Result(OnNext() ? 0 : -1);
+        return Result(m_wizard.Model().CanGoOn(m_page) && OnNext() ? 0 : -1);
     case PSN_WIZBACK:
-        if (m_page == EWizardPage::Result)
-            return Result(IDD_PROXY);
-        return Result(m_wizard.Model().CanGoBack(m_page) ? 0 : -1);
+        if (!m_wizard.Model().CanGoBack(m_page))
+            return Result(-1);
+        return Result(CWizardModel::PageBefore(m_page) == EWizardPage::Proxy ? IDD_PROXY : IDD_SERVER);
     case PSN_QUERYCANCEL:
     case PSN_WIZFINISH:
         m_wizard.Forget();

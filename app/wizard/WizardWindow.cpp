@@ -197,14 +197,8 @@ LRESULT CALLBACK CWizardWindow::OnQueueMessage(HWND window, UINT message, WPARAM
         ::RemoveWindowSubclass(window, &OnQueueMessage, id);
     if (message != kWorkPosted)
         return ::DefSubclassProc(window, message, wParam, lParam);
-    try
-    {
-        reinterpret_cast<CWizardWindow*>(self)->m_queue->RunAll();
-    }
-    catch (...)
-    {
-        ::MessageBeep(MB_ICONERROR);
-    }
+    const std::shared_ptr<CWizardQueue> queue = reinterpret_cast<CWizardWindow*>(self)->m_queue;
+    queue->RunAll();
     return 0;
 }
 

@@ -54,7 +54,7 @@ catch (...)
     // No memory.
 }
 
-void CWizardQueue::RunAll()
+void CWizardQueue::RunAll() noexcept
 {
     std::vector<std::function<void()>> work;
     {
@@ -62,7 +62,14 @@ void CWizardQueue::RunAll()
         work.swap(m_work);
     }
     for (const std::function<void()>& item : work)
-        item();
+        try
+        {
+            item();
+        }
+        catch (...)
+        {
+            ::MessageBeep(MB_ICONERROR); // no memory: the next item may need less, and may end the run
+        }
 }
 
 void CWizardQueue::Close() noexcept

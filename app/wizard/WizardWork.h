@@ -21,7 +21,7 @@ public:
     // Any thread. After Close the work is dropped. Without memory, too: then the window learns nothing of it.
     void Post(std::function<void()> work) noexcept;
     // Runs what was posted, in order. The window's thread.
-    void RunAll();
+    void RunAll() noexcept;
     // Drops all work, also that of later posts; `notify` is not called afterwards. The window's thread.
     void Close() noexcept;
 
