@@ -101,6 +101,23 @@ CWizardUser& CWizardUser::Key(WORD key)
     return Step(IsIdle);
 }
 
+CWizardUser& CWizardUser::Clear()
+{
+    Step([]
+    {
+        std::vector<INPUT> inputs;
+        for (const auto& [key, flags] : std::initializer_list<std::pair<WORD, DWORD>>{ { WORD{ VK_END }, 0 },
+                                                                                       { WORD{ VK_SHIFT }, 0 },
+                                                                                       { WORD{ VK_HOME }, 0 },
+                                                                                       { WORD{ VK_SHIFT }, KEYEVENTF_KEYUP },
+                                                                                       { WORD{ VK_DELETE }, 0 } })
+            inputs.push_back(KeyInput(key, flags));
+        Send(inputs);
+        return true;
+    });
+    return Step(IsIdle);
+}
+
 CWizardUser& CWizardUser::Type(const std::wstring& text)
 {
     Step([text]

@@ -44,6 +44,8 @@ public:
     CWizardUser& Alt(char letter);
     CWizardUser& Key(WORD key);
     CWizardUser& Type(const std::wstring& text);
+    // Deletes the text of the field that has the keyboard.
+    CWizardUser& Clear();
 
     // Shows the wizard; all steps must be done when it is closed.
     HRESULT Run(const std::wstring& url, CFakeShell& shell, const std::wstring& memory = {});
