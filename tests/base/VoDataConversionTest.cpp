@@ -330,6 +330,38 @@ TEST(CodecKernels, ComputeWhatTheScalarReferenceComputes)
     }
 }
 
+// Bytes are converted as the platform does, or left to it; only well-formed ones must be.
+TEST(CodecKernels, Utf8IsWidenedAsThePlatformDoes)
+{
+    constexpr std::string_view kPieces[] = { "a", "0123456789abcdefghij", "\xC2\x80", "\xDF\xBF", "\xE0\xA0\x80",
+                                             "\xED\x9F\xBF", "\xEE\x80\x80", "\xEF\xBF\xBF", "\xF0\x90\x80\x80",
+                                             "\xF4\x8F\xBF\xBF",
+                                             // not well-formed from here on
+                                             "\xC1\xBF", "\xE0\x9F\xBF", "\xED\xA0\x80", "\xF0\x8F\xBF\xBF", "\xF4\x90\x80\x80",
+                                             "\x80", "\xFF", "\xC3", "\xE2\x82", "\xF0\x9F\x98" };
+    constexpr size_t kGood = 10;
+    std::mt19937 random(13);
+    for (int round = 0; round < 20'000; ++round)
+    {
+        const bool isGood = random() % 2 == 0;
+        std::string text;
+        for (auto count = random() % 12 + 1; count > 0; --count)
+            text += kPieces[random() % (isGood ? kGood : std::size(kPieces))];
+        const CGuardedBuffer<char> bytes(text);
+        const CGuardedBuffer<wchar_t> units(text.size());
+        std::wstring expected(text.size(), L'\0');
+        const int length = ::MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text.data(), static_cast<int>(text.size()),
+                                                 expected.data(), static_cast<int>(expected.size()));
+        const std::optional<size_t> count = VoCodecKernels::WidenUtf8(bytes.View(), units.Data());
+        ASSERT_EQ(count.has_value(), length > 0) << testing::PrintToString(text);
+        if (count)
+        {
+            ASSERT_EQ(units.View().substr(0, *count), expected.substr(0, static_cast<size_t>(length)));
+        }
+        ASSERT_TRUE(count || !isGood);
+    }
+}
+
 TEST(VoDataConversion, ReportsNameTheBadQuantityFirst)
 {
     constexpr const wchar_t* kBase64 = L"VoDataConversion::Base64ToBin";

@@ -141,6 +141,12 @@ bool CVoIniContent::ReadByteLines(std::string_view bytes, UINT codePage, EMalfor
 
 bool CVoIniContent::DecodeLine(std::string_view bytes, UINT codePage, EMalformed malformed, wchar_t* place, SLine& line)
 {
+    if (codePage == CP_UTF8)
+        if (const std::optional<size_t> units = VoCodecKernels::WidenUtf8(bytes, place))
+        {
+            line.textSize = static_cast<UINT32>(*units);
+            return true;
+        }
     const DWORD flags = malformed == EMalformed::Refused ? MB_ERR_INVALID_CHARS : 0;
     const auto size = static_cast<int>(bytes.size());
     int length = ::MultiByteToWideChar(codePage, flags, bytes.data(), size, place, size);

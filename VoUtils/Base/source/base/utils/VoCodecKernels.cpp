@@ -190,6 +190,35 @@ __m128i HexDigits16(__m128i bytes) noexcept
     return _mm_add_epi8(_mm_add_epi8(nibbles, _mm_set1_epi8('0')), _mm_and_si128(isLetter, _mm_set1_epi8('A' - '0' - 10)));
 }
 
+struct CUtf8Character
+{
+    UINT32 code = 0;
+    size_t size = 0; // in bytes; 0: not well-formed
+};
+
+// The first character of bytes that are not empty.
+CUtf8Character ReadUtf8(std::string_view bytes) noexcept
+{
+    const auto lead = static_cast<BYTE>(bytes[0]);
+    if (lead < 0x80)
+        return { lead, 1 };
+    const size_t size = size_t{ 2 } + (lead >= 0xE0 ? 1U : 0U) + (lead >= 0xF0 ? 1U : 0U);
+    if (lead < 0xC2 || lead > 0xF4 || bytes.size() < size)
+        return {};
+    UINT32 code = lead & (0x7FU >> size);
+    for (size_t i = 1; i < size; ++i)
+    {
+        const auto trail = static_cast<BYTE>(bytes[i]);
+        if ((trail & 0xC0) != 0x80)
+            return {};
+        code = code << 6 | (trail & 0x3FU);
+    }
+    constexpr std::array<UINT32, 5> kLeast = { 0, 0, 0x80, 0x800, 0x10000 }; // by size
+    const bool isShortest = code >= kLeast[size];
+    const bool isSurrogate = code >= 0xD800 && code < 0xE000;
+    return isShortest && !isSurrogate && code <= 0x10FFFF ? CUtf8Character{ code, size } : CUtf8Character{};
+}
+
 // 16 characters below 256, each widened to its 16-bit unit.
 void StoreWide16(__m128i characters, wchar_t* text) noexcept
 {
@@ -398,6 +427,37 @@ size_t WidenLine(const char* from, size_t size, wchar_t* to, bool& isAscii) noex
     const size_t rest = Scalar::WidenLine(from + at, size - at, to + at, isAscii);
     isAscii = isAscii && high == 0;
     return at + rest;
+}
+
+std::optional<size_t> WidenUtf8(std::string_view bytes, wchar_t* to) noexcept
+{
+    wchar_t* const begin = to;
+    for (size_t at = 0; at < bytes.size();)
+    {
+        if (at + 16 <= bytes.size())
+        {
+            const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes.data() + at));
+            StoreWide16(block, to);
+            // The place of the first byte beyond ASCII; 16 when there is none.
+            const int ascii = std::countr_zero(static_cast<unsigned>(_mm_movemask_epi8(block)) | 0x10000U);
+            at += static_cast<size_t>(ascii);
+            to += ascii;
+            if (ascii == 16)
+                continue;
+        }
+        const CUtf8Character character = ReadUtf8(bytes.substr(at));
+        if (character.size == 0)
+            return std::nullopt;
+        if (character.code > 0xFFFF)
+        {
+            *to++ = static_cast<wchar_t>(0xD7C0 + (character.code >> 10));
+            *to++ = static_cast<wchar_t>(0xDC00 | (character.code & 0x3FF));
+        }
+        else
+            *to++ = static_cast<wchar_t>(character.code);
+        at += character.size;
+    }
+    return static_cast<size_t>(to - begin);
 }
 
 bool NarrowAscii(std::wstring_view text, char* to) noexcept

@@ -8,6 +8,7 @@
 #include <base/VoPlatform.h>
 
 #include <cstddef>
+#include <optional>
 #include <string_view>
 
 namespace VoCodecKernels
@@ -47,6 +48,9 @@ inline constexpr BYTE kNoDigit = 0xFF;
 // byte of the line as one 16-bit unit; with `isAscii` these are the line's text. Up to 15 units behind the line are written as
 // well.
 [[nodiscard]] size_t WidenLine(const char* from, size_t size, wchar_t* to, bool& isAscii) noexcept;
+// Writes UTF-8 as UTF-16, at most one unit for each byte, and returns the number of units. Nothing for bytes that are not
+// well-formed (the Unicode Standard, table 3-7): the platform decides what becomes of them.
+[[nodiscard]] std::optional<size_t> WidenUtf8(std::string_view bytes, wchar_t* to) noexcept;
 // Writes each unit of a text as one byte; false when a unit is not ASCII, the bytes are worthless then.
 [[nodiscard]] bool NarrowAscii(std::wstring_view text, char* to) noexcept;
 
