@@ -15,33 +15,60 @@
 #include <base/VoVariant.h>
 #include <base/VoWipe.h>
 
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
-// One parameter.
+// One parameter. A record that a parser read refers to the parser's copy of the text, until somebody asks for a std::wstring or
+// changes the value.
 class CParamRec
 {
 public:
-    CParamRec() = default;
-    CParamRec(CVoTextView name, CVoTextView value) : m_name(name), m_value(value) {}
+    CParamRec() noexcept = default;
+    CParamRec(CVoTextView name, CVoTextView value);
+    CParamRec(const CParamRec& other) : CParamRec(other.m_name, other.m_value) {}
+    CParamRec(CParamRec&&) noexcept = default;
+    CParamRec& operator=(const CParamRec& other) { return *this = CParamRec(other); }
+    CParamRec& operator=(CParamRec&&) noexcept = default;
+    ~CParamRec() = default;
 
     // Fills the record from one pair of parameter text: the first "=" splits it, the name loses white space at both ends, the
     // value its escapes ("$&" and "$$"; any other "$" stands for itself). E_FAIL for a pair without "=", E_INVALIDARG for a
     // null text with a length, kResultNotEnoughMemory (reported as a growable array's). The record is untouched on failure.
     [[nodiscard]] HRESULT PutParamString(const wchar_t* text, size_t length) noexcept;
 
-    [[nodiscard]] const std::wstring& Name() const noexcept { return m_name; }
-    [[nodiscard]] const std::wstring& Value() const noexcept { return m_value; }
-    void SetValue(std::wstring value) noexcept { m_value = std::move(value); }
+    // The texts without copying them. Valid until the record changes or its parser's list does.
+    [[nodiscard]] std::wstring_view NameView() const noexcept { return m_name; }
+    [[nodiscard]] std::wstring_view ValueView() const noexcept { return m_value; }
+    // The same as strings, which the first call makes. Throw std::bad_alloc.
+    [[nodiscard]] const std::wstring& Name() const { return Own().name; }
+    [[nodiscard]] const std::wstring& Value() const { return Own().value; }
+    // Throws std::bad_alloc; the record is untouched then.
+    void SetValue(std::wstring value);
     // Overwrites the value's memory, then empties it.
-    void WipeValue() noexcept { VoWipe(m_value); }
+    void WipeValue() noexcept;
 
 private:
-    std::wstring m_name;
-    std::wstring m_value;
+    friend class CVoDataParser;
+
+    struct CTexts
+    {
+        std::wstring name;
+        std::wstring value;
+    };
+
+    // Takes one pair of a parser's own copy of a text, which it overwrites with the value: `equals` is the place of the first
+    // "=". `hasEscapes`: there is a "$" in it.
+    void PutPairInPlace(std::span<wchar_t> pair, size_t equals, bool hasEscapes) noexcept;
+    void PutTexts(std::unique_ptr<CTexts> texts) noexcept;
+    CTexts& Own() const;
+
+    std::wstring_view m_name;
+    std::wstring_view m_value;
+    mutable std::unique_ptr<CTexts> m_own; // null: the texts belong to the parser, and nobody asked for strings
 };
 
 template <>
@@ -103,7 +130,7 @@ public:
     [[nodiscard]] const CParamRec* FindParam(CVoTextView name) const noexcept;
     [[nodiscard]] bool ParamExists(CVoTextView name) const noexcept { return FindParam(name) != nullptr; }
 
-    // The list in its order, for iteration.
+    // The list in its order, for iteration. Records stay where they are until the list is emptied.
     [[nodiscard]] size_t GetCount() const noexcept { return m_params.GetSize(); }
     [[nodiscard]] const CParamRec& GetAt(size_t index) const noexcept { return *m_params[index]; }
     void RemoveAll() noexcept;
@@ -134,8 +161,24 @@ private:
     [[nodiscard]] HRESULT AppendCells(CVoTextView name, const CVo2DIDArray& value);
     [[nodiscard]] HRESULT ReadCells(CVoTextView name, CVo2DIDArray& value) const;
     [[nodiscard]] HRESULT ConvertValues(HRESULT (*convert)(bool, std::wstring&) noexcept, bool useUtf8);
+    void Swap(CVoDataParser& other) noexcept;
+    // A record behind the last one of the list, to be filled; then AppendNext adds it.
+    [[nodiscard]] CParamRec& NextRecord();
+    [[nodiscard]] HRESULT AppendNext() noexcept;
+    // Copies a text to a new block.
+    [[nodiscard]] HRESULT KeepText(std::wstring_view text, std::span<wchar_t>& kept) noexcept;
 
-    CArray<CParamRec*, CParamRec*> m_params; // owned
+    // Records and the texts that they were read from stand in blocks: with an allocation for each of them, reading a short
+    // parameter would take four times as long.
+    class CBlock;
+    struct CFreeBlocks
+    {
+        void operator()(CBlock* newest) const noexcept;
+    };
+    void AddBlock(size_t records, size_t units);
+
+    CArray<CParamRec*, CParamRec*> m_params;       // in their order
+    std::unique_ptr<CBlock, CFreeBlocks> m_blocks; // the newest; each owns the one before it
 };
 
 // Parameters with a binary payload.

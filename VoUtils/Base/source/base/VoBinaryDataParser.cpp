@@ -288,21 +288,21 @@ HRESULT CVoBinaryDataParser::GetFormMessageData(UINT32* length, BYTE** buffer, s
         for (size_t i = 0; i < GetCount(); ++i)
         {
             const CParamRec& param = GetAt(i);
-            if (VoEqualsNoCase(param.Name(), kFileNameParam) || VoEqualsNoCase(param.Name(), kContentTypeParam))
+            if (VoEqualsNoCase(param.NameView(), kFileNameParam) || VoEqualsNoCase(param.NameView(), kContentTypeParam))
                 continue;
             head.append(L"--").append(line).append(L"\r\nContent-Disposition: form-data; name=\"");
-            head.append(HeaderText(param.Name(), true)).append(L"\"\r\n\r\n").append(param.Value()).append(L"\r\n");
+            head.append(HeaderText(param.NameView(), true)).append(L"\"\r\n\r\n").append(param.ValueView()).append(L"\r\n");
         }
 
         const CParamRec* const fileName = FindParam(kFileNameParam);
-        const bool hasFile = fileName && !fileName->Value().empty();
+        const bool hasFile = fileName && !fileName->ValueView().empty();
         std::wstring foot;
         if (hasFile)
         {
             const CParamRec* const contentType = FindParam(kContentTypeParam);
             head.append(L"--").append(line).append(L"\r\nContent-Disposition: form-data; name=\"file\"; filename=\"");
-            head.append(HeaderText(fileName->Value(), true)).append(L"\"\r\nContent-Type: ");
-            head.append(contentType ? HeaderText(contentType->Value(), false) : L"image/pjpeg").append(L"\r\n\r\n");
+            head.append(HeaderText(fileName->ValueView(), true)).append(L"\"\r\nContent-Type: ");
+            head.append(contentType ? HeaderText(contentType->ValueView(), false) : L"image/pjpeg").append(L"\r\n\r\n");
             foot = L"\r\n";
         }
         foot.append(L"--").append(line).append(L"--");

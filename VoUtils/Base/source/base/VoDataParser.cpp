@@ -10,9 +10,12 @@
 #include <base/utils/VoDataConversion.h>
 
 #include <algorithm>
+#include <iterator>
 #include <limits>
 #include <memory>
+#include <new>
 #include <optional>
+#include <span>
 #include <type_traits>
 
 namespace
@@ -43,13 +46,50 @@ std::wstring Unescape(CVoTextView value)
     return plain.append(value);
 }
 
-// The end of the pair that begins at `begin`: the next "&" that no "$" stands in front of, or the end of the text.
-size_t FindPairEnd(std::wstring_view text, size_t begin) noexcept
+// The same within the value's memory; returns the new length.
+size_t UnescapeInPlace(std::span<wchar_t> value) noexcept
 {
+    const auto first = std::find(value.begin(), value.end(), L'$');
+    auto to = first;
+    for (auto from = first; from != value.end(); ++from)
+    {
+        if (*from == L'$' && from + 1 != value.end() && IsReserved(from[1]))
+            ++from;
+        *to++ = *from;
+    }
+    return static_cast<size_t>(to - value.begin());
+}
+
+// One pair of parameter text: where it ends (the next "&" that no "$" stands in front of, or the end of the text), and where
+// its first "=" stands, from its begin; std::wstring_view::npos for none.
+struct CPairEnds
+{
+    size_t end = 0;
+    size_t equals = std::wstring_view::npos;
+    bool hasEscapes = false;
+};
+
+CPairEnds FindPairEnds(std::wstring_view text, size_t begin) noexcept
+{
+    CPairEnds ends;
     size_t i = begin;
-    while (i < text.size() && text[i] != L'&')
-        i += text[i] == L'$' ? size_t{ 2 } : size_t{ 1 };
-    return std::min(i, text.size());
+    for (; i < text.size(); ++i)
+    {
+        if (text[i] > L'=')
+            continue; // most characters
+        if (text[i] == L'&')
+            break;
+        if (text[i] == L'$')
+        {
+            ends.hasEscapes = true;
+            if (++i == text.size())
+                break;
+        }
+        if (text[i] == L'=' && ends.equals == std::wstring_view::npos)
+            ends.equals = i - begin;
+    }
+    ends.end = i;
+    return ends;
 }
 
 // Any value as the text of a parameter.
@@ -66,7 +106,7 @@ HRESULT VariantToText(const VARIANT& value, std::wstring& text)
 }
 
 // The text of a parameter as a variant of a type; `value` must be empty.
-HRESULT TextToVariant(const std::wstring& text, VARTYPE type, CVoVariant& value)
+HRESULT TextToVariant(CVoTextView text, VARTYPE type, CVoVariant& value)
 {
     if (type == kByteArray)
     {
@@ -129,6 +169,41 @@ bool DecodePercent(CString& text) noexcept
 }
 } // namespace
 
+CParamRec::CParamRec(CVoTextView name, CVoTextView value)
+{
+    PutTexts(std::make_unique<CTexts>(CTexts{ std::wstring(name), std::wstring(value) }));
+}
+
+void CParamRec::PutTexts(std::unique_ptr<CTexts> texts) noexcept
+{
+    m_own = std::move(texts);
+    m_name = m_own->name;
+    m_value = m_own->value;
+}
+
+CParamRec::CTexts& CParamRec::Own() const
+{
+    if (!m_own)
+        m_own = std::make_unique<CTexts>(CTexts{ std::wstring(m_name), std::wstring(m_value) });
+    return *m_own;
+}
+
+void CParamRec::SetValue(std::wstring value)
+{
+    CTexts& texts = Own();
+    texts.value = std::move(value);
+    m_value = texts.value;
+}
+
+void CParamRec::WipeValue() noexcept
+{
+    // Where the value stands in the parser's copy of the text, that memory is no constant.
+    ::SecureZeroMemory(const_cast<wchar_t*>(m_value.data()), m_value.size() * sizeof(wchar_t));
+    if (m_own)
+        VoWipe(m_own->value);
+    m_value = {};
+}
+
 HRESULT CParamRec::PutParamString(const wchar_t* text, size_t length) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CParamRec::PutParamString" };
@@ -140,9 +215,8 @@ HRESULT CParamRec::PutParamString(const wchar_t* text, size_t length) noexcept
         return report(52, E_FAIL);
     try
     {
-        std::wstring name(VoTrim(pair.substr(0, equals)));
-        m_value = Unescape(pair.substr(equals + 1));
-        m_name = std::move(name);
+        const std::wstring_view name = VoTrim(pair.substr(0, equals));
+        PutTexts(std::make_unique<CTexts>(CTexts{ std::wstring(name), Unescape(pair.substr(equals + 1)) }));
         return S_OK;
     }
     catch (...)
@@ -151,55 +225,134 @@ HRESULT CParamRec::PutParamString(const wchar_t* text, size_t length) noexcept
     }
 }
 
+void CParamRec::PutPairInPlace(std::span<wchar_t> pair, size_t equals, bool hasEscapes) noexcept
+{
+    const std::span<wchar_t> value = pair.subspan(equals + 1);
+    m_name = VoTrim(CVoTextView(pair.data(), equals));
+    m_value = std::wstring_view(value.data(), hasEscapes ? UnescapeInPlace(value) : value.size());
+    m_own.reset();
+}
+
 CVoDataParser::CVoDataParser(const CVoDataParser& other)
 {
-    for (size_t i = 0; i < other.GetCount(); ++i)
-    {
-        const CParamRec& record = other.GetAt(i);
-        if (const HRESULT hr = AddParam(record.Name(), std::wstring_view(record.Value())); FAILED(hr))
-        {
-            RemoveAll(); // no destructor runs for an object that was not made
+    for (const CParamRec* record : other.m_params)
+        if (const HRESULT hr = AddParam(record->NameView(), record->ValueView()); FAILED(hr))
             throw CVoHResultException(hr);
-        }
-    }
 }
 
 CVoDataParser::CVoDataParser(CVoDataParser&& other) noexcept
 {
-    std::swap(m_params, other.m_params);
+    Swap(other);
 }
 
 CVoDataParser& CVoDataParser::operator=(const CVoDataParser& other)
 {
     CVoDataParser copy(other);
-    std::swap(m_params, copy.m_params);
+    Swap(copy);
     return *this;
 }
 
 CVoDataParser& CVoDataParser::operator=(CVoDataParser&& other) noexcept
 {
     CVoDataParser moved(std::move(other));
-    std::swap(m_params, moved.m_params);
+    Swap(moved);
     return *this;
 }
 
-CVoDataParser::~CVoDataParser()
+CVoDataParser::~CVoDataParser() = default;
+
+// One allocation: this, then the records, then the units of the text.
+class CVoDataParser::CBlock
 {
-    RemoveAll();
+public:
+    [[nodiscard]] static CBlock* Make(size_t records, size_t units)
+    {
+        static_assert(sizeof(CBlock) % alignof(CParamRec) == 0 && sizeof(CParamRec) % alignof(wchar_t) == 0);
+        void* const memory = ::operator new(sizeof(CBlock) + records * sizeof(CParamRec) + units * sizeof(wchar_t));
+        auto* const block = new (memory) CBlock(records, units);
+        std::uninitialized_value_construct_n(block->Records(), records);
+        return block;
+    }
+    // Iteratively: there may be many.
+    static void FreeAll(CBlock* newest) noexcept
+    {
+        while (newest)
+        {
+            CBlock* const block = std::exchange(newest, newest->before);
+            std::destroy_n(block->Records(), block->size);
+            ::operator delete(block);
+        }
+    }
+
+    [[nodiscard]] CParamRec* Records() noexcept { return reinterpret_cast<CParamRec*>(this + 1); }
+    [[nodiscard]] std::span<wchar_t> Units() noexcept { return { reinterpret_cast<wchar_t*>(Records() + size), units }; }
+
+    CBlock* before = nullptr;
+    size_t size;     // of the records
+    size_t used = 0; // in the list
+    size_t units;
+
+private:
+    CBlock(size_t records, size_t unitCount) noexcept : size(records), units(unitCount) {}
+};
+
+void CVoDataParser::CFreeBlocks::operator()(CBlock* newest) const noexcept
+{
+    CBlock::FreeAll(newest);
+}
+
+void CVoDataParser::AddBlock(size_t records, size_t units)
+{
+    CBlock* const block = CBlock::Make(records, units);
+    block->before = m_blocks.release();
+    m_blocks.reset(block);
+}
+
+void CVoDataParser::Swap(CVoDataParser& other) noexcept
+{
+    std::swap(m_params, other.m_params);
+    m_blocks.swap(other.m_blocks);
 }
 
 void CVoDataParser::RemoveAll() noexcept
 {
-    for (const CParamRec* record : m_params)
-        delete record;
     m_params.RemoveAll();
+    m_blocks.reset();
 }
 
 void CVoDataParser::WipeAll() noexcept
 {
     for (CParamRec* const record : m_params)
         record->WipeValue();
+    // Also values that were changed since.
+    for (CBlock* block = m_blocks.get(); block; block = block->before)
+        ::SecureZeroMemory(block->Units().data(), block->Units().size_bytes());
     RemoveAll();
+}
+
+CParamRec& CVoDataParser::NextRecord()
+{
+    constexpr size_t kFewest = 8;
+    constexpr size_t kMost = 4096;
+    if (!m_blocks || m_blocks->used == m_blocks->size)
+        AddBlock(m_blocks ? std::clamp(2 * m_blocks->size, kFewest, kMost) : kFewest, 0);
+    return m_blocks->Records()[m_blocks->used];
+}
+
+HRESULT CVoDataParser::AppendNext() noexcept
+{
+    // Room for all records of the block at once, then the record itself.
+    if (m_blocks->used == 0)
+    {
+        const size_t count = m_params.GetSize();
+        if (const HRESULT hr = m_params.SetSize(count + m_blocks->size); FAILED(hr))
+            return hr;
+        (void)m_params.SetSize(count);
+    }
+    if (const HRESULT hr = m_params.Add(&m_blocks->Records()[m_blocks->used]); FAILED(hr))
+        return hr;
+    ++m_blocks->used;
+    return S_OK;
 }
 
 HRESULT CVoDataParser::AddParam(CVoTextView name, CVoTextView value) noexcept
@@ -207,10 +360,9 @@ HRESULT CVoDataParser::AddParam(CVoTextView name, CVoTextView value) noexcept
     constexpr CVoReporter report{ kSource, L"CVoDataParser::AddParam" };
     const auto body = [&]() -> HRESULT
     {
-        auto record = std::make_unique<CParamRec>(name, value);
-        if (const HRESULT hr = m_params.Add(record.get()); FAILED(hr))
+        NextRecord() = CParamRec(name, value);
+        if (const HRESULT hr = AppendNext(); FAILED(hr))
             return report(118, hr);
-        (void)record.release(); // the list owns it now
         return S_OK;
     };
     return report.Guard(124, body);
@@ -281,8 +433,14 @@ HRESULT CVoDataParser::AddParam(CVoTextView name, const CVo2DIDArray& value) noe
         const size_t count = GetCount();
         if (const HRESULT hr = m_params.SetSize(count + cells.GetCount()); FAILED(hr))
             return report(181, hr);
-        for (size_t i = 0; i < cells.GetCount(); ++i)
-            m_params[count + i] = std::exchange(cells.m_params[i], nullptr);
+        std::copy(cells.m_params.begin(), cells.m_params.end(), m_params.begin() + static_cast<std::ptrdiff_t>(count));
+        if (CBlock* oldest = cells.m_blocks.get())
+        {
+            while (oldest->before)
+                oldest = oldest->before;
+            oldest->before = m_blocks.release();
+            m_blocks = std::move(cells.m_blocks);
+        }
         return S_OK;
     };
     return report.Guard(188, body);
@@ -321,7 +479,7 @@ HRESULT CVoDataParser::AppendCells(CVoTextView name, const CVo2DIDArray& value)
 const CParamRec* CVoDataParser::FindParam(CVoTextView name) const noexcept
 {
     const auto found = std::find_if(m_params.begin(), m_params.end(),
-                                    [name](const CParamRec* record) { return VoEqualsNoCase(record->Name(), name); });
+                                    [name](const CParamRec* record) { return VoEqualsNoCase(record->NameView(), name); });
     return found == m_params.end() ? nullptr : *found;
 }
 
@@ -333,7 +491,7 @@ HRESULT CVoDataParser::GetParam(CVoTextView name, std::wstring& value) const noe
         const CParamRec* const record = FindParam(name);
         if (!record)
             return report(234, HResultFromWin32(ERROR_NOT_FOUND));
-        std::wstring text = record->Value();
+        std::wstring text(record->ValueView());
         value = std::move(text);
         return S_OK;
     };
@@ -348,7 +506,7 @@ HRESULT CVoDataParser::GetTyped(std::wstring_view name, CValue& value) const noe
     if (!record)
         return report(250, HResultFromWin32(ERROR_NOT_FOUND));
     CVoVariant text;
-    if (const HRESULT hr = VoTypeToVariant(record->Value(), text.Get()); FAILED(hr))
+    if (const HRESULT hr = VoTypeToVariant(record->ValueView(), text.Get()); FAILED(hr))
         return report(253, hr);
     if (const HRESULT hr = VoVariantToTypeNoLocale(text.Get(), value); FAILED(hr))
         return report(255, hr);
@@ -385,7 +543,7 @@ HRESULT CVoDataParser::GetParam(CVoTextView name, VARIANT& value, VARTYPE type) 
         if (!record)
             return report(288, HResultFromWin32(ERROR_NOT_FOUND));
         CVoVariant converted;
-        if (const HRESULT hr = TextToVariant(record->Value(), type, converted); FAILED(hr))
+        if (const HRESULT hr = TextToVariant(record->ValueView(), type, converted); FAILED(hr))
             return report(291, hr);
         if (const HRESULT hr = ::VariantClear(&value); FAILED(hr))
             return report(293, hr);
@@ -459,7 +617,7 @@ template <class CValue>
 HRESULT TextToType(const CParamRec& record, CValue& value) noexcept
 {
     CVoVariant text;
-    if (const HRESULT hr = VoTypeToVariant(record.Value(), text.Get()); FAILED(hr))
+    if (const HRESULT hr = VoTypeToVariant(record.ValueView(), text.Get()); FAILED(hr))
         return hr;
     return VoVariantToTypeNoLocale(text.Get(), value);
 }
@@ -484,7 +642,7 @@ HRESULT CVoDataParser::ReadCells(CVoTextView name, CVo2DIDArray& value) const
     std::vector<CCellRecords> cells(static_cast<size_t>(cellCount));
     for (const CParamRec* record : m_params)
     {
-        std::wstring_view key = record->Name();
+        std::wstring_view key = record->NameView();
         std::wstring_view kind;
         std::wstring_view rowText;
         std::wstring_view columnText;
@@ -522,12 +680,29 @@ HRESULT CVoDataParser::ReadCells(CVoTextView name, CVo2DIDArray& value) const
             CVoVariant content;
             if (IsWithoutText(static_cast<VARTYPE>(type)))
                 V_VT(&content.Get()) = static_cast<VARTYPE>(type);
-            else if (const HRESULT hr = TextToVariant(cell.value->Value(), static_cast<VARTYPE>(type), content); FAILED(hr))
+            else if (const HRESULT hr = TextToVariant(cell.value->ValueView(), static_cast<VARTYPE>(type), content); FAILED(hr))
                 return hr;
-            if (const HRESULT hr = read.SetCell(row, column, cell.id->Value(), std::move(content)); FAILED(hr))
+            if (const HRESULT hr = read.SetCell(row, column, cell.id->ValueView(), std::move(content)); FAILED(hr))
                 return hr;
         }
     value = std::move(read);
+    return S_OK;
+}
+
+HRESULT CVoDataParser::KeepText(std::wstring_view text, std::span<wchar_t>& kept) noexcept
+{
+    constexpr size_t kUsualPair = 16; // characters
+    constexpr size_t kMostRecords = 16;
+    try
+    {
+        AddBlock(std::min(text.size() / kUsualPair + 1, kMostRecords), text.size());
+    }
+    catch (...)
+    {
+        return VoReportFullArray<wchar_t, wchar_t>();
+    }
+    kept = m_blocks->Units();
+    std::copy(text.begin(), text.end(), kept.begin());
     return S_OK;
 }
 
@@ -536,19 +711,24 @@ HRESULT CVoDataParser::ReadParamsFromString(CVoTextView text) noexcept
     constexpr CVoReporter report{ kSource, L"CVoDataParser::ReadParamsFromString" };
     const auto body = [&]() -> HRESULT
     {
+        if (text.empty())
+            return S_OK;
+        std::span<wchar_t> kept;
+        if (const HRESULT hr = KeepText(text, kept); FAILED(hr))
+            return report(442, hr);
         for (size_t begin = 0; begin < text.size();)
         {
-            const size_t end = FindPairEnd(text, begin);
-            if (end > begin)
+            const CPairEnds ends = FindPairEnds(text, begin);
+            if (ends.end > begin)
             {
-                auto record = std::make_unique<CParamRec>();
-                if (const HRESULT hr = record->PutParamString(text.data() + begin, end - begin); FAILED(hr))
-                    return report(446, hr);
-                if (const HRESULT hr = m_params.Add(record.get()); FAILED(hr))
+                CParamRec& record = NextRecord();
+                if (ends.equals == std::wstring_view::npos)
+                    return report(446, record.PutParamString(text.data() + begin, ends.end - begin)); // which refuses it
+                record.PutPairInPlace(kept.subspan(begin, ends.end - begin), ends.equals, ends.hasEscapes);
+                if (const HRESULT hr = AppendNext(); FAILED(hr))
                     return report(448, hr);
-                (void)record.release(); // the list owns it now
             }
-            begin = end + 1;
+            begin = ends.end + 1;
         }
         return S_OK;
     };
@@ -563,8 +743,8 @@ HRESULT CVoDataParser::GetParamsAsString(std::wstring& text) const noexcept
         size_t size = GetCount() > 0 ? GetCount() - 1 : 0;
         for (const CParamRec* record : m_params)
         {
-            const std::wstring& value = record->Value();
-            size += record->Name().size() + 1 + value.size() +
+            const std::wstring_view value = record->ValueView();
+            size += record->NameView().size() + 1 + value.size() +
                     static_cast<size_t>(std::count_if(value.begin(), value.end(), IsReserved));
         }
         std::wstring written(size, L'\0');
@@ -573,9 +753,9 @@ HRESULT CVoDataParser::GetParamsAsString(std::wstring& text) const noexcept
         {
             if (to != written.data())
                 *to++ = L'&';
-            to = std::copy(record->Name().begin(), record->Name().end(), to);
+            to = std::copy(record->NameView().begin(), record->NameView().end(), to);
             *to++ = L'=';
-            for (const wchar_t character : record->Value())
+            for (const wchar_t character : record->ValueView())
             {
                 if (IsReserved(character))
                     *to++ = L'$';
@@ -666,8 +846,10 @@ HRESULT CVoDataParser::ConvertValues(HRESULT (*convert)(bool, std::wstring&) noe
     std::vector<std::wstring> values;
     values.reserve(GetCount());
     for (const CParamRec* record : m_params)
-        if (const HRESULT hr = convert(useUtf8, values.emplace_back(record->Value())); FAILED(hr))
+        if (const HRESULT hr = convert(useUtf8, values.emplace_back(record->ValueView())); FAILED(hr))
             return hr;
+    for (const CParamRec* record : m_params)
+        (void)record->Own(); // so that nothing fails below
     for (size_t i = 0; i < values.size(); ++i)
         m_params[i]->SetValue(std::move(values[i]));
     return S_OK;

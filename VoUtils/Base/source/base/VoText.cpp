@@ -90,10 +90,12 @@ bool VoContainsNoCase(CVoTextView text, CVoTextView part) noexcept
 
 std::wstring_view VoTrim(CVoTextView text) noexcept
 {
+    // No visible character of ASCII is white space: most texts need no question to the C library.
+    const auto isSpace = [](wchar_t c) { return (c <= L' ' || c > L'~') && std::iswspace(c); };
     std::wstring_view trimmed = text;
-    while (!trimmed.empty() && std::iswspace(trimmed.front()))
+    while (!trimmed.empty() && isSpace(trimmed.front()))
         trimmed.remove_prefix(1);
-    while (!trimmed.empty() && std::iswspace(trimmed.back()))
+    while (!trimmed.empty() && isSpace(trimmed.back()))
         trimmed.remove_suffix(1);
     return trimmed;
 }
