@@ -144,13 +144,19 @@ bool WriteJson(const char* path)
     return file.good();
 }
 
+bool IsGroup(const char* name)
+{
+    return std::any_of(Groups().begin(), Groups().end(),
+                       [name](const CRegistered& group) { return std::strcmp(group.name, name) == 0; });
+}
+
 int Run(const std::vector<const char*>& names)
 {
     bool found = false;
     for (const CRegistered& group : Groups())
     {
         const bool wanted = names.empty() || std::any_of(names.begin(), names.end(), [&group](const char* name)
-        { return std::strstr(group.name, name) != nullptr; });
+        { return IsGroup(name) ? std::strcmp(group.name, name) == 0 : std::strstr(group.name, name) != nullptr; });
         if (!wanted)
             continue;
         found = true;
@@ -218,7 +224,7 @@ std::vector<double> Compare(const std::string& title, const std::vector<CContend
 }
 } // namespace Benchmark
 
-// VoBenchmarks [--json FILE] [NAME]...: every group, or those whose name contains one of the names.
+// VoBenchmarks [--json FILE] [NAME]...: every group; a group of that name; or the groups whose name contains one of the names.
 int main(int argc, char** argv)
 {
     const char* json = nullptr;
