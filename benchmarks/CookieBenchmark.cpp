@@ -118,9 +118,66 @@ void CompareHeaders(size_t count)
                          { "GetCookieStringForHTTPRequest", [&] { Benchmark::Keep(header()); } } });
 }
 
+// A store into which 100,000 cookies of 10,000 domains go. It is full most of the time: each cookie then displaces another one.
+void CompareManyCookies()
+{
+    constexpr size_t kMany = 100'000;
+    double now = 40'000; // days
+    const auto store = VoMakeComObject<CVoGlobalHTTPCookieStoreImpl>([&now] { return now; });
+    const auto add = [&store](size_t number, const wchar_t* lifetime)
+    {
+        const std::wstring value = L"name" + std::to_wstring(number) + L"=value" + std::to_wstring(number) + lifetime;
+        const std::wstring url = L"https://" + HostOf(number / kCookiesPerDomain) + L"/";
+        if (FAILED(store->AddCookieFromString(CVoBstr(value).Get(), CVoBstr(url).Get())))
+            std::abort();
+    };
+    for (size_t i = 0; i < kMany; ++i)
+        add(i, L"; Path=/; Max-Age=3600");
+
+    size_t number = 0;
+    const auto parse = [&number]
+    {
+        number = (number + 1) % kMany;
+        CVoCookieRequest request;
+        CVoCookieData cookie;
+        const std::wstring url = L"https://" + HostOf(number / kCookiesPerDomain) + L"/";
+        if (FAILED(CVoCookieRequest::FromUrl(url, request)) ||
+            FAILED(CVoCookieData::CreateCookieFromString(SetCookieValue(number), request, 40'000, cookie)))
+            std::abort();
+        Benchmark::Keep(cookie);
+    };
+    const auto addOne = [&]
+    {
+        number = (number + 1) % kMany;
+        add(number, L"; Path=/; Max-Age=3600");
+    };
+    // Two cookies that displace others, and time enough for the first one to expire.
+    const auto addAndExpire = [&]
+    {
+        number = (number + 1) % kMany;
+        add(number, L"; Path=/; Max-Age=1");
+        add(number, L"; Path=/folder; Max-Age=3600");
+        now += 2.0 / 86'400;
+    };
+    const auto header = [&]
+    {
+        number = (number + 1) % kMany;
+        CVoBstr cookie;
+        const CVoBstr url(L"https://" + HostOf(number / kCookiesPerDomain) + L"/folder/request?x=1");
+        if (FAILED(store->GetCookieStringForHTTPRequest(url.Get(), VARIANT_TRUE, cookie.Put())))
+            std::abort();
+    };
+    Benchmark::Compare("Full store, 100,000 cookies of 10,000 domains went in",
+                       { { "parse a cookie, without a store", parse },
+                         { "add a cookie", addOne },
+                         { "header", header },
+                         { "add two cookies, one expires", addAndExpire } });
+}
+
 const Benchmark::CGroup kCookies("cookies", []
 {
     for (const size_t count : { size_t{ 10 }, size_t{ 300 }, size_t{ 3000 } })
         CompareHeaders(count);
+    CompareManyCookies();
 });
 } // namespace

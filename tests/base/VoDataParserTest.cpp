@@ -111,6 +111,57 @@ TEST(DataParser, EveryValueReadsBackAndUnescapingEqualsTwoReplacements)
     }
 }
 
+TEST(DataParser, AnyTextIsReadPairByPair)
+{
+    std::mt19937 random(17);
+    constexpr std::wstring_view kAlphabet = L"$$&&==ab ";
+    for (int round = 0; round < 20'000; ++round)
+    {
+        std::wstring text;
+        for (size_t size = random() % 60; text.size() < size;)
+            text += kAlphabet[random() % kAlphabet.size()];
+        // The pairs, one character at a time.
+        std::vector<std::wstring> pairs(1);
+        for (size_t i = 0; i < text.size(); ++i)
+        {
+            if (text[i] == L'&')
+                pairs.emplace_back();
+            else
+                pairs.back() += text[i];
+            if (text[i] == L'$' && ++i < text.size())
+                pairs.back() += text[i];
+        }
+        std::erase(pairs, L"");
+        HRESULT expected = S_OK;
+        std::wstring names;
+        std::wstring values;
+        for (const std::wstring& pair : pairs)
+        {
+            const size_t equals = pair.find(L'=');
+            expected = equals == std::wstring::npos ? E_FAIL : S_OK;
+            if (expected != S_OK)
+                break;
+            names += std::wstring(VoTrim(std::wstring_view(pair).substr(0, equals))) + L'|';
+            values += UnescapeInTwoSteps(pair.substr(equals + 1)) + L'|';
+        }
+
+        const CGuardedBuffer<wchar_t> guarded(text);
+        CVoDataParser parser;
+        ASSERT_EQ(parser.AddParam(L"first", L"1"), S_OK);
+        ASSERT_EQ(parser.ReadParamsFromString(guarded.View()), expected) << testing::PrintToString(text);
+        const CVoDataParser copy = parser;
+        std::wstring readNames;
+        std::wstring readValues;
+        for (size_t i = 1; i < copy.GetCount(); ++i)
+        {
+            readNames += copy.GetAt(i).Name() + L'|';
+            readValues += std::wstring(parser.GetAt(i).ValueView()) + L'|';
+        }
+        ASSERT_EQ(readNames, names) << testing::PrintToString(text);
+        ASSERT_EQ(readValues, values) << testing::PrintToString(text);
+    }
+}
+
 TEST(DataParser, TheFirstParameterOfANameIsFoundWithoutRegardToCase)
 {
     const auto parser = Read<CVoDataParser>(L"Name=1&NAME=2&Stra\u00DFe=3&\u00C4=4");
