@@ -308,6 +308,12 @@ const std::vector<CScenario>& All()
     }, "proxy", "connect connect_timeout", "wininet", "agreement transports_differ" },
         { "IPv6 is dead and IPv4 alive", [](CFacts& f) { f.connect[1].outcome = EOutcome::TimedOut; }, "degraded", "", "",
           "connect some_addresses_fail" },
+        { "IPv4 is dead, and the transport tries nothing else",
+          [](CFacts& f)
+    {
+        f.connect[0].outcome = EOutcome::Refused;
+        Fail(f.http[0], E::ConnectFailed, L"could not connect");
+    }, "settings", "connect some_addresses_fail", "winhttp", "agreement transports_differ" },
         { "the script cannot be had, direct works", [](CFacts& f) { ScriptFails(f, 12167); }, "degraded", "", "",
           "proxy proxy_script_unreachable" },
         { "the script cannot be had, direct does not work",

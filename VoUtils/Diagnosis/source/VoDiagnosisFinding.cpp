@@ -199,6 +199,12 @@ const char* TlsCauseOf(EVoFailure failure) noexcept
     }
 }
 
+bool IsConnectFailure(EVoFailure failure) noexcept
+{
+    return failure == EVoFailure::ConnectRefused || failure == EVoFailure::ConnectFailed ||
+           failure == EVoFailure::ConnectTimeOut;
+}
+
 bool IsProxyUndecided(const CFacts& facts) noexcept
 {
     return facts.State(EProbe::Proxy).state == EState::TimedOut;

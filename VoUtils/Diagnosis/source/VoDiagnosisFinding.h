@@ -75,6 +75,9 @@ private:
 
 // The store used the whole time of its probe to find the proxy.
 [[nodiscard]] bool IsProxyUndecided(const CFacts& facts) noexcept;
+// No TCP connection was opened.
+[[nodiscard]] bool IsConnectFailure(EVoFailure failure) noexcept;
+
 // Whether every probe is over.
 [[nodiscard]] bool AreAllOver(const CFacts& facts) noexcept;
 [[nodiscard]] bool AnyWorks(const CFacts& facts) noexcept;

@@ -293,10 +293,17 @@ std::optional<CFinding> JudgeConnect(const CFacts& f)
         return finding.NotApplicable(L"The proxy is used; without it: " + Joined(good.empty() ? bad : good) + L".");
     if (!good.empty() && bad.empty())
         return finding.Pass(Joined(good) + L".");
-    if (!good.empty())
-        return finding.Fault("some_addresses_fail", EVoCheckStatus::Warn, Joined(bad) + L"; but " + Joined(good));
     if (!AreAllOver(f))
         return std::nullopt;
+    if (!good.empty())
+    {
+        // A transport that tries only the address that is dead.
+        const CHttpProbe* const main = MainProbe(f);
+        const bool isHit = main && main->state.IsDone() && LastAttempt(main->facts).redirects.empty() &&
+                           IsConnectFailure(LastAttempt(main->facts).failure);
+        return finding.Fault("some_addresses_fail", isHit ? EVoCheckStatus::Fail : EVoCheckStatus::Warn,
+                             Joined(bad) + L"; but " + Joined(good));
+    }
     // A script that cannot be had was to name a proxy: direct connections were not meant to work.
     const EVoCheckStatus status = IsScriptMissing(f) ? EVoCheckStatus::Warn : WhenMainFails(f);
     if (IsAny(EOutcome::Refused, f.connect))

@@ -196,7 +196,10 @@ std::optional<CFinding> JudgeHttp(const CFacts& f, const CHttpProbe& probe)
     const bool isTimeUsed = attempt.failure == EVoFailure::ResponseMalformed && h.statusCode == 0 &&
                             probe.state.microseconds >= INT64{ f.input.probeTimeout } * 1'000'000;
     const bool isWaiting = probe.state.state == EState::TimedOut || CVoHTTPMessage::IsTimeOut(h.result) || isTimeUsed;
-    if ((same == ESameFault::Connect || isWaiting) && !isProxyUsed && IsNoAddressReached(f))
+    const auto connect = JudgeConnectCheck(f);
+    const bool isDeadAddress =
+        connect && connect->IsFailure() && IsConnectFailure(attempt.failure) && attempt.redirects.empty();
+    if (((same == ESameFault::Connect || isWaiting) && !isProxyUsed && IsNoAddressReached(f)) || isDeadAddress)
         return finding.Skip(L"It cannot connect: " + reason + L".");
     const auto proxyConnect = Judge(f, "proxy-connect");
     if ((same == ESameFault::Proxy || isWaiting || h.statusCode == f.proxyConnect.statusCode) && isProxyUsed && proxyConnect &&
