@@ -7,15 +7,7 @@
 HRESULT CVoBrowserControl::Create(IVoBrowserHost& host, HWND area) noexcept
 {
     Close();
-    HRESULT hr = E_FAIL;
-    try
-    {
-        hr = Connect(host, area);
-    }
-    catch (...)
-    {
-        hr = HResultFromCurrentException();
-    }
+    const HRESULT hr = Connect(host, area);
     if (FAILED(hr))
         Close();
     return hr;

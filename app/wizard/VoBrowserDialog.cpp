@@ -76,7 +76,8 @@ int DpiOf(HWND window) noexcept
     return dpi > 0 ? dpi : USER_DEFAULT_SCREEN_DPI;
 }
 
-// The dialog scales itself, in the same way on every release: the platform's own scaling (Windows 10 1703 on) stays out.
+// Switches the platform's own scaling off (Windows 10 1703 and later): the dialog scales itself, in the same way on every
+// release.
 void DisableOwnScaling(HWND dialog) noexcept
 {
     constexpr UINT kDisableAll = 1; // DDC_DISABLE_ALL
@@ -163,6 +164,7 @@ public:
         if (SUCCEEDED(m_result))
             ::OleUninitialize();
     }
+    [[nodiscard]] HRESULT Result() const noexcept { return m_result; }
 
 private:
     HRESULT m_result;
@@ -199,8 +201,8 @@ HRESULT CVoBrowserDialog::DoModal(HWND parent) noexcept
         if (const HRESULT hr = m_policy.Init(m_request.startUrl, m_request.endPrefix); FAILED(hr))
             return hr;
         m_wantedUrl = m_policy.StartUrl();
-        // Where it fails, creating the browser fails, and the dialog says so.
         const CVoOle ole;
+        m_ole = ole.Result();
         if (!::CreateDialogParamW(::GetModuleHandleW(nullptr), MAKEINTRESOURCEW(IDD_BROWSER), parent, &DialogProc,
                                   reinterpret_cast<LPARAM>(this)))
             return HResultFromLastError();
@@ -212,7 +214,7 @@ HRESULT CVoBrowserDialog::DoModal(HWND parent) noexcept
             Guarded([&] { HandOverCookies(m_lastUrl); });
             m_browser.Close();
         }
-        // The owner is enabled again before: otherwise another program's window would come to the front.
+        // Destroy the dialog after its owner is enabled again: otherwise another program's window would come to the front.
         if (m_dialog)
             ::DestroyWindow(m_dialog);
         m_font.Reset(nullptr);
@@ -341,7 +343,7 @@ INT_PTR CVoBrowserDialog::OnInitDialog()
     const auto font = reinterpret_cast<HFONT>(::SendMessageW(m_dialog, WM_GETFONT, 0, 0));
     if (!font || ::GetObjectW(font, sizeof m_designFont, &m_designFont) == 0)
         m_designFont.lfHeight = 0;
-    // Without the subclass the page is reached with the mouse only.
+    // A failure is not fatal: then the mouse alone reaches the page.
     (void)::SetWindowSubclass(Item(IDC_BROWSER_AREA), &AreaProc, 0, reinterpret_cast<DWORD_PTR>(this));
     EnlargeToScreen();
     return TRUE;
@@ -392,7 +394,8 @@ void CVoBrowserDialog::StartBrowser()
 {
     const HWND area = Item(IDC_BROWSER_AREA);
     ::ShowWindow(area, SW_SHOW);
-    if (const HRESULT hr = m_browser.Create(*this, area); FAILED(hr))
+    const HRESULT hr = FAILED(m_ole) ? m_ole : m_browser.Create(*this, area);
+    if (FAILED(hr))
         return ShowInstead(WizardText(IDS_BROWSER_NO_ENGINE, { WizardErrorText(hr) }));
     GoTo(m_wantedUrl);
     if (::IsWindowVisible(area))
@@ -536,7 +539,8 @@ void CVoBrowserDialog::ShowInstead(const std::wstring& text) noexcept
     ::SetWindowTextW(message, text.c_str());
     ::ShowWindow(area, text.empty() ? SW_SHOW : SW_HIDE);
     ::ShowWindow(message, text.empty() ? SW_HIDE : SW_SHOW);
-    // Without a page, Enter opens it outside, wherever the focus is but on a button. IDOK is no control: Enter does nothing.
+    // The default button: without a page, Enter opens it in the system's browser. No control has the number IDOK: Enter does
+    // nothing.
     ::SendMessageW(m_dialog, DM_SETDEFID, text.empty() ? IDOK : IDC_BROWSER_OUTSIDE, 0);
     if (text.empty())
         return;

@@ -14,8 +14,8 @@
 // addresses other than http, https and about:blank are refused, and the dialog says so. Where no browser can be created, or the
 // page cannot be loaded, it says so in the page's place. A button opens the page in the system's browser.
 //
-// One thread makes, shows and reads it. The thread initialises OLE for the dialog; a thread of a multithreaded apartment
-// gets a dialog without a browser.
+// One thread makes, shows and reads it. DoModal initialises OLE on that thread while the dialog is shown. In a multithreaded
+// apartment OLE cannot be initialised: the dialog appears without a browser, and says so.
 class CVoBrowserDialog final : private IVoBrowserHost
 {
 public:
@@ -62,7 +62,6 @@ private:
             if (const HFONT old = std::exchange(m_font, font))
                 ::DeleteObject(old);
         }
-        [[nodiscard]] HFONT Get() const noexcept { return m_font; }
 
     private:
         HFONT m_font = nullptr;
@@ -115,6 +114,7 @@ private:
     std::wstring m_wantedUrl; // where to go with "Try again" and "Open in the system's browser"
     std::wstring m_nextUrl;   // a new window's address, until the posted message takes it
 
+    HRESULT m_ole = S_OK; // of initialising OLE
     HWND m_dialog = nullptr;
     std::vector<CPlace> m_places;
     RECT m_design{}; // the client area of the dialog's template

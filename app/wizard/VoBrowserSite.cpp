@@ -314,7 +314,6 @@ HRESULT CVoBrowserSite::Invoke(DISPID id, REFIID /*iid*/, LCID /*locale*/, WORD 
 
 void CVoBrowserSite::OnEvent(DISPID id, const CArguments& arguments) noexcept
 {
-    // The handlers may not outlive the host's answer: `m_host` is read for each call.
     switch (id)
     {
     case DISPID_BEFORENAVIGATE2: // object, URL, flags, frame, post data, headers, cancel

@@ -31,8 +31,8 @@ protected:
     ~IVoBrowserHost() = default;
 };
 
-// The site of one browser control. It is used on one thread. It owns nothing; after Disconnect it answers politely and passes
-// nothing on, because the browser may keep it longer than the host lives.
+// The site of one browser control, on one thread. It owns nothing. The browser may keep it longer than the host lives: after
+// Disconnect it passes nothing on.
 class CVoBrowserSite final
     : public CVoIUnknownImplOfSeveral<IOleClientSite, IOleInPlaceSite, IOleInPlaceFrame, IOleControlSite, IDocHostUIHandler,
                                       IDispatch, IOleCommandTarget, IServiceProvider, IDownloadManager>

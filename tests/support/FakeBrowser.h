@@ -56,8 +56,9 @@ public:
     [[nodiscard]] HWND Page() const { return m_page; }
     [[nodiscard]] RECT Place() const { return m_place; }
 
-    // Raises an event with its arguments in the event's own order. A text becomes a reference to a VARIANT, as the browser has
-    // it. Returns the out argument `cancel`, which is the last one with `cancelIsLast`, else the one behind the first.
+    // Raises an event of the browser (`object` is this) or of a frame in it (another object), with what the event has of `url`
+    // and `code`. The URL of most events is a reference to a VARIANT, as the browser has it. Returns whether the event was
+    // cancelled.
     bool Raise(DISPID id, IDispatch* object, const std::wstring& url, LONG code = 0)
     {
         VARIANT_BOOL cancel = VARIANT_FALSE;

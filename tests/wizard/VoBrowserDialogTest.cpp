@@ -56,13 +56,16 @@ protected:
 
 TEST_F(BrowserDialog, EndsWhereTheBrowserItselfArrivesAtTheEnd)
 {
-    m_engine.onGo = [](CFakeBrowser& browser, const std::wstring&)
+    m_engine.onGo = [this](CFakeBrowser& browser, const std::wstring&)
     {
         const HWND dialog = browser.Dialog();
+        const CVoComPtr<CFakeBrowser> frame = VoMakeComObject<CFakeBrowser>(m_engine);
         browser.Arrive(L"https://user.sign-in.example/form?x=1");
         EXPECT_EQ(L"https://user.sign-in.example/form?x=1", TextOf(dialog, IDC_BROWSER_ADDRESS));
-        EXPECT_FALSE(browser.Raise(DISPID_BEFORENAVIGATE2, nullptr, L"https://good.example/done"));
-        browser.Raise(DISPID_NAVIGATECOMPLETE2, nullptr, L"https://good.example/done"); // a frame
+        EXPECT_FALSE(browser.Raise(DISPID_BEFORENAVIGATE2, frame.Get(), L"https://good.example/done"));
+        browser.Raise(DISPID_NAVIGATECOMPLETE2, frame.Get(), L"https://good.example/done");
+        EXPECT_FALSE(browser.Raise(DISPID_NAVIGATEERROR, frame.Get(), L"https://frame.example/", INET_E_RESOURCE_NOT_FOUND));
+        EXPECT_TRUE(::IsWindowVisible(browser.Page())) << "a frame's failure leaves the page";
         EXPECT_EQ(L"https://user.sign-in.example/form?x=1", TextOf(dialog, IDC_BROWSER_ADDRESS));
         EXPECT_TRUE(browser.Go(L"https://good.example.evil/done"));
         EXPECT_TRUE(browser.Go(L"https://good.example/done?code=1"));
