@@ -155,15 +155,15 @@ CVoComPtr<IVoAuthenticationCallback> MakeWizardSignInCallback(std::shared_ptr<CW
     return CVoComPtr<IVoAuthenticationCallback>(callback.Get());
 }
 
-bool IsWizardAsking(DWORD mainThread) noexcept
+HWND FindWizardQuestion(DWORD mainThread) noexcept
 {
-    bool isAsking = false;
-    ForEachQuestion(mainThread, [&](HWND)
+    HWND found = nullptr;
+    ForEachQuestion(mainThread, [&](HWND window)
     {
-        isAsking = true;
+        found = window;
         return false;
     });
-    return isAsking;
+    return found;
 }
 
 void CancelWizardQuestions(DWORD mainThread) noexcept

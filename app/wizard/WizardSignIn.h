@@ -43,7 +43,8 @@ private:
 // A callback for one transport. Null without memory: challenges are declined then.
 [[nodiscard]] CVoComPtr<IVoAuthenticationCallback> MakeWizardSignInCallback(std::shared_ptr<CWizardSignIn> signIn);
 
-// Whether a window of another thread than `mainThread` is open in this process: a question of a transport, the system's too.
-[[nodiscard]] bool IsWizardAsking(DWORD mainThread) noexcept;
+// A window of another thread than `mainThread` that is open in this process: a question of a transport, the system's too. Null:
+// none is open.
+[[nodiscard]] HWND FindWizardQuestion(DWORD mainThread) noexcept;
 // Cancels these questions.
 void CancelWizardQuestions(DWORD mainThread) noexcept;

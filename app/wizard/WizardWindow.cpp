@@ -140,7 +140,7 @@ bool CWizardWindow::StartRun()
         CVoDiagnosisOptions options = m_model.MakeOptions();
         options.mayAsk = true;
         options.makeAuthCallback = [signIn = m_signIn] { return MakeWizardSignInCallback(signIn); };
-        options.isAsking = [thread = ::GetCurrentThreadId()] { return IsWizardAsking(thread); };
+        options.isAsking = [thread = ::GetCurrentThreadId()] { return FindWizardQuestion(thread) != nullptr; };
         m_signIn->BeginRun();
         // Without it the checks are as good.
         (void)m_memory.Remember(m_model.UrlToRemember());

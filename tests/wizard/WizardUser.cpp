@@ -105,14 +105,8 @@ CWizardUser& CWizardUser::Clear()
 {
     Step([]
     {
-        std::vector<INPUT> inputs;
-        for (const auto& [key, flags] : std::initializer_list<std::pair<WORD, DWORD>>{ { WORD{ VK_END }, 0 },
-                                                                                       { WORD{ VK_SHIFT }, 0 },
-                                                                                       { WORD{ VK_HOME }, 0 },
-                                                                                       { WORD{ VK_SHIFT }, KEYEVENTF_KEYUP },
-                                                                                       { WORD{ VK_DELETE }, 0 } })
-            inputs.push_back(KeyInput(key, flags));
-        Send(inputs);
+        Send({ KeyInput(VK_END, 0), KeyInput(VK_SHIFT, 0), KeyInput(VK_HOME, 0), KeyInput(VK_SHIFT, KEYEVENTF_KEYUP),
+               KeyInput(VK_DELETE, 0) });
         return true;
     });
     return Step(IsIdle);

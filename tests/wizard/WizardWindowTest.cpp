@@ -122,21 +122,9 @@ TEST_F(WizardWindow, ClosesAtOnceWhileItChecks)
     EXPECT_EQ(user.Run(Wide(server.URL()), m_shell), S_FALSE);
 }
 
-// The question of a transport: a dialog of another thread. Null: none is open.
 HWND Question()
 {
-    HWND found = nullptr;
-    constexpr WNDENUMPROC kVisit = [](HWND window, LPARAM argument) -> BOOL
-    {
-        DWORD process = 0;
-        if (::GetWindowThreadProcessId(window, &process) == ::GetCurrentThreadId() || process != ::GetCurrentProcessId() ||
-            !::IsWindowVisible(window))
-            return TRUE;
-        *reinterpret_cast<HWND*>(argument) = window;
-        return FALSE;
-    };
-    ::EnumWindows(kVisit, reinterpret_cast<LPARAM>(&found));
-    return found;
+    return FindWizardQuestion(::GetCurrentThreadId());
 }
 
 TEST_F(WizardWindow, AChallengeIsAnsweredOnceForAllTransports)
@@ -148,6 +136,7 @@ TEST_F(WizardWindow, AChallengeIsAnsweredOnceForAllTransports)
     });
     m_shell.file = (TestSupport::MakeTestFolder(L"wizard") / L"report.json").wstring();
     int asked = 0;
+    HWND answered = nullptr;
     CWizardUser user;
     user.OnPage(IDD_SERVER).Key(VK_RETURN).OnPage(IDD_PROXY).Alt('D').Alt('N');
     user.Step([&]
@@ -159,9 +148,10 @@ TEST_F(WizardWindow, AChallengeIsAnsweredOnceForAllTransports)
             return false;
         // WinINet shows the system's dialog, which is cancelled here.
         const bool isOurs = ::GetDlgItem(question, CAuthDlg::kServerAddress) != nullptr;
-        if (isOurs && CWizardUser::TextOf(::GetDlgItem(question, CAuthDlg::kUserName)).empty())
+        if (isOurs && question != answered)
         {
             ++asked;
+            answered = question;
             EXPECT_EQ(::GetWindow(question, GW_OWNER), CWizardUser::Sheet());
             ::SetDlgItemTextW(question, CAuthDlg::kUserName, L"ann");
             ::SetDlgItemTextW(question, CAuthDlg::kPassword, L"secret");
