@@ -188,10 +188,13 @@ TEST(DataParser, TypedValuesReadBackAndRefuseOtherText)
         EXPECT_EQ(read, value);
     };
     through(L"high", 0xFFFFFFFFU);
+    through(L"word", DWORD{ 0xFFFFFFFE });
+    through(L"minus", long{ -3 });
+    through(L"integer", INT32{ -4 });
     through(L"number", 1234.5);
     through(L"yes", true);
     EXPECT_EQ(parser.AddParam(L"bytes", Variant(CBytes{ 0xAB, 0x00, 0xCD }).Get()), S_OK);
-    EXPECT_EQ(TextOf(parser), L"text=$$$&no digits&high=-1&number=1234.5&yes=True&bytes=AB00CD");
+    EXPECT_EQ(TextOf(parser), L"text=$$$&no digits&high=-1&word=-2&minus=-3&integer=-4&number=1234.5&yes=True&bytes=AB00CD");
 
     for (const auto& [text, result] : { std::pair(L"4294967295", S_OK), { L"4294967296", DISP_E_OVERFLOW } })
     {
@@ -367,24 +370,6 @@ TEST(BinaryDataParser, MessagesAreParsed)
     EXPECT_EQ(Message(parser), "old=1&a=1&&rest");
     EXPECT_EQ(parser.Parse(Bytes(mark + "a=1"), true, true), S_OK); // all of it is payload
     EXPECT_EQ(Message(parser), "old=1&a=1&&" + mark + "a=1");
-}
-
-TEST(DataParser, EveryIntegerOf32BitsIsAddedAndRead)
-{
-    CVoDataParser parser;
-    EXPECT_EQ(parser.AddParam(L"a", DWORD{ 0xFFFFFFFE }), S_OK);
-    EXPECT_EQ(parser.AddParam(L"b", long{ -3 }), S_OK);
-    EXPECT_EQ(parser.AddParam(L"c", ULONG{ 4 }), S_OK);
-    EXPECT_EQ(TextOf(parser), L"a=-2&b=-3&c=4");
-    DWORD unsignedNumber = 0;
-    long number = 0;
-    INT32 integer = 0;
-    EXPECT_EQ(parser.GetParam(L"a", unsignedNumber), S_OK);
-    EXPECT_EQ(parser.GetParam(L"b", number), S_OK);
-    EXPECT_EQ(parser.GetParam(L"c", integer), S_OK);
-    EXPECT_TRUE(unsignedNumber == 0xFFFFFFFE && number == -3 && integer == 4);
-    EXPECT_EQ(parser.GetParam(L"none", number), kNotFound);
-    EXPECT_EQ(number, -3);
 }
 
 TEST(DataParser, AVariantOfTwoDimensionsIsFlattened)

@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 namespace
 {
 TEST(Text, ANullPointerIsAnEmptyTextInPublicFunctions)
@@ -32,40 +34,28 @@ TEST(Text, ANullPointerIsAnEmptyTextInPublicFunctions)
 
 TEST(Text, DecimalParserReadsDigitsAndOneMinusOnly)
 {
-    struct CCase
-    {
-        const wchar_t* text;
-        std::optional<INT32> exact;
-        std::optional<INT32> clamped;
-    };
     constexpr INT32 kLow = INT32_MIN;
     constexpr INT32 kHigh = INT32_MAX;
-    const CCase cases[] = {
+    // The text, its number, and the nearest number of the type.
+    const std::tuple<const wchar_t*, std::optional<INT32>, INT32> numbers[] = {
         { L"0", 0, 0 },
         { L"-0", 0, 0 },
         { L"007", 7, 7 },
+        { L"000000000000000000000000000005", 5, 5 },
         { L"2147483647", kHigh, kHigh },
         { L"-2147483648", kLow, kLow },
-        { L"2147483648", std::nullopt, kHigh },
-        { L"-2147483649", std::nullopt, kLow },
-        { L"18446744073709551616", std::nullopt, kHigh },
-        { L"-99999999999999999999999", std::nullopt, kLow },
-        { L"000000000000000000000000000005", 5, 5 },
-        { L"", std::nullopt, std::nullopt },
-        { L"-", std::nullopt, std::nullopt },
-        { L"+1", std::nullopt, std::nullopt },
-        { L"--1", std::nullopt, std::nullopt },
-        { L" 1", std::nullopt, std::nullopt },
-        { L"1 ", std::nullopt, std::nullopt },
-        { L"1x", std::nullopt, std::nullopt },
-        { L"\u0661", std::nullopt, std::nullopt },
-        { L"\u0131", std::nullopt, std::nullopt },
+        { L"2147483648", {}, kHigh },
+        { L"-2147483649", {}, kLow },
+        { L"18446744073709551616", {}, kHigh },
+        { L"-99999999999999999999999", {}, kLow },
     };
-    for (const CCase& c : cases)
+    for (const auto& [text, exact, clamped] : numbers)
     {
-        EXPECT_EQ(VoParseDecimal<INT32>(c.text), c.exact) << c.text;
-        EXPECT_EQ(VoParseDecimalClamped<INT32>(c.text), c.clamped) << c.text;
+        EXPECT_EQ(VoParseDecimal<INT32>(text), exact) << text;
+        EXPECT_EQ(VoParseDecimalClamped<INT32>(text), clamped) << text;
     }
+    for (const wchar_t* const text : { L"", L"-", L"+1", L"--1", L" 1", L"1 ", L"1x", L"\u0661", L"\u0131" })
+        EXPECT_EQ(VoParseDecimalClamped<INT32>(text), std::nullopt) << text;
     EXPECT_EQ(VoParseDecimal<UINT16>(L"65535"), UINT16_MAX);
     EXPECT_EQ(VoParseDecimal<UINT16>(L"65536"), std::nullopt);
     EXPECT_EQ(VoParseDecimal<UINT16>(L"-0"), std::nullopt);

@@ -328,12 +328,6 @@ TEST_F(IniFileOnDisk, AMissingFileIsAnEmptyOneOnlyWhenAllowed)
 TEST_F(IniFileOnDisk, EveryFailureOfThePlatformLeavesTheOldFile)
 {
     CLogCapture log;
-    const auto wasReported = [&](HRESULT code)
-    {
-        const std::vector<CLogLine> lines = log.Lines();
-        log.Clear();
-        return std::any_of(lines.begin(), lines.end(), [&](const CLogLine& line) { return line.code == code; });
-    };
     const auto run = [&]
     {
         WriteTestFile(m_path, kOld);
@@ -359,7 +353,7 @@ TEST_F(IniFileOnDisk, EveryFailureOfThePlatformLeavesTheOldFile)
             VO_FAULT("kernel32.dll", FlushFileBuffers, FALSE, ERROR_IO_DEVICE),
             VO_FAULT("kernel32.dll", MoveFileExW, FALSE, ERROR_SHARING_VIOLATION),
         },
-        run, wasReported);
+        run, [&](HRESULT code) { return TakeReport(log, code); });
 }
 
 // A process that is killed at any of these calls leaves what is seen there.

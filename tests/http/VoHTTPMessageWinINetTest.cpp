@@ -119,22 +119,6 @@ TEST_F(WinINetTransport, ReadsAtMost64KBOfTheProbesBody)
     EXPECT_EQ(m_platform.Take("Read h3 1").size(), 65'536U);
 }
 
-TEST_F(WinINetTransport, RedirectsEnd)
-{
-    const std::tuple<const wchar_t*, const wchar_t*, size_t> table[] = {
-        { L"https://server.example/", L"http://server.example/", 1 },
-        { L"http://server.example/", L"https://server.example/", 31 },
-    };
-    for (const auto& [url, location, sends] : table)
-    {
-        m_platform.statuses = { 200, 302 };
-        m_platform.headers = { { L"Location", location } };
-        ASSERT_EQ(Connect(url), S_OK);
-        EXPECT_EQ(Exchange(), kResultUnexpectedStatus);
-        EXPECT_THAT(m_platform.Take("SendRequestEx"), testing::SizeIs(sends));
-    }
-}
-
 TEST_F(WinINetTransport, ConnectsDespiteARefusedTuningOption)
 {
     const std::tuple<const char*, std::vector<DWORD>, HRESULT> table[] = {

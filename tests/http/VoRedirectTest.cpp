@@ -43,28 +43,17 @@ TEST(Redirect, LeadsWhereTheReferenceSays)
 
 TEST(Redirect, WhatTwoReadersCouldReadDifferentlyIsRefused)
 {
-    for (const std::wstring_view location : { L"",
-                                              L" ",
-                                              L"http:x",
-                                              L"http:/x",
-                                              L"http:\\\\a",
-                                              L"ftp://a/",
-                                              L"http://",
-                                              L"http://u@a/",
-                                              L"http://a\\@b/",
-                                              L"/\\a",
-                                              L"\\\\a\\b",
-                                              L"\u00A0http://a/",
-                                              L"ht\ttp://a/",
-                                              L"http://a b/",
-                                              L"http://a\u00E4/",
-                                              L"http://a%2e/",
-                                              L"http://a\r\nX: y/",
-                                              L"/x\x7F",
-                                              L"http://[::1/",
-                                              L"http://a:99999/",
-                                              L"http://a:8x/",
-                                              L"x:y/z" })
+    const wchar_t* const refused[] = { // no target, and other schemes
+                                       L"", L" ", L"http://", L"ftp://a/", L"x:y/z",
+                                       // slashes that are missing or of another kind
+                                       L"http:x", L"http:/x", L"http:\\\\a", L"/\\a", L"\\\\a\\b", L"http://a\\@b/",
+                                       // hosts
+                                       L"http://u@a/", L"\u00A0http://a/", L"http://a b/", L"http://a\u00E4/", L"http://a%2e/",
+                                       L"http://[::1/", L"http://a:99999/", L"http://a:8x/",
+                                       // control characters
+                                       L"ht\ttp://a/", L"http://a\r\nX: y/", L"/x\x7F"
+    };
+    for (const wchar_t* const location : refused)
     {
         CServerAddressData target = Address(L"http://kept.example/");
         EXPECT_EQ(VoResolveRedirect(Address(L"http://o.example/"), location, target), E_INVALIDARG)

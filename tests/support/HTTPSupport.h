@@ -23,21 +23,6 @@
 
 namespace TestSupport
 {
-// Whether a code was reported; forgets the log.
-[[nodiscard]] inline bool TakeReport(CLogCapture& log, HRESULT code)
-{
-    const std::vector<CLogLine> lines = log.Lines();
-    log.Clear();
-    return std::any_of(lines.begin(), lines.end(), [=](const CLogLine& line) { return line.code == code; });
-}
-// A secret is nowhere in what was logged, and something was.
-inline void ExpectNotLogged(const CLogCapture& log, std::wstring_view secret)
-{
-    EXPECT_FALSE(log.Lines().empty());
-    for (const CLogLine& line : log.Lines())
-        EXPECT_EQ(line.text.find(secret), std::wstring::npos);
-}
-
 // Answers challenges from a list, then declines, and notes who asked.
 class CScriptedAuthCallback final : public CVoIUnknownImplWithFreeThreadedMarshaller<IVoAuthenticationCallback>
 {

@@ -95,6 +95,20 @@ void CLogCapture::Clear()
     m_start = ReadTestFile(VoErrorLog().LogFilePath()).size();
 }
 
+bool TakeReport(CLogCapture& log, HRESULT code)
+{
+    const std::vector<CLogLine> lines = log.Lines();
+    log.Clear();
+    return std::ranges::any_of(lines, [=](const CLogLine& line) { return line.code == code; });
+}
+
+void ExpectNotLogged(const CLogCapture& log, std::wstring_view secret)
+{
+    EXPECT_FALSE(log.Lines().empty());
+    for (const CLogLine& line : log.Lines())
+        EXPECT_EQ(line.text.find(secret), std::wstring::npos);
+}
+
 Matcher<const CLogLine&> IsReport(const std::wstring& source, int line, const std::wstring& function, HRESULT code)
 {
     return AllOf(Field("source", &CLogLine::source, source), Field("line", &CLogLine::line, line), IsReportBy(function, code));

@@ -52,6 +52,11 @@ private:
     size_t m_start = 0; // in bytes of the file
 };
 
+// Whether a code was reported; forgets the log.
+[[nodiscard]] bool TakeReport(CLogCapture& log, HRESULT code);
+// A secret is nowhere in what was logged, and something was.
+void ExpectNotLogged(const CLogCapture& log, std::wstring_view secret);
+
 // A line that reports a code at a trace point.
 [[nodiscard]] testing::Matcher<const CLogLine&> IsReport(const std::wstring& source, int line, const std::wstring& function,
                                                          HRESULT code);

@@ -250,8 +250,6 @@ public:
                                                                 std::vector<CVoBinaryDataParser>& responses) noexcept;
 
 protected:
-    friend class CVoHTTPMessageTestAccess;
-
     CVoHTTPMessage() = default;
 
     [[nodiscard]] CallBack* GetCallBack() const noexcept { return reinterpret_cast<CallBack*>(m_userContext); }
