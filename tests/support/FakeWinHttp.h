@@ -13,7 +13,6 @@ namespace TestSupport
 struct CWinHttpResponse
 {
     DWORD status = 200;
-    // NOLINTNEXTLINE(readability-redundant-member-init): without it g++ warns about designated initializers.
     CFakeService::Headers headers = {};
     std::string body = "a=1";
     DWORD error = 0; // instead of a response, when it is not 0

@@ -107,7 +107,7 @@ std::wstring KeyOf(const CERT_CONTEXT& certificate)
 std::wstring ThumbprintOf(const CERT_CONTEXT& certificate)
 {
     std::array<BYTE, 32> hash{};
-    DWORD size = static_cast<DWORD>(hash.size());
+    auto size = static_cast<DWORD>(hash.size());
     std::wstring text;
     if (::CryptHashCertificate(0, CALG_SHA_256, 0, certificate.pbCertEncoded, certificate.cbCertEncoded, hash.data(), &size))
         for (const BYTE byte : hash)

@@ -196,7 +196,7 @@ void CRunner::Start(CTask& task)
     task.stop = std::make_shared<CStop>();
     task.start = VoGetMicroseconds();
     task.deadline = task.start + INT64{ m_options->probeTimeout } * kMicrosecondsPerSecond;
-    const size_t index = static_cast<size_t>(&task - m_tasks.data());
+    const auto index = static_cast<size_t>(&task - m_tasks.data());
     const CProbeContext context{ task.stop, task.deadline, m_options, m_proxyStore, m_facts };
     // Detached: what a service of the platform holds is left behind. The thread owns all that it uses.
     VoStartDetached(

@@ -487,6 +487,7 @@ std::optional<CFinding> JudgeTls(const CFacts& f)
     if (state.state == EState::TimedOut)
         problems = { { "tls_handshake", L"it does not end in time" } };
     std::vector<std::wstring> names;
+    names.reserve(problems.size());
     for (const CProblem& problem : problems)
         names.emplace_back(problem.cause, problem.cause + std::char_traits<char>::length(problem.cause));
     finding.Fact("problems", std::move(names));

@@ -157,7 +157,8 @@ CProblem ProblemOf(const CHttpProbe& probe)
         if (const auto problem = ProblemOfStatus(h.statusCode, attempt))
             return *problem;
     if (attempt.failure == EVoFailure::Credentials || attempt.failure == EVoFailure::ProxyCredentials)
-        return *ProblemOfStatus(attempt.failure == EVoFailure::Credentials ? 401 : 407, attempt);
+        if (const auto problem = ProblemOfStatus(attempt.failure == EVoFailure::Credentials ? 401 : 407, attempt))
+            return *problem;
     return { "transport_failed", reason };
 }
 } // namespace

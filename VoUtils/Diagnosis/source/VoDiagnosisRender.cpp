@@ -259,8 +259,8 @@ public:
             return Raw("null");
         char text[32];
         // Three digits behind the point, whatever the locale.
-        std::snprintf(text, sizeof text, "%lld.%03d", static_cast<long long>(*microseconds / 1000),
-                      static_cast<int>(*microseconds % 1000));
+        (void)std::snprintf(text, sizeof text, "%lld.%03d", static_cast<long long>(*microseconds / 1000),
+                            static_cast<int>(*microseconds % 1000));
         Raw(text);
     }
     void Facts(const std::vector<CVoDiagnosisFact>& facts)

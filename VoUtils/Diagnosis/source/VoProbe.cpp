@@ -79,6 +79,7 @@ CApply CollectName(const CProbeContext& context)
     CNameFacts facts;
     std::vector<CSocketAddress> addresses;
     facts.error = Resolve(context.facts.address.asciiHost, context.facts.address.port, addresses);
+    facts.addresses.reserve(addresses.size());
     for (const CSocketAddress& address : addresses)
         facts.addresses.push_back(address.text);
     if (addresses.empty())
@@ -89,6 +90,7 @@ CApply CollectName(const CProbeContext& context)
 std::vector<CSocketAddress> AddressesOf(const CFacts& facts)
 {
     std::vector<CSocketAddress> addresses;
+    addresses.reserve(facts.name.addresses.size());
     for (const std::wstring& text : facts.name.addresses)
         addresses.push_back(MakeSocketAddress(text, facts.address.port));
     return addresses;

@@ -105,7 +105,10 @@ HRESULT CVoHTTPClient::CCall::GetContent(CVoBinaryDataParser& made, const CVoBin
     if (content == message)
         return S_OK;
     if (message)
-        static_cast<CVoDataParser&>(made) = *message;
+    {
+        const CVoDataParser& withoutPayload = *message;
+        static_cast<CVoDataParser&>(made) = withoutPayload;
+    }
     for (const CVoHTTPParameter& parameter : parameters)
         if (const HRESULT hr = made.AddParam(parameter.Name(), parameter.Value()); FAILED(hr))
             return hr;
@@ -155,9 +158,8 @@ class CVoHTTPClient::CState : public std::enable_shared_from_this<CState>
 public:
     CState(std::wstring_view url, CVoHTTPClientOptions&& options)
         : m_options(std::move(options)), m_connectTimeout(WholeSeconds(m_options.connectTimeout)),
-          m_requestTimeout(WholeSeconds(m_options.requestTimeout))
+          m_requestTimeout(WholeSeconds(m_options.requestTimeout)), m_ready(m_address.SetAddress(url, true, true, true))
     {
-        m_ready = m_address.SetAddress(url, true, true, true);
         if (SUCCEEDED(m_ready) && (m_connectTimeout == 0 || m_requestTimeout == 0))
             m_ready = E_INVALIDARG;
     }
@@ -183,7 +185,7 @@ private:
     const UINT32 m_connectTimeout; // seconds
     const UINT32 m_requestTimeout; // seconds
     CServerAddressData m_address;
-    HRESULT m_ready = S_OK;
+    HRESULT m_ready; // whether the address and the options can be used
 
     CVoLock m_lock;
     std::optional<CStores> m_stores;
@@ -197,6 +199,7 @@ private:
 CVoHTTPClient::COperation::COperation(CState& state) noexcept : m_state(state)
 {
     const CVoLockHolder lock(m_state.m_lock);
+    // NOLINTNEXTLINE(cppcoreguidelines-prefer-member-initializer): the lock comes first.
     m_number = m_state.m_nextNumber++;
     m_next = std::exchange(m_state.m_running, this);
 }
