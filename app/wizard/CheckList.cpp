@@ -114,8 +114,9 @@ LRESULT CCheckList::OnCustomDraw(NMLVCUSTOMDRAW& draw) const noexcept
     case CDDS_ITEMPREPAINT | CDDS_SUBITEM:
         draw.clrText = draw.iSubItem == 0 && draw.nmcd.dwItemSpec < m_states.size() ? ColourOf(m_states[draw.nmcd.dwItemSpec])
                                                                                     : ::GetSysColor(COLOR_WINDOWTEXT);
-        return CDRF_DODEFAULT;
+        break;
     default:
-        return CDRF_DODEFAULT;
+        break;
     }
+    return CDRF_DODEFAULT;
 }

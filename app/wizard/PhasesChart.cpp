@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <ranges>
 #include <string_view>
 #include <utility>
 
@@ -84,12 +85,12 @@ void DrawLegend(const CPainter& painter, RECT line, const CWizardChart& chart)
 {
     const int square = painter.Line() / 2;
     const int gap = painter.Unit() * 4;
-    for (auto entry = chart.legend.rbegin(); entry != chart.legend.rend(); ++entry)
+    for (const auto& [phase, name] : std::views::reverse(chart.legend))
     {
-        line.left = line.right - painter.WidthOf(entry->second);
-        painter.Text(entry->second, line);
+        line.left = line.right - painter.WidthOf(name);
+        painter.Text(name, line);
         const LONG top = (line.top + line.bottom - square) / 2;
-        painter.Fill({ line.left - gap - square, top, line.left - gap, top + square }, ColourOf(entry->first));
+        painter.Fill({ line.left - gap - square, top, line.left - gap, top + square }, ColourOf(phase));
         line.right = line.left - gap - square - 2 * gap;
     }
 }

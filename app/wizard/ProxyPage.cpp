@@ -18,10 +18,10 @@ std::wstring Explain(const std::wstring& url, const std::optional<CHTTPProxyConf
     const CVoComPtr<CVoGlobalHTTPProxyStoreImpl> store = VoMakeComObject<CVoGlobalHTTPProxyStoreImpl>();
     HRESULT hr = store ? S_OK : E_OUTOFMEMORY;
     CVoProxyExplanation explanation;
-    if (SUCCEEDED(hr) && !config)
-        store->InitFromUserSettings();
-    else if (SUCCEEDED(hr))
+    if (SUCCEEDED(hr) && config)
         hr = store->Init(*config);
+    else if (SUCCEEDED(hr))
+        store->InitFromUserSettings();
     if (SUCCEEDED(hr))
         hr = store->ExplainProxyForUrl(url, explanation);
     return CWizardModel::DescribeProxy(hr, url, explanation);

@@ -452,7 +452,8 @@ void CVoBrowserDialog::OnArrived() noexcept
         if (const std::optional<std::wstring> refusal = RefusalOf(url))
         {
             SetAddress({});
-            return ShowInstead(*refusal);
+            ShowInstead(*refusal);
+            return;
         }
         m_lastUrl = m_wantedUrl = url;
         SetAddress(url);

@@ -298,6 +298,7 @@ EWizardPage CWizardModel::PageBefore(EWizardPage page) noexcept
 std::vector<CWizardRow> CWizardModel::Rows() const
 {
     std::vector<CWizardRow> rows;
+    rows.reserve(m_checks.size());
     for (const CVoCheck& check : m_checks)
         rows.push_back(
             { WizardText(StateText(check.status)), check.name, VoVisibleText(check.detail, kRowLimit), check.status });
@@ -370,7 +371,7 @@ CWizardChart CWizardModel::Chart() const
     // In the order of a request.
     for (const char* const phase : { "name", "connect", "tls", "sent", "firstByte", "total" })
         if (const auto name = names.find(phase); name != names.end())
-            chart.legend.push_back(*name);
+            chart.legend.emplace_back(*name);
     chart.scale = chart.bars.empty() ? WizardText(IDS_CHART_NONE) : WizardText(IDS_CHART_SCALE, { Milliseconds(longest) });
     if (chart.bars.empty())
         chart.text = chart.scale;

@@ -31,11 +31,11 @@ CWizardInputs FirstInputs(const CWizardSetup& setup)
 } // namespace
 
 CWizardWindow::CWizardWindow(const CWizardSetup& setup)
-    : m_shell(*setup.shell), m_memory(setup.memory), m_model(FirstInputs(setup), CVoModuleInformation::Get().HTTPEngine())
+    : m_shell(*setup.shell), m_memory(setup.memory), m_model(FirstInputs(setup), CVoModuleInformation::Get().HTTPEngine()),
+      // The class needs no registration, and the window no display of its own.
+      m_queueWindow(
+          ::CreateWindowExW(0, L"STATIC", L"", 0, 0, 0, 0, 0, HWND_MESSAGE, nullptr, ::GetModuleHandleW(nullptr), nullptr))
 {
-    // The class needs no registration, and the window no display of its own.
-    m_queueWindow =
-        ::CreateWindowExW(0, L"STATIC", L"", 0, 0, 0, 0, 0, HWND_MESSAGE, nullptr, ::GetModuleHandleW(nullptr), nullptr);
     if (!m_queueWindow || !::SetWindowSubclass(m_queueWindow, &OnQueueMessage, kSubclass, reinterpret_cast<DWORD_PTR>(this)))
         throw CVoHResultException(HResultFromLastError());
     m_queue = std::make_shared<CWizardQueue>([window = m_queueWindow] { ::PostMessageW(window, kWorkPosted, 0, 0); });

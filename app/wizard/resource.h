@@ -2,6 +2,8 @@
 // one table.
 #pragma once
 
+// Macros, because the resource compiler reads them, too.
+// NOLINTBEGIN(cppcoreguidelines-macro-usage,modernize-macro-to-enum)
 #define IDI_WIZARD 1
 
 // Pages: the string of the same number is the title, the next one the subtitle.
@@ -153,3 +155,4 @@
 #define IDS_BROWSER_REASON_TIMEOUT 3019
 #define IDS_BROWSER_REASON_CERTIFICATE 3020
 #define IDS_BROWSER_REASON_OTHER 3021
+// NOLINTEND(cppcoreguidelines-macro-usage,modernize-macro-to-enum)
