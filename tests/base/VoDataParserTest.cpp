@@ -122,14 +122,14 @@ TEST(DataParser, AnyTextIsReadPairByPair)
             text += kAlphabet[random() % kAlphabet.size()];
         // The pairs, one character at a time.
         std::vector<std::wstring> pairs(1);
-        for (size_t i = 0; i < text.size(); ++i)
+        bool isEscaped = false;
+        for (const wchar_t character : text)
         {
-            if (text[i] == L'&')
+            if (character == L'&' && !isEscaped)
                 pairs.emplace_back();
             else
-                pairs.back() += text[i];
-            if (text[i] == L'$' && ++i < text.size())
-                pairs.back() += text[i];
+                pairs.back() += character;
+            isEscaped = character == L'$' && !isEscaped;
         }
         std::erase(pairs, L"");
         HRESULT expected = S_OK;
