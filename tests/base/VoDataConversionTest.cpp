@@ -225,7 +225,7 @@ TEST(CodecKernels, TakeTheSameUnitsAsDigitsAsTheScalarReference)
         for (unsigned unit = 0; unit < 0x10000; ++unit)
         {
             std::wstring text(kSize, L'7');
-            text[unit * 37 % kSize] = static_cast<wchar_t>(unit);
+            text[size_t{ unit } * 37 % kSize] = static_cast<wchar_t>(unit);
             const wchar_t* const units = text.data();
             ASSERT_EQ(usable->decodeHex(units, kSize / 2, decoded.Data()),
                       VoCodecKernels::Scalar::DecodeHex(units, kSize / 2, expected.Data()))

@@ -127,7 +127,7 @@ protected:
     static BOOL GiveBytes(const Query& query, void* buffer, DWORD* bytes)
     {
         std::wstring text(1000, L'\0');
-        DWORD length = static_cast<DWORD>(text.size() * sizeof(wchar_t));
+        auto length = static_cast<DWORD>(text.size() * sizeof(wchar_t));
         if (!query(text.data(), &length))
             return FALSE;
         length /= DWORD{ sizeof(wchar_t) };
