@@ -94,7 +94,7 @@ private:
     // The log's path. A log that could not be written has no file there, or one that lacks the last line.
     static std::string WhereTheLogIs()
     {
-        const std::string path = ToUtf8(VoErrorLog().LogFilePath());
+        std::string path = ToUtf8(VoErrorLog().LogFilePath());
         const DWORD error = path.empty() ? ERROR_PATH_NOT_FOUND : VoErrorLog().LastWriteError();
         if (error == ERROR_SUCCESS)
             return path;
