@@ -15,6 +15,7 @@
 #include <base/VoVariant.h>
 #include <base/VoWipe.h>
 
+#include <atomic>
 #include <memory>
 #include <span>
 #include <string>
@@ -43,7 +44,7 @@ public:
     // The texts without copying them. Valid until the record changes or its parser's list does.
     [[nodiscard]] std::wstring_view NameView() const noexcept { return m_name; }
     [[nodiscard]] std::wstring_view ValueView() const noexcept { return m_value; }
-    // The same as strings, which the first call makes. Throw std::bad_alloc.
+    // The same as strings, which the first call makes; several threads may make it. Throw std::bad_alloc.
     [[nodiscard]] const std::wstring& Name() const { return Own().name; }
     [[nodiscard]] const std::wstring& Value() const { return Own().value; }
     // Throws std::bad_alloc; the record is untouched then.
@@ -59,6 +60,44 @@ private:
         std::wstring name;
         std::wstring value;
     };
+    // Owns the strings. Of several threads that make them in a constant record, the first one's stay.
+    class COwnTexts
+    {
+    public:
+        COwnTexts() noexcept = default;
+        COwnTexts(COwnTexts&& other) noexcept : m_texts(other.Take().release()) {}
+        COwnTexts& operator=(COwnTexts&& other) noexcept
+        {
+            Reset(other.Take());
+            return *this;
+        }
+        COwnTexts(const COwnTexts&) = delete;
+        COwnTexts& operator=(const COwnTexts&) = delete;
+        ~COwnTexts() { delete Get(); }
+
+        [[nodiscard]] CTexts* Get() const noexcept { return m_texts.load(std::memory_order_acquire); }
+        // Takes the texts unless there are some. Returns those that are there then.
+        CTexts& PutFirst(std::unique_ptr<CTexts> texts) noexcept
+        {
+            CTexts* first = nullptr;
+            return m_texts.compare_exchange_strong(first, texts.get()) ? *texts.release() : *first;
+        }
+        void Reset(std::unique_ptr<CTexts> texts) noexcept
+        {
+            delete Get();
+            m_texts.store(texts.release(), std::memory_order_relaxed);
+        }
+
+    private:
+        [[nodiscard]] std::unique_ptr<CTexts> Take() noexcept
+        {
+            std::unique_ptr<CTexts> texts(Get());
+            m_texts.store(nullptr, std::memory_order_relaxed);
+            return texts;
+        }
+
+        std::atomic<CTexts*> m_texts{ nullptr };
+    };
 
     // Takes one pair of a parser's own copy of a text, which it overwrites with the value: `equals` is the place of the first
     // "=". `hasEscapes`: there is a "$" in it.
@@ -68,7 +107,7 @@ private:
 
     std::wstring_view m_name;
     std::wstring_view m_value;
-    mutable std::unique_ptr<CTexts> m_own; // null: the texts belong to the parser, and nobody asked for strings
+    mutable COwnTexts m_own; // empty: the texts belong to the parser, and nobody asked for strings
 };
 
 template <>

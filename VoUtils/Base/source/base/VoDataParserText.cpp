@@ -90,16 +90,16 @@ CParamRec::CParamRec(CVoTextView name, CVoTextView value)
 
 void CParamRec::PutTexts(std::unique_ptr<CTexts> texts) noexcept
 {
-    m_own = std::move(texts);
-    m_name = m_own->name;
-    m_value = m_own->value;
+    m_name = texts->name;
+    m_value = texts->value;
+    m_own.Reset(std::move(texts));
 }
 
 CParamRec::CTexts& CParamRec::Own() const
 {
-    if (!m_own)
-        m_own = std::make_unique<CTexts>(CTexts{ std::wstring(m_name), std::wstring(m_value) });
-    return *m_own;
+    if (CTexts* const texts = m_own.Get())
+        return *texts;
+    return m_own.PutFirst(std::make_unique<CTexts>(CTexts{ std::wstring(m_name), std::wstring(m_value) }));
 }
 
 void CParamRec::SetValue(std::wstring value)
@@ -113,8 +113,8 @@ void CParamRec::WipeValue() noexcept
 {
     // Where the value stands in the parser's copy of the text, that memory is no constant.
     ::SecureZeroMemory(const_cast<wchar_t*>(m_value.data()), m_value.size() * sizeof(wchar_t));
-    if (m_own)
-        VoWipe(m_own->value);
+    if (CTexts* const texts = m_own.Get())
+        VoWipe(texts->value);
     m_value = {};
 }
 
@@ -144,7 +144,7 @@ void CParamRec::PutPairInPlace(std::span<wchar_t> pair, size_t equals, bool hasE
     const std::span<wchar_t> value = pair.subspan(equals + 1);
     m_name = VoTrim(CVoTextView(pair.data(), equals));
     m_value = std::wstring_view(value.data(), hasEscapes ? UnescapeInPlace(value) : value.size());
-    m_own.reset();
+    m_own.Reset(nullptr);
 }
 
 CVoDataParser::CVoDataParser(const CVoDataParser& other)
