@@ -82,7 +82,7 @@ CWizardUser& CWizardUser::Reads(int control, const std::wstring& part)
 
 CWizardUser& CWizardUser::Alt(char letter)
 {
-    const WORD key = static_cast<WORD>(letter);
+    const WORD key = static_cast<unsigned char>(letter);
     Step([key]
     {
         Send({ KeyInput(VK_MENU, 0), KeyInput(key, 0), KeyInput(key, KEYEVENTF_KEYUP), KeyInput(VK_MENU, KEYEVENTF_KEYUP) });

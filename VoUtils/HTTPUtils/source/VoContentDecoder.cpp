@@ -27,7 +27,7 @@ public:
 
     // Decodes all bytes. `take` receives each decoded piece.
     template <class Take>
-    [[nodiscard]] HRESULT Decode(std::span<const BYTE> bytes, const Take& take)
+    [[nodiscard]] HRESULT Decode(std::span<const BYTE> bytes, const Take& take) // NOLINT(misc-no-recursion)
     {
         if (!m_isOpen && !bytes.empty())
             Open(bytes.front());
@@ -114,6 +114,7 @@ HRESULT CVoContentDecoder::Decode(std::span<const BYTE> bytes, std::vector<BYTE>
     return hr;
 }
 
+// NOLINTBEGIN(misc-no-recursion): one level for each coding of the response
 HRESULT CVoContentDecoder::Decode(size_t stage, std::span<const BYTE> bytes, std::vector<BYTE>* decoded, UINT64 limit)
 {
     if (stage < m_stages.size())
@@ -126,6 +127,7 @@ HRESULT CVoContentDecoder::Decode(size_t stage, std::span<const BYTE> bytes, std
     decoded->insert(decoded->end(), bytes.begin(), bytes.end());
     return S_OK;
 }
+// NOLINTEND(misc-no-recursion)
 
 HRESULT CVoContentDecoder::Finish() const noexcept
 {
