@@ -62,5 +62,6 @@ TEST(ContentDecoder, StopsAtTheLimitAndKnowsItsCodings)
     EXPECT_EQ(CVoContentDecoder::Make(L"identity,", decoder), S_OK);
     EXPECT_EQ(decoder, nullptr);
     EXPECT_EQ(CVoContentDecoder::Make(L"gzip, br", decoder), E_NOTIMPL);
+    EXPECT_EQ(CVoContentDecoder::Make(L"gzip,gzip,gzip,gzip,gzip,gzip", decoder), E_NOTIMPL);
 }
 } // namespace

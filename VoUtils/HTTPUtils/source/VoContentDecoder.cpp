@@ -98,6 +98,8 @@ HRESULT CVoContentDecoder::Make(std::wstring_view contentEncoding, std::unique_p
             return E_NOTIMPL;
         if (!made)
             made.reset(new CVoContentDecoder);
+        if (made->m_stages.size() == kMaximumCodings)
+            return E_NOTIMPL;
         made->m_stages.insert(made->m_stages.begin(), std::make_unique<CStage>(isGzip));
     }
     decoder = std::move(made);

@@ -4,6 +4,7 @@
 
 #include <base/VoPlatform.h>
 
+#include <cstddef>
 #include <memory>
 #include <span>
 #include <string_view>
@@ -12,9 +13,12 @@
 class CVoContentDecoder
 {
 public:
+    static constexpr size_t kMaximumCodings = 5;
+
     // For the value of Content-Encoding (RFC 9110, section 8.4): gzip, x-gzip, deflate, identity, or several of them.
     // "chunked", which a transport decodes by itself, is passed over. `decoder` is null when there is nothing to decode.
-    // E_NOTIMPL, without a report, for any other coding. Throws std::bad_alloc.
+    // E_NOTIMPL, without a report, for any other coding, and for more than kMaximumCodings: each one costs stack and may make
+    // its input a thousand times larger. Throws std::bad_alloc.
     [[nodiscard]] static HRESULT Make(std::wstring_view contentEncoding, std::unique_ptr<CVoContentDecoder>& decoder);
     ~CVoContentDecoder();
     CVoContentDecoder(const CVoContentDecoder&) = delete;
