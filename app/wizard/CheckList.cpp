@@ -105,18 +105,12 @@ void CCheckList::Select(size_t row) const noexcept
 
 LRESULT CCheckList::OnCustomDraw(NMLVCUSTOMDRAW& draw) const noexcept
 {
-    switch (draw.nmcd.dwDrawStage)
-    {
-    case CDDS_PREPAINT:
+    if (draw.nmcd.dwDrawStage == CDDS_PREPAINT)
         return CDRF_NOTIFYITEMDRAW;
-    case CDDS_ITEMPREPAINT:
+    if (draw.nmcd.dwDrawStage == CDDS_ITEMPREPAINT)
         return CDRF_NOTIFYSUBITEMDRAW;
-    case CDDS_ITEMPREPAINT | CDDS_SUBITEM:
+    if (draw.nmcd.dwDrawStage == (CDDS_ITEMPREPAINT | CDDS_SUBITEM))
         draw.clrText = draw.iSubItem == 0 && draw.nmcd.dwItemSpec < m_states.size() ? ColourOf(m_states[draw.nmcd.dwItemSpec])
                                                                                     : ::GetSysColor(COLOR_WINDOWTEXT);
-        break;
-    default:
-        break;
-    }
     return CDRF_DODEFAULT;
 }

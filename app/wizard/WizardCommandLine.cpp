@@ -14,7 +14,8 @@ CWizardCommandLine ReadWizardCommandLine(const std::vector<std::wstring>& argume
             line.isHelp = true;
         else if (argument == L"--settings-dir")
         {
-            if (++i == arguments.size() || arguments[i].empty())
+            ++i;
+            if (i == arguments.size() || arguments[i].empty())
                 line.problem = WizardText(IDS_USAGE_NO_VALUE);
             else
                 line.settingsDirectory = arguments[i];
