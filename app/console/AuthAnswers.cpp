@@ -56,10 +56,10 @@ STDMETHODIMP CAuthAnswers::OnProxyAuthNeeded(BSTR, BSTR serverAddress, BSTR rese
                                              VARIANT_BOOL* cancelled) noexcept
 try
 {
-    const BSTR proxy = ::SysStringLen(reserved) != 0 ? reserved : serverAddress;
     if (m_dialog)
-        return m_dialog->OnProxyAuthNeeded(CVoBstr(L"Credentials for the proxy").Get(), proxy, reserved, user, password,
+        return m_dialog->OnProxyAuthNeeded(CVoBstr(L"Credentials for the proxy").Get(), serverAddress, reserved, user, password,
                                            cancelled);
+    const BSTR proxy = ::SysStringLen(reserved) != 0 ? reserved : serverAddress;
     return Answer(m_proxy, L"proxy " + std::wstring(CVoBstr::ViewOf(proxy)), user, password, cancelled);
 }
 catch (...)
