@@ -2,6 +2,7 @@
 #include "WizardSignIn.h"
 
 #include <VoAuthCallbackImpl.h>
+#include <VoServerAddress.h>
 #include <base/VoHResult.h>
 #include <base/com/VoComHelper.h>
 
@@ -50,7 +51,7 @@ public:
     STDMETHODIMP OnServerAuthNeeded(BSTR title, BSTR serverAddress, BSTR reserved, BSTR* user, BSTR* password,
                                     VARIANT_BOOL* cancelled) noexcept override
     {
-        return Answer(&IVoAuthenticationCallback::OnServerAuthNeeded, L"server " + TextOf(serverAddress), title, serverAddress,
+        return Answer(&IVoAuthenticationCallback::OnServerAuthNeeded, L"server " + OriginOf(reserved), title, serverAddress,
                       reserved, { user, password, cancelled });
     }
 
@@ -72,6 +73,12 @@ private:
         VARIANT_BOOL* cancelled;
     };
     static std::wstring TextOf(BSTR text) { return std::wstring(CVoBstr::ViewOf(text)); }
+    // Scheme, host and port of the URL that asks: another port or scheme of the same host is another server.
+    static std::wstring OriginOf(BSTR url)
+    {
+        CServerAddressData address;
+        return SUCCEEDED(address.SetAddress(TextOf(url), false, true, true)) ? address.BaseURL() : TextOf(url);
+    }
 
     HRESULT Answer(CAsk ask, const std::wstring& target, BSTR title, BSTR serverAddress, BSTR reserved, COut out) noexcept
     try
@@ -112,7 +119,9 @@ private:
             return hr;
         answer.isDeclined = cancelled != VARIANT_FALSE;
         answer.user = user.View();
-        answer.password = CVoSecret<wchar_t>(std::wstring(password.View()));
+        // Not by a temporary text: a short one would stay on the stack.
+        answer.password = {};
+        answer.password.Get() = password.View();
         VoWipe(password.Get());
         ++answer.number;
         return S_OK;

@@ -170,6 +170,39 @@ TEST_F(WizardWindow, AChallengeIsAnsweredOnceForAllTransports)
     EXPECT_THAT(report, testing::Not(HasSubstr("secret")));
 }
 
+TEST_F(WizardWindow, AnAnswerIsForOneOriginOnly)
+{
+    // Answers the dialog of this thread.
+    constexpr TIMERPROC kAnswer = [](HWND, UINT, UINT_PTR, DWORD)
+    {
+        constexpr WNDENUMPROC kVisit = [](HWND window, LPARAM) -> BOOL
+        {
+            if (!::GetDlgItem(window, CAuthDlg::kServerAddress))
+                return TRUE;
+            ::SetDlgItemTextW(window, CAuthDlg::kUserName, L"new");
+            ::SendMessageW(window, WM_COMMAND, IDOK, 0);
+            return FALSE;
+        };
+        ::EnumThreadWindows(::GetCurrentThreadId(), kVisit, 0);
+    };
+    const auto signIn = std::make_shared<CWizardSignIn>();
+    signIn->AnswerOf(L"server http://s:81") = { 1, false, L"known", {} };
+    const UINT_PTR timer = ::SetTimer(nullptr, 0, 10, kAnswer);
+    for (const auto& [url, user] : { std::pair(L"http://s:81/page", L"known"), std::pair(L"https://s:81/page", L"new"),
+                                     std::pair(L"http://s:82/page", L"new") })
+    {
+        const auto callback = MakeWizardSignInCallback(signIn);
+        CVoBstr given;
+        CVoBstr password;
+        VARIANT_BOOL cancelled = VARIANT_TRUE;
+        EXPECT_EQ(callback->OnServerAuthNeeded(nullptr, CVoBstr(L"s").Get(), CVoBstr(url).Get(), given.Put(), password.Put(),
+                                               &cancelled),
+                  S_OK);
+        EXPECT_EQ(given.View(), user) << testing::PrintToString(std::wstring(url));
+    }
+    ::KillTimer(nullptr, timer);
+}
+
 TEST_F(WizardWindow, ClosingCancelsAnOpenQuestion)
 {
     const Loopback::CLoopbackServer server([](const CRequest&, CConnection& c)
