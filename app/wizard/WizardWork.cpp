@@ -12,10 +12,11 @@ namespace
 {
 std::atomic<int> g_threads{ 0 };
 
+// Takes over the count of a thread that was made.
 class CThreadCount
 {
 public:
-    CThreadCount() noexcept { g_threads.fetch_add(1); }
+    CThreadCount() noexcept = default;
     ~CThreadCount() { g_threads.fetch_sub(1); }
     CThreadCount(const CThreadCount&) = delete;
     CThreadCount& operator=(const CThreadCount&) = delete;
@@ -83,9 +84,14 @@ void CWizardQueue::Close() noexcept
 void StartWizardThread(std::function<void()> work)
 {
     auto owned = std::make_unique<std::function<void()>>(std::move(work));
+    g_threads.fetch_add(1); // before the thread begins: the program may end in between
     const CVoHandle thread(::CreateThread(nullptr, 0, RunWork, owned.get(), 0, nullptr));
     if (!thread)
-        throw CVoHResultException(HResultFromLastError());
+    {
+        const HRESULT hr = HResultFromLastError();
+        g_threads.fetch_sub(1);
+        throw CVoHResultException(hr);
+    }
     (void)owned.release(); // the thread owns it
 }
 
