@@ -8,10 +8,12 @@
 
 #include <utility>
 
-void CWizardSignIn::BeginRun()
+CWizardSignIn::CAnswer& CWizardSignIn::AnswerOf(const std::wstring& target)
 {
-    const CVoLockHolder lock(m_lock);
-    std::erase_if(m_answers, [](const auto& entry) { return entry.second.isDeclined; });
+    CAnswer& answer = m_answers[target];
+    if (answer.isDeclined && answer.run != m_run)
+        answer = {};
+    return answer;
 }
 
 namespace
@@ -110,6 +112,7 @@ private:
 
     HRESULT Ask(CAsk ask, CWizardSignIn::CAnswer& answer, BSTR title, BSTR serverAddress, BSTR reserved)
     {
+        const unsigned run = m_signIn->Run();
         CVoBstr user;
         CVoBstr password;
         VARIANT_BOOL cancelled = VARIANT_TRUE;
@@ -118,6 +121,7 @@ private:
             FAILED(hr))
             return hr;
         answer.isDeclined = cancelled != VARIANT_FALSE;
+        answer.run = run;
         answer.user = user.View();
         // Not by a temporary text: a short one would stay on the stack.
         answer.password = {};

@@ -22,22 +22,25 @@ public:
         bool isDeclined = false;
         std::wstring user;
         CVoSecret<wchar_t> password;
+        unsigned run = 0; // in which it was given
     };
 
     // The window that owns the dialogs.
     void SetOwner(HWND owner) noexcept { m_owner = owner; }
     [[nodiscard]] HWND Owner() const noexcept { return m_owner; }
-    // A new run may ask again for what was declined.
-    void BeginRun();
+    // A new run may ask again for what was declined. Without the lock: a dialog may hold it, and waits for its owner's thread.
+    void BeginRun() noexcept { ++m_run; }
+    [[nodiscard]] unsigned Run() const noexcept { return m_run; }
 
     [[nodiscard]] CVoLock& Lock() noexcept { return m_lock; }
     // Under the lock.
-    [[nodiscard]] CAnswer& AnswerOf(const std::wstring& target) { return m_answers[target]; }
+    [[nodiscard]] CAnswer& AnswerOf(const std::wstring& target);
 
 private:
     CVoLock m_lock; // held while the dialog is open
     std::map<std::wstring, CAnswer> m_answers;
     std::atomic<HWND> m_owner{ nullptr };
+    std::atomic<unsigned> m_run{ 0 };
 };
 
 // A callback for one transport. Null without memory: challenges are declined then.

@@ -186,7 +186,10 @@ TEST_F(WizardWindow, AnAnswerIsForOneOriginOnly)
         ::EnumThreadWindows(::GetCurrentThreadId(), kVisit, 0);
     };
     const auto signIn = std::make_shared<CWizardSignIn>();
-    signIn->AnswerOf(L"server http://s:81") = { 1, false, L"known", {} };
+    signIn->AnswerOf(L"server http://s:81") = { 1, false, L"known", {}, 0 };
+    // Declined in a run before this one.
+    signIn->AnswerOf(L"server http://s:82").isDeclined = true;
+    signIn->BeginRun();
     const UINT_PTR timer = ::SetTimer(nullptr, 0, 10, kAnswer);
     for (const auto& [url, user] : { std::pair(L"http://s:81/page", L"known"), std::pair(L"https://s:81/page", L"new"),
                                      std::pair(L"http://s:82/page", L"new") })
