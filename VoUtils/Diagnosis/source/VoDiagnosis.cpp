@@ -199,10 +199,9 @@ void CRunner::Start(CTask& task)
     const auto index = static_cast<size_t>(&task - m_tasks.data());
     const CProbeContext context{ task.stop, task.deadline, m_options, m_proxyStore, m_facts };
     // Detached: what a service of the platform holds is left behind. The thread owns all that it uses.
-    VoStartDetached(
+    const auto run =
         [context, index, mailbox = m_mailbox, collect = task.row ? task.row->collect : nullptr, transport = task.transport]
     {
-        g_threads.fetch_add(1);
         try
         {
             CApply apply = collect ? collect(context) : CollectHttp(context, transport);
@@ -215,7 +214,17 @@ void CRunner::Start(CTask& task)
         }
         g_threads.fetch_sub(1);
         (void)mailbox->arrived.Set();
-    });
+    };
+    g_threads.fetch_add(1); // before the thread begins: the program may end in between
+    try
+    {
+        VoStartDetached(run);
+    }
+    catch (...)
+    {
+        g_threads.fetch_sub(1);
+        throw;
+    }
     StateOf(task).state = EState::Running;
     SetRunning(task);
 }
