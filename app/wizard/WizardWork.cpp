@@ -1,8 +1,7 @@
 // Threads and their results (WizardWork.h).
 #include "WizardWork.h"
 
-#include <base/VoHResult.h>
-#include <base/VoHandle.h>
+#include <base/VoDetachedThread.h>
 
 #include <objbase.h>
 
@@ -12,24 +11,12 @@ namespace
 {
 std::atomic<int> g_threads{ 0 };
 
-// Takes over the count of a thread that was made.
-class CThreadCount
+void RunWork(const std::function<void()>& work) noexcept
 {
-public:
-    CThreadCount() noexcept = default;
-    ~CThreadCount() { g_threads.fetch_sub(1); }
-    CThreadCount(const CThreadCount&) = delete;
-    CThreadCount& operator=(const CThreadCount&) = delete;
-};
-
-DWORD WINAPI RunWork(void* argument) noexcept
-{
-    const CThreadCount count;
-    const std::unique_ptr<std::function<void()>> work(static_cast<std::function<void()>*>(argument));
     const HRESULT com = ::CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     try
     {
-        (*work)();
+        work();
     }
     catch (...)
     {
@@ -37,7 +24,6 @@ DWORD WINAPI RunWork(void* argument) noexcept
     }
     if (SUCCEEDED(com))
         ::CoUninitialize();
-    return 0;
 }
 } // namespace
 
@@ -83,16 +69,21 @@ void CWizardQueue::Close() noexcept
 
 void StartWizardThread(std::function<void()> work)
 {
-    auto owned = std::make_unique<std::function<void()>>(std::move(work));
     g_threads.fetch_add(1); // before the thread begins: the program may end in between
-    const CVoHandle thread(::CreateThread(nullptr, 0, RunWork, owned.get(), 0, nullptr));
-    if (!thread)
+    try
     {
-        const HRESULT hr = HResultFromLastError();
-        g_threads.fetch_sub(1);
-        throw CVoHResultException(hr);
+        VoStartDetached([work = std::move(work)]() mutable
+        {
+            RunWork(work);
+            work = nullptr; // what it owns goes while the thread still counts
+            g_threads.fetch_sub(1);
+        });
     }
-    (void)owned.release(); // the thread owns it
+    catch (...)
+    {
+        g_threads.fetch_sub(1);
+        throw;
+    }
 }
 
 bool HasWizardThreads() noexcept
