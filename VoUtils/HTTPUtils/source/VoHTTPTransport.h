@@ -353,6 +353,7 @@ private:
     [[nodiscard]] std::optional<INT64> RetryAfter(const CRequest& request) const noexcept;
 
     [[nodiscard]] HRESULT internalReadResponse(CRequest& request);
+    [[nodiscard]] HRESULT TakeResponse(CRequest& request);
     [[nodiscard]] HRESULT CheckBody(const CRequest& request, std::span<const BYTE> body) const;
 
     class CClosing;

@@ -77,6 +77,21 @@ HRESULT CVoHTTPTransport::internalReadResponse(CRequest& request)
     return S_OK;
 }
 
+// The same for a caller who reads it. A failure ends the attempt in the request's record.
+HRESULT CVoHTTPTransport::TakeResponse(CRequest& request)
+{
+    if (request.IsCancelled())
+    {
+        if (request.m_hasPendingResponse)
+            EndAttempt(request, kResultCancelled);
+        return kResultCancelled;
+    }
+    const HRESULT hr = Reason(request, internalReadResponse(request));
+    if (FAILED(hr))
+        EndAttempt(request, hr);
+    return hr;
+}
+
 HRESULT CVoHTTPTransport::ReadResponse(const std::shared_ptr<CHTTPRequestData>& request, CVoBinaryDataParser& response,
                                        EResponseKind kind, bool* isUtf8, bool* isEmpty) noexcept
 {
@@ -89,17 +104,8 @@ HRESULT CVoHTTPTransport::ReadResponse(const std::shared_ptr<CHTTPRequestData>& 
         if (!own)
             return report(m_points.readResponse.request, E_INVALIDARG);
         const CUse use(*own);
-        if (own->IsCancelled())
-        {
-            if (own->m_hasPendingResponse)
-                EndAttempt(*own, kResultCancelled);
-            return report(m_points.readResponse.fetch, kResultCancelled);
-        }
-        if (const HRESULT hr = Reason(*own, internalReadResponse(*own)); FAILED(hr))
-        {
-            EndAttempt(*own, hr);
+        if (const HRESULT hr = TakeResponse(*own); FAILED(hr))
             return report(m_points.readResponse.fetch, hr);
-        }
         CRequest::CResponse& received = own->m_response;
         if (kind != EResponseKind::Parameters && kind != EResponseKind::Binary)
             return report(m_points.readResponse.read, E_NOTIMPL);
@@ -140,17 +146,8 @@ HRESULT CVoHTTPTransport::ReadMultipleResponses(const std::shared_ptr<CHTTPReque
         if (!own)
             return report(m_points.readMultipleResponses.request, E_INVALIDARG);
         const CUse use(*own);
-        if (own->IsCancelled())
-        {
-            if (own->m_hasPendingResponse)
-                EndAttempt(*own, kResultCancelled);
-            return report(m_points.readMultipleResponses.fetch, kResultCancelled);
-        }
-        if (const HRESULT hr = Reason(*own, internalReadResponse(*own)); FAILED(hr))
-        {
-            EndAttempt(*own, hr);
+        if (const HRESULT hr = TakeResponse(*own); FAILED(hr))
             return report(m_points.readMultipleResponses.fetch, hr);
-        }
         CRequest::CResponse& received = own->m_response;
         const HRESULT hr =
             received.isThere ? internalParseMultipleResponses(received.bytes, received.utf8, expectedCount, responses) : E_FAIL;
