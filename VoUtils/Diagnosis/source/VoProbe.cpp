@@ -155,11 +155,16 @@ void SplitProxy(const std::wstring& proxy, std::wstring& host, UINT16& port)
         host = host.substr(1, host.size() - 2);
 }
 
+// The host as requests write it: an IPv6 address in brackets.
+std::string HostOf(const CAddressFacts& address)
+{
+    const std::wstring& name = address.asciiHost;
+    return AsciiOf(name.find(L':') != std::wstring::npos ? L'[' + name + L']' : name);
+}
+
 std::string ConnectRequest(const CAddressFacts& address)
 {
-    const std::string host =
-        AsciiOf(address.asciiHost.find(L':') == std::wstring::npos ? address.asciiHost : L'[' + address.asciiHost + L']');
-    const std::string target = host + ':' + std::to_string(address.port);
+    const std::string target = HostOf(address) + ':' + std::to_string(address.port);
     return "CONNECT " + target + " HTTP/1.1\r\nHost: " + target + "\r\n" + "User-Agent: VoUtils connection doctor\r\n\r\n";
 }
 
@@ -375,8 +380,7 @@ std::string AsciiOf(std::wstring_view text)
 
 std::string AuthorityOf(const CAddressFacts& address)
 {
-    const std::wstring& name = address.asciiHost;
-    const std::string host = AsciiOf(name.find(L':') != std::wstring::npos ? L'[' + name + L']' : name);
+    const std::string host = HostOf(address);
     const UINT16 standard = address.isSecure ? 443 : kHttpPort;
     return address.port == standard ? host : host + ':' + std::to_string(address.port);
 }
