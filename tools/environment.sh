@@ -52,3 +52,20 @@ build_targets() {
         cmake --build "$build/$preset" --target "$@" 9>&-
     ) 9>"$build/.build.lock"
 }
+
+# prepare_program TARGET PROGRAM: what must be there before a program of build/ runs: the machine's set-up, the program itself, which is
+# built when a source is newer than its last build, and Wine.
+prepare_program() {
+    local target="$1" program="$2" stamp
+    stamp="${program##*/}"
+    stamp="$build/.${stamp%.exe}-built"
+    "$root/tools/setup" || return
+    if [ ! -f "$program" ] || [ ! -f "$stamp" ] ||
+        [ -n "$(find "$root"/{VoUtils,app,cmake,CMakeLists.txt,CMakePresets.json} "$deps/curl/.complete" -newer "$stamp" -print -quit)" ]; then
+        # The stamp has the time before the build: the next call builds what is edited meanwhile.
+        touch "$stamp.$$"
+        build_targets mingw "$target" || { rm -f "$stamp.$$"; return 1; }
+        mv "$stamp.$$" "$stamp"
+    fi
+    start_wine 60
+}
