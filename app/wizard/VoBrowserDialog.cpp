@@ -2,6 +2,7 @@
 #include "VoBrowserDialog.h"
 
 #include "VoBrowserCookies.h"
+#include "VoOle.h"
 #include "WizardShell.h"
 #include "WizardTexts.h"
 #include "resource.h"
@@ -10,7 +11,6 @@
 #include <base/VoText.h>
 
 #include <commctrl.h>
-#include <ole2.h>
 
 #include <algorithm>
 
@@ -151,24 +151,6 @@ void Guarded(Body body) noexcept
         // Lost: the user still has the dialog and its buttons.
     }
 }
-
-// OLE on this thread while the dialog runs.
-class CVoOle
-{
-public:
-    CVoOle() noexcept : m_result(::OleInitialize(nullptr)) {}
-    CVoOle(const CVoOle&) = delete;
-    CVoOle& operator=(const CVoOle&) = delete;
-    ~CVoOle()
-    {
-        if (SUCCEEDED(m_result))
-            ::OleUninitialize();
-    }
-    [[nodiscard]] HRESULT Result() const noexcept { return m_result; }
-
-private:
-    HRESULT m_result;
-};
 
 // The top-level owner of the dialog, disabled while this lives.
 class CVoOwnerLock

@@ -1,4 +1,5 @@
 // The program: vowizard.exe.
+#include "VoOle.h"
 #include "WizardCommandLine.h"
 #include "WizardTexts.h"
 #include "WizardWindow.h"
@@ -9,7 +10,6 @@
 #include <base/VoTextConversion.h>
 #include <win/VoFile.h>
 
-#include <ole2.h>
 #include <shellapi.h>
 
 namespace
@@ -39,23 +39,6 @@ void Tell(const std::wstring& text)
         ::MessageBoxW(nullptr, text.c_str(), WizardText(IDS_WIZARD).c_str(), MB_OK | MB_ICONINFORMATION);
 }
 
-// The window's thread is a single-threaded apartment, as drag and drop, dialogs for files, and the browser need it.
-class COle
-{
-public:
-    COle() noexcept : m_isInitialised(SUCCEEDED(::OleInitialize(nullptr))) {}
-    ~COle()
-    {
-        if (m_isInitialised)
-            ::OleUninitialize();
-    }
-    COle(const COle&) = delete;
-    COle& operator=(const COle&) = delete;
-
-private:
-    bool m_isInitialised;
-};
-
 int RunProgram()
 {
     CWizardCommandLine line = ReadWizardCommandLine(Arguments());
@@ -72,7 +55,8 @@ int RunProgram()
         Tell(WizardText(IDS_HELP));
         return 0;
     }
-    const COle ole;
+    // Drag and drop, dialogs for files, and the browser need it.
+    const CVoOle ole;
     CWizardDesktop desktop;
     CWizardSetup setup;
     setup.url = line.url;
