@@ -156,7 +156,7 @@ void SplitProxy(const std::wstring& proxy, std::wstring& host, UINT16& port)
 }
 
 // The host as requests write it: an IPv6 address in brackets.
-std::string HostOf(const CAddressFacts& address)
+std::string HostHeaderOf(const CAddressFacts& address)
 {
     const std::wstring& name = address.asciiHost;
     return AsciiOf(name.find(L':') != std::wstring::npos ? L'[' + name + L']' : name);
@@ -164,7 +164,7 @@ std::string HostOf(const CAddressFacts& address)
 
 std::string ConnectRequest(const CAddressFacts& address)
 {
-    const std::string target = HostOf(address) + ':' + std::to_string(address.port);
+    const std::string target = HostHeaderOf(address) + ':' + std::to_string(address.port);
     return "CONNECT " + target + " HTTP/1.1\r\nHost: " + target + "\r\n" + "User-Agent: VoUtils connection doctor\r\n\r\n";
 }
 
@@ -380,7 +380,7 @@ std::string AsciiOf(std::wstring_view text)
 
 std::string AuthorityOf(const CAddressFacts& address)
 {
-    const std::string host = HostOf(address);
+    const std::string host = HostHeaderOf(address);
     const UINT16 standard = address.isSecure ? 443 : kHttpPort;
     return address.port == standard ? host : host + ':' + std::to_string(address.port);
 }
