@@ -8,6 +8,8 @@
 #include <support/LogCapture.h>
 #include <support/TestMain.h>
 
+#include <sddl.h>
+
 #include <array>
 #include <regex>
 #include <stdexcept>
@@ -409,6 +411,32 @@ TEST(LogFile, ALineIsWrittenBehindTheFileAlsoWhenTheCutFails)
         EXPECT_EQ(BeforeTheNextLine(content, true).size(), content.size()) << fault.function;
         EXPECT_GE(failing->Calls(), call) << fault.function;
     }
+}
+
+TEST(LogFile, AMutexThatGivesNoMoreThanItsUseServes)
+{
+    // Everybody may wait for it and release it. An elevated process gives no more to others in its session.
+    SECURITY_ATTRIBUTES security{ sizeof(SECURITY_ATTRIBUTES), nullptr, FALSE };
+    ASSERT_TRUE(::ConvertStringSecurityDescriptorToSecurityDescriptorW(L"D:(A;;0x100001;;;WD)", SDDL_REVISION_1,
+                                                                       &security.lpSecurityDescriptor, nullptr));
+    constexpr const wchar_t* kName = L"VoUtilsTestElevated";
+    const CVoHandle elevated(::CreateMutexW(&security, FALSE, kName));
+    ::LocalFree(security.lpSecurityDescriptor);
+    bool isOpened = false;
+    const CCallHook<decltype(&::CreateMutexExW)> hook(
+        "kernel32.dll", "CreateMutexExW",
+        [&](auto original, LPSECURITY_ATTRIBUTES attributes, LPCWSTR, DWORD flags, DWORD access) -> HANDLE
+    {
+        EXPECT_EQ(original(attributes, kName, flags, MUTEX_ALL_ACCESS), nullptr);
+        const HANDLE mutex = original(attributes, kName, flags, access);
+        isOpened = mutex != nullptr;
+        return mutex;
+    });
+    const CVoModuleSettings settings = OwnLog();
+    CVoErrorLogFile log;
+    log.Init(settings);
+    EXPECT_TRUE(elevated && isOpened);
+    EXPECT_EQ(log.LastWriteError(), DWORD{ ERROR_SUCCESS });
 }
 
 namespace

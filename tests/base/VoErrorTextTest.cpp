@@ -60,8 +60,11 @@ TEST(ErrorText, TheFacilityDecidesWhereTheTextComesFrom)
     DWORD flags = 0;
     const CCallHook<FormatMessageFunction> hook(
         "kernel32.dll", "FormatMessageW",
-        [&](auto, DWORD askedFlags, LPCVOID, DWORD askedId, DWORD, LPWSTR buffer, DWORD, void*) -> DWORD
+        [&](auto, DWORD askedFlags, LPCVOID, DWORD askedId, DWORD language, LPWSTR buffer, DWORD, void*) -> DWORD
     {
+        // A system without texts in the user's language.
+        if (language != 0)
+            return ::SetLastError(ERROR_RESOURCE_LANG_NOT_FOUND), 0;
         flags = askedFlags;
         id = askedId;
         // As the platform does: from the local heap.
@@ -73,6 +76,12 @@ TEST(ErrorText, TheFacilityDecidesWhereTheTextComesFrom)
         CAcquireBalance::Of<decltype(&::LocalAlloc), decltype(&::LocalFree)>("kernel32.dll", "LocalAlloc", "LocalFree");
     const CAcquireBalance modules = CAcquireBalance::Of<decltype(&::LoadLibraryExW), decltype(&::FreeLibrary)>(
         "kernel32.dll", "LoadLibraryExW", "FreeLibrary");
+    const CCallHook<decltype(&::LoadLibraryExW)> load("kernel32.dll", "LoadLibraryExW",
+                                                      [](auto original, LPCWSTR name, HANDLE file, DWORD how)
+    {
+        EXPECT_TRUE(how & LOAD_LIBRARY_SEARCH_SYSTEM32) << "a file of that name elsewhere is another one";
+        return original(name, file, how);
+    });
     for (const auto& [code, expectedId, source] : { std::tuple(0x80070002u, 2u, FORMAT_MESSAGE_FROM_SYSTEM),
                                                     { 0x80072EDFu, 11999u, FORMAT_MESSAGE_FROM_SYSTEM },
                                                     { 0x80072EE0u, 12000u, FORMAT_MESSAGE_FROM_HMODULE },

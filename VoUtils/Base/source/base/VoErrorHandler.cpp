@@ -253,7 +253,8 @@ void CVoErrorLogFile::ResolveNames()
         m_directory += L'\\' + m_settings.versionString;
     }
     m_logFilePath = m_directory + L'\\' + logName + L".log";
-    m_mutex.Reset(::CreateMutexW(nullptr, FALSE, (L"Mutex_ErrorLogFile_" + logName).c_str()));
+    // Only the rights to wait and to release: a process with more privileges may have made the mutex, and gives others no more.
+    m_mutex.Reset(::CreateMutexExW(nullptr, (L"Mutex_ErrorLogFile_" + logName).c_str(), 0, SYNCHRONIZE | MUTEX_MODIFY_STATE));
 
     VoLogSetup::CRunFacts facts;
     const CVoModuleVersion version = VoReadModuleVersion(module);

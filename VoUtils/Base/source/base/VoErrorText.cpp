@@ -47,9 +47,15 @@ std::optional<std::wstring> FormatSystemMessage(HMODULE module, DWORD id)
     const DWORD flags = FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS |
                         (module ? FORMAT_MESSAGE_FROM_HMODULE : FORMAT_MESSAGE_FROM_SYSTEM);
     wchar_t* buffer = nullptr;
-    // With this flag the function takes the address of a pointer where it otherwise takes a buffer.
-    const DWORD length = ::FormatMessageW(flags, module, id, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT),
-                                          reinterpret_cast<wchar_t*>(&buffer), 0, nullptr);
+    const auto format = [&](DWORD language)
+    {
+        // With this flag the function takes the address of a pointer where it otherwise takes a buffer.
+        return ::FormatMessageW(flags, module, id, language, reinterpret_cast<wchar_t*>(&buffer), 0, nullptr);
+    };
+    DWORD length = format(MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT));
+    // A system may have no texts in the user's language: 0 looks through all languages that it has.
+    if (length == 0 && ::GetLastError() == ERROR_RESOURCE_LANG_NOT_FOUND)
+        length = format(0);
     const std::unique_ptr<void, decltype(&::LocalFree)> owner(buffer, ::LocalFree);
     if (length == 0 || !buffer)
         return std::nullopt;
@@ -60,8 +66,10 @@ std::optional<std::wstring> FormatSystemMessage(HMODULE module, DWORD id)
 
 std::optional<std::wstring> InternetText(DWORD error)
 {
-    // Load it as data: only its message table is needed.
-    const HMODULE module = ::LoadLibraryExW(L"wininet.dll", nullptr, LOAD_LIBRARY_AS_DATAFILE | LOAD_LIBRARY_AS_IMAGE_RESOURCE);
+    // Load it as data: only its message table is needed. From the system's folder: a file of that name elsewhere is not the
+    // platform's.
+    constexpr DWORD kFlags = LOAD_LIBRARY_AS_DATAFILE | LOAD_LIBRARY_AS_IMAGE_RESOURCE | LOAD_LIBRARY_SEARCH_SYSTEM32;
+    const HMODULE module = ::LoadLibraryExW(L"wininet.dll", nullptr, kFlags);
     if (!module)
         return std::nullopt;
     const std::unique_ptr<std::remove_pointer_t<HMODULE>, decltype(&::FreeLibrary)> owner(module, ::FreeLibrary);
