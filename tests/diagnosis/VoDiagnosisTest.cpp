@@ -10,11 +10,17 @@
 
 #include <gtest/gtest.h>
 
+#include <iphlpapi.h>
 #include <wincrypt.h>
 
+#define SECURITY_WIN32
+#include <security.h>
+
 #include <algorithm>
+#include <atomic>
 #include <future>
 #include <thread>
+#include <tuple>
 
 namespace
 {
@@ -178,6 +184,10 @@ TEST(Diagnosis, FindsThatNobodyListens)
     EXPECT_EQ(Result(Diagnose(url, [](Options&) {})), "server connect connect_refused");
     EXPECT_EQ(Result(Diagnose("http://no-such-name.invalid/")), "name name name_not_found");
     EXPECT_EQ(Result(Diagnose("ftp://user:planted-password@h/?planted-secret")), "address address address_malformed");
+    // Without an adapter the network is the fault.
+    const CCallHook<decltype(&::GetAdaptersAddresses)> noAdapter("iphlpapi.dll", "GetAdaptersAddresses",
+                                                                 [](auto...) -> ULONG { return ERROR_NO_DATA; });
+    EXPECT_EQ(Result(Diagnose("http://no-such-name.invalid/")), "network name name_not_found");
 }
 
 TEST(Diagnosis, FollowsARedirectToAnotherHost)
@@ -350,6 +360,70 @@ TEST(Diagnosis, FindsARevokedCertificateAndAnIssuerWhoseServersDoNotAnswer)
         EXPECT_EQ(CauseOf(report, "tls"), cause);
     }
     ::SetEvent(s_end);
+}
+
+TEST(Diagnosis, APolicyThatCannotBeCheckedIsNotPassed)
+{
+    VO_NEEDS_TEST_SERVERS();
+    const CCallHook<decltype(&::CertGetCertificateChain)> trust("crypt32.dll", "CertGetCertificateChain",
+                                                                [](auto original, auto... arguments)
+    {
+        const BOOL isMade = original(arguments...);
+        PCCERT_CHAIN_CONTEXT* const chain = std::get<7>(std::tuple(arguments...));
+        const_cast<CERT_CHAIN_CONTEXT*>(*chain)->TrustStatus.dwErrorStatus = 0;
+        return isMade;
+    });
+    const std::string url = TestSupport::TestServers()->SecureURL("/post");
+    EXPECT_EQ(CauseOf(Diagnose(url), "tls"), "");
+    const CFailOnCall<decltype(&::CertVerifyCertificateChainPolicy)> unknown(
+        "crypt32.dll", "CertVerifyCertificateChainPolicy", 1, FALSE, static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
+    EXPECT_EQ(CauseOf(Diagnose(url), "tls"), "certificate_issuer");
+}
+
+// A server may continue the handshake at any time. In TLS 1.3 it sends tickets.
+TEST(Diagnosis, TheServersDateIsReadBehindARenewedHandshake)
+{
+    VO_NEEDS_TEST_SERVERS();
+    // Ten years on, every certificate is too old: the date of the response tells that the clock is wrong.
+    const CCallHook<decltype(&::GetSystemTimeAsFileTime)> clock("kernel32.dll", "GetSystemTimeAsFileTime",
+                                                                [](auto original, LPFILETIME time)
+    {
+        original(time);
+        time->dwHighDateTime += 10 * 365 * 24 * 3600 / 429; // units of 429 seconds
+    });
+    // Over WinHTTP the certificate is refused: no response but that of the probe has a date.
+    const auto cause = []
+    {
+        return CauseOf(Diagnose(TestSupport::TestServers()->SecureURL("/post"), [](Options& o) { o.engines = { 1 }; }),
+                       "clock");
+    };
+    EXPECT_EQ(cause(), "clock_skew");
+
+    static std::atomic<int> s_handshakes;
+    s_handshakes = 0;
+    const CCallHook<decltype(&::DecryptMessage)> decrypt("secur32.dll", "DecryptMessage",
+                                                         [](auto original, auto context, PSecBufferDesc message, auto... rest)
+    {
+        if (s_handshakes != 0)
+            return original(context, message, rest...);
+        SecBuffer* const buffers = message->pBuffers;
+        buffers[3] = { buffers[0].cbBuffer, SECBUFFER_EXTRA, buffers[0].pvBuffer };
+        buffers[0].BufferType = SECBUFFER_STREAM_HEADER;
+        s_handshakes = 1;
+        return SECURITY_STATUS{ SEC_I_RENEGOTIATE };
+    });
+    const CCallHook<decltype(&::InitializeSecurityContextW)> handshake(
+        "secur32.dll", "InitializeSecurityContextW", [](auto original, auto credentials, auto context, auto... rest)
+    {
+        if (s_handshakes != 1)
+            return original(credentials, context, rest...);
+        const PSecBufferDesc input = std::get<4>(std::tuple(rest...));
+        input->pBuffers[1] = { input->pBuffers[0].cbBuffer, SECBUFFER_EXTRA, nullptr };
+        s_handshakes = 2;
+        return SECURITY_STATUS{ SEC_E_OK };
+    });
+    EXPECT_EQ(cause(), "clock_skew");
+    EXPECT_EQ(s_handshakes, 2);
 }
 
 // What each state of a check was, in order.

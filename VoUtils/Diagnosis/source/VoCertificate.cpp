@@ -1,8 +1,10 @@
 // Certificates and chains (VoCertificate.h).
 #include "VoCertificate.h"
 
+#include <base/VoHResult.h>
 #include <base/VoText.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <vector>
@@ -123,7 +125,7 @@ CChain BuildChain(const CERT_CONTEXT& certificate, DWORD timeout, DWORD flags)
     LPSTR usages[] = { usage.data() };
     parameters.RequestedUsage.dwType = USAGE_MATCH_TYPE_OR;
     parameters.RequestedUsage.Usage = { 1, usages };
-    parameters.dwUrlRetrievalTimeout = timeout;
+    parameters.dwUrlRetrievalTimeout = std::max<DWORD>(timeout, 1); // 0 would be the platform's own time-out
     const CERT_CHAIN_CONTEXT* chain = nullptr;
     ::CertGetCertificateChain(nullptr, &certificate, nullptr, certificate.hCertStore, &parameters, flags, nullptr, &chain);
     return CChain(chain);
@@ -200,8 +202,9 @@ void JudgeChain(const CERT_CONTEXT& certificate, const std::wstring& host, DWORD
     policy.pvExtraPolicyPara = &ssl;
     CERT_CHAIN_POLICY_STATUS status{};
     status.cbSize = sizeof status;
-    if (::CertVerifyCertificateChainPolicy(CERT_CHAIN_POLICY_SSL, chain.get(), &policy, &status))
-        facts.policyError = status.dwError;
+    // A policy that cannot be checked has not been passed.
+    const bool isChecked = ::CertVerifyCertificateChainPolicy(CERT_CHAIN_POLICY_SSL, chain.get(), &policy, &status) != FALSE;
+    facts.policyError = isChecked ? status.dwError : static_cast<DWORD>(HResultFromLastError());
 }
 
 CRevocation CheckRevocation(const CERT_CONTEXT& certificate, DWORD timeout)

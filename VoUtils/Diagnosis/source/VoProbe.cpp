@@ -66,6 +66,8 @@ bool HasNetwork()
         if (error == ERROR_BUFFER_OVERFLOW)
             bytes.resize(size);
     }
+    if (error == ERROR_NO_DATA)
+        return false; // no adapter has an address
     if (error != ERROR_SUCCESS)
         return true;
     for (const auto* adapter = reinterpret_cast<const IP_ADAPTER_ADDRESSES*>(bytes.data()); adapter; adapter = adapter->Next)
@@ -110,11 +112,14 @@ std::vector<std::wstring> UnusedProxies(bool isSecure)
     if (const DWORD size = ::GetEnvironmentVariableW(name, nullptr, 0); size > 1)
     {
         std::wstring value(size, L'\0');
-        value.resize(::GetEnvironmentVariableW(name, value.data(), size));
+        // A value that has grown meanwhile gives the size that it needs now: it is left out.
+        const DWORD length = ::GetEnvironmentVariableW(name, value.data(), size);
+        value.resize(length < size ? length : 0);
         // A user and a password may stand in front of the host.
         if (const size_t at = value.rfind(L'@'); at != std::wstring::npos)
             value.erase(0, at + 1);
-        found.push_back(L"the environment: " + value);
+        if (!value.empty())
+            found.push_back(L"the environment: " + value);
     }
     HKEY key = nullptr;
     if (::RegOpenKeyExW(HKEY_CURRENT_USER, L"Software\\Microsoft\\Windows\\CurrentVersion\\Internet Settings", 0, KEY_READ,

@@ -14,8 +14,10 @@
 #include <schannel.h>
 #include <security.h>
 
-#include <atomic>
+#include <algorithm>
 #include <optional>
+#include <span>
+#include <utility>
 
 namespace VoDiagnosis
 {
@@ -89,18 +91,21 @@ public:
     [[nodiscard]] std::wstring AskForDate(std::string_view request, const CWaitLimit& limit);
 
 private:
-    [[nodiscard]] SECURITY_STATUS Step(const std::wstring& host, std::string& received, std::string& toSend);
+    [[nodiscard]] SECURITY_STATUS Step(std::string& received, std::string& toSend);
+    void Negotiate(std::string& received, const CWaitLimit& limit, CTlsFacts& facts);
     void ReadConnection(CTlsFacts& facts) noexcept;
 
     CProbeSocket& m_socket;
     CCredentials m_credentials;
     CtxtHandle m_context{};
     bool m_hasContext = false;
+    bool m_hasReceived = false;
+    std::wstring m_host;
     std::string m_rest; // bytes behind the handshake
 };
 
 // One round: takes what it can use from `received`.
-SECURITY_STATUS CTlsClient::Step(const std::wstring& host, std::string& received, std::string& toSend)
+SECURITY_STATUS CTlsClient::Step(std::string& received, std::string& toSend)
 {
     constexpr ULONG kFlags = ISC_REQ_SEQUENCE_DETECT | ISC_REQ_REPLAY_DETECT | ISC_REQ_CONFIDENTIALITY | ISC_REQ_STREAM |
                              ISC_REQ_ALLOCATE_MEMORY | ISC_REQ_MANUAL_CRED_VALIDATION | ISC_REQ_USE_SUPPLIED_CREDS;
@@ -111,9 +116,8 @@ SECURITY_STATUS CTlsClient::Step(const std::wstring& host, std::string& received
     SecBufferDesc output{ SECBUFFER_VERSION, 1, out };
     ULONG attributes = 0;
     TimeStamp expiry{};
-    std::wstring target = host;
     const SECURITY_STATUS status =
-        ::InitializeSecurityContextW(m_credentials.Get(), m_hasContext ? &m_context : nullptr, target.data(), kFlags, 0, 0,
+        ::InitializeSecurityContextW(m_credentials.Get(), m_hasContext ? &m_context : nullptr, m_host.data(), kFlags, 0, 0,
                                      m_hasContext ? &input : nullptr, 0, &m_context, &output, &attributes, &expiry);
     m_hasContext = m_hasContext || status == SEC_I_CONTINUE_NEEDED || status == SEC_E_OK;
     if (out[0].pvBuffer)
@@ -135,18 +139,25 @@ void CTlsClient::Handshake(const std::wstring& host, const CWaitLimit& limit, CT
     facts.outcome = m_credentials.Status() == SEC_E_OK ? EOutcome::Ok : EOutcome::Error;
     if (facts.outcome != EOutcome::Ok)
         return;
-    std::string received;
-    bool isFirst = true;
+    m_host = host;
+    Negotiate(m_rest, limit, facts);
+    if (facts.outcome == EOutcome::Ok)
+        ReadConnection(facts);
+}
+
+// Runs rounds until the handshake is complete. `received` has the bytes for the first round, and keeps those behind the last.
+void CTlsClient::Negotiate(std::string& received, const CWaitLimit& limit, CTlsFacts& facts)
+{
     for (;;)
     {
         std::string toSend;
-        const SECURITY_STATUS status = Step(host, received, toSend);
+        const SECURITY_STATUS status = Step(received, toSend);
         if (!toSend.empty())
             facts.outcome = m_socket.Send(toSend, limit);
         if (facts.outcome != EOutcome::Ok)
             return;
         if (status == SEC_E_OK)
-            break;
+            return;
         if (status != SEC_I_CONTINUE_NEEDED && status != SEC_E_INCOMPLETE_MESSAGE)
         {
             facts.error = static_cast<DWORD>(status);
@@ -161,16 +172,13 @@ void CTlsClient::Handshake(const std::wstring& host, const CWaitLimit& limit, CT
         // The first byte of a TLS record is its type: an alert or a handshake message (RFC 8446, section 5.1).
         constexpr char kAlert = 0x15;
         constexpr char kHandshake = 0x16;
-        if (isFirst && received.front() != kAlert && received.front() != kHandshake)
+        if (!std::exchange(m_hasReceived, true) && received.front() != kAlert && received.front() != kHandshake)
         {
             facts.isTls = false;
             facts.outcome = EOutcome::Error;
             return;
         }
-        isFirst = false;
     }
-    m_rest = std::move(received);
-    ReadConnection(facts);
 }
 
 void CTlsClient::ReadConnection(CTlsFacts& facts) noexcept
@@ -234,15 +242,23 @@ std::wstring CTlsClient::AskForDate(std::string_view request, const CWaitLimit& 
                 return {};
             continue;
         }
-        if (status != SEC_E_OK)
+        if (status != SEC_E_OK && status != SEC_I_RENEGOTIATE)
             return {};
         std::string rest;
-        for (const SecBuffer& buffer : in)
+        for (const SecBuffer& buffer : std::span(in).subspan(1)) // the first is the record's header now
             if (buffer.BufferType == SECBUFFER_DATA)
                 plain.append(static_cast<const char*>(buffer.pvBuffer), buffer.cbBuffer);
             else if (buffer.BufferType == SECBUFFER_EXTRA)
                 rest = encrypted.substr(encrypted.size() - std::min<size_t>(buffer.cbBuffer, encrypted.size()));
         encrypted = std::move(rest);
+        if (status != SEC_I_RENEGOTIATE)
+            continue;
+        // A handshake message behind the handshake, in TLS 1.3 usually a ticket: the handshake goes on with what is left.
+        CTlsFacts handshake;
+        handshake.outcome = EOutcome::Ok;
+        Negotiate(encrypted, limit, handshake);
+        if (handshake.outcome != EOutcome::Ok)
+            return {};
     }
     return response.Header(L"Date");
 }
