@@ -50,6 +50,9 @@ void CHandleSink::Write(std::span<const BYTE> bytes)
         DWORD written = 0;
         if (!::WriteFile(m_handle, bytes.data(), static_cast<DWORD>(std::min(bytes.size(), block)), &written, nullptr))
             throw CVoHResultException(HResultFromLastError());
+        // A pipe that does not wait and is full takes nothing, and that is no error of the call.
+        if (written == 0)
+            throw CVoHResultException(HResultFromWin32(ERROR_WRITE_FAULT));
         bytes = bytes.subspan(written);
     }
 }

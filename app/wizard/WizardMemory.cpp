@@ -39,8 +39,9 @@ std::wstring CWizardMemory::DefaultFile()
 {
     const DWORD size = ::GetEnvironmentVariableW(L"LOCALAPPDATA", nullptr, 0);
     std::wstring folder(size, L'\0');
-    if (size != 0)
-        folder.resize(::GetEnvironmentVariableW(L"LOCALAPPDATA", folder.data(), size));
+    // A value that has grown meanwhile gives the size that it needs now.
+    const DWORD length = size != 0 ? ::GetEnvironmentVariableW(L"LOCALAPPDATA", folder.data(), size) : 0;
+    folder.resize(length < size ? length : 0);
     return folder.empty() ? folder : folder + L"\\VoUtils\\Wizard.ini";
 }
 

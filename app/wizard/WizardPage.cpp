@@ -150,7 +150,7 @@ INT_PTR CWizardPage::OnMessage(UINT message, WPARAM wParam, LPARAM lParam)
     case kDpiChangedAfterParent:
         OnResize();
         return FALSE;
-    case WM_DESTROY:
+    case WM_NCDESTROY:
         OnDestroy();
         return FALSE;
     default:

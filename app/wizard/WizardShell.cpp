@@ -71,7 +71,12 @@ std::optional<std::wstring> CWizardDesktop::AskForFile(HWND owner)
     dialog.lpstrDefExt = L"html"; // the platform takes the extension of the chosen filter instead
     dialog.Flags = OFN_EXPLORER | OFN_OVERWRITEPROMPT | OFN_PATHMUSTEXIST | OFN_NOCHANGEDIR | OFN_HIDEREADONLY;
     if (!::GetSaveFileNameW(&dialog))
+    {
+        // 0: the user cancelled.
+        if (const DWORD error = ::CommDlgExtendedError(); error != 0)
+            Tell(owner, WizardText(IDS_SAVE_FAILED, { L"report", VoFormat(L"0x%08X", static_cast<unsigned>(error)) }));
         return std::nullopt;
+    }
     path.resize(path.find(L'\0'));
     return path;
 }

@@ -39,7 +39,7 @@ try
     DWORD written = 0;
     if (!::WriteFile(file.Get(), record.data(), static_cast<DWORD>(record.size()), &written, nullptr))
         return report.LastError(45, 46);
-    return S_OK;
+    return written == record.size() ? S_OK : report(47, HResultFromWin32(ERROR_WRITE_FAULT));
 }
 catch (...)
 {
