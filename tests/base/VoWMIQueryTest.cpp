@@ -310,6 +310,16 @@ TEST(WmiQuery, EveryFailureOfTheStartIsReportedAndMakesEveryQueryFail)
         run, wasReported, { &com });
 }
 
+TEST(WmiQuery, SecurityThatWasSetEarlierInTheProcessIsAccepted)
+{
+    SScenario scenario;
+    const CFakeWmi fake(scenario);
+    const CFailOnCall<decltype(&::CoInitializeSecurity)> tooLate("ole32.dll", "CoInitializeSecurity", 1, RPC_E_TOO_LATE, 0);
+    CVoWMIQueryBase wmi(kNamespace);
+    EXPECT_EQ(wmi.Start(), S_OK);
+    EXPECT_EQ(tooLate.Calls(), 1);
+}
+
 TEST(WmiQuery, AWorkerThatCannotAnswerIsAFailure)
 {
     SScenario scenario;

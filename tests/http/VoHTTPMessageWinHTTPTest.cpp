@@ -324,6 +324,35 @@ TEST_P(WinHTTPTransport, AFailedConnectNamesTheProxyThatTheServiceFound)
     }
 }
 
+TEST_P(WinHTTPTransport, TheBitsOfASecureFailureTellTheFault)
+{
+    // The documented bits (documentation of WINHTTP_STATUS_CALLBACK), alone and together; 0: no such notification.
+    const std::pair<DWORD, EVoFailure> table[] = {
+        { 0, EVoFailure::Certificate },
+        { WINHTTP_CALLBACK_STATUS_FLAG_CERT_REV_FAILED, EVoFailure::RevocationUnknown },
+        { WINHTTP_CALLBACK_STATUS_FLAG_INVALID_CERT, EVoFailure::Certificate },
+        { WINHTTP_CALLBACK_STATUS_FLAG_CERT_REVOKED, EVoFailure::CertificateRevoked },
+        { WINHTTP_CALLBACK_STATUS_FLAG_INVALID_CA, EVoFailure::CertificateIssuer },
+        { WINHTTP_CALLBACK_STATUS_FLAG_CERT_CN_INVALID, EVoFailure::CertificateName },
+        { WINHTTP_CALLBACK_STATUS_FLAG_CERT_DATE_INVALID, EVoFailure::CertificateDate },
+        { 0x40, EVoFailure::Certificate }, // ..._CERT_WRONG_USAGE
+        { WINHTTP_CALLBACK_STATUS_FLAG_SECURITY_CHANNEL_ERROR, EVoFailure::TlsHandshake },
+        { WINHTTP_CALLBACK_STATUS_FLAG_CERT_REV_FAILED | WINHTTP_CALLBACK_STATUS_FLAG_CERT_REVOKED,
+          EVoFailure::CertificateRevoked },
+    };
+    for (const auto& [bits, fault] : table)
+    {
+        SCOPED_TRACE(bits);
+        m_platform.responses = { { .error = ERROR_WINHTTP_SECURE_FAILURE, .secureFailure = bits } };
+        const Message message = Connect(L"https://server.test/", { .verify = true, .revocation = true });
+        const Request request = Open(*message);
+        EXPECT_EQ(SendOn(*message, request), HResultFromWin32(ERROR_WINHTTP_SECURE_FAILURE));
+        CVoExchangeRecord record;
+        ASSERT_EQ(request->GetExchangeRecord(record), S_OK);
+        EXPECT_EQ(record.attempts.at(0).failure, fault) << testing::PrintToString(record.Reason());
+    }
+}
+
 TEST_P(WinHTTPTransport, HandlesAreClosedChildrenFirstAndAPendingResponseIsLost)
 {
     m_platform.responses = { { .status = 302, .headers = { { L"Location", L"http://other.test/" } } }, {} };

@@ -8,6 +8,8 @@
 
 #include <VoGlobalHTTPCookieStoreImpl.h>
 
+#include <thread>
+
 namespace
 {
 using testing::ElementsAre;
@@ -368,6 +370,45 @@ TEST_F(WinINetTransport, CancelEndsEachCallThatWaits)
         EXPECT_THAT(m_platform.open, ElementsAre(1, 2)) << "the request's handle was closed, once";
         EXPECT_EQ(Exchange(), S_OK) << "the message is usable";
     }
+}
+
+TEST_F(WinINetTransport, AnEmptyReadEndsTheBody)
+{
+    // The service announces bytes, and the connection ends in front of them.
+    ASSERT_EQ(Connect(), S_OK);
+    m_platform.announcedBeyond = 5;
+    EXPECT_EQ(Exchange(), S_OK);
+    m_platform.headers = { { L"Content-Length", L"8" } };
+    EXPECT_EQ(Exchange(), E_FAIL) << "shorter than announced";
+}
+
+TEST_F(WinINetTransport, NotificationsOfAnyThreadAreNotedAndLateOnesIgnored)
+{
+    ASSERT_EQ(Connect(), S_OK);
+    SOCKADDR_IN address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = 0x0100007F;
+    const auto notify = [&](HINTERNET handle)
+    {
+        std::jthread([&, handle]
+        { m_platform.callback(handle, 1, INTERNET_STATUS_CONNECTED_TO_SERVER, &address, sizeof address); });
+    };
+    HINTERNET sent = nullptr;
+    m_platform.whenSent = [&](HINTERNET handle)
+    {
+        notify(sent = handle);
+        notify(nullptr); // another handle's
+    };
+    const Request request = Open(*m_message);
+    ASSERT_EQ(SendOn(*m_message, request), S_OK);
+    address.sin_addr.s_addr = 0x0200007F;
+    notify(sent); // late: the call is over
+    CVoExchangeRecord record;
+    ASSERT_EQ(request->GetExchangeRecord(record), S_OK);
+    EXPECT_EQ(record.attempts.at(0).remoteAddress, L"127.0.0.1");
+    m_platform.whenSent = nullptr;
+    m_message.reset();
+    notify(sent); // the handle is closed
 }
 
 TEST_F(WinINetTransport, TheReasonMentionsTheSystemsProxy)

@@ -15,7 +15,8 @@ struct CWinHttpResponse
     DWORD status = 200;
     CFakeService::Headers headers = {};
     std::string body = "a=1";
-    DWORD error = 0; // instead of a response, when it is not 0
+    DWORD error = 0;         // instead of a response, when it is not 0
+    DWORD secureFailure = 0; // the bits of a notification of that name before the error
 };
 
 // Replaces WinHTTP in the program's imports while it lives: notes each call with its arguments, and responds as the platform's
@@ -172,6 +173,8 @@ private:
         return Complete("Receive", handle, [](CRequest& request, auto notify)
         {
             WINHTTP_ASYNC_RESULT result{ API_RECEIVE_RESPONSE, request.response.error };
+            if (DWORD bits = request.response.secureFailure; bits != 0)
+                notify(WINHTTP_CALLBACK_STATUS_SECURE_FAILURE, bits, DWORD{ sizeof bits });
             notify(result.dwError ? WINHTTP_CALLBACK_STATUS_REQUEST_ERROR : WINHTTP_CALLBACK_STATUS_HEADERS_AVAILABLE, result,
                    DWORD{ sizeof result });
         });

@@ -6,6 +6,8 @@
 
 #include <wininet.h>
 
+#include <functional>
+
 namespace TestSupport
 {
 // Replaces WinINet in the program's imports while it lives: notes each call with its arguments, and responds as the platform's
@@ -20,7 +22,10 @@ public:
     std::string body = "a=1";            // of each response
     std::string probeBody = "xyz";       // of the responses to the probe
     std::string written;
-    DWORD writtenShort = 0; // so many bytes of each piece are not taken
+    DWORD writtenShort = 0;                       // so many bytes of each piece are not taken
+    DWORD announcedBeyond = 0;                    // so many bytes more are said to be there than there are
+    INTERNET_STATUS_CALLBACK callback = nullptr;  // of the session
+    std::function<void(HINTERNET)> whenSent = {}; // called while a request is begun
     DWORD securityFlags = 0x10000001;
     bool hasProxy = false; // in the system's settings
     DWORD dialogResult = ERROR_INTERNET_FORCE_RETRY;
@@ -91,6 +96,8 @@ private:
         EXPECT_FALSE(in->lpvBuffer || in->dwBufferLength || out);
         Note("SendRequestEx", Name(request), Text(in->lpcszHeader), ' ', in->dwBufferTotal, ' ', flags, ' ', context);
         written.clear();
+        if (whenSent)
+            whenSent(request);
         return !IsEndedByClose("SendRequestEx", request) && !Fails("SendRequestEx");
     }
     BOOL Write(HINTERNET request, LPCVOID bytes, DWORD length, DWORD* done)
@@ -133,7 +140,7 @@ private:
     BOOL Available(HINTERNET request, DWORD* count, DWORD flags, DWORD_PTR context)
     {
         EXPECT_TRUE(flags == 0 && context == 0);
-        *count = static_cast<DWORD>(m_unread.size());
+        *count = static_cast<DWORD>(m_unread.size()) + announcedBeyond;
         return !IsEndedByClose("Available", request);
     }
     BOOL Read(HINTERNET request, LPVOID buffer, DWORD size, DWORD* done)
@@ -150,6 +157,11 @@ private:
         dialogOwner = owner;
         dialogOwnerThread = ::GetWindowThreadProcessId(owner, nullptr);
         return dialogResult;
+    }
+    INTERNET_STATUS_CALLBACK SetCallback(HINTERNET session, INTERNET_STATUS_CALLBACK given)
+    {
+        EXPECT_TRUE(open.contains(reinterpret_cast<UINT_PTR>(session)));
+        return std::exchange(callback, given);
     }
     UINT_PTR m_lastRequest = 2;
     std::string m_unread;
@@ -173,6 +185,7 @@ private:
     VO_REPLACE(InternetQueryDataAvailable, Available);
     VO_REPLACE(InternetReadFile, Read);
     VO_REPLACE(InternetErrorDlg, ErrorDialog);
+    VO_REPLACE(InternetSetStatusCallbackW, SetCallback);
     VO_REPLACE(InternetCloseHandle, Close);
 #undef VO_REPLACE
 };
