@@ -17,12 +17,15 @@ TEST(ExchangeText, AddressesLoseUserAndQuery)
         { L"/p?token=1", L"/p?<7 characters>" },
         { L"//u:p@h/p", L"//h/p" },
         { L"\\\\u:p@h", L"\\\\h" },
+        { L"http:/u:p@h/x", L"http:/h/x" },
+        { L"http://u:p\\p@h/x", L"http://h/x" },
+        { L"http:///u:p@h/x/a@b", L"http:///h/x/a@b" },
         { L"<http://a/>; x, <http://u:p@b/?k>", L"<http://a/>; x, <http://b/?<2 characters>" },
         { L"", L"" },
     };
     for (const auto& [url, expected] : cases)
         EXPECT_EQ(VoHideQuery(url), expected) << testing::PrintToString(std::wstring(url));
-    for (const wchar_t* const proxy : { L"p:80", L"u:s3cr3t@p:80", L"u:s3cr3t@x@p:80" })
+    for (const wchar_t* const proxy : { L"p:80", L"u:s3cr3t@p:80", L"u:s3cr3t@x@p:80", L"u:s3://cr3t@p:80" })
         EXPECT_EQ(VoHideProxyUser(proxy), L"p:80");
     EXPECT_EQ(VoHideProxyUser(L"http://u:s3cr3t@p:80"), L"http://p:80");
 }

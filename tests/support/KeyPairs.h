@@ -1,4 +1,4 @@
-// RSA keys for tests.
+// RSA keys for tests, and a file that one of them has signed.
 #pragma once
 
 #include <string>
@@ -25,4 +25,17 @@ constexpr const wchar_t* kKnownPublicKey =
 // A key of the same length that has signed nothing. Its modulus is smaller than the signatures of the first key.
 inline const std::wstring kOtherPublicKey =
     std::wstring(kKnownPublicKey).replace(std::wstring(kKnownPublicKey).size() - 2, 2, L"01");
+// A file whose canonical text an independent implementation (openssl dgst -sha512 -sign) has signed with the first key: the
+// bytes in reverse order, in Base64.
+constexpr const char* kKnownSignedFile = "; made by hand\r\n[Settings]\r\n  Name  = Gr\xC3\xB6\xC3\x9F"
+                                         "e  x \t\n"
+                                         "empty=\n"
+                                         "name2\n"
+                                         "Name=2\r\n"
+                                         "[nothing]\r\n; comment\r\n"
+                                         "[signature]\r\n"
+                                         "a=zsyxd8HrNEV3gMW8X9Qp0SY252-5QbtVr-GLaQIEilqb2YjcN2g91v2ohwDGyzdnv9m5OZ\r\n"
+                                         "b=jshfMLwca_jKwHKrYtbth8xyPuLYwmAsdnzB5NOjTPUFbpyiiXMmEPgbFREWURK4XrU_Q6\r\n"
+                                         "a=EyOgDcDN1kEokoDK2cVEPxLdSk67640\r\n"
+                                         "[Last]\r\nk=;v\r\n";
 } // namespace TestSupport

@@ -142,7 +142,7 @@ void Watch()
     }
 }
 
-void Running(const char* what)
+void Running(const char* what) noexcept
 {
     std::snprintf(g_running, sizeof g_running, "%s", what);
     g_deadline = ::GetTickCount64() + g_timeout;
@@ -204,6 +204,11 @@ bool IsWine() noexcept
 {
     const HMODULE ntdll = ::GetModuleHandleW(L"ntdll.dll");
     return ntdll && ::GetProcAddress(ntdll, "wine_get_version");
+}
+
+void NoteProgress(const char* what) noexcept
+{
+    Running(what);
 }
 
 const std::filesystem::path& TestFolder()

@@ -21,6 +21,9 @@ constexpr int kExitCrashed = 99;
 // Whether the program runs under Wine. A test that meets a difference from Windows states it with this.
 [[nodiscard]] bool IsWine() noexcept;
 
+// Names what the test works on, for the line that a crash or a hang leaves. The watchdog's time begins anew.
+void NoteProgress(const char* what) noexcept;
+
 // The private folder of this test process. ModuleSettings.ini lies there, and the application's log goes there. It is removed
 // at the end of the run.
 [[nodiscard]] const std::filesystem::path& TestFolder();

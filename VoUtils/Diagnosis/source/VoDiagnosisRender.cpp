@@ -145,7 +145,7 @@ std::vector<CVoTextLine> VoRenderCheck(const CVoCheck& check, bool unicode)
     std::vector<CVoTextLine> lines;
     lines.push_back(
         { { mark.style, unicode ? mark.unicode : mark.plain },
-          { EStyle::Plain, L" " + Padded(check.name, kNameWidth) },
+          { EStyle::Plain, L" " + Padded(VoVisibleText(check.name), kNameWidth) },
           { mark.style == EStyle::Faint ? EStyle::Faint : EStyle::Plain, VoVisibleText(check.detail, kDetailLimit) } });
     if (!check.cause.empty() && !check.fix.empty())
         lines.push_back({ { EStyle::Plain, std::wstring(kNameWidth + 2, L' ') + VoVisibleText(check.fix, kDetailLimit) } });

@@ -213,18 +213,20 @@ std::vector<std::wstring> VoChallengeSchemes(const std::vector<CVoHTTPHeader>& h
 
 std::wstring VoHideUser(std::wstring_view url)
 {
-    constexpr std::wstring_view kSlashes = L"/\\"; // clients take one for the other
+    // Clients take one slash for the other, and some take one slash or three behind the scheme for two.
+    constexpr std::wstring_view kSlashes = L"/\\";
     std::wstring text;
     for (size_t from = 0;;)
     {
         const size_t mark = url.find_first_of(kSlashes, from);
-        const size_t authority = mark + 2;
-        if (mark == std::wstring_view::npos || authority > url.size())
+        if (mark == std::wstring_view::npos)
             break;
-        from = mark + 1;
-        if (kSlashes.find(url[mark + 1]) == std::wstring_view::npos)
+        const size_t authority = std::min(url.find_first_not_of(kSlashes, mark), url.size());
+        from = authority;
+        if (authority - mark < 2 && (mark == 0 || url[mark - 1] != L':'))
             continue;
-        const size_t end = std::min(url.find_first_of(L"/?#\\", authority), url.size());
+        // A backslash does not end the user information for all of them.
+        const size_t end = std::min(url.find_first_of(L"/?#", authority), url.size());
         const size_t at = url.substr(0, end).rfind(L'@');
         text += url.substr(0, authority);
         url.remove_prefix(at == std::wstring_view::npos || at < authority ? authority : at + 1);
@@ -238,9 +240,10 @@ std::wstring VoHideProxyUser(std::wstring_view proxy)
     const size_t at = proxy.rfind(L'@');
     if (at == std::wstring_view::npos)
         return std::wstring(proxy);
-    const size_t mark = proxy.substr(0, at).find(L"://");
-    return std::wstring(mark == std::wstring_view::npos ? std::wstring_view() : proxy.substr(0, mark + 3))
-        .append(proxy.substr(at + 1));
+    // A password may hold "://", too: only letters in front of it are a scheme.
+    const size_t mark = proxy.find_first_not_of(L"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789");
+    const bool hasScheme = proxy.substr(mark).starts_with(L"://");
+    return std::wstring(hasScheme ? proxy.substr(0, mark + 3) : std::wstring_view()).append(proxy.substr(at + 1));
 }
 
 std::wstring VoHideQuery(std::wstring_view url)

@@ -1,0 +1,582 @@
+// Random inputs for what servers, proxies and users send to the HTTP layer: addresses, redirects, cookies, saved stores, proxy
+// lists, headers and coded bodies. Where libcurl reads the same kind of text, it is the reference.
+#include "Campaign.h"
+
+#include <VoContentDecoder.h>
+#include <VoContentLength.h>
+#include <VoCookieBytes.h>
+#include <VoCookieData.h>
+#include <VoExchangeText.h>
+#include <VoGlobalHTTPCookieStoreImpl.h>
+#include <VoGlobalHTTPProxyStoreImpl.h>
+#include <VoNetworkUtils.h>
+#include <VoProxyList.h>
+#include <VoRedirect.h>
+#include <VoRetryAfter.h>
+#include <VoServerAddress.h>
+#include <VoUrl.h>
+#include <base/VoText.h>
+#include <base/VoTextConversion.h>
+#include <support/Compress.h>
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <memory>
+#include <tuple>
+
+namespace Stress
+{
+namespace
+{
+bool HasControls(std::wstring_view text)
+{
+    return std::any_of(text.begin(), text.end(), [](wchar_t c) { return c < 0x20 || c == 0x7F; });
+}
+
+// ---- addresses and redirects, with libcurl as the reference
+
+class CCurlUrl
+{
+public:
+    CCurlUrl() : m_url(::curl_url(), &::curl_url_cleanup) {}
+    // A second call resolves a reference against the first, as libcurl does for a redirect.
+    [[nodiscard]] bool Set(std::string_view url)
+    {
+        return ::curl_url_set(m_url.get(), CURLUPART_URL, std::string(url).c_str(), CURLU_URLENCODE | CURLU_ALLOW_SPACE) ==
+               CURLUE_OK;
+    }
+    [[nodiscard]] std::string Get(CURLUPart part) const
+    {
+        char* text = nullptr;
+        if (::curl_url_get(m_url.get(), part, &text, part == CURLUPART_PORT ? CURLU_DEFAULT_PORT : 0U) != CURLUE_OK)
+            return {};
+        const std::unique_ptr<char, decltype(&::curl_free)> owner(text, &::curl_free);
+        return text;
+    }
+
+private:
+    std::unique_ptr<CURLU, decltype(&::curl_url_cleanup)> m_url;
+};
+
+// "scheme host port" of both readers.
+std::string Seen(const CServerAddressData& address)
+{
+    std::string host;
+    Require(SUCCEEDED(VoStringToUTF8(VoWithoutLoneSurrogates(address.Host()), host)), "a host without UTF-8");
+    return (address.IsSecure() ? "https " : "http ") + host + ' ' + std::to_string(address.EffectivePort());
+}
+std::string Seen(const CCurlUrl& url)
+{
+    std::string host = url.Get(CURLUPART_HOST);
+    if (host.starts_with('['))
+        host = host.substr(1, host.size() - 2);
+    return url.Get(CURLUPART_SCHEME) + ' ' + host + ' ' + url.Get(CURLUPART_PORT);
+}
+
+// libcurl writes an address in its usual form.
+bool IsNumber(const CServerAddressData& address)
+{
+    return address.Host().find_first_not_of(L"0123456789abcdefABCDEFxX.:") == std::wstring::npos;
+}
+
+void Addresses(std::wstring_view input)
+{
+    for (const bool secure : { false, true })
+    {
+        CServerAddressData address;
+        const HRESULT hr = address.SetAddress(Guarded(input), secure, true, true);
+        if (FAILED(hr))
+        {
+            Require(hr == E_INVALIDARG && address.FullURL().empty() && address.Host().empty(),
+                    "a refused address left something");
+            continue;
+        }
+        Require(!address.Host().empty() && !HasControls(address.FullURL()), "no host, or a control character");
+        Require(address.Authority().find_first_of(L"@/?# \\\"") == std::wstring::npos, "a host with what no host has");
+        Require(address.FullURL() == address.BaseURL() + address.ObjectName(), "the texts disagree");
+        // A blank in front of a fragment stays at the end of the URL, and would be lost there.
+        if (VoTrim(address.FullURL()) != address.FullURL())
+            continue;
+        CServerAddressData again;
+        Require(SUCCEEDED(again.SetAddress(Guarded(address.FullURL()), !secure, true, true)) &&
+                    again.FullURL() == address.FullURL() && Seen(again) == Seen(address) && again.Path() == address.Path() &&
+                    again.Query() == address.Query(),
+                "the URL does not read back");
+        // A query without a path is no object path.
+        Require(address.ObjectName().starts_with(L'?') ||
+                    (SUCCEEDED(again.SetObjectPath(address.ObjectName())) && again.FullURL() == address.FullURL()),
+                "the object path does not read back");
+        std::string bytes;
+        if (CCurlUrl url; SUCCEEDED(VoUrlToBytes(address.FullURL(), bytes)) && url.Set(bytes) &&
+                          address.Host().find(L'%') == std::wstring::npos && !IsNumber(address))
+            Require(Seen(url) == Seen(address), "libcurl would go to another host");
+    }
+}
+
+void Redirects(std::wstring_view input)
+{
+    for (const wchar_t* const from : { L"https://host.test:81/p/d/e?z=1", L"http://10.0.0.1", L"http://[::1]:8/a/" })
+    {
+        CServerAddressData base;
+        CServerAddressData target;
+        Require(SUCCEEDED(base.SetAddress(from, false, true, true)), "the base is refused");
+        if (FAILED(VoResolveRedirect(base, Guarded(input), target)))
+        {
+            Require(target.FullURL().empty(), "a refused redirect left something");
+            continue;
+        }
+        Require(!HasControls(VoTrimBlanks(input)) && !HasControls(target.FullURL()), "a control character was followed");
+        // A bare path stays where it is; everything else goes where libcurl goes.
+        std::string location;
+        CCurlUrl url;
+        if (FAILED(VoUrlToBytes(VoTrimBlanks(input), location)) || !url.Set(Bytes(from)) || !url.Set(location))
+            continue;
+        Require(Seen(url) == Seen(target) || IsNumber(target), "libcurl would go to another host");
+        const bool isSimple = std::all_of(location.begin(), location.end(), [](char c)
+        { return std::isalnum(static_cast<BYTE>(c)) || std::string_view("/._-:").find(c) != std::string_view::npos; });
+        // libcurl takes "./" and empty segments together in its own way.
+        if (isSimple && location.find("//", location.starts_with("http") ? 7 : 0) == std::string::npos)
+            Require(Bytes(target.Path()) == url.Get(CURLUPART_PATH) || target.Path().empty(), "another path than libcurl's");
+    }
+}
+
+void HiddenUrls(std::wstring_view input)
+{
+    const std::string text = Bytes(input);
+    const std::wstring shown = VoHideQuery(Guarded(input));
+    CCurlUrl url;
+    if (std::all_of(input.begin(), input.end(), [](wchar_t c) { return c > 0x20 && c < 0x7F; }) && url.Set(text))
+    {
+        const std::string password = url.Get(CURLUPART_PASSWORD);
+        const std::string user = url.Get(CURLUPART_USER);
+        const std::string credentials = user + (password.empty() ? "" : ':' + password) + '@';
+        const auto count = [&](const std::string& where)
+        {
+            size_t found = 0;
+            for (size_t at = where.find(credentials); at != std::string::npos; at = where.find(credentials, at + 1))
+                ++found;
+            return found;
+        };
+        Require(credentials == "@" || count(text) == 0 || count(Bytes(shown)) < count(text), "credentials are shown");
+    }
+    const size_t query = shown.find(L'?');
+    Require(query == std::wstring::npos || (shown[query + 1] == L'<' && shown.ends_with(L" characters>")),
+            "the query is shown");
+    const std::wstring proxy = VoHideProxyUser(Guarded(input));
+    Require(proxy.find(L'@') == std::wstring::npos, "a proxy's credentials are shown");
+}
+
+void IpAddresses(std::wstring_view input)
+{
+    VoNetworkUtils::CVoIPAddress address;
+    if (FAILED(address.InitFromIPAddress(std::wstring(input))))
+    {
+        Require(!address.IsValid() && address.Text().empty() && !address.IsPrivateAddress(),
+                "a refused address left something");
+        return;
+    }
+    VoNetworkUtils::CVoIPAddress again;
+    Require(SUCCEEDED(again.InitFromIPAddress(address.Text())) && again.Text() == address.Text() &&
+                again.AddressV4() == address.AddressV4() && again.AddressV6() == address.AddressV6() &&
+                again.IsPrivateAddress() == address.IsPrivateAddress() && again.IsIPv6() == address.IsIPv6(),
+            "the address does not read back");
+    const auto& v4 = address.AddressV4();
+    const bool isPrivate =
+        v4[0] == 10 || (v4[0] == 172 && v4[1] / 16 == 1) || (v4[0] == 192 && v4[1] == 168) || (v4[0] == 169 && v4[1] == 254);
+    Require(address.IsIPv6() || address.IsPrivateAddress() == isPrivate, "private or not");
+    Require(address.IsIPv6() || address.Text() == VoFormat(L"%d.%d.%d.%d", v4[0], v4[1], v4[2], v4[3]), "another text");
+}
+
+// ---- cookies and stores
+
+constexpr double kNow = 45000.5;
+
+CVoComPtr<CVoGlobalHTTPCookieStoreImpl> MakeCookieStore()
+{
+    return VoMakeComObject<CVoGlobalHTTPCookieStoreImpl>([] { return kNow; });
+}
+
+std::wstring CookiesFor(IVoHTTPCookieStore& store, std::wstring_view url)
+{
+    CVoBstr cookies;
+    const VARIANT_BOOL secure = url.starts_with(L"https") ? VARIANT_TRUE : VARIANT_FALSE;
+    Require(SUCCEEDED(store.GetCookieStringForHTTPRequest(CVoBstr(url).Get(), secure, cookies.Put())), "a look-up fails");
+    return std::wstring(cookies.View());
+}
+
+template <class Store>
+std::wstring Saved(Store& store)
+{
+    CVoBstr data;
+    Require(SUCCEEDED(store.Serialize(data.Put())), "a store cannot be saved");
+    return std::wstring(data.View());
+}
+
+void Cookies(std::wstring_view input)
+{
+    static const auto store = MakeCookieStore();
+    static const auto other = MakeCookieStore();
+    (void)store->Clear();
+    constexpr const wchar_t* kUrl = L"https://www.example.com/a/b";
+    const HRESULT hr = store->AddCookieFromString(CVoBstr(input).Get(), CVoBstr(kUrl).Get());
+    if (FAILED(hr))
+    {
+        Require(hr == E_INVALIDARG && Saved(*store.Get()).empty(), "a refused cookie left something");
+        return;
+    }
+    // The pair and the attributes by the letter of RFC 6265, section 5.2.
+    const std::wstring_view pair = input.substr(0, input.find(L';'));
+    const size_t equals = pair.find(L'=');
+    Require(equals != std::wstring_view::npos && !VoTrimBlanks(pair.substr(0, equals)).empty(), "a cookie without a name");
+    const std::wstring expected =
+        std::wstring(VoTrimBlanks(pair.substr(0, equals))) + L'=' + std::wstring(VoTrimBlanks(pair.substr(equals + 1)));
+    bool isSecure = false;
+    bool hasDomain = false;
+    for (std::wstring_view rest = input.substr(pair.size()); !rest.empty();)
+    {
+        rest.remove_prefix(1);
+        const std::wstring_view attribute = rest.substr(0, rest.find(L';'));
+        rest.remove_prefix(attribute.size());
+        const std::wstring_view name = VoTrimBlanks(attribute.substr(0, attribute.find(L'=')));
+        isSecure = isSecure || VoEqualsNoCase(name, L"Secure");
+        hasDomain = hasDomain || VoEqualsNoCase(name, L"Domain");
+    }
+    std::wstring atHome;
+    for (const wchar_t* const url :
+         { kUrl, L"https://www.example.com/", L"https://www.example.com/a/b/c/d", L"https://www.example.com/x" })
+    {
+        const std::wstring sent = CookiesFor(*store.Get(), url);
+        Require(sent.empty() || sent == expected, "another cookie is sent than was set");
+        Require(!HasControls(sent), "a control character is sent");
+        atHome += sent;
+    }
+    for (const wchar_t* const url : { L"https://example.org/a/b", L"https://www.example.com.evil.test/a/b",
+                                      L"https://evilexample.com/a/b", L"https://com/a/b", L"https://xwww.example.com/a/b" })
+        Require(CookiesFor(*store.Get(), url).empty() ||
+                    (hasDomain && std::wstring_view(url).find(L".example.com/") != std::wstring::npos),
+                "a cookie leaves its site");
+    Require(hasDomain || CookiesFor(*store.Get(), L"https://sub.www.example.com/a/b").empty(),
+            "a host's cookie goes to another host");
+    Require(!isSecure || CookiesFor(*store.Get(), L"http://www.example.com/a/b").empty(),
+            "a secure cookie goes over plain HTTP");
+    const std::wstring saved = Saved(*store.Get());
+    Require(SUCCEEDED(other->Deserialize(CVoBstr(saved).Get())) && Saved(*other.Get()) == saved,
+            "the store does not read back");
+    for (const wchar_t* const url : { kUrl, L"https://example.com/", L"http://www.example.com/a/b" })
+        Require(CookiesFor(*other.Get(), url) == CookiesFor(*store.Get(), url), "a saved cookie is another one");
+    // The header's bytes and back.
+    Require(VoCookieTextFromBytes(VoCookieBytesFromText(atHome)) == VoCookieTextFromBytes(VoCookieBytesFromText(atHome)) &&
+                VoCookieByteLength(atHome) == VoCookieBytesFromText(atHome).size(),
+            "a wrong length in bytes");
+}
+
+void CookieBytes(std::wstring_view input)
+{
+    const std::string bytes = Bytes(input);
+    const std::wstring text = VoCookieTextFromBytes(Guarded(bytes));
+    Require(ReferenceToUtf8(text).has_value(), "the text is not well formed");
+    Require(VoCookieBytesFromText(Guarded(text)) == bytes && VoCookieByteLength(Guarded(text)) == bytes.size(),
+            "the bytes do not come back");
+    const std::optional<std::wstring> utf8 = ReferenceFromUtf8(bytes);
+    const bool isPrivate =
+        utf8 && std::any_of(utf8->begin(), utf8->end(), [](wchar_t c) { return c >= 0xF780 && c <= 0xF7FF; });
+    Require(!utf8 || isPrivate || text == utf8, "UTF-8 is not read as such");
+}
+
+void CookieDates(std::wstring_view input)
+{
+    const std::optional<double> date = CVoCookieData::ParseDateTime(Guarded(input));
+    if (!date)
+        return;
+    Require(*date >= 0 && *date <= kVoLastCookieDate, "a date out of range");
+    SYSTEMTIME time{};
+    Require(::VariantTimeToSystemTime(*date, &time) != FALSE, "no date");
+    constexpr std::array<const wchar_t*, 12> kMonths = { L"Jan", L"Feb", L"Mar", L"Apr", L"May", L"Jun",
+                                                         L"Jul", L"Aug", L"Sep", L"Oct", L"Nov", L"Dec" };
+    if (time.wYear < 1900)
+        return;
+    const std::wstring written = VoFormat(L"Mon, %02d %ls %04d %02d:%02d:%02d GMT", time.wDay, kMonths.at(time.wMonth - 1U),
+                                          time.wYear, time.wHour, time.wMinute, time.wSecond);
+    const std::optional<double> again = CVoCookieData::ParseDateTime(written);
+    constexpr double kSecond = 1.0 / 86400;
+    Require(again && *again > *date - kSecond && *again < *date + kSecond, "the date does not read back");
+}
+
+void SavedCookies(std::wstring_view input)
+{
+    static const auto store = MakeCookieStore();
+    static const auto other = MakeCookieStore();
+    (void)store->Clear();
+    (void)store->AddCookieFromString(CVoBstr(L"old=1").Get(), CVoBstr(L"https://h.test/").Get());
+    const std::wstring before = Saved(*store.Get());
+    const HRESULT hr = store->Deserialize(CVoBstr(input).Get());
+    const std::wstring saved = Saved(*store.Get());
+    Require(SUCCEEDED(hr) || saved == before, "a refused text changed the store");
+    Require(SUCCEEDED(other->Deserialize(CVoBstr(saved).Get())) && Saved(*other.Get()) == saved,
+            "the store does not read back");
+    Require(!HasControls(CookiesFor(*store.Get(), L"https://h.test/")), "a saved cookie sends a control character");
+}
+
+void SavedProxies(std::wstring_view input)
+{
+    static const auto store = VoMakeComObject<CVoGlobalHTTPProxyStoreImpl>();
+    static const auto other = VoMakeComObject<CVoGlobalHTTPProxyStoreImpl>();
+    (void)store->Clear();
+    CHTTPProxyConfigData config;
+    config.manualProxy = L"old:1";
+    Require(SUCCEEDED(store->Init(config)), "the store cannot be set");
+    const std::wstring before = Saved(*store.Get());
+    const HRESULT hr = store->Deserialize(CVoBstr(input).Get());
+    const std::wstring saved = Saved(*store.Get());
+    Require(SUCCEEDED(hr) || saved == before, "a refused text changed the store");
+    // The cache has no order.
+    Require(SUCCEEDED(other->Deserialize(CVoBstr(saved).Get())) && Saved(*other.Get()).size() == saved.size(),
+            "the store does not read back");
+}
+
+// ---- proxies
+
+void ProxyLists(std::wstring_view input)
+{
+    const VoProxyList::CContent content = VoProxyList::Read(Guarded(input));
+    const VoProxyList::CContent usable = VoProxyList::Read(Guarded(content.usable));
+    Require(usable.unusable.empty() && usable.usable == content.usable, "the usable part has unusable entries");
+    for (const bool secure : { false, true })
+    {
+        const std::wstring& proxy = secure ? content.secure : content.plain;
+        Require((secure ? usable.secure : usable.plain) == proxy && VoProxyList::ProxyForScheme(input, secure) == proxy,
+                "another proxy");
+        CServerAddressData address;
+        Require(proxy.empty() || (SUCCEEDED(address.SetAddress(proxy, false, true, true)) && address.ObjectName().empty() &&
+                                  proxy == address.Authority() + (address.Port() == 0 ? L":80" : L"")),
+                "the proxy is no host and port");
+    }
+    const bool isGood = content.unusable.empty() && !(content.plain.empty() && content.secure.empty());
+    Require(VoProxyList::FindProblem(input).has_value() == (!isGood && !input.empty()), "a problem is not told");
+    const std::wstring only = VoProxyList::OnlyProxy(input);
+    Require(only.empty() || only == content.plain || only == content.secure, "the only proxy is none of the list");
+}
+
+bool MatchesSlowly(std::wstring_view pattern, std::wstring_view text)
+{
+    if (pattern.empty())
+        return text.empty();
+    if (pattern[0] == L'*')
+        return MatchesSlowly(pattern.substr(1), text) || (!text.empty() && MatchesSlowly(pattern, text.substr(1)));
+    return !text.empty() && VoEqualsNoCase(pattern.substr(0, 1), text.substr(0, 1)) &&
+           MatchesSlowly(pattern.substr(1), text.substr(1));
+}
+
+void BypassLists(std::wstring_view input)
+{
+    if (input.size() > 60 || std::count(input.begin(), input.end(), L'*') > 6)
+        return; // the reference is slow
+    for (const wchar_t* const host : { L"www.example.com", L"host", L"10.1.2.3", L"::1" })
+    {
+        const std::wstring_view name(host);
+        bool expected = name.find_first_of(L".:") == std::wstring_view::npos && VoContainsNoCase(input, L"<local>");
+        size_t items = 0;
+        for (size_t at = 0; at < input.size();)
+        {
+            const size_t end = std::min(input.find_first_of(L"\t ,;", at), input.size());
+            std::wstring_view item = input.substr(at, end - at);
+            at = end + 1;
+            items += !item.empty();
+            if (item.size() > 1 && item.front() == L'[' && item.back() == L']')
+                item = item.substr(1, item.size() - 2);
+            else if (item.empty())
+                continue;
+            expected = expected || MatchesSlowly(item, name);
+        }
+        Require(VoProxyList::IsBypassed(Guarded(input), name) == expected, "the reference decides otherwise");
+        const bool isStar = items == 1 && std::wstring(input).find_first_not_of(L"\t ,;*") == std::wstring::npos &&
+                            std::count(input.begin(), input.end(), L'*') == 1;
+        Require(VoProxyList::BypassesAll(Guarded(input)) == isStar, "a list is \"*\" alone");
+    }
+}
+
+// ---- responses
+
+void Headers(std::wstring_view input)
+{
+    std::wstring statusLine;
+    std::vector<CVoHTTPHeader> headers;
+    VoSplitHeader(Guarded(input), statusLine, headers);
+    std::wstring joined = statusLine + L"\r\n";
+    for (const CVoHTTPHeader& header : headers)
+    {
+        Require(header.name.find_first_of(L":\n") == std::wstring::npos && header.value.find(L'\n') == std::wstring::npos,
+                "a field has two lines");
+        joined += header.name + L": " + header.value + L"\r\n";
+    }
+    std::wstring statusAgain;
+    std::vector<CVoHTTPHeader> again;
+    VoSplitHeader(Guarded(joined), statusAgain, again);
+    const bool isEqual = std::equal(headers.begin(), headers.end(), again.begin(), again.end(), [](const auto& a, const auto& b)
+    { return a.name == b.name && VoTrimBlanks(a.value) == b.value; });
+    Require(isEqual && statusAgain == statusLine, "the header does not read back");
+    (void)VoStatusCode(statusLine);
+    for (const std::wstring& scheme : VoChallengeSchemes(headers))
+        Require(!scheme.empty() && scheme.find_first_of(L" \t,=\"") == std::wstring::npos, "a scheme is no token");
+    std::vector<CVoHTTPHeader> shown = headers;
+    VoHideSecrets(shown);
+    for (size_t i = 0; i < shown.size(); ++i)
+    {
+        const std::wstring& value = headers[i].value;
+        if (VoEqualsNoCase(headers[i].name, L"Authorization") || VoEqualsNoCase(headers[i].name, L"Cookie"))
+            Require(shown[i].value == L"<hidden>", "a secret is shown");
+        if (VoEqualsNoCase(headers[i].name, L"Set-Cookie"))
+        {
+            const std::wstring pair = value.substr(0, value.find(L';'));
+            const std::wstring secret = pair.substr(std::min(pair.find(L'='), pair.size()));
+            Require(secret.size() < 4 || shown[i].value.substr(0, pair.size()).find(secret) == std::wstring::npos,
+                    "a cookie's value is shown");
+        }
+    }
+}
+
+void ContentLengths(std::wstring_view input)
+{
+    CVoContentLength length;
+    std::optional<std::wstring> first;
+    bool isValid = true;
+    size_t fields = 0;
+    for (size_t at = 0; at <= input.size(); ++fields)
+    {
+        const size_t end = std::min(input.find(L'|', at), input.size());
+        length.Add(Guarded(input.substr(at, end - at)));
+        for (size_t begin = at; begin <= end;)
+        {
+            const size_t comma = std::min(input.find(L',', begin), end);
+            std::wstring digits(VoTrim(input.substr(begin, comma - begin)));
+            begin = comma + 1;
+            isValid = isValid && !digits.empty() && digits.find_first_not_of(L"0123456789") == std::wstring::npos;
+            digits.erase(0, std::min(digits.find_first_not_of(L'0'), digits.size()));
+            isValid = isValid && (digits.size() < 20 || (digits.size() == 20 && digits <= L"18446744073709551615"));
+            isValid = isValid && (!first || *first == digits);
+            first = digits;
+        }
+        at = end + 1;
+    }
+    Require(length.IsInvalid() == !isValid && length.Get().has_value() == isValid, "the reference decides otherwise");
+    Require(!isValid || std::to_wstring(*length.Get()) == (first->empty() ? L"0" : *first), "another length");
+
+    const std::optional<INT64> pause = VoParseRetryAfter(Guarded(input), kNow);
+    Require(!pause || (*pause >= 0 && *pause <= INT64{ MAXDWORD } * 1000), "a pause out of range");
+    const std::optional<UINT32> seconds = VoParseDecimal<UINT32>(VoTrim(input));
+    Require(!seconds || *seconds > MAXDWORD / 1000 || pause == INT64{ *seconds } * 1'000'000, "another pause");
+}
+
+// What a decoder makes of a stream that comes in pieces.
+std::tuple<HRESULT, HRESULT, std::string> Decoded(const wchar_t* coding, std::string_view bytes, size_t piece)
+{
+    std::unique_ptr<CVoContentDecoder> decoder;
+    Require(SUCCEEDED(CVoContentDecoder::Make(coding, decoder)) && decoder, "no decoder");
+    std::vector<BYTE> decoded;
+    constexpr UINT64 kLimit = 1 << 16;
+    HRESULT hr = S_OK;
+    for (; !bytes.empty() && SUCCEEDED(hr); bytes.remove_prefix(std::min(piece, bytes.size())))
+    {
+        const std::string_view next = Guarded(bytes.substr(0, piece));
+        hr = decoder->Decode({ reinterpret_cast<const BYTE*>(next.data()), next.size() }, &decoded, kLimit);
+    }
+    Require(decoded.size() <= kLimit, "the limit is passed");
+    return { hr, SUCCEEDED(hr) ? decoder->Finish() : hr,
+             SUCCEEDED(hr) ? std::string(decoded.begin(), decoded.end()) : std::string() };
+}
+
+void ContentCodings(std::wstring_view input)
+{
+    const std::string bytes = Bytes(input);
+    const size_t piece = 1 + bytes.size() % 7;
+    using TestSupport::ECompression;
+    for (const auto& [coding, format] : { std::pair(L"gzip", ECompression::Gzip), std::pair(L"deflate", ECompression::Zlib),
+                                          std::pair(L"deflate", ECompression::Bare) })
+        Require(Decoded(coding, TestSupport::Compress(bytes, format), piece) == std::tuple(S_OK, S_OK, bytes),
+                "a coded body differs");
+    for (const wchar_t* const coding : { L"gzip", L"deflate", L"gzip, deflate" })
+        Require(Decoded(coding, bytes, piece) == Decoded(coding, bytes, std::max<size_t>(bytes.size(), 1)),
+                "the pieces decide the result");
+}
+
+const std::wstring kGzip = Units(TestSupport::Compress("hello hello hello", TestSupport::ECompression::Gzip));
+const std::wstring kZlib = Units(TestSupport::Compress(std::string(3000, 'a'), TestSupport::ECompression::Zlib));
+
+const CCampaigns kCampaigns({
+    { "addresses",
+      &Addresses,
+      { L"https://host.test:8080/p/a?q=1#f", L"host", L"[::1]:80/x", L"http://user:pw@h/", L" HTTP://H:0080/ ", L"a?b://c",
+        L"[fe80::1%25eth0]" },
+      L"/:?#[]@ \\%.\t\u00FC\u3002hp0",
+      2 },
+    { "redirects",
+      &Redirects,
+      { L"http://a.test/x", L"//b/y?z", L"../../up", L"?q", L"/abs/./x/../y", L"https://a@b/", L"http:\\\\a", L"x/y;z",
+        L"http://[::2]:9/q" },
+      L"/:?#[]@ \\%.\t\u00FC\u3002ahtp",
+      4 },
+    { "hidden-urls",
+      &HiddenUrls,
+      { L"https://user:s3cret@h/p?token=1", L"http://h/a?b#c", L"user:pw@proxy:80", L"//u@h", L"a/\\u:p@h" },
+      L"/:?#@\\.<>uh" },
+    { "ip-addresses",
+      &IpAddresses,
+      { L"10.0.0.1", L"::1", L"[2001:db8::1]", L"172.16.0.9", L"fe80::1%1", L"::ffff:1.2.3.4" },
+      L"0123456789abf:.[]%" },
+    { "cookies",
+      &Cookies,
+      { L"a=b", L"sid=x; Path=/a; Secure; HttpOnly", L"n=v; Domain=example.com; Max-Age=100", L"__Host-a=1; Secure; Path=/",
+        L"q=1; Expires=Wed, 09 Jun 2100 10:18:14 GMT", L"c=d; domain=.COM", L"k=\"quoted; text\"", L"a=b; path=/; max-age=0" },
+      L"=; \t,\".aDPms/-0\x01\u00E9",
+      4 },
+    { "cookie-bytes",
+      &CookieBytes,
+      { L"plain", L"\u00C3\u00BC\u00EF\u009E\u0080", L"\u00EE\u009F\u00BF\u00F0\u009F\u0098\u0080" },
+      L"a\x80\u00EF\u009D\u009E\u009F\u00BF\u00C3\u00F0",
+      1,
+      true },
+    { "cookie-dates",
+      &CookieDates,
+      { L"Wed, 09 Jun 2021 10:18:14 GMT", L"Sunday, 06-Nov-94 08:49:37 GMT", L"Sun Nov  6 08:49:37 1994",
+        L"1 Jan 1600 0:0:0 +0130" },
+      L"0123456789:-+, JanFebGMT" },
+    { "saved-cookies",
+      &SavedCookies,
+      { L"", L"Cookie=Domain=h.test$&Path=/"
+             L"$&Name=a$&Value=b$&Secure=False$&HttpOnly=False$&HasExpiry=False$&Expiry=0$&Expired=False$&HostOnly=True" },
+      L"=&$/.aT01\x01",
+      4 },
+    { "saved-proxies",
+      &SavedProxies,
+      { L"", L"Config=ManualProxy=p:1$&ManualProxyBypassList=$&PACFileURL=$&AutoDetectPACFileUrl=False&Cache=" },
+      L"=&$:.aT01;",
+      8 },
+    { "proxy-lists",
+      &ProxyLists,
+      { L"proxy:8080", L"http=a:1;https=b:2", L"socks=s:1 http://h/", L"ftp=x; = y:3", L"[::1]:8" },
+      L";:=/ \t.,[]@hs1",
+      2 },
+    { "bypass-lists",
+      &BypassLists,
+      { L"<local>;*.example.com", L"10.*", L"*", L"[::1] host", L"w*w.*.c*m" },
+      L"*;, \t.[]:wex1<" },
+    { "headers",
+      &Headers,
+      { L"HTTP/1.1 200 OK\r\nA: b\r\n c\r\nSet-Cookie: n=secret; Path=/\r\nAuthorization: Basic QQ==\r\n",
+        L"HTTP/1.1 401 \r\nWWW-Authenticate: Negotiate, Basic realm=\"a, b\", Digest nonce=1\r\n\r\n",
+        L"x\nLocation: http://u:p@h/?q\n" },
+      L":\r\n \t,=\"\\ab" },
+    { "content-lengths",
+      &ContentLengths,
+      { L"3", L"3, 3|3", L"18446744073709551615", L"99999999999999999999", L"120|Fri, 31 Dec 2099 23:59:59 GMT" },
+      L"0123456789,| +-" },
+    { "content-codings",
+      &ContentCodings,
+      { L"text", kGzip, kZlib, kGzip + kGzip, kGzip + L"junk" },
+      L"\x1F\u008B\x08\0\u00FFa",
+      8,
+      true },
+});
+} // namespace
+} // namespace Stress
