@@ -3,20 +3,22 @@
 
 #include <base/VoPlatform.h>
 
+#include <memory>
 #include <string>
 #include <string_view>
 
 namespace VoGlobalHTTPUtils
 {
-// One server address. The derived texts always agree with the parsed fields: both change together. Copyable; a copy that fails
-// changes nothing. It has no lock: the object that holds it guards it.
+// One server address. The derived texts always agree with the parsed fields: both change together. Copies share their texts, so
+// a copy allocates nothing and cannot fail. A reference to a text is valid until the record changes or ends. It has no lock:
+// the object that holds it guards it. Copies may be used by different threads.
 class CServerAddressData
 {
 public:
     CServerAddressData() = default;
     CServerAddressData(const CServerAddressData&) = default;
-    CServerAddressData(CServerAddressData&&) = default;
-    CServerAddressData& operator=(const CServerAddressData& other);
+    CServerAddressData(CServerAddressData&&) = default; // leaves an empty record
+    CServerAddressData& operator=(const CServerAddressData&) = default;
     CServerAddressData& operator=(CServerAddressData&&) = default;
     virtual ~CServerAddressData() = default;
 
@@ -41,33 +43,44 @@ public:
     // record unchanged.
     [[nodiscard]] HRESULT Rebuild() noexcept;
 
-    [[nodiscard]] const std::wstring& Host() const noexcept { return m_host; }   // without brackets
-    [[nodiscard]] const std::wstring& Path() const noexcept { return m_path; }   // begins with "/" unless empty
-    [[nodiscard]] const std::wstring& Query() const noexcept { return m_query; } // begins with "?" unless empty
-    [[nodiscard]] bool IsSecure() const noexcept { return m_secure; }
-    [[nodiscard]] UINT16 Port() const noexcept { return m_port; } // 0: the scheme's default
+    [[nodiscard]] const std::wstring& Host() const noexcept { return Texts().host; }   // without brackets
+    [[nodiscard]] const std::wstring& Path() const noexcept { return Texts().path; }   // begins with "/" unless empty
+    [[nodiscard]] const std::wstring& Query() const noexcept { return Texts().query; } // begins with "?" unless empty
+    [[nodiscard]] bool IsSecure() const noexcept { return Texts().isSecure; }
+    [[nodiscard]] UINT16 Port() const noexcept { return Texts().port; } // 0: the scheme's default
     // The port to connect to: Port(), or 443 (https) or 80 (http) when that is 0.
     [[nodiscard]] UINT16 EffectivePort() const noexcept;
 
-    [[nodiscard]] const std::wstring& Authority() const noexcept { return m_authority; } // host, in brackets if IPv6, and port
-    [[nodiscard]] const std::wstring& BaseURL() const noexcept { return m_baseURL; }     // scheme "://" authority
-    [[nodiscard]] const std::wstring& PathURL() const noexcept { return m_pathURL; }     // BaseURL and path
-    [[nodiscard]] const std::wstring& FullURL() const noexcept { return m_fullURL; }     // PathURL and query
-    [[nodiscard]] const std::wstring& ObjectName() const noexcept { return m_objectName; } // path and query
+    [[nodiscard]] const std::wstring& Authority() const noexcept
+    {
+        return Texts().authority;
+    } // host, in brackets if IPv6, and port
+    [[nodiscard]] const std::wstring& BaseURL() const noexcept { return Texts().baseURL; }       // scheme "://" authority
+    [[nodiscard]] const std::wstring& PathURL() const noexcept { return Texts().pathURL; }       // BaseURL and path
+    [[nodiscard]] const std::wstring& FullURL() const noexcept { return Texts().fullURL; }       // PathURL and query
+    [[nodiscard]] const std::wstring& ObjectName() const noexcept { return Texts().objectName; } // path and query
 
 private:
-    void BuildTexts();
+    struct CTexts
+    {
+        std::wstring host;
+        std::wstring path;
+        std::wstring query;
+        bool isSecure = false;
+        UINT16 port = 0;
+        std::wstring authority;
+        std::wstring baseURL;
+        std::wstring pathURL;
+        std::wstring fullURL;
+        std::wstring objectName;
+    };
+    static const CTexts s_none;
 
-    std::wstring m_host;
-    std::wstring m_path;
-    std::wstring m_query;
-    bool m_secure = false;
-    UINT16 m_port = 0;
-    std::wstring m_authority;
-    std::wstring m_baseURL;
-    std::wstring m_pathURL;
-    std::wstring m_fullURL;
-    std::wstring m_objectName;
+    [[nodiscard]] const CTexts& Texts() const noexcept { return m_texts ? *m_texts : s_none; }
+    // Takes the parsed fields and builds the derived texts.
+    void Set(CTexts parsed);
+
+    std::shared_ptr<const CTexts> m_texts; // never changed: copies have it too. Null: all are empty
 };
 } // namespace VoGlobalHTTPUtils
 

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <utility>
 
 namespace VoGlobalHTTPUtils
 {
@@ -77,10 +78,7 @@ std::optional<UINT16> ParsePort(std::wstring_view text) noexcept
 }
 } // namespace
 
-CServerAddressData& CServerAddressData::operator=(const CServerAddressData& other)
-{
-    return *this = CServerAddressData(other);
-}
+const CServerAddressData::CTexts CServerAddressData::s_none;
 
 HRESULT CServerAddressData::SetAddress(std::wstring_view url, bool defaultSecure, bool keepPath, bool keepQuery) noexcept
 {
@@ -152,16 +150,15 @@ HRESULT CServerAddressData::SetAddress(std::wstring_view url, bool defaultSecure
         if (*port == (secure ? kDefaultPortSecure : kDefaultPortPlain))
             port = UINT16{ 0 };
 
-        CServerAddressData parsed;
-        parsed.m_host = host;
+        CTexts parsed;
+        parsed.host = host;
         if (keepPath)
-            parsed.m_path = path;
+            parsed.path = path;
         if (keepPath && keepQuery)
-            parsed.m_query = query;
-        parsed.m_secure = secure;
-        parsed.m_port = *port;
-        parsed.BuildTexts();
-        *this = std::move(parsed);
+            parsed.query = query;
+        parsed.isSecure = secure;
+        parsed.port = *port;
+        Set(std::move(parsed));
         return S_OK;
     });
 }
@@ -178,20 +175,19 @@ HRESULT CServerAddressData::SetObjectPath(std::wstring_view objectPath) noexcept
         if (objectPath.empty() ? !query.empty() : objectPath.front() != L'/')
             return report(350, E_INVALIDARG);
 
-        CServerAddressData changed(*this);
-        changed.m_path = objectPath;
-        changed.m_query = query;
-        changed.BuildTexts();
-        *this = std::move(changed);
+        CTexts changed = Texts();
+        changed.path = objectPath;
+        changed.query = query;
+        Set(std::move(changed));
         return S_OK;
     });
 }
 
 UINT16 CServerAddressData::EffectivePort() const noexcept
 {
-    if (m_port != 0)
-        return m_port;
-    return m_secure ? kDefaultPortSecure : kDefaultPortPlain;
+    if (Port() != 0)
+        return Port();
+    return IsSecure() ? kDefaultPortSecure : kDefaultPortPlain;
 }
 
 HRESULT CServerAddressData::Rebuild() noexcept
@@ -199,22 +195,21 @@ HRESULT CServerAddressData::Rebuild() noexcept
     constexpr CVoReporter report{ kSource, L"VoGlobalHTTPUtils::CServerAddressData::Rebuild" };
     return report.Guard(380, [&]() -> HRESULT
     {
-        CServerAddressData rebuilt(*this);
-        rebuilt.BuildTexts();
-        *this = std::move(rebuilt);
+        Set(Texts());
         return S_OK;
     });
 }
 
-void CServerAddressData::BuildTexts()
+void CServerAddressData::Set(CTexts parsed)
 {
-    const bool isLiteral = m_host.find(L':') != std::wstring::npos;
-    m_authority = isLiteral ? L'[' + m_host + L']' : m_host;
-    if (m_port != 0)
-        m_authority += L':' + std::to_wstring(m_port);
-    m_baseURL = (m_secure ? L"https" : L"http") + std::wstring(kSchemeEnd) + m_authority;
-    m_pathURL = m_baseURL + m_path;
-    m_fullURL = m_pathURL + m_query;
-    m_objectName = m_path + m_query;
+    const bool isLiteral = parsed.host.find(L':') != std::wstring::npos;
+    parsed.authority = isLiteral ? L'[' + parsed.host + L']' : parsed.host;
+    if (parsed.port != 0)
+        parsed.authority += L':' + std::to_wstring(parsed.port);
+    parsed.baseURL = (parsed.isSecure ? L"https" : L"http") + std::wstring(kSchemeEnd) + parsed.authority;
+    parsed.pathURL = parsed.baseURL + parsed.path;
+    parsed.fullURL = parsed.pathURL + parsed.query;
+    parsed.objectName = parsed.path + parsed.query;
+    m_texts = std::make_shared<const CTexts>(std::move(parsed));
 }
 } // namespace VoGlobalHTTPUtils
