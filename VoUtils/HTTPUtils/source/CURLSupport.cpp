@@ -125,13 +125,15 @@ CCURLConnections::~CCURLConnections()
     curl_share_cleanup(m_share);
 }
 
-CCURLHandle CCURLConnections::TakeHandle() noexcept
+CCURLHandle CCURLConnections::TakeHandle(bool& isInitialised) noexcept
 {
+    isInitialised = false;
     {
         const std::scoped_lock lock(m_idleLock);
         if (!m_idle.empty())
         {
-            CCURLHandle handle = std::move(m_idle.back());
+            CCURLHandle handle = std::move(m_idle.back().handle);
+            isInitialised = m_idle.back().isInitialised;
             m_idle.pop_back();
             return handle;
         }
@@ -142,13 +144,15 @@ CCURLHandle CCURLConnections::TakeHandle() noexcept
     return handle;
 }
 
-void CCURLConnections::GiveBack(CCURLHandle handle) noexcept
+void CCURLConnections::GiveBack(CCURLHandle handle, bool clear) noexcept
 {
-    // Clears every option, credentials included; the connections and their share stay.
-    curl_easy_reset(handle.get());
+    if (clear) // the connections and their share stay
+        curl_easy_reset(handle.get());
+    else
+        curl_easy_setopt(handle.get(), CURLOPT_ERRORBUFFER, nullptr); // libcurl may write there while it closes a connection
     const std::scoped_lock lock(m_idleLock);
     if (m_idle.size() < kMaximumIdleHandles)
-        m_idle.push_back(std::move(handle));
+        m_idle.push_back({ std::move(handle), !clear });
 }
 
 HRESULT CCURLConnections::Attach(CURL* handle) const noexcept

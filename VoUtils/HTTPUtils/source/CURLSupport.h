@@ -105,10 +105,12 @@ public:
     CCURLConnections(const CCURLConnections&) = delete;
     CCURLConnections& operator=(const CCURLConnections&) = delete;
 
-    // A handle that uses these connections, with no other option set; null when libcurl gives none.
-    [[nodiscard]] CCURLHandle TakeHandle() noexcept;
-    // Keeps a handle of TakeHandle for the next request. All its options are cleared, credentials included.
-    void GiveBack(CCURLHandle handle) noexcept;
+    // A handle that uses these connections; null when libcurl gives none. `isInitialised`: it has the options that all requests
+    // of the message share; otherwise it has no other option set.
+    [[nodiscard]] CCURLHandle TakeHandle(bool& isInitialised) noexcept;
+    // Keeps a handle of TakeHandle for the next request, which sets those options again that differ between requests. With
+    // `clear` all its options are cleared: do so when it has known credentials or a proxy.
+    void GiveBack(CCURLHandle handle, bool clear) noexcept;
     // Makes any other handle use these connections.
     [[nodiscard]] HRESULT Attach(CURL* handle) const noexcept;
 
@@ -121,7 +123,12 @@ private:
     CCriticalSection m_locks[CURL_LOCK_DATA_LAST];
     CURLSH* m_share;
     CVoLock m_idleLock;
-    std::vector<CCURLHandle> m_idle; // at most kMaximumIdleHandles
+    struct CIdleHandle
+    {
+        CCURLHandle handle;
+        bool isInitialised;
+    };
+    std::vector<CIdleHandle> m_idle; // at most kMaximumIdleHandles
 };
 
 // The body of a request while it is sent.

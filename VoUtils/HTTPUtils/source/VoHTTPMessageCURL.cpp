@@ -89,7 +89,7 @@ class CVoHTTPMessageCURL::CHTTPRequestDataCURL final : public CRequest
 {
 public:
     CHTTPRequestDataCURL(std::shared_ptr<CVoHTTPMessage> owner, std::shared_ptr<CCURLConnections> connections) noexcept
-        : m_owner(std::move(owner)), m_connections(std::move(connections)), m_handle(m_connections->TakeHandle())
+        : m_owner(std::move(owner)), m_connections(std::move(connections)), m_handle(m_connections->TakeHandle(m_isInitialised))
     {
     }
     ~CHTTPRequestDataCURL() override
@@ -97,7 +97,7 @@ public:
         try
         {
             if (m_handle && m_connections)
-                m_connections->GiveBack(std::move(m_handle));
+                m_connections->GiveBack(std::move(m_handle), !m_isInitialised || m_isConfidential);
         }
         catch (...)
         {
@@ -125,6 +125,8 @@ public:
     std::shared_ptr<CCURLConnections> m_connections;
     CURLSListWrapper m_headers; // of the attempt; the handle refers to it
     CProgressContext m_progress;
+    bool m_isInitialised = false;  // the handle has the options that all requests of the message share
+    bool m_isConfidential = false; // it knows credentials or a proxy, which are for this request only
     CCURLHandle m_handle;
     std::array<char, CURL_ERROR_SIZE> m_errorText{};
     std::string m_url;
@@ -257,17 +259,24 @@ HRESULT CVoHTTPMessageCURL::CHTTPRequestDataCURL::InitCURLHandle(UINT32 connectT
         return report(711, E_INVALIDARG);
 
     const bool debug = CVoModuleInformation::Get().IsDebug();
+    const auto setOwn = [&](CCURLOptions options)
+    {
+        return options.Set(726, CURLOPT_VERBOSE, debug ? 1L : 0L)
+            .Set(729, CURLOPT_DEBUGFUNCTION, debug ? &debug_callback : nullptr)
+            .Set(732, CURLOPT_DEBUGDATA, debug ? static_cast<void*>(this) : nullptr)
+            .Set(829, CURLOPT_OPENSOCKETDATA, static_cast<void*>(&m_trace.addresses))
+            .Result();
+    };
+    if (m_isInitialised)
+        return setOwn(CCURLOptions(m_handle.get(), report));
     const bool offersALPN = VoSystemInformation().systemClass >= kFirstSystemWithALPN;
     if (const HRESULT hr = SetUserAgentForRequest(); FAILED(hr))
         return report(714, hr);
 
-    return CCURLOptions(m_handle.get(), report)
-        .Set(717, CURLOPT_SSL_VERIFYPEER, verify ? 1L : 0L)
+    CCURLOptions options(m_handle.get(), report);
+    options.Set(717, CURLOPT_SSL_VERIFYPEER, verify ? 1L : 0L)
         .Set(720, CURLOPT_SSL_VERIFYHOST, verify ? 2L : 0L)
         .Set(723, CURLOPT_SSL_OPTIONS, checkRevocation ? 0L : static_cast<long>(CURLSSLOPT_NO_REVOKE))
-        .Set(726, CURLOPT_VERBOSE, debug ? 1L : 0L)
-        .Set(729, CURLOPT_DEBUGFUNCTION, debug ? &debug_callback : nullptr)
-        .Set(732, CURLOPT_DEBUGDATA, debug ? static_cast<void*>(this) : nullptr)
         .Set(735, CURLOPT_SSL_ENABLE_ALPN, offersALPN ? 1L : 0L)
         .Set(738, CURLOPT_PROTOCOLS, static_cast<long>(CURLPROTO_HTTP | CURLPROTO_HTTPS))
         .Set(741, CURLOPT_DEFAULT_PROTOCOL, "http")
@@ -299,10 +308,12 @@ HRESULT CVoHTTPMessageCURL::CHTTPRequestDataCURL::InitCURLHandle(UINT32 connectT
         .Set(822, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L)
         .Set(827, CURLOPT_MAXREDIRS, long{ kVoMaximumRedirects })
         .Set(828, CURLOPT_OPENSOCKETFUNCTION, &opensocket_callback)
-        .Set(829, CURLOPT_OPENSOCKETDATA, static_cast<void*>(&m_trace.addresses))
         .Set(830, CURLOPT_PREREQFUNCTION, &prereq_callback)
-        .Set(832, CURLOPT_NOSIGNAL, 1L)
-        .Result();
+        .Set(832, CURLOPT_NOSIGNAL, 1L);
+    if (FAILED(options.Result()))
+        return options.Result();
+    m_isInitialised = true;
+    return setOwn(options);
 }
 
 HRESULT CVoHTTPMessageCURL::OpenSession()
@@ -347,6 +358,7 @@ HRESULT CVoHTTPMessageCURL::OpenHandle(CRequest& opened)
         hr = VoStringToUTF8(request.m_proxyCredentials->password.Get(), credentials.password.Get());
     if (FAILED(hr))
         return report(1265, hr);
+    request.m_isConfidential = request.m_isConfidential || !proxy.empty();
     CCURLOptions options(handle, report);
     if (proxy.empty())
         options.Set(1272, CURLOPT_PROXY, ""); // none, whatever the environment's http_proxy and its relatives say
@@ -543,6 +555,7 @@ HRESULT CVoHTTPMessageCURL::UseCredentials(CRequest& asked, bool proxy, const CC
     if (FAILED(hr))
         return report(974, hr);
 
+    request.m_isConfidential = true;
     CCURLOptions options(request.m_handle.get(), report);
     if (proxy)
         return options.Set(985, CURLOPT_PROXYAUTH, static_cast<long>(CURLAUTH_ANY))
