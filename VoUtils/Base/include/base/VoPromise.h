@@ -63,9 +63,11 @@ public:
     template <class Result>
     void Set(Result&& result) noexcept
     {
-        const std::lock_guard lock(m_lock);
-        m_result = std::forward<Result>(result);
-        m_isSet.NotifyAll();
+        {
+            const std::lock_guard lock(m_lock);
+            m_result = std::forward<Result>(result);
+        }
+        m_isSet.NotifyAll(); // without the lock, which the woken thread takes first
     }
     [[nodiscard]] bool WaitFor(DWORD milliseconds)
     {
