@@ -480,15 +480,14 @@ public:
         }
     }
 
-    // The bytes of the response's header, with the status line; 0 without a response.
-    [[nodiscard]] size_t HeaderLength() const noexcept
+    // Writes the response's header, with the status line, to a buffer of `bytes` bytes, and its length without the final zero
+    // to `bytes`. False, with the platform's last error, when the buffer is too small (`bytes` becomes the size needed) or when
+    // there is no response. Not reported.
+    [[nodiscard]] bool QueryHeader(wchar_t* buffer, DWORD& bytes) const noexcept
     {
-        const CVoLastErrorKeeper keeper;
         const auto owned = Pin();
-        DWORD bytes = 0; // of the text, which has two for each character
-        ::WinHttpQueryHeaders(owned ? owned->handle : nullptr, WINHTTP_QUERY_RAW_HEADERS_CRLF, WINHTTP_HEADER_NAME_BY_INDEX,
-                              nullptr, &bytes, WINHTTP_NO_HEADER_INDEX);
-        return bytes / sizeof(wchar_t);
+        return ::WinHttpQueryHeaders(owned ? owned->handle : nullptr, WINHTTP_QUERY_RAW_HEADERS_CRLF,
+                                     WINHTTP_HEADER_NAME_BY_INDEX, buffer, &bytes, WINHTTP_NO_HEADER_INDEX) != FALSE;
     }
 
     // The value of a Set-Cookie header; see QueryCustomHeaders.

@@ -115,6 +115,22 @@ constexpr CFailureRow kFailures[] = {
     { EVoFailure::Status, L"the response of %1 has the status %2" },
 };
 
+// Cuts the first line off a header. The result has no line end.
+std::wstring_view TakeLine(std::wstring_view& text) noexcept
+{
+    const size_t end = std::min(text.find(L'\n'), text.size());
+    std::wstring_view line = text.substr(0, end);
+    text.remove_prefix(std::min(end + 1, text.size()));
+    if (line.ends_with(L'\r'))
+        line.remove_suffix(1);
+    return line;
+}
+
+bool IsContinuation(std::wstring_view line) noexcept
+{
+    return line.starts_with(L' ') || line.starts_with(L'\t');
+}
+
 void ReplaceMark(std::wstring& text, std::wstring_view mark, std::wstring_view value)
 {
     if (const size_t at = text.find(mark); at != std::wstring::npos)
@@ -150,22 +166,12 @@ std::wstring VoFailureText(const CVoFailure& failure, const CVoFailureContext& c
 
 void VoSplitHeader(std::wstring_view text, std::wstring& statusLine, std::vector<CVoHTTPHeader>& headers)
 {
-    statusLine.clear();
+    statusLine = TakeLine(text);
     headers.clear();
-    bool isFirst = true;
     while (!text.empty())
     {
-        const size_t end = std::min(text.find(L'\n'), text.size());
-        std::wstring_view line = text.substr(0, end);
-        text.remove_prefix(std::min(end + 1, text.size()));
-        if (line.ends_with(L'\r'))
-            line.remove_suffix(1);
-        if (std::exchange(isFirst, false))
-        {
-            statusLine = line;
-            continue;
-        }
-        if (!line.empty() && (line.front() == L' ' || line.front() == L'\t'))
+        const std::wstring_view line = TakeLine(text);
+        if (IsContinuation(line))
         {
             if (!headers.empty())
                 headers.back().value.append(L" ").append(VoTrimBlanks(line));
@@ -175,6 +181,23 @@ void VoSplitHeader(std::wstring_view text, std::wstring& statusLine, std::vector
         if (colon != std::wstring_view::npos)
             headers.push_back({ std::wstring(line.substr(0, colon)), std::wstring(VoTrimBlanks(line.substr(colon + 1))) });
     }
+}
+
+std::optional<std::wstring> VoFindHeader(std::wstring_view text, std::wstring_view name, size_t index)
+{
+    (void)TakeLine(text); // the status line
+    while (!text.empty())
+    {
+        const std::wstring_view line = TakeLine(text);
+        if (line.size() <= name.size() || line[name.size()] != L':' || !VoEqualsNoCase(line.substr(0, name.size()), name) ||
+            index-- != 0)
+            continue;
+        std::wstring value(VoTrimBlanks(line.substr(name.size() + 1)));
+        while (IsContinuation(text))
+            value.append(L" ").append(VoTrimBlanks(TakeLine(text)));
+        return value;
+    }
+    return std::nullopt;
 }
 
 UINT32 VoStatusCode(std::wstring_view statusLine) noexcept

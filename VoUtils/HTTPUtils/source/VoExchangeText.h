@@ -6,6 +6,7 @@
 
 #include <base/VoUtils.h>
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -86,6 +87,9 @@ struct CVoFailureContext
 // Splits the text of one response's header, a status line and a field on each line, as it came. A line that begins with a blank
 // or a tab continues the field before it (RFC 9112, section 5.2). A line without ":" is dropped. Throws std::bad_alloc.
 void VoSplitHeader(std::wstring_view text, std::wstring& statusLine, std::vector<CVoHTTPHeader>& headers);
+// The value of field number `index` of a name, from 0, in the text of one response's header. Nothing where it has none. Throws
+// std::bad_alloc.
+[[nodiscard]] std::optional<std::wstring> VoFindHeader(std::wstring_view text, std::wstring_view name, size_t index);
 // The code of a status line; 0 where it has none.
 [[nodiscard]] UINT32 VoStatusCode(std::wstring_view statusLine) noexcept;
 // The bytes of a header as text: UTF-8, or else one character for each byte (RFC 9110, section 5.5). Throws std::bad_alloc.

@@ -92,14 +92,11 @@ private:
     [[nodiscard]] HRESULT OpenHandle(CRequest& opened) override;
     [[nodiscard]] HRESULT CloseHandle(CRequest& opened) noexcept override;
     [[nodiscard]] HRESULT SendOnce(CRequest& sent, std::span<const BYTE> body, const std::wstring& contentType) override;
-    [[nodiscard]] std::optional<std::wstring> CheckHeader(const CRequest& request, const wchar_t* name,
-                                                          DWORD index) const override;
     [[nodiscard]] bool ReadSetCookie(const CRequest& request, DWORD index, std::wstring& value) const override;
     [[nodiscard]] HRESULT FetchBody(CRequest& answered, std::vector<BYTE>& bytes) override;
     [[nodiscard]] const std::wstring* ProxyQuestion(const CRequest& request) const override;
     void CancelCall(CRequest& request) noexcept override;
-    void ReadResponseHeaders(const CRequest& request, std::vector<CVoRawResponse>& responses) const override;
-    [[nodiscard]] std::optional<size_t> HeaderLength(const CRequest& request) const override;
+    [[nodiscard]] size_t ReadHeader(const CRequest& request, size_t maximum, std::wstring& header) const override;
     [[nodiscard]] CVoFailure ExplainFailure(const CRequest& request, HRESULT result) const override;
     void FetchErrorBody(CRequest& request) override;
 
@@ -473,8 +470,6 @@ HRESULT CVoHTTPMessageWinHTTP::SendOnce(CRequest& sent, std::span<const BYTE> bo
     }
     if (request.m_statusCode != 0)
         (void)request.FillLocalIPAddress(); // for the caller's information; the response stands without it
-    if (request.m_statusCode == kStatusOk)
-        request.m_toReceive = AnnouncedLength(request).value_or(0);
     return result;
 }
 
@@ -518,15 +513,6 @@ HRESULT CVoHTTPMessageWinHTTP::OnAuthenticationRequest(CHTTPRequestDataWinHTTP& 
     return S_OK;
 }
 
-std::optional<std::wstring> CVoHTTPMessageWinHTTP::CheckHeader(const CRequest& request, const wchar_t* name, DWORD index) const
-{
-    std::wstring value;
-    DWORD position = index;
-    const HRESULT hr = static_cast<const CHTTPRequestDataWinHTTP&>(request).m_handle.QueryCustomHeaders(
-        WINHTTP_QUERY_CUSTOM, name, &value, &position);
-    return SUCCEEDED(hr) ? std::optional(std::move(value)) : std::nullopt;
-}
-
 bool CVoHTTPMessageWinHTTP::ReadSetCookie(const CRequest& request, DWORD index, std::wstring& value) const
 {
     return VoReadSetCookie(static_cast<const CHTTPRequestDataWinHTTP&>(request).m_handle, index, value);
@@ -559,17 +545,11 @@ void CVoHTTPMessageWinHTTP::CancelCall(CRequest& request) noexcept
     (void)static_cast<CHTTPRequestDataWinHTTP&>(request).m_handle.Close();
 }
 
-void CVoHTTPMessageWinHTTP::ReadResponseHeaders(const CRequest& request, std::vector<CVoRawResponse>& responses) const
+size_t CVoHTTPMessageWinHTTP::ReadHeader(const CRequest& request, size_t maximum, std::wstring& header) const
 {
-    CVoRawResponse response{ .url = request.m_target.FullURL(), .header = {} };
     const auto& handle = static_cast<const CHTTPRequestDataWinHTTP&>(request).m_handle;
-    if (handle.IsOpen() && SUCCEEDED(handle.QueryCustomHeaders(WINHTTP_QUERY_RAW_HEADERS_CRLF, {}, &response.header)))
-        responses.push_back(std::move(response));
-}
-
-std::optional<size_t> CVoHTTPMessageWinHTTP::HeaderLength(const CRequest& request) const
-{
-    return static_cast<const CHTTPRequestDataWinHTTP&>(request).m_handle.HeaderLength();
+    return WindowsTransport::ReadHeader([&](wchar_t* buffer, DWORD& bytes) { return handle.QueryHeader(buffer, bytes); },
+                                        maximum, header);
 }
 
 CVoFailure CVoHTTPMessageWinHTTP::ExplainFailure(const CRequest& request, HRESULT result) const

@@ -85,13 +85,10 @@ private:
     [[nodiscard]] HRESULT OpenHandle(CRequest& opened) override;
     [[nodiscard]] HRESULT CloseHandle(CRequest& request) noexcept override;
     [[nodiscard]] HRESULT SendOnce(CRequest& sent, std::span<const BYTE> body, const std::wstring& contentType) override;
-    [[nodiscard]] std::optional<std::wstring> CheckHeader(const CRequest& request, const wchar_t* name,
-                                                          DWORD index) const override;
     [[nodiscard]] bool ReadSetCookie(const CRequest& request, DWORD index, std::wstring& value) const override;
     [[nodiscard]] HRESULT FetchBody(CRequest& answered, std::vector<BYTE>& bytes) override;
     void CancelCall(CRequest& request) noexcept override;
-    void ReadResponseHeaders(const CRequest& request, std::vector<CVoRawResponse>& responses) const override;
-    [[nodiscard]] std::optional<size_t> HeaderLength(const CRequest& request) const override;
+    [[nodiscard]] size_t ReadHeader(const CRequest& request, size_t maximum, std::wstring& header) const override;
     [[nodiscard]] CVoFailure ExplainFailure(const CRequest& request, HRESULT result) const override;
     void FetchErrorBody(CRequest& failed) override;
 
@@ -503,8 +500,6 @@ HRESULT CVoHTTPMessageWinINet::SendOnce(CRequest& sent, std::span<const BYTE> bo
     }
     if (const HRESULT hr = QueryStatus(handle, request.m_statusCode, report, 694, 695); FAILED(hr))
         return hr;
-    if (request.m_statusCode == kStatusOk)
-        request.m_toReceive = AnnouncedLength(request).value_or(0);
     return S_OK;
 }
 
@@ -548,14 +543,6 @@ HRESULT CVoHTTPMessageWinINet::WriteBody(CHTTPRequestDataWinINet& request, std::
         request.m_sent = position;
     }
     return S_OK;
-}
-
-std::optional<std::wstring> CVoHTTPMessageWinINet::CheckHeader(const CRequest& request, const wchar_t* name, DWORD index) const
-{
-    std::wstring value;
-    return QueryHeader(static_cast<const CHTTPRequestDataWinINet&>(request).Handle(), name, index, value)
-               ? std::optional(std::move(value))
-               : std::nullopt;
 }
 
 bool CVoHTTPMessageWinINet::ReadSetCookie(const CRequest& request, DWORD index, std::wstring& value) const
@@ -639,19 +626,11 @@ void CVoHTTPMessageWinINet::CancelCall(CRequest& request) noexcept
     static_cast<CHTTPRequestDataWinINet&>(request).CancelCall();
 }
 
-void CVoHTTPMessageWinINet::ReadResponseHeaders(const CRequest& request, std::vector<CVoRawResponse>& responses) const
+size_t CVoHTTPMessageWinINet::ReadHeader(const CRequest& request, size_t maximum, std::wstring& header) const
 {
-    CVoRawResponse response{ .url = request.m_target.FullURL(), .header = {} };
-    if (QueryRawHeaders(static_cast<const CHTTPRequestDataWinINet&>(request).Handle(), response.header))
-        responses.push_back(std::move(response));
-}
-
-std::optional<size_t> CVoHTTPMessageWinINet::HeaderLength(const CRequest& request) const
-{
-    DWORD bytes = 0;
-    ::HttpQueryInfoW(static_cast<const CHTTPRequestDataWinINet&>(request).Handle(), HTTP_QUERY_RAW_HEADERS_CRLF, nullptr,
-                     &bytes, nullptr);
-    return bytes / sizeof(wchar_t);
+    const HINTERNET handle = static_cast<const CHTTPRequestDataWinINet&>(request).Handle();
+    return WindowsTransport::ReadHeader([&](wchar_t* buffer, DWORD& bytes)
+    { return ::HttpQueryInfoW(handle, HTTP_QUERY_RAW_HEADERS_CRLF, buffer, &bytes, nullptr) != FALSE; }, maximum, header);
 }
 
 CVoFailure CVoHTTPMessageWinINet::ExplainFailure(const CRequest& request, HRESULT result) const

@@ -542,9 +542,14 @@ HRESULT CVoHTTPTransport::SendToTarget(CRequest& request, std::span<const BYTE> 
         DescribeSend(request); // the previous one, whose response the next call drops
         request.m_trace.BeginSend();
         request.m_isUndescribed = true;
-        if (const HRESULT hr = SendOnce(request, body, contentType); FAILED(hr))
-            return hr;
+        request.m_header.clear();
+        const HRESULT sent = SendOnce(request, body, contentType);
+        request.m_headerLength = ReadHeader(request, request.m_limits.headerBytes, request.m_header);
+        if (FAILED(sent))
+            return sent;
         request.m_trace.end = VoGetMicroseconds();
+        if (request.m_statusCode == kStatusOk && !m_facts.keepsHandle) // otherwise the body is there already
+            request.m_toReceive = AnnouncedLength(request).value_or(0);
         if (const HRESULT hr = CheckHeaderLimits(request); FAILED(hr))
         {
             request.m_isFinal = true; // the next response would be as large

@@ -225,6 +225,8 @@ protected:
         bool m_hasPendingResponse = false; // the body waits in the transport
 
         CVoConnectionTrace m_trace;    // of the last SendOnce
+        std::wstring m_header;         // of its response, where ReadHeader gives it
+        size_t m_headerLength = 0;     // in bytes, also of a header that is larger than allowed
         std::vector<BYTE> m_errorBody; // the beginning of the body of a response whose status is not 200
 
         // A body that the transport has received, until the caller reads it.
@@ -305,9 +307,19 @@ private:
     [[nodiscard]] virtual HRESULT ResetConnection(CRequest& /*request*/) noexcept { return S_OK; }
     // The send is over.
     virtual void EndSend(CRequest& /*request*/) noexcept {}
-    // The value of response header number `index` of a name, from 0; nothing where the response has none.
+    // Takes the header of the response to the last SendOnce as text, when it has `maximum` bytes at most. Returns its length in
+    // bytes; 0 where there is none. A transport that keeps the header itself, and limits it while it arrives, need not
+    // implement it.
+    [[nodiscard]] virtual size_t ReadHeader(const CRequest& /*request*/, size_t /*maximum*/, std::wstring& /*header*/) const
+    {
+        return 0;
+    }
+    // The value of field number `index` of a name, from 0, in the last response's header; nothing where it has none.
     [[nodiscard]] virtual std::optional<std::wstring> CheckHeader(const CRequest& request, const wchar_t* name,
-                                                                  DWORD index) const = 0;
+                                                                  DWORD index) const
+    {
+        return VoFindHeader(request.m_header, name, index);
+    }
     // The value of Set-Cookie header number `index`. False when there is none.
     [[nodiscard]] virtual bool ReadSetCookie(const CRequest& /*request*/, DWORD /*index*/, std::wstring& /*value*/) const
     {
@@ -319,9 +331,7 @@ private:
     // thread, without the message's lock, at any time in the life of the request.
     virtual void CancelCall(CRequest& /*request*/) noexcept {}
     // The responses to the last SendOnce, in order, while the request's handle exists.
-    virtual void ReadResponseHeaders(const CRequest& request, std::vector<CVoRawResponse>& responses) const = 0;
-    // The length of the last response's header in bytes. Nothing for a transport that limits it while it arrives.
-    [[nodiscard]] virtual std::optional<size_t> HeaderLength(const CRequest& /*request*/) const { return std::nullopt; }
+    virtual void ReadResponseHeaders(const CRequest& request, std::vector<CVoRawResponse>& responses) const;
     // Completes the record of the last SendOnce with what the service tells afterwards.
     virtual void CompleteRecord(const CRequest& /*request*/, CVoExchangeRecord::CAttempt& /*attempt*/) const {}
     // Why SendOnce or FetchBody failed.

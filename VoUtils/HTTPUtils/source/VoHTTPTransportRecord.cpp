@@ -157,22 +157,18 @@ CVoFailure CVoHTTPTransport::ExplainAttempt(const CRequest& request, HRESULT res
 
 HRESULT CVoHTTPTransport::CheckHeaderLimits(const CRequest& request) const
 {
-    // A transport that limits the header while it arrives has failed before.
-    const std::optional<size_t> length = HeaderLength(request);
-    if (!length)
-        return S_OK;
-    if (*length > request.m_limits.headerBytes)
+    if (request.m_headerLength > request.m_limits.headerBytes)
         return kErrorResponseLimit;
-    if (*length / kFieldBytes <= request.m_limits.headerFields)
+    if (request.m_headerLength / kFieldBytes <= request.m_limits.headerFields)
         return S_OK; // it cannot hold that many
-    std::vector<CVoRawResponse> responses;
-    ReadResponseHeaders(request, responses);
-    const bool isTooMany = std::any_of(responses.begin(), responses.end(), [&](const CVoRawResponse& response)
-    {
-        return std::count(response.header.begin(), response.header.end(), L'\n') - 2 >
-               static_cast<ptrdiff_t>(request.m_limits.headerFields);
-    });
-    return isTooMany ? kErrorResponseLimit : S_OK;
+    const ptrdiff_t lines = std::count(request.m_header.begin(), request.m_header.end(), L'\n');
+    return lines - 2 > static_cast<ptrdiff_t>(request.m_limits.headerFields) ? kErrorResponseLimit : S_OK;
+}
+
+void CVoHTTPTransport::ReadResponseHeaders(const CRequest& request, std::vector<CVoRawResponse>& responses) const
+{
+    if (!request.m_header.empty())
+        responses.push_back({ request.m_target.FullURL(), request.m_header });
 }
 
 // Reading the record

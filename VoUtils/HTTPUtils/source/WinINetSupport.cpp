@@ -35,36 +35,6 @@ bool QueryText(Query query, std::basic_string<Character>& text)
     return answered;
 }
 
-// Queries header number `index` of a name by one of the platform's two forms of HttpQueryInfo.
-template <class Character, class Query>
-bool QueryCustomHeader(Query queryInfo, HINTERNET request, const Character* name, DWORD index,
-                       std::basic_string<Character>& value)
-{
-    const std::basic_string<Character> nameText = name;
-    return QueryText([&](Character* buffer, DWORD* bytes)
-    {
-        // A custom query takes the name in the buffer. Each call moves the index on, so each starts from a copy.
-        DWORD position = index;
-        std::basic_string<Character> room(std::max<size_t>(*bytes / sizeof(Character), nameText.size() + 1), Character());
-        std::copy(nameText.begin(), nameText.end(), room.begin());
-        DWORD length = *bytes;
-        const BOOL answered = queryInfo(request, DWORD{ HTTP_QUERY_CUSTOM }, room.data(), &length, &position);
-        *bytes = length;
-        if (answered && buffer)
-            std::copy_n(room.begin(), length / sizeof(Character) + 1, buffer);
-        return answered;
-    }, value);
-}
-
-// The two ends of a request's connection, for the trace. The platform need not tell them.
-struct CEndpoints
-{
-    std::wstring local;
-    std::wstring peer;
-    UINT16 localPort = 0;
-    UINT16 peerPort = 0;
-};
-
 bool GetEndpoint(SOCKET socket, int(WSAAPI* query)(SOCKET, sockaddr*, int*), std::wstring& text, UINT16& port)
 {
     sockaddr_storage storage{};
@@ -82,10 +52,20 @@ bool GetEndpoint(SOCKET socket, int(WSAAPI* query)(SOCKET, sockaddr*, int*), std
     return true;
 }
 
-bool internalGetIPAddressesFromSocket(SOCKET socket, CEndpoints& ends)
+// The two ends as the trace shows them: "[address]:port".
+struct CEndpoints
+{
+    std::wstring local;
+    std::wstring peer;
+    UINT16 localPort = 0;
+    UINT16 peerPort = 0;
+};
+
+// Each end costs a call of the system: the peer is asked for the trace only.
+bool internalGetIPAddressesFromSocket(SOCKET socket, bool withPeer, CEndpoints& ends)
 {
     return GetEndpoint(socket, &::getsockname, ends.local, ends.localPort) &&
-           GetEndpoint(socket, &::getpeername, ends.peer, ends.peerPort);
+           (!withPeer || GetEndpoint(socket, &::getpeername, ends.peer, ends.peerPort));
 }
 
 bool internalGetSendBufferSizeFromSocket(SOCKET socket, int& bytes)
@@ -101,20 +81,22 @@ bool QueryOptionText(HINTERNET handle, DWORD option, std::wstring& text)
                      text);
 }
 
-bool QueryHeader(HINTERNET request, const wchar_t* name, DWORD index, std::wstring& value)
-{
-    return QueryCustomHeader([](auto... arguments) { return ::HttpQueryInfoW(arguments...); }, request, name, index, value);
-}
-
 bool QueryHeaderBytes(HINTERNET request, const char* name, DWORD index, std::string& value)
 {
-    return QueryCustomHeader([](auto... arguments) { return ::HttpQueryInfoA(arguments...); }, request, name, index, value);
-}
-
-bool QueryRawHeaders(HINTERNET request, std::wstring& header)
-{
-    return QueryText([&](wchar_t* buffer, DWORD* bytes)
-    { return ::HttpQueryInfoW(request, HTTP_QUERY_RAW_HEADERS_CRLF, buffer, bytes, nullptr); }, header);
+    const std::string nameText = name;
+    return QueryText([&](char* buffer, DWORD* bytes)
+    {
+        // A custom query takes the name in the buffer. Each call moves the index on, so each starts from a copy.
+        DWORD position = index;
+        std::string room(std::max<size_t>(*bytes, nameText.size() + 1), '\0');
+        std::copy(nameText.begin(), nameText.end(), room.begin());
+        DWORD length = *bytes;
+        const BOOL answered = ::HttpQueryInfoA(request, HTTP_QUERY_CUSTOM, room.data(), &length, &position);
+        *bytes = length;
+        if (answered && buffer)
+            std::copy_n(room.begin(), length + 1, buffer);
+        return answered;
+    }, value);
 }
 
 bool HasNamedProxy(HINTERNET session) noexcept
@@ -143,13 +125,17 @@ std::wstring internalGetClientIPAddressAndSendBufferSize(HINTERNET request)
     DWORD length = sizeof info;
     if (!::InternetQueryOptionW(request, INTERNET_OPTION_DIAGNOSTIC_SOCKET_INFO, &info, &length) || info.Socket == 0)
         return {};
+    const bool isTraced = VoErrorLog().IsApplicationLogOn();
     CEndpoints ends;
-    if (!internalGetIPAddressesFromSocket(info.Socket, ends))
+    if (!internalGetIPAddressesFromSocket(info.Socket, isTraced, ends))
         return {};
-    report.Message(190, L"[%ls]:%u -> [%ls]:%u", ends.local.c_str(), unsigned{ ends.localPort }, ends.peer.c_str(),
-                   unsigned{ ends.peerPort });
-    if (int bytes = 0; internalGetSendBufferSizeFromSocket(info.Socket, bytes))
-        report.Message(195, L"Send buffer: %d bytes", bytes);
+    if (isTraced)
+    {
+        report.Message(190, L"[%ls]:%u -> [%ls]:%u", ends.local.c_str(), unsigned{ ends.localPort }, ends.peer.c_str(),
+                       unsigned{ ends.peerPort });
+        if (int bytes = 0; internalGetSendBufferSizeFromSocket(info.Socket, bytes))
+            report.Message(195, L"Send buffer: %d bytes", bytes);
+    }
     return ends.local;
 }
 

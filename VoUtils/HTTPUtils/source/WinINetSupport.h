@@ -42,13 +42,8 @@ private:
 // is left in memory, because it may be a password.
 [[nodiscard]] bool QueryOptionText(HINTERNET handle, DWORD option, std::wstring& text);
 
-// The response header number `index` of a name, from 0. False when there is none.
-[[nodiscard]] bool QueryHeader(HINTERNET request, const wchar_t* name, DWORD index, std::wstring& value);
-// The same in the bytes that were received.
+// The response header number `index` of a name, from 0, in the bytes that were received. False when there is none.
 [[nodiscard]] bool QueryHeaderBytes(HINTERNET request, const char* name, DWORD index, std::string& value);
-
-// The header of the response: the status line and a line for each field. False when there is none.
-[[nodiscard]] bool QueryRawHeaders(HINTERNET request, std::wstring& header);
 
 // Whether the session uses a proxy that the system's settings name.
 [[nodiscard]] bool HasNamedProxy(HINTERNET session) noexcept;

@@ -7,6 +7,8 @@
 #include <base/VoHResult.h>
 #include <base/VoPlatform.h>
 
+#include <string>
+
 namespace WindowsTransport
 {
 // A time-out as the services take it.
@@ -57,4 +59,36 @@ inline constexpr DWORD kErrorInvalidOperation = 12016; // not with this handle
 // Why a call of a service failed. `isSending`: the request had begun to leave. `secureFailure`: the flags of WinHTTP's
 // WINHTTP_CALLBACK_STATUS_SECURE_FAILURE, 0 where there were none.
 [[nodiscard]] CVoFailure ExplainError(HRESULT result, bool isConnected, bool isSending, bool usesProxy, DWORD secureFailure);
+
+// Takes a response's header as text when it has `maximum` bytes at most. `query` is called with a buffer and its size in bytes.
+// It writes the header with its end and sets the size without the end. When the buffer is too small, it sets the size with the
+// end and returns false. Returns the length of the header in bytes as received; 0 where there is none. Keeps the last error.
+template <class Query>
+[[nodiscard]] size_t ReadHeader(Query query, size_t maximum, std::wstring& header)
+{
+    constexpr size_t kUsualHeader = 1024; // characters
+    const CVoLastErrorKeeper keeper;
+    header.resize(kUsualHeader);
+    for (;;)
+    {
+        auto bytes = static_cast<DWORD>(header.size() * sizeof(wchar_t));
+        const DWORD room = bytes;
+        const bool isThere = query(header.data(), bytes);
+        const size_t length = bytes / sizeof(wchar_t);
+        if (isThere && length <= maximum)
+        {
+            header.resize(length);
+            return length;
+        }
+        const bool isLarger = !isThere && ::GetLastError() == ERROR_INSUFFICIENT_BUFFER && bytes > room;
+        if (!isLarger || length - 1 > maximum)
+        {
+            header.clear();
+            if (isThere)
+                return length;
+            return isLarger ? length - 1 : 0;
+        }
+        header.resize(length);
+    }
+}
 } // namespace WindowsTransport
