@@ -314,10 +314,18 @@ TEST(WmiQuery, SecurityThatWasSetEarlierInTheProcessIsAccepted)
 {
     SScenario scenario;
     const CFakeWmi fake(scenario);
+    scenario.objects.resize(2);
     const CFailOnCall<decltype(&::CoInitializeSecurity)> tooLate("ole32.dll", "CoInitializeSecurity", 1, RPC_E_TOO_LATE, 0);
     CVoWMIQueryBase wmi(kNamespace);
     EXPECT_EQ(wmi.Start(), S_OK);
     EXPECT_EQ(tooLate.Calls(), 1);
+    // Then the process's own security may be too low for the objects: their proxy gets the same as the services'.
+    const CLogCapture log;
+    const CFailOnCall<decltype(&::CoSetProxyBlanket)> noSecurity("ole32.dll", "CoSetProxyBlanket", 1, E_ACCESSDENIED, 0);
+    int count = 0;
+    EXPECT_EQ(wmi.QueryWMI(L"SELECT * FROM A", &CountObjects, &count), S_OK);
+    EXPECT_EQ(count, 2);
+    EXPECT_THAT(log.Lines(), ElementsAre(IsReportBy(L"VoWMIQuery::CVoWMIQueryBase::ProcessQuery", E_ACCESSDENIED)));
 }
 
 TEST(WmiQuery, AWorkerThatCannotAnswerIsAFailure)

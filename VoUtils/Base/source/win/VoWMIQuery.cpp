@@ -25,6 +25,12 @@ HRESULT InitialiseSecurity() noexcept
                                               RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE, nullptr);
     return hr == RPC_E_TOO_LATE ? S_OK : hr;
 }
+
+HRESULT SecureProxy(IUnknown* proxy) noexcept
+{
+    return ::CoSetProxyBlanket(proxy, RPC_C_AUTHN_WINNT, RPC_C_AUTHZ_NONE, nullptr, RPC_C_AUTHN_LEVEL_CALL,
+                               RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE);
+}
 } // namespace
 
 CVoWMIQueryBase::CVoWMIQueryBase(CVoTextView namespacePath, const wchar_t* locale, IWbemContext* context)
@@ -120,8 +126,7 @@ HRESULT CVoWMIQueryBase::Connect()
         hr = E_FAIL;
     if (FAILED(hr))
         return report(174, hr);
-    hr = ::CoSetProxyBlanket(m_services.Get(), RPC_C_AUTHN_WINNT, RPC_C_AUTHZ_NONE, nullptr, RPC_C_AUTHN_LEVEL_CALL,
-                             RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE);
+    hr = SecureProxy(m_services.Get());
     return SUCCEEDED(hr) ? S_OK : report(178, hr);
 }
 
@@ -176,6 +181,10 @@ HRESULT CVoWMIQueryBase::ProcessQuery() noexcept
             hr = E_FAIL;
         if (FAILED(hr))
             return report(234, hr);
+        // The enumerator is a proxy of its own: without this it has the security that the process was given, perhaps by its
+        // program and too low. An enumerator that is no proxy needs none.
+        if (const HRESULT secured = SecureProxy(objects.Get()); FAILED(secured) && secured != E_NOINTERFACE)
+            report(236, secured);
         for (;;)
         {
             CVoComPtr<IWbemClassObject> object;
