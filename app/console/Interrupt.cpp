@@ -19,10 +19,18 @@ const CInterruptScope* g_scope = nullptr;
 int g_delays = 0;
 bool g_isEndDelayed = false;
 std::atomic<int> g_interrupts{ 0 };
+std::atomic<UINT> g_previousCodePage{ 0 }; // 0: none is to be set back
+
+void RestoreCodePage() noexcept
+{
+    if (const UINT previous = g_previousCodePage.exchange(0); previous != 0)
+        ::SetConsoleOutputCP(previous);
+}
 
 // Without destructors and without the platform's clean-up: other threads may be anywhere.
 [[noreturn]] void EndProcess(int exitCode) noexcept
 {
+    RestoreCodePage();
     ::TerminateProcess(::GetCurrentProcess(), static_cast<UINT>(exitCode));
     std::abort();
 }
@@ -127,6 +135,18 @@ private:
         EndProcess(exitCode);
     }
 };
+
+CConsoleCodePage::CConsoleCodePage() noexcept
+{
+    g_previousCodePage.store(::GetConsoleOutputCP());
+    if (g_previousCodePage.load() != 0)
+        ::SetConsoleOutputCP(CP_UTF8);
+}
+
+CConsoleCodePage::~CConsoleCodePage()
+{
+    RestoreCodePage();
+}
 
 void InstallInterruptHandler() noexcept
 {

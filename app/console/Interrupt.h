@@ -11,6 +11,17 @@ class CContext;
 // the error line of kResultCancelled.
 void InstallInterruptHandler() noexcept;
 
+// Sets the console's output code page to UTF-8, and back at the end, also when Ctrl+C ends the program: the console's other
+// programs share it. One for the process.
+class CConsoleCodePage
+{
+public:
+    CConsoleCodePage() noexcept;
+    ~CConsoleCodePage();
+    CConsoleCodePage(const CConsoleCodePage&) = delete;
+    CConsoleCodePage& operator=(const CConsoleCodePage&) = delete;
+};
+
 // While a command has one, the first Ctrl+C cancels its request. If the scope still exists two seconds later, because a call of
 // the platform holds the request, the command's result becomes kResultCancelled and the process ends. A second Ctrl+C ends it
 // at once. The command uses its context only before and after the scope. In a batch the scope does nothing.

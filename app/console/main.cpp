@@ -24,26 +24,6 @@ private:
     bool m_initialised;
 };
 
-// Sets the console's output code page to UTF-8, and restores it at the end.
-class CConsoleCodePage
-{
-public:
-    CConsoleCodePage() noexcept : m_previous(::GetConsoleOutputCP())
-    {
-        if (m_previous != 0)
-            ::SetConsoleOutputCP(CP_UTF8);
-    }
-    ~CConsoleCodePage()
-    {
-        if (m_previous != 0)
-            ::SetConsoleOutputCP(m_previous);
-    }
-    CConsoleCodePage(const CConsoleCodePage&) = delete;
-    CConsoleCodePage& operator=(const CConsoleCodePage&) = delete;
-
-private:
-    UINT m_previous;
-};
 int RunProgram(int count, wchar_t** arguments)
 {
     InstallInterruptHandler();
