@@ -46,6 +46,11 @@ public:
         return std::exchange(calls, {});
     }
     [[nodiscard]] std::vector<std::string> Take(std::string_view prefix) { return Take({ prefix }); }
+    [[nodiscard]] bool Has(std::string_view call)
+    {
+        const std::scoped_lock lock(m_lock);
+        return std::ranges::find(calls, call) != calls.end();
+    }
 
 protected:
     template <class... Parts>

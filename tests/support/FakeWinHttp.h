@@ -118,10 +118,12 @@ private:
     }
     BOOL SetOption(HINTERNET handle, DWORD option, void* value, DWORD length)
     {
-        const auto& proxy = *static_cast<const WINHTTP_PROXY_INFO*>(value);
+        const auto* const proxy = static_cast<const WINHTTP_PROXY_INFO*>(value);
         const std::scoped_lock lock(m_lock);
         if (option == WINHTTP_OPTION_PROXY)
-            Note("Use", Name(handle), ' ', proxy.dwAccessType, Text(proxy.lpszProxy), ' ', proxy.lpszProxyBypass != nullptr);
+            Note("Use", Name(handle), ' ', proxy->dwAccessType, Text(proxy->lpszProxy), ' ', proxy->lpszProxyBypass != nullptr);
+        else if (!value)
+            Note("No", Name(handle), ' ', option, ' ', length);
         else if (option == WINHTTP_OPTION_CONTEXT_VALUE)
             RequestOf(handle).context = *static_cast<const DWORD_PTR*>(value);
         else if (length == sizeof(DWORD))

@@ -305,6 +305,13 @@ HRESULT CVoHTTPMessageWinHTTP::OpenHandle(CRequest& opened)
     const DWORD securityFlags = VerifiesCertificateOf(target) ? 0 : kIgnoreCertificate;
     if (const HRESULT hr = request.m_handle.SetOption(WINHTTP_OPTION_SECURITY_FLAGS, securityFlags); FAILED(hr))
         return report(310, hr);
+    // A server may ask for a certificate of the user and go on without one. The request fails then unless it says that there is
+    // none (documentation of WINHTTP_OPTION_CLIENT_CERT_CONTEXT).
+    if (target.IsSecure())
+        if (const HRESULT hr =
+                request.m_handle.SetOption(WINHTTP_OPTION_CLIENT_CERT_CONTEXT, WINHTTP_NO_CLIENT_CERT_CONTEXT, 0);
+            FAILED(hr))
+            report.Message(312, L"The absence of a client certificate was refused: 0x%08lX", static_cast<unsigned long>(hr));
     const DWORD features = m_checkCertificateRevocation ? WINHTTP_ENABLE_SSL_REVOCATION : 0;
     // Switching revocation checks on is no tuning: it must succeed.
     if (const HRESULT hr = features == 0
