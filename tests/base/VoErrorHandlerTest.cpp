@@ -242,6 +242,9 @@ TEST(LogFile, EveryRunBeginsWithItsHeaderAndTheStartLine)
         bytes = ReadTestFile(log.LogFilePath());
     }
     EXPECT_EQ(CountHeaders(bytes), 2u);
+    // What the platform knows of this process and its file.
+    EXPECT_TRUE(std::regex_search(bytes, std::regex(R"(Process created at:20\d\d\.\d\d\.\d\d  \d\d:)"))) << bytes;
+    EXPECT_TRUE(std::regex_search(bytes, std::regex(R"(Version:\d+,\d+,\d+,\d+ )"))) << bytes;
     const std::vector<CLogLine> lines = ParseLog(bytes);
     ASSERT_THAT(lines, SizeIs(4));
     EXPECT_THAT(lines[2].text, EndsWith(VoFormat(L"VoErrorHandler Line=484 Function=CVoErrorLogFile::Init ThreadID=%d Module: "

@@ -2,6 +2,7 @@
 #include "Scenarios.h"
 
 #include <VoDiagnosis.h>
+#include <VoDiagnosisRender.h>
 
 #include <LoopbackServer.h>
 #include <support/HTTPSupport.h>
@@ -19,6 +20,7 @@
 #include <algorithm>
 #include <atomic>
 #include <future>
+#include <regex>
 #include <thread>
 #include <tuple>
 
@@ -316,6 +318,17 @@ TEST(Diagnosis, JudgesTheCertificatesOfARealServer)
     });
     EXPECT_EQ(CauseOf(tunnel, "tls"), "certificate_issuer");
     EXPECT_EQ(CauseOf(tunnel, "proxy-connect"), "");
+}
+
+TEST(Diagnosis, ReportsTheCertificateAndTheConnectionInFull)
+{
+    VO_NEEDS_TEST_SERVERS();
+    const std::string json = VoRenderJson(Diagnose(TestSupport::TestServers()->SecureURL("/post")));
+    for (const char* const fact :
+         { R"("protocol":\s*"TLS 1\.[23]")", R"("cipher":\s*"AES with (128|256) bits")", R"("subject":\s*"[^"]*CN=localhost)",
+           R"("issuer":\s*"[^"]*CN=)", R"("names":\s*\[\s*"localhost")", R"("key":\s*"RSA 2048")",
+           R"("signature":\s*"sha256RSA")", R"("sha256":\s*"[0-9A-F]{64}")" })
+        EXPECT_TRUE(std::regex_search(json, std::regex(fact))) << fact << json.substr(json.find("chain"), 1500);
 }
 
 // The platform's answer about revocation, in place of the issuer's servers.
