@@ -30,6 +30,7 @@ constexpr CFailureName kFailureNames[] = {
     { EVoFailure::ResponseMalformed, "responseMalformed" },
     { EVoFailure::ResponseTruncated, "responseTruncated" },
     { EVoFailure::ResponseLimit, "responseLimit" },
+    { EVoFailure::Sink, "sink" },
     { EVoFailure::RedirectLoop, "redirectLoop" },
     { EVoFailure::RedirectRefused, "redirectRefused" },
     { EVoFailure::Credentials, "credentials" },

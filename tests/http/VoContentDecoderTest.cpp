@@ -18,9 +18,14 @@ std::optional<std::string> Decode(std::wstring_view codings, std::string_view bo
     std::unique_ptr<CVoContentDecoder> decoder;
     EXPECT_EQ(CVoContentDecoder::Make(codings, decoder), S_OK);
     std::vector<BYTE> decoded;
+    const auto take = [&](std::span<const BYTE> bytes)
+    {
+        decoded.insert(decoded.end(), bytes.begin(), bytes.end());
+        return limit != 0 && decoded.size() > limit ? kErrorResponseLimit : S_OK;
+    };
     for (; !body.empty(); body.remove_prefix(std::min(piece, body.size())))
         if (const auto* const bytes = reinterpret_cast<const BYTE*>(body.data());
-            FAILED(decoder->Decode({ bytes, std::min(piece, body.size()) }, &decoded, limit)))
+            FAILED(decoder->Decode({ bytes, std::min(piece, body.size()) }, take)))
             return std::nullopt;
     return SUCCEEDED(decoder->Finish()) ? std::optional(std::string(decoded.begin(), decoded.end())) : std::nullopt;
 }

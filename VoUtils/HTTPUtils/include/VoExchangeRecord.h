@@ -40,6 +40,7 @@ enum class EVoFailure
     ResponseMalformed,
     ResponseTruncated,
     ResponseLimit,
+    Sink, // the caller's sink did not take the response
     RedirectLoop,
     RedirectRefused,
     Credentials,      // the server demands some, and none were given
@@ -109,7 +110,7 @@ struct CVoResponseLimits
     UINT32 headerFields = 1000; // of one response
     UINT32 cookies = 200;       // of one response; the rest is dropped
     // Decoded; 0: no limit. WinHTTP delivers a body in pieces that cost memory each: a body in very many small pieces reaches
-    // the limit earlier.
+    // the limit earlier, except with a sink.
     UINT64 bodyBytes = 0;
     // That are kept of the body of a response whose status is 400 or above; 0: none. The Windows transports wait five seconds
     // for it at most.

@@ -29,6 +29,8 @@
 #include <string_view>
 #include <vector>
 
+class IVoResponseSink; // VoResponseSink.h
+
 // Any thread may use a message, one at a time: each public operation holds the message's lock for its whole run, so a second
 // thread waits. Only Connect makes messages. They are held by std::shared_ptr.
 class CVoHTTPMessage : public std::enable_shared_from_this<CVoHTTPMessage>
@@ -96,6 +98,18 @@ public:
         void SetResponseLimits(const CVoResponseLimits& limits) noexcept { m_limits = limits; }
         [[nodiscard]] const CVoResponseLimits& ResponseLimits() const noexcept { return m_limits; }
 
+        // Gives the body of the response to a sink while it arrives, instead of keeping it in memory; null: to memory again.
+        // Set it before a send. It is not owned, and must outlive the send and the reading. `kind` is how the response will be
+        // read: of `Binary` the sink gets all bytes, of `Parameters` the payload, while the parameter text stays in memory.
+        // Limits and checks of the body hold as without a sink, so the last bytes may have come when it turns out that the body
+        // is not whole: what the sink has is good only after ReadResponse has succeeded. A send delivers one body. Before
+        // another send on the same request the caller clears what the sink has.
+        void SetResponseSink(IVoResponseSink* sink, EResponseKind kind = EResponseKind::Binary) noexcept
+        {
+            m_sink = sink;
+            m_sinkKind = kind;
+        }
+
         // The following tell of the last send. They return E_FAIL while the request is being sent or read, and before its first
         // send; E_OUTOFMEMORY. The outputs are untouched then.
 
@@ -114,6 +128,8 @@ public:
         std::atomic<UINT64> m_toReceive{ 0 };
         std::atomic<bool> m_isCancelled{ false };
         CVoResponseLimits m_limits;
+        IVoResponseSink* m_sink = nullptr;
+        EResponseKind m_sinkKind = EResponseKind::Binary;
         std::wstring m_cookieHeader;
     };
 
@@ -189,12 +205,14 @@ public:
     // Takes the response out of the request. `isUtf8`: the response's Content-Type names the charset UTF-8; its parameter text
     // is read as UTF-8, otherwise in the thread's ANSI code page. `isEmpty`: it had no body. Both may be null. E_FAIL: the
     // request has no response to read. E_NOTIMPL: unknown kind. The parameters are appended to those of `response`; the payload
-    // is replaced. `response` is untouched on failure.
+    // is replaced. With a sink (SetResponseSink) the payload is empty; the Windows transports give the body to the sink now,
+    // and the sink's failure is returned. E_INVALIDARG: the sink was set for another kind, or has been taken away since the
+    // send. `response` is untouched on failure.
     [[nodiscard]] virtual HRESULT ReadResponse(const std::shared_ptr<CHTTPRequestData>& request, CVoBinaryDataParser& response,
                                                EResponseKind kind, bool* isUtf8, bool* isEmpty) noexcept = 0;
 
     // Takes the responses to several messages out of the request; see internalParseMultipleResponses. `count` may be null. The
-    // outputs are untouched on failure.
+    // outputs are untouched on failure. E_INVALIDARG: a sink has the response.
     [[nodiscard]] virtual HRESULT ReadMultipleResponses(const std::shared_ptr<CHTTPRequestData>& request,
                                                         std::vector<CVoBinaryDataParser>& responses, UINT32 expectedCount,
                                                         UINT32* count) noexcept = 0;

@@ -60,9 +60,15 @@ public:
     // Collects the reports of WinHTTP's threads, too. The chain must live until the exchange is destroyed or cleared; null:
     // none. E_FAIL before Init and while an exchange runs.
     virtual HRESULT SetReportChain(CVoReportChain* chain) noexcept = 0;
-    // A body of more bytes fails the exchange with kErrorResponseLimit; 0: no limit. A body in very many small pieces fails
-    // earlier, because each piece costs memory. E_FAIL before Init and while an exchange runs.
+    // A body of more bytes fails the exchange with kErrorResponseLimit; 0: no limit. A body in very many small pieces, read by
+    // the exchange itself, fails earlier, because each piece costs memory. E_FAIL before Init and while an exchange runs.
     virtual HRESULT SetBodyLimit(UINT64 bytes) noexcept = 0;
+    // Whether ReadPiece fetches the body, in the place of GetResponseData, in all following sends. Nothing of it is asked for
+    // before. E_FAIL before Init and while an exchange runs.
+    virtual HRESULT SetReadsPieces(bool readsPieces) noexcept = 0;
+    // Asks for the next piece of the body and waits for it; empty: the body has ended. Throws as GetStatusCode does. Call it
+    // after GetStatusCode, for a status below 300, until the body has ended: until then the exchange runs.
+    virtual std::vector<BYTE> ReadPiece() = 0;
     // Reads the beginning of the body of a response whose status is 300 or above. Waits for it at most `milliseconds`; then
     // throws kResultTimeout. Throws as GetStatusCode does; E_FAIL when the exchange has no such response.
     virtual std::vector<BYTE> ReadErrorBody(UINT32 maximumBytes, DWORD milliseconds) = 0;
@@ -110,6 +116,8 @@ public:
     HRESULT SetNotificationHandler(NotificationHandler handler) noexcept override;
     HRESULT SetReportChain(CVoReportChain* chain) noexcept override;
     HRESULT SetBodyLimit(UINT64 bytes) noexcept override;
+    HRESULT SetReadsPieces(bool readsPieces) noexcept override;
+    std::vector<BYTE> ReadPiece() override;
     std::vector<BYTE> ReadErrorBody(UINT32 maximumBytes, DWORD milliseconds) override;
     HRESULT SetCredentials(DWORD target, DWORD scheme, const std::wstring& user,
                            const std::wstring& password) noexcept override;

@@ -19,9 +19,6 @@ namespace VoHTTPMessageCURL
 {
 namespace
 {
-// The announced length of a response is only a promise: reserve at most this much for it.
-constexpr curl_off_t kMaximumReserve = curl_off_t{ 256 } * 1024 * 1024;
-
 HRESULT ReportCURLError(CURLcode code, const std::wstring& context)
 {
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CheckCURLError" };
@@ -417,6 +414,30 @@ catch (...)
     return CURL_PREREQFUNC_ABORT;
 }
 
+namespace
+{
+// The first bytes of a body: finds out where it goes and how it is decoded.
+void BeginBody(CCURLWriteCallbackData& answer)
+{
+    constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::write_callback" };
+    constexpr long kStatusOk = 200;
+    long status = 0;
+    curl_easy_getinfo(answer.handle, CURLINFO_RESPONSE_CODE, &status);
+    answer.body = status == kStatusOk ? &answer.success : &answer.failure;
+    if (answer.headers)
+        if (const HRESULT hr =
+                CVoContentDecoder::Make(answer.headers->contentCodings + answer.headers->transferCodings, answer.decoder);
+            FAILED(hr))
+            answer.result = report(487, E_FAIL);
+    curl_off_t announced = -1;
+    if (curl_easy_getinfo(answer.handle, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced) != CURLE_OK || announced <= 0)
+        return;
+    if (answer.expected)
+        answer.expected->store(static_cast<UINT64>(announced), std::memory_order_relaxed);
+    answer.body->Expect(static_cast<UINT64>(announced));
+}
+} // namespace
+
 size_t write_callback(char* data, size_t size, size_t count, void* context) noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::write_callback" };
@@ -429,34 +450,21 @@ size_t write_callback(char* data, size_t size, size_t count, void* context) noex
     const size_t length = size * count;
     try
     {
-        if (!std::exchange(answer.hasBegun, true))
-        {
-            if (answer.headers)
-                if (const HRESULT hr = CVoContentDecoder::Make(answer.headers->contentCodings + answer.headers->transferCodings,
-                                                               answer.decoder);
-                    FAILED(hr))
-                    answer.result = report(487, E_FAIL);
-            curl_off_t announced = -1;
-            if (curl_easy_getinfo(answer.handle, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced) == CURLE_OK && announced > 0)
-            {
-                if (answer.expected)
-                    answer.expected->store(static_cast<UINT64>(announced), std::memory_order_relaxed);
-                answer.received.reserve(static_cast<size_t>(std::min(announced, kMaximumReserve)));
-            }
-        }
+        if (!answer.body)
+            BeginBody(answer);
         // After a failure the transfer runs on, so that the connection stays in step.
-        const auto* const bytes = reinterpret_cast<const BYTE*>(data);
-        if (answer.decoder && SUCCEEDED(answer.result))
-            answer.result = answer.decoder->Decode({ bytes, length }, &answer.received, answer.limit);
-        else if (SUCCEEDED(answer.result) && answer.limit != 0 && answer.received.size() + length > answer.limit)
-            answer.result = kErrorResponseLimit;
-        else if (SUCCEEDED(answer.result))
-            answer.received.insert(answer.received.end(), bytes, bytes + length);
-        if (answer.result == kErrorResponseLimit)
+        const std::span<const BYTE> bytes(reinterpret_cast<const BYTE*>(data), length);
+        if (SUCCEEDED(answer.result))
+            answer.result = answer.decoder ? answer.decoder->Decode(bytes, [&](std::span<const BYTE> piece)
+            { return answer.body->Take(piece); })
+                                           : answer.body->Take(bytes);
+        if (FAILED(answer.body->Refusal()))
         {
-            report(489, kErrorResponseLimit);
+            report(489, answer.body->Refusal());
             return 0;
         }
+        if (answer.body->HasSink() && answer.body->IsLogged() && !std::exchange(answer.isQuiet, true))
+            (void)CURLSetOpt(answer.handle, CURLOPT_VERBOSE, 0L); // the log must not grow with the body
     }
     catch (...)
     {
@@ -464,8 +472,8 @@ size_t write_callback(char* data, size_t size, size_t count, void* context) noex
         answer.result = HResultFromCurrentException();
         report(486, kResultCallbackException);
     }
-    if (answer.count)
-        answer.count->store(answer.received.size(), std::memory_order_relaxed);
+    if (answer.count && answer.body)
+        answer.count->store(answer.body->Length(), std::memory_order_relaxed);
     return length;
 }
 

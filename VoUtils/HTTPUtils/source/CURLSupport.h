@@ -2,6 +2,7 @@
 // report under the transport's source name, so their trace points share the transport's numbers.
 #pragma once
 
+#include "VoBodyReceiver.h"
 #include "VoContentDecoder.h"
 #include "VoContentLength.h"
 
@@ -173,14 +174,15 @@ struct CHeaderContext
 struct CCURLWriteCallbackData
 {
     CURL* handle = nullptr;
-    std::vector<BYTE> received;
+    CVoBodyReceiver success;              // of a body whose status is 200
+    CVoBodyReceiver failure;              // of any other
+    CVoBodyReceiver* body = nullptr;      // the one that is filled; null before the first byte
     HRESULT result = S_OK;                // a failure means that bytes were lost
     std::atomic<UINT64>* count = nullptr; // progress; may be null
     std::atomic<UINT64>* expected = nullptr;
-    UINT64 limit = 0;                        // of the body, in bytes; 0: none
     const CHeaderContext* headers = nullptr; // of the response; null: nothing is decoded
+    bool isQuiet = false;                    // the handle's log was switched off
     std::unique_ptr<CVoContentDecoder> decoder = nullptr;
-    bool hasBegun = false;
 };
 
 // Receives notice when the whole body has been sent, and ends a transfer that was cancelled.
@@ -203,7 +205,7 @@ int prereq_callback(void* context, char* serverAddress, char* clientAddress, int
 curl_socket_t opensocket_callback(void* addresses, curlsocktype purpose, curl_sockaddr* address) noexcept;
 size_t read_callback(char* buffer, size_t size, size_t count, void* source) noexcept;
 curlioerr ioctl_callback(CURL* handle, int command, void* source) noexcept;
-// These two return 0, which ends the transfer, when the response is larger than its limits allow.
+// These two return 0, which ends the transfer, when the response is larger than its limits allow, and when its sink fails.
 size_t header_callback(char* line, size_t size, size_t count, void* context) noexcept;
 size_t write_callback(char* data, size_t size, size_t count, void* context) noexcept;
 int debug_callback(CURL* handle, curl_infotype type, char* data, size_t size, void* request) noexcept;

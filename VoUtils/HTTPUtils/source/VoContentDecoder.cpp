@@ -106,28 +106,22 @@ HRESULT CVoContentDecoder::Make(std::wstring_view contentEncoding, std::unique_p
     return S_OK;
 }
 
-HRESULT CVoContentDecoder::Decode(std::span<const BYTE> bytes, std::vector<BYTE>* decoded, UINT64 limit)
+HRESULT CVoContentDecoder::Decode(std::span<const BYTE> bytes, const Take& take)
 {
     constexpr size_t kMaximumPiece = size_t{ 1 } << 30; // zlib's lengths have 32 bits
     m_isEmpty = m_isEmpty && bytes.empty();
     HRESULT hr = S_OK;
     for (; SUCCEEDED(hr) && !bytes.empty(); bytes = bytes.subspan(std::min(bytes.size(), kMaximumPiece)))
-        hr = Decode(0, bytes.first(std::min(bytes.size(), kMaximumPiece)), decoded, limit);
+        hr = Decode(0, bytes.first(std::min(bytes.size(), kMaximumPiece)), take);
     return hr;
 }
 
 // NOLINTBEGIN(misc-no-recursion): one level for each coding of the response
-HRESULT CVoContentDecoder::Decode(size_t stage, std::span<const BYTE> bytes, std::vector<BYTE>* decoded, UINT64 limit)
+HRESULT CVoContentDecoder::Decode(size_t stage, std::span<const BYTE> bytes, const Take& take)
 {
     if (stage < m_stages.size())
-        return m_stages[stage]->Decode(bytes,
-                                       [&](std::span<const BYTE> piece) { return Decode(stage + 1, piece, decoded, limit); });
-    if (!decoded)
-        return S_OK;
-    if (limit != 0 && decoded->size() + bytes.size() > limit)
-        return kErrorResponseLimit;
-    decoded->insert(decoded->end(), bytes.begin(), bytes.end());
-    return S_OK;
+        return m_stages[stage]->Decode(bytes, [&](std::span<const BYTE> piece) { return Decode(stage + 1, piece, take); });
+    return take ? take(bytes) : S_OK;
 }
 // NOLINTEND(misc-no-recursion)
 

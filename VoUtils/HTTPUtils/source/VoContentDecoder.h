@@ -5,6 +5,7 @@
 #include <base/VoPlatform.h>
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string_view>
@@ -24,10 +25,12 @@ public:
     CVoContentDecoder(const CVoContentDecoder&) = delete;
     CVoContentDecoder& operator=(const CVoContentDecoder&) = delete;
 
-    // Decodes the next bytes of the body and appends the result; a null `decoded` only checks them. `limit`: bytes that
-    // `decoded` may hold in all; 0: no limit. E_FAIL for a malformed stream, kErrorResponseLimit beyond the limit; not
-    // reported. Throws std::bad_alloc.
-    [[nodiscard]] HRESULT Decode(std::span<const BYTE> bytes, std::vector<BYTE>* decoded, UINT64 limit);
+    // Receives decoded bytes. A failure ends the decoding.
+    using Take = std::function<HRESULT(std::span<const BYTE> bytes)>;
+
+    // Decodes the next bytes of the body; an empty function only checks them. E_FAIL for a malformed stream, not reported; the
+    // failure of `take`. Throws std::bad_alloc and what `take` throws.
+    [[nodiscard]] HRESULT Decode(std::span<const BYTE> bytes, const Take& take);
     // The body has ended. E_FAIL, not reported, for a stream that is cut off. A body without a byte is whole.
     [[nodiscard]] HRESULT Finish() const noexcept;
 
@@ -35,7 +38,7 @@ private:
     class CStage;
     CVoContentDecoder();
 
-    [[nodiscard]] HRESULT Decode(size_t stage, std::span<const BYTE> bytes, std::vector<BYTE>* decoded, UINT64 limit);
+    [[nodiscard]] HRESULT Decode(size_t stage, std::span<const BYTE> bytes, const Take& take);
 
     std::vector<std::unique_ptr<CStage>> m_stages; // the coding that was applied last comes first
     bool m_isEmpty = true;

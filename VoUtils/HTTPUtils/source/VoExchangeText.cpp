@@ -108,6 +108,7 @@ constexpr CFailureRow kFailures[] = {
     { EVoFailure::ResponseMalformed, L"the response of %1 is malformed or missing" },
     { EVoFailure::ResponseTruncated, L"the response of %1 broke off" },
     { EVoFailure::ResponseLimit, L"the response of %1 is larger than allowed" },
+    { EVoFailure::Sink, L"the response of %1 could not be written to its destination" },
     { EVoFailure::RedirectLoop, L"%1 redirects too often" },
     { EVoFailure::RedirectRefused, L"the redirect of %1 was not followed" },
     { EVoFailure::Credentials, L"%1 demands credentials (status %2), and none were given" },

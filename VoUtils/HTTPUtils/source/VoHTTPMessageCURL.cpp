@@ -71,7 +71,7 @@ private:
     void EndSend(CRequest& sent) noexcept override;
     [[nodiscard]] std::optional<std::wstring> CheckHeader(const CRequest& asked, const wchar_t* name,
                                                           DWORD index) const override;
-    [[nodiscard]] HRESULT FetchBody(CRequest& request, std::vector<BYTE>& bytes) override;
+    [[nodiscard]] HRESULT FetchBody(CRequest& request, CVoBodyReceiver& body) override;
     void ReadResponseHeaders(const CRequest& answered, std::vector<CVoRawResponse>& responses) const override;
     void CompleteRecord(const CRequest& sent, CVoExchangeRecord::CAttempt& attempt) const override;
     [[nodiscard]] CVoFailure ExplainFailure(const CRequest& failed, HRESULT result) const override;
@@ -135,7 +135,7 @@ public:
     std::string m_handleCookie;  // for m_handleUrl
     bool m_isPrepared = false;   // the options of this attempt are set
     bool m_isRetargeted = false; // the handle's URL is not m_url
-    std::vector<BYTE> m_body;    // of the response
+    CVoBodyReceiver m_body;      // of the response
 
     CCURLTransferRecord m_transfer; // the last one
 };
@@ -426,7 +426,7 @@ HRESULT CVoHTTPMessageCURL::SendOnce(CRequest& sent, std::span<const BYTE> body,
             request.m_isFinal = true;
             return hr;
         }
-    request.m_body.clear();
+    request.m_body = CVoBodyReceiver();
     if (!m_connections)
         m_connections = std::make_shared<CCURLConnections>();
     if (const HRESULT hr = request.UseConnections(m_connections); FAILED(hr))
@@ -449,7 +449,11 @@ HRESULT CVoHTTPMessageCURL::Perform(CHTTPRequestDataCURL& request, std::span<con
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::internalSendRAW" };
     CURL* const handle = request.m_handle.get();
     CBodySource source{ body.data(), body.size(), 0, &request.m_sent, &request.m_trace.sent };
-    CCURLWriteCallbackData received{ handle, {}, S_OK, &request.m_received, &request.m_toReceive, request.m_limits.bodyBytes };
+    CCURLWriteCallbackData received{ .handle = handle,
+                                     .success = MakeReceiver(request),
+                                     .failure = CVoBodyReceiver(request.m_limits.bodyBytes),
+                                     .count = &request.m_received,
+                                     .expected = &request.m_toReceive };
     CHeaderContext headers;
     request.m_transfer.Begin(request.m_target.FullURL());
     headers.record = &request.m_transfer;
@@ -465,6 +469,10 @@ HRESULT CVoHTTPMessageCURL::Perform(CHTTPRequestDataCURL& request, std::span<con
     if (const HRESULT hr = request.SetTransfer(body.size(), headers, received); FAILED(hr))
         return hr;
     const CURLcode code = request.m_transfer.End(curl_easy_perform(handle));
+    if (received.isQuiet)
+        (void)CURLSetOpt(handle, CURLOPT_VERBOSE, CVoModuleInformation::Get().IsDebug() ? 1L : 0L);
+    request.m_hasWritten = received.success.HasWritten();
+    request.m_hasSinkFailed = received.success.HasSinkFailed();
     // The Cookie header of a redirect is for its target only.
     if (headers.cookieReplaced)
         (void)CURLSetOpt(handle, CURLOPT_COOKIE, NullIfEmpty(request.m_handleCookie));
@@ -480,8 +488,8 @@ HRESULT CVoHTTPMessageCURL::Perform(CHTTPRequestDataCURL& request, std::span<con
         if (request.m_statusCode != kStatusOk)
         {
             NoteTarget(request, code);
-            received.received.resize(std::min<size_t>(received.received.size(), request.m_limits.errorBodyBytes));
-            request.m_errorBody = std::move(received.received);
+            request.m_errorBody = received.failure.TakeBytes();
+            request.m_errorBody.resize(std::min<size_t>(request.m_errorBody.size(), request.m_limits.errorBodyBytes));
             return S_OK;
         }
         if (FAILED(received.result))
@@ -492,8 +500,10 @@ HRESULT CVoHTTPMessageCURL::Perform(CHTTPRequestDataCURL& request, std::span<con
             return report(1036, E_FAIL); // libcurl reads some of them
         if (received.decoder && FAILED(received.decoder->Finish()))
             return report(1038, E_FAIL); // the coded stream is cut off
-        WriteDataToLogFile(EDataDirection::Read, received.received.data(), static_cast<UINT32>(received.received.size()));
-        request.m_body = std::move(received.received);
+        request.m_body = std::move(received.success);
+        if (!request.m_body.HasSink()) // which has logged it
+            WriteDataToLogFile(EDataDirection::Read, request.m_body.Bytes().data(),
+                               static_cast<UINT32>(request.m_body.Bytes().size()));
         return S_OK;
     }
     // A proxy that refuses CONNECT ends the transfer before the server can respond. A time-out does not: it may come while the
@@ -507,10 +517,11 @@ HRESULT CVoHTTPMessageCURL::Perform(CHTTPRequestDataCURL& request, std::span<con
         request.m_statusCode = static_cast<UINT32>(status);
     if (static_cast<UINT32>(connectStatus) != kStatusProxyAuthenticationRequired)
         NoteTarget(request, code);
-    if (headers.isOverLimit || received.result == kErrorResponseLimit)
+    const HRESULT refusal = received.body ? received.body->Refusal() : S_OK;
+    if (headers.isOverLimit || FAILED(refusal))
     {
-        request.m_isFinal = true;
-        return report(908, kErrorResponseLimit);
+        request.m_isFinal = true; // the next response would be as large
+        return report(908, headers.isOverLimit ? kErrorResponseLimit : refusal);
     }
     if (code == CURLE_OPERATION_TIMEDOUT)
         return report(911, kResultTimeout);
@@ -634,9 +645,9 @@ std::optional<std::wstring> CVoHTTPMessageCURL::CheckHeader(const CRequest& aske
     return std::nullopt;
 }
 
-HRESULT CVoHTTPMessageCURL::FetchBody(CRequest& request, std::vector<BYTE>& bytes)
+HRESULT CVoHTTPMessageCURL::FetchBody(CRequest& request, CVoBodyReceiver& body)
 {
-    bytes = std::move(static_cast<CHTTPRequestDataCURL&>(request).m_body);
+    body = std::exchange(static_cast<CHTTPRequestDataCURL&>(request).m_body, CVoBodyReceiver());
     return S_OK;
 }
 

@@ -93,7 +93,8 @@ private:
     [[nodiscard]] HRESULT CloseHandle(CRequest& opened) noexcept override;
     [[nodiscard]] HRESULT SendOnce(CRequest& sent, std::span<const BYTE> body, const std::wstring& contentType) override;
     [[nodiscard]] bool ReadSetCookie(const CRequest& request, DWORD index, std::wstring& value) const override;
-    [[nodiscard]] HRESULT FetchBody(CRequest& answered, std::vector<BYTE>& bytes) override;
+    [[nodiscard]] HRESULT FetchBody(CRequest& answered, CVoBodyReceiver& body) override;
+    [[nodiscard]] HRESULT FetchPieces(CHTTPRequestDataWinHTTP& request, CVoBodyReceiver& body) const;
     [[nodiscard]] const std::wstring* ProxyQuestion(const CRequest& request) const override;
     void CancelCall(CRequest& request) noexcept override;
     [[nodiscard]] size_t ReadHeader(const CRequest& request, size_t maximum, std::wstring& header) const override;
@@ -411,7 +412,7 @@ HRESULT CVoHTTPMessageWinHTTP::MakeExchange(CHTTPRequestDataWinHTTP& request, st
         FAILED(hr))
         return report(455, hr);
     if (const HRESULT hr = exchange->SetReceiveHandler(
-            [&request, timeout = m_requestTimeout, start = INT64{ 0 }](DWORD length) mutable
+            [&request, timeout = request.m_streamedKind ? 0 : m_requestTimeout, start = INT64{ 0 }](DWORD length) mutable
     {
         if (start == 0)
             start = VoGetMicroseconds();
@@ -429,6 +430,8 @@ HRESULT CVoHTTPMessageWinHTTP::MakeExchange(CHTTPRequestDataWinHTTP& request, st
         return report(461, hr);
     if (const HRESULT hr = exchange->SetBodyLimit(request.m_limits.bodyBytes); FAILED(hr))
         return report(463, hr);
+    if (const HRESULT hr = exchange->SetReadsPieces(request.m_streamedKind.has_value()); FAILED(hr))
+        return report(464, hr);
     if (const HRESULT hr = exchange->SetRequestData(body.data(), static_cast<DWORD>(body.size())); FAILED(hr))
         return report(460, hr);
     // WinHTTP uses credentials for one request only: the exchange sets those that are known before each send.
@@ -525,12 +528,33 @@ bool CVoHTTPMessageWinHTTP::ReadSetCookie(const CRequest& request, DWORD index, 
     return VoReadSetCookie(static_cast<const CHTTPRequestDataWinHTTP&>(request).m_handle, index, value);
 }
 
-HRESULT CVoHTTPMessageWinHTTP::FetchBody(CRequest& answered, std::vector<BYTE>& bytes)
+// Gives the body to the sink piece by piece. The next piece is asked for when the sink has taken the last one.
+HRESULT CVoHTTPMessageWinHTTP::FetchPieces(CHTTPRequestDataWinHTTP& request, CVoBodyReceiver& body) const
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinHTTP::internalReadResponse" };
+    for (INT64 waited = 0;;) // microseconds; the sink may take its time
+    {
+        const INT64 start = VoGetMicroseconds();
+        const std::vector<BYTE> piece = request.m_exchange->ReadPiece();
+        waited += VoGetMicroseconds() - start;
+        if (piece.empty())
+            return S_OK;
+        if (WindowsTransport::IsTooSlow(waited, request.m_received, m_requestTimeout))
+            return report(735, HResultFromWin32(WindowsTransport::kErrorTimeout));
+        if (const HRESULT hr = body.Take(piece); FAILED(hr))
+            return report(737, hr);
+    }
+}
+
+HRESULT CVoHTTPMessageWinHTTP::FetchBody(CRequest& answered, CVoBodyReceiver& body)
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinHTTP::internalReadResponse" };
     auto& request = static_cast<CHTTPRequestDataWinHTTP&>(answered);
+    std::vector<BYTE> bytes;
     try
     {
+        if (body.HasSink())
+            return FetchPieces(request, body);
         bytes = request.m_exchange->GetResponseData();
     }
     catch (const HRESULTexc& failure)
@@ -543,7 +567,8 @@ HRESULT CVoHTTPMessageWinHTTP::FetchBody(CRequest& answered, std::vector<BYTE>& 
         return report(746, E_FAIL);
     }
     WriteDataToLogFile(EDataDirection::Read, bytes.data(), static_cast<UINT32>(bytes.size()));
-    return S_OK;
+    const HRESULT hr = body.TakeWhole(std::move(bytes));
+    return SUCCEEDED(hr) ? hr : report(748, hr);
 }
 
 void CVoHTTPMessageWinHTTP::CancelCall(CRequest& request) noexcept

@@ -24,10 +24,10 @@ constexpr DWORD kOptionMaximumConnectionsPerProxy = 103;
 // The transport core follows redirects.
 constexpr DWORD kRequestFlags = INTERNET_FLAG_RELOAD | INTERNET_FLAG_NO_CACHE_WRITE | INTERNET_FLAG_KEEP_CONNECTION |
                                 INTERNET_FLAG_NO_COOKIES | INTERNET_FLAG_NO_AUTO_REDIRECT;
-constexpr DWORD kMaximumPiece = 32'000;           // bytes of a body, per write
-constexpr int kMaximumResends = 2;                // of a body: NTLM, the longest of the schemes, takes two
-constexpr size_t kReadStep = size_t{ 16 } * 1024; // bytes by which the response's buffer grows
-constexpr size_t kMaximumReserve = size_t{ 256 } * 1024 * 1024;
+constexpr DWORD kMaximumPiece = 32'000; // bytes of a body, per write
+constexpr int kMaximumResends = 2;      // of a body: NTLM, the longest of the schemes, takes two
+constexpr DWORD kReadStep = 16 * 1024;  // bytes by which the buffer of a read grows
+constexpr DWORD kMaximumRead = 1024 * 1024;
 constexpr size_t kMaximumProbeBody = size_t{ 64 } * 1024; // bytes of the probe's response that are read
 constexpr DWORD kDialogFlags =
     FLAGS_ERROR_UI_FILTER_FOR_ERRORS | FLAGS_ERROR_UI_FLAGS_CHANGE_OPTIONS | FLAGS_ERROR_UI_FLAGS_GENERATE_DATA;
@@ -86,7 +86,7 @@ private:
     [[nodiscard]] HRESULT CloseHandle(CRequest& request) noexcept override;
     [[nodiscard]] HRESULT SendOnce(CRequest& sent, std::span<const BYTE> body, const std::wstring& contentType) override;
     [[nodiscard]] bool ReadSetCookie(const CRequest& request, DWORD index, std::wstring& value) const override;
-    [[nodiscard]] HRESULT FetchBody(CRequest& answered, std::vector<BYTE>& bytes) override;
+    [[nodiscard]] HRESULT FetchBody(CRequest& answered, CVoBodyReceiver& body) override;
     void CancelCall(CRequest& request) noexcept override;
     [[nodiscard]] size_t ReadHeader(const CRequest& request, size_t maximum, std::wstring& header) const override;
     [[nodiscard]] CVoFailure ExplainFailure(const CRequest& request, HRESULT result) const override;
@@ -103,7 +103,8 @@ private:
     [[nodiscard]] HRESULT BeginSend(CHTTPRequestDataWinINet& request, DWORD bodyLength,
                                     const std::wstring& headers) const noexcept;
     // Reads the body until it ends, until `maximum` bytes or more have come, or until `end`, a time of VoGetMicroseconds.
-    [[nodiscard]] HRESULT ReadBody(CHTTPRequestDataWinINet& request, std::vector<BYTE>& received, UINT64 maximum,
+    [[nodiscard]] HRESULT ReadBody(CHTTPRequestDataWinINet& request, CVoBodyReceiver& body,
+                                   UINT64 maximum = std::numeric_limits<UINT64>::max(),
                                    INT64 end = std::numeric_limits<INT64>::max());
     [[nodiscard]] static HRESULT SetCookie(const CHTTPRequestDataWinINet& request, std::wstring& headers);
     [[nodiscard]] HRESULT WriteBody(CHTTPRequestDataWinINet& request, std::span<const BYTE> body) const noexcept;
@@ -554,52 +555,45 @@ bool CVoHTTPMessageWinINet::ReadSetCookie(const CRequest& request, DWORD index, 
     return true;
 }
 
-HRESULT CVoHTTPMessageWinINet::ReadBody(CHTTPRequestDataWinINet& request, std::vector<BYTE>& received, UINT64 maximum,
-                                        INT64 end)
+HRESULT CVoHTTPMessageWinINet::ReadBody(CHTTPRequestDataWinINet& request, CVoBodyReceiver& body, UINT64 maximum, INT64 end)
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalReadRAW" };
-    size_t used = 0;
-    const INT64 start = VoGetMicroseconds();
-    while (used < maximum && VoGetMicroseconds() < end)
+    std::vector<BYTE> piece;
+    INT64 waited = 0; // microseconds; a sink may take its time
+    for (INT64 start = VoGetMicroseconds(); body.Length() < maximum && start < end; start = VoGetMicroseconds())
     {
         DWORD available = 0;
         if (!request.Use([&](HINTERNET handle) { return ::InternetQueryDataAvailable(handle, &available, 0, 0); }))
             return report.LastError(860, 861);
         if (available == 0)
             break;
-        // The vector's own growth keeps the cost linear.
-        received.resize((used + available + kReadStep - 1) / kReadStep * kReadStep);
+        available = std::min(available, kMaximumRead);
+        if (available > piece.size())
+            piece.resize((available + kReadStep - 1) / kReadStep * kReadStep);
         DWORD read = 0;
-        if (!request.Use([&](HINTERNET handle)
-        { return ::InternetReadFile(handle, received.data() + used, available, &read); }))
+        if (!request.Use([&](HINTERNET handle) { return ::InternetReadFile(handle, piece.data(), available, &read); }))
             return report.LastError(865, 866);
         if (read == 0)
             break;
-        WriteDataToLogFile(EDataDirection::Read, received.data() + used, read);
-        used += read;
-        request.m_received = used;
-        if (WindowsTransport::IsTooSlow(VoGetMicroseconds() - start, used, m_requestTimeout))
+        waited += VoGetMicroseconds() - start;
+        const std::span<const BYTE> bytes(piece.data(), read);
+        if (!body.HasSink()) // which logs by itself
+            WriteDataToLogFile(EDataDirection::Read, bytes.data(), read);
+        if (const HRESULT hr = body.Take(bytes); FAILED(hr))
+            return report(870, hr);
+        request.m_received = body.Length();
+        if (WindowsTransport::IsTooSlow(waited, body.Length(), m_requestTimeout))
             return report.Win32(867, 868, WindowsTransport::kErrorTimeout);
     }
-    received.resize(used);
     return S_OK;
 }
 
-HRESULT CVoHTTPMessageWinINet::FetchBody(CRequest& answered, std::vector<BYTE>& bytes)
+HRESULT CVoHTTPMessageWinINet::FetchBody(CRequest& answered, CVoBodyReceiver& body)
 {
-    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalReadRAW" };
     auto& request = static_cast<CHTTPRequestDataWinINet&>(answered);
-    const std::optional<UINT64> announced = AnnouncedLength(request);
-    const UINT64 limit = request.m_limits.bodyBytes;
-    std::vector<BYTE> received;
-    if (announced)
-        received.reserve(static_cast<size_t>(std::min<UINT64>(*announced, kMaximumReserve)) + kReadStep);
-    if (const HRESULT hr = ReadBody(request, received, limit != 0 ? limit + 1 : std::numeric_limits<UINT64>::max()); FAILED(hr))
-        return hr;
-    if (limit != 0 && received.size() > limit)
-        return report(870, kErrorResponseLimit);
-    bytes = std::move(received);
-    return S_OK;
+    if (const std::optional<UINT64> announced = AnnouncedLength(request))
+        body.Expect(*announced);
+    return ReadBody(request, body);
 }
 
 void CVoHTTPMessageWinINet::FetchErrorBody(CRequest& failed)
@@ -611,10 +605,10 @@ try
     const INT64 end = VoGetMicroseconds() + INT64{ pieceTime } * 1000;
     // Where the platform refuses it, each piece has the time-out of the request.
     (void)::InternetSetOptionW(request.Handle(), INTERNET_OPTION_RECEIVE_TIMEOUT, &pieceTime, sizeof pieceTime);
-    std::vector<BYTE> received;
-    (void)ReadBody(request, received, maximum, end); // the response has failed already
-    received.resize(std::min<size_t>({ received.size(), static_cast<size_t>(request.m_received), maximum }));
-    request.m_errorBody = std::move(received);
+    CVoBodyReceiver body;
+    (void)ReadBody(request, body, maximum, end); // the response has failed already
+    request.m_errorBody = body.TakeBytes();
+    request.m_errorBody.resize(std::min(request.m_errorBody.size(), maximum));
 }
 catch (const std::bad_alloc&)
 {

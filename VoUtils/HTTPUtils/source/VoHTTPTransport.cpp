@@ -395,6 +395,9 @@ HRESULT CVoHTTPTransport::internalSend(CRequest& request, const CVoHTTPContent& 
     request.m_proxyCredentialsEntered = false;
     request.m_serverCredentials.reset();
     request.m_errorBody.clear();
+    request.m_streamedKind = request.m_sink ? std::optional(request.m_sinkKind) : std::nullopt;
+    request.m_hasWritten = false;
+    request.m_hasSinkFailed = false;
     BeginRecord(request);
 
     CAttempts attempts(allowRetry, m_connectTimeout);
@@ -419,8 +422,8 @@ HRESULT CVoHTTPTransport::internalSend(CRequest& request, const CVoHTTPContent& 
         const std::optional<INT64> asked = RetryAfter(request); // reads the response, which ResetConnection drops
         // A server that names a time beyond the budget would refuse every attempt until then.
         const INT64 remaining = std::max(attempts.Remaining(), INT64{ 0 });
-        const bool mayRetry =
-            !request.m_isFinal && attempts.MayRetry(hr, request.m_statusCode) && asked.value_or(0) <= remaining;
+        const bool mayRetry = !request.m_isFinal && attempts.MayRetry(hr, request.m_statusCode) &&
+                              asked.value_or(0) <= remaining && RestartSink(request);
         if (!mayRetry && request.m_statusCode >= kFirstErrorStatus && hr != kResultCancelled)
             FetchErrorBody(request);
         if (const HRESULT reset = ResetConnection(request); FAILED(reset))

@@ -5,6 +5,7 @@
 // (CVoTransportFacts) and its table of trace points. It knows neither the stores nor retries.
 #pragma once
 
+#include "VoBodyReceiver.h"
 #include "VoExchangeText.h"
 #include "VoHTTPContent.h"
 
@@ -199,6 +200,8 @@ protected:
         using CHTTPRequestData::m_limits;
         using CHTTPRequestData::m_received;
         using CHTTPRequestData::m_sent;
+        using CHTTPRequestData::m_sink;
+        using CHTTPRequestData::m_sinkKind;
         using CHTTPRequestData::m_toReceive;
         using CHTTPRequestData::m_toSend;
 
@@ -229,11 +232,17 @@ protected:
         size_t m_headerLength = 0;     // in bytes, also of a header that is larger than allowed
         std::vector<BYTE> m_errorBody; // the beginning of the body of a response whose status is not 200
 
+        // Of a send whose body goes to a sink: how the response will be read.
+        std::optional<EResponseKind> m_streamedKind;
+        bool m_hasWritten = false; // the sink has bytes of the last attempt
+        bool m_hasSinkFailed = false;
+
         // A body that the transport has received, until the caller reads it.
         struct CResponse
         {
             bool isThere = false;
-            std::vector<BYTE> bytes;
+            bool isEmpty = false;
+            std::vector<BYTE> bytes; // with a sink only what it was not given
             bool utf8 = false;
         } m_response;
 
@@ -275,6 +284,8 @@ protected:
     // How long a send may wait for the body of a response that has failed already, in milliseconds: a server that never sends
     // it must not hold up the failure.
     [[nodiscard]] DWORD ErrorBodyTime() const noexcept { return std::min(m_requestTimeout, UINT32{ 5 }) * 1000; }
+    // Takes the body of the request's response.
+    [[nodiscard]] CVoBodyReceiver MakeReceiver(const CRequest& request) const;
     // Gives the cookies of the response to the store.
     void StoreCookies(const CRequest& request) const;
     // The number of a header's value; nothing where it is missing or no number (Content-Length: RFC 9110, section 8.6).
@@ -325,8 +336,8 @@ private:
     {
         return false;
     }
-    // Takes the body of the response (m_hasPendingResponse).
-    [[nodiscard]] virtual HRESULT FetchBody(CRequest& request, std::vector<BYTE>& bytes) = 0;
+    // Takes the body of the response (m_hasPendingResponse). Not the receiver's Finish.
+    [[nodiscard]] virtual HRESULT FetchBody(CRequest& request, CVoBodyReceiver& body) = 0;
     // The request was cancelled: ends the call of the service that runs for it, if the service can end one. Called on any
     // thread, without the message's lock, at any time in the life of the request.
     virtual void CancelCall(CRequest& /*request*/) noexcept {}
@@ -364,7 +375,11 @@ private:
 
     [[nodiscard]] HRESULT internalReadResponse(CRequest& request);
     [[nodiscard]] HRESULT TakeResponse(CRequest& request);
-    [[nodiscard]] HRESULT CheckBody(const CRequest& request, std::span<const BYTE> body) const;
+    [[nodiscard]] HRESULT SetBodyCheck(const CRequest& request, CVoBodyReceiver& body) const;
+    // Whether the request's sink, if it has one, suits the reading of a response.
+    [[nodiscard]] static bool MayRead(const CRequest& request, std::optional<EResponseKind> kind) noexcept;
+    // Prepares the sink for another attempt. False: there is none.
+    [[nodiscard]] static bool RestartSink(CRequest& request) noexcept;
 
     class CClosing;
     class CQuestion;

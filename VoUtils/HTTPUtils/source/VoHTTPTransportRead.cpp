@@ -1,8 +1,8 @@
 // Reading responses; see VoHTTPTransport.h.
-#include "VoContentDecoder.h"
 #include "VoContentLength.h"
 #include "VoHTTPTransport.h"
 
+#include <VoResponseSink.h>
 #include <base/VoUtils.h>
 
 #include <algorithm>
@@ -38,22 +38,46 @@ std::optional<UINT64> CVoHTTPTransport::AnnouncedLength(const CRequest& request)
     return CheckHeader(request, L"Transfer-Encoding", 0) ? std::nullopt : GetHeaderLongValue(request, L"Content-Length");
 }
 
-// Whether the body is whole: its length is the announced one, and a coded stream is not cut off.
-HRESULT CVoHTTPTransport::CheckBody(const CRequest& request, std::span<const BYTE> body) const
+CVoBodyReceiver CVoHTTPTransport::MakeReceiver(const CRequest& request) const
+{
+    CVoBodyReceiver body(request.m_limits.bodyBytes);
+    if (request.m_streamedKind && request.m_sink)
+        body.SetSink(*this, *request.m_sink, *request.m_streamedKind);
+    return body;
+}
+
+bool CVoHTTPTransport::RestartSink(CRequest& request) noexcept
+{
+    if (!request.m_hasWritten)
+        return true;
+    if (!request.m_sink || FAILED(request.m_sink->Restart()))
+        return false;
+    request.m_hasWritten = false;
+    return true;
+}
+
+bool CVoHTTPTransport::MayRead(const CRequest& request, std::optional<EResponseKind> kind) noexcept
+{
+    // A body that waits in the transport still needs its sink.
+    return !request.m_streamedKind || (request.m_streamedKind == kind && (request.m_sink || !request.m_hasPendingResponse));
+}
+
+// Has the receiver check that the body is whole: its length is the announced one, and a coded stream is not cut off. E_FAIL:
+// the length cannot be trusted.
+HRESULT CVoHTTPTransport::SetBodyCheck(const CRequest& request, CVoBodyReceiver& body) const
 {
     CVoContentLength length;
     if (!CheckHeader(request, L"Transfer-Encoding", 0))
         for (DWORD index = 0; const auto value = CheckHeader(request, L"Content-Length", index); ++index)
             length.Add(*value);
-    if (length.IsInvalid() || length.Get().value_or(body.size()) != body.size())
+    if (length.IsInvalid())
         return E_FAIL;
     // The services hand the body out as it came.
     std::unique_ptr<CVoContentDecoder> decoder;
-    if (const auto codings = CheckHeader(request, L"Content-Encoding", 0);
-        !codings || FAILED(CVoContentDecoder::Make(*codings, decoder)) || !decoder)
-        return S_OK;
-    const HRESULT hr = decoder->Decode(body, nullptr, 0);
-    return SUCCEEDED(hr) ? decoder->Finish() : hr;
+    if (const auto codings = CheckHeader(request, L"Content-Encoding", 0))
+        (void)CVoContentDecoder::Make(*codings, decoder); // an unknown coding is not checked
+    body.SetCheck(length.Get(), std::move(decoder));
+    return S_OK;
 }
 
 // Takes the response over from the transport.
@@ -64,15 +88,22 @@ HRESULT CVoHTTPTransport::internalReadResponse(CRequest& request)
         return S_OK;
     request.m_hasPendingResponse = false;
     CRequest::CResponse response;
-    if (const HRESULT hr = FetchBody(request, response.bytes); FAILED(hr))
-        return hr;
+    CVoBodyReceiver body = MakeReceiver(request);
     if (!m_facts.keepsHandle) // libcurl's transport checks it before the send ends
-        if (const HRESULT hr = CheckBody(request, response.bytes); FAILED(hr))
+        if (const HRESULT hr = SetBodyCheck(request, body); FAILED(hr))
             return report(m_points.internalReadResponse.length, hr);
+    const HRESULT fetched = FetchBody(request, body);
+    request.m_hasSinkFailed = body.HasSinkFailed();
+    if (FAILED(fetched))
+        return fetched;
+    if (const HRESULT hr = body.Finish(); FAILED(hr))
+        return report(m_points.internalReadResponse.length, hr);
     response.utf8 = NamesUtf8(CheckHeader(request, L"Content-Type", 0).value_or(std::wstring()));
     if (request.IsCancelled()) // the handle was closed meanwhile, and the checks may have found no header
         return report(m_points.internalReadResponse.length, kResultCancelled);
     response.isThere = true;
+    response.isEmpty = body.Length() == 0;
+    response.bytes = body.TakeBytes();
     request.m_response = std::move(response);
     return S_OK;
 }
@@ -104,6 +135,8 @@ HRESULT CVoHTTPTransport::ReadResponse(const std::shared_ptr<CHTTPRequestData>& 
         if (!own)
             return report(m_points.readResponse.request, E_INVALIDARG);
         const CUse use(*own);
+        if (!MayRead(*own, kind))
+            return report(m_points.readResponse.read, E_INVALIDARG);
         if (const HRESULT hr = TakeResponse(*own); FAILED(hr))
             return report(m_points.readResponse.fetch, hr);
         CRequest::CResponse& received = own->m_response;
@@ -111,7 +144,6 @@ HRESULT CVoHTTPTransport::ReadResponse(const std::shared_ptr<CHTTPRequestData>& 
             return report(m_points.readResponse.read, E_NOTIMPL);
         if (!received.isThere)
             return report(m_points.readResponse.read, E_FAIL);
-        const bool empty = received.bytes.empty();
         // Of the caller's content only the parameters stay, in front of the new ones.
         const CVoDataParser& parameters = response;
         CVoBinaryDataParser parsed;
@@ -128,7 +160,7 @@ HRESULT CVoHTTPTransport::ReadResponse(const std::shared_ptr<CHTTPRequestData>& 
         if (isUtf8)
             *isUtf8 = received.utf8;
         if (isEmpty)
-            *isEmpty = empty;
+            *isEmpty = received.isEmpty;
         return S_OK;
     });
 }
@@ -146,6 +178,8 @@ HRESULT CVoHTTPTransport::ReadMultipleResponses(const std::shared_ptr<CHTTPReque
         if (!own)
             return report(m_points.readMultipleResponses.request, E_INVALIDARG);
         const CUse use(*own);
+        if (!MayRead(*own, std::nullopt))
+            return report(m_points.readMultipleResponses.read, E_INVALIDARG);
         if (const HRESULT hr = TakeResponse(*own); FAILED(hr))
             return report(m_points.readMultipleResponses.fetch, hr);
         CRequest::CResponse& received = own->m_response;

@@ -144,6 +144,8 @@ CVoFailure CVoHTTPTransport::ExplainAttempt(const CRequest& request, HRESULT res
         return is(EVoFailure::Cancelled);
     if (result == kErrorResponseLimit)
         return is(EVoFailure::ResponseLimit);
+    if (request.m_hasSinkFailed)
+        return is(EVoFailure::Sink);
     if (request.m_statusCode == kStatusProxyAuthenticationRequired)
         return { .kind = EVoFailure::ProxyCredentials, .isProxy = true };
     if (request.m_statusCode == kStatusUnauthorized || result == kResultCancelled)

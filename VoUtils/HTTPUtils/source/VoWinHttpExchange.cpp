@@ -3,6 +3,7 @@
 
 #include <base/VoWipe.h>
 
+#include <algorithm>
 #include <array>
 #include <new>
 #include <string_view>
@@ -25,6 +26,12 @@ constexpr DWORD kMaximumResends = 8;
 // What a piece of a body costs beside its bytes, and how much of that is not counted against a limit of the body.
 constexpr UINT64 kPieceCost = 64;
 constexpr UINT64 kFreePieceCost = UINT64{ 1024 } * 1024;
+// From so many bytes on it is worth asking for the announced length of the body.
+constexpr UINT64 kLongBody = UINT64{ 256 } * 1024;
+// The announced length is only a promise: reserve at most this much for it.
+constexpr DWORD kMaximumReserve = 256 * 1024 * 1024;
+// The most bytes of a piece that ReadPiece returns.
+constexpr DWORD kMaximumPiece = 256 * 1024;
 } // namespace
 
 // ---- Reports ----
@@ -80,6 +87,7 @@ void CExchange::CPromises::SetException(HRESULT hr) noexcept
 {
     if (!status && !data)
         return;
+    nextData.reset();
     const std::exception_ptr failure = std::make_exception_ptr(HRESULTexc(hr));
     if (status)
         status->SetException(failure);
@@ -169,6 +177,29 @@ HRESULT CExchange::SetBodyLimit(UINT64 bytes) noexcept
     return S_OK;
 }
 
+HRESULT CExchange::SetReadsPieces(bool readsPieces) noexcept
+{
+    const std::lock_guard lock(m_lock);
+    if (IsRunning())
+        return E_FAIL;
+    m_readsPieces = readsPieces;
+    return S_OK;
+}
+
+void CExchange::StartPiece(CVoFuture<std::vector<BYTE>>& next)
+{
+    CVoPromise<std::vector<BYTE>> promise;
+    {
+        const std::lock_guard lock(m_lock);
+        if (!m_readsPieces || m_promises.status || !m_promises.data || m_promises.nextData)
+            return;
+        next = promise.Future();
+        m_promises.nextData.emplace(std::move(promise));
+    }
+    if (const HRESULT hr = Reason(m_request.QueryDataAvailable()); FAILED(hr))
+        Fail(hr);
+}
+
 HRESULT CExchange::StartErrorBody(UINT32 maximumBytes) noexcept
 {
     {
@@ -191,8 +222,10 @@ HRESULT CExchange::Prepare(CVoFuture<DWORD>& statusFuture, CVoFuture<std::vector
     const std::lock_guard lock(m_lock);
     if (IsRunning())
         return E_FAIL;
+    m_joined = {};
     m_chunks.clear();
     m_received = 0;
+    m_hasTriedToJoin = false;
     m_cutsBody = false;
     m_pending.reset();
     m_url.clear();
@@ -399,7 +432,7 @@ HRESULT CExchange::OnHeadersAvailable()
     // Without a body, touch nothing after this line: the woken thread may send again.
     if (status)
         status->SetValue(code);
-    if (code >= kFirstStatusWithoutBody)
+    if (code >= kFirstStatusWithoutBody || m_readsPieces)
         return S_OK;
     const HRESULT hr = Reason(m_request.QueryDataAvailable());
     return SUCCEEDED(hr) ? hr : report(292, hr);
@@ -454,19 +487,47 @@ HRESULT CExchange::OnDataAvailable(const void* information, DWORD length)
         DeliverBody();
         return S_OK;
     }
-    m_pending.reset(new (std::nothrow) BYTE[count]);
+    const DWORD size = m_readsPieces ? std::min(count, kMaximumPiece) : count;
+    m_pending.reset(new (std::nothrow) BYTE[size]);
     if (!m_pending)
         return report(346, E_OUTOFMEMORY);
-    const HRESULT hr = Reason(m_request.ReadData(m_pending.get(), count));
+    const HRESULT hr = Reason(m_request.ReadData(m_pending.get(), size));
     return SUCCEEDED(hr) ? hr : report(350, hr);
+}
+
+void CExchange::DeliverPiece(std::vector<BYTE> piece) noexcept
+{
+    std::optional<CVoPromise<std::vector<BYTE>>> data;
+    {
+        const std::lock_guard lock(m_lock);
+        data = std::exchange(m_promises.data, std::exchange(m_promises.nextData, std::nullopt));
+    }
+    // Touch nothing after this line: the woken thread may ask for the next piece.
+    if (data)
+        data->SetValue(std::move(piece));
+}
+
+void CExchange::JoinChunks()
+{
+    m_hasTriedToJoin = true;
+    DWORD length = 0;
+    if (FAILED(m_request.QueryHeaders(WINHTTP_QUERY_CONTENT_LENGTH | WINHTTP_QUERY_FLAG_NUMBER, length)))
+        return;
+    m_joined.reserve(static_cast<size_t>(std::max<UINT64>(std::min(length, kMaximumReserve), m_received)));
+    for (CChunk& chunk : m_chunks)
+    {
+        m_joined.insert(m_joined.end(), chunk.bytes.get(), chunk.bytes.get() + chunk.length);
+        chunk.bytes.reset();
+    }
+    m_chunks.clear();
 }
 
 void CExchange::DeliverBody()
 {
-    size_t total = 0;
+    size_t total = m_joined.size();
     for (const CChunk& chunk : m_chunks)
         total += chunk.length;
-    std::vector<BYTE> body;
+    std::vector<BYTE> body = std::exchange(m_joined, {});
     body.reserve(total);
     for (CChunk& chunk : m_chunks)
     {
@@ -478,9 +539,11 @@ void CExchange::DeliverBody()
     if (m_cutsBody && body.size() > m_bodyLimit)
         body.resize(static_cast<size_t>(m_bodyLimit));
     std::optional<CVoPromise<std::vector<BYTE>>> data;
+    std::optional<CVoPromise<std::vector<BYTE>>> next; // of a piece that does not come; destroyed without the lock
     {
         const std::lock_guard lock(m_lock);
         data = std::exchange(m_promises.data, std::nullopt);
+        next = std::exchange(m_promises.nextData, std::nullopt);
     }
     // Touch nothing after this line: the woken thread may send again.
     if (data)
@@ -501,7 +564,14 @@ HRESULT CExchange::OnReadComplete(const void* information, DWORD length)
         DeliverBody();
         return S_OK;
     }
-    m_chunks.push_back({ length, std::move(bytes) });
+    const bool isPiece = m_readsPieces && !m_cutsBody;
+    std::vector<BYTE> piece;
+    if (isPiece)
+        piece.assign(bytes.get(), bytes.get() + length);
+    else if (m_joined.capacity() - m_joined.size() >= length)
+        m_joined.insert(m_joined.end(), bytes.get(), bytes.get() + length);
+    else
+        m_chunks.push_back({ length, std::move(bytes) });
     m_received += length;
     const bool isOverLimit =
         m_bodyLimit != 0 && (m_received > m_bodyLimit || m_chunks.size() * kPieceCost > m_bodyLimit + kFreePieceCost);
@@ -516,6 +586,13 @@ HRESULT CExchange::OnReadComplete(const void* information, DWORD length)
         return report(388, hr);
     if (IsAbandoned())
         return S_OK;
+    if (isPiece)
+    {
+        DeliverPiece(std::move(piece));
+        return S_OK;
+    }
+    if (m_received >= kLongBody && !m_hasTriedToJoin)
+        JoinChunks();
     const HRESULT hr = Reason(m_request.QueryDataAvailable());
     return SUCCEEDED(hr) ? hr : report(390, hr);
 }

@@ -97,6 +97,11 @@ public:
     [[nodiscard]] HRESULT SetCredentials(DWORD target, DWORD scheme, const std::wstring& user, const std::wstring& password);
     [[nodiscard]] HRESULT SetReportChain(CVoReportChain* chain) noexcept;
     [[nodiscard]] HRESULT SetBodyLimit(UINT64 bytes) noexcept;
+    [[nodiscard]] HRESULT SetReadsPieces(bool readsPieces) noexcept;
+    // Asks for the next piece of a body (IVoWinHttpRequest::ReadPiece), which the future of the last piece, or of Prepare,
+    // gives. `next` becomes the future of the piece behind it. When the exchange has ended nothing is asked for: the future
+    // has the failure. Throws std::bad_alloc.
+    void StartPiece(CVoFuture<std::vector<BYTE>>& next);
     // Starts reading a body that the exchange itself does not read; see IVoWinHttpRequest::ReadErrorBody.
     [[nodiscard]] HRESULT StartErrorBody(UINT32 maximumBytes) noexcept;
     // Prepares a send: makes a new promise for each that was set, and stores its future. E_FAIL while an exchange runs. Throws
@@ -139,7 +144,8 @@ private:
     struct CPromises
     {
         std::optional<CVoPromise<DWORD>> status;
-        std::optional<CVoPromise<std::vector<BYTE>>> data;
+        std::optional<CVoPromise<std::vector<BYTE>>> data;     // of the body, or of its next piece
+        std::optional<CVoPromise<std::vector<BYTE>>> nextData; // of the piece behind that one
 
         void SetException(HRESULT hr) noexcept;
     };
@@ -186,14 +192,20 @@ private:
     [[nodiscard]] HRESULT OnRequestError(const void* information, DWORD length);
     [[nodiscard]] HRESULT OnHandleClosing(const void* information, DWORD length);
     void DeliverBody();
+    void DeliverPiece(std::vector<BYTE> piece) noexcept;
+    // Joins the chunks in a buffer for the whole body, once it turns out to be long and its length is known.
+    void JoinChunks();
 
     // The owner's thread uses these between exchanges; during an exchange its notifications do, one at a time.
     const wchar_t* const m_className;
     VoWinHttpInterface::WinHttpRequestHandle& m_request; // may be destroyed once the state is abandoned
     const void* m_body = nullptr;
     DWORD m_bodyLength = 0;
-    std::vector<CChunk> m_chunks;
-    UINT64 m_received = 0;             // bytes of m_chunks
+    std::vector<BYTE> m_joined;   // the beginning of the body, with room for the rest
+    std::vector<CChunk> m_chunks; // what comes behind it
+    UINT64 m_received = 0;        // bytes of the body
+    bool m_hasTriedToJoin = false;
+    bool m_readsPieces = false;
     UINT64 m_bodyLimit = 0;            // 0: none
     bool m_cutsBody = false;           // a body that reaches the limit ends there
     CVoReportChain* m_chain = nullptr; // null: none

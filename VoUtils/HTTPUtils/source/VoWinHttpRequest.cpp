@@ -177,6 +177,27 @@ HRESULT CVoWinHttpRequestBase::SetBodyLimit(UINT64 bytes) noexcept
     return SUCCEEDED(hr) ? hr : report(186, hr);
 }
 
+HRESULT CVoWinHttpRequestBase::SetReadsPieces(bool readsPieces) noexcept
+{
+    const CExchangeReporter report{ kSource, m_className, L"SetReadsPieces" };
+    const std::shared_ptr<CExchange> exchange = Exchange();
+    const HRESULT hr = exchange ? exchange->SetReadsPieces(readsPieces) : E_FAIL;
+    return SUCCEEDED(hr) ? hr : report(187, hr);
+}
+
+std::vector<BYTE> CVoWinHttpRequestBase::ReadPiece()
+{
+    CVoFuture<std::vector<BYTE>> piece;
+    CVoFuture<std::vector<BYTE>> next;
+    if (const std::shared_ptr<CExchange> exchange = Exchange())
+        exchange->StartPiece(next); // a failure is in the future
+    {
+        const std::lock_guard lock(m_lock);
+        piece = std::exchange(m_data, std::move(next));
+    }
+    return piece.Get();
+}
+
 std::vector<BYTE> CVoWinHttpRequestBase::ReadErrorBody(UINT32 maximumBytes, DWORD milliseconds)
 {
     const CExchangeReporter report{ kSource, m_className, L"ReadErrorBody" };

@@ -82,8 +82,14 @@ struct SFileFacts
             return report(89, HResultFromWin32(ERROR_WRITE_FAULT));
         bytes.remove_prefix(written);
     }
-    // Without it the rename may reach the disk before the content, and a power cut may leave an empty file.
-    return ::FlushFileBuffers(file) ? S_OK : report.LastError(93, 94);
+    return S_OK;
+}
+
+// Has the system delete a file when its last handle is closed, also by the end of the process; or takes that back.
+[[nodiscard]] bool SetDeletedAtClose(HANDLE file, bool isDeleted) noexcept
+{
+    FILE_DISPOSITION_INFO info{ .DeleteFile = static_cast<BOOLEAN>(isDeleted) };
+    return ::SetFileInformationByHandle(file, FileDispositionInfo, &info, sizeof info) != FALSE;
 }
 } // namespace
 
@@ -156,8 +162,55 @@ std::wstring VoGetFullPath(CVoTextView path)
 CVoFileReplacement::~CVoFileReplacement()
 {
     const CVoLastErrorKeeper keeper;
+    m_file.Reset();
     if (!m_temporaryPath.empty())
         ::DeleteFileW(m_temporaryPath.c_str());
+}
+
+// Makes the file beside the old one.
+HRESULT CVoFileReplacement::Create(CVoTextView path)
+{
+    constexpr CVoReporter report{ kSource, L"CVoFileReplacement::Create" };
+    if (!m_path.empty())
+        return report(181, E_UNEXPECTED);
+    if (!IsPath(path))
+        return report(183, HResultFromWin32(ERROR_INVALID_NAME));
+    m_path = VoGetFullPath(path);
+
+    SFileFacts facts;
+    if (const HRESULT hr = ReadFacts(m_path, facts); FAILED(hr))
+        return report(190, hr);
+    SECURITY_ATTRIBUTES security{ sizeof(SECURITY_ATTRIBUTES), facts.security.data(), FALSE };
+
+    static std::atomic<unsigned> s_number{ 0 };
+    for (int i = 0; !m_file; ++i)
+    {
+        std::wstring name = m_path + VoFormat(L".%lu-%u.tmp", ::GetCurrentProcessId(), ++s_number);
+        m_file.Reset(::CreateFileW(name.c_str(), GENERIC_WRITE | DELETE, 0, facts.security.empty() ? nullptr : &security,
+                                   CREATE_NEW, facts.attributes, nullptr));
+        if (m_file)
+            m_temporaryPath = std::move(name);
+        else if (const DWORD error = ::GetLastError(); error != ERROR_FILE_EXISTS || i == kNameTries)
+            return report.Win32(204, 205, error);
+    }
+    return S_OK;
+}
+
+// Brings the content to the disk and closes the file, also on failure.
+HRESULT CVoFileReplacement::Finish() noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoFileReplacement::Finish" };
+    CVoHandle file = std::move(m_file);
+    // Without it the rename may reach the disk before the content, and a power cut may leave an empty file.
+    if (!::FlushFileBuffers(file.Get()))
+        return report.LastError(93, 94);
+    if (m_isDeletedAtClose && !SetDeletedAtClose(file.Get(), false))
+        return report.LastError(207, 208);
+    // Some file systems tell only now that a write has failed.
+    if (!::CloseHandle(file.Detach()))
+        return report.LastError(211, 212);
+    m_isWritten = true;
+    return S_OK;
 }
 
 HRESULT CVoFileReplacement::Write(CVoTextView path, CVoBytesView bytes) noexcept
@@ -165,45 +218,60 @@ HRESULT CVoFileReplacement::Write(CVoTextView path, CVoBytesView bytes) noexcept
     constexpr CVoReporter report{ kSource, L"CVoFileReplacement::Write" };
     const auto body = [&]() -> HRESULT
     {
-        if (!m_path.empty())
-            return report(181, E_UNEXPECTED);
-        if (!IsPath(path))
-            return report(183, HResultFromWin32(ERROR_INVALID_NAME));
         if (bytes.size() > kMaximumFileSize)
             return report(185, HResultFromWin32(ERROR_FILE_TOO_LARGE));
-        m_path = VoGetFullPath(path);
-
-        SFileFacts facts;
-        if (const HRESULT hr = ReadFacts(m_path, facts); FAILED(hr))
-            return report(190, hr);
-        SECURITY_ATTRIBUTES security{ sizeof(SECURITY_ATTRIBUTES), facts.security.data(), FALSE };
-
-        static std::atomic<unsigned> s_number{ 0 };
-        CVoHandle file;
-        for (int i = 0; !file; ++i)
-        {
-            std::wstring name = m_path + VoFormat(L".%lu-%u.tmp", ::GetCurrentProcessId(), ++s_number);
-            file.Reset(::CreateFileW(name.c_str(), GENERIC_WRITE, 0, facts.security.empty() ? nullptr : &security, CREATE_NEW,
-                                     facts.attributes, nullptr));
-            if (file)
-                m_temporaryPath = std::move(name);
-            else if (const DWORD error = ::GetLastError(); error != ERROR_FILE_EXISTS || i == kNameTries)
-                return report.Win32(204, 205, error);
-        }
-        if (const HRESULT hr = WriteAll(file.Get(), bytes); FAILED(hr))
-            return report(208, hr);
-        // Some file systems tell only now that a write has failed.
-        if (!::CloseHandle(file.Detach()))
-            return report.LastError(211, 212);
-        m_isWritten = true;
-        return S_OK;
+        HRESULT hr = Create(path);
+        if (SUCCEEDED(hr))
+            hr = WriteAll(m_file.Get(), bytes);
+        if (SUCCEEDED(hr))
+            hr = Finish();
+        m_file.Reset();
+        return SUCCEEDED(hr) ? hr : report(215, hr);
     };
     return report.Guard(217, body);
+}
+
+HRESULT CVoFileReplacement::Open(CVoTextView path) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoFileReplacement::Open" };
+    return report.Guard(219, [&]() -> HRESULT
+    {
+        if (const HRESULT hr = Create(path); FAILED(hr))
+            return report(218, hr);
+        m_isDeletedAtClose = SetDeletedAtClose(m_file.Get(), true); // where that fails, the destructor deletes it
+        return S_OK;
+    });
+}
+
+HRESULT CVoFileReplacement::Append(CVoBytesView bytes) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoFileReplacement::Append" };
+    if (!m_file)
+        return report(220, E_UNEXPECTED);
+    if (const HRESULT hr = WriteAll(m_file.Get(), bytes); FAILED(hr))
+    {
+        m_file.Reset(); // what is not whole must not be committed
+        return report(221, hr);
+    }
+    return S_OK;
+}
+
+HRESULT CVoFileReplacement::Restart() noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoFileReplacement::Restart" };
+    if (!m_file)
+        return report(230, E_UNEXPECTED);
+    if (::SetFilePointer(m_file.Get(), 0, nullptr, FILE_BEGIN) == INVALID_SET_FILE_POINTER || !::SetEndOfFile(m_file.Get()))
+        return report.LastError(232, 233);
+    return S_OK;
 }
 
 HRESULT CVoFileReplacement::Commit() noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoFileReplacement::Commit" };
+    if (m_file)
+        if (const HRESULT hr = Finish(); FAILED(hr))
+            return report(222, hr);
     if (!m_isWritten)
         return report(223, E_UNEXPECTED);
     // One rename. The platform's ReplaceFile moves the old file away first: a crash in between would leave no file.
