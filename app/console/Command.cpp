@@ -66,14 +66,7 @@ void CContext::WriteFile(const std::string& file, std::span<const BYTE> bytes)
         m_streams.out.Write(bytes);
         return;
     }
-    try
-    {
-        WriteWholeFile(FromUtf8(file), bytes);
-    }
-    catch (const CVoHResultException& failure)
-    {
-        throw CDetailedFailure(failure.Result(), file);
-    }
+    ForFile(file, [&] { WriteWholeFile(FromUtf8(file), bytes); });
 }
 
 void CContext::CheckOutputFile(const std::string& file)
@@ -82,14 +75,7 @@ void CContext::CheckOutputFile(const std::string& file)
         throw CUsageError("--json leaves no room for other bytes on standard output");
     if (file.empty() || file == "-")
         return;
-    try
-    {
-        CheckReplaceable(FromUtf8(file));
-    }
-    catch (const CVoHResultException& failure)
-    {
-        throw CDetailedFailure(failure.Result(), file);
-    }
+    ForFile(file, [&] { CheckReplaceable(FromUtf8(file)); });
 }
 
 std::wstring CContext::ReadValue(std::string_view value)

@@ -104,6 +104,19 @@ public:
 
     // Writes bytes to a file that the command line names; "-" is standard output.
     void WriteFile(const std::string& file, std::span<const BYTE> bytes);
+    // Calls `write`, which writes to that file. A failure of it gets the file's name.
+    template <class Write>
+    static void ForFile(const std::string& file, Write write)
+    {
+        try
+        {
+            write();
+        }
+        catch (const CVoHResultException& failure)
+        {
+            throw CDetailedFailure(failure.Result(), file);
+        }
+    }
     // Checks before the work starts that WriteFile can write the file, and throws if it cannot. "-" with --json is a usage
     // error. An empty name is no file. Changes nothing.
     void CheckOutputFile(const std::string& file);

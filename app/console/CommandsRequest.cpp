@@ -2,6 +2,7 @@
 #include "Console.h"
 #include "CookieFile.h"
 #include "ExchangeJson.h"
+#include "Files.h"
 #include "Interrupt.h"
 #include "Parameters.h"
 #include "ProgressBar.h"
@@ -25,6 +26,14 @@ errorBodyBase64 (of 400 and above: the first 64 KiB of its body).
 Ctrl+C cancels the request: exit code 1, 0x800704C7. A second Ctrl+C ends the program at once.
 )";
 
+// Takes the body of a response that nobody looks at.
+class CDiscardingSink final : public IVoResponseSink
+{
+public:
+    [[nodiscard]] HRESULT Write(std::span<const BYTE> /*bytes*/) noexcept override { return S_OK; }
+    [[nodiscard]] HRESULT Restart() noexcept override { return S_OK; }
+};
+
 // The common part of send and get.
 class CRequestCommand : public ICommand
 {
@@ -40,6 +49,8 @@ public:
         AdaptAddress(context, address);
         context.CheckOutputFile(m_output);
         context.CheckOutputFile(m_connection.CookieFile());
+        if (StreamsToFile(context))
+            CContext::ForFile(m_output, [&] { m_file = std::make_unique<COutputFile>(FromUtf8(m_output)); });
         LoadCookies(context, m_connection.CookieFile());
         context.PutKey("engine", m_connection.TransportName());
         COutcome outcome;
@@ -61,6 +72,8 @@ public:
         // A failed request may have set cookies, too.
         SaveCookies(context, m_connection.CookieFile());
         PutOutcome(context, outcome);
+        if (m_file && m_file->HasFailed())
+            throw CDetailedFailure(outcome.result, m_output);
         Check(outcome.result);
         PutResponse(context, outcome.response);
     }
@@ -104,6 +117,14 @@ protected:
     [[nodiscard]] virtual bool HasSeveralMessages() const noexcept { return false; }
 
 private:
+    // Whether the payload goes to its file while it arrives, and not through memory. A JSON object has it as well; standard
+    // output gets nothing of a response that breaks off; several messages stand behind one another in the body.
+    [[nodiscard]] bool StreamsToFile(const CContext& context) const
+    {
+        return !m_output.empty() && m_output != "-" && !context.Options().json &&
+               (!HasSeveralMessages() || m_response == EResponseKind::Binary);
+    }
+
     // What came of the requests.
     struct COutcome
     {
@@ -122,6 +143,7 @@ private:
                   COutcome& outcome)
     {
         HRESULT& hr = outcome.result;
+        CDiscardingSink discard;
         for (UINT32 i = 0; i < m_repeat && SUCCEEDED(hr); ++i)
         {
             const INT64 begin = VoGetMicroseconds();
@@ -129,6 +151,9 @@ private:
             hr = Open(request);
             if (SUCCEEDED(hr))
                 hr = scope.Set(request.data);
+            if (SUCCEEDED(hr) && m_file)
+                request.data->SetResponseSink(i + 1 < m_repeat ? static_cast<IVoResponseSink*>(&discard) : m_file.get(),
+                                              m_response);
             if (SUCCEEDED(hr))
             {
                 const CProgressBar progress(context.Streams().err, request.data, context.Options().quiet);
@@ -182,9 +207,11 @@ private:
 
     void PutResponse(CContext& context, const CResponse& response)
     {
-        std::vector<BYTE> payloads;
-        if (!m_output.empty())
+        if (m_file)
+            CContext::ForFile(m_output, [&] { m_file->Commit(); });
+        else if (!m_output.empty())
         {
+            std::vector<BYTE> payloads;
             for (const CVoBinaryDataParser& message : response.messages)
                 payloads.insert(payloads.end(), message.Payload().begin(), message.Payload().end());
             if (m_output == "-")
@@ -233,6 +260,7 @@ private:
     CConnectionOptions m_connection;
     EResponseKind m_response;
     std::string m_output;
+    std::unique_ptr<COutputFile> m_file; // where the payload goes while it arrives; null: it goes through memory
     UINT32 m_repeat = 1;
 };
 

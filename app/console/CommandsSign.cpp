@@ -1,6 +1,7 @@
 // hash, key, sign, verify: digests and RSA signatures.
 #include "Console.h"
 #include "Files.h"
+#include "Interrupt.h"
 
 #include <base/VoCArray.h>
 #include <base/VoWipe.h>
@@ -86,8 +87,11 @@ public:
         const CVoSecret<char> privateText(ToUtf8(privateKey.Get()) + '\n');
         const std::string publicText = ToUtf8(publicKey) + '\n';
         // Both files are written before one of them replaces an old file.
-        COutputFile privateFile(privatePath, AsBytes(privateText.Get()));
-        COutputFile publicFile(publicPath, AsBytes(publicText));
+        const CInterruptDelay delay;
+        COutputFile privateFile(privatePath);
+        COutputFile publicFile(publicPath);
+        Check(privateFile.Write(AsBytes(privateText.Get())));
+        Check(publicFile.Write(AsBytes(publicText)));
         privateFile.Commit();
         publicFile.Commit();
     }

@@ -1,10 +1,9 @@
 // Reads and writes whole files.
 #include "Files.h"
 
+#include "Interrupt.h"
 #include "Streams.h"
 #include "Text.h"
-
-#include <base/VoHandle.h>
 
 namespace
 {
@@ -37,26 +36,43 @@ bool FileExists(const std::wstring& path)
     return ::GetFileAttributesW(VoGetFullPath(path).c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
-COutputFile::COutputFile(const std::wstring& path, std::span<const BYTE> bytes)
+COutputFile::COutputFile(const std::wstring& path)
 {
     const std::wstring fullPath = VoGetFullPath(path);
     // Open a pipe only once: for its reader, the first close is the end of the data.
-    if (const CVoHandle file = OpenExisting(fullPath, GENERIC_WRITE); IsDevice(file))
-    {
-        CHandleSink(file.Get()).Write(bytes);
+    m_device = OpenExisting(fullPath, GENERIC_WRITE);
+    if (IsDevice(m_device))
         return;
-    }
-    m_delay.emplace();
-    m_replacement = std::make_unique<CVoFileReplacement>();
-    Check(m_replacement->Write(fullPath, { reinterpret_cast<const char*>(bytes.data()), bytes.size() }));
+    m_device.Reset();
+    Check(m_replacement.Open(fullPath));
+}
+
+HRESULT COutputFile::Write(std::span<const BYTE> bytes) noexcept
+try
+{
+    if (m_device)
+        CHandleSink(m_device.Get()).Write(bytes);
+    else
+        Check(m_replacement.Append({ reinterpret_cast<const char*>(bytes.data()), bytes.size() }));
+    return S_OK;
+}
+catch (const CVoHResultException& failure)
+{
+    m_hasFailed = true;
+    return failure.Result();
+}
+
+HRESULT COutputFile::Restart() noexcept
+{
+    return m_device ? E_NOTIMPL : m_replacement.Restart();
 }
 
 void COutputFile::Commit()
 {
-    if (!m_replacement)
+    if (m_device)
         return;
-    Check(m_replacement->Commit());
-    m_replacement.reset();
+    const CInterruptDelay delay;
+    Check(m_replacement.Commit());
 }
 
 void CheckReplaceable(const std::wstring& path)
@@ -72,12 +88,13 @@ void CheckReplaceable(const std::wstring& path)
         if (error != ERROR_FILE_NOT_FOUND && error != ERROR_SHARING_VIOLATION)
             throw CVoHResultException(HResultFromWin32(error));
     }
-    const COutputFile uncommitted(path, {});
+    const COutputFile uncommitted(path);
 }
 
 void WriteWholeFile(const std::wstring& path, std::span<const BYTE> bytes)
 {
-    COutputFile file(path, bytes);
+    COutputFile file(path);
+    Check(file.Write(bytes));
     file.Commit();
 }
 

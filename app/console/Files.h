@@ -1,13 +1,11 @@
 // Reads and writes whole files.
 #pragma once
 
-#include "Interrupt.h"
-
+#include <VoResponseSink.h>
+#include <base/VoHandle.h>
 #include <base/VoPlatform.h>
 #include <win/VoFile.h>
 
-#include <memory>
-#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -20,16 +18,21 @@
 
 // New content for a file, see CVoFileReplacement: a failure leaves the old content unchanged and no half-written file, also
 // with Ctrl+C. Devices and pipes are written directly.
-class COutputFile
+class COutputFile final : public IVoResponseSink
 {
 public:
-    COutputFile(const std::wstring& path, std::span<const BYTE> bytes); // throws CVoHResultException
+    explicit COutputFile(const std::wstring& path); // throws CVoHResultException
 
+    [[nodiscard]] HRESULT Write(std::span<const BYTE> bytes) noexcept override;
+    [[nodiscard]] HRESULT Restart() noexcept override;
     void Commit(); // throws CVoHResultException
+    // Whether Write has failed.
+    [[nodiscard]] bool HasFailed() const noexcept { return m_hasFailed; }
 
 private:
-    std::optional<CInterruptDelay> m_delay;            // ends last: what is not committed has been deleted then
-    std::unique_ptr<CVoFileReplacement> m_replacement; // null for a device, or after Commit
+    CVoHandle m_device; // null for a file
+    CVoFileReplacement m_replacement;
+    bool m_hasFailed = false;
 };
 
 // Checks whether a COutputFile of this name can be written and committed. Changes nothing. Throws CVoHResultException if not.

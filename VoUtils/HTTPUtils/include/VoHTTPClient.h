@@ -125,6 +125,11 @@ public:
 
     // Gets what is at `path` of the server ("/path?query"); empty: at the client's URL.
     [[nodiscard]] CVoHTTPResponse Get(std::wstring_view path = {}) noexcept;
+    // The same into a sink, however long the body is (VoResponseSink.h); `payload` stays empty. What the sink has is good only
+    // when the response is a success. The sink is not used any more when the call returns.
+    [[nodiscard]] CVoHTTPResponse Get(std::wstring_view path, IVoResponseSink& sink) noexcept;
+    // The same into a file, which is there, or changed, only after a success. The codes of CVoFileReplacement.
+    [[nodiscard]] CVoHTTPResponse GetToFile(std::wstring_view path, CVoTextView file) noexcept;
     // Posts parameters and payload as a message of the library (CVoHTTPMessage::EContentKind::Raw).
     [[nodiscard]] CVoHTTPResponse Post(std::initializer_list<CVoHTTPParameter> parameters,
                                        std::span<const BYTE> payload = {}) noexcept;

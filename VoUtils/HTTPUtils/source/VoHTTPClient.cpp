@@ -2,6 +2,7 @@
 #include <VoHTTPClient.h>
 
 #include <VoGlobalHTTPUtils.h>
+#include <VoResponseSink.h>
 #include <base/VoDetachedThread.h>
 #include <base/VoErrorText.h>
 #include <base/VoModuleInformation.h>
@@ -17,6 +18,7 @@ namespace
 {
 constexpr const wchar_t* kSource = L"..\\source\\VoHTTPClient";
 constexpr UINT32 kStatusOk = 200;
+constexpr const wchar_t* kNoFile = L"the file could not be written";
 
 using Message = std::shared_ptr<CVoHTTPMessage>;
 using Request = std::shared_ptr<CVoHTTPMessage::CHTTPRequestData>;
@@ -65,7 +67,8 @@ try
     response.messages.clear();
     response.exchange.chain = chain.Get();
     (void)VoGetErrorText(response.result, true, &response.text);
-    response.reason = response.exchange.Reason();
+    if (response.reason.empty())
+        response.reason = response.exchange.Reason();
     if (response.reason.empty() && response.result == kResultCancelled)
         response.reason = L"the request was cancelled"; // before it was sent
     if (response.reason.empty())
@@ -82,7 +85,10 @@ catch (...)
 struct CVoHTTPClient::CCall
 {
     bool isGet = false;
-    std::wstring_view path = {}; // of a Get
+    std::wstring_view path = {};     // of a Get
+    IVoResponseSink* sink = nullptr; // of a Get; may be null
+    CVoFileSink* output = nullptr;   // the sink when it is a file
+    CVoTextView outputPath = {};
     EContentKind kind = EContentKind::Raw;
     std::initializer_list<CVoHTTPParameter> parameters = {}; // without a message
     std::span<const BYTE> payload = {};                      // without a message
@@ -391,7 +397,9 @@ HRESULT CVoHTTPClient::CState::Send(CVoHTTPMessage& message, Request& request, c
 HRESULT CVoHTTPClient::CState::Read(CVoHTTPMessage& message, const Request& request, const CCall& call,
                                     CVoHTTPResponse& response) const
 {
-    const EResponseKind kind = m_options.response.value_or(call.isGet ? EResponseKind::Binary : EResponseKind::Parameters);
+    const EResponseKind kind =
+        call.sink ? EResponseKind::Binary
+                  : m_options.response.value_or(call.isGet ? EResponseKind::Binary : EResponseKind::Parameters);
     if (call.messages && kind == EResponseKind::Parameters)
         return message.ReadMultipleResponses(request, response.messages, static_cast<UINT32>(call.messages->size()), nullptr);
     CVoBinaryDataParser content;
@@ -411,12 +419,19 @@ HRESULT CVoHTTPClient::CState::Run(const CCall& call, CVoHTTPResponse& response)
     const CVoBinaryDataParser* content = nullptr;
     if (const HRESULT hr = call.GetContent(made, content); FAILED(hr))
         return report(52, hr);
+    if (call.output)
+        if (const HRESULT hr = call.output->Open(call.outputPath); FAILED(hr))
+        {
+            response.reason = kNoFile;
+            return report(53, hr);
+        }
     COperation operation(*this);
     Message message;
     Request request;
     if (const HRESULT hr = Open(operation, message, request); FAILED(hr))
         return report(55, hr);
     request->SetResponseLimits(m_options.limits);
+    request->SetResponseSink(call.sink);
     if (const HRESULT hr = operation.SetRequest(request); FAILED(hr))
         return report(65, hr);
 
@@ -427,11 +442,18 @@ HRESULT CVoHTTPClient::CState::Run(const CCall& call, CVoHTTPResponse& response)
     else if (hr = Read(*message, request, call, response); FAILED(hr))
         report(75, hr);
     Collect(request, sent, response);
+    request->SetResponseSink(nullptr); // somebody may keep the request
     // Without the request the connection is free for the next operation.
     request.reset();
     operation.Release();
     if (IsReusable(hr, sent.statusCode))
         KeepConnection(std::move(message));
+    if (SUCCEEDED(hr) && call.output)
+        if (hr = call.output->Commit(); FAILED(hr))
+        {
+            response.reason = kNoFile;
+            report(80, hr);
+        }
     return hr;
 }
 
@@ -479,6 +501,17 @@ CVoHTTPResponse CVoHTTPClient::Run(const CCall& call) noexcept
 CVoHTTPResponse CVoHTTPClient::Get(std::wstring_view path) noexcept
 {
     return Run({ .isGet = true, .path = path });
+}
+
+CVoHTTPResponse CVoHTTPClient::Get(std::wstring_view path, IVoResponseSink& sink) noexcept
+{
+    return Run({ .isGet = true, .path = path, .sink = &sink });
+}
+
+CVoHTTPResponse CVoHTTPClient::GetToFile(std::wstring_view path, CVoTextView file) noexcept
+{
+    CVoFileSink output;
+    return Run({ .isGet = true, .path = path, .sink = &output, .output = &output, .outputPath = file });
 }
 
 CVoHTTPResponse CVoHTTPClient::Post(std::initializer_list<CVoHTTPParameter> parameters, std::span<const BYTE> payload) noexcept
