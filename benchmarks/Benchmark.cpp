@@ -1,9 +1,15 @@
 // The measuring and the program's main (Benchmark.h).
 #include "Benchmark.h"
 
+#include <windows.h>
+
+#include <psapi.h>
+
+#include <atomic>
 #include <cstring>
 #include <exception>
 #include <fstream>
+#include <thread>
 
 namespace Benchmark
 {
@@ -23,7 +29,7 @@ std::vector<CRegistered>& Groups()
     return groups;
 }
 
-// What one contender gave, in seconds.
+// What one contender gave, in seconds or bytes.
 struct CFigures
 {
     std::string name;
@@ -39,6 +45,7 @@ struct CResult
     std::string group;
     std::string title;
     double bytes = 0;
+    bool isMemory = false; // the figures are bytes
     std::vector<CFigures> figures;
 };
 
@@ -77,6 +84,42 @@ std::string TimeText(double seconds)
     return text;
 }
 
+std::string ValueText(double value, bool isMemory)
+{
+    if (!isMemory)
+        return TimeText(value);
+    char text[32];
+    std::snprintf(text, sizeof text, "%9.2f MB", value / (1 << 20));
+    return text;
+}
+
+double PrivateBytes()
+{
+    PROCESS_MEMORY_COUNTERS_EX counters{};
+    ::GetProcessMemoryInfo(::GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters), sizeof counters);
+    return static_cast<double>(counters.PrivateUsage);
+}
+
+// The greatest amount of private memory during a run, above that at its start. It is read all the time: the platform's own peak
+// is that of the process's life.
+double PeakBytes(const std::function<void()>& run)
+{
+    const double start = PrivateBytes();
+    std::atomic<double> peak = start;
+    {
+        const std::jthread reader([&](const std::stop_token& stop)
+        {
+            while (!stop.stop_requested())
+            {
+                peak = std::max(peak.load(), PrivateBytes());
+                ::Sleep(1);
+            }
+        });
+        run();
+    }
+    return std::max(peak - start, 1.0);
+}
+
 CFigures FiguresOf(const std::string& name, const std::vector<double>& samples, const std::vector<double>& first)
 {
     std::vector<double> ratios;
@@ -96,13 +139,29 @@ void Print(const CResult& result)
     std::printf("%s\n", result.title.c_str());
     for (const CFigures& figures : result.figures)
     {
-        std::printf("  %-44s %s  median %s +-%3.0f%%", figures.name.c_str(), TimeText(figures.shortest).c_str(),
-                    TimeText(figures.median).c_str(), 100 * figures.spread / figures.median);
+        std::printf("  %-44s %s  median %s +-%3.0f%%", figures.name.c_str(),
+                    ValueText(figures.shortest, result.isMemory).c_str(), ValueText(figures.median, result.isMemory).c_str(),
+                    100 * figures.spread / figures.median);
         if (result.bytes > 0)
             std::printf("  %8.2f GB/s", result.bytes / figures.shortest / 1e9);
         std::printf("  x%.3f (pairs x%.3f)\n", figures.ratio, figures.pairedRatio);
     }
     std::fflush(stdout);
+}
+
+// Prints and keeps the samples of the contenders. Returns their medians.
+std::vector<double> Publish(CResult result, const std::vector<CContender>& contenders,
+                            const std::vector<std::vector<double>>& samples)
+{
+    std::vector<double> medians;
+    for (size_t i = 0; i < contenders.size(); ++i)
+    {
+        result.figures.push_back(FiguresOf(contenders[i].name, samples[i], samples[0]));
+        medians.push_back(result.figures.back().median);
+    }
+    Print(result);
+    Results().push_back(std::move(result));
+    return medians;
 }
 
 // Titles and names are ASCII text of this program.
@@ -127,7 +186,8 @@ bool WriteJson(const char* path)
     for (const CResult& result : Results())
     {
         file << separator << "    { \"group\": " << Quoted(result.group) << ", \"title\": " << Quoted(result.title)
-             << ", \"bytes\": " << result.bytes << ", \"figures\": [";
+             << ", \"bytes\": " << result.bytes << ", \"unit\": " << Quoted(result.isMemory ? "bytes" : "seconds")
+             << ", \"figures\": [";
         const char* comma = "\n";
         for (const CFigures& figures : result.figures)
         {
@@ -211,16 +271,20 @@ std::vector<double> Compare(const std::string& title, const std::vector<CContend
         for (size_t i = 0; i < contenders.size(); ++i)
             samples[i].push_back(Seconds(contenders[i].run, times[i]));
 
-    CResult result{ .group = g_group, .title = title, .bytes = options.bytes, .figures = {} };
-    std::vector<double> medians;
+    return Publish({ .group = g_group, .title = title, .bytes = options.bytes }, contenders, samples);
+}
+
+void CompareMemory(const std::string& title, const std::vector<CContender>& contenders)
+{
+    constexpr int kRuns = 3;
+    std::vector<std::vector<double>> samples(contenders.size());
     for (size_t i = 0; i < contenders.size(); ++i)
     {
-        result.figures.push_back(FiguresOf(contenders[i].name, samples[i], samples[0]));
-        medians.push_back(result.figures.back().median);
+        contenders[i].run(); // warm-up: what the process keeps
+        for (int run = 0; run < kRuns; ++run)
+            samples[i].push_back(PeakBytes(contenders[i].run));
     }
-    Print(result);
-    Results().push_back(std::move(result));
-    return medians;
+    (void)Publish({ .group = g_group, .title = title, .isMemory = true }, contenders, samples);
 }
 } // namespace Benchmark
 

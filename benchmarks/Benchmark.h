@@ -1,4 +1,5 @@
-// Measures pieces of work side by side in one run, prints their times and ratios, and can write them to a JSON file.
+// Measures pieces of work side by side in one run, prints their times (or their memory) and ratios, and can write them to a
+// JSON file.
 #pragma once
 
 #include <algorithm>
@@ -39,6 +40,10 @@ struct COptions
 // the quartiles, in percent of the median), the throughput at the shortest time, and two ratios to the first contender: of the
 // shortest times, and the median of the ratios of samples taken side by side. Returns the medians in seconds.
 std::vector<double> Compare(const std::string& title, const std::vector<CContender>& contenders, const COptions& options = {});
+
+// Runs the contenders in turn and prints for each the greatest amount of private memory of the process above that at the start
+// of the run, where Compare prints times, and its ratio to the first contender.
+void CompareMemory(const std::string& title, const std::vector<CContender>& contenders);
 
 // A group of comparisons, registered by each benchmark file and run by main when its name matches the command line.
 struct CGroup

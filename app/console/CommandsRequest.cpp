@@ -96,7 +96,9 @@ protected:
         options.AddChoice<EResponseKind>(
             "--response", m_response, { { "params", EResponseKind::Parameters }, { "raw", EResponseKind::Binary } },
             std::string("Read the answer as parameter text and payload, or as bytes; default ") + defaultResponse);
-        options.Add("-o,--output", m_output, "Put the answer's payload (or its bytes) in FILE; - is standard output")
+        options
+            .Add("-o,--output", m_output,
+                 "Put the answer's payload (or its bytes) in FILE, which is there only after success; - is standard output")
             .TypeName("FILE")
             .NotEmpty();
         options.Add("--repeat", m_repeat, "Make the request N times on one connection and show the last answer")

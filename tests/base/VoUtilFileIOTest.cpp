@@ -1,4 +1,5 @@
 // Tests of INI files: reading, changing, saving.
+#include <win/VoFile.h>
 #include <win/VoUtilFileIO.h>
 
 #include <base/VoUtils.h>
@@ -307,6 +308,37 @@ TEST_F(IniFileOnDisk, SaveWritesChangesAndNothingElse)
     EXPECT_EQ(file.SaveAs((m_folder / L"other.ini").wstring()), S_OK);
     EXPECT_EQ(ReadTestFile(m_folder / L"other.ini"), kNew);
     EXPECT_THAT(NamesIn(m_folder), testing::UnorderedElementsAre(m_path.filename().wstring(), L"other.ini"));
+}
+
+TEST_F(IniFileOnDisk, AReplacementInPiecesIsWholeOrNothing)
+{
+    {
+        CVoFileReplacement file;
+        EXPECT_EQ(file.Append("x"), E_UNEXPECTED);
+        ASSERT_EQ(file.Open(m_path.wstring()), S_OK);
+        EXPECT_EQ(file.Append("wrong"), S_OK);
+        EXPECT_EQ(file.Restart(), S_OK);
+        EXPECT_EQ(file.Append("[A]\n"), S_OK);
+        EXPECT_EQ(file.Append("x=2\n"), S_OK);
+        EXPECT_EQ(ReadTestFile(m_path), kOld);
+        EXPECT_EQ(file.Commit(), S_OK);
+        EXPECT_EQ(file.Append("x"), E_UNEXPECTED);
+    }
+    EXPECT_EQ(ReadTestFile(m_path), kNew);
+    for (const bool fails : { false, true })
+    {
+        CVoFileReplacement file;
+        ASSERT_EQ(file.Open(m_path.wstring()), S_OK);
+        EXPECT_EQ(file.Append("x"), S_OK);
+        if (!fails)
+            continue; // not committed
+        const CCallHook<decltype(&::WriteFile)> write("kernel32.dll", "WriteFile",
+                                                      [](auto&&...) { return ::SetLastError(ERROR_DISK_FULL), FALSE; });
+        EXPECT_EQ(file.Append("y"), HResultFromWin32(ERROR_DISK_FULL));
+        EXPECT_EQ(file.Commit(), E_UNEXPECTED) << "what is not whole must not be committed";
+    }
+    EXPECT_EQ(ReadTestFile(m_path), kNew);
+    EXPECT_EQ(NamesIn(m_folder).size(), 1U);
 }
 
 TEST_F(IniFileOnDisk, AMissingFileIsAnEmptyOneOnlyWhenAllowed)

@@ -3,6 +3,7 @@
 #include "support/KeyPairs.h"
 
 #include <VoHTTPClient.h>
+#include <VoResponseSink.h>
 
 #include <gmock/gmock.h>
 
@@ -103,6 +104,35 @@ TEST_P(ClientTest, FailuresAreExplained)
         EXPECT_NE(response.reason.find(reason), std::wstring::npos) << testing::PrintToString(response.reason);
         EXPECT_EQ(response.exchange.chain.back().function, std::wstring_view(L"CVoHTTPClient::Run"));
     }
+}
+
+TEST_P(ClientTest, GetsIntoASinkAndIntoAFile)
+{
+    const std::string bytes = RandomBytes(100'000);
+    CServer server([&](const Loopback::CRequest& request, Loopback::CConnection& connection)
+    {
+        connection.SendResponseHead(200, {}, bytes.size());
+        connection.Send(std::string_view(bytes).substr(0, request.Path() == "/short" ? 50'000 : bytes.size()));
+        connection.CloseNow();
+    });
+    const std::filesystem::path folder = MakeTestFolder(L"client");
+    const std::wstring path = folder / L"file";
+    CVoHTTPClient client(Wide(server.URL()), Options());
+    const auto files = [&] { return std::distance(std::filesystem::directory_iterator(folder), {}); };
+    EXPECT_FALSE(client.GetToFile(L"/short", path).IsOk());
+    EXPECT_EQ(files(), 0) << "no half-written file";
+    const CVoHTTPResponse got = client.GetToFile(L"/whole", path);
+    EXPECT_TRUE(got.IsOk() && got.payload.empty());
+    EXPECT_TRUE(ReadTestFile(path) == bytes);
+    const CVoHTTPResponse failed = client.GetToFile(L"/short", path);
+    EXPECT_FALSE(failed.IsOk());
+    EXPECT_NE(failed.reason.find(L"broke off"), std::wstring::npos);
+    EXPECT_TRUE(ReadTestFile(path) == bytes) << "the old file is unchanged";
+    EXPECT_EQ(client.GetToFile(L"/whole", folder / L"no folder" / L"x").reason, L"the file could not be written");
+    EXPECT_EQ(files(), 1);
+    CVoFileSink sink; // that was not opened
+    EXPECT_EQ(client.Get(L"/whole", sink).result, E_UNEXPECTED);
+    EXPECT_TRUE(client.Get(L"/whole").IsOk());
 }
 
 TEST_P(ClientTest, WrongArgumentsSendNothing)

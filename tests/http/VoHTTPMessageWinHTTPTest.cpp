@@ -7,6 +7,8 @@
 
 #include <base/VoUtils.h>
 
+#include <VoResponseSink.h>
+
 #include <gmock/gmock.h>
 
 using namespace TestSupport;
@@ -295,11 +297,22 @@ TEST_P(WinHTTPTransport, ARetryUsesAFreshHandle)
 
 TEST_P(WinHTTPTransport, CancelEndsEachCallThatWaits)
 {
-    for (const char* const function : { "Send", "Receive", "Available", "Read" })
+    class CSink final : public IVoResponseSink
+    {
+        HRESULT Write(std::span<const BYTE> /*bytes*/) noexcept override { return S_OK; }
+    } sink;
+    for (const auto& [function, hasSink] : { std::pair("Send", false),
+                                             { "Receive", false },
+                                             { "Available", false },
+                                             { "Read", false },
+                                             { "Available", true },
+                                             { "Read", true } })
     {
         SCOPED_TRACE(function);
         const Message message = Connect();
         const Request request = Open(*message);
+        if (hasSink)
+            request->SetResponseSink(&sink, Response::Parameters);
         m_platform.hanging = function;
         EXPECT_EQ(CancelWhen(m_platform.hangs, *message, request), kResultCancelled);
         m_platform.hanging.clear();
