@@ -93,6 +93,7 @@ void CheckReplaceable(const std::wstring& path)
 
 void WriteWholeFile(const std::wstring& path, std::span<const BYTE> bytes)
 {
+    const CInterruptDelay delay;
     COutputFile file(path);
     Check(file.Write(bytes));
     file.Commit();

@@ -568,7 +568,7 @@ HRESULT CExchange::OnReadComplete(const void* information, DWORD length)
     std::vector<BYTE> piece;
     if (isPiece)
         piece.assign(bytes.get(), bytes.get() + length);
-    else if (m_joined.capacity() - m_joined.size() >= length)
+    else if (m_chunks.empty() && m_joined.capacity() - m_joined.size() >= length)
         m_joined.insert(m_joined.end(), bytes.get(), bytes.get() + length);
     else
         m_chunks.push_back({ length, std::move(bytes) });
