@@ -273,22 +273,21 @@ TEST_P(SinkTest, MemoryStaysFlat)
 
 TEST(BodyReceiver, FindsThePayloadAsTheParserDoesAndJoinsBlocks)
 {
-    for (const std::string_view text : { "a=1&&x", "a=$&&&&", "a=$$&&&x", "&&", "a=1&", "$", "", "a&$&&x&&y", "a=$$$&&&$" })
+    Message message;
+    ASSERT_EQ(ConnectTo(L"http://localhost/", {}, message), S_OK);
+    for (const std::string_view text : { "a=1&&x", "a=$&&&&", "a=$$&&&x", "&&", "a=1&", "a=$", "", "a=&$&&x&&y", "a=$$$&&&$" })
         for (size_t split = 0; split <= text.size(); ++split)
         {
-            CVoBinaryDataParser parser;
             const auto* const bytes = reinterpret_cast<const BYTE*>(text.data());
-            (void)parser.Parse(static_cast<UINT32>(text.size()), bytes, false, true);
-            Message message;
-            ASSERT_EQ(ConnectTo(L"http://localhost/", {}, message), S_OK);
+            CVoBinaryDataParser parser;
+            EXPECT_EQ(parser.Parse(static_cast<UINT32>(text.size()), bytes, false, true), text == "a=&$&&x&&y" ? E_FAIL : S_OK);
             CTextSink sink;
             CVoBodyReceiver body;
             body.SetSink(*message, sink, Response::Parameters);
             EXPECT_EQ(body.Take({ bytes, split }), S_OK);
             EXPECT_EQ(body.Take({ bytes + split, text.size() - split }), S_OK);
             EXPECT_EQ(std::string(body.Bytes().begin(), body.Bytes().end()) + sink.text, text);
-            if (parser.GetCount() != 0)
-                EXPECT_EQ(sink.text, PayloadOf(parser)) << text << ' ' << split;
+            EXPECT_EQ(sink.text, text == "a=&$&&x&&y" ? "y" : PayloadOf(parser)) << text << ' ' << split;
         }
     const std::string large = RandomBytes(9'000'000);
     CVoBodyReceiver body;

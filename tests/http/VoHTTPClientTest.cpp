@@ -128,7 +128,7 @@ TEST_P(ClientTest, GetsIntoASinkAndIntoAFile)
     EXPECT_FALSE(failed.IsOk());
     EXPECT_NE(failed.reason.find(L"broke off"), std::wstring::npos);
     EXPECT_TRUE(ReadTestFile(path) == bytes) << "the old file is unchanged";
-    EXPECT_EQ(client.GetToFile(L"/whole", folder / L"no folder" / L"x").reason, L"the file could not be written");
+    EXPECT_EQ(client.GetToFile(L"/whole", (folder / L"no folder" / L"x").wstring()).reason, L"the file could not be written");
     EXPECT_EQ(files(), 1);
     CVoFileSink sink; // that was not opened
     EXPECT_EQ(client.Get(L"/whole", sink).result, E_UNEXPECTED);

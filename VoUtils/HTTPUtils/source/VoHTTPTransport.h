@@ -377,7 +377,7 @@ private:
     [[nodiscard]] HRESULT TakeResponse(CRequest& request);
     [[nodiscard]] HRESULT SetBodyCheck(const CRequest& request, CVoBodyReceiver& body) const;
     // Whether the request's sink, if it has one, suits the reading of a response.
-    [[nodiscard]] static bool MayRead(const CRequest& request, std::optional<EResponseKind> kind) noexcept;
+    [[nodiscard]] bool MayRead(const CRequest& request, std::optional<EResponseKind> kind) const noexcept;
     // Prepares the sink for another attempt. False: there is none.
     [[nodiscard]] static bool RestartSink(CRequest& request) noexcept;
 

@@ -56,10 +56,11 @@ bool CVoHTTPTransport::RestartSink(CRequest& request) noexcept
     return true;
 }
 
-bool CVoHTTPTransport::MayRead(const CRequest& request, std::optional<EResponseKind> kind) noexcept
+bool CVoHTTPTransport::MayRead(const CRequest& request, std::optional<EResponseKind> kind) const noexcept
 {
-    // A body that waits in the transport still needs its sink.
-    return !request.m_streamedKind || (request.m_streamedKind == kind && (request.m_sink || !request.m_hasPendingResponse));
+    // A body that waits in the connection still needs its sink.
+    const bool needsSink = request.m_hasPendingResponse && !m_facts.keepsHandle;
+    return !request.m_streamedKind || (request.m_streamedKind == kind && (request.m_sink || !needsSink));
 }
 
 // Has the receiver check that the body is whole: its length is the announced one, and a coded stream is not cut off. E_FAIL:
