@@ -2,6 +2,7 @@
 // lists, headers and coded bodies. Where libcurl reads the same kind of text, it is the reference.
 #include "Campaign.h"
 
+#include <VoBodyReceiver.h>
 #include <VoContentDecoder.h>
 #include <VoContentLength.h>
 #include <VoCookieBytes.h>
@@ -473,14 +474,16 @@ std::tuple<HRESULT, HRESULT, std::string> Decoded(const wchar_t* coding, std::st
 {
     std::unique_ptr<CVoContentDecoder> decoder;
     Require(SUCCEEDED(CVoContentDecoder::Make(coding, decoder)) && decoder, "no decoder");
-    std::vector<BYTE> decoded;
     constexpr UINT64 kLimit = 1 << 16;
+    CVoBodyReceiver body(kLimit);
     HRESULT hr = S_OK;
     for (; !bytes.empty() && SUCCEEDED(hr); bytes.remove_prefix(std::min(piece, bytes.size())))
     {
         const std::string_view next = Guarded(bytes.substr(0, piece));
-        hr = decoder->Decode({ reinterpret_cast<const BYTE*>(next.data()), next.size() }, &decoded, kLimit);
+        hr = decoder->Decode({ reinterpret_cast<const BYTE*>(next.data()), next.size() },
+                             [&](std::span<const BYTE> decoded) { return body.Take(decoded); });
     }
+    const std::span<const BYTE> decoded = body.Bytes();
     Require(decoded.size() <= kLimit, "the limit is passed");
     return { hr, SUCCEEDED(hr) ? decoder->Finish() : hr,
              SUCCEEDED(hr) ? std::string(decoded.begin(), decoded.end()) : std::string() };

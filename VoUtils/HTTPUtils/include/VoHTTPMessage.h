@@ -102,8 +102,8 @@ public:
         // Set it before a send. It is not owned, and must outlive the send and the reading. `kind` is how the response will be
         // read: of `Binary` the sink gets all bytes, of `Parameters` the payload, while the parameter text stays in memory.
         // Limits and checks of the body hold as without a sink, so the last bytes may have come when it turns out that the body
-        // is not whole: what the sink has is good only after ReadResponse has succeeded. A send delivers one body. Before
-        // another send on the same request the caller clears what the sink has.
+        // is not whole: what the sink has is good only after ReadResponse has succeeded. Before another send on the same
+        // request the caller clears what the sink has. A request that SendGetRequest makes by itself has no sink.
         void SetResponseSink(IVoResponseSink* sink, EResponseKind kind = EResponseKind::Binary) noexcept
         {
             m_sink = sink;
