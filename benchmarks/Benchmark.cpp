@@ -46,7 +46,7 @@ struct CResult
     std::string title;
     double bytes = 0;
     bool isMemory = false; // the figures are bytes
-    std::vector<CFigures> figures;
+    std::vector<CFigures> figures = {};
 };
 
 std::vector<CResult>& Results()
