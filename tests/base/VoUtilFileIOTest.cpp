@@ -325,16 +325,20 @@ TEST_F(IniFileOnDisk, AReplacementInPiecesIsWholeOrNothing)
         EXPECT_EQ(file.Append("x"), E_UNEXPECTED);
     }
     EXPECT_EQ(ReadTestFile(m_path), kNew);
-    for (const bool fails : { false, true })
+    const auto fails = [](auto&&...) { return ::SetLastError(ERROR_DISK_FULL), FALSE; };
+    constexpr HRESULT kDiskFull = HResultFromWin32(ERROR_DISK_FULL);
     {
         CVoFileReplacement file;
         ASSERT_EQ(file.Open(m_path.wstring()), S_OK);
         EXPECT_EQ(file.Append("x"), S_OK);
-        if (!fails)
-            continue; // not committed
-        const CCallHook<decltype(&::WriteFile)> write("kernel32.dll", "WriteFile",
-                                                      [](auto&&...) { return ::SetLastError(ERROR_DISK_FULL), FALSE; });
-        EXPECT_EQ(file.Append("y"), HResultFromWin32(ERROR_DISK_FULL));
+        const CCallHook<decltype(&::SetFileInformationByHandle)> keep("kernel32.dll", "SetFileInformationByHandle", fails);
+        EXPECT_EQ(file.Commit(), kDiskFull) << "the system would delete it";
+    }
+    {
+        CVoFileReplacement file;
+        ASSERT_EQ(file.Open(m_path.wstring()), S_OK);
+        const CCallHook<decltype(&::WriteFile)> write("kernel32.dll", "WriteFile", fails);
+        EXPECT_EQ(file.Append("x"), kDiskFull);
         EXPECT_EQ(file.Commit(), E_UNEXPECTED) << "what is not whole must not be committed";
     }
     EXPECT_EQ(ReadTestFile(m_path), kNew);

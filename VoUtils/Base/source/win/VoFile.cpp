@@ -261,7 +261,7 @@ HRESULT CVoFileReplacement::Restart() noexcept
     constexpr CVoReporter report{ kSource, L"CVoFileReplacement::Restart" };
     if (!m_file)
         return report(230, E_UNEXPECTED);
-    if (::SetFilePointer(m_file.Get(), 0, nullptr, FILE_BEGIN) == INVALID_SET_FILE_POINTER || !::SetEndOfFile(m_file.Get()))
+    if (!::SetFilePointerEx(m_file.Get(), {}, nullptr, FILE_BEGIN) || !::SetEndOfFile(m_file.Get()))
         return report.LastError(232, 233);
     return S_OK;
 }
