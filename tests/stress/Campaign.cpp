@@ -274,7 +274,8 @@ bool IsShort()
     return !Setting("VOUTILS_STRESS_MINUTES");
 }
 
-CRounds::CRounds(unsigned roundsWithoutTime) : m_name(NameOfRunning()), m_seed(FirstSeed()), m_last(roundsWithoutTime)
+CRounds::CRounds(unsigned roundsWithoutTime, unsigned leastRounds)
+    : m_name(NameOfRunning()), m_seed(FirstSeed()), m_least(leastRounds), m_last(roundsWithoutTime)
 {
     if (const std::optional<unsigned> only = OnlyInput())
     {
@@ -298,7 +299,7 @@ bool CRounds::Next()
 {
     if (std::exchange(m_hasBegun, true))
         ++m_round;
-    const bool goesOn = m_end ? m_round == 0 || CClock::now() < *m_end : m_round < m_last;
+    const bool goesOn = m_end ? m_round < m_least || CClock::now() < *m_end : m_round < m_last;
     if (CClock::now() >= m_nextLine)
     {
         std::printf("stress: %s: %u rounds\n", m_name.c_str(), m_round);

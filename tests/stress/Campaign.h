@@ -68,7 +68,7 @@ public:
 class CRounds
 {
 public:
-    explicit CRounds(unsigned roundsWithoutTime);
+    explicit CRounds(unsigned roundsWithoutTime, unsigned leastRounds = 1);
     // Whether another round begins. Notes it for a crash or a hang, and prints a line every ten seconds.
     [[nodiscard]] bool Next();
     [[nodiscard]] unsigned Round() const noexcept { return m_round; }
@@ -83,6 +83,7 @@ private:
     const std::string m_name;
     const unsigned m_seed;
     unsigned m_round = 0;
+    const unsigned m_least;
     unsigned m_last;
     bool m_hasBegun = false;
     std::optional<CClock::time_point> m_end;

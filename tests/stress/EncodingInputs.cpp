@@ -601,6 +601,11 @@ void WmiDates(std::wstring_view input)
 // A text that becomes a value has a written form that becomes the same value.
 void Variants(std::wstring_view input)
 {
+    // Wine's conversion reads outside of its buffer for an exponent of many digits.
+    const size_t exponent = std::min(input.find_first_of(L"eE"), input.size());
+    const auto isDigit = [](wchar_t c) { return c >= L'0' && c <= L'9'; };
+    if (std::count_if(input.begin() + static_cast<std::ptrdiff_t>(exponent), input.end(), isDigit) > 4)
+        return;
     CVoVariant text;
     Require(SUCCEEDED(VoTypeToVariant(Guarded(input), text.Get())), "a text makes no variant");
     for (const VARTYPE type : { VT_I4, VT_UI4, VT_I2, VT_R8, VT_BOOL, VT_DATE, VT_CY, VT_DECIMAL })
