@@ -294,6 +294,7 @@ size_t TornLines(std::string_view bytes)
 // A log just below the size at which it is cut.
 void FillLog()
 {
+    WriteTestFile(VoErrorLog().LogFilePath(), "");
     VoErrorLog().SetApplicationLog(true);
     VoReportMessage(kSource, 1, L"line 1 of 1 %ls end", std::wstring(100, L'x').c_str());
     VoErrorLog().SetApplicationLog(false);
