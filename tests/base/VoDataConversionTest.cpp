@@ -61,15 +61,6 @@ std::optional<CBytes> Decode(CDecoder decoder, std::wstring_view text)
     return CBytes(owned.Bytes().begin(), owned.Bytes().end());
 }
 
-// With a break behind each line that is full; 0: no breaks.
-std::wstring Lines(const std::wstring& digits, size_t width)
-{
-    std::wstring text;
-    for (size_t i = 0; i < digits.size(); ++i)
-        text += (width > 0 && (i + 1) % width == 0) ? digits.substr(i, 1) + L"\r\n" : digits.substr(i, 1);
-    return text;
-}
-
 CBytes RandomBytes(std::mt19937& random, size_t size)
 {
     CBytes bytes(size);
@@ -132,32 +123,6 @@ TEST(VoDataConversion, EncodersBreakLinesAtTheDocumentedPlaces)
         EXPECT_EQ(encode(bytes.data(), static_cast<INT32>(bytes.size()), text, line), S_OK);
         EXPECT_EQ(text, expected);
     }
-}
-
-TEST(VoDataConversion, EncodedBytesReadBackAndFullLinesBreak)
-{
-    std::mt19937 random(20240601);
-    // Used again and again: what a text held before leaves no trace.
-    std::wstring digits;
-    std::wstring text;
-    for (size_t size = 2; size < 200; ++size)
-        for (const INT32 line : { 0, 1, 2, 3, 7, 8, 10, 64, 76, 1000 })
-        {
-            const CBytes bytes = RandomBytes(random, size);
-            const CGuardedBuffer<BYTE> guarded(bytes);
-            // With the characters of a full line; 0: no breaks.
-            for (const auto& [decode, encode, width] : { std::tuple(kFromHex, kToHex, line + line % 2),
-                                                         { kFromBase64, kToBase64<false>, line > 0 ? line + 1 : 0 },
-                                                         { kFromBase64, kToBase64<true>, 0 },
-                                                         { kFromBase32, kToBase32<false>, line },
-                                                         { kFromBase32, kToBase32<true>, line } })
-            {
-                ASSERT_EQ(encode(guarded.Data(), static_cast<INT32>(size), digits, 0), S_OK);
-                ASSERT_EQ(encode(guarded.Data(), static_cast<INT32>(size), text, line), S_OK);
-                ASSERT_EQ(text, Lines(digits, static_cast<size_t>(width))) << size << " " << line;
-                ASSERT_EQ(Decode(decode, digits), bytes) << size;
-            }
-        }
 }
 
 namespace
@@ -244,36 +209,6 @@ TEST(CodecKernels, TakeTheSameUnitsAsDigitsAsTheScalarReference)
                       VoCodecKernels::Scalar::DecodeKeptBase64(expectedKept.Data(), others / 4, expected.Data()))
                 << unit;
         }
-}
-
-// Texts with separators anywhere, of every small size, give what removing the separators first gives, or the same refusal.
-TEST(VoDataConversion, SkippedCharactersChangeNothing)
-{
-    std::mt19937 random(11);
-    for (size_t size = 0; size < 400; ++size)
-    {
-        const CBytes bytes = RandomBytes(random, size * (size % 5 == 0 ? 20 : 1));
-        for (const auto& [decode, encode, separators] :
-             { std::tuple(kFromHex, kToHex, std::wstring_view(L"\r\n :-\u0141g")), { kFromBase64, kToBase64<true>, L"\r\n" } })
-        {
-            std::wstring digits;
-            ASSERT_EQ(encode(bytes.data(), static_cast<INT32>(bytes.size()), digits, 0), S_OK);
-            const auto rarity = random() % 90 + 1;
-            std::wstring text;
-            for (const wchar_t digit : digits)
-            {
-                text += digit;
-                while (random() % rarity == 1)
-                    text += separators[random() % separators.size()];
-            }
-            ASSERT_EQ(Decode(decode, text), bytes) << size;
-            if (text.empty())
-                continue;
-            // A character that is neither digit nor separator, anywhere.
-            text.insert(random() % text.size(), 1, L'*');
-            ASSERT_EQ(Decode(decode, L'7' + text + L'7').has_value(), decode == kFromHex) << size;
-        }
-    }
 }
 
 TEST(CodecKernels, ComputeWhatTheScalarReferenceComputes)

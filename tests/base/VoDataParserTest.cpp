@@ -61,15 +61,6 @@ std::string Message(const CVoBinaryDataParser& parser, bool skipParams = false, 
     return Built([&](UINT32* length, BYTE** buffer) { return parser.GetMessageData(length, buffer, skipParams, useUtf8); });
 }
 
-// The laid-down order: every "$&" first, then every "$$".
-std::wstring UnescapeInTwoSteps(std::wstring text)
-{
-    for (const auto& [from, to] : { std::pair(L"$&", L"&"), std::pair(L"$$", L"$") })
-        for (size_t at = text.find(from); at != std::wstring::npos; at = text.find(from, at + 1))
-            text.replace(at, 2, to);
-    return text;
-}
-
 CVoVariant Variant(std::wstring_view text)
 {
     CVoVariant variant;
@@ -84,83 +75,6 @@ CVoVariant Variant(const CBytes& bytes)
     return variant;
 }
 } // namespace
-
-TEST(DataParser, EveryValueReadsBackAndUnescapingEqualsTwoReplacements)
-{
-    std::mt19937 random(11);
-    constexpr std::wstring_view kAlphabet = L"$$$&&=a \u00FC";
-    for (int round = 0; round < 9000; ++round)
-    {
-        std::wstring value;
-        for (size_t size = random() % 12; value.size() < size;)
-            value += kAlphabet[random() % kAlphabet.size()];
-        CVoDataParser parser;
-        ASSERT_EQ(parser.AddParam(L"x", value), S_OK);
-        ASSERT_EQ(parser.AddParam(L"y", L"1"), S_OK);
-        const std::wstring written = TextOf(parser);
-        const CGuardedBuffer<wchar_t> text(written);
-        CVoDataParser read;
-        ASSERT_EQ(read.ReadParamsFromString(text.View()), S_OK);
-        ASSERT_EQ(read.GetCount(), 2U) << testing::PrintToString(value);
-        ASSERT_EQ(read.GetAt(0).Value(), value) << testing::PrintToString(value);
-
-        // Any text at all, also such as no writer makes.
-        CParamRec record;
-        ASSERT_EQ(record.PutParamString((L"x=" + value).c_str(), value.size() + 2), S_OK);
-        ASSERT_EQ(record.Value(), UnescapeInTwoSteps(value)) << testing::PrintToString(value);
-    }
-}
-
-TEST(DataParser, AnyTextIsReadPairByPair)
-{
-    std::mt19937 random(17);
-    constexpr std::wstring_view kAlphabet = L"$$&&==ab ";
-    for (int round = 0; round < 20'000; ++round)
-    {
-        std::wstring text;
-        for (size_t size = random() % 60; text.size() < size;)
-            text += kAlphabet[random() % kAlphabet.size()];
-        // The pairs, one character at a time.
-        std::vector<std::wstring> pairs(1);
-        bool isEscaped = false;
-        for (const wchar_t character : text)
-        {
-            if (character == L'&' && !isEscaped)
-                pairs.emplace_back();
-            else
-                pairs.back() += character;
-            isEscaped = character == L'$' && !isEscaped;
-        }
-        std::erase(pairs, L"");
-        HRESULT expected = S_OK;
-        std::wstring names;
-        std::wstring values;
-        for (const std::wstring& pair : pairs)
-        {
-            const size_t equals = pair.find(L'=');
-            expected = equals == std::wstring::npos ? E_FAIL : S_OK;
-            if (expected != S_OK)
-                break;
-            names += std::wstring(VoTrim(std::wstring_view(pair).substr(0, equals))) + L'|';
-            values += UnescapeInTwoSteps(pair.substr(equals + 1)) + L'|';
-        }
-
-        const CGuardedBuffer<wchar_t> guarded(text);
-        CVoDataParser parser;
-        ASSERT_EQ(parser.AddParam(L"first", L"1"), S_OK);
-        ASSERT_EQ(parser.ReadParamsFromString(guarded.View()), expected) << testing::PrintToString(text);
-        const CVoDataParser copy = parser;
-        std::wstring readNames;
-        std::wstring readValues;
-        for (size_t i = 1; i < copy.GetCount(); ++i)
-        {
-            readNames += copy.GetAt(i).Name() + L'|';
-            readValues += std::wstring(parser.GetAt(i).ValueView()) + L'|';
-        }
-        ASSERT_EQ(readNames, names) << testing::PrintToString(text);
-        ASSERT_EQ(readValues, values) << testing::PrintToString(text);
-    }
-}
 
 TEST(DataParser, TheFirstParameterOfANameIsFoundWithoutRegardToCase)
 {

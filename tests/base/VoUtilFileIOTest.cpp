@@ -234,51 +234,6 @@ TEST(IniFile, RefusesNamesAndValuesThatWouldNotReadBack)
     EXPECT_EQ(BytesOf(file), "[A]\nx=0\n");
 }
 
-// What any file must stand: bytes come back as they were, and the file that is written says what the edited one said.
-TEST(IniFile, RandomFilesAreKeptAndRandomEditsReadBack)
-{
-    std::mt19937 random(5);
-    const auto oneOf = [&random](const auto& texts) { return texts[random() % std::size(texts)]; };
-    const std::string marks[] = { "", "\xEF\xBB\xBF", "\xFF\xFE", "\xFE\xFF" };
-    const std::wstring pieces[] = { L"[A]", L"[b]", L"[a", L"]",  L"x=1", L"X = 2", L"KEY\u00C4=\u20AC",
-                                    L";c",  L"\t",  L"=",  L"\n", L"\n",  L"\r\n",  L"\r" };
-    const std::wstring sections[] = { L"A", L"B", L"a", L"C" };
-    const std::wstring keys[] = { L"x", L"X", L"KEY\u00C4", L"n" };
-    const std::wstring values[] = { L"", L"1", L"two words ", L"\u20AC", L"=;#[" };
-    for (int i = 0; i < 3000; ++i)
-    {
-        std::string bytes = oneOf(marks);
-        const bool isWide = bytes.size() == 2;
-        for (size_t count = random() % 60; count > 0; --count)
-        {
-            const std::wstring piece = oneOf(pieces);
-            std::string narrow;
-            ASSERT_EQ(VoStringToUTF8(piece, narrow), S_OK);
-            bytes += isWide ? Utf16(piece, bytes[0] == '\xFE') : narrow;
-        }
-        CVoIniFileIO file = Parsed(bytes);
-        ASSERT_EQ(BytesOf(file), bytes) << "file " << i;
-        std::string damaged = bytes + "?";
-        damaged[random() % damaged.size()] = static_cast<char>(random());
-        ASSERT_EQ(BytesOf(Parsed(damaged)), damaged) << "file " << i;
-        for (size_t step = random() % 12; step > 0; --step)
-        {
-            const std::wstring section = oneOf(sections);
-            const std::wstring key = oneOf(keys);
-            const std::wstring value = oneOf(values);
-            ASSERT_EQ(file.SetValue(section, key, value), S_OK);
-            ASSERT_EQ(file.FindValue(section, key), value) << "file " << i;
-            const std::wstring removed = oneOf(keys);
-            ASSERT_GE(file.RemoveValue(section, removed), S_OK);
-            ASSERT_EQ(file.FindValue(section, removed), std::nullopt) << "file " << i;
-        }
-        const auto listing = Listing(file);
-        ASSERT_EQ(Listing(Parsed(BytesOf(file))), listing) << "file " << i;
-        ASSERT_GE(file.SetEncoding(isWide ? EVoTextEncoding::Utf8 : EVoTextEncoding::Utf16BigEndian), S_OK);
-        ASSERT_EQ(Listing(file), listing) << "file " << i;
-    }
-}
-
 class IniFileOnDisk : public testing::Test
 {
 protected:

@@ -438,56 +438,40 @@ struct CRow
 std::vector<CRow> Table()
 {
     using namespace VoDataConversion;
+    // clang-format off
     return {
         { "HexToBin", GivesBytes([](UINT32* n, BYTE** b) { return HexToBin(L"0123456789", b, n); }) },
         { "Base64ToBin", GivesBytes([](UINT32* n, BYTE** b) { return Base64ToBin(L"TWFuTWFu\r\nTWFu", b, n); }) },
-        { "Base32ModifiedCrockfordToBin",
-          GivesBytes([](UINT32* n, BYTE** b) { return Base32ModifiedCrockfordToBin(L"1 0", b, n); }) },
+        { "Base32ModifiedCrockfordToBin", GivesBytes([](UINT32* n, BYTE** b) { return Base32ModifiedCrockfordToBin(L"1 0", b, n); }) },
         { "BinToHex", GivesText([](std::wstring& t) { return BinToHex(Data(), 20, t, 7); }) },
         { "BinToBase64", GivesText([](std::wstring& t) { return BinToBase64(Data(), 20, false, t, 7); }) },
-        { "BinToBase32ModifiedCrockford",
-          GivesText([](std::wstring& t) { return BinToBase32ModifiedCrockford(Data(), 20, true, t, 7); }) },
+        { "BinToBase32ModifiedCrockford", GivesText([](std::wstring& t) { return BinToBase32ModifiedCrockford(Data(), 20, true, t, 7); }) },
         { "VoStringToUTF8", On(New<std::string>(), [](std::string& b) { return VoStringToUTF8(kText, b); }, &SeeBytes) },
         { "VoStringToASCII", On(New<std::string>(), [](std::string& b) { return VoStringToASCII(kText, b); }, &SeeBytes) },
-        { "VoStringToCodePage",
-          On(New<std::string>(), [](std::string& b) { return VoStringToCodePage(1252, kText, b); }, &SeeBytes) },
+        { "VoStringToCodePage", On(New<std::string>(), [](std::string& b) { return VoStringToCodePage(1252, kText, b); }, &SeeBytes) },
         { "VoUTF8ToString", GivesText([](std::wstring& t) { return VoUTF8ToString(kIni, t); }) },
         { "VoCodePageToString", GivesText([](std::wstring& t) { return VoCodePageToString(1252, kIni, t); }) },
-        { "VoSystemTimeToISO8601DateTimeStr", GivesText([](std::wstring& t)
-    { return VoSystemTimeToISO8601DateTimeStr({ 2024, 2, 0, 29, 1, 2, 3, 4 }, 60, true, true, t); }) },
-        { "WMIDateTimeToISO8601",
-          GivesText([](std::wstring& t) { return VoWMIQuery::WMIDateTimeToISO8601(L"20240229120000.250000+060", t); }), true },
-        { "WMIValueToText", GivesText([](std::wstring& t) { return VoWMIQuery::WMIValueToText(TextVariant().Get(), 8, t); }),
-          true },
+        { "VoSystemTimeToISO8601DateTimeStr", GivesText([](std::wstring& t) { return VoSystemTimeToISO8601DateTimeStr({ 2024, 2, 0, 29, 1, 2, 3, 4 }, 60, true, true, t); }) },
+        { "WMIDateTimeToISO8601", GivesText([](std::wstring& t) { return VoWMIQuery::WMIDateTimeToISO8601(L"20240229120000.250000+060", t); }), true },
+        { "WMIValueToText", GivesText([](std::wstring& t) { return VoWMIQuery::WMIValueToText(TextVariant().Get(), 8, t); }), true },
         { "VoGetTempPath", GivesText([](std::wstring& t) { return VoGetTempPath(t); }) },
         { "GetModuleDirAndFileName", GivesText([](std::wstring& t) { return GetModuleDirAndFileName(nullptr, &t, nullptr); }) },
         { "VoGetErrorText", GivesText([](std::wstring& t) { return VoGetErrorText(E_ACCESSDENIED, false, &t); }) },
-        { "VoTypeToVariant",
-          On(New<CVoVariant>(), [](CVoVariant& v) { return VoTypeToVariant(kText, *v.Put()); }, &SeeVariant) },
-        { "VoChangeVariantType", On(New<CVoVariant>(), [](CVoVariant& v)
-    { return VoChangeVariantType(*v.Put(), TextVariant().Get(), VT_BSTR, LOCALE_USER_DEFAULT); }, &SeeVariant) },
-        { "VoChangeVariantTypeNoLocale", On(New<CVoVariant>(), [](CVoVariant& v)
-    { return VoChangeVariantTypeNoLocale(*v.Put(), TextVariant().Get(), VT_BSTR); }, &SeeVariant) },
-        { "VoVariantToTypeNoLocale",
-          GivesText([](std::wstring& t) { return VoVariantToTypeNoLocale(TextVariant().Get(), t); }) },
-        { "VoBytesToVariant",
-          On(New<CVoVariant>(), [](CVoVariant& v) { return VoBytesToVariant({ Data(), 20 }, *v.Put()); }, &SeeVariant), true },
+        { "VoTypeToVariant", On(New<CVoVariant>(), [](CVoVariant& v) { return VoTypeToVariant(kText, *v.Put()); }, &SeeVariant) },
+        { "VoChangeVariantType", On(New<CVoVariant>(), [](CVoVariant& v) { return VoChangeVariantType(*v.Put(), TextVariant().Get(), VT_BSTR, LOCALE_USER_DEFAULT); }, &SeeVariant) },
+        { "VoChangeVariantTypeNoLocale", On(New<CVoVariant>(), [](CVoVariant& v) { return VoChangeVariantTypeNoLocale(*v.Put(), TextVariant().Get(), VT_BSTR); }, &SeeVariant) },
+        { "VoVariantToTypeNoLocale", GivesText([](std::wstring& t) { return VoVariantToTypeNoLocale(TextVariant().Get(), t); }) },
+        { "VoBytesToVariant", On(New<CVoVariant>(), [](CVoVariant& v) { return VoBytesToVariant({ Data(), 20 }, *v.Put()); }, &SeeVariant), true },
         { "CVo2DIDArray::SetSize", On(&Array, [](CVo2DIDArray& a) { return a.SetSize(30, 30); }, &SeeArray) },
-        { "CVo2DIDArray::SetCell",
-          On(&Array, [](CVo2DIDArray& a) { return a.SetCell(1, 1, kText, TextVariant().Get()); }, &SeeArray) },
-        { "CParamRec::PutParamString", On(New<CParamRec>(), [](CParamRec& r) { return r.PutParamString(kPairs.c_str(), 40); },
-                                          [](const CParamRec& r) { return std::wstring(r.ValueView()); }) },
+        { "CVo2DIDArray::SetCell", On(&Array, [](CVo2DIDArray& a) { return a.SetCell(1, 1, kText, TextVariant().Get()); }, &SeeArray) },
+        { "CParamRec::PutParamString", On(New<CParamRec>(), [](CParamRec& r) { return r.PutParamString(kPairs.c_str(), 40); }, [](const CParamRec& r) { return std::wstring(r.ValueView()); }) },
         { "CVoDataParser::AddParam", OnParser([](CVoDataParser& p) { return p.AddParam(kText, kText); }) },
         { "CVoDataParser::GetParam", GivesText([](std::wstring& t) { return Parameters().GetParam(L"first", t); }) },
-        { "CVoDataParser::ReadParamsFromString",
-          On(New<CVoDataParser>(), [](CVoDataParser& p) { return p.ReadParamsFromString(kPairs); }, &SeeParser) },
+        { "CVoDataParser::ReadParamsFromString", On(New<CVoDataParser>(), [](CVoDataParser& p) { return p.ReadParamsFromString(kPairs); }, &SeeParser) },
         { "CVoDataParser::GetParamsAsString", GivesText([](std::wstring& t) { return Parameters().GetParamsAsString(t); }) },
-        { "CVoDataParser::ToUTF8AndUrlEncode",
-          On([] { return kText; }, [](std::wstring& t) { return CVoDataParser::ToUTF8AndUrlEncode(true, t); }, &SeeText) },
-        { "CVoDataParser::FromUTF8AndUrlEncode", On([] { return kText + L"%20"; }, [](std::wstring& t)
-    { return CVoDataParser::FromUTF8AndUrlEncode(true, t); }, &SeeText) },
-        { "CVoDataParser::ConvertParamValuesToUTF8URLEncodedString",
-          OnParser([](CVoDataParser& p) { return p.ConvertParamValuesToUTF8URLEncodedString(true); }) },
+        { "CVoDataParser::ToUTF8AndUrlEncode", On([] { return kText; }, [](std::wstring& t) { return CVoDataParser::ToUTF8AndUrlEncode(true, t); }, &SeeText) },
+        { "CVoDataParser::FromUTF8AndUrlEncode", On([] { return kText + L"%20"; }, [](std::wstring& t) { return CVoDataParser::FromUTF8AndUrlEncode(true, t); }, &SeeText) },
+        { "CVoDataParser::ConvertParamValuesToUTF8URLEncodedString", OnParser([](CVoDataParser& p) { return p.ConvertParamValuesToUTF8URLEncodedString(true); }) },
         { "CVoDataParser::ConvertParamValuesFromUTF8URLEncodedString", On(
                                                                            []
     {
@@ -501,16 +485,11 @@ std::vector<CRow> Table()
         constexpr std::string_view bytes = "first=a value of some length&b=2&&payload";
         return p.Parse(static_cast<UINT32>(bytes.size()), reinterpret_cast<const BYTE*>(bytes.data()), false, true);
     }, &SeeParser) },
-        { "CVoBinaryDataParser::GetMessageData",
-          GivesBytes([](UINT32* n, BYTE** b) { return Parameters().GetMessageData(n, b, false, true); }) },
-        { "CVoBinaryDataParser::GetMessageDataWithSizePrefix",
-          GivesBytes([](UINT32* n, BYTE** b) { return Parameters().GetMessageDataWithSizePrefix(n, b, false, true); }) },
-        { "CVoBinaryDataParser::GetParamData",
-          GivesBytes([](UINT32* n, BYTE** b) { return Parameters().GetParamData(true, n, b); }) },
-        { "CVoBinaryDataParser::internalGetParamData",
-          GivesBytes([](UINT32* n, BYTE** b) { return Parameters().internalGetParamData(true, n, b); }) },
-        { "CVoBinaryDataParser::StringToMessageData",
-          GivesBytes([](UINT32* n, BYTE** b) { return CVoBinaryDataParser::StringToMessageData(kText, true, n, b); }) },
+        { "CVoBinaryDataParser::GetMessageData", GivesBytes([](UINT32* n, BYTE** b) { return Parameters().GetMessageData(n, b, false, true); }) },
+        { "CVoBinaryDataParser::GetMessageDataWithSizePrefix", GivesBytes([](UINT32* n, BYTE** b) { return Parameters().GetMessageDataWithSizePrefix(n, b, false, true); }) },
+        { "CVoBinaryDataParser::GetParamData", GivesBytes([](UINT32* n, BYTE** b) { return Parameters().GetParamData(true, n, b); }) },
+        { "CVoBinaryDataParser::internalGetParamData", GivesBytes([](UINT32* n, BYTE** b) { return Parameters().internalGetParamData(true, n, b); }) },
+        { "CVoBinaryDataParser::StringToMessageData", GivesBytes([](UINT32* n, BYTE** b) { return CVoBinaryDataParser::StringToMessageData(kText, true, n, b); }) },
         { "CVoBinaryDataParser::SetPayload", On(New<CVoBinaryDataParser>(), [](CVoBinaryDataParser& p)
     { return p.SetPayload(Data(), 20); }, [](const CVoBinaryDataParser& p) { return std::to_wstring(p.Payload().size()); }) },
         { "CVoBinaryDataParser::GetFormMessageData", GivesText(
@@ -522,11 +501,9 @@ std::vector<CRow> Table()
             boundary.resize(5); // it is made afresh each time
         return hr;
     }) },
-        { "CVoIniFileIO::Parse",
-          OnIni([](CVoIniFileIO& f) { return f.Parse("[A]\r\nanother=file with a longer value\r\n"); }) },
+        { "CVoIniFileIO::Parse", OnIni([](CVoIniFileIO& f) { return f.Parse("[A]\r\nanother=file with a longer value\r\n"); }) },
         { "CVoIniFileIO::Open", On(&OnDisk, [](CVoIniFileIO& f) { return f.Open(PathIn(L"file.ini")); }, &SeeIni) },
-        { "CVoIniFileIO::Save", On(&OnDisk, [](CVoIniFileIO& f) { return f.Save(); },
-                                   [](const auto&) { return Units(ReadTestFile(PathIn(L"file.ini"))); }) },
+        { "CVoIniFileIO::Save", On(&OnDisk, [](CVoIniFileIO& f) { return f.Save(); }, [](const auto&) { return Units(ReadTestFile(PathIn(L"file.ini"))); }) },
         { "CVoIniFileIO::SaveAs", On(
                                       []
     {
@@ -536,35 +513,22 @@ std::vector<CRow> Table()
                                       [](const auto& f) { return f.Path() + Units(ReadTestFile(PathIn(L"other.ini"))); }) },
         { "CVoIniFileIO::GetBytes", On(New<std::string>(), [](std::string& b) { return SomeFile().GetBytes(b); }, &SeeBytes) },
         { "CVoIniFileIO::SetEncoding", OnIni([](CVoIniFileIO& f) { return f.SetEncoding(EVoTextEncoding::Utf16BigEndian); }) },
-        { "CVoIniFileIO::GetSectionNames", On(New<std::vector<std::wstring_view>>(), [](auto& n)
-    { return SomeFile().GetSectionNames(n); }, [](const auto& n) { return std::to_wstring(n.size()); }) },
-        { "CVoIniFileIO::GetSection", On(New<std::vector<CVoIniEntry>>(), [](auto& e)
-    { return SomeFile().GetSection(L"Second", e); }, [](const auto& e) { return std::to_wstring(e.size()); }) },
+        { "CVoIniFileIO::GetSectionNames", On(New<std::vector<std::wstring_view>>(), [](auto& n) { return SomeFile().GetSectionNames(n); }, [](const auto& n) { return std::to_wstring(n.size()); }) },
+        { "CVoIniFileIO::GetSection", On(New<std::vector<CVoIniEntry>>(), [](auto& e) { return SomeFile().GetSection(L"Second", e); }, [](const auto& e) { return std::to_wstring(e.size()); }) },
         { "CVoIniFileIO::SetValue", OnIni([](CVoIniFileIO& f) { return f.SetValue(L"New section", L"key", kText); }) },
         { "CVoIniFileIO::AddValue", OnIni([](CVoIniFileIO& f) { return f.AddValue(L"Second", L"x", kText); }) },
-        { "CVoIniFileIO::RemoveValue",
-          OnIni([](CVoIniFileIO& f) { return f.RemoveValue(L"Second", L"a key that is not there"); }) },
+        { "CVoIniFileIO::RemoveValue", OnIni([](CVoIniFileIO& f) { return f.RemoveValue(L"Second", L"a key that is not there"); }) },
         { "CVoIniFileIO::ClearSection", OnIni([](CVoIniFileIO& f) { return f.ClearSection(L"Second"); }) },
         { "CVoIniFileIO::RemoveSection", OnIni([](CVoIniFileIO& f) { return f.RemoveSection(L"Second"); }) },
-        { "VoReadFile", On(
-                            []
-    {
-        WriteTestFile(PathIn(L"read.txt"), kIni);
-        return std::string();
-    }, [](std::string& b) { return VoReadFile(PathIn(L"read.txt"), b); }, &SeeBytes) },
+        { "VoReadFile", On([] { WriteTestFile(PathIn(L"read.txt"), kIni); return std::string(); }, [](std::string& b) { return VoReadFile(PathIn(L"read.txt"), b); }, &SeeBytes) },
         { "CVoParamHandler::Open", OnParams([](CVoParamHandler& p) { return p.Open(PathIn(L"params.ini")); }) },
         { "CVoParamHandler::Set", OnParams([](CVoParamHandler& p) { return p.Set(L"New section", L"a new key", kText); }) },
-        { "CVoParamHandler::Get",
-          GivesText([](std::wstring& t) { return SomeParams().Get(L"First section of the file", L"key", t); }) },
+        { "CVoParamHandler::Get", GivesText([](std::wstring& t) { return SomeParams().Get(L"First section of the file", L"key", t); }) },
         { "CVoParamHandler::Remove", OnParams([](CVoParamHandler& p) { return p.Remove(L"Second", L"no such"); }) },
-        { "CVoSignedIniFileHandler2::Parse",
-          OnSigned([](auto& h) { return h.Parse("[A]\r\nanother=file with a longer value\r\n"); }) },
-        { "CVoSignedIniFileHandler2::GetDataString",
-          GivesText([](std::wstring& t) { return SomeSignedFile().GetDataString(t); }) },
-        { "CVoSignedIniFileHandler2::GetSectionDataString",
-          GivesText([](std::wstring& t) { return SomeSignedFile().GetSectionDataString(L"Settings", t); }) },
-        { "CVoSignedIniFileHandler2::GetSignedText",
-          GivesText([](std::wstring& t) { return SomeSignedFile().GetSignedText(t); }) },
+        { "CVoSignedIniFileHandler2::Parse", OnSigned([](auto& h) { return h.Parse("[A]\r\nanother=file with a longer value\r\n"); }) },
+        { "CVoSignedIniFileHandler2::GetDataString", GivesText([](std::wstring& t) { return SomeSignedFile().GetDataString(t); }) },
+        { "CVoSignedIniFileHandler2::GetSectionDataString", GivesText([](std::wstring& t) { return SomeSignedFile().GetSectionDataString(L"Settings", t); }) },
+        { "CVoSignedIniFileHandler2::GetSignedText", GivesText([](std::wstring& t) { return SomeSignedFile().GetSignedText(t); }) },
         { "CVoSignedIniFileHandler2::Verify", OnSigned(
                                                   [](auto& h)
     {
@@ -580,62 +544,30 @@ std::vector<CRow> Table()
         OrvDigSign::COrvSHA256Hash hash;
         return OrvDigSign::COrvDigitalSignature::SignString(Data(), 20, hash, kKnownPrivateKey, b, n);
     }) },
-        { "COrvRSAKey::GetPublicKeyFromPrivate",
-          GivesText([](std::wstring& t) { return OrvDigSign::COrvRSAKey::GetPublicKeyFromPrivate(kKnownPrivateKey, t); }) },
-        { "HashBytes", GivesBytes(
-                           [](UINT32* n, BYTE** b)
-    {
-        OrvDigSign::COrvSHA256Hash hash;
-        return OrvDigSign::HashBytes(hash, Data(), 20, b, n);
-    }) },
+        { "COrvRSAKey::GetPublicKeyFromPrivate", GivesText([](std::wstring& t) { return OrvDigSign::COrvRSAKey::GetPublicKeyFromPrivate(kKnownPrivateKey, t); }) },
+        { "HashBytes", GivesBytes([](UINT32* n, BYTE** b) { OrvDigSign::COrvSHA256Hash hash; return OrvDigSign::HashBytes(hash, Data(), 20, b, n); }) },
         { "CServerAddressData::SetAddress", On(&AnAddress, [](auto& a)
     { return a.SetAddress(L"http://another-host.test/another/path?query", true, true, true); }, &SeeAddress) },
-        { "CServerAddressData::SetObjectPath",
-          On(&AnAddress, [](auto& a) { return a.SetObjectPath(L"/another/path/to/nowhere?query"); }, &SeeAddress) },
+        { "CServerAddressData::SetObjectPath", On(&AnAddress, [](auto& a) { return a.SetObjectPath(L"/another/path/to/nowhere?query"); }, &SeeAddress) },
         { "CServerAddressData::Rebuild", On(&AnAddress, [](auto& a) { return a.Rebuild(); }, &SeeAddress) },
-        { "CVoIPAddress::InitFromIPAddress", On(New<CVoIPAddress>(), [](CVoIPAddress& a)
-    { return a.InitFromIPAddress(L"2001:db8::1:2:3:4"); }, [](const CVoIPAddress& a) { return a.Text(); }) },
-        { "CVoCookieRequest::FromUrl", On(New<CVoCookieRequest>(), [](auto& r)
-    { return CVoCookieRequest::FromUrl(Url().View(), r); }, [](const auto& r) { return r.host + r.path; }) },
+        { "CVoIPAddress::InitFromIPAddress", On(New<CVoIPAddress>(), [](CVoIPAddress& a) { return a.InitFromIPAddress(L"2001:db8::1:2:3:4"); }, [](const CVoIPAddress& a) { return a.Text(); }) },
+        { "CVoCookieRequest::FromUrl", On(New<CVoCookieRequest>(), [](auto& r) { return CVoCookieRequest::FromUrl(Url().View(), r); }, [](const auto& r) { return r.host + r.path; }) },
         { "CVoCookieData::CreateCookieFromString", On(New<CVoCookieData>(),
                                                       [](auto& c)
     {
         return CVoCookieData::CreateCookieFromString(L"a long name=a long value of it; Path=/path/of/it",
                                                      { L"host.test", L"/path/of/it", false, true }, 45000, c);
     }, &SeeCookie) },
-        { "CVoCookieData::SerializeCookie", GivesText(
-                                                [](std::wstring& t)
-    {
-        CVoCookieData cookie;
-        cookie.domain = L"host.test";
-        cookie.path = L"/";
-        cookie.name = L"n";
-        return cookie.SerializeCookie(t);
-    }) },
+        { "CVoCookieData::SerializeCookie", GivesText([](std::wstring& t) { CVoCookieData cookie; cookie.domain = L"host.test"; cookie.path = L"/"; cookie.name = L"n"; return cookie.SerializeCookie(t); }) },
         { "CVoGlobalHTTPCookieStoreImpl::AddCookieFromString", OnCookies(
                                                                    [](auto& s)
     {
         static const CVoBstr cookie(L"a long name=a long value of the cookie");
         return s->AddCookieFromString(cookie.Get(), Url().Get());
     }) },
-        { "CVoGlobalHTTPCookieStoreImpl::GetCookieStringForHTTPRequest", OnCookies(
-                                                                             [](auto& s)
-    {
-        CVoBstr cookies;
-        return s->GetCookieStringForHTTPRequest(Url().Get(), VARIANT_TRUE, cookies.Put());
-    }) },
-        { "CVoGlobalHTTPCookieStoreImpl::Serialize", OnCookies(
-                                                         [](auto& s)
-    {
-        CVoBstr data;
-        return s->Serialize(data.Put());
-    }) },
-        { "CVoGlobalHTTPCookieStoreImpl::Deserialize", OnCookies(
-                                                           [](auto& s)
-    {
-        static const CVoBstr data(Serialized(*Cookies().Get()));
-        return s->Deserialize(data.Get());
-    }) },
+        { "CVoGlobalHTTPCookieStoreImpl::GetCookieStringForHTTPRequest", OnCookies([](auto& s) { CVoBstr cookies; return s->GetCookieStringForHTTPRequest(Url().Get(), VARIANT_TRUE, cookies.Put()); }) },
+        { "CVoGlobalHTTPCookieStoreImpl::Serialize", OnCookies([](auto& s) { CVoBstr data; return s->Serialize(data.Put()); }) },
+        { "CVoGlobalHTTPCookieStoreImpl::Deserialize", OnCookies([](auto& s) { static const CVoBstr data(Serialized(*Cookies().Get())); return s->Deserialize(data.Get()); }) },
         { "CVoGlobalHTTPProxyStoreImpl::Init", OnProxies(
                                                    [](auto& s)
     {
@@ -654,18 +586,8 @@ std::vector<CRow> Table()
         static const CVoBstr user(L"a user with a long name");
         return s->SetAuthDataForProxy(proxy.Get(), user.Get(), user.Get(), VARIANT_TRUE, VARIANT_TRUE);
     }) },
-        { "CVoGlobalHTTPProxyStoreImpl::Serialize", OnProxies(
-                                                        [](auto& s)
-    {
-        CVoBstr data;
-        return s->Serialize(data.Put());
-    }) },
-        { "CVoGlobalHTTPProxyStoreImpl::Deserialize", OnProxies(
-                                                          [](auto& s)
-    {
-        static const CVoBstr data(Serialized(*Proxies().Get()));
-        return s->Deserialize(data.Get());
-    }) },
+        { "CVoGlobalHTTPProxyStoreImpl::Serialize", OnProxies([](auto& s) { CVoBstr data; return s->Serialize(data.Put()); }) },
+        { "CVoGlobalHTTPProxyStoreImpl::Deserialize", OnProxies([](auto& s) { static const CVoBstr data(Serialized(*Proxies().Get())); return s->Deserialize(data.Get()); }) },
         { "CVoGlobalHTTPProxyStoreImpl::GetProxyForUrl", On(&Proxies,
                                                             [](auto& s)
     {
@@ -689,10 +611,8 @@ std::vector<CRow> Table()
         Require(SUCCEEDED(Parameters().GetParamData(true, body.PutLength(), body.PutBytes())), "no body");
         return body;
     }, [](CVoByteBuffer& b) { return CVoHTTPMessage::SignMessage(true, b, kKnownPrivateKey, L"signature"); }, &SeeLength) },
-        { "CVoHTTPMessage::CreateContentDigest",
-          GivesText([](std::wstring& t) { return CVoHTTPMessage::CreateContentDigest({ Data(), 20 }, t); }) },
-        { "CVoHTTPMessage::CreateSignatureBase", On(New<std::string>(), [](std::string& b)
-    { return CVoHTTPMessage::CreateSignatureBase(kText, 20, kText, b); }, &SeeBytes) },
+        { "CVoHTTPMessage::CreateContentDigest", GivesText([](std::wstring& t) { return CVoHTTPMessage::CreateContentDigest({ Data(), 20 }, t); }) },
+        { "CVoHTTPMessage::CreateSignatureBase", On(New<std::string>(), [](std::string& b) { return CVoHTTPMessage::CreateSignatureBase(kText, 20, kText, b); }, &SeeBytes) },
         { "CVoHTTPMessage::internalParseMultipleResponses", On(New<std::vector<CVoBinaryDataParser>>(),
                                                                [](auto& r)
     {
@@ -701,6 +621,7 @@ std::vector<CRow> Table()
                                                               true, 0, r);
     }, [](const auto& r) { return std::to_wstring(r.size()); }) },
     };
+    // clang-format on
 }
 
 // Ways in which the platform fails beside a lack of memory.

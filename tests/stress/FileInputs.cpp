@@ -149,6 +149,9 @@ void Ini(std::wstring_view input)
     for (const CSection& old : before)
         if (!VoEqualsNoCase(old.name, section))
             Require(std::find(after.begin(), after.end(), old) != after.end(), "another section was changed");
+    // Another encoding holds the same text.
+    if (SUCCEEDED(again.SetEncoding(EVoTextEncoding::Utf16BigEndian)))
+        Require(SectionsOf(again) == after, "another encoding has another content");
     Require(file.RemoveValue(section, L"KEY") == S_OK && !file.FindValue(section, L"Key"), "a removed value is found");
 }
 
@@ -363,6 +366,7 @@ void Renderers(std::wstring_view input)
 
 const std::wstring kSigned = Units(TestSupport::kKnownSignedFile);
 
+// clang-format off
 const CCampaigns kCampaigns({
     { "ini",
       &Ini,
@@ -372,25 +376,12 @@ const CCampaigns kCampaigns({
       std::wstring_view(L"[]=;#\r\n \tabAX\u00C3\u00BC\0\u00FF\u0085", 19),
       2,
       true },
-    { "signed-ini", &SignedIni, { kSigned }, L"[]=;#\r\n Sign", 20, true },
+    { "signed_ini", &SignedIni, { kSigned }, L"[]=;#\r\n Sign", 20, true },
     { "keys", &Keys, { TestSupport::kKnownPublicKey, TestSupport::kKnownPrivateKey }, L"0123456789ABCDEFx ", 20 },
-    { "settings",
-      &Settings,
-      { L"[DEBUG]\r\nAPPLOG=1\r\nAPPLOGCUTOFFSIZEINKBYTE=9000\r\n[SETTINGS]\r\nHTTPEngine=2\r\nHTTPCheckServerCert=no\r\n",
-        L"[settings]\r\nhttpengine=99\r\n" },
-      L"[]=;\r\n \"019-",
-      40,
-      true },
-    { "typed-parameters",
-      &TypedParameters,
-      { L"text", L" \"quoted\" $r$n$$ ", L"line\r\nline", L"\u0000\u00F0?" },
-      L"\"$rn \r\n\t=;[\u00A0\u20AC\xD800",
-      8 },
-    { "renderers",
-      &Renderers,
-      { L"<script>alert(1)</script>", L"\u202Ea\x1B[31m", L"&amp;\"'", L"\xD83D\xDE00 \xD83D" },
-      L"<>&\"'\\\x1B\u202E\u200F\uFEFF /u",
-      20 },
+    { "settings", &Settings, { L"[DEBUG]\r\nAPPLOG=1\r\nAPPLOGCUTOFFSIZEINKBYTE=9000\r\n[SETTINGS]\r\nHTTPEngine=2\r\nHTTPCheckServerCert=no\r\n", L"[settings]\r\nhttpengine=99\r\n" }, L"[]=;\r\n \"019-", 40, true },
+    { "typed_parameters", &TypedParameters, { L"text", L" \"quoted\" $r$n$$ ", L"line\r\nline", L"\u0000\u00F0?" }, L"\"$rn \r\n\t=;[\u00A0\u20AC\xD800", 8 },
+    { "renderers", &Renderers, { L"<script>alert(1)</script>", L"\u202Ea\x1B[31m", L"&amp;\"'", L"\xD83D\xDE00 \xD83D" }, L"<>&\"'\\\x1B\u202E\u200F\uFEFF /u", 20 },
 });
+// clang-format on
 } // namespace
 } // namespace Stress

@@ -417,14 +417,14 @@ const bool kRegistered = []
     for (const CTransport& transport : kTransports)
         if (!transport.rewritesLoopback)
         {
-            const std::string suffix = std::string("-") + transport.name;
-            Register("Threads", "one-message" + suffix, [&] { OneMessage(transport); });
-            Register("Threads", "cancel-and-drop" + suffix, [&] { CancelAndDrop(transport); });
+            const std::string suffix = std::string("_") + transport.name;
+            Register("Threads", "one_message" + suffix, [&] { OneMessage(transport); });
+            Register("Threads", "cancel_and_drop" + suffix, [&] { CancelAndDrop(transport); });
             Register("Threads", "slope" + suffix, [&] { Slope(transport); });
         }
     Register("Threads", "stores", &Stores);
-    Register("Threads", "shared-log", &SharedLog);
-    Register("Threads", "killed-writers", &KilledWriters);
+    Register("Threads", "shared_log", &SharedLog);
+    Register("Threads", "killed_writers", &KilledWriters);
     Register("Child", "DISABLED_log", [] { WriteLines(kLinesOfAWriter); });
     Register("Child", "DISABLED_save", &SaveForEver);
     return true;
