@@ -55,6 +55,12 @@ void AnswerNumber(const Loopback::CRequest& request, Loopback::CConnection& conn
 
 // ---- messages
 
+// Whether requests may be cancelled at any moment. Wine's WinINet uses a handle's memory after another thread has closed it.
+bool MayCancel(const CTransport& transport)
+{
+    return transport.kind != 0 || !IsWine();
+}
+
 void OneMessage(const CTransport& transport)
 {
     const CServer server(&AnswerNumber);
@@ -71,7 +77,7 @@ void OneMessage(const CTransport& transport)
             {
                 const std::string number = std::to_string(thread) + '0' + std::to_string(random() % 1000);
                 Request request;
-                const bool isCancelled = random() % 4 == 0;
+                const bool isCancelled = random() % 4 == 0 && MayCancel(transport);
                 std::future<void> canceller;
                 if (SUCCEEDED(shared->OpenRequest(request)) && isCancelled)
                     canceller = std::async(std::launch::async, [request] { request->Cancel(); });
@@ -419,7 +425,12 @@ const bool kRegistered = []
         {
             const std::string suffix = std::string("_") + transport.name;
             Register("Threads", "one_message" + suffix, [&] { OneMessage(transport); });
-            Register("Threads", "cancel_and_drop" + suffix, [&] { CancelAndDrop(transport); });
+            Register("Threads", "cancel_and_drop" + suffix, [&]
+            {
+                if (!MayCancel(transport))
+                    GTEST_SKIP() << "Wine's WinINet uses a handle's memory after another thread has closed it";
+                CancelAndDrop(transport);
+            });
             Register("Threads", "slope" + suffix, [&] { Slope(transport); });
         }
     Register("Threads", "stores", &Stores);

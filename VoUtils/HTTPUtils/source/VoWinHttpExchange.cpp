@@ -513,7 +513,8 @@ void CExchange::JoinChunks()
     DWORD length = 0;
     if (FAILED(m_request.QueryHeaders(WINHTTP_QUERY_CONTENT_LENGTH | WINHTTP_QUERY_FLAG_NUMBER, length)))
         return;
-    m_joined.reserve(static_cast<size_t>(std::max<UINT64>(std::min(length, kMaximumReserve), m_received)));
+    const UINT64 most = m_bodyLimit != 0 ? std::min<UINT64>(m_bodyLimit, kMaximumReserve) : kMaximumReserve;
+    m_joined.reserve(static_cast<size_t>(std::max(std::min<UINT64>(length, most), m_received)));
     for (CChunk& chunk : m_chunks)
     {
         m_joined.insert(m_joined.end(), chunk.bytes.get(), chunk.bytes.get() + chunk.length);
