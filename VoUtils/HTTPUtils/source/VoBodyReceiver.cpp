@@ -67,9 +67,7 @@ std::vector<BYTE>& CVoByteBlocks::Join()
     return m_last;
 }
 
-// The body of a response
-
-size_t CVoBodyReceiver::CTextEnd::Take(std::span<const BYTE> piece) noexcept
+size_t CVoParameterTextEnd::Take(std::span<const BYTE> piece) noexcept
 {
     for (size_t i = 0; i < piece.size(); ++i)
     {
@@ -86,6 +84,8 @@ size_t CVoBodyReceiver::CTextEnd::Take(std::span<const BYTE> piece) noexcept
     }
     return piece.size();
 }
+
+// The body of a response
 
 void CVoBodyReceiver::SetSink(const CVoHTTPMessage& message, IVoResponseSink& sink, EResponseKind kind) noexcept
 {

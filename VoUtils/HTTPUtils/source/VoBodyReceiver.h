@@ -36,6 +36,19 @@ private:
     size_t m_fullSize = 0; // bytes of m_full
 };
 
+// Finds the "&&" behind parameter text that comes in pieces, as CVoBinaryDataParser::Parse does.
+class CVoParameterTextEnd
+{
+public:
+    // How many bytes of the piece belong to the text, the "&&" included.
+    [[nodiscard]] size_t Take(std::span<const BYTE> piece) noexcept;
+    [[nodiscard]] bool IsFound() const noexcept { return m_isFound; }
+
+private:
+    bool m_isFound = false;
+    BYTE m_before = 0; // '$' or '&' when it makes the next byte special
+};
+
 class CVoBodyReceiver
 {
 public:
@@ -80,19 +93,6 @@ public:
     static constexpr UINT64 kLoggedBytes = UINT64{ 64 } * 1024;
 
 private:
-    // Finds the "&&" behind parameter text that comes in pieces, as CVoBinaryDataParser::Parse does.
-    class CTextEnd
-    {
-    public:
-        // How many bytes of the piece belong to the text, the "&&" included.
-        [[nodiscard]] size_t Take(std::span<const BYTE> piece) noexcept;
-        [[nodiscard]] bool IsFound() const noexcept { return m_isFound; }
-
-    private:
-        bool m_isFound = false;
-        BYTE m_before = 0; // '$' or '&' when it makes the next byte special
-    };
-
     [[nodiscard]] HRESULT Check(std::span<const BYTE> bytes);
     [[nodiscard]] HRESULT GiveToSink(std::span<const BYTE> bytes);
 
@@ -103,8 +103,8 @@ private:
     bool m_refusedBySink = false;
 
     const CVoHTTPMessage* m_message = nullptr;
-    IVoResponseSink* m_sink = nullptr; // null: memory
-    std::optional<CTextEnd> m_text;    // of parameters in front of the payload
+    IVoResponseSink* m_sink = nullptr;         // null: memory
+    std::optional<CVoParameterTextEnd> m_text; // of parameters in front of the payload
     UINT64 m_logged = 0;
     bool m_hasWritten = false;
 

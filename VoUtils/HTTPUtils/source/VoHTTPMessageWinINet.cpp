@@ -24,9 +24,9 @@ constexpr DWORD kOptionMaximumConnectionsPerProxy = 103;
 // The transport core follows redirects.
 constexpr DWORD kRequestFlags = INTERNET_FLAG_RELOAD | INTERNET_FLAG_NO_CACHE_WRITE | INTERNET_FLAG_KEEP_CONNECTION |
                                 INTERNET_FLAG_NO_COOKIES | INTERNET_FLAG_NO_AUTO_REDIRECT;
-constexpr DWORD kMaximumPiece = 32'000; // bytes of a body, per write
-constexpr int kMaximumResends = 2;      // of a body: NTLM, the longest of the schemes, takes two
-constexpr DWORD kReadStep = 16 * 1024;  // bytes by which the buffer of a read grows
+constexpr DWORD kMaximumPiece = 32'000;           // bytes of a body, per write
+constexpr int kMaximumResends = 2;                // of a body: NTLM, the longest of the schemes, takes two
+constexpr size_t kReadStep = size_t{ 16 } * 1024; // bytes by which the buffer of a read grows
 constexpr DWORD kMaximumRead = 1024 * 1024;
 constexpr size_t kMaximumProbeBody = size_t{ 64 } * 1024; // bytes of the probe's response that are read
 constexpr DWORD kDialogFlags =
