@@ -15,16 +15,16 @@ namespace
 constexpr const wchar_t* kSource = L"..\\..\\source\\base\\VoSystemProperties";
 constexpr const wchar_t* kConstructor = L"CSystemCheckResult::CSystemCheckResult";
 
-// A version call that answers 6.2, as it does to a program that names no later system.
-CCallHook<decltype(&::GetVersionExW)> Version62()
+// The answer of the version call. It is 6.2 for a program that names no later system.
+CCallHook<decltype(&::GetVersionExW)> VersionIs(const CVersionFacts& facts)
 {
-    return { "kernel32.dll", "GetVersionExW", [](auto, OSVERSIONINFOW* version) -> BOOL
+    return { "kernel32.dll", "GetVersionExW", [facts](auto, OSVERSIONINFOW* version) -> BOOL
     {
         EXPECT_EQ(version->dwOSVersionInfoSize, 276u);
-        version->dwPlatformId = VER_PLATFORM_WIN32_NT;
-        version->dwMajorVersion = 6;
-        version->dwMinorVersion = 2;
-        version->szCSDVersion[0] = 0;
+        version->dwPlatformId = facts.platform;
+        version->dwMajorVersion = facts.major;
+        version->dwMinorVersion = facts.minor;
+        version->szCSDVersion[std::wstring_view(facts.servicePack).copy(version->szCSDVersion, 127)] = 0;
         return TRUE;
     } };
 }
@@ -68,12 +68,20 @@ TEST(SystemCheck, ClassesTheSystemByItsVersion)
         { { kNT, 10, 0, L"" }, {}, 6 },
     };
     for (const auto& c : kCases)
-        EXPECT_EQ(static_cast<int>(ClassOf(c.facts, c.registry)), c.expected) << c.facts.major << "." << c.facts.minor;
+    {
+        SCOPED_TRACE(testing::Message() << c.facts.major << "." << c.facts.minor);
+        EXPECT_EQ(static_cast<int>(ClassOf(c.facts, c.registry)), c.expected);
+        // The same as the platform answers it.
+        const auto version = VersionIs(c.facts);
+        const auto [major, minor] = c.registry.value_or(CVersionNumbers{ 6, 2 });
+        const auto registry = RegistryVersion(REG_DWORD, major, minor);
+        EXPECT_EQ(static_cast<int>(CSystemCheckResult().systemClass), c.expected);
+    }
 }
 
 TEST(SystemCheck, ReadsTheRegistryWhenTheVersionCallSays62)
 {
-    const auto version = Version62();
+    const auto version = VersionIs({ VER_PLATFORM_WIN32_NT, 6, 2, L"" });
     const auto keys = CAcquireBalance::Of<decltype(&::RegOpenKeyExW), decltype(&::RegCloseKey)>("advapi32.dll", "RegOpenKeyExW",
                                                                                                 "RegCloseKey", ESuccess::Zero);
     // `line`: of the report, 0 for none.
