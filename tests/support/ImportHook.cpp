@@ -43,6 +43,15 @@ T* AtOffset(DWORD offset) noexcept
     return reinterpret_cast<T*>(ProgramImage() + offset);
 }
 
+// Some linkers align the import table to four bytes only.
+template <class T>
+T Unaligned(const T* place) noexcept
+{
+    T value;
+    std::memcpy(&value, static_cast<const void*>(place), sizeof value);
+    return value;
+}
+
 bool IsImportOf(const IMAGE_THUNK_DATA64& thunk, const char* function) noexcept
 {
     if (IMAGE_SNAP_BY_ORDINAL64(thunk.u1.Ordinal))
@@ -66,9 +75,12 @@ std::vector<FARPROC*> FindEntries(const char* module, const char* function)
             continue;
         const auto* name = AtOffset<const IMAGE_THUNK_DATA64>(descriptor->OriginalFirstThunk);
         auto* entry = AtOffset<FARPROC>(descriptor->FirstThunk);
-        for (; name->u1.AddressOfData != 0; ++name, ++entry)
+        for (;; ++name, ++entry)
         {
-            if (IsImportOf(*name, function))
+            const IMAGE_THUNK_DATA64 thunk = Unaligned(name);
+            if (thunk.u1.AddressOfData == 0)
+                break;
+            if (IsImportOf(thunk, function))
                 entries.push_back(entry);
         }
     }
@@ -83,7 +95,7 @@ CImportHook::CImportHook(const char* module, const char* function) noexcept : m_
         ADD_FAILURE() << "The test program does not import " << function << " from " << module
                       << ": nothing is hooked and the test would prove nothing";
     else
-        m_original = *m_entries.front();
+        m_original = Unaligned(m_entries.front());
 }
 
 CImportHook::~CImportHook()
@@ -114,8 +126,10 @@ void CImportHook::Write(FARPROC expected, FARPROC value) noexcept
             ADD_FAILURE() << "The import of " << m_name << " cannot be written";
             continue;
         }
-        const FARPROC found = std::atomic_ref(*entry).exchange(value);
-        EXPECT_EQ(reinterpret_cast<void*>(found), reinterpret_cast<void*>(expected))
+        // Not std::atomic_ref, which demands an alignment.
+        void* const found =
+            ::InterlockedExchangePointer(reinterpret_cast<void* volatile*>(entry), reinterpret_cast<void*>(value));
+        EXPECT_EQ(found, reinterpret_cast<void*>(expected))
             << "Hooks of " << m_name << " must end in the reverse order of their beginning";
         Platform().virtualProtect(static_cast<void*>(entry), sizeof(*entry), protection, &protection);
     }
