@@ -20,6 +20,13 @@ namespace
 {
 constexpr const wchar_t* kSource = L"..\\source\\VoHTTPMessage";
 
+std::string TextOf(const CVoBodyPieces& body)
+{
+    std::string text(body.Length(), '\0');
+    EXPECT_EQ(CVoBodyReader(body).Read({ reinterpret_cast<BYTE*>(text.data()), text.size() }), text.size());
+    return text;
+}
+
 #ifdef __GNUC__
 // Where a virtual operation stands in the table, by what a pointer to it holds (the Itanium C++ ABI: one more than the offset).
 // The destructor has two entries there and counts as slot 0.
@@ -140,8 +147,39 @@ TEST(HTTPMessage, BothFormsOfSignMessageAppendTheSignatureOfTheBody)
     EXPECT_EQ(VoCreateContent(MakeMessage({ { L"a", L"1" } }), Kind::SignedForm, true, privateKey, L"sig",
                               CVoReporter{ kSource, L"test" }, {}, content),
               S_OK);
-    EXPECT_EQ(std::string(content.body.Data(), content.body.Data() + content.body.Length()), body);
+    EXPECT_EQ(TextOf(content.body), body);
     EXPECT_EQ(content.header, L"Content-Type: application/x-www-form-urlencoded; charset=UTF-8");
+}
+
+TEST(HTTPMessage, BodiesAreReadInPieces)
+{
+    CVoBinaryDataParser message = MakeMessage({ { L"a", L"1" } });
+    message.SetPayload({ 'x', 'y', 'z' });
+    const std::vector<CVoBinaryDataParser> messages = { message, message };
+    CVoHTTPContent content;
+    ASSERT_EQ(VoCreateMultipleContent(messages, true, content), S_OK);
+    std::string all;
+    for (const CVoBinaryDataParser& one : messages)
+    {
+        CVoByteBuffer bytes;
+        ASSERT_EQ(one.GetMessageDataWithSizePrefix(bytes.PutLength(), bytes.PutBytes(), false, true), S_OK);
+        all.append(bytes.Data(), bytes.Data() + bytes.Length());
+    }
+    EXPECT_EQ(TextOf(content.body), all);
+    for (size_t size = 1; size <= all.size() + 1; ++size)
+    {
+        std::vector<BYTE> buffer(size);
+        CVoBodyReader reader(content.body);
+        (void)reader.Read(buffer);
+        reader.Rewind();
+        std::string read;
+        for (std::span<const BYTE> next = reader.Next(buffer); !next.empty(); next = reader.Next(buffer))
+        {
+            EXPECT_TRUE(next.size() == size || read.size() + next.size() == all.size()) << size;
+            read.append(next.begin(), next.end());
+        }
+        EXPECT_EQ(read, all) << size;
+    }
 }
 
 TEST(HTTPMessage, CharsetAndUtf8AnywhereInTheContentTypeNameUtf8)

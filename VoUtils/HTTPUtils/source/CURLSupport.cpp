@@ -192,11 +192,10 @@ size_t read_callback(char* buffer, size_t size, size_t count, void* source) noex
         return 0;
     }
     auto& body = *static_cast<CBodySource*>(source);
-    const size_t copied = std::min(size * count, body.length - body.position);
+    size_t copied = 0;
     try
     {
-        if (copied > 0)
-            std::memcpy(buffer, body.data + body.position, copied);
+        copied = body.reader.Read({ reinterpret_cast<BYTE*>(buffer), size * count });
         body.position += copied;
     }
     catch (...)
@@ -223,6 +222,7 @@ curlioerr ioctl_callback(CURL* /*handle*/, int command, void* source) noexcept
     case CURLIOCMD_NOP:
         return CURLIOE_OK;
     case CURLIOCMD_RESTARTREAD:
+        static_cast<CBodySource*>(source)->reader.Rewind();
         static_cast<CBodySource*>(source)->position = 0;
         return CURLIOE_OK;
     default:

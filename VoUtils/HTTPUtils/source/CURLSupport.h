@@ -5,6 +5,7 @@
 #include "VoBodyReceiver.h"
 #include "VoContentDecoder.h"
 #include "VoContentLength.h"
+#include "VoHTTPContent.h"
 
 #include <VoHTTPMessage.h>
 
@@ -135,9 +136,9 @@ private:
 // The body of a request while it is sent.
 struct CBodySource
 {
-    const BYTE* data = nullptr;
+    CVoBodyReader reader;
     size_t length = 0;
-    size_t position = 0;
+    size_t position = 0;                 // of the reader
     std::atomic<UINT64>* sent = nullptr; // progress; may be null
     INT64* end = nullptr;                // when the last byte was taken (VoGetMicroseconds); may be null
 };

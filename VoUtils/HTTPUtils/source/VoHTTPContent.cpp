@@ -4,16 +4,24 @@
 #include <base/VoUtils.h>
 
 #include <algorithm>
+#include <cstring>
 #include <limits>
-#include <memory>
 
 namespace
 {
 constexpr const wchar_t* kSource = L"..\\source\\VoHTTPContent";
 
+constexpr size_t kMaximumBody = std::numeric_limits<UINT32>::max(); // the services take no more
+constexpr HRESULT kTooLong = HResultFromWin32(ERROR_ARITHMETIC_OVERFLOW);
+
 const wchar_t* CharsetSuffix(bool utf8) noexcept
 {
     return utf8 ? L"; charset=UTF-8" : L"";
+}
+
+std::span<const BYTE> BytesOf(std::string_view text) noexcept
+{
+    return { reinterpret_cast<const BYTE*>(text.data()), text.size() };
 }
 
 // A form's body: every value URL-encoded, then the parameter text as bytes.
@@ -32,6 +40,42 @@ HRESULT CreateFormBody(const CVoDataParser& parameters, bool utf8, CVoByteBuffer
 }
 } // namespace
 
+size_t CVoBodyReader::Read(std::span<BYTE> buffer)
+{
+    size_t copied = 0;
+    while (copied < buffer.size() && !m_rest.empty())
+    {
+        const std::span<const BYTE> piece = m_rest.front().subspan(m_position);
+        const size_t count = std::min(piece.size(), buffer.size() - copied);
+        std::memcpy(buffer.data() + copied, piece.data(), count);
+        copied += count;
+        m_position += count;
+        if (count == piece.size())
+        {
+            m_rest = m_rest.subspan(1);
+            m_position = 0;
+        }
+    }
+    return copied;
+}
+
+std::span<const BYTE> CVoBodyReader::Next(std::span<BYTE> buffer)
+{
+    if (m_rest.empty())
+        return {};
+    const std::span<const BYTE> piece = m_rest.front().subspan(m_position);
+    if (piece.size() < buffer.size() && m_rest.size() > 1)
+        return buffer.first(Read(buffer));
+    const std::span<const BYTE> next = piece.first(std::min(piece.size(), buffer.size()));
+    m_position += next.size();
+    if (next.size() == piece.size())
+    {
+        m_rest = m_rest.subspan(1);
+        m_position = 0;
+    }
+    return next;
+}
+
 HRESULT VoCreateContent(const CVoBinaryDataParser& parameters, CVoHTTPMessage::EContentKind kind, bool utf8,
                         std::wstring_view key, std::wstring_view signatureParameterName, const CVoReporter& report,
                         const CVoContentTracePoints& points, CVoHTTPContent& content)
@@ -41,17 +85,26 @@ HRESULT VoCreateContent(const CVoBinaryDataParser& parameters, CVoHTTPMessage::E
     switch (kind)
     {
     case CVoHTTPMessage::EContentKind::Raw:
-        if (const HRESULT hr = parameters.GetMessageData(made.body.PutLength(), made.body.PutBytes(), false, utf8); FAILED(hr))
+        made.texts.resize(1);
+        if (const HRESULT hr = parameters.GetMessageHead(false, false, utf8, made.texts[0]); FAILED(hr))
             return report(points.raw, hr);
+        made.body.Add(BytesOf(made.texts[0]));
+        made.body.Add(parameters.Payload());
         made.header = VoFormat(L"Content-Type: application/octet-stream%ls", CharsetSuffix(utf8));
         break;
 
     case CVoHTTPMessage::EContentKind::Multipart:
     {
         std::wstring boundary;
-        if (const HRESULT hr = parameters.GetFormMessageData(made.body.PutLength(), made.body.PutBytes(), boundary, utf8);
+        bool sendsPayload = false;
+        made.texts.resize(2);
+        if (const HRESULT hr = parameters.GetFormMessageEnds(utf8, made.texts[0], sendsPayload, made.texts[1], boundary);
             FAILED(hr))
             return report(points.multipart, hr);
+        made.body.Add(BytesOf(made.texts[0]));
+        if (sendsPayload)
+            made.body.Add(parameters.Payload());
+        made.body.Add(BytesOf(made.texts[1]));
         made.header = VoFormat(L"Content-Type: multipart/form-data%ls; boundary=%ls", CharsetSuffix(utf8), boundary.c_str());
         break;
     }
@@ -66,11 +119,12 @@ HRESULT VoCreateContent(const CVoBinaryDataParser& parameters, CVoHTTPMessage::E
             return report(points.signedName, E_INVALIDARG);
         if (hasPayload)
             return report(isSigned ? points.signedPayload : points.formPayload, E_NOTIMPL);
-        if (const HRESULT hr = CreateFormBody(parameters, utf8, made.body); FAILED(hr))
+        if (const HRESULT hr = CreateFormBody(parameters, utf8, made.form); FAILED(hr))
             return report(isSigned ? points.signedForm : points.form, hr);
         if (isSigned)
-            if (const HRESULT hr = CVoHTTPMessage::SignMessage(true, made.body, key, signatureParameterName); FAILED(hr))
+            if (const HRESULT hr = CVoHTTPMessage::SignMessage(true, made.form, key, signatureParameterName); FAILED(hr))
                 return report(points.sign, hr);
+        made.body.Add(made.form.Bytes());
         made.header = VoFormat(L"Content-Type: application/x-www-form-urlencoded%ls", CharsetSuffix(utf8));
         break;
     }
@@ -84,6 +138,8 @@ HRESULT VoCreateContent(const CVoBinaryDataParser& parameters, CVoHTTPMessage::E
     default:
         return report(points.unknownKind, E_NOTIMPL);
     }
+    if (made.body.Length() > kMaximumBody)
+        return report(kind == CVoHTTPMessage::EContentKind::Multipart ? points.multipart : points.raw, kTooLong);
     content = std::move(made);
     return S_OK;
 }
@@ -91,32 +147,19 @@ HRESULT VoCreateContent(const CVoBinaryDataParser& parameters, CVoHTTPMessage::E
 HRESULT VoCreateMultipleContent(std::span<const CVoBinaryDataParser> messages, bool utf8, CVoHTTPContent& content)
 {
     constexpr CVoReporter report{ kSource, L"VoCreateMultipleContent" };
-    std::vector<CVoByteBuffer> parts(messages.size());
-    size_t total = 0;
+    CVoHTTPContent made;
+    made.texts.resize(messages.size());
     for (size_t i = 0; i < messages.size(); ++i)
     {
-        const HRESULT hr = messages[i].GetMessageDataWithSizePrefix(parts[i].PutLength(), parts[i].PutBytes(), false, utf8);
-        if (FAILED(hr))
+        if (const HRESULT hr = messages[i].GetMessageHead(true, false, utf8, made.texts[i]); FAILED(hr))
             return report(120, hr);
-        total += parts[i].Length();
+        if (made.texts[i].size() + messages[i].Payload().size() > kMaximumBody)
+            return report(122, kTooLong);
+        made.body.Add(BytesOf(made.texts[i]));
+        made.body.Add(messages[i].Payload());
     }
-    if (total > std::numeric_limits<UINT32>::max())
+    if (made.body.Length() > kMaximumBody)
         return report(125, E_INVALIDARG);
-
-    CVoHTTPContent made;
-    if (parts.size() == 1)
-        made.body = std::move(parts.front());
-    else if (total > 0)
-    {
-        auto body = std::make_unique_for_overwrite<BYTE[]>(total);
-        BYTE* end = body.get();
-        for (CVoByteBuffer& part : parts)
-        {
-            end = std::copy_n(part.Data(), part.Length(), end);
-            part.Reset();
-        }
-        made.body = CVoByteBuffer(std::move(body), static_cast<UINT32>(total));
-    }
     made.header = VoFormat(L"Content-Type: application/octet-stream%ls", CharsetSuffix(utf8));
     content = std::move(made);
     return S_OK;

@@ -8,10 +8,59 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
+
+// The bytes of a body: pieces that are sent one after the other, so that a large payload is sent from where it is. It owns none
+// of them.
+class CVoBodyPieces
+{
+public:
+    // Throws std::bad_alloc.
+    void Add(std::span<const BYTE> piece)
+    {
+        if (piece.empty())
+            return;
+        m_pieces.push_back(piece);
+        m_length += piece.size();
+    }
+    [[nodiscard]] size_t Length() const noexcept { return m_length; }
+    [[nodiscard]] std::span<const std::span<const BYTE>> Pieces() const noexcept { return m_pieces; }
+
+private:
+    std::vector<std::span<const BYTE>> m_pieces; // none is empty
+    size_t m_length = 0;
+};
+
+// Reads a body from its beginning.
+class CVoBodyReader
+{
+public:
+    CVoBodyReader() = default;
+    explicit CVoBodyReader(const CVoBodyPieces& body) noexcept : m_all(body.Pieces()), m_rest(m_all) {}
+
+    // Begins again.
+    void Rewind() noexcept
+    {
+        m_rest = m_all;
+        m_position = 0;
+    }
+    // Copies the next bytes. Returns how many; fewer than the buffer takes at the end only.
+    size_t Read(std::span<BYTE> buffer);
+    // The next `length` bytes where they are, when they lie in one piece, else copied to `buffer`, which has so many. Fewer at
+    // the end; none behind it.
+    [[nodiscard]] std::span<const BYTE> Next(std::span<BYTE> buffer);
+
+private:
+    std::span<const std::span<const BYTE>> m_all;
+    std::span<const std::span<const BYTE>> m_rest;
+    size_t m_position = 0; // in the first piece of m_rest
+};
 
 struct CVoHTTPContent
 {
-    CVoByteBuffer body;
+    CVoBodyPieces body;             // in the following, and in the payloads of the caller's messages
+    std::vector<std::string> texts; // not changed any more once the body refers to it
+    CVoByteBuffer form;
     std::wstring header; // "Content-Type: ...", or "Content-Type:" without a value when there is no body
 };
 
@@ -38,12 +87,12 @@ struct CVoContentTracePoints
 };
 
 // The body of SendMessage; see CVoHTTPMessage::SendMessage for arguments and codes. Failures are reported through `report` at
-// the given numbers. `content` is untouched on failure. Throws std::bad_alloc.
+// the given numbers. `content` refers to the payload of `parameters`; it is untouched on failure. Throws std::bad_alloc.
 [[nodiscard]] HRESULT VoCreateContent(const CVoBinaryDataParser& parameters, CVoHTTPMessage::EContentKind kind, bool utf8,
                                       std::wstring_view key, std::wstring_view signatureParameterName,
                                       const CVoReporter& report, const CVoContentTracePoints& points, CVoHTTPContent& content);
 
 // The body of SendMultipleMessages: the messages one after the other, each behind its length. E_INVALIDARG when they are longer
-// than 4 GB together. `content` is untouched on failure. Throws std::bad_alloc.
+// than 4 GB together. `content` refers to the payloads of the messages; it is untouched on failure. Throws std::bad_alloc.
 [[nodiscard]] HRESULT VoCreateMultipleContent(std::span<const CVoBinaryDataParser> messages, bool utf8,
                                               CVoHTTPContent& content);

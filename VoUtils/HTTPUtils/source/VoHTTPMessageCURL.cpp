@@ -65,7 +65,7 @@ private:
     [[nodiscard]] std::shared_ptr<CRequest> MakeRequest() override;
     [[nodiscard]] HRESULT OpenHandle(CRequest& opened) override;
     [[nodiscard]] HRESULT CloseHandle(CRequest& /*request*/) noexcept override { return S_OK; } // its connections are its own
-    [[nodiscard]] HRESULT SendOnce(CRequest& sent, std::span<const BYTE> body, const std::wstring& contentType) override;
+    [[nodiscard]] HRESULT SendOnce(CRequest& sent, const CVoBodyPieces& body, const std::wstring& contentType) override;
     [[nodiscard]] HRESULT UseCredentials(CRequest& asked, bool proxy, const CCredentials& typed) override;
     [[nodiscard]] HRESULT ResetConnection(CRequest& failed) noexcept override;
     void EndSend(CRequest& sent) noexcept override;
@@ -77,7 +77,7 @@ private:
     [[nodiscard]] CVoFailure ExplainFailure(const CRequest& failed, HRESULT result) const override;
 
     [[nodiscard]] HRESULT PrepareSend(CHTTPRequestDataCURL& request, const std::wstring& contentType);
-    [[nodiscard]] HRESULT Perform(CHTTPRequestDataCURL& request, std::span<const BYTE> body);
+    [[nodiscard]] HRESULT Perform(CHTTPRequestDataCURL& request, const CVoBodyPieces& body);
     static void NoteTarget(CHTTPRequestDataCURL& request, CURLcode code) noexcept;
     [[nodiscard]] static HRESULT ReadTarget(CHTTPRequestDataCURL& request);
     [[nodiscard]] HRESULT GoToTarget(CHTTPRequestDataCURL& request) const;
@@ -416,7 +416,7 @@ HRESULT CVoHTTPMessageCURL::PrepareSend(CHTTPRequestDataCURL& request, const std
     return S_OK;
 }
 
-HRESULT CVoHTTPMessageCURL::SendOnce(CRequest& sent, std::span<const BYTE> body, const std::wstring& contentType)
+HRESULT CVoHTTPMessageCURL::SendOnce(CRequest& sent, const CVoBodyPieces& body, const std::wstring& contentType)
 {
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::internalSendRAW" };
     auto& request = static_cast<CHTTPRequestDataCURL&>(sent);
@@ -431,7 +431,7 @@ HRESULT CVoHTTPMessageCURL::SendOnce(CRequest& sent, std::span<const BYTE> body,
         m_connections = std::make_shared<CCURLConnections>();
     if (const HRESULT hr = request.UseConnections(m_connections); FAILED(hr))
         return report(900, hr);
-    WriteDataToLogFile(EDataDirection::Written, body.data(), static_cast<UINT32>(body.size()));
+    WriteBodyToLogFile(body);
     const HRESULT hr = Perform(request, body);
     request.ReadLocalAddress();
     if (FAILED(hr))
@@ -444,11 +444,11 @@ HRESULT CVoHTTPMessageCURL::SendOnce(CRequest& sent, std::span<const BYTE> body,
 }
 
 // One transfer.
-HRESULT CVoHTTPMessageCURL::Perform(CHTTPRequestDataCURL& request, std::span<const BYTE> body)
+HRESULT CVoHTTPMessageCURL::Perform(CHTTPRequestDataCURL& request, const CVoBodyPieces& body)
 {
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::internalSendRAW" };
     CURL* const handle = request.m_handle.get();
-    CBodySource source{ body.data(), body.size(), 0, &request.m_sent, &request.m_trace.sent };
+    CBodySource source{ CVoBodyReader(body), body.Length(), 0, &request.m_sent, &request.m_trace.sent };
     CCURLWriteCallbackData received{ .handle = handle,
                                      .success = MakeReceiver(request),
                                      .failure = CVoBodyReceiver(request.m_limits.bodyBytes),
@@ -466,7 +466,7 @@ HRESULT CVoHTTPMessageCURL::Perform(CHTTPRequestDataCURL& request, std::span<con
     received.headers = &headers;
     if (const HRESULT hr = request.SetBodySource(source); FAILED(hr))
         return hr;
-    if (const HRESULT hr = request.SetTransfer(body.size(), headers, received); FAILED(hr))
+    if (const HRESULT hr = request.SetTransfer(body.Length(), headers, received); FAILED(hr))
         return hr;
     const CURLcode code = request.m_transfer.End(curl_easy_perform(handle));
     if (received.isQuiet)

@@ -91,7 +91,7 @@ private:
     [[nodiscard]] std::shared_ptr<CRequest> MakeRequest() override;
     [[nodiscard]] HRESULT OpenHandle(CRequest& opened) override;
     [[nodiscard]] HRESULT CloseHandle(CRequest& opened) noexcept override;
-    [[nodiscard]] HRESULT SendOnce(CRequest& sent, std::span<const BYTE> body, const std::wstring& contentType) override;
+    [[nodiscard]] HRESULT SendOnce(CRequest& sent, const CVoBodyPieces& body, const std::wstring& contentType) override;
     [[nodiscard]] bool ReadSetCookie(const CRequest& request, DWORD index, std::wstring& value) const override;
     [[nodiscard]] HRESULT FetchBody(CRequest& answered, CVoBodyReceiver& body) override;
     [[nodiscard]] HRESULT FetchPieces(CHTTPRequestDataWinHTTP& request, CVoBodyReceiver& body) const;
@@ -448,14 +448,14 @@ HRESULT CVoHTTPMessageWinHTTP::MakeExchange(CHTTPRequestDataWinHTTP& request, st
     return S_OK;
 }
 
-HRESULT CVoHTTPMessageWinHTTP::SendOnce(CRequest& sent, std::span<const BYTE> body, const std::wstring& contentType)
+HRESULT CVoHTTPMessageWinHTTP::SendOnce(CRequest& sent, const CVoBodyPieces& body, const std::wstring& contentType)
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinHTTP::SendOnce" };
     auto& request = static_cast<CHTTPRequestDataWinHTTP&>(sent);
     request.m_isFinal = true; // until the request is on its way
-    if (const HRESULT hr = MakeExchange(request, body, contentType); FAILED(hr))
+    if (const HRESULT hr = MakeExchange(request, Joined(body), contentType); FAILED(hr))
         return report(478, hr);
-    WriteDataToLogFile(EDataDirection::Written, body.data(), static_cast<UINT32>(body.size()));
+    WriteBodyToLogFile(body);
     if (const HRESULT hr = request.m_exchange->Send(); FAILED(hr))
         return report(480, hr);
     HRESULT result = S_OK;

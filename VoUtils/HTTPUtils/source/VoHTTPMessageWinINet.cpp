@@ -11,6 +11,7 @@
 #include <base/VoUtils.h>
 
 #include <algorithm>
+#include <array>
 #include <limits>
 
 namespace VoHTTPMessageWinINet
@@ -84,7 +85,7 @@ private:
     [[nodiscard]] std::shared_ptr<CRequest> MakeRequest() override;
     [[nodiscard]] HRESULT OpenHandle(CRequest& opened) override;
     [[nodiscard]] HRESULT CloseHandle(CRequest& request) noexcept override;
-    [[nodiscard]] HRESULT SendOnce(CRequest& sent, std::span<const BYTE> body, const std::wstring& contentType) override;
+    [[nodiscard]] HRESULT SendOnce(CRequest& sent, const CVoBodyPieces& body, const std::wstring& contentType) override;
     [[nodiscard]] bool ReadSetCookie(const CRequest& request, DWORD index, std::wstring& value) const override;
     [[nodiscard]] HRESULT FetchBody(CRequest& answered, CVoBodyReceiver& body) override;
     void CancelCall(CRequest& request) noexcept override;
@@ -107,7 +108,7 @@ private:
                                    UINT64 maximum = std::numeric_limits<UINT64>::max(),
                                    INT64 end = std::numeric_limits<INT64>::max());
     [[nodiscard]] static HRESULT SetCookie(const CHTTPRequestDataWinINet& request, std::wstring& headers);
-    [[nodiscard]] HRESULT WriteBody(CHTTPRequestDataWinINet& request, std::span<const BYTE> body) const noexcept;
+    [[nodiscard]] HRESULT WriteBody(CHTTPRequestDataWinINet& request, const CVoBodyPieces& body) const noexcept;
 
     CInternetHandle m_session;
     CInternetHandle m_connection;
@@ -469,7 +470,7 @@ HRESULT CVoHTTPMessageWinINet::SetCookie(const CHTTPRequestDataWinINet& request,
     return S_OK;
 }
 
-HRESULT CVoHTTPMessageWinINet::SendOnce(CRequest& sent, std::span<const BYTE> body, const std::wstring& contentType)
+HRESULT CVoHTTPMessageWinINet::SendOnce(CRequest& sent, const CVoBodyPieces& body, const std::wstring& contentType)
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::SendBody" };
     auto& request = static_cast<CHTTPRequestDataWinINet&>(sent);
@@ -482,13 +483,13 @@ HRESULT CVoHTTPMessageWinINet::SendOnce(CRequest& sent, std::span<const BYTE> bo
         headers += contentType + L"\r\n";
     for (int resends = 0;; ++resends)
     {
-        if (const HRESULT hr = BeginSend(request, static_cast<DWORD>(body.size()), headers); FAILED(hr))
+        if (const HRESULT hr = BeginSend(request, static_cast<DWORD>(body.Length()), headers); FAILED(hr))
             return report(690, hr);
         if (std::wstring address = internalGetClientIPAddressAndSendBufferSize(handle); !address.empty())
             request.m_localAddress = std::move(address);
         if (const HRESULT hr = WriteBody(request, body); FAILED(hr))
             return report(692, hr);
-        if (CallBack* const callBack = GetCallBack(); callBack && !body.empty())
+        if (CallBack* const callBack = GetCallBack(); callBack && body.Length() != 0)
             callBack->OnRequestSent();
         request.m_trace.sent = VoGetMicroseconds();
         if (request.Use([](HINTERNET used) { return ::HttpEndRequestW(used, nullptr, HSR_SYNC, 0); }))
@@ -526,22 +527,22 @@ HRESULT CVoHTTPMessageWinINet::BeginSend(CHTTPRequestDataWinINet& request, DWORD
     return send(0) ? S_OK : report.LastError(705, 706);
 }
 
-HRESULT CVoHTTPMessageWinINet::WriteBody(CHTTPRequestDataWinINet& request, std::span<const BYTE> body) const noexcept
+HRESULT CVoHTTPMessageWinINet::WriteBody(CHTTPRequestDataWinINet& request, const CVoBodyPieces& body) const noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::WriteBody" };
+    std::array<BYTE, kMaximumPiece> buffer{};
     request.m_sent = 0;
-    for (size_t position = 0; position < body.size();)
+    CVoBodyReader reader(body);
+    for (std::span<const BYTE> piece = reader.Next(buffer); !piece.empty(); piece = reader.Next(buffer))
     {
-        const auto piece = static_cast<DWORD>(std::min<size_t>(kMaximumPiece, body.size() - position));
         DWORD written = 0;
         if (!request.Use([&](HINTERNET handle)
-        { return ::InternetWriteFile(handle, body.data() + position, piece, &written); }))
+        { return ::InternetWriteFile(handle, piece.data(), static_cast<DWORD>(piece.size()), &written); }))
             return report.LastError(710, 711);
-        WriteDataToLogFile(EDataDirection::Written, body.data() + position, written);
-        if (written != piece)
+        WriteDataToLogFile(EDataDirection::Written, piece.data(), written);
+        if (written != piece.size())
             return report(715, E_FAIL);
-        position += piece;
-        request.m_sent = position;
+        request.m_sent += written;
     }
     return S_OK;
 }

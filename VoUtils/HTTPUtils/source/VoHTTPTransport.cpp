@@ -7,6 +7,7 @@
 #include <VoGlobalHTTPCookieStoreImpl.h>
 #include <VoProxyList.h>
 
+#include <base/VoModuleInformation.h>
 #include <base/VoUtils.h>
 #include <base/com/VoComHelper.h>
 
@@ -443,6 +444,11 @@ HRESULT CVoHTTPTransport::internalSend(CRequest& request, const CVoHTTPContent& 
         }
     }
     EndSend(request);
+    if (m_joinedSize > kMaximumKeptBody)
+    {
+        m_joined.reset();
+        m_joinedSize = 0;
+    }
 
     if (SUCCEEDED(hr) && m_facts.notifiesAfterStatus)
         if (CallBack* const callBack = GetCallBack())
@@ -461,6 +467,33 @@ HRESULT CVoHTTPTransport::internalSend(CRequest& request, const CVoHTTPContent& 
         result->localAddress = request.m_localAddress;
     }
     return hr;
+}
+
+std::span<const BYTE> CVoHTTPTransport::Joined(const CVoBodyPieces& body)
+{
+    if (body.Pieces().size() <= 1)
+        return body.Pieces().empty() ? std::span<const BYTE>() : body.Pieces().front();
+    if (m_joinedSize < body.Length())
+    {
+        m_joinedSize = 0;
+        m_joined.reset(); // before the new one is made
+        m_joined = std::make_unique_for_overwrite<BYTE[]>(body.Length());
+        m_joinedSize = body.Length();
+    }
+    return { m_joined.get(), CVoBodyReader(body).Read({ m_joined.get(), body.Length() }) };
+}
+
+void CVoHTTPTransport::WriteBodyToLogFile(const CVoBodyPieces& body) noexcept
+try
+{
+    if (!CVoModuleInformation::Get().IsDebug())
+        return;
+    const std::span<const BYTE> all = Joined(body);
+    WriteDataToLogFile(EDataDirection::Written, all.data(), static_cast<UINT32>(all.size()));
+}
+catch (...)
+{
+    // No memory for the body: the data log is only for the developer.
 }
 
 bool CVoHTTPTransport::Pause(const CRequest& request, INT64 microseconds) noexcept
@@ -494,7 +527,8 @@ catch (...)
 HRESULT CVoHTTPTransport::Attempt(CRequest& request, const CVoHTTPContent& content)
 {
     const CVoReporter report{ m_points.source, m_points.internalSendRAW.function };
-    std::span<const BYTE> body = content.body.Bytes();
+    const CVoBodyPieces none;
+    const CVoBodyPieces* body = &content.body;
     std::wstring contentType = content.header;
     request.m_statusCode = 0;
     request.m_target = request.m_address;
@@ -511,7 +545,7 @@ HRESULT CVoHTTPTransport::Attempt(CRequest& request, const CVoHTTPContent& conte
             return kResultCancelled;
         if (m_facts.cookiesAtSend)
             LookUpCookies(request);
-        const HRESULT hr = SendToTarget(request, body, contentType);
+        const HRESULT hr = SendToTarget(request, *body, contentType);
         // Also those of a challenge that nobody answered. A 407 is the proxy's answer, not the server's.
         if (!m_facts.storesCookies && request.m_statusCode != 0 && request.m_statusCode != kStatusProxyAuthenticationRequired)
             StoreCookies(request);
@@ -523,14 +557,14 @@ HRESULT CVoHTTPTransport::Attempt(CRequest& request, const CVoHTTPContent& conte
         if (!KeepsMethod(request.m_statusCode))
         {
             request.m_targetVerb = L"GET";
-            body = {};
+            body = &none;
             contentType.clear();
         }
     }
 }
 
 // Sends to the request's target until nobody asks for credentials any more.
-HRESULT CVoHTTPTransport::SendToTarget(CRequest& request, std::span<const BYTE> body, const std::wstring& contentType)
+HRESULT CVoHTTPTransport::SendToTarget(CRequest& request, const CVoBodyPieces& body, const std::wstring& contentType)
 {
     const CVoReporter report{ m_points.source, m_points.internalSendRAW.function };
     std::wstring asking; // who asked last
@@ -538,7 +572,7 @@ HRESULT CVoHTTPTransport::SendToTarget(CRequest& request, std::span<const BYTE> 
     {
         request.m_statusCode = 0;
         request.m_sent = 0;
-        request.m_toSend = body.size();
+        request.m_toSend = body.Length();
         request.m_received = 0;
         request.m_toReceive = 0;
         request.m_isUsed = true;

@@ -286,6 +286,10 @@ protected:
     [[nodiscard]] DWORD ErrorBodyTime() const noexcept { return std::min(m_requestTimeout, UINT32{ 5 }) * 1000; }
     // Takes the body of the request's response.
     [[nodiscard]] CVoBodyReceiver MakeReceiver(const CRequest& request) const;
+    // The body in one piece of memory, which is valid until the send is over. Throws std::bad_alloc.
+    [[nodiscard]] std::span<const BYTE> Joined(const CVoBodyPieces& body);
+    // Writes the body to the data log when that is on.
+    void WriteBodyToLogFile(const CVoBodyPieces& body) noexcept;
     // Gives the cookies of the response to the store.
     void StoreCookies(const CRequest& request) const;
     // The number of a header's value; nothing where it is missing or no number (Content-Length: RFC 9110, section 8.6).
@@ -308,7 +312,7 @@ private:
     [[nodiscard]] virtual HRESULT CloseHandle(CRequest& request) noexcept = 0;
     // Sends the request once to m_target and waits for the status: sets m_statusCode (when there is one), the progress counters
     // and m_localAddress. S_OK with any status; a failure has been reported.
-    [[nodiscard]] virtual HRESULT SendOnce(CRequest& request, std::span<const BYTE> body, const std::wstring& contentType) = 0;
+    [[nodiscard]] virtual HRESULT SendOnce(CRequest& request, const CVoBodyPieces& body, const std::wstring& contentType) = 0;
     // Sets credentials that AskForCredentials gave for the next SendOnce (asksBetweenSends only).
     [[nodiscard]] virtual HRESULT UseCredentials(CRequest& /*request*/, bool /*proxy*/, const CCredentials& /*credentials*/)
     {
@@ -368,7 +372,7 @@ private:
 
     [[nodiscard]] HRESULT internalSend(CRequest& request, const CVoHTTPContent& content, bool allowRetry, CSendResult* result);
     [[nodiscard]] HRESULT Attempt(CRequest& request, const CVoHTTPContent& content);
-    [[nodiscard]] HRESULT SendToTarget(CRequest& request, std::span<const BYTE> body, const std::wstring& contentType);
+    [[nodiscard]] HRESULT SendToTarget(CRequest& request, const CVoBodyPieces& body, const std::wstring& contentType);
     [[nodiscard]] HRESULT Judge(const CRequest& request, HRESULT result) const;
     [[nodiscard]] bool FollowRedirect(CRequest& request) const;
     [[nodiscard]] std::optional<INT64> RetryAfter(const CRequest& request) const noexcept;
@@ -420,8 +424,12 @@ private:
     const CVoTransportFacts m_facts;
     UINT64 m_connectionNumber = 0;
     std::vector<std::weak_ptr<CRequest>> m_requests; // of the current connection
-    std::atomic<int> m_closers{ 0 };                 // threads that close the connection
-    CEvent m_wake{ false, true };                    // set when a pause between two attempts may have to end
+    // For Joined. Kept for the next send up to kMaximumKeptBody bytes: the pages of fresh memory cost more than the copy.
+    static constexpr size_t kMaximumKeptBody = size_t{ 16 } * 1024 * 1024;
+    std::unique_ptr<BYTE[]> m_joined;
+    size_t m_joinedSize = 0;
+    std::atomic<int> m_closers{ 0 }; // threads that close the connection
+    CEvent m_wake{ false, true };    // set when a pause between two attempts may have to end
     // Guards the stores, the callback and the requests' credentials against the transport's own threads, which meet challenges
     // while the caller's thread waits with the message's lock held. Taken after that lock.
     mutable CCriticalSection m_storesLock;

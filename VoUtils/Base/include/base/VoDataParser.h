@@ -255,6 +255,12 @@ public:
     // the body's structure.
     [[nodiscard]] HRESULT GetFormMessageData(UINT32* length, BYTE** buffer, std::wstring& boundary,
                                              bool useUtf8) const noexcept;
+    // What stands in front of the payload in these two messages, and behind it, so that a caller can send a large payload from
+    // where it is. `withSizePrefix` is for GetMessageDataWithSizePrefix. `sendsPayload`: whether the payload belongs to the
+    // form. The caller refuses a message that is too long. Outputs are written on success only.
+    [[nodiscard]] HRESULT GetMessageHead(bool withSizePrefix, bool skipParams, bool useUtf8, std::string& head) const noexcept;
+    [[nodiscard]] HRESULT GetFormMessageEnds(bool useUtf8, std::string& head, bool& sendsPayload, std::string& foot,
+                                             std::wstring& boundary) const noexcept;
     // The parameters as parameter text in bytes, without "&&" and payload (the body of a form); the buffer as above.
     [[nodiscard]] HRESULT GetParamData(bool useUtf8, UINT32* length, BYTE** buffer) const noexcept;
 

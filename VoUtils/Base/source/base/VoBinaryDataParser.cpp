@@ -232,8 +232,8 @@ HRESULT CVoBinaryDataParser::GetParamData(bool useUtf8, UINT32* length, BYTE** b
     return report.Guard(767, body);
 }
 
-HRESULT CVoBinaryDataParser::internalGetMessageData(bool withSizePrefix, UINT32* length, BYTE** buffer, bool skipParams,
-                                                    bool useUtf8) const noexcept
+HRESULT CVoBinaryDataParser::GetMessageHead(bool withSizePrefix, bool skipParams, bool useUtf8,
+                                            std::string& head) const noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::GetMessageData" };
     const auto body = [&]() -> HRESULT
@@ -243,12 +243,27 @@ HRESULT CVoBinaryDataParser::internalGetMessageData(bool withSizePrefix, UINT32*
             if (const HRESULT hr = ParamBytes(useUtf8, kTerminator, text); FAILED(hr))
                 return report(778, hr);
         const size_t messageLength = text.size() + m_payload.size();
-        // Little-endian whatever the machine. It does not count itself; a length that does not fit is
-        // refused below.
-        BYTE prefix[kSizePrefixLength];
-        for (size_t i = 0; i < kSizePrefixLength; ++i)
-            prefix[i] = static_cast<BYTE>(messageLength >> (8 * i) & 0xFF);
-        const std::span<const BYTE> pieces[] = { { prefix, withSizePrefix ? kSizePrefixLength : 0 }, BytesOf(text), m_payload };
+        // Little-endian whatever the machine. It does not count itself.
+        std::string prefix(withSizePrefix ? kSizePrefixLength : 0, '\0');
+        for (size_t i = 0; i < prefix.size(); ++i)
+            prefix[i] = static_cast<char>(messageLength >> (8 * i) & 0xFF);
+        text.insert(0, prefix);
+        head = std::move(text);
+        return S_OK;
+    };
+    return report.Guard(782, body);
+}
+
+HRESULT CVoBinaryDataParser::internalGetMessageData(bool withSizePrefix, UINT32* length, BYTE** buffer, bool skipParams,
+                                                    bool useUtf8) const noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::GetMessageData" };
+    const auto body = [&]() -> HRESULT
+    {
+        std::string head;
+        if (const HRESULT hr = GetMessageHead(withSizePrefix, skipParams, useUtf8, head); FAILED(hr))
+            return hr;
+        const std::span<const BYTE> pieces[] = { BytesOf(head), m_payload };
         if (const HRESULT hr = HandOut(pieces, length, buffer); FAILED(hr))
             return report(786, hr);
         return S_OK;
@@ -276,6 +291,28 @@ HRESULT CVoBinaryDataParser::GetFormMessageData(UINT32* length, BYTE** buffer, s
     constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::GetFormMessageData" };
     const auto body = [&]() -> HRESULT
     {
+        std::string head;
+        std::string foot;
+        bool sendsPayload = false;
+        std::wstring line;
+        if (const HRESULT hr = GetFormMessageEnds(useUtf8, head, sendsPayload, foot, line); FAILED(hr))
+            return hr;
+        const std::span<const BYTE> payload = sendsPayload ? Payload() : std::span<const BYTE>();
+        const std::span<const BYTE> pieces[] = { BytesOf(head), payload, BytesOf(foot) };
+        if (const HRESULT hr = HandOut(pieces, length, buffer); FAILED(hr))
+            return report(853, hr);
+        boundary = std::move(line);
+        return S_OK;
+    };
+    return report.Guard(859, body);
+}
+
+HRESULT CVoBinaryDataParser::GetFormMessageEnds(bool useUtf8, std::string& head, bool& sendsPayload, std::string& foot,
+                                                std::wstring& boundary) const noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::GetFormMessageData" };
+    const auto body = [&]() -> HRESULT
+    {
         GUID guid;
         if (const HRESULT hr = ::CoCreateGuid(&guid); FAILED(hr))
             return report(815, hr);
@@ -284,43 +321,42 @@ HRESULT CVoBinaryDataParser::GetFormMessageData(UINT32* length, BYTE** buffer, s
         std::wstring line = VoFormat(L"---------------------------%.2X%.2X%.2X%.2X%.2X%.2X%.2X", random[0], random[1],
                                      random[2], random[3], random[4], random[5], random[6]);
 
-        std::wstring head;
+        std::wstring headText;
         for (size_t i = 0; i < GetCount(); ++i)
         {
             const CParamRec& param = GetAt(i);
             if (VoEqualsNoCase(param.NameView(), kFileNameParam) || VoEqualsNoCase(param.NameView(), kContentTypeParam))
                 continue;
-            head.append(L"--").append(line).append(L"\r\nContent-Disposition: form-data; name=\"");
-            head.append(HeaderText(param.NameView(), true)).append(L"\"\r\n\r\n").append(param.ValueView()).append(L"\r\n");
+            headText.append(L"--").append(line).append(L"\r\nContent-Disposition: form-data; name=\"");
+            headText.append(HeaderText(param.NameView(), true)).append(L"\"\r\n\r\n").append(param.ValueView()).append(L"\r\n");
         }
 
         const CParamRec* const fileName = FindParam(kFileNameParam);
         const bool hasFile = fileName && !fileName->ValueView().empty();
-        std::wstring foot;
+        std::wstring footText;
         if (hasFile)
         {
             const CParamRec* const contentType = FindParam(kContentTypeParam);
-            head.append(L"--").append(line).append(L"\r\nContent-Disposition: form-data; name=\"file\"; filename=\"");
-            head.append(HeaderText(fileName->ValueView(), true)).append(L"\"\r\nContent-Type: ");
-            head.append(contentType ? HeaderText(contentType->ValueView(), false) : L"image/pjpeg").append(L"\r\n\r\n");
-            foot = L"\r\n";
+            headText.append(L"--").append(line).append(L"\r\nContent-Disposition: form-data; name=\"file\"; filename=\"");
+            headText.append(HeaderText(fileName->ValueView(), true)).append(L"\"\r\nContent-Type: ");
+            headText.append(contentType ? HeaderText(contentType->ValueView(), false) : L"image/pjpeg").append(L"\r\n\r\n");
+            footText = L"\r\n";
         }
-        foot.append(L"--").append(line).append(L"--");
+        footText.append(L"--").append(line).append(L"--");
 
         std::string headBytes;
-        if (const HRESULT hr = TextToBytes(head, useUtf8, headBytes); FAILED(hr))
+        if (const HRESULT hr = TextToBytes(headText, useUtf8, headBytes); FAILED(hr))
             return report(846, hr);
         std::string footBytes;
-        if (const HRESULT hr = TextToBytes(foot, useUtf8, footBytes); FAILED(hr))
+        if (const HRESULT hr = TextToBytes(footText, useUtf8, footBytes); FAILED(hr))
             return report(849, hr);
-        const std::span<const BYTE> payload = hasFile ? Payload() : std::span<const BYTE>();
-        const std::span<const BYTE> pieces[] = { BytesOf(headBytes), payload, BytesOf(footBytes) };
-        if (const HRESULT hr = HandOut(pieces, length, buffer); FAILED(hr))
-            return report(853, hr);
+        head = std::move(headBytes);
+        foot = std::move(footBytes);
+        sendsPayload = hasFile;
         boundary = std::move(line);
         return S_OK;
     };
-    return report.Guard(859, body);
+    return report.Guard(851, body);
 }
 
 HRESULT CVoBinaryDataParser::SetPayload(const BYTE* bytes, UINT32 length) noexcept
