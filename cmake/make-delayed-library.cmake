@@ -1,0 +1,22 @@
+# Makes an import library that loads its DLL late: cmake -DCOMPILER=... -DNM=... -DDLLTOOL=... -DDLL=NAME -DOUTPUT=FILE -P this file. The
+# functions are those of the compiler's own import library for the DLL.
+function(run output)
+  execute_process(COMMAND ${ARGN} OUTPUT_VARIABLE text OUTPUT_STRIP_TRAILING_WHITESPACE RESULT_VARIABLE result)
+  if(NOT result EQUAL 0)
+    message(FATAL_ERROR "${ARGN}: ${result}")
+  endif()
+  set(${output} "${text}" PARENT_SCOPE)
+endfunction()
+
+run(library "${COMPILER}" "-print-file-name=lib${DLL}.a")
+run(symbols "${NM}" --defined-only "${library}")
+string(REGEX MATCHALL " I __imp_[A-Za-z0-9_]+" functions "${symbols}")
+if(NOT functions)
+  message(FATAL_ERROR "${library} has no functions")
+endif()
+list(TRANSFORM functions REPLACE " I __imp_" "")
+list(JOIN functions "\n" functions)
+cmake_path(GET OUTPUT PARENT_PATH folder)
+file(MAKE_DIRECTORY "${folder}")
+file(WRITE "${OUTPUT}.def" "LIBRARY ${DLL}.dll\nEXPORTS\n${functions}\n")
+run(ignored "${DLLTOOL}" -k -d "${OUTPUT}.def" -D "${DLL}.dll" --output-delaylib "${OUTPUT}")
