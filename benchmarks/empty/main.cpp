@@ -1,0 +1,5 @@
+// Does nothing: what any program costs.
+int main()
+{
+    return 0;
+}
