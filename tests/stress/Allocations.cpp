@@ -682,6 +682,8 @@ public:
                 ADD_FAILURE() << row.name << ": " << exception.what() << " " << m_what << "; repeat: " << rounds.Command();
             }
         }
+        for (const auto& entry : std::filesystem::directory_iterator(std::filesystem::path(PathIn(L"x")).parent_path()))
+            EXPECT_NE(entry.path().extension(), L".tmp") << "a temporary file stays";
         std::printf("stress: %zu operations, %zu failed allocations, %zu failed calls\n", table.size(), allocations, calls);
     }
 

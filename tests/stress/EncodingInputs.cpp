@@ -241,6 +241,15 @@ CPairs PairsOf(const CVoDataParser& parser)
     return pairs;
 }
 
+// By the letter: every "$&" first, then every "$$".
+std::wstring Unescaped(std::wstring value)
+{
+    for (const auto& [from, to] : { std::pair(L"$&", L"&"), std::pair(L"$$", L"$") })
+        for (size_t at = value.find(from); at != std::wstring::npos; at = value.find(from, at + 1))
+            value.replace(at, 2, to);
+    return value;
+}
+
 // The pairs in front of the first one without "=", and whether there is none.
 std::pair<CPairs, bool> ReferencePairs(std::wstring_view text)
 {
@@ -257,11 +266,7 @@ std::pair<CPairs, bool> ReferencePairs(std::wstring_view text)
         }
         if (const size_t equals = pair.find(L'='); equals != std::wstring::npos)
         {
-            std::wstring value = pair.substr(equals + 1);
-            for (const auto& [from, to] : { std::pair(L"$&", L"&"), std::pair(L"$$", L"$") })
-                for (size_t at = value.find(from); at != std::wstring::npos; at = value.find(from, at + 1))
-                    value.replace(at, 2, to);
-            pairs.emplace_back(VoTrim(pair.substr(0, equals)), value);
+            pairs.emplace_back(VoTrim(pair.substr(0, equals)), Unescaped(pair.substr(equals + 1)));
         }
         else if (!pair.empty())
             return { pairs, false };
@@ -295,6 +300,11 @@ void Parameters(std::wstring_view input)
     Require(SUCCEEDED(one.AddParam(L"x", Guarded(input))) && SUCCEEDED(one.GetParamsAsString(text)) &&
                 SUCCEEDED(other.ReadParamsFromString(text)) && PairsOf(other) == CPairs{ { L"x", std::wstring(input) } },
             "a value does not read back");
+    // The same for a record of its own.
+    CParamRec record;
+    Require(SUCCEEDED(record.PutParamString((L"x=" + std::wstring(input)).c_str(), input.size() + 2)) &&
+                record.ValueView() == Unescaped(std::wstring(input)),
+            "a record has another value");
 }
 
 struct CParts
@@ -350,6 +360,10 @@ void Message(std::wstring_view input)
     // A name that begins with the byte-order mark loses it where the message begins with the name.
     const bool hasMark = !expected.pairs.empty() && expected.pairs.front().first.starts_with(L'\uFEFF');
     Require(hasMark || ReferenceMessage(Text(built.Bytes())) == expected, "a message does not read back");
+    CVoByteBuffer payload;
+    Require(SUCCEEDED(parser.GetMessageData(payload.PutLength(), payload.PutBytes(), true, true)) &&
+                Text(payload.Bytes()) == expected.payload,
+            "a message without parameters is not the payload");
     UINT32 size = 0;
     std::memcpy(&size, prefixed.Bytes().data(), sizeof size);
     Require(size == built.Length() && Text(prefixed.Bytes().subspan(sizeof size)) == Text(built.Bytes()), "a wrong prefix");
@@ -652,7 +666,7 @@ const CCampaigns kCampaigns({
     { "multipart", &Multipart, { L"nameonevaluetwo", L"--\r\n\"%22", L"\u00FC\"\r\n\xD83D\xDE00" }, L"\r\n-\";=% a\u20AC\xDC00", 2 },
     { "url_code", &UrlCode, { L"a b-\u00FC", L"a%20b%2D", L"100%", L"%c3%BC+" }, L"%%0123aAfFgG +-._~\u00FC\u20AC\xD800" },
     { "numbers", &Numbers, { L"0", L"-1", L"2147483647", L"-2147483648", L"65535", L"18446744073709551615", L"-9223372036854775808" }, L"0123456789999-+ \u0661" },
-    { "iso_dates", &IsoDates, { L"2024-02-29T12:00:00.25+01:00", L"2000-12-31", L"1999-01-31 23:59:59Z", L"1900-02-28T00:00:00.123456789-23:59" }, L"0123456789-+:.TZ t", 2 },
+    { "iso_dates", &IsoDates, { L"2024-02-29T12:00:00.25+01:00", L"2000-12-31", L"1999-01-31 23:59:59Z", L"1900-02-28T00:00:00.123456789-23:59", L"2023-02-30T24:60:60+24:60" }, L"0123456789-+:.TZ t", 2 },
     { "wmi_dates", &WmiDates, { L"20240229120000.250000+060", L"00000008131211.500000:000", L"202402**********.******+***" }, L"0123456789-+:.*" },
     { "variants", &Variants, { L"1", L"-12.5", L"True", L"1e10", L"2024-02-29 12:00:00", L"12/30/1899", L"4294967295", L"$1,000.50" }, L"0123456789-+.,:/eETrue $()%", 8 },
 });

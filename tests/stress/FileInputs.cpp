@@ -130,7 +130,8 @@ void Ini(std::wstring_view input)
         }
     // One change: the rest stays, and the file reads back.
     const std::wstring section = before.empty() || input.size() % 3 == 0 ? L"New" : before[input.size() % before.size()].name;
-    const std::wstring_view value = VoIniTrim(input.substr(0, input.find_first_of(L"\r\n")));
+    // Also one that cannot be read back.
+    const std::wstring_view value = input.size() % 2 ? input : VoIniTrim(input.substr(0, input.find_first_of(L"\r\n")));
     const HRESULT hr = file.SetValue(section, L"Key", value);
     if (FAILED(hr))
     {
@@ -378,7 +379,7 @@ const CCampaigns kCampaigns({
       true },
     { "signed_ini", &SignedIni, { kSigned }, L"[]=;#\r\n Sign", 20, true },
     { "keys", &Keys, { TestSupport::kKnownPublicKey, TestSupport::kKnownPrivateKey }, L"0123456789ABCDEFx ", 20 },
-    { "settings", &Settings, { L"[DEBUG]\r\nAPPLOG=1\r\nAPPLOGCUTOFFSIZEINKBYTE=9000\r\n[SETTINGS]\r\nHTTPEngine=2\r\nHTTPCheckServerCert=no\r\n", L"[settings]\r\nhttpengine=99\r\n" }, L"[]=;\r\n \"019-", 40, true },
+    { "settings", &Settings, { L"[DEBUG]\r\nAPPLOG=1\r\nAPPLOGCUTOFFSIZEINKBYTE=9000\r\n[SETTINGS]\r\nHTTPEngine=2\r\nHTTPCheckServerCert=no\r\n", L"[settings]\r\nhttpengine=4\r\n" }, L"[]=;\r\n \"019-", 40, true },
     { "typed_parameters", &TypedParameters, { L"text", L" \"quoted\" $r$n$$ ", L"line\r\nline", L"\u0000\u00F0?" }, L"\"$rn \r\n\t=;[\u00A0\u20AC\xD800", 8 },
     { "renderers", &Renderers, { L"<script>alert(1)</script>", L"\u202Ea\x1B[31m", L"&amp;\"'", L"\xD83D\xDE00 \xD83D" }, L"<>&\"'\\\x1B\u202E\u200F\uFEFF /u", 20 },
 });

@@ -109,6 +109,9 @@ void Addresses(std::wstring_view input)
                     (SUCCEEDED(again.SetObjectPath(address.ObjectName())) && again.FullURL() == address.FullURL()),
                 "the object path does not read back");
         std::string bytes;
+        Require(FAILED(VoUrlToBytes(address.FullURL(), bytes)) ||
+                    std::all_of(bytes.begin(), bytes.end(), [](char c) { return c > 0x20 && c < 0x7F; }),
+                "a URL goes out with characters that no URL has");
         if (CCurlUrl url; SUCCEEDED(VoUrlToBytes(address.FullURL(), bytes)) && url.Set(bytes) &&
                           address.Host().find(L'%') == std::wstring::npos && !IsNumber(address))
             Require(Seen(url) == Seen(address), "libcurl would go to another host");
@@ -127,7 +130,12 @@ void Redirects(std::wstring_view input)
             Require(target.FullURL().empty(), "a refused redirect left something");
             continue;
         }
+        // What two readers could take for different hosts is refused.
         Require(!HasControls(VoTrimBlanks(input)) && !HasControls(target.FullURL()), "a control character was followed");
+        Require(target.Path().find(L'\\') == std::wstring::npos, "a backslash was followed");
+        Require(std::all_of(target.Host().begin(), target.Host().end(), [](wchar_t c)
+        { return c < 0x80 && (std::isalnum(c) || std::wstring_view(L"-._~:").find(c) != std::wstring_view::npos); }),
+                "a host of unusual characters was followed");
         // A bare path stays where it is; everything else goes where libcurl goes.
         std::string location;
         CCurlUrl url;
@@ -220,7 +228,9 @@ void Cookies(std::wstring_view input)
     static const auto other = MakeCookieStore();
     (void)store->Clear();
     constexpr const wchar_t* kUrl = L"https://www.example.com/a/b";
-    const HRESULT hr = store->AddCookieFromString(CVoBstr(input).Get(), CVoBstr(kUrl).Get());
+    const bool isPlain = input.size() % 4 == 1; // set over plain HTTP
+    const HRESULT hr =
+        store->AddCookieFromString(CVoBstr(input).Get(), CVoBstr(isPlain ? L"http://www.example.com/a/b" : kUrl).Get());
     if (FAILED(hr))
     {
         Require(hr == E_INVALIDARG && Saved(*store.Get()).empty(), "a refused cookie left something");
@@ -234,6 +244,8 @@ void Cookies(std::wstring_view input)
         std::wstring(VoTrimBlanks(pair.substr(0, equals))) + L'=' + std::wstring(VoTrimBlanks(pair.substr(equals + 1)));
     bool isSecure = false;
     bool hasDomain = false;
+    std::wstring domain;
+    std::wstring path;
     for (std::wstring_view rest = input.substr(pair.size()); !rest.empty();)
     {
         rest.remove_prefix(1);
@@ -241,8 +253,22 @@ void Cookies(std::wstring_view input)
         rest.remove_prefix(attribute.size());
         const std::wstring_view name = VoTrimBlanks(attribute.substr(0, attribute.find(L'=')));
         isSecure = isSecure || VoEqualsNoCase(name, L"Secure");
+        const std::wstring_view value =
+            VoTrimBlanks(attribute.substr(std::min(attribute.find(L'='), attribute.size() - 1) + 1));
         hasDomain = hasDomain || VoEqualsNoCase(name, L"Domain");
+        if (VoEqualsNoCase(name, L"Domain") && !value.empty())
+            domain = value;
+        if (VoEqualsNoCase(name, L"Path"))
+            path = value;
     }
+    const std::wstring bare = domain.starts_with(L'.') ? domain.substr(1) : domain;
+    Require(bare.empty() || VoEqualsNoCase(bare, L"www.example.com") || VoEqualsNoCase(bare, L"example.com"),
+            "a cookie for another domain was taken");
+    Require(CookiesFor(*store.Get(), L"https://www.example.com/ab").empty() || path == L"/" || path == L"/ab",
+            "a path covers more than whole segments");
+    Require(!isPlain || !isSecure, "a secure cookie was taken over plain HTTP");
+    Require(std::none_of(input.begin(), input.end(), [](wchar_t c) { return (c < 0x20 && c != L'\t') || c == 0x7F; }),
+            "control characters were taken");
     std::wstring atHome;
     for (const wchar_t* const url :
          { kUrl, L"https://www.example.com/", L"https://www.example.com/a/b/c/d", L"https://www.example.com/x" })
@@ -353,6 +379,9 @@ void ProxyLists(std::wstring_view input)
                                   proxy == address.Authority() + (address.Port() == 0 ? L":80" : L"")),
                 "the proxy is no host and port");
     }
+    const bool isOneEntry = !input.empty() && input.find_first_of(L"; \t\r\n=") == std::wstring_view::npos;
+    Require(!isOneEntry || input.find_first_of(L"?#,+") == std::wstring_view::npos || content.unusable.size() == 1,
+            "an entry with more than a host and a port is usable");
     const bool isGood = content.unusable.empty() && !(content.plain.empty() && content.secure.empty());
     Require(VoProxyList::FindProblem(input).has_value() == (!isGood && !input.empty()), "a problem is not told");
     const std::wstring only = VoProxyList::OnlyProxy(input);
@@ -498,6 +527,9 @@ void ContentCodings(std::wstring_view input)
                                           std::pair(L"deflate", ECompression::Bare) })
         Require(Decoded(coding, TestSupport::Compress(bytes, format), piece) == std::tuple(S_OK, S_OK, bytes),
                 "a coded body differs");
+    const std::string whole = TestSupport::Compress(bytes, ECompression::Gzip);
+    const auto cut = Decoded(L"gzip", std::string_view(whole).substr(0, whole.size() - 1), piece);
+    Require(FAILED(std::get<1>(cut)), "a stream that is cut off is whole");
     for (const wchar_t* const coding : { L"gzip", L"deflate", L"gzip, deflate" })
         Require(Decoded(coding, bytes, piece) == Decoded(coding, bytes, std::max<size_t>(bytes.size(), 1)),
                 "the pieces decide the result");
@@ -538,7 +570,7 @@ const CCampaigns kCampaigns({
     { "proxy_lists",
       &ProxyLists,
       { L"proxy:8080", L"http=a:1;https=b:2", L"socks=s:1 http://h/", L"ftp=x; = y:3", L"[::1]:8" },
-      L";:=/ \t.,[]@hs1",
+      L";:=/ \t.,?#[]@hs1",
       2 },
     { "bypass_lists", &BypassLists, { L"<local>;*.example.com", L"10.*", L"*", L"[::1] host", L"w*w.*.c*m" }, L"*;, \t.[]:wex1<" },
     { "headers",
