@@ -695,6 +695,7 @@ private:
     };
 
     // Without `expected` the operation is not disturbed.
+    // NOLINTNEXTLINE(misc-no-recursion): the number of attempts bounds it
     CRun Run(CInjector& injector, const CRow& row, int failing, const CFault* fault, int call, const CRun* expected,
              int attempt = 0)
     {

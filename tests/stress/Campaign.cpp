@@ -229,9 +229,8 @@ template <class Unit>
 class CArena
 {
 public:
-    CArena()
+    CArena() : m_memory(static_cast<BYTE*>(::VirtualAlloc(nullptr, kSize + 2 * kPage, MEM_RESERVE, PAGE_NOACCESS)))
     {
-        m_memory = static_cast<BYTE*>(::VirtualAlloc(nullptr, kSize + 2 * kPage, MEM_RESERVE, PAGE_NOACCESS));
         if (!m_memory || !::VirtualAlloc(m_memory + kPage, kSize, MEM_COMMIT, PAGE_READWRITE))
             throw std::bad_alloc();
     }

@@ -15,6 +15,8 @@
 #include <tuple>
 #include <utility>
 
+using namespace std::literals;
+
 namespace Stress
 {
 namespace
@@ -377,9 +379,9 @@ void MultipleResponses(std::wstring_view input)
     {
         UINT32 length = 0;
         std::memcpy(&length, rest.data(), std::min(rest.size(), sizeof length));
-        if (rest.size() < sizeof length || rest.size() - sizeof length < length)
-            expected = std::nullopt;
-        else if (const CParts parts = ReferenceMessage(rest.substr(sizeof length, length)); parts.isWhole)
+        const bool isWhole = rest.size() >= sizeof length && rest.size() - sizeof length >= length;
+        if (const CParts parts = ReferenceMessage(rest.substr(std::min(rest.size(), sizeof length), length));
+            isWhole && parts.isWhole)
         {
             expected->push_back(parts);
             rest.remove_prefix(sizeof length + length);
@@ -465,9 +467,10 @@ void UrlCode(std::wstring_view input)
     for (size_t i = 0; decoded && i < input.size(); ++i)
         if (input[i] != L'%')
             *decoded += static_cast<char>(input[i]);
-        else if (input.size() - i > 2 && kHexDigits.find(static_cast<wchar_t>(std::towupper(input[i + 1]))) != input.npos &&
-                 kHexDigits.find(static_cast<wchar_t>(std::towupper(input[i + 2]))) != input.npos && input[i + 1] < 0x80 &&
-                 input[i + 2] < 0x80)
+        else if (input.size() - i > 2 &&
+                 kHexDigits.find(static_cast<wchar_t>(std::towupper(input[i + 1]))) != std::wstring_view::npos &&
+                 kHexDigits.find(static_cast<wchar_t>(std::towupper(input[i + 2]))) != std::wstring_view::npos &&
+                 input[i + 1] < 0x80 && input[i + 2] < 0x80)
         {
             *decoded += static_cast<char>(std::wcstoul(std::wstring(input.substr(i + 1, 2)).c_str(), nullptr, 16));
             i += 2;
@@ -662,7 +665,7 @@ const CCampaigns kCampaigns({
     { "utf", &Utf, { L"text", L"\u00FC\u20AC\xD83D\xDE00", L"\u00F0\u009F\u0098\u0080", L"\u00E2\u0082\u00AC" }, L"a\x7F\x80\xC2\xDF\xE0\xED\xF0\xF4\xBF\xA0\u07FF\u0800\uD7FF\xD800\xDBFF\xDC00\xDFFF\uE000\uFFFF" },
     { "parameters", &Parameters, { L"a=1&b=2", L"x=a$&b$$c&&y=", L" n =v", L"a=1&junk", L"a=$" }, L"$$&&==ab \u00FC\t" },
     { "message", &Message, { L"a=1&b=2&&pay&&load", L"\u00EF\u00BB\u00BFa=1&&", L"x=$&&&", L"\u00C3\u00BC=\u00E9" }, L"$$&&==ab\u00EF\u00BB\u00BF\u00C3\u00BC", 1, true },
-    { "multiple_responses", &MultipleResponses, { kTwoMessages, kTwoMessages + kTwoMessages }, std::wstring_view(L"\0\0\x01\x02\x03\x05\xFF=&a", 10), 1, true },
+    { "multiple_responses", &MultipleResponses, { kTwoMessages, kTwoMessages + kTwoMessages }, L"\0\0\x01\x02\x03\x05\xFF=&a"sv, 1, true },
     { "multipart", &Multipart, { L"nameonevaluetwo", L"--\r\n\"%22", L"\u00FC\"\r\n\xD83D\xDE00" }, L"\r\n-\";=% a\u20AC\xDC00", 2 },
     { "url_code", &UrlCode, { L"a b-\u00FC", L"a%20b%2D", L"100%", L"%c3%BC+" }, L"%%0123aAfFgG +-._~\u00FC\u20AC\xD800" },
     { "numbers", &Numbers, { L"0", L"-1", L"2147483647", L"-2147483648", L"65535", L"18446744073709551615", L"-9223372036854775808" }, L"0123456789999-+ \u0661" },

@@ -17,9 +17,12 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cmath>
 #include <filesystem>
 #include <memory>
 #include <utility>
+
+using namespace std::literals;
 
 namespace Stress
 {
@@ -296,9 +299,10 @@ void TypedParameters(std::wstring_view input)
     double readReal = 1;
     Require(SUCCEEDED(params.Set(L"S", L"n", number)) && SUCCEEDED(params.Get(L"S", L"n", readNumber)) && readNumber == number,
             "a number does not come back");
-    Require(FAILED(params.Set(L"S", L"r", real)) == (real != real) ||
-                (SUCCEEDED(params.Get(L"S", L"r", readReal)) && std::memcmp(&real, &readReal, sizeof real) == 0),
-            "a real number does not come back");
+    Require(
+        FAILED(params.Set(L"S", L"r", real)) == std::isnan(real) ||
+            (SUCCEEDED(params.Get(L"S", L"r", readReal)) && readReal == real && std::signbit(readReal) == std::signbit(real)),
+        "a real number does not come back");
 }
 
 // ---- the doctor's renderers
@@ -372,15 +376,15 @@ const CCampaigns kCampaigns({
     { "ini",
       &Ini,
       { L"[A]\nx=1\n; c\n[b]\r\n y = 2 \r[a]\nX=3\n", L"\u00EF\u00BB\u00BF[\u00C3\u00BC]\nk\u00C3\u00BC=\u00E2\u0082\u00AC\n",
-        std::wstring(L"\u00FF\u00FE[\0A\0]\0\n\0x\0=\0y\0", 16), std::wstring(L"\u00FE\u00FF\0[\0A\0]\0\r\0\n\0x\0=\0y", 20),
+        L"\u00FF\u00FE[\0A\0]\0\n\0x\0=\0y\0"s, L"\u00FE\u00FF\0[\0A\0]\0\r\0\n\0x\0=\0y"s,
         L"a=b\n[A]\n=\n[B" },
-      std::wstring_view(L"[]=;#\r\n \tabAX\u00C3\u00BC\0\u00FF\u0085", 19),
+      L"[]=;#\r\n \tabAX\u00C3\u00BC\0\u00FF\u0085"sv,
       2,
       true },
     { "signed_ini", &SignedIni, { kSigned }, L"[]=;#\r\n Sign", 20, true },
     { "keys", &Keys, { TestSupport::kKnownPublicKey, TestSupport::kKnownPrivateKey }, L"0123456789ABCDEFx ", 20 },
     { "settings", &Settings, { L"[DEBUG]\r\nAPPLOG=1\r\nAPPLOGCUTOFFSIZEINKBYTE=9000\r\n[SETTINGS]\r\nHTTPEngine=2\r\nHTTPCheckServerCert=no\r\n", L"[settings]\r\nhttpengine=4\r\n" }, L"[]=;\r\n \"019-", 40, true },
-    { "typed_parameters", &TypedParameters, { L"text", L" \"quoted\" $r$n$$ ", L"line\r\nline", L"\u0000\u00F0?" }, L"\"$rn \r\n\t=;[\u00A0\u20AC\xD800", 8 },
+    { "typed_parameters", &TypedParameters, { L"text", L" \"quoted\" $r$n$$ ", L"line\r\nline", L"\0\u00F0?"s }, L"\"$rn \r\n\t=;[\u00A0\u20AC\xD800", 8 },
     { "renderers", &Renderers, { L"<script>alert(1)</script>", L"\u202Ea\x1B[31m", L"&amp;\"'", L"\xD83D\xDE00 \xD83D" }, L"<>&\"'\\\x1B\u202E\u200F\uFEFF /u", 20 },
 });
 // clang-format on

@@ -388,6 +388,7 @@ void ProxyLists(std::wstring_view input)
     Require(only.empty() || only == content.plain || only == content.secure, "the only proxy is none of the list");
 }
 
+// NOLINTNEXTLINE(misc-no-recursion): the pattern's length bounds it
 bool MatchesSlowly(std::wstring_view pattern, std::wstring_view text)
 {
     if (pattern.empty())
@@ -471,8 +472,7 @@ void ContentLengths(std::wstring_view input)
     CVoContentLength length;
     std::optional<std::wstring> first;
     bool isValid = true;
-    size_t fields = 0;
-    for (size_t at = 0; at <= input.size(); ++fields)
+    for (size_t at = 0; at <= input.size();)
     {
         const size_t end = std::min(input.find(L'|', at), input.size());
         length.Add(Guarded(input.substr(at, end - at)));
