@@ -48,7 +48,7 @@ template <class T>
 T Unaligned(const T* place) noexcept
 {
     T value;
-    std::memcpy(&value, static_cast<const void*>(place), sizeof value);
+    std::memcpy(static_cast<void*>(&value), static_cast<const void*>(place), sizeof value);
     return value;
 }
 

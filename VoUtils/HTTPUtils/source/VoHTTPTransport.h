@@ -409,7 +409,7 @@ private:
     template <class Read>
     [[nodiscard]] static HRESULT ReadRecord(const CHTTPRequestData& data, Read read);
     // Compares the last response's header with the limits.
-    [[nodiscard]] HRESULT CheckHeaderLimits(const CRequest& request) const;
+    [[nodiscard]] static HRESULT CheckHeaderLimits(const CRequest& request);
     // kResultCancelled for a failure of a cancelled request.
     [[nodiscard]] static HRESULT Reason(const CRequest& request, HRESULT result) noexcept
     {

@@ -157,7 +157,7 @@ CVoFailure CVoHTTPTransport::ExplainAttempt(const CRequest& request, HRESULT res
     return ExplainFailure(request, result);
 }
 
-HRESULT CVoHTTPTransport::CheckHeaderLimits(const CRequest& request) const
+HRESULT CVoHTTPTransport::CheckHeaderLimits(const CRequest& request)
 {
     if (request.m_headerLength > request.m_limits.headerBytes)
         return kErrorResponseLimit;
