@@ -530,8 +530,10 @@ HRESULT CVoHTTPMessageWinINet::BeginSend(CHTTPRequestDataWinINet& request, DWORD
 HRESULT CVoHTTPMessageWinINet::WriteBody(CHTTPRequestDataWinINet& request, const CVoBodyPieces& body) const noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::WriteBody" };
-    std::array<BYTE, kMaximumPiece> buffer{};
     request.m_sent = 0;
+    if (body.Length() == 0)
+        return S_OK;
+    std::array<BYTE, kMaximumPiece> buffer{};
     CVoBodyReader reader(body);
     for (std::span<const BYTE> piece = reader.Next(buffer); !piece.empty(); piece = reader.Next(buffer))
     {

@@ -444,11 +444,6 @@ HRESULT CVoHTTPTransport::internalSend(CRequest& request, const CVoHTTPContent& 
         }
     }
     EndSend(request);
-    if (m_joinedSize > kMaximumKeptBody)
-    {
-        m_joined.reset();
-        m_joinedSize = 0;
-    }
 
     if (SUCCEEDED(hr) && m_facts.notifiesAfterStatus)
         if (CallBack* const callBack = GetCallBack())
@@ -460,6 +455,11 @@ HRESULT CVoHTTPTransport::internalSend(CRequest& request, const CVoHTTPContent& 
         request.m_hasPendingResponse = true;
     else if (!m_facts.keepsHandle)
         (void)CloseHandle(request); // reported; the next send opens a fresh handle
+    if (m_joinedSize > kMaximumKeptBody) // now, when the service uses it no more
+    {
+        m_joined.reset();
+        m_joinedSize = 0;
+    }
     if (result)
     {
         result->retried = attempts.Count() > 1;
