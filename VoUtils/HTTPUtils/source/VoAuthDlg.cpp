@@ -9,6 +9,7 @@
 #include <commctrl.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <utility>
 
 namespace
@@ -161,7 +162,8 @@ void AddTooltip(HWND dialog, WORD id, std::wstring& text) noexcept
     if (!tooltip)
         return;
     TTTOOLINFOW tool{};
-    tool.cbSize = TTTOOLINFOW_V1_SIZE; // the size that all versions of the common controls know
+    // The size that all versions of the common controls know. The header's macro for it computes with a null pointer.
+    tool.cbSize = static_cast<UINT>(offsetof(TTTOOLINFOW, lpszText) + sizeof tool.lpszText);
     tool.uFlags = TTF_IDISHWND | TTF_SUBCLASS;
     tool.hwnd = dialog;
     tool.uId = reinterpret_cast<UINT_PTR>(::GetDlgItem(dialog, id));
