@@ -124,9 +124,10 @@ TEST_P(WinHTTPTransport, IgnoresARefusedTuningOptionAndNoOtherFailure)
 
 // The platform's function for headers as bytes, which later releases of Windows 10 have.
 std::string g_addedBytes;
-DWORD WINAPI AddHeaderBytes(HINTERNET, DWORD, ULONGLONG flags, ULONGLONG, DWORD count, const std::pair<LPCSTR, LPCSTR>* header)
+DWORD WINAPI AddHeaderBytes(HINTERNET, DWORD, ULONGLONG flags, ULONGLONG, DWORD count, const void* headers)
 {
     EXPECT_TRUE(flags == 0 && count == 1);
+    const auto* const header = static_cast<const std::pair<LPCSTR, LPCSTR>*>(headers);
     g_addedBytes += header->first + std::string(": ") + header->second + '\n';
     return ERROR_SUCCESS;
 }

@@ -339,7 +339,7 @@ public:
             const char* name;
             const char* value;
         };
-        using Add = DWORD(WINAPI*)(HINTERNET, DWORD, ULONGLONG, ULONGLONG, DWORD, const CHeader*);
+        using Add = DWORD(WINAPI*)(HINTERNET, DWORD, ULONGLONG, ULONGLONG, DWORD, const void*);
         const HMODULE module = ::GetModuleHandleW(L"winhttp.dll");
         const auto add = reinterpret_cast<Add>(
             reinterpret_cast<void*>(module ? ::GetProcAddress(module, "WinHttpAddRequestHeadersEx") : nullptr));
