@@ -454,7 +454,7 @@ HRESULT CVoHTTPTransport::internalSend(CRequest& request, const CVoHTTPContent& 
     if (SUCCEEDED(hr))
         request.m_hasPendingResponse = true;
     else if (!m_facts.keepsHandle)
-        (void)CloseHandle(request); // reported; the next send opens a fresh handle
+        (void)CloseHandle(request);      // reported; the next send opens a fresh handle
     if (m_joinedSize > kMaximumKeptBody) // now, when the service uses it no more
     {
         m_joined.reset();
