@@ -8,6 +8,7 @@
 #include "WinINetSupport.h"
 #include "WindowsTransport.h"
 
+#include <base/VoLock.h>
 #include <base/VoUtils.h>
 
 #include <algorithm>
@@ -93,7 +94,7 @@ private:
     [[nodiscard]] CVoFailure ExplainFailure(const CRequest& request, HRESULT result) const override;
     void FetchErrorBody(CRequest& failed) override;
 
-    [[nodiscard]] HRESULT OpenConnection(const CServerAddressData& address, CInternetHandle& connection) const;
+    [[nodiscard]] HRESULT OpenConnection(const CServerAddressData& address, CInternetHandle& connection);
     [[nodiscard]] HRESULT SetTimeoutsAndLimits(const CInternetHandle& connection) const noexcept;
     [[nodiscard]] HRESULT SetProxyCredentials() noexcept;
     [[nodiscard]] HRESULT ProbeForCredentials();
@@ -112,13 +113,16 @@ private:
 
     CInternetHandle m_session;
     CInternetHandle m_connection;
+    // Held while a handle is opened or closed under one of the two. Requests do so on any thread, and the documentation of
+    // these calls does not say that a parent handle takes them at the same time.
+    CVoLock m_childLock;
     CCredentials m_proxyCredentials; // what the system's dialog gave, or the store
 };
 
 class CVoHTTPMessageWinINet::CHTTPRequestDataWinINet final : public CRequest
 {
 public:
-    explicit CHTTPRequestDataWinINet(std::shared_ptr<CVoHTTPMessage> owner) noexcept : m_owner(std::move(owner)) {}
+    explicit CHTTPRequestDataWinINet(std::shared_ptr<CVoHTTPMessageWinINet> owner) noexcept : m_owner(std::move(owner)) {}
     ~CHTTPRequestDataWinINet() override
     {
         constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::CHTTPRequestDataWinINet::~CHTTPRequestDataWinINet" };
@@ -159,8 +163,10 @@ public:
     void CancelCall() noexcept
     {
         const CVoLockHolder lock(m_handleLock);
-        if (m_isInCall)
-            (void)m_handle.Close(); // reported
+        if (!m_isInCall)
+            return;
+        const CVoLockHolder childLock(m_owner->m_childLock);
+        (void)m_handle.Close(); // reported
     }
     void Open(CInternetHandle handle) noexcept
     {
@@ -169,8 +175,8 @@ public:
     }
     [[nodiscard]] HINTERNET Handle() const noexcept { return m_handle.Get(); }
 
-    std::shared_ptr<CVoHTTPMessage> m_owner; // the handles live under the message's connection or session
-    CInternetHandle m_targetConnection;      // to the target of a redirect on another server
+    std::shared_ptr<CVoHTTPMessageWinINet> m_owner; // the handles live under the message's connection or session
+    CInternetHandle m_targetConnection;             // to the target of a redirect on another server
 
 private:
     CVoLock m_handleLock;
@@ -184,6 +190,7 @@ private:
             const CVoLockHolder lock(m_handleLock);
             closing = std::move(m_handle);
         }
+        const CVoLockHolder childLock(m_owner->m_childLock);
         const HRESULT handle = closing.Close();
         const HRESULT connection = m_targetConnection.Close();
         return FAILED(handle) ? handle : connection;
@@ -241,13 +248,16 @@ HRESULT CVoHTTPMessageWinINet::CloseSession() noexcept
     return SUCCEEDED(session) ? S_OK : report(312, session);
 }
 
-HRESULT CVoHTTPMessageWinINet::OpenConnection(const CServerAddressData& address, CInternetHandle& connection) const
+HRESULT CVoHTTPMessageWinINet::OpenConnection(const CServerAddressData& address, CInternetHandle& connection)
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalConnect" };
-    connection = CInternetHandle(::InternetConnectW(m_session.Get(), address.Host().c_str(), address.EffectivePort(), L"", L"",
-                                                    INTERNET_SERVICE_HTTP, 0, kContext));
-    if (!connection)
-        return report.LastError(365, 366);
+    {
+        const CVoLockHolder childLock(m_childLock);
+        connection = CInternetHandle(::InternetConnectW(m_session.Get(), address.Host().c_str(), address.EffectivePort(), L"",
+                                                        L"", INTERNET_SERVICE_HTTP, 0, kContext));
+        if (!connection)
+            return report.LastError(365, 366);
+    }
     return SetTimeoutsAndLimits(connection);
 }
 
@@ -421,7 +431,7 @@ HRESULT CVoHTTPMessageWinINet::WidenSecurity(HINTERNET request, const CServerAdd
 
 std::shared_ptr<CVoHTTPTransport::CRequest> CVoHTTPMessageWinINet::MakeRequest()
 {
-    return std::make_shared<CHTTPRequestDataWinINet>(shared_from_this());
+    return std::make_shared<CHTTPRequestDataWinINet>(std::static_pointer_cast<CVoHTTPMessageWinINet>(shared_from_this()));
 }
 
 HRESULT CVoHTTPMessageWinINet::OpenHandle(CRequest& opened)
@@ -440,10 +450,14 @@ HRESULT CVoHTTPMessageWinINet::OpenHandle(CRequest& opened)
     const wchar_t* acceptTypes[] = { L"*/*", nullptr };
     const DWORD flags = kRequestFlags | (target.IsSecure() ? INTERNET_FLAG_SECURE : 0);
     const CInternetHandle& connection = isConnected ? m_connection : request.m_targetConnection;
-    CInternetHandle handle(::HttpOpenRequestW(connection.Get(), request.m_targetVerb, objectName.c_str(), L"HTTP/1.1", nullptr,
-                                              acceptTypes, flags, 0));
-    if (!handle)
-        return report.LastError(605, 606);
+    CInternetHandle handle;
+    {
+        const CVoLockHolder childLock(m_childLock);
+        handle = CInternetHandle(::HttpOpenRequestW(connection.Get(), request.m_targetVerb, objectName.c_str(), L"HTTP/1.1",
+                                                    nullptr, acceptTypes, flags, 0));
+        if (!handle)
+            return report.LastError(605, 606);
+    }
     // WinINet notifies only about handles with a context. For the record only: without it the request works all the same.
     DWORD_PTR context = kContext;
     (void)::InternetSetOptionW(handle.Get(), INTERNET_OPTION_CONTEXT_VALUE, &context, sizeof context);
