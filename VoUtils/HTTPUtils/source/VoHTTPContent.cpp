@@ -49,12 +49,7 @@ size_t CVoBodyReader::Read(std::span<BYTE> buffer)
         const size_t count = std::min(piece.size(), buffer.size() - copied);
         std::memcpy(buffer.data() + copied, piece.data(), count);
         copied += count;
-        m_position += count;
-        if (count == piece.size())
-        {
-            m_rest = m_rest.subspan(1);
-            m_position = 0;
-        }
+        Advance(count);
     }
     return copied;
 }
@@ -67,13 +62,17 @@ std::span<const BYTE> CVoBodyReader::Next(std::span<BYTE> buffer)
     if (piece.size() < buffer.size() && m_rest.size() > 1)
         return buffer.first(Read(buffer));
     const std::span<const BYTE> next = piece.first(std::min(piece.size(), buffer.size()));
-    m_position += next.size();
-    if (next.size() == piece.size())
-    {
-        m_rest = m_rest.subspan(1);
-        m_position = 0;
-    }
+    Advance(next.size());
     return next;
+}
+
+void CVoBodyReader::Advance(size_t count) noexcept
+{
+    m_position += count;
+    if (m_position != m_rest.front().size())
+        return;
+    m_rest = m_rest.subspan(1);
+    m_position = 0;
 }
 
 HRESULT VoCreateContent(const CVoBinaryDataParser& parameters, CVoHTTPMessage::EContentKind kind, bool utf8,

@@ -46,11 +46,14 @@ public:
     }
     // Copies the next bytes. Returns how many; fewer than the buffer takes at the end only.
     size_t Read(std::span<BYTE> buffer);
-    // The next `length` bytes where they are, when they lie in one piece, else copied to `buffer`, which has so many. Fewer at
-    // the end; none behind it.
+    // As many bytes as `buffer` takes: where they are, when they lie in one piece, else copied to `buffer`. Fewer at the end;
+    // none behind it.
     [[nodiscard]] std::span<const BYTE> Next(std::span<BYTE> buffer);
 
 private:
+    // Goes on by bytes of the first piece.
+    void Advance(size_t count) noexcept;
+
     std::span<const std::span<const BYTE>> m_all;
     std::span<const std::span<const BYTE>> m_rest;
     size_t m_position = 0; // in the first piece of m_rest
