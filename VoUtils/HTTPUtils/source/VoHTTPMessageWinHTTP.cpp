@@ -453,9 +453,10 @@ HRESULT CVoHTTPMessageWinHTTP::SendOnce(CRequest& sent, const CVoBodyPieces& bod
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinHTTP::SendOnce" };
     auto& request = static_cast<CHTTPRequestDataWinHTTP&>(sent);
     request.m_isFinal = true; // until the request is on its way
-    if (const HRESULT hr = MakeExchange(request, Joined(body), contentType); FAILED(hr))
+    const std::span<const BYTE> joined = Joined(body);
+    if (const HRESULT hr = MakeExchange(request, joined, contentType); FAILED(hr))
         return report(478, hr);
-    WriteBodyToLogFile(body);
+    WriteDataToLogFile(EDataDirection::Written, joined.data(), static_cast<UINT32>(joined.size()));
     if (const HRESULT hr = request.m_exchange->Send(); FAILED(hr))
         return report(480, hr);
     HRESULT result = S_OK;
