@@ -69,21 +69,12 @@ void CWizardQueue::Close() noexcept
 
 void StartWizardThread(std::function<void()> work)
 {
-    g_threads.fetch_add(1); // before the thread begins: the program may end in between
-    try
+    VoStartDetached([work = std::move(work), counted = VoCountThread(g_threads)]() mutable
     {
-        VoStartDetached([work = std::move(work)]() mutable
-        {
-            RunWork(work);
-            work = nullptr; // what it owns goes while the thread still counts
-            g_threads.fetch_sub(1);
-        });
-    }
-    catch (...)
-    {
-        g_threads.fetch_sub(1);
-        throw;
-    }
+        RunWork(work);
+        work = nullptr; // what it owns goes while the thread still counts
+        counted.reset();
+    });
 }
 
 bool HasWizardThreads() noexcept

@@ -199,8 +199,8 @@ void CRunner::Start(CTask& task)
     const auto index = static_cast<size_t>(&task - m_tasks.data());
     const CProbeContext context{ task.stop, task.deadline, m_options, m_proxyStore, m_facts };
     // Detached: what a service of the platform holds is left behind. The thread owns all that it uses.
-    const auto run =
-        [context, index, mailbox = m_mailbox, collect = task.row ? task.row->collect : nullptr, transport = task.transport]
+    VoStartDetached([context, index, mailbox = m_mailbox, collect = task.row ? task.row->collect : nullptr,
+                     transport = task.transport, counted = VoCountThread(g_threads)]() mutable
     {
         try
         {
@@ -212,19 +212,9 @@ void CRunner::Start(CTask& task)
         {
             // Without memory there are no facts: the probe runs out of its time.
         }
-        g_threads.fetch_sub(1);
+        counted.reset();
         (void)mailbox->arrived.Set();
-    };
-    g_threads.fetch_add(1); // before the thread begins: the program may end in between
-    try
-    {
-        VoStartDetached(run);
-    }
-    catch (...)
-    {
-        g_threads.fetch_sub(1);
-        throw;
-    }
+    });
     StateOf(task).state = EState::Running;
     SetRunning(task);
 }
