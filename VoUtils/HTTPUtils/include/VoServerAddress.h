@@ -51,10 +51,8 @@ public:
     // The port to connect to: Port(), or 443 (https) or 80 (http) when that is 0.
     [[nodiscard]] UINT16 EffectivePort() const noexcept;
 
-    [[nodiscard]] const std::wstring& Authority() const noexcept
-    {
-        return Texts().authority;
-    } // host, in brackets if IPv6, and port
+    // Host, in brackets if IPv6, and port.
+    [[nodiscard]] const std::wstring& Authority() const noexcept { return Texts().authority; }
     [[nodiscard]] const std::wstring& BaseURL() const noexcept { return Texts().baseURL; }       // scheme "://" authority
     [[nodiscard]] const std::wstring& PathURL() const noexcept { return Texts().pathURL; }       // BaseURL and path
     [[nodiscard]] const std::wstring& FullURL() const noexcept { return Texts().fullURL; }       // PathURL and query

@@ -100,7 +100,7 @@ HRESULT CVoHTTPTransport::internalReadResponse(CRequest& request)
     if (const HRESULT hr = body.Finish(); FAILED(hr))
         return report(m_points.internalReadResponse.length, hr);
     response.utf8 = NamesUtf8(CheckHeader(request, L"Content-Type", 0).value_or(std::wstring()));
-    if (request.IsCancelled()) // the handle was closed meanwhile, and the checks may have found no header
+    if (request.IsCancelled()) // while the last bytes came
         return report(m_points.internalReadResponse.length, kResultCancelled);
     response.isThere = true;
     response.isEmpty = body.Length() == 0;
