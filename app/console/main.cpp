@@ -7,27 +7,9 @@
 
 namespace
 {
-// Initialises COM for the shared stores. If that fails, the stores belong to this module.
-class CComLibrary
-{
-public:
-    CComLibrary() noexcept : m_initialised(SUCCEEDED(::CoInitializeEx(nullptr, COINIT_MULTITHREADED))) {}
-    ~CComLibrary()
-    {
-        if (m_initialised)
-            ::CoUninitialize();
-    }
-    CComLibrary(const CComLibrary&) = delete;
-    CComLibrary& operator=(const CComLibrary&) = delete;
-
-private:
-    bool m_initialised;
-};
-
 int RunProgram(int count, wchar_t** arguments)
 {
     InstallInterruptHandler();
-    const CComLibrary com;
     const CConsoleCodePage codePage;
     CHandleSource in(::GetStdHandle(STD_INPUT_HANDLE));
     CHandleSink out(::GetStdHandle(STD_OUTPUT_HANDLE));
