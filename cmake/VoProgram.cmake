@@ -10,7 +10,9 @@ function(vo_program target description)
   configure_file("${PROJECT_SOURCE_DIR}/cmake/program.rc.in" "${CMAKE_CURRENT_BINARY_DIR}/${target}.rc" @ONLY)
   target_sources(${target} PRIVATE "${CMAKE_CURRENT_BINARY_DIR}/${target}.rc")
   if(NOT MSVC)
-    target_link_options(${target} PRIVATE -static -Wl,--no-insert-timestamp)
+    # Sections that begin at a page of the file are mapped everywhere; some systems copy others at each start.
+    target_link_options(${target} PRIVATE -static -Wl,--no-insert-timestamp -Wl,--file-alignment,4096
+      $<$<CONFIG:Release>:-Wl,--strip-debug>)
   endif()
   vo_warnings(${target})
 endfunction()
