@@ -33,10 +33,6 @@ constexpr DWORD kMaximumRead = 1024 * 1024;
 constexpr size_t kMaximumProbeBody = size_t{ 64 } * 1024; // bytes of the probe's response that are read
 constexpr DWORD kDialogFlags =
     FLAGS_ERROR_UI_FILTER_FOR_ERRORS | FLAGS_ERROR_UI_FLAGS_CHANGE_OPTIONS | FLAGS_ERROR_UI_FLAGS_GENERATE_DATA;
-constexpr DWORD kIgnoreRevocation = 0x80; // SECURITY_FLAG_IGNORE_REVOCATION
-constexpr DWORD kIgnoreCertificate = SECURITY_FLAG_IGNORE_UNKNOWN_CA | SECURITY_FLAG_IGNORE_WRONG_USAGE |
-                                     SECURITY_FLAG_IGNORE_CERT_CN_INVALID | SECURITY_FLAG_IGNORE_CERT_DATE_INVALID |
-                                     kIgnoreRevocation;
 constexpr DWORD_PTR kContext = 1;
 
 constexpr CVoTransportFacts kFacts{
@@ -100,7 +96,10 @@ private:
     [[nodiscard]] HRESULT ProbeForCredentials();
     [[nodiscard]] HRESULT AskForProxyCredentials(HINTERNET probe);
     [[nodiscard]] HRESULT SendProbe(HINTERNET probe, UINT32& status) const noexcept;
-    [[nodiscard]] HRESULT WidenSecurity(HINTERNET request, const CServerAddressData& target, DWORD error) const noexcept;
+    [[nodiscard]] CCertificateSwitches SwitchesFor(const CServerAddressData& target) const noexcept
+    {
+        return { .verifies = VerifiesCertificateOf(target), .checksRevocation = m_checkCertificateRevocation };
+    }
 
     [[nodiscard]] HRESULT BeginSend(CHTTPRequestDataWinINet& request, DWORD bodyLength,
                                     const std::wstring& headers) const noexcept;
@@ -316,7 +315,7 @@ HRESULT CVoHTTPMessageWinINet::SendProbe(HINTERNET probe, UINT32& status) const 
     if (!::HttpSendRequestW(probe, nullptr, 0, nullptr, 0))
     {
         const DWORD error = ::GetLastError();
-        if (const HRESULT hr = WidenSecurity(probe, m_serverAddress, error); FAILED(hr))
+        if (const HRESULT hr = WidenSecurity(probe, SwitchesFor(m_serverAddress), error); FAILED(hr))
             return report(450, hr);
         if (!::HttpSendRequestW(probe, nullptr, 0, nullptr, 0))
             return report.LastError(452, 453);
@@ -395,37 +394,6 @@ HRESULT CVoHTTPMessageWinINet::AskForProxyCredentials(HINTERNET probe)
         return S_OK; // the platform found a proxy that the store does not know
     if (const HRESULT hr = SaveProxyCredentials(proxy, m_proxyCredentials); FAILED(hr))
         return report(530, hr);
-    return S_OK;
-}
-
-// Passes over a certificate error as far as the switches allow. S_OK: the request may be tried again. Otherwise the error.
-HRESULT CVoHTTPMessageWinINet::WidenSecurity(HINTERNET request, const CServerAddressData& target, DWORD error) const noexcept
-{
-    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::WidenSecurity" };
-    DWORD flags = 0;
-    DWORD length = sizeof flags;
-    const bool haveFlags = ::InternetQueryOptionW(request, INTERNET_OPTION_SECURITY_FLAGS, &flags, &length) != FALSE;
-    switch (error)
-    {
-    case ERROR_INTERNET_SEC_CERT_DATE_INVALID:
-    case ERROR_INTERNET_SEC_CERT_CN_INVALID:
-    case ERROR_INTERNET_INVALID_CA:
-    case ERROR_INTERNET_SEC_CERT_ERRORS:
-        if (VerifiesCertificateOf(target))
-            return report.Win32(550, 551, error);
-        flags |= kIgnoreCertificate;
-        break;
-    case ERROR_INTERNET_SEC_CERT_NO_REV:
-    case ERROR_INTERNET_SEC_CERT_REV_FAILED:
-        if (m_checkCertificateRevocation)
-            return report.Win32(555, 556, error);
-        flags |= kIgnoreRevocation;
-        break;
-    default:
-        return report.Win32(560, 561, error);
-    }
-    if (!haveFlags || !::InternetSetOptionW(request, INTERNET_OPTION_SECURITY_FLAGS, &flags, sizeof flags))
-        return report.LastError(565, 566);
     return S_OK;
 }
 
@@ -536,7 +504,8 @@ HRESULT CVoHTTPMessageWinINet::BeginSend(CHTTPRequestDataWinINet& request, DWORD
     };
     if (send(kContext))
         return S_OK;
-    if (const HRESULT hr = WidenSecurity(request.Handle(), request.m_target, ::GetLastError()); FAILED(hr))
+    const DWORD error = ::GetLastError();
+    if (const HRESULT hr = WidenSecurity(request.Handle(), SwitchesFor(request.m_target), error); FAILED(hr))
         return report(700, hr);
     return send(0) ? S_OK : report.LastError(705, 706);
 }

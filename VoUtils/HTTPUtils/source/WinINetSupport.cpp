@@ -17,6 +17,11 @@ namespace VoHTTPMessageWinINet
 {
 namespace
 {
+constexpr DWORD kIgnoreRevocation = 0x80; // SECURITY_FLAG_IGNORE_REVOCATION
+constexpr DWORD kIgnoreCertificate = SECURITY_FLAG_IGNORE_UNKNOWN_CA | SECURITY_FLAG_IGNORE_WRONG_USAGE |
+                                     SECURITY_FLAG_IGNORE_CERT_CN_INVALID | SECURITY_FLAG_IGNORE_CERT_DATE_INVALID |
+                                     kIgnoreRevocation;
+
 // Runs a query that answers a text: once for the size, in bytes with its end, and once for the text, which is written where it
 // is to stay, because it may be a secret. False when the query failed, with its error as the last one; the text is empty then.
 template <class Character, class Query>
@@ -115,6 +120,36 @@ HRESULT QueryStatus(HINTERNET request, UINT32& status, const CVoReporter& report
     if (!::HttpQueryInfoW(request, HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &value, &length, nullptr))
         return report.LastError(line, lineWhenZero);
     status = value;
+    return S_OK;
+}
+
+HRESULT WidenSecurity(HINTERNET request, const CCertificateSwitches& switches, DWORD error) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::WidenSecurity" };
+    DWORD flags = 0;
+    DWORD length = sizeof flags;
+    const bool haveFlags = ::InternetQueryOptionW(request, INTERNET_OPTION_SECURITY_FLAGS, &flags, &length) != FALSE;
+    switch (error)
+    {
+    case ERROR_INTERNET_SEC_CERT_DATE_INVALID:
+    case ERROR_INTERNET_SEC_CERT_CN_INVALID:
+    case ERROR_INTERNET_INVALID_CA:
+    case ERROR_INTERNET_SEC_CERT_ERRORS:
+        if (switches.verifies)
+            return report.Win32(550, 551, error);
+        flags |= kIgnoreCertificate;
+        break;
+    case ERROR_INTERNET_SEC_CERT_NO_REV:
+    case ERROR_INTERNET_SEC_CERT_REV_FAILED:
+        if (switches.checksRevocation)
+            return report.Win32(555, 556, error);
+        flags |= kIgnoreRevocation;
+        break;
+    default:
+        return report.Win32(560, 561, error);
+    }
+    if (!haveFlags || !::InternetSetOptionW(request, INTERNET_OPTION_SECURITY_FLAGS, &flags, sizeof flags))
+        return report.LastError(565, 566);
     return S_OK;
 }
 

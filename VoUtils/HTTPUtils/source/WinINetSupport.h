@@ -52,6 +52,16 @@ private:
 [[nodiscard]] HRESULT QueryStatus(HINTERNET request, UINT32& status, const CVoReporter& report, int line,
                                   int lineWhenZero) noexcept;
 
+// What Connect asks of the certificate of a request's target.
+struct CCertificateSwitches
+{
+    bool verifies = true;
+    bool checksRevocation = true;
+};
+// Passes over a certificate error as far as the switches allow. S_OK: the request may be tried again. Otherwise the error,
+// which is reported.
+[[nodiscard]] HRESULT WidenSecurity(HINTERNET request, const CCertificateSwitches& switches, DWORD error) noexcept;
+
 // Notes what WinINet notifies about a request in a trace while the object exists. WinINet may notify on any thread; the last
 // notification has returned when the destructor returns.
 class CStatusObservation
