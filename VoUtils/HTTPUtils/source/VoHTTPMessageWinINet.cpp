@@ -5,6 +5,7 @@
 #include "VoHTTPMessageWinINetTracePoints.h"
 #include "VoHTTPTransport.h"
 #include "VoUrl.h"
+#include "WinINetRequestHandle.h"
 #include "WinINetSupport.h"
 #include "WindowsTransport.h"
 
@@ -121,79 +122,13 @@ private:
 class CVoHTTPMessageWinINet::CHTTPRequestDataWinINet final : public CRequest
 {
 public:
-    explicit CHTTPRequestDataWinINet(std::shared_ptr<CVoHTTPMessageWinINet> owner) noexcept : m_owner(std::move(owner)) {}
-    ~CHTTPRequestDataWinINet() override
+    explicit CHTTPRequestDataWinINet(std::shared_ptr<CVoHTTPMessageWinINet> owner) noexcept
+        : m_owner(std::move(owner)), m_handle(*this, m_owner->m_childLock)
     {
-        constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::CHTTPRequestDataWinINet::~CHTTPRequestDataWinINet" };
-        if (const HRESULT hr = CloseHandles(); FAILED(hr))
-            report(260, hr);
     }
-    [[nodiscard]] HRESULT Close() noexcept
-    {
-        constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::CHTTPRequestDataWinINet::Close" };
-        const HRESULT hr = CloseHandles();
-        return SUCCEEDED(hr) ? S_OK : report(270, hr);
-    }
-
-    // Makes a call on the handle that may wait. Cancel closes the handle meanwhile, which ends the call (documentation of
-    // InternetCloseHandle). False: the call failed, and the last error says why.
-    template <class Call>
-    [[nodiscard]] bool Use(Call call) noexcept
-    {
-        HINTERNET handle = nullptr;
-        {
-            const CVoLockHolder lock(m_handleLock);
-            if (!IsCancelled())
-                handle = m_handle.Get();
-            m_isInCall = handle != nullptr;
-        }
-        if (!handle)
-        {
-            ::SetLastError(ERROR_INTERNET_OPERATION_CANCELLED);
-            return false;
-        }
-        const bool done = call(handle) != FALSE;
-        const CVoLastErrorKeeper keeper;
-        const CVoLockHolder lock(m_handleLock);
-        m_isInCall = false;
-        return done && m_handle; // closed meanwhile: its number may be that of another request's handle
-    }
-    // Any thread. Between two calls the handle stays open: its number could become that of another request's handle.
-    void CancelCall() noexcept
-    {
-        const CVoLockHolder lock(m_handleLock);
-        if (!m_isInCall)
-            return;
-        const CVoLockHolder childLock(m_owner->m_childLock);
-        (void)m_handle.Close(); // reported
-    }
-    void Open(CInternetHandle handle) noexcept
-    {
-        const CVoLockHolder lock(m_handleLock);
-        m_handle = std::move(handle);
-    }
-    [[nodiscard]] HINTERNET Handle() const noexcept { return m_handle.Get(); }
 
     std::shared_ptr<CVoHTTPMessageWinINet> m_owner; // the handles live under the message's connection or session
-    CInternetHandle m_targetConnection;             // to the target of a redirect on another server
-
-private:
-    CVoLock m_handleLock;
-    CInternetHandle m_handle;
-    bool m_isInCall = false;
-
-    [[nodiscard]] HRESULT CloseHandles() noexcept
-    {
-        CInternetHandle closing;
-        {
-            const CVoLockHolder lock(m_handleLock);
-            closing = std::move(m_handle);
-        }
-        const CVoLockHolder childLock(m_owner->m_childLock);
-        const HRESULT handle = closing.Close();
-        const HRESULT connection = m_targetConnection.Close();
-        return FAILED(handle) ? handle : connection;
-    }
+    CRequestHandle m_handle;
 };
 
 std::shared_ptr<CVoHTTPMessage> MakeMessage()
@@ -203,7 +138,7 @@ std::shared_ptr<CVoHTTPMessage> MakeMessage()
 
 HRESULT CVoHTTPMessageWinINet::CloseHandle(CRequest& request) noexcept
 {
-    return static_cast<CHTTPRequestDataWinINet&>(request).Close();
+    return static_cast<CHTTPRequestDataWinINet&>(request).m_handle.Close();
 }
 
 HRESULT CVoHTTPMessageWinINet::OpenSession()
@@ -407,17 +342,17 @@ HRESULT CVoHTTPMessageWinINet::OpenHandle(CRequest& opened)
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::OpenHandle" };
     auto& request = static_cast<CHTTPRequestDataWinINet&>(opened);
     const CServerAddressData& target = request.m_target;
-    (void)request.Close(); // reported
+    (void)request.m_handle.Close(); // reported
     std::wstring objectName;
     if (const HRESULT hr = VoEncodeUrl(target.ObjectName(), objectName); FAILED(hr))
         return report(604, hr);
     const bool isConnected = target.BaseURL() == m_serverAddress.BaseURL();
     if (!isConnected)
-        if (const HRESULT hr = OpenConnection(target, request.m_targetConnection); FAILED(hr))
+        if (const HRESULT hr = OpenConnection(target, request.m_handle.TargetConnection()); FAILED(hr))
             return report(607, hr);
     const wchar_t* acceptTypes[] = { L"*/*", nullptr };
     const DWORD flags = kRequestFlags | (target.IsSecure() ? INTERNET_FLAG_SECURE : 0);
-    const CInternetHandle& connection = isConnected ? m_connection : request.m_targetConnection;
+    const CInternetHandle& connection = isConnected ? m_connection : request.m_handle.TargetConnection();
     CInternetHandle handle;
     {
         const CVoLockHolder childLock(m_childLock);
@@ -429,7 +364,7 @@ HRESULT CVoHTTPMessageWinINet::OpenHandle(CRequest& opened)
     // WinINet notifies only about handles with a context. For the record only: without it the request works all the same.
     DWORD_PTR context = kContext;
     (void)::InternetSetOptionW(handle.Get(), INTERNET_OPTION_CONTEXT_VALUE, &context, sizeof context);
-    request.Open(std::move(handle));
+    request.m_handle.Open(std::move(handle));
     return S_OK;
 }
 
@@ -447,7 +382,7 @@ HRESULT CVoHTTPMessageWinINet::SetCookie(const CHTTPRequestDataWinINet& request,
         return S_OK;
     }
     const std::string line = "Cookie: " + VoCookieBytesFromText(cookies) + "\r\n";
-    if (!::HttpAddRequestHeadersA(request.Handle(), line.c_str(), static_cast<DWORD>(line.size()), HTTP_ADDREQ_FLAG_ADD))
+    if (!::HttpAddRequestHeadersA(request.m_handle.Get(), line.c_str(), static_cast<DWORD>(line.size()), HTTP_ADDREQ_FLAG_ADD))
         return report.LastError(671, 672);
     return S_OK;
 }
@@ -456,7 +391,7 @@ HRESULT CVoHTTPMessageWinINet::SendOnce(CRequest& sent, const CVoBodyPieces& bod
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::SendBody" };
     auto& request = static_cast<CHTTPRequestDataWinINet&>(sent);
-    const HINTERNET handle = request.Handle();
+    const HINTERNET handle = request.m_handle.Get();
     const CStatusObservation observation(handle, request.m_trace, request.m_target.IsSecure());
     std::wstring headers;
     if (const HRESULT hr = SetCookie(request, headers); FAILED(hr))
@@ -474,7 +409,7 @@ HRESULT CVoHTTPMessageWinINet::SendOnce(CRequest& sent, const CVoBodyPieces& bod
         if (CallBack* const callBack = GetCallBack(); callBack && body.Length() != 0)
             callBack->OnRequestSent();
         request.m_trace.sent = VoGetMicroseconds();
-        if (request.Use([](HINTERNET used) { return ::HttpEndRequestW(used, nullptr, HSR_SYNC, 0); }))
+        if (request.m_handle.Use([](HINTERNET used) { return ::HttpEndRequestW(used, nullptr, HSR_SYNC, 0); }))
             break;
         // The platform has credentials and wants the whole request again, once for each challenge.
         const DWORD error = ::GetLastError();
@@ -499,13 +434,13 @@ HRESULT CVoHTTPMessageWinINet::BeginSend(CHTTPRequestDataWinINet& request, DWORD
     buffers.dwBufferTotal = bodyLength;
     const auto send = [&](DWORD_PTR context)
     {
-        return request.Use([&](HINTERNET handle)
+        return request.m_handle.Use([&](HINTERNET handle)
         { return ::HttpSendRequestExW(handle, &buffers, nullptr, HSR_SYNC, context); });
     };
     if (send(kContext))
         return S_OK;
     const DWORD error = ::GetLastError();
-    if (const HRESULT hr = WidenSecurity(request.Handle(), SwitchesFor(request.m_target), error); FAILED(hr))
+    if (const HRESULT hr = WidenSecurity(request.m_handle.Get(), SwitchesFor(request.m_target), error); FAILED(hr))
         return report(700, hr);
     return send(0) ? S_OK : report.LastError(705, 706);
 }
@@ -521,7 +456,7 @@ HRESULT CVoHTTPMessageWinINet::WriteBody(CHTTPRequestDataWinINet& request, const
     for (std::span<const BYTE> piece = reader.Next(buffer); !piece.empty(); piece = reader.Next(buffer))
     {
         DWORD written = 0;
-        if (!request.Use([&](HINTERNET handle)
+        if (!request.m_handle.Use([&](HINTERNET handle)
         { return ::InternetWriteFile(handle, piece.data(), static_cast<DWORD>(piece.size()), &written); }))
             return report.LastError(710, 711);
         WriteDataToLogFile(EDataDirection::Written, piece.data(), written);
@@ -535,7 +470,7 @@ HRESULT CVoHTTPMessageWinINet::WriteBody(CHTTPRequestDataWinINet& request, const
 bool CVoHTTPMessageWinINet::ReadSetCookie(const CRequest& request, DWORD index, std::wstring& value) const
 {
     std::string bytes;
-    if (!QueryHeaderBytes(static_cast<const CHTTPRequestDataWinINet&>(request).Handle(), "Set-Cookie", index, bytes))
+    if (!QueryHeaderBytes(static_cast<const CHTTPRequestDataWinINet&>(request).m_handle.Get(), "Set-Cookie", index, bytes))
         return false;
     value = VoCookieTextFromBytes(bytes);
     return true;
@@ -549,7 +484,7 @@ HRESULT CVoHTTPMessageWinINet::ReadBody(CHTTPRequestDataWinINet& request, CVoBod
     for (INT64 start = VoGetMicroseconds(); body.Length() < maximum && start < end; start = VoGetMicroseconds())
     {
         DWORD available = 0;
-        if (!request.Use([&](HINTERNET handle) { return ::InternetQueryDataAvailable(handle, &available, 0, 0); }))
+        if (!request.m_handle.Use([&](HINTERNET handle) { return ::InternetQueryDataAvailable(handle, &available, 0, 0); }))
             return report.LastError(860, 861);
         if (available == 0)
             break;
@@ -557,7 +492,7 @@ HRESULT CVoHTTPMessageWinINet::ReadBody(CHTTPRequestDataWinINet& request, CVoBod
         if (available > piece.size())
             piece.resize((available + kReadStep - 1) / kReadStep * kReadStep);
         DWORD read = 0;
-        if (!request.Use([&](HINTERNET handle) { return ::InternetReadFile(handle, piece.data(), available, &read); }))
+        if (!request.m_handle.Use([&](HINTERNET handle) { return ::InternetReadFile(handle, piece.data(), available, &read); }))
             return report.LastError(865, 866);
         if (read == 0)
             break;
@@ -590,7 +525,7 @@ try
     DWORD pieceTime = ErrorBodyTime();
     const INT64 end = VoGetMicroseconds() + INT64{ pieceTime } * 1000;
     // Where the platform refuses it, each piece has the time-out of the request.
-    (void)::InternetSetOptionW(request.Handle(), INTERNET_OPTION_RECEIVE_TIMEOUT, &pieceTime, sizeof pieceTime);
+    (void)::InternetSetOptionW(request.m_handle.Get(), INTERNET_OPTION_RECEIVE_TIMEOUT, &pieceTime, sizeof pieceTime);
     CVoBodyReceiver body;
     (void)ReadBody(request, body, maximum, end); // the response has failed already
     request.m_errorBody = body.TakeBytes();
@@ -603,12 +538,12 @@ catch (const std::bad_alloc&)
 
 void CVoHTTPMessageWinINet::CancelCall(CRequest& request) noexcept
 {
-    static_cast<CHTTPRequestDataWinINet&>(request).CancelCall();
+    static_cast<CHTTPRequestDataWinINet&>(request).m_handle.Cancel();
 }
 
 size_t CVoHTTPMessageWinINet::ReadHeader(const CRequest& request, size_t maximum, std::wstring& header) const
 {
-    const HINTERNET handle = static_cast<const CHTTPRequestDataWinINet&>(request).Handle();
+    const HINTERNET handle = static_cast<const CHTTPRequestDataWinINet&>(request).m_handle.Get();
     return WindowsTransport::ReadHeader([&](wchar_t* buffer, DWORD& bytes)
     { return ::HttpQueryInfoW(handle, HTTP_QUERY_RAW_HEADERS_CRLF, buffer, &bytes, nullptr) != FALSE; }, maximum, header);
 }
