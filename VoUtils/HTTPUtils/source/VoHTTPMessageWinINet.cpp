@@ -5,6 +5,7 @@
 #include "VoHTTPMessageWinINetTracePoints.h"
 #include "VoHTTPTransport.h"
 #include "VoUrl.h"
+#include "WinINetCredentialProbe.h"
 #include "WinINetRequestHandle.h"
 #include "WinINetSupport.h"
 #include "WindowsTransport.h"
@@ -20,52 +21,18 @@ namespace VoHTTPMessageWinINet
 {
 namespace
 {
-constexpr UINT32 kStatusServerError = 500;
-
 constexpr DWORD kMaximumConnections = 128;
 constexpr DWORD kOptionMaximumConnectionsPerProxy = 103;
-// The transport core follows redirects.
-constexpr DWORD kRequestFlags = INTERNET_FLAG_RELOAD | INTERNET_FLAG_NO_CACHE_WRITE | INTERNET_FLAG_KEEP_CONNECTION |
-                                INTERNET_FLAG_NO_COOKIES | INTERNET_FLAG_NO_AUTO_REDIRECT;
 constexpr DWORD kMaximumPiece = 32'000;           // bytes of a body, per write
 constexpr int kMaximumResends = 2;                // of a body: NTLM, the longest of the schemes, takes two
 constexpr size_t kReadStep = size_t{ 16 } * 1024; // bytes by which the buffer of a read grows
 constexpr DWORD kMaximumRead = 1024 * 1024;
-constexpr size_t kMaximumProbeBody = size_t{ 64 } * 1024; // bytes of the probe's response that are read
-constexpr DWORD kDialogFlags =
-    FLAGS_ERROR_UI_FILTER_FOR_ERRORS | FLAGS_ERROR_UI_FLAGS_CHANGE_OPTIONS | FLAGS_ERROR_UI_FLAGS_GENERATE_DATA;
 constexpr DWORD_PTR kContext = 1;
 
 constexpr CVoTransportFacts kFacts{
     .unexpectedStatus = kResultUnexpectedStatus, .usesProxyStore = false, .cookiesAtSend = true, .tracesEveryAddress = true
 };
 
-// The invisible owner of the system's dialog, which is not shown without one. The desktop would disable every window.
-class CDialogOwner
-{
-public:
-    CDialogOwner() noexcept
-        : m_window(::CreateWindowExW(0, L"STATIC", nullptr, WS_POPUP, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr))
-    {
-    }
-    ~CDialogOwner()
-    {
-        if (m_window)
-            ::DestroyWindow(m_window);
-    }
-    CDialogOwner(const CDialogOwner&) = delete;
-    CDialogOwner& operator=(const CDialogOwner&) = delete;
-
-    // The thread's active window where it has one.
-    [[nodiscard]] HWND Get() const noexcept
-    {
-        const HWND active = ::GetActiveWindow();
-        return active ? active : m_window;
-    }
-
-private:
-    HWND m_window;
-};
 } // namespace
 
 class CVoHTTPMessageWinINet final : public CVoHTTPTransport
@@ -95,8 +62,7 @@ private:
     [[nodiscard]] HRESULT SetTimeoutsAndLimits(const CInternetHandle& connection) const noexcept;
     [[nodiscard]] HRESULT SetProxyCredentials() noexcept;
     [[nodiscard]] HRESULT ProbeForCredentials();
-    [[nodiscard]] HRESULT AskForProxyCredentials(HINTERNET probe);
-    [[nodiscard]] HRESULT SendProbe(HINTERNET probe, UINT32& status) const noexcept;
+    [[nodiscard]] HRESULT AskForProxyCredentials(CCredentialProbe& probe);
     [[nodiscard]] CCertificateSwitches SwitchesFor(const CServerAddressData& target) const noexcept
     {
         return { .verifies = VerifiesCertificateOf(target), .checksRevocation = m_checkCertificateRevocation };
@@ -243,80 +209,26 @@ HRESULT CVoHTTPMessageWinINet::SetProxyCredentials() noexcept
     return S_OK;
 }
 
-// Sends the probe and reads its response.
-HRESULT CVoHTTPMessageWinINet::SendProbe(HINTERNET probe, UINT32& status) const noexcept
-{
-    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::SendProbe" };
-    if (!::HttpSendRequestW(probe, nullptr, 0, nullptr, 0))
-    {
-        const DWORD error = ::GetLastError();
-        if (const HRESULT hr = WidenSecurity(probe, SwitchesFor(m_serverAddress), error); FAILED(hr))
-            return report(450, hr);
-        if (!::HttpSendRequestW(probe, nullptr, 0, nullptr, 0))
-            return report.LastError(452, 453);
-    }
-    // Bounded in size and time: the rest of a long response is of no use here.
-    const INT64 end = VoGetMicroseconds() + INT64{ m_requestTimeout } * 1'000'000;
-    for (size_t received = 0; received < kMaximumProbeBody && VoGetMicroseconds() < end; ++received)
-    {
-        BYTE byte = 0;
-        DWORD read = 0;
-        if (!::InternetReadFile(probe, &byte, 1, &read))
-            return report.LastError(460, 461);
-        if (read == 0)
-            break;
-    }
-    return QueryStatus(probe, status, report, 465, 466);
-}
-
 HRESULT CVoHTTPMessageWinINet::ProbeForCredentials()
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::ProbeForCredentials" };
-    std::wstring path;
-    if (const HRESULT hr = VoEncodeUrl(m_serverAddress.Path(), path); FAILED(hr))
-        return report(475, hr);
-    const DWORD flags = kRequestFlags | (m_serverAddress.IsSecure() ? INTERNET_FLAG_SECURE : 0);
-    CInternetHandle probe(
-        ::HttpOpenRequestW(m_connection.Get(), L"POST", path.c_str(), L"HTTP/1.0", nullptr, nullptr, flags, 0));
-    if (!probe)
-        return report.LastError(480, 481);
-    UINT32 status = 0;
-    if (const HRESULT hr = SendProbe(probe.Get(), status); FAILED(hr))
-    {
-        // Nobody was there to ask for credentials. The request will meet the same failure and return its code.
-        report(485, hr);
+    CCredentialProbe probe(m_serverAddress, SwitchesFor(m_serverAddress), m_requestTimeout);
+    bool isChallenged = false;
+    if (const HRESULT hr = probe.Send(m_connection.Get(), isChallenged); FAILED(hr))
+        return hr; // reported
+    if (!isChallenged)
         return S_OK;
-    }
-    if (status != kStatusUnauthorized && status != kStatusProxyAuthenticationRequired)
-        return S_OK;
-    if (const HRESULT hr = AskForProxyCredentials(probe.Get()); FAILED(hr))
+    if (const HRESULT hr = AskForProxyCredentials(probe); FAILED(hr))
         return report(490, hr);
     return S_OK;
 }
 
-// Shows the system's dialog for a probe whose status was 401 or 407, and saves what was typed for the proxy.
-HRESULT CVoHTTPMessageWinINet::AskForProxyCredentials(HINTERNET probe)
+// Asks the user, and saves what was typed for the proxy.
+HRESULT CVoHTTPMessageWinINet::AskForProxyCredentials(CCredentialProbe& probe)
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::AskForCredentials" };
-    const CDialogOwner owner;
-    const DWORD answer = ::InternetErrorDlg(owner.Get(), probe, ERROR_INTERNET_INCORRECT_PASSWORD, kDialogFlags, nullptr);
-    if (answer == ERROR_CANCELLED)
-        return S_OK;        // the request will meet the same challenge
-    if (answer == MAXDWORD) // the system cannot show the dialog; this is no error number
-        return report(508, HResultFromWin32(ERROR_INVALID_WINDOW_HANDLE));
-    if (answer != ERROR_SUCCESS && answer != ERROR_INTERNET_FORCE_RETRY)
-        return report.Win32(510, 511, answer);
-
-    // Credentials typed for a server leave none for the proxy.
-    if (!QueryOptionText(probe, INTERNET_OPTION_PROXY_USERNAME, m_proxyCredentials.user))
-        report.LastError(513, 514);
-    if (!QueryOptionText(probe, INTERNET_OPTION_PROXY_PASSWORD, m_proxyCredentials.password.Get()))
-        report.LastError(516, 517);
-    UINT32 status = 0;
-    if (const HRESULT hr = SendProbe(probe, status); FAILED(hr))
-        return report(520, hr);
-    if (status != kStatusOk && status < kStatusServerError)
-        return report(525, kResultUnexpectedStatus);
+    if (const HRESULT hr = probe.Ask(m_proxyCredentials.user, m_proxyCredentials.password); FAILED(hr))
+        return hr; // reported
     if (!m_proxyStore || m_proxyCredentials.user.empty())
         return S_OK;
     // They are saved for the proxy of this server's URL, which need not be one that is configured by hand.

@@ -16,6 +16,10 @@ namespace VoHTTPMessageWinINet
 {
 inline constexpr const wchar_t* kSource = L"..\\source\\VoHTTPMessageWinINet";
 
+// The transport core follows redirects.
+inline constexpr DWORD kRequestFlags = INTERNET_FLAG_RELOAD | INTERNET_FLAG_NO_CACHE_WRITE | INTERNET_FLAG_KEEP_CONNECTION |
+                                       INTERNET_FLAG_NO_COOKIES | INTERNET_FLAG_NO_AUTO_REDIRECT;
+
 // Owns one WinINet handle.
 class CInternetHandle
 {
