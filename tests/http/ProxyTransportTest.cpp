@@ -1,6 +1,6 @@
 // Requests through proxies, real and scripted, with the process's proxy store behind the transports.
 #include "http/TransportFixture.h"
-#include "support/SessionProxy.h"
+#include "support/PlatformProxy.h"
 #include "support/TestServers.h"
 
 #include <LoopbackServer.h>
@@ -21,12 +21,13 @@ namespace
 class ProxyTransportTest : public testing::Test
 {
 protected:
-    void UseProxy(uint16_t port)
+    void UseProxy(const std::wstring& proxy)
     {
         CHTTPProxyConfigData config;
-        config.manualProxy = NameOf(port);
+        config.manualProxy = proxy;
         ASSERT_EQ(m_store->Init(config), S_OK);
     }
+    void UseProxy(uint16_t port) { UseProxy(NameOf(port)); }
     [[nodiscard]] static std::wstring NameOf(uint16_t port) { return L"127.0.0.1:" + std::to_wstring(port); }
     // A payload sent to a URL on a connection of its own.
     [[nodiscard]] CResponse Send(const std::string& url, std::string_view body = "x", UINT32 timeout = 20,
@@ -51,21 +52,20 @@ protected:
 };
 // --- squid
 
-// Wine's services ignore the proxy of a request, so their sessions get one, under another name than the server's. Proxy
-// credentials are tested call by call with these transports.
+// Wine ignores the proxy of a WinHTTP request, and of WinINet's settings. The proxy has another name than the server: Wine's
+// services would ask it as if it were the server.
 TEST_F(ProxyTransportTest, EveryTransportGoesThroughAnOpenProxy)
 {
     VO_NEEDS_TEST_SERVERS();
-    const uint16_t port = TestServers()->squidPort;
-    const std::wstring session = L"localhost:" + std::to_wstring(port);
-    UseProxy(port);
+    const std::wstring proxy = L"localhost:" + std::to_wstring(TestServers()->squidPort);
     for (const UINT32 kind : { 0U, 1U, 2U })
     {
         SCOPED_TRACE(kind);
-        const std::shared_ptr<void> given = kind == 0   ? WinINetSessionsUse(session)
-                                            : kind == 1 ? WinHTTPSessionsUse(session)
-                                                        : nullptr;
+        const std::shared_ptr<void> standIn = kind == 0   ? WinINetSessionsUse(proxy)
+                                              : kind == 1 ? WinHTTPRequestsUseTheirProxy()
+                                                          : nullptr;
         m_kind = kind;
+        UseProxy(proxy);
         const CServer origin(&Echo);
         EXPECT_EQ(Get(origin.URL("/"), "a body"), "a body");
         ASSERT_THAT(origin.Requests(), Not(IsEmpty()));
@@ -75,6 +75,13 @@ TEST_F(ProxyTransportTest, EveryTransportGoesThroughAnOpenProxy)
         // proxy.
         EXPECT_EQ(Get("https://127.0.0.1:" + std::to_string(TestServers()->tlsPort) + "/echo", "a body"), "a body");
         EXPECT_THAT(m_callback->Questions(), IsEmpty());
+
+        // A request without a proxy goes to the server. WinINet decides by itself.
+        if (kind == 0)
+            continue;
+        UseProxy(L"");
+        EXPECT_EQ(Get(origin.URL("/"), "a body"), "a body");
+        EXPECT_EQ(origin.Requests().back().Header("Via"), "");
     }
 }
 
@@ -118,6 +125,26 @@ TEST_F(ProxyTransportTest, KeepsTheCredentialsThatAProxyAccepted)
     m_callback.Reset();
     EXPECT_EQ(SaveCredentials(*m_store.Get(), NameOf(TestServers()->squidAuthPort), L"x", L"y"), S_OK);
     EXPECT_TRUE(FAILED(Send(urls[0]).result));
+}
+
+// Wine's WinHTTP takes a challenge to CONNECT for the server's response: over http only.
+TEST_F(ProxyTransportTest, AsksOverWinHTTPOnceForTheProxyOfARequest)
+{
+    VO_NEEDS_TEST_SERVERS();
+    const std::wstring proxy = L"localhost:" + std::to_wstring(TestServers()->squidAuthPort);
+    const std::shared_ptr<void> standIn = WinHTTPRequestsUseTheirProxy();
+    m_kind = 1;
+    UseProxy(proxy);
+    const std::wstring user = Wide(TestServers()->squidUser);
+    const std::wstring password = Wide(TestServers()->squidPassword);
+    m_callback->AnswerProxy({ { user, password } });
+    const CServer origin(&Echo);
+    const std::string body(5000, 'x'); // sent again after the challenge
+    for (int i = 0; i < 2; ++i)
+        EXPECT_TRUE(Get(origin.URL("/"), body) == body);
+    EXPECT_THAT(origin.Requests().back().Header("Via"), HasSubstr("squid"));
+    EXPECT_THAT(m_callback->Questions(), SizeIs(1));
+    EXPECT_EQ(ProxyFor(*m_store.Get(), Wide(origin.URL("/"))), proxy + L' ' + user + L' ' + password);
 }
 
 // --- scripted proxies, which see what reaches them

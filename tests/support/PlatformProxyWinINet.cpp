@@ -1,5 +1,5 @@
 #include "support/ImportHook.h"
-#include "support/SessionProxy.h"
+#include "support/PlatformProxy.h"
 
 #include <wininet.h>
 
