@@ -1,6 +1,7 @@
 // The libcurl transport: the hooks of the transport core on libcurl's easy interface.
 #include <VoHTTPMessageCURL.h>
 
+#include "CURLRequestHandle.h"
 #include "CURLSupport.h"
 #include "CURLTransferRecord.h"
 #include "VoCookieBytes.h"
@@ -10,32 +11,17 @@
 #include "VoUrl.h"
 
 #include <base/VoModuleInformation.h>
-#include <base/VoSystemProperties.h>
 #include <base/VoUtils.h>
 
-#include <array>
 #include <cstring>
-#include <limits>
 
 namespace VoHTTPMessageCURL
 {
 namespace
 {
-// Schannel offers ALPN from Windows 8.1 on.
-constexpr ESystemClass kFirstSystemWithALPN = ESystemClass::Windows81;
-constexpr UINT32 kMillisecondsPerSecond = 1000;
-
 constexpr CVoTransportFacts kFacts{
     .unexpectedStatus = E_FAIL, .followsRedirects = true, .keepsHandle = true, .asksBetweenSends = true, .storesCookies = true
 };
-
-// A time-out in seconds as the milliseconds that libcurl takes. It reads 0 as "none". The longest stands for a longer one.
-long Milliseconds(UINT32 seconds) noexcept
-{
-    constexpr auto kMaximum = static_cast<UINT32>(std::numeric_limits<INT32>::max());
-    return seconds <= kMaximum / kMillisecondsPerSecond ? static_cast<long>(seconds * kMillisecondsPerSecond)
-                                                        : static_cast<long>(kMaximum);
-}
 
 const char* NullIfEmpty(const std::string& text) noexcept
 {
@@ -89,46 +75,14 @@ class CVoHTTPMessageCURL::CHTTPRequestDataCURL final : public CRequest
 {
 public:
     CHTTPRequestDataCURL(std::shared_ptr<CVoHTTPMessage> owner, std::shared_ptr<CCURLConnections> connections) noexcept
-        : m_owner(std::move(owner)), m_connections(std::move(connections)), m_handle(m_connections->TakeHandle(m_isInitialised))
+        : m_owner(std::move(owner)), m_handle(std::move(connections))
     {
     }
-    ~CHTTPRequestDataCURL() override
-    {
-        try
-        {
-            if (m_handle && m_connections)
-                m_connections->GiveBack(std::move(m_handle), !m_isInitialised || m_isConfidential);
-        }
-        catch (...)
-        {
-            CVoReporter{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::CHTTPRequestDataCURL::~CHTTPRequestDataCURL" }
-                .CurrentException(645);
-        }
-    }
-
-    [[nodiscard]] HRESULT InitCURLHandle(UINT32 connectTimeout, UINT32 requestTimeout, bool verify, bool checkRevocation);
-    // Sets the process's user agent.
-    [[nodiscard]] HRESULT SetUserAgentForRequest() noexcept;
-    // Gives the transfer's contexts to the callbacks.
-    [[nodiscard]] HRESULT SetBodySource(CBodySource& source) noexcept;
-    [[nodiscard]] HRESULT SetTransfer(size_t bodyLength, CHeaderContext& headers, CCURLWriteCallbackData& received) noexcept;
-    // Drops the connection and keeps every option set so far. When the handle cannot be duplicated it stays as it is.
-    HRESULT ResetConnection() noexcept;
-    // Uses the connections that the message has now.
-    [[nodiscard]] HRESULT UseConnections(std::shared_ptr<CCURLConnections> connections) noexcept;
-    [[nodiscard]] std::wstring ErrorText() const;
-    // Takes over the client's address on the transfer's connection.
-    void ReadLocalAddress() noexcept;
 
     std::shared_ptr<CVoHTTPMessage> m_owner;
-    // The handle is destroyed before the connections that it uses.
-    std::shared_ptr<CCURLConnections> m_connections;
     CURLSListWrapper m_headers; // of the attempt; the handle refers to it
     CProgressContext m_progress;
-    bool m_isInitialised = false;  // the handle has the options that all requests of the message share
-    bool m_isConfidential = false; // it knows credentials or a proxy, which are for this request only
-    CCURLHandle m_handle;
-    std::array<char, CURL_ERROR_SIZE> m_errorText{};
+    CCURLRequestHandle m_handle;
     std::string m_url;
     std::string m_cookie;        // for m_address
     std::wstring m_handleUrl;    // the handle's own; libcurl sends the server's credentials to its host
@@ -143,177 +97,6 @@ public:
 std::shared_ptr<CVoHTTPMessage> MakeMessage()
 {
     return std::make_shared<CVoHTTPMessageCURL>();
-}
-
-HRESULT CVoHTTPMessageCURL::CHTTPRequestDataCURL::SetBodySource(CBodySource& source) noexcept
-{
-    constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::internalSendRAW" };
-    HRESULT hr = CURLSetOpt(m_handle.get(), CURLOPT_READDATA, static_cast<void*>(&source));
-    if (SUCCEEDED(hr))
-        hr = CURLSetOpt(m_handle.get(), CURLOPT_IOCTLDATA, static_cast<void*>(&source));
-    return SUCCEEDED(hr) ? hr : report(290, hr);
-}
-
-HRESULT CVoHTTPMessageCURL::CHTTPRequestDataCURL::SetTransfer(size_t bodyLength, CHeaderContext& headers,
-                                                              CCURLWriteCallbackData& received) noexcept
-{
-    constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::internalSendRAW" };
-    CURL* const handle = m_handle.get();
-    // The plain option is 32 bits wide here. A longer body needs the large one.
-    HRESULT hr = bodyLength <= static_cast<size_t>(std::numeric_limits<INT32>::max())
-                     ? CURLSetOpt(handle, CURLOPT_POSTFIELDSIZE, static_cast<long>(bodyLength))
-                     : CURLSetOpt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(bodyLength));
-    if (SUCCEEDED(hr))
-        hr = CURLSetOpt(handle, CURLOPT_HEADERDATA, static_cast<void*>(&headers));
-    if (SUCCEEDED(hr))
-        hr = CURLSetOpt(handle, CURLOPT_PREREQDATA, static_cast<void*>(&headers));
-    if (SUCCEEDED(hr))
-        hr = CURLSetOpt(handle, CURLOPT_WRITEDATA, static_cast<void*>(&received));
-    if (SUCCEEDED(hr)) // the write callback decodes
-        hr = CURLSetOpt(handle, CURLOPT_HTTP_CONTENT_DECODING, 0L);
-    return SUCCEEDED(hr) ? hr : report(263, hr);
-}
-
-HRESULT CVoHTTPMessageCURL::CHTTPRequestDataCURL::SetUserAgentForRequest() noexcept
-{
-    constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::SetUserAgentForRequest" };
-    return report.Guard(359, [&]() -> HRESULT
-    {
-        static const std::wstring userAgent = GetUserAgentString(L"CVoHTTPMessageCURL");
-        std::string bytes;
-        HRESULT hr = VoStringToUTF8(userAgent, bytes);
-        if (SUCCEEDED(hr))
-            hr = CURLSetOpt(m_handle.get(), CURLOPT_USERAGENT, bytes.c_str());
-        return SUCCEEDED(hr) ? hr : report(358, hr);
-    });
-}
-
-HRESULT CVoHTTPMessageCURL::CHTTPRequestDataCURL::ResetConnection() noexcept
-{
-    constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::CHTTPRequestDataCURL::ResetConnection" };
-    if (m_handle)
-    {
-        CCURLHandle duplicate;
-        try
-        {
-            duplicate.reset(curl_easy_duphandle(m_handle.get()));
-            if (!duplicate)
-                report(671, E_FAIL);
-        }
-        catch (...)
-        {
-            report(667, E_FAIL);
-        }
-        if (duplicate)
-        {
-            try
-            {
-                m_handle = std::move(duplicate); // cleans the old handle up
-            }
-            catch (...)
-            {
-                report(679, E_FAIL);
-            }
-            m_connections.reset(); // a duplicate shares nothing
-        }
-    }
-    m_errorText.fill('\0');
-    return S_OK;
-}
-
-HRESULT CVoHTTPMessageCURL::CHTTPRequestDataCURL::UseConnections(std::shared_ptr<CCURLConnections> connections) noexcept
-{
-    constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::CHTTPRequestDataCURL::UseConnections" };
-    if (m_connections == connections)
-        return S_OK;
-    if (const HRESULT hr = connections->Attach(m_handle.get()); FAILED(hr))
-        return report(690, hr);
-    m_connections = std::move(connections);
-    return S_OK;
-}
-
-std::wstring CVoHTTPMessageCURL::CHTTPRequestDataCURL::ErrorText() const
-{
-    std::wstring text;
-    (void)VoCodePageToString(CP_ACP, m_errorText.data(), text);
-    // libcurl repeats a proxy that it does not understand, with its user and password.
-    const size_t proxy = m_proxy.find(L'@') == std::wstring::npos ? std::wstring::npos : text.find(m_proxy);
-    if (proxy != std::wstring::npos)
-        text.replace(proxy, m_proxy.size(), VoHideProxyUser(m_proxy));
-    return VoHideUser(text);
-}
-
-void CVoHTTPMessageCURL::CHTTPRequestDataCURL::ReadLocalAddress() noexcept
-{
-    const char* address = nullptr;
-    curl_easy_getinfo(m_handle.get(), CURLINFO_LOCAL_IP, &address);
-    if (address)
-        (void)VoUTF8ToString(address, m_localAddress);
-}
-
-HRESULT CVoHTTPMessageCURL::CHTTPRequestDataCURL::InitCURLHandle(UINT32 connectTimeout, UINT32 requestTimeout, bool verify,
-                                                                 bool checkRevocation)
-{
-    constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::InitCURLHandle" };
-    if (!m_handle)
-        return report(711, E_INVALIDARG);
-
-    const bool debug = CVoModuleInformation::Get().IsDebug();
-    const auto setOwn = [&](CCURLOptions options)
-    {
-        return options.Set(726, CURLOPT_VERBOSE, debug ? 1L : 0L)
-            .Set(729, CURLOPT_DEBUGFUNCTION, debug ? &debug_callback : nullptr)
-            .Set(732, CURLOPT_DEBUGDATA, debug ? static_cast<void*>(this) : nullptr)
-            .Set(829, CURLOPT_OPENSOCKETDATA, static_cast<void*>(&m_trace.addresses))
-            .Result();
-    };
-    if (m_isInitialised)
-        return setOwn(CCURLOptions(m_handle.get(), report));
-    const bool offersALPN = VoSystemInformation().systemClass >= kFirstSystemWithALPN;
-    if (const HRESULT hr = SetUserAgentForRequest(); FAILED(hr))
-        return report(714, hr);
-
-    CCURLOptions options(m_handle.get(), report);
-    options.Set(717, CURLOPT_SSL_VERIFYPEER, verify ? 1L : 0L)
-        .Set(720, CURLOPT_SSL_VERIFYHOST, verify ? 2L : 0L)
-        .Set(723, CURLOPT_SSL_OPTIONS, checkRevocation ? 0L : static_cast<long>(CURLSSLOPT_NO_REVOKE))
-        .Set(735, CURLOPT_SSL_ENABLE_ALPN, offersALPN ? 1L : 0L)
-        .Set(738, CURLOPT_PROTOCOLS, static_cast<long>(CURLPROTO_HTTP | CURLPROTO_HTTPS))
-        .Set(741, CURLOPT_DEFAULT_PROTOCOL, "http")
-        .Set(744, CURLOPT_TCP_NODELAY, 1L)
-        .Set(747, CURLOPT_TCP_KEEPALIVE, 1L)
-        .Set(750, CURLOPT_TCP_KEEPIDLE, 120L)
-        .Set(753, CURLOPT_TCP_KEEPINTVL, 40L)
-        .Set(756, CURLOPT_HTTP_TRANSFER_DECODING, 1L)
-        .Set(759, CURLOPT_HTTP_CONTENT_DECODING, 1L)
-        .Set(762, CURLOPT_TRANSFER_ENCODING, 0L)
-        .Set(765, CURLOPT_ACCEPT_ENCODING, "")
-        .Set(768, CURLOPT_CONNECTTIMEOUT_MS, Milliseconds(connectTimeout))
-        .Set(771, CURLOPT_TIMEOUT_MS, Milliseconds(requestTimeout))
-        .Set(774, CURLOPT_READFUNCTION, &read_callback)
-        .Set(777, CURLOPT_READDATA, static_cast<void*>(nullptr))
-        .Set(780, CURLOPT_IOCTLFUNCTION, &ioctl_callback)
-        .Set(783, CURLOPT_IOCTLDATA, static_cast<void*>(nullptr))
-        .Set(786, CURLOPT_WRITEFUNCTION, &write_callback)
-        .Set(789, CURLOPT_WRITEDATA, static_cast<void*>(nullptr))
-        .Set(792, CURLOPT_HEADERFUNCTION, &header_callback)
-        .Set(795, CURLOPT_HEADERDATA, static_cast<void*>(nullptr))
-        .Set(798, CURLOPT_XFERINFOFUNCTION, static_cast<curl_xferinfo_callback>(nullptr))
-        .Set(801, CURLOPT_XFERINFODATA, static_cast<void*>(nullptr))
-        .Set(804, CURLOPT_NOPROGRESS, 1L)
-        .Set(807, CURLOPT_MAXCONNECTS, 1000L)
-        .Set(810, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1))
-        .Set(813, CURLOPT_FOLLOWLOCATION, 1L)
-        // Not the server's words: a proxy's answer to CONNECT is judged by its code alone.
-        .Set(822, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L)
-        .Set(827, CURLOPT_MAXREDIRS, long{ kVoMaximumRedirects })
-        .Set(828, CURLOPT_OPENSOCKETFUNCTION, &opensocket_callback)
-        .Set(830, CURLOPT_PREREQFUNCTION, &prereq_callback)
-        .Set(832, CURLOPT_NOSIGNAL, 1L);
-    if (FAILED(options.Result()))
-        return options.Result();
-    m_isInitialised = true;
-    return setOwn(options);
 }
 
 HRESULT CVoHTTPMessageCURL::OpenSession()
@@ -338,13 +121,17 @@ HRESULT CVoHTTPMessageCURL::OpenHandle(CRequest& opened)
 {
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::internalOpenRequest" };
     auto& request = static_cast<CHTTPRequestDataCURL&>(opened);
-    if (const HRESULT hr =
-            request.InitCURLHandle(m_connectTimeout, m_requestTimeout, m_verifyServerCertificate, m_checkCertificateRevocation);
+    if (const HRESULT hr = request.m_handle.Init({ .connectTimeout = m_connectTimeout,
+                                                   .requestTimeout = m_requestTimeout,
+                                                   .verifiesCertificate = m_verifyServerCertificate,
+                                                   .checksRevocation = m_checkCertificateRevocation,
+                                                   .request = &request,
+                                                   .addresses = &request.m_trace.addresses });
         FAILED(hr))
         return report(1240, hr);
     if (const HRESULT hr = VoUrlToBytes(request.m_address.FullURL(), request.m_url); FAILED(hr))
         return report(1245, hr);
-    CURL* const handle = request.m_handle.get();
+    CURL* const handle = request.m_handle.Get();
     if (const HRESULT hr = CURLSetOpt(handle, CURLOPT_URL, request.m_url.c_str()); FAILED(hr))
         return report(1250, hr);
     request.m_handleUrl = request.m_address.FullURL();
@@ -358,7 +145,8 @@ HRESULT CVoHTTPMessageCURL::OpenHandle(CRequest& opened)
         hr = VoStringToUTF8(request.m_proxyCredentials->password.Get(), credentials.password.Get());
     if (FAILED(hr))
         return report(1265, hr);
-    request.m_isConfidential = request.m_isConfidential || !proxy.empty();
+    if (!proxy.empty())
+        request.m_handle.SetConfidential();
     CCURLOptions options(handle, report);
     if (proxy.empty())
         options.Set(1272, CURLOPT_PROXY, ""); // none, whatever the environment's http_proxy and its relatives say
@@ -369,7 +157,7 @@ HRESULT CVoHTTPMessageCURL::OpenHandle(CRequest& opened)
             options.Set(1280, CURLOPT_PROXYUSERNAME, credentials.user.c_str())
                 .Set(1282, CURLOPT_PROXYPASSWORD, credentials.password.Get().c_str());
     }
-    options.Set(1287, CURLOPT_ERRORBUFFER, request.m_errorText.data());
+    options.Set(1287, CURLOPT_ERRORBUFFER, request.m_handle.ErrorBuffer());
     request.m_handleCookie = request.m_cookie = VoCookieBytesFromText(request.m_cookieHeader);
     if (request.m_cookie.empty())
         options.Set(1310, CURLOPT_COOKIE, static_cast<const char*>(nullptr));
@@ -389,7 +177,7 @@ HRESULT CVoHTTPMessageCURL::PrepareSend(CHTTPRequestDataCURL& request, const std
          { contentType.c_str(), L"Connection: Keep-Alive", L"Pragma: no-cache", L"Expect:", L"Accept: */*" })
         if (const HRESULT hr = request.m_headers.Append(line); FAILED(hr))
             return report(1070, hr);
-    CURL* const handle = request.m_handle.get();
+    CURL* const handle = request.m_handle.Get();
     CCURLOptions options(handle, report);
     if (request.m_isRetargeted) // the credentials for a redirect's target are not for this server
     {
@@ -429,11 +217,11 @@ HRESULT CVoHTTPMessageCURL::SendOnce(CRequest& sent, const CVoBodyPieces& body, 
     request.m_body = CVoBodyReceiver();
     if (!m_connections)
         m_connections = std::make_shared<CCURLConnections>();
-    if (const HRESULT hr = request.UseConnections(m_connections); FAILED(hr))
+    if (const HRESULT hr = request.m_handle.UseConnections(m_connections); FAILED(hr))
         return report(900, hr);
     WriteBodyToLogFile(body);
     const HRESULT hr = Perform(request, body);
-    request.ReadLocalAddress();
+    request.m_handle.ReadLocalAddress(request.m_localAddress);
     if (FAILED(hr))
         return hr;
     if (request.m_statusCode != kStatusProxyAuthenticationRequired)
@@ -447,7 +235,7 @@ HRESULT CVoHTTPMessageCURL::SendOnce(CRequest& sent, const CVoBodyPieces& body, 
 HRESULT CVoHTTPMessageCURL::Perform(CHTTPRequestDataCURL& request, const CVoBodyPieces& body)
 {
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::internalSendRAW" };
-    CURL* const handle = request.m_handle.get();
+    CURL* const handle = request.m_handle.Get();
     CBodySource source{ CVoBodyReader(body), body.Length(), 0, &request.m_sent, &request.m_trace.sent };
     CCURLWriteCallbackData received{ .handle = handle,
                                      .success = MakeReceiver(request),
@@ -464,9 +252,9 @@ HRESULT CVoHTTPMessageCURL::Perform(CHTTPRequestDataCURL& request, const CVoBody
     headers.isSecure = request.m_target.IsSecure();
     headers.bodilessHeaders = request.m_headers.Get() ? request.m_headers.Get()->next : nullptr; // Content-Type is the first
     received.headers = &headers;
-    if (const HRESULT hr = request.SetBodySource(source); FAILED(hr))
+    if (const HRESULT hr = request.m_handle.SetBodySource(source); FAILED(hr))
         return hr;
-    if (const HRESULT hr = request.SetTransfer(body.Length(), headers, received); FAILED(hr))
+    if (const HRESULT hr = request.m_handle.SetTransfer(body.Length(), headers, received); FAILED(hr))
         return hr;
     const CURLcode code = request.m_transfer.End(curl_easy_perform(handle));
     if (received.isQuiet)
@@ -527,7 +315,8 @@ HRESULT CVoHTTPMessageCURL::Perform(CHTTPRequestDataCURL& request, const CVoBody
         return report(911, kResultTimeout);
     if (static_cast<UINT32>(connectStatus) != kStatusProxyAuthenticationRequired)
         return report(913, CheckCURLError(code, VoFormat(L"- (%ls) - curl_easy_perform(). ServerAddress: %ls",
-                                                         request.ErrorText().c_str(), request.m_address.PathURL().c_str())));
+                                                         request.m_handle.ErrorText(request.m_proxy).c_str(),
+                                                         request.m_address.PathURL().c_str())));
     request.m_statusCode = kStatusProxyAuthenticationRequired;
     return S_OK;
 }
@@ -539,7 +328,7 @@ void CVoHTTPMessageCURL::NoteTarget(CHTTPRequestDataCURL& request, CURLcode code
     const char* url = nullptr;
     if (request.m_statusCode != kStatusProxyAuthenticationRequired && code != CURLE_ABORTED_BY_CALLBACK &&
         code != CURLE_UNSUPPORTED_PROTOCOL &&
-        curl_easy_getinfo(request.m_handle.get(), CURLINFO_EFFECTIVE_URL, &url) == CURLE_OK)
+        curl_easy_getinfo(request.m_handle.Get(), CURLINFO_EFFECTIVE_URL, &url) == CURLE_OK)
         (void)ParseCURLUrl(url, request.m_target); // reported
 }
 
@@ -548,7 +337,7 @@ HRESULT CVoHTTPMessageCURL::ReadTarget(CHTTPRequestDataCURL& request)
 {
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::internalSendRAW" };
     const char* effectiveUrl = nullptr;
-    if (const HRESULT hr = CURLGetInfo(request.m_handle.get(), CURLINFO_EFFECTIVE_URL, &effectiveUrl); FAILED(hr))
+    if (const HRESULT hr = CURLGetInfo(request.m_handle.Get(), CURLINFO_EFFECTIVE_URL, &effectiveUrl); FAILED(hr))
         return report(960, hr);
     if (const HRESULT hr = ParseCURLUrl(effectiveUrl, request.m_target); FAILED(hr))
         return report(962, hr);
@@ -566,8 +355,8 @@ HRESULT CVoHTTPMessageCURL::UseCredentials(CRequest& asked, bool proxy, const CC
     if (FAILED(hr))
         return report(974, hr);
 
-    request.m_isConfidential = true;
-    CCURLOptions options(request.m_handle.get(), report);
+    request.m_handle.SetConfidential();
+    CCURLOptions options(request.m_handle.Get(), report);
     if (proxy)
         return options.Set(985, CURLOPT_PROXYAUTH, static_cast<long>(CURLAUTH_ANY))
             .Set(986, CURLOPT_PROXYUSERNAME, credentials.user.c_str())
@@ -585,7 +374,7 @@ HRESULT CVoHTTPMessageCURL::UseCredentials(CRequest& asked, bool proxy, const CC
 HRESULT CVoHTTPMessageCURL::GoToTarget(CHTTPRequestDataCURL& request) const
 {
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::internalSendRAW" };
-    CURL* const handle = request.m_handle.get();
+    CURL* const handle = request.m_handle.Get();
     // Copied first: the handle frees the effective URL when it is given another.
     std::string url;
     if (const HRESULT hr = VoUrlToBytes(request.m_target.FullURL(), url); FAILED(hr))
@@ -610,14 +399,14 @@ HRESULT CVoHTTPMessageCURL::ResetConnection(CRequest& failed) noexcept
     m_connections.reset(); // the next attempt must not meet the connection again
     auto& request = static_cast<CHTTPRequestDataCURL&>(failed);
     request.m_isPrepared = false;
-    return request.ResetConnection();
+    return request.m_handle.ResetConnection();
 }
 
 void CVoHTTPMessageCURL::EndSend(CRequest& sent) noexcept
 {
     // The progress record's callback may not outlive the send.
     auto& request = static_cast<CHTTPRequestDataCURL&>(sent);
-    CURL* const handle = request.m_handle.get();
+    CURL* const handle = request.m_handle.Get();
     curl_easy_setopt(handle, CURLOPT_HTTPHEADER, nullptr);
     curl_easy_setopt(handle, CURLOPT_XFERINFODATA, nullptr);
     curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 1L);
@@ -627,7 +416,7 @@ void CVoHTTPMessageCURL::EndSend(CRequest& sent) noexcept
 
 std::optional<std::wstring> CVoHTTPMessageCURL::CheckHeader(const CRequest& asked, const wchar_t* name, DWORD /*index*/) const
 {
-    CURL* const handle = static_cast<const CHTTPRequestDataCURL&>(asked).m_handle.get();
+    CURL* const handle = static_cast<const CHTTPRequestDataCURL&>(asked).m_handle.Get();
     if (name == std::wstring_view(L"Content-Type"))
     {
         const char* value = nullptr;
@@ -659,7 +448,7 @@ void CVoHTTPMessageCURL::ReadResponseHeaders(const CRequest& answered, std::vect
 void CVoHTTPMessageCURL::CompleteRecord(const CRequest& sent, CVoExchangeRecord::CAttempt& attempt) const
 {
     const auto& request = static_cast<const CHTTPRequestDataCURL&>(sent);
-    request.m_transfer.Complete(request.m_handle.get(), request.m_attemptStart, attempt);
+    request.m_transfer.Complete(request.m_handle.Get(), request.m_attemptStart, attempt);
 }
 
 CVoFailure CVoHTTPMessageCURL::ExplainFailure(const CRequest& failed, HRESULT /*result*/) const
@@ -667,6 +456,6 @@ CVoFailure CVoHTTPMessageCURL::ExplainFailure(const CRequest& failed, HRESULT /*
     const auto& request = static_cast<const CHTTPRequestDataCURL&>(failed);
     if (VoIsRedirect(request.m_statusCode) && request.m_transfer.IsComplete())
         return { .kind = EVoFailure::RedirectRefused };
-    return request.m_transfer.Explain(request.m_handle.get(), request.m_errorText.data(), !request.m_proxyName.empty());
+    return request.m_transfer.Explain(request.m_handle.Get(), request.m_handle.ErrorBuffer(), !request.m_proxyName.empty());
 }
 } // namespace VoHTTPMessageCURL

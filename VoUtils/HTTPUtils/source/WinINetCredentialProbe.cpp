@@ -3,6 +3,7 @@
 
 #include "VoHTTPTransport.h"
 #include "VoUrl.h"
+#include "WinINetSupport.h"
 
 #include <base/VoUtils.h>
 

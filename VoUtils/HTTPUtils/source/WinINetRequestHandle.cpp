@@ -1,6 +1,8 @@
 // The handles of one WinINet request; see WinINetRequestHandle.h.
 #include "WinINetRequestHandle.h"
 
+#include "WinINetSupport.h"
+
 namespace VoHTTPMessageWinINet
 {
 CRequestHandle::~CRequestHandle()
