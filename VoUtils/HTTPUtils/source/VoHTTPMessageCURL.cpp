@@ -276,8 +276,7 @@ HRESULT CVoHTTPMessageCURL::Perform(CHTTPRequestDataCURL& request, const CVoBody
         if (request.m_statusCode != kStatusOk)
         {
             NoteTarget(request, code);
-            request.m_errorBody = received.failure.TakeBytes();
-            request.m_errorBody.resize(std::min<size_t>(request.m_errorBody.size(), request.m_limits.errorBodyBytes));
+            KeepErrorBody(request, received.failure);
             return S_OK;
         }
         if (FAILED(received.result))

@@ -599,16 +599,7 @@ CVoFailure CVoHTTPMessageWinHTTP::ExplainFailure(const CRequest& request, HRESUL
 
 void CVoHTTPMessageWinHTTP::FetchErrorBody(CRequest& request)
 {
-    auto& exchange = static_cast<CHTTPRequestDataWinHTTP&>(request).m_exchange;
-    if (!exchange || request.m_limits.errorBodyBytes == 0)
-        return;
-    try
-    {
+    if (const auto& exchange = static_cast<CHTTPRequestDataWinHTTP&>(request).m_exchange)
         request.m_errorBody = exchange->ReadErrorBody(request.m_limits.errorBodyBytes, ErrorBodyTime());
-    }
-    catch (const std::exception&)
-    {
-        // The response has failed already; it is shown without its body.
-    }
 }
 } // namespace VoHTTPMessageWinHTTP

@@ -430,22 +430,15 @@ HRESULT CVoHTTPMessageWinINet::FetchBody(CRequest& answered, CVoBodyReceiver& bo
 }
 
 void CVoHTTPMessageWinINet::FetchErrorBody(CRequest& failed)
-try
 {
     auto& request = static_cast<CHTTPRequestDataWinINet&>(failed);
-    const size_t maximum = request.m_limits.errorBodyBytes;
     DWORD pieceTime = ErrorBodyTime();
     const INT64 end = VoGetMicroseconds() + INT64{ pieceTime } * 1000;
     // Where the platform refuses it, each piece has the time-out of the request.
     (void)::InternetSetOptionW(request.m_handle.Get(), INTERNET_OPTION_RECEIVE_TIMEOUT, &pieceTime, sizeof pieceTime);
     CVoBodyReceiver body;
-    (void)ReadBody(request, body, maximum, end); // the response has failed already
-    request.m_errorBody = body.TakeBytes();
-    request.m_errorBody.resize(std::min(request.m_errorBody.size(), maximum));
-}
-catch (const std::bad_alloc&)
-{
-    // The response has failed already; it is shown without its body.
+    (void)ReadBody(request, body, request.m_limits.errorBodyBytes, end); // the response has failed already
+    KeepErrorBody(request, body);
 }
 
 void CVoHTTPMessageWinINet::CancelCall(CRequest& request) noexcept

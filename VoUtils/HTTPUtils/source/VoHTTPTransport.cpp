@@ -426,7 +426,7 @@ HRESULT CVoHTTPTransport::internalSend(CRequest& request, const CVoHTTPContent& 
         const bool mayRetry = !request.m_isFinal && attempts.MayRetry(hr, request.m_statusCode) &&
                               asked.value_or(0) <= remaining && RestartSink(request);
         if (!mayRetry && request.m_statusCode >= kFirstErrorStatus && hr != kResultCancelled)
-            FetchErrorBody(request);
+            ReadErrorBody(request);
         if (const HRESULT reset = ResetConnection(request); FAILED(reset))
         {
             report(m_points.internalSend.reset, reset);

@@ -284,6 +284,8 @@ protected:
     // How long a send may wait for the body of a response that has failed already, in milliseconds: a server that never sends
     // it must not hold up the failure.
     [[nodiscard]] DWORD ErrorBodyTime() const noexcept { return std::min(m_requestTimeout, UINT32{ 5 }) * 1000; }
+    // Keeps the beginning of a body that was received for a response whose status is not 200. Throws std::bad_alloc.
+    static void KeepErrorBody(CRequest& request, CVoBodyReceiver& body);
     // Takes the body of the request's response.
     [[nodiscard]] CVoBodyReceiver MakeReceiver(const CRequest& request) const;
     // The body in one piece of memory, which is valid until the send is over. Throws std::bad_alloc.
@@ -352,7 +354,7 @@ private:
     // Why SendOnce or FetchBody failed.
     [[nodiscard]] virtual CVoFailure ExplainFailure(const CRequest& request, HRESULT result) const = 0;
     // Reads the beginning of the body of a response whose status is not 200, where SendOnce has not received it. Waits for
-    // ErrorBodyTime at most, or for that and the piece that is on its way then.
+    // ErrorBodyTime at most, or for that and the piece that is on its way then. Only called when some of it is to be kept.
     virtual void FetchErrorBody(CRequest& /*request*/) {}
     // Which URL the proxy store is asked about; null: the configured proxy.
     [[nodiscard]] virtual const std::wstring* ProxyQuestion(const CRequest& request) const
@@ -377,6 +379,7 @@ private:
     [[nodiscard]] bool FollowRedirect(CRequest& request) const;
     [[nodiscard]] std::optional<INT64> RetryAfter(const CRequest& request) const noexcept;
 
+    void ReadErrorBody(CRequest& request) noexcept;
     [[nodiscard]] HRESULT internalReadResponse(CRequest& request);
     [[nodiscard]] HRESULT TakeResponse(CRequest& request);
     [[nodiscard]] HRESULT SetBodyCheck(const CRequest& request, CVoBodyReceiver& body) const;

@@ -46,6 +46,23 @@ CVoBodyReceiver CVoHTTPTransport::MakeReceiver(const CRequest& request) const
     return body;
 }
 
+void CVoHTTPTransport::KeepErrorBody(CRequest& request, CVoBodyReceiver& body)
+{
+    request.m_errorBody = body.TakeBytes();
+    request.m_errorBody.resize(std::min<size_t>(request.m_errorBody.size(), request.m_limits.errorBodyBytes));
+}
+
+void CVoHTTPTransport::ReadErrorBody(CRequest& request) noexcept
+try
+{
+    if (request.m_limits.errorBodyBytes != 0)
+        FetchErrorBody(request);
+}
+catch (...)
+{
+    // The response has failed already; it is shown without its body.
+}
+
 bool CVoHTTPTransport::RestartSink(CRequest& request) noexcept
 {
     if (!request.m_hasWritten)
