@@ -17,15 +17,6 @@ namespace
 {
 // Schannel offers ALPN from Windows 8.1 on.
 constexpr ESystemClass kFirstSystemWithALPN = ESystemClass::Windows81;
-constexpr UINT32 kMillisecondsPerSecond = 1000;
-
-// A time-out in seconds as the milliseconds that libcurl takes. It reads 0 as "none". The longest stands for a longer one.
-long Milliseconds(UINT32 seconds) noexcept
-{
-    constexpr auto kMaximum = static_cast<UINT32>(std::numeric_limits<INT32>::max());
-    return seconds <= kMaximum / kMillisecondsPerSecond ? static_cast<long>(seconds * kMillisecondsPerSecond)
-                                                        : static_cast<long>(kMaximum);
-}
 } // namespace
 
 CCURLRequestHandle::CCURLRequestHandle(std::shared_ptr<CCURLConnections> connections) noexcept
@@ -188,8 +179,8 @@ HRESULT CCURLRequestHandle::Init(const CSettings& settings)
         .Set(759, CURLOPT_HTTP_CONTENT_DECODING, 1L)
         .Set(762, CURLOPT_TRANSFER_ENCODING, 0L)
         .Set(765, CURLOPT_ACCEPT_ENCODING, "")
-        .Set(768, CURLOPT_CONNECTTIMEOUT_MS, Milliseconds(settings.connectTimeout))
-        .Set(771, CURLOPT_TIMEOUT_MS, Milliseconds(settings.requestTimeout))
+        .Set(768, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(settings.connectTimeout))
+        .Set(771, CURLOPT_TIMEOUT_MS, static_cast<long>(settings.requestTimeout))
         .Set(774, CURLOPT_READFUNCTION, &read_callback)
         .Set(777, CURLOPT_READDATA, static_cast<void*>(nullptr))
         .Set(780, CURLOPT_IOCTLFUNCTION, &ioctl_callback)

@@ -5,6 +5,7 @@
 #include "CURLSupport.h"
 
 #include <array>
+#include <limits>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -23,9 +24,10 @@ public:
     CCURLRequestHandle(const CCURLRequestHandle&) = delete;
     CCURLRequestHandle& operator=(const CCURLRequestHandle&) = delete;
 
+    static constexpr UINT32 kLongestTimeout = std::numeric_limits<INT32>::max(); // libcurl takes it as a long
     struct CSettings
     {
-        UINT32 connectTimeout; // seconds; libcurl reads 0 as "none"
+        UINT32 connectTimeout; // milliseconds, kLongestTimeout at most; libcurl reads 0 as "none"
         UINT32 requestTimeout;
         bool verifiesCertificate;
         bool checksRevocation;

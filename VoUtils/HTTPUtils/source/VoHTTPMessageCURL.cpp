@@ -121,12 +121,13 @@ HRESULT CVoHTTPMessageCURL::OpenHandle(CRequest& opened)
 {
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::internalOpenRequest" };
     auto& request = static_cast<CHTTPRequestDataCURL&>(opened);
-    if (const HRESULT hr = request.m_handle.Init({ .connectTimeout = m_connectTimeout,
-                                                   .requestTimeout = m_requestTimeout,
-                                                   .verifiesCertificate = m_verifyServerCertificate,
-                                                   .checksRevocation = m_checkCertificateRevocation,
-                                                   .request = &request,
-                                                   .addresses = &request.m_trace.addresses });
+    if (const HRESULT hr =
+            request.m_handle.Init({ .connectTimeout = Milliseconds(m_connectTimeout, CCURLRequestHandle::kLongestTimeout),
+                                    .requestTimeout = Milliseconds(m_requestTimeout, CCURLRequestHandle::kLongestTimeout),
+                                    .verifiesCertificate = m_verifyServerCertificate,
+                                    .checksRevocation = m_checkCertificateRevocation,
+                                    .request = &request,
+                                    .addresses = &request.m_trace.addresses });
         FAILED(hr))
         return report(1240, hr);
     if (const HRESULT hr = VoUrlToBytes(request.m_address.FullURL(), request.m_url); FAILED(hr))

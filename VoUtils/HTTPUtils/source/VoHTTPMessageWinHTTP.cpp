@@ -20,15 +20,13 @@ using VoWinHttpRequest::CVoWinHttpPostRequest;
 using VoWinHttpRequest::CVoWinHttpRequest;
 using VoWinHttpRequest::HRESULTexc;
 using VoWinHttpRequest::IVoWinHttpRequest;
-using WindowsTransport::Milliseconds;
 
 namespace VoHTTPMessageWinHTTP
 {
 namespace
 {
 constexpr DWORD kAccessTypeAutomaticProxy = 4; // WINHTTP_ACCESS_TYPE_AUTOMATIC_PROXY, from Windows 8.1 on
-constexpr DWORD kMaximumConnections = 128;
-constexpr DWORD kMaximumConnections10 = 74; // Intended: it equals the option's own number.
+constexpr DWORD kMaximumConnections10 = 74;    // Intended: it equals the option's own number.
 constexpr DWORD kIgnoreCertificate = SECURITY_FLAG_IGNORE_UNKNOWN_CA | SECURITY_FLAG_IGNORE_CERT_WRONG_USAGE |
                                      SECURITY_FLAG_IGNORE_CERT_CN_INVALID | SECURITY_FLAG_IGNORE_CERT_DATE_INVALID;
 
@@ -262,7 +260,7 @@ HRESULT CVoHTTPMessageWinHTTP::InitSession() noexcept
         { WINHTTP_OPTION_CONNECT_TIMEOUT, Milliseconds(m_connectTimeout) },
         { WINHTTP_OPTION_SEND_TIMEOUT, Milliseconds(m_connectTimeout) },
         { WINHTTP_OPTION_RECEIVE_TIMEOUT, Milliseconds(m_requestTimeout) },
-        { WINHTTP_OPTION_MAX_CONNS_PER_SERVER, kMaximumConnections },
+        { WINHTTP_OPTION_MAX_CONNS_PER_SERVER, WindowsTransport::kMaximumConnections },
         { WINHTTP_OPTION_MAX_CONNS_PER_1_0_SERVER, kMaximumConnections10 },
         // The wait for the headers has a limit of its own, 90 seconds by default.
         { WINHTTP_OPTION_RECEIVE_RESPONSE_TIMEOUT, Milliseconds(m_requestTimeout) },

@@ -21,7 +21,6 @@ namespace VoHTTPMessageWinINet
 {
 namespace
 {
-constexpr DWORD kMaximumConnections = 128;
 constexpr DWORD kOptionMaximumConnectionsPerProxy = 103;
 constexpr DWORD kMaximumPiece = 32'000;           // bytes of a body, per write
 constexpr int kMaximumResends = 2;                // of a body: NTLM, the longest of the schemes, takes two
@@ -171,11 +170,11 @@ HRESULT CVoHTTPMessageWinINet::SetTimeoutsAndLimits(const CInternetHandle& conne
         DWORD value;
     };
     const CSetting settings[] = {
-        { INTERNET_OPTION_CONNECT_TIMEOUT, true, WindowsTransport::Milliseconds(m_connectTimeout) },
-        { INTERNET_OPTION_SEND_TIMEOUT, true, WindowsTransport::Milliseconds(m_connectTimeout) },
-        { INTERNET_OPTION_RECEIVE_TIMEOUT, true, WindowsTransport::Milliseconds(m_requestTimeout) },
-        { INTERNET_OPTION_MAX_CONNS_PER_SERVER, true, kMaximumConnections },
-        { kOptionMaximumConnectionsPerProxy, false, kMaximumConnections },
+        { INTERNET_OPTION_CONNECT_TIMEOUT, true, Milliseconds(m_connectTimeout) },
+        { INTERNET_OPTION_SEND_TIMEOUT, true, Milliseconds(m_connectTimeout) },
+        { INTERNET_OPTION_RECEIVE_TIMEOUT, true, Milliseconds(m_requestTimeout) },
+        { INTERNET_OPTION_MAX_CONNS_PER_SERVER, true, WindowsTransport::kMaximumConnections },
+        { kOptionMaximumConnectionsPerProxy, false, WindowsTransport::kMaximumConnections },
     };
     for (const CSetting& setting : settings)
     {

@@ -281,6 +281,12 @@ protected:
     [[nodiscard]] HRESULT SaveProxyCredentials(const std::wstring& proxy, const CCredentials& credentials) const noexcept;
     // Whether a target's certificate is verified. The switch of Connect is only for the connected https host.
     [[nodiscard]] bool VerifiesCertificateOf(const CServerAddressData& target) const noexcept;
+    // A time-out of Connect in the milliseconds that a service takes. `longest` stands for a longer one.
+    [[nodiscard]] static constexpr UINT32 Milliseconds(UINT32 seconds, UINT32 longest = MAXDWORD) noexcept
+    {
+        constexpr UINT32 kPerSecond = 1000;
+        return seconds <= longest / kPerSecond ? seconds * kPerSecond : longest;
+    }
     // How long a send may wait for the body of a response that has failed already, in milliseconds: a server that never sends
     // it must not hold up the failure.
     [[nodiscard]] DWORD ErrorBodyTime() const noexcept { return std::min(m_requestTimeout, UINT32{ 5 }) * 1000; }

@@ -11,12 +11,7 @@
 
 namespace WindowsTransport
 {
-// A time-out as the services take it.
-[[nodiscard]] constexpr DWORD Milliseconds(UINT32 seconds) noexcept
-{
-    constexpr UINT32 kPerSecond = 1000;
-    return seconds <= MAXDWORD / kPerSecond ? seconds * kPerSecond : MAXDWORD;
-}
+inline constexpr DWORD kMaximumConnections = 128; // that a service may have to one server or proxy
 
 // Whether a body comes too slowly. The services' time-out is for each piece, so a server that sends a byte now and then would
 // keep the caller for ever. A body may take the request time-out and one second more for each KiB that has come. Times: from
