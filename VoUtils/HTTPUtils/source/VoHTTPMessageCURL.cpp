@@ -63,6 +63,7 @@ private:
     [[nodiscard]] CVoFailure ExplainFailure(const CRequest& failed, HRESULT result) const override;
 
     [[nodiscard]] HRESULT PrepareSend(CHTTPRequestDataCURL& request, const std::wstring& contentType);
+    void WriteBodyToLogFile(const CVoBodyPieces& body) noexcept;
     [[nodiscard]] HRESULT Perform(CHTTPRequestDataCURL& request, const CVoBodyPieces& body);
     static void NoteTarget(CHTTPRequestDataCURL& request, CURLcode code) noexcept;
     [[nodiscard]] static HRESULT ReadTarget(CHTTPRequestDataCURL& request);
@@ -230,6 +231,20 @@ HRESULT CVoHTTPMessageCURL::SendOnce(CRequest& sent, const CVoBodyPieces& body, 
     if (request.m_statusCode == kStatusUnauthorized && m_authCallback)
         return ReadTarget(request);
     return S_OK;
+}
+
+// Writes the body to the data log when that is on.
+void CVoHTTPMessageCURL::WriteBodyToLogFile(const CVoBodyPieces& body) noexcept
+try
+{
+    if (!CVoModuleInformation::Get().IsDebug())
+        return;
+    const std::span<const BYTE> all = Joined(body);
+    WriteDataToLogFile(EDataDirection::Written, all.data(), static_cast<UINT32>(all.size()));
+}
+catch (...)
+{
+    // No memory for the body: the data log is only for the developer.
 }
 
 // One transfer.

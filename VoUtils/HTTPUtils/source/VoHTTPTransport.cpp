@@ -7,7 +7,6 @@
 #include <VoGlobalHTTPCookieStoreImpl.h>
 #include <VoProxyList.h>
 
-#include <base/VoModuleInformation.h>
 #include <base/VoUtils.h>
 #include <base/com/VoComHelper.h>
 
@@ -481,19 +480,6 @@ std::span<const BYTE> CVoHTTPTransport::Joined(const CVoBodyPieces& body)
         m_joinedSize = body.Length();
     }
     return { m_joined.get(), CVoBodyReader(body).Read({ m_joined.get(), body.Length() }) };
-}
-
-void CVoHTTPTransport::WriteBodyToLogFile(const CVoBodyPieces& body) noexcept
-try
-{
-    if (!CVoModuleInformation::Get().IsDebug())
-        return;
-    const std::span<const BYTE> all = Joined(body);
-    WriteDataToLogFile(EDataDirection::Written, all.data(), static_cast<UINT32>(all.size()));
-}
-catch (...)
-{
-    // No memory for the body: the data log is only for the developer.
 }
 
 bool CVoHTTPTransport::Pause(const CRequest& request, INT64 microseconds) noexcept

@@ -296,8 +296,6 @@ protected:
     [[nodiscard]] CVoBodyReceiver MakeReceiver(const CRequest& request) const;
     // The body in one piece of memory, which is valid until the send is over. Throws std::bad_alloc.
     [[nodiscard]] std::span<const BYTE> Joined(const CVoBodyPieces& body);
-    // Writes the body to the data log when that is on.
-    void WriteBodyToLogFile(const CVoBodyPieces& body) noexcept;
     // Gives the cookies of the response to the store.
     void StoreCookies(const CRequest& request) const;
     // The number of a header's value; nothing where it is missing or no number (Content-Length: RFC 9110, section 8.6).
