@@ -1,6 +1,8 @@
 // Takes the body of a response into memory or into a sink; see VoBodyReceiver.h.
 #include "VoBodyReceiver.h"
 
+#include "VoContentLength.h"
+
 #include <VoResponseSink.h>
 
 #include <base/VoErrorHandler.h>
@@ -14,8 +16,6 @@ constexpr const wchar_t* kSource = L"..\\source\\VoBodyReceiver";
 
 constexpr size_t kFirstBlock = size_t{ 16 } * 1024;
 constexpr size_t kLargestBlock = size_t{ 4 } * 1024 * 1024;
-// The announced length of a response is only a promise: reserve at most this much for it.
-constexpr UINT64 kMaximumReserve = UINT64{ 256 } * 1024 * 1024;
 } // namespace
 
 // Blocks of bytes
@@ -103,9 +103,8 @@ void CVoBodyReceiver::SetCheck(std::optional<UINT64> length, std::unique_ptr<CVo
 
 void CVoBodyReceiver::Expect(UINT64 length)
 {
-    const UINT64 limit = m_limit != 0 ? std::min(m_limit, kMaximumReserve) : kMaximumReserve;
     if (!m_sink)
-        m_bytes.Reserve(static_cast<size_t>(std::min(length, limit)));
+        m_bytes.Reserve(VoReserveFor(length, m_limit));
 }
 
 // Counts the bytes and checks them.

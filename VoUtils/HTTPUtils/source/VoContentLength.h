@@ -1,10 +1,19 @@
-// Reads the Content-Length fields of a response. The transports use it.
+// Reads the Content-Length fields of a response, and says how much memory an announced length deserves. The transports use it.
 #pragma once
 
 #include <base/VoText.h>
 
+#include <algorithm>
 #include <optional>
 #include <string_view>
+
+// How many bytes to reserve for the body of a response. The announced length is only a promise. `limit`: bytes that the body
+// may have; 0: any number.
+[[nodiscard]] constexpr size_t VoReserveFor(UINT64 announced, UINT64 limit) noexcept
+{
+    constexpr UINT64 kMost = UINT64{ 256 } * 1024 * 1024;
+    return static_cast<size_t>(std::min(announced, limit != 0 ? std::min(limit, kMost) : kMost));
+}
 
 // What a response's Content-Length fields say together. Equal numbers may stand in one field or in several; anything else makes
 // the length invalid, and the end of the body cannot be trusted (RFC 9110, section 8.6; RFC 9112, section 6.3).

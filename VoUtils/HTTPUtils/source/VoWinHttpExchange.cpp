@@ -1,6 +1,8 @@
 // The state machine of one WinHTTP exchange. CVoWinHttpRequest starts it, waits for its results and ends it.
 #include "VoWinHttpExchange.h"
 
+#include "VoContentLength.h"
+
 #include <base/VoWipe.h>
 
 #include <algorithm>
@@ -28,8 +30,6 @@ constexpr UINT64 kPieceCost = 64;
 constexpr UINT64 kFreePieceCost = UINT64{ 1024 } * 1024;
 // From so many bytes on it is worth asking for the announced length of the body.
 constexpr UINT64 kLongBody = UINT64{ 256 } * 1024;
-// The announced length is only a promise: reserve at most this much for it.
-constexpr DWORD kMaximumReserve = 256 * 1024 * 1024;
 // The most bytes of a piece that ReadPiece returns.
 constexpr DWORD kMaximumPiece = 256 * 1024;
 } // namespace
@@ -514,8 +514,7 @@ void CExchange::JoinChunks()
     DWORD length = 0;
     if (FAILED(m_request.QueryHeaders(WINHTTP_QUERY_CONTENT_LENGTH | WINHTTP_QUERY_FLAG_NUMBER, length)))
         return;
-    const UINT64 most = m_bodyLimit != 0 ? std::min<UINT64>(m_bodyLimit, kMaximumReserve) : kMaximumReserve;
-    m_joined.reserve(static_cast<size_t>(std::max(std::min<UINT64>(length, most), m_received)));
+    m_joined.reserve(std::max(VoReserveFor(length, m_bodyLimit), static_cast<size_t>(m_received)));
     for (CChunk& chunk : m_chunks)
     {
         m_joined.insert(m_joined.end(), chunk.bytes.get(), chunk.bytes.get() + chunk.length);
