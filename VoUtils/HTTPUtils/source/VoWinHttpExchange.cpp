@@ -225,7 +225,7 @@ HRESULT CExchange::Prepare(CVoFuture<DWORD>& statusFuture, CVoFuture<std::vector
     m_joined = {};
     m_chunks.clear();
     m_received = 0;
-    m_hasTriedToJoin = false;
+    m_hasMadeRoom = false;
     m_cutsBody = false;
     m_pending.reset();
     m_url.clear();
@@ -508,34 +508,30 @@ void CExchange::DeliverPiece(std::vector<BYTE> piece) noexcept
         data->SetValue(std::move(piece));
 }
 
-void CExchange::JoinChunks()
+void CExchange::MakeRoom()
 {
-    m_hasTriedToJoin = true;
+    m_hasMadeRoom = true;
     DWORD length = 0;
-    if (FAILED(m_request.QueryHeaders(WINHTTP_QUERY_CONTENT_LENGTH | WINHTTP_QUERY_FLAG_NUMBER, length)))
-        return;
-    m_joined.reserve(std::max(VoReserveFor(length, m_bodyLimit), static_cast<size_t>(m_received)));
+    if (SUCCEEDED(m_request.QueryHeaders(WINHTTP_QUERY_CONTENT_LENGTH | WINHTTP_QUERY_FLAG_NUMBER, length)))
+        JoinChunks(std::max(VoReserveFor(length, m_bodyLimit), static_cast<size_t>(m_received)));
+}
+
+void CExchange::JoinChunks(size_t capacity)
+{
+    m_joined.reserve(capacity);
     for (CChunk& chunk : m_chunks)
     {
         m_joined.insert(m_joined.end(), chunk.bytes.get(), chunk.bytes.get() + chunk.length);
-        chunk.bytes.reset();
+        chunk.bytes.reset(); // now, so that memory holds the body at most twice
     }
     m_chunks.clear();
 }
 
 void CExchange::DeliverBody()
 {
-    size_t total = m_joined.size();
-    for (const CChunk& chunk : m_chunks)
-        total += chunk.length;
+    if (!m_chunks.empty())
+        JoinChunks(static_cast<size_t>(m_received));
     std::vector<BYTE> body = std::exchange(m_joined, {});
-    body.reserve(total);
-    for (CChunk& chunk : m_chunks)
-    {
-        body.insert(body.end(), chunk.bytes.get(), chunk.bytes.get() + chunk.length);
-        chunk.bytes.reset(); // now, so that memory holds the body at most twice
-    }
-    m_chunks.clear();
     m_received = 0;
     if (m_cutsBody && body.size() > m_bodyLimit)
         body.resize(static_cast<size_t>(m_bodyLimit));
@@ -592,8 +588,8 @@ HRESULT CExchange::OnReadComplete(const void* information, DWORD length)
         DeliverPiece(std::move(piece));
         return S_OK;
     }
-    if (m_received >= kLongBody && !m_hasTriedToJoin)
-        JoinChunks();
+    if (m_received >= kLongBody && !m_hasMadeRoom)
+        MakeRoom();
     const HRESULT hr = Reason(m_request.QueryDataAvailable());
     return SUCCEEDED(hr) ? hr : report(390, hr);
 }

@@ -193,8 +193,10 @@ private:
     [[nodiscard]] HRESULT OnHandleClosing(const void* information, DWORD length);
     void DeliverBody();
     void DeliverPiece(std::vector<BYTE> piece) noexcept;
-    // Joins the chunks in a buffer for the whole body, once it turns out to be long and its length is known.
-    void JoinChunks();
+    // Makes room for the whole body, once it turns out to be long and its length is known.
+    void MakeRoom();
+    // Appends the chunks to m_joined, whose capacity becomes `capacity` at least.
+    void JoinChunks(size_t capacity);
 
     // The owner's thread uses these between exchanges; during an exchange its notifications do, one at a time.
     const wchar_t* const m_className;
@@ -204,7 +206,7 @@ private:
     std::vector<BYTE> m_joined;   // the beginning of the body, with room for the rest
     std::vector<CChunk> m_chunks; // what comes behind it
     UINT64 m_received = 0;        // bytes of the body
-    bool m_hasTriedToJoin = false;
+    bool m_hasMadeRoom = false;
     bool m_readsPieces = false;
     UINT64 m_bodyLimit = 0;            // 0: none
     bool m_cutsBody = false;           // a body that reaches the limit ends there
