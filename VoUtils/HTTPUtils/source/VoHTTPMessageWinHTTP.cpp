@@ -5,9 +5,9 @@
 #include "VoHTTPTransport.h"
 #include "VoUrl.h"
 #include "VoWinHttpCookies.h"
+#include "VoWinHttpTrace.h"
 #include "WindowsTransport.h"
 
-#include <VoNetworkUtils.h>
 #include <VoWinHttpRequest.h>
 
 #include <base/VoSystemProperties.h>
@@ -126,79 +126,11 @@ public:
     WinHttpConnectionHandle m_targetConnection; // to the target of a redirect on another server
     WinHttpRequestHandle m_handle;
     std::unique_ptr<IVoWinHttpRequest> m_exchange;
-
-    [[nodiscard]] HRESULT FillLocalIPAddress();
-    // Takes the addresses and times of a notification into the trace.
-    void Note(DWORD status, const void* information, DWORD length) noexcept;
 };
 
 std::shared_ptr<CVoHTTPMessage> MakeMessage(bool rewriteLoopback)
 {
     return std::make_shared<CVoHTTPMessageWinHTTP>(rewriteLoopback);
-}
-
-HRESULT CVoHTTPMessageWinHTTP::CHTTPRequestDataWinHTTP::FillLocalIPAddress()
-{
-    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinHTTP::CHTTPRequestDataWinHTTP::FillLocalIPAddress" };
-    WINHTTP_CONNECTION_INFO info{};
-    info.cbSize = sizeof info;
-    DWORD length = sizeof info;
-    if (const HRESULT hr = m_handle.QueryOption(WINHTTP_OPTION_CONNECTION_INFO, &info, length); FAILED(hr))
-        return report(120, hr);
-    // Only the family IPv4 is known here. Another one is no fault, so it is not reported.
-    if (info.LocalAddress.ss_family != AF_INET)
-        return E_INVALIDARG;
-    VoNetworkUtils::CVoIPAddress address;
-    bool taken = false;
-    if (const HRESULT hr = address.InitFromIPAddress(reinterpret_cast<const SOCKADDR&>(info.LocalAddress), false, taken);
-        FAILED(hr))
-        return report(128, hr);
-    m_localAddress = address.Text();
-    return S_OK;
-}
-
-void CVoHTTPMessageWinHTTP::CHTTPRequestDataWinHTTP::Note(DWORD status, const void* information, DWORD length) noexcept
-try
-{
-    switch (status)
-    {
-    case WINHTTP_CALLBACK_STATUS_RESOLVING_NAME:
-        if (information)
-            m_trace.resolved = static_cast<const wchar_t*>(information);
-        break;
-    case WINHTTP_CALLBACK_STATUS_NAME_RESOLVED:
-        m_trace.OnNameResolved();
-        break;
-    case WINHTTP_CALLBACK_STATUS_CONNECTING_TO_SERVER:
-        if (information)
-            m_trace.addresses.emplace_back(static_cast<const wchar_t*>(information));
-        break;
-    case WINHTTP_CALLBACK_STATUS_CONNECTED_TO_SERVER:
-        m_trace.OnConnected();
-        if (information)
-            m_trace.remoteAddress = static_cast<const wchar_t*>(information);
-        break;
-    case WINHTTP_CALLBACK_STATUS_SENDING_REQUEST:
-        m_trace.OnSending(m_target.IsSecure());
-        break;
-    case WINHTTP_CALLBACK_STATUS_SENDREQUEST_COMPLETE:
-        m_trace.sent = VoGetMicroseconds();
-        break;
-    case WINHTTP_CALLBACK_STATUS_RESPONSE_RECEIVED:
-    case WINHTTP_CALLBACK_STATUS_HEADERS_AVAILABLE:
-        m_trace.OnResponse();
-        break;
-    case WINHTTP_CALLBACK_STATUS_SECURE_FAILURE:
-        if (information && length >= sizeof(DWORD))
-            m_trace.secureFailure = *static_cast<const DWORD*>(information);
-        break;
-    default:
-        break;
-    }
-}
-catch (...)
-{
-    // No memory for an address: the request goes on, its record lacks it.
 }
 
 HRESULT CVoHTTPMessageWinHTTP::OpenSession()
@@ -420,8 +352,9 @@ HRESULT CVoHTTPMessageWinHTTP::MakeExchange(CHTTPRequestDataWinHTTP& request, st
     });
         FAILED(hr))
         return report(458, hr);
-    if (const HRESULT hr = exchange->SetNotificationHandler([&request](DWORD status, const void* information, DWORD length)
-    { request.Note(status, information, length); });
+    if (const HRESULT hr = exchange->SetNotificationHandler([&trace = request.m_trace, isSecure = request.m_target.IsSecure()](
+                                                                DWORD status, const void* information, DWORD length)
+    { VoNoteNotification(trace, isSecure, status, information, length); });
         FAILED(hr))
         return report(459, hr);
     if (const HRESULT hr = exchange->SetReportChain(&request.m_chain); FAILED(hr))
@@ -477,8 +410,8 @@ HRESULT CVoHTTPMessageWinHTTP::SendOnce(CRequest& sent, const CVoBodyPieces& bod
         report.Message(495, L"Exception thrown: %hs", failure.what());
         return report(496, E_FAIL);
     }
-    if (request.m_statusCode != 0)
-        (void)request.FillLocalIPAddress(); // for the caller's information; the response stands without it
+    if (request.m_statusCode != 0) // for the caller's information; the response stands without it
+        (void)VoReadLocalAddress(request.m_handle, request.m_localAddress);
     return result;
 }
 
