@@ -1,13 +1,14 @@
 // Connections of probes (VoProbeSocket.h).
 #include "VoProbeSocket.h"
 
+#include <VoNetworkUtils.h>
+
 #include <base/VoDateTime.h>
 #include <base/VoText.h>
 #include <base/VoTextConversion.h>
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <memory>
 
 namespace VoDiagnosis
@@ -65,17 +66,6 @@ DWORD CWaitLimit::Remaining() const noexcept
     return left <= 0 ? 0 : static_cast<DWORD>((left + 999) / 1000);
 }
 
-int StartSockets() noexcept
-{
-    static std::atomic<bool> s_isStarted{ false };
-    if (s_isStarted.load())
-        return 0;
-    WSADATA data{};
-    const int error = ::WSAStartup(MAKEWORD(2, 2), &data);
-    s_isStarted.store(error == 0);
-    return error;
-}
-
 CSocketAddress MakeSocketAddress(const std::wstring& text, UINT16 port)
 {
     CSocketAddress address;
@@ -99,7 +89,7 @@ CSocketAddress MakeSocketAddress(const std::wstring& text, UINT16 port)
 
 DWORD Resolve(const std::wstring& host, UINT16 port, std::vector<CSocketAddress>& addresses)
 {
-    if (const int error = StartSockets(); error != 0)
+    if (const int error = VoNetworkUtils::StartSockets(); error != 0)
         return static_cast<DWORD>(error);
     ADDRINFOW hints{};
     hints.ai_family = AF_UNSPEC;
@@ -137,7 +127,7 @@ CProbeSocket::~CProbeSocket()
 
 EOutcome CProbeSocket::Begin(const CSocketAddress& address) noexcept
 {
-    if (const int error = StartSockets(); error != 0)
+    if (const int error = VoNetworkUtils::StartSockets(); error != 0)
         return OutcomeOf(error);
     m_event = ::WSACreateEvent();
     m_socket = ::socket(address.address.ss_family, SOCK_STREAM, IPPROTO_TCP);

@@ -25,9 +25,6 @@ struct CWaitLimit
     [[nodiscard]] DWORD Remaining() const noexcept;
 };
 
-// Starts Windows Sockets once, for the life of the process. 0, or the platform's error.
-[[nodiscard]] int StartSockets() noexcept;
-
 // An address to connect to, and its text.
 struct CSocketAddress
 {

@@ -1,5 +1,5 @@
 // IP addresses from host names, texts and socket addresses. The transports report the client's and the server's address with
-// it.
+// it, and the connection doctor starts Windows Sockets with it.
 #pragma once
 
 #include <base/VoPlatform.h>
@@ -9,6 +9,10 @@
 
 namespace VoNetworkUtils
 {
+// Starts Windows Sockets once, for the life of the process. Any thread: two threads at the same time may start it twice, and
+// the platform counts the starts. Gives 0 or the platform's error; after an error the next call tries again.
+[[nodiscard]] int StartSockets() noexcept;
+
 // One IPv4 or IPv6 address with its text. Copies are independent. One object must not be used by several threads at once.
 //
 // Every Init... clears the record first and fills it on success only. Text() is always the address. The bytes are the address

@@ -22,20 +22,6 @@ struct SAddressListDeleter
 };
 using CAddressList = std::unique_ptr<ADDRINFOW, SAddressListDeleter>;
 
-// Starts Windows Sockets once, for the life of the process. Two threads at the same time may start it twice; the platform
-// counts the starts. Gives 0 or the platform's error; after an error the next call tries again.
-int StartSockets() noexcept
-{
-    static std::atomic<bool> s_isStarted{ false };
-    if (s_isStarted.load())
-        return 0;
-    WSADATA data{};
-    const int error = ::WSAStartup(MAKEWORD(2, 2), &data);
-    if (error == 0)
-        s_isStarted.store(true);
-    return error;
-}
-
 std::wstring WithoutBrackets(const std::wstring& text)
 {
     const bool isBracketed = text.size() >= 2 && text.front() == L'[' && text.back() == L']';
@@ -48,6 +34,18 @@ bool HasNull(const std::wstring& text) noexcept
     return text.find(L'\0') != std::wstring::npos;
 }
 } // namespace
+
+int StartSockets() noexcept
+{
+    static std::atomic<bool> s_isStarted{ false };
+    if (s_isStarted.load())
+        return 0;
+    WSADATA data{};
+    const int error = ::WSAStartup(MAKEWORD(2, 2), &data);
+    if (error == 0)
+        s_isStarted.store(true);
+    return error;
+}
 
 void CVoIPAddress::SetValid(bool isIPv6) noexcept
 {
