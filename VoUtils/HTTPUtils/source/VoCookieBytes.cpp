@@ -4,8 +4,11 @@
 #include <base/VoPlatform.h>
 #include <base/VoTextConversion.h>
 
+#include <algorithm>
+
 namespace
 {
+constexpr wchar_t kFirstBeyondAscii = 0x80;
 constexpr wchar_t kFirstRawByte = 0xF780; // stands for the byte 80
 constexpr wchar_t kLastRawByte = 0xF7FF;
 constexpr char32_t kReplacement = 0xFFFD;
@@ -111,6 +114,11 @@ std::string VoCookieBytesFromText(std::wstring_view text)
     return bytes;
 }
 
+bool VoIsAscii(std::wstring_view text) noexcept
+{
+    return std::all_of(text.begin(), text.end(), [](wchar_t character) { return character < kFirstBeyondAscii; });
+}
+
 size_t VoCookieByteLength(std::wstring_view text) noexcept
 {
     size_t length = 0;
@@ -129,7 +137,6 @@ std::optional<std::string> VoNarrowHeader(std::wstring_view text)
 
 bool VoIsSafeHeaderText(std::wstring_view text) noexcept
 {
-    constexpr wchar_t kFirstBeyondAscii = 0x80;
     for (const wchar_t character : text)
     {
         if (character >= kFirstRawByte && character <= kLastRawByte)

@@ -287,7 +287,7 @@ HRESULT CVoHTTPMessageWinINet::SetCookie(const CHTTPRequestDataWinINet& request,
     const std::wstring& cookies = request.m_cookieHeader;
     if (cookies.empty())
         return S_OK;
-    if (std::all_of(cookies.begin(), cookies.end(), [](wchar_t character) { return character < 0x80; }))
+    if (VoIsAscii(cookies))
     {
         headers = VoFormat(L"Cookie: %ls\r\n", cookies.c_str());
         return S_OK;

@@ -5,7 +5,6 @@
 
 #include <base/VoErrorHandler.h>
 
-#include <algorithm>
 #include <string_view>
 
 namespace VoHTTPMessageWinHTTP
@@ -34,7 +33,7 @@ std::wstring SafeCookies(std::wstring_view cookies)
 
 HRESULT VoSetCookies(const VoWinHttpInterface::WinHttpRequestHandle& request, const std::wstring& cookies)
 {
-    if (std::all_of(cookies.begin(), cookies.end(), [](wchar_t character) { return character < 0x80; }))
+    if (VoIsAscii(cookies))
         return request.SetCookieString(cookies);
     const HRESULT hr = request.AddHeaderBytes("Cookie", VoCookieBytesFromText(cookies).c_str(), WINHTTP_ADDREQ_FLAG_ADD);
     if (hr != S_FALSE)
