@@ -33,6 +33,12 @@ struct CCURLCredentials
 {
     std::string user;
     CVoSecret<char> password;
+
+    [[nodiscard]] HRESULT Set(const std::wstring& userText, const CVoSecret<wchar_t>& passwordText) noexcept
+    {
+        const HRESULT hr = VoStringToUTF8(userText, user);
+        return SUCCEEDED(hr) ? VoStringToUTF8(passwordText.Get(), password.Get()) : hr;
+    }
 };
 } // namespace
 
@@ -81,7 +87,8 @@ public:
     }
 
     std::shared_ptr<CVoHTTPMessage> m_owner;
-    CURLSListWrapper m_headers; // of the attempt; the handle refers to it
+    // The handle is destroyed before these two, which it refers to.
+    CURLSListWrapper m_headers; // of the attempt
     CProgressContext m_progress;
     CCURLRequestHandle m_handle;
     std::string m_url;
@@ -142,9 +149,7 @@ HRESULT CVoHTTPMessageCURL::OpenHandle(CRequest& opened)
     CCURLCredentials credentials;
     HRESULT hr = VoStringToUTF8(request.m_proxy, proxy);
     if (SUCCEEDED(hr) && request.m_proxyCredentials)
-        hr = VoStringToUTF8(request.m_proxyCredentials->user, credentials.user);
-    if (SUCCEEDED(hr) && request.m_proxyCredentials)
-        hr = VoStringToUTF8(request.m_proxyCredentials->password.Get(), credentials.password.Get());
+        hr = credentials.Set(request.m_proxyCredentials->user, request.m_proxyCredentials->password);
     if (FAILED(hr))
         return report(1265, hr);
     if (!proxy.empty())
@@ -364,10 +369,7 @@ HRESULT CVoHTTPMessageCURL::UseCredentials(CRequest& asked, bool proxy, const CC
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::internalSendRAW" };
     auto& request = static_cast<CHTTPRequestDataCURL&>(asked);
     CCURLCredentials credentials;
-    HRESULT hr = VoStringToUTF8(typed.user, credentials.user);
-    if (SUCCEEDED(hr))
-        hr = VoStringToUTF8(typed.password.Get(), credentials.password.Get());
-    if (FAILED(hr))
+    if (const HRESULT hr = credentials.Set(typed.user, typed.password); FAILED(hr))
         return report(974, hr);
 
     request.m_handle.SetConfidential();

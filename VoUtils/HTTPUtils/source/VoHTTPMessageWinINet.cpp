@@ -31,7 +31,6 @@ constexpr DWORD_PTR kContext = 1;
 constexpr CVoTransportFacts kFacts{
     .unexpectedStatus = kResultUnexpectedStatus, .usesProxyStore = false, .cookiesAtSend = true, .tracesEveryAddress = true
 };
-
 } // namespace
 
 class CVoHTTPMessageWinINet final : public CVoHTTPTransport
