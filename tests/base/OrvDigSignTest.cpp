@@ -214,7 +214,9 @@ TEST(DigSign, TheDecodedKeyIsWipedBeforeItsMemoryIsReleased)
     };
     const auto watchFree = [&](auto original, void* memory)
     {
-        if (memory && memory == blob.data())
+        // The blob stands somewhere in the memory.
+        const auto offset = reinterpret_cast<UINT_PTR>(blob.data()) - reinterpret_cast<UINT_PTR>(memory);
+        if (memory && !blob.empty() && offset < ::_msize(memory))
             wasWiped = std::all_of(blob.begin(), blob.end(), [](BYTE value) { return value == 0; });
         original(memory);
     };

@@ -3,10 +3,15 @@
 #include <base/com/VoComImplHelper.h>
 #include <base/com/VoIUnknown.h>
 
+#include "support/ImportHook.h"
+#include "support/LogCapture.h"
+
 #include <gmock/gmock.h>
 
 #include <array>
 #include <thread>
+
+using namespace TestSupport;
 
 namespace
 {
@@ -152,6 +157,28 @@ TEST(ComValues, OnlyArraysOfBytesBecomeBytes)
         EXPECT_EQ(VoVariantToBytes(value.Get(), back), expected);
         EXPECT_EQ(back.size(), 4U);
     }
+}
+
+TEST(ComValues, EveryFailureReleasesTheArray)
+{
+    const auto balance = CAcquireBalance::Of<decltype(&::SafeArrayCreateVector), decltype(&::SafeArrayDestroy)>(
+        "oleaut32.dll", "SafeArrayCreateVector", "SafeArrayDestroy");
+    CLogCapture log;
+    const BYTE bytes[] = { 1, 2, 3 };
+    const auto run = [&]
+    {
+        VARIANT value{};
+        const HRESULT hr = VoBytesToVariant(bytes, value);
+        EXPECT_EQ(value.vt, SUCCEEDED(hr) ? VT_ARRAY | VT_UI1 : VT_EMPTY);
+        if (SUCCEEDED(hr))
+            ::SafeArrayDestroy(value.parray); // VariantClear would do it inside the platform, unseen
+        return hr;
+    };
+    ExpectEveryFailureIsHandled(
+        { VO_FAULT_GIVES("oleaut32.dll", SafeArrayCreateVector, nullptr, ERROR_SUCCESS, E_OUTOFMEMORY),
+          VO_FAULT_GIVES("oleaut32.dll", SafeArrayAccessData, DISP_E_ARRAYISLOCKED, ERROR_SUCCESS, DISP_E_ARRAYISLOCKED),
+          VO_FAULT_GIVES("oleaut32.dll", VariantClear, DISP_E_ARRAYISLOCKED, ERROR_SUCCESS, DISP_E_ARRAYISLOCKED) },
+        run, [&](HRESULT code) { return TakeReport(log, code); }, { &balance });
 }
 
 TEST(ComValues, TextsAreConvertedToSafeArraysAndBack)

@@ -377,7 +377,8 @@ TEST_P(TransportTest, SendsSeveralMessagesInOneRequest)
 TEST_P(TransportTest, ALengthThatRunsPastTheEndLeavesTheOutputs)
 {
     const std::string good("\x05\0\0\0x=1&&", 9);
-    for (const std::string& bad : { good + std::string("\x06\0\0\0y=1&&", 9), good + std::string("\x05\0\0", 3) })
+    for (const std::string& bad : { good + std::string("\x06\0\0\0y=1&&", 9), good + std::string("\x05\0\0", 3),
+                                    good + "\xFC\xFF\xFF\xFFy=1&&", good + "\xFF\xFF\xFF\xFFy=1&&" })
     {
         CServer server(Responds(200, {}, bad));
         const auto message = Connect(server.URL());

@@ -204,29 +204,34 @@ TEST_P(WinHTTPTransport, TakesItsProxyFromTheStore)
 
 TEST_P(WinHTTPTransport, AsksForProxyCredentialsOnceAndSetsThemBeforeEachSend)
 {
-    m_callback->AnswerProxy({ { L"user", L"hunter2" } });
-    const auto store = VoMakeComObject<CFixedProxyStore>(L"proxy.test:8080");
-    const CLogCapture log;
-    const Message message = Connect(L"http://server.test/x?secret=1", { .proxies = store.Get() });
-    const Request request = Open(*message);
-    m_platform.responses = { { .status = 407 }, {} };
-    (void)m_platform.Take();
-    EXPECT_EQ(SendOn(*message, request), S_OK);
-    EXPECT_THAT(m_platform.Take({ "Use", "Send" }), ElementsAre("Send h3 2", "Use h3 1 1 user hunter2", "Send h3 2"));
-    EXPECT_THAT(m_callback->Questions(), ElementsAre(L"proxy http://server.test/x proxy.test:8080"));
-    EXPECT_THAT(store->saved, ElementsAre(L"proxy.test:8080 user hunter2"));
-    // Both this request and the next send them from the start.
-    for (const Request& next : { request, Open(*message) })
+    for (const HRESULT saving : { S_OK, E_ACCESSDENIED })
     {
+        m_callback = VoMakeComObject<CScriptedAuthCallback>();
+        m_callback->AnswerProxy({ { L"user", L"hunter2" } });
+        const auto store = VoMakeComObject<CFixedProxyStore>(L"proxy.test:8080");
+        store->saveResult = saving;
+        const CLogCapture log;
+        const Message message = Connect(L"http://server.test/x?secret=1", { .proxies = store.Get() });
+        const Request request = Open(*message);
+        m_platform.responses = { { .status = 407 }, {} };
         (void)m_platform.Take();
-        EXPECT_EQ(SendOn(*message, next), S_OK);
-        const std::vector<std::string> calls = m_platform.Take({ "Use", "Send" });
-        ASSERT_THAT(calls, testing::SizeIs(testing::Ge(2U)));
-        EXPECT_THAT(calls[calls.size() - 2], testing::EndsWith(" 1 1 user hunter2"));
-        EXPECT_THAT(calls.back(), testing::StartsWith("Send"));
+        EXPECT_EQ(SendOn(*message, request), S_OK);
+        EXPECT_THAT(m_platform.Take({ "Use", "Send" }), ElementsAre("Send h3 2", "Use h3 1 1 user hunter2", "Send h3 2"));
+        EXPECT_THAT(m_callback->Questions(), ElementsAre(L"proxy http://server.test/x proxy.test:8080"));
+        EXPECT_EQ(store->saved, std::vector<std::wstring>(saving == S_OK ? 1 : 0, L"proxy.test:8080 user hunter2"));
+        // Both this request, also when they are not kept, and the next send them from the start.
+        for (const Request& next : { request, saving == S_OK ? Open(*message) : request })
+        {
+            (void)m_platform.Take();
+            EXPECT_EQ(SendOn(*message, next), S_OK);
+            const std::vector<std::string> calls = m_platform.Take({ "Use", "Send" });
+            ASSERT_THAT(calls, testing::SizeIs(testing::Ge(2U)));
+            EXPECT_THAT(calls[calls.size() - 2], testing::EndsWith(" 1 1 user hunter2"));
+            EXPECT_THAT(calls.back(), testing::StartsWith("Send"));
+        }
+        EXPECT_THAT(m_callback->Questions(), SizeIs(1));
+        ExpectNotLogged(log, L"hunter2");
     }
-    EXPECT_THAT(m_callback->Questions(), SizeIs(1));
-    ExpectNotLogged(log, L"hunter2");
 }
 
 TEST_P(WinHTTPTransport, AnswersNothingButBasic)

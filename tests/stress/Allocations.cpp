@@ -466,6 +466,7 @@ std::vector<CRow> Table()
         { "CVo2DIDArray::SetCell", On(&Array, [](CVo2DIDArray& a) { return a.SetCell(1, 1, kText, TextVariant().Get()); }, &SeeArray) },
         { "CParamRec::PutParamString", On(New<CParamRec>(), [](CParamRec& r) { return r.PutParamString(kPairs.c_str(), 40); }, [](const CParamRec& r) { return std::wstring(r.ValueView()); }) },
         { "CVoDataParser::AddParam", OnParser([](CVoDataParser& p) { return p.AddParam(kText, kText); }) },
+        { "CVoDataParser::AddParam", OnParser([](CVoDataParser& p) { static const CVo2DIDArray array = Array(); return p.AddParam(kText, array); }) },
         { "CVoDataParser::GetParam", GivesText([](std::wstring& t) { return Parameters().GetParam(L"first", t); }) },
         { "CVoDataParser::ReadParamsFromString", On(New<CVoDataParser>(), [](CVoDataParser& p) { return p.ReadParamsFromString(kPairs); }, &SeeParser) },
         { "CVoDataParser::GetParamsAsString", GivesText([](std::wstring& t) { return Parameters().GetParamsAsString(t); }) },

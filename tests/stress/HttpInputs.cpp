@@ -258,7 +258,7 @@ void Cookies(std::wstring_view input)
         hasDomain = hasDomain || VoEqualsNoCase(name, L"Domain");
         if (VoEqualsNoCase(name, L"Domain") && !value.empty())
             domain = value;
-        if (VoEqualsNoCase(name, L"Path"))
+        if (VoEqualsNoCase(name, L"Path") && VoCookieByteLength(value) <= kVoMaximumCookieAttributeBytes)
             path = value;
     }
     const std::wstring bare = domain.starts_with(L'.') ? domain.substr(1) : domain;
@@ -267,7 +267,8 @@ void Cookies(std::wstring_view input)
     Require(CookiesFor(*store.Get(), L"https://www.example.com/ab").empty() || path == L"/" || path == L"/ab",
             "a path covers more than whole segments");
     Require(!isPlain || !isSecure, "a secure cookie was taken over plain HTTP");
-    Require(std::none_of(input.begin(), input.end(), [](wchar_t c) { return (c < 0x20 && c != L'\t') || c == 0x7F; }),
+    Require(std::none_of(input.begin(), input.end(), [](wchar_t c) { return (c < 0x20 && c != L'\t') || c == 0x7F; }) &&
+                !HasControls(path),
             "control characters were taken");
     std::wstring atHome;
     for (const wchar_t* const url :

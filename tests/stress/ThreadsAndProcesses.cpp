@@ -194,6 +194,8 @@ void Stores()
     const auto proxies = VoMakeComObject<CVoGlobalHTTPProxyStoreImpl>();
     CHTTPProxyConfigData config;
     config.manualProxy = L"http=p:1;https=q:2";
+    CHTTPProxyConfigData other = config; // for all hosts here the same
+    other.manualProxyBypassList = L"elsewhere.test";
     for (CRounds rounds(2); rounds.Next() && !testing::Test::HasFailure();)
     {
         ASSERT_EQ(proxies->Init(config), S_OK);
@@ -204,7 +206,7 @@ void Stores()
             const std::wstring url = L"http://h" + own + L".test/";
             const auto check = [&](bool holds) { wrong += !holds; };
             for (int i = 0; i < 40; ++i)
-                switch (random() % 6)
+                switch (random() % 7)
                 {
                 case 0:
                     check(cookies->AddCookieFromString(CVoBstr(L"n" + own + L"=v" + own).Get(), CVoBstr(url).Get()) == S_OK);
@@ -223,6 +225,9 @@ void Stores()
                     break;
                 case 4:
                     check(SaveCredentials(*proxies.Get(), L"p:1", L"ann", own) == S_OK);
+                    break;
+                case 5: // empties the cache of servers
+                    check(proxies->Init(random() % 2 ? config : other) == S_OK);
                     break;
                 default:
                     check(!Serialized(*proxies.Get()).empty());

@@ -180,6 +180,14 @@ void ExpectEveryFailureIsHandled(const std::vector<CFault>& faults, const std::f
                                  const std::function<bool(HRESULT)>& wasReported,
                                  const std::vector<const CAcquireBalance*>& balances, bool countHandles)
 {
+    // What is closed twice may belong to somebody else the second time.
+    const auto refused = std::make_shared<std::atomic<int>>(0);
+    const CCallHook<decltype(&::CloseHandle)> closing("kernel32.dll", "CloseHandle", [refused](auto original, HANDLE handle)
+    {
+        const BOOL isClosed = original(handle);
+        *refused += !isClosed;
+        return isClosed;
+    });
     // The first run also makes what stays for the life of the process, before handles are counted.
     ASSERT_GE(run(), 0) << "The operation fails undisturbed";
     for (const CFault& fault : faults)
@@ -212,4 +220,5 @@ void ExpectEveryFailureIsHandled(const std::vector<CFault>& faults, const std::f
             EXPECT_TRUE(!wasReported || wasReported(result)) << "The failure was not reported";
         }
     }
+    EXPECT_EQ(*refused, 0) << "A handle was closed twice";
 }
