@@ -561,7 +561,7 @@ const CCampaigns kCampaigns({
     { "cookies",
       &Cookies,
       { L"a=b", L"sid=x; Path=/a; Secure; HttpOnly", L"n=v; Domain=example.com; Max-Age=100", L"__Host-a=1; Secure; Path=/",
-        L"q=1; Expires=Wed, 09 Jun 2100 10:18:14 GMT", L"c=d; domain=.COM", L"k=\"quoted; text\"", L"a=b; path=/; max-age=0" },
+        L"q=1; Expires=Wed, 09 Jun 2100 10:18:14 GMT", L"c=d; domain=.COM", L"k=\"quoted; text\"", L"a=b; path=/; max-age=0", L"t=u; Path=/a\tb" },
       L"=; \t,\".aDPms/-0\x01\u00E9",
       4 },
     { "cookie_bytes", &CookieBytes, { L"plain", L"\u00C3\u00BC\u00EF\u009E\u0080", L"\u00EE\u009F\u00BF\u00F0\u009F\u0098\u0080" }, L"a\x80\u00EF\u009D\u009E\u009F\u00BF\u00C3\u00F0", 1, true },
