@@ -240,6 +240,8 @@ TEST_P(ExchangeTest, AResponseBeyondItsLimitsIsAFailure)
     Loopback::CHeaders fields;
     for (int i = 0; i < 40; ++i)
         fields.push_back({ "X-" + std::to_string(i), std::string(20, 'v') });
+    for (const char* const cookie : { "a=1", "b=2", "c=3" })
+        fields.push_back({ "Set-Cookie", cookie });
     CServer server(Responds(200, fields, std::string(5'000, 'b')));
     struct
     {
@@ -249,14 +251,16 @@ TEST_P(ExchangeTest, AResponseBeyondItsLimitsIsAFailure)
     } const cases[] = {
         { "no limit reached", {}, S_OK },
         { "bytes of the header", { .headerBytes = 800 }, kErrorResponseLimit },
-        { "fields of the header", { .headerFields = 30 }, kErrorResponseLimit },
-        { "fields at the limit", { .headerFields = 45 }, S_OK },
+        { "one field beyond the limit", { .headerFields = 43 }, kErrorResponseLimit },
+        { "fields at the limit", { .headerFields = 44 }, S_OK },
+        { "cookies beyond the limit", { .cookies = 2 }, S_OK },
         { "a body at the limit", { .bodyBytes = 5'000 }, S_OK },
         { "a body beyond the limit", { .bodyBytes = 4'999 }, kErrorResponseLimit },
     };
     for (const auto& item : cases)
     {
         SCOPED_TRACE(item.name);
+        EXPECT_EQ(m_cookies->Clear(), S_OK);
         const auto message = Connect(server.URL());
         const Request request = Open(*message);
         request->SetResponseLimits(item.limits);
@@ -268,6 +272,8 @@ TEST_P(ExchangeTest, AResponseBeyondItsLimitsIsAFailure)
         EXPECT_EQ(PayloadOf(body).size(), SUCCEEDED(item.expected) ? 5'000U : 0U);
         EXPECT_EQ(RecordOf(request).attempts.back().failure,
                   SUCCEEDED(item.expected) ? EVoFailure::None : EVoFailure::ResponseLimit);
+        EXPECT_TRUE(FAILED(hr) || CookiesFor(*m_cookies.Get(), SeenURL(server, L"/")) ==
+                                      (item.limits.cookies == 2 ? L"a=1; b=2" : L"a=1; b=2; c=3"));
     }
 
     // Lines that look like the start of another response do not count for less. The services read those themselves.

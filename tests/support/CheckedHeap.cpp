@@ -1,6 +1,6 @@
-// Replaces the allocation functions of C++ in the test programs: each block has bytes around it that nobody may change, and is
-// filled when it is released. A block that was written in front of its begin or behind its end ends the program as an access
-// violation does, and so does a second release. malloc, free and the aligned functions stay as they are.
+// Replaces the allocation functions of C++ in the test programs: each block has bytes around it that nobody may change. The
+// release of a block that was written in front of its begin or behind its end ends the program as an access violation does, and
+// so does a second release. malloc, free and the aligned functions stay as they are.
 #include <base/VoPlatform.h>
 
 #include <algorithm>
@@ -14,7 +14,7 @@ namespace
 constexpr BYTE kGuard = 0xFD;
 constexpr size_t kGuardSize = 16; // keeps the alignment
 
-// In front of the block; the guard behind it begins at its last byte.
+// In front of the block. Behind it is a guard alone.
 struct CHead
 {
     size_t size;
@@ -28,6 +28,7 @@ bool IsGuard(const BYTE* bytes, size_t size) noexcept
 }
 } // namespace
 
+// NOLINTBEGIN(cppcoreguidelines-no-malloc): new and delete lie on malloc and free
 void* operator new(size_t size)
 {
     auto* const block = size < SIZE_MAX - 2 * kGuardSize ? static_cast<BYTE*>(std::malloc(size + 2 * kGuardSize)) : nullptr;
@@ -48,8 +49,10 @@ void operator delete(void* memory) noexcept
     std::memcpy(&head, block, sizeof head);
     if (!IsGuard(head.guard.data(), head.guard.size()) || !IsGuard(block + kGuardSize + head.size, kGuardSize))
         ::RaiseException(EXCEPTION_ACCESS_VIOLATION, 0, 0, nullptr);
+    std::memset(block, 0, kGuardSize); // what a second release finds
     std::free(block);
 }
+// NOLINTEND(cppcoreguidelines-no-malloc)
 
 void operator delete(void* memory, size_t /*size*/) noexcept
 {
