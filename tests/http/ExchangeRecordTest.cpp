@@ -196,6 +196,8 @@ TEST_P(ExchangeTest, CancelEndsARequestForEver)
     const Request request = Open(*message);
     request->Cancel();
     EXPECT_EQ(SendOn(*message, request), kResultCancelled);
+    Request same = request;
+    EXPECT_EQ(message->SendGetRequest(same, L"/other", false, nullptr), kResultCancelled);
     EXPECT_TRUE(request->IsCancelled());
 }
 

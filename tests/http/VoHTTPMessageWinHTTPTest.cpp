@@ -327,6 +327,20 @@ TEST_P(WinHTTPTransport, CancelEndsEachCallThatWaits)
     EXPECT_THAT(m_platform.open, IsEmpty());
 }
 
+TEST_P(WinHTTPTransport, CancelEndsARequestWhoseHandleIsBeingOpened)
+{
+    const Message message = Connect();
+    Request request = Open(*message);
+    const Request cancelled = request;
+    const CCallHook<decltype(&::WinHttpSetOption)> hook(
+        "winhttp.dll", "WinHttpSetOption", [&](auto original, HINTERNET handle, DWORD option, void* value, DWORD length)
+    {
+        cancelled->Cancel(); // as another thread may
+        return handle ? original(handle, option, value, length) : (::SetLastError(ERROR_INVALID_HANDLE), FALSE);
+    });
+    EXPECT_EQ(message->SendGetRequest(request, L"/other", false, nullptr), kResultCancelled);
+}
+
 TEST_P(WinHTTPTransport, AFailedConnectNamesTheProxyThatTheServiceFound)
 {
     const std::pair<const wchar_t*, const wchar_t*> table[] = {

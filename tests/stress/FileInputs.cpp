@@ -246,7 +246,7 @@ void Settings(std::wstring_view input)
     // Plain files are read alike by the library's reader. The platform's functions read other spellings in their own way.
     const bool isPlain = std::all_of(bytes.begin(), bytes.end(),
                                      [](char c) { return std::isalnum(static_cast<BYTE>(c)) || std::strchr("[]=\r\n", c); }) &&
-                         bytes.find('\0') == std::string::npos && bytes.find("]]") == std::string::npos && bytes.size() < 250 &&
+                         bytes.find('\0') == std::string::npos && bytes.size() < 250 &&
                          bytes.find("\r\r") == std::string::npos &&
                          std::count(bytes.begin(), bytes.end(), '\r') == std::count(bytes.begin(), bytes.end(), '\n');
     if (!isPlain)
@@ -254,7 +254,10 @@ void Settings(std::wstring_view input)
     const auto flag = [&](const wchar_t* section, const wchar_t* key, bool otherwise)
     { return VoParseBool(file.FindValue(section, key).value_or(L"")).value_or(otherwise); };
     const INT32 engine = VoParseDecimalClamped<INT32>(file.FindValue(L"SETTINGS", L"HTTPEngine").value_or(L"")).value_or(0);
-    bool isPlainEntry = true; // headers and entries alone at their lines' beginnings, each name once
+    // Headers and entries alone on their lines, each name once.
+    bool isPlainEntry = true;
+    for (size_t at = bytes.find(']'); at != std::string::npos; at = bytes.find(']', at + 1))
+        isPlainEntry = isPlainEntry && (at + 1 == bytes.size() || bytes[at + 1] == '\r');
     for (const CSection& section : SectionsOf(file))
         for (const auto& [key, value] : section.entries)
             isPlainEntry = isPlainEntry && !value.starts_with(L'[') &&

@@ -357,6 +357,8 @@ HRESULT CVoHTTPTransport::SendGetRequest(std::shared_ptr<CHTTPRequestData>& requ
         const auto keep = weak_from_this().lock();
         const auto own = OwnRequest(request);
         const CAutoLock lock(&m_lock);
+        if (own && own->IsCancelled())
+            return report(m_points.sendGetRequest.send, kResultCancelled);
         CServerAddressData address = m_serverAddress;
         if (!objectPath.empty())
             if (const HRESULT hr = address.SetObjectPath(objectPath); FAILED(hr))
@@ -369,7 +371,7 @@ HRESULT CVoHTTPTransport::SendGetRequest(std::shared_ptr<CHTTPRequestData>& requ
             own->m_target = address;
             CServerAddressData previous = std::exchange(own->m_address, std::move(address));
             own->m_verb = own->m_nextVerb = own->m_targetVerb = L"GET";
-            if (const HRESULT hr = OpenTarget(*own); FAILED(hr))
+            if (const HRESULT hr = Reason(*own, OpenTarget(*own)); FAILED(hr))
             {
                 own->m_address = std::move(previous);
                 own->m_isUsed = true; // the next send opens a fresh handle
