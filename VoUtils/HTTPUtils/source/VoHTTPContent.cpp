@@ -19,11 +19,6 @@ const wchar_t* CharsetSuffix(bool utf8) noexcept
     return utf8 ? L"; charset=UTF-8" : L"";
 }
 
-std::span<const BYTE> BytesOf(std::string_view text) noexcept
-{
-    return { reinterpret_cast<const BYTE*>(text.data()), text.size() };
-}
-
 // A form's body: every value URL-encoded, then the parameter text as bytes.
 HRESULT CreateFormBody(const CVoDataParser& parameters, bool utf8, CVoByteBuffer& body)
 {
@@ -87,7 +82,7 @@ HRESULT VoCreateContent(const CVoBinaryDataParser& parameters, CVoHTTPMessage::E
         made.texts.resize(1);
         if (const HRESULT hr = parameters.GetMessageHead(false, false, utf8, made.texts[0]); FAILED(hr))
             return report(points.raw, hr);
-        made.body.Add(BytesOf(made.texts[0]));
+        made.body.Add(VoBytesOf(made.texts[0]));
         made.body.Add(parameters.Payload());
         made.header = VoFormat(L"Content-Type: application/octet-stream%ls", CharsetSuffix(utf8));
         break;
@@ -100,10 +95,10 @@ HRESULT VoCreateContent(const CVoBinaryDataParser& parameters, CVoHTTPMessage::E
         if (const HRESULT hr = parameters.GetFormMessageEnds(utf8, made.texts[0], sendsPayload, made.texts[1], boundary);
             FAILED(hr))
             return report(points.multipart, hr);
-        made.body.Add(BytesOf(made.texts[0]));
+        made.body.Add(VoBytesOf(made.texts[0]));
         if (sendsPayload)
             made.body.Add(parameters.Payload());
-        made.body.Add(BytesOf(made.texts[1]));
+        made.body.Add(VoBytesOf(made.texts[1]));
         made.header = VoFormat(L"Content-Type: multipart/form-data%ls; boundary=%ls", CharsetSuffix(utf8), boundary.c_str());
         break;
     }
@@ -154,7 +149,7 @@ HRESULT VoCreateMultipleContent(std::span<const CVoBinaryDataParser> messages, b
             return report(120, hr);
         if (made.texts[i].size() + messages[i].Payload().size() > kMaximumBody)
             return report(122, kTooLong);
-        made.body.Add(BytesOf(made.texts[i]));
+        made.body.Add(VoBytesOf(made.texts[i]));
         made.body.Add(messages[i].Payload());
     }
     if (made.body.Length() > kMaximumBody)

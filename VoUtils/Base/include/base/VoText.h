@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <limits>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -27,6 +28,12 @@ public:
 };
 using CVoTextView = CVoBasicTextView<wchar_t>;
 using CVoBytesView = CVoBasicTextView<char>;
+
+// The bytes of a text, which is not owned.
+[[nodiscard]] inline std::span<const BYTE> VoBytesOf(CVoBytesView text) noexcept
+{
+    return { reinterpret_cast<const BYTE*>(text.data()), text.size() };
+}
 
 // Formats text as printf does from a wide format. Write %ls for wide and %hs for narrow text: they mean the same in every C
 // library. Throws std::bad_alloc, or CVoHResultException (E_INVALIDARG) for a narrow text that has no wide form.

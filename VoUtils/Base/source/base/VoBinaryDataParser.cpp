@@ -88,11 +88,6 @@ HRESULT HandOut(std::span<const std::span<const BYTE>> pieces, UINT32* length, B
     return S_OK;
 }
 
-std::span<const BYTE> BytesOf(CVoBytesView text) noexcept
-{
-    return { reinterpret_cast<const BYTE*>(text.data()), text.size() };
-}
-
 // A text inside a header line, without the characters that would end the line, or the quoted text where it stands in one. HTML
 // forms write them the same way (the "multipart/form-data encoding algorithm" of the HTML standard).
 std::wstring HeaderText(CVoTextView text, bool isQuoted)
@@ -182,7 +177,7 @@ HRESULT CVoBinaryDataParser::StringToMessageData(CVoTextView text, bool useUtf8,
         std::string bytes;
         if (const HRESULT hr = TextToBytes(text, useUtf8, bytes); FAILED(hr))
             return hr;
-        const std::span<const BYTE> pieces[] = { BytesOf(bytes) };
+        const std::span<const BYTE> pieces[] = { VoBytesOf(bytes) };
         const HRESULT hr = HandOut(pieces, length, buffer);
         return FAILED(hr) ? report(740, hr) : S_OK;
     };
@@ -197,7 +192,7 @@ HRESULT CVoBinaryDataParser::internalGetParamData(bool useUtf8, UINT32* length, 
         std::string bytes;
         if (const HRESULT hr = ParamBytes(useUtf8, kTerminator, bytes); FAILED(hr))
             return hr;
-        const std::span<const BYTE> pieces[] = { BytesOf(bytes) };
+        const std::span<const BYTE> pieces[] = { VoBytesOf(bytes) };
         const HRESULT hr = HandOut(pieces, length, buffer);
         return FAILED(hr) ? report(751, hr) : S_OK;
     };
@@ -224,7 +219,7 @@ HRESULT CVoBinaryDataParser::GetParamData(bool useUtf8, UINT32* length, BYTE** b
         std::string text;
         if (const HRESULT hr = ParamBytes(useUtf8, {}, text); FAILED(hr))
             return report(759, hr);
-        const std::span<const BYTE> pieces[] = { BytesOf(text) };
+        const std::span<const BYTE> pieces[] = { VoBytesOf(text) };
         if (const HRESULT hr = HandOut(pieces, length, buffer); FAILED(hr))
             return report(762, hr);
         return S_OK;
@@ -263,7 +258,7 @@ HRESULT CVoBinaryDataParser::internalGetMessageData(bool withSizePrefix, UINT32*
         std::string head;
         if (const HRESULT hr = GetMessageHead(withSizePrefix, skipParams, useUtf8, head); FAILED(hr))
             return hr;
-        const std::span<const BYTE> pieces[] = { BytesOf(head), m_payload };
+        const std::span<const BYTE> pieces[] = { VoBytesOf(head), m_payload };
         if (const HRESULT hr = HandOut(pieces, length, buffer); FAILED(hr))
             return report(786, hr);
         return S_OK;
@@ -298,7 +293,7 @@ HRESULT CVoBinaryDataParser::GetFormMessageData(UINT32* length, BYTE** buffer, s
         if (const HRESULT hr = GetFormMessageEnds(useUtf8, head, sendsPayload, foot, line); FAILED(hr))
             return hr;
         const std::span<const BYTE> payload = sendsPayload ? Payload() : std::span<const BYTE>();
-        const std::span<const BYTE> pieces[] = { BytesOf(head), payload, BytesOf(foot) };
+        const std::span<const BYTE> pieces[] = { VoBytesOf(head), payload, VoBytesOf(foot) };
         if (const HRESULT hr = HandOut(pieces, length, buffer); FAILED(hr))
             return report(853, hr);
         boundary = std::move(line);
