@@ -288,11 +288,13 @@ HRESULT CVoHTTPClient::CState::GetStores(CStores& stores)
     // Threads that come here at the same time are given the same stores.
     CStores made{ m_options.credentials.value_or(nullptr), m_options.proxies.value_or(nullptr),
                   m_options.cookies.value_or(nullptr) };
-    if (const HRESULT hr = VoGlobalHTTPUtils::CreateGlobalHTTPStores(m_options.credentials ? nullptr : made.credentials.Put(),
-                                                                     m_options.proxies ? nullptr : made.proxies.Put(),
-                                                                     m_options.cookies ? nullptr : made.cookies.Put());
-        FAILED(hr))
-        return report(20, hr);
+    if (!m_options.credentials || !m_options.proxies || !m_options.cookies)
+        if (const HRESULT hr =
+                VoGlobalHTTPUtils::CreateGlobalHTTPStores(m_options.credentials ? nullptr : made.credentials.Put(),
+                                                          m_options.proxies ? nullptr : made.proxies.Put(),
+                                                          m_options.cookies ? nullptr : made.cookies.Put());
+            FAILED(hr))
+            return report(20, hr);
     const CVoLockHolder lock(m_lock);
     if (!m_stores)
         m_stores = std::move(made);
