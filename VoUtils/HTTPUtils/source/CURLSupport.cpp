@@ -104,22 +104,16 @@ catch (...)
     return CVoReporter{ kSource, L"VoHTTPMessageCURL::CURLSListWrapper::Append" }.CurrentException(320);
 }
 
-CCURLConnections::CCURLConnections() : m_share(curl_share_init())
+CCURLConnections::CCURLConnections() : m_share(curl_share_init(), &curl_share_cleanup)
 {
-    if (!m_share)
+    CURLSH* const share = m_share.get();
+    if (!share || curl_share_setopt(share, CURLSHOPT_LOCKFUNC, &CCURLConnections::Lock) != CURLSHE_OK ||
+        curl_share_setopt(share, CURLSHOPT_UNLOCKFUNC, &CCURLConnections::Unlock) != CURLSHE_OK ||
+        curl_share_setopt(share, CURLSHOPT_USERDATA, this) != CURLSHE_OK ||
+        curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT) != CURLSHE_OK ||
+        curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION) != CURLSHE_OK)
         throw std::bad_alloc();
-    curl_share_setopt(m_share, CURLSHOPT_LOCKFUNC, &CCURLConnections::Lock);
-    curl_share_setopt(m_share, CURLSHOPT_UNLOCKFUNC, &CCURLConnections::Unlock);
-    curl_share_setopt(m_share, CURLSHOPT_USERDATA, this);
-    curl_share_setopt(m_share, CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT);
-    curl_share_setopt(m_share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
     m_idle.reserve(kMaximumIdleHandles);
-}
-
-CCURLConnections::~CCURLConnections()
-{
-    m_idle.clear(); // a share in use cannot go
-    curl_share_cleanup(m_share);
 }
 
 CCURLHandle CCURLConnections::TakeHandle(bool& isInitialised) noexcept
@@ -154,7 +148,7 @@ void CCURLConnections::GiveBack(CCURLHandle handle, bool clear) noexcept
 
 HRESULT CCURLConnections::Attach(CURL* handle) const noexcept
 {
-    return CURLSetOpt(handle, CURLOPT_SHARE, m_share);
+    return CURLSetOpt(handle, CURLOPT_SHARE, m_share.get());
 }
 
 void CCURLConnections::Lock(CURL* /*handle*/, curl_lock_data data, curl_lock_access /*access*/, void* context) noexcept

@@ -102,8 +102,9 @@ private:
 class CCURLConnections
 {
 public:
+    // Throws std::bad_alloc.
     CCURLConnections();
-    ~CCURLConnections();
+    ~CCURLConnections() = default;
     CCURLConnections(const CCURLConnections&) = delete;
     CCURLConnections& operator=(const CCURLConnections&) = delete;
 
@@ -123,7 +124,7 @@ private:
     static void Unlock(CURL* handle, curl_lock_data data, void* context) noexcept;
 
     CCriticalSection m_locks[CURL_LOCK_DATA_LAST];
-    CURLSH* m_share;
+    const std::unique_ptr<CURLSH, decltype(&curl_share_cleanup)> m_share; // outlives the handles that use it
     CVoLock m_idleLock;
     struct CIdleHandle
     {
