@@ -296,6 +296,7 @@ try
         headers.contentLength = {};
         headers.location.clear();
         headers.complete = false;
+        headers.result = S_OK;
     }
     else if (VoStartsWithNoCase(text, kLocation))
     {
@@ -315,6 +316,8 @@ try
 }
 catch (...)
 {
+    // The transfer runs on, so that the connection stays in step; the loss fails the request when it ends.
+    static_cast<CHeaderContext*>(context)->result = HResultFromCurrentException();
     CVoReporter{ kSource, L"VoHTTPMessageCURL::header_callback" }(463, kResultCallbackException);
     return size * count;
 }

@@ -170,6 +170,7 @@ struct CHeaderContext
     UINT32 fields = 0;
     UINT32 cookies = 0;
     bool isOverLimit = false;
+    HRESULT result = S_OK; // a failure: a line of this header is lost
 };
 
 // Receives the body of one transfer's response, and decodes it: libcurl takes a coded stream that is cut off for a short one.

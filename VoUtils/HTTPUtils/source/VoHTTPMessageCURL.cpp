@@ -302,6 +302,8 @@ HRESULT CVoHTTPMessageCURL::Perform(CHTTPRequestDataCURL& request, const CVoBody
         }
         if (FAILED(received.result))
             return report(1030, received.result);
+        if (FAILED(headers.result))
+            return report(1032, headers.result);
         if (!headers.complete)
             return report(1034, E_FAIL); // libcurl takes a connection that ends among the headers for an empty response
         if (headers.contentLength.IsInvalid() && headers.transferCodings.empty())
