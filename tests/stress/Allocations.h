@@ -42,17 +42,21 @@ COperation On(Make make, Operate operate, See see)
     };
 }
 
+// In a row's faults: an operation has several codes for this fault.
+constexpr HRESULT kAnyCode = S_OK;
+
 struct CRow
 {
-    const char* name;
+    std::string name;
     COperation operation;
-    bool isSilent = false; // its failures are not reported, as its header says or because its caller reports them
-    bool keeps = false;    // libcurl keeps memory of its handles, so that blocks tell nothing
+    bool isSilent = false;           // its failures are not reported, as its header says or because its caller reports them
+    std::vector<CFault> faults = {}; // beside those of all rows
 };
 
 // The parts of the table. Functions: the rows refer to things that do not exist before main.
 [[nodiscard]] std::vector<CRow> BaseRows();
 [[nodiscard]] std::vector<CRow> HTTPRows();
+[[nodiscard]] std::vector<CRow> SendRows();
 
 // ---- what rows are made of
 
@@ -102,6 +106,13 @@ inline const CVoBinaryDataParser& Parameters()
 {
     static const CVoBinaryDataParser parser = Parsed();
     return parser;
+}
+inline std::wstring SeeParser(const CVoDataParser& parser)
+{
+    std::wstring text;
+    for (size_t i = 0; i < parser.GetCount(); ++i)
+        text.append(parser.GetAt(i).NameView()).append(L"=").append(parser.GetAt(i).ValueView()).append(L";");
+    return text;
 }
 // A file in the folder of the operations.
 [[nodiscard]] inline std::wstring PathIn(const wchar_t* name)

@@ -16,13 +16,6 @@ namespace Stress
 {
 namespace
 {
-std::wstring SeeParser(const CVoDataParser& parser)
-{
-    std::wstring text;
-    for (size_t i = 0; i < parser.GetCount(); ++i)
-        text.append(parser.GetAt(i).NameView()).append(L"=").append(parser.GetAt(i).ValueView()).append(L";");
-    return text;
-}
 template <class Operate>
 COperation OnParser(Operate operate)
 {
@@ -84,6 +77,7 @@ COperation OnParams(Operate operate)
 using OrvSignedIniFileHandler::CVoSignedIniFileHandler2;
 auto SignedFile()
 {
+    WriteTestFile(PathIn(L"params.ini"), kIni);
     auto handler = std::make_unique<CVoSignedIniFileHandler2>();
     Require(SUCCEEDED(handler->Parse(kKnownSignedFile)), "the file is not read");
     return handler;
@@ -220,6 +214,15 @@ std::vector<CRow> BaseRows()
         { "CVoParamHandler::Set", OnParams([](CVoParamHandler& p) { return p.Set(L"New section", L"a new key", kText); }) },
         { "CVoParamHandler::Get", GivesText([](std::wstring& t) { return SomeParams().Get(L"First section of the file", L"key", t); }) },
         { "CVoParamHandler::Remove", OnParams([](CVoParamHandler& p) { return p.Remove(L"Second", L"no such"); }) },
+        { "CVoParamHandler::Save", On(
+                                       []
+    {
+        auto params = Params();
+        Require(SUCCEEDED(params->Set(L"New section", L"a new key", kText)), "not set");
+        return params;
+    }, [](auto& params) { return params->Save(); },
+                                       [](const auto&) { return Units(ReadTestFile(PathIn(L"params.ini"))); }) },
+        { "CVoSignedIniFileHandler2::Open", OnSigned([](auto& h) { return h.Open(PathIn(L"params.ini")); }) },
         { "CVoSignedIniFileHandler2::Parse", OnSigned([](auto& h) { return h.Parse("[A]\r\nanother=file with a longer value\r\n"); }) },
         { "CVoSignedIniFileHandler2::GetDataString", GivesText([](std::wstring& t) { return SomeSignedFile().GetDataString(t); }) },
         { "CVoSignedIniFileHandler2::GetSectionDataString", GivesText([](std::wstring& t) { return SomeSignedFile().GetSectionDataString(L"Settings", t); }) },
@@ -239,6 +242,8 @@ std::vector<CRow> BaseRows()
         OrvDigSign::COrvSHA256Hash hash;
         return OrvDigSign::COrvDigitalSignature::SignString(Data(), 20, hash, kKnownPrivateKey, b, n);
     }) },
+        { "COrvRSAKey::Generate", On(New<std::pair<std::wstring, std::wstring>>(), [](auto& k) { return OrvDigSign::COrvRSAKey::Generate(512, k.first, k.second); },
+                                     [](const auto& k) { return std::to_wstring(k.first.empty()) + std::to_wstring(k.second.empty()); }) },
         { "COrvRSAKey::GetPublicKeyFromPrivate", GivesText([](std::wstring& t) { return OrvDigSign::COrvRSAKey::GetPublicKeyFromPrivate(kKnownPrivateKey, t); }) },
         { "HashBytes", GivesBytes([](UINT32* n, BYTE** b) { OrvDigSign::COrvSHA256Hash hash; return OrvDigSign::HashBytes(hash, Data(), 20, b, n); }) },
     };

@@ -6,6 +6,7 @@
 #include <VoGlobalHTTPProxyStoreImpl.h>
 #include <VoHTTPMessage.h>
 #include <VoNetworkUtils.h>
+#include <VoResponseSink.h>
 #include <VoServerAddress.h>
 #include <support/HTTPSupport.h>
 #include <support/KeyPairs.h>
@@ -66,7 +67,6 @@ std::wstring SeeCookie(const CVoCookieData& cookie)
 }
 using VoNetworkUtils::CVoIPAddress;
 
-// A message over libcurl, which works on the caller's thread. The other transports work on threads of the platform, too.
 Message Connected()
 {
     Message message;
@@ -76,22 +76,6 @@ Message Connected()
 std::wstring SeeMessage(const Message& message)
 {
     return message ? L"connected" : L"";
-}
-// One message serves all runs, so that what its connection keeps is made once.
-template <class Operate>
-COperation OnRequest(Operate operate)
-{
-    return On(
-        []
-    {
-        static const Message message = Connected();
-        return message;
-    }, [operate](const Message& message)
-    {
-        Request request;
-        const HRESULT hr = message->OpenRequest(request);
-        return FAILED(hr) ? hr : operate(*message, request);
-    }, &SeeMessage);
 }
 } // namespace
 
@@ -141,12 +125,30 @@ std::vector<CRow> HTTPRows()
     }) },
         { "CVoGlobalHTTPProxyStoreImpl::Serialize", OnProxies([](auto& s) { CVoBstr data; return s->Serialize(data.Put()); }) },
         { "CVoGlobalHTTPProxyStoreImpl::Deserialize", OnProxies([](auto& s) { static const CVoBstr data(Serialized(*Proxies().Get())); return s->Deserialize(data.Get()); }) },
-        { "CVoGlobalHTTPProxyStoreImpl::GetProxyForUrl", On(&Proxies,
+        { "CVoGlobalHTTPProxyStoreImpl::GetProxyForUrl", On([] { return std::pair(Proxies(), std::wstring()); }, // no failure is cached
                                                             [](auto& s)
     {
         CVoBstr proxy, user, password;
-        return s->GetProxyForUrl(Url().Get(), proxy.Put(), user.Put(), password.Put());
-    }, [](const auto&) { return std::wstring(); }) },
+        const HRESULT hr = s.first->GetProxyForUrl(Url().Get(), proxy.Put(), user.Put(), password.Put());
+        if (SUCCEEDED(hr))
+            s.second = proxy.View();
+        return hr;
+    }, [](const auto& s) { return s.second; }) },
+        { "CVoGlobalHTTPProxyStoreImpl::ExplainProxyForUrl", On(&Proxies, [](auto& s) { CVoProxyExplanation explanation; return s->ExplainProxyForUrl(Url().View(), explanation); },
+                                                                [](const auto&) { return std::wstring(); }) },
+        { "CVoFileSink::Commit", On([] { std::filesystem::remove(PathIn(L"sink.bin")); return 0; },
+                                    [](int)
+    {
+        CVoFileSink sink;
+        HRESULT hr = sink.Open(PathIn(L"sink.bin"));
+        for (int i = 0; i < 2 && SUCCEEDED(hr); ++i)
+            hr = sink.Write({ Data(), kData.size() });
+        if (SUCCEEDED(hr))
+            hr = sink.Restart();
+        if (SUCCEEDED(hr))
+            hr = sink.Write({ Data(), kData.size() });
+        return SUCCEEDED(hr) ? sink.Commit() : hr;
+    }, [](int) { return Units(ReadTestFile(PathIn(L"sink.bin"))); }) },
         { "CreateGlobalHTTPCookieStoreForModule",
           On(New<CVoComPtr<IVoHTTPCookieStore>>(), [](auto& s) { return CreateGlobalHTTPCookieStoreForModule(s.Put()); },
              [](const auto& s) { return std::to_wstring(s.Get() != nullptr); }) },
@@ -156,7 +158,7 @@ std::vector<CRow> HTTPRows()
         static const CServerAddressData address = AnAddress();
         return CVoHTTPMessage::Connect(2, address, nullptr, nullptr, nullptr, 5, 5, false, false, m);
     }, &SeeMessage) },
-        { "CVoHTTPMessage::OpenRequest", OnRequest([](CVoHTTPMessage&, Request&) { return S_OK; }), false, true },
+        { "CVoHTTPMessage::OpenRequest", On(&Connected, [](const Message& m) { Request request; return m->OpenRequest(request); }, &SeeMessage) },
         { "CVoHTTPMessage::SignMessage", On(
                                              []
     {
