@@ -56,10 +56,6 @@ TEST(Text, UsesTheRequestedCodePageAndReturnsThePlatformsErrors)
     EXPECT_EQ(VoCodePageToString(1252, bytes, text), S_OK);
     EXPECT_EQ(text, L"\u20AC\u00E4");
     EXPECT_EQ(VoStringToCodePage(59999, L"plain", bytes), E_INVALIDARG) << "no such code page";
-    const CFailOnCall<decltype(&::WideCharToMultiByte)> fail("kernel32.dll", "WideCharToMultiByte", 2, 0,
-                                                             ERROR_NOT_ENOUGH_MEMORY);
-    EXPECT_EQ(VoStringToUTF8(std::wstring(1000, L'a'), bytes), HResultFromWin32(ERROR_NOT_ENOUGH_MEMORY));
-    EXPECT_EQ(bytes, "\x80\xE4");
 }
 
 TEST(Text, FormatsWideNarrowAndLongArguments)

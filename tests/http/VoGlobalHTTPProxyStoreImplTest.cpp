@@ -263,27 +263,6 @@ TEST(ProxyStore, GivesTheManualProxyOfTheSchemeUnlessBypassed)
     EXPECT_EQ(untouched, text.Get());
 }
 
-TEST(ProxyStore, CachesNoFailure)
-{
-    const CVoBstr url(L"http://host/");
-    int failures = 0;
-    for (bool isInjected = true; isInjected;)
-    {
-        CTestStore store(Manual(L"http=p:1;https=q:2"));
-        CVoBstr proxy;
-        HRESULT hr = S_OK;
-        {
-            const CFailOnCall<void*(WINAPI*)(size_t)> fail("msvcrt.dll", "malloc", failures + 1, nullptr, 0);
-            hr = store->GetProxyForUrl(url.Get(), proxy.Put(), nullptr, nullptr);
-            isInjected = fail.Calls() > failures;
-        }
-        EXPECT_EQ(hr, isInjected ? E_OUTOFMEMORY : S_OK);
-        EXPECT_EQ(store.Look(L"http://host/"), L"p:1 - -");
-        failures += isInjected;
-    }
-    EXPECT_GT(failures, 5);
-}
-
 TEST(ProxyStore, DiscoversOncePerServerAndDegradesToDirect)
 {
     // The answers, what they make of http://www.example/, and the reports.

@@ -243,18 +243,4 @@ TEST_P(ClientTest, CancelEndsAnOperationThatOpensItsConnection)
     while (proxies->AddRef(), proxies->Release() != 1)
         ::SwitchToThread();
 }
-
-TEST(Client, MissingMemoryIsAResult)
-{
-    // Without a server, which in this program would miss the memory, too.
-    const std::wstring url = L"http://127.0.0.1:" + std::to_wstring(ClosedPort());
-    bool isInjected = true;
-    for (int call = 1; isInjected; ++call)
-    {
-        const CFailOnCall<void*(WINAPI*)(size_t)> fail("msvcrt.dll", "malloc", call, nullptr, 0);
-        CVoHTTPClient client(url, { .transport = EVoHTTPTransport::Curl, .credentials = nullptr, .proxies = nullptr });
-        EXPECT_FALSE(client.Post({ { L"name", L"value" } }).IsOk()) << call;
-        isInjected = fail.Calls() >= call;
-    }
-}
 } // namespace

@@ -412,44 +412,4 @@ TEST_P(WinHTTPTransport, ARequestThatCouldNotBeOpenedAgainCanBeSentLater)
     EXPECT_EQ(SendOn(*message, request), HResultFromWin32(ERROR_NOT_ENOUGH_MEMORY));
     EXPECT_EQ(SendOn(*message, request), S_OK);
 }
-
-TEST_P(WinHTTPTransport, EveryFailureOfTheServiceIsHandled)
-{
-    CLogCapture log;
-    const auto run = [&]
-    {
-        m_platform.responses = { { .status = 401 }, {} };
-        m_callback->AnswerServer({ { L"user", L"hunter2" } });
-        HRESULT result = S_OK;
-        {
-            Message message;
-            result = ConnectTo(L"http://server.test/", { .kind = kKind, .callback = m_callback.Get() }, message);
-            EXPECT_EQ(SUCCEEDED(result), message != nullptr);
-            if (message)
-            {
-                const CResponse response = Send(*message, MakeMessage({}, "x"));
-                EXPECT_EQ(response.message.GetCount(), SUCCEEDED(response.result) ? 1U : 0U);
-                result = response.result;
-            }
-        }
-        EXPECT_THAT(m_platform.open, IsEmpty());
-        return result;
-    };
-    constexpr DWORD kError = ERROR_WINHTTP_INTERNAL_ERROR;
-    ExpectEveryFailureIsHandled(
-        {
-            VO_FAULT("winhttp.dll", WinHttpOpen, nullptr, kError),
-            VO_FAULT("winhttp.dll", WinHttpConnect, nullptr, kError),
-            VO_FAULT("winhttp.dll", WinHttpOpenRequest, nullptr, kError),
-            VO_FAULT("winhttp.dll", WinHttpAddRequestHeaders, FALSE, kError),
-            VO_FAULT("winhttp.dll", WinHttpSetStatusCallback, WINHTTP_INVALID_STATUS_CALLBACK, kError),
-            VO_FAULT("winhttp.dll", WinHttpSendRequest, FALSE, kError),
-            VO_FAULT("winhttp.dll", WinHttpReceiveResponse, FALSE, kError),
-            VO_FAULT("winhttp.dll", WinHttpQueryAuthSchemes, FALSE, kError),
-            VO_FAULT("winhttp.dll", WinHttpSetCredentials, FALSE, kError),
-            VO_FAULT("winhttp.dll", WinHttpQueryDataAvailable, FALSE, kError),
-            VO_FAULT("winhttp.dll", WinHttpReadData, FALSE, kError),
-        },
-        run, [&](HRESULT code) { return TakeReport(log, code); }, {}, false);
-}
 } // namespace
