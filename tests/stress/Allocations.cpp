@@ -81,17 +81,17 @@ private:
         "advapi32.dll", "CryptImportKey", "CryptDestroyKey");
 };
 
-class COperationsTest final : public testing::Test
+class COperations
 {
 public:
     // Where no time is given, exchanges with a server are too slow for the whole table: one place of `shortStep` is taken, of
     // one row of `shortRows`.
-    COperationsTest(std::vector<CRow> (*rows)(), int shortRows, int shortStep)
+    COperations(std::vector<CRow> (*rows)(), int shortRows, int shortStep)
         : m_rows(rows), m_rowStep(IsShort() && !OnlyInput() ? shortRows : 1), m_step(IsShort() && !OnlyInput() ? shortStep : 1)
     {
     }
 
-    void TestBody() override
+    void Check()
     {
         const std::vector<CRow> table = m_rows();
         size_t rows = 0;
@@ -220,19 +220,14 @@ std::vector<CRow> Operations()
     return rows;
 }
 
-void Register(const char* name, std::vector<CRow> (*rows)(), int shortRows, int shortStep)
+TEST(Allocations, operations)
 {
-    testing::RegisterTest("Allocations", name, nullptr, nullptr, __FILE__, __LINE__, [=]() -> testing::Test*
-    {
-        return std::make_unique<COperationsTest>(rows, shortRows, shortStep).release(); // the framework deletes it
-    });
+    COperations(&Operations, 1, 1).Check();
 }
 
-const bool kRegistered = []
+TEST(Allocations, sends)
 {
-    Register("operations", &Operations, 1, 1);
-    Register("sends", &SendRows, 3, 20);
-    return true;
-}();
+    COperations(&SendRows, 3, 20).Check();
+}
 } // namespace
 } // namespace Stress
