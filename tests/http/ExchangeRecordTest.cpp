@@ -93,6 +93,7 @@ TEST_P(ExchangeTest, TheRecordExplainsAFailure)
     const bool isCurl = GetParam().kind == 2; // the services tell less
     const uint16_t closed = ClosedPort();
     CServer missing(Responds(404, { { "Content-Type", "text/plain" } }, "no such page"));
+    CServer other(Responds(203, {}, "no error"));
     CServer challenge(
         Responds(401, { { "WWW-Authenticate", "Negotiate, Basic realm=\"a, Fake b=\\\"\", charset=\"UTF-8\"" } }));
     CServer silent(SendsAndCloses(""));
@@ -115,6 +116,8 @@ TEST_P(ExchangeTest, TheRecordExplainsAFailure)
         { "a status", missing.URL("/x?k=SECRET"), EVoFailure::Status,
           L"the response of " + SeenHost() + L" port " + std::to_wstring(missing.Port()) + L" has the status 404",
           "no such page" },
+        { "a status below 400", other.URL("/x"), EVoFailure::Status,
+          L"the response of " + SeenHost() + L" port " + std::to_wstring(other.Port()) + L" has the status 203", "" },
         { "a challenge", challenge.URL("/x?k=SECRET"), EVoFailure::Credentials,
           SeenHost() + L" port " + std::to_wstring(challenge.Port()) + L" demands credentials (status 401)", "" },
         { "a redirect to a closed port", elsewhere.URL("/x?k=SECRET"),
@@ -146,6 +149,18 @@ TEST_P(ExchangeTest, TheRecordExplainsAFailure)
         EXPECT_EQ(request->GetErrorBody(body), S_OK);
         EXPECT_EQ(std::string(body.begin(), body.end()), item.errorBody);
     }
+}
+
+TEST_P(ExchangeTest, TheErrorBodyIsThatOfTheLastAttempt)
+{
+    CServer server([attempts = std::make_shared<std::atomic<int>>(0)](const auto&, Loopback::CConnection& connection)
+    { connection.SendResponse(++*attempts == 1 ? 503 : 200, {}, "busy"); });
+    const auto message = Connect(server.URL());
+    const Request request = Open(*message);
+    ASSERT_EQ(message->SendMessage(request, {}, Kind::Raw, true, {}, {}, true, nullptr), S_OK);
+    std::vector<BYTE> body{ 1 };
+    EXPECT_EQ(request->GetErrorBody(body), S_OK);
+    EXPECT_THAT(body, testing::IsEmpty());
 }
 
 TEST_P(ExchangeTest, CancelEndsARequestForEver)

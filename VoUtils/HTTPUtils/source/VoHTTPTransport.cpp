@@ -20,7 +20,6 @@ constexpr INT64 kMicrosecondsPerSecond = 1'000'000;
 // The pause before another attempt doubles from the first value to the last.
 constexpr INT64 kFirstRetryDelay = 50'000; // microseconds
 constexpr INT64 kLastRetryDelay = 2'000'000;
-constexpr UINT32 kFirstErrorStatus = 400; // whose body may explain it
 
 // Whether a redirect keeps method and body. Clients make a GET of a POST after 301 and 302 (RFC 9110, sections 15.4.2 and
 // 15.4.3), and of every request after 303.
@@ -396,7 +395,6 @@ HRESULT CVoHTTPTransport::internalSend(CRequest& request, const CVoHTTPContent& 
     request.m_localAddress.clear();
     request.m_proxyCredentialsEntered = false;
     request.m_serverCredentials.reset();
-    request.m_errorBody.clear();
     request.m_streamedKind = request.m_sink ? std::optional(request.m_sinkKind) : std::nullopt;
     request.m_hasWritten = false;
     request.m_hasSinkFailed = false;
@@ -408,6 +406,7 @@ HRESULT CVoHTTPTransport::internalSend(CRequest& request, const CVoHTTPContent& 
     {
         attempts.Begin();
         request.m_isFinal = false;
+        request.m_errorBody.clear();
         try
         {
             BeginAttempt(request);

@@ -290,7 +290,8 @@ protected:
     // How long a send may wait for the body of a response that has failed already, in milliseconds: a server that never sends
     // it must not hold up the failure.
     [[nodiscard]] DWORD ErrorBodyTime() const noexcept { return std::min(m_requestTimeout, UINT32{ 5 }) * 1000; }
-    // Keeps the beginning of a body that was received for a response whose status is not 200. Throws std::bad_alloc.
+    static constexpr UINT32 kFirstErrorStatus = 400; // whose body may explain it
+    // Keeps the beginning of the body that was received, where the response's status is an error. Throws std::bad_alloc.
     static void KeepErrorBody(CRequest& request, CVoBodyReceiver& body);
     // Takes the body of the request's response.
     [[nodiscard]] CVoBodyReceiver MakeReceiver(const CRequest& request) const;

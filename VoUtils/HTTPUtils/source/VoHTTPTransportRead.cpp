@@ -48,6 +48,8 @@ CVoBodyReceiver CVoHTTPTransport::MakeReceiver(const CRequest& request) const
 
 void CVoHTTPTransport::KeepErrorBody(CRequest& request, CVoBodyReceiver& body)
 {
+    if (request.m_statusCode < kFirstErrorStatus)
+        return;
     request.m_errorBody = body.TakeBytes();
     request.m_errorBody.resize(std::min<size_t>(request.m_errorBody.size(), request.m_limits.errorBodyBytes));
 }
