@@ -190,6 +190,12 @@ protected:
                 return original(session, rewritten ? L"127.0.0.1" : host, port, reserved);
             });
     }
+    // The messages are gone, and with them their references.
+    void TearDown() override
+    {
+        m_cookies->AddRef();
+        EXPECT_EQ(m_cookies->Release(), 1U);
+    }
 
     [[nodiscard]] Message Connect(const std::string& url, UINT32 connectTimeout = 10, UINT32 requestTimeout = 20,
                                   bool verify = false)

@@ -180,6 +180,7 @@ TEST_P(WinHTTPTransport, TakesItsProxyFromTheStore)
         { false, L"http://server.test/a?b", L"", L"", {} },
         { false, L"http://server.test/", L"proxy:8080", L"", { "Use h3 3 proxy:8080 0" } },
         { false, L"http://server.test/", L"proxy:8080", L"user", { "Use h3 3 proxy:8080 0", "Use h3 1 1 user hunter2" } },
+        { false, L"http://server.test/", L"user:hunter2@proxy:8080", L"", { "Use h3 3 user:hunter2@proxy:8080 0" } },
         { true, L"https://server.test/", L"http=a:1;https=b:2", L"", { "Use h3 3 b:2 0" } },
         { true, L"https://server.test/", L"socks=a:1", L"", { "Use h3 3 socks=a:1 0" } },
     };
@@ -251,7 +252,7 @@ TEST_P(WinHTTPTransport, ARedirectToAnotherHostCarriesNoCredentialsAndNoCookies)
 {
     AddCookie(L"own=1", L"http://server.test/");
     AddCookie(L"other=2", L"http://other.test/");
-    m_callback->AnswerServer({ { L"ann", L"s3cret" }, { L"bob", L"word" } });
+    m_callback->AnswerServer({ { L"ann", L"s3cret" }, { L"ann", L"s3cret" } });
     m_platform.responses = {
         { .status = 401 }, { .status = 307, .headers = { { L"Location", L"http://other.test:81/x?y" } } }, { .status = 401 }, {}
     };
@@ -263,7 +264,7 @@ TEST_P(WinHTTPTransport, ARedirectToAnotherHostCarriesNoCredentialsAndNoCookies)
                 ElementsAre("Connect h1 server.test 80 0", "Request h2 POST /a HTTP/1.1 0 100", "Header h3 Cookie:own=1",
                             "Send h3 2", "Use h3 0 1 ann s3cret", "Send h3 2", "Close h3", "Connect h1 other.test 81 0",
                             "Request h4 POST /x?y HTTP/1.1 0 100", "Header h5 Cookie:other=2", "Send h5 2",
-                            "Use h5 0 1 bob word", "Send h5 2"));
+                            "Use h5 0 1 ann s3cret", "Send h5 2"));
     EXPECT_THAT(m_callback->Questions(),
                 ElementsAre(L"server server.test http://server.test/a", L"server other.test http://other.test:81/x"));
 }

@@ -507,6 +507,8 @@ void CheckNumber(std::wstring_view input)
             "the reference decides otherwise");
     const std::wstring written = (isNegative && !digits.empty() ? L"-" : L"") + (digits.empty() ? L"0" : digits);
     Require(!value || std::to_wstring(*value) == written, "the number differs");
+    using CLimits = std::numeric_limits<Integer>;
+    Require(!isOutside || clamped == (isNegative ? CLimits::min() : CLimits::max()), "not the nearest number");
 }
 
 void Numbers(std::wstring_view input)
@@ -668,7 +670,7 @@ const CCampaigns kCampaigns({
     { "multiple_responses", &MultipleResponses, { kTwoMessages, kTwoMessages + kTwoMessages }, L"\0\0\x01\x02\x03\x05\xFF=&a"sv, 1, true },
     { "multipart", &Multipart, { L"nameonevaluetwo", L"--\r\n\"%22", L"\u00FC\"\r\n\xD83D\xDE00" }, L"\r\n-\";=% a\u20AC\xDC00", 2 },
     { "url_code", &UrlCode, { L"a b-\u00FC", L"a%20b%2D", L"100%", L"%c3%BC+" }, L"%%0123aAfFgG +-._~\u00FC\u20AC\xD800" },
-    { "numbers", &Numbers, { L"0", L"-1", L"2147483647", L"-2147483648", L"65535", L"18446744073709551615", L"-9223372036854775808" }, L"0123456789999-+ \u0661" },
+    { "numbers", &Numbers, { L"0", L"-1", L"2147483647", L"-2147483648", L"65535", L"18446744073709551615", L"-9223372036854775808", L"00000000000000000000005" }, L"0123456789999-+ \u0661" },
     { "iso_dates", &IsoDates, { L"2024-02-29T12:00:00.25+01:00", L"2000-12-31", L"1999-01-31 23:59:59Z", L"1900-02-28T00:00:00.123456789-23:59", L"2023-02-30", L"1900-02-29", L"2024-06-31T00:00:00", L"2024-01-01T24:00:00", L"2024-01-01T23:60:00", L"2024-01-01T23:59:60", L"2024-01-01T00:00:00+01:60", L"2024-01-01T00:00:00-24:00", L"1600-01-01", L"2024-01-02T03:04:05.1234567890", L"\u0662\u0660\u0662\u0664-01-02", L"+024-01-02" }, L"0123456789-+:.TZ t", 2 },
     { "wmi_dates", &WmiDates, { L"20240229120000.250000+060", L"00000008131211.500000:000", L"202402**********.******+***" }, L"0123456789-+:.*" },
     { "variants", &Variants, { L"1", L"-12.5", L"True", L"1e10", L"2024-02-29 12:00:00", L"12/30/1899", L"4294967295", L"$1,000.50" }, L"0123456789-+.,:/eETrue $()%", 8 },

@@ -384,7 +384,7 @@ const CCampaigns kCampaigns({
       L"[]=;#\r\n \tabAX\u00C3\u00BC\0\u00FF\u0085"sv,
       2,
       true },
-    { "signed_ini", &SignedIni, { kSigned }, L"[]=;#\r\n Sign", 20, true },
+    { "signed_ini", &SignedIni, { kSigned, kSigned + L"[Signature2]\r\nx=1\r\n" }, L"[]=;#\r\n Sign", 20, true },
     { "keys", &Keys, { TestSupport::kKnownPublicKey, TestSupport::kKnownPrivateKey }, L"0123456789ABCDEFx ", 20 },
     { "settings", &Settings, { L"[DEBUG]\r\nAPPLOG=1\r\nAPPLOGCUTOFFSIZEINKBYTE=9000\r\n[SETTINGS]\r\nHTTPEngine=2\r\nHTTPCheckServerCert=no\r\n", L"[settings]\r\nhttpengine=4\r\n" }, L"[]=;\r\n \"019-", 40, true },
     { "typed_parameters", &TypedParameters, { L"text", L" \"quoted\" $r$n$$ ", L"line\r\nline", L"\0\u00F0?"s }, L"\"$rn \r\n\t=;[\u00A0\u20AC\xD800", 8 },
