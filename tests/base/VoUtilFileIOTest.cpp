@@ -254,7 +254,9 @@ TEST_F(IniFileOnDisk, SaveWritesChangesAndNothingElse)
     EXPECT_EQ(file.Save(), S_FALSE);
     EXPECT_EQ(file.SetValue(L"A", L"x", L"2"), S_OK);
     ASSERT_TRUE(::SetFileAttributesW(m_path.c_str(), FILE_ATTRIBUTE_READONLY));
+    const CLogCapture log;
     EXPECT_EQ(file.Save(), HResultFromWin32(ERROR_ACCESS_DENIED));
+    EXPECT_THAT(log.Lines(), Contains(IsReportBy(L"CVoIniFileIO::Save", HResultFromWin32(ERROR_ACCESS_DENIED))));
     EXPECT_EQ(ReadTestFile(m_path), kOld);
     ASSERT_TRUE(::SetFileAttributesW(m_path.c_str(), FILE_ATTRIBUTE_HIDDEN));
     EXPECT_EQ(file.Save(), S_OK);
