@@ -26,7 +26,7 @@ using COperation = std::function<COutcome(CInjector&)>;
 
 // An operation on an object, or on an output, that `make` gives. `see` tells its state.
 template <class Make, class Operate, class See>
-COperation On(Make make, Operate operate, See see)
+COperation On(const Make& make, const Operate& operate, const See& see)
 {
     return [=](CInjector& injector) -> COutcome
     {
@@ -57,6 +57,8 @@ struct CRow
 [[nodiscard]] std::vector<CRow> BaseRows();
 [[nodiscard]] std::vector<CRow> HTTPRows();
 [[nodiscard]] std::vector<CRow> SendRows();
+// The ways in which calls of WinINet fail.
+[[nodiscard]] std::vector<CFault> WinINetFaults();
 
 // ---- what rows are made of
 

@@ -261,7 +261,11 @@ void Cookies(std::wstring_view input)
         if (VoEqualsNoCase(name, L"Path") && VoCookieByteLength(value) <= kVoMaximumCookieAttributeBytes)
             path = value;
     }
-    const std::wstring bare = domain.starts_with(L'.') ? domain.substr(1) : domain;
+    std::wstring bare = domain.starts_with(L'.') ? domain.substr(1) : domain;
+    // Other characters have their form in the DNS; a soft hyphen has none.
+    std::array<wchar_t, MAX_PATH> ascii{};
+    if (::IdnToAscii(0, bare.c_str(), -1, ascii.data(), MAX_PATH) > 0)
+        bare = ascii.data();
     Require(bare.empty() || VoEqualsNoCase(bare, L"www.example.com") || VoEqualsNoCase(bare, L"example.com"),
             "a cookie for another domain was taken");
     Require(CookiesFor(*store.Get(), L"https://www.example.com/ab").empty() || path == L"/" || path == L"/ab",

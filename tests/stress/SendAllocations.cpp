@@ -19,8 +19,6 @@
 
 namespace Stress
 {
-std::vector<CFault> WinINetFaults(); // WinINetFaults.cpp
-
 namespace
 {
 // ---- the server

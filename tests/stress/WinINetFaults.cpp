@@ -1,4 +1,4 @@
-// The ways in which calls of WinINet fail. Its header and that of WinHTTP cannot be included in one file.
+// What WinINet can fail with. Its header and that of WinHTTP cannot be included in one file.
 #include "Allocations.h"
 
 #include <wininet.h>

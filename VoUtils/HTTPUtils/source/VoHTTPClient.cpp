@@ -289,10 +289,9 @@ HRESULT CVoHTTPClient::CState::GetStores(CStores& stores)
     CStores made{ m_options.credentials.value_or(nullptr), m_options.proxies.value_or(nullptr),
                   m_options.cookies.value_or(nullptr) };
     if (!m_options.credentials || !m_options.proxies || !m_options.cookies)
-        if (const HRESULT hr =
-                VoGlobalHTTPUtils::CreateGlobalHTTPStores(m_options.credentials ? nullptr : made.credentials.Put(),
-                                                          m_options.proxies ? nullptr : made.proxies.Put(),
-                                                          m_options.cookies ? nullptr : made.cookies.Put());
+        if (const HRESULT hr = VoGlobalHTTPUtils::CreateGlobalHTTPStores(
+                m_options.credentials ? nullptr : made.credentials.Put(), m_options.proxies ? nullptr : made.proxies.Put(),
+                m_options.cookies ? nullptr : made.cookies.Put());
             FAILED(hr))
             return report(20, hr);
     const CVoLockHolder lock(m_lock);
