@@ -16,7 +16,6 @@
 #include <random>
 
 using testing::Contains;
-using testing::ElementsAre;
 using testing::IsEmpty;
 using namespace TestSupport;
 
