@@ -236,11 +236,71 @@ TEST(DigSign, TheDecodedKeyIsWipedBeforeItsMemoryIsReleased)
     EXPECT_TRUE(wasWiped);
 }
 
-TEST(DigSign, WhatThePlatformSaysOfAWrongSignatureIsNoFailure)
+TEST(DigSign, EveryFailureOfCryptoAPIIsHandled)
 {
+    const std::vector<CFault> faults{
+        VO_FAULT("advapi32.dll", CryptAcquireContextW, FALSE, static_cast<DWORD>(NTE_PROV_TYPE_NOT_DEF)),
+        VO_FAULT_AFTER_CALL("advapi32.dll", CryptReleaseContext, FALSE, ERROR_BUSY),
+        VO_FAULT("advapi32.dll", CryptGenKey, FALSE, static_cast<DWORD>(NTE_FAIL)),
+        VO_FAULT("advapi32.dll", CryptExportKey, FALSE, static_cast<DWORD>(NTE_BAD_KEY_STATE)),
+        VO_FAULT("advapi32.dll", CryptImportKey, FALSE, static_cast<DWORD>(NTE_BAD_DATA)),
+        VO_FAULT("advapi32.dll", CryptGetUserKey, FALSE, static_cast<DWORD>(NTE_BAD_UID)),
+        VO_FAULT_AFTER_CALL("advapi32.dll", CryptDestroyKey, FALSE, ERROR_BUSY),
+        VO_FAULT("advapi32.dll", CryptCreateHash, FALSE, static_cast<DWORD>(NTE_BAD_ALGID)),
+        VO_FAULT("advapi32.dll", CryptHashData, FALSE, ERROR_NOT_ENOUGH_MEMORY),
+        VO_FAULT("advapi32.dll", CryptGetHashParam, FALSE, static_cast<DWORD>(NTE_BAD_HASH)),
+        VO_FAULT("advapi32.dll", CryptSignHashW, FALSE, static_cast<DWORD>(NTE_NO_KEY)),
+        VO_FAULT_GIVES("advapi32.dll", CryptSignHashW, FALSE, ERROR_SUCCESS, E_FAIL),
+    };
+    CAcquireBalance providers = CAcquireBalance::Of<decltype(&::CryptAcquireContextW), decltype(&::CryptReleaseContext)>(
+        "advapi32.dll", "CryptAcquireContextW", "CryptReleaseContext");
+    CAcquireBalance hashes = CAcquireBalance::Of<decltype(&::CryptCreateHash), decltype(&::CryptDestroyHash)>(
+        "advapi32.dll", "CryptCreateHash", "CryptDestroyHash");
+    CAcquireBalance keys = CAcquireBalance::Of<decltype(&::CryptImportKey), decltype(&::CryptDestroyKey)>(
+        "advapi32.dll", "CryptImportKey", "CryptDestroyKey");
+    keys.AlsoAcquiredBy<decltype(&::CryptGenKey)>("advapi32.dll", "CryptGenKey");
+    keys.AlsoAcquiredBy<decltype(&::CryptGetUserKey)>("advapi32.dll", "CryptGetUserKey");
     CLogCapture log;
+    // The whole chain has the same code.
+    const auto wasReported = [&log](HRESULT code)
+    {
+        const auto lines = log.Lines();
+        log.Clear();
+        return !lines.empty() && std::ranges::all_of(lines, [&](const CLogLine& line) { return line.code == code; });
+    };
     COrvSHA256Hash hash;
     const std::vector<BYTE> good = FromHex(kSignatureSHA256);
+    // Nothing is handed out by what fails.
+    const auto run = [&]
+    {
+        std::wstring privateKey = L"private";
+        std::wstring publicKey = L"public";
+        CVoByteBuffer signature;
+        bool valid = true;
+        CVoByteBuffer value;
+        HRESULT hr = COrvRSAKey::Generate(512, privateKey, publicKey);
+        EXPECT_EQ(privateKey == L"private" && publicKey == L"public", FAILED(hr));
+        if (SUCCEEDED(hr))
+        {
+            hr = Sign(kKnownPrivateKey, hash, kMessage, signature);
+            EXPECT_EQ(signature.IsEmpty(), FAILED(hr));
+        }
+        if (SUCCEEDED(hr))
+        {
+            hr = Verify(kKnownPublicKey, hash, kMessage, good, valid);
+            EXPECT_EQ(valid, SUCCEEDED(hr));
+        }
+        if (SUCCEEDED(hr))
+        {
+            hr = HashBytes(hash, Bytes(kMessage), Length(kMessage), value.PutBytes(), value.PutLength());
+            EXPECT_EQ(value.IsEmpty(), FAILED(hr));
+        }
+        EXPECT_EQ(hash.Handle(), HCRYPTHASH{ 0 }) << "The handle must not outlive its provider";
+        return hr;
+    };
+    ExpectEveryFailureIsHandled(faults, run, wasReported, { &providers, &hashes, &keys });
+
+    // What the platform says of a signature that does not match is no failure.
     for (const auto& [error, result] : { std::pair(static_cast<DWORD>(NTE_BAD_SIGNATURE), S_OK),
                                          { ERROR_INVALID_PARAMETER, S_OK },
                                          { ERROR_NOT_ENOUGH_MEMORY, kResultNotEnoughMemory },

@@ -16,6 +16,7 @@
 #include <random>
 
 using testing::Contains;
+using testing::ElementsAre;
 using testing::IsEmpty;
 using namespace TestSupport;
 
@@ -315,6 +316,37 @@ TEST_F(IniFileOnDisk, AMissingFileIsAnEmptyOneOnlyWhenAllowed)
     EXPECT_EQ(file.Save(), S_OK) << "a file that could not be opened leaves the one before";
     EXPECT_EQ(ReadTestFile(path), "[A]\r\nx=2\r\n");
     EXPECT_EQ(Parsed("").Save(), HResultFromWin32(ERROR_INVALID_NAME));
+}
+
+TEST_F(IniFileOnDisk, EveryFailureOfThePlatformLeavesTheOldFile)
+{
+    CLogCapture log;
+    const auto run = [&]
+    {
+        WriteTestFile(m_path, kOld);
+        CVoIniFileIO file;
+        if (const HRESULT hr = file.Open(m_path.wstring()); FAILED(hr))
+            return hr;
+        EXPECT_EQ(file.SetValue(L"A", L"x", L"2"), S_OK);
+        const HRESULT hr = file.Save();
+        EXPECT_EQ(ReadTestFile(m_path), SUCCEEDED(hr) ? kNew : kOld);
+        EXPECT_EQ(file.IsModified(), FAILED(hr));
+        EXPECT_THAT(NamesIn(m_folder), ElementsAre(m_path.filename().wstring()));
+        return hr;
+    };
+    ExpectEveryFailureIsHandled(
+        {
+            VO_FAULT("kernel32.dll", GetFullPathNameW, 0U, ERROR_NOT_ENOUGH_MEMORY),
+            VO_FAULT("kernel32.dll", CreateFileW, INVALID_HANDLE_VALUE, ERROR_ACCESS_DENIED),
+            VO_FAULT("kernel32.dll", GetFileSizeEx, FALSE, ERROR_IO_DEVICE),
+            VO_FAULT("kernel32.dll", ReadFile, FALSE, ERROR_READ_FAULT),
+            VO_FAULT("kernel32.dll", GetFileAttributesW, INVALID_FILE_ATTRIBUTES, ERROR_ACCESS_DENIED),
+            VO_FAULT("advapi32.dll", GetFileSecurityW, FALSE, ERROR_ACCESS_DENIED),
+            VO_FAULT("kernel32.dll", WriteFile, FALSE, ERROR_DISK_FULL),
+            VO_FAULT("kernel32.dll", FlushFileBuffers, FALSE, ERROR_IO_DEVICE),
+            VO_FAULT("kernel32.dll", MoveFileExW, FALSE, ERROR_SHARING_VIOLATION),
+        },
+        run, [&](HRESULT code) { return TakeReport(log, code); });
 }
 
 // A process that is killed at any of these calls leaves what is seen there.

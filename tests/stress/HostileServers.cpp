@@ -332,7 +332,9 @@ private:
             EXPECT_TRUE(FAILED(hr) || !isDocumented);
             break;
         case EOutcome::Limit:
-            EXPECT_TRUE(hr == kErrorResponseLimit || (FAILED(hr) && m_transport.kind != 2)) << std::hex << hr;
+            // A machine that is slow enough meets the time-out first.
+            EXPECT_TRUE(hr == kErrorResponseLimit || hr == kResultTimeout || (FAILED(hr) && m_transport.kind != 2))
+                << std::hex << hr;
             break;
         case EOutcome::Fails:
             EXPECT_TRUE(FAILED(hr));

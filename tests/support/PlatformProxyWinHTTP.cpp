@@ -25,7 +25,7 @@ private:
         std::wstring verb;
         std::wstring path;
         DWORD flags;
-        std::array<HINTERNET, 3> replacing{}; // the session, the connection, the request
+        std::array<HINTERNET, 3> replacing{}; // the request, its connection, its session
     };
 
     HINTERNET Connect(HINTERNET session, const std::wstring& host, INTERNET_PORT port, HINTERNET connection)
@@ -44,7 +44,7 @@ private:
     {
         const std::scoped_lock lock(m_lock);
         const auto request = m_requests.find(handle);
-        return request != m_requests.end() && request->second.replacing.back() ? request->second.replacing.back() : handle;
+        return request != m_requests.end() && request->second.replacing.front() ? request->second.replacing.front() : handle;
     }
     BOOL SetOption(decltype(&::WinHttpSetOption) set, HINTERNET handle, DWORD option, void* value, DWORD length)
     {
@@ -61,11 +61,11 @@ private:
         const CConnection& connection = m_connections[request.connection];
         const HINTERNET session = ::WinHttpOpen(L"", proxy.dwAccessType, proxy.lpszProxy, nullptr, WINHTTP_FLAG_ASYNC);
         const HINTERNET server = ::WinHttpConnect(session, connection.host.c_str(), connection.port, 0);
-        request.replacing = { session, server,
-                              ::WinHttpOpenRequest(server, request.verb.c_str(), request.path.c_str(), nullptr, nullptr,
-                                                   WINHTTP_DEFAULT_ACCEPT_TYPES, request.flags) };
-        BOOL done = request.replacing.back() != nullptr;
-        for (const auto& [from, to] : { std::pair(connection.session, session), { handle, request.replacing.back() } })
+        request.replacing = { ::WinHttpOpenRequest(server, request.verb.c_str(), request.path.c_str(), nullptr, nullptr,
+                                                   WINHTTP_DEFAULT_ACCEPT_TYPES, request.flags),
+                              server, session };
+        BOOL done = request.replacing.front() != nullptr;
+        for (const auto& [from, to] : { std::pair(connection.session, session), { handle, request.replacing.front() } })
             for (auto [option, value] : m_options[from])
                 done = done && set(to, option, &value, sizeof value);
         return done;
@@ -79,9 +79,9 @@ private:
                 replacing = request.mapped().replacing;
             m_options.erase(handle);
         }
-        for (auto child = replacing.rbegin(); child != replacing.rend(); ++child)
-            if (*child)
-                close(*child);
+        for (const HINTERNET own : replacing) // children first
+            if (own)
+                close(own);
         return close(handle);
     }
 
