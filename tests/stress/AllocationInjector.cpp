@@ -2,11 +2,10 @@
 #include "AllocationInjector.h"
 
 #include <algorithm>
+#include <cstdio>
 
-// The C library's reader of formatted texts, which libcurl calls, and the compiler's access to the variables of a thread, which
-// ends the program where a thread has no memory for them.
-extern "C" int __mingw_vsscanf(const char* text, const char* format, va_list arguments); // NOLINT(*-reserved-identifier)
-extern "C" void* __emutls_get_address(void* variable);                                   // NOLINT(*-reserved-identifier)
+// The compiler's access to the variables of a thread, which ends the program where a thread has no memory for them.
+extern "C" void* __emutls_get_address(void* variable); // NOLINT(*-reserved-identifier)
 
 namespace Stress
 {
@@ -20,6 +19,7 @@ const void* FunctionAt(const void* address) noexcept
 } // namespace
 
 CPassedOver::CPassedOver() noexcept
+    // The first one is the C library's reader of formatted texts, which libcurl calls.
     : m_functions{ FunctionAt(reinterpret_cast<const void*>(&__mingw_vsscanf)),
                    FunctionAt(reinterpret_cast<const void*>(&__emutls_get_address)) }
 {

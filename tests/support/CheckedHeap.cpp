@@ -54,6 +54,7 @@ void operator delete(void* memory) noexcept
 }
 // NOLINTEND(cppcoreguidelines-no-malloc)
 
+// NOLINTNEXTLINE(misc-use-internal-linkage): the library calls it
 void operator delete(void* memory, size_t /*size*/) noexcept
 {
     operator delete(memory);
