@@ -17,7 +17,7 @@ std::filesystem::path Folder()
     return std::filesystem::path(path).parent_path();
 }
 
-// Starts a program without a window, its output dropped, and waits for its end.
+// Starts a program without a console, whose start would be measured with it; its output is dropped. Waits for its end.
 void Run(const std::filesystem::path& program, const wchar_t* arguments)
 {
     std::wstring commandLine = L'"' + program.wstring() + L"\" " + arguments;
@@ -25,7 +25,7 @@ void Run(const std::filesystem::path& program, const wchar_t* arguments)
     startup.cb = sizeof startup;
     startup.dwFlags = STARTF_USESTDHANDLES;
     PROCESS_INFORMATION process{};
-    if (!::CreateProcessW(program.c_str(), commandLine.data(), nullptr, nullptr, FALSE, CREATE_NO_WINDOW, nullptr, nullptr,
+    if (!::CreateProcessW(program.c_str(), commandLine.data(), nullptr, nullptr, FALSE, DETACHED_PROCESS, nullptr, nullptr,
                           &startup, &process))
         throw std::runtime_error("the program did not start");
     const CVoHandle handle(process.hProcess);

@@ -136,8 +136,10 @@ private:
     }
 };
 
-CConsoleCodePage::CConsoleCodePage() noexcept
+CConsoleCodePage::CConsoleCodePage(bool isUsed) noexcept
 {
+    if (!isUsed)
+        return; // the question alone may start the console
     g_previousCodePage.store(::GetConsoleOutputCP());
     if (g_previousCodePage.load() != 0)
         ::SetConsoleOutputCP(CP_UTF8);

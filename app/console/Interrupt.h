@@ -11,12 +11,12 @@ class CContext;
 // the error line of kResultCancelled.
 void InstallInterruptHandler() noexcept;
 
-// Sets the console's output code page to UTF-8, and back at the end, also when Ctrl+C ends the program: the console's other
-// programs share it. One for the process.
+// Sets the console's output code page to UTF-8 where the program writes to the console, and back at the end, also when Ctrl+C
+// ends the program: the console's other programs share it. One for the process.
 class CConsoleCodePage
 {
 public:
-    CConsoleCodePage() noexcept;
+    explicit CConsoleCodePage(bool isUsed) noexcept;
     ~CConsoleCodePage();
     CConsoleCodePage(const CConsoleCodePage&) = delete;
     CConsoleCodePage& operator=(const CConsoleCodePage&) = delete;

@@ -10,10 +10,10 @@ namespace
 int RunProgram(int count, wchar_t** arguments)
 {
     InstallInterruptHandler();
-    const CConsoleCodePage codePage;
     CHandleSource in(::GetStdHandle(STD_INPUT_HANDLE));
     CHandleSink out(::GetStdHandle(STD_OUTPUT_HANDLE));
     CHandleSink err(::GetStdHandle(STD_ERROR_HANDLE));
+    const CConsoleCodePage codePage(out.IsTerminal() || err.IsTerminal());
     CProcessState process;
     std::vector<std::string> utf8;
     for (int i = 1; i < count; ++i)

@@ -547,7 +547,7 @@ const std::wstring kZlib = Units(TestSupport::Compress(std::string(3000, 'a'), T
 const CCampaigns kCampaigns({
     { "addresses",
       &Addresses,
-      { L"https://host.test:8080/p/a?q=1#f", L"host", L"[::1]:80/x", L"http://user:pw@h/", L" HTTP://H:0080/ ", L"a?b://c",
+      { L"[::\u2074]", L"https://host.test:8080/p/a?q=1#f", L"host", L"[::1]:80/x", L"http://user:pw@h/", L" HTTP://H:0080/ ", L"a?b://c",
         L"[fe80::1%25eth0]" },
       L"/:?#[]@ \\%.\t\u00FC\u3002hp0",
       2 },

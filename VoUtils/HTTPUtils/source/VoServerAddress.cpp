@@ -62,8 +62,11 @@ bool IsValidIPv6Literal(std::wstring_view literal)
         if (zone.empty() || !IsValidHostName(zone))
             return false;
     }
+    // The platform may read other digits than those of RFC 4291, which no transport does.
+    const std::wstring_view text = literal.substr(0, percent);
     IN6_ADDR address;
-    return ::InetPtonW(AF_INET6, std::wstring(literal.substr(0, percent)).c_str(), &address) == 1;
+    return text.find_first_not_of(L"0123456789abcdefABCDEF:.") == std::wstring_view::npos &&
+           ::InetPtonW(AF_INET6, std::wstring(text).c_str(), &address) == 1;
 }
 
 // The port behind a host's colon. A leading "+" is allowed, as wcstol allows it. An empty text is 0.
