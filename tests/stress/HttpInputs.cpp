@@ -159,7 +159,8 @@ void HiddenUrls(std::wstring_view input)
     {
         const std::string password = url.Get(CURLUPART_PASSWORD);
         const std::string user = url.Get(CURLUPART_USER);
-        const std::string credentials = user + (password.empty() ? "" : ':' + password) + '@';
+        const bool hasColon = !password.empty() || text.find(user + ":@") != std::string::npos;
+        const std::string credentials = user + (hasColon ? ':' + password : "") + '@';
         const auto count = [&](const std::string& where)
         {
             size_t found = 0;
