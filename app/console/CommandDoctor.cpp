@@ -10,6 +10,7 @@
 #include <base/VoLock.h>
 #include <base/VoModuleInformation.h>
 #include <base/VoMultiThreading.h>
+#include <base/VoText.h>
 
 #include <algorithm>
 #include <array>
@@ -285,7 +286,7 @@ private:
         if (!m_html.empty())
         {
             const std::string page = VoRenderHtml(report);
-            context.WriteFile(m_html, std::span<const BYTE>(reinterpret_cast<const BYTE*>(page.data()), page.size()));
+            context.WriteFile(m_html, VoBytesOf(page));
         }
         if (std::any_of(report.checks.begin(), report.checks.end(),
                         [](const CVoCheck& c) { return c.status == EVoCheckStatus::Fail; }))

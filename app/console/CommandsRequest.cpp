@@ -8,6 +8,7 @@
 #include "ProgressBar.h"
 #include "RequestOptions.h"
 
+#include <base/VoText.h>
 #include <base/VoUtils.h>
 
 #include <array>
@@ -231,7 +232,7 @@ private:
             std::string lines;
             for (size_t i = 0; i < message.GetCount(); ++i)
                 lines += ToUtf8(message.GetAt(i).Name()) + '=' + ToUtf8(message.GetAt(i).Value()) + '\n';
-            WriteContent(context.Streams().out, { reinterpret_cast<const BYTE*>(lines.data()), lines.size() });
+            WriteContent(context.Streams().out, VoBytesOf(lines));
             if (m_output.empty())
                 WriteContent(context.Streams().out, message.Payload());
         }

@@ -4,6 +4,7 @@
 #include "Interrupt.h"
 
 #include <base/VoCArray.h>
+#include <base/VoText.h>
 #include <base/VoWipe.h>
 #include <base/utils/VoDataConversion.h>
 #include <win/OrvDigSign.h>
@@ -90,18 +91,13 @@ public:
         const CInterruptDelay delay;
         COutputFile privateFile(privatePath);
         COutputFile publicFile(publicPath);
-        Check(privateFile.Write(AsBytes(privateText.Get())));
-        Check(publicFile.Write(AsBytes(publicText)));
+        Check(privateFile.Write(VoBytesOf(privateText.Get())));
+        Check(publicFile.Write(VoBytesOf(publicText)));
         privateFile.Commit();
         publicFile.Commit();
     }
 
 private:
-    static std::span<const BYTE> AsBytes(const std::string& text)
-    {
-        return { reinterpret_cast<const BYTE*>(text.data()), text.size() };
-    }
-
     std::string m_privateFile;
     std::string m_publicFile;
     UINT32 m_bits = 2048;

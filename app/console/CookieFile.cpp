@@ -3,6 +3,7 @@
 
 #include "Files.h"
 
+#include <base/VoText.h>
 #include <base/com/VoComHelper.h>
 
 void LoadCookies(CContext& context, const std::string& file)
@@ -21,5 +22,5 @@ void SaveCookies(CContext& context, const std::string& file)
     CVoBstr data;
     Check(context.Process().CookieStore().Serialize(data.Put()));
     const std::string text = ToUtf8(data.View());
-    context.WriteFile(file, { reinterpret_cast<const BYTE*>(text.data()), text.size() });
+    context.WriteFile(file, VoBytesOf(text));
 }

@@ -5,6 +5,8 @@
 #include "Streams.h"
 #include "Text.h"
 
+#include <base/VoText.h>
+
 namespace
 {
 CVoHandle OpenExisting(const std::wstring& path, DWORD access)
@@ -101,5 +103,5 @@ void WriteWholeFile(const std::wstring& path, std::span<const BYTE> bytes)
 
 void WriteWholeFile(const std::wstring& path, std::string_view text)
 {
-    WriteWholeFile(path, std::span<const BYTE>(reinterpret_cast<const BYTE*>(text.data()), text.size()));
+    WriteWholeFile(path, VoBytesOf(text));
 }

@@ -2,6 +2,7 @@
 #include "Streams.h"
 
 #include <base/VoHResult.h>
+#include <base/VoText.h>
 
 #include <algorithm>
 #include <cstring>
@@ -17,7 +18,7 @@ constexpr size_t kTerminalWriteBlock = size_t{ 16 } << 10;
 
 void IByteSink::Write(std::string_view text)
 {
-    Write(std::span<const BYTE>(reinterpret_cast<const BYTE*>(text.data()), text.size()));
+    Write(VoBytesOf(text));
 }
 
 size_t CHandleSource::Read(BYTE* buffer, size_t size)

@@ -265,14 +265,10 @@ HRESULT CVoCookieRequest::FromUrl(std::wstring_view url, CVoCookieRequest& reque
 std::wstring VoCanonicalHost(std::wstring_view host)
 {
     std::wstring result(host);
-    bool isAscii = true;
     for (wchar_t& character : result)
-    {
         if (character >= L'A' && character <= L'Z')
             character = static_cast<wchar_t>(character - L'A' + L'a');
-        isAscii = isAscii && character < 0x80;
-    }
-    if (!isAscii && result.size() <= kMaximumHostLength)
+    if (!VoIsAscii(result) && result.size() <= kMaximumHostLength)
     {
         // A name that has no ASCII form stays as it is: it equals only itself.
         std::array<wchar_t, kMaximumHostLength + 1> ascii;
