@@ -623,7 +623,8 @@ void Variants(std::wstring_view input)
     // Wine's conversion reads outside of its buffer for an exponent of many digits.
     const size_t exponent = std::min(input.find_first_of(L"eE"), input.size());
     const auto isDigit = [](wchar_t c) { return c >= L'0' && c <= L'9'; };
-    if (std::count_if(input.begin() + static_cast<std::ptrdiff_t>(exponent), input.end(), isDigit) > 4)
+    const auto exponentDigits = std::count_if(input.begin() + static_cast<std::ptrdiff_t>(exponent), input.end(), isDigit);
+    if (exponentDigits > 4)
         return;
     CVoVariant text;
     Require(SUCCEEDED(VoTypeToVariant(Guarded(input), text.Get())), "a text makes no variant");
@@ -642,6 +643,9 @@ void Variants(std::wstring_view input)
         Require(SUCCEEDED(VoChangeVariantTypeNoLocale(written.Get(), value.Get(), VT_BSTR)), "a value has no text");
         if (type == VT_R8 || type == VT_DATE || type == VT_CY)
             continue; // the platform writes fewer digits than it reads
+        if (type == VT_DECIMAL && exponentDigits > 1)
+            continue; // Wine makes a DECIMAL with more decimal places than the type can have, and reads it back as another
+                      // number
         Require(SUCCEEDED(VoChangeVariantTypeNoLocale(again.Get(), written.Get(), type)), "a written value does not read back");
         Require(SUCCEEDED(VoChangeVariantTypeNoLocale(same.Get(), again.Get(), VT_BSTR)) &&
                     CVoBstr::ViewOf(same.Get().bstrVal) == CVoBstr::ViewOf(written.Get().bstrVal),
