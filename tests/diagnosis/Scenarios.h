@@ -10,14 +10,16 @@
 
 namespace Scenarios
 {
+// Changes the facts of a network.
+using CStep = std::function<void(VoDiagnosis::CFacts&)>;
+
 struct CScenario
 {
     const char* name;
-    std::function<void(VoDiagnosis::CFacts&)> change; // of a healthy network
-    const char* verdict;
-    const char* failed;      // "check cause", or "" for none
-    const char* recommended; // a transport, or ""
-    const char* others;      // the other findings, "check cause" joined with ", "; a trailing "!" marks a failure
+    // "verdict: check cause; check cause, check cause!; use transport": the first check that fails, the other findings, where a
+    // "!" marks a failure, and the transport that is recommended. " on all": all transports fail with that cause.
+    const char* result;
+    std::vector<CStep> steps; // from a healthy network
 };
 
 // Stands in every place of the facts that may hold a secret, and must come out nowhere.
@@ -30,6 +32,8 @@ inline constexpr const wchar_t* kHostile = L"\x1b[31m<script>alert('x')</script>
 // The report of facts that are complete, as the runner makes it.
 [[nodiscard]] CVoDiagnosisReport ReportOf(const VoDiagnosis::CFacts& facts);
 
+// As CScenario::result has it.
+[[nodiscard]] std::string ResultOf(const CVoDiagnosisReport& report);
 [[nodiscard]] std::string Narrow(std::wstring_view text);
 // The three forms of a report, one after the other: text, JSON, page.
 [[nodiscard]] std::string OutputsOf(const CVoDiagnosisReport& report);

@@ -59,8 +59,9 @@ void OnlyCurl(Options& options)
     options.engines = { kCurl };
     options.configuredEngine = kCurl;
 }
+void NoChange(Options& /*options*/) {}
 
-CVoDiagnosisReport Diagnose(const std::string& url, const std::function<void(Options&)>& change = OnlyCurl)
+CVoDiagnosisReport DiagnoseAll(const std::string& url, const std::function<void(Options&)>& change = NoChange)
 {
     Options options;
     options.url = TestSupport::Wide(url);
@@ -75,6 +76,15 @@ CVoDiagnosisReport Diagnose(const std::string& url, const std::function<void(Opt
     EXPECT_TRUE(
         std::none_of(outputs.begin(), outputs.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20 && c != '\n'; }));
     return report;
+}
+// Over libcurl alone, which is quick.
+CVoDiagnosisReport Diagnose(const std::string& url, const std::function<void(Options&)>& change = NoChange)
+{
+    return DiagnoseAll(url, [&](Options& options)
+    {
+        OnlyCurl(options);
+        change(options);
+    });
 }
 std::string Result(const CVoDiagnosisReport& report)
 {
@@ -158,8 +168,7 @@ TEST(Diagnosis, FindsTheFaultOfARealServer)
 TEST(Diagnosis, TriesAllTransportsSideBySide)
 {
     const Loopback::CLoopbackServer server(Serve);
-    const auto all = [](Options&) {};
-    const CVoDiagnosisReport healthy = Diagnose(server.URL("/?planted-secret"), all);
+    const CVoDiagnosisReport healthy = DiagnoseAll(server.URL("/?planted-secret"));
     EXPECT_EQ(Result(healthy), "ok  ");
     EXPECT_EQ(healthy.timelines.size(), 3U);
     for (const CVoTimeline& line : healthy.timelines)
@@ -167,13 +176,13 @@ TEST(Diagnosis, TriesAllTransportsSideBySide)
         EXPECT_EQ(line.statusCode, 200U) << line.engine;
         EXPECT_TRUE(line.firstByte || line.total) << line.engine;
     }
-    EXPECT_EQ(Result(Diagnose(server.URL("/404"), all)), "server http-wininet status_4xx");
+    EXPECT_EQ(Result(DiagnoseAll(server.URL("/404"))), "server http-wininet status_4xx");
     // WinINet does not answer challenges; the others do. No dialog is shown.
-    const CVoDiagnosisReport answered = Diagnose(server.URL("/private"), [](Options& o) { o.makeAuthCallback = Answers; });
+    const CVoDiagnosisReport answered = DiagnoseAll(server.URL("/private"), [](Options& o) { o.makeAuthCallback = Answers; });
     EXPECT_EQ(Result(answered), "credentials http-wininet authentication");
     EXPECT_EQ(answered.recommendedEngine, "winhttp");
     EXPECT_EQ(CauseOf(answered, "agreement"), "transports_differ");
-    EXPECT_EQ(Result(Diagnose(server.URL("/"), [](Options& o) { o.post = true; })), "ok  ");
+    EXPECT_EQ(Result(DiagnoseAll(server.URL("/"), [](Options& o) { o.post = true; })), "ok  ");
 }
 
 TEST(Diagnosis, FindsThatNobodyListens)
@@ -183,7 +192,7 @@ TEST(Diagnosis, FindsThatNobodyListens)
         const Loopback::CLoopbackServer server(Serve);
         url = server.URL("/?planted-secret");
     }
-    EXPECT_EQ(Result(Diagnose(url, [](Options&) {})), "server connect connect_refused");
+    EXPECT_EQ(Result(DiagnoseAll(url)), "server connect connect_refused");
     EXPECT_EQ(Result(Diagnose("http://no-such-name.invalid/")), "name name name_not_found");
     EXPECT_EQ(Result(Diagnose("ftp://user:planted-password@h/?planted-secret")), "address address address_malformed");
     // Without an adapter the network is the fault.
@@ -227,7 +236,6 @@ TEST(Diagnosis, FindsTheFaultOfAProxy)
         mode = how;
         return Diagnose("http://www.test/?planted-secret", [&](Options& o)
         {
-            OnlyCurl(o);
             UseProxy(o, name);
             if (answers)
                 o.makeAuthCallback = Answers;
@@ -245,19 +253,8 @@ TEST(Diagnosis, FindsTheFaultOfAProxy)
         const Loopback::CLoopbackServer gone(Serve);
         closed = "127.0.0.1:" + std::to_string(gone.Port());
     }
-    EXPECT_EQ(Result(Diagnose(server.URL(),
-                              [&](Options& o)
-    {
-        OnlyCurl(o);
-        UseProxy(o, closed);
-    })),
-              "proxy proxy-connect proxy_refused");
-    EXPECT_EQ(Result(Diagnose(server.URL(),
-                              [&](Options& o)
-    {
-        OnlyCurl(o);
-        UseProxy(o, "no-such-proxy.invalid:8080");
-    })),
+    EXPECT_EQ(Result(Diagnose(server.URL(), [&](Options& o) { UseProxy(o, closed); })), "proxy proxy-connect proxy_refused");
+    EXPECT_EQ(Result(Diagnose(server.URL(), [&](Options& o) { UseProxy(o, "no-such-proxy.invalid:8080"); })),
               "proxy proxy-connect proxy_name_not_found");
 
     // Scripts: one that is not there, and one that names a dead proxy.
@@ -269,19 +266,11 @@ TEST(Diagnosis, FindsTheFaultOfAProxy)
         else
             connection.SendResponse(404);
     });
-    const CVoDiagnosisReport missing = Diagnose(server.URL(), [&](Options& o)
-    {
-        OnlyCurl(o);
-        UseScript(o, scripts.URL("/none.pac?planted-secret"));
-    });
+    const CVoDiagnosisReport missing =
+        Diagnose(server.URL(), [&](Options& o) { UseScript(o, scripts.URL("/none.pac?planted-secret")); });
     EXPECT_EQ(Result(missing), "degraded  ");
     EXPECT_EQ(CauseOf(missing, "proxy"), "proxy_script_unreachable");
-    EXPECT_EQ(Result(Diagnose("http://www.test/",
-                              [&](Options& o)
-    {
-        OnlyCurl(o);
-        UseScript(o, scripts.URL("/dead.pac"));
-    })),
+    EXPECT_EQ(Result(Diagnose("http://www.test/", [&](Options& o) { UseScript(o, scripts.URL("/dead.pac")); })),
               "proxy proxy-connect proxy_refused");
 }
 
@@ -289,33 +278,19 @@ TEST(Diagnosis, JudgesTheCertificatesOfARealServer)
 {
     VO_NEEDS_TEST_SERVERS();
     const TestSupport::CTestServers& servers = *TestSupport::TestServers();
-    const auto cause = [](uint16_t port, bool verify = true)
-    {
-        return CauseOf(Diagnose("https://localhost:" + std::to_string(port) + "/post",
-                                [=](Options& o)
-        {
-            OnlyCurl(o);
-            o.verifyServerCertificate = verify;
-        }),
-                       "tls");
-    };
+    const auto cause = [](uint16_t port)
+    { return CauseOf(Diagnose("https://localhost:" + std::to_string(port) + "/post"), "tls"); };
     EXPECT_EQ(cause(servers.tlsPort), "certificate_issuer");
     EXPECT_EQ(cause(servers.otherHostPort), "certificate_name");
     EXPECT_EQ(cause(servers.expiredPort), "certificate_expired");
     EXPECT_EQ(cause(servers.port), "not_tls");
     // With the check switched off the program accepts any certificate.
-    const CVoDiagnosisReport accepted = Diagnose(servers.SecureURL("/post"), [](Options& o)
-    {
-        OnlyCurl(o);
-        o.verifyServerCertificate = false;
-    });
+    const CVoDiagnosisReport accepted =
+        Diagnose(servers.SecureURL("/post"), [](Options& o) { o.verifyServerCertificate = false; });
     EXPECT_EQ(Result(accepted), "degraded  ");
     // The same through a tunnel.
     const CVoDiagnosisReport tunnel = Diagnose(servers.SecureURL("/post"), [&](Options& o)
-    {
-        OnlyCurl(o);
-        UseProxy(o, "127.0.0.1:" + std::to_string(servers.squidPort));
-    });
+    { UseProxy(o, "127.0.0.1:" + std::to_string(servers.squidPort)); });
     EXPECT_EQ(CauseOf(tunnel, "tls"), "certificate_issuer");
     EXPECT_EQ(CauseOf(tunnel, "proxy-connect"), "");
 }
@@ -366,7 +341,6 @@ TEST(Diagnosis, FindsARevokedCertificateAndAnIssuerWhoseServersDoNotAnswer)
         s_status = status;
         const CVoDiagnosisReport report = Diagnose(TestSupport::TestServers()->SecureURL("/post"), [](Options& o)
         {
-            OnlyCurl(o);
             o.checkRevocation = true;
             o.probeTimeout = 2;
         });
@@ -407,7 +381,7 @@ TEST(Diagnosis, TheServersDateIsReadBehindARenewedHandshake)
     // Over WinHTTP the certificate is refused: no response but that of the probe has a date.
     const auto cause = []
     {
-        return CauseOf(Diagnose(TestSupport::TestServers()->SecureURL("/post"), [](Options& o) { o.engines = { 1 }; }),
+        return CauseOf(DiagnoseAll(TestSupport::TestServers()->SecureURL("/post"), [](Options& o) { o.engines = { 1 }; }),
                        "clock");
     };
     EXPECT_EQ(cause(), "clock_skew");
@@ -514,7 +488,6 @@ TEST(Diagnosis, TimeDoesNotRunOutWhileTheUserIsAsked)
     bool isDecided = false;
     const CVoDiagnosisReport report = Diagnose(server.URL(), [&](Options& options)
     {
-        OnlyCurl(options);
         options.probeTimeout = 1;
         options.makeAuthCallback = [&] { return CVoComPtr<IVoAuthenticationCallback>(user.Get()); };
         options.isAsking = [&]
@@ -568,12 +541,6 @@ TEST(Diagnosis, EndsWhenItIsCancelled)
 TEST(Diagnosis, TellsASilentServerAfterTheTimeOfAProbe)
 {
     const Loopback::CLoopbackServer server(Serve);
-    EXPECT_EQ(Result(Diagnose(server.URL("/silent"),
-                              [](Options& o)
-    {
-        OnlyCurl(o);
-        o.probeTimeout = 1;
-    })),
-              "server http-curl timeout");
+    EXPECT_EQ(Result(Diagnose(server.URL("/silent"), [](Options& o) { o.probeTimeout = 1; })), "server http-curl timeout");
 }
 } // namespace
