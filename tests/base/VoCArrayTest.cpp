@@ -49,5 +49,6 @@ void ExpectRefusal(const wchar_t* name)
 TEST(CArray, KeepsItsItemsAndReportsItsNameWhenMemoryIsExhausted)
 {
     ExpectRefusal<CParamRec*>(L"CArray<class CParamRec *,class CParamRec *>::SetSize");
+    ExpectRefusal<unsigned char>(L"CArray<unsigned char,unsigned char>::SetSize");
     ExpectRefusal<wchar_t>(L"CArray<wchar_t,wchar_t>::SetSize");
 }

@@ -1,7 +1,6 @@
 // Tests of the encodings and their kernels.
 #include <base/utils/VoDataConversion.h>
 
-#include <base/VoCArray.h>
 #include <base/utils/VoCodecKernels.h>
 #include <base/utils/VoVectorKernels.h>
 #include <support/GuardPage.h>
@@ -10,7 +9,6 @@
 #include <gmock/gmock.h>
 
 #include <functional>
-#include <optional>
 #include <random>
 #include <string>
 #include <vector>
@@ -28,39 +26,6 @@ constexpr CDecoder kFromHex = &VoDataConversion::HexToBin;
 constexpr CDecoder kFromBase64 = &VoDataConversion::Base64ToBin;
 constexpr CDecoder kFromBase32 = &VoDataConversion::Base32ModifiedCrockfordToBin;
 
-using CEncoder = HRESULT (*)(const BYTE*, INT32, std::wstring&, INT32);
-constexpr CEncoder kToHex = [](auto bytes, auto count, auto& to, auto line)
-{ return VoDataConversion::BinToHex(bytes, count, to, line); };
-template <bool useUrl>
-constexpr CEncoder kToBase64 = [](auto bytes, auto count, auto& to, auto line)
-{ return VoDataConversion::BinToBase64(bytes, count, useUrl, to, line); };
-template <bool pad>
-constexpr CEncoder kToBase32 = [](auto bytes, auto count, auto& to, auto line)
-{ return VoDataConversion::BinToBase32ModifiedCrockford(bytes, count, pad, to, line); };
-
-// What a decoder makes of a text that ends at an inaccessible page; nothing when it refuses it. Checks that outputs are written
-// on success only and that the size alone can be asked for.
-std::optional<CBytes> Decode(CDecoder decoder, std::wstring_view text)
-{
-    const CGuardedBuffer<wchar_t> guarded(text);
-    BYTE untouched = 0;
-    BYTE* buffer = &untouched;
-    UINT32 length = 4711;
-    UINT32 lengthAlone = 4711;
-    const HRESULT hr = decoder(guarded.View(), &buffer, &length);
-    EXPECT_EQ(decoder(guarded.View(), nullptr, &lengthAlone), hr);
-    EXPECT_EQ(lengthAlone, length);
-    if (FAILED(hr))
-    {
-        EXPECT_EQ(hr, E_INVALIDARG);
-        EXPECT_EQ(buffer, &untouched);
-        EXPECT_EQ(length, 4711U);
-        return std::nullopt;
-    }
-    const CVoByteBuffer owned(std::unique_ptr<BYTE[]>(buffer), length);
-    return CBytes(owned.Bytes().begin(), owned.Bytes().end());
-}
-
 CBytes RandomBytes(std::mt19937& random, size_t size)
 {
     CBytes bytes(size);
@@ -69,61 +34,7 @@ CBytes RandomBytes(std::mt19937& random, size_t size)
     return bytes;
 }
 
-CBytes FromText(std::string_view text)
-{
-    return { text.begin(), text.end() };
-}
 } // namespace
-
-TEST(VoDataConversion, DecodersAcceptLineBreaksBlanksAndPadding)
-{
-    // Each text gives these bytes.
-    const std::tuple<CDecoder, std::optional<CBytes>, std::vector<std::wstring_view>> cases[] = {
-        { kFromHex, CBytes{}, { L"", L"-- :\r\n" } },
-        { kFromHex, CBytes{ 0x01, 0xF0 }, { L"0x1F0", L"01:f 0", L"\u0141\uFF110 1\u0130F0", { L"01\0F0", 5 } } },
-        { kFromHex, std::nullopt, { L"A", L"0x1F" } }, // the prefix's "0" is a digit
-        { kFromBase64, CBytes{}, { L"", L" \t\r\n====" } },
-        { kFromBase64, FromText("Ma"), { L"  TWE=\r\n", L"TWE", L"TWE%3d", L"TWE%3D%3d==", L"TW\r\n\rE", L"TWF" } },
-        { kFromBase64, CBytes{ 0xFB, 0xFF }, { L"-_8=", L"+/8=", L"+_9" } },
-        { kFromBase64,
-          std::nullopt,
-          { L"TWFu%3D%3D%3D", L"TWE=%3D", L"TW E=", L"TW\tE=", L"T", L"TWFuT", L"T=Fu", { L"TW\0u", 4 }, L"TWF\u0175" } },
-        // Separators go first, "%3D" goes before "%3d" and is not looked for again.
-        { kFromBase32,
-          CBytes{ 1 },
-          { L"10", L"1 0\t=\r\n=", L"%3D1%3d0", L"1%\r3 =D0", L"1%%3D3d0", L"\v10\f", L"lo", L"IO" } },
-        { kFromBase32, std::nullopt, { L"1%%3d3D0", L"1\v0", L"1", L"100", L"100000", L"1!", L"1\u0130" } },
-        { kFromBase32, CBytes{ 1, 0, 0, 0 }, { L"1000000", L"i00000o" } },
-        { kFromBase32, CBytes{ 26 }, { L"U0", L"uo" } },
-        { kFromBase32, CBytes{ 8 }, { L"80", L"B0", L"bO" } },
-    };
-    for (const auto& [decoder, bytes, texts] : cases)
-        for (const std::wstring_view text : texts)
-            EXPECT_EQ(Decode(decoder, text), bytes) << testing::PrintToString(std::wstring(text));
-}
-
-TEST(VoDataConversion, EncodersBreakLinesAtTheDocumentedPlaces)
-{
-    const std::tuple<CEncoder, CBytes, INT32, const wchar_t*> cases[] = {
-        { kToHex, { 0xAB, 0x01, 0xFF }, 3, L"AB01\r\nFF" },
-        { kToHex, { 0xAB, 0x01 }, 1, L"AB\r\n01\r\n" },
-        { kToHex, { 0xAB, 0x01 }, INT32_MAX, L"AB01" },
-        { kToHex, { 0xAB, 0x01 }, -1, L"AB01" },
-        { kToBase64<false>, FromText("M"), 0, L"TQ=\r\n=" },
-        { kToBase64<false>, CBytes(15), 10, L"AAAAAAAAAAA\r\nAAAAAAAAA" },
-        { kToBase64<false>, {}, 0, L"" },
-        { kToBase64<true>, FromText("ManM\xFF\xFE"), 2, L"TWFuTf_-" },
-        { kToBase32<true>, { 0x01 }, 2, L"10\r\n==\r\n" },
-        { kToBase32<true>, { 0x01, 0x00 }, 0, L"1000" },
-        { kToBase32<true>, CBytes(5, 0xFF), 8, L"ZZZZZZZZ\r\n" },
-    };
-    for (const auto& [encode, bytes, line, expected] : cases)
-    {
-        std::wstring text;
-        EXPECT_EQ(encode(bytes.data(), static_cast<INT32>(bytes.size()), text, line), S_OK);
-        EXPECT_EQ(text, expected);
-    }
-}
 
 namespace
 {
@@ -241,38 +152,6 @@ TEST(CodecKernels, WidenAndNarrowAsTheScalarReferenceDoes)
         {
             ASSERT_EQ(narrow, scalarNarrow);
         }
-    }
-}
-
-// Bytes are converted as the platform does, or left to it; only well-formed ones must be.
-TEST(CodecKernels, Utf8IsWidenedAsThePlatformDoes)
-{
-    constexpr std::string_view kPieces[] = { "a", "0123456789abcdefghij", "\xC2\x80", "\xDF\xBF", "\xE0\xA0\x80",
-                                             "\xED\x9F\xBF", "\xEE\x80\x80", "\xEF\xBF\xBF", "\xF0\x90\x80\x80",
-                                             "\xF4\x8F\xBF\xBF",
-                                             // not well-formed from here on
-                                             "\xC1\xBF", "\xE0\x9F\xBF", "\xED\xA0\x80", "\xF0\x8F\xBF\xBF", "\xF4\x90\x80\x80",
-                                             "\x80", "\xFF", "\xC3", "\xE2\x82", "\xF0\x9F\x98" };
-    constexpr size_t kGood = 10;
-    std::mt19937 random(13);
-    for (int round = 0; round < 20'000; ++round)
-    {
-        const bool isGood = random() % 2 == 0;
-        std::string text;
-        for (auto count = random() % 12 + 1; count > 0; --count)
-            text += kPieces[random() % (isGood ? kGood : std::size(kPieces))];
-        const CGuardedBuffer<char> bytes(text);
-        const CGuardedBuffer<wchar_t> units(text.size());
-        std::wstring expected(text.size(), L'\0');
-        const int length = ::MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text.data(), static_cast<int>(text.size()),
-                                                 expected.data(), static_cast<int>(expected.size()));
-        const std::optional<size_t> count = VoCodecKernels::WidenUtf8(bytes.View(), units.Data());
-        ASSERT_EQ(count.has_value(), length > 0) << testing::PrintToString(text);
-        if (count)
-        {
-            ASSERT_EQ(units.View().substr(0, *count), expected.substr(0, static_cast<size_t>(length)));
-        }
-        ASSERT_TRUE(count || !isGood);
     }
 }
 

@@ -2,14 +2,13 @@
 #include <base/VoDataParser.h>
 
 #include <base/VoUtils.h>
-#include <support/GuardPage.h>
 #include <support/ImportHook.h>
 #include <support/LogCapture.h>
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <optional>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -42,23 +41,6 @@ CParser Read(std::wstring_view text)
     CParser parser;
     EXPECT_EQ(parser.ReadParamsFromString(text), S_OK);
     return parser;
-}
-
-// What a builder of bodies hands out; checks that the length alone is the same.
-template <class TBuild>
-std::string Built(TBuild build)
-{
-    CVoByteBuffer bytes;
-    UINT32 lengthAlone = 0;
-    EXPECT_EQ(build(bytes.PutLength(), bytes.PutBytes()), S_OK);
-    EXPECT_EQ(build(&lengthAlone, static_cast<BYTE**>(nullptr)), S_OK);
-    EXPECT_EQ(lengthAlone, bytes.Length());
-    return { bytes.Bytes().begin(), bytes.Bytes().end() };
-}
-
-std::string Message(const CVoBinaryDataParser& parser, bool skipParams = false, bool useUtf8 = true)
-{
-    return Built([&](UINT32* length, BYTE** buffer) { return parser.GetMessageData(length, buffer, skipParams, useUtf8); });
 }
 
 CVoVariant Variant(std::wstring_view text)
@@ -180,33 +162,6 @@ TEST(DataParser, ArraysWithWrongSizesAreRefused)
         }
 }
 
-TEST(DataParser, ValuesAreUrlEncodedAndDecoded)
-{
-    constexpr auto kTo = &CVoDataParser::ToUTF8AndUrlEncode;
-    constexpr auto kFrom = &CVoDataParser::FromUTF8AndUrlEncode;
-    // Nothing where the text is refused and stays.
-    const std::tuple<decltype(kTo), bool, std::wstring, std::optional<std::wstring>> cases[] = {
-        { kTo, true, L"a b-\u00FC", L"a%20b%2D%C3%BC" },
-        { kTo, false, L"a b-\u00FC", L"a%20b%2D%FC" },
-        { kTo, true, std::wstring(L"AZaz09._~+\0@[`{/:", 17), L"AZaz09%2E%5F%7E%2B%00%40%5B%60%7B%2F%3A" },
-        { kTo, true, L"a\xD83D", {} }, // half a surrogate pair
-        { kTo, false, L"\u0100", {} },
-        { kFrom, true, L"a+b%20%2d%C3%bc", L"a+b -\u00FC" },
-        { kFrom, false, L"%FC%00\u0100", std::wstring(L"\u00FC\0\u0100", 3) },
-        // Cut off, no digits, and bytes that are not, or not the shortest, UTF-8.
-        { kFrom, true, L"100%", {} },
-        { kFrom, true, L"%2G", {} },
-        { kFrom, true, L"%\u01312", {} },
-        { kFrom, true, L"%C0%80", {} },
-    };
-    for (const auto& [convert, useUtf8, before, after] : cases)
-    {
-        std::wstring text = before;
-        EXPECT_EQ(SUCCEEDED(convert(useUtf8, text)), after.has_value()) << before;
-        EXPECT_EQ(text, after.value_or(before));
-    }
-}
-
 TEST(DataParser, ConvertingAllValuesIsAllOrNothing)
 {
     auto parser = Read<CVoDataParser>(L"a=1 2&b=\u00FC");
@@ -220,70 +175,19 @@ TEST(DataParser, ConvertingAllValuesIsAllOrNothing)
     EXPECT_EQ(TextOf(parser), L"a=1%202&b=%C3%BC&c=%");
 }
 
-TEST(BinaryDataParser, MessagesAreBuiltByteForByte)
+TEST(BinaryDataParser, AMessageIsAddedToWhatTheParserHas)
 {
-    auto parser = Read(L"x=1");
-    const auto withPrefix = [&](bool skipParams)
-    {
-        return Built([&](UINT32* length, BYTE** buffer)
-        { return parser.GetMessageDataWithSizePrefix(length, buffer, skipParams, true); });
-    };
-    EXPECT_EQ(withPrefix(false), std::string("\x05\0\0\0x=1&&", 9));
-    EXPECT_EQ(withPrefix(true), std::string("\0\0\0\0", 4));
-    parser.SetPayload(CBytes(0x10300, BYTE{ '&' }));
-    EXPECT_EQ(withPrefix(false), std::string("\x05\x03\x01\0x=1&&", 9) + std::string(0x10300, '&'));
-    EXPECT_EQ(Message(parser, true), std::string(0x10300, '&'));
-
-    parser = Read(L"\u00FC=\u00E4&b=$&$$");
-    EXPECT_EQ(Message(parser), "\xC3\xBC=\xC3\xA4&b=$&$$&&");
-    EXPECT_EQ(Built([&](UINT32* length, BYTE** buffer) { return parser.GetParamData(true, length, buffer); }),
-              "\xC3\xBC=\xC3\xA4&b=$&$$");
-    if (::GetACP() == 1252)
-    {
-        EXPECT_EQ(Message(parser, false, false), "\xFC=\xE4&b=$&$$&&");
-    }
-}
-
-TEST(BinaryDataParser, MessagesAreParsed)
-{
-    const std::string mark = "\xEF\xBB\xBF";
-    const HRESULT notText = HResultFromWin32(ERROR_NO_UNICODE_TRANSLATION);
-    const std::tuple<HRESULT, std::string, std::wstring, std::string> cases[] = {
-        { S_OK, "", L"", "" },
-        // The parameters: the name is trimmed, the value is not; names are not unescaped, and blank is not empty.
-        { S_OK, "=1&x=b=c&", L"&=1&x=b=c", "" },
-        { S_OK, " \t x \r\n= 1 &a$&b=$&", L"&x= 1 &a$&b=$&", "" },
-        { S_OK, std::string("x=a\0b&y=$$$&z=2", 14), std::wstring(L"&x=a\0b&y=$$$&z=2", 15), "" },
-        { E_FAIL, "x=1& &z=2", L"&x=1", "" },
-        // What is behind them.
-        { S_OK, mark + "a=1&&xyz", L"&a=1", "xyz" },
-        { S_OK, "x=1&&&y=2", L"&x=1", "&y=2" },
-        { S_OK, "&&p", L"", "p" },
-        { S_OK, "x=$&&&p", L"&x=$&", "p" },
-        { S_OK, "x=a$&&y=$", L"&x=a$&&y=$$", "" },
-        { S_OK, "x=\xC3\xBC&&\xC3", L"&x=\u00FC", "\xC3" },
-        { E_FAIL, "x=&$&&p=1", L"&x=", "" }, // "$&&p=1" has no payload: the pair is "$&"
-        { E_FAIL, "x=1&novalue&&payload", L"&x=1", "" },
-        { notText, "x=1&y=\xC3&&payload", L"", "" },
-    };
-    for (const auto& [result, text, params, payload] : cases)
-    {
-        const CGuardedBuffer<BYTE> bytes(Bytes(text));
-        CVoBinaryDataParser parser = Read(L"old=1");
-        parser.SetPayload(Bytes("old payload"));
-        EXPECT_EQ(parser.Parse(static_cast<UINT32>(bytes.Size()), bytes.Data(), false, true), result) << text;
-        EXPECT_EQ(TextOf(parser), L"old=1" + params) << text;
-        EXPECT_EQ(CBytes(parser.Payload().begin(), parser.Payload().end()), Bytes(payload)) << text;
-    }
-    EXPECT_EQ(TextOf(Read(L"x=1&&y=2")), L"x=1&y=2") << "in a parameter text, an empty pair";
     auto parser = Read(L"old=1");
     // Its own payload can be parsed.
     parser.SetPayload(Bytes("a=1&&rest"));
     EXPECT_EQ(parser.Parse(1, nullptr, false, true), E_INVALIDARG);
     EXPECT_EQ(parser.Parse(9, parser.Payload().data(), false, true), S_OK);
-    EXPECT_EQ(Message(parser), "old=1&a=1&&rest");
-    EXPECT_EQ(parser.Parse(Bytes(mark + "a=1"), true, true), S_OK); // all of it is payload
-    EXPECT_EQ(Message(parser), "old=1&a=1&&" + mark + "a=1");
+    EXPECT_EQ(TextOf(parser), L"old=1&a=1");
+    EXPECT_TRUE(std::ranges::equal(parser.Payload(), Bytes("rest")));
+    // A malformed message adds the pairs in front of the fault, and its payload is empty.
+    EXPECT_EQ(parser.Parse(Bytes("x=1&novalue&&payload"), false, true), E_FAIL);
+    EXPECT_EQ(TextOf(parser), L"old=1&a=1&x=1");
+    EXPECT_TRUE(parser.Payload().empty());
 }
 
 TEST(DataParser, AVariantOfTwoDimensionsIsFlattened)
@@ -331,63 +235,6 @@ TEST(DataParser, AVariantOfTwoDimensionsIsFlattened)
     EXPECT_EQ(parser.GetCount(), count);
 }
 
-TEST(BinaryDataParser, TheStepsOfAMessageAreCallable)
-{
-    const auto parser = Read(L"x=1");
-    CVoByteBuffer bytes;
-    EXPECT_EQ(parser.internalGetParamData(true, bytes.PutLength(), bytes.PutBytes()), S_OK);
-    EXPECT_EQ(CBytes(bytes.Bytes().begin(), bytes.Bytes().end()), Bytes("x=1&&"));
-    EXPECT_EQ(CVoBinaryDataParser::StringToMessageData(L"\u20AC", true, bytes.PutLength(), bytes.PutBytes()), S_OK);
-    EXPECT_EQ(CBytes(bytes.Bytes().begin(), bytes.Bytes().end()), Bytes("\xE2\x82\xAC"));
-    UINT32 length = 0;
-    EXPECT_EQ(CVoBinaryDataParser::StringToMessageData(nullptr, true, &length, nullptr), S_OK);
-    EXPECT_EQ(CVoBinaryDataParser::StringToMessageData(L"x", true, nullptr, nullptr), E_INVALIDARG);
-}
-
-TEST(BinaryDataParser, ExhaustedMemoryIsReportedAsTheGrowableArraysAndNothingChanges)
-{
-    const std::wstring pair = L"name=" + std::wstring(100, L'v');
-    const CBytes payload(1000);
-    CVoBinaryDataParser parser;
-    ASSERT_EQ(parser.SetPayload(payload.data(), 3), S_OK);
-    CLogCapture log;
-    {
-        const CFailOnCall<void*(WINAPI*)(size_t)> fail("msvcrt.dll", "malloc", 1, nullptr, ERROR_NOT_ENOUGH_MEMORY);
-        EXPECT_EQ(parser.SetPayload(payload.data(), 1000), kResultNotEnoughMemory);
-    }
-    EXPECT_EQ(parser.Payload().size(), 3u);
-    EXPECT_THAT(log.Lines(), ElementsAre(IsReportBy(L"CArray<unsigned char,unsigned char>::SetSize", kResultNotEnoughMemory),
-                                         IsReportBy(L"CVoBinaryDataParser::SetPayload", kResultNotEnoughMemory)));
-    log.Clear();
-    CParamRec record(L"old", L"value");
-    {
-        const CFailOnCall<void*(WINAPI*)(size_t)> fail("msvcrt.dll", "malloc", 1, nullptr, ERROR_NOT_ENOUGH_MEMORY);
-        EXPECT_EQ(record.PutParamString(pair.data(), pair.size()), kResultNotEnoughMemory);
-    }
-    EXPECT_EQ(record.Name() + record.Value(), L"oldvalue");
-    EXPECT_THAT(log.Lines(), ElementsAre(IsReportBy(L"CArray<wchar_t,wchar_t>::SetSize", kResultNotEnoughMemory),
-                                         IsReportBy(L"CParamRec::PutParamString", kResultNotEnoughMemory)));
-    EXPECT_EQ(record.PutParamString(nullptr, 1), E_INVALIDARG);
-
-    // A copy assignment that fails changes neither the parameters nor the payload.
-    CVoBinaryDataParser other = Read(L"a=1");
-    ASSERT_EQ(other.SetPayload(payload.data(), 1000), S_OK);
-    for (int call = 1;; ++call)
-    {
-        const CFailOnCall<void*(WINAPI*)(size_t)> fail("msvcrt.dll", "malloc", call, nullptr, ERROR_NOT_ENOUGH_MEMORY);
-        try
-        {
-            parser = other;
-            break;
-        }
-        catch (const std::exception&)
-        {
-            ASSERT_TRUE(parser.GetCount() == 0 && parser.Payload().size() == 3) << call;
-        }
-    }
-    EXPECT_EQ(parser.Payload().size(), 1000u);
-}
-
 TEST(BinaryDataParser, AFailureIsReportedUpTheChainAndLeavesTheOutputs)
 {
     const auto parser = Read(L"x=\xD83D");
@@ -407,38 +254,4 @@ TEST(BinaryDataParser, AFailureIsReportedUpTheChainAndLeavesTheOutputs)
     EXPECT_EQ(Read(L"x=1").GetFormMessageData(&length, &buffer, boundary, true), E_UNEXPECTED);
     EXPECT_EQ(boundary, L"old");
     EXPECT_TRUE(buffer == nullptr && length == 4711U);
-}
-
-TEST(BinaryDataParser, MultipartBodiesAreBuiltByteForByte)
-{
-    // "#" stands for a boundary, "<" and ">" for what is in front of a field's name and behind it.
-    const std::pair<std::wstring, std::string> cases[] = {
-        { L"a=\u00FC&$&=x", "#<a>\r\n\r\n\xC3\xBC\r\n#<$&>\r\n\r\nx\r\n#--" },
-        { L"filename=&CONTENTTYPE=text/plain", "#--" }, // without a file name the payload is not sent
-        { L"filename=p.jpg&a=1",
-          "#<a>\r\n\r\n1\r\n#<file>; filename=\"p.jpg\"\r\nContent-Type: image/pjpeg\r\n\r\npayload\r\n#--" },
-        { L"FileName=x&ContentType=a; b=\"c\"", "#<file>; filename=\"x\"\r\nContent-Type: a; b=\"c\"\r\n\r\npayload\r\n#--" },
-        // Nothing in a text can end a header line or the text's quotes.
-        { L"a\"\r\nX: y=1&FileName=\"\r\n\r\nevil&ContentType=t\r\nX: y",
-          "#<a%22%0D%0AX: y>\r\n\r\n1\r\n#<file>; filename=\"%22%0D%0A%0D%0Aevil\"\r\nContent-Type: t%0D%0AX: "
-          "y\r\n\r\npayload\r\n#--" },
-    };
-    std::wstring previous;
-    for (const auto& [params, body] : cases)
-    {
-        auto parser = Read(params);
-        parser.SetPayload(Bytes("payload"));
-        CVoByteBuffer bytes;
-        std::wstring boundary;
-        ASSERT_EQ(parser.GetFormMessageData(bytes.PutLength(), bytes.PutBytes(), boundary, true), S_OK);
-        EXPECT_EQ(boundary.size(), 41U);
-        EXPECT_EQ(boundary.find_first_not_of(L"0123456789ABCDEF", boundary.find_first_not_of(L'-')), std::wstring::npos);
-        EXPECT_NE(std::exchange(previous, boundary), boundary);
-        std::string expected;
-        for (const char c : body)
-            expected += c == '#'   ? "--" + std::string(boundary.begin(), boundary.end())
-                        : c == '<' ? "\r\nContent-Disposition: form-data; name=\""
-                                   : std::string(1, c == '>' ? '"' : c);
-        EXPECT_EQ(std::string(bytes.Bytes().begin(), bytes.Bytes().end()), expected);
-    }
 }

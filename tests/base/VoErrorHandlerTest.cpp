@@ -1,6 +1,5 @@
 // Tests of reports, the log file and the settings.
 #include <base/VoErrorHandler.h>
-#include <base/VoHandle.h>
 #include <base/VoLogSetup.h>
 #include <base/VoUtils.h>
 
@@ -8,10 +7,8 @@
 #include <support/LogCapture.h>
 #include <support/TestMain.h>
 
-#include <array>
 #include <regex>
 #include <stdexcept>
-#include <thread>
 
 using namespace TestSupport;
 using testing::ElementsAre;
@@ -429,58 +426,4 @@ TEST(LogFile, AsksNoMoreOfItsMutexThanToWaitAndToRelease)
     CVoErrorLogFile log;
     log.Init(settings);
     EXPECT_EQ(asked, DWORD{ SYNCHRONIZE | MUTEX_MODIFY_STATE });
-}
-
-namespace
-{
-constexpr int kLinesOfAWriter = 100;
-
-void WriteManyLines()
-{
-    for (int i = 0; i < kLinesOfAWriter; ++i)
-        VoReportMessage(kSource, i, L"line %d of %lu", i, ::GetCurrentThreadId());
-}
-} // namespace
-
-// Run by the test below in processes of its own.
-TEST(LogFile, DISABLED_WriterProcess)
-{
-    VoErrorLog().SetApplicationLog(true);
-    std::thread other(WriteManyLines);
-    WriteManyLines();
-    other.join();
-}
-
-TEST(LogFile, LinesOfManyThreadsAndProcessesStayComplete)
-{
-    const std::string before = ReadTestFile(VoErrorLog().LogFilePath());
-    wchar_t program[MAX_PATH];
-    ASSERT_LT(::GetModuleFileNameW(nullptr, program, MAX_PATH), DWORD{ MAX_PATH });
-    std::wstring commandLine =
-        VoFormat(L"\"%ls\" --gtest_also_run_disabled_tests --gtest_filter=LogFile.DISABLED_WriterProcess", program);
-    std::array<PROCESS_INFORMATION, 3> processes;
-    for (PROCESS_INFORMATION& process : processes)
-    {
-        STARTUPINFOW startup{};
-        startup.cb = sizeof startup;
-        ASSERT_TRUE(::CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, DETACHED_PROCESS, nullptr, nullptr,
-                                     &startup, &process));
-    }
-    for (const PROCESS_INFORMATION& process : processes)
-    {
-        const CVoHandle thread(process.hThread);
-        const CVoHandle handle(process.hProcess);
-        DWORD code = 1;
-        EXPECT_EQ(::WaitForSingleObject(handle.Get(), INFINITE), WAIT_OBJECT_0);
-        EXPECT_TRUE(::GetExitCodeProcess(handle.Get(), &code) && code == 0);
-    }
-    const std::string bytes = ReadTestFile(VoErrorLog().LogFilePath()).substr(before.size());
-    EXPECT_EQ(CountHeaders(bytes), processes.size()) << "each process adds its run header";
-    const std::vector<CLogLine> lines = ParseLog(bytes);
-    EXPECT_THAT(lines, SizeIs(processes.size() * (1 + 2 * kLinesOfAWriter))) << "with the start line of each process";
-    for (const CLogLine& line : lines)
-    {
-        const bool isStartLine = line.line == 484;
-        EXPECT_TRUE(isStartLine || line.message == VoFormat(L"line %d of %d", line.line, line.threadId)) << line.message;
-    }
 }

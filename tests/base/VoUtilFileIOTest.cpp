@@ -4,16 +4,14 @@
 
 #include <base/VoUtils.h>
 
-#include "support/GuardPage.h"
 #include "support/ImportHook.h"
 #include "support/LogCapture.h"
 #include "support/TestMain.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <functional>
 #include <optional>
-#include <random>
 
 using testing::Contains;
 using testing::ElementsAre;
@@ -22,23 +20,6 @@ using namespace TestSupport;
 
 namespace
 {
-// What a reader sees of the file.
-std::wstring Listing(const CVoIniFileIO& file)
-{
-    std::wstring listing;
-    std::vector<std::wstring_view> names;
-    EXPECT_EQ(file.GetSectionNames(names), S_OK);
-    for (const std::wstring_view name : names)
-    {
-        listing.append(L"[").append(name).append(L"]");
-        std::vector<CVoIniEntry> entries;
-        EXPECT_EQ(file.GetSection(name, entries), S_OK);
-        for (const CVoIniEntry& entry : entries)
-            listing.append(L"<").append(entry.key).append(L"|").append(entry.value).append(L">");
-    }
-    return listing;
-}
-
 CVoIniFileIO Parsed(std::string_view bytes)
 {
     CVoIniFileIO file;
@@ -78,28 +59,6 @@ std::string Utf16(std::wstring_view text, bool isBigEndian)
         bytes += isBigEndian ? low : high;
     }
     return bytes;
-}
-
-TEST(IniFile, ReadsHeadersEntriesAndComments)
-{
-    const std::pair<std::string, std::wstring> cases[] = {
-        { "", L"" },
-        { "[A]\nx=1\r[B]\r\ny==z=", L"[A]<x|1>[B]<y|=z=>" },
-        { "[A]\n; x=1\n  # y=2\n\n \t\nz=3 ; no comment\n", L"[A]<z|3 ; no comment>" },
-        { "[A]\n \t key name \t = \t a  b \t\n", L"[A]<key name|a  b \t>" },
-        { "[A]\nx=\nX=2\nx=3\n[B]\n[a]\ny=2\n", L"[A]<x|><X|2><x|3><y|2>[B]" },
-        { " [ A b ] ; comment ]\nx=1\n", L"[A b]<x|1>" },
-        { "x=0\n[A]\nno entry\n=no key\n[no header\nx=1\n", L"[A]<x|1>" },
-        { "[]\nx=1\n", L"[]<x|1>" },
-        { "[A]\n\xC2\xA0x\xE3\x80\x80=\xC2\xA0y\n", L"[A]<x|y>" },
-    };
-    for (const auto& [text, expected] : cases)
-    {
-        const CGuardedBuffer<char> bytes{ std::string_view(text) };
-        const CVoIniFileIO file = Parsed(bytes.View());
-        EXPECT_EQ(Listing(file), expected) << text;
-        EXPECT_EQ(BytesOf(file), text);
-    }
 }
 
 TEST(IniFile, FindsNamesWithoutRegardToCaseAndTheFirstOfDuplicates)
@@ -154,23 +113,6 @@ TEST(IniFile, ReadsBytesThatAreNotUtf8InTheAnsiCodePage)
     std::string bytes = "untouched";
     EXPECT_EQ(file.GetBytes(bytes), HResultFromWin32(ERROR_NO_UNICODE_TRANSLATION));
     EXPECT_EQ(bytes, "untouched");
-}
-
-TEST(IniFile, KeepsMalformedBytesAndRefusesToConvertThem)
-{
-    for (const std::string_view bytes :
-         { std::string_view("\xEF\xBB\xBF[A]\nx=\xC3\n\xFF\xFE=\x80\ny=1"), std::string_view("[A]\nx=a\0b\n\0\n", 12),
-           std::string_view("\xFF\xFE[\0A\0]\0\n\0x\0=\0\x00\xD8\n\0", 18) })
-    {
-        CVoIniFileIO file = Parsed(bytes);
-        EXPECT_EQ(BytesOf(file), bytes);
-        EXPECT_EQ(file.SetValue(L"B", L"z", L"1"), S_OK);
-        EXPECT_THAT(BytesOf(file), testing::StartsWith(std::string(bytes)));
-        EXPECT_EQ(Parsed(BytesOf(file)).FindValue(L"B", L"z"), L"1");
-    }
-    CVoIniFileIO file = Parsed("\xEF\xBB\xBF[A]\nx=\xC3\n");
-    EXPECT_EQ(file.SetEncoding(EVoTextEncoding::Utf16LittleEndian), HResultFromWin32(ERROR_NO_UNICODE_TRANSLATION));
-    EXPECT_EQ(BytesOf(file), "\xEF\xBB\xBF[A]\nx=\xC3\n");
 }
 
 TEST(IniFile, ChangesOnlyTheLinesThatChange)

@@ -7,16 +7,12 @@
 #include <support/LogCapture.h>
 #include <support/TestMain.h>
 
-#include <vector>
-
 using namespace TestSupport;
-using testing::Contains;
 using testing::ElementsAre;
 
 namespace
 {
 constexpr const wchar_t* kSource = L"..\\..\\source\\base\\VoUtils";
-constexpr HRESULT kNoTranslation = static_cast<HRESULT>(0x80070459); // ERROR_NO_UNICODE_TRANSLATION
 
 SYSTEMTIME Time(int year, int month, int day, int hour = 0, int minute = 0, int second = 0, int milliseconds = 0)
 {
@@ -24,28 +20,7 @@ SYSTEMTIME Time(int year, int month, int day, int hour = 0, int minute = 0, int 
     return { word(year), word(month), 0, word(day), word(hour), word(minute), word(second), word(milliseconds) };
 }
 
-// The fields without the day of the week.
-std::vector<int> Fields(const SYSTEMTIME& t)
-{
-    return { t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond, t.wMilliseconds };
-}
 } // namespace
-
-TEST(Text, RefusesMalformedTextAndKeepsTheOutput)
-{
-    const CLogCapture log;
-    std::string bytes = "before";
-    for (const std::wstring& text : { std::wstring(L"a\xD800"), L"\xDC00" + std::wstring(600, L'a') })
-        EXPECT_EQ(VoStringToUTF8(text, bytes), kNoTranslation);
-    EXPECT_EQ(bytes, "before");
-    std::wstring text = L"before";
-    for (const std::string& bad : { std::string("\x80"), std::string("\xC0\x80"), std::string("\xED\xA0\x80"),
-                                    std::string("\xF4\x90\x80\x80"), std::string(600, 'a') + "\xE2\x82" })
-        EXPECT_EQ(VoUTF8ToString(bad, text), kNoTranslation);
-    EXPECT_EQ(text, L"before");
-    EXPECT_THAT(log.Lines(), Contains(IsReportBy(L"VoStringToUTF8", kNoTranslation)).Times(2));
-    EXPECT_THAT(log.Lines(), Contains(IsReportBy(L"VoUTF8ToString", kNoTranslation)).Times(5));
-}
 
 TEST(Text, UsesTheRequestedCodePageAndReturnsThePlatformsErrors)
 {
@@ -87,28 +62,6 @@ TEST(ISO8601, WritesDatesAndTimes)
     EXPECT_EQ(VoSystemTimeToISO8601DateTimeStr(Time(2001, 1, 1), 1440, true, false, text), E_INVALIDARG);
     EXPECT_EQ(text, L"before");
     EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kSource, 151, L"VoSystemTimeToISO8601DateTimeStr", E_INVALIDARG)));
-}
-
-TEST(ISO8601, ReadsTheWrittenFormsAndTheirVariants)
-{
-    const std::tuple<const wchar_t*, SYSTEMTIME, int> kCases[] = {
-        { L"2024-02-29", Time(2024, 2, 29), 0 },
-        { L"2000-02-29T23:59:59", Time(2000, 2, 29, 23, 59, 59), 0 },
-        { L"2024-01-02 03:04:05Z", Time(2024, 1, 2, 3, 4, 5), 0 },
-        { L"2024-01-02T03:04:05.6-00:05", Time(2024, 1, 2, 3, 4, 5, 600), -5 },
-        { L"2024-01-02T03:04:05.123456789+23:59", Time(2024, 1, 2, 3, 4, 5, 123), 1439 },
-        { L"2024-01-02T03:04:05.0509", Time(2024, 1, 2, 3, 4, 5, 50), 0 },
-    };
-    SYSTEMTIME time{};
-    for (const auto& [text, expected, offset] : kCases)
-    {
-        int read = 77;
-        EXPECT_EQ(VoISO8601DateTimeStrToSystemTime(text, time, &read), S_OK) << text;
-        EXPECT_EQ(Fields(time), Fields(expected)) << text;
-        EXPECT_EQ(read, offset) << text;
-    }
-    EXPECT_EQ(VoISO8601DateTimeStrToSystemTime(L"2024-02-29", time, nullptr), S_OK);
-    EXPECT_EQ(time.wDayOfWeek, 4) << "a Thursday";
 }
 
 TEST(Variants, CurrencyDateAndBooleanGoThroughTextUnderALocale)

@@ -559,46 +559,6 @@ TEST_P(TransportTest, CallsBackWhenTheBodyHasBeenSent)
     EXPECT_EQ(count.calls, before);
 }
 
-TEST_P(TransportTest, ManyThreadsWithAMessageEachShareTheStores)
-{
-    CServer server([](const Loopback::CRequest& request, Loopback::CConnection& connection)
-    {
-        connection.SendResponse(200, { { "Set-Cookie", std::string(request.Query()) + "=1; Path=/" } },
-                                request.method == "GET" ? std::string(request.Path().substr(1)) : request.body);
-    });
-    constexpr int kThreads = 8;
-    constexpr int kRequests = 250;
-    const auto round = [&](int thread)
-    {
-        const std::string name = "?t" + std::to_string(thread);
-        const Message message = Connect(server.URL('/' + name), 10, 30);
-        int right = 0;
-        for (int i = 0; i < kRequests; ++i)
-        {
-            const std::string number = std::to_string(thread * kRequests + i);
-            // A body takes Wine's WinHTTP 40 ms.
-            const CResponse response =
-                i % 10 == 0 ? Send(*message, MakeMessage({}, number)) : Get(*message, Wide('/' + number + name));
-            right += SUCCEEDED(response.result) && PayloadOf(response.message) == number;
-        }
-        return right;
-    };
-    DWORD handles = 0;
-    for (int i = 0; i < 2; ++i) // once to warm up: connections and threads are kept for a while
-    {
-        handles = CountProcessHandles();
-        std::vector<std::future<int>> threads;
-        for (int thread = 0; thread < kThreads; ++thread)
-            threads.push_back(std::async(std::launch::async, round, thread));
-        for (auto& thread : threads)
-            EXPECT_EQ(thread.get(), kRequests);
-    }
-    // A connection has a handle at either end, and a server's thread has one; a request that kept one would show in thousands.
-    EXPECT_LE(CountProcessHandles(), handles + 6 * kThreads);
-    const std::wstring cookies = CookiesFor(*m_cookies.Get(), SeenURL(server, L"/"));
-    EXPECT_EQ(std::ranges::count(cookies, L';'), kThreads - 1);
-}
-
 TEST_P(TransportTest, ProgressIsVisibleToOtherThreads)
 {
     if (!GetParam().receivesWhileSending)

@@ -5,31 +5,6 @@
 
 namespace
 {
-TEST(ExchangeText, AddressesLoseUserAndQuery)
-{
-    const std::pair<const wchar_t*, const wchar_t*> cases[] = {
-        { L"http://h/p", L"http://h/p" },
-        { L"http://h/p?k=v#f", L"http://h/p?<3 characters>" },
-        { L"http://u:p@h:81/p?", L"http://h:81/p?<0 characters>" },
-        { L"http://u:p@x@h", L"http://h" },
-        { L"http://h/a@b", L"http://h/a@b" },
-        { L"http://h?u@x", L"http://h?<3 characters>" },
-        { L"/p?token=1", L"/p?<7 characters>" },
-        { L"//u:p@h/p", L"//h/p" },
-        { L"\\\\u:p@h", L"\\\\h" },
-        { L"http:/u:p@h/x", L"http:/h/x" },
-        { L"http://u:p\\p@h/x", L"http://h/x" },
-        { L"http:///u:p@h/x/a@b", L"http:///h/x/a@b" },
-        { L"<http://a/>; x, <http://u:p@b/?k>", L"<http://a/>; x, <http://b/?<2 characters>" },
-        { L"", L"" },
-    };
-    for (const auto& [url, expected] : cases)
-        EXPECT_EQ(VoHideQuery(url), expected) << testing::PrintToString(std::wstring(url));
-    for (const wchar_t* const proxy : { L"p:80", L"u:s3cr3t@p:80", L"u:s3cr3t@x@p:80", L"u:s3://cr3t@p:80" })
-        EXPECT_EQ(VoHideProxyUser(proxy), L"p:80");
-    EXPECT_EQ(VoHideProxyUser(L"http://u:s3cr3t@p:80"), L"http://p:80");
-}
-
 TEST(ExchangeText, HeadersKeepTheirOrderAndLoseTheirSecrets)
 {
     std::wstring statusLine;

@@ -1,5 +1,4 @@
 // The cookie store: which cookies it takes, sends, keeps and hands out.
-#include <VoCookieBytes.h>
 #include <VoGlobalHTTPCookieStoreImpl.h>
 #include <VoPublicSuffix.h>
 
@@ -187,23 +186,6 @@ TEST(CookieStore, KnowsPublicSuffixes)
     for (const wchar_t* const domain : { L"example.com", L"b.unknown", L"xco.uk", L"x.github.io", L"www.ck", L"a.x.ck",
                                          L"city.kawasaki.jp", L"x.any.kawasaki.jp", L"0.aaa", L"com.unknown" })
         EXPECT_FALSE(VoIsPublicSuffix(domain)) << testing::PrintToString(domain);
-}
-
-TEST(CookieStore, BytesOfCookiesComeBackAsTheyCame)
-{
-    const std::pair<std::string, std::wstring> table[] = {
-        { "plain", L"plain" },
-        { "\xC3\xA4\xF0\x9F\x98\x80", L"\x00E4\xD83D\xDE00" },
-        { "\xE4;=", L"\xF7E4;=" },
-        { "\xC3", L"\xF7C3" },
-        { "\xC0\xBB\xED\xA0\x80", L"\xF7C0\xF7BB\xF7ED\xF7A0\xF780" }, // an overlong ";", a surrogate
-        { "\xEF\x9E\xBB", L"\xF7EF\xF79E\xF7BB" },                     // U+F7BB itself
-    };
-    for (const auto& [bytes, text] : table)
-    {
-        EXPECT_EQ(VoCookieTextFromBytes(bytes), text) << testing::PrintToString(bytes);
-        EXPECT_EQ(VoCookieBytesFromText(text), bytes);
-    }
 }
 
 TEST(CookieStore, ReadsDatesInAllForms)

@@ -1,15 +1,11 @@
-// Proxy lists and bypass lists.
+// Proxy lists. Bypass lists are a campaign of tests/stress.
 #include <VoProxyList.h>
 
 #include <gtest/gtest.h>
 
-#include <vector>
-
 namespace
 {
-using VoProxyList::BypassesAll;
 using VoProxyList::FindProblem;
-using VoProxyList::IsBypassed;
 using VoProxyList::OnlyProxy;
 using VoProxyList::ProxyForScheme;
 
@@ -72,36 +68,4 @@ TEST(ProxyList, SaysWhichEntryIsUnusable)
     }
 }
 
-TEST(ProxyList, BypassesWholeItems)
-{
-    struct
-    {
-        std::wstring list;
-        std::vector<std::wstring> bypassed, others;
-    } const table[] = {
-        { L"", {}, { L"a", L"" } },
-        // an item may stand behind a longer one
-        { L"host10;host1,b\tc d", { L"host10", L"HOST1", L"b", L"c", L"d" }, { L"host", L"ost1", L"host100", L"host2" } },
-        { L"a.example;a-b", { L"A.example" }, { L"xa.example", L"b.a.example", L"a" } },
-        { L"[::1];fe80::1", { L"::1", L"fe80::1" }, { L"::2" } },
-        // names without a dot
-        { L"x;<LOCAL>;y.z", { L"intranet", L"y.z" }, { L"www.example", L"127.0.0.1", L"::1" } },
-        { L"x<local>;<-loopback>", { L"intranet" }, { L"www.example" } }, // the list contains "<local>"
-        // "*"
-        { L"*.Example", { L"www.example", L"A.B.eXample" }, { L"example", L"www.example.org" } },
-        { L"192.168.*", { L"192.168.1.2" }, { L"192.169.1.2" } },
-        { L"a*b*c", { L"abbcbc" }, { L"abbcb" } },
-        { L"a**b;c*", { L"axb", L"c" }, { L"axbx" } },
-        { L"*", { L"anything", L"::1" }, {} },
-    };
-    for (const auto& row : table)
-    {
-        SCOPED_TRACE(testing::PrintToString(row.list));
-        for (const std::wstring& host : row.bypassed)
-            EXPECT_TRUE(IsBypassed(row.list, host)) << testing::PrintToString(host);
-        for (const std::wstring& host : row.others)
-            EXPECT_FALSE(IsBypassed(row.list, host)) << testing::PrintToString(host);
-        EXPECT_EQ(BypassesAll(row.list), row.list == L"*");
-    }
-}
 } // namespace

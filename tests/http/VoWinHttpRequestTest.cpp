@@ -1,4 +1,5 @@
-// The WinHTTP exchange against a loopback server: its results, its ends in every state, many of them at once.
+// The WinHTTP exchange against a loopback server: its results, and its ends in every state. tests/stress has many of them at
+// once.
 #include <VoWinHttpRequest.h>
 
 #include <LoopbackServer.h>
@@ -10,12 +11,9 @@
 #include <atomic>
 #include <future>
 #include <optional>
-#include <random>
 #include <thread>
-#include <vector>
 
 #include <support/ImportHook.h>
-#include <support/MemoryMeter.h>
 #include <support/TestMain.h>
 #include <support/WinHttpExchange.h>
 #include <support/WinHttpHandles.h>
@@ -27,7 +25,6 @@ using Loopback::CLoopbackServer;
 using Loopback::CRequest;
 using TestSupport::CExchangeOwner;
 using TestSupport::CGet;
-using TestSupport::CMemoryMeter;
 using TestSupport::kNoState;
 using TestSupport::kRetrieved;
 using TestSupport::ResultOf;
@@ -57,13 +54,6 @@ void DemandBasic(const CRequest& request, CConnection& connection)
         Echo(request, connection);
     else
         connection.SendResponse(401, { { "WWW-Authenticate", "Basic realm=\"r\"" } }, "no");
-}
-HRESULT GiveBasic(DWORD, DWORD, DWORD, const std::wstring&, DWORD& chosen, std::wstring& user, std::wstring& password, void*)
-{
-    chosen = WINHTTP_AUTH_SCHEME_BASIC;
-    user = L"u";
-    password = L"p";
-    return S_OK;
 }
 
 TEST(WinHttpRequest, ResultsAreTakenOncePerSendAndARunningExchangeRefusesChanges)
@@ -303,63 +293,4 @@ TEST(WinHttpRequest, AFailedSendMayBeRepeated)
     EXPECT_EQ(owner.Data(), E_HANDLE);
 }
 
-// ---- Many exchanges ----
-
-TEST(WinHttpRequest, ExchangesThatEndAtAnyMomentLeakNothing)
-{
-    constexpr int kRounds = 75;
-    constexpr unsigned kThreads = 4;
-    const std::string body(100'000, 'b');
-    CLoopbackServer server([&](const CRequest& request, CConnection& connection)
-    {
-        if (request.Path() == "/401" && request.Header("Authorization").empty())
-            DemandBasic(request, connection);
-        else
-            connection.SendResponse(request.Path() == "/404" ? 404 : 200, {}, request.Path() == "/big" ? body : "small");
-    });
-    const auto run = [&](unsigned seed)
-    {
-        std::minstd_rand random(seed);
-        for (int round = 0; round < kRounds; ++round)
-        {
-            constexpr const wchar_t* kPaths[] = { L"/", L"/big", L"/401", L"/404" };
-            const auto path = random() % 4;
-            const auto end = random() % 6;
-            CExchangeOwner owner(server.Port(), kPaths[path]);
-            CGet& exchange = owner.exchange;
-            EXPECT_EQ(owner.Init(GiveBasic), S_OK);
-            std::jthread other;
-            if (end == 0) // during the send
-                other = std::jthread([&] { EXPECT_EQ(exchange.Clear(), S_OK); });
-            const HRESULT sent = exchange.Send();
-            EXPECT_EQ(end == 1 ? exchange.Clear() : S_OK, S_OK);
-            if (end == 2)
-                other = std::jthread([&] { EXPECT_EQ(owner.request.Close(), S_OK); });
-            if (SUCCEEDED(sent) && end >= 2 && end < 5)
-            {
-                const HRESULT status = ResultOf([&] { exchange.GetStatusCode(); });
-                EXPECT_TRUE(status == S_OK || status == kCancelledByClose) << status;
-            }
-            // Under this load, Wine sometimes fails to read the body after the headers (12019, incorrect handle state; once in
-            // some thousand exchanges).
-            const bool reads = SUCCEEDED(sent) && end == 3 && path != 3;
-            const HRESULT data = reads ? ResultOf([&] { exchange.GetResponseData(); }) : S_OK;
-            EXPECT_TRUE(data == S_OK || data == HResultFromWin32(ERROR_WINHTTP_INCORRECT_HANDLE_STATE)) << data;
-        }
-    };
-    const auto runThreads = [&]
-    {
-        std::vector<std::jthread> threads;
-        for (unsigned seed = 1; seed <= kThreads; ++seed)
-            threads.emplace_back(run, seed);
-    };
-    runThreads(); // creates the platform's threads, connections and caches
-    const CAcquireBalance balance = WinHttpHandleBalance();
-    const DWORD osHandles = CountProcessHandles();
-    const CMemoryMeter meter;
-    runThreads();
-    EXPECT_EQ(balance.Open(), 0);
-    EXPECT_LT(meter.Blocks(), kRounds * kThreads / 10);
-    EXPECT_LE(CountProcessHandles(), osHandles + kRounds * kThreads / 10); // a pool may start a few more threads
-}
 } // namespace

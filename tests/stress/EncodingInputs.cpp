@@ -416,10 +416,12 @@ void Multipart(std::wstring_view input)
     const std::array<std::wstring, 3> texts = { std::wstring(input.substr(0, third)), std::wstring(input.substr(third, third)),
                                                 std::wstring(input.substr(2 * third)) };
     const bool hasFile = input.size() % 2 != 0 && !texts[0].empty();
+    const bool hasType = input.size() % 4 == 1;
     CVoBinaryDataParser parser;
     parser.SetPayload(Data(Bytes(input)));
     Require(SUCCEEDED(parser.AddParam(texts[0], Guarded(texts[1]))) && SUCCEEDED(parser.AddParam(L"b", Guarded(texts[2]))) &&
-                (!hasFile || SUCCEEDED(parser.AddParam(L"FileName", texts[0]))),
+                (!hasFile || (SUCCEEDED(parser.AddParam(L"FileName", texts[0])) &&
+                              (!hasType || SUCCEEDED(parser.AddParam(L"ContentType", texts[2]))))),
             "a parameter cannot be added");
     CVoByteBuffer built;
     std::wstring boundary;
@@ -433,13 +435,18 @@ void Multipart(std::wstring_view input)
     if (FAILED(hr) || isFileField(texts[0]))
         return;
     std::string name = *bytes[0];
+    std::string type = hasType ? *bytes[2] : "image/pjpeg";
     for (const auto& [from, to] : { std::pair("\r", "%0D"), std::pair("\n", "%0A"), std::pair("\"", "%22") })
+    {
         ReplaceAll(name, from, to);
+        if (*from != '"') // a parameter of a type may be quoted
+            ReplaceAll(type, from, to);
+    }
     const std::string mark = "--" + Bytes(boundary);
     const std::string field = mark + "\r\nContent-Disposition: form-data; name=\"";
     std::string expected = field + name + "\"\r\n\r\n" + *bytes[1] + "\r\n" + field + "b\"\r\n\r\n" + *bytes[2] + "\r\n";
     if (hasFile)
-        expected += field + "file\"; filename=\"" + name + "\"\r\nContent-Type: image/pjpeg\r\n\r\n" + Bytes(input) + "\r\n";
+        expected += field + "file\"; filename=\"" + name + "\"\r\nContent-Type: " + type + "\r\n\r\n" + Bytes(input) + "\r\n";
     Require(Text(built.Bytes()) == expected + mark + "--", "the body differs");
 }
 
@@ -479,10 +486,16 @@ void UrlCode(std::wstring_view input)
             decoded = std::nullopt;
     if (std::any_of(input.begin(), input.end(), [](wchar_t c) { return c >= 0x80 || c == 0; }))
         return; // no encoder gives such a text
-    std::wstring value(input);
-    const HRESULT hr = CVoDataParser::FromUTF8AndUrlEncode(false, value);
-    Require(SUCCEEDED(hr) == decoded.has_value() && value == (decoded ? Units(*decoded) : std::wstring(input)),
-            "the decoded text differs");
+    for (const bool utf8 : { false, true })
+    {
+        std::optional<std::wstring> expected;
+        if (decoded)
+            expected = utf8 ? ReferenceFromUtf8(*decoded) : Units(*decoded);
+        std::wstring value(input);
+        Require(SUCCEEDED(CVoDataParser::FromUTF8AndUrlEncode(utf8, value)) == expected.has_value() &&
+                    value == expected.value_or(std::wstring(input)),
+                "the decoded text differs");
+    }
 }
 
 // ---- numbers, dates, variants
