@@ -57,28 +57,39 @@ CExchangeReporter CExchange::Reporter(const wchar_t* function) const noexcept
 
 // ---- The state ----
 
-constinit thread_local const CExchange::CNotification* CExchange::CNotification::s_innermost = nullptr;
-
 CExchange::CNotification::CNotification(CExchange& exchange) noexcept
-    : m_exchange(exchange.weak_from_this().lock()), m_outer(s_innermost)
+    : m_exchange(exchange.weak_from_this().lock()), m_thread(::GetCurrentThreadId())
 {
-    s_innermost = this;
     const std::lock_guard lock(exchange.m_lock);
-    ++exchange.m_notifications;
+    m_next = std::exchange(exchange.m_notifications, this);
+    m_isAbandoned = exchange.m_abandoned;
+    if (m_isAbandoned)
+        return;
+    m_chain = exchange.m_chain;
+    m_handler = exchange.m_functions.notification;
 }
 
 CExchange::CNotification::~CNotification()
 {
-    s_innermost = m_outer;
-    const std::lock_guard lock(m_exchange->m_lock);
-    --m_exchange->m_notifications;
-    m_exchange->m_changed.NotifyAll();
+    m_handler.reset(); // it must not outlive Close
+    bool isAwaited = false;
+    {
+        const std::lock_guard lock(m_exchange->m_lock);
+        CNotification** link = &m_exchange->m_notifications;
+        while (*link != this)
+            link = &(*link)->m_next;
+        *link = m_next;
+        isAwaited = m_exchange->m_closers != 0;
+    }
+    if (isAwaited) // waking nobody costs as much as the rest
+        m_exchange->m_changed.NotifyAll();
 }
 
 bool CExchange::CNotification::IsInside(const CExchange& exchange) noexcept
 {
-    for (const CNotification* notification = s_innermost; notification; notification = notification->m_outer)
-        if (notification->m_exchange.get() == &exchange)
+    const std::lock_guard lock(exchange.m_lock);
+    for (const CNotification* notification = exchange.m_notifications; notification; notification = notification->m_next)
+        if (notification->m_thread == ::GetCurrentThreadId())
             return true;
     return false;
 }
@@ -98,12 +109,6 @@ void CExchange::CPromises::SetException(HRESULT hr) noexcept
 bool CExchange::IsRunning() const noexcept
 {
     return m_busy && (m_promises.status || (m_promises.data && m_statusCode < kFirstStatusWithoutBody));
-}
-
-bool CExchange::IsAbandoned() const noexcept
-{
-    const std::lock_guard lock(m_lock);
-    return m_abandoned;
 }
 
 HRESULT CExchange::Reason(HRESULT hr) const noexcept
@@ -321,7 +326,9 @@ HRESULT CExchange::Close() noexcept
         Abandon();
         lock.lock();
     }
-    m_changed.Wait(lock, [this] { return (!m_busy || m_abandoned) && m_notifications == 0; });
+    ++m_closers;
+    m_changed.Wait(lock, [this] { return (!m_busy || m_abandoned) && !m_notifications; });
+    --m_closers;
     // Destroy the functions now: the last notification may keep the state a moment longer.
     const CFunctions functions = std::exchange(m_functions, {});
     lock.unlock();
@@ -334,20 +341,13 @@ void CExchange::Notify(DWORD status, const void* information, DWORD length) noex
 {
     const CExchangeReporter report = Reporter(L"Callback");
     const CNotification notification(*this);
-    CVoReportChain* chain = nullptr;
-    std::shared_ptr<const NotificationHandler> handler;
-    {
-        const std::lock_guard lock(m_lock);
-        if (m_abandoned && status != WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING)
-            return;
-        chain = m_abandoned ? nullptr : m_chain;
-        handler = m_functions.notification;
-    }
-    const CVoReportScope scope(chain);
+    if (notification.IsAbandoned() && status != WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING)
+        return;
+    const CVoReportScope scope(notification.Chain());
     HRESULT hr = S_OK;
     try
     {
-        if (handler && *handler)
+        if (const NotificationHandler* const handler = notification.Handler(); handler && *handler)
             (*handler)(status, information, length);
         hr = OnCallback(status, information, length);
         if (FAILED(hr))

@@ -12,6 +12,7 @@
 #include <base/VoPlatform.h>
 #include <base/VoPromise.h>
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <mutex>
@@ -125,14 +126,21 @@ private:
         CNotification(const CNotification&) = delete;
         CNotification& operator=(const CNotification&) = delete;
 
+        // What the owner had set when the notification came.
+        [[nodiscard]] bool IsAbandoned() const noexcept { return m_isAbandoned; }
+        [[nodiscard]] CVoReportChain* Chain() const noexcept { return m_chain; }
+        [[nodiscard]] const NotificationHandler* Handler() const noexcept { return m_handler.get(); }
+
         // Whether this thread is serving a notification of the exchange.
         [[nodiscard]] static bool IsInside(const CExchange& exchange) noexcept;
 
     private:
-        static constinit thread_local const CNotification* s_innermost; // that this thread is serving
-
         const std::shared_ptr<CExchange> m_exchange; // keeps the lock until it has been released
-        const CNotification* const m_outer;
+        const DWORD m_thread;
+        CNotification* m_next = nullptr; // of the exchange's notifications
+        bool m_isAbandoned = false;
+        CVoReportChain* m_chain = nullptr;
+        std::shared_ptr<const NotificationHandler> m_handler;
     };
 
     struct CChunk
@@ -154,7 +162,7 @@ private:
 
     // Whether WinHTTP still works on the response. Call it with the lock held.
     [[nodiscard]] bool IsRunning() const noexcept;
-    [[nodiscard]] bool IsAbandoned() const noexcept;
+    [[nodiscard]] bool IsAbandoned() const noexcept { return m_abandoned.load(std::memory_order_acquire); }
     // Maps the result of a call of WinHTTP: a failed call on a handle that was closed meanwhile was cancelled.
     [[nodiscard]] HRESULT Reason(HRESULT hr) const noexcept;
 
@@ -223,8 +231,9 @@ private:
     HINTERNET m_handle = nullptr;      // the value at Send, for comparison only
     std::shared_ptr<CExchange> m_self; // set while WinHTTP has the context value
     bool m_busy = false;               // from Send until WinHTTP has reported the end of the handle
-    bool m_abandoned = false;
-    size_t m_notifications = 0; // that are being served
+    std::atomic<bool> m_abandoned{ false };   // written under the lock
+    CNotification* m_notifications = nullptr; // that are being served, the newest first
+    size_t m_closers = 0;                     // threads that wait in Close
     DWORD m_statusCode = 0;     // of the response; 0 until it is known
     CPromises m_promises;
 };

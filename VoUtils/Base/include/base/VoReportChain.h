@@ -65,5 +65,6 @@ private:
     static inline constinit std::atomic<int> s_count{ 0 };
 
     CVoReportChain* const m_chain;
+    const CVoReportScope** m_innermost = nullptr; // of the thread
     const CVoReportScope* m_outer = nullptr;
 };

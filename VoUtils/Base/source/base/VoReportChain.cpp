@@ -2,6 +2,7 @@
 #include <base/VoReportChain.h>
 
 #include <mutex>
+#include <utility>
 
 namespace
 {
@@ -36,8 +37,8 @@ CVoReportScope::CVoReportScope(CVoReportChain* chain) noexcept : m_chain(chain)
 {
     if (!m_chain)
         return;
-    m_outer = t_innermost;
-    t_innermost = this;
+    m_innermost = &t_innermost; // found once: some compilers look a thread's variable up with calls of the system
+    m_outer = std::exchange(*m_innermost, this);
     s_count.fetch_add(1, std::memory_order_relaxed);
 }
 
@@ -46,7 +47,7 @@ CVoReportScope::~CVoReportScope()
     if (!m_chain)
         return;
     s_count.fetch_sub(1, std::memory_order_relaxed);
-    t_innermost = m_outer;
+    *m_innermost = m_outer;
 }
 
 void CVoReportScope::Add(const wchar_t* source, int line, const wchar_t* function, HRESULT code) noexcept
