@@ -106,6 +106,7 @@ private:
     [[nodiscard]] HRESULT MakeExchange(CHTTPRequestDataWinHTTP& request, std::span<const BYTE> body,
                                        const std::wstring& contentType);
 
+    static void OnNotification(CHTTPRequestDataWinHTTP& request, DWORD status, const void* information, DWORD length) noexcept;
     // The function given to each exchange; `context` is the request.
     static HRESULT AuthenticationCallback(DWORD target, DWORD supportedSchemes, DWORD firstScheme, const std::wstring& url,
                                           DWORD& chosenScheme, std::wstring& user, std::wstring& password,
@@ -352,9 +353,9 @@ HRESULT CVoHTTPMessageWinHTTP::MakeExchange(CHTTPRequestDataWinHTTP& request, st
     });
         FAILED(hr))
         return report(458, hr);
-    if (const HRESULT hr = exchange->SetNotificationHandler([&trace = request.m_trace, isSecure = request.m_target.IsSecure()](
-                                                                DWORD status, const void* information, DWORD length)
-    { VoNoteNotification(trace, isSecure, status, information, length); });
+    if (const HRESULT hr = exchange->SetNotificationHandler(
+            [&request](DWORD status, const void* information, DWORD length)
+    { OnNotification(request, status, information, length); });
         FAILED(hr))
         return report(459, hr);
     if (const HRESULT hr = exchange->SetReportChain(&request.m_chain); FAILED(hr))
@@ -410,9 +411,19 @@ HRESULT CVoHTTPMessageWinHTTP::SendOnce(CRequest& sent, const CVoBodyPieces& bod
         report.Message(495, L"Exception thrown: %hs", failure.what());
         return report(496, E_FAIL);
     }
-    if (request.m_statusCode != 0) // for the caller's information; the response stands without it
-        (void)VoReadLocalAddress(request.m_handle, request.m_localAddress);
     return result;
+}
+
+// Runs while the caller's thread waits for the status.
+void CVoHTTPMessageWinHTTP::OnNotification(CHTTPRequestDataWinHTTP& request, DWORD status, const void* information,
+                                           DWORD length) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinHTTP::OnNotification" };
+    VoNoteNotification(request.m_trace, request.m_target.IsSecure(), status, information, length);
+    // Before that thread goes on: while it asked, the next piece of the body would wait for the same service of the system.
+    if (status == WINHTTP_CALLBACK_STATUS_HEADERS_AVAILABLE)
+        (void)report.Guard(470, [&]
+        { return VoReadLocalAddress(request.m_handle, request.m_localAddress); }); // the response stands without it
 }
 
 HRESULT CVoHTTPMessageWinHTTP::AuthenticationCallback(DWORD target, DWORD supportedSchemes, DWORD /*firstScheme*/,
