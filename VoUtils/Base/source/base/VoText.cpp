@@ -71,8 +71,19 @@ bool VoEqualsNoCase(CVoTextView a, CVoTextView b) noexcept
     // The comparison folds each UTF-16 unit to one unit, so equal texts have equal lengths.
     if (a.size() != b.size() || a.size() > INT_MAX)
         return false;
-    const auto length = static_cast<int>(a.size());
-    return length == 0 || ::CompareStringOrdinal(a.data(), length, b.data(), length, TRUE) == CSTR_EQUAL;
+    // Most texts are ASCII and need no call of the platform.
+    const auto upper = [](wchar_t c) { return c >= L'a' && c <= L'z' ? static_cast<wchar_t>(c - (L'a' - L'A')) : c; };
+    for (size_t i = 0; i < a.size(); ++i)
+    {
+        if ((a[i] | b[i]) >= 0x80)
+        {
+            const auto length = static_cast<int>(a.size());
+            return ::CompareStringOrdinal(a.data(), length, b.data(), length, TRUE) == CSTR_EQUAL;
+        }
+        if (upper(a[i]) != upper(b[i]))
+            return false;
+    }
+    return true;
 }
 
 bool VoStartsWithNoCase(CVoTextView text, CVoTextView prefix) noexcept
