@@ -353,8 +353,7 @@ HRESULT CVoHTTPMessageWinHTTP::MakeExchange(CHTTPRequestDataWinHTTP& request, st
     });
         FAILED(hr))
         return report(458, hr);
-    if (const HRESULT hr = exchange->SetNotificationHandler(
-            [&request](DWORD status, const void* information, DWORD length)
+    if (const HRESULT hr = exchange->SetNotificationHandler([&request](DWORD status, const void* information, DWORD length)
     { OnNotification(request, status, information, length); });
         FAILED(hr))
         return report(459, hr);

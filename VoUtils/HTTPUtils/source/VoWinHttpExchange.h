@@ -228,13 +228,13 @@ private:
     CVoCondition m_changed;
     CFunctions m_functions;
     void* m_context;
-    HINTERNET m_handle = nullptr;      // the value at Send, for comparison only
-    std::shared_ptr<CExchange> m_self; // set while WinHTTP has the context value
-    bool m_busy = false;               // from Send until WinHTTP has reported the end of the handle
+    HINTERNET m_handle = nullptr;             // the value at Send, for comparison only
+    std::shared_ptr<CExchange> m_self;        // set while WinHTTP has the context value
+    bool m_busy = false;                      // from Send until WinHTTP has reported the end of the handle
     std::atomic<bool> m_abandoned{ false };   // written under the lock
     CNotification* m_notifications = nullptr; // that are being served, the newest first
     size_t m_closers = 0;                     // threads that wait in Close
-    DWORD m_statusCode = 0;     // of the response; 0 until it is known
+    DWORD m_statusCode = 0;                   // of the response; 0 until it is known
     CPromises m_promises;
 };
 } // namespace VoWinHttpRequest
