@@ -633,11 +633,11 @@ void WmiDates(std::wstring_view input)
 // A text that becomes a value has a written form that becomes the same value.
 void Variants(std::wstring_view input)
 {
-    // Wine's conversion reads outside of its buffer for an exponent of many digits.
+    // Wine's conversion reads outside of its buffer for a large exponent.
     const size_t exponent = std::min(input.find_first_of(L"eE"), input.size());
     const auto isDigit = [](wchar_t c) { return c >= L'0' && c <= L'9'; };
     const auto exponentDigits = std::count_if(input.begin() + static_cast<std::ptrdiff_t>(exponent), input.end(), isDigit);
-    if (exponentDigits > 4)
+    if (exponentDigits > 2)
         return;
     CVoVariant text;
     Require(SUCCEEDED(VoTypeToVariant(Guarded(input), text.Get())), "a text makes no variant");

@@ -172,7 +172,8 @@ void HiddenUrls(std::wstring_view input)
                 ++found;
             return found;
         };
-        Require(credentials == "@" || count(text) == 0 || count(Bytes(shown)) < count(text), "credentials are shown");
+        const bool isNothing = user.empty() && password.empty();
+        Require(isNothing || count(text) == 0 || count(Bytes(shown)) < count(text), "credentials are shown");
     }
     const size_t query = shown.find(L'?');
     Require(query == std::wstring::npos || (shown[query + 1] == L'<' && shown.ends_with(L" characters>")),
