@@ -154,19 +154,26 @@ void Print(const CResult& result)
     std::fflush(stdout);
 }
 
-// Prints and keeps the samples of the contenders. Returns their medians.
-std::vector<double> Publish(CResult result, const std::vector<CContender>& contenders,
-                            const std::vector<std::vector<double>>& samples)
+// Prints and keeps the samples. Returns their medians.
+std::vector<double> Add(CResult result, const std::vector<CSpan>& spans)
 {
     std::vector<double> medians;
-    for (size_t i = 0; i < contenders.size(); ++i)
+    for (const CSpan& span : spans)
     {
-        result.figures.push_back(FiguresOf(contenders[i].name, samples[i], samples[0]));
+        result.figures.push_back(FiguresOf(span.name, span.samples, spans.front().samples));
         medians.push_back(result.figures.back().median);
     }
     Print(result);
     Results().push_back(std::move(result));
     return medians;
+}
+
+std::vector<CSpan> SpansOf(const std::vector<CContender>& contenders)
+{
+    std::vector<CSpan> spans;
+    for (const CContender& contender : contenders)
+        spans.push_back({ .name = contender.name });
+    return spans;
 }
 
 // Titles and names are ASCII text of this program.
@@ -263,7 +270,7 @@ std::vector<double> Compare(const std::string& title, const std::vector<CContend
                                          : std::max<size_t>(1, static_cast<size_t>(options.minimumSeconds / once)));
     }
 
-    std::vector<std::vector<double>> samples(contenders.size());
+    std::vector<CSpan> spans = SpansOf(contenders);
     constexpr int kMinimumSamples = 5;
     const auto start = Clock::now();
     const auto isOver = [&](int taken)
@@ -274,22 +281,27 @@ std::vector<double> Compare(const std::string& title, const std::vector<CContend
     };
     for (int taken = 0; !isOver(taken); ++taken)
         for (size_t i = 0; i < contenders.size(); ++i)
-            samples[i].push_back(Seconds(contenders[i].run, times[i]));
+            spans[i].samples.push_back(Seconds(contenders[i].run, times[i]));
 
-    return Publish({ .group = g_group, .title = title, .bytes = options.bytes }, contenders, samples);
+    return Add({ .group = g_group, .title = title, .bytes = options.bytes }, spans);
 }
 
 void CompareMemory(const std::string& title, const std::vector<CContender>& contenders)
 {
     constexpr int kRuns = 3;
-    std::vector<std::vector<double>> samples(contenders.size());
+    std::vector<CSpan> spans = SpansOf(contenders);
     for (size_t i = 0; i < contenders.size(); ++i)
     {
         contenders[i].run(); // warm-up: what the process keeps
         for (int run = 0; run < kRuns; ++run)
-            samples[i].push_back(PeakBytes(contenders[i].run));
+            spans[i].samples.push_back(PeakBytes(contenders[i].run));
     }
-    (void)Publish({ .group = g_group, .title = title, .isMemory = true }, contenders, samples);
+    (void)Add({ .group = g_group, .title = title, .isMemory = true }, spans);
+}
+
+void Publish(const std::string& title, const std::vector<CSpan>& spans)
+{
+    (void)Add({ .group = g_group, .title = title }, spans);
 }
 } // namespace Benchmark
 

@@ -45,6 +45,16 @@ std::vector<double> Compare(const std::string& title, const std::vector<CContend
 // of the run, where Compare prints times, and its ratio to the first contender.
 void CompareMemory(const std::string& title, const std::vector<CContender>& contenders);
 
+// One of several spans of time that were measured together.
+struct CSpan
+{
+    std::string name;
+    std::vector<double> samples = {}; // in seconds, the same number for each span
+};
+
+// Prints and keeps the spans.
+void Publish(const std::string& title, const std::vector<CSpan>& spans);
+
 // A group of comparisons, registered by each benchmark file and run by main when its name matches the command line.
 struct CGroup
 {
