@@ -156,26 +156,19 @@ void Redirects(std::wstring_view input)
 
 void HiddenUrls(std::wstring_view input)
 {
-    const std::string text = Bytes(input);
     const std::wstring shown = VoHideQuery(Guarded(input));
-    CCurlUrl url;
-    if (std::all_of(input.begin(), input.end(), [](wchar_t c) { return c > 0x20 && c < 0x7F; }) && url.Set(text))
-    {
-        const std::string password = url.Get(CURLUPART_PASSWORD);
-        const std::string user = url.Get(CURLUPART_USER);
-        const bool hasColon = !password.empty() || text.find(user + ":@") != std::string::npos;
-        const std::string credentials = user + (hasColon ? ':' + password : "") + '@';
-        const auto count = [&](const std::string& where)
-        {
-            size_t found = 0;
-            for (size_t at = where.find(credentials); at != std::string::npos; at = where.find(credentials, at + 1))
-                ++found;
-            return found;
-        };
-        const bool isNothing = user.empty() && password.empty();
-        Require(isNothing || count(text) == 0 || count(Bytes(shown)) < count(text), "credentials are shown");
-    }
     const size_t query = shown.find(L'?');
+    CCurlUrl url;
+    if (std::all_of(input.begin(), input.end(), [](wchar_t c) { return c > 0x20 && c < 0x7F; }) && url.Set(Bytes(input)))
+    {
+        // What stays of "http:/\\u@h" is no URL: libcurl takes the backslash for a part of the user information.
+        CCurlUrl again;
+        if (again.Set(Bytes(shown.substr(0, query))))
+        {
+            Require(again.Get(CURLUPART_USER).empty() && again.Get(CURLUPART_PASSWORD).empty(), "credentials are shown");
+            Require(again.Get(CURLUPART_HOST) == url.Get(CURLUPART_HOST), "another host");
+        }
+    }
     Require(query == std::wstring::npos || (shown[query + 1] == L'<' && shown.ends_with(L" characters>")),
             "the query is shown");
     const std::wstring proxy = VoHideProxyUser(Guarded(input));
