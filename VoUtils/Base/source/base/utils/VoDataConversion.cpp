@@ -339,31 +339,41 @@ std::wstring Without(CVoTextView text, CVoTextView part)
     }
 }
 
-// The characters that are encoded at a time: they fit the processor's first cache.
-constexpr size_t kBlockCharacters = 2048;
+// Gives the text `size` characters, which `fill` writes. What the text held before is gone. With C++23 the characters are
+// not filled with zeros first, which a text of megabytes is too large to do for free.
+template <class TFill>
+void WriteText(std::wstring& text, size_t size, TFill fill)
+{
+    if (text.capacity() < size)
+    {
+        // Keep the old text until the new room is allocated; do not reuse its larger capacity.
+        std::wstring room;
+        room.reserve(size);
+        text.swap(room);
+    }
+#ifdef __cpp_lib_string_resize_and_overwrite
+    text.resize_and_overwrite(size, [&fill, size](wchar_t* to, size_t) noexcept
+    {
+        fill(to);
+        return size;
+    });
+#else
+    text.resize(size);
+    fill(text.data());
+#endif
+}
 
-// Collects the text of an encoder, with a line break behind every `line` characters (0 for none), so that a break may end the
-// text. Room for the whole text is made once. What the text held before is written over; it grows a block at a time, because
-// growing fills it with zeros, which costs least when the digits are written before the zeros leave the cache.
+constexpr std::wstring_view kLineBreak = L"\r\n";
+
+// Writes characters with a line break behind every `line` of them, so that a break may end the text.
 class CLineWriter
 {
 public:
-    CLineWriter(std::wstring& text, size_t characters, size_t line) : m_text(text), m_line(line), m_left(line)
-    {
-        const size_t size = characters + (line > 0 ? characters / line * kLineBreak.size() : 0);
-        if (m_text.capacity() < size)
-        {
-            // Keep the old text until the new room is allocated; do not reuse its larger capacity.
-            std::wstring room;
-            room.reserve(size);
-            m_text.swap(room);
-        }
-    }
+    CLineWriter(wchar_t* to, size_t line) noexcept : m_to(to), m_line(line), m_left(line) {}
 
-    // Adds up to kBlockCharacters, with the breaks of lines.
-    void Write(std::wstring_view characters)
+    void Write(std::wstring_view characters) noexcept
     {
-        while (m_line > 0 && characters.size() >= m_left)
+        while (characters.size() >= m_left)
         {
             Put(characters.substr(0, m_left));
             Put(kLineBreak);
@@ -373,38 +383,13 @@ public:
         Put(characters);
         m_left -= characters.size();
     }
-    // Adds up to kBlockCharacters that hold whole lines and their breaks already, or belong to a text without lines: `fill`
-    // writes them. Only at the begin of a line.
-    template <class TFill>
-    void WriteWhole(size_t size, TFill fill)
-    {
-        if (m_text.size() < m_at + size)
-            m_text.resize(m_at + size);
-        fill(m_text.data() + m_at);
-        m_at += size;
-    }
-    // To be called once, at the end.
-    void Finish() { m_text.resize(m_at); }
-
-    static constexpr std::wstring_view kLineBreak = L"\r\n";
 
 private:
-    void Put(std::wstring_view characters)
-    {
-        if (m_at + characters.size() <= m_text.size())
-            std::copy(characters.begin(), characters.end(), m_text.data() + m_at);
-        else
-        {
-            m_text.resize(m_at);
-            m_text.append(characters);
-        }
-        m_at += characters.size();
-    }
+    void Put(std::wstring_view characters) noexcept { m_to = std::copy(characters.begin(), characters.end(), m_to); }
 
-    std::wstring& m_text;
-    size_t m_at = 0; // characters written
+    wchar_t* m_to;
     size_t m_line;
-    size_t m_left; // characters until the next break; without meaning when there are no lines
+    size_t m_left; // characters until the next break
 };
 
 // Encodes bytes. A last group that is not whole is filled up with zeros; of its characters the first `tailDigits` count, and
@@ -413,49 +398,47 @@ template <class TCodec, class TEncodeGroups>
 void Encode(std::span<const BYTE> bytes, std::wstring& text, size_t line, size_t tailDigits, size_t tailCharacters,
             TEncodeGroups encodeGroups)
 {
-    constexpr size_t kBlockGroups = kBlockCharacters / TCodec::kCharacters;
     const size_t tailBytes = bytes.size() % TCodec::kBytes;
     const size_t size = bytes.size() / TCodec::kBytes * TCodec::kCharacters + tailCharacters;
-    if (size < line)
-        line = 0; // no line will be full
-    CLineWriter writer(text, size, line);
-    // Lines of whole groups, several at a time.
-    const size_t lineGroups = line / TCodec::kCharacters;
-    const size_t lineSize = line + CLineWriter::kLineBreak.size();
-    if (lineGroups > 0 && line % TCodec::kCharacters == 0 && lineSize <= kBlockCharacters)
-        while (const size_t lines = std::min(bytes.size() / (lineGroups * TCodec::kBytes), kBlockCharacters / lineSize))
-            writer.WriteWhole(lines * lineSize, [&](wchar_t* to) noexcept
-            {
-                for (size_t i = 0; i < lines; ++i)
-                {
-                    encodeGroups(bytes.data(), lineGroups, to);
-                    std::copy(CLineWriter::kLineBreak.begin(), CLineWriter::kLineBreak.end(), to + line);
-                    to += lineSize;
-                    bytes = bytes.subspan(lineGroups * TCodec::kBytes);
-                }
-            });
-    std::array<wchar_t, kBlockCharacters> block;
-    while (const size_t groups = std::min(bytes.size() / TCodec::kBytes, kBlockGroups))
+    const bool hasLines = line > 0 && size >= line;
+    if (!hasLines)
+        line = size + 1; // no line will be full
+    WriteText(text, size + size / line * kLineBreak.size(), [&](wchar_t* to) noexcept
     {
-        const size_t characters = groups * TCodec::kCharacters;
-        if (line == 0)
-            writer.WriteWhole(characters, [&](wchar_t* to) noexcept { encodeGroups(bytes.data(), groups, to); });
-        else
+        const auto encode = [&](size_t groups)
+        {
+            encodeGroups(bytes.data(), groups, to);
+            bytes = bytes.subspan(groups * TCodec::kBytes);
+            to += groups * TCodec::kCharacters;
+        };
+        if (!hasLines)
+            encode(bytes.size() / TCodec::kBytes);
+        else if (line % TCodec::kCharacters == 0)
+            while (bytes.size() / TCodec::kBytes >= line / TCodec::kCharacters)
+            {
+                encode(line / TCodec::kCharacters);
+                to = std::copy(kLineBreak.begin(), kLineBreak.end(), to);
+            }
+
+        // What is left has lines that end within a group, or is less than a line.
+        CLineWriter writer(to, line);
+        constexpr size_t kBlockGroups = 512;
+        std::array<wchar_t, kBlockGroups * TCodec::kCharacters> block;
+        while (const size_t groups = std::min(bytes.size() / TCodec::kBytes, kBlockGroups))
         {
             encodeGroups(bytes.data(), groups, block.data());
-            writer.Write({ block.data(), characters });
+            writer.Write({ block.data(), groups * TCodec::kCharacters });
+            bytes = bytes.subspan(groups * TCodec::kBytes);
         }
-        bytes = bytes.subspan(groups * TCodec::kBytes);
-    }
-    if (tailBytes > 0)
-    {
-        std::array<BYTE, TCodec::kBytes> tail{};
-        std::copy(bytes.begin(), bytes.end(), tail.begin());
-        encodeGroups(tail.data(), 1, block.data());
-        std::fill(block.data() + tailDigits, block.data() + TCodec::kCharacters, L'=');
-        writer.Write({ block.data(), tailCharacters });
-    }
-    writer.Finish();
+        if (tailBytes > 0)
+        {
+            std::array<BYTE, TCodec::kBytes> tail{};
+            std::copy(bytes.begin(), bytes.end(), tail.begin());
+            encodeGroups(tail.data(), 1, block.data());
+            std::fill(block.data() + tailDigits, block.data() + TCodec::kCharacters, L'=');
+            writer.Write({ block.data(), tailCharacters });
+        }
+    });
 }
 
 std::span<const BYTE> BytesOf(const BYTE* bytes, INT32 count) noexcept
