@@ -155,12 +155,12 @@ void Print(const CResult& result)
 }
 
 // Prints and keeps the samples. Returns their medians.
-std::vector<double> Add(CResult result, const std::vector<CSpan>& spans)
+std::vector<double> Add(CResult result, const std::vector<CSeries>& series)
 {
     std::vector<double> medians;
-    for (const CSpan& span : spans)
+    for (const CSeries& one : series)
     {
-        result.figures.push_back(FiguresOf(span.name, span.samples, spans.front().samples));
+        result.figures.push_back(FiguresOf(one.name, one.samples, series.front().samples));
         medians.push_back(result.figures.back().median);
     }
     Print(result);
@@ -168,12 +168,12 @@ std::vector<double> Add(CResult result, const std::vector<CSpan>& spans)
     return medians;
 }
 
-std::vector<CSpan> SpansOf(const std::vector<CContender>& contenders)
+std::vector<CSeries> SeriesOf(const std::vector<CContender>& contenders)
 {
-    std::vector<CSpan> spans;
+    std::vector<CSeries> series;
     for (const CContender& contender : contenders)
-        spans.push_back({ .name = contender.name });
-    return spans;
+        series.push_back({ .name = contender.name });
+    return series;
 }
 
 // Titles and names are ASCII text of this program.
@@ -270,7 +270,7 @@ std::vector<double> Compare(const std::string& title, const std::vector<CContend
                                          : std::max<size_t>(1, static_cast<size_t>(options.minimumSeconds / once)));
     }
 
-    std::vector<CSpan> spans = SpansOf(contenders);
+    std::vector<CSeries> series = SeriesOf(contenders);
     constexpr int kMinimumSamples = 5;
     const auto start = Clock::now();
     const auto isOver = [&](int taken)
@@ -281,27 +281,47 @@ std::vector<double> Compare(const std::string& title, const std::vector<CContend
     };
     for (int taken = 0; !isOver(taken); ++taken)
         for (size_t i = 0; i < contenders.size(); ++i)
-            spans[i].samples.push_back(Seconds(contenders[i].run, times[i]));
+            series[i].samples.push_back(Seconds(contenders[i].run, times[i]));
 
-    return Add({ .group = g_group, .title = title, .bytes = options.bytes }, spans);
+    return Add({ .group = g_group, .title = title, .bytes = options.bytes }, series);
 }
 
 void CompareMemory(const std::string& title, const std::vector<CContender>& contenders)
 {
     constexpr int kRuns = 3;
-    std::vector<CSpan> spans = SpansOf(contenders);
+    std::vector<CSeries> series = SeriesOf(contenders);
     for (size_t i = 0; i < contenders.size(); ++i)
     {
         contenders[i].run(); // warm-up: what the process keeps
         for (int run = 0; run < kRuns; ++run)
-            spans[i].samples.push_back(PeakBytes(contenders[i].run));
+            series[i].samples.push_back(PeakBytes(contenders[i].run));
     }
-    (void)Add({ .group = g_group, .title = title, .isMemory = true }, spans);
+    (void)Add({ .group = g_group, .title = title, .isMemory = true }, series);
 }
 
-void Publish(const std::string& title, const std::vector<CSpan>& spans)
+void Publish(const std::string& title, const std::vector<CSeries>& series, bool isMemory)
 {
-    (void)Add({ .group = g_group, .title = title }, spans);
+    (void)Add({ .group = g_group, .title = title, .isMemory = isMemory }, series);
+}
+
+CHeapUse HeapUse()
+{
+    std::vector<HANDLE> heaps(::GetProcessHeaps(0, nullptr) + 16);
+    heaps.resize(::GetProcessHeaps(static_cast<DWORD>(heaps.size()), heaps.data()));
+    CHeapUse use;
+    for (HANDLE heap : heaps)
+    {
+        ::HeapLock(heap);
+        for (PROCESS_HEAP_ENTRY entry{}; ::HeapWalk(heap, &entry);)
+        {
+            if ((entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) == 0)
+                continue;
+            ++use.blocks;
+            use.bytes += entry.cbData + entry.cbOverhead;
+        }
+        ::HeapUnlock(heap);
+    }
+    return use;
 }
 } // namespace Benchmark
 

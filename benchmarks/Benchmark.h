@@ -45,15 +45,23 @@ std::vector<double> Compare(const std::string& title, const std::vector<CContend
 // of the run, where Compare prints times, and its ratio to the first contender.
 void CompareMemory(const std::string& title, const std::vector<CContender>& contenders);
 
-// One of several spans of time that were measured together.
-struct CSpan
+// The samples of one figure, in seconds or bytes.
+struct CSeries
 {
     std::string name;
-    std::vector<double> samples = {}; // in seconds, the same number for each span
+    std::vector<double> samples = {};
 };
 
-// Prints and keeps the spans.
-void Publish(const std::string& title, const std::vector<CSpan>& spans);
+// Prints and keeps figures that were measured elsewhere. All have the same number of samples.
+void Publish(const std::string& title, const std::vector<CSeries>& series, bool isMemory = false);
+
+// What is allocated on all heaps of the process.
+struct CHeapUse
+{
+    size_t blocks = 0;
+    size_t bytes = 0; // with what the heaps add to each block
+};
+CHeapUse HeapUse();
 
 // A group of comparisons, registered by each benchmark file and run by main when its name matches the command line.
 struct CGroup

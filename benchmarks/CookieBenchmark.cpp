@@ -174,10 +174,36 @@ void CompareManyCookies()
                          { "add two cookies, one expires", addAndExpire } });
 }
 
+// The heap that a full store takes, beside the characters of its cookies.
+void MeasureMemory(size_t valueLength)
+{
+    const size_t domains = kVoMaximumCookies / kCookiesPerDomain;
+    const auto store = VoMakeComObject<CVoGlobalHTTPCookieStoreImpl>([] { return 40'000.0; });
+    const size_t before = Benchmark::HeapUse().bytes;
+    size_t characters = 0;
+    for (size_t i = 0; i < domains * kCookiesPerDomain; ++i)
+    {
+        const std::wstring name = L"name" + std::to_wstring(i);
+        const std::wstring host = HostOf(i / kCookiesPerDomain);
+        const std::wstring value(valueLength, L'v');
+        characters += name.size() + value.size() + host.size() + 1;
+        if (FAILED(store->AddCookieFromString(CVoBstr(name + L"=" + value + L"; Path=/; Max-Age=3600").Get(),
+                                              CVoBstr(L"https://" + host + L"/").Get())))
+            std::abort();
+    }
+    const size_t bytes = Benchmark::HeapUse().bytes - before;
+    Benchmark::Publish("Memory of a full store, values of " + std::to_string(valueLength) + " characters",
+                       { { "the texts", { static_cast<double>(characters * sizeof(wchar_t)) } },
+                         { "the store", { static_cast<double>(bytes) } } },
+                       true);
+}
+
 const Benchmark::CGroup kCookies("cookies", []
 {
     for (const size_t count : { size_t{ 10 }, size_t{ 300 }, size_t{ 3000 } })
         CompareHeaders(count);
     CompareManyCookies();
+    for (const size_t valueLength : { size_t{ 10 }, size_t{ 100 } })
+        MeasureMemory(valueLength);
 });
 } // namespace

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 
 namespace
@@ -61,10 +62,11 @@ public:
         INT64 last = 0;
         for (size_t i = 0; i < ends.size(); ++i)
         {
-            if (!ends.at(i))
-                continue;
-            Sample(i, static_cast<double>(*ends.at(i) - last) * 1e-6);
-            last = *ends.at(i);
+            if (const std::optional<INT64> end = ends.at(i))
+            {
+                Sample(i, static_cast<double>(*end - last) * 1e-6);
+                last = *end;
+            }
         }
         Sample(ends.size(), SecondsBetween(sent, read));
         Sample(ends.size() + 1, SecondsBetween(start, sent) - static_cast<double>(last) * 1e-6);
@@ -73,8 +75,8 @@ public:
     // The spans that each request had.
     void Publish(const std::string& title) const
     {
-        std::vector<Benchmark::CSpan> spans(m_spans.begin(), m_spans.end());
-        std::erase_if(spans, [requests = m_spans.back().samples.size()](const Benchmark::CSpan& span)
+        std::vector<Benchmark::CSeries> spans(m_spans.begin(), m_spans.end());
+        std::erase_if(spans, [requests = m_spans.back().samples.size()](const Benchmark::CSeries& span)
         { return span.samples.size() != requests; });
         Benchmark::Publish(title, spans);
     }
@@ -83,14 +85,14 @@ private:
     // The record counts whole microseconds.
     void Sample(size_t span, double seconds) { m_spans.at(span).samples.push_back(std::max(seconds, 1e-6)); }
 
-    std::array<Benchmark::CSpan, 8> m_spans{ { { "name", {} },
-                                               { "connect", {} },
-                                               { "TLS handshake", {} },
-                                               { "send", {} },
-                                               { "wait", {} },
-                                               { "receive", {} },
-                                               { "read the body", {} },
-                                               { "library", {} } } };
+    std::array<Benchmark::CSeries, 8> m_spans{ { { "name", {} },
+                                                 { "connect", {} },
+                                                 { "TLS handshake", {} },
+                                                 { "send", {} },
+                                                 { "wait", {} },
+                                                 { "receive", {} },
+                                                 { "read the body", {} },
+                                                 { "library", {} } } };
 };
 
 const Benchmark::CGroup kPhases("http-phases", []

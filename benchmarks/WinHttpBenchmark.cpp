@@ -39,22 +39,6 @@ private:
     WinHttpConnectionHandle m_connection;
 };
 
-// The number of allocated blocks on all heaps of the process.
-size_t CountHeapBlocks()
-{
-    std::vector<HANDLE> heaps(::GetProcessHeaps(0, nullptr) + 16);
-    heaps.resize(::GetProcessHeaps(static_cast<DWORD>(heaps.size()), heaps.data()));
-    size_t blocks = 0;
-    for (HANDLE heap : heaps)
-    {
-        ::HeapLock(heap);
-        for (PROCESS_HEAP_ENTRY entry{}; ::HeapWalk(heap, &entry);)
-            blocks += (entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) != 0;
-        ::HeapUnlock(heap);
-    }
-    return blocks;
-}
-
 void RunWinHttp()
 {
     constexpr size_t kLarge = 10 << 20;
@@ -89,11 +73,11 @@ void RunWinHttp()
     run(500);
     DWORD handlesBefore = 0;
     DWORD handlesAfter = 0;
-    const size_t blocksBefore = CountHeapBlocks();
+    const size_t blocksBefore = Benchmark::HeapUse().blocks;
     ::GetProcessHandleCount(::GetCurrentProcess(), &handlesBefore);
     run(kRow);
     ::GetProcessHandleCount(::GetCurrentProcess(), &handlesAfter);
-    const size_t blocksAfter = CountHeapBlocks();
+    const size_t blocksAfter = Benchmark::HeapUse().blocks;
     std::printf("WinHTTP, %d exchanges in a row: %+lld heap blocks", kRow,
                 static_cast<long long>(blocksAfter) - static_cast<long long>(blocksBefore));
     if (handlesBefore != 0) // 0 when the platform does not count them
