@@ -185,10 +185,10 @@ void MeasureMemory(size_t valueLength)
     {
         const std::wstring name = L"name" + std::to_wstring(i);
         const std::wstring host = HostOf(i / kCookiesPerDomain);
-        const std::wstring value(valueLength, L'v');
-        characters += name.size() + value.size() + host.size() + 1;
-        if (FAILED(store->AddCookieFromString(CVoBstr(name + L"=" + value + L"; Path=/; Max-Age=3600").Get(),
-                                              CVoBstr(L"https://" + host + L"/").Get())))
+        characters += name.size() + valueLength + host.size() + 1;
+        std::wstring cookie = name + L"=";
+        cookie.append(valueLength, L'v').append(L"; Path=/; Max-Age=3600");
+        if (FAILED(store->AddCookieFromString(CVoBstr(cookie).Get(), CVoBstr(L"https://" + host + L"/").Get())))
             std::abort();
     }
     const size_t bytes = Benchmark::HeapUse().bytes - before;
