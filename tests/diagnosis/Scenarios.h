@@ -22,11 +22,6 @@ struct CScenario
     std::vector<CStep> steps; // from a healthy network
 };
 
-// Stands in every place of the facts that may hold a secret, and must come out nowhere.
-inline constexpr const wchar_t* kSecret = L"planted-secret";
-// What a hostile server sends: a terminal's escape, HTML, a mark that turns the direction of text, a line end.
-inline constexpr const wchar_t* kHostile = L"\x1b[31m<script>alert('x')</script>\u202Egnp.exe\r\nX: \"&";
-
 [[nodiscard]] const std::vector<CScenario>& All();
 [[nodiscard]] VoDiagnosis::CFacts FactsOf(const CScenario& scenario);
 // The report of facts that are complete, as the runner makes it.

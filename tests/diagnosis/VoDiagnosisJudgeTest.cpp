@@ -4,13 +4,11 @@
 #include <VoDiagnosisCauses.h>
 #include <VoDiagnosisRender.h>
 
-#include <support/HTTPSupport.h>
 #include <support/TestMain.h>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
 #include <random>
 #include <set>
 
@@ -92,22 +90,6 @@ TEST(DiagnosisJudge, CancelledChecksAreSkippedAndTold)
     EXPECT_EQ(nlohmann::json::parse(VoRenderJson(report))["result"], "0x800704C7");
 }
 
-TEST(DiagnosisRender, HoldsNoSecretAndNothingUnescaped)
-{
-    for (const CScenario& scenario : All())
-    {
-        SCOPED_TRACE(scenario.name);
-        const std::string outputs = OutputsOf(ReportOf(FactsOf(scenario)));
-        EXPECT_EQ(outputs.find(Narrow(kSecret)), std::string::npos);
-        EXPECT_EQ(outputs.find("<script", outputs.find("{\"result\"")), std::string::npos) << "text may hold it";
-        EXPECT_EQ(outputs.find("\xE2\x80\xAE"), std::string::npos);
-        EXPECT_TRUE(std::none_of(outputs.begin(), outputs.end(),
-                                 [](char c) { return static_cast<unsigned char>(c) < 0x20 && c != '\n'; }));
-        for (const char* const outside : { "http-equiv=\"refresh", "src=", "href=", "url(" })
-            EXPECT_EQ(outputs.find(outside), std::string::npos) << outside;
-    }
-}
-
 TEST(DiagnosisRender, JsonHoldsTheContract)
 {
     for (const CScenario& scenario : All())
@@ -139,24 +121,6 @@ TEST(DiagnosisRender, MakesInvisibleCharactersVisibleAndCutsLongTexts)
     EXPECT_EQ(VoVisibleText(L"a\x1b\u202E\u2066\x7F\x85z"), L"a\\u001B\\u202E\\u2066\\u007F\\u0085z");
     EXPECT_EQ(VoVisibleText(std::wstring(50, L'x'), 3), L"xxx...");
     EXPECT_EQ(VoVisibleText(L"\xD83D\xDE00", 1), L"\xFFFD...");
-}
-
-TEST(DiagnosisRender, OnePassIsOneLine)
-{
-    for (const CScenario& scenario : All())
-    {
-        const CVoDiagnosisReport report = ReportOf(FactsOf(scenario));
-        std::wstring text;
-        for (const CVoTextPiece& piece : VoRenderPass(report, false))
-            text += piece.text;
-        EXPECT_EQ(text.find(L'\n'), std::wstring::npos) << scenario.name;
-        EXPECT_TRUE(text.starts_with(report.time +
-                                     (report.verdict == EVoVerdict::Ok         ? L" + "
-                                      : report.verdict == EVoVerdict::Degraded ? L" ! "
-                                                                               : L" x ") +
-                                     TestSupport::Wide(VoVerdictName(report.verdict))))
-            << scenario.name;
-    }
 }
 
 TEST(DiagnosisRender, BarsHaveOneScaleAndShowEachPhase)
