@@ -33,7 +33,6 @@ CBytes RandomBytes(std::mt19937& random, size_t size)
         byte = static_cast<BYTE>(random());
     return bytes;
 }
-
 } // namespace
 
 namespace

@@ -172,26 +172,6 @@ TEST(Thread, AnObjectWhoseThreadHasFinishedStartsAgainAlsoWhileTheThreadIsNotQui
     }
 }
 
-TEST(Thread, ACreationThatThrowsReportsTheExceptionAndThenTheError)
-{
-    CTestThread thread;
-    CLogCapture log;
-    for (const DWORD error : { DWORD{ ERROR_MAX_THRDS_REACHED }, DWORD{ ERROR_SUCCESS } })
-    {
-        CCallHook<decltype(&::CreateThread)> hook("kernel32.dll", "CreateThread", [error](auto, auto...) -> HANDLE
-        {
-            ::SetLastError(error);
-            throw std::runtime_error("creation");
-        });
-        const HRESULT expected = HResultFromWin32(error);
-        EXPECT_EQ(thread.CreateThread(false, true, true, nullptr, false), expected);
-        EXPECT_THAT(log.Lines(),
-                    ElementsAre(CreateReport(802, E_FAIL), CreateReport(error != ERROR_SUCCESS ? 810 : 811, expected)));
-        EXPECT_TRUE(thread.IsFinished());
-        log.Clear();
-    }
-}
-
 TEST(Thread, ThatEndsBeforeItSignalsItsStartReturnsItsExitCode)
 {
     const auto proc = [](int line, HRESULT code) { return IsReport(kSource, line, L"VoThreadProc", code); };

@@ -48,19 +48,6 @@ std::vector<std::wstring> NamesIn(const std::filesystem::path& folder)
     return names;
 }
 
-std::string Utf16(std::wstring_view text, bool isBigEndian)
-{
-    std::string bytes;
-    for (const wchar_t c : text)
-    {
-        const char low = static_cast<char>(c & 0xFF);
-        const char high = static_cast<char>(c >> 8);
-        bytes += isBigEndian ? high : low;
-        bytes += isBigEndian ? low : high;
-    }
-    return bytes;
-}
-
 TEST(IniFile, FindsNamesWithoutRegardToCaseAndTheFirstOfDuplicates)
 {
     const CVoIniFileIO file = Parsed("[Stra\xC3\x9F]\nGr\xC3\xB6\xC3\x9F=1\nGR\xC3\x96\xC3\x9F=2\n[\xD0\x9C]\n\xD1\x91=3\n");
@@ -71,29 +58,6 @@ TEST(IniFile, FindsNamesWithoutRegardToCaseAndTheFirstOfDuplicates)
     std::vector<CVoIniEntry> entries(3);
     EXPECT_EQ(file.GetSection(L"x", entries), HResultFromWin32(ERROR_NOT_FOUND));
     EXPECT_EQ(entries.size(), 3u);
-}
-
-TEST(IniFile, ReadsAndKeepsEveryEncoding)
-{
-    const std::wstring text = L"[A]\r\nx=\u00E4\u20AC\n";
-    const std::string utf8 = "[A]\r\nx=\xC3\xA4\xE2\x82\xAC\n";
-    const std::pair<EVoTextEncoding, std::string> cases[] = {
-        { EVoTextEncoding::Utf8, utf8 },
-        { EVoTextEncoding::Utf8WithMark, "\xEF\xBB\xBF" + utf8 },
-        { EVoTextEncoding::Utf16LittleEndian, "\xFF\xFE" + Utf16(text, false) },
-        { EVoTextEncoding::Utf16BigEndian, "\xFE\xFF" + Utf16(text, true) },
-    };
-    for (const auto& [encoding, bytes] : cases)
-    {
-        CVoIniFileIO file = Parsed(bytes);
-        EXPECT_EQ(file.Encoding(), encoding);
-        EXPECT_EQ(file.FindValue(L"A", L"x"), L"\u00E4\u20AC");
-        for (const auto& [other, otherBytes] : cases)
-        {
-            EXPECT_EQ(file.SetEncoding(other), S_OK);
-            EXPECT_EQ(BytesOf(file), otherBytes);
-        }
-    }
 }
 
 TEST(IniFile, ReadsBytesThatAreNotUtf8InTheAnsiCodePage)

@@ -19,7 +19,6 @@ SYSTEMTIME Time(int year, int month, int day, int hour = 0, int minute = 0, int 
     const auto word = [](int value) { return static_cast<WORD>(value); };
     return { word(year), word(month), 0, word(day), word(hour), word(minute), word(second), word(milliseconds) };
 }
-
 } // namespace
 
 TEST(Text, UsesTheRequestedCodePageAndReturnsThePlatformsErrors)

@@ -1,7 +1,6 @@
 // The transports against nginx, plain and over TLS.
 #include "http/TransportFixture.h"
 #include "support/LogCapture.h"
-#include "support/MemoryMeter.h"
 #include "support/TestServers.h"
 
 #include <gtest/gtest.h>
@@ -42,17 +41,6 @@ TEST_P(RealServerTest, ChecksTheServersCertificateOnlyWhenAsked)
     }
     EXPECT_EQ(send(own, false), S_OK);
     EXPECT_EQ(SendTo(TestServers()->URL("/post")).result, S_OK);
-}
-
-TEST_P(RealServerTest, ALargeResponseIsInMemoryLittleMoreThanTwice)
-{
-    constexpr INT64 kSize = INT64{ 100 } << 20;
-    const auto message = Connect(TestServers()->URL("/files/100m.bin"), 30, 120);
-    const CMemoryMeter meter;
-    const CResponse response = Get(*message);
-    ASSERT_EQ(response.result, S_OK);
-    EXPECT_LE(meter.Peak() * 10, kSize * 22);
-    EXPECT_GE(meter.Peak(), kSize) << "the meter sees nothing";
 }
 
 TEST_P(RealServerTest, ResponsesOfEveryEncodingAreRead)

@@ -164,32 +164,6 @@ TEST_P(TransportTest, ARetryBeginsWhereTheRequestDid)
     EXPECT_EQ(CookiesFor(*m_cookies.Get(), SeenURL(server, L"/")), L"");
 }
 
-TEST_P(TransportTest, AServerBehindARedirectAsksForItself)
-{
-    if (!GetParam().asksCallback)
-        GTEST_SKIP() << "the system's dialog asks, while connecting";
-    CServer second([](const Loopback::CRequest& request, Loopback::CConnection& connection)
-    {
-        if (Authenticate(request, connection))
-            connection.SendResponse(200, {}, request.body);
-    });
-    const std::string target = second.URL("/end");
-    CServer first(Responds(307, { { "Location", target } }));
-    const std::string start = "http://localhost:" + std::to_string(first.Port()) + "/";
-    for (const auto& [cookie, url] : { std::pair("own=1", start), std::pair("other=2", second.URL()) })
-        EXPECT_EQ(m_cookies->AddCookieFromString(CVoBstr(Wide(cookie)).Get(), CVoBstr(Wide(url)).Get()), S_OK);
-    m_auth = VoMakeComObject<CScriptedAuthCallback>();
-    m_auth->AnswerServer({ { L"ann", kPassword } });
-    const CResponse response = SendTo(start, MakeMessage({ { L"p", L"q" } }));
-    EXPECT_EQ(response.result, S_OK);
-    EXPECT_EQ(ParamsOf(response.message), (Params{ { L"p", L"q" } }));
-    for (const Loopback::CRequest& request : first.Requests())
-        EXPECT_EQ(request.Header("Authorization"), "");
-    EXPECT_GE(second.RequestCount(), 2U);
-    for (const Loopback::CRequest& request : second.Requests())
-        EXPECT_EQ(request.Header("Cookie"), "other=2");
-}
-
 TEST_P(TransportTest, ARedirectLoopEnds)
 {
     CServer server(Responds(302, { { "Location", "/again" } }));

@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 using namespace TestSupport;
 
 namespace
@@ -24,28 +22,5 @@ TEST(CURLTransport, NoProxyMeansNoneWhateverTheEnvironmentSays)
     }
     for (const wchar_t* const name : { L"http_proxy", L"all_proxy" })
         ::SetEnvironmentVariableW(name, nullptr);
-}
-
-TEST(CURLTransport, KnowsItsOwnAddressOverIPv6)
-{
-    const CServer server(&Echo);
-    Message message;
-    ASSERT_EQ(ConnectTo(Wide(server.URL()), {}, message), S_OK);
-    // The platform says that a connected socket has the address ::1.
-    const CCallHook<decltype(&::getsockname)> hook("ws2_32.dll", "getsockname",
-                                                   [](auto original, SOCKET socket, sockaddr* address, int* length)
-    {
-        sockaddr_storage peer{};
-        int peerLength = sizeof peer;
-        if (::getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &peerLength) != 0)
-            return original(socket, address, length);
-        sockaddr_in6 local{};
-        local.sin6_family = AF_INET6;
-        local.sin6_addr.s6_addr[15] = 1;
-        std::memcpy(address, &local, sizeof local);
-        *length = sizeof local;
-        return 0;
-    });
-    EXPECT_EQ(Send(*message, {}).send.localAddress, L"::1");
 }
 } // namespace

@@ -151,37 +151,6 @@ TEST(HTTPMessage, BothFormsOfSignMessageAppendTheSignatureOfTheBody)
     EXPECT_EQ(content.header, L"Content-Type: application/x-www-form-urlencoded; charset=UTF-8");
 }
 
-TEST(HTTPMessage, BodiesAreReadInPieces)
-{
-    CVoBinaryDataParser message = MakeMessage({ { L"a", L"1" } });
-    message.SetPayload({ 'x', 'y', 'z' });
-    const std::vector<CVoBinaryDataParser> messages = { message, message };
-    CVoHTTPContent content;
-    ASSERT_EQ(VoCreateMultipleContent(messages, true, content), S_OK);
-    std::string all;
-    for (const CVoBinaryDataParser& one : messages)
-    {
-        CVoByteBuffer bytes;
-        ASSERT_EQ(one.GetMessageDataWithSizePrefix(bytes.PutLength(), bytes.PutBytes(), false, true), S_OK);
-        all.append(bytes.Data(), bytes.Data() + bytes.Length());
-    }
-    EXPECT_EQ(TextOf(content.body), all);
-    for (size_t size = 1; size <= all.size() + 1; ++size)
-    {
-        std::vector<BYTE> buffer(size);
-        CVoBodyReader reader(content.body);
-        (void)reader.Read(buffer);
-        reader.Rewind();
-        std::string read;
-        for (std::span<const BYTE> next = reader.Next(buffer); !next.empty(); next = reader.Next(buffer))
-        {
-            EXPECT_TRUE(next.size() == size || read.size() + next.size() == all.size()) << size;
-            read.append(next.begin(), next.end());
-        }
-        EXPECT_EQ(read, all) << size;
-    }
-}
-
 TEST(HTTPMessage, CharsetAndUtf8AnywhereInTheContentTypeNameUtf8)
 {
     for (const wchar_t* const type : { L"text/plain; charset=UTF-8", L"text/plain;CharSet = \"utf-8\"", L"utf-8; charset=x" })

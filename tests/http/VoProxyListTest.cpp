@@ -67,5 +67,4 @@ TEST(ProxyList, SaysWhichEntryIsUnusable)
         EXPECT_EQ(VoProxyList::Read(list).usable, usable);
     }
 }
-
 } // namespace

@@ -292,5 +292,4 @@ TEST(WinHttpRequest, AFailedSendMayBeRepeated)
     EXPECT_EQ(owner.exchange.Send(), E_HANDLE);
     EXPECT_EQ(owner.Data(), E_HANDLE);
 }
-
 } // namespace

@@ -5,8 +5,6 @@
 #include <base/VoDataParser.h>
 #include <base/VoUtils.h>
 #include <base/utils/VoDataConversion.h>
-#include <win/VoWMIQuery.h>
-#include <win/VoWMIValue.h>
 
 #include <algorithm>
 #include <cwctype>
@@ -611,25 +609,6 @@ void IsoDates(std::wstring_view input)
             "a date does not read back");
 }
 
-void WmiDates(std::wstring_view input)
-{
-    std::wstring text = L"old";
-    const HRESULT hr = VoWMIQuery::WMIDateTimeToISO8601(Guarded(input), text);
-    Require(SUCCEEDED(hr) == (text != L"old") && (SUCCEEDED(hr) || hr == E_INVALIDARG), "outputs and result disagree");
-    if (FAILED(hr))
-        return;
-    const std::wstring all(L"0123456789-+:.*TZPDHMS");
-    Require(input.size() == 25 && text.find_first_not_of(all) == std::wstring::npos && !text.empty(), "no ISO 8601 text");
-    // The stamp's own fields stand in the text.
-    if (text[0] != L'P')
-    {
-        SYSTEMTIME time{};
-        const bool isWhole = text.size() >= 20 && text >= L"1601"; // the platform knows no earlier date
-        Require(text.starts_with(input.substr(0, 4)), "another year");
-        Require(!isWhole || SUCCEEDED(VoISO8601DateTimeStrToSystemTime(text, time, nullptr)), "a whole stamp is no date");
-    }
-}
-
 // A text that becomes a value has a written form that becomes the same value.
 void Variants(std::wstring_view input)
 {
@@ -689,7 +668,6 @@ const CCampaigns kCampaigns({
     { "url_code", &UrlCode, { L"a b-\u00FC", L"a%20b%2D", L"100%", L"%c3%BC+" }, L"%%0123aAfFgG +-._~\u00FC\u20AC\xD800" },
     { "numbers", &Numbers, { L"0", L"-1", L"2147483647", L"-2147483648", L"65535", L"18446744073709551615", L"-9223372036854775808", L"00000000000000000000005" }, L"0123456789999-+ \u0661" },
     { "iso_dates", &IsoDates, { L"2024-02-29T12:00:00.25+01:00", L"2000-12-31", L"1999-01-31 23:59:59Z", L"1900-02-28T00:00:00.123456789-23:59", L"2023-02-30", L"1900-02-29", L"2024-06-31T00:00:00", L"2024-01-01T24:00:00", L"2024-01-01T23:60:00", L"2024-01-01T23:59:60", L"2024-01-01T00:00:00+01:60", L"2024-01-01T00:00:00-24:00", L"1600-01-01", L"2024-01-02T03:04:05.1234567890", L"\u0662\u0660\u0662\u0664-01-02", L"+024-01-02" }, L"0123456789-+:.TZ t", 2 },
-    { "wmi_dates", &WmiDates, { L"20240229120000.250000+060", L"00000008131211.500000:000", L"202402**********.******+***" }, L"0123456789-+:.*" },
     { "variants", &Variants, { L"1", L"-12.5", L"True", L"1e10", L"2024-02-29 12:00:00", L"12/30/1899", L"4294967295", L"$1,000.50" }, L"0123456789-+.,:/eETrue $()%", 8 },
 });
 // clang-format on

@@ -153,9 +153,18 @@ void Ini(std::wstring_view input)
     for (const CSection& old : before)
         if (!VoEqualsNoCase(old.name, section))
             Require(std::find(after.begin(), after.end(), old) != after.end(), "another section was changed");
-    // Another encoding holds the same text.
-    if (SUCCEEDED(again.SetEncoding(EVoTextEncoding::Utf16BigEndian)))
-        Require(SectionsOf(again) == after, "another encoding has another content");
+    // Each encoding holds the same text, in memory and in the file.
+    for (const EVoTextEncoding encoding :
+         { EVoTextEncoding::Utf16LittleEndian, EVoTextEncoding::Utf16BigEndian, EVoTextEncoding::Utf8WithMark })
+    {
+        if (FAILED(again.SetEncoding(encoding)))
+            continue; // bytes that are no text
+        CVoIniFileIO converted;
+        const std::string bytesOfIt = BytesOf(again);
+        Require(SUCCEEDED(converted.Parse(Guarded(bytesOfIt))) && converted.Encoding() == encoding &&
+                    SectionsOf(converted) == after && SectionsOf(again) == after,
+                "another encoding has another content");
+    }
     Require(file.RemoveValue(section, L"KEY") == S_OK && !file.FindValue(section, L"Key"), "a removed value is found");
 }
 
@@ -241,40 +250,11 @@ void Settings(std::wstring_view input)
     const CVoModuleSettings defaults;
     Require(settings.cutOffSizeKiB >= 8192 && settings.cutOffSizeKiB <= 1048576 && settings.httpEngine <= 3,
             "a value out of range");
-    CVoIniFileIO file;
-    Require(SUCCEEDED(file.Parse(bytes)), "a file cannot be read");
-    // Plain files are read alike by the library's reader. The platform's functions read other spellings in their own way.
-    const bool isPlain = std::all_of(bytes.begin(), bytes.end(),
-                                     [](char c) { return std::isalnum(static_cast<BYTE>(c)) || std::strchr("[]=\r\n", c); }) &&
-                         bytes.find('\0') == std::string::npos && bytes.size() < 250 &&
-                         bytes.find("\r\r") == std::string::npos &&
-                         std::count(bytes.begin(), bytes.end(), '\r') == std::count(bytes.begin(), bytes.end(), '\n');
-    if (!isPlain)
-        return;
-    const auto flag = [&](const wchar_t* section, const wchar_t* key, bool otherwise)
-    { return VoParseBool(file.FindValue(section, key).value_or(L"")).value_or(otherwise); };
-    const INT32 engine = VoParseDecimalClamped<INT32>(file.FindValue(L"SETTINGS", L"HTTPEngine").value_or(L"")).value_or(0);
-    // Headers and entries alone on their lines, each name once.
-    bool isPlainEntry = true;
-    for (size_t at = bytes.find(']'); at != std::string::npos; at = bytes.find(']', at + 1))
-        isPlainEntry = isPlainEntry && (at + 1 == bytes.size() || bytes[at + 1] == '\r');
-    for (const CSection& section : SectionsOf(file))
-        for (const auto& [key, value] : section.entries)
-            isPlainEntry = isPlainEntry && !value.starts_with(L'[') &&
-                           std::count_if(section.entries.begin(), section.entries.end(),
-                                         [&](const auto& e) { return VoEqualsNoCase(e.first, key); }) == 1;
-    const bool hasTwice = [&]
-    {
-        size_t headers = 0;
-        for (size_t at = bytes.find('['); at != std::string::npos; at = bytes.find('[', at + 1))
-            ++headers;
-        return headers != SectionsOf(file).size();
-    }();
-    if (!isPlainEntry || hasTwice)
-        return;
-    Require(settings.applicationLog == flag(L"DEBUG", L"APPLOG", defaults.applicationLog), "APPLOG differs");
-    Require(settings.checkServerCertificate == flag(L"SETTINGS", L"HTTPCheckServerCert", true), "HTTPCheckServerCert differs");
-    Require(settings.httpEngine == static_cast<UINT32>(engine >= 0 && engine <= 3 ? engine : 0), "HTTPEngine differs");
+    // A value that is not the default, or a remark, comes from an entry of the file.
+    const bool isDefault = settings.applicationLog == defaults.applicationLog && settings.httpEngine == defaults.httpEngine &&
+                           settings.checkServerCertificate == defaults.checkServerCertificate && remarks.empty();
+    Require(isDefault || bytes.find('=') != std::string::npos || bytes.find('\0') != std::string::npos,
+            "a setting comes from nowhere");
 }
 
 // Every value that is set comes back, also through the file's bytes.

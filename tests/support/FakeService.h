@@ -1,6 +1,8 @@
 // What the stand-ins of WinHTTP and WinINet share: the transcript of calls, failures on demand, handles and response headers.
 #pragma once
 
+#include "support/ImportHook.h"
+
 #include <base/VoMultiThreading.h>
 #include <base/VoPlatform.h>
 
@@ -19,6 +21,13 @@
 #include <string_view>
 #include <utility>
 #include <vector>
+
+// In a class of a stand-in: calls of a function of the platform go to a member.
+#define VO_REPLACE(module, function, member)                                                                                   \
+    const CCallHook<decltype(&::function)> m_##member                                                                          \
+    {                                                                                                                          \
+        module, #function, [this](auto, auto... arguments) { return member(arguments...); }                                    \
+    }
 
 namespace TestSupport
 {

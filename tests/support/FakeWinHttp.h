@@ -2,7 +2,6 @@
 #pragma once
 
 #include "support/FakeService.h"
-#include "support/ImportHook.h"
 
 #include <winhttp.h>
 
@@ -244,26 +243,20 @@ private:
     std::map<UINT_PTR, CRequest> m_requests;
     std::vector<std::thread> m_threads; // one for each notification
 
-#define VO_REPLACE(function, member)                                                                                           \
-    const CCallHook<decltype(&::function)> m_##member                                                                          \
-    {                                                                                                                          \
-        "winhttp.dll", #function, [this](auto, auto... arguments) { return member(arguments...); }                             \
-    }
-    VO_REPLACE(WinHttpOpen, Open);
-    VO_REPLACE(WinHttpConnect, Connect);
-    VO_REPLACE(WinHttpOpenRequest, OpenRequest);
-    VO_REPLACE(WinHttpSetOption, SetOption);
-    VO_REPLACE(WinHttpQueryOption, QueryOption);
-    VO_REPLACE(WinHttpSetStatusCallback, SetCallback);
-    VO_REPLACE(WinHttpAddRequestHeaders, AddHeaders);
-    VO_REPLACE(WinHttpSetCredentials, SetCredentials);
-    VO_REPLACE(WinHttpSendRequest, Send);
-    VO_REPLACE(WinHttpReceiveResponse, Receive);
-    VO_REPLACE(WinHttpQueryHeaders, QueryHeaders);
-    VO_REPLACE(WinHttpQueryAuthSchemes, QuerySchemes);
-    VO_REPLACE(WinHttpQueryDataAvailable, Available);
-    VO_REPLACE(WinHttpReadData, Read);
-    VO_REPLACE(WinHttpCloseHandle, CloseHandle);
-#undef VO_REPLACE
+    VO_REPLACE("winhttp.dll", WinHttpOpen, Open);
+    VO_REPLACE("winhttp.dll", WinHttpConnect, Connect);
+    VO_REPLACE("winhttp.dll", WinHttpOpenRequest, OpenRequest);
+    VO_REPLACE("winhttp.dll", WinHttpSetOption, SetOption);
+    VO_REPLACE("winhttp.dll", WinHttpQueryOption, QueryOption);
+    VO_REPLACE("winhttp.dll", WinHttpSetStatusCallback, SetCallback);
+    VO_REPLACE("winhttp.dll", WinHttpAddRequestHeaders, AddHeaders);
+    VO_REPLACE("winhttp.dll", WinHttpSetCredentials, SetCredentials);
+    VO_REPLACE("winhttp.dll", WinHttpSendRequest, Send);
+    VO_REPLACE("winhttp.dll", WinHttpReceiveResponse, Receive);
+    VO_REPLACE("winhttp.dll", WinHttpQueryHeaders, QueryHeaders);
+    VO_REPLACE("winhttp.dll", WinHttpQueryAuthSchemes, QuerySchemes);
+    VO_REPLACE("winhttp.dll", WinHttpQueryDataAvailable, Available);
+    VO_REPLACE("winhttp.dll", WinHttpReadData, Read);
+    VO_REPLACE("winhttp.dll", WinHttpCloseHandle, CloseHandle);
 };
 } // namespace TestSupport

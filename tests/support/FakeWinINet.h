@@ -2,7 +2,6 @@
 #pragma once
 
 #include "support/FakeService.h"
-#include "support/ImportHook.h"
 
 #include <wininet.h>
 
@@ -166,27 +165,21 @@ private:
     UINT_PTR m_lastRequest = 2;
     std::string m_unread;
 
-#define VO_REPLACE(function, member)                                                                                           \
-    const CCallHook<decltype(&::function)> m_##member                                                                          \
-    {                                                                                                                          \
-        "wininet.dll", #function, [this](auto, auto... arguments) { return member(arguments...); }                             \
-    }
-    VO_REPLACE(InternetOpenW, Open);
-    VO_REPLACE(InternetConnectW, Connect);
-    VO_REPLACE(InternetSetOptionW, SetOption);
-    VO_REPLACE(InternetQueryOptionW, QueryOption);
-    VO_REPLACE(HttpOpenRequestW, OpenRequest);
-    VO_REPLACE(HttpSendRequestW, SendRequest);
-    VO_REPLACE(HttpSendRequestExW, SendRequestEx);
-    VO_REPLACE(InternetWriteFile, Write);
-    VO_REPLACE(HttpEndRequestW, EndRequest);
-    VO_REPLACE(HttpQueryInfoW, QueryInfo);
-    VO_REPLACE(HttpQueryInfoA, QueryInfoA);
-    VO_REPLACE(InternetQueryDataAvailable, Available);
-    VO_REPLACE(InternetReadFile, Read);
-    VO_REPLACE(InternetErrorDlg, ErrorDialog);
-    VO_REPLACE(InternetSetStatusCallbackW, SetCallback);
-    VO_REPLACE(InternetCloseHandle, Close);
-#undef VO_REPLACE
+    VO_REPLACE("wininet.dll", InternetOpenW, Open);
+    VO_REPLACE("wininet.dll", InternetConnectW, Connect);
+    VO_REPLACE("wininet.dll", InternetSetOptionW, SetOption);
+    VO_REPLACE("wininet.dll", InternetQueryOptionW, QueryOption);
+    VO_REPLACE("wininet.dll", HttpOpenRequestW, OpenRequest);
+    VO_REPLACE("wininet.dll", HttpSendRequestW, SendRequest);
+    VO_REPLACE("wininet.dll", HttpSendRequestExW, SendRequestEx);
+    VO_REPLACE("wininet.dll", InternetWriteFile, Write);
+    VO_REPLACE("wininet.dll", HttpEndRequestW, EndRequest);
+    VO_REPLACE("wininet.dll", HttpQueryInfoW, QueryInfo);
+    VO_REPLACE("wininet.dll", HttpQueryInfoA, QueryInfoA);
+    VO_REPLACE("wininet.dll", InternetQueryDataAvailable, Available);
+    VO_REPLACE("wininet.dll", InternetReadFile, Read);
+    VO_REPLACE("wininet.dll", InternetErrorDlg, ErrorDialog);
+    VO_REPLACE("wininet.dll", InternetSetStatusCallbackW, SetCallback);
+    VO_REPLACE("wininet.dll", InternetCloseHandle, Close);
 };
 } // namespace TestSupport
