@@ -268,8 +268,6 @@ const std::vector<CScenario>& All()
     using E = EVoFailure;
     static const std::vector<CScenario> s_all{
         Network("healthy https", "ok"),
-        Network("healthy http", "ok", Plain()),
-        Network("healthy behind a proxy", "ok", UseProxy()),
         Network("healthy behind a proxy that alone knows the name", "ok",
                 [](CFacts& f)
     {

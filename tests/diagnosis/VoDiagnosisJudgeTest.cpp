@@ -128,6 +128,7 @@ TEST(DiagnosisRender, BarsHaveOneScaleAndShowEachPhase)
     CFacts facts = FactsOf(All().front());
     facts.http[2].facts.record.attempts.back().times.total = 32'000;
     std::vector<std::wstring> bars;
+    EXPECT_EQ(VoRenderPass(ReportOf(facts), false).at(1).text, L"+ ok          ") << "a line of --watch";
     for (const CVoTextLine& line : VoRenderConclusion(ReportOf(facts), false))
         if (line.size() == 3)
             bars.push_back(line[1].text);

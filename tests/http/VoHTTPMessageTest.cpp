@@ -148,6 +148,12 @@ TEST(HTTPMessage, BothFormsOfSignMessageAppendTheSignatureOfTheBody)
                               CVoReporter{ kSource, L"test" }, {}, content),
               S_OK);
     EXPECT_EQ(TextOf(content.body), body);
+    // A transport may read it once more from its beginning.
+    std::string begin(3, '\0');
+    CVoBodyReader reader(content.body);
+    for (int attempt = 0; attempt < 2; ++attempt, reader.Rewind())
+        (void)reader.Read({ reinterpret_cast<BYTE*>(begin.data()), begin.size() });
+    EXPECT_EQ(begin, "a=1");
     EXPECT_EQ(content.header, L"Content-Type: application/x-www-form-urlencoded; charset=UTF-8");
 }
 
