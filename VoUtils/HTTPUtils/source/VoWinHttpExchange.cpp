@@ -62,9 +62,11 @@ CExchange::CNotification::CNotification(CExchange& exchange) noexcept
 {
     const std::lock_guard lock(exchange.m_lock);
     m_next = std::exchange(exchange.m_notifications, this);
-    m_isAbandoned = exchange.m_abandoned;
-    if (m_isAbandoned)
+    if (exchange.m_abandoned)
+    {
+        m_isAbandoned = true;
         return;
+    }
     m_chain = exchange.m_chain;
     m_handler = exchange.m_functions.notification;
 }
