@@ -65,7 +65,7 @@ CVoDiagnosisReport DiagnoseAll(const std::string& url, const std::function<void(
 {
     Options options;
     options.url = TestSupport::Wide(url);
-    options.probeTimeout = 5;
+    options.probeTimeout = 20;
     UseProxy(options, CHTTPProxyConfigData());
     change(options);
     CVoDiagnosisReport report;
@@ -488,12 +488,12 @@ TEST(Diagnosis, TimeDoesNotRunOutWhileTheUserIsAsked)
     bool isDecided = false;
     const CVoDiagnosisReport report = Diagnose(server.URL(), [&](Options& options)
     {
-        options.probeTimeout = 1;
+        options.probeTimeout = 3;
         options.makeAuthCallback = [&] { return CVoComPtr<IVoAuthenticationCallback>(user.Get()); };
         options.isAsking = [&]
         {
             // Longer than a request may take.
-            const bool isAsking = user->Asked() != 0 && VoGetMicroseconds() - user->Asked() < 1'500'000;
+            const bool isAsking = user->Asked() != 0 && VoGetMicroseconds() - user->Asked() < 3'500'000;
             if (user->Asked() != 0 && !isAsking && !std::exchange(isDecided, true))
                 decided.set_value();
             return isAsking;
