@@ -46,7 +46,9 @@ public:
         Prepare(context);
         const CVoComPtr<CAuthAnswers> answers = m_connection.MakeAuthAnswers(context);
         CServerAddressData address;
-        Check(address.SetAddress(FromUtf8(m_url), false, true, true));
+        // The text is not shown: it may hold a password.
+        if (const HRESULT hr = address.SetAddress(FromUtf8(m_url), false, true, true); FAILED(hr))
+            throw CDetailedFailure(hr, "URL is no server's address: [http[s]://]HOST[:PORT][/PATH][?QUERY]");
         AdaptAddress(context, address);
         context.CheckOutputFile(m_output);
         context.CheckOutputFile(m_connection.CookieFile());

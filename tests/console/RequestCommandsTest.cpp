@@ -225,6 +225,14 @@ TEST_F(ConsoleRequests, TheErrorLineNamesTheReason)
         }
 }
 
+TEST_F(ConsoleRequests, AUrlWithoutAServerIsRefusedWithoutShowingItsPassword)
+{
+    const CConsoleResult result = Run({ "get", "http://ann:s3cret@/a" });
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_THAT(result.err, testing::MatchesRegex("voutils: 0x80070057 .+ .URL is no server's address: .+HOST.+\\n"));
+    EXPECT_THAT(result.err + result.out, testing::Not(HasSubstr("s3cret")));
+}
+
 TEST_F(ConsoleRequests, WhatServersSendCannotCommandATerminal)
 {
     // An escape sequence, a control of the second set (U+009B) and a mark that reverses text (U+202E).
