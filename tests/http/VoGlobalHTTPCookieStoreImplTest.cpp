@@ -216,9 +216,12 @@ TEST(CookieStore, RemovesExpiredCookies)
     CTestStore store;
     EXPECT_EQ(store.Set(L"a=1; Max-Age=10", site), S_OK);
     EXPECT_EQ(store.Set(L"b=2; Expires=Wed, 15 Mar 2023 12:00:20 GMT", site), S_OK);
-    EXPECT_EQ(store.Set(L"c=3", site), S_OK);
+    EXPECT_EQ(store.Set(L"c=3; Max-Age=5", site), S_OK);
+    EXPECT_EQ(store.Set(L"c=3", site), S_OK); // now without an expiry
+    EXPECT_EQ(store.Set(L"d=4; Max-Age=15", site), S_OK);
     const std::pair<double, const wchar_t*> table[] = {
-        { 9, L"a=1; b=2; c=3" }, { 11, L"b=2; c=3" }, { 19, L"b=2; c=3" }, { 21, L"c=3" }, { 1e9, L"c=3" }
+        { 9, L"a=1; b=2; c=3; d=4" }, { 11, L"b=2; c=3; d=4" }, { 16, L"b=2; c=3" },
+        { 19, L"b=2; c=3" },          { 21, L"c=3" },           { 1e9, L"c=3" }
     };
     for (const auto& [seconds, expected] : table)
     {
@@ -248,6 +251,8 @@ TEST(CookieStore, SerializedContentComesBackExactly)
     CTestStore store;
     Fill(store);
     const std::wstring data = store.Serialize();
+    EXPECT_TRUE(data.starts_with(L"Cookie=Domain=a.b.example$&Path=/p/q$&Name=s$&Value=1$&Secure=True$&HttpOnly=True"
+                                 L"$&HostOnly=True$&Expiry=45000.97"));
     CTestStore copy;
     copy.now = store.now;
     EXPECT_EQ(copy.Set(L"old=1", L"http://a.b.example/"), S_OK);
@@ -305,21 +310,33 @@ TEST(CookieStore, LimitsTheCookiesOfADomainAndOfAll)
         return (L"; " + store.Get(L"http://" + host) + L";").find(L" n" + std::to_wstring(number) + L"=v;") !=
                std::wstring::npos;
     };
-    // One host above its limit loses its oldest cookie; other hosts lose none.
+    // What was cleared does not count.
+    set(0, L"cleared.example");
+    EXPECT_EQ(store->Clear(), S_OK);
+    EXPECT_EQ(store.Set(L"s=v; Secure", L"https://safe.example"), S_OK);
+    // One host above its limit loses the cookie that was unused for longest; other hosts lose none.
     set(0, L"quiet.example");
-    for (size_t i = 0; i <= kVoMaximumCookiesPerDomain; ++i)
+    EXPECT_EQ(store.Set(L"used=v; Path=/p", L"http://loud.example"), S_OK);
+    EXPECT_EQ(store.Set(L"unused=v; Path=/q", L"http://loud.example"), S_OK);
+    EXPECT_EQ(store.Get(L"http://loud.example/p"), L"used=v");
+    for (size_t i = 0; i < kVoMaximumCookiesPerDomain - 1; ++i)
         set(i, L"loud.example");
-    EXPECT_FALSE(has(0, L"loud.example"));
-    EXPECT_TRUE(has(1, L"loud.example"));
-    EXPECT_TRUE(has(kVoMaximumCookiesPerDomain, L"loud.example"));
+    EXPECT_TRUE(store.Get(L"http://loud.example/p").starts_with(L"used=v; n0=v; n1=v"));
+    EXPECT_TRUE(store.Get(L"http://loud.example/q").starts_with(L"n0=v; n1=v"));
+    // Two cookies that one request uses: the older one goes first.
+    EXPECT_EQ(store.Set(L"a=v", L"http://pair.example"), S_OK);
+    EXPECT_EQ(store.Set(L"b=v; Path=/p", L"http://pair.example"), S_OK);
+    EXPECT_EQ(store.Get(L"http://pair.example/p"), L"b=v; a=v");
     EXPECT_TRUE(has(0, L"quiet.example"));
-    // Many hosts above the limit of all: the cookies that were used last stay. The store has 201 cookies already; the quiet
-    // host's was used last.
-    for (size_t i = 0; i < kVoMaximumCookies - 1; ++i)
+    // Many hosts above the limit of all: the cookies that were used last stay, and the secure one. The store has 204 cookies;
+    // 201 go: those of the loud host, and one of the pair.
+    for (size_t i = 0; i < kVoMaximumCookies - 3; ++i)
         set(0, L"h" + std::to_wstring(i) + L".example");
     EXPECT_TRUE(has(0, L"quiet.example"));
     EXPECT_EQ(store.Get(L"http://loud.example"), L"");
+    EXPECT_EQ(store.Get(L"http://pair.example/p"), L"b=v");
+    EXPECT_EQ(store.Get(L"https://safe.example"), L"s=v");
     EXPECT_TRUE(has(0, L"h0.example"));
-    EXPECT_TRUE(has(0, L"h" + std::to_wstring(kVoMaximumCookies - 2) + L".example"));
+    EXPECT_TRUE(has(0, L"h" + std::to_wstring(kVoMaximumCookies - 4) + L".example"));
 }
 } // namespace

@@ -99,7 +99,7 @@ std::vector<CRow> HTTPRows()
         { "CVoGlobalHTTPCookieStoreImpl::AddCookieFromString", OnCookies(
                                                                    [](auto& s)
     {
-        static const CVoBstr cookie(L"a long name=a long value of the cookie");
+        static const CVoBstr cookie(L"a long name=a long value of the cookie; Expires=Fri, 31 Dec 9999 23:59:59 GMT");
         return s->AddCookieFromString(cookie.Get(), Url().Get());
     }) },
         { "CVoGlobalHTTPCookieStoreImpl::GetCookieStringForHTTPRequest", OnCookies([](auto& s) { CVoBstr cookies; return s->GetCookieStringForHTTPRequest(Url().Get(), VARIANT_TRUE, cookies.Put()); }) },

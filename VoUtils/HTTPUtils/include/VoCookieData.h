@@ -43,6 +43,22 @@ struct CVoCookieRequest
 // ASCII form stays as it is. Throws std::bad_alloc.
 [[nodiscard]] std::wstring VoCanonicalHost(std::wstring_view host);
 
+// What the rules of matching compare, as views of a cookie's texts.
+struct CVoCookieKey
+{
+    std::wstring_view domain;
+    std::wstring_view path;
+    std::wstring_view name;
+    bool secure = false;
+
+    // Whether the cookie's path covers the path of the request, by whole segments and with regard to case: "/a" covers "/a" and
+    // "/a/b", not "/ab". A "/" at the end makes an empty last segment: "/a/" covers "/a/b", not "/a".
+    [[nodiscard]] bool PathMatches(const CVoCookieRequest& request) const noexcept;
+    // Whether the cookie, set over plain HTTP, would overwrite, hide or delete the secure cookie `other`: the names are equal,
+    // one domain covers the other, and `other`'s path covers this cookie's path (RFC 6265bis, section 5.7, step 9).
+    [[nodiscard]] bool ShadowsSecure(const CVoCookieKey& other) const noexcept;
+};
+
 struct CVoCookieData
 {
     std::wstring domain; // canonical, without a leading dot
@@ -86,12 +102,11 @@ struct CVoCookieData
     [[nodiscard]] static std::optional<double> ParseDateTime(std::wstring_view text) noexcept;
 
     [[nodiscard]] bool IsExpired(double now) const noexcept { return expired || (hasExpiry && expiry <= now); }
-    // Whether the cookie's path covers the path of the request, by whole segments and with regard to case: "/a" covers "/a" and
-    // "/a/b", not "/ab". A "/" at the end makes an empty last segment: "/a/" covers "/a/b", not "/a".
-    [[nodiscard]] bool PathMatches(const CVoCookieRequest& request) const noexcept;
-    // Whether the cookie, set over plain HTTP, would overwrite, hide or delete the secure cookie `other`: the names are equal,
-    // one domain covers the other, and `other`'s path covers this cookie's path (RFC 6265bis, section 5.7, step 9).
-    [[nodiscard]] bool ShadowsSecure(const CVoCookieData& other) const noexcept;
+    // The rules of CVoCookieKey.
+    [[nodiscard]] bool PathMatches(const CVoCookieRequest& request) const noexcept { return Key().PathMatches(request); }
+    [[nodiscard]] bool ShadowsSecure(const CVoCookieData& other) const noexcept { return Key().ShadowsSecure(other.Key()); }
+    // The views are valid while the cookie's texts do not change.
+    [[nodiscard]] CVoCookieKey Key() const noexcept { return { domain, path, name, secure }; }
 
 private:
     // Cuts the next field off `text` and returns it; empty at the end. `sign` receives the "+" or "-" right before it, or 0.

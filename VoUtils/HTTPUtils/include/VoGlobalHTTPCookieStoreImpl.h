@@ -51,7 +51,7 @@ public:
 private:
     ~CVoGlobalHTTPCookieStoreImpl() override;
 
-    [[nodiscard]] HRESULT AddCookie(CVoCookieData&& cookie, bool fromSecure, double now) noexcept;
+    [[nodiscard]] HRESULT AddCookie(const CVoCookieData& cookie, bool fromSecure, double now) noexcept;
     [[nodiscard]] HRESULT SerializeCookies(CVoBinaryDataParser& parser) noexcept;
     [[nodiscard]] HRESULT DeserializeCookies(const CVoBinaryDataParser& parser) noexcept;
 
@@ -62,7 +62,7 @@ private:
 
     const CClock m_clock;
     CCriticalSection m_lock;
-    const std::unique_ptr<CVoCookieMap> m_cookies; // guarded by m_lock
+    std::unique_ptr<CVoCookieMap> m_cookies; // guarded by m_lock, never null
 };
 
 // Creates an empty store for the calling module. The caller owns one reference. E_POINTER, or E_OUTOFMEMORY.

@@ -462,7 +462,7 @@ std::optional<double> CVoCookieData::ParseDateTime(std::wstring_view text) noexc
     return std::clamp(days + *time / kSecondsPerDay - zone / kMinutesPerDay, 0.0, kVoLastCookieDate);
 }
 
-bool CVoCookieData::PathMatches(const CVoCookieRequest& request) const noexcept
+bool CVoCookieKey::PathMatches(const CVoCookieRequest& request) const noexcept
 {
     if (PathCovers(path, request.path))
         return true;
@@ -470,7 +470,7 @@ bool CVoCookieData::PathMatches(const CVoCookieRequest& request) const noexcept
     return request.isFile && path.size() == request.path.size() + 1 && path.ends_with(L'/') && path.starts_with(request.path);
 }
 
-bool CVoCookieData::ShadowsSecure(const CVoCookieData& other) const noexcept
+bool CVoCookieKey::ShadowsSecure(const CVoCookieKey& other) const noexcept
 {
     return other.secure && name == other.name && (DomainCovers(domain, other.domain) || DomainCovers(other.domain, domain)) &&
            PathCovers(other.path, path);

@@ -2,180 +2,188 @@
 #include "VoCookieMap.h"
 
 #include <algorithm>
-#include <cmath>
-#include <limits>
 #include <tuple>
 #include <utility>
 
 namespace
 {
-double ExpiryOf(const CVoCookieData& cookie) noexcept
+// The order in which cookies go when there are too many. A secure cookie goes last, or a response over plain HTTP could remove
+// it by setting many others (RFC 6265bis, section 5.7).
+bool GoesFirst(const CVoCookieRecord& a, const CVoCookieRecord& b) noexcept
 {
-    return cookie.hasExpiry && !std::isnan(cookie.expiry) ? cookie.expiry : std::numeric_limits<double>::infinity();
+    return std::tuple(a.IsSecure(), a.LastUse(), a.Creation()) < std::tuple(b.IsSecure(), b.LastUse(), b.Creation());
+}
+
+bool ExpiresFirst(const CVoCookieRecord* a, const CVoCookieRecord* b) noexcept
+{
+    return std::pair(a->Expiry(), a->Creation()) < std::pair(b->Expiry(), b->Creation());
+}
+
+bool IsOlder(const CVoCookieRecord* a, const CVoCookieRecord* b) noexcept
+{
+    return a->Creation() < b->Creation();
+}
+
+// The cookie of that path and name; null when there is none.
+CVoCookieRecord* Find(const CVoCookiesOfDomain& cookies, std::wstring_view path, std::wstring_view name) noexcept
+{
+    CVoCookieRecord* record = cookies.first.get();
+    while (record && (record->Name() != name || record->Path() != path))
+        record = record->NextOfDomain();
+    return record;
 }
 } // namespace
 
-// A secure cookie goes last, or a response over plain HTTP could remove it by setting many others (RFC 6265bis, section 5.7).
-bool CVoCookieMap::CGoesFirst::operator()(const CEntry* a, const CEntry* b) const noexcept
+void CVoCookieMap::Clear() noexcept
 {
-    return std::tie(a->cookie.secure, a->lastUse, a->creation) < std::tie(b->cookie.secure, b->lastUse, b->creation);
+    m_plain = m_secure = CVoCookieUses();
+    m_byExpiry.clear();
+    m_domains.clear();
+    m_count = 0;
 }
 
-bool CVoCookieMap::CExpiresFirst::operator()(const CEntry* a, const CEntry* b) const noexcept
+CVoCookieUses& CVoCookieMap::UsesOf(const CVoCookieRecord& record) noexcept
 {
-    return std::pair(ExpiryOf(a->cookie), a->creation) < std::pair(ExpiryOf(b->cookie), b->creation);
+    return record.IsSecure() ? m_secure : m_plain;
 }
 
-bool CVoCookieMap::ShadowsSecure(const CVoCookieData& cookie) const noexcept
+bool CVoCookieMap::ShadowsSecure(const CVoCookieKey& cookie) const noexcept
 {
-    // The secure cookies stand at the end.
-    const auto firstPlain =
-        std::find_if_not(m_byUse.rbegin(), m_byUse.rend(), [](const CEntry* entry) { return entry->cookie.secure; });
-    return std::any_of(m_byUse.rbegin(), firstPlain, [&](const CEntry* entry) { return cookie.ShadowsSecure(entry->cookie); });
+    const CVoCookieRecord* record = m_secure.First();
+    while (record && !cookie.ShadowsSecure(record->Key()))
+        record = record->m_usedAfter;
+    return record != nullptr;
 }
 
-bool CVoCookieMap::Add(CVoCookieData&& cookie, bool fromSecure, double now)
+bool CVoCookieMap::Add(const CVoCookieData& cookie, bool fromSecure, double now)
 {
     RemoveExpired(now);
-    if (!fromSecure && ShadowsSecure(cookie))
+    if (!fromSecure && ShadowsSecure(cookie.Key()))
         return false;
-    const bool isExpired = cookie.IsExpired(now);
     auto domain = m_domains.find(cookie.domain);
+    CVoCookieRecord* const stored = domain != m_domains.end() ? Find(domain->second, cookie.path, cookie.name) : nullptr;
+    if (cookie.IsExpired(now))
+    {
+        if (stored)
+            Remove(*stored);
+        return true;
+    }
+
     if (domain == m_domains.end())
-    {
-        if (isExpired)
-            return true;
         domain = m_domains.try_emplace(cookie.domain).first;
-    }
-
-    CEntries& entries = domain->second;
-    const auto stored = std::find_if(entries.begin(), entries.end(), [&](const std::unique_ptr<CEntry>& entry)
-    { return entry->cookie.name == cookie.name && entry->cookie.path == cookie.path; });
-    if (isExpired)
-    {
-        if (stored != entries.end())
-            Remove(domain, **stored);
-        return true;
-    }
-
     ++m_sequence;
-    if (stored != entries.end())
-    {
-        // The entry leaves both orders while it changes, with its nodes: nothing is allocated.
-        auto use = m_byUse.extract(stored->get());
-        auto expiry = m_byExpiry.extract(stored->get());
-        (*stored)->cookie = std::move(cookie);
-        (*stored)->lastUse = m_sequence;
-        m_byUse.insert(std::move(use));
-        m_byExpiry.insert(std::move(expiry));
-        return true;
-    }
-    AddNew(domain, std::move(cookie));
-    RemoveBeyondLimits(domain);
+    AddRecord(domain, cookie, stored ? stored->Creation() : m_sequence);
+    if (stored)
+        Remove(*stored);
+    else
+        RemoveBeyondLimits(domain->second);
     return true;
 }
 
-void CVoCookieMap::AddNew(CDomains::iterator domain, CVoCookieData&& cookie)
+void CVoCookieMap::AddRecord(CVoCookieDomains::iterator domain, const CVoCookieData& cookie, UINT64 creation)
 {
-    CEntry* entry = nullptr;
+    CVoCookiesOfDomain& cookies = domain->second;
+    CVoCookieRecordPtr record;
     try
     {
-        domain->second.push_back(std::make_unique<CEntry>(CEntry{ std::move(cookie), m_sequence, m_sequence }));
-        entry = domain->second.back().get();
-        m_byUse.insert(entry);
-        m_byExpiry.insert(entry);
+        record = CVoCookieRecord::Make(cookie, domain, creation, m_sequence);
+        if (record->Expires())
+            m_byExpiry.insert(std::upper_bound(m_byExpiry.begin(), m_byExpiry.end(), record.get(), ExpiresFirst), record.get());
     }
     catch (...)
     {
-        if (entry)
-        {
-            m_byUse.erase(entry);
-            domain->second.pop_back();
-        }
-        if (domain->second.empty())
+        if (!cookies.first)
             m_domains.erase(domain);
         throw;
     }
+    UsesOf(*record).Append(*record);
+    record->m_nextOfDomain = std::move(cookies.first);
+    cookies.first = std::move(record);
+    ++cookies.count;
+    ++m_count;
 }
 
-void CVoCookieMap::RemoveExpired(double now)
+void CVoCookieMap::RemoveExpired(double now) noexcept
 {
-    while (!m_byExpiry.empty() && ExpiryOf((*m_byExpiry.begin())->cookie) <= now)
-    {
-        const CEntry& entry = **m_byExpiry.begin();
-        Remove(m_domains.find(entry.cookie.domain), entry);
-    }
+    while (!m_byExpiry.empty() && m_byExpiry.front()->Expiry() <= now)
+        Remove(*m_byExpiry.front());
 }
 
-std::vector<const CVoCookieData*> CVoCookieMap::Match(const CVoCookieRequest& request, bool secure, double now)
+std::vector<const CVoCookieRecord*> CVoCookieMap::Match(const CVoCookieRequest& request, bool secure, double now)
 {
     RemoveExpired(now);
-    std::vector<CEntry*> matches;
+    std::vector<CVoCookieRecord*> matches;
     // The host itself, then each parent: its labels without the first, without the first two, and so on.
     std::wstring_view domain = request.host;
     for (bool isHost = true; !domain.empty(); isHost = false)
     {
         if (const auto found = m_domains.find(domain); found != m_domains.end())
-            for (const std::unique_ptr<CEntry>& entry : found->second)
-                if ((isHost || !entry->cookie.hostOnly) && (secure || !entry->cookie.secure) &&
-                    entry->cookie.PathMatches(request))
-                    matches.push_back(entry.get());
+            for (CVoCookieRecord* record = found->second.first.get(); record; record = record->NextOfDomain())
+                if ((isHost || !record->IsHostOnly()) && (secure || !record->IsSecure()) && record->Key().PathMatches(request))
+                    matches.push_back(record);
         const size_t dot = domain.find(L'.');
         domain = dot == std::wstring_view::npos ? std::wstring_view() : domain.substr(dot + 1);
     }
-    std::sort(matches.begin(), matches.end(), [](const CEntry* a, const CEntry* b)
-    {
-        const size_t lengthOfA = a->cookie.path.size();
-        const size_t lengthOfB = b->cookie.path.size();
-        return lengthOfA != lengthOfB ? lengthOfA > lengthOfB : a->creation < b->creation;
-    });
+    std::sort(matches.begin(), matches.end(), IsOlder);
 
-    std::vector<const CVoCookieData*> result;
-    result.reserve(matches.size());
+    std::vector<const CVoCookieRecord*> result(matches.begin(), matches.end());
+    std::stable_sort(result.begin(), result.end(),
+                     [](const CVoCookieRecord* a, const CVoCookieRecord* b) { return a->Path().size() > b->Path().size(); });
+    // Nothing throws from here. They count as used at one time; the older one goes first.
     ++m_sequence;
-    for (CEntry* const entry : matches)
+    for (CVoCookieRecord* const record : matches)
     {
-        auto use = m_byUse.extract(entry);
-        entry->lastUse = m_sequence;
-        m_byUse.insert(m_byUse.end(), std::move(use)); // its place, unless secure cookies stand behind it
-        result.push_back(&entry->cookie);
+        record->m_lastUse = m_sequence;
+        CVoCookieUses& uses = UsesOf(*record);
+        uses.Remove(*record);
+        uses.Append(*record);
     }
     return result;
 }
 
-std::vector<const CVoCookieData*> CVoCookieMap::InOrderOfCreation() const
+std::vector<const CVoCookieRecord*> CVoCookieMap::InOrderOfCreation() const
 {
-    std::vector<const CEntry*> entries(m_byUse.begin(), m_byUse.end());
-    std::sort(entries.begin(), entries.end(), [](const CEntry* a, const CEntry* b) { return a->creation < b->creation; });
-
-    std::vector<const CVoCookieData*> result;
-    result.reserve(entries.size());
-    for (const CEntry* const entry : entries)
-        result.push_back(&entry->cookie);
+    std::vector<const CVoCookieRecord*> result;
+    result.reserve(m_count);
+    for (const CVoCookieUses* const uses : { &m_plain, &m_secure })
+        for (const CVoCookieRecord* record = uses->First(); record; record = record->m_usedAfter)
+            result.push_back(record);
+    std::sort(result.begin(), result.end(), IsOlder);
     return result;
 }
 
-void CVoCookieMap::Remove(CDomains::iterator domain, const CEntry& entry) noexcept
+void CVoCookieMap::Remove(CVoCookieRecord& record) noexcept
 {
-    CEntries& entries = domain->second;
-    const auto place = std::find_if(entries.begin(), entries.end(), [&](const auto& stored) { return stored.get() == &entry; });
-    m_byUse.erase(place->get());
-    m_byExpiry.erase(place->get());
-    entries.erase(place);
+    if (record.Expires())
+    {
+        // A record that replaces this one may be equal in this order.
+        const auto firstEqual = std::lower_bound(m_byExpiry.begin(), m_byExpiry.end(), &record, ExpiresFirst);
+        m_byExpiry.erase(std::find(firstEqual, m_byExpiry.end(), &record));
+    }
+    UsesOf(record).Remove(record);
+    const CVoCookieDomains::iterator domain = record.m_domain;
+    CVoCookiesOfDomain& cookies = domain->second;
+    CVoCookieRecordPtr* owner = &cookies.first;
+    while (owner->get() != &record)
+        owner = &(*owner)->m_nextOfDomain;
+    const CVoCookieRecordPtr removed = std::exchange(*owner, std::move(record.m_nextOfDomain));
+    --cookies.count;
+    --m_count;
     // Remove a domain without cookies too: a server could fill the map with new host names.
-    if (entries.empty())
+    if (!cookies.first)
         m_domains.erase(domain);
 }
 
-void CVoCookieMap::RemoveBeyondLimits(CDomains::iterator domain) noexcept
+void CVoCookieMap::RemoveBeyondLimits(const CVoCookiesOfDomain& cookies) noexcept
 {
-    const CEntries& entries = domain->second;
-    if (entries.size() > kVoMaximumCookiesPerDomain)
-        Remove(domain, **std::min_element(entries.begin(), entries.end(),
-                                          [](const auto& a, const auto& b) { return CGoesFirst()(a.get(), b.get()); }));
-    if (m_byUse.size() > kVoMaximumCookies)
+    if (cookies.count > kVoMaximumCookiesPerDomain)
     {
-        const CEntry& first = **m_byUse.begin();
-        Remove(m_domains.find(first.cookie.domain), first);
+        CVoCookieRecord* first = cookies.first.get();
+        for (CVoCookieRecord* record = first->NextOfDomain(); record; record = record->NextOfDomain())
+            if (GoesFirst(*record, *first))
+                first = record;
+        Remove(*first);
     }
+    if (m_count > kVoMaximumCookies)
+        Remove(*(m_plain.First() ? m_plain.First() : m_secure.First()));
 }

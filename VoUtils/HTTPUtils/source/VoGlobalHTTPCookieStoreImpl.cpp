@@ -18,24 +18,24 @@ constexpr const wchar_t* kCookieKey = L"Cookie";
 constexpr std::wstring_view kCookieSeparator = L"; ";
 
 // Writes the value of the Cookie header straight into the BSTR that is handed out. Null when memory is exhausted.
-BSTR MakeCookieString(const std::vector<const CVoCookieData*>& cookies) noexcept
+BSTR MakeCookieString(const std::vector<const CVoCookieRecord*>& cookies) noexcept
 {
     size_t length = 0;
-    for (const CVoCookieData* const cookie : cookies)
-        length += cookie->name.size() + 1 + cookie->value.size() + kCookieSeparator.size();
+    for (const CVoCookieRecord* const cookie : cookies)
+        length += cookie->Name().size() + 1 + cookie->Value().size() + kCookieSeparator.size();
     // The store's limits keep the length far below that of the longest BSTR.
     const BSTR text = ::SysAllocStringLen(nullptr, static_cast<UINT>(length - (length ? kCookieSeparator.size() : 0)));
     if (!text)
         return nullptr;
     wchar_t* end = text;
     const auto append = [&](std::wstring_view part) { end = std::copy(part.begin(), part.end(), end); };
-    for (const CVoCookieData* const cookie : cookies)
+    for (const CVoCookieRecord* const cookie : cookies)
     {
         if (end != text)
             append(kCookieSeparator);
-        append(cookie->name);
+        append(cookie->Name());
         *end++ = L'=';
-        append(cookie->value);
+        append(cookie->Value());
     }
     return text;
 }
@@ -62,7 +62,7 @@ double CVoGlobalHTTPCookieStoreImpl::GetCurrentSystemDate() noexcept
 HRESULT CVoGlobalHTTPCookieStoreImpl::Clear() noexcept
 {
     CAutoLock lock(&m_lock);
-    *m_cookies = CVoCookieMap();
+    m_cookies->Clear();
     return S_OK;
 }
 
@@ -99,19 +99,19 @@ HRESULT CVoGlobalHTTPCookieStoreImpl::AddCookieFromString(BSTR setCookieValue, B
         if (const HRESULT hr = CVoCookieData::CreateCookieFromString(CVoBstr::ViewOf(setCookieValue), request, now, cookie);
             FAILED(hr))
             return report(103, hr);
-        if (const HRESULT hr = AddCookie(std::move(cookie), request.secure, now); FAILED(hr))
+        if (const HRESULT hr = AddCookie(cookie, request.secure, now); FAILED(hr))
             return report(105, hr);
         return S_OK;
     });
 }
 
-HRESULT CVoGlobalHTTPCookieStoreImpl::AddCookie(CVoCookieData&& cookie, bool fromSecure, double now) noexcept
+HRESULT CVoGlobalHTTPCookieStoreImpl::AddCookie(const CVoCookieData& cookie, bool fromSecure, double now) noexcept
 {
     constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::AddCookie" };
     return report.Guard(125, [&]() -> HRESULT
     {
         CAutoLock lock(&m_lock);
-        if (!m_cookies->Add(std::move(cookie), fromSecure, now))
+        if (!m_cookies->Add(cookie, fromSecure, now))
             return report(120, E_INVALIDARG);
         return S_OK;
     });
@@ -126,9 +126,9 @@ HRESULT CVoGlobalHTTPCookieStoreImpl::SerializeCookies(CVoBinaryDataParser& pars
         CAutoLock lock(&m_lock);
         m_cookies->RemoveExpired(now);
         std::wstring text;
-        for (const CVoCookieData* const cookie : m_cookies->InOrderOfCreation())
+        for (const CVoCookieRecord* const cookie : m_cookies->InOrderOfCreation())
         {
-            if (const HRESULT hr = cookie->SerializeCookie(text); FAILED(hr))
+            if (const HRESULT hr = cookie->Data().SerializeCookie(text); FAILED(hr))
                 return report(142, hr);
             if (const HRESULT hr = parser.AddParam(kCookieKey, text); FAILED(hr))
                 return report(144, hr);
@@ -143,7 +143,7 @@ HRESULT CVoGlobalHTTPCookieStoreImpl::DeserializeCookies(const CVoBinaryDataPars
     return report.Guard(178, [&]() -> HRESULT
     {
         const double now = m_clock();
-        CVoCookieMap cookies;
+        auto cookies = std::make_unique<CVoCookieMap>();
         for (size_t i = 0; i < parser.GetCount(); ++i)
         {
             const CParamRec& param = parser.GetAt(i);
@@ -152,10 +152,10 @@ HRESULT CVoGlobalHTTPCookieStoreImpl::DeserializeCookies(const CVoBinaryDataPars
             CVoCookieData cookie;
             if (const HRESULT hr = CVoCookieData::CreateCookieFromSerializedData(param.Value(), cookie); FAILED(hr))
                 return report(169, hr);
-            (void)cookies.Add(std::move(cookie), true, now); // true for every cookie of a secure origin
+            (void)cookies->Add(cookie, true, now); // true for every cookie of a secure origin
         }
         CAutoLock lock(&m_lock);
-        *m_cookies = std::move(cookies);
+        m_cookies.swap(cookies);
         return S_OK;
     });
 }
