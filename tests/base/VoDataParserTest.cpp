@@ -190,6 +190,42 @@ TEST(BinaryDataParser, AMessageIsAddedToWhatTheParserHas)
     EXPECT_TRUE(parser.Payload().empty());
 }
 
+TEST(BinaryDataParser, ALargePayloadThatWasCopiedHasRoomForAHead)
+{
+    const CBytes large(size_t{ 64 } * 1024, BYTE{ 7 });
+    CVoBinaryDataParser copied;
+    ASSERT_EQ(copied.SetPayload(large.data(), static_cast<UINT32>(large.size())), S_OK);
+    const auto join = [](const CVoBinaryDataParser& parser, size_t head)
+    {
+        const std::string text(head, 'h');
+        const auto joined = parser.JoinPayload(text);
+        CBytes expected = Bytes(text);
+        expected.insert(expected.end(), parser.Payload().begin(), parser.Payload().end());
+        EXPECT_TRUE(joined.Bytes().empty() || std::ranges::equal(joined.Bytes(), expected));
+        return !joined.Bytes().empty();
+    };
+    // A head that fits, once the one before is gone.
+    EXPECT_FALSE(join(copied, 4097));
+    for (const size_t head : { size_t{ 4096 }, size_t{ 2 } })
+        EXPECT_TRUE(join(copied, head)) << head;
+    // While a head is in the room, only a copy has room for another.
+    {
+        const auto joined = copied.JoinPayload("x");
+        EXPECT_FALSE(join(copied, 1));
+        EXPECT_TRUE(join(CVoBinaryDataParser(copied), 1));
+        EXPECT_EQ(joined.Bytes().front(), 'x');
+    }
+    EXPECT_TRUE(std::ranges::equal(copied.Payload(), large));
+    EXPECT_EQ(copied.TakePayload(), large);
+    EXPECT_FALSE(join(copied, 1));
+
+    CVoBinaryDataParser other;
+    other.SetPayload(CBytes(large));
+    EXPECT_FALSE(join(other, 1));
+    ASSERT_EQ(other.SetPayload(large.data(), 100), S_OK);
+    EXPECT_FALSE(join(other, 1));
+}
+
 TEST(DataParser, AVariantOfTwoDimensionsIsFlattened)
 {
     SAFEARRAYBOUND bounds[] = { { 2, 5 }, { 2, -1 } };

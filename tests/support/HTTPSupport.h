@@ -164,7 +164,7 @@ using Params = std::vector<std::pair<std::wstring, std::wstring>>;
     CVoBinaryDataParser message;
     for (const auto& [name, value] : params)
         EXPECT_EQ(message.AddParam(name, std::wstring_view(value)), S_OK);
-    message.SetPayload(std::vector<BYTE>(payload.begin(), payload.end()));
+    EXPECT_EQ(message.SetPayload(VoBytesOf(payload).data(), static_cast<UINT32>(payload.size())), S_OK);
     return message;
 }
 [[nodiscard]] inline Params ParamsOf(const CVoDataParser& message)

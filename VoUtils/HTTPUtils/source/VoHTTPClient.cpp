@@ -119,7 +119,10 @@ HRESULT CVoHTTPClient::CCall::GetContent(CVoBinaryDataParser& made, const CVoBin
         if (const HRESULT hr = made.AddParam(parameter.Name(), parameter.Value()); FAILED(hr))
             return hr;
     const std::span<const BYTE> bytes = file ? file->bytes : payload;
-    made.SetPayload(std::vector<BYTE>(bytes.begin(), bytes.end()));
+    if (bytes.size() > std::numeric_limits<UINT32>::max())
+        return HResultFromWin32(ERROR_ARITHMETIC_OVERFLOW);
+    if (const HRESULT hr = made.SetPayload(bytes.data(), static_cast<UINT32>(bytes.size())); FAILED(hr))
+        return hr;
     if (!file)
         return S_OK;
     if (file->name.empty() || made.ParamExists(kFileName) || made.ParamExists(kContentType) ||

@@ -82,8 +82,13 @@ HRESULT VoCreateContent(const CVoBinaryDataParser& parameters, CVoHTTPMessage::E
         made.texts.resize(1);
         if (const HRESULT hr = parameters.GetMessageHead(false, false, utf8, made.texts[0]); FAILED(hr))
             return report(points.raw, hr);
-        made.body.Add(VoBytesOf(made.texts[0]));
-        made.body.Add(parameters.Payload());
+        made.joined = parameters.JoinPayload(made.texts[0]);
+        made.body.Add(made.joined.Bytes());
+        if (made.joined.Bytes().empty())
+        {
+            made.body.Add(VoBytesOf(made.texts[0]));
+            made.body.Add(parameters.Payload());
+        }
         made.header = VoFormat(L"Content-Type: application/octet-stream%ls", CharsetSuffix(utf8));
         break;
 

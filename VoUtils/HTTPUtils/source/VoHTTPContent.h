@@ -63,6 +63,7 @@ struct CVoHTTPContent
 {
     CVoBodyPieces body;             // in the following, and in the payloads of the caller's messages
     std::vector<std::string> texts; // not changed any more once the body refers to it
+    CVoPayload::CJoined joined;     // in the caller's message
     CVoByteBuffer form;
     std::wstring header; // "Content-Type: ...", or "Content-Type:" without a value when there is no body
 };

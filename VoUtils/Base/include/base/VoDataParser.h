@@ -10,6 +10,7 @@
 
 #include <base/Vo2DIDArray.h>
 #include <base/VoCArray.h>
+#include <base/VoPayload.h>
 #include <base/VoPlatform.h>
 #include <base/VoText.h>
 #include <base/VoVariant.h>
@@ -272,10 +273,18 @@ public:
     // Copies the payload. What Payload() returns is valid until the payload changes. E_INVALIDARG for null bytes with a length;
     // kResultNotEnoughMemory, reported as a growable array's.
     [[nodiscard]] HRESULT SetPayload(const BYTE* bytes, UINT32 length) noexcept;
-    void SetPayload(std::vector<BYTE>&& bytes) noexcept { m_payload = std::move(bytes); }
-    [[nodiscard]] std::span<const BYTE> Payload() const noexcept { return m_payload; }
+    // Takes the payload over. WinHTTP sends a message from one piece of memory, and a payload that was taken over is copied
+    // there for each send. A payload of 64 KB or more that was copied in has room for the message's head in front, and needs no
+    // copy.
+    void SetPayload(std::vector<BYTE>&& bytes) noexcept { m_payload = CVoPayload(std::move(bytes)); }
+    [[nodiscard]] std::span<const BYTE> Payload() const noexcept { return m_payload.Bytes(); }
     // Moves the payload out of the parser.
-    [[nodiscard]] std::vector<BYTE> TakePayload() noexcept { return std::exchange(m_payload, {}); }
+    [[nodiscard]] std::vector<BYTE> TakePayload() noexcept { return m_payload.Take(); }
+    // The payload with `head`, which GetMessageHead gives, in one piece of memory; see CVoPayload::Join.
+    [[nodiscard]] CVoPayload::CJoined JoinPayload(std::string_view head) const noexcept
+    {
+        return m_payload.Join(VoBytesOf(head));
+    }
 
 private:
     [[nodiscard]] HRESULT ParamBytes(bool useUtf8, std::string_view terminator, std::string& bytes) const;
@@ -283,5 +292,5 @@ private:
                                                  bool useUtf8) const noexcept;
     [[nodiscard]] HRESULT ReadParams(std::span<const BYTE> text, bool useUtf8);
 
-    std::vector<BYTE> m_payload;
+    CVoPayload m_payload;
 };

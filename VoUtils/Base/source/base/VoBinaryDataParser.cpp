@@ -53,11 +53,11 @@ BYTE* Put(BYTE* to, const void* bytes, size_t length) noexcept
 }
 
 // Copies bytes; memory exhaustion is reported as the growable array's.
-HRESULT CopyBytes(std::span<const BYTE> from, std::vector<BYTE>& to)
+HRESULT CopyBytes(std::span<const BYTE> from, CVoPayload& to)
 {
     try
     {
-        to.assign(from.begin(), from.end());
+        to = CVoPayload(from);
         return S_OK;
     }
     catch (const std::bad_alloc&)
@@ -127,9 +127,9 @@ HRESULT CVoBinaryDataParser::Parse(UINT32 length, const BYTE* bytes, bool binary
         if (!bytes && length > 0)
             return report(700, E_INVALIDARG);
         // The old payload is released only at the end: the bytes may be its own.
-        const std::vector<BYTE> oldPayload = TakePayload();
+        const CVoPayload oldPayload = std::exchange(m_payload, {});
         const CMessageParts parts = Split({ bytes, length }, binaryOnly, useUtf8);
-        std::vector<BYTE> payload;
+        CVoPayload payload;
         if (const HRESULT hr = CopyBytes(parts.payload, payload); FAILED(hr))
             return report(705, hr);
         if (const HRESULT hr = ReadParams(parts.text, useUtf8); FAILED(hr))
@@ -152,7 +152,7 @@ HRESULT CVoBinaryDataParser::Parse(std::vector<BYTE>&& bytes, bool binaryOnly, b
         if (const HRESULT hr = ReadParams(parts.text, useUtf8); FAILED(hr))
             return report(725, hr);
         bytes.erase(bytes.begin(), bytes.end() - static_cast<std::ptrdiff_t>(parts.payload.size()));
-        m_payload = std::move(bytes);
+        m_payload = CVoPayload(std::move(bytes));
         return S_OK;
     };
     return report.Guard(732, body);
@@ -237,7 +237,7 @@ HRESULT CVoBinaryDataParser::GetMessageHead(bool withSizePrefix, bool skipParams
         if (!skipParams)
             if (const HRESULT hr = ParamBytes(useUtf8, kTerminator, text); FAILED(hr))
                 return report(778, hr);
-        const size_t messageLength = text.size() + m_payload.size();
+        const size_t messageLength = text.size() + Payload().size();
         // Little-endian whatever the machine. It does not count itself.
         std::string prefix(withSizePrefix ? kSizePrefixLength : 0, '\0');
         for (size_t i = 0; i < prefix.size(); ++i)
@@ -258,7 +258,7 @@ HRESULT CVoBinaryDataParser::internalGetMessageData(bool withSizePrefix, UINT32*
         std::string head;
         if (const HRESULT hr = GetMessageHead(withSizePrefix, skipParams, useUtf8, head); FAILED(hr))
             return hr;
-        const std::span<const BYTE> pieces[] = { VoBytesOf(head), m_payload };
+        const std::span<const BYTE> pieces[] = { VoBytesOf(head), Payload() };
         if (const HRESULT hr = HandOut(pieces, length, buffer); FAILED(hr))
             return report(786, hr);
         return S_OK;
@@ -361,7 +361,7 @@ HRESULT CVoBinaryDataParser::SetPayload(const BYTE* bytes, UINT32 length) noexce
     {
         if (!bytes && length > 0)
             return report(867, E_INVALIDARG);
-        std::vector<BYTE> payload;
+        CVoPayload payload;
         if (const HRESULT hr = CopyBytes({ bytes, length }, payload); FAILED(hr))
             return report(869, hr);
         m_payload = std::move(payload);
