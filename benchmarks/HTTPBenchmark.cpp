@@ -3,11 +3,10 @@
 //
 // What is kept alive is compared request by request in turn, so that a slow moment of the machine hits all alike, and few
 // enough lie between two requests of one client for its connection to stay open.
-#include "BareClient.h"
 #include "Benchmark.h"
+#include "Client.h"
 
 #include <LoopbackServer.h>
-#include <VoHTTPMessage.h>
 
 #include <support/TestServers.h>
 
@@ -32,10 +31,8 @@ struct CBare
     std::unique_ptr<Bare::IClient> (*make)(const Bare::CServer&);
 };
 
-struct CTransport
+struct CTransport : Client::CTransport
 {
-    const char* name;
-    UINT32 kind;             // of the library's
     std::vector<CBare> bare; // the first is what the library is measured against
     bool pooled;             // the platform keeps connections for the process: a new client need not make one
 };
@@ -43,9 +40,8 @@ struct CTransport
 // The body of a request, as the library takes it and as it travels.
 struct CBody
 {
-    explicit CBody(size_t length)
+    explicit CBody(size_t length) : parameters(Client::MakePayload(length))
     {
-        parameters.SetPayload(std::vector<BYTE>(length, 'a'));
         CVoByteBuffer buffer;
         Demand(SUCCEEDED(parameters.GetMessageData(buffer.PutLength(), buffer.PutBytes(), false, true)));
         bytes.assign(reinterpret_cast<const char*>(buffer.Data()), buffer.Length());
@@ -60,12 +56,8 @@ class CMessage
 {
 public:
     CMessage(const CTransport& transport, const Bare::CServer& server, const std::string& path)
+        : m_message(Client::Connect(transport, server.URL(path)))
     {
-        const std::string url = server.URL(path);
-        CServerAddressData address;
-        Demand(SUCCEEDED(address.SetAddress(std::wstring(url.begin(), url.end()), false, true, true)) &&
-               SUCCEEDED(CVoHTTPMessage::Connect(transport.kind, address, nullptr, nullptr, nullptr, 30, 60, false, false,
-                                                 m_message)));
     }
 
     void Post(const CBody& body) const
@@ -218,18 +210,16 @@ void Run(const CTransport& transport)
     std::printf("%s, TLS: left out, since there is no server; ./bench starts one\n", transport.name);
 }
 
-const Benchmark::CGroup kCURL("http-curl", [] { Run({ "libcurl", 2, { { "one handle", &Bare::MakeCURL } }, false }); });
+const Benchmark::CGroup kCURL("http-curl", [] { Run({ Client::kCURL, { { "one handle", &Bare::MakeCURL } }, false }); });
 const Benchmark::CGroup kWinHttp("http-winhttp", []
 {
-    Run({ "WinHTTP",
-          1,
+    Run({ Client::kWinHttp,
           { { "synchronous calls", &Bare::MakeWinHttp }, { "asynchronous calls", &Bare::MakeAsynchronousWinHttp } },
           true });
 });
 const Benchmark::CGroup kWinINet("http-wininet", []
 {
-    Run({ "WinINet",
-          0,
+    Run({ Client::kWinINet,
           { { "the body in the call", &Bare::MakeWinINet }, { "the body in pieces", &Bare::MakeWinINetInPieces } },
           true });
 });

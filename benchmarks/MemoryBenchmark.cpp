@@ -1,18 +1,19 @@
 // The memory that a large response takes, into memory and into a sink, and that a large request takes beside the caller's
 // payload. The servers are those that ./bench starts; without them the loopback server of this process.
 #include "Benchmark.h"
+#include "Client.h"
 
 #include <LoopbackServer.h>
-#include <VoHTTPMessage.h>
 #include <VoResponseSink.h>
 
 #include <support/TestServers.h>
 
 #include <memory>
-#include <stdexcept>
 
 namespace
 {
+using Client::Demand;
+
 constexpr size_t kSize = size_t{ 100 } << 20;
 
 class CCountingSink final : public IVoResponseSink
@@ -27,44 +28,31 @@ public:
     }
 };
 
-HRESULT Open(UINT32 transport, const std::string& url, std::shared_ptr<CVoHTTPMessage>& message,
-             std::shared_ptr<CVoHTTPMessage::CHTTPRequestData>& request)
-{
-    CServerAddressData address;
-    HRESULT hr = address.SetAddress(std::wstring(url.begin(), url.end()), false, true, true);
-    if (SUCCEEDED(hr))
-        hr = CVoHTTPMessage::Connect(transport, address, nullptr, nullptr, nullptr, 30, 300, false, false, message);
-    return SUCCEEDED(hr) ? message->OpenRequest(request) : hr;
-}
+constexpr UINT32 kTimeout = 300; // seconds
 
 // One POST on a connection of its own.
-void Post(UINT32 transport, const std::string& url, const CVoBinaryDataParser& parameters)
+void Post(const Client::CTransport& transport, const std::string& url, const CVoBinaryDataParser& parameters)
 {
-    std::shared_ptr<CVoHTTPMessage> message;
+    const std::shared_ptr<CVoHTTPMessage> message = Client::Connect(transport, url, kTimeout);
     std::shared_ptr<CVoHTTPMessage::CHTTPRequestData> request;
-    HRESULT hr = Open(transport, url, message, request);
-    if (SUCCEEDED(hr))
-        hr = message->SendMessage(request, parameters, CVoHTTPMessage::EContentKind::Raw, true, {}, {}, false, nullptr);
-    if (FAILED(hr))
-        throw std::runtime_error("the transfer failed");
+    Demand(
+        SUCCEEDED(message->OpenRequest(request)) &&
+        SUCCEEDED(message->SendMessage(request, parameters, CVoHTTPMessage::EContentKind::Raw, true, {}, {}, false, nullptr)));
 }
 
 // One GET on a connection of its own.
-void Get(UINT32 transport, const std::string& url, bool useSink)
+void Get(const Client::CTransport& transport, const std::string& url, bool useSink)
 {
-    std::shared_ptr<CVoHTTPMessage> message;
+    const std::shared_ptr<CVoHTTPMessage> message = Client::Connect(transport, url, kTimeout);
     std::shared_ptr<CVoHTTPMessage::CHTTPRequestData> request;
     CCountingSink sink;
     CVoBinaryDataParser response;
-    HRESULT hr = Open(transport, url, message, request);
-    if (SUCCEEDED(hr) && useSink)
+    Demand(SUCCEEDED(message->OpenRequest(request)));
+    if (useSink)
         request->SetResponseSink(&sink);
-    if (SUCCEEDED(hr))
-        hr = message->SendGetRequest(request, {}, false, nullptr);
-    if (SUCCEEDED(hr))
-        hr = message->ReadResponse(request, response, CVoHTTPMessage::EResponseKind::Binary, nullptr, nullptr);
-    if (FAILED(hr) || sink.count + response.Payload().size() != kSize)
-        throw std::runtime_error("the transfer failed");
+    Demand(SUCCEEDED(message->SendGetRequest(request, {}, false, nullptr)) &&
+           SUCCEEDED(message->ReadResponse(request, response, CVoHTTPMessage::EResponseKind::Binary, nullptr, nullptr)) &&
+           sink.count + response.Payload().size() == kSize);
 }
 
 const Benchmark::CGroup kMemory("http-memory", []
@@ -80,17 +68,16 @@ const Benchmark::CGroup kMemory("http-memory", []
     const TestSupport::CTestServers* const servers = TestSupport::TestServers();
     const std::string url = servers ? servers->URL("/files/100m.bin") : loopback.URL("/");
     const std::string uploadUrl = servers ? servers->URL("/upload") : loopback.URL("/");
-    CVoBinaryDataParser parameters;
-    parameters.SetPayload(std::vector<BYTE>(kSize, 'x'));
-    for (const auto& [name, kind] : { std::pair("libcurl", 2U), { "WinHTTP", 1U }, { "WinINet", 0U } })
+    const CVoBinaryDataParser parameters = Client::MakePayload(kSize);
+    for (const Client::CTransport& transport : Client::kTransports)
     {
-        Benchmark::CompareMemory(std::string(name) + ", 100 MB down",
+        Benchmark::CompareMemory(std::string(transport.name) + ", 100 MB down",
                                  { { "a buffer of that size", [] { Benchmark::Keep(std::string(kSize, 'x').back()); } },
-                                   { "the library, into memory", [&, transport = kind] { Get(transport, url, false); } },
-                                   { "the library, into a sink", [&, transport = kind] { Get(transport, url, true); } } });
-        Benchmark::CompareMemory(std::string(name) + ", 100 MB up, beside the caller's payload",
+                                   { "the library, into memory", [&] { Get(transport, url, false); } },
+                                   { "the library, into a sink", [&] { Get(transport, url, true); } } });
+        Benchmark::CompareMemory(std::string(transport.name) + ", 100 MB up, beside the caller's payload",
                                  { { "a buffer of that size", [] { Benchmark::Keep(std::string(kSize, 'x').back()); } },
-                                   { "the library", [&, transport = kind] { Post(transport, uploadUrl, parameters); } } });
+                                   { "the library", [&] { Post(transport, uploadUrl, parameters); } } });
     }
 });
 } // namespace

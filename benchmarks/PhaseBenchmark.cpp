@@ -1,8 +1,7 @@
 // Where the time of one request goes on each transport: the phases that the record of the exchange has, the reading of the
 // body, and what is left, the library's own work before and after the transfer. The servers are those that ./bench starts.
 #include "Benchmark.h"
-
-#include <VoHTTPMessage.h>
+#include "Client.h"
 
 #include <support/TestServers.h>
 
@@ -12,32 +11,18 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 
 namespace
 {
+using Client::Connect;
+using Client::Demand;
 using Clock = std::chrono::steady_clock;
 
 constexpr size_t kSize = size_t{ 10 } << 10;
 
-void Demand(bool condition)
-{
-    if (!condition)
-        throw std::runtime_error("a request of the benchmark failed");
-}
-
 double SecondsBetween(Clock::time_point from, Clock::time_point to)
 {
     return std::chrono::duration<double>(to - from).count();
-}
-
-std::shared_ptr<CVoHTTPMessage> Connect(UINT32 transport, const std::string& url)
-{
-    CServerAddressData address;
-    std::shared_ptr<CVoHTTPMessage> message;
-    Demand(SUCCEEDED(address.SetAddress(std::wstring(url.begin(), url.end()), false, true, true)) &&
-           SUCCEEDED(CVoHTTPMessage::Connect(transport, address, nullptr, nullptr, nullptr, 30, 60, false, false, message)));
-    return message;
 }
 
 // The spans of some requests, each with a sample of each request.
@@ -103,12 +88,6 @@ const Benchmark::CGroup kPhases("http-phases", []
         std::printf("phases: left out, since there is no server; ./bench starts one\n");
         return;
     }
-    struct CTransport
-    {
-        const char* name;
-        UINT32 kind;
-    };
-    constexpr std::array kTransports{ CTransport{ "libcurl", 2 }, CTransport{ "WinHTTP", 1 }, CTransport{ "WinINet", 0 } };
     constexpr int kRequests = 200;
     const auto measure = [](const std::string& title, const std::function<std::shared_ptr<CVoHTTPMessage>()>& message)
     {
@@ -122,13 +101,13 @@ const Benchmark::CGroup kPhases("http-phases", []
     {
         const char* const security = isSecure ? "TLS" : "plain";
         const std::string url = isSecure ? servers->SecureURL("/files/10k.bin") : servers->URL("/files/10k.bin");
-        for (const CTransport& transport : kTransports)
+        for (const Client::CTransport& transport : Client::kTransports)
         {
             const std::string title = std::string("Phases of a GET of 10 KB, ") + transport.name + ", " + security;
-            measure(title, [message = Connect(transport.kind, url)] { return message; });
+            measure(title, [message = Connect(transport, url)] { return message; });
             // The Windows transports keep connections for the process.
-            if (transport.kind == 2)
-                measure(title + ", a new connection each", [&] { return Connect(transport.kind, url); });
+            if (transport.kind == Client::kCURL.kind)
+                measure(title + ", a new connection each", [&] { return Connect(transport, url); });
         }
     }
 });
