@@ -265,9 +265,7 @@ HRESULT CVoCookieRequest::FromUrl(std::wstring_view url, CVoCookieRequest& reque
 std::wstring VoCanonicalHost(std::wstring_view host)
 {
     std::wstring result(host);
-    for (wchar_t& character : result)
-        if (character >= L'A' && character <= L'Z')
-            character = static_cast<wchar_t>(character - L'A' + L'a');
+    std::transform(result.begin(), result.end(), result.begin(), VoToLowerAscii);
     if (!VoIsAscii(result) && result.size() <= kMaximumHostLength)
     {
         // A name that has no ASCII form stays as it is: it equals only itself.

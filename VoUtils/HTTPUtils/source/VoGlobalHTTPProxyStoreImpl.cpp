@@ -22,12 +22,6 @@ constexpr const wchar_t* kServerKeyKey = L"ServerKey";
 constexpr const wchar_t* kProxyKey = L"Proxy";
 constexpr const wchar_t* kCredentialsKey = L"Credentials";
 
-// Characters beyond ASCII keep their case: another spelling is another server, which costs one more look-up.
-constexpr wchar_t ToLowerCase(wchar_t character) noexcept
-{
-    return character >= L'A' && character <= L'Z' ? static_cast<wchar_t>(character - L'A' + L'a') : character;
-}
-
 // Guesses the server key of a URL without parsing it: parsing would take most of the time of a look-up. The cache has the keys
 // of well-formed URLs only. A key that equals one of them is the key that parsing gives; any other key finds nothing.
 class CQuickServerKey
@@ -45,7 +39,7 @@ public:
         const std::wstring_view server = url.substr(0, url.find_first_of(L"/?#", scheme + 3));
         if (server.size() > m_text.size())
             return;
-        std::transform(server.begin(), server.end(), m_text.begin(), ToLowerCase);
+        std::transform(server.begin(), server.end(), m_text.begin(), VoToLowerAscii);
         std::wstring_view key(m_text.data(), server.size());
         if (const std::wstring_view port = key.starts_with(L"https:") ? L":443" : L":80"; key.ends_with(port))
         {
@@ -67,8 +61,9 @@ private:
 
 std::wstring CProxyCache::ServerKeyOf(const CServerAddressData& address)
 {
+    // Characters beyond ASCII keep their case: another spelling is another server, which costs one more look-up.
     std::wstring key = address.BaseURL();
-    std::transform(key.begin(), key.end(), key.begin(), ToLowerCase);
+    std::transform(key.begin(), key.end(), key.begin(), VoToLowerAscii);
     return key;
 }
 

@@ -40,6 +40,16 @@ using CVoBytesView = CVoBasicTextView<char>;
 [[nodiscard]] std::wstring VoFormat(const wchar_t* format, ...);
 [[nodiscard]] std::wstring VoFormatV(const wchar_t* format, va_list arguments);
 
+// The other case of an ASCII letter; any other character stays as it is.
+[[nodiscard]] constexpr wchar_t VoToUpperAscii(wchar_t character) noexcept
+{
+    return character >= L'a' && character <= L'z' ? static_cast<wchar_t>(character - L'a' + L'A') : character;
+}
+[[nodiscard]] constexpr wchar_t VoToLowerAscii(wchar_t character) noexcept
+{
+    return character >= L'A' && character <= L'Z' ? static_cast<wchar_t>(character - L'A' + L'a') : character;
+}
+
 // Compare without regard to case, ordinal and independent of the locale (CompareStringOrdinal).
 [[nodiscard]] bool VoEqualsNoCase(CVoTextView a, CVoTextView b) noexcept;
 [[nodiscard]] bool VoStartsWithNoCase(CVoTextView text, CVoTextView prefix) noexcept;

@@ -72,7 +72,6 @@ bool VoEqualsNoCase(CVoTextView a, CVoTextView b) noexcept
     if (a.size() != b.size() || a.size() > INT_MAX)
         return false;
     // Most texts are ASCII and need no call of the platform.
-    const auto upper = [](wchar_t c) { return c >= L'a' && c <= L'z' ? static_cast<wchar_t>(c - (L'a' - L'A')) : c; };
     for (size_t i = 0; i < a.size(); ++i)
     {
         if ((a[i] | b[i]) >= 0x80)
@@ -80,7 +79,7 @@ bool VoEqualsNoCase(CVoTextView a, CVoTextView b) noexcept
             const auto length = static_cast<int>(a.size());
             return ::CompareStringOrdinal(a.data(), length, b.data(), length, TRUE) == CSTR_EQUAL;
         }
-        if (upper(a[i]) != upper(b[i]))
+        if (VoToUpperAscii(a[i]) != VoToUpperAscii(b[i]))
             return false;
     }
     return true;

@@ -2,6 +2,7 @@
 #include "VoNameIndex.h"
 
 #include <base/VoHResult.h>
+#include <base/VoText.h>
 
 #include <bit>
 #include <string>
@@ -32,7 +33,7 @@ private:
 [[nodiscard]] wchar_t ToUpper(wchar_t c)
 {
     if (c < 0x80)
-        return c >= L'a' && c <= L'z' ? static_cast<wchar_t>(c - (L'a' - L'A')) : c;
+        return VoToUpperAscii(c);
     static const CUpperCase s_upperCase;
     return s_upperCase[c];
 }
