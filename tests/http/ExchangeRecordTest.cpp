@@ -119,7 +119,9 @@ TEST_P(ExchangeTest, TheRecordExplainsAFailure)
         { "a status below 400", other.URL("/x"), EVoFailure::Status,
           L"the response of " + SeenHost() + L" port " + std::to_wstring(other.Port()) + L" has the status 203", "" },
         { "a challenge", challenge.URL("/x?k=SECRET"), EVoFailure::Credentials,
-          SeenHost() + L" port " + std::to_wstring(challenge.Port()) + L" demands credentials (status 401)", "" },
+          SeenHost() + L" port " + std::to_wstring(challenge.Port()) +
+              L" demands credentials (status 401) and got none that it accepts",
+          "" },
         { "a redirect to a closed port", elsewhere.URL("/x?k=SECRET"),
           isCurl ? EVoFailure::ConnectRefused : EVoFailure::ConnectFailed,
           L"could not connect to 127.0.0.1 port " + std::to_wstring(closed) + L": connection refused", "" },

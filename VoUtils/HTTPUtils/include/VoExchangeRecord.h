@@ -43,7 +43,7 @@ enum class EVoFailure
     Sink, // the caller's sink did not take the response
     RedirectLoop,
     RedirectRefused,
-    Credentials,      // the server demands some, and none were given
+    Credentials,      // the server demands some and got none that it accepts
     ProxyCredentials, // the proxy demands some
     Status,           // the response has another status than 200
     Other

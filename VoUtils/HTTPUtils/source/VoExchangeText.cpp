@@ -111,8 +111,8 @@ constexpr CFailureRow kFailures[] = {
     { EVoFailure::Sink, L"the response of %1 could not be written to its destination" },
     { EVoFailure::RedirectLoop, L"%1 redirects too often" },
     { EVoFailure::RedirectRefused, L"the redirect of %1 was not followed" },
-    { EVoFailure::Credentials, L"%1 demands credentials (status %2), and none were given" },
-    { EVoFailure::ProxyCredentials, L"the proxy demands credentials (status 407), and none were given" },
+    { EVoFailure::Credentials, L"%1 demands credentials (status %2) and got none that it accepts" },
+    { EVoFailure::ProxyCredentials, L"the proxy demands credentials (status 407) and got none that it accepts" },
     { EVoFailure::Status, L"the response of %1 has the status %2" },
 };
 
