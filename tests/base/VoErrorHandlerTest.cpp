@@ -272,7 +272,7 @@ TEST(LogFile, UnpairedSurrogatesAreReplacedAndTheLineStays)
     // Text that cannot be converted at all.
     const CFailOnCall<decltype(&::WideCharToMultiByte)> failing("kernel32.dll", "WideCharToMultiByte", 1, 0,
                                                                 ERROR_INVALID_PARAMETER);
-    log.WriteLine(kSource, 1, L"f", L"text");
+    log.WriteLine(kSource, 1, L"f", L"t\x00E9xt");
     EXPECT_EQ(ReadTestFile(log.LogFilePath()), before + "NO DATA");
 }
 

@@ -4,8 +4,6 @@
 #include <base/VoPlatform.h>
 #include <base/VoTextConversion.h>
 
-#include <algorithm>
-
 namespace
 {
 constexpr wchar_t kFirstBeyondAscii = 0x80;
@@ -112,11 +110,6 @@ std::string VoCookieBytesFromText(std::wstring_view text)
     bytes.reserve(text.size());
     ForEachByte(text, [&](char32_t value) { bytes += static_cast<char>(value); });
     return bytes;
-}
-
-bool VoIsAscii(std::wstring_view text) noexcept
-{
-    return std::all_of(text.begin(), text.end(), [](wchar_t character) { return character < kFirstBeyondAscii; });
 }
 
 size_t VoCookieByteLength(std::wstring_view text) noexcept

@@ -13,8 +13,6 @@
 [[nodiscard]] std::wstring VoCookieTextFromBytes(std::string_view bytes);
 // `text` is well-formed UTF-16, as all text of the store is; a lone surrogate becomes U+FFFD. Throws std::bad_alloc.
 [[nodiscard]] std::string VoCookieBytesFromText(std::wstring_view text);
-// Whether the text is its own bytes, one for each character: it has ASCII characters only.
-[[nodiscard]] bool VoIsAscii(std::wstring_view text) noexcept;
 // The number of bytes that VoCookieBytesFromText gives.
 [[nodiscard]] size_t VoCookieByteLength(std::wstring_view text) noexcept;
 

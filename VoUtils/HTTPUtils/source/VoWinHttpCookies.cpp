@@ -4,6 +4,7 @@
 #include "VoCookieBytes.h"
 
 #include <base/VoErrorHandler.h>
+#include <base/VoText.h>
 
 #include <string_view>
 

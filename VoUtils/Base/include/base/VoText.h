@@ -40,6 +40,9 @@ using CVoBytesView = CVoBasicTextView<char>;
 [[nodiscard]] std::wstring VoFormat(const wchar_t* format, ...);
 [[nodiscard]] std::wstring VoFormatV(const wchar_t* format, va_list arguments);
 
+// Whether the text has ASCII characters only. They are the same in UTF-16, in UTF-8 and in the ANSI code pages of Windows.
+[[nodiscard]] bool VoIsAscii(CVoTextView text) noexcept;
+[[nodiscard]] bool VoIsAscii(CVoBytesView text) noexcept;
 // The other case of an ASCII letter; any other character stays as it is.
 [[nodiscard]] constexpr wchar_t VoToUpperAscii(wchar_t character) noexcept
 {

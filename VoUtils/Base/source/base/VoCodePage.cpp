@@ -2,14 +2,17 @@
 #include "VoCodePage.h"
 
 #include <base/VoHResult.h>
+#include <base/VoText.h>
 
+#include <algorithm>
 #include <climits>
 
 namespace VoCodePage
 {
 namespace
 {
-// Texts up to this length are converted in one call through a buffer on the stack; longer ones are measured first.
+// Texts up to this length are converted in one call through a buffer on the stack, and without one where they are ASCII and
+// UTF-8; longer ones are measured first.
 constexpr size_t kShortText = 512;
 } // namespace
 
@@ -26,6 +29,12 @@ HRESULT FromText(UINT codePage, std::wstring_view text, std::string& bytes)
     const DWORD flags = codePage == CP_UTF8 ? WC_ERR_INVALID_CHARS : 0;
     if (text.size() <= kShortText)
     {
+        if (codePage == CP_UTF8 && VoIsAscii(text))
+        {
+            bytes.resize(text.size());
+            std::transform(text.begin(), text.end(), bytes.begin(), [](wchar_t c) { return static_cast<char>(c); });
+            return S_OK;
+        }
         char buffer[4 * kShortText];
         const int size =
             ::WideCharToMultiByte(codePage, flags, text.data(), length, buffer, int{ sizeof buffer }, nullptr, nullptr);
@@ -61,6 +70,11 @@ HRESULT ToText(UINT codePage, std::string_view bytes, std::wstring& text)
     const DWORD flags = codePage == CP_UTF8 ? MB_ERR_INVALID_CHARS : 0;
     if (bytes.size() <= kShortText)
     {
+        if (codePage == CP_UTF8 && VoIsAscii(bytes))
+        {
+            text.assign(bytes.begin(), bytes.end());
+            return S_OK;
+        }
         wchar_t buffer[kShortText];
         const int length = ::MultiByteToWideChar(codePage, flags, bytes.data(), size, buffer, int{ kShortText });
         if (length > 0)

@@ -66,6 +66,16 @@ std::wstring VoFormatV(const wchar_t* format, va_list arguments)
     return text;
 }
 
+bool VoIsAscii(CVoTextView text) noexcept
+{
+    return std::all_of(text.begin(), text.end(), [](wchar_t c) { return c < 0x80; });
+}
+
+bool VoIsAscii(CVoBytesView text) noexcept
+{
+    return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
 bool VoEqualsNoCase(CVoTextView a, CVoTextView b) noexcept
 {
     // The comparison folds each UTF-16 unit to one unit, so equal texts have equal lengths.
