@@ -154,6 +154,21 @@ TEST(CodecKernels, WidenAndNarrowAsTheScalarReferenceDoes)
     }
 }
 
+TEST(VoDataConversion, EncodesTheMemoryOfTheTextItReplaces)
+{
+    for (const size_t room : { size_t{ 0 }, size_t{ 1000 } }) // grown or not
+    {
+        std::wstring text(40, L'x');
+        text.reserve(room);
+        const auto* const own = reinterpret_cast<const BYTE*>(text.data());
+        const CBytes copy(own, own + text.size() * sizeof(wchar_t));
+        std::wstring expected;
+        VoDataConversion::BinToBase64(copy.data(), static_cast<INT32>(copy.size()), false, expected, 0);
+        VoDataConversion::BinToBase64(own, static_cast<INT32>(copy.size()), false, text, 0);
+        EXPECT_EQ(text, expected) << room;
+    }
+}
+
 TEST(VoDataConversion, ReportsNameTheBadQuantityFirst)
 {
     constexpr const wchar_t* kBase64 = L"VoDataConversion::Base64ToBin";

@@ -5,8 +5,8 @@
 //
 // Decoders: the buffer is allocated with new BYTE[] and belongs to the caller (CVoByteBuffer takes it in); a null buffer
 // pointer asks for the size alone. E_INVALIDARG for malformed text; on failure nothing is written and nothing leaks. `length`
-// is in bytes. Encoders: `line` is the line length in characters, 0 or less for one line; the text is replaced. Always S_OK. A
-// result buffer or text that cannot be allocated throws std::bad_alloc.
+// is in bytes. Encoders: `line` is the line length in characters, 0 or less for one line; the text is replaced, and the bytes
+// may be its own. Always S_OK. A result buffer or text that cannot be allocated throws std::bad_alloc.
 #pragma once
 
 #include <base/VoPlatform.h>

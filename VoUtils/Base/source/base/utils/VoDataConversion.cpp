@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <functional>
 #include <iterator>
 #include <limits>
 #include <memory>
@@ -363,6 +364,14 @@ void WriteText(std::wstring& text, size_t size, TFill fill)
 #endif
 }
 
+// Whether some of the bytes lie in the memory of the text.
+bool IsInside(std::span<const BYTE> bytes, const std::wstring& text) noexcept
+{
+    const auto room = std::as_bytes(std::span(text.data(), text.capacity() + 1));
+    const auto part = std::as_bytes(bytes);
+    return std::less<>()(room.data(), part.data() + part.size()) && std::less<>()(part.data(), room.data() + room.size());
+}
+
 constexpr std::wstring_view kLineBreak = L"\r\n";
 
 // Writes characters with a line break behind every `line` of them, so that a break may end the text.
@@ -403,7 +412,9 @@ void Encode(std::span<const BYTE> bytes, std::wstring& text, size_t line, size_t
     const bool hasLines = line > 0 && size >= line;
     if (!hasLines)
         line = size + 1; // no line will be full
-    WriteText(text, size + size / line * kLineBreak.size(), [&](wchar_t* to) noexcept
+    std::wstring other;  // replaces a text whose own memory is encoded
+    std::wstring& written = IsInside(bytes, text) ? other : text;
+    WriteText(written, size + size / line * kLineBreak.size(), [&](wchar_t* to) noexcept
     {
         const auto encode = [&](size_t groups)
         {
@@ -439,6 +450,8 @@ void Encode(std::span<const BYTE> bytes, std::wstring& text, size_t line, size_t
             writer.Write({ block.data(), tailCharacters });
         }
     });
+    if (&written != &text)
+        text.swap(other);
 }
 
 std::span<const BYTE> BytesOf(const BYTE* bytes, INT32 count) noexcept
