@@ -221,6 +221,40 @@ INSTANTIATE_TEST_SUITE_P(WinHttpRequest, ExchangeLife,
                                           testing::Values(EEnd::Clear, EEnd::ClearByTwoThreads, EEnd::Destroy, EEnd::InitAgain),
                                           testing::Bool()));
 
+TEST(WinHttpRequest, ClearEndsOnEachThreadWhenTheHandleCannotBeClosed)
+{
+    CGate arrived;
+    CGate closing;
+    CGate goOn;
+    CLoopbackServer server([&](const CRequest&, CConnection& connection)
+    {
+        arrived.Open();
+        connection.WaitForPeerClose(std::chrono::minutes(1));
+    });
+    CExchangeOwner owner(server.Port());
+    ASSERT_EQ(owner.Init({}), S_OK);
+    ASSERT_EQ(owner.exchange.Send(), S_OK);
+    arrived.Wait();
+    const HINTERNET handle = owner.request.Get();
+    {
+        const CCallHook<decltype(&::WinHttpCloseHandle)> hook("winhttp.dll", "WinHttpCloseHandle", [&](auto, HINTERNET)
+        {
+            closing.Open();
+            goOn.Wait();
+            ::SetLastError(ERROR_INVALID_HANDLE);
+            return FALSE;
+        });
+        auto first = std::async(std::launch::async, [&] { return owner.exchange.Clear(); });
+        closing.Wait();
+        auto second = std::async(std::launch::async, [&] { return owner.exchange.Clear(); });
+        EXPECT_EQ(second.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+        goOn.Open();
+        EXPECT_EQ(first.get(), E_FAIL);
+        EXPECT_EQ(second.get(), S_OK);
+    }
+    EXPECT_TRUE(::WinHttpCloseHandle(handle));
+}
+
 TEST(WinHttpRequest, AFunctionMayClearOrDestroyItsExchange)
 {
     const CAcquireBalance balance = WinHttpHandleBalance();

@@ -138,6 +138,7 @@ void CExchange::Abandon() noexcept
         std::swap(m_functions, functions);
         m_context = nullptr;
     }
+    m_changed.NotifyAll(); // another thread may wait in Close
     Fail(kCancelled);
 }
 
