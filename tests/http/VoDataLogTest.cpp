@@ -66,7 +66,7 @@ private:
 TEST_P(DataLog, HoldsTheBytesOfBothDirectionsWhileTheModuleIsDebugged)
 {
     CServer server(Responds(200, {}, "a=1"));
-    const std::string body = "&&" + RandomBytes(40'000);
+    const std::string body = "&&" + RandomBytes(100'000);
     const auto message = Connect(server.URL());
 #ifdef NDEBUG
     EXPECT_FALSE(CVoModuleInformation::Get().IsDebug()) << "on in debug builds only";
