@@ -77,6 +77,8 @@ public:
         PutOutcome(context, outcome);
         if (m_file && m_file->HasFailed())
             throw CDetailedFailure(outcome.result, m_output);
+        if (const std::string fault = FaultOfOptions(); FAILED(outcome.result) && !fault.empty())
+            throw CDetailedFailure(outcome.result, fault);
         Check(outcome.result);
         PutResponse(context, outcome.response);
     }
@@ -120,6 +122,8 @@ protected:
         return request.message.ReadResponse(request.data, response.messages.emplace_back(), kind, nullptr, nullptr);
     }
     [[nodiscard]] virtual bool HasSeveralMessages() const noexcept { return false; }
+    // Why the request of these options cannot be made; empty when it can.
+    [[nodiscard]] virtual std::string FaultOfOptions() const { return {}; }
 
 private:
     // Whether the payload goes to its file while it arrives, and not through memory. A JSON object has it as well; standard
@@ -380,6 +384,16 @@ protected:
                                                      nullptr);
     }
     [[nodiscard]] bool HasSeveralMessages() const noexcept override { return !m_messages.empty(); }
+    [[nodiscard]] std::string FaultOfOptions() const override
+    {
+        if (m_kind == EContentKind::SignedForm && m_key.empty())
+            return "--kind signed needs --key";
+        if (m_kind == EContentKind::SignedForm && m_signatureName.empty())
+            return "--kind signed needs --signature-name";
+        if (m_kind != EContentKind::Raw && m_kind != EContentKind::Multipart && m_parameters.HasPayload())
+            return "only --kind raw and multipart send a --payload";
+        return {};
+    }
 
 private:
     COptions m_options;

@@ -100,9 +100,16 @@ TEST_F(ConsoleRequests, EachKindSendsItsBody)
         EXPECT_TRUE(isWhole ? type == contentType : type.starts_with(contentType)) << type;
         EXPECT_TRUE(isWhole ? request.body == body : request.body.find(body) != std::string::npos) << request.body;
     }
-    // A signed form needs a key.
-    EXPECT_EQ(Run({ "send", m_server.URL("/reply"), "--kind", "signed", "-p", "a=1", "--json" }).Json()["result"],
-              "0x80070057");
+    const auto fails = [this](std::vector<std::string> options, const char* error)
+    {
+        options.insert(options.begin(), { "send", m_server.URL("/reply"), "--kind" });
+        const CConsoleResult result = Run(options, "xyz");
+        EXPECT_EQ(result.exitCode, 1);
+        EXPECT_TRUE(result.err.starts_with(std::string("voutils: ") + error + "\n")) << result.err;
+    };
+    fails({ "signed" }, "0x80070057 Invalid parameter. (--kind signed needs --key)");
+    fails({ "form", "--payload", "-" }, "0x80004001 Not implemented. (only --kind raw and multipart send a --payload)");
+    EXPECT_TRUE(m_server.TakeRequests().empty());
 }
 
 TEST_F(ConsoleRequests, JsonHasAllKeysOfAnExchange)
