@@ -126,11 +126,16 @@ private:
         }
         throw std::length_error("too many hooks of one function type");
     }
+    static R Call(size_t slot, Args... args)
+    {
+        const std::shared_ptr<SState> state = Slots()[slot].state;
+        return state->replacement(state->original, args...);
+    }
+    // All that differs between the slots: a type has as many of these as slots, and the compiler compiles each.
     template <size_t kSlot>
     static R WINAPI Trampoline(Args... args)
     {
-        const std::shared_ptr<SState> state = Slots()[kSlot].state;
-        return state->replacement(state->original, args...);
+        return Call(kSlot, args...);
     }
     template <size_t... kIndex>
     static std::array<Original, kSlots> Trampolines(std::index_sequence<kIndex...>) noexcept
