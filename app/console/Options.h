@@ -1,5 +1,5 @@
-// How a command describes its part of the command line. The option parser behind it is included by Options.cpp and Console.cpp
-// only, because its header takes longer to compile than any command.
+// How a command describes its part of the command line. CommandLine.cpp has the bodies: only that file includes the option
+// parser.
 #pragma once
 
 #include <base/VoPlatform.h>
