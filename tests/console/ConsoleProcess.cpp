@@ -76,21 +76,9 @@ CConsoleProcess::CConsoleProcess(const std::vector<std::wstring>& arguments)
     std::wstring commandLine = Quote(VOUTILS_CONSOLE);
     for (const std::wstring& argument : arguments)
         commandLine += L' ' + Quote(argument);
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdInput = in.child.Get();
-    startup.hStdOutput = out.child.Get();
-    startup.hStdError = err.child.Get();
-    PROCESS_INFORMATION process{};
     // A group of its own gets control events alone. Wine would make it deaf to signals.
     const DWORD flags = TestSupport::IsWine() ? 0 : CREATE_NEW_PROCESS_GROUP;
-    if (!::CreateProcessW(VOUTILS_CONSOLE, commandLine.data(), nullptr, nullptr, TRUE, flags, nullptr, nullptr, &startup,
-                          &process))
-        throw std::runtime_error("the console does not start: error " + std::to_string(::GetLastError()));
-    ::CloseHandle(process.hThread);
-    m_process.Reset(process.hProcess);
-    m_processId = process.dwProcessId;
+    m_process.emplace(commandLine, TestSupport::CProcessStreams{ in.child.Get(), out.child.Get(), err.child.Get() }, flags);
     m_in = std::move(in.ours);
     m_out = std::move(out.ours);
     m_err = std::move(err.ours);
@@ -101,7 +89,7 @@ void CConsoleProcess::Interrupt(const std::string& mark) const
 {
     if (!TestSupport::IsWine())
     {
-        ::GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, m_processId);
+        ::GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, m_process->Id());
         return;
     }
     // The brackets keep the shell's own command line from matching.
@@ -142,10 +130,7 @@ CConsoleResult CConsoleProcess::Finish()
     result.out = ReadToEnd(m_out);
     m_errorReader.join();
     result.err = m_errors;
-    DWORD code = 0;
-    ::WaitForSingleObject(m_process.Get(), INFINITE);
-    ::GetExitCodeProcess(m_process.Get(), &code);
-    result.exitCode = static_cast<int>(code);
+    result.exitCode = static_cast<int>(m_process->Wait());
     return result;
 }
 

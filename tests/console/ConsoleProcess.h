@@ -5,6 +5,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include <support/Process.h>
+
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -38,8 +41,7 @@ public:
     [[nodiscard]] CConsoleResult Finish();
 
 private:
-    CVoHandle m_process;
-    DWORD m_processId = 0;
+    std::optional<TestSupport::CProcess> m_process;
     CVoHandle m_out;
     CVoHandle m_err;
     std::string m_errors;

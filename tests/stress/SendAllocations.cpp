@@ -1,11 +1,11 @@
 // The rows of the table of allocations for exchanges with a server: the sends and reads of a message, and the operations of the
 // client, over each transport. The server is another process, so that its memory, its handles and its calls are not counted.
 #include "Allocations.h"
-#include "ChildProcess.h"
 
 #include <http/TransportFixture.h>
 #include <support/Compress.h>
 #include <support/KeyPairs.h>
+#include <support/Process.h>
 
 #include <VoHTTPClient.h>
 #include <VoHTTPTransports.h>
@@ -77,7 +77,7 @@ public:
     CServerProcess()
     {
         ::SetEnvironmentVariableW(kParent, m_parent.c_str());
-        m_child.emplace("server");
+        m_child.emplace(ThisProgram(L"Child.DISABLED_server"), CProcessStreams{}, DETACHED_PROCESS);
         Require(::WaitForSingleObject(m_ready.Handle(), 60'000) == WAIT_OBJECT_0, "the server does not start");
         m_url = L"http://127.0.0.1:" + Units(ReadTestFile(PortFile()));
     }
@@ -89,7 +89,7 @@ public:
 private:
     const std::wstring m_parent = std::to_wstring(::GetCurrentProcessId());
     const CEvent m_ready{ false, true, ReadyEvent(m_parent).c_str() };
-    std::optional<CChild> m_child;
+    std::optional<CProcess> m_child;
     std::wstring m_url;
 };
 constexpr UINT32 kTimeout = 5; // seconds

@@ -1,10 +1,10 @@
 // Many threads on one message and on shared stores, requests that are cancelled and dropped at any moment, processes that share
 // a log or are killed while they write, and what many requests leave behind.
 #include "Campaign.h"
-#include "ChildProcess.h"
 
 #include <http/TransportFixture.h>
 #include <support/MemoryMeter.h>
+#include <support/Process.h>
 
 #include <VoGlobalHTTPProxyStoreImpl.h>
 #include <VoHTTPClient.h>
@@ -287,11 +287,11 @@ void SharedLog()
     {
         FillLog();
         {
-            std::vector<std::unique_ptr<CChild>> children;
+            std::vector<CProcess> children;
             for (int i = 0; i < 8; ++i)
-                children.push_back(std::make_unique<CChild>("log"));
-            for (const auto& child : children)
-                EXPECT_EQ(child->Wait(), 0U);
+                children.emplace_back(ThisProgram(L"Child.DISABLED_log"), CProcessStreams{}, DETACHED_PROCESS);
+            for (const CProcess& child : children)
+                EXPECT_EQ(child.Wait(), 0U);
         }
         const std::string bytes = ReadTestFile(VoErrorLog().LogFilePath());
         EXPECT_LT(bytes.size(), size_t{ 6 } << 20) << "the log was not cut";
@@ -342,7 +342,7 @@ void KilledWriters()
         if (random() % 2)
             FillLog();
         const CEvent ready(false, true, kReadyEvent);
-        const CChild child("save");
+        const CProcess child(ThisProgram(L"Child.DISABLED_save"), {}, DETACHED_PROCESS);
         EXPECT_EQ(::WaitForSingleObject(ready.Handle(), 60'000), WAIT_OBJECT_0);
         // Any moment will do: the more different the better.
         for (auto spins = random() % 3'000'000; spins > 0; --spins)

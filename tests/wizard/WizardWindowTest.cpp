@@ -14,6 +14,7 @@
 
 #include <support/DialogUser.h>
 #include <support/HTTPSupport.h>
+#include <support/Process.h>
 #include <support/TestMain.h>
 
 namespace
@@ -290,19 +291,7 @@ TEST_F(WizardWindow, EveryTextFitsAtOtherScales)
     for (const DWORD dpi : { 144U, 192U })
     {
         ::RegSetValueExW(key, L"LogPixels", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&dpi), sizeof dpi);
-        std::wstring program(MAX_PATH, L'\0');
-        program.resize(::GetModuleFileNameW(nullptr, program.data(), MAX_PATH));
-        program = L"\"" + program + L"\" --gtest_filter=WizardWindow.EveryTextFits";
-        STARTUPINFOW startup{};
-        startup.cb = sizeof startup;
-        PROCESS_INFORMATION info{};
-        DWORD code = MAXDWORD;
-        EXPECT_TRUE(::CreateProcessW(nullptr, program.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &info));
-        ::WaitForSingleObject(info.hProcess, INFINITE);
-        ::GetExitCodeProcess(info.hProcess, &code);
-        ::CloseHandle(info.hThread);
-        ::CloseHandle(info.hProcess);
-        EXPECT_EQ(code, 0U) << dpi;
+        EXPECT_EQ(TestSupport::CProcess(TestSupport::ThisProgram(L"WizardWindow.EveryTextFits")).Wait(), 0U) << dpi;
     }
     ::RegDeleteValueW(key, L"LogPixels");
     ::RegCloseKey(key);
