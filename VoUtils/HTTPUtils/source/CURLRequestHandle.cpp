@@ -17,6 +17,45 @@ namespace
 {
 // Schannel offers ALPN from Windows 8.1 on.
 constexpr ESystemClass kFirstSystemWithALPN = ESystemClass::Windows81;
+
+// Sets the rest of the options that all requests of a message share.
+void SetShared(CCURLOptions& options, const CCURLRequestHandle::CSettings& settings) noexcept
+{
+    const bool offersALPN = VoSystemInformation().systemClass >= kFirstSystemWithALPN;
+    options.Set(735, CURLOPT_SSL_ENABLE_ALPN, offersALPN ? 1L : 0L)
+        .Set(738, CURLOPT_PROTOCOLS, static_cast<long>(CURLPROTO_HTTP | CURLPROTO_HTTPS))
+        .Set(741, CURLOPT_DEFAULT_PROTOCOL, "http")
+        .Set(744, CURLOPT_TCP_NODELAY, 1L)
+        .Set(747, CURLOPT_TCP_KEEPALIVE, 1L)
+        .Set(750, CURLOPT_TCP_KEEPIDLE, 120L)
+        .Set(753, CURLOPT_TCP_KEEPINTVL, 40L)
+        .Set(756, CURLOPT_HTTP_TRANSFER_DECODING, 1L)
+        .Set(759, CURLOPT_HTTP_CONTENT_DECODING, 1L)
+        .Set(762, CURLOPT_TRANSFER_ENCODING, 0L)
+        .Set(765, CURLOPT_ACCEPT_ENCODING, "")
+        .Set(768, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(settings.connectTimeout))
+        .Set(771, CURLOPT_TIMEOUT_MS, static_cast<long>(settings.requestTimeout))
+        .Set(774, CURLOPT_READFUNCTION, &read_callback)
+        .Set(777, CURLOPT_READDATA, static_cast<void*>(nullptr))
+        .Set(780, CURLOPT_IOCTLFUNCTION, &ioctl_callback)
+        .Set(783, CURLOPT_IOCTLDATA, static_cast<void*>(nullptr))
+        .Set(786, CURLOPT_WRITEFUNCTION, &write_callback)
+        .Set(789, CURLOPT_WRITEDATA, static_cast<void*>(nullptr))
+        .Set(792, CURLOPT_HEADERFUNCTION, &header_callback)
+        .Set(795, CURLOPT_HEADERDATA, static_cast<void*>(nullptr))
+        .Set(798, CURLOPT_XFERINFOFUNCTION, static_cast<curl_xferinfo_callback>(nullptr))
+        .Set(801, CURLOPT_XFERINFODATA, static_cast<void*>(nullptr))
+        .Set(804, CURLOPT_NOPROGRESS, 1L)
+        .Set(807, CURLOPT_MAXCONNECTS, 1000L)
+        .Set(810, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1))
+        .Set(813, CURLOPT_FOLLOWLOCATION, 1L)
+        // Not the server's words: a proxy's answer to CONNECT is judged by its code alone.
+        .Set(822, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L)
+        .Set(827, CURLOPT_MAXREDIRS, long{ kVoMaximumRedirects })
+        .Set(828, CURLOPT_OPENSOCKETFUNCTION, &opensocket_callback)
+        .Set(830, CURLOPT_PREREQFUNCTION, &prereq_callback)
+        .Set(832, CURLOPT_NOSIGNAL, 1L);
+}
 } // namespace
 
 CCURLRequestHandle::CCURLRequestHandle(std::shared_ptr<CCURLConnections> connections) noexcept
@@ -64,20 +103,6 @@ HRESULT CCURLRequestHandle::SetTransfer(size_t bodyLength, CHeaderContext& heade
     if (SUCCEEDED(hr)) // the write callback decodes
         hr = CURLSetOpt(handle, CURLOPT_HTTP_CONTENT_DECODING, 0L);
     return SUCCEEDED(hr) ? hr : report(263, hr);
-}
-
-HRESULT CCURLRequestHandle::SetUserAgentForRequest() noexcept
-{
-    constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::SetUserAgentForRequest" };
-    return report.Guard(359, [&]() -> HRESULT
-    {
-        static const std::wstring userAgent = CVoHTTPMessage::GetUserAgentString(L"CVoHTTPMessageCURL");
-        std::string bytes;
-        HRESULT hr = VoStringToUTF8(userAgent, bytes);
-        if (SUCCEEDED(hr))
-            hr = CURLSetOpt(m_handle.get(), CURLOPT_USERAGENT, bytes.c_str());
-        return SUCCEEDED(hr) ? hr : report(358, hr);
-    });
 }
 
 HRESULT CCURLRequestHandle::ResetConnection() noexcept
@@ -149,61 +174,24 @@ HRESULT CCURLRequestHandle::Init(const CSettings& settings)
     if (!m_handle)
         return report(711, E_INVALIDARG);
 
-    const bool debug = CVoModuleInformation::Get().IsDebug();
-    const auto setOwn = [&](CCURLOptions options)
-    {
-        return options.Set(726, CURLOPT_VERBOSE, debug ? 1L : 0L)
-            .Set(729, CURLOPT_DEBUGFUNCTION, debug ? &debug_callback : nullptr)
-            .Set(732, CURLOPT_DEBUGDATA, debug ? settings.request : nullptr)
-            .Set(829, CURLOPT_OPENSOCKETDATA, static_cast<void*>(settings.addresses))
-            .Result();
-    };
-    if (m_isInitialised)
-        return setOwn(CCURLOptions(m_handle.get(), report));
-    const bool offersALPN = VoSystemInformation().systemClass >= kFirstSystemWithALPN;
-    if (const HRESULT hr = SetUserAgentForRequest(); FAILED(hr))
-        return report(714, hr);
-
     CCURLOptions options(m_handle.get(), report);
-    options.Set(717, CURLOPT_SSL_VERIFYPEER, settings.verifiesCertificate ? 1L : 0L)
-        .Set(720, CURLOPT_SSL_VERIFYHOST, settings.verifiesCertificate ? 2L : 0L)
-        .Set(723, CURLOPT_SSL_OPTIONS, settings.checksRevocation ? 0L : static_cast<long>(CURLSSLOPT_NO_REVOKE))
-        .Set(735, CURLOPT_SSL_ENABLE_ALPN, offersALPN ? 1L : 0L)
-        .Set(738, CURLOPT_PROTOCOLS, static_cast<long>(CURLPROTO_HTTP | CURLPROTO_HTTPS))
-        .Set(741, CURLOPT_DEFAULT_PROTOCOL, "http")
-        .Set(744, CURLOPT_TCP_NODELAY, 1L)
-        .Set(747, CURLOPT_TCP_KEEPALIVE, 1L)
-        .Set(750, CURLOPT_TCP_KEEPIDLE, 120L)
-        .Set(753, CURLOPT_TCP_KEEPINTVL, 40L)
-        .Set(756, CURLOPT_HTTP_TRANSFER_DECODING, 1L)
-        .Set(759, CURLOPT_HTTP_CONTENT_DECODING, 1L)
-        .Set(762, CURLOPT_TRANSFER_ENCODING, 0L)
-        .Set(765, CURLOPT_ACCEPT_ENCODING, "")
-        .Set(768, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(settings.connectTimeout))
-        .Set(771, CURLOPT_TIMEOUT_MS, static_cast<long>(settings.requestTimeout))
-        .Set(774, CURLOPT_READFUNCTION, &read_callback)
-        .Set(777, CURLOPT_READDATA, static_cast<void*>(nullptr))
-        .Set(780, CURLOPT_IOCTLFUNCTION, &ioctl_callback)
-        .Set(783, CURLOPT_IOCTLDATA, static_cast<void*>(nullptr))
-        .Set(786, CURLOPT_WRITEFUNCTION, &write_callback)
-        .Set(789, CURLOPT_WRITEDATA, static_cast<void*>(nullptr))
-        .Set(792, CURLOPT_HEADERFUNCTION, &header_callback)
-        .Set(795, CURLOPT_HEADERDATA, static_cast<void*>(nullptr))
-        .Set(798, CURLOPT_XFERINFOFUNCTION, static_cast<curl_xferinfo_callback>(nullptr))
-        .Set(801, CURLOPT_XFERINFODATA, static_cast<void*>(nullptr))
-        .Set(804, CURLOPT_NOPROGRESS, 1L)
-        .Set(807, CURLOPT_MAXCONNECTS, 1000L)
-        .Set(810, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1))
-        .Set(813, CURLOPT_FOLLOWLOCATION, 1L)
-        // Not the server's words: a proxy's answer to CONNECT is judged by its code alone.
-        .Set(822, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L)
-        .Set(827, CURLOPT_MAXREDIRS, long{ kVoMaximumRedirects })
-        .Set(828, CURLOPT_OPENSOCKETFUNCTION, &opensocket_callback)
-        .Set(830, CURLOPT_PREREQFUNCTION, &prereq_callback)
-        .Set(832, CURLOPT_NOSIGNAL, 1L);
-    if (FAILED(options.Result()))
-        return options.Result();
-    m_isInitialised = true;
-    return setOwn(options);
+    if (!m_isInitialised)
+    {
+        if (const HRESULT hr = SetUserAgentForRequest(m_handle.get()); FAILED(hr))
+            return report(714, hr);
+        options.Set(717, CURLOPT_SSL_VERIFYPEER, settings.verifiesCertificate ? 1L : 0L)
+            .Set(720, CURLOPT_SSL_VERIFYHOST, settings.verifiesCertificate ? 2L : 0L)
+            .Set(723, CURLOPT_SSL_OPTIONS, settings.checksRevocation ? 0L : static_cast<long>(CURLSSLOPT_NO_REVOKE));
+    }
+    // These are the request's own.
+    const bool debug = CVoModuleInformation::Get().IsDebug();
+    options.Set(726, CURLOPT_VERBOSE, debug ? 1L : 0L)
+        .Set(729, CURLOPT_DEBUGFUNCTION, debug ? &debug_callback : nullptr)
+        .Set(732, CURLOPT_DEBUGDATA, debug ? settings.request : nullptr);
+    if (!m_isInitialised)
+        SetShared(options, settings);
+    options.Set(829, CURLOPT_OPENSOCKETDATA, static_cast<void*>(settings.addresses));
+    m_isInitialised = SUCCEEDED(options.Result());
+    return options.Result();
 }
 } // namespace VoHTTPMessageCURL

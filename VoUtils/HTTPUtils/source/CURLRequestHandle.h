@@ -56,9 +56,6 @@ public:
     void ReadLocalAddress(std::wstring& text) const noexcept;
 
 private:
-    // Sets the process's user agent.
-    [[nodiscard]] HRESULT SetUserAgentForRequest() noexcept;
-
     // The handle is destroyed before the connections and the buffer that it uses.
     std::shared_ptr<CCURLConnections> m_connections;
     std::array<char, CURL_ERROR_SIZE> m_errorText{};

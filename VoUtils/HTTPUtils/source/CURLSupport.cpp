@@ -74,6 +74,20 @@ catch (...)
     return E_FAIL;
 }
 
+HRESULT SetUserAgentForRequest(CURL* handle) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::SetUserAgentForRequest" };
+    return report.Guard(359, [&]() -> HRESULT
+    {
+        static const std::wstring userAgent = CVoHTTPMessage::GetUserAgentString(L"CVoHTTPMessageCURL");
+        std::string bytes;
+        HRESULT hr = VoStringToUTF8(userAgent, bytes);
+        if (SUCCEEDED(hr))
+            hr = CURLSetOpt(handle, CURLOPT_USERAGENT, bytes.c_str());
+        return SUCCEEDED(hr) ? hr : report(358, hr);
+    });
+}
+
 CCURLHandle MakeCURLHandle() noexcept
 {
     // Never undone: the process may be using libcurl beside this library. A failure is not kept: memory may be there next time.

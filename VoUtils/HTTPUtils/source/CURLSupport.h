@@ -69,6 +69,9 @@ private:
     HRESULT m_result = S_OK;
 };
 
+// Sets the process's user agent.
+[[nodiscard]] HRESULT SetUserAgentForRequest(CURL* handle) noexcept;
+
 // Owns an easy handle.
 struct CCURLHandleDeleter
 {
