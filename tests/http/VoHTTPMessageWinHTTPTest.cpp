@@ -94,14 +94,14 @@ TEST_P(WinHTTPTransport, OpensARequestWithTheSwitchesOfItsAddress)
     }
 }
 
-TEST_P(WinHTTPTransport, IgnoresARefusedTuningOptionAndNoOtherFailure)
+TEST_P(WinHTTPTransport, IgnoresARefusedSwitchOffAndNoOtherFailure)
 {
     struct
     {
         DWORD option, error;
         bool connects, opens;
         bool revocation = false;
-    } const cases[] = { { 3, 12009, true, true },   { 73, 12016, true, true },        { 73, 5, false, false },
+    } const cases[] = { { 3, 12009, false, false }, { 73, 12016, false, false },      { 74, 12009, false, false },
                         { 6, 87, false, false },    { 79, 87, true, true },           { 79, 12009, true, true },
                         { 79, 12004, true, false }, { 79, 12009, true, false, true }, { 79, 87, true, false, true },
                         { 31, 12009, true, false }, { 63, 12009, true, false },       { 88, 12009, true, false },

@@ -121,10 +121,10 @@ TEST_F(WinINetTransport, ReadsAtMost64KBOfTheProbesBody)
     EXPECT_EQ(m_platform.Take("Read h3 1").size(), 65'536U);
 }
 
-TEST_F(WinINetTransport, ConnectsDespiteARefusedTuningOption)
+TEST_F(WinINetTransport, ConnectsDespiteARefusedLimit)
 {
     const std::tuple<const char*, std::vector<DWORD>, HRESULT> table[] = {
-        { "SetOption 2", { 12009U }, S_OK },           { "SetOption 6", { 87U }, Code(87) },
+        { "SetOption 2", { 12009U }, Code(12009) },    { "SetOption 6", { 12016U }, Code(12016) },
         { "SetOption 73", { 12016U, 12016U }, S_OK }, // of the connection, then of all
         { "SetOption 73", { 12016U, 87U }, Code(87) }, { "SetOption 73", { 12018U }, Code(12018) },
         { "SetOption 103", { 12016U }, S_OK },         { "SetOption 103", { 6U }, Code(6) },

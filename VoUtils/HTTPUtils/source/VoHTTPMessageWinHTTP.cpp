@@ -14,7 +14,6 @@
 #include <base/VoUtils.h>
 
 using VoWinHttpInterface::WinHttpConnectionHandle;
-using VoWinHttpInterface::WinHttpHandle;
 using VoWinHttpInterface::WinHttpRequestHandle;
 using VoWinHttpRequest::CVoWinHttpPostRequest;
 using VoWinHttpRequest::CVoWinHttpRequest;
@@ -33,20 +32,6 @@ constexpr DWORD kIgnoreCertificate = SECURITY_FLAG_IGNORE_UNKNOWN_CA | SECURITY_
 constexpr CVoTransportFacts kFacts{ .unexpectedStatus = kResultUnexpectedStatus,
                                     .savesProxyAtOnce = true,
                                     .notifiesAfterStatus = true };
-
-// Sets an option that only tunes the service. A refused tuning is traced and passed over.
-HRESULT SetTuning(const WinHttpHandle& handle, DWORD option, DWORD value, const CVoReporter& report, int line,
-                  int refusedLine) noexcept
-{
-    const HRESULT hr = handle.SetOption(option, value);
-    if (SUCCEEDED(hr))
-        return S_OK;
-    constexpr DWORD kOn = 1; // a limit cannot be switched off: any other number than 0 serves
-    if (!WindowsTransport::IsRefusedTuning(hr, option == WINHTTP_OPTION_ENABLE_FEATURE ? value : kOn))
-        return report(line, hr);
-    report.Message(refusedLine, L"Option %lu was refused: 0x%08lX", option, static_cast<unsigned long>(hr));
-    return S_OK;
-}
 
 // The text with every occurrence of `what`, in any case, replaced. The texts are ASCII.
 std::wstring ReplaceAll(std::wstring_view text, std::wstring_view what, std::wstring_view by)
@@ -199,8 +184,8 @@ HRESULT CVoHTTPMessageWinHTTP::InitSession() noexcept
         { WINHTTP_OPTION_RECEIVE_RESPONSE_TIMEOUT, Milliseconds(m_requestTimeout) },
     };
     for (const CSetting& setting : settings)
-        if (const HRESULT hr = SetTuning(m_session, setting.option, setting.value, report, 245, 246); FAILED(hr))
-            return hr;
+        if (const HRESULT hr = m_session.SetOption(setting.option, setting.value); FAILED(hr))
+            return report(245, hr);
     return S_OK;
 }
 
@@ -244,13 +229,14 @@ HRESULT CVoHTTPMessageWinHTTP::OpenHandle(CRequest& opened)
                 request.m_handle.SetOption(WINHTTP_OPTION_CLIENT_CERT_CONTEXT, WINHTTP_NO_CLIENT_CERT_CONTEXT, 0);
             FAILED(hr))
             report.Message(312, L"The absence of a client certificate was refused: 0x%08lX", static_cast<unsigned long>(hr));
+    // Switching revocation checks on must succeed. Switching them off may be refused: a request has none by itself.
     const DWORD features = m_checkCertificateRevocation ? WINHTTP_ENABLE_SSL_REVOCATION : 0;
-    // Switching revocation checks on is no tuning: it must succeed.
-    if (const HRESULT hr = features == 0
-                               ? SetTuning(request.m_handle, WINHTTP_OPTION_ENABLE_FEATURE, features, report, 315, 316)
-                               : request.m_handle.SetOption(WINHTTP_OPTION_ENABLE_FEATURE, features);
-        FAILED(hr))
-        return report(317, hr);
+    if (const HRESULT hr = request.m_handle.SetOption(WINHTTP_OPTION_ENABLE_FEATURE, features); FAILED(hr))
+    {
+        if (features != 0 || !WindowsTransport::IsRefusedSwitchOff(hr))
+            return report(317, hr);
+        report.Message(316, L"Switching no feature on was refused: 0x%08lX", static_cast<unsigned long>(hr));
+    }
     // The transport core follows redirects.
     if (const HRESULT hr = request.m_handle.SetOption(WINHTTP_OPTION_REDIRECT_POLICY, WINHTTP_OPTION_REDIRECT_POLICY_NEVER);
         FAILED(hr))

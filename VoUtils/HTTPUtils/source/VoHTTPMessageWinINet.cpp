@@ -165,15 +165,16 @@ HRESULT CVoHTTPMessageWinINet::SetTimeoutsAndLimits(const CInternetHandle& conne
     struct CSetting
     {
         DWORD option;
-        bool onConnection; // else for the process
         DWORD value;
+        bool isLimit = false;     // the service may refuse it
+        bool onConnection = true; // else for the process
     };
     const CSetting settings[] = {
-        { INTERNET_OPTION_CONNECT_TIMEOUT, true, Milliseconds(m_connectTimeout) },
-        { INTERNET_OPTION_SEND_TIMEOUT, true, Milliseconds(m_connectTimeout) },
-        { INTERNET_OPTION_RECEIVE_TIMEOUT, true, Milliseconds(m_requestTimeout) },
-        { INTERNET_OPTION_MAX_CONNS_PER_SERVER, true, WindowsTransport::kMaximumConnections },
-        { kOptionMaximumConnectionsPerProxy, false, WindowsTransport::kMaximumConnections },
+        { INTERNET_OPTION_CONNECT_TIMEOUT, Milliseconds(m_connectTimeout) },
+        { INTERNET_OPTION_SEND_TIMEOUT, Milliseconds(m_connectTimeout) },
+        { INTERNET_OPTION_RECEIVE_TIMEOUT, Milliseconds(m_requestTimeout) },
+        { INTERNET_OPTION_MAX_CONNS_PER_SERVER, WindowsTransport::kMaximumConnections, true },
+        { kOptionMaximumConnectionsPerProxy, WindowsTransport::kMaximumConnections, true, false },
     };
     for (const CSetting& setting : settings)
     {
@@ -181,14 +182,14 @@ HRESULT CVoHTTPMessageWinINet::SetTimeoutsAndLimits(const CInternetHandle& conne
         const auto set = [&](HINTERNET handle)
         { return ::InternetSetOptionW(handle, setting.option, &value, sizeof value) ? ERROR_SUCCESS : ::GetLastError(); };
         DWORD error = set(setting.onConnection ? connection.Get() : nullptr);
-        if (error == WindowsTransport::kErrorInvalidOperation && setting.onConnection)
+        if (error == WindowsTransport::kErrorInvalidOperation && setting.isLimit && setting.onConnection)
         {
             report.Message(400, L"Option %u is set for the process", setting.option);
             error = set(nullptr);
         }
         if (error == ERROR_SUCCESS)
             continue;
-        if (!WindowsTransport::IsRefusedTuning(error))
+        if (!setting.isLimit || !WindowsTransport::IsRefusedLimit(error))
             return report.Win32(405, 406, error);
         report.Message(410, L"Option %u was refused: %u", setting.option, error);
     }

@@ -29,26 +29,19 @@ inline constexpr DWORD kErrorTimeout = 12002;
 inline constexpr DWORD kErrorInvalidOption = 12009;    // no such option
 inline constexpr DWORD kErrorInvalidOperation = 12016; // not with this handle
 
-// Whether a failed SetOption refused no more than a tuning, such as a limit. A request works without it, so the transport
-// traces the failure and goes on. Any other failure counts. Do not ask this for an option that a request's meaning or safety
-// needs.
-[[nodiscard]] constexpr bool IsRefusedTuning(DWORD error) noexcept
+// Whether a failed SetOption refused a limit, which a request works without: the service does not know it, or not for this
+// handle. Any other failure counts. Do not ask this for an option that a request's meaning or safety needs.
+[[nodiscard]] constexpr bool IsRefusedLimit(DWORD error) noexcept
 {
     return error == kErrorInvalidOption || error == kErrorInvalidOperation;
 }
 
-// The same for an option that may switch a feature off, with the option's value. Disabling a feature that the service does not
-// know (the value 0) gives ERROR_INVALID_PARAMETER; that is harmless.
-[[nodiscard]] constexpr bool IsRefusedTuning(DWORD error, DWORD value) noexcept
+// Whether a failed SetOption refused no more than to disable a feature: the service does not know the feature, or takes no
+// empty set of features (ERROR_INVALID_PARAMETER). Both are harmless.
+[[nodiscard]] constexpr bool IsRefusedSwitchOff(HRESULT result) noexcept
 {
-    return IsRefusedTuning(error) || (error == ERROR_INVALID_PARAMETER && value == 0);
-}
-
-// The same for the HRESULT of an option's wrapper.
-[[nodiscard]] constexpr bool IsRefusedTuning(HRESULT result, DWORD value) noexcept
-{
-    return FAILED(result) && HRESULT_FACILITY(result) == FACILITY_WIN32 &&
-           IsRefusedTuning(static_cast<DWORD>(HRESULT_CODE(result)), value);
+    return result == HResultFromWin32(kErrorInvalidOption) || result == HResultFromWin32(kErrorInvalidOperation) ||
+           result == HResultFromWin32(ERROR_INVALID_PARAMETER);
 }
 
 // Why a call of a service failed. `isSending`: the request had begun to leave. `secureFailure`: the flags of WinHTTP's
