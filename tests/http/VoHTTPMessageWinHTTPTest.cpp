@@ -235,6 +235,23 @@ TEST_P(WinHTTPTransport, AsksForProxyCredentialsOnceAndSetsThemBeforeEachSend)
     }
 }
 
+TEST_P(WinHTTPTransport, AsksForAProxyThatTheServiceHasFoundAndForNoOther)
+{
+    for (const wchar_t* const resolved : { L"proxy.test", L"server.test", L"" })
+    {
+        m_callback = VoMakeComObject<CScriptedAuthCallback>();
+        m_callback->AnswerProxy({ { L"user", L"hunter2" } });
+        m_platform.resolved = resolved;
+        m_platform.responses = { { .status = 407 }, {} };
+        const bool isProxy = resolved == std::wstring_view(L"proxy.test");
+        EXPECT_EQ(Send(*Connect(), {}).result, isProxy ? S_OK : E_FAIL);
+        EXPECT_EQ(m_platform.Has("Use h3 1 1 user hunter2"), isProxy);
+        EXPECT_EQ(m_callback->Questions(),
+                  std::vector<std::wstring>(isProxy ? 1 : 0, L"proxy http://server.test/a proxy.test"));
+        (void)m_platform.Take();
+    }
+}
+
 TEST_P(WinHTTPTransport, AnswersNothingButBasic)
 {
     m_platform.schemes = WINHTTP_AUTH_SCHEME_NTLM | WINHTTP_AUTH_SCHEME_NEGOTIATE;

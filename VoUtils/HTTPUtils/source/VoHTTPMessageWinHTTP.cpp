@@ -79,6 +79,7 @@ private:
     [[nodiscard]] HRESULT FetchBody(CRequest& answered, CVoBodyReceiver& body) override;
     [[nodiscard]] HRESULT FetchPieces(CHTTPRequestDataWinHTTP& request, CVoBodyReceiver& body) const;
     [[nodiscard]] const std::wstring* ProxyQuestion(const CRequest& request) const override;
+    [[nodiscard]] std::wstring FoundProxy(const CRequest& request) const override;
     void CancelCall(CRequest& request) noexcept override;
     [[nodiscard]] size_t ReadHeader(const CRequest& request, size_t maximum, std::wstring& header) const override;
     [[nodiscard]] CVoFailure ExplainFailure(const CRequest& request, HRESULT result) const override;
@@ -198,6 +199,13 @@ const std::wstring* CVoHTTPMessageWinHTTP::ProxyQuestion(const CRequest& request
 {
     // From Windows 8.1 on the session finds the proxy of a URL by itself. The store only names one that is configured by hand.
     return m_findsProxies ? nullptr : &request.m_target.FullURL();
+}
+
+std::wstring CVoHTTPMessageWinHTTP::FoundProxy(const CRequest& request) const
+{
+    // It shows only in the name that the service looks up.
+    const std::wstring& resolved = request.m_trace.resolved;
+    return request.m_proxyName.empty() && IsOtherHost(resolved, request.m_target.Host()) ? resolved : std::wstring();
 }
 
 HRESULT CVoHTTPMessageWinHTTP::OpenHandle(CRequest& opened)
@@ -515,12 +523,12 @@ size_t CVoHTTPMessageWinHTTP::ReadHeader(const CRequest& request, size_t maximum
 CVoFailure CVoHTTPMessageWinHTTP::ExplainFailure(const CRequest& request, HRESULT result) const
 {
     const CVoConnectionTrace& trace = request.m_trace;
-    // A proxy that the service has found by itself shows only in the name that the service looks up.
-    const bool foundProxy = request.m_proxyName.empty() && IsOtherHost(trace.resolved, request.m_target.Host());
-    CVoFailure failure = WindowsTransport::ExplainError(result, trace.connect != 0, trace.sending != 0,
-                                                        foundProxy || !request.m_proxyName.empty(), trace.secureFailure);
-    if (foundProxy && failure.isProxy)
-        failure.proxy = trace.resolved;
+    std::wstring foundProxy = FoundProxy(request);
+    CVoFailure failure =
+        WindowsTransport::ExplainError(result, trace.connect != 0, trace.sending != 0,
+                                       !foundProxy.empty() || !request.m_proxyName.empty(), trace.secureFailure);
+    if (failure.isProxy)
+        failure.proxy = std::move(foundProxy);
     return failure;
 }
 

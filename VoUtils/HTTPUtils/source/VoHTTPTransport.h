@@ -366,6 +366,9 @@ private:
     {
         return &request.m_target.FullURL();
     }
+    // The host of the proxy that the service has found by itself for the last send; empty where none shows. Throws
+    // std::bad_alloc.
+    [[nodiscard]] virtual std::wstring FoundProxy(const CRequest& /*request*/) const { return {}; }
 
     [[nodiscard]] HRESULT internalClose() noexcept;
     void ForgetConnection() noexcept;

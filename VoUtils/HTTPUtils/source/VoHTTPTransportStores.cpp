@@ -102,6 +102,8 @@ HRESULT CVoHTTPTransport::AskForCredentials(CRequest& request, bool proxy, CCred
         std::optional<CCredentials> saved;
         if (proxy && proxyName.empty() &&
             (FAILED(GetProxy(&request.m_target.FullURL(), proxyName, saved)) || proxyName.empty()))
+            proxyName = FoundProxy(request);
+        if (proxy && proxyName.empty())
             return report(122, E_FAIL);
         // A proxy is named beside the server behind it. Neither text holds a query, which may be secret.
         const CServerAddressData& address = request.m_target;
