@@ -80,9 +80,8 @@ struct CVoCookieData
     //
     // E_INVALIDARG, reported, with `cookie` unchanged, for:
     // - no name, or a malformed date;
-    // - a domain that is neither the host nor a parent of it; a parent that is a public suffix, has a single label or belongs
-    // to
-    //   an IP address;
+    // - a domain that is neither the host nor a parent of it;
+    // - a parent that is a public suffix, has a single label or belongs to an IP address;
     // - control characters or lone surrogates, which cannot be sent or would split the header;
     // - name and value above kVoMaximumCookieBytes;
     // - a secure cookie in a response over plain HTTP (RFC 6265bis, section 5.7, step 8);

@@ -63,8 +63,9 @@ public:
     // The owner of dialogs; null for none.
     virtual HRESULT STDMETHODCALLTYPE SetParentWindow(HWND parent) noexcept = 0;
     // Return S_OK also when the user declines: `cancelled` becomes VARIANT_TRUE then, and `user` and `password` are unchanged.
-    // `title` may be empty. For a proxy, `serverAddress` is the base URL of the server behind it and `reserved` is the proxy
-    // ("host:port"). For a server they are its host and the URL that asks.
+    // `title` may be empty. For a proxy, `serverAddress` is the URL behind it and `reserved` is the proxy ("host:port", or the
+    // host alone of a proxy that WinHTTP found by itself). For a server they are its host and the URL that asks. URLs come
+    // without their query.
     virtual HRESULT STDMETHODCALLTYPE OnProxyAuthNeeded(BSTR title, BSTR serverAddress, BSTR reserved, BSTR* user,
                                                         BSTR* password, VARIANT_BOOL* cancelled) noexcept = 0;
     virtual HRESULT STDMETHODCALLTYPE OnServerAuthNeeded(BSTR title, BSTR serverAddress, BSTR reserved, BSTR* user,

@@ -52,8 +52,7 @@ struct CContent
 
 // Whether a bypass list sends requests to `host` directly. `host` is a name or an address, without brackets. The list's items
 // stand between white space, commas or semicolons and are compared without regard to case. Each is a whole host name or
-// address;
-// "*" in it stands for any characters. When the list contains "<local>", host names without a dot are bypassed too.
+// address, in which "*" stands for any characters. When the list contains "<local>", host names without a dot are bypassed too.
 [[nodiscard]] bool IsBypassed(std::wstring_view bypassList, std::wstring_view host) noexcept;
 // The item of the list that does so, as it stands there ("<local>" or a part of `bypassList`); empty when there is none.
 [[nodiscard]] std::wstring_view FindBypass(std::wstring_view bypassList, std::wstring_view host) noexcept;

@@ -19,8 +19,7 @@ namespace VoWinHttpRequest
 class CExchangeCredentials
 {
 public:
-    // Remembers credentials that the owner knows already. `target`: WINHTTP_AUTH_TARGET_...; `scheme`: WINHTTP_AUTH_SCHEME_...
-    // .
+    // Remembers credentials that the owner knows already, for a WINHTTP_AUTH_TARGET_... and a WINHTTP_AUTH_SCHEME_....
     void Set(DWORD target, DWORD scheme, CVoSecret<wchar_t> user, CVoSecret<wchar_t> password) noexcept
     {
         Of(target) = CEntry{ target, scheme, false, std::move(user), std::move(password) };
