@@ -1,6 +1,8 @@
 // What only the libcurl transport does, and what of it no server sees.
 #include "http/TransportFixture.h"
 
+#include <CURLSupport.h>
+
 #include <gtest/gtest.h>
 
 using namespace TestSupport;
@@ -22,5 +24,13 @@ TEST(CURLTransport, NoProxyMeansNoneWhateverTheEnvironmentSays)
     }
     for (const wchar_t* const name : { L"http_proxy", L"all_proxy" })
         ::SetEnvironmentVariableW(name, nullptr);
+}
+
+TEST(CURLTransport, TheUserAgentIsSetInAnyHandle)
+{
+    CLogCapture log;
+    EXPECT_EQ(VoHTTPMessageCURL::SetUserAgentForRequest(VoHTTPMessageCURL::MakeCURLHandle().get()), S_OK);
+    EXPECT_EQ(VoHTTPMessageCURL::SetUserAgentForRequest(nullptr), E_FAIL);
+    EXPECT_THAT(log.Lines(), testing::Contains(IsReportBy(L"VoHTTPMessageCURL::SetUserAgentForRequest", E_FAIL)));
 }
 } // namespace
