@@ -133,9 +133,8 @@ public:
     // Starts the thread.
     //   startSuspended    the thread does nothing before Resume. With waitUntilStarted, another thread must call Resume
     //   waitUntilStarted  return only when Run has called SignalStarted or the thread has ended; without time-out
-    //   waitOnDestroy     the destructor stops and joins the thread. Otherwise it only asks the thread to stop, and Run must
-    //   use
-    //                     nothing of the object from then on (a handle from StopEvent stays open until Run has ended)
+    //   waitOnDestroy     the destructor stops and joins the thread. Otherwise it only asks the thread to stop, and from
+    //                     then on Run must use nothing of the object (a handle from StopEvent stays open until Run ends)
     //   name              for debuggers; empty or null keeps the earlier name. Only with waitUntilStarted is the thread named
     //   useFinishedEvent  "ended" means that ExitInstance has returned; otherwise that the thread is gone
     // E_FAIL while the previous thread runs; only the name and the two flags are changed then. The platform's error when no
