@@ -87,6 +87,14 @@ std::wstring CContext::ReadValue(std::string_view value)
     return FromUtf8(value);
 }
 
+std::wstring CContext::ReadLineValue(std::string_view value)
+{
+    std::wstring text = ReadValue(value);
+    while (text.ends_with(L'\n') || text.ends_with(L'\r'))
+        text.pop_back();
+    return text;
+}
+
 void CContext::PutLine(const char* key, std::wstring_view text)
 {
     if (m_options.json)

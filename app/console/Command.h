@@ -83,6 +83,8 @@ public:
     [[nodiscard]] std::wstring ReadTextFile(const std::string& file);
     // The text of a VALUE: "@FILE" is the text of a file, "-" is that of standard input, any other value is the text itself.
     [[nodiscard]] std::wstring ReadValue(std::string_view value);
+    // The same for a value of one line, without the line end that a file or a pipe adds.
+    [[nodiscard]] std::wstring ReadLineValue(std::string_view value);
 
     // Writes a text and a line end.
     void PutLine(const char* key, std::wstring_view text);

@@ -8,6 +8,7 @@
 
 #include <array>
 #include <charconv>
+#include <chrono>
 
 namespace
 {
@@ -33,6 +34,14 @@ HRESULT ParseCode(const std::string& text)
     if (!value || *value < std::numeric_limits<INT32>::min())
         throw CUsageError("'" + text + "' is no code: write 0x80070057, 2147942487 or -2147024809");
     return static_cast<HRESULT>(*value);
+}
+
+// Whether the calendar and the clock have the date-time.
+bool Exists(const SYSTEMTIME& time) noexcept
+{
+    using namespace std::chrono;
+    const year_month_day date{ year(time.wYear), month(time.wMonth), day(time.wDay) };
+    return date.ok() && time.wHour < 24 && time.wMinute < 60 && time.wSecond < 60;
 }
 
 // Reads "YYYY-MM-DD hh:mm:ss.mmm". The time, its seconds and their fraction are optional.
@@ -89,10 +98,12 @@ public:
     }
     void Run(CContext& context) override
     {
-        const std::string text = ToUtf8(context.ReadValue(m_time));
+        const std::string text = ToUtf8(context.ReadLineValue(m_time));
         const std::optional<SYSTEMTIME> time = CDateTimeReader(text).Read();
         if (!time)
             throw CUsageError("TIME: '" + text + "' is not of the form \"YYYY-MM-DD hh:mm:ss.mmm\"");
+        if (!Exists(*time))
+            throw CUsageError("TIME: there is no date-time '" + text + "'");
         std::wstring iso;
         Check(VoSystemTimeToISO8601DateTimeStr(*time, m_offset, !m_noTime, m_milliseconds, iso));
         context.PutLine("text", iso);
@@ -117,7 +128,7 @@ public:
     {
         SYSTEMTIME time{};
         int offset = 0;
-        Check(VoISO8601DateTimeStrToSystemTime(context.ReadValue(m_text), time, &offset));
+        Check(VoISO8601DateTimeStrToSystemTime(context.ReadLineValue(m_text), time, &offset));
         context.PutObject({ { "year", time.wYear },
                             { "month", time.wMonth },
                             { "day", time.wDay },

@@ -90,10 +90,7 @@ std::optional<CCredentials> CConnectionOptions::ReadCredentials(CContext& contex
 {
     if (value.empty())
         return std::nullopt;
-    CVoSecret<wchar_t> text(context.ReadValue(value));
-    // A file's last line has an end that is no part of the password.
-    while (text.Get().ends_with(L'\n') || text.Get().ends_with(L'\r'))
-        text.Get().pop_back();
+    const CVoSecret<wchar_t> text(context.ReadLineValue(value));
     const size_t separator = text.Get().find(L':');
     if (separator == std::wstring::npos || separator == 0)
         throw CUsageError(std::string(option) + ": the value is not USER:PASSWORD");
