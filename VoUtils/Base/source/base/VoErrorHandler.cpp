@@ -244,9 +244,12 @@ void CVoErrorLogFile::ResolveNames()
         temporary = VoSystemPaths::TemporaryDirectory().value_or(std::wstring());
     m_directory = VoSystemPaths::ExpandEnvironment(
         VoLogSetup::ChooseDirectory(m_settings, temporary, moduleFile.directory, VoSystemPaths::CurrentDirectory()));
-    // A relative folder is made absolute once: the process may change its current directory later.
-    if (std::wstring full = VoSystemPaths::FullPath(m_directory); !full.empty())
+    // A relative folder is made absolute once: the process may change its current directory later. With a backslash behind it
+    // "C:" is the drive's root; without one it would be the drive's current folder.
+    if (std::wstring full = VoSystemPaths::FullPath(m_directory + L'\\'); !full.empty())
         m_directory = std::move(full);
+    while (m_directory.ends_with(L'\\'))
+        m_directory.pop_back();
     if (m_settings.appendVersionToDirectory && !m_settings.versionString.empty())
     {
         m_parentDirectory = m_directory;
