@@ -252,6 +252,19 @@ TEST_P(WinHTTPTransport, AsksForAProxyThatTheServiceHasFoundAndForNoOther)
     }
 }
 
+// The service may find another proxy for another target.
+TEST_P(WinHTTPTransport, CredentialsOfAFoundProxyStayWithTheTargetThatTheyWereTypedFor)
+{
+    m_callback->AnswerProxy({ { L"user", L"hunter2" } });
+    m_platform.resolved = L"proxy.test";
+    m_platform.responses = { { .status = 307, .headers = { { L"Location", L"http://other.test/b" } } },
+                             { .status = 407 },
+                             { .status = 307, .headers = { { L"Location", L"http://server.test/c" } } },
+                             {} };
+    EXPECT_EQ(Send(*Connect(), {}).result, S_OK);
+    EXPECT_THAT(m_platform.Take("Use"), ElementsAre("Use h5 1 1 user hunter2"));
+}
+
 TEST_P(WinHTTPTransport, AnswersNothingButBasic)
 {
     m_platform.schemes = WINHTTP_AUTH_SCHEME_NTLM | WINHTTP_AUTH_SCHEME_NEGOTIATE;

@@ -259,8 +259,8 @@ HRESULT CVoHTTPTransport::LookUpProxy(CRequest& request) const
     const bool isList = request.m_proxy.find_first_of(L"=;, \t/") != std::wstring::npos;
     std::wstring name = isList ? VoProxyList::ProxyForScheme(request.m_proxy, request.m_target.IsSecure()) : request.m_proxy;
     const CAutoLock lock(&m_storesLock);
-    // Credentials are for the proxy that they were given for. The service may find another one for a redirect's target.
-    const bool mayDiffer = name.empty() && request.m_target.BaseURL() != request.m_address.BaseURL();
+    // Credentials are for the proxy that they were given for. The service may find another one for another target.
+    const bool mayDiffer = name.empty() && request.m_target.BaseURL() != request.m_proxyOrigin;
     if (mayDiffer || name != request.m_proxyName)
         request.m_proxyCredentials.reset();
     request.m_proxyName = std::move(name);

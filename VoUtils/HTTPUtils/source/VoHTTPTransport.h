@@ -216,7 +216,8 @@ protected:
 
         std::wstring m_proxy;     // the proxy store's answer, a list
         std::wstring m_proxyName; // "host:port" of the list for the target's scheme; empty: a direct connection
-        std::optional<CCredentials> m_proxyCredentials;  // for m_proxyName
+        std::optional<CCredentials> m_proxyCredentials;  // for m_proxyName; without it for the proxy of m_proxyOrigin
+        std::wstring m_proxyOrigin;                      // a base URL: the target of the send that they were typed for
         bool m_proxyCredentialsEntered = false;          // typed for this request: saved once the proxy has accepted them
         std::optional<CCredentials> m_serverCredentials; // typed during this send, for m_serverOrigin only
         std::wstring m_serverOrigin;                     // a base URL

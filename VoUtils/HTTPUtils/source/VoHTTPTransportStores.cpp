@@ -143,6 +143,7 @@ HRESULT CVoHTTPTransport::AskForCredentials(CRequest& request, bool proxy, CCred
             request.m_serverOrigin = address.BaseURL();
         else
         {
+            request.m_proxyOrigin = address.BaseURL();
             request.m_proxyCredentialsEntered = true;
             if (m_facts.savesProxyAtOnce && m_proxyStore && !request.m_proxyName.empty())
                 if (const HRESULT saving = SaveProxyCredentials(request.m_proxyName, typed); FAILED(saving))
