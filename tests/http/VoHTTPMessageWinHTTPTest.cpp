@@ -237,14 +237,25 @@ TEST_P(WinHTTPTransport, AsksForProxyCredentialsOnceAndSetsThemBeforeEachSend)
 
 TEST_P(WinHTTPTransport, AsksForAProxyThatTheServiceHasFoundAndForNoOther)
 {
-    for (const wchar_t* const resolved : { L"proxy.test", L"server.test", L"" })
+    const std::tuple<const wchar_t*, const wchar_t*, const wchar_t*> cases[] = {
+        { L"http://server.test/a", L"", L"proxy.test" },
+        { L"http://server.test/a", L"", L"server.test" },
+        { L"http://server.test/a", L"", L"" },
+        { L"http://server.test/a", L"socks=a:1", L"server.test" },
+        { L"http://server.test/a", L"socks=a:1", L"proxy.test" },
+        { L"http://server.test./a", L"", L"server.test" },
+        { L"http://serve\xFF52.test/a", L"", L"server.test" },
+    };
+    for (const auto& [url, list, resolved] : cases)
     {
+        SCOPED_TRACE(testing::Message() << url << " " << list << " " << resolved);
         m_callback = VoMakeComObject<CScriptedAuthCallback>();
         m_callback->AnswerProxy({ { L"user", L"hunter2" } });
         m_platform.resolved = resolved;
         m_platform.responses = { { .status = 407 }, {} };
+        const auto store = VoMakeComObject<CFixedProxyStore>(list);
         const bool isProxy = resolved == std::wstring_view(L"proxy.test");
-        EXPECT_EQ(Send(*Connect(), {}).result, isProxy ? S_OK : E_FAIL);
+        EXPECT_EQ(Send(*Connect(url, { .proxies = store.Get() }), {}).result, isProxy ? S_OK : E_FAIL);
         EXPECT_EQ(m_platform.Has("Use h3 1 1 user hunter2"), isProxy);
         EXPECT_EQ(m_callback->Questions(),
                   std::vector<std::wstring>(isProxy ? 1 : 0, L"proxy http://server.test/a proxy.test"));

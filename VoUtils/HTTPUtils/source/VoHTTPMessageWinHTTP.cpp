@@ -11,7 +11,10 @@
 #include <VoWinHttpRequest.h>
 
 #include <base/VoSystemProperties.h>
+#include <base/VoText.h>
 #include <base/VoUtils.h>
+
+#include <algorithm>
 
 using VoWinHttpInterface::WinHttpConnectionHandle;
 using VoWinHttpInterface::WinHttpRequestHandle;
@@ -46,12 +49,19 @@ std::wstring ReplaceAll(std::wstring_view text, std::wstring_view what, std::wst
     return result.append(text);
 }
 
-// Whether the service has looked up another host than the server, which is a proxy then. It writes an international name, and
-// an IPv6 address, in a form of its own.
+// Whether the service has looked up another host than the server, which is a proxy then. It may write an international name, a
+// name with a dot at its end, and an IPv6 address in a form of its own.
 bool IsOtherHost(std::wstring_view resolved, std::wstring_view server) noexcept
 {
     return !resolved.empty() && !VoEqualsNoCase(resolved, server) && server.find(L':') == std::wstring_view::npos &&
-           !VoContainsNoCase(resolved, L"XN--");
+           VoIsAscii(server) && !server.ends_with(L'.') && !VoContainsNoCase(resolved, L"XN--");
+}
+
+// Whether a proxy, "host:port", is on the host.
+bool IsOn(std::wstring_view proxy, std::wstring_view host) noexcept
+{
+    const std::wstring_view rest = proxy.substr(std::min(host.size(), proxy.size()));
+    return VoEqualsNoCase(proxy.substr(0, host.size()), host) && (rest.empty() || rest.front() == L':');
 }
 } // namespace
 
@@ -79,7 +89,7 @@ private:
     [[nodiscard]] HRESULT FetchBody(CRequest& answered, CVoBodyReceiver& body) override;
     [[nodiscard]] HRESULT FetchPieces(CHTTPRequestDataWinHTTP& request, CVoBodyReceiver& body) const;
     [[nodiscard]] const std::wstring* ProxyQuestion(const CRequest& request) const override;
-    [[nodiscard]] std::wstring FoundProxy(const CRequest& request) const override;
+    [[nodiscard]] std::wstring FoundProxy(const CRequest& request, std::wstring known) const override;
     void CancelCall(CRequest& request) noexcept override;
     [[nodiscard]] size_t ReadHeader(const CRequest& request, size_t maximum, std::wstring& header) const override;
     [[nodiscard]] CVoFailure ExplainFailure(const CRequest& request, HRESULT result) const override;
@@ -201,11 +211,16 @@ const std::wstring* CVoHTTPMessageWinHTTP::ProxyQuestion(const CRequest& request
     return m_findsProxies ? nullptr : &request.m_target.FullURL();
 }
 
-std::wstring CVoHTTPMessageWinHTTP::FoundProxy(const CRequest& request) const
+std::wstring CVoHTTPMessageWinHTTP::FoundProxy(const CRequest& request, std::wstring known) const
 {
-    // It shows only in the name that the service looks up.
+    // It shows only in the name that the service looks up for a new connection.
     const std::wstring& resolved = request.m_trace.resolved;
-    return request.m_proxyName.empty() && IsOtherHost(resolved, request.m_target.Host()) ? resolved : std::wstring();
+    const std::wstring& server = request.m_target.Host();
+    if (resolved.empty() || IsOn(known, resolved))
+        return known;
+    if (VoEqualsNoCase(resolved, server))
+        return {};
+    return IsOtherHost(resolved, server) ? resolved : known;
 }
 
 HRESULT CVoHTTPMessageWinHTTP::OpenHandle(CRequest& opened)
@@ -523,7 +538,7 @@ size_t CVoHTTPMessageWinHTTP::ReadHeader(const CRequest& request, size_t maximum
 CVoFailure CVoHTTPMessageWinHTTP::ExplainFailure(const CRequest& request, HRESULT result) const
 {
     const CVoConnectionTrace& trace = request.m_trace;
-    std::wstring foundProxy = FoundProxy(request);
+    std::wstring foundProxy = request.m_proxyName.empty() ? FoundProxy(request, {}) : std::wstring();
     CVoFailure failure =
         WindowsTransport::ExplainError(result, trace.connect != 0, trace.sending != 0,
                                        !foundProxy.empty() || !request.m_proxyName.empty(), trace.secureFailure);

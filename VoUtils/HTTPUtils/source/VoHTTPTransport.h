@@ -367,9 +367,10 @@ private:
     {
         return &request.m_target.FullURL();
     }
-    // The host of the proxy that the service has found by itself for the last send; empty where none shows. Throws
+    // The proxy of the last send, where the service has found it by itself: the store's answer `known`, or only the proxy's
+    // host where the service used another one. Empty where the server itself responds, or no proxy shows. Throws
     // std::bad_alloc.
-    [[nodiscard]] virtual std::wstring FoundProxy(const CRequest& /*request*/) const { return {}; }
+    [[nodiscard]] virtual std::wstring FoundProxy(const CRequest& /*request*/, std::wstring known) const { return known; }
 
     [[nodiscard]] HRESULT internalClose() noexcept;
     void ForgetConnection() noexcept;

@@ -100,11 +100,13 @@ HRESULT CVoHTTPTransport::AskForCredentials(CRequest& request, bool proxy, CCred
         // password.
         std::wstring proxyName = request.m_proxyName;
         std::optional<CCredentials> saved;
-        if (proxy && proxyName.empty() &&
-            (FAILED(GetProxy(&request.m_target.FullURL(), proxyName, saved)) || proxyName.empty()))
-            proxyName = FoundProxy(request);
         if (proxy && proxyName.empty())
-            return report(122, E_FAIL);
+        {
+            (void)GetProxy(&request.m_target.FullURL(), proxyName, saved); // reported
+            proxyName = FoundProxy(request, std::move(proxyName));
+            if (proxyName.empty())
+                return report(122, E_FAIL);
+        }
         // A proxy is named beside the server behind it. Neither text holds a query, which may be secret.
         const CServerAddressData& address = request.m_target;
         const CVoBstr title{ std::wstring_view() };
