@@ -1,6 +1,8 @@
 // The data log, as each transport writes it.
 #include "http/TransportFixture.h"
 
+#include <VoResponseSink.h>
+
 #include <base/VoModuleInformation.h>
 #include <base/VoUtils.h>
 
@@ -113,5 +115,27 @@ TEST_P(DataLog, HoldsTheBytesOfBothDirectionsWhileTheModuleIsDebugged)
     const CFailOnCall<decltype(&::WriteFile)> fail("kernel32.dll", "WriteFile", 1, FALSE, ERROR_DISK_FULL);
     EXPECT_EQ(Send(*message, MakeMessage({}, "x")).result, S_OK);
     EXPECT_GE(fail.Calls(), 2);
+}
+
+class CNoSink final : public IVoResponseSink
+{
+    HRESULT Write(std::span<const BYTE> /*bytes*/) noexcept override { return S_OK; }
+    HRESULT Restart() noexcept override { return S_OK; }
+};
+
+// libcurl would write the headers there.
+TEST_P(DataLog, LeavesTheErrorStreamAloneWhenItIsSwitchedOnForARequestThatIsOpen)
+{
+    CServer server(Responds(200, {}, std::string(100'000, 'x')));
+    const auto message = Connect(server.URL());
+    const Request request = Open(*message);
+    CNoSink sink;
+    request->SetResponseSink(&sink, Response::Binary);
+    const CDataLog log;
+    CVoModuleInformation::Get().SetDebug(true);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(SendOn(*message, request), S_OK);
+    EXPECT_EQ(SendOn(*message, request), S_OK);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 } // namespace

@@ -105,6 +105,12 @@ HRESULT CCURLRequestHandle::SetTransfer(size_t bodyLength, CHeaderContext& heade
     return SUCCEEDED(hr) ? hr : report(263, hr);
 }
 
+void CCURLRequestHandle::ResumeDataLog() const noexcept
+{
+    if (m_isLogged)
+        (void)CURLSetOpt(m_handle.get(), CURLOPT_VERBOSE, CVoModuleInformation::Get().IsDebug() ? 1L : 0L);
+}
+
 HRESULT CCURLRequestHandle::ResetConnection() noexcept
 {
     constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CVoHTTPMessageCURL::CHTTPRequestDataCURL::ResetConnection" };
@@ -192,6 +198,7 @@ HRESULT CCURLRequestHandle::Init(const CSettings& settings)
         SetShared(options, settings);
     options.Set(829, CURLOPT_OPENSOCKETDATA, static_cast<void*>(settings.addresses));
     m_isInitialised = SUCCEEDED(options.Result());
+    m_isLogged = debug && m_isInitialised;
     return options.Result();
 }
 } // namespace VoHTTPMessageCURL

@@ -41,6 +41,8 @@ public:
     [[nodiscard]] HRESULT SetTransfer(size_t bodyLength, CHeaderContext& headers, CCURLWriteCallbackData& received) noexcept;
     // The handle has been given credentials or a proxy, which are for this request only.
     void SetConfidential() noexcept { m_isConfidential = true; }
+    // Reports transfers to the data log again, where the handle did so from the start.
+    void ResumeDataLog() const noexcept;
     // Drops the connection and keeps every option set so far. When the handle cannot be duplicated it stays as it is.
     HRESULT ResetConnection() noexcept;
     // Uses the connections that the message has now.
@@ -61,6 +63,7 @@ private:
     std::array<char, CURL_ERROR_SIZE> m_errorText{};
     bool m_isInitialised = false; // it has the options that all requests of the message share
     bool m_isConfidential = false;
+    bool m_isLogged = false; // it has the debug function; without it libcurl would write headers to the error stream
     CCURLHandle m_handle;
 };
 } // namespace VoHTTPMessageCURL

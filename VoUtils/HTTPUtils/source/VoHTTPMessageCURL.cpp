@@ -279,7 +279,7 @@ HRESULT CVoHTTPMessageCURL::Perform(CHTTPRequestDataCURL& request, const CVoBody
         return hr;
     const CURLcode code = request.m_transfer.End(curl_easy_perform(handle));
     if (received.isQuiet)
-        (void)CURLSetOpt(handle, CURLOPT_VERBOSE, CVoModuleInformation::Get().IsDebug() ? 1L : 0L);
+        request.m_handle.ResumeDataLog();
     request.m_hasWritten = received.success.HasWritten();
     request.m_hasSinkFailed = received.success.HasSinkFailed();
     // The Cookie header of a redirect is for its target only.
