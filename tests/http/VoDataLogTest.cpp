@@ -137,5 +137,10 @@ TEST_P(DataLog, LeavesTheErrorStreamAloneWhenItIsSwitchedOnForARequestThatIsOpen
     EXPECT_EQ(SendOn(*message, request), S_OK);
     EXPECT_EQ(SendOn(*message, request), S_OK);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    const Request logged = Open(*message);
+    CVoModuleInformation::Get().SetDebug(false);
+    const size_t records = log.Records().size();
+    EXPECT_EQ(SendOn(*message, logged), S_OK);
+    EXPECT_EQ(log.Records().size(), records) << "switched off, it ends at once";
 }
 } // namespace

@@ -8,6 +8,7 @@
 #include "VoRedirect.h"
 
 #include <VoNetworkUtils.h>
+#include <base/VoModuleInformation.h>
 #include <base/VoUtils.h>
 #include <base/com/VoComHelper.h>
 
@@ -491,6 +492,8 @@ size_t write_callback(char* data, size_t size, size_t count, void* context) noex
 int debug_callback(CURL* handle, curl_infotype type, char* data, size_t size, void* request) noexcept
 try
 {
+    if (!CVoModuleInformation::Get().IsDebug()) // switched off since the handle was made
+        return 0;
     static CVoDataLog log;
     const char* localAddress = nullptr;
     const char* serverAddress = nullptr;
