@@ -183,6 +183,7 @@ TEST(LogSetup, TheDirectoryIsTheFirstKnownOneExpandedAndWithTheVersion)
     ASSERT_GT(::GetCurrentDirectoryW(MAX_PATH, current), 0u);
     EXPECT_EQ(pathOf(L"%VO_TEST_LONG%", L"", true), std::wstring(current) + L"\\%VO_TEST_LONG%");
     EXPECT_EQ(pathOf(L"C:\\", L"", false), L"C:");
+    EXPECT_EQ(pathOf(L"C:\\logs ", L"", false), L"C:\\logs") << "the platform takes the blank away";
     EXPECT_EQ(pathOf(L"logs", L"", false), std::wstring(current) + L"\\logs") << "a relative folder is made absolute once";
 }
 

@@ -244,9 +244,11 @@ void CVoErrorLogFile::ResolveNames()
         temporary = VoSystemPaths::TemporaryDirectory().value_or(std::wstring());
     m_directory = VoSystemPaths::ExpandEnvironment(
         VoLogSetup::ChooseDirectory(m_settings, temporary, moduleFile.directory, VoSystemPaths::CurrentDirectory()));
-    // A relative folder is made absolute once: the process may change its current directory later. With a backslash behind it
-    // "C:" is the drive's root; without one it would be the drive's current folder.
-    if (std::wstring full = VoSystemPaths::FullPath(m_directory + L'\\'); !full.empty())
+    // "C:" was the drive's root. Without a backslash it is the drive's current folder.
+    if (m_directory.ends_with(L':'))
+        m_directory += L'\\';
+    // A relative folder is made absolute once: the process may change its current directory later.
+    if (std::wstring full = VoSystemPaths::FullPath(m_directory); !full.empty())
         m_directory = std::move(full);
     while (m_directory.ends_with(L'\\'))
         m_directory.pop_back();
