@@ -79,6 +79,14 @@ TEST(DiagnosisJudge, FactsThatComeLaterChangeNoFinalState)
     }
 }
 
+TEST(DiagnosisJudge, SaysThatACertificateNamesAnAddressOnlyAsText)
+{
+    CFacts facts = FactsOf(All().front());
+    facts.tls.isNameRight = false;
+    facts.tls.chain[0].names = { facts.address.host };
+    EXPECT_NE(ReportOf(facts).summary.find(L"as a name, not as an IP address"), std::wstring::npos);
+}
+
 TEST(DiagnosisJudge, CancelledChecksAreSkippedAndTold)
 {
     CFacts facts = FactsOf(All().front());

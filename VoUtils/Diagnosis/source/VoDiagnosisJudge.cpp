@@ -172,7 +172,14 @@ std::vector<CProblem> TlsProblems(const CFacts& f)
     if (!isExpired && !isEarly && (t.chainStatus & CERT_TRUST_IS_NOT_TIME_VALID) != 0)
         problems.push_back({ "certificate_expired", L"a certificate of the chain is outside of its dates" });
     if (!t.isNameRight)
-        problems.push_back({ "certificate_name", t.chain.empty() ? L"nobody" : Joined(t.chain.front().names) });
+    {
+        const std::vector<std::wstring> names =
+            t.chain.empty() ? std::vector<std::wstring>{ L"nobody" } : t.chain.front().names;
+        // The text of an address among the names, or in the subject, does not stand for the address (RFC 9110,
+        // section 4.3.5).
+        const bool isOnlyText = std::find(names.begin(), names.end(), f.address.host) != names.end();
+        problems.push_back({ "certificate_name", Joined(names) + (isOnlyText ? L" as a name, not as an IP address" : L"") });
+    }
     const bool isPolicyRefusal = t.policyError != 0 && problems.empty();
     if ((t.chainStatus & kOtherFaults) != 0 || isPolicyRefusal)
     {
