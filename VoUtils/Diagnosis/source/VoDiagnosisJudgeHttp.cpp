@@ -73,7 +73,7 @@ std::optional<CProblem> ProblemOfStatus(UINT32 status, const CAttempt& attempt)
                          SchemesOf(schemes) };
     }
     if (status == 407)
-        return CProblem{ "authentication", L"the proxy of the system asks" };
+        return CProblem{ "authentication", L"with status 407, as a proxy does" };
     if (status >= 400 && status < 600)
         return CProblem{ status < 500 ? "status_4xx" : "status_5xx", std::to_wstring(status) };
     if (status >= 300 && status < 400)
