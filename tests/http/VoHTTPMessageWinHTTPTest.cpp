@@ -245,6 +245,7 @@ TEST_P(WinHTTPTransport, AsksForAProxyThatTheServiceHasFoundAndForNoOther)
         { L"http://server.test/a", L"socks=a:1", L"proxy.test" },
         { L"http://server.test./a", L"", L"server.test" },
         { L"http://serve\xFF52.test/a", L"", L"server.test" },
+        { L"http://127.1/a", L"", L"127.0.0.1" },
     };
     for (const auto& [url, list, resolved] : cases)
     {

@@ -50,11 +50,13 @@ std::wstring ReplaceAll(std::wstring_view text, std::wstring_view what, std::wst
 }
 
 // Whether the service has looked up another host than the server, which is a proxy then. It may write an international name, a
-// name with a dot at its end, and an IPv6 address in a form of its own.
+// name with a dot at its end, and an address (whose last label begins with a digit, as in 127.1) in a form of its own.
 bool IsOtherHost(std::wstring_view resolved, std::wstring_view server) noexcept
 {
-    return !resolved.empty() && !VoEqualsNoCase(resolved, server) && server.find(L':') == std::wstring_view::npos &&
-           VoIsAscii(server) && !server.ends_with(L'.') && !VoContainsNoCase(resolved, L"XN--");
+    const std::wstring_view lastLabel = server.substr(server.rfind(L'.') + 1);
+    const bool isName = !lastLabel.empty() && (lastLabel.front() < L'0' || lastLabel.front() > L'9') &&
+                        server.find(L':') == std::wstring_view::npos && VoIsAscii(server);
+    return isName && !resolved.empty() && !VoEqualsNoCase(resolved, server) && !VoContainsNoCase(resolved, L"XN--");
 }
 
 // Whether a proxy, "host:port", is on the host.
