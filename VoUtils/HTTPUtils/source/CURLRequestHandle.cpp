@@ -108,7 +108,7 @@ HRESULT CCURLRequestHandle::SetTransfer(size_t bodyLength, CHeaderContext& heade
 void CCURLRequestHandle::ResumeDataLog() const noexcept
 {
     if (m_isLogged)
-        (void)CURLSetOpt(m_handle.get(), CURLOPT_VERBOSE, CVoModuleInformation::Get().IsDebug() ? 1L : 0L);
+        (void)CURLSetOpt(m_handle.get(), CURLOPT_VERBOSE, 1L); // the debug function asks whether the log is still on
 }
 
 HRESULT CCURLRequestHandle::ResetConnection() noexcept

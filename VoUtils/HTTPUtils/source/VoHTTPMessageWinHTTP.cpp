@@ -49,14 +49,13 @@ std::wstring ReplaceAll(std::wstring_view text, std::wstring_view what, std::wst
     return result.append(text);
 }
 
-// Whether the service has looked up another host than the server, which is a proxy then. It may write an international name, a
-// name with a dot at its end, and an address (whose last label begins with a digit, as in 127.1) in a form of its own.
-bool IsOtherHost(std::wstring_view resolved, std::wstring_view server) noexcept
+// Whether the service looks a server up by the name that the address has. It may write an international name, a name with a dot
+// at its end, and an address (whose last label begins with a digit, as in 127.1) in a form of its own.
+bool HasOneForm(std::wstring_view server) noexcept
 {
     const std::wstring_view lastLabel = server.substr(server.rfind(L'.') + 1);
-    const bool isName = !lastLabel.empty() && (lastLabel.front() < L'0' || lastLabel.front() > L'9') &&
-                        server.find(L':') == std::wstring_view::npos && VoIsAscii(server);
-    return isName && !resolved.empty() && !VoEqualsNoCase(resolved, server) && !VoContainsNoCase(resolved, L"XN--");
+    return !lastLabel.empty() && (lastLabel.front() < L'0' || lastLabel.front() > L'9') &&
+           server.find(L':') == std::wstring_view::npos && VoIsAscii(server);
 }
 
 // Whether a proxy, "host:port", is on the host.
@@ -222,7 +221,7 @@ std::wstring CVoHTTPMessageWinHTTP::FoundProxy(const CRequest& request, std::wst
         return known;
     if (VoEqualsNoCase(resolved, server))
         return {};
-    return IsOtherHost(resolved, server) ? resolved : known;
+    return HasOneForm(server) && !VoContainsNoCase(resolved, L"XN--") ? resolved : known;
 }
 
 HRESULT CVoHTTPMessageWinHTTP::OpenHandle(CRequest& opened)
