@@ -250,8 +250,7 @@ void CVoErrorLogFile::ResolveNames()
     // A relative folder is made absolute once: the process may change its current directory later.
     if (std::wstring full = VoSystemPaths::FullPath(m_directory); !full.empty())
         m_directory = std::move(full);
-    while (m_directory.ends_with(L'\\'))
-        m_directory.pop_back();
+    VoLogSetup::TrimBackslashes(m_directory);
     if (m_settings.appendVersionToDirectory && !m_settings.versionString.empty())
     {
         m_parentDirectory = m_directory;

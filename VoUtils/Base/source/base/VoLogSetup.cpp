@@ -81,12 +81,17 @@ std::wstring_view LogName(std::wstring_view applicationName, std::wstring_view p
     return name.empty() ? L"Application" : name;
 }
 
+void TrimBackslashes(std::wstring& directory) noexcept
+{
+    while (directory.ends_with(L'\\'))
+        directory.pop_back();
+}
+
 std::wstring ChooseDirectory(const CVoModuleSettings& settings, const std::wstring& temporary, const std::wstring& module,
                              const std::wstring& current)
 {
     std::wstring directory = settings.directory;
-    while (directory.ends_with(L'\\'))
-        directory.pop_back();
+    TrimBackslashes(directory);
     if (directory.empty() && settings.useTempDirectory)
         directory = temporary;
     if (directory.empty())

@@ -28,6 +28,9 @@ namespace VoLogSetup
 [[nodiscard]] std::wstring_view LogName(std::wstring_view applicationName, std::wstring_view processFile,
                                         std::wstring_view moduleFile) noexcept;
 
+// Takes the backslashes off a folder's end.
+void TrimBackslashes(std::wstring& directory) noexcept;
+
 // The folder that the settings choose, before environment variables are expanded: `Directory` without trailing backslashes,
 // else the temporary folder when its use is on, else the module's folder, else the current one.
 [[nodiscard]] std::wstring ChooseDirectory(const CVoModuleSettings& settings, const std::wstring& temporary,
