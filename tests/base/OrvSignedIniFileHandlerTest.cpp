@@ -17,7 +17,7 @@ using OrvSignedIniFileHandler::CVoSignedIniFileHandler2;
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\..\\source\\win\\OrvSignedIniFileHandler";
+constexpr const wchar_t* kSignedIniSource = L"..\\..\\source\\win\\OrvSignedIniFileHandler";
 constexpr const wchar_t* kClass = L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::";
 
 std::string FileBytes(const CVoSignedIniFileHandler2& handler)
@@ -131,7 +131,7 @@ TEST(SignedIniFile, FailuresAreReportedThroughTheChain)
     // Text that no UTF-8 can stand for: half a surrogate pair in a UTF-16 file.
     const std::string malformed("\xFF\xFE[\0A\0]\0\n\0x\0=\0\x00\xD8\n\0[\0S\0i\0g\0n\0a\0t\0u\0r\0e\0]\0\n\0", 40);
     const std::tuple<std::string, std::wstring, HRESULT, testing::Matcher<const CLogLine&>> cases[] = {
-        { "[A]\nx=1\n", L"", E_INVALIDARG, IsReport(kSource, 162, verify, E_INVALIDARG) },
+        { "[A]\nx=1\n", L"", E_INVALIDARG, IsReport(kSignedIniSource, 162, verify, E_INVALIDARG) },
         { "[A]\nx=1\n", kKnownPublicKey, notFound, IsReportBy(L"CVoIniFileIO::GetSection", notFound) },
         { "[Signature]\ns=!!!!\n", kKnownPublicKey, E_INVALIDARG,
           IsReportBy(std::wstring(kClass) + L"VerifySign", E_INVALIDARG) },

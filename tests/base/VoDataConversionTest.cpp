@@ -19,7 +19,7 @@ namespace
 {
 using CBytes = std::vector<BYTE>;
 
-constexpr const wchar_t* kSource = L"..\\..\\source\\base\\utils\\VoDataConversion";
+constexpr const wchar_t* kDataConversionSource = L"..\\..\\source\\base\\utils\\VoDataConversion";
 
 using CDecoder = HRESULT (*)(CVoTextView, BYTE**, UINT32*);
 constexpr CDecoder kFromHex = &VoDataConversion::HexToBin;
@@ -189,7 +189,7 @@ TEST(VoDataConversion, ReportsNameTheBadQuantityFirst)
         EXPECT_EQ(decoder(text, nullptr, nullptr), E_INVALIDARG);
         std::vector<testing::Matcher<const CLogLine&>> expected;
         for (const auto& [line, function, code] : reports)
-            expected.push_back(IsReport(kSource, line, function, code));
+            expected.push_back(IsReport(kDataConversionSource, line, function, code));
         EXPECT_THAT(log.Lines(), testing::ElementsAreArray(expected));
     }
 }

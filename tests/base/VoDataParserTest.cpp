@@ -19,10 +19,10 @@ namespace
 {
 using CBytes = std::vector<BYTE>;
 
-constexpr const wchar_t* kSource = L"..\\..\\source\\base\\VoDataParser";
+constexpr const wchar_t* kDataParserSource = L"..\\..\\source\\base\\VoDataParser";
 const HRESULT kNotFound = HResultFromWin32(ERROR_NOT_FOUND);
 
-CBytes Bytes(std::string_view text)
+CBytes BytesOf(std::string_view text)
 {
     return { text.begin(), text.end() };
 }
@@ -179,13 +179,13 @@ TEST(BinaryDataParser, AMessageIsAddedToWhatTheParserHas)
 {
     auto parser = Read(L"old=1");
     // Its own payload can be parsed.
-    parser.SetPayload(Bytes("a=1&&rest"));
+    parser.SetPayload(BytesOf("a=1&&rest"));
     EXPECT_EQ(parser.Parse(1, nullptr, false, true), E_INVALIDARG);
     EXPECT_EQ(parser.Parse(9, parser.Payload().data(), false, true), S_OK);
     EXPECT_EQ(TextOf(parser), L"old=1&a=1");
-    EXPECT_TRUE(std::ranges::equal(parser.Payload(), Bytes("rest")));
+    EXPECT_TRUE(std::ranges::equal(parser.Payload(), BytesOf("rest")));
     // A malformed message adds the pairs in front of the fault, and its payload is empty.
-    EXPECT_EQ(parser.Parse(Bytes("x=1&novalue&&payload"), false, true), E_FAIL);
+    EXPECT_EQ(parser.Parse(BytesOf("x=1&novalue&&payload"), false, true), E_FAIL);
     EXPECT_EQ(TextOf(parser), L"old=1&a=1&x=1");
     EXPECT_TRUE(parser.Payload().empty());
 }
@@ -199,7 +199,7 @@ TEST(BinaryDataParser, ALargePayloadThatWasCopiedHasRoomForAHead)
     {
         const std::string text(head, 'h');
         const auto joined = parser.JoinPayload(text);
-        CBytes expected = Bytes(text);
+        CBytes expected = BytesOf(text);
         expected.insert(expected.end(), parser.Payload().begin(), parser.Payload().end());
         EXPECT_TRUE(joined.Bytes().empty() || std::ranges::equal(joined.Bytes(), expected));
         return !joined.Bytes().empty();
@@ -282,10 +282,10 @@ TEST(BinaryDataParser, AFailureIsReportedUpTheChainAndLeavesTheOutputs)
     EXPECT_EQ(parser.GetMessageDataWithSizePrefix(&length, &buffer, false, true), expected);
     EXPECT_THAT(log.Lines(),
                 ElementsAre(IsReportBy(L"VoStringToUTF8", expected),
-                            IsReport(kSource, 739, L"CVoBinaryDataParser::StringToMessageData", expected),
-                            IsReport(kSource, 749, L"CVoBinaryDataParser::internalGetParamData", expected),
-                            IsReport(kSource, 778, L"CVoBinaryDataParser::GetMessageData", expected),
-                            IsReport(kSource, 804, L"CVoBinaryDataParser::GetMessageDataWithSizePrefix", expected)));
+                            IsReport(kDataParserSource, 739, L"CVoBinaryDataParser::StringToMessageData", expected),
+                            IsReport(kDataParserSource, 749, L"CVoBinaryDataParser::internalGetParamData", expected),
+                            IsReport(kDataParserSource, 778, L"CVoBinaryDataParser::GetMessageData", expected),
+                            IsReport(kDataParserSource, 804, L"CVoBinaryDataParser::GetMessageDataWithSizePrefix", expected)));
     const CFailOnCall<decltype(&::CoCreateGuid)> fail("ole32.dll", "CoCreateGuid", 1, E_UNEXPECTED, ERROR_SUCCESS);
     EXPECT_EQ(Read(L"x=1").GetFormMessageData(&length, &buffer, boundary, true), E_UNEXPECTED);
     EXPECT_EQ(boundary, L"old");

@@ -17,19 +17,19 @@ using testing::SizeIs;
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\source\\Example";
+constexpr const wchar_t* kExampleSource = L"..\\source\\Example";
 constexpr size_t kMiB = 0x100000;
 
 HRESULT Inner() noexcept
 {
-    constexpr CVoReporter report{ kSource, L"Example::Inner" };
+    constexpr CVoReporter report{ kExampleSource, L"Example::Inner" };
     ::SetLastError(ERROR_FILE_NOT_FOUND);
     return report.LastError(11, 12);
 }
 
 HRESULT Outer() noexcept
 {
-    constexpr CVoReporter report{ kSource, L"Example::Outer" };
+    constexpr CVoReporter report{ kExampleSource, L"Example::Outer" };
     if (const HRESULT hr = Inner(); FAILED(hr))
         return report(21, hr);
     return S_OK;
@@ -56,11 +56,11 @@ TEST(ErrorLog, EachCallerOfAFailureLeavesItsLineAndTheCodeComesThrough)
     const CLogCapture log;
     constexpr auto kNotFound = static_cast<HRESULT>(0x80070002);
     EXPECT_EQ(Outer(), kNotFound);
-    VoReportMessage(kSource, 5, L"%ls and %hs: %d", L"\u20AC", "narrow", 7);
+    VoReportMessage(kExampleSource, 5, L"%ls and %hs: %d", L"\u20AC", "narrow", 7);
     VoReportMessage("narrow.h", 6, L"%ls", std::wstring(5000, L'x').c_str());
-    EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kSource, 11, L"Example::Inner", kNotFound),
-                                         IsReport(kSource, 21, L"Example::Outer", kNotFound),
-                                         IsMessage(kSource, 5, std::wstring(L"\u20AC and narrow: 7")),
+    EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kExampleSource, 11, L"Example::Inner", kNotFound),
+                                         IsReport(kExampleSource, 21, L"Example::Outer", kNotFound),
+                                         IsMessage(kExampleSource, 5, std::wstring(L"\u20AC and narrow: 7")),
                                          IsMessage(L"narrow.h", 6, std::wstring(5000, L'x'))));
     EXPECT_EQ(log.Lines()[0].threadId, static_cast<int>(::GetCurrentThreadId()));
 }
@@ -74,8 +74,8 @@ TEST(ErrorLog, AReportKeepsTheLastErrorAndAllocatesNothingWhenTheLogIsOff)
         // Counts only; none fails.
         const CFailOnCall<void*(WINAPI*)(size_t)> counter("msvcrt.dll", "malloc", 0, nullptr, 0);
         ::SetLastError(4711);
-        VoReportCode(kSource, 1, L"f", E_FAIL);
-        VoReportMessage(kSource, 2, L"%ls", L"text");
+        VoReportCode(kExampleSource, 1, L"f", E_FAIL);
+        VoReportMessage(kExampleSource, 2, L"%ls", L"text");
         VoReportMessage("x.h", 3, L"%d", 1);
         EXPECT_EQ(::GetLastError(), 4711u);
         return counter.Calls();
@@ -237,7 +237,7 @@ TEST(LogFile, EveryRunBeginsWithItsHeaderAndTheStartLine)
     {
         CVoErrorLogFile log;
         log.Init(settings);
-        log.WriteCode(kSource, run, L"f", E_FAIL);
+        log.WriteCode(kExampleSource, run, L"f", E_FAIL);
         bytes = ReadTestFile(log.LogFilePath());
     }
     EXPECT_EQ(CountHeaders(bytes), 2u);
@@ -249,7 +249,7 @@ TEST(LogFile, EveryRunBeginsWithItsHeaderAndTheStartLine)
     EXPECT_THAT(lines[2].text, EndsWith(VoFormat(L"VoErrorHandler Line=484 Function=CVoErrorLogFile::Init ThreadID=%d Module: "
                                                  L"%ls,Logging started, logging switched on",
                                                  lines[2].threadId, VoErrorLog().ModuleName().c_str())));
-    EXPECT_THAT(lines[3], IsReport(kSource, 2, L"f", E_FAIL));
+    EXPECT_THAT(lines[3], IsReport(kExampleSource, 2, L"f", E_FAIL));
 }
 
 TEST(LogFile, WithTheLogOffThereIsNoFileAndNoWait)
@@ -259,7 +259,7 @@ TEST(LogFile, WithTheLogOffThereIsNoFileAndNoWait)
     const CFailOnCall<decltype(&::WaitForSingleObject)> waits("kernel32.dll", "WaitForSingleObject", 0, WAIT_FAILED, 0);
     CVoErrorLogFile log;
     log.Init(settings);
-    log.WriteCode(kSource, 1, L"f", E_FAIL);
+    log.WriteCode(kExampleSource, 1, L"f", E_FAIL);
     EXPECT_FALSE(std::filesystem::exists(log.LogFilePath()));
     EXPECT_EQ(waits.Calls(), 0);
 }
@@ -268,13 +268,13 @@ TEST(LogFile, UnpairedSurrogatesAreReplacedAndTheLineStays)
 {
     CVoErrorLogFile log;
     log.Init(OwnLog());
-    log.WriteLine(kSource, 1, L"f", L"\xDC00 \xD83D\xDE00 \xD800");
+    log.WriteLine(kExampleSource, 1, L"f", L"\xDC00 \xD83D\xDE00 \xD800");
     const std::string before = ReadTestFile(log.LogFilePath());
     EXPECT_EQ(ParseLog(before).back().message, L"\xFFFD \xD83D\xDE00 \xFFFD");
     // Text that cannot be converted at all.
     const CFailOnCall<decltype(&::WideCharToMultiByte)> failing("kernel32.dll", "WideCharToMultiByte", 1, 0,
                                                                 ERROR_INVALID_PARAMETER);
-    log.WriteLine(kSource, 1, L"f", L"t\x00E9xt");
+    log.WriteLine(kExampleSource, 1, L"f", L"t\x00E9xt");
     EXPECT_EQ(ReadTestFile(log.LogFilePath()), before + "NO DATA");
 }
 
@@ -338,16 +338,16 @@ TEST(LogFile, ALineThatCannotBeWrittenIsDroppedAndLeavesTheHeaderPending)
         {
             const auto failing = fault.inject(1);
             ::SetLastError(4711);
-            log.WriteCode(kSource, 1, L"f", E_FAIL);
+            log.WriteCode(kExampleSource, 1, L"f", E_FAIL);
             EXPECT_EQ(::GetLastError(), 4711u);
             EXPECT_EQ(failing->Calls(), 1);
         }
         EXPECT_EQ(ReadTestFile(log.LogFilePath()), "");
         EXPECT_EQ(CountProcessHandles(), handles);
-        log.WriteCode(kSource, 2, L"f", E_FAIL);
+        log.WriteCode(kExampleSource, 2, L"f", E_FAIL);
         const std::string bytes = ReadTestFile(log.LogFilePath());
         EXPECT_EQ(CountHeaders(bytes), 1u);
-        EXPECT_THAT(ParseLog(bytes), ElementsAre(IsReport(kSource, 2, L"f", E_FAIL)));
+        EXPECT_THAT(ParseLog(bytes), ElementsAre(IsReport(kExampleSource, 2, L"f", E_FAIL)));
     }
 }
 
@@ -370,7 +370,7 @@ std::string BeforeTheNextLine(const std::string& content, bool cutOff)
     CVoErrorLogFile log;
     log.Init(settings);
     WriteTestFile(log.LogFilePath(), content);
-    log.WriteCode(kSource, 7, L"f", E_FAIL);
+    log.WriteCode(kExampleSource, 7, L"f", E_FAIL);
     const std::string bytes = ReadTestFile(log.LogFilePath());
     const size_t start = bytes.rfind(" Module=") - 23; // the time
     return bytes.find(" Line=7 Function=f ThreadID=", start) < bytes.size() && bytes.ends_with("\r\n") ? bytes.substr(0, start)

@@ -12,7 +12,7 @@ using namespace VoSystemProperties;
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\..\\source\\base\\VoSystemProperties";
+constexpr const wchar_t* kSystemPropertiesSource = L"..\\..\\source\\base\\VoSystemProperties";
 constexpr const wchar_t* kConstructor = L"CSystemCheckResult::CSystemCheckResult";
 
 // The answer of the version call. It is 6.2 for a program that names no later system.
@@ -89,7 +89,7 @@ TEST(SystemCheck, ReadsTheRegistryWhenTheVersionCallSays62)
     {
         const CLogCapture log;
         EXPECT_EQ(CSystemCheckResult().systemClass, expected);
-        const auto is = IsReport(kSource, line, kConstructor, HResultFromWin32(error));
+        const auto is = IsReport(kSystemPropertiesSource, line, kConstructor, HResultFromWin32(error));
         EXPECT_THAT(log.Lines(), testing::AllOf(testing::SizeIs(line == 0 ? 0 : 1), testing::Each(is)));
         EXPECT_EQ(keys.Open(), 0);
     };

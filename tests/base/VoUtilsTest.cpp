@@ -12,7 +12,7 @@ using testing::ElementsAre;
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\..\\source\\base\\VoUtils";
+constexpr const wchar_t* kUtilsSource = L"..\\..\\source\\base\\VoUtils";
 
 SYSTEMTIME Time(int year, int month, int day, int hour = 0, int minute = 0, int second = 0, int milliseconds = 0)
 {
@@ -60,7 +60,7 @@ TEST(ISO8601, WritesDatesAndTimes)
     const CLogCapture log;
     EXPECT_EQ(VoSystemTimeToISO8601DateTimeStr(Time(2001, 1, 1), 1440, true, false, text), E_INVALIDARG);
     EXPECT_EQ(text, L"before");
-    EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kSource, 151, L"VoSystemTimeToISO8601DateTimeStr", E_INVALIDARG)));
+    EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kUtilsSource, 151, L"VoSystemTimeToISO8601DateTimeStr", E_INVALIDARG)));
 }
 
 TEST(Variants, CurrencyDateAndBooleanGoThroughTextUnderALocale)
@@ -96,8 +96,8 @@ TEST(Variants, AFailedChangeIsReportedAndLeavesTheDestination)
     ASSERT_EQ(VoTypeToVariant(L"before", *destination.Put()), S_OK);
     EXPECT_EQ(VoChangeVariantTypeNoLocale(destination.Get(), source.Get(), VT_I4), DISP_E_TYPEMISMATCH);
     EXPECT_EQ(CVoBstr::ViewOf(V_BSTR(&destination.Get())), L"before");
-    EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kSource, 213, L"VoChangeVariantType", DISP_E_TYPEMISMATCH),
-                                         IsReport(kSource, 224, L"VoChangeVariantTypeNoLocale", DISP_E_TYPEMISMATCH)));
+    EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kUtilsSource, 213, L"VoChangeVariantType", DISP_E_TYPEMISMATCH),
+                                         IsReport(kUtilsSource, 224, L"VoChangeVariantTypeNoLocale", DISP_E_TYPEMISMATCH)));
 }
 
 TEST(Paths, LongPathPrefixesAreRemovedWhereThePathDoesNotNeedThem)

@@ -1,6 +1,7 @@
 // The command doctor: exit codes, forms of output, wrong usage. What it finds is tested with the library.
 #include "ConsoleProcess.h"
 
+#include <support/HTTPSupport.h>
 #include <support/TestMain.h>
 
 #include <LoopbackServer.h>
@@ -9,6 +10,8 @@
 
 namespace
 {
+using TestSupport::Wide;
+
 void Serve(const Loopback::CRequest& request, Loopback::CConnection& connection)
 {
     connection.SendResponse(request.Path() == "/404" ? 404 : 200, { { "Set-Cookie", "a=planted" } }, "x");
@@ -18,10 +21,6 @@ CConsoleResult Doctor(std::vector<std::wstring> arguments)
 {
     arguments.insert(arguments.begin(), L"doctor");
     return RunConsoleProcess(arguments);
-}
-std::wstring Wide(const std::string& text)
-{
-    return { text.begin(), text.end() };
 }
 
 TEST(ConsoleDoctor, WritesEachFormAndTellsAFailureByTheExitCode)
@@ -38,11 +37,11 @@ TEST(ConsoleDoctor, WritesEachFormAndTellsAFailureByTheExitCode)
     EXPECT_TRUE(html.starts_with("<!DOCTYPE html>") && html.ends_with("</html>\n"));
     EXPECT_EQ(html.find("planted"), std::string::npos);
 
-    const CConsoleResult json = Doctor({ healthy, L"--no-proxy", L"--json", L"--engine", L"curl", L"--engine", L"winhttp" });
-    EXPECT_EQ(json.exitCode, 0);
-    EXPECT_EQ(json.Json()["verdict"], "ok");
-    EXPECT_EQ(json.Json()["timelines"].size(), 2U);
-    EXPECT_EQ(json.Json()["url"], server.URL("/?<7 characters>"));
+    const CConsoleResult inJson = Doctor({ healthy, L"--no-proxy", L"--json", L"--engine", L"curl", L"--engine", L"winhttp" });
+    EXPECT_EQ(inJson.exitCode, 0);
+    EXPECT_EQ(inJson.Json()["verdict"], "ok");
+    EXPECT_EQ(inJson.Json()["timelines"].size(), 2U);
+    EXPECT_EQ(inJson.Json()["url"], server.URL("/?<7 characters>"));
 
     const CConsoleResult failed = Doctor({ Wide(server.URL("/404")), L"--no-proxy", L"--json", L"--method", L"post" });
     EXPECT_EQ(failed.exitCode, 1);

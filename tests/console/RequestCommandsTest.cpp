@@ -2,6 +2,7 @@
 #include "ConsoleProcess.h"
 
 #include <LoopbackServer.h>
+#include <support/HTTPSupport.h>
 #include <support/TestMain.h>
 
 #include <gmock/gmock.h>
@@ -15,13 +16,9 @@ namespace
 {
 using nlohmann::json;
 using ::testing::HasSubstr;
+using TestSupport::Wide;
 
 constexpr const char* kMessageType = "application/octet-stream; charset=UTF-8";
-
-std::wstring Wide(const std::string& ascii)
-{
-    return { ascii.begin(), ascii.end() };
-}
 
 // Responds by path: /echo with the body, /reply with the message "b=2&&bytes", /secret with 401 without the right credentials,
 // /cookie with a Set-Cookie, /missing with 404, any other path with the target. Keeps the requests.

@@ -16,7 +16,7 @@ constexpr double kNoon = 45000.5; // 2023-03-15T12:00:00
 constexpr double kSecond = 1.0 / 86400.0;
 
 // A store with a clock that the test sets, and with texts in place of BSTRs.
-class CTestStore
+class CTestCookieStore
 {
 public:
     double now = kNoon;
@@ -94,7 +94,7 @@ TEST(CookieStore, SendsWhatTheServersSet)
     for (const auto& row : table)
     {
         SCOPED_TRACE(row.rule);
-        CTestStore store;
+        CTestCookieStore store;
         for (const std::wstring& value : row.values)
             EXPECT_EQ(store.Set(value, row.from), S_OK);
         EXPECT_EQ(store.Get(row.to), row.expected);
@@ -129,7 +129,7 @@ TEST(CookieStore, RefusesCookiesThatAreNotForTheHost)
         { "an address that is none", L"ftp://host/", { L"n=v" } },
         { "a host with a lone surrogate", L"http://h\xD800/", { L"n=v" } },
     };
-    CTestStore store;
+    CTestCookieStore store;
     CLogCapture log;
     EXPECT_EQ(store.Set(L"n=secret; Expires=some day", site), E_INVALIDARG);
     EXPECT_THAT(log.Lines(), testing::Contains(IsMessage(L"..\\source\\VoCookieData", 295,
@@ -154,7 +154,7 @@ TEST(CookieStore, RefusesCookiesThatAreNotForTheHost)
 
 TEST(CookieStore, ResponsesOverHttpLeaveSecureCookiesAlone)
 {
-    CTestStore store;
+    CTestCookieStore store;
     ASSERT_EQ(store.Set(L"s=1; Secure; Domain=b.example; Path=/p", L"https://a.b.example/"), S_OK);
     const std::tuple<const char*, const wchar_t*, const wchar_t*> refused[] = {
         { "overwrite", L"s=2; Domain=b.example; Path=/p", L"http://a.b.example/" },
@@ -213,7 +213,7 @@ TEST(CookieStore, ReadsDatesInAllForms)
 TEST(CookieStore, RemovesExpiredCookies)
 {
     const std::wstring site = L"http://host/";
-    CTestStore store;
+    CTestCookieStore store;
     EXPECT_EQ(store.Set(L"a=1; Max-Age=10", site), S_OK);
     EXPECT_EQ(store.Set(L"b=2; Expires=Wed, 15 Mar 2023 12:00:20 GMT", site), S_OK);
     EXPECT_EQ(store.Set(L"c=3; Max-Age=5", site), S_OK);
@@ -235,7 +235,7 @@ TEST(CookieStore, RemovesExpiredCookies)
 }
 
 // Fills a store with every kind of cookie, with expiries of more than 15 digits, and with values that need escaping.
-void Fill(CTestStore& store)
+void Fill(CTestCookieStore& store)
 {
     const std::wstring site = L"https://a.b.example/p/q";
     store.now = kNoon + 1.0 / 3.0;
@@ -248,12 +248,12 @@ void Fill(CTestStore& store)
 
 TEST(CookieStore, SerializedContentComesBackExactly)
 {
-    CTestStore store;
+    CTestCookieStore store;
     Fill(store);
     const std::wstring data = store.Serialize();
     EXPECT_TRUE(data.starts_with(L"Cookie=Domain=a.b.example$&Path=/p/q$&Name=s$&Value=1$&Secure=True$&HttpOnly=True"
                                  L"$&HostOnly=True$&Expiry=45000.97"));
-    CTestStore copy;
+    CTestCookieStore copy;
     copy.now = store.now;
     EXPECT_EQ(copy.Set(L"old=1", L"http://a.b.example/"), S_OK);
     EXPECT_EQ(copy.Deserialize(data), S_OK);
@@ -282,7 +282,7 @@ TEST(CookieStore, SerializedContentComesBackExactly)
 
 TEST(CookieStore, MalformedContentLeavesTheStoreUnchanged)
 {
-    CTestStore store;
+    CTestCookieStore store;
     Fill(store);
     const std::wstring before = store.Serialize();
     std::vector<std::wstring> table = TestSupport::EachChange(
@@ -302,7 +302,7 @@ TEST(CookieStore, MalformedContentLeavesTheStoreUnchanged)
 
 TEST(CookieStore, LimitsTheCookiesOfADomainAndOfAll)
 {
-    CTestStore store;
+    CTestCookieStore store;
     const auto set = [&](size_t number, const std::wstring& host)
     { EXPECT_EQ(store.Set(L"n" + std::to_wstring(number) + L"=v", L"http://" + host), S_OK); };
     const auto has = [&](size_t number, const std::wstring& host)

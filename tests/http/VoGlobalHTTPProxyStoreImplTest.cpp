@@ -20,12 +20,12 @@ using TestSupport::CLogCapture;
 using TestSupport::CLogLine;
 using TestSupport::IsReport;
 
-constexpr const wchar_t* kSource = L"..\\source\\VoGlobalHTTPProxyStoreImpl";
+constexpr const wchar_t* kProxyStoreSource = L"..\\source\\VoGlobalHTTPProxyStoreImpl";
 
-class CTestStore
+class CTestProxyStore
 {
 public:
-    explicit CTestStore(const CHTTPProxyConfigData& config = {}) { EXPECT_EQ(m_store->Init(config), S_OK); }
+    explicit CTestProxyStore(const CHTTPProxyConfigData& config = {}) { EXPECT_EQ(m_store->Init(config), S_OK); }
 
     [[nodiscard]] std::wstring Look(std::wstring_view url) const { return TestSupport::ProxyFor(*m_store.Get(), url); }
     HRESULT Save(std::wstring_view proxy, std::wstring_view user, std::wstring_view password, bool valid = true,
@@ -209,7 +209,7 @@ TEST(ProxyConfiguration, ReportsSettingsThatCannotBeHadAndAsksAgain)
         CHTTPProxyConfigData config = Manual(L"p:1");
         EXPECT_EQ(config.InitFromIE(), code);
         EXPECT_TRUE(config == Manual(L"p:1"));
-        EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kSource, line, L"CHTTPProxyConfigData::InitFromIE", code)));
+        EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kProxyStoreSource, line, L"CHTTPProxyConfigData::InitFromIE", code)));
         CVoComPtr<IVoHTTPProxyStore> store;
         ASSERT_EQ(CreateGlobalHTTPProxyStoreForModule(store.Put()), S_OK);
         for (const wchar_t* const expected : { L" - -", found, found })
@@ -221,13 +221,13 @@ TEST(ProxyConfiguration, ReportsSettingsThatCannotBeHadAndAsksAgain)
 
 TEST(ProxyConfiguration, RefusesAListThatCannotBeUsed)
 {
-    CTestStore store(Manual(L"p:1"));
+    CTestProxyStore store(Manual(L"p:1"));
     for (const wchar_t* const list : { L"https://p:1", L"socks=p:1", L"http=p:1;https=p:0", L"p/../x:1", L"ftp=p:1" })
     {
         CLogCapture log;
         EXPECT_EQ(store->Init(Manual(list)), E_INVALIDARG) << testing::PrintToString(list);
         EXPECT_EQ(store.Look(L"http://host/"), L"p:1 - -");
-        EXPECT_THAT(log.Lines(), Contains(IsReport(kSource, 604, L"CProxyConfigHandler::Init", E_INVALIDARG)));
+        EXPECT_THAT(log.Lines(), Contains(IsReport(kProxyStoreSource, 604, L"CProxyConfigHandler::Init", E_INVALIDARG)));
     }
     CLogCapture log;
     EXPECT_EQ(store->Init(Manual(L"p:1", L"*")), S_OK);
@@ -237,7 +237,7 @@ TEST(ProxyConfiguration, RefusesAListThatCannotBeUsed)
 
 TEST(ProxyStore, GivesTheManualProxyOfTheSchemeUnlessBypassed)
 {
-    const CTestStore store(Manual(L"http=a:1;https=b:2", L"host1;host2 *.example;<local>"));
+    const CTestProxyStore store(Manual(L"http=a:1;https=b:2", L"host1;host2 *.example;<local>"));
     const std::pair<const wchar_t*, const wchar_t*> table[] = {
         { L"http://www.test/path?q", L"a:1 - -" },
         { L"HTTPS://WWW.test:444", L"b:2 - -" },
@@ -252,8 +252,8 @@ TEST(ProxyStore, GivesTheManualProxyOfTheSchemeUnlessBypassed)
     };
     for (const auto& [url, expected] : table)
         EXPECT_EQ(store.Look(url), expected) << testing::PrintToString(url);
-    EXPECT_EQ(CTestStore(Manual(L"http://P:8080")).Look(L""), L"P:8080 - -");
-    EXPECT_EQ(CTestStore().Look(L""), L" - -");
+    EXPECT_EQ(CTestProxyStore(Manual(L"http://P:8080")).Look(L""), L"P:8080 - -");
+    EXPECT_EQ(CTestProxyStore().Look(L""), L" - -");
 
     EXPECT_EQ(store->GetProxyForUrl(CVoBstr(L"http://host/").Get(), nullptr, nullptr, nullptr), E_POINTER);
     // A failure leaves the out arguments unchanged.
@@ -287,7 +287,7 @@ TEST(ProxyStore, DiscoversOncePerServerAndDegradesToDirect)
         SCOPED_TRACE(rule);
         const auto frees = CountFreedTexts();
         const CDiscovery discovery(answers);
-        const CTestStore store(Detection());
+        const CTestProxyStore store(Detection());
         const CLogCapture log;
         EXPECT_EQ(store.Look(L"http://www.example/path?query"), expected + L" - -");
         EXPECT_EQ(g_openTexts, 0);
@@ -327,7 +327,7 @@ TEST(ProxyStore, AsksThePlatformAsConfigured)
     const CAcquireBalance sessions = CAcquireBalance::Of<decltype(&::WinHttpOpen), decltype(&::WinHttpCloseHandle)>(
         "winhttp.dll", "WinHttpOpen", "WinHttpCloseHandle");
     {
-        const CTestStore store(Detection());
+        const CTestProxyStore store(Detection());
         EXPECT_EQ(store.Look(L"https://host/secret/path?token=1#part"), L"p:1 - -");
         EXPECT_EQ(store->Init(Script(L"http://script/")), S_OK);
         EXPECT_EQ(store.Look(L"http://host/path?q"), L"p:1 - -"); // and nothing of the former configuration
@@ -352,7 +352,7 @@ TEST(ProxyStore, KnownServersDoNotWaitForADiscovery)
         EXPECT_EQ(began.Set(), S_OK);
         ::WaitForSingleObject(answered.Handle(), INFINITE);
     };
-    const CTestStore store(Detection());
+    const CTestProxyStore store(Detection());
     EXPECT_EQ(store.Look(L"http://known/"), L"p:1 - -");
     std::vector<std::jthread> threads;
     for (int i = 0; i < 8; ++i)
@@ -368,7 +368,7 @@ TEST(ProxyStore, KnownServersDoNotWaitForADiscovery)
 
 TEST(ProxyStore, HandsCredentialsOutForTheirProxyOnly)
 {
-    CTestStore store(Manual(L"http=Proxy.example:8080;https=other:8080"));
+    CTestProxyStore store(Manual(L"http=Proxy.example:8080;https=other:8080"));
     EXPECT_EQ(store.Look(L"http://first/"), L"Proxy.example:8080 - -");
     // Credentials for another port of the host do not count.
     EXPECT_EQ(store.Save(L"other:8081", L"no", L"no"), S_OK);
@@ -394,7 +394,7 @@ TEST(ProxyStore, UsesTheConfiguredCredentialsUntilOthersAreSaved)
 {
     CHTTPProxyConfigData config = Manual(L"p:1", L"bypassed");
     config.manualProxyAuthenticationData = Credentials(L"user", L"secret");
-    CTestStore store(config);
+    CTestProxyStore store(config);
     const auto expectEverywhere = [&](const std::wstring& expected)
     {
         for (const wchar_t* const url : { L"", L"http://first/", L"http://second/" })
@@ -420,19 +420,19 @@ TEST(ProxyStore, SerializedContentComesBackExactly)
 {
     CHTTPProxyConfigData config = Manual(L"http=a:1;https=b:2", L"x;<local>");
     config.manualProxyAuthenticationData = Credentials(L"us&er$", L"p=a&&s$s \x00E4\xD83D\xDE00");
-    CTestStore store(config);
+    CTestProxyStore store(config);
     const std::wstring withConfigured = L"a:1 us&er$ p=a&&s$s \x00E4\xD83D\xDE00";
     EXPECT_EQ(store.Look(L"http://First.test/"), withConfigured);
     EXPECT_EQ(store.Save(L"b:2", L"only", L"kept", true, false), S_OK);
 
     const std::wstring text = store.Serialize();
-    CTestStore copy;
+    CTestProxyStore copy;
     ASSERT_EQ(copy.Deserialize(text), S_OK);
     EXPECT_EQ(copy.Serialize(), text);
     EXPECT_EQ(copy.Look(L"http://first.test/"), withConfigured);
     EXPECT_EQ(copy.Look(L"https://new.test/"), L"b:2 - -");
     EXPECT_EQ(copy->Deserialize(nullptr), S_OK); // null clears the store
-    EXPECT_EQ(copy.Serialize(), CTestStore().Serialize());
+    EXPECT_EQ(copy.Serialize(), CTestProxyStore().Serialize());
     // The property is the same text.
     const CVoBstr name(L"proxydatastring");
     CVoVariant value;
@@ -444,7 +444,7 @@ TEST(ProxyStore, SerializedContentComesBackExactly)
 
     // Cached servers stay known; others are discovered.
     const CDiscovery discovery({ Finds(L"p:1") });
-    const CTestStore first(Script(L"http://script/"));
+    const CTestProxyStore first(Script(L"http://script/"));
     EXPECT_EQ(first.Look(L"http://known/"), L"p:1 - -");
     ASSERT_EQ(copy.Deserialize(first.Serialize()), S_OK);
     EXPECT_EQ(copy.Look(L"http://known/"), L"p:1 - -");
@@ -455,7 +455,7 @@ TEST(ProxyStore, SerializedContentComesBackExactly)
 
 TEST(ProxyStore, MalformedContentChangesNothingAndLogsNoSecret)
 {
-    CTestStore store(Manual(L"p:1"));
+    CTestProxyStore store(Manual(L"p:1"));
     EXPECT_EQ(store.Look(L"http://host/"), L"p:1 - -");
     EXPECT_EQ(store.Save(L"p:1", L"user", L"secret"), S_OK);
     const std::wstring good = store.Serialize();
@@ -480,7 +480,7 @@ TEST(ProxyStore, MalformedContentChangesNothingAndLogsNoSecret)
 
 TEST(ProxyStore, ReportsAFailingSessionAndKeepsItsConfiguration)
 {
-    CTestStore store(Manual(L"p:1"));
+    CTestProxyStore store(Manual(L"p:1"));
     CLogCapture log;
     for (const auto& [fault, line] : { std::pair(VO_FAULT("winhttp.dll", WinHttpOpen, nullptr, ERROR_OUTOFMEMORY), 630),
                                        { VO_FAULT("winhttp.dll", WinHttpSetTimeouts, FALSE, ERROR_INVALID_PARAMETER), 634 } })
@@ -488,7 +488,7 @@ TEST(ProxyStore, ReportsAFailingSessionAndKeepsItsConfiguration)
         const auto injected = fault.inject(1);
         EXPECT_EQ(store->Init(Detection()), fault.expected);
         EXPECT_EQ(store.Look(L"http://host/"), L"p:1 - -");
-        EXPECT_THAT(log.Lines(), Contains(IsReport(kSource, line, L"CProxyConfigHandler::Init", fault.expected)));
+        EXPECT_THAT(log.Lines(), Contains(IsReport(kProxyStoreSource, line, L"CProxyConfigHandler::Init", fault.expected)));
         log.Clear();
     }
     // A session that does not close is reported; the store is cleared all the same.

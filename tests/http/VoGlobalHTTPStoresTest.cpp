@@ -21,7 +21,7 @@ using TestSupport::CLogCapture;
 using TestSupport::IsReport;
 using VoGlobalHTTPUtils::CreateGlobalHTTPStores;
 
-constexpr const wchar_t* kSource = L"..\\source\\VoGlobalHTTPUtils";
+constexpr const wchar_t* kHTTPUtilsSource = L"..\\source\\VoGlobalHTTPUtils";
 constexpr const wchar_t* kFunction = L"VoGlobalHTTPUtils::CreateGlobalHTTPStores";
 
 struct CStores
@@ -155,7 +155,7 @@ TEST(GlobalHTTPStores, BelongToARegisteredProvider)
         stores = CStores();
         EXPECT_EQ(stores.Create(), store ? E_NOINTERFACE : S_OK);
         EXPECT_TRUE(store ? stores.IsEmpty() : stores.AreSame(own));
-        const auto report = IsReport(kSource, line, kFunction, E_NOINTERFACE);
+        const auto report = IsReport(kHTTPUtilsSource, line, kFunction, E_NOINTERFACE);
         EXPECT_THAT(log.Lines(), testing::Conditional(store != nullptr, ElementsAre(report), ElementsAre()));
         log.Clear();
     }
@@ -164,8 +164,8 @@ TEST(GlobalHTTPStores, BelongToARegisteredProvider)
     EXPECT_EQ(stores.Create(), E_ACCESSDENIED);
     created = CO_E_SERVER_EXEC_FAILURE;
     EXPECT_EQ(stores.Create(), CO_E_SERVER_EXEC_FAILURE);
-    EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kSource, 445, kFunction, E_ACCESSDENIED),
-                                         IsReport(kSource, 438, kFunction, CO_E_SERVER_EXEC_FAILURE)));
+    EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kHTTPUtilsSource, 445, kFunction, E_ACCESSDENIED),
+                                         IsReport(kHTTPUtilsSource, 438, kFunction, CO_E_SERVER_EXEC_FAILURE)));
     EXPECT_TRUE(stores.IsEmpty());
 }
 } // namespace

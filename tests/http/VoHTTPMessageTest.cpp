@@ -18,7 +18,7 @@ using testing::ElementsAre;
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\source\\VoHTTPMessage";
+constexpr const wchar_t* kHTTPMessageSource = L"..\\source\\VoHTTPMessage";
 
 std::string TextOf(const CVoBodyPieces& body)
 {
@@ -62,8 +62,8 @@ TEST(HTTPMessage, AnUnknownTransportKindIsRefusedWithItsNumber)
     Message message;
     EXPECT_EQ(ConnectTo(L"http://localhost", { .kind = 4 }, message), E_NOTIMPL);
     EXPECT_EQ(message, nullptr);
-    EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kSource, 325, L"CVoHTTPMessage::Connect", HRESULT{ 4 }),
-                                         IsReport(kSource, 326, L"CVoHTTPMessage::Connect", E_NOTIMPL)));
+    EXPECT_THAT(log.Lines(), ElementsAre(IsReport(kHTTPMessageSource, 325, L"CVoHTTPMessage::Connect", HRESULT{ 4 }),
+                                         IsReport(kHTTPMessageSource, 326, L"CVoHTTPMessage::Connect", E_NOTIMPL)));
 }
 
 TEST(HTTPMessage, InterfacesAreHeldWhileConnected)
@@ -145,7 +145,7 @@ TEST(HTTPMessage, BothFormsOfSignMessageAppendTheSignatureOfTheBody)
     // A signed form is built the same way.
     CVoHTTPContent content;
     EXPECT_EQ(VoCreateContent(MakeMessage({ { L"a", L"1" } }), Kind::SignedForm, true, privateKey, L"sig",
-                              CVoReporter{ kSource, L"test" }, {}, content),
+                              CVoReporter{ kHTTPMessageSource, L"test" }, {}, content),
               S_OK);
     EXPECT_EQ(TextOf(content.body), body);
     // A transport may read it once more from its beginning.

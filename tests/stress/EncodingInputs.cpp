@@ -26,7 +26,7 @@ std::string Text(std::span<const BYTE> bytes)
 {
     return { bytes.begin(), bytes.end() };
 }
-std::vector<BYTE> Data(std::string_view bytes)
+std::vector<BYTE> BytesOf(std::string_view bytes)
 {
     return { bytes.begin(), bytes.end() };
 }
@@ -275,7 +275,7 @@ std::pair<CPairs, bool> ReferencePairs(std::wstring_view text)
     return { pairs, true };
 }
 
-void Parameters(std::wstring_view input)
+void ReadParameters(std::wstring_view input)
 {
     const auto [expected, isWhole] = ReferencePairs(input);
     CVoDataParser parser;
@@ -333,7 +333,7 @@ CParts ReferenceMessage(std::string_view bytes)
     return parts;
 }
 
-void Message(std::wstring_view input)
+void ReadMessage(std::wstring_view input)
 {
     const std::string bytes = Bytes(input);
     const CParts expected = ReferenceMessage(bytes);
@@ -344,11 +344,11 @@ void Message(std::wstring_view input)
     Require(SUCCEEDED(hr) == expected.isWhole, "the reference decides otherwise");
     Require(PairsOf(parser) == expected.pairs && Text(parser.Payload()) == expected.payload, "the parts differ");
     CVoBinaryDataParser moved;
-    Require(moved.Parse(Data(bytes), false, true) == hr && PairsOf(moved) == expected.pairs &&
+    Require(moved.Parse(BytesOf(bytes), false, true) == hr && PairsOf(moved) == expected.pairs &&
                 Text(moved.Payload()) == expected.payload,
             "the function that takes the bytes over gives something else");
     CVoBinaryDataParser binary;
-    Require(SUCCEEDED(binary.Parse(Data(bytes), true, true)) && Text(binary.Payload()) == bytes && binary.GetCount() == 0,
+    Require(SUCCEEDED(binary.Parse(BytesOf(bytes), true, true)) && Text(binary.Payload()) == bytes && binary.GetCount() == 0,
             "bytes alone are not the payload");
     if (FAILED(hr))
         return;
@@ -416,7 +416,7 @@ void Multipart(std::wstring_view input)
     const bool hasFile = input.size() % 2 != 0 && !texts[0].empty();
     const bool hasType = input.size() % 4 == 1;
     CVoBinaryDataParser parser;
-    parser.SetPayload(Data(Bytes(input)));
+    parser.SetPayload(BytesOf(Bytes(input)));
     Require(SUCCEEDED(parser.AddParam(texts[0], Guarded(texts[1]))) && SUCCEEDED(parser.AddParam(L"b", Guarded(texts[2]))) &&
                 (!hasFile || (SUCCEEDED(parser.AddParam(L"FileName", texts[0])) &&
                               (!hasType || SUCCEEDED(parser.AddParam(L"ContentType", texts[2]))))),
@@ -656,13 +656,13 @@ void Variants(std::wstring_view input)
 const std::wstring kTwoMessages = Units(std::string("\x05\0\0\0a=1&&\x07\0\0\0b=2&&xy", 20));
 
 // clang-format off
-const CCampaigns kCampaigns({
+const CCampaigns kEncodingCampaigns({
     { "hex", &Hex, { L"0A1bFf", L"0x1F0", L"01:f 0", std::wstring(150, L'7') }, L"0123789abcdefABCDEF :-\r\nxg\u0141\uFF11" },
     { "base64", &Base64, { L"TWFu", L"TWE=", L"TWE%3d", L"-_8=", L"  TWFuTWE=\r\n", std::wstring(200, L'Q') + L"\r\n" + std::wstring(90, L'R') }, L"AQZaqz09+/-_=%3Dd \t\r\n\u0175" },
     { "base32", &Base32, { L"10", L"1 0\t=\r\n=", L"%3D1%3d0", L"ABCDEFGH", L"lo", std::wstring(160, L'Z') }, L"0189AZUOILBboilu=%3Dd \t\r\n\v\u0130" },
     { "utf", &Utf, { L"text", L"\u00FC\u20AC\xD83D\xDE00", L"\u00F0\u009F\u0098\u0080", L"\u00E2\u0082\u00AC", std::wstring(511, L'\u20AC'), std::wstring(1024, L'a') }, L"a\x7F\x80\xC2\xDF\xE0\xED\xF0\xF4\xBF\xA0\u07FF\u0800\uD7FF\xD800\xDBFF\xDC00\xDFFF\uE000\uFFFF" },
-    { "parameters", &Parameters, { L"a=1&b=2", L"x=a$&b$$c&&y=", L" n =v", L"a=1&junk", L"a=$" }, L"$$&&==ab \u00FC\t" },
-    { "message", &Message, { L"a=1&b=2&&pay&&load", L"\u00EF\u00BB\u00BFa=1&&", L"x=$&&&", L"\u00C3\u00BC=\u00E9" }, L"$$&&==ab\u00EF\u00BB\u00BF\u00C3\u00BC", 1, true },
+    { "parameters", &ReadParameters, { L"a=1&b=2", L"x=a$&b$$c&&y=", L" n =v", L"a=1&junk", L"a=$" }, L"$$&&==ab \u00FC\t" },
+    { "message", &ReadMessage, { L"a=1&b=2&&pay&&load", L"\u00EF\u00BB\u00BFa=1&&", L"x=$&&&", L"\u00C3\u00BC=\u00E9" }, L"$$&&==ab\u00EF\u00BB\u00BF\u00C3\u00BC", 1, true },
     { "multiple_responses", &MultipleResponses, { kTwoMessages, kTwoMessages + kTwoMessages }, L"\0\0\x01\x02\x03\x05\xFF=&a"sv, 1, true },
     { "multipart", &Multipart, { L"nameonevaluetwo", L"--\r\n\"%22", L"\u00FC\"\r\n\xD83D\xDE00" }, L"\r\n-\";=% a\u20AC\xDC00", 2 },
     { "url_code", &UrlCode, { L"a b-\u00FC", L"a%20b%2D", L"100%", L"%c3%BC+" }, L"%%0123aAfFgG +-._~\u00FC\u20AC\xD800" },

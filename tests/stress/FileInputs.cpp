@@ -355,7 +355,7 @@ void Renderers(std::wstring_view input)
 const std::wstring kSigned = Units(TestSupport::kKnownSignedFile);
 
 // clang-format off
-const CCampaigns kCampaigns({
+const CCampaigns kFileCampaigns({
     { "ini",
       &Ini,
       { L"[A]\nx=1\n; c\n[b]\r\n y = 2 \r[a]\nX=3\n", L"\u00EF\u00BB\u00BF[\u00C3\u00BC]\nk\u00C3\u00BC=\u00E2\u0082\u00AC\n",

@@ -393,7 +393,7 @@ private:
     Message m_message; // goes first
 };
 
-const bool kRegistered = []
+const bool kServersRegistered = []
 {
     for (const CTransport& transport : kTransports)
         if (!transport.rewritesLoopback) // as WinHTTP, but for the server's name

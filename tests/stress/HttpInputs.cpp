@@ -496,7 +496,7 @@ const std::wstring kGzip = Units(TestSupport::Compress("hello hello hello", Test
 const std::wstring kZlib = Units(TestSupport::Compress(std::string(3000, 'a'), TestSupport::ECompression::Zlib));
 
 // clang-format off
-const CCampaigns kCampaigns({
+const CCampaigns kHttpCampaigns({
     { "addresses",
       &Addresses,
       { L"[::\u2074]", L"https://host.test:8080/p/a?q=1#f", L"host", L"[::1]:80/x", L"http://user:pw@h/", L" HTTP://H:0080/ ", L"a?b://c",

@@ -245,7 +245,7 @@ void Stores()
 // ---- processes
 
 constexpr const wchar_t* kReadyEvent = L"VoUtilsStressChildIsReady";
-constexpr const wchar_t* kSource = L"..\\stress";
+constexpr const wchar_t* kStressSource = L"..\\stress";
 constexpr int kLinesOfAWriter = 60;
 
 void WriteLines(int count)
@@ -253,7 +253,7 @@ void WriteLines(int count)
     VoErrorLog().SetApplicationLog(true);
     const std::wstring filler(100, L'x');
     for (int i = 0; i < count; ++i)
-        VoReportMessage(kSource, i, L"line %d of %lu %ls end", i, ::GetCurrentProcessId(), filler.c_str());
+        VoReportMessage(kStressSource, i, L"line %d of %lu %ls end", i, ::GetCurrentProcessId(), filler.c_str());
 }
 
 // The lines of a log that no writer wrote like this.
@@ -261,7 +261,7 @@ size_t TornLines(std::string_view bytes)
 {
     size_t torn = 0;
     for (const CLogLine& line : ParseLog(bytes))
-        torn += line.source == kSource && (!line.message.starts_with(L"line ") || !line.message.ends_with(L"x end"));
+        torn += line.source == kStressSource && (!line.message.starts_with(L"line ") || !line.message.ends_with(L"x end"));
     return torn;
 }
 
@@ -270,7 +270,7 @@ void FillLog()
 {
     WriteTestFile(VoErrorLog().LogFilePath(), "");
     VoErrorLog().SetApplicationLog(true);
-    VoReportMessage(kSource, 1, L"line 1 of 1 %ls end", std::wstring(100, L'x').c_str());
+    VoReportMessage(kStressSource, 1, L"line 1 of 1 %ls end", std::wstring(100, L'x').c_str());
     VoErrorLog().SetApplicationLog(false);
     const std::string bytes = ReadTestFile(VoErrorLog().LogFilePath());
     const std::string line = bytes.substr(bytes.rfind('\n', bytes.size() - 2) + 1);
@@ -298,7 +298,7 @@ void SharedLog()
         EXPECT_EQ(TornLines(bytes), 0U);
         size_t found = 0;
         for (const CLogLine& line : ParseLog(bytes))
-            found += line.source == kSource && line.line == kLinesOfAWriter - 1;
+            found += line.source == kStressSource && line.line == kLinesOfAWriter - 1;
         EXPECT_EQ(found, 8U) << "the last line of a process is missing; repeat: " << rounds.Command();
     }
 }
@@ -386,7 +386,7 @@ void Register(const char* suite, const std::string& name, std::function<void()> 
     });
 }
 
-const bool kRegistered = []
+const bool kThreadsRegistered = []
 {
     for (const CTransport& transport : kTransports)
         if (!transport.rewritesLoopback)

@@ -18,7 +18,7 @@ using namespace VoDiagnosis;
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\source\\VoDiagnosis";
+constexpr const wchar_t* kDiagnosisSource = L"..\\source\\VoDiagnosis";
 constexpr INT64 kMicrosecondsPerSecond = 1'000'000;
 // A probe ends by itself at its time-out. The runner waits a little longer, because the probe then knows more.
 constexpr INT64 kGrace = 200'000;
@@ -361,7 +361,7 @@ CVoDiagnosis::~CVoDiagnosis() = default;
 
 HRESULT CVoDiagnosis::Run(IVoDiagnosisObserver* observer, CVoDiagnosisReport& report) noexcept
 {
-    constexpr CVoReporter reporter{ kSource, L"CVoDiagnosis::Run" };
+    constexpr CVoReporter reporter{ kDiagnosisSource, L"CVoDiagnosis::Run" };
     return reporter.Guard(40, [&]() -> HRESULT
     {
         if (m_state->isUsed.exchange(true))

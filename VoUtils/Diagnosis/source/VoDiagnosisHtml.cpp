@@ -69,7 +69,7 @@ std::string Escaped(std::wstring_view text)
     return escaped;
 }
 
-std::string Milliseconds(INT64 microseconds)
+std::string MillisecondsText(INT64 microseconds)
 {
     return VoDiagnosisText::Utf8(VoFormat(L"%.1f ms", static_cast<double>(microseconds) / 1000));
 }
@@ -104,7 +104,7 @@ struct CValueWriter
 
     void operator()(bool value) const { page += value ? "yes" : "no"; }
     void operator()(INT64 number) const { page += std::to_string(number); }
-    void operator()(std::chrono::microseconds time) const { page += Milliseconds(time.count()); }
+    void operator()(std::chrono::microseconds time) const { page += MillisecondsText(time.count()); }
     void operator()(const std::wstring& text) const { page += Escaped(text); }
     void operator()(const std::vector<std::wstring>& texts) const
     {
@@ -149,7 +149,7 @@ void AppendCheck(std::string& page, const CVoCheck& check)
     if (!check.fix.empty())
         page += "<p>" + Escaped(check.fix) + "</p>\n";
     page += "<p class=\"soft\">" + std::string(VoCheckStatusName(check.status)) +
-            (check.cause.empty() ? "" : ", cause " + check.cause) + ", " + Milliseconds(check.microseconds) + "</p>\n";
+            (check.cause.empty() ? "" : ", cause " + check.cause) + ", " + MillisecondsText(check.microseconds) + "</p>\n";
     if (!check.facts.empty())
         AppendFacts(page, check.facts);
     page += "</details>\n";
@@ -171,12 +171,12 @@ void AppendTimelines(std::string& page, const CVoDiagnosisReport& report)
         page += "<div class=\"line\"><span>" + line.engine + "</span><span class=\"bar\">";
         for (const VoDiagnosisText::CPhase& phase : phases)
             page += "<span class=\"" + std::string(phase.key) + "\" title=\"" + Escaped(phase.name) + ' ' +
-                    Milliseconds(phase.end - phase.begin) + "\" style=\"width:" +
+                    MillisecondsText(phase.end - phase.begin) + "\" style=\"width:" +
                     VoDiagnosisText::Utf8(VoFormat(L"%.2f", 100.0 * static_cast<double>(phase.end - phase.begin) /
                                                                 static_cast<double>(longest))) +
                     "%\"></span>";
-        page +=
-            "</span><span>" + (phases.empty() ? std::string("&#8211;") : Milliseconds(phases.back().end)) + "</span></div>\n";
+        page += "</span><span>" + (phases.empty() ? std::string("&#8211;") : MillisecondsText(phases.back().end)) +
+                "</span></div>\n";
     }
     page += "</section>\n";
 }
@@ -193,7 +193,7 @@ std::string VoRenderHtml(const CVoDiagnosisReport& report)
         "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n<title>Connection report</title>\n<style>";
     page += kStyle;
     page += "</style></head><body><main>\n<section><h1>" + Escaped(report.url) + "</h1><p class=\"soft\">" +
-            Escaped(report.time) + ", checked in " + Milliseconds(report.microseconds) +
+            Escaped(report.time) + ", checked in " + MillisecondsText(report.microseconds) +
             (report.isCancelled ? ", cancelled" : "") + "</p></section>\n";
     page += "<section class=\"verdict " + std::string(style) + "\"><h2>" + Escaped(report.summary) +
             "</h2>\n<p class=\"soft\">Verdict: " + VoVerdictName(report.verdict) +

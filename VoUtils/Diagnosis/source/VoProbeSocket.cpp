@@ -15,8 +15,8 @@ namespace VoDiagnosis
 {
 namespace
 {
-constexpr size_t kMaximumHead = 64 * 1024;
-constexpr size_t kMaximumBody = 16 * 1024;
+constexpr size_t kMaximumPlainHead = 64 * 1024;
+constexpr size_t kMaximumPlainBody = 16 * 1024;
 constexpr size_t kMaximumAddresses = 16; // more than any host needs; WaitForMultipleObjects takes 64 handles
 
 EOutcome OutcomeOf(int error) noexcept
@@ -268,7 +268,7 @@ bool ReadHead(std::string_view bytes, CPlainResponse& response)
         if (const size_t colon = line.find(L':'); colon != std::wstring::npos)
             response.headers.push_back({ line.substr(0, colon), std::wstring(VoTrimBlanks(line.substr(colon + 1))) });
     }
-    response.body = bytes.substr(end + 4, kMaximumBody);
+    response.body = bytes.substr(end + 4, kMaximumPlainBody);
     return true;
 }
 
@@ -278,7 +278,7 @@ CPlainResponse Ask(CProbeSocket& socket, std::string_view request, bool withBody
     std::string bytes;
     response.outcome = socket.Send(request, limit);
     bool isHeadRead = false;
-    while (response.outcome == EOutcome::Ok && !isHeadRead && bytes.size() < kMaximumHead)
+    while (response.outcome == EOutcome::Ok && !isHeadRead && bytes.size() < kMaximumPlainHead)
     {
         response.outcome = socket.Receive(bytes, limit);
         isHeadRead = ReadHead(bytes, response);
@@ -291,11 +291,11 @@ CPlainResponse Ask(CProbeSocket& socket, std::string_view request, bool withBody
     }
     const std::optional<UINT32> length = VoParseDecimalClamped<UINT32>(response.Header(L"Content-Length"));
     const size_t head = bytes.size() - std::min(bytes.size(), response.body.size());
-    const size_t wanted = head + std::min<size_t>(length.value_or(kMaximumBody), kMaximumBody);
+    const size_t wanted = head + std::min<size_t>(length.value_or(kMaximumPlainBody), kMaximumPlainBody);
     while (bytes.size() < wanted && socket.Receive(bytes, limit) == EOutcome::Ok)
     {
     }
-    response.body = bytes.substr(head, kMaximumBody);
+    response.body = bytes.substr(head, kMaximumPlainBody);
     response.outcome = EOutcome::Ok;
     return response;
 }

@@ -10,7 +10,7 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\source\\VoAuthCallbackImpl";
+constexpr const wchar_t* kAuthCallbackSource = L"..\\source\\VoAuthCallbackImpl";
 
 // Replaces the text of an out argument, and wipes and frees the old text.
 void Replace(BSTR& out, CVoBstr& text) noexcept
@@ -38,7 +38,7 @@ HRESULT CVoAuthCallbackImpl::QueryOther(REFIID iid, void** object) noexcept
 
 HRESULT CVoAuthCallbackImpl::CancelQuestion(DWORD threadId) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoAuthCallbackImpl::CancelQuestion" };
+    constexpr CVoReporter report{ kAuthCallbackSource, L"CVoAuthCallbackImpl::CancelQuestion" };
     return report.Guard(50, [&]() -> HRESULT
     {
         const CVoLockHolder lock(m_lock);
@@ -114,7 +114,7 @@ HRESULT CVoAuthCallbackImpl::AskUser(bool proxy, BSTR title, BSTR serverAddress,
 HRESULT CVoAuthCallbackImpl::OnProxyAuthNeeded(BSTR title, BSTR serverAddress, BSTR reserved, BSTR* user, BSTR* password,
                                                VARIANT_BOOL* cancelled) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoAuthCallbackImpl::OnProxyAuthNeeded" };
+    constexpr CVoReporter report{ kAuthCallbackSource, L"CVoAuthCallbackImpl::OnProxyAuthNeeded" };
     if (const HRESULT hr = AskUser(true, title, serverAddress, reserved, user, password, cancelled); FAILED(hr))
         return report(66, hr);
     return S_OK;
@@ -123,7 +123,7 @@ HRESULT CVoAuthCallbackImpl::OnProxyAuthNeeded(BSTR title, BSTR serverAddress, B
 HRESULT CVoAuthCallbackImpl::OnServerAuthNeeded(BSTR title, BSTR serverAddress, BSTR reserved, BSTR* user, BSTR* password,
                                                 VARIANT_BOOL* cancelled) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoAuthCallbackImpl::OnServerAuthNeeded" };
+    constexpr CVoReporter report{ kAuthCallbackSource, L"CVoAuthCallbackImpl::OnServerAuthNeeded" };
     if (const HRESULT hr = AskUser(false, title, serverAddress, reserved, user, password, cancelled); FAILED(hr))
         return report(75, hr);
     return S_OK;
@@ -131,7 +131,7 @@ HRESULT CVoAuthCallbackImpl::OnServerAuthNeeded(BSTR title, BSTR serverAddress, 
 
 HRESULT CreateGlobalAuthenticationCallbackForModule(IVoAuthenticationCallback** callback) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CreateGlobalAuthenticationCallbackForModule" };
+    constexpr CVoReporter report{ kAuthCallbackSource, L"CreateGlobalAuthenticationCallbackForModule" };
     if (!callback)
         return report(84, E_POINTER);
     CVoComPtr<CVoAuthCallbackImpl> made = VoMakeComObject<CVoAuthCallbackImpl>();

@@ -14,7 +14,7 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\source\\VoAuthDlg";
+constexpr const wchar_t* kAuthDlgSource = L"..\\source\\VoAuthDlg";
 
 constexpr CDialogRect kDialogRect{ 0, 0, 308, 125 };
 
@@ -232,7 +232,7 @@ CAuthDlg::CAuthDlg(std::wstring_view title, std::wstring_view serverAddress, EAs
 
 bool CAuthDlg::DoModal(HWND parent)
 {
-    constexpr CVoReporter report{ kSource, L"CAuthDlg::DoModal" };
+    constexpr CVoReporter report{ kAuthDlgSource, L"CAuthDlg::DoModal" };
     const CDialogTemplate dialogTemplate = MakeTemplate();
     m_userName.clear();
     VoWipe(m_password.Get());

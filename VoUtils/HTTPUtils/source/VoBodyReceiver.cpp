@@ -12,7 +12,7 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\source\\VoBodyReceiver";
+constexpr const wchar_t* kBodyReceiverSource = L"..\\source\\VoBodyReceiver";
 
 constexpr size_t kFirstBlock = size_t{ 16 } * 1024;
 constexpr size_t kLargestBlock = size_t{ 4 } * 1024 * 1024;
@@ -110,7 +110,7 @@ void CVoBodyReceiver::Expect(UINT64 length)
 // Counts the bytes and checks them.
 HRESULT CVoBodyReceiver::Check(std::span<const BYTE> bytes)
 {
-    constexpr CVoReporter report{ kSource, L"CVoBodyReceiver::Check" };
+    constexpr CVoReporter report{ kBodyReceiverSource, L"CVoBodyReceiver::Check" };
     if (m_limit != 0 && m_length + bytes.size() > m_limit)
         return m_refusal = report(110, kErrorResponseLimit);
     if (m_decoder)
@@ -122,7 +122,7 @@ HRESULT CVoBodyReceiver::Check(std::span<const BYTE> bytes)
 
 HRESULT CVoBodyReceiver::GiveToSink(std::span<const BYTE> bytes)
 {
-    constexpr CVoReporter report{ kSource, L"CVoBodyReceiver::GiveToSink" };
+    constexpr CVoReporter report{ kBodyReceiverSource, L"CVoBodyReceiver::GiveToSink" };
     if (m_logged < kLoggedBytes)
     {
         const size_t count = std::min(bytes.size(), static_cast<size_t>(kLoggedBytes - m_logged));

@@ -18,7 +18,7 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\source\\VoCookieData";
+constexpr const wchar_t* kCookieDataSource = L"..\\source\\VoCookieData";
 
 constexpr double kSecondsPerDay = 86400.0;
 constexpr double kMinutesPerDay = 1440.0;
@@ -236,7 +236,7 @@ bool BreaksPromiseOfName(const CVoCookieData& cookie, bool hasPath) noexcept
 
 HRESULT CVoCookieRequest::FromUrl(std::wstring_view url, CVoCookieRequest& request) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoCookieRequest::FromUrl" };
+    constexpr CVoReporter report{ kCookieDataSource, L"CVoCookieRequest::FromUrl" };
     return report.Guard(240, [&]() -> HRESULT
     {
         CServerAddressData address;
@@ -282,7 +282,7 @@ std::wstring VoCanonicalHost(std::wstring_view host)
 HRESULT CVoCookieData::CreateCookieFromString(std::wstring_view setCookieValue, const CVoCookieRequest& request, double now,
                                               CVoCookieData& cookie) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoCookieData::CreateCookieFromString" };
+    constexpr CVoReporter report{ kCookieDataSource, L"CVoCookieData::CreateCookieFromString" };
     return report.Guard(331, [&]() -> HRESULT
     {
         if (!IsSendable(setCookieValue, true))
@@ -352,7 +352,7 @@ HRESULT CVoCookieData::CreateCookieFromString(std::wstring_view setCookieValue, 
 
 HRESULT CVoCookieData::SerializeCookie(std::wstring& text) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoCookieData::SerializeCookie" };
+    constexpr CVoReporter report{ kCookieDataSource, L"CVoCookieData::SerializeCookie" };
     return report.Guard(363, [&]() -> HRESULT
     {
         CVoBinaryDataParser parser;
@@ -367,7 +367,7 @@ HRESULT CVoCookieData::SerializeCookie(std::wstring& text) const noexcept
 
 HRESULT CVoCookieData::CreateCookieFromSerializedData(std::wstring_view text, CVoCookieData& cookie) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoCookieData::CreateCookieFromSerializedData" };
+    constexpr CVoReporter report{ kCookieDataSource, L"CVoCookieData::CreateCookieFromSerializedData" };
     return report.Guard(416, [&]() -> HRESULT
     {
         CVoBinaryDataParser parser;

@@ -8,14 +8,14 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\source\\VoDataLog";
+constexpr const wchar_t* kDataLogSource = L"..\\source\\VoDataLog";
 constexpr const wchar_t* kFolder = L"\\logdir";
 } // namespace
 
 HRESULT CVoDataLog::Append(const SYSTEMTIME& time, std::wstring_view header, std::span<const BYTE> data) noexcept
 try
 {
-    constexpr CVoReporter report{ kSource, L"CVoDataLog::Append" };
+    constexpr CVoReporter report{ kDataLogSource, L"CVoDataLog::Append" };
     std::string record;
     if (const HRESULT hr = VoStringToUTF8(L"\r\n\r\n----------------------------\r\n" + std::wstring(header) + L"\r\n", record);
         FAILED(hr))
@@ -43,5 +43,5 @@ try
 }
 catch (...)
 {
-    return CVoReporter{ kSource, L"CVoDataLog::Append" }.CurrentException(50);
+    return CVoReporter{ kDataLogSource, L"CVoDataLog::Append" }.CurrentException(50);
 }

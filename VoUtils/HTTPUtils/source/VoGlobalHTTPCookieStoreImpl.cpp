@@ -10,7 +10,7 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\source\\VoGlobalHTTPCookieStoreImpl";
+constexpr const wchar_t* kCookieStoreSource = L"..\\source\\VoGlobalHTTPCookieStoreImpl";
 
 // The name of each cookie in the serialised store.
 constexpr const wchar_t* kCookieKey = L"Cookie";
@@ -68,7 +68,7 @@ HRESULT CVoGlobalHTTPCookieStoreImpl::Clear() noexcept
 
 HRESULT CVoGlobalHTTPCookieStoreImpl::GetCookieStringForHTTPRequest(BSTR url, VARIANT_BOOL secure, BSTR* cookie) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::GetCookieStringForHTTPRequest" };
+    constexpr CVoReporter report{ kCookieStoreSource, L"CVoGlobalHTTPCookieStoreImpl::GetCookieStringForHTTPRequest" };
     if (!cookie)
         return report(70, E_POINTER);
     return report.Guard(86, [&]() -> HRESULT
@@ -88,7 +88,7 @@ HRESULT CVoGlobalHTTPCookieStoreImpl::GetCookieStringForHTTPRequest(BSTR url, VA
 
 HRESULT CVoGlobalHTTPCookieStoreImpl::AddCookieFromString(BSTR setCookieValue, BSTR requestUrl) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::AddCookieFromString" };
+    constexpr CVoReporter report{ kCookieStoreSource, L"CVoGlobalHTTPCookieStoreImpl::AddCookieFromString" };
     return report.Guard(110, [&]() -> HRESULT
     {
         CVoCookieRequest request;
@@ -107,7 +107,7 @@ HRESULT CVoGlobalHTTPCookieStoreImpl::AddCookieFromString(BSTR setCookieValue, B
 
 HRESULT CVoGlobalHTTPCookieStoreImpl::AddCookie(const CVoCookieData& cookie, bool fromSecure, double now) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::AddCookie" };
+    constexpr CVoReporter report{ kCookieStoreSource, L"CVoGlobalHTTPCookieStoreImpl::AddCookie" };
     return report.Guard(125, [&]() -> HRESULT
     {
         CAutoLock lock(&m_lock);
@@ -119,7 +119,7 @@ HRESULT CVoGlobalHTTPCookieStoreImpl::AddCookie(const CVoCookieData& cookie, boo
 
 HRESULT CVoGlobalHTTPCookieStoreImpl::SerializeCookies(CVoBinaryDataParser& parser) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::SerializeCookies" };
+    constexpr CVoReporter report{ kCookieStoreSource, L"CVoGlobalHTTPCookieStoreImpl::SerializeCookies" };
     return report.Guard(150, [&]() -> HRESULT
     {
         const double now = m_clock();
@@ -139,7 +139,7 @@ HRESULT CVoGlobalHTTPCookieStoreImpl::SerializeCookies(CVoBinaryDataParser& pars
 
 HRESULT CVoGlobalHTTPCookieStoreImpl::DeserializeCookies(const CVoBinaryDataParser& parser) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::DeserializeCookies" };
+    constexpr CVoReporter report{ kCookieStoreSource, L"CVoGlobalHTTPCookieStoreImpl::DeserializeCookies" };
     return report.Guard(178, [&]() -> HRESULT
     {
         const double now = m_clock();
@@ -162,7 +162,7 @@ HRESULT CVoGlobalHTTPCookieStoreImpl::DeserializeCookies(const CVoBinaryDataPars
 
 HRESULT CVoGlobalHTTPCookieStoreImpl::Serialize(BSTR* data) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::Serialize" };
+    constexpr CVoReporter report{ kCookieStoreSource, L"CVoGlobalHTTPCookieStoreImpl::Serialize" };
     if (!data)
         return report(186, E_POINTER);
     return report.Guard(200, [&]() -> HRESULT
@@ -180,7 +180,7 @@ HRESULT CVoGlobalHTTPCookieStoreImpl::Serialize(BSTR* data) noexcept
 
 HRESULT CVoGlobalHTTPCookieStoreImpl::Deserialize(BSTR data) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::Deserialize" };
+    constexpr CVoReporter report{ kCookieStoreSource, L"CVoGlobalHTTPCookieStoreImpl::Deserialize" };
     CVoBinaryDataParser parser;
     if (const HRESULT hr = parser.ReadParamsFromString(CVoBstr::ViewOf(data)); FAILED(hr))
         return report(209, hr);
@@ -202,7 +202,7 @@ std::span<const CVoProperty<CVoGlobalHTTPCookieStoreImpl>> CVoGlobalHTTPCookieSt
 
 HRESULT CVoGlobalHTTPCookieStoreImpl::GetCookieData(VARIANT& value) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::GetCookieData" };
+    constexpr CVoReporter report{ kCookieStoreSource, L"CVoGlobalHTTPCookieStoreImpl::GetCookieData" };
     CVoBinaryDataParser parser;
     if (const HRESULT hr = SerializeCookies(parser); FAILED(hr))
         return report(231, hr);
@@ -216,7 +216,7 @@ HRESULT CVoGlobalHTTPCookieStoreImpl::GetCookieData(VARIANT& value) noexcept
 
 HRESULT CVoGlobalHTTPCookieStoreImpl::PutCookieData(const VARIANT& value) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::PutCookieData" };
+    constexpr CVoReporter report{ kCookieStoreSource, L"CVoGlobalHTTPCookieStoreImpl::PutCookieData" };
     std::vector<BYTE> bytes;
     if (const HRESULT hr = VoVariantToBytes(value, bytes); FAILED(hr))
         return report(245, hr);
@@ -230,7 +230,7 @@ HRESULT CVoGlobalHTTPCookieStoreImpl::PutCookieData(const VARIANT& value) noexce
 
 HRESULT CVoGlobalHTTPCookieStoreImpl::GetCookieDataString(VARIANT& value) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::GetCookieDataString" };
+    constexpr CVoReporter report{ kCookieStoreSource, L"CVoGlobalHTTPCookieStoreImpl::GetCookieDataString" };
     BSTR text = nullptr;
     if (const HRESULT hr = Serialize(&text); FAILED(hr))
         return report(259, hr);
@@ -241,7 +241,7 @@ HRESULT CVoGlobalHTTPCookieStoreImpl::GetCookieDataString(VARIANT& value) noexce
 
 HRESULT CVoGlobalHTTPCookieStoreImpl::PutCookieDataString(const VARIANT& value) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPCookieStoreImpl::PutCookieDataString" };
+    constexpr CVoReporter report{ kCookieStoreSource, L"CVoGlobalHTTPCookieStoreImpl::PutCookieDataString" };
     if (value.vt != VT_BSTR)
         return report(269, DISP_E_TYPEMISMATCH);
     if (const HRESULT hr = Deserialize(value.bstrVal); FAILED(hr))
@@ -251,7 +251,7 @@ HRESULT CVoGlobalHTTPCookieStoreImpl::PutCookieDataString(const VARIANT& value) 
 
 HRESULT CreateGlobalHTTPCookieStoreForModule(IVoHTTPCookieStore** store) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CreateGlobalHTTPCookieStoreForModule" };
+    constexpr CVoReporter report{ kCookieStoreSource, L"CreateGlobalHTTPCookieStoreForModule" };
     if (!store)
         return report(279, E_POINTER);
     return report.Guard(290, [&]() -> HRESULT

@@ -12,7 +12,7 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\source\\VoGlobalHTTPProxyStoreImpl";
+constexpr const wchar_t* kProxyStoreSource = L"..\\source\\VoGlobalHTTPProxyStoreImpl";
 
 // The keys of the serialised store.
 constexpr const wchar_t* kConfigKey = L"Config";
@@ -90,7 +90,7 @@ size_t CProxyCache::IndexOf(std::wstring_view name)
 HRESULT CProxyCache::SetAuthDataForProxy(std::wstring_view name, const CHTTPProxyAuthenticationData& authentication,
                                          bool asDefault) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CProxyCache::SetAuthDataForProxy" };
+    constexpr CVoReporter report{ kProxyStoreSource, L"CProxyCache::SetAuthDataForProxy" };
     return report.Guard(771, [&]() -> HRESULT
     {
         CAutoLock lock(&m_lock);
@@ -128,7 +128,7 @@ void CProxyCache::Swap(CProxyCache& other) noexcept
 
 HRESULT CProxyCache::SerializeEntries(CVoBinaryDataParser& parser) const
 {
-    constexpr CVoReporter report{ kSource, L"CProxyCache::_Serialize" };
+    constexpr CVoReporter report{ kProxyStoreSource, L"CProxyCache::_Serialize" };
     // Sorted, so that equal stores have equal texts.
     std::vector<std::pair<std::wstring_view, std::wstring_view>> servers;
     servers.reserve(m_servers.size());
@@ -170,7 +170,7 @@ HRESULT CProxyCache::SerializeEntries(CVoBinaryDataParser& parser) const
 
 HRESULT CProxyCache::Serialize(CVoSecret<wchar_t>& text) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CProxyCache::Serialize" };
+    constexpr CVoReporter report{ kProxyStoreSource, L"CProxyCache::Serialize" };
     return report.Guard(855, [&]() -> HRESULT
     {
         CSecretParser parser;
@@ -185,7 +185,7 @@ HRESULT CProxyCache::Serialize(CVoSecret<wchar_t>& text) noexcept
 
 HRESULT CProxyCache::DeserializeEntries(const CVoBinaryDataParser& parser)
 {
-    constexpr CVoReporter report{ kSource, L"CProxyCache::_Deserialize" };
+    constexpr CVoReporter report{ kProxyStoreSource, L"CProxyCache::_Deserialize" };
     for (size_t i = 0; i < parser.GetCount(); ++i)
     {
         const CParamRec& param = parser.GetAt(i);
@@ -228,7 +228,7 @@ HRESULT CProxyCache::DeserializeEntries(const CVoBinaryDataParser& parser)
 
 HRESULT CProxyCache::Deserialize(std::wstring_view text) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CProxyCache::Deserialize" };
+    constexpr CVoReporter report{ kProxyStoreSource, L"CProxyCache::Deserialize" };
     return report.Guard(916, [&]() -> HRESULT
     {
         CSecretParser parser;
@@ -242,14 +242,14 @@ HRESULT CProxyCache::Deserialize(std::wstring_view text) noexcept
 
 CVoGlobalHTTPProxyStoreImpl::~CVoGlobalHTTPProxyStoreImpl()
 {
-    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::~CVoGlobalHTTPProxyStoreImpl" };
+    constexpr CVoReporter report{ kProxyStoreSource, L"CVoGlobalHTTPProxyStoreImpl::~CVoGlobalHTTPProxyStoreImpl" };
     if (const HRESULT hr = m_configuration.Clear(); FAILED(hr))
         report(932, hr);
 }
 
 HRESULT CVoGlobalHTTPProxyStoreImpl::Clear() noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::Clear" };
+    constexpr CVoReporter report{ kProxyStoreSource, L"CVoGlobalHTTPProxyStoreImpl::Clear" };
     CAutoLock lock(&m_lock);
     m_isUserSettingsMissing = false;
     // Clear both, even when one fails.
@@ -264,7 +264,7 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::Clear() noexcept
 
 HRESULT CVoGlobalHTTPProxyStoreImpl::Init(const CHTTPProxyConfigData& config) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::Init" };
+    constexpr CVoReporter report{ kProxyStoreSource, L"CVoGlobalHTTPProxyStoreImpl::Init" };
     CAutoLock lock(&m_lock);
     bool changed = false;
     if (const HRESULT hr = m_configuration.Init(config, changed); FAILED(hr))
@@ -286,7 +286,7 @@ void CVoGlobalHTTPProxyStoreImpl::InitFromUserSettings() noexcept
 // Under the store's lock.
 void CVoGlobalHTTPProxyStoreImpl::ReadMissingUserSettings() noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::ReadMissingUserSettings" };
+    constexpr CVoReporter report{ kProxyStoreSource, L"CVoGlobalHTTPProxyStoreImpl::ReadMissingUserSettings" };
     if (!m_isUserSettingsMissing)
         return;
     CHTTPProxyConfigData config;
@@ -301,7 +301,7 @@ void CVoGlobalHTTPProxyStoreImpl::ReadMissingUserSettings() noexcept
 
 HRESULT CVoGlobalHTTPProxyStoreImpl::GetProxyForURL(std::wstring_view url, CProxyCache::CProxyPtr& proxy) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::GetProxyForURL" };
+    constexpr CVoReporter report{ kProxyStoreSource, L"CVoGlobalHTTPProxyStoreImpl::GetProxyForURL" };
     return report.Guard(1005, [&]() -> HRESULT
     {
         // A known server does not wait for the discovery of another.
@@ -331,7 +331,7 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::GetProxyForURL(std::wstring_view url, CProx
 HRESULT CVoGlobalHTTPProxyStoreImpl::FindProxyForServer(const CServerAddressData& address, const std::wstring& serverKey,
                                                         CProxyCache::CProxyPtr& proxy, CVoProxyExplanation* explanation)
 {
-    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::GetProxyForURL" };
+    constexpr CVoReporter report{ kProxyStoreSource, L"CVoGlobalHTTPProxyStoreImpl::GetProxyForURL" };
     std::wstring proxyList;
     std::wstring bypassList;
     CHTTPProxyAuthenticationData authentication;
@@ -381,7 +381,7 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::FindProxyForServer(const CServerAddressData
 
 HRESULT CVoGlobalHTTPProxyStoreImpl::ExplainProxyForUrl(std::wstring_view url, CVoProxyExplanation& explanation) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::ExplainProxyForUrl" };
+    constexpr CVoReporter report{ kProxyStoreSource, L"CVoGlobalHTTPProxyStoreImpl::ExplainProxyForUrl" };
     return report.Guard(1093, [&]() -> HRESULT
     {
         CServerAddressData address;
@@ -408,7 +408,7 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::ExplainProxyForUrl(std::wstring_view url, C
 
 HRESULT CVoGlobalHTTPProxyStoreImpl::GetManualProxy(CProxyCache::CProxyPtr& proxy) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::GetManualProxy" };
+    constexpr CVoReporter report{ kProxyStoreSource, L"CVoGlobalHTTPProxyStoreImpl::GetManualProxy" };
     return report.Guard(1113, [&]() -> HRESULT
     {
         CAutoLock lock(&m_lock);
@@ -441,7 +441,7 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::GetManualProxy(CProxyCache::CProxyPtr& prox
 
 HRESULT CVoGlobalHTTPProxyStoreImpl::GetProxyForUrl(BSTR url, BSTR* proxy, BSTR* user, BSTR* password) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::GetProxyForUrl" };
+    constexpr CVoReporter report{ kProxyStoreSource, L"CVoGlobalHTTPProxyStoreImpl::GetProxyForUrl" };
     if (!proxy)
         return report(1121, E_POINTER);
     return report.Guard(1147, [&]() -> HRESULT
@@ -471,7 +471,7 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::GetProxyForUrl(BSTR url, BSTR* proxy, BSTR*
 HRESULT CVoGlobalHTTPProxyStoreImpl::SetAuthDataForProxy(BSTR proxy, BSTR user, BSTR password, VARIANT_BOOL valid,
                                                          VARIANT_BOOL required) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::SetAuthDataForProxy" };
+    constexpr CVoReporter report{ kProxyStoreSource, L"CVoGlobalHTTPProxyStoreImpl::SetAuthDataForProxy" };
     return report.Guard(1172, [&]() -> HRESULT
     {
         const std::wstring name = VoProxyList::OnlyProxy(CVoBstr::ViewOf(proxy));
@@ -491,7 +491,7 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::SetAuthDataForProxy(BSTR proxy, BSTR user, 
 
 HRESULT CVoGlobalHTTPProxyStoreImpl::Serialize(BSTR* data) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::Serialize" };
+    constexpr CVoReporter report{ kProxyStoreSource, L"CVoGlobalHTTPProxyStoreImpl::Serialize" };
     if (!data)
         return report(1180, E_POINTER);
     return report.Guard(1206, [&]() -> HRESULT
@@ -521,7 +521,7 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::Serialize(BSTR* data) noexcept
 
 HRESULT CVoGlobalHTTPProxyStoreImpl::Deserialize(BSTR data) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::Deserialize" };
+    constexpr CVoReporter report{ kProxyStoreSource, L"CVoGlobalHTTPProxyStoreImpl::Deserialize" };
     if (CVoBstr::ViewOf(data).empty())
     {
         const HRESULT hr = Clear();
@@ -568,7 +568,7 @@ std::span<const CVoProperty<CVoGlobalHTTPProxyStoreImpl>> CVoGlobalHTTPProxyStor
 
 HRESULT CVoGlobalHTTPProxyStoreImpl::GetProxyDataString(VARIANT& value) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::GetProxyDataString" };
+    constexpr CVoReporter report{ kProxyStoreSource, L"CVoGlobalHTTPProxyStoreImpl::GetProxyDataString" };
     BSTR text = nullptr;
     if (const HRESULT hr = Serialize(&text); FAILED(hr))
         return report(1258, hr);
@@ -579,7 +579,7 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::GetProxyDataString(VARIANT& value) noexcept
 
 HRESULT CVoGlobalHTTPProxyStoreImpl::PutProxyDataString(const VARIANT& value) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoGlobalHTTPProxyStoreImpl::PutProxyDataString" };
+    constexpr CVoReporter report{ kProxyStoreSource, L"CVoGlobalHTTPProxyStoreImpl::PutProxyDataString" };
     if (value.vt != VT_BSTR)
         return report(1268, DISP_E_TYPEMISMATCH);
     if (const HRESULT hr = Deserialize(value.bstrVal); FAILED(hr))
@@ -589,7 +589,7 @@ HRESULT CVoGlobalHTTPProxyStoreImpl::PutProxyDataString(const VARIANT& value) no
 
 HRESULT CreateGlobalHTTPProxyStoreForModule(IVoHTTPProxyStore** store) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CreateGlobalHTTPProxyStoreForModule" };
+    constexpr CVoReporter report{ kProxyStoreSource, L"CreateGlobalHTTPProxyStoreForModule" };
     if (!store)
         return report(1278, E_POINTER);
     return report.Guard(1296, [&]() -> HRESULT

@@ -11,7 +11,7 @@ namespace VoGlobalHTTPStoreQueryPrivateImpl
 {
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\source\\VoGlobalHTTPStoreQueryPrivateImpl";
+constexpr const wchar_t* kStoreQuerySource = L"..\\source\\VoGlobalHTTPStoreQueryPrivateImpl";
 
 constinit CVoSharedObject<IVoHTTPCookieStore> g_cookieStore;
 constinit CVoSharedObject<IVoHTTPProxyStore> g_proxyStore;
@@ -34,7 +34,8 @@ HRESULT GetStore(CCriticalSection& lock, CVoSharedObject<Interface>& shared,
 
 HRESULT CVoGlobalHTTPStoreQueryPrivateImpl::Create(IVoGlobalHTTPStoreQueryPrivate** query) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoGlobalHTTPStoreQueryPrivateImpl::CVoGlobalHTTPStoreQueryPrivateImpl::Create" };
+    constexpr CVoReporter report{ kStoreQuerySource,
+                                  L"VoGlobalHTTPStoreQueryPrivateImpl::CVoGlobalHTTPStoreQueryPrivateImpl::Create" };
     if (!query)
         return report(40, E_POINTER);
     CVoComPtr<CVoGlobalHTTPStoreQueryPrivateImpl> made = VoMakeComObject<CVoGlobalHTTPStoreQueryPrivateImpl>();
@@ -48,7 +49,7 @@ HRESULT CVoGlobalHTTPStoreQueryPrivateImpl::Create(IVoGlobalHTTPStoreQueryPrivat
 
 HRESULT CVoGlobalHTTPStoreQueryPrivateImpl::get_CookieStore(IUnknown** store) noexcept
 {
-    constexpr CVoReporter report{ kSource,
+    constexpr CVoReporter report{ kStoreQuerySource,
                                   L"VoGlobalHTTPStoreQueryPrivateImpl::CVoGlobalHTTPStoreQueryPrivateImpl::get_CookieStore" };
     const HRESULT hr = GetStore(m_lock, g_cookieStore, &CreateGlobalHTTPCookieStoreForModule, m_cookieStore, store);
     return FAILED(hr) ? report(56, hr) : hr;
@@ -56,7 +57,7 @@ HRESULT CVoGlobalHTTPStoreQueryPrivateImpl::get_CookieStore(IUnknown** store) no
 
 HRESULT CVoGlobalHTTPStoreQueryPrivateImpl::get_ProxyStore(IUnknown** store) noexcept
 {
-    constexpr CVoReporter report{ kSource,
+    constexpr CVoReporter report{ kStoreQuerySource,
                                   L"VoGlobalHTTPStoreQueryPrivateImpl::CVoGlobalHTTPStoreQueryPrivateImpl::get_ProxyStore" };
     const HRESULT hr = GetStore(m_lock, g_proxyStore, &CreateGlobalHTTPProxyStoreForModule, m_proxyStore, store);
     return FAILED(hr) ? report(65, hr) : hr;
@@ -64,7 +65,7 @@ HRESULT CVoGlobalHTTPStoreQueryPrivateImpl::get_ProxyStore(IUnknown** store) noe
 
 HRESULT CVoGlobalHTTPStoreQueryPrivateImpl::get_AuthCallback(IUnknown** callback) noexcept
 {
-    constexpr CVoReporter report{ kSource,
+    constexpr CVoReporter report{ kStoreQuerySource,
                                   L"VoGlobalHTTPStoreQueryPrivateImpl::CVoGlobalHTTPStoreQueryPrivateImpl::get_AuthCallback" };
     const HRESULT hr = GetStore(m_lock, g_authCallback, &CreateGlobalAuthenticationCallbackForModule, m_authCallback, callback);
     return FAILED(hr) ? report(74, hr) : hr;

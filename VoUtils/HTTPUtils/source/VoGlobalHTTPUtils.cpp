@@ -8,7 +8,7 @@ namespace VoGlobalHTTPUtils
 {
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\source\\VoGlobalHTTPUtils";
+constexpr const wchar_t* kHTTPUtilsSource = L"..\\source\\VoGlobalHTTPUtils";
 
 // Gives the registered provider, or `local` when none is registered.
 HRESULT FindStoreQuery(const CVoComPtr<IVoGlobalHTTPStoreQueryPrivate>& local,
@@ -54,7 +54,7 @@ HRESULT FetchStore(const CVoReporter& report, int lineOfGet, int lineOfInterface
 HRESULT CreateGlobalHTTPStores(IVoAuthenticationCallback** authCallback, IVoHTTPProxyStore** proxyStore,
                                IVoHTTPCookieStore** cookieStore) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoGlobalHTTPUtils::CreateGlobalHTTPStores" };
+    constexpr CVoReporter report{ kHTTPUtilsSource, L"VoGlobalHTTPUtils::CreateGlobalHTTPStores" };
     using IQuery = IVoGlobalHTTPStoreQueryPrivate;
     CVoComPtr<IQuery> local;
     if (const HRESULT hr = CVoGlobalHTTPStoreQueryPrivateImpl::Create(local.Put()); FAILED(hr))

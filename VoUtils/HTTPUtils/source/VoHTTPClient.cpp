@@ -16,7 +16,7 @@ using EResponseKind = CVoHTTPMessage::EResponseKind;
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\source\\VoHTTPClient";
+constexpr const wchar_t* kHTTPClientSource = L"..\\source\\VoHTTPClient";
 constexpr UINT32 kStatusOk = 200;
 constexpr const wchar_t* kNoFile = L"the file could not be written";
 
@@ -279,7 +279,7 @@ void CVoHTTPClient::CState::Cancel() noexcept
 
 HRESULT CVoHTTPClient::CState::GetStores(CStores& stores)
 {
-    constexpr CVoReporter report{ kSource, L"CVoHTTPClient::GetStores" };
+    constexpr CVoReporter report{ kHTTPClientSource, L"CVoHTTPClient::GetStores" };
     {
         const CVoLockHolder lock(m_lock);
         if (m_stores)
@@ -317,7 +317,7 @@ Message CVoHTTPClient::CState::TakeIdle() noexcept
 
 HRESULT CVoHTTPClient::CState::Open(COperation& operation, Message& message, Request& request)
 {
-    constexpr CVoReporter report{ kSource, L"CVoHTTPClient::Open" };
+    constexpr CVoReporter report{ kHTTPClientSource, L"CVoHTTPClient::Open" };
     if (message = TakeIdle(); message)
     {
         if (const HRESULT hr = message->OpenRequest(request); FAILED(hr))
@@ -360,7 +360,7 @@ HRESULT CVoHTTPClient::CState::Open(COperation& operation, Message& message, Req
 
 HRESULT CVoHTTPClient::CState::Connect(UINT32 kind, const CStores& stores, Message& message, Request& request) const
 {
-    constexpr CVoReporter report{ kSource, L"CVoHTTPClient::Connect" };
+    constexpr CVoReporter report{ kHTTPClientSource, L"CVoHTTPClient::Connect" };
     const CVoModuleInformation& settings = CVoModuleInformation::Get();
     if (const HRESULT hr = CVoHTTPMessage::Connect(
             kind, m_address, stores.credentials.Get(), stores.proxies.Get(), stores.cookies.Get(), m_connectTimeout,
@@ -416,7 +416,7 @@ HRESULT CVoHTTPClient::CState::Read(CVoHTTPMessage& message, const Request& requ
 
 HRESULT CVoHTTPClient::CState::Run(const CCall& call, CVoHTTPResponse& response)
 {
-    constexpr CVoReporter report{ kSource, L"CVoHTTPClient::Run" };
+    constexpr CVoReporter report{ kHTTPClientSource, L"CVoHTTPClient::Run" };
     if (FAILED(m_ready))
         return report(50, m_ready);
     CVoBinaryDataParser made;
@@ -488,7 +488,7 @@ void CVoHTTPClient::Cancel() noexcept
 
 CVoHTTPResponse CVoHTTPClient::Run(const CCall& call) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoHTTPClient::Run" };
+    constexpr CVoReporter report{ kHTTPClientSource, L"CVoHTTPClient::Run" };
     CVoHTTPResponse response;
     CVoReportChain chain;
     {

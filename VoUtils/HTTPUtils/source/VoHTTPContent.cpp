@@ -9,7 +9,7 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\source\\VoHTTPContent";
+constexpr const wchar_t* kHTTPContentSource = L"..\\source\\VoHTTPContent";
 
 constexpr size_t kMaximumBody = std::numeric_limits<UINT32>::max(); // the services take no more
 constexpr HRESULT kTooLong = HResultFromWin32(ERROR_ARITHMETIC_OVERFLOW);
@@ -145,7 +145,7 @@ HRESULT VoCreateContent(const CVoBinaryDataParser& parameters, CVoHTTPMessage::E
 
 HRESULT VoCreateMultipleContent(std::span<const CVoBinaryDataParser> messages, bool utf8, CVoHTTPContent& content)
 {
-    constexpr CVoReporter report{ kSource, L"VoCreateMultipleContent" };
+    constexpr CVoReporter report{ kHTTPContentSource, L"VoCreateMultipleContent" };
     CVoHTTPContent made;
     made.texts.resize(messages.size());
     for (size_t i = 0; i < messages.size(); ++i)

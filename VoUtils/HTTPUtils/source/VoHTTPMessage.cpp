@@ -15,7 +15,7 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\source\\VoHTTPMessage";
+constexpr const wchar_t* kHTTPMessageSource = L"..\\source\\VoHTTPMessage";
 
 constexpr size_t kSizePrefixLength = 4;
 // How much a response to several messages may hold: that many messages when the caller expects no certain number, and that many
@@ -43,7 +43,7 @@ const wchar_t* ArchitectureText(WORD architecture, const CVoReporter& report) no
     }
 }
 
-constexpr CVoReporter kSignReport{ kSource, L"CVoHTTPMessage::SignMessage" };
+constexpr CVoReporter kSignReport{ kHTTPMessageSource, L"CVoHTTPMessage::SignMessage" };
 
 // A new body: the old one, the signature's parameter, and a zero byte that is not counted.
 HRESULT MakeSignedBody(bool sign, std::span<const BYTE> body, std::wstring_view key, std::wstring_view parameterName,
@@ -123,7 +123,7 @@ HRESULT CVoHTTPMessage::CreateSignatureBase(std::wstring_view contentType, UINT3
                                             std::wstring_view contentDigest, std::string& bytes) noexcept
 try
 {
-    constexpr CVoReporter report{ kSource, L"CVoHTTPMessage::CreateSignatureBase" };
+    constexpr CVoReporter report{ kHTTPMessageSource, L"CVoHTTPMessage::CreateSignatureBase" };
     // A zero would end the text early: the signature would not cover what follows it.
     if (contentType.find(L'\0') != std::wstring_view::npos || contentDigest.find(L'\0') != std::wstring_view::npos)
         return report(217, E_INVALIDARG);
@@ -135,13 +135,13 @@ try
 }
 catch (...)
 {
-    return CVoReporter{ kSource, L"CVoHTTPMessage::CreateSignatureBase" }.CurrentException(225);
+    return CVoReporter{ kHTTPMessageSource, L"CVoHTTPMessage::CreateSignatureBase" }.CurrentException(225);
 }
 
 HRESULT CVoHTTPMessage::CreateContentDigest(std::span<const BYTE> body, std::wstring& digest) noexcept
 try
 {
-    constexpr CVoReporter report{ kSource, L"CVoHTTPMessage::CreateContentDigest" };
+    constexpr CVoReporter report{ kHTTPMessageSource, L"CVoHTTPMessage::CreateContentDigest" };
     if (body.size() > kMaximumLength)
         return report(240, E_INVALIDARG);
     const std::unique_ptr<OrvDigSign::COrvHashBase> hash(OrvDigSign::CreateHashByName(OrvDigSign::DefaultHashName()));
@@ -157,7 +157,7 @@ try
 }
 catch (...)
 {
-    return CVoReporter{ kSource, L"CVoHTTPMessage::CreateContentDigest" }.CurrentException(250);
+    return CVoReporter{ kHTTPMessageSource, L"CVoHTTPMessage::CreateContentDigest" }.CurrentException(250);
 }
 
 void CVoHTTPMessage::WriteDataToLogFile(EDataDirection direction, const BYTE* data, UINT32 length) const noexcept
@@ -177,12 +177,12 @@ try
 catch (...)
 {
     // The data log is only for the developer: drop a record when memory runs out.
-    CVoReporter{ kSource, L"CVoHTTPMessage::WriteDataToLogFile" }.CurrentException(270);
+    CVoReporter{ kHTTPMessageSource, L"CVoHTTPMessage::WriteDataToLogFile" }.CurrentException(270);
 }
 
 std::wstring CVoHTTPMessage::GetUserAgentString(std::wstring_view applicationName)
 {
-    constexpr CVoReporter report{ kSource, L"CVoHTTPMessage::GetUserAgentString" };
+    constexpr CVoReporter report{ kHTTPMessageSource, L"CVoHTTPMessage::GetUserAgentString" };
     SYSTEM_INFO system{};
     ::GetSystemInfo(&system);
     const CVoModuleInformation& module = CVoModuleInformation::Get();
@@ -196,7 +196,7 @@ HRESULT CVoHTTPMessage::internalParseMultipleResponses(std::span<const BYTE> byt
                                                        std::vector<CVoBinaryDataParser>& responses) noexcept
 try
 {
-    constexpr CVoReporter report{ kSource, L"CVoHTTPMessage::internalParseMultipleResponses" };
+    constexpr CVoReporter report{ kHTTPMessageSource, L"CVoHTTPMessage::internalParseMultipleResponses" };
     // First the lengths alone: four bytes announce a message, which takes far more memory.
     std::vector<std::span<const BYTE>> messages;
     UINT64 memory = 0;
@@ -229,5 +229,5 @@ try
 }
 catch (...)
 {
-    return CVoReporter{ kSource, L"CVoHTTPMessage::internalParseMultipleResponses" }.CurrentException(420);
+    return CVoReporter{ kHTTPMessageSource, L"CVoHTTPMessage::internalParseMultipleResponses" }.CurrentException(420);
 }

@@ -11,7 +11,7 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\source\\VoHTTPTransportRecord";
+constexpr const wchar_t* kTransportRecordSource = L"..\\source\\VoHTTPTransportRecord";
 
 constexpr UINT32 kFieldBytes = 4; // of the shortest field: a name, the colon and the end of the line
 
@@ -76,7 +76,7 @@ void CVoHTTPTransport::BeginAttempt(CRequest& request)
 // Adds the last SendOnce to the record, while the request's handle still has its responses.
 void CVoHTTPTransport::DescribeSend(const CRequest& request) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoHTTPTransport::DescribeSend" };
+    constexpr CVoReporter report{ kTransportRecordSource, L"CVoHTTPTransport::DescribeSend" };
     if (!std::exchange(request.m_isUndescribed, false) || request.m_record.attempts.empty())
         return;
     (void)report.Guard(120, [&]() -> HRESULT
@@ -115,7 +115,7 @@ void CVoHTTPTransport::DescribeSend(const CRequest& request) const noexcept
 
 void CVoHTTPTransport::EndAttempt(const CRequest& request, HRESULT result) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoHTTPTransport::EndAttempt" };
+    constexpr CVoReporter report{ kTransportRecordSource, L"CVoHTTPTransport::EndAttempt" };
     DescribeSend(request);
     if (request.m_record.attempts.empty())
         return;
@@ -195,7 +195,7 @@ HRESULT CVoHTTPTransport::ReadRecord(const CHTTPRequestData& data, Read read)
 
 HRESULT CVoHTTPMessage::CHTTPRequestData::GetExchangeRecord(CVoExchangeRecord& record) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CHTTPRequestData::GetExchangeRecord" };
+    constexpr CVoReporter report{ kTransportRecordSource, L"CHTTPRequestData::GetExchangeRecord" };
     return report.Guard(150, [&]
     {
         return CVoHTTPTransport::ReadRecord(*this, [&](const CVoHTTPTransport::CRequest& request)
@@ -210,7 +210,7 @@ HRESULT CVoHTTPMessage::CHTTPRequestData::GetExchangeRecord(CVoExchangeRecord& r
 
 HRESULT CVoHTTPMessage::CHTTPRequestData::GetResponseHeaders(std::vector<CVoHTTPHeader>& headers) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CHTTPRequestData::GetResponseHeaders" };
+    constexpr CVoReporter report{ kTransportRecordSource, L"CHTTPRequestData::GetResponseHeaders" };
     return report.Guard(160, [&]
     {
         return CVoHTTPTransport::ReadRecord(*this, [&](const CVoHTTPTransport::CRequest& request)
@@ -225,7 +225,7 @@ HRESULT CVoHTTPMessage::CHTTPRequestData::GetResponseHeaders(std::vector<CVoHTTP
 
 HRESULT CVoHTTPMessage::CHTTPRequestData::GetErrorBody(std::vector<BYTE>& bytes) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CHTTPRequestData::GetErrorBody" };
+    constexpr CVoReporter report{ kTransportRecordSource, L"CHTTPRequestData::GetErrorBody" };
     return report.Guard(170, [&]
     {
         return CVoHTTPTransport::ReadRecord(*this, [&](const CVoHTTPTransport::CRequest& request)

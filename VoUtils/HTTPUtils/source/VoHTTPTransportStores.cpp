@@ -6,12 +6,12 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\source\\VoHTTPTransport";
+constexpr const wchar_t* kTransportStoresSource = L"..\\source\\VoHTTPTransport";
 } // namespace
 
 HRESULT CVoHTTPTransport::GetCookieHeader(const CServerAddressData& address, std::wstring& cookie) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoHTTPTransport::GetCookieHeader" };
+    constexpr CVoReporter report{ kTransportStoresSource, L"CVoHTTPTransport::GetCookieHeader" };
     return report.Guard(105, [&]() -> HRESULT
     {
         const CAutoLock lock(&m_storesLock);
@@ -29,7 +29,7 @@ HRESULT CVoHTTPTransport::GetCookieHeader(const CServerAddressData& address, std
 HRESULT CVoHTTPTransport::GetProxy(const std::wstring* url, std::wstring& proxy,
                                    std::optional<CCredentials>& credentials) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoHTTPTransport::GetProxy" };
+    constexpr CVoReporter report{ kTransportStoresSource, L"CVoHTTPTransport::GetProxy" };
     return report.Guard(115, [&]() -> HRESULT
     {
         const CAutoLock lock(&m_storesLock);
@@ -89,7 +89,7 @@ private:
 
 HRESULT CVoHTTPTransport::AskForCredentials(CRequest& request, bool proxy, CCredentials& credentials) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoHTTPTransport::AskForCredentials" };
+    constexpr CVoReporter report{ kTransportStoresSource, L"CVoHTTPTransport::AskForCredentials" };
     return report.Guard(135, [&]() -> HRESULT
     {
         const CAutoLock lock(&m_storesLock);
@@ -167,7 +167,7 @@ void CVoHTTPTransport::KeepProxyCredentials(CRequest& request) noexcept
 
 HRESULT CVoHTTPTransport::SaveProxyCredentials(const std::wstring& proxy, const CCredentials& credentials) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoHTTPTransport::SaveProxyCredentials" };
+    constexpr CVoReporter report{ kTransportStoresSource, L"CVoHTTPTransport::SaveProxyCredentials" };
     return report.Guard(145, [&]() -> HRESULT
     {
         const CVoBstr password(credentials.password.Get());

@@ -12,7 +12,7 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\source\\VoHTTPMessage";
+constexpr const wchar_t* kHTTPTransportsSource = L"..\\source\\VoHTTPMessage";
 
 constexpr std::array kTransports{
     CVoHTTPTransportRow{ 0, "wininet", &VoHTTPMessageWinINet::MakeMessage },
@@ -50,7 +50,7 @@ HRESULT CVoHTTPMessage::Connect(UINT32 transportKind, const CServerAddressData& 
                                 bool verifyServerCertificate, bool checkRevocation,
                                 std::shared_ptr<CVoHTTPMessage>& message) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoHTTPMessage::Connect" };
+    constexpr CVoReporter report{ kHTTPTransportsSource, L"CVoHTTPMessage::Connect" };
     return report.Guard(336, [&]() -> HRESULT
     {
         const CVoHTTPTransportRow* const row = VoFindHTTPTransport(transportKind);

@@ -11,7 +11,7 @@ namespace VoNetworkUtils
 {
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\source\\VoNetworkUtils";
+constexpr const wchar_t* kNetworkUtilsSource = L"..\\source\\VoNetworkUtils";
 constexpr const wchar_t* kInitFromIPAddress = L"VoNetworkUtils::CVoIPAddress::InitFromIPAddress";
 
 constexpr size_t kTextLength = 64; // more than INET6_ADDRSTRLEN
@@ -56,7 +56,7 @@ void CVoIPAddress::SetValid(bool isIPv6) noexcept
 
 HRESULT CVoIPAddress::InitFromIPAddress(const SOCKADDR& socketAddress, bool quiet, bool& taken) noexcept
 {
-    constexpr CVoReporter report{ kSource, kInitFromIPAddress };
+    constexpr CVoReporter report{ kNetworkUtilsSource, kInitFromIPAddress };
     Clear();
     taken = false;
     return report.Guard(170, [&]() -> HRESULT
@@ -98,7 +98,7 @@ HRESULT CVoIPAddress::InitFromIPAddress(const SOCKADDR& socketAddress, bool quie
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
 HRESULT CVoIPAddress::InitFromIPAddress(std::wstring addressText) noexcept
 {
-    constexpr CVoReporter report{ kSource, kInitFromIPAddress };
+    constexpr CVoReporter report{ kNetworkUtilsSource, kInitFromIPAddress };
     Clear();
     return report.Guard(234, [&]() -> HRESULT
     {
@@ -147,7 +147,7 @@ HRESULT CVoIPAddress::InitFromIPAddress(std::wstring addressText) noexcept
 // NOLINTNEXTLINE(performance-unnecessary-value-param): a copy, as above
 HRESULT CVoIPAddress::InitFromDNSAddress(std::wstring hostName, bool quiet, bool& found) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoNetworkUtils::CVoIPAddress::InitFromDNSAddress" };
+    constexpr CVoReporter report{ kNetworkUtilsSource, L"VoNetworkUtils::CVoIPAddress::InitFromDNSAddress" };
     Clear();
     found = false;
     if (HasNull(hostName))

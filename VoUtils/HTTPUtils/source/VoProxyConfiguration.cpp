@@ -14,7 +14,7 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\source\\VoGlobalHTTPProxyStoreImpl";
+constexpr const wchar_t* kProxyConfigurationSource = L"..\\source\\VoGlobalHTTPProxyStoreImpl";
 
 constexpr CVoRecordTable kAuthenticationFields{ CVoField{ L"AuthenticationDataAreValid", &CHTTPProxyAuthenticationData::valid },
                                                 CVoField{ L"AuthenticationDataRequired",
@@ -124,14 +124,14 @@ bool CHTTPProxyAuthenticationData::operator==(const CHTTPProxyAuthenticationData
 
 HRESULT CHTTPProxyAuthenticationData::Serialize(CVoBinaryDataParser& parser) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CHTTPProxyAuthenticationData::Serialize" };
+    constexpr CVoReporter report{ kProxyConfigurationSource, L"CHTTPProxyAuthenticationData::Serialize" };
     const HRESULT hr = kAuthenticationFields.Write(*this, parser);
     return FAILED(hr) ? report(121, hr) : hr;
 }
 
 HRESULT CHTTPProxyAuthenticationData::Deserialize(const CVoBinaryDataParser& parser) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CHTTPProxyAuthenticationData::Deserialize" };
+    constexpr CVoReporter report{ kProxyConfigurationSource, L"CHTTPProxyAuthenticationData::Deserialize" };
     CHTTPProxyAuthenticationData read;
     if (const HRESULT hr = kAuthenticationFields.Read(parser, read); FAILED(hr))
         return report(136, hr);
@@ -141,7 +141,7 @@ HRESULT CHTTPProxyAuthenticationData::Deserialize(const CVoBinaryDataParser& par
 
 HRESULT CHTTPProxyConfigData::InitFromIE() noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CHTTPProxyConfigData::InitFromIE" };
+    constexpr CVoReporter report{ kProxyConfigurationSource, L"CHTTPProxyConfigData::InitFromIE" };
     return report.Guard(340, [&]() -> HRESULT
     {
         CInternetSettings settings;
@@ -167,7 +167,7 @@ HRESULT CHTTPProxyConfigData::InitFromIE() noexcept
 
 HRESULT CHTTPProxyConfigData::Serialize(CVoSecret<wchar_t>& text) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CHTTPProxyConfigData::Serialize" };
+    constexpr CVoReporter report{ kProxyConfigurationSource, L"CHTTPProxyConfigData::Serialize" };
     CSecretParser parser;
     CSecretParser authentication;
     CVoSecret<wchar_t> authenticationText;
@@ -185,7 +185,7 @@ HRESULT CHTTPProxyConfigData::Serialize(CVoSecret<wchar_t>& text) const noexcept
 
 HRESULT CHTTPProxyConfigData::Deserialize(std::wstring_view text) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CHTTPProxyConfigData::Deserialize" };
+    constexpr CVoReporter report{ kProxyConfigurationSource, L"CHTTPProxyConfigData::Deserialize" };
     CHTTPProxyConfigData config;
     CSecretParser parser;
     CSecretParser authentication;
@@ -210,7 +210,7 @@ CProxyConfigHandler::~CProxyConfigHandler() = default;
 
 HRESULT CProxyConfigHandler::Init(const CHTTPProxyConfigData& config, bool& changed) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CProxyConfigHandler::Init" };
+    constexpr CVoReporter report{ kProxyConfigurationSource, L"CProxyConfigHandler::Init" };
     return report.Guard(612, [&]() -> HRESULT
     {
         CAutoLock lock(&m_lock);
@@ -237,7 +237,7 @@ HRESULT CProxyConfigHandler::Init(const CHTTPProxyConfigData& config, bool& chan
 
 HRESULT CProxyConfigHandler::OpenSession() noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CProxyConfigHandler::Init" };
+    constexpr CVoReporter report{ kProxyConfigurationSource, L"CProxyConfigHandler::Init" };
     return report.Guard(640, [&]() -> HRESULT
     {
         if (m_session)
@@ -258,7 +258,7 @@ HRESULT CProxyConfigHandler::OpenSession() noexcept
 HRESULT CProxyConfigHandler::DiscoverProxy(const std::wstring& url, std::wstring& proxyList, std::wstring& bypassList,
                                            CVoProxyExplanation* explanation, bool* failed) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CProxyConfigHandler::DiscoverProxy" };
+    constexpr CVoReporter report{ kProxyConfigurationSource, L"CProxyConfigHandler::DiscoverProxy" };
     return report.Guard(654, [&]() -> HRESULT
     {
         const INT64 start = VoGetMicroseconds();
@@ -285,7 +285,7 @@ HRESULT CProxyConfigHandler::GetProxyForURL(const std::wstring& url, std::wstrin
                                             CHTTPProxyAuthenticationData& authentication, CVoProxyExplanation* explanation,
                                             bool* failed) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CProxyConfigHandler::GetProxyForURL" };
+    constexpr CVoReporter report{ kProxyConfigurationSource, L"CProxyConfigHandler::GetProxyForURL" };
     return report.Guard(671, [&]() -> HRESULT
     {
         CAutoLock lock(&m_lock);
@@ -310,7 +310,7 @@ HRESULT CProxyConfigHandler::GetProxyForURL(const std::wstring& url, std::wstrin
 
 HRESULT CProxyConfigHandler::GetManualProxy(std::wstring& proxyList, CHTTPProxyAuthenticationData& authentication) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CProxyConfigHandler::GetManualProxy" };
+    constexpr CVoReporter report{ kProxyConfigurationSource, L"CProxyConfigHandler::GetManualProxy" };
     return report.Guard(689, [&]() -> HRESULT
     {
         CAutoLock lock(&m_lock);
@@ -325,7 +325,7 @@ HRESULT CProxyConfigHandler::GetManualProxy(std::wstring& proxyList, CHTTPProxyA
 
 HRESULT CProxyConfigHandler::Clear() noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CProxyConfigHandler::Clear" };
+    constexpr CVoReporter report{ kProxyConfigurationSource, L"CProxyConfigHandler::Clear" };
     CAutoLock lock(&m_lock);
     m_config = CHTTPProxyConfigData();
     if (m_session)
@@ -340,7 +340,7 @@ HRESULT CProxyConfigHandler::Clear() noexcept
 
 HRESULT CProxyConfigHandler::Serialize(CVoSecret<wchar_t>& text) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CProxyConfigHandler::Serialize" };
+    constexpr CVoReporter report{ kProxyConfigurationSource, L"CProxyConfigHandler::Serialize" };
     CAutoLock lock(&m_lock);
     if (const HRESULT hr = m_config.Serialize(text); FAILED(hr))
         return report(712, hr);

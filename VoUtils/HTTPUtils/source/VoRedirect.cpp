@@ -9,7 +9,7 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\source\\VoRedirect";
+constexpr const wchar_t* kRedirectSource = L"..\\source\\VoRedirect";
 
 constexpr std::wstring_view kAuthorityMark = L"//";
 
@@ -71,7 +71,7 @@ std::wstring RemoveDotSegments(std::wstring_view path)
 HRESULT VoResolveRedirect(const CServerAddressData& base, std::wstring_view location, CServerAddressData& target) noexcept
 try
 {
-    constexpr CVoReporter report{ kSource, L"VoResolveRedirect" };
+    constexpr CVoReporter report{ kRedirectSource, L"VoResolveRedirect" };
     std::wstring_view reference = VoTrimBlanks(location);
     if (reference.empty() || std::any_of(reference.begin(), reference.end(), IsControl))
         return report(20, E_INVALIDARG);
@@ -133,5 +133,5 @@ try
 }
 catch (...)
 {
-    return CVoReporter{ kSource, L"VoResolveRedirect" }.CurrentException(55);
+    return CVoReporter{ kRedirectSource, L"VoResolveRedirect" }.CurrentException(55);
 }

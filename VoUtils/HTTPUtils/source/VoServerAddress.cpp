@@ -12,7 +12,7 @@ namespace VoGlobalHTTPUtils
 {
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\source\\VoGlobalHTTPUtils";
+constexpr const wchar_t* kServerAddressSource = L"..\\source\\VoGlobalHTTPUtils";
 
 constexpr std::wstring_view kSchemeEnd = L"://";
 constexpr UINT16 kDefaultPortPlain = 80;
@@ -85,7 +85,7 @@ const CServerAddressData::CTexts CServerAddressData::s_none;
 
 HRESULT CServerAddressData::SetAddress(std::wstring_view url, bool defaultSecure, bool keepPath, bool keepQuery) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoGlobalHTTPUtils::CServerAddressData::SetAddress" };
+    constexpr CVoReporter report{ kServerAddressSource, L"VoGlobalHTTPUtils::CServerAddressData::SetAddress" };
     return report.Guard(330, [&]() -> HRESULT
     {
         std::wstring_view rest = VoTrim(url);
@@ -168,7 +168,7 @@ HRESULT CServerAddressData::SetAddress(std::wstring_view url, bool defaultSecure
 
 HRESULT CServerAddressData::SetObjectPath(std::wstring_view objectPath) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoGlobalHTTPUtils::CServerAddressData::SetObjectPath" };
+    constexpr CVoReporter report{ kServerAddressSource, L"VoGlobalHTTPUtils::CServerAddressData::SetObjectPath" };
     return report.Guard(361, [&]() -> HRESULT
     {
         CutFrom(objectPath, L'#');
@@ -195,7 +195,7 @@ UINT16 CServerAddressData::EffectivePort() const noexcept
 
 HRESULT CServerAddressData::Rebuild() noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoGlobalHTTPUtils::CServerAddressData::Rebuild" };
+    constexpr CVoReporter report{ kServerAddressSource, L"VoGlobalHTTPUtils::CServerAddressData::Rebuild" };
     return report.Guard(380, [&]() -> HRESULT
     {
         Set(Texts());

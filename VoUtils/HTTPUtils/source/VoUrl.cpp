@@ -6,12 +6,12 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\source\\VoUrl";
+constexpr const wchar_t* kUrlSource = L"..\\source\\VoUrl";
 } // namespace
 
 HRESULT VoUrlToBytes(std::wstring_view url, std::string& bytes) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoUrlToBytes" };
+    constexpr CVoReporter report{ kUrlSource, L"VoUrlToBytes" };
     return report.Guard(40, [&]() -> HRESULT
     {
         constexpr std::string_view kNotInUrls = "\"<>\\^`{|}"; // of the printable characters
@@ -36,7 +36,7 @@ HRESULT VoUrlToBytes(std::wstring_view url, std::string& bytes) noexcept
 
 HRESULT VoEncodeUrl(std::wstring_view url, std::wstring& encoded) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoEncodeUrl" };
+    constexpr CVoReporter report{ kUrlSource, L"VoEncodeUrl" };
     return report.Guard(55, [&]() -> HRESULT
     {
         std::string bytes;

@@ -15,7 +15,7 @@ namespace VoWinHttpRequest
 namespace
 {
 // Reports name the header that callers know.
-constexpr const wchar_t* kSource = L"VoWinHttpRequest.h";
+constexpr const wchar_t* kWinHttpExchangeSource = L"VoWinHttpRequest.h";
 
 constexpr DWORD kStatusUnauthorized = 401;
 constexpr DWORD kStatusProxyAuthenticationRequired = 407;
@@ -52,7 +52,7 @@ void CExchangeReporter::Write(int line, HRESULT code) const noexcept
 
 CExchangeReporter CExchange::Reporter(const wchar_t* function) const noexcept
 {
-    return { kSource, m_className, function };
+    return { kWinHttpExchangeSource, m_className, function };
 }
 
 // ---- The state ----

@@ -11,7 +11,7 @@ namespace VoWinHttpRequest
 {
 namespace
 {
-constexpr const wchar_t* kSource = L"VoWinHttpRequest.h"; // reports name the header that callers know
+constexpr const wchar_t* kWinHttpRequestSource = L"VoWinHttpRequest.h"; // reports name the header that callers know
 
 // Sets one of an exchange's functions. Without an exchange the result is E_FAIL.
 template <class Function>
@@ -58,7 +58,7 @@ std::shared_ptr<CExchange> CVoWinHttpRequestBase::Exchange() const noexcept
 HRESULT CVoWinHttpRequestBase::Init(VoWinHttpInterface::WinHttpRequestHandle* request, AuthenticationFunction authenticate,
                                     void* context) noexcept
 {
-    const CExchangeReporter report{ kSource, m_className, L"Init" };
+    const CExchangeReporter report{ kWinHttpRequestSource, m_className, L"Init" };
     if (!request)
         return report(100, E_POINTER);
     if (const HRESULT hr = Clear(); FAILED(hr))
@@ -88,7 +88,7 @@ HRESULT CVoWinHttpRequestBase::Init(VoWinHttpInterface::WinHttpRequestHandle* re
 
 HRESULT CVoWinHttpRequestBase::SetRequestData(const void* data, DWORD length) noexcept
 {
-    const CExchangeReporter report{ kSource, m_className, L"SetRequestData" };
+    const CExchangeReporter report{ kWinHttpRequestSource, m_className, L"SetRequestData" };
     const std::shared_ptr<CExchange> exchange = Exchange();
     const HRESULT hr = exchange ? exchange->SetRequestData(data, length) : E_FAIL;
     return SUCCEEDED(hr) ? hr : report(130, hr);
@@ -96,7 +96,7 @@ HRESULT CVoWinHttpRequestBase::SetRequestData(const void* data, DWORD length) no
 
 HRESULT CVoWinHttpRequestBase::Clear() noexcept
 {
-    const CExchangeReporter report{ kSource, m_className, L"Clear" };
+    const CExchangeReporter report{ kWinHttpRequestSource, m_className, L"Clear" };
     const std::shared_ptr<CExchange> exchange = Exchange();
     if (!exchange)
         return S_OK;
@@ -111,7 +111,7 @@ HRESULT CVoWinHttpRequestBase::Clear() noexcept
 
 HRESULT CVoWinHttpRequestBase::Send() noexcept
 {
-    const CExchangeReporter report{ kSource, m_className, L"Send" };
+    const CExchangeReporter report{ kWinHttpRequestSource, m_className, L"Send" };
     try
     {
         std::shared_ptr<CExchange> exchange;
@@ -142,28 +142,28 @@ std::vector<BYTE> CVoWinHttpRequestBase::GetResponseData()
 
 HRESULT CVoWinHttpRequestBase::SetSendCompleteHandler(SendCompleteHandler handler) noexcept
 {
-    const CExchangeReporter report{ kSource, m_className, L"SetSendCompleteHandler" };
+    const CExchangeReporter report{ kWinHttpRequestSource, m_className, L"SetSendCompleteHandler" };
     const HRESULT hr = SetFunction(Exchange(), &CExchange::CFunctions::sendComplete, std::move(handler));
     return SUCCEEDED(hr) ? hr : report(176, hr);
 }
 
 HRESULT CVoWinHttpRequestBase::SetReceiveHandler(ReceiveHandler handler) noexcept
 {
-    const CExchangeReporter report{ kSource, m_className, L"SetReceiveHandler" };
+    const CExchangeReporter report{ kWinHttpRequestSource, m_className, L"SetReceiveHandler" };
     const HRESULT hr = SetFunction(Exchange(), &CExchange::CFunctions::receive, std::move(handler));
     return SUCCEEDED(hr) ? hr : report(190, hr);
 }
 
 HRESULT CVoWinHttpRequestBase::SetNotificationHandler(NotificationHandler handler) noexcept
 {
-    const CExchangeReporter report{ kSource, m_className, L"SetNotificationHandler" };
+    const CExchangeReporter report{ kWinHttpRequestSource, m_className, L"SetNotificationHandler" };
     const HRESULT hr = SetFunction(Exchange(), &CExchange::CFunctions::notification, std::move(handler));
     return SUCCEEDED(hr) ? hr : report(182, hr);
 }
 
 HRESULT CVoWinHttpRequestBase::SetReportChain(CVoReportChain* chain) noexcept
 {
-    const CExchangeReporter report{ kSource, m_className, L"SetReportChain" };
+    const CExchangeReporter report{ kWinHttpRequestSource, m_className, L"SetReportChain" };
     const std::shared_ptr<CExchange> exchange = Exchange();
     const HRESULT hr = exchange ? exchange->SetReportChain(chain) : E_FAIL;
     return SUCCEEDED(hr) ? hr : report(184, hr);
@@ -171,7 +171,7 @@ HRESULT CVoWinHttpRequestBase::SetReportChain(CVoReportChain* chain) noexcept
 
 HRESULT CVoWinHttpRequestBase::SetBodyLimit(UINT64 bytes) noexcept
 {
-    const CExchangeReporter report{ kSource, m_className, L"SetBodyLimit" };
+    const CExchangeReporter report{ kWinHttpRequestSource, m_className, L"SetBodyLimit" };
     const std::shared_ptr<CExchange> exchange = Exchange();
     const HRESULT hr = exchange ? exchange->SetBodyLimit(bytes) : E_FAIL;
     return SUCCEEDED(hr) ? hr : report(186, hr);
@@ -179,7 +179,7 @@ HRESULT CVoWinHttpRequestBase::SetBodyLimit(UINT64 bytes) noexcept
 
 HRESULT CVoWinHttpRequestBase::SetReadsPieces(bool readsPieces) noexcept
 {
-    const CExchangeReporter report{ kSource, m_className, L"SetReadsPieces" };
+    const CExchangeReporter report{ kWinHttpRequestSource, m_className, L"SetReadsPieces" };
     const std::shared_ptr<CExchange> exchange = Exchange();
     const HRESULT hr = exchange ? exchange->SetReadsPieces(readsPieces) : E_FAIL;
     return SUCCEEDED(hr) ? hr : report(187, hr);
@@ -200,7 +200,7 @@ std::vector<BYTE> CVoWinHttpRequestBase::ReadPiece()
 
 std::vector<BYTE> CVoWinHttpRequestBase::ReadErrorBody(UINT32 maximumBytes, DWORD milliseconds)
 {
-    const CExchangeReporter report{ kSource, m_className, L"ReadErrorBody" };
+    const CExchangeReporter report{ kWinHttpRequestSource, m_className, L"ReadErrorBody" };
     const std::shared_ptr<CExchange> exchange = Exchange();
     if (const HRESULT hr = exchange ? exchange->StartErrorBody(maximumBytes) : E_FAIL; FAILED(hr))
         throw HRESULTexc(report(188, hr));
@@ -217,7 +217,7 @@ std::vector<BYTE> CVoWinHttpRequestBase::ReadErrorBody(UINT32 maximumBytes, DWOR
 HRESULT CVoWinHttpRequestBase::SetCredentials(DWORD target, DWORD scheme, const std::wstring& user,
                                               const std::wstring& password) noexcept
 {
-    const CExchangeReporter report{ kSource, m_className, L"SetCredentials" };
+    const CExchangeReporter report{ kWinHttpRequestSource, m_className, L"SetCredentials" };
     try
     {
         const std::shared_ptr<CExchange> exchange = Exchange();

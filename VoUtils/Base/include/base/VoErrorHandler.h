@@ -5,7 +5,7 @@
 //
 //     HRESULT CProxyConfigHandler::Init(const CHTTPProxyConfigData& config) noexcept
 //     {
-//         constexpr CVoReporter report{ kSource, L"CProxyConfigHandler::Init" };
+//         constexpr CVoReporter report{ kProxyStoreSource, L"CProxyConfigHandler::Init" };
 //         if (const HRESULT hr = m_session.SetTimeouts(2000, 2000, 2000, 2000); FAILED(hr))
 //             return report(634, hr);
 //
@@ -190,7 +190,7 @@ public:
     //
     //     HRESULT CVoThing::Read(std::wstring& text) const noexcept
     //     {
-    //         constexpr CVoReporter report{ kSource, L"CVoThing::Read" };
+    //         constexpr CVoReporter report{ kThingSource, L"CVoThing::Read" };
     //         const auto body = [&]() -> HRESULT
     //         {
     //             if (const HRESULT hr = m_file.Read(text); FAILED(hr))

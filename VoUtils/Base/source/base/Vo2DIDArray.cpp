@@ -7,7 +7,7 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\..\\source\\base\\Vo2DIDArray";
+constexpr const wchar_t* k2DIDArraySource = L"..\\..\\source\\base\\Vo2DIDArray";
 constexpr UINT32 kMaximumSize = std::numeric_limits<INT32>::max();
 } // namespace
 
@@ -45,7 +45,7 @@ bool CVo2DIDArray::IsTwoDimensional(const VARIANT& value) noexcept
 
 HRESULT CVo2DIDArray::SetFromVariant(const VARIANT& value) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVo2DIDArray::SetFromVariant" };
+    constexpr CVoReporter report{ k2DIDArraySource, L"CVo2DIDArray::SetFromVariant" };
     const auto type = static_cast<VARTYPE>(V_VT(&value) & VT_TYPEMASK);
     if (!IsTwoDimensional(value) || type == VT_RECORD)
         return report(83, DISP_E_TYPEMISMATCH);
@@ -78,7 +78,7 @@ HRESULT CVo2DIDArray::SetFromVariant(const VARIANT& value) noexcept
 
 HRESULT CVo2DIDArray::SetSize(UINT32 rows, UINT32 columns) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVo2DIDArray::SetSize" };
+    constexpr CVoReporter report{ k2DIDArraySource, L"CVo2DIDArray::SetSize" };
     const auto body = [&]() -> HRESULT
     {
         if (rows > kMaximumSize || columns > kMaximumSize)
@@ -105,7 +105,7 @@ void CVo2DIDArray::Clear() noexcept
 
 HRESULT CVo2DIDArray::SetCell(UINT32 row, UINT32 column, CVoTextView id, const VARIANT& value) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVo2DIDArray::SetCell" };
+    constexpr CVoReporter report{ k2DIDArraySource, L"CVo2DIDArray::SetCell" };
     CVoVariant copy;
     // The platform's function only reads its source, although it does not say so.
     if (const HRESULT hr = ::VariantCopyInd(copy.Put(), const_cast<VARIANT*>(&value)); FAILED(hr))
@@ -115,7 +115,7 @@ HRESULT CVo2DIDArray::SetCell(UINT32 row, UINT32 column, CVoTextView id, const V
 
 HRESULT CVo2DIDArray::SetCell(UINT32 row, UINT32 column, CVoTextView id, CVoVariant&& value) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVo2DIDArray::SetCell" };
+    constexpr CVoReporter report{ k2DIDArraySource, L"CVo2DIDArray::SetCell" };
     const auto body = [&]() -> HRESULT
     {
         if (!IsInside(row, column))
@@ -131,7 +131,7 @@ HRESULT CVo2DIDArray::SetCell(UINT32 row, UINT32 column, CVoTextView id, CVoVari
 
 HRESULT CVo2DIDArray::ClearCell(UINT32 row, UINT32 column) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVo2DIDArray::ClearCell" };
+    constexpr CVoReporter report{ k2DIDArraySource, L"CVo2DIDArray::ClearCell" };
     if (!IsInside(row, column))
         return report(75, E_INVALIDARG);
     m_cells[Index(row, column)].reset();

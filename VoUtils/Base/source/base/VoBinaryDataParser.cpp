@@ -13,7 +13,7 @@
 namespace
 {
 // Both parsers report under one source name. The numbers here follow those of VoDataParser.cpp.
-constexpr const wchar_t* kSource = L"..\\..\\source\\base\\VoDataParser";
+constexpr const wchar_t* kBinaryDataParserSource = L"..\\..\\source\\base\\VoDataParser";
 
 constexpr std::string_view kTerminator = "&&";
 constexpr BYTE kByteOrderMark[] = { 0xEF, 0xBB, 0xBF };
@@ -121,7 +121,7 @@ HRESULT CVoBinaryDataParser::ReadParams(std::span<const BYTE> text, bool useUtf8
 
 HRESULT CVoBinaryDataParser::Parse(UINT32 length, const BYTE* bytes, bool binaryOnly, bool useUtf8) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::Parse" };
+    constexpr CVoReporter report{ kBinaryDataParserSource, L"CVoBinaryDataParser::Parse" };
     const auto body = [&]() -> HRESULT
     {
         if (!bytes && length > 0)
@@ -142,7 +142,7 @@ HRESULT CVoBinaryDataParser::Parse(UINT32 length, const BYTE* bytes, bool binary
 
 HRESULT CVoBinaryDataParser::Parse(std::vector<BYTE>&& bytes, bool binaryOnly, bool useUtf8) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::Parse" };
+    constexpr CVoReporter report{ kBinaryDataParserSource, L"CVoBinaryDataParser::Parse" };
     const auto body = [&]() -> HRESULT
     {
         if (bytes.size() > kMaximumLength)
@@ -163,7 +163,7 @@ namespace
 // StringToMessageData's conversion.
 HRESULT TextToBytes(std::wstring_view text, bool useUtf8, std::string& bytes) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::StringToMessageData" };
+    constexpr CVoReporter report{ kBinaryDataParserSource, L"CVoBinaryDataParser::StringToMessageData" };
     const HRESULT hr = useUtf8 ? VoStringToUTF8(text, bytes) : VoStringToCodePage(CP_ACP, text, bytes);
     return FAILED(hr) ? report(739, hr) : S_OK;
 }
@@ -171,7 +171,7 @@ HRESULT TextToBytes(std::wstring_view text, bool useUtf8, std::string& bytes) no
 
 HRESULT CVoBinaryDataParser::StringToMessageData(CVoTextView text, bool useUtf8, UINT32* length, BYTE** buffer) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::StringToMessageData" };
+    constexpr CVoReporter report{ kBinaryDataParserSource, L"CVoBinaryDataParser::StringToMessageData" };
     const auto body = [&]() -> HRESULT
     {
         std::string bytes;
@@ -186,7 +186,7 @@ HRESULT CVoBinaryDataParser::StringToMessageData(CVoTextView text, bool useUtf8,
 
 HRESULT CVoBinaryDataParser::internalGetParamData(bool useUtf8, UINT32* length, BYTE** buffer) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::internalGetParamData" };
+    constexpr CVoReporter report{ kBinaryDataParserSource, L"CVoBinaryDataParser::internalGetParamData" };
     const auto body = [&]() -> HRESULT
     {
         std::string bytes;
@@ -201,7 +201,7 @@ HRESULT CVoBinaryDataParser::internalGetParamData(bool useUtf8, UINT32* length, 
 
 HRESULT CVoBinaryDataParser::ParamBytes(bool useUtf8, std::string_view terminator, std::string& bytes) const
 {
-    constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::internalGetParamData" };
+    constexpr CVoReporter report{ kBinaryDataParserSource, L"CVoBinaryDataParser::internalGetParamData" };
     std::wstring text;
     if (const HRESULT hr = GetParamsAsString(text); FAILED(hr))
         return report(747, hr);
@@ -213,7 +213,7 @@ HRESULT CVoBinaryDataParser::ParamBytes(bool useUtf8, std::string_view terminato
 
 HRESULT CVoBinaryDataParser::GetParamData(bool useUtf8, UINT32* length, BYTE** buffer) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::GetParamData" };
+    constexpr CVoReporter report{ kBinaryDataParserSource, L"CVoBinaryDataParser::GetParamData" };
     const auto body = [&]() -> HRESULT
     {
         std::string text;
@@ -230,7 +230,7 @@ HRESULT CVoBinaryDataParser::GetParamData(bool useUtf8, UINT32* length, BYTE** b
 HRESULT CVoBinaryDataParser::GetMessageHead(bool withSizePrefix, bool skipParams, bool useUtf8,
                                             std::string& head) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::GetMessageData" };
+    constexpr CVoReporter report{ kBinaryDataParserSource, L"CVoBinaryDataParser::GetMessageData" };
     const auto body = [&]() -> HRESULT
     {
         std::string text;
@@ -252,7 +252,7 @@ HRESULT CVoBinaryDataParser::GetMessageHead(bool withSizePrefix, bool skipParams
 HRESULT CVoBinaryDataParser::internalGetMessageData(bool withSizePrefix, UINT32* length, BYTE** buffer, bool skipParams,
                                                     bool useUtf8) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::GetMessageData" };
+    constexpr CVoReporter report{ kBinaryDataParserSource, L"CVoBinaryDataParser::GetMessageData" };
     const auto body = [&]() -> HRESULT
     {
         std::string head;
@@ -274,7 +274,7 @@ HRESULT CVoBinaryDataParser::GetMessageData(UINT32* length, BYTE** buffer, bool 
 HRESULT CVoBinaryDataParser::GetMessageDataWithSizePrefix(UINT32* length, BYTE** buffer, bool skipParams,
                                                           bool useUtf8) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::GetMessageDataWithSizePrefix" };
+    constexpr CVoReporter report{ kBinaryDataParserSource, L"CVoBinaryDataParser::GetMessageDataWithSizePrefix" };
     if (const HRESULT hr = internalGetMessageData(true, length, buffer, skipParams, useUtf8); FAILED(hr))
         return report(804, hr);
     return S_OK;
@@ -283,7 +283,7 @@ HRESULT CVoBinaryDataParser::GetMessageDataWithSizePrefix(UINT32* length, BYTE**
 HRESULT CVoBinaryDataParser::GetFormMessageData(UINT32* length, BYTE** buffer, std::wstring& boundary,
                                                 bool useUtf8) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::GetFormMessageData" };
+    constexpr CVoReporter report{ kBinaryDataParserSource, L"CVoBinaryDataParser::GetFormMessageData" };
     const auto body = [&]() -> HRESULT
     {
         std::string head;
@@ -305,7 +305,7 @@ HRESULT CVoBinaryDataParser::GetFormMessageData(UINT32* length, BYTE** buffer, s
 HRESULT CVoBinaryDataParser::GetFormMessageEnds(bool useUtf8, std::string& head, bool& sendsPayload, std::string& foot,
                                                 std::wstring& boundary) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::GetFormMessageData" };
+    constexpr CVoReporter report{ kBinaryDataParserSource, L"CVoBinaryDataParser::GetFormMessageData" };
     const auto body = [&]() -> HRESULT
     {
         GUID guid;
@@ -356,7 +356,7 @@ HRESULT CVoBinaryDataParser::GetFormMessageEnds(bool useUtf8, std::string& head,
 
 HRESULT CVoBinaryDataParser::SetPayload(const BYTE* bytes, UINT32 length) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoBinaryDataParser::SetPayload" };
+    constexpr CVoReporter report{ kBinaryDataParserSource, L"CVoBinaryDataParser::SetPayload" };
     const auto body = [&]() -> HRESULT
     {
         if (!bytes && length > 0)

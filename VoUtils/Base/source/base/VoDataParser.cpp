@@ -7,6 +7,7 @@
 #include <base/VoText.h>
 #include <base/VoTextConversion.h>
 #include <base/VoVariant.h>
+#include <base/com/VoComHelper.h>
 #include <base/utils/VoDataConversion.h>
 
 #include <algorithm>
@@ -16,14 +17,12 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\..\\source\\base\\VoDataParser";
-
-constexpr VARTYPE kByteArray = VT_ARRAY | VT_UI1;
+constexpr const wchar_t* kDataParserSource = L"..\\..\\source\\base\\VoDataParser";
 
 // Any value as the text of a parameter.
 HRESULT VariantToText(const VARIANT& value, std::wstring& text)
 {
-    if ((V_VT(&value) & ~VT_BYREF) != kByteArray)
+    if ((V_VT(&value) & ~VT_BYREF) != kVoByteArray)
         return VoVariantToTypeNoLocale(value, text);
     std::vector<BYTE> bytes;
     if (const HRESULT hr = VoVariantToBytes(value, bytes); FAILED(hr))
@@ -36,7 +35,7 @@ HRESULT VariantToText(const VARIANT& value, std::wstring& text)
 // The text of a parameter as a variant of a type; `value` must be empty.
 HRESULT TextToVariant(CVoTextView text, VARTYPE type, CVoVariant& value)
 {
-    if (type == kByteArray)
+    if (type == kVoByteArray)
     {
         CVoByteBuffer bytes;
         if (const HRESULT hr = VoDataConversion::HexToBin(text, bytes.PutBytes(), bytes.PutLength()); FAILED(hr))
@@ -99,7 +98,7 @@ bool DecodePercent(CString& text) noexcept
 
 HRESULT CVoDataParser::AddParam(CVoTextView name, CVoTextView value) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoDataParser::AddParam" };
+    constexpr CVoReporter report{ kDataParserSource, L"CVoDataParser::AddParam" };
     const auto body = [&]() -> HRESULT
     {
         NextRecord() = CParamRec(name, value);
@@ -118,7 +117,7 @@ HRESULT CVoDataParser::AddParam(CVoTextView name, const wchar_t* value) noexcept
 template <class CValue>
 HRESULT CVoDataParser::AddTyped(std::wstring_view name, const CValue& value) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoDataParser::AddParam" };
+    constexpr CVoReporter report{ kDataParserSource, L"CVoDataParser::AddParam" };
     CVoVariant variant;
     if (const HRESULT hr = VoTypeToVariant(value, variant.Get()); FAILED(hr))
         return report(138, hr);
@@ -142,7 +141,7 @@ HRESULT CVoDataParser::AddParam(CVoTextView name, bool value) noexcept
 
 HRESULT CVoDataParser::AddParam(CVoTextView name, const VARIANT& value) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoDataParser::AddParam" };
+    constexpr CVoReporter report{ kDataParserSource, L"CVoDataParser::AddParam" };
     if (!CVo2DIDArray::IsTwoDimensional(value))
         return AddText(name, value);
     CVo2DIDArray cells;
@@ -153,7 +152,7 @@ HRESULT CVoDataParser::AddParam(CVoTextView name, const VARIANT& value) noexcept
 
 HRESULT CVoDataParser::AddText(CVoTextView name, const VARIANT& value) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoDataParser::AddParam" };
+    constexpr CVoReporter report{ kDataParserSource, L"CVoDataParser::AddParam" };
     const auto body = [&]() -> HRESULT
     {
         std::wstring text;
@@ -203,7 +202,7 @@ const CParamRec* CVoDataParser::FindParam(CVoTextView name) const noexcept
 
 HRESULT CVoDataParser::GetParam(CVoTextView name, std::wstring& value) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoDataParser::GetParam" };
+    constexpr CVoReporter report{ kDataParserSource, L"CVoDataParser::GetParam" };
     const auto body = [&]() -> HRESULT
     {
         const CParamRec* const record = FindParam(name);
@@ -219,7 +218,7 @@ HRESULT CVoDataParser::GetParam(CVoTextView name, std::wstring& value) const noe
 template <class CValue>
 HRESULT CVoDataParser::GetTyped(std::wstring_view name, CValue& value) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoDataParser::GetParam" };
+    constexpr CVoReporter report{ kDataParserSource, L"CVoDataParser::GetParam" };
     const CParamRec* const record = FindParam(name);
     if (!record)
         return report(250, HResultFromWin32(ERROR_NOT_FOUND));
@@ -254,7 +253,7 @@ HRESULT CVoDataParser::GetParam(CVoTextView name, VARIANT& value) const noexcept
 
 HRESULT CVoDataParser::GetParam(CVoTextView name, VARIANT& value, VARTYPE type) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoDataParser::GetParam" };
+    constexpr CVoReporter report{ kDataParserSource, L"CVoDataParser::GetParam" };
     const auto body = [&]() -> HRESULT
     {
         const CParamRec* const record = FindParam(name);
@@ -273,7 +272,7 @@ HRESULT CVoDataParser::GetParam(CVoTextView name, VARIANT& value, VARTYPE type) 
 
 HRESULT CVoDataParser::GetParam(CVoTextView name, CVo2DIDArray& value) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoDataParser::GetParam" };
+    constexpr CVoReporter report{ kDataParserSource, L"CVoDataParser::GetParam" };
     const auto body = [&]() -> HRESULT
     {
         CVo2DIDArray read;
@@ -343,7 +342,7 @@ HRESULT TextToType(const CParamRec& record, CValue& value) noexcept
 
 HRESULT CVoDataParser::ReadCells(CVoTextView name, CVo2DIDArray& value) const
 {
-    constexpr CVoReporter report{ kSource, L"CVoDataParser::GetParam" };
+    constexpr CVoReporter report{ kDataParserSource, L"CVoDataParser::GetParam" };
     constexpr UINT32 kMaximumSize = std::numeric_limits<INT32>::max();
     UINT32 rows = 0;
     UINT32 columns = 0;
@@ -409,7 +408,7 @@ HRESULT CVoDataParser::ReadCells(CVoTextView name, CVo2DIDArray& value) const
 
 HRESULT CVoDataParser::ToUTF8AndUrlEncode(bool useUtf8, std::wstring& value) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoDataParser::ToUTF8AndUrlEncode" };
+    constexpr CVoReporter report{ kDataParserSource, L"CVoDataParser::ToUTF8AndUrlEncode" };
     const auto body = [&]() -> HRESULT
     {
         std::string bytes;
@@ -450,7 +449,7 @@ HRESULT CVoDataParser::ToUTF8AndUrlEncode(bool useUtf8, std::wstring& value) noe
 
 HRESULT CVoDataParser::FromUTF8AndUrlEncode(bool useUtf8, std::wstring& value) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoDataParser::FromUTF8AndUrlEncode" };
+    constexpr CVoReporter report{ kDataParserSource, L"CVoDataParser::FromUTF8AndUrlEncode" };
     const auto body = [&]() -> HRESULT
     {
         if (value.find(L'%') == std::wstring::npos)
@@ -496,7 +495,7 @@ HRESULT CVoDataParser::ConvertValues(HRESULT (*convert)(bool, std::wstring&) noe
 
 HRESULT CVoDataParser::ConvertParamValuesToUTF8URLEncodedString(bool useUtf8) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoDataParser::ConvertParamValuesToUTF8URLEncodedString" };
+    constexpr CVoReporter report{ kDataParserSource, L"CVoDataParser::ConvertParamValuesToUTF8URLEncodedString" };
     const auto body = [&]() -> HRESULT
     {
         if (const HRESULT hr = ConvertValues(&ToUTF8AndUrlEncode, useUtf8); FAILED(hr))
@@ -508,7 +507,7 @@ HRESULT CVoDataParser::ConvertParamValuesToUTF8URLEncodedString(bool useUtf8) no
 
 HRESULT CVoDataParser::ConvertParamValuesFromUTF8URLEncodedString(bool useUtf8) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoDataParser::ConvertParamValuesFromUTF8URLEncodedString" };
+    constexpr CVoReporter report{ kDataParserSource, L"CVoDataParser::ConvertParamValuesFromUTF8URLEncodedString" };
     const auto body = [&]() -> HRESULT
     {
         if (const HRESULT hr = ConvertValues(&FromUTF8AndUrlEncode, useUtf8); FAILED(hr))

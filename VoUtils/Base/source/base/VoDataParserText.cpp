@@ -12,7 +12,7 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\..\\source\\base\\VoDataParser";
+constexpr const wchar_t* kDataParserTextSource = L"..\\..\\source\\base\\VoDataParser";
 
 bool IsReserved(wchar_t character) noexcept
 {
@@ -120,7 +120,7 @@ void CParamRec::WipeValue() noexcept
 
 HRESULT CParamRec::PutParamString(const wchar_t* text, size_t length) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CParamRec::PutParamString" };
+    constexpr CVoReporter report{ kDataParserTextSource, L"CParamRec::PutParamString" };
     if (!text && length > 0)
         return report(47, E_INVALIDARG);
     const std::wstring_view pair(text, length);
@@ -271,7 +271,7 @@ HRESULT CVoDataParser::AppendNext() noexcept
 
 HRESULT CVoDataParser::AddParam(CVoTextView name, const CVo2DIDArray& value) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoDataParser::AddParam" };
+    constexpr CVoReporter report{ kDataParserTextSource, L"CVoDataParser::AddParam" };
     const auto body = [&]() -> HRESULT
     {
         CVoDataParser cells;
@@ -312,7 +312,7 @@ HRESULT CVoDataParser::KeepText(std::wstring_view text, std::span<wchar_t>& kept
 
 HRESULT CVoDataParser::ReadParamsFromString(CVoTextView text) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoDataParser::ReadParamsFromString" };
+    constexpr CVoReporter report{ kDataParserTextSource, L"CVoDataParser::ReadParamsFromString" };
     const auto body = [&]() -> HRESULT
     {
         if (text.empty())
@@ -341,7 +341,7 @@ HRESULT CVoDataParser::ReadParamsFromString(CVoTextView text) noexcept
 
 HRESULT CVoDataParser::GetParamsAsString(std::wstring& text) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoDataParser::GetParamsAsString" };
+    constexpr CVoReporter report{ kDataParserTextSource, L"CVoDataParser::GetParamsAsString" };
     const auto body = [&]() -> HRESULT
     {
         size_t size = GetCount() > 0 ? GetCount() - 1 : 0;

@@ -9,7 +9,7 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\..\\source\\base\\VoUtils";
+constexpr const wchar_t* kDateTimeSource = L"..\\..\\source\\base\\VoUtils";
 
 constexpr int kMinutesPerDay = 24 * 60;
 
@@ -101,7 +101,7 @@ bool ReadDateTime(CVoTextView text, SYSTEMTIME& time, int& offsetMinutes)
 HRESULT VoSystemTimeToISO8601DateTimeStr(const SYSTEMTIME& time, int offsetMinutes, bool includeTime, bool includeMilliseconds,
                                          std::wstring& text) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoSystemTimeToISO8601DateTimeStr" };
+    constexpr CVoReporter report{ kDateTimeSource, L"VoSystemTimeToISO8601DateTimeStr" };
     const auto body = [&]() -> HRESULT
     {
         std::wstring result = VoFormat(L"%04d-%02d-%02d", time.wYear, time.wMonth, time.wDay);
@@ -128,7 +128,7 @@ HRESULT VoSystemTimeToISO8601DateTimeStr(const SYSTEMTIME& time, int offsetMinut
 
 HRESULT VoISO8601DateTimeStrToSystemTime(CVoTextView text, SYSTEMTIME& time, int* offsetMinutes) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoISO8601DateTimeStrToSystemTime" };
+    constexpr CVoReporter report{ kDateTimeSource, L"VoISO8601DateTimeStrToSystemTime" };
     SYSTEMTIME result{};
     int offset = 0;
     if (!ReadDateTime(text, result, offset))

@@ -35,7 +35,7 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\..\\source\\base\\VoErrorHandler";
+constexpr const wchar_t* kErrorHandlerSource = L"..\\..\\source\\base\\VoErrorHandler";
 
 constexpr INT64 kBytesPerKiB = 1024;
 constexpr INT64 kMaxKeptKiB = 524288;
@@ -191,7 +191,7 @@ void ReportFormatted(const wchar_t* source, int line, const wchar_t* format, va_
 
 HRESULT VoSetModuleSettingsDirectory(CVoTextView directory) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoSetModuleSettingsDirectory" };
+    constexpr CVoReporter report{ kErrorHandlerSource, L"VoSetModuleSettingsDirectory" };
     try
     {
         CProcessLogState& state = ProcessLogState();
@@ -321,10 +321,10 @@ void CVoErrorLogFile::WriteStartLines() noexcept
         return;
     try
     {
-        WriteLine(kSource, 484, L"CVoErrorLogFile::Init",
+        WriteLine(kErrorHandlerSource, 484, L"CVoErrorLogFile::Init",
                   VoFormat(L"Module: %ls,Logging started, logging switched on", m_moduleName.c_str()));
         for (const std::wstring& remark : m_remarks)
-            WriteLine(kSource, 488, L"CVoErrorLogFile::Init", remark);
+            WriteLine(kErrorHandlerSource, 488, L"CVoErrorLogFile::Init", remark);
     }
     catch (...)
     {

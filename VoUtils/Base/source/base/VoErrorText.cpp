@@ -13,7 +13,7 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\..\\source\\base\\VoErrorText";
+constexpr const wchar_t* kErrorTextSource = L"..\\..\\source\\base\\VoErrorText";
 
 constexpr unsigned kFacilityWin32 = 7;
 constexpr unsigned kFacilityLibrary = 259;
@@ -119,7 +119,7 @@ std::optional<std::wstring> FindText(HRESULT code)
 
 HRESULT VoGetErrorText(HRESULT code, bool useFallback, std::wstring* text) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoGetErrorText" };
+    constexpr CVoReporter report{ kErrorTextSource, L"VoGetErrorText" };
     if (!text)
         return S_FALSE;
     const auto body = [&]() -> HRESULT
@@ -139,7 +139,7 @@ HRESULT VoGetErrorText(HRESULT code, bool useFallback, std::wstring* text) noexc
 
 HRESULT VoShowError(HRESULT code, bool useFallback) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoShowError" };
+    constexpr CVoReporter report{ kErrorTextSource, L"VoShowError" };
     std::wstring text;
     if (const HRESULT hr = VoGetErrorText(code, useFallback, &text); FAILED(hr))
         return report(135, hr);

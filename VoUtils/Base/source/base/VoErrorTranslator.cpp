@@ -13,7 +13,7 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\..\\source\\base\\VoErrorTranslator";
+constexpr const wchar_t* kErrorTranslatorSource = L"..\\..\\source\\base\\VoErrorTranslator";
 
 template <class Function>
 Function FindExport(HMODULE module, const char* name) noexcept
@@ -39,7 +39,7 @@ CProcessTranslator& ProcessTranslator() noexcept
 
 HRESULT CVoErrorTranslator::LoadForProcess(const wchar_t* loadedModule) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoLoadErrorTranslator" };
+    constexpr CVoReporter report{ kErrorTranslatorSource, L"VoLoadErrorTranslator" };
     const auto body = [&]() -> HRESULT
     {
         CProcessTranslator& process = ProcessTranslator();
@@ -86,7 +86,7 @@ CVoErrorTranslator::~CVoErrorTranslator()
 
 HRESULT CVoErrorTranslator::LoadFile(const std::wstring& path) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoErrorTranslator::LoadFile" };
+    constexpr CVoReporter report{ kErrorTranslatorSource, L"CVoErrorTranslator::LoadFile" };
     const HMODULE module = ::LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
     if (!module)
         return report.LastError(82, 83);
@@ -95,7 +95,7 @@ HRESULT CVoErrorTranslator::LoadFile(const std::wstring& path) noexcept
 
 HRESULT CVoErrorTranslator::TakeLoaded(const wchar_t* name) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoErrorTranslator::TakeLoaded" };
+    constexpr CVoReporter report{ kErrorTranslatorSource, L"CVoErrorTranslator::TakeLoaded" };
     HMODULE module = nullptr;
     if (!::GetModuleHandleExW(0, name, &module))
         return report.LastError(92, 93);
@@ -124,7 +124,7 @@ HRESULT CVoErrorTranslator::Resolve(const CVoReporter& report, int line, HMODULE
 
 HRESULT CVoErrorTranslator::GetErrorString(HRESULT code, std::wstring& text) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoErrorTranslator::GetErrorString" };
+    constexpr CVoReporter report{ kErrorTranslatorSource, L"CVoErrorTranslator::GetErrorString" };
     if (!IsLoaded())
         return report(120, HResultFromWin32(ERROR_MOD_NOT_FOUND));
     CVoBstr found;
@@ -140,7 +140,7 @@ HRESULT CVoErrorTranslator::GetErrorString(HRESULT code, std::wstring& text) con
 
 HRESULT CVoErrorTranslator::ShowErrorMessageWindow(HRESULT code, const std::wstring& text) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoErrorTranslator::ShowErrorMessageWindow" };
+    constexpr CVoReporter report{ kErrorTranslatorSource, L"CVoErrorTranslator::ShowErrorMessageWindow" };
     if (!IsLoaded())
         return report(139, HResultFromWin32(ERROR_MOD_NOT_FOUND));
     const HRESULT hr = m_showErrorMessageWindow(code, text.c_str());
@@ -156,6 +156,6 @@ const CVoErrorTranslator& CVoErrorTranslator::ForProcess() noexcept
 
 HRESULT VoShowErrorBox(const std::wstring& text) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoShowErrorBox" };
+    constexpr CVoReporter report{ kErrorTranslatorSource, L"VoShowErrorBox" };
     return ::MessageBoxW(nullptr, text.c_str(), L"Error", MB_OK | MB_ICONERROR) != 0 ? S_OK : report.LastError(161, 162);
 }

@@ -10,7 +10,7 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\..\\source\\base\\VoUtils";
+constexpr const wchar_t* kIniValuesSource = L"..\\..\\source\\base\\VoUtils";
 } // namespace
 
 bool VoGetIniBool(const std::wstring& file, const wchar_t* section, const wchar_t* key, bool defaultValue, bool* present)
@@ -20,8 +20,8 @@ bool VoGetIniBool(const std::wstring& file, const wchar_t* section, const wchar_
         *present = text.has_value();
     bool value = defaultValue;
     if (text && FAILED(VoStringToBool(*text, value)))
-        VoReportMessage(kSource, 391, L"[%ls] %ls=%ls is no boolean, the default %d holds", section, key, text->c_str(),
-                        int{ defaultValue });
+        VoReportMessage(kIniValuesSource, 391, L"[%ls] %ls=%ls is no boolean, the default %d holds", section, key,
+                        text->c_str(), int{ defaultValue });
     return value;
 }
 
@@ -37,8 +37,8 @@ INT32 VoGetIniInt(const std::wstring& file, const wchar_t* section, const wchar_
     if (isOutOfRange)
         value.reset();
     if (!value)
-        VoReportMessage(kSource, 404, L"[%ls] %ls=%ls is no integer, the default %d holds", section, key, text->c_str(),
-                        defaultValue);
+        VoReportMessage(kIniValuesSource, 404, L"[%ls] %ls=%ls is no integer, the default %d holds", section, key,
+                        text->c_str(), defaultValue);
     return value.value_or(defaultValue);
 }
 

@@ -9,7 +9,7 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\..\\source\\base\\VoMultiThreading";
+constexpr const wchar_t* kMultiThreadingSource = L"..\\..\\source\\base\\VoMultiThreading";
 
 // The exception by which debuggers learn a thread's name, and its record, as the debuggers' documentation gives them.
 constexpr DWORD kThreadNameException = 0x406D1388;
@@ -37,14 +37,14 @@ void KeepFirst(HRESULT& first, HRESULT result) noexcept
 CEvent::CEvent(bool initiallySignalled, bool manualReset, const wchar_t* name, SECURITY_ATTRIBUTES* security)
     : m_handle(::CreateEventW(security, manualReset, initiallySignalled, name))
 {
-    constexpr CVoReporter report{ kSource, L"CEvent::CEvent" };
+    constexpr CVoReporter report{ kMultiThreadingSource, L"CEvent::CEvent" };
     if (!m_handle)
         throw CVoHResultException(report.LastError(410, 411));
 }
 
 int CAutoLock::Lock() noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CAutoLock::Lock" };
+    constexpr CVoReporter report{ kMultiThreadingSource, L"CAutoLock::Lock" };
     if (m_locked)
         return 1;
     if (!m_lock)
@@ -65,7 +65,7 @@ int CAutoLock::Lock() noexcept
 
 int CAutoLock::Unlock() noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CAutoLock::Unlock" };
+    constexpr CVoReporter report{ kMultiThreadingSource, L"CAutoLock::Unlock" };
     if (!m_locked)
         return 1;
     try
@@ -104,7 +104,7 @@ bool CVoThread::SShared::ReadExitCode(DWORD& code) const noexcept
 
 DWORD WINAPI CVoThread::VoThreadProc(void* argument) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoThreadProc" };
+    constexpr CVoReporter report{ kMultiThreadingSource, L"VoThreadProc" };
     // CreateThread holds the lock until it has stored the handle and the identifier.
     const std::shared_ptr<SShared> shared = std::move(static_cast<SShared*>(argument)->forThread);
     CAutoLock(&shared->creation).Unlock();
@@ -156,7 +156,7 @@ DWORD WINAPI CVoThread::VoThreadProc(void* argument) noexcept
 HRESULT CVoThread::CreateThread(bool startSuspended, bool waitUntilStarted, bool waitOnDestroy, CVoTextView name,
                                 bool useFinishedEvent) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoThread::CreateThread" };
+    constexpr CVoReporter report{ kMultiThreadingSource, L"CVoThread::CreateThread" };
     // The thread may delete the object while this function waits: keep the state alive here.
     const std::shared_ptr<SShared> shared = m_shared;
     std::wstring threadName;
@@ -226,7 +226,7 @@ HRESULT CVoThread::CreateThread(bool startSuspended, bool waitUntilStarted, bool
 // Makes the object idle and its events ready for a new thread.
 HRESULT CVoThread::PrepareEvents(bool waitUntilStarted) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoThread::CreateThread" };
+    constexpr CVoReporter report{ kMultiThreadingSource, L"CVoThread::CreateThread" };
     m_shared->thread.Reset();
     m_stopRequested.store(false);
     m_threadId.store(0);
@@ -244,7 +244,7 @@ HRESULT CVoThread::PrepareEvents(bool waitUntilStarted) noexcept
 
 HRESULT CVoThread::WaitUntilStarted(const SShared& shared, bool useFinishedEvent) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoThread::CreateThread" };
+    constexpr CVoReporter report{ kMultiThreadingSource, L"CVoThread::CreateThread" };
     // When both are signalled, the wait returns the first in the list: the start came first.
     const std::array<HANDLE, 2> events{ shared.started.Handle(),
                                         useFinishedEvent ? shared.finished.Handle() : shared.thread.Get() };
@@ -263,7 +263,7 @@ HRESULT CVoThread::WaitUntilStarted(const SShared& shared, bool useFinishedEvent
 
 HRESULT CVoThread::Resume() noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoThread::Resume" };
+    constexpr CVoReporter report{ kMultiThreadingSource, L"CVoThread::Resume" };
     // Held beyond the life of an object that the thread deletes. The lock keeps a call from another thread from coming between
     // the making of the thread and the note that it is suspended.
     const std::shared_ptr<SShared> shared = m_shared;
@@ -281,7 +281,7 @@ HRESULT CVoThread::Resume() noexcept
 
 HRESULT CVoThread::Stop(bool wait, DWORD* exitCode) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoThread::Stop" };
+    constexpr CVoReporter report{ kMultiThreadingSource, L"CVoThread::Stop" };
     const std::shared_ptr<SShared> shared = m_shared;
     const bool useFinishedEvent = m_useFinishedEvent;
     const bool isWaiting = wait && shared->thread && ::GetCurrentThreadId() != m_threadId.load();
@@ -320,14 +320,14 @@ bool CVoThread::IsFinished() const noexcept
 
 void CVoThread::SignalStarted() noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoThread::SignalStarted" };
+    constexpr CVoReporter report{ kMultiThreadingSource, L"CVoThread::SignalStarted" };
     if (const HRESULT hr = m_shared->started.Set(); FAILED(hr))
         report(920, hr);
 }
 
 HRESULT SetThreadNameWP(DWORD threadId, const char* name) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"SetThreadNameWP" };
+    constexpr CVoReporter report{ kMultiThreadingSource, L"SetThreadNameWP" };
     // Debuggers get the record as the exception's argument words. Six are passed, which is more than the record fills on this
     // platform: the rest is zero.
     std::array<ULONG_PTR, 6> arguments{};

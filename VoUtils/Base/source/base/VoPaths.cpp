@@ -7,12 +7,12 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\..\\source\\base\\VoUtils";
+constexpr const wchar_t* kPathsSource = L"..\\..\\source\\base\\VoUtils";
 } // namespace
 
 HRESULT GetModuleDirAndFileName(HMODULE module, std::wstring* directory, std::wstring* fileName) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"GetModuleDirAndFileName" };
+    constexpr CVoReporter report{ kPathsSource, L"GetModuleDirAndFileName" };
     const auto body = [&]() -> HRESULT
     {
         std::optional<VoSystemPaths::CModuleFile> file = VoSystemPaths::ModuleFile(module);
@@ -32,7 +32,7 @@ HRESULT GetModuleDirAndFileName(HMODULE module, std::wstring* directory, std::ws
 
 HRESULT VoGetTempPath(std::wstring& path) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoGetTempPath" };
+    constexpr CVoReporter report{ kPathsSource, L"VoGetTempPath" };
     const auto body = [&]() -> HRESULT
     {
         std::optional<std::wstring> temporary = VoSystemPaths::TemporaryDirectory();

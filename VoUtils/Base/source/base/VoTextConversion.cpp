@@ -10,12 +10,12 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\..\\source\\base\\VoUtils";
+constexpr const wchar_t* kTextConversionSource = L"..\\..\\source\\base\\VoUtils";
 } // namespace
 
 HRESULT VoStringToBool(CVoTextView text, bool& value) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoStringToBool" };
+    constexpr CVoReporter report{ kTextConversionSource, L"VoStringToBool" };
     const std::optional<bool> parsed = VoParseBool(text);
     if (!parsed)
         return report(85, E_INVALIDARG);
@@ -25,7 +25,7 @@ HRESULT VoStringToBool(CVoTextView text, bool& value) noexcept
 
 HRESULT VoStringToASCII(CVoTextView text, std::string& bytes) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoStringToASCII" };
+    constexpr CVoReporter report{ kTextConversionSource, L"VoStringToASCII" };
     const auto body = [&]() -> HRESULT
     {
         const HRESULT hr = VoCodePage::FromText(CP_ACP, text, bytes);
@@ -36,7 +36,7 @@ HRESULT VoStringToASCII(CVoTextView text, std::string& bytes) noexcept
 
 HRESULT VoStringToUTF8(CVoTextView text, std::string& bytes) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoStringToUTF8" };
+    constexpr CVoReporter report{ kTextConversionSource, L"VoStringToUTF8" };
     const auto body = [&]() -> HRESULT
     {
         const HRESULT hr = VoCodePage::FromText(CP_UTF8, text, bytes);
@@ -47,7 +47,7 @@ HRESULT VoStringToUTF8(CVoTextView text, std::string& bytes) noexcept
 
 HRESULT VoUTF8ToString(CVoBytesView bytes, std::wstring& text) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoUTF8ToString" };
+    constexpr CVoReporter report{ kTextConversionSource, L"VoUTF8ToString" };
     const auto body = [&]() -> HRESULT
     {
         const HRESULT hr = VoCodePage::ToText(CP_UTF8, bytes, text);
@@ -58,7 +58,7 @@ HRESULT VoUTF8ToString(CVoBytesView bytes, std::wstring& text) noexcept
 
 HRESULT VoStringToCodePage(UINT codePage, CVoTextView text, std::string& bytes) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoStringToCodePage" };
+    constexpr CVoReporter report{ kTextConversionSource, L"VoStringToCodePage" };
     const auto body = [&]() -> HRESULT
     {
         const HRESULT hr = VoCodePage::FromText(codePage, text, bytes);
@@ -69,7 +69,7 @@ HRESULT VoStringToCodePage(UINT codePage, CVoTextView text, std::string& bytes) 
 
 HRESULT VoCodePageToString(UINT codePage, CVoBytesView bytes, std::wstring& text) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoCodePageToString" };
+    constexpr CVoReporter report{ kTextConversionSource, L"VoCodePageToString" };
     const auto body = [&]() -> HRESULT
     {
         const HRESULT hr = VoCodePage::ToText(codePage, bytes, text);

@@ -8,7 +8,7 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\..\\source\\base\\VoUtils";
+constexpr const wchar_t* kVariantSource = L"..\\..\\source\\base\\VoUtils";
 
 // Text to a type that the platform reads by a function of its own; false where VariantChangeTypeEx has to do it.
 bool ChangeFromText(VARIANT& result, BSTR text, VARTYPE type, LCID locale, HRESULT& hr)
@@ -96,21 +96,21 @@ HRESULT ChangeVariantType(VARIANT& destination, const VARIANT& source, VARTYPE t
 
 HRESULT VoChangeVariantType(VARIANT& destination, const VARIANT& source, VARTYPE type, LCID locale) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoChangeVariantType" };
+    constexpr CVoReporter report{ kVariantSource, L"VoChangeVariantType" };
     const HRESULT hr = ChangeVariantType(destination, source, type, locale);
     return FAILED(hr) ? report(213, hr) : S_OK;
 }
 
 HRESULT VoChangeVariantTypeNoLocale(VARIANT& destination, const VARIANT& source, VARTYPE type) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoChangeVariantTypeNoLocale" };
+    constexpr CVoReporter report{ kVariantSource, L"VoChangeVariantTypeNoLocale" };
     const HRESULT hr = VoChangeVariantType(destination, source, type, LOCALE_INVARIANT);
     return FAILED(hr) ? report(224, hr) : S_OK;
 }
 
 HRESULT VoTypeToVariant(CVoTextView value, VARIANT& variant) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoTypeToVariant" };
+    constexpr CVoReporter report{ kVariantSource, L"VoTypeToVariant" };
     if (value.size() > UINT_MAX)
         return report(235, E_INVALIDARG);
     const BSTR text = ::SysAllocStringLen(value.data(), static_cast<UINT>(value.size()));
@@ -148,7 +148,7 @@ HRESULT VoTypeToVariant(bool value, VARIANT& variant) noexcept
 
 HRESULT VoVariantToTypeNoLocale(const VARIANT& variant, std::wstring& value) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoVariantToTypeNoLocale" };
+    constexpr CVoReporter report{ kVariantSource, L"VoVariantToTypeNoLocale" };
     CVoVariant result;
     if (const HRESULT hr = VoChangeVariantTypeNoLocale(result.Get(), variant, VT_BSTR); FAILED(hr))
         return report(275, hr);
@@ -162,7 +162,7 @@ HRESULT VoVariantToTypeNoLocale(const VARIANT& variant, std::wstring& value) noe
 
 HRESULT VoVariantToTypeNoLocale(const VARIANT& variant, UINT32& value) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoVariantToTypeNoLocale" };
+    constexpr CVoReporter report{ kVariantSource, L"VoVariantToTypeNoLocale" };
     CVoVariant result;
     const HRESULT direct = ChangeVariantType(result.Get(), variant, VT_I4, LOCALE_INVARIANT);
     if (FAILED(direct))
@@ -178,7 +178,7 @@ HRESULT VoVariantToTypeNoLocale(const VARIANT& variant, UINT32& value) noexcept
 
 HRESULT VoVariantToTypeNoLocale(const VARIANT& variant, double& value) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoVariantToTypeNoLocale" };
+    constexpr CVoReporter report{ kVariantSource, L"VoVariantToTypeNoLocale" };
     CVoVariant result;
     if (const HRESULT hr = VoChangeVariantTypeNoLocale(result.Get(), variant, VT_R8); FAILED(hr))
         return report(311, hr);
@@ -188,7 +188,7 @@ HRESULT VoVariantToTypeNoLocale(const VARIANT& variant, double& value) noexcept
 
 HRESULT VoVariantToTypeNoLocale(const VARIANT& variant, bool& value) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoVariantToTypeNoLocale" };
+    constexpr CVoReporter report{ kVariantSource, L"VoVariantToTypeNoLocale" };
     CVoVariant result;
     if (const HRESULT hr = VoChangeVariantTypeNoLocale(result.Get(), variant, VT_BOOL); FAILED(hr))
         return report(321, hr);

@@ -18,7 +18,7 @@ namespace OrvSignedIniFileHandler
 {
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\..\\source\\win\\OrvSignedIniFileHandler";
+constexpr const wchar_t* kSignedIniSource = L"..\\..\\source\\win\\OrvSignedIniFileHandler";
 constexpr const wchar_t* kSignatureSection = L"Signature";
 // The canonical text of a section without entries. Signatures depend on it.
 constexpr const wchar_t* kEmptySection = L"<EMPTY>";
@@ -145,7 +145,7 @@ private:
 [[nodiscard]] HRESULT VerifyData(OrvDigSign::IVoHashInput& data, std::wstring_view publicKey, std::wstring_view signatureText,
                                  bool& valid)
 {
-    constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::VerifySign" };
+    constexpr CVoReporter report{ kSignedIniSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::VerifySign" };
     CVoByteBuffer signature;
     if (const HRESULT hr = VoDataConversion::Base64ToBin(signatureText, signature.PutBytes(), signature.PutLength());
         FAILED(hr))
@@ -159,7 +159,7 @@ private:
 
 HRESULT CVoSignedIniFileHandler2::Open(CVoTextView path) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::Open" };
+    constexpr CVoReporter report{ kSignedIniSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::Open" };
     const auto body = [&]() -> HRESULT
     {
         CVoIniFileIO file;
@@ -174,7 +174,7 @@ HRESULT CVoSignedIniFileHandler2::Open(CVoTextView path) noexcept
 
 HRESULT CVoSignedIniFileHandler2::Parse(CVoBytesView bytes) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::Parse" };
+    constexpr CVoReporter report{ kSignedIniSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::Parse" };
     const auto body = [&]() -> HRESULT
     {
         CVoIniFileIO file;
@@ -195,7 +195,7 @@ public:
     // NOLINTNEXTLINE(bugprone-exception-escape): Guard catches what the body throws.
     [[nodiscard]] HRESULT AddTo(OrvDigSign::COrvHashBase& hash) noexcept override
     {
-        constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::GetDataString" };
+        constexpr CVoReporter report{ kSignedIniSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::GetDataString" };
         const auto body = [&]() -> HRESULT
         {
             CHashedText text(&hash);
@@ -214,7 +214,7 @@ private:
 // NOLINTNEXTLINE(bugprone-exception-escape): Guard catches what the body throws.
 HRESULT CVoSignedIniFileHandler2::Verify(CVoTextView publicKey, bool& valid) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::Verify" };
+    constexpr CVoReporter report{ kSignedIniSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::Verify" };
     const auto body = [&]() -> HRESULT
     {
         valid = false;
@@ -245,7 +245,7 @@ HRESULT CVoSignedIniFileHandler2::Verify(CVoTextView publicKey, bool& valid) noe
 template <class Text>
 HRESULT CVoSignedIniFileHandler2::AppendData(Text& text) const
 {
-    constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::GetDataString" };
+    constexpr CVoReporter report{ kSignedIniSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::GetDataString" };
     std::vector<std::wstring_view> sections;
     if (const HRESULT hr = m_file.GetSectionNames(sections); FAILED(hr))
         return report(187, hr);
@@ -263,7 +263,8 @@ HRESULT CVoSignedIniFileHandler2::AppendData(Text& text) const
 template <class Text>
 HRESULT CVoSignedIniFileHandler2::AppendSectionData(CVoTextView section, std::vector<CVoIniEntry>& entries, Text& text) const
 {
-    constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::GetSectionDataString" };
+    constexpr CVoReporter report{ kSignedIniSource,
+                                  L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::GetSectionDataString" };
     // Keys and values come as pairs, so their numbers are always equal.
     if (const HRESULT hr = m_file.GetSection(section, entries); FAILED(hr))
         return report(206, hr);
@@ -280,7 +281,7 @@ HRESULT CVoSignedIniFileHandler2::AppendSectionData(CVoTextView section, std::ve
 
 HRESULT CVoSignedIniFileHandler2::GetDataString(std::wstring& text) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::GetDataString" };
+    constexpr CVoReporter report{ kSignedIniSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::GetDataString" };
     const auto body = [&]() -> HRESULT
     {
         CAutoLock lock(&m_lock);
@@ -295,7 +296,8 @@ HRESULT CVoSignedIniFileHandler2::GetDataString(std::wstring& text) noexcept
 
 HRESULT CVoSignedIniFileHandler2::GetSectionDataString(CVoTextView section, std::wstring& text) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::GetSectionDataString" };
+    constexpr CVoReporter report{ kSignedIniSource,
+                                  L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::GetSectionDataString" };
     const auto body = [&]() -> HRESULT
     {
         CAutoLock lock(&m_lock);
@@ -311,7 +313,7 @@ HRESULT CVoSignedIniFileHandler2::GetSectionDataString(CVoTextView section, std:
 
 HRESULT CVoSignedIniFileHandler2::GetSignedText(std::wstring& text) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::GetSignedText" };
+    constexpr CVoReporter report{ kSignedIniSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::GetSignedText" };
     std::wstring data;
     if (const HRESULT hr = GetDataString(data); FAILED(hr))
         return report(257, hr);
@@ -323,7 +325,7 @@ HRESULT CVoSignedIniFileHandler2::GetSignedText(std::wstring& text) noexcept
 HRESULT CVoSignedIniFileHandler2::VerifySign(CVoTextView dataText, CVoTextView publicKey, CVoTextView signatureText,
                                              bool& valid) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::VerifySign" };
+    constexpr CVoReporter report{ kSignedIniSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::VerifySign" };
     const auto body = [&]() -> HRESULT
     {
         valid = false;
@@ -338,7 +340,7 @@ HRESULT CVoSignedIniFileHandler2::VerifySign(CVoTextView dataText, CVoTextView p
 
 HRESULT CVoSignedIniFileHandler2::SignFile(CVoTextView privateKey, UINT32 lineLength) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::SignFile" };
+    constexpr CVoReporter report{ kSignedIniSource, L"OrvSignedIniFileHandler::CVoSignedIniFileHandler2::SignFile" };
     const auto body = [&]() -> HRESULT
     {
         if (privateKey.empty())

@@ -10,7 +10,7 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\..\\source\\win\\VoFile";
+constexpr const wchar_t* kFileSource = L"..\\..\\source\\win\\VoFile";
 
 // The most that one call reads or writes. A network file system may refuse more.
 constexpr DWORD kPieceSize = 16U << 20;
@@ -36,7 +36,7 @@ struct SFileFacts
 // The facts of a file. The file may be missing.
 [[nodiscard]] HRESULT ReadFacts(const std::wstring& path, SFileFacts& facts)
 {
-    constexpr CVoReporter report{ kSource, L"CVoFileReplacement::Write" };
+    constexpr CVoReporter report{ kFileSource, L"CVoFileReplacement::Write" };
     const DWORD attributes = ::GetFileAttributesW(path.c_str());
     if (attributes == INVALID_FILE_ATTRIBUTES)
     {
@@ -71,7 +71,7 @@ struct SFileFacts
 
 [[nodiscard]] HRESULT WriteAll(HANDLE file, std::string_view bytes) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoFileReplacement::Write" };
+    constexpr CVoReporter report{ kFileSource, L"CVoFileReplacement::Write" };
     while (!bytes.empty())
     {
         const DWORD piece = bytes.size() < kPieceSize ? static_cast<DWORD>(bytes.size()) : kPieceSize;
@@ -95,7 +95,7 @@ struct SFileFacts
 
 HRESULT VoReadFile(CVoTextView path, std::string& bytes) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoReadFile" };
+    constexpr CVoReporter report{ kFileSource, L"VoReadFile" };
     const auto body = [&]() -> HRESULT
     {
         if (!IsPath(path))
@@ -170,7 +170,7 @@ CVoFileReplacement::~CVoFileReplacement()
 // Makes the file beside the old one.
 HRESULT CVoFileReplacement::Create(CVoTextView path)
 {
-    constexpr CVoReporter report{ kSource, L"CVoFileReplacement::Create" };
+    constexpr CVoReporter report{ kFileSource, L"CVoFileReplacement::Create" };
     if (!m_path.empty())
         return report(181, E_UNEXPECTED);
     if (!IsPath(path))
@@ -199,7 +199,7 @@ HRESULT CVoFileReplacement::Create(CVoTextView path)
 // Brings the content to the disk and closes the file, also on failure.
 HRESULT CVoFileReplacement::Finish() noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoFileReplacement::Finish" };
+    constexpr CVoReporter report{ kFileSource, L"CVoFileReplacement::Finish" };
     CVoHandle file = std::move(m_file);
     // Without it the rename may reach the disk before the content, and a power cut may leave an empty file.
     if (!::FlushFileBuffers(file.Get()))
@@ -215,7 +215,7 @@ HRESULT CVoFileReplacement::Finish() noexcept
 
 HRESULT CVoFileReplacement::Write(CVoTextView path, CVoBytesView bytes) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoFileReplacement::Write" };
+    constexpr CVoReporter report{ kFileSource, L"CVoFileReplacement::Write" };
     const auto body = [&]() -> HRESULT
     {
         if (bytes.size() > kMaximumFileSize)
@@ -233,7 +233,7 @@ HRESULT CVoFileReplacement::Write(CVoTextView path, CVoBytesView bytes) noexcept
 
 HRESULT CVoFileReplacement::Open(CVoTextView path) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoFileReplacement::Open" };
+    constexpr CVoReporter report{ kFileSource, L"CVoFileReplacement::Open" };
     return report.Guard(219, [&]() -> HRESULT
     {
         if (const HRESULT hr = Create(path); FAILED(hr))
@@ -245,7 +245,7 @@ HRESULT CVoFileReplacement::Open(CVoTextView path) noexcept
 
 HRESULT CVoFileReplacement::Append(CVoBytesView bytes) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoFileReplacement::Append" };
+    constexpr CVoReporter report{ kFileSource, L"CVoFileReplacement::Append" };
     if (!m_file)
         return report(220, E_UNEXPECTED);
     if (const HRESULT hr = WriteAll(m_file.Get(), bytes); FAILED(hr))
@@ -258,7 +258,7 @@ HRESULT CVoFileReplacement::Append(CVoBytesView bytes) noexcept
 
 HRESULT CVoFileReplacement::Restart() noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoFileReplacement::Restart" };
+    constexpr CVoReporter report{ kFileSource, L"CVoFileReplacement::Restart" };
     if (!m_file)
         return report(230, E_UNEXPECTED);
     if (!::SetFilePointerEx(m_file.Get(), {}, nullptr, FILE_BEGIN) || !::SetEndOfFile(m_file.Get()))
@@ -268,7 +268,7 @@ HRESULT CVoFileReplacement::Restart() noexcept
 
 HRESULT CVoFileReplacement::Commit() noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoFileReplacement::Commit" };
+    constexpr CVoReporter report{ kFileSource, L"CVoFileReplacement::Commit" };
     if (m_file)
         if (const HRESULT hr = Finish(); FAILED(hr))
             return report(222, hr);

@@ -17,8 +17,7 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\..\\source\\win\\VoParamHandler";
-constexpr VARTYPE kByteArray = VT_ARRAY | VT_UI1;
+constexpr const wchar_t* kParamHandlerSource = L"..\\..\\source\\win\\VoParamHandler";
 
 void Check(HRESULT hr)
 {
@@ -101,7 +100,7 @@ template <class Number>
 [[nodiscard]] bool HasText(VARTYPE type) noexcept
 {
     return IsInteger(type) || type == VT_BSTR || type == VT_BOOL || type == VT_R4 || type == VT_R8 || type == VT_DATE ||
-           type == VT_CY || type == VT_DECIMAL || type == kByteArray;
+           type == VT_CY || type == VT_DECIMAL || type == kVoByteArray;
 }
 } // namespace
 
@@ -260,7 +259,7 @@ struct CVoParamText
                 Check(E_INVALIDARG);
             return From(time);
         }
-        case kByteArray:
+        case kVoByteArray:
         {
             std::vector<BYTE> bytes;
             Check(VoVariantToBytes(variant, bytes));
@@ -309,7 +308,7 @@ struct CVoParamText
             V_VT(&variant) = VT_DATE;
             V_DATE(&variant) = date;
         }
-        else if (type == kByteArray)
+        else if (type == kVoByteArray)
         {
             std::vector<BYTE> bytes;
             To(text, bytes);
@@ -377,7 +376,7 @@ catch (const CVoHResultException&)
 
 HRESULT CVoParamHandler::Open(CVoTextView path) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoParamHandler::Open" };
+    constexpr CVoReporter report{ kParamHandlerSource, L"CVoParamHandler::Open" };
     const auto body = [&]() -> HRESULT
     {
         CVoIniFileIO file;
@@ -392,7 +391,7 @@ HRESULT CVoParamHandler::Open(CVoTextView path) noexcept
 
 HRESULT CVoParamHandler::Save() noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoParamHandler::Save" };
+    constexpr CVoReporter report{ kParamHandlerSource, L"CVoParamHandler::Save" };
     CAutoLock lock(&m_lock);
     const HRESULT hr = m_file.Save();
     return FAILED(hr) ? report(345, hr) : hr;
@@ -408,7 +407,7 @@ template <class Value>
 // NOLINTNEXTLINE(bugprone-exception-escape): Guard catches what the body throws.
 HRESULT CVoParamHandler::Read(CVoTextView section, CVoTextView name, Value& value, bool* present) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoParamHandler::Get" };
+    constexpr CVoReporter report{ kParamHandlerSource, L"CVoParamHandler::Get" };
     const auto body = [&]() -> HRESULT
     {
         CAutoLock lock(&m_lock);
@@ -430,7 +429,7 @@ template <class Value>
 // NOLINTNEXTLINE(bugprone-exception-escape): Guard catches what the body throws.
 HRESULT CVoParamHandler::Write(CVoTextView section, CVoTextView name, const Value& value) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoParamHandler::Set" };
+    constexpr CVoReporter report{ kParamHandlerSource, L"CVoParamHandler::Set" };
     const auto body = [&]() -> HRESULT
     {
         const std::wstring text = CVoParamText::From(value);
@@ -476,7 +475,7 @@ HRESULT CVoParamHandler::Get(CVoTextView section, CVoTextView name, CVo2DIDArray
 
 HRESULT CVoParamHandler::Get(CVoTextView section, CVoTextView name, VARIANT& value, bool* present) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoParamHandler::Get" };
+    constexpr CVoReporter report{ kParamHandlerSource, L"CVoParamHandler::Get" };
     const VARTYPE type = V_VT(&value);
     if (type != VT_EMPTY && !HasText(type))
         return report(480, DISP_E_TYPEMISMATCH);
@@ -501,7 +500,7 @@ HRESULT CVoParamHandler::Get(CVoTextView section, CVoTextView name, VARIANT& val
 HRESULT CVoParamHandler::GetInteger(CVoTextView section, CVoTextView name, SInteger& value, SInteger minimum, SInteger maximum,
                                     bool* present) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoParamHandler::Get" };
+    constexpr CVoReporter report{ kParamHandlerSource, L"CVoParamHandler::Get" };
     SInteger read = value;
     if (const HRESULT hr = Read(section, name, read, present); FAILED(hr))
         return hr;
@@ -544,7 +543,7 @@ HRESULT CVoParamHandler::Set(CVoTextView section, CVoTextView name, const CVo2DI
 
 HRESULT CVoParamHandler::Set(CVoTextView section, CVoTextView name, const VARIANT& value) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoParamHandler::Set" };
+    constexpr CVoReporter report{ kParamHandlerSource, L"CVoParamHandler::Set" };
     CVoVariant copy;
     // The platform's function only reads its source, although it does not say so.
     if (const HRESULT hr = ::VariantCopyInd(copy.Put(), const_cast<VARIANT*>(&value)); FAILED(hr))
@@ -561,7 +560,7 @@ HRESULT CVoParamHandler::SetInteger(CVoTextView section, CVoTextView name, SInte
 
 HRESULT CVoParamHandler::Remove(CVoTextView section, CVoTextView name) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoParamHandler::Remove" };
+    constexpr CVoReporter report{ kParamHandlerSource, L"CVoParamHandler::Remove" };
     CAutoLock lock(&m_lock);
     const HRESULT hr = m_file.RemoveValue(section, name);
     return FAILED(hr) ? report(570, hr) : hr;

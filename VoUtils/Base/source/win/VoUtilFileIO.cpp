@@ -11,7 +11,7 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\..\\source\\win\\VoUtilFileIO";
+constexpr const wchar_t* kUtilFileIOSource = L"..\\..\\source\\win\\VoUtilFileIO";
 
 [[nodiscard]] std::unique_ptr<CVoIniContent> ReadContent(std::string bytes,
                                                          std::optional<EVoTextEncoding> encoding = std::nullopt)
@@ -31,7 +31,7 @@ CVoIniFileIO::~CVoIniFileIO() = default;
 
 HRESULT CVoIniFileIO::Open(CVoTextView path, bool mayBeMissing) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoIniFileIO::Open" };
+    constexpr CVoReporter report{ kUtilFileIOSource, L"CVoIniFileIO::Open" };
     const auto body = [&]() -> HRESULT
     {
         std::wstring fullPath = VoGetFullPath(path);
@@ -52,7 +52,7 @@ HRESULT CVoIniFileIO::Open(CVoTextView path, bool mayBeMissing) noexcept
 
 HRESULT CVoIniFileIO::Parse(CVoBytesView bytes) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoIniFileIO::Parse" };
+    constexpr CVoReporter report{ kUtilFileIOSource, L"CVoIniFileIO::Parse" };
     const auto body = [&]() -> HRESULT
     {
         m_content = ReadContent(std::string(bytes));
@@ -64,7 +64,7 @@ HRESULT CVoIniFileIO::Parse(CVoBytesView bytes) noexcept
 
 HRESULT CVoIniFileIO::GetBytes(std::string& bytes) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoIniFileIO::GetBytes" };
+    constexpr CVoReporter report{ kUtilFileIOSource, L"CVoIniFileIO::GetBytes" };
     const auto body = [&]() -> HRESULT
     {
         std::string rendered = m_content->Render();
@@ -82,7 +82,7 @@ HRESULT CVoIniFileIO::GetBytes(std::string& bytes) const noexcept
 
 HRESULT CVoIniFileIO::Save() noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoIniFileIO::Save" };
+    constexpr CVoReporter report{ kUtilFileIOSource, L"CVoIniFileIO::Save" };
     if (!m_isModified)
         return S_FALSE;
     if (m_path.empty())
@@ -93,7 +93,7 @@ HRESULT CVoIniFileIO::Save() noexcept
 
 HRESULT CVoIniFileIO::SaveAs(CVoTextView path) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoIniFileIO::SaveAs" };
+    constexpr CVoReporter report{ kUtilFileIOSource, L"CVoIniFileIO::SaveAs" };
     const auto body = [&]() -> HRESULT
     {
         std::wstring fullPath = VoGetFullPath(path);
@@ -107,7 +107,7 @@ HRESULT CVoIniFileIO::SaveAs(CVoTextView path) noexcept
 
 HRESULT CVoIniFileIO::WriteTo(const std::wstring& path) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoIniFileIO::WriteTo" };
+    constexpr CVoReporter report{ kUtilFileIOSource, L"CVoIniFileIO::WriteTo" };
     std::string bytes;
     if (const HRESULT hr = GetBytes(bytes); FAILED(hr))
         return report(115, hr);
@@ -132,7 +132,7 @@ size_t CVoIniFileIO::Size() const noexcept
 
 HRESULT CVoIniFileIO::SetEncoding(EVoTextEncoding encoding) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoIniFileIO::SetEncoding" };
+    constexpr CVoReporter report{ kUtilFileIOSource, L"CVoIniFileIO::SetEncoding" };
     const auto body = [&]() -> HRESULT
     {
         if (encoding < EVoTextEncoding::Ansi || encoding > EVoTextEncoding::Utf16BigEndian)
@@ -148,7 +148,7 @@ HRESULT CVoIniFileIO::SetEncoding(EVoTextEncoding encoding) noexcept
 
 HRESULT CVoIniFileIO::GetSectionNames(std::vector<std::wstring_view>& names) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoIniFileIO::GetSectionNames" };
+    constexpr CVoReporter report{ kUtilFileIOSource, L"CVoIniFileIO::GetSectionNames" };
     const auto body = [&]() -> HRESULT
     {
         names = m_content->SectionNames();
@@ -164,7 +164,7 @@ bool CVoIniFileIO::HasSection(CVoTextView section) const
 
 HRESULT CVoIniFileIO::GetSection(CVoTextView section, std::vector<CVoIniEntry>& entries) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoIniFileIO::GetSection" };
+    constexpr CVoReporter report{ kUtilFileIOSource, L"CVoIniFileIO::GetSection" };
     const auto body = [&]() -> HRESULT
     {
         const UINT32 found = m_content->FindSection(section);
@@ -186,7 +186,7 @@ std::optional<std::wstring_view> CVoIniFileIO::FindValue(CVoTextView section, CV
 
 HRESULT CVoIniFileIO::SetValue(CVoTextView section, CVoTextView key, CVoTextView value) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoIniFileIO::SetValue" };
+    constexpr CVoReporter report{ kUtilFileIOSource, L"CVoIniFileIO::SetValue" };
     const auto body = [&]() -> HRESULT
     {
         if (m_content->SetValue(section, key, value))
@@ -198,7 +198,7 @@ HRESULT CVoIniFileIO::SetValue(CVoTextView section, CVoTextView key, CVoTextView
 
 HRESULT CVoIniFileIO::AddValue(CVoTextView section, CVoTextView key, CVoTextView value) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoIniFileIO::AddValue" };
+    constexpr CVoReporter report{ kUtilFileIOSource, L"CVoIniFileIO::AddValue" };
     const auto body = [&]() -> HRESULT
     {
         m_content->AddValue(section, key, value);
@@ -210,7 +210,7 @@ HRESULT CVoIniFileIO::AddValue(CVoTextView section, CVoTextView key, CVoTextView
 
 HRESULT CVoIniFileIO::RemoveValue(CVoTextView section, CVoTextView key) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoIniFileIO::RemoveValue" };
+    constexpr CVoReporter report{ kUtilFileIOSource, L"CVoIniFileIO::RemoveValue" };
     const auto body = [&]() -> HRESULT
     {
         const UINT32 found = m_content->FindSection(section);
@@ -224,7 +224,7 @@ HRESULT CVoIniFileIO::RemoveValue(CVoTextView section, CVoTextView key) noexcept
 
 HRESULT CVoIniFileIO::ClearSection(CVoTextView section) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoIniFileIO::ClearSection" };
+    constexpr CVoReporter report{ kUtilFileIOSource, L"CVoIniFileIO::ClearSection" };
     const auto body = [&]() -> HRESULT
     {
         const UINT32 found = m_content->FindSection(section);
@@ -238,7 +238,7 @@ HRESULT CVoIniFileIO::ClearSection(CVoTextView section) noexcept
 
 HRESULT CVoIniFileIO::RemoveSection(CVoTextView section) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"CVoIniFileIO::RemoveSection" };
+    constexpr CVoReporter report{ kUtilFileIOSource, L"CVoIniFileIO::RemoveSection" };
     const auto body = [&]() -> HRESULT
     {
         const UINT32 found = m_content->FindSection(section);

@@ -13,7 +13,7 @@ namespace VoWMIQuery
 {
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\..\\source\\win\\VoWMIQuery";
+constexpr const wchar_t* kWMIQuerySource = L"..\\..\\source\\win\\VoWMIQuery";
 // The platform declares both as enumerations, whose unsigned values its functions do not take.
 constexpr LONG kNextWithoutLimit = -1;                                        // WBEM_INFINITE
 constexpr HRESULT kPropertyNotFound = static_cast<HRESULT>(WBEM_E_NOT_FOUND); // 0x80041002
@@ -46,7 +46,7 @@ CVoWMIQueryBase::~CVoWMIQueryBase()
 
 HRESULT CVoWMIQueryBase::Start() noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoWMIQuery::CVoWMIQueryBase::Start" };
+    constexpr CVoReporter report{ kWMIQuerySource, L"VoWMIQuery::CVoWMIQueryBase::Start" };
     // The worker runs already; the waiting caller holds the lock.
     if (::GetCurrentThreadId() == ThreadId())
         return S_OK;
@@ -72,7 +72,7 @@ HRESULT CVoWMIQueryBase::StartWorker() noexcept
 
 bool CVoWMIQueryBase::InitInstance()
 {
-    constexpr CVoReporter report{ kSource, L"VoWMIQuery::CVoWMIQueryBase::InitInstance" };
+    constexpr CVoReporter report{ kWMIQuerySource, L"VoWMIQuery::CVoWMIQueryBase::InitInstance" };
     m_connectResult = InitWMI();
     if (FAILED(m_connectResult))
         report(118, m_connectResult);
@@ -88,7 +88,7 @@ HRESULT CVoWMIQueryBase::ExitInstance()
 
 HRESULT CVoWMIQueryBase::InitWMI() noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoWMIQuery::CVoWMIQueryBase::InitWMI" };
+    constexpr CVoReporter report{ kWMIQuerySource, L"VoWMIQuery::CVoWMIQueryBase::InitWMI" };
     if (const HRESULT hr = ::CoInitializeEx(nullptr, COINIT_MULTITHREADED); FAILED(hr))
         return report(138, hr);
     m_isComInitialised = true;
@@ -113,7 +113,7 @@ HRESULT CVoWMIQueryBase::InitWMI() noexcept
 
 HRESULT CVoWMIQueryBase::Connect()
 {
-    constexpr CVoReporter report{ kSource, L"VoWMIQuery::CVoWMIQueryBase::InitWMI" };
+    constexpr CVoReporter report{ kWMIQuerySource, L"VoWMIQuery::CVoWMIQueryBase::InitWMI" };
     HRESULT hr = ::CoCreateInstance(CLSID_WbemLocator, nullptr, CLSCTX_INPROC_SERVER, IID_IWbemLocator, m_locator.PutVoid());
     if (FAILED(hr))
         return report(164, hr);
@@ -141,7 +141,7 @@ void CVoWMIQueryBase::UninitWMI() noexcept
 
 HRESULT CVoWMIQueryBase::Run()
 {
-    constexpr CVoReporter report{ kSource, L"VoWMIQuery::CVoWMIQueryBase::Run" };
+    constexpr CVoReporter report{ kWMIQuerySource, L"VoWMIQuery::CVoWMIQueryBase::Run" };
     if (FAILED(m_connectResult))
         return m_connectResult;
     SignalStarted();
@@ -170,7 +170,7 @@ HRESULT CVoWMIQueryBase::Run()
 // NOLINTNEXTLINE(bugprone-exception-escape): Guard catches what the body throws.
 HRESULT CVoWMIQueryBase::ProcessQuery() noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoWMIQuery::CVoWMIQueryBase::ProcessQuery" };
+    constexpr CVoReporter report{ kWMIQuerySource, L"VoWMIQuery::CVoWMIQueryBase::ProcessQuery" };
     const auto body = [&]() -> HRESULT
     {
         const CVoBstr language(L"WQL");
@@ -217,7 +217,7 @@ HRESULT CVoWMIQueryBase::CallBack(IWbemClassObject* object) noexcept
 
 HRESULT CVoWMIQueryBase::QueryWMI(CVoTextView query, Callback callback, void* context) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoWMIQuery::CVoWMIQueryBase::QueryWMI" };
+    constexpr CVoReporter report{ kWMIQuerySource, L"VoWMIQuery::CVoWMIQueryBase::QueryWMI" };
     if (query.empty() || !callback)
         return report(272, E_INVALIDARG);
     // A callback must not wait for its own thread.
@@ -276,7 +276,7 @@ struct SFieldRows
 
 HRESULT ReadFields(IWbemClassObject* object, void* context)
 {
-    constexpr CVoReporter report{ kSource, L"VoWMIQuery::CVoWMIQueryStringFields::QueryWMIStringFields" };
+    constexpr CVoReporter report{ kWMIQuerySource, L"VoWMIQuery::CVoWMIQueryStringFields::QueryWMIStringFields" };
     SFieldRows& fields = *static_cast<SFieldRows*>(context);
     std::vector<std::wstring> row(fields.names.size());
     for (size_t i = 0; i < row.size(); ++i)
@@ -300,7 +300,7 @@ HRESULT ReadFields(IWbemClassObject* object, void* context)
 HRESULT CVoWMIQueryStringFields::QueryWMIStringFields(CVoTextView query, std::span<const std::wstring> fieldNames,
                                                       std::vector<std::vector<std::wstring>>& rows) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoWMIQuery::CVoWMIQueryStringFields::QueryWMIStringFields" };
+    constexpr CVoReporter report{ kWMIQuerySource, L"VoWMIQuery::CVoWMIQueryStringFields::QueryWMIStringFields" };
     const auto isEmpty = [](const std::wstring& name) { return name.empty(); };
     if (fieldNames.empty() || std::any_of(fieldNames.begin(), fieldNames.end(), isEmpty))
         return report(355, E_INVALIDARG);

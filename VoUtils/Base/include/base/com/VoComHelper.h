@@ -130,7 +130,9 @@ private:
     SAFEARRAY* m_array = nullptr;
 };
 
-// Bytes as a variant of type VT_ARRAY|VT_UI1: one dimension, counted from 0. What `value` held is cleared first.
+// The type of a variant that holds bytes.
+inline constexpr VARTYPE kVoByteArray = VT_ARRAY | VT_UI1;
+// Bytes as a variant of that type: one dimension, counted from 0. What `value` held is cleared first.
 // E_OUTOFMEMORY when there is no room; `value` is untouched then.
 [[nodiscard]] HRESULT VoBytesToVariant(std::span<const BYTE> bytes, VARIANT& value) noexcept;
 // The bytes of a variant that holds such an array, or a reference to one, whatever its lower bound. DISP_E_TYPEMISMATCH for

@@ -7,7 +7,7 @@
 
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\..\\source\\base\\com\\VoComHelper";
+constexpr const wchar_t* kComHelperSource = L"..\\..\\source\\base\\com\\VoComHelper";
 
 // Holds the lock on an array's data over a scope.
 class CSafeArrayData
@@ -35,7 +35,7 @@ private:
 
 HRESULT VoBytesToVariant(std::span<const BYTE> bytes, VARIANT& value) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoBytesToVariant" };
+    constexpr CVoReporter report{ kComHelperSource, L"VoBytesToVariant" };
     if (bytes.size() > std::numeric_limits<ULONG>::max())
         return report(38, E_OUTOFMEMORY);
     CVoSafeArray array(::SafeArrayCreateVector(VT_UI1, 0, static_cast<ULONG>(bytes.size())));
@@ -50,18 +50,18 @@ HRESULT VoBytesToVariant(std::span<const BYTE> bytes, VARIANT& value) noexcept
     }
     if (const HRESULT hr = ::VariantClear(&value); FAILED(hr))
         return report(50, hr);
-    value.vt = VT_ARRAY | VT_UI1;
+    value.vt = kVoByteArray;
     value.parray = array.Detach();
     return S_OK;
 }
 
 HRESULT VoVariantToBytes(const VARIANT& value, std::vector<BYTE>& bytes) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoVariantToBytes" };
+    constexpr CVoReporter report{ kComHelperSource, L"VoVariantToBytes" };
     SAFEARRAY* array = nullptr;
-    if (value.vt == (VT_ARRAY | VT_UI1))
+    if (value.vt == kVoByteArray)
         array = value.parray;
-    else if (value.vt == (VT_ARRAY | VT_UI1 | VT_BYREF) && value.pparray)
+    else if (value.vt == (kVoByteArray | VT_BYREF) && value.pparray)
         array = *value.pparray;
     if (!array || ::SafeArrayGetDim(array) != 1)
         return report(65, DISP_E_TYPEMISMATCH);
@@ -78,7 +78,7 @@ HRESULT VoVariantToBytes(const VARIANT& value, std::vector<BYTE>& bytes) noexcep
 
 HRESULT VoStringsToSafeArray(std::span<const std::wstring_view> texts, CVoSafeArray& array, UINT32 columns) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoStringsToSafeArray" };
+    constexpr CVoReporter report{ kComHelperSource, L"VoStringsToSafeArray" };
     const size_t rowLength = columns > 0 ? columns : 1;
     if (texts.size() % rowLength != 0)
         return report(86, E_INVALIDARG);
@@ -108,7 +108,7 @@ HRESULT VoStringsToSafeArray(std::span<const std::wstring_view> texts, CVoSafeAr
 
 HRESULT VoSafeArrayToStrings(SAFEARRAY* array, std::vector<std::wstring>& texts) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"VoSafeArrayToStrings" };
+    constexpr CVoReporter report{ kComHelperSource, L"VoSafeArrayToStrings" };
     VARTYPE type = VT_EMPTY;
     if (!array || FAILED(::SafeArrayGetVartype(array, &type)) || type != VT_BSTR)
         return report(116, DISP_E_TYPEMISMATCH);

@@ -20,7 +20,7 @@ namespace VoDataConversion
 {
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\..\\source\\base\\utils\\VoDataConversion";
+constexpr const wchar_t* kDataConversionSource = L"..\\..\\source\\base\\utils\\VoDataConversion";
 
 // Character to value. The offending character's code stands in the log in place of the result code, where it says more.
 HRESULT ReportBadCharacter(const CVoReporter& report, int line, int lineWhenNul, wchar_t character) noexcept
@@ -34,7 +34,7 @@ HRESULT ReportBadCharacter(const CVoReporter& report, int line, int lineWhenNul,
 
 HRESULT internalGetQuintet(wchar_t character, BYTE& value) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"internalGetQuintet" };
+    constexpr CVoReporter report{ kDataConversionSource, L"internalGetQuintet" };
     const BYTE digit = VoCodecKernels::Base32DigitValue(character);
     if (digit == VoCodecKernels::kNoDigit)
         return ReportBadCharacter(report, 46, 47, character);
@@ -44,7 +44,7 @@ HRESULT internalGetQuintet(wchar_t character, BYTE& value) noexcept
 
 HRESULT internal8To5(const BYTE (&values)[8], BYTE (&bytes)[5]) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"internal8To5" };
+    constexpr CVoReporter report{ kDataConversionSource, L"internal8To5" };
     UINT64 bits = 0;
     for (size_t i = 0; i < 8; ++i)
     {
@@ -59,7 +59,7 @@ HRESULT internal8To5(const BYTE (&values)[8], BYTE (&bytes)[5]) noexcept
 
 HRESULT internalGetSextet(wchar_t character, BYTE& value) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"internalGetSextet" };
+    constexpr CVoReporter report{ kDataConversionSource, L"internalGetSextet" };
     const BYTE digit = VoCodecKernels::Base64DigitValue(character);
     if (digit == VoCodecKernels::kNoDigit)
         return ReportBadCharacter(report, 84, 85, character);
@@ -69,7 +69,7 @@ HRESULT internalGetSextet(wchar_t character, BYTE& value) noexcept
 
 HRESULT internal4To3(const BYTE (&values)[4], BYTE (&bytes)[3]) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"internal4To3" };
+    constexpr CVoReporter report{ kDataConversionSource, L"internal4To3" };
     for (const BYTE value : values)
         if (value > 63)
             return report(98, E_INVALIDARG);
@@ -462,7 +462,7 @@ std::span<const BYTE> BytesOf(const BYTE* bytes, INT32 count) noexcept
 
 HRESULT HexToBin(CVoTextView text, BYTE** buffer, UINT32* length)
 {
-    constexpr CVoReporter report{ kSource, L"VoDataConversion::HexToBin" };
+    constexpr CVoReporter report{ kDataConversionSource, L"VoDataConversion::HexToBin" };
     CDecoded decoded;
     if (!TryDecode<CHex>(text, decoded))
         if (const HRESULT hr = DecodeTolerant<CHex>(report, text, decoded); FAILED(hr))
@@ -480,7 +480,7 @@ HRESULT BinToHex(const BYTE* bytes, INT32 count, std::wstring& text, INT32 line)
 
 HRESULT Base64ToBin(CVoTextView text, BYTE** buffer, UINT32* length)
 {
-    constexpr CVoReporter report{ kSource, L"VoDataConversion::Base64ToBin" };
+    constexpr CVoReporter report{ kDataConversionSource, L"VoDataConversion::Base64ToBin" };
     text = VoTrim(text);
     while (text.ends_with(L'='))
         text.remove_suffix(1);
@@ -516,7 +516,7 @@ HRESULT BinToBase64(const BYTE* bytes, INT32 count, bool urlSafe, std::wstring& 
 
 HRESULT Base32ModifiedCrockfordToBin(CVoTextView text, BYTE** buffer, UINT32* length)
 {
-    constexpr CVoReporter report{ kSource, L"VoDataConversion::Base32ModifiedCrockfordToBin" };
+    constexpr CVoReporter report{ kDataConversionSource, L"VoDataConversion::Base32ModifiedCrockfordToBin" };
     text = VoTrim(text);
     CDecoded decoded;
     if (!TryDecode<CBase32>(text, decoded))
@@ -552,7 +552,7 @@ HRESULT BinToBase32ModifiedCrockford(const BYTE* bytes, INT32 count, bool pad, s
 
 HRESULT ClampToWord(INT32 value, UINT16& word, bool strict)
 {
-    constexpr CVoReporter report{ kSource, L"VoDataConversion::ClampToWord" };
+    constexpr CVoReporter report{ kDataConversionSource, L"VoDataConversion::ClampToWord" };
     constexpr INT32 kHighest = std::numeric_limits<UINT16>::max();
     if (strict && (value < 0 || value > kHighest))
         return report(502, E_FAIL);

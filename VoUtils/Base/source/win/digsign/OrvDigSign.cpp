@@ -15,7 +15,7 @@ namespace OrvDigSign
 {
 namespace
 {
-constexpr const wchar_t* kSource = L"..\\..\\source\\win\\digsign\\OrvDigSign";
+constexpr const wchar_t* kDigSignSource = L"..\\..\\source\\win\\digsign\\OrvDigSign";
 
 constexpr const wchar_t* kProviderName = L"Microsoft Enhanced RSA and AES Cryptographic Provider";
 constexpr DWORD kProviderType = PROV_RSA_AES;
@@ -90,14 +90,14 @@ void HandOut(CVoByteBuffer& from, BYTE** buffer, UINT32* length) noexcept
 
 COrvHashBase::~COrvHashBase()
 {
-    constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvHashBase::~COrvHashBase" };
+    constexpr CVoReporter report{ kDigSignSource, L"OrvDigSign::COrvHashBase::~COrvHashBase" };
     if (const HRESULT hr = Clear(); FAILED(hr))
         report(62, hr);
 }
 
 HRESULT COrvHashBase::CreateHash(HCRYPTPROV provider) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvHashBase::CreateHash" };
+    constexpr CVoReporter report{ kDigSignSource, L"OrvDigSign::COrvHashBase::CreateHash" };
     if (const HRESULT hr = Clear(); FAILED(hr))
         return report(70, hr);
     HCRYPTHASH hash = 0;
@@ -109,7 +109,7 @@ HRESULT COrvHashBase::CreateHash(HCRYPTPROV provider) noexcept
 
 HRESULT COrvHashBase::AddBinData(const BYTE* bytes, UINT32 length) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvHashBase::AddBinData" };
+    constexpr CVoReporter report{ kDigSignSource, L"OrvDigSign::COrvHashBase::AddBinData" };
     if (!bytes && length > 0)
         return report(85, E_INVALIDARG);
     // Nothing to add is no error, and providers differ about it.
@@ -122,7 +122,7 @@ HRESULT COrvHashBase::AddBinData(const BYTE* bytes, UINT32 length) noexcept
 
 HRESULT COrvHashBase::GetHashValue(BYTE** buffer, UINT32* length) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvHashBase::GetHashValue" };
+    constexpr CVoReporter report{ kDigSignSource, L"OrvDigSign::COrvHashBase::GetHashValue" };
     if (!length)
         return report(96, E_INVALIDARG);
     const auto body = [&]() -> HRESULT
@@ -152,7 +152,7 @@ HRESULT COrvHashBase::GetHashValue(BYTE** buffer, UINT32* length) noexcept
 
 HRESULT COrvHashBase::Clear() noexcept
 {
-    constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvHashBase::Clear" };
+    constexpr CVoReporter report{ kDigSignSource, L"OrvDigSign::COrvHashBase::Clear" };
     if (!m_hash.Close())
         return report.LastError(133, 134);
     return S_OK;
@@ -176,21 +176,21 @@ const wchar_t* DefaultHashName() noexcept
 
 CVoHashGuard::~CVoHashGuard()
 {
-    constexpr CVoReporter report{ kSource, L"OrvDigSign::CVoHashGuard::~CVoHashGuard" };
+    constexpr CVoReporter report{ kDigSignSource, L"OrvDigSign::CVoHashGuard::~CVoHashGuard" };
     if (const HRESULT hr = m_hash.Clear(); FAILED(hr))
         report(158, hr);
 }
 
 COrvCryptKeyBase::~COrvCryptKeyBase()
 {
-    constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvCryptKeyBase::~COrvCryptKeyBase" };
+    constexpr CVoReporter report{ kDigSignSource, L"OrvDigSign::COrvCryptKeyBase::~COrvCryptKeyBase" };
     if (const HRESULT hr = Done(); FAILED(hr))
         report(165, hr);
 }
 
 HRESULT COrvCryptKeyBase::InitProvider() noexcept
 {
-    constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvCryptKeyBase::InitProvider" };
+    constexpr CVoReporter report{ kDigSignSource, L"OrvDigSign::COrvCryptKeyBase::InitProvider" };
     if (const HRESULT hr = Done(); FAILED(hr))
         return report(172, hr);
     const auto body = [&]() -> HRESULT
@@ -209,7 +209,7 @@ HRESULT COrvCryptKeyBase::InitProvider() noexcept
 
 HRESULT COrvCryptKeyBase::Done() noexcept
 {
-    constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvCryptKeyBase::Done" };
+    constexpr CVoReporter report{ kDigSignSource, L"OrvDigSign::COrvCryptKeyBase::Done" };
     HRESULT result = S_OK;
     if (!m_key.Close())
         result = report.LastError(197, 198);
@@ -224,7 +224,7 @@ HRESULT COrvCryptKeyBase::Done() noexcept
 
 HRESULT COrvRSAKey::Init() noexcept
 {
-    constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvRSAKey::Init" };
+    constexpr CVoReporter report{ kDigSignSource, L"OrvDigSign::COrvRSAKey::Init" };
     if (const HRESULT hr = InitProvider(); FAILED(hr))
         return report(213, hr);
     return S_OK;
@@ -233,7 +233,7 @@ HRESULT COrvRSAKey::Init() noexcept
 // Destroys a key of the context; S_OK when there is none.
 HRESULT COrvRSAKey::DestroyUserKey(DWORD keySpec) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvRSAKey::ImportKey" };
+    constexpr CVoReporter report{ kDigSignSource, L"OrvDigSign::COrvRSAKey::ImportKey" };
     HCRYPTKEY found = 0;
     if (!::CryptGetUserKey(m_provider.Get(), keySpec, &found))
     {
@@ -247,7 +247,7 @@ HRESULT COrvRSAKey::DestroyUserKey(DWORD keySpec) noexcept
 
 HRESULT COrvRSAKey::ImportKey(CVoTextView hexText) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvRSAKey::ImportKey" };
+    constexpr CVoReporter report{ kDigSignSource, L"OrvDigSign::COrvRSAKey::ImportKey" };
     const auto body = [&]() -> HRESULT
     {
         SKeyBlob blob;
@@ -278,7 +278,7 @@ HRESULT COrvRSAKey::ImportKey(CVoTextView hexText) noexcept
 
 HRESULT COrvRSAKey::ImportKeyForSigning(CVoTextView hexText) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvRSAKey::ImportKeyForSigning" };
+    constexpr CVoReporter report{ kDigSignSource, L"OrvDigSign::COrvRSAKey::ImportKeyForSigning" };
     if (const HRESULT hr = ImportKey(hexText); FAILED(hr))
         return report(268, hr);
     return S_OK;
@@ -286,7 +286,7 @@ HRESULT COrvRSAKey::ImportKeyForSigning(CVoTextView hexText) noexcept
 
 HRESULT COrvRSAKey::ImportKeyForVerifying(CVoTextView hexText) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvRSAKey::ImportKeyForVerifying" };
+    constexpr CVoReporter report{ kDigSignSource, L"OrvDigSign::COrvRSAKey::ImportKeyForVerifying" };
     if (const HRESULT hr = ImportKey(hexText); FAILED(hr))
         return report(276, hr);
     return S_OK;
@@ -322,7 +322,7 @@ bool COrvRSAKey::HasRoomFor(const COrvHashBase& hash) const noexcept
 
 HRESULT COrvRSAKey::ExportKey(DWORD blobType, std::wstring& hexText) const noexcept
 {
-    constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvRSAKey::ExportKey" };
+    constexpr CVoReporter report{ kDigSignSource, L"OrvDigSign::COrvRSAKey::ExportKey" };
     const auto body = [&]() -> HRESULT
     {
         DWORD length = 0;
@@ -338,7 +338,7 @@ HRESULT COrvRSAKey::ExportKey(DWORD blobType, std::wstring& hexText) const noexc
 
 HRESULT COrvRSAKey::Generate(UINT32 bits, std::wstring& privateKey, std::wstring& publicKey) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvRSAKey::Generate" };
+    constexpr CVoReporter report{ kDigSignSource, L"OrvDigSign::COrvRSAKey::Generate" };
     if (bits < kMinimumBits || bits > kMaximumBits || bits % 8 != 0)
         return report(305, E_INVALIDARG);
     COrvRSAKey key;
@@ -367,7 +367,7 @@ HRESULT COrvRSAKey::Generate(UINT32 bits, std::wstring& privateKey, std::wstring
 
 HRESULT COrvRSAKey::GetPublicKeyFromPrivate(CVoTextView privateKey, std::wstring& publicKey) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvRSAKey::GetPublicKeyFromPrivate" };
+    constexpr CVoReporter report{ kDigSignSource, L"OrvDigSign::COrvRSAKey::GetPublicKeyFromPrivate" };
     COrvRSAKey key;
     if (const HRESULT hr = key.Init(); FAILED(hr))
         return report(338, hr);
@@ -402,7 +402,7 @@ HRESULT SignHash(const CVoReporter& report, HCRYPTHASH hash, CVoByteBuffer& sign
 
 HRESULT HashBytes(COrvHashBase& hash, const BYTE* bytes, UINT32 length, BYTE** value, UINT32* valueLength) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"OrvDigSign::HashBytes" };
+    constexpr CVoReporter report{ kDigSignSource, L"OrvDigSign::HashBytes" };
     if (!valueLength)
         return report(385, E_INVALIDARG);
     COrvCryptKeyBase context;
@@ -428,7 +428,7 @@ HRESULT HashBytes(COrvHashBase& hash, const BYTE* bytes, UINT32 length, BYTE** v
 HRESULT COrvDigitalSignature::SignString(const BYTE* data, UINT32 length, COrvHashBase& hash, CVoTextView privateKey,
                                          BYTE** signature, UINT32* signatureLength) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvDigitalSignature::SignString" };
+    constexpr CVoReporter report{ kDigSignSource, L"OrvDigSign::COrvDigitalSignature::SignString" };
     if (!signatureLength)
         return report(409, E_INVALIDARG);
     const auto body = [&]() -> HRESULT
@@ -469,7 +469,7 @@ HRESULT COrvDigitalSignature::VerifyString(const BYTE* data, UINT32 length, COrv
 HRESULT COrvDigitalSignature::VerifyString(IVoHashInput& data, COrvHashBase& hash, const BYTE* signature,
                                            UINT32 signatureLength, CVoTextView publicKey, bool& result) noexcept
 {
-    constexpr CVoReporter report{ kSource, L"OrvDigSign::COrvDigitalSignature::VerifyString" };
+    constexpr CVoReporter report{ kDigSignSource, L"OrvDigSign::COrvDigitalSignature::VerifyString" };
     result = false;
     if (!signature && signatureLength > 0)
         return report(440, E_INVALIDARG);
