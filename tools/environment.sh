@@ -47,8 +47,12 @@ build_targets() {
             rm -rf "${build:?}/$preset"
         fi
         [ -f "$build/$preset/build.ninja" ] || cmake --preset "$preset" 9>&- || exit
-        # Where editors look for it.
-        ln -sfn "build/$preset/compile_commands.json" compile_commands.json
+        # Where editors look for it. It must name each source, which that of the unity build does not.
+        if [ "$preset" != mingw ]; then
+            ln -sfn "build/$preset/compile_commands.json" compile_commands.json
+        elif [ ! -e compile_commands.json ]; then
+            { cmake --preset mingw-debug >/dev/null 9>&- && ln -sfn build/mingw-debug/compile_commands.json compile_commands.json; } || exit
+        fi
         cmake --build "$build/$preset" --target "$@" 9>&-
     ) 9>"$build/.build.lock"
 }
