@@ -26,7 +26,7 @@ std::string Text(std::span<const BYTE> bytes)
 {
     return { bytes.begin(), bytes.end() };
 }
-std::vector<BYTE> BytesOf(std::string_view bytes)
+std::vector<BYTE> VectorOf(std::string_view bytes)
 {
     return { bytes.begin(), bytes.end() };
 }
@@ -344,11 +344,11 @@ void ReadMessage(std::wstring_view input)
     Require(SUCCEEDED(hr) == expected.isWhole, "the reference decides otherwise");
     Require(PairsOf(parser) == expected.pairs && Text(parser.Payload()) == expected.payload, "the parts differ");
     CVoBinaryDataParser moved;
-    Require(moved.Parse(BytesOf(bytes), false, true) == hr && PairsOf(moved) == expected.pairs &&
+    Require(moved.Parse(VectorOf(bytes), false, true) == hr && PairsOf(moved) == expected.pairs &&
                 Text(moved.Payload()) == expected.payload,
             "the function that takes the bytes over gives something else");
     CVoBinaryDataParser binary;
-    Require(SUCCEEDED(binary.Parse(BytesOf(bytes), true, true)) && Text(binary.Payload()) == bytes && binary.GetCount() == 0,
+    Require(SUCCEEDED(binary.Parse(VectorOf(bytes), true, true)) && Text(binary.Payload()) == bytes && binary.GetCount() == 0,
             "bytes alone are not the payload");
     if (FAILED(hr))
         return;
@@ -416,7 +416,7 @@ void Multipart(std::wstring_view input)
     const bool hasFile = input.size() % 2 != 0 && !texts[0].empty();
     const bool hasType = input.size() % 4 == 1;
     CVoBinaryDataParser parser;
-    parser.SetPayload(BytesOf(Bytes(input)));
+    parser.SetPayload(VectorOf(Bytes(input)));
     Require(SUCCEEDED(parser.AddParam(texts[0], Guarded(texts[1]))) && SUCCEEDED(parser.AddParam(L"b", Guarded(texts[2]))) &&
                 (!hasFile || (SUCCEEDED(parser.AddParam(L"FileName", texts[0])) &&
                               (!hasType || SUCCEEDED(parser.AddParam(L"ContentType", texts[2]))))),
