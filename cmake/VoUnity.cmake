@@ -1,4 +1,4 @@
-# A unity build (CMAKE_UNITY_BUILD, on in the preset mingw) compiles sources in groups, which takes a third of the time. Names in unnamed
+# A unity build (CMAKE_UNITY_BUILD, on in the preset mingw) compiles sources in groups, which takes about half of the time. Names in unnamed
 # namespaces must therefore differ between the sources of a target.
 # vo_unity(SOURCE...): leaves those sources alone that include <wininet.h>, which declares the names of <winhttp.h> once more.
 function(vo_unity)

@@ -7,7 +7,7 @@ function(vo_warnings target)
     target_compile_options(${target} PRIVATE
       -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Woverloaded-virtual
       -Wold-style-cast -Wcast-qual -Wundef -Werror
-      # g++ takes the sources of a unity build for headers, in which a type of an unnamed namespace would be wrong.
+      # g++ takes the sources of a unity build for headers, and warns of classes there that use types of an unnamed namespace.
       $<$<AND:$<CXX_COMPILER_ID:GNU>,$<BOOL:$<TARGET_PROPERTY:${target},UNITY_BUILD>>>:-Wno-subobject-linkage>)
   endif()
 endfunction()

@@ -33,8 +33,24 @@ start_wine() {
     ) 9>"$build/.wine.lock"
 }
 
-# build_targets PRESET TARGET...: configures the preset's build folder if it is new, and builds the targets. A lock keeps a second
-# build out of the folder.
+# link_database PRESET: links compile_commands.json where editors look for it. It must name each source, which that of the unity build
+# does not: that of the debug preset stands for it. No build fails for it.
+link_database() {
+    local folder="build/$1"
+    if [ "$1" = mingw ]; then
+        case "$(readlink compile_commands.json)" in
+            "" | build/mingw/* | build/mingw-debug/*) folder=build/mingw-debug ;;
+            *) return 0 ;;
+        esac
+        if [ ! "$folder/compile_commands.json" -nt build/mingw/build.ninja ]; then
+            { cmake --preset mingw-debug >/dev/null 2>&1 && touch "$folder/compile_commands.json"; } || return 0
+        fi
+    fi
+    ln -sfn "$folder/compile_commands.json" compile_commands.json
+}
+
+# build_targets PRESET TARGET...: configures the preset's build folder if it is new or the presets have changed, and builds the targets.
+# A lock keeps a second build out of the folder.
 build_targets() {
     local preset="$1"
     shift
@@ -46,13 +62,8 @@ build_targets() {
             ! grep -qxF "CMAKE_HOME_DIRECTORY:INTERNAL=$root" "$build/$preset/CMakeCache.txt"; then
             rm -rf "${build:?}/$preset"
         fi
-        [ -f "$build/$preset/build.ninja" ] || cmake --preset "$preset" 9>&- || exit
-        # Where editors look for it. It must name each source, which that of the unity build does not.
-        if [ "$preset" != mingw ]; then
-            ln -sfn "build/$preset/compile_commands.json" compile_commands.json
-        elif [ ! -e compile_commands.json ]; then
-            { cmake --preset mingw-debug >/dev/null 9>&- && ln -sfn build/mingw-debug/compile_commands.json compile_commands.json; } || exit
-        fi
+        [ "$build/$preset/build.ninja" -nt CMakePresets.json ] || cmake --preset "$preset" 9>&- || exit
+        link_database "$preset" 9>&-
         cmake --build "$build/$preset" --target "$@" 9>&-
     ) 9>"$build/.build.lock"
 }

@@ -90,8 +90,10 @@ def included_constants(path):
 
 def points_of_text(text, default, constants):
     """(offset, source, number, function) of every report in the text; `default` is the source of a file that names none."""
-    constants = {**constants, **dict(CONSTANT.findall(text))}
-    default = constants.get("kSource", default)
+    own = dict(CONSTANT.findall(text))
+    constants = {**constants, **own}
+    sources = [value for name, value in own.items() if name.endswith("Source")]
+    default = sources[0] if sources else constants.get("kSource", default)
 
     def source_of(word):
         if word.startswith("L"):
