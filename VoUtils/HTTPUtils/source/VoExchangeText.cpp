@@ -132,6 +132,36 @@ bool IsContinuation(std::wstring_view line) noexcept
     return line.starts_with(L' ') || line.starts_with(L'\t');
 }
 
+// Calls `take` with the name and the value of each field of a header, as they stand in its text.
+template <class Take>
+void ForEachField(std::wstring_view text, Take take)
+{
+    (void)TakeLine(text); // the status line
+    while (!text.empty())
+    {
+        const wchar_t* const begin = text.data();
+        const std::wstring_view line = TakeLine(text);
+        const size_t colon = IsContinuation(line) ? std::wstring_view::npos : line.find(L':');
+        const wchar_t* end = begin + line.size();
+        while (IsContinuation(text))
+        {
+            const std::wstring_view next = TakeLine(text);
+            end = next.data() + next.size();
+        }
+        if (colon != std::wstring_view::npos)
+            take(line.substr(0, colon), std::wstring_view(begin + colon + 1, end));
+    }
+}
+
+// A value that may stand on several lines, the last without its end, as one line.
+std::wstring Unfold(std::wstring_view value)
+{
+    std::wstring text;
+    while (value.find(L'\n') != std::wstring_view::npos)
+        text.append(VoTrimBlanks(TakeLine(value))).append(L" ");
+    return text.append(VoTrimBlanks(value));
+}
+
 void ReplaceMark(std::wstring& text, std::wstring_view mark, std::wstring_view value)
 {
     if (const size_t at = text.find(mark); at != std::wstring::npos)
@@ -165,40 +195,31 @@ std::wstring VoFailureText(const CVoFailure& failure, const CVoFailureContext& c
     return text;
 }
 
-void VoSplitHeader(std::wstring_view text, std::wstring& statusLine, std::vector<CVoHTTPHeader>& headers)
+void CVoResponseHeader::Set(std::wstring text)
 {
-    statusLine = TakeLine(text);
-    headers.clear();
-    while (!text.empty())
-    {
-        const std::wstring_view line = TakeLine(text);
-        if (IsContinuation(line))
-        {
-            if (!headers.empty())
-                headers.back().value.append(L" ").append(VoTrimBlanks(line));
-            continue;
-        }
-        const size_t colon = line.find(L':');
-        if (colon != std::wstring_view::npos)
-            headers.push_back({ std::wstring(line.substr(0, colon)), std::wstring(VoTrimBlanks(line.substr(colon + 1))) });
-    }
+    constexpr size_t kUsualFields = 16;
+    m_fields.clear();
+    m_text = std::move(text);
+    if (m_text.empty())
+        return;
+    m_fields.reserve(kUsualFields);
+    ForEachField(m_text, [&](std::wstring_view name, std::wstring_view value) { m_fields.push_back({ name, value }); });
 }
 
-std::optional<std::wstring> VoFindHeader(std::wstring_view text, std::wstring_view name, size_t index)
+std::optional<std::wstring> CVoResponseHeader::Find(std::wstring_view name, size_t index) const
 {
-    (void)TakeLine(text); // the status line
-    while (!text.empty())
-    {
-        const std::wstring_view line = TakeLine(text);
-        if (line.size() <= name.size() || line[name.size()] != L':' || !VoEqualsNoCase(line.substr(0, name.size()), name) ||
-            index-- != 0)
-            continue;
-        std::wstring value(VoTrimBlanks(line.substr(name.size() + 1)));
-        while (IsContinuation(text))
-            value.append(L" ").append(VoTrimBlanks(TakeLine(text)));
-        return value;
-    }
+    for (const CField& field : m_fields)
+        if (VoEqualsNoCase(field.name, name) && index-- == 0)
+            return Unfold(field.value);
     return std::nullopt;
+}
+
+void VoSplitHeader(std::wstring_view text, std::wstring& statusLine, std::vector<CVoHTTPHeader>& headers)
+{
+    headers.clear();
+    ForEachField(text, [&](std::wstring_view name, std::wstring_view value)
+    { headers.push_back({ std::wstring(name), Unfold(value) }); });
+    statusLine = TakeLine(text);
 }
 
 UINT32 VoStatusCode(std::wstring_view statusLine) noexcept

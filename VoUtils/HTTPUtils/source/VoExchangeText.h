@@ -84,12 +84,33 @@ struct CVoFailureContext
 // The sentence for CAttempt::reason, without a full stop. Throws std::bad_alloc.
 [[nodiscard]] std::wstring VoFailureText(const CVoFailure& failure, const CVoFailureContext& context);
 
-// Splits the text of one response's header, a status line and a field on each line, as it came. A line that begins with a blank
-// or a tab continues the field before it (RFC 9112, section 5.2). A line without ":" is dropped. Throws std::bad_alloc.
+// One response's header: a status line and a field on each line, as it came. A line that begins with a blank or a tab continues
+// the field before it (RFC 9112, section 5.2). A line without ":" is dropped, with those that continue it.
+class CVoResponseHeader
+{
+public:
+    CVoResponseHeader() = default;
+    CVoResponseHeader(const CVoResponseHeader&) = delete;
+    CVoResponseHeader& operator=(const CVoResponseHeader&) = delete;
+
+    // Takes a header over, in the place of the last one; empty: there is none. Throws std::bad_alloc.
+    void Set(std::wstring text);
+    [[nodiscard]] const std::wstring& Text() const noexcept { return m_text; }
+    // The value of field number `index` of a name, from 0. Nothing where the header has none. Throws std::bad_alloc.
+    [[nodiscard]] std::optional<std::wstring> Find(std::wstring_view name, size_t index) const;
+
+private:
+    struct CField
+    {
+        std::wstring_view name; // parts of the text
+        std::wstring_view value;
+    };
+    std::wstring m_text;
+    std::vector<CField> m_fields;
+};
+
+// Splits the text of one response's header. Throws std::bad_alloc.
 void VoSplitHeader(std::wstring_view text, std::wstring& statusLine, std::vector<CVoHTTPHeader>& headers);
-// The value of field number `index` of a name, from 0, in the text of one response's header. Nothing where it has none. Throws
-// std::bad_alloc.
-[[nodiscard]] std::optional<std::wstring> VoFindHeader(std::wstring_view text, std::wstring_view name, size_t index);
 // The code of a status line; 0 where it has none.
 [[nodiscard]] UINT32 VoStatusCode(std::wstring_view statusLine) noexcept;
 // The bytes of a header as text: UTF-8, or else one character for each byte (RFC 9110, section 5.5). Throws std::bad_alloc.

@@ -61,7 +61,7 @@ private:
     [[nodiscard]] HRESULT UseCredentials(CRequest& asked, bool proxy, const CCredentials& typed) override;
     [[nodiscard]] HRESULT ResetConnection(CRequest& failed) noexcept override;
     void EndSend(CRequest& sent) noexcept override;
-    [[nodiscard]] std::optional<std::wstring> CheckHeader(const CRequest& asked, const wchar_t* name,
+    [[nodiscard]] std::optional<std::wstring> CheckHeader(const CRequest& asked, std::wstring_view name,
                                                           DWORD index) const override;
     [[nodiscard]] HRESULT FetchBody(CRequest& request, CVoBodyReceiver& body) override;
     void ReadResponseHeaders(const CRequest& answered, std::vector<CVoRawResponse>& responses) const override;
@@ -433,10 +433,11 @@ void CVoHTTPMessageCURL::EndSend(CRequest& sent) noexcept
     request.m_isPrepared = false;
 }
 
-std::optional<std::wstring> CVoHTTPMessageCURL::CheckHeader(const CRequest& asked, const wchar_t* name, DWORD /*index*/) const
+std::optional<std::wstring> CVoHTTPMessageCURL::CheckHeader(const CRequest& asked, std::wstring_view name,
+                                                            DWORD /*index*/) const
 {
     CURL* const handle = static_cast<const CHTTPRequestDataCURL&>(asked).m_handle.Get();
-    if (name == std::wstring_view(L"Content-Type"))
+    if (name == L"Content-Type")
     {
         const char* value = nullptr;
         std::wstring text;
@@ -444,7 +445,7 @@ std::optional<std::wstring> CVoHTTPMessageCURL::CheckHeader(const CRequest& aske
             SUCCEEDED(VoUTF8ToString(value, text)))
             return text;
     }
-    else if (name == std::wstring_view(L"Retry-After"))
+    else if (name == L"Retry-After")
     {
         curl_off_t seconds = 0;
         if (curl_easy_getinfo(handle, CURLINFO_RETRY_AFTER, &seconds) == CURLE_OK && seconds > 0)

@@ -568,9 +568,11 @@ HRESULT CVoHTTPTransport::SendToTarget(CRequest& request, const CVoBodyPieces& b
         DescribeSend(request); // the previous one, whose response the next call drops
         request.m_trace.BeginSend();
         request.m_isUndescribed = true;
-        request.m_header.clear();
+        request.m_header.Set({});
         const HRESULT sent = SendOnce(request, body, contentType);
-        request.m_headerLength = ReadHeader(request, request.m_limits.headerBytes, request.m_header);
+        std::wstring header;
+        request.m_headerLength = ReadHeader(request, request.m_limits.headerBytes, header);
+        request.m_header.Set(std::move(header));
         if (FAILED(sent))
             return sent;
         request.m_trace.end = VoGetMicroseconds();

@@ -229,7 +229,7 @@ protected:
         bool m_hasPendingResponse = false; // the body waits in the transport
 
         CVoConnectionTrace m_trace;    // of the last SendOnce
-        std::wstring m_header;         // of its response, where ReadHeader gives it
+        CVoResponseHeader m_header;    // of its response, where ReadHeader gives it
         size_t m_headerLength = 0;     // in bytes, also of a header that is larger than allowed
         std::vector<BYTE> m_errorBody; // the beginning of the body of a response whose status is not 200
 
@@ -301,7 +301,7 @@ protected:
     // Gives the cookies of the response to the store.
     void StoreCookies(const CRequest& request) const;
     // The number of a header's value; nothing where it is missing or no number (Content-Length: RFC 9110, section 8.6).
-    [[nodiscard]] std::optional<UINT64> GetHeaderLongValue(const CRequest& request, const wchar_t* name) const;
+    [[nodiscard]] std::optional<UINT64> GetHeaderLongValue(const CRequest& request, std::wstring_view name) const;
     // The length of the response's body; nothing where it is unknown. A transfer coding overrides Content-Length (RFC 9112,
     // section 6.3).
     [[nodiscard]] std::optional<UINT64> AnnouncedLength(const CRequest& request) const;
@@ -338,10 +338,10 @@ private:
         return 0;
     }
     // The value of field number `index` of a name, from 0, in the last response's header; nothing where it has none.
-    [[nodiscard]] virtual std::optional<std::wstring> CheckHeader(const CRequest& request, const wchar_t* name,
+    [[nodiscard]] virtual std::optional<std::wstring> CheckHeader(const CRequest& request, std::wstring_view name,
                                                                   DWORD index) const
     {
-        return VoFindHeader(request.m_header, name, index);
+        return request.m_header.Find(name, index);
     }
     // The value of Set-Cookie header number `index`. False when there is none.
     [[nodiscard]] virtual bool ReadSetCookie(const CRequest& /*request*/, DWORD /*index*/, std::wstring& /*value*/) const

@@ -27,7 +27,7 @@ std::wstring StartOfText(std::span<const BYTE> bytes, bool utf8)
 }
 } // namespace
 
-std::optional<UINT64> CVoHTTPTransport::GetHeaderLongValue(const CRequest& request, const wchar_t* name) const
+std::optional<UINT64> CVoHTTPTransport::GetHeaderLongValue(const CRequest& request, std::wstring_view name) const
 {
     const std::optional<std::wstring> text = CheckHeader(request, name, 0);
     return text ? VoParseDecimal<UINT64>(VoTrim(*text)) : std::nullopt;

@@ -163,14 +163,15 @@ HRESULT CVoHTTPTransport::CheckHeaderLimits(const CRequest& request)
         return kErrorResponseLimit;
     if (request.m_headerLength / kFieldBytes <= request.m_limits.headerFields)
         return S_OK; // it cannot hold that many
-    const ptrdiff_t lines = std::count(request.m_header.begin(), request.m_header.end(), L'\n');
+    const std::wstring& header = request.m_header.Text();
+    const ptrdiff_t lines = std::count(header.begin(), header.end(), L'\n');
     return lines - 2 > static_cast<ptrdiff_t>(request.m_limits.headerFields) ? kErrorResponseLimit : S_OK;
 }
 
 void CVoHTTPTransport::ReadResponseHeaders(const CRequest& request, std::vector<CVoRawResponse>& responses) const
 {
-    if (!request.m_header.empty())
-        responses.push_back({ request.m_target.FullURL(), request.m_header });
+    if (const std::wstring& header = request.m_header.Text(); !header.empty())
+        responses.push_back({ request.m_target.FullURL(), header });
 }
 
 // Reading the record
