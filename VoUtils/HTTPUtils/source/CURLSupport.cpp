@@ -108,15 +108,21 @@ try
     std::string bytes;
     if (const HRESULT hr = VoStringToUTF8(text, bytes); FAILED(hr))
         return report(310, hr);
-    curl_slist* const list = curl_slist_append(m_list, bytes.c_str());
-    if (!list)
-        return report(315, E_OUTOFMEMORY);
-    m_list = list;
-    return S_OK;
+    return Append(bytes.c_str());
 }
 catch (...)
 {
     return CVoReporter{ kSource, L"VoHTTPMessageCURL::CURLSListWrapper::Append" }.CurrentException(320);
+}
+
+HRESULT CURLSListWrapper::Append(const char* bytes) noexcept
+{
+    constexpr CVoReporter report{ kSource, L"VoHTTPMessageCURL::CURLSListWrapper::Append" };
+    curl_slist* const list = curl_slist_append(m_list, bytes);
+    if (!list)
+        return report(315, E_OUTOFMEMORY);
+    m_list = list;
+    return S_OK;
 }
 
 CCURLConnections::CCURLConnections() : m_share(curl_share_init(), &curl_share_cleanup)
@@ -271,7 +277,7 @@ try
     if (headers.record)
         headers.record->AddHeaderLine(bytes);
 
-    std::wstring text;
+    std::wstring& text = headers.line;
     if (const HRESULT hr = VoUTF8ToString(bytes, text); FAILED(hr))
     {
         report(427, hr);

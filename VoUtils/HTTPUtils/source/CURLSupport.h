@@ -92,6 +92,7 @@ public:
     CURLSListWrapper& operator=(const CURLSListWrapper&) = delete;
 
     [[nodiscard]] HRESULT Append(std::wstring_view text) noexcept;
+    [[nodiscard]] HRESULT Append(const char* bytes) noexcept;
     void Clear() noexcept { curl_slist_free_all(std::exchange(m_list, nullptr)); }
     [[nodiscard]] curl_slist* Get() const noexcept { return m_list; }
 
@@ -151,6 +152,7 @@ struct CBodySource
 struct CHeaderContext
 {
     CURL* handle = nullptr;
+    std::wstring line;                         // that is being read; a member, so that all lines use its memory
     IVoHTTPCookieStore* cookieStore = nullptr; // may be null
     std::wstring requestUrl;                   // of the request that is being answered; prereq_callback changes it
     std::wstring location;

@@ -10,6 +10,7 @@ namespace VoHTTPMessageCURL
 namespace
 {
 constexpr long kStatusOk = 200;
+constexpr size_t kUsualHeader = 1024; // bytes
 
 // What Schannel and the platform's chain functions say of a refused certificate, in libcurl's words.
 EVoFailure CertificateFailure(std::string_view text) noexcept
@@ -49,6 +50,7 @@ void CCURLTransferRecord::Begin(std::wstring url)
 {
     m_firstUrl = std::move(url);
     m_headers.clear();
+    m_headers.reserve(kUsualHeader);
     m_requests.clear();
     m_code = CURLE_OK;
     m_start = VoGetMicroseconds();

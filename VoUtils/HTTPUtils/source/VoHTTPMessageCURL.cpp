@@ -180,10 +180,12 @@ HRESULT CVoHTTPMessageCURL::PrepareSend(CHTTPRequestDataCURL& request, const std
     const bool post = request.m_verb == std::wstring_view(L"POST");
     request.m_progress = { post ? GetCallBack() : nullptr, false, &request };
     request.m_headers.Clear();
-    for (const wchar_t* const line :
-         { contentType.c_str(), L"Connection: Keep-Alive", L"Pragma: no-cache", L"Expect:", L"Accept: */*" })
-        if (const HRESULT hr = request.m_headers.Append(line); FAILED(hr))
-            return report(1070, hr);
+    HRESULT hr = request.m_headers.Append(contentType);
+    for (const char* const line : { "Connection: Keep-Alive", "Pragma: no-cache", "Expect:", "Accept: */*" })
+        if (SUCCEEDED(hr))
+            hr = request.m_headers.Append(line);
+    if (FAILED(hr))
+        return report(1070, hr);
     CURL* const handle = request.m_handle.Get();
     CCURLOptions options(handle, report);
     if (request.m_isRetargeted) // the credentials for a redirect's target are not for this server

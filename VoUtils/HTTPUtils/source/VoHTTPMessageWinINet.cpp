@@ -16,15 +16,16 @@
 #include <algorithm>
 #include <array>
 #include <limits>
+#include <memory>
 
 namespace VoHTTPMessageWinINet
 {
 namespace
 {
 constexpr DWORD kOptionMaximumConnectionsPerProxy = 103;
-constexpr DWORD kMaximumPiece = 32'000;           // bytes of a body, per write
-constexpr int kMaximumResends = 2;                // of a body: NTLM, the longest of the schemes, takes two
-constexpr size_t kReadStep = size_t{ 16 } * 1024; // bytes by which the buffer of a read grows
+constexpr DWORD kMaximumPiece = 32'000; // bytes of a body, per write
+constexpr int kMaximumResends = 2;      // of a body: NTLM, the longest of the schemes, takes two
+constexpr DWORD kReadStep = 16 * 1024;  // bytes by which the buffer of a read grows
 constexpr DWORD kMaximumRead = 1024 * 1024;
 constexpr DWORD_PTR kContext = 1;
 
@@ -390,7 +391,8 @@ bool CVoHTTPMessageWinINet::ReadSetCookie(const CRequest& request, DWORD index, 
 HRESULT CVoHTTPMessageWinINet::ReadBody(CHTTPRequestDataWinINet& request, CVoBodyReceiver& body, UINT64 maximum, INT64 end)
 {
     constexpr CVoReporter report{ kSource, L"CVoHTTPMessageWinINet::internalReadRAW" };
-    std::vector<BYTE> piece;
+    std::unique_ptr<BYTE[]> piece;
+    DWORD room = 0;
     INT64 waited = 0; // microseconds; a sink may take its time
     for (INT64 start = VoGetMicroseconds(); body.Length() < maximum && start < end; start = VoGetMicroseconds())
     {
@@ -400,15 +402,18 @@ HRESULT CVoHTTPMessageWinINet::ReadBody(CHTTPRequestDataWinINet& request, CVoBod
         if (available == 0)
             break;
         available = std::min(available, kMaximumRead);
-        if (available > piece.size())
-            piece.resize((available + kReadStep - 1) / kReadStep * kReadStep);
+        if (available > room)
+        {
+            room = (available + kReadStep - 1) / kReadStep * kReadStep;
+            piece = std::make_unique_for_overwrite<BYTE[]>(room);
+        }
         DWORD read = 0;
-        if (!request.m_handle.Use([&](HINTERNET handle) { return ::InternetReadFile(handle, piece.data(), available, &read); }))
+        if (!request.m_handle.Use([&](HINTERNET handle) { return ::InternetReadFile(handle, piece.get(), available, &read); }))
             return report.LastError(865, 866);
         if (read == 0)
             break;
         waited += VoGetMicroseconds() - start;
-        const std::span<const BYTE> bytes(piece.data(), read);
+        const std::span<const BYTE> bytes(piece.get(), read);
         if (!body.HasSink()) // which logs by itself
             WriteDataToLogFile(EDataDirection::Read, bytes.data(), read);
         if (const HRESULT hr = body.Take(bytes); FAILED(hr))

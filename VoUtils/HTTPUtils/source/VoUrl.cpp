@@ -4,9 +4,22 @@
 #include <base/VoErrorHandler.h>
 #include <base/VoUtils.h>
 
+#include <algorithm>
+#include <array>
+
 namespace
 {
 constexpr const wchar_t* kUrlSource = L"..\\source\\VoUrl";
+
+// Which characters of ASCII stand for themselves in a URL.
+constexpr auto kPlain = []
+{
+    std::array<bool, 0x80> plain{};
+    std::fill(plain.begin() + 0x21, plain.begin() + 0x7F, true);
+    for (const char c : std::string_view("\"<>\\^`{|}"))
+        plain[static_cast<size_t>(c)] = false;
+    return plain;
+}();
 } // namespace
 
 HRESULT VoUrlToBytes(std::wstring_view url, std::string& bytes) noexcept
@@ -14,7 +27,6 @@ HRESULT VoUrlToBytes(std::wstring_view url, std::string& bytes) noexcept
     constexpr CVoReporter report{ kUrlSource, L"VoUrlToBytes" };
     return report.Guard(40, [&]() -> HRESULT
     {
-        constexpr std::string_view kNotInUrls = "\"<>\\^`{|}"; // of the printable characters
         constexpr char kDigits[] = "0123456789ABCDEF";
         std::string utf8;
         if (const HRESULT hr = VoStringToUTF8(url, utf8); FAILED(hr))
@@ -24,7 +36,7 @@ HRESULT VoUrlToBytes(std::wstring_view url, std::string& bytes) noexcept
         for (const char c : utf8)
         {
             const auto value = static_cast<BYTE>(c);
-            if (value > 0x20 && value < 0x7F && kNotInUrls.find(c) == std::string_view::npos)
+            if (value < kPlain.size() && kPlain[value])
                 encoded += c;
             else
                 encoded.append({ '%', kDigits[value >> 4], kDigits[value & 15] });
