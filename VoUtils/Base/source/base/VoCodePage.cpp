@@ -72,7 +72,8 @@ HRESULT ToText(UINT codePage, std::string_view bytes, std::wstring& text)
     {
         if (codePage == CP_UTF8 && VoIsAscii(bytes))
         {
-            text.assign(bytes.begin(), bytes.end());
+            text.resize(bytes.size()); // assign would make a second text
+            std::copy(bytes.begin(), bytes.end(), text.begin());
             return S_OK;
         }
         wchar_t buffer[kShortText];
