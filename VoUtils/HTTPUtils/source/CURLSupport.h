@@ -152,7 +152,7 @@ struct CBodySource
 struct CHeaderContext
 {
     CURL* handle = nullptr;
-    std::wstring line;                         // that is being read; a member, so that all lines use its memory
+    std::wstring line;                         // the current one; a member, so that all lines use its memory
     IVoHTTPCookieStore* cookieStore = nullptr; // may be null
     std::wstring requestUrl;                   // of the request that is being answered; prereq_callback changes it
     std::wstring location;

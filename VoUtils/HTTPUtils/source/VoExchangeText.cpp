@@ -197,12 +197,10 @@ std::wstring VoFailureText(const CVoFailure& failure, const CVoFailureContext& c
 
 void CVoResponseHeader::Set(std::wstring text)
 {
-    constexpr size_t kUsualFields = 16;
+    m_fields.reserve(static_cast<size_t>(std::count(text.begin(), text.end(), L'\n')) +
+                     1); // nothing has changed if this throws
     m_fields.clear();
     m_text = std::move(text);
-    if (m_text.empty())
-        return;
-    m_fields.reserve(kUsualFields);
     ForEachField(m_text, [&](std::wstring_view name, std::wstring_view value) { m_fields.push_back({ name, value }); });
 }
 

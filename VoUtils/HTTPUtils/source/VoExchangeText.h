@@ -93,7 +93,7 @@ public:
     CVoResponseHeader(const CVoResponseHeader&) = delete;
     CVoResponseHeader& operator=(const CVoResponseHeader&) = delete;
 
-    // Takes a header over, in the place of the last one; empty: there is none. Throws std::bad_alloc.
+    // Replaces the header. An empty text stands for no header. Throws std::bad_alloc, and keeps the old header then.
     void Set(std::wstring text);
     [[nodiscard]] const std::wstring& Text() const noexcept { return m_text; }
     // The value of field number `index` of a name, from 0. Nothing where the header has none. Throws std::bad_alloc.

@@ -404,8 +404,9 @@ HRESULT CVoHTTPMessageWinINet::ReadBody(CHTTPRequestDataWinINet& request, CVoBod
         available = std::min(available, kMaximumRead);
         if (available > room)
         {
-            room = (available + kReadStep - 1) / kReadStep * kReadStep;
-            piece = std::make_unique_for_overwrite<BYTE[]>(room);
+            const DWORD larger = (available + kReadStep - 1) / kReadStep * kReadStep;
+            piece = std::make_unique_for_overwrite<BYTE[]>(larger);
+            room = larger;
         }
         DWORD read = 0;
         if (!request.m_handle.Use([&](HINTERNET handle) { return ::InternetReadFile(handle, piece.get(), available, &read); }))

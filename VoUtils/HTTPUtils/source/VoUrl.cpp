@@ -11,8 +11,8 @@ namespace
 {
 constexpr const wchar_t* kUrlSource = L"..\\source\\VoUrl";
 
-// Which characters of ASCII stand for themselves in a URL.
-constexpr auto kPlain = []
+// Which characters of ASCII stay as they are in a URL that is already put together: "%", "#", "[" and "]" keep their meaning.
+constexpr auto kUrlCharacters = []
 {
     std::array<bool, 0x80> plain{};
     std::fill(plain.begin() + 0x21, plain.begin() + 0x7F, true);
@@ -36,7 +36,7 @@ HRESULT VoUrlToBytes(std::wstring_view url, std::string& bytes) noexcept
         for (const char c : utf8)
         {
             const auto value = static_cast<BYTE>(c);
-            if (value < kPlain.size() && kPlain[value])
+            if (value < kUrlCharacters.size() && kUrlCharacters[value])
                 encoded += c;
             else
                 encoded.append({ '%', kDigits[value >> 4], kDigits[value & 15] });
