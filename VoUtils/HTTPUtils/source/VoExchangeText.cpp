@@ -197,8 +197,8 @@ std::wstring VoFailureText(const CVoFailure& failure, const CVoFailureContext& c
 
 void CVoResponseHeader::Set(std::wstring text)
 {
-    m_fields.reserve(static_cast<size_t>(std::count(text.begin(), text.end(), L'\n')) +
-                     1); // nothing has changed if this throws
+    // Nothing has changed if this throws.
+    m_fields.reserve(static_cast<size_t>(std::count(text.begin(), text.end(), L'\n')) + 1);
     m_fields.clear();
     m_text = std::move(text);
     ForEachField(m_text, [&](std::wstring_view name, std::wstring_view value) { m_fields.push_back({ name, value }); });

@@ -17,7 +17,7 @@ constexpr auto kUrlCharacters = []
     std::array<bool, 0x80> plain{};
     std::fill(plain.begin() + 0x21, plain.begin() + 0x7F, true);
     for (const char c : std::string_view("\"<>\\^`{|}"))
-        plain[static_cast<size_t>(c)] = false;
+        plain[static_cast<BYTE>(c)] = false;
     return plain;
 }();
 } // namespace
